@@ -1,0 +1,35 @@
+# How every target of the tree is compiled: C++20 without extensions, hidden symbols, warnings, sanitizers.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set_property(GLOBAL PROPERTY USE_FOLDERS ON)
+
+if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+find_package(Threads REQUIRED)
+
+# Options of our own targets; what embeds the tree with add_subdirectory keeps its own.
+add_library(inet_compile_options INTERFACE)
+target_compile_options(inet_compile_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+    # Allocations are named after __FILE__: the path within the tree, wherever it is checked out.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(INET_WERROR)
+    target_compile_options(inet_compile_options INTERFACE -Werror)
+endif()
+if(INET_SANITIZE)
+    target_compile_options(inet_compile_options INTERFACE
+        -fsanitize=${INET_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(inet_compile_options INTERFACE -fsanitize=${INET_SANITIZE})
+endif()
+target_link_libraries(inet_compile_options INTERFACE Threads::Threads ${CMAKE_DL_LIBS})

@@ -1,0 +1,29 @@
+/// MD5 (RFC 1321), SHA-256 (FIPS 180-4), HMAC-SHA-256 (RFC 2104), Base64 (RFC 4648) and random text. Any thread.
+/// Returned texts are for the caller to release with core_mfree(); null for a null argument or when memory is out.
+#pragma once
+
+#include "core/api.h"
+#include "core/buf.h"
+
+#include <cstddef>
+#include <cstdint>
+
+/// MD5 of bytes, and of a text as 32 lower-case hexadecimal digits.
+INET_API void common_md5_bytes(const void* data, size_t size, uint8_t out[16]) noexcept;
+INET_API char* common_md5(const char* text, const char* file, int line) noexcept;
+
+INET_API void common_sha256(const void* data, size_t size, uint8_t out[32]) noexcept;
+INET_API void HMACsha256(const void* key, size_t key_size, const void* data, size_t size, uint8_t out[32]) noexcept;
+
+/// Bytes as Base64 with padding, without line ends.
+INET_API char* b64(const void* data, size_t size, const char* file, int line) noexcept;
+
+/// Appends decoded bytes to `out`, stopping at the padding or at the first character that is neither Base64 nor blank.
+/// @return the bytes appended
+INET_API uint32_t b64_decode(const char* text, size_t size, buf_t* out, const char* file, int line) noexcept;
+
+/// Random letters and digits from the system's generator, `length` of them.
+INET_API char* common_srand(uint32_t length, const char* file, int line) noexcept;
+
+/// Fills bytes from the system's generator.
+INET_API void common_random(void* out, size_t size) noexcept;

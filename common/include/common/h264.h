@@ -1,0 +1,57 @@
+/// H.264 byte streams and parameter sets (ITU-T H.264, Annex B and 7.3.2). No allocation. Any thread.
+#pragma once
+
+#include "core/api.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+/// NAL unit types (table 7-1).
+enum h264_nal_type_t : uint8_t {
+    h264_slice = 1,
+    h264_slice_idr = 5,
+    h264_sei = 6,
+    h264_sps = 7,
+    h264_pps = 8,
+    h264_aud = 9,
+};
+
+/// What a sequence parameter set says.
+struct h264_info_t {
+    uint8_t profile_idc;
+    uint8_t constraints;  ///< the constraint flags as they stand in the second byte
+    uint8_t level_idc;
+    uint8_t chroma_format;  ///< 0 monochrome, 1 4:2:0, 2 4:2:2, 3 4:4:4
+    uint8_t bit_depth;      ///< of luma
+    bool frame_mbs_only;
+    uint32_t width;  ///< luma samples after cropping
+    uint32_t height;
+    uint32_t max_num_ref_frames;
+    uint32_t num_units_in_tick;  ///< 0 without timing information
+    uint32_t time_scale;
+};
+
+/// Takes the next NAL unit off the front of an Annex B stream; three- and four-byte start codes, trailing zero bytes
+/// left out. Bytes before the first start code are skipped. @return the NAL unit, empty when there is none left.
+INET_API std::span<const uint8_t> h264_next_nal(std::span<const uint8_t>& stream) noexcept;
+
+/// Type of a NAL unit; 0 for an empty one.
+INET_API uint8_t h264_nal_type(std::span<const uint8_t> nal) noexcept;
+
+/// First NAL unit of a type in an Annex B stream; empty when there is none.
+INET_API std::span<const uint8_t> h264_find(std::span<const uint8_t> stream, uint8_t type) noexcept;
+
+/// Reads a sequence parameter set (NAL header included, emulation prevention bytes in place).
+/// @return 1, or 0 when it is cut short or says what the standard forbids.
+INET_API int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noexcept;
+
+/// Parameter sets of an access unit or an extradata stream: sets the spans to the first SPS and PPS (empty when
+/// missing) and reads the SPS into `info` when it is given. @return 1 when both are there and the SPS can be read, else
+/// 0.
+INET_API int h264_parse(std::span<const uint8_t> stream, std::span<const uint8_t>* sps, std::span<const uint8_t>* pps,
+                        h264_info_t* info) noexcept;
+
+/// 1 when the NAL unit begins a new access unit after one that holds a slice (7.4.1.2.3): an AUD, SPS, PPS or SEI, or a
+/// slice whose first_mb_in_slice is 0.
+INET_API int h264_starts_access_unit(std::span<const uint8_t> nal) noexcept;

@@ -1,0 +1,20 @@
+/// Command queue: calls posted by any thread, run by the thread that owns the queue.
+#pragma once
+
+#include "core/api.h"
+
+#include <cstdint>
+
+struct cmd_ctx;
+
+/// Opens a queue. @param owner is handed to every posted function. @return null when memory is out.
+INET_API cmd_ctx* core_cmd_open(void* owner, const char* file, int line) noexcept;
+
+/// Posts `function(owner, arg)`. Any thread. @return 1, or 0 for a null queue or function, or when memory is out.
+INET_API int core_cmd_exec(cmd_ctx* cmd, void (*function)(void* owner, void* arg), void* arg) noexcept;
+
+/// Runs what was posted before the call, in order, on the calling thread. @return the number of calls run.
+INET_API uint32_t core_cmd_process(cmd_ctx* cmd) noexcept;
+
+/// Drops what was not run, releases the queue and nulls the handle.
+INET_API void core_cmd_close(cmd_ctx*& cmd) noexcept;

@@ -1,0 +1,43 @@
+/// Files by UTF-8 path. A file belongs to one thread at a time.
+#pragma once
+
+#include "core/api.h"
+
+#include <cstddef>
+#include <cstdint>
+
+struct file_ctx;
+
+/// Opens a file. @param mode is that of fopen; always binary. @return null when it cannot be opened.
+INET_API file_ctx* core_fopen(const char* path, const char* mode, const char* file, int line) noexcept;
+
+/// Closes a file and nulls the handle. @return 1, or 0 when buffered bytes could not be written.
+INET_API int core_fclose(file_ctx*& handle) noexcept;
+
+/// Write and read return the bytes moved.
+INET_API size_t core_fwrite(file_ctx* handle, const void* data, size_t size) noexcept;
+INET_API size_t core_fread(file_ctx* handle, void* data, size_t size) noexcept;
+
+/// Puts what was written onto the disk. @return 1, or 0 when it failed.
+INET_API int core_fsync(file_ctx* handle) noexcept;
+
+/// Position from the start of the file, -1 when unknown.
+INET_API int64_t core_ftell(file_ctx* handle) noexcept;
+
+/// Moves to a position from the start. @return 1, or 0 when it failed.
+INET_API int core_fseek(file_ctx* handle, int64_t position) noexcept;
+
+/// Whole content of a file of at most `limit` bytes with a NUL behind it. @param size may be null.
+/// @return a block for core_mfree(); null when it cannot be read, is larger, or memory is out.
+INET_API uint8_t* core_file_load(const char* path, size_t limit, size_t* size, const char* file, int line) noexcept;
+
+/// Each returns 1, or 0 when it failed. core_mkdir is content with a directory that is there already; core_frename
+/// replaces its target in one step.
+INET_API int core_fremove(const char* path) noexcept;
+INET_API int core_frename(const char* from, const char* to) noexcept;
+INET_API int core_mkdir(const char* path) noexcept;
+INET_API int core_rmdir(const char* path) noexcept;
+
+/// Directory that holds this library (the program, where it is linked in), without a closing separator.
+/// @return a new text for core_mfree(), or null.
+INET_API char* lib_path(const char* file, int line) noexcept;

@@ -1,0 +1,47 @@
+/// JSON (RFC 8259): a tree read in one go. Texts must be UTF-8; nesting above 128 levels and texts above 64 MiB are
+/// refused. A tree takes at most 40 times the bytes of its text. A tree is read-only: any thread.
+#pragma once
+
+#include "core/api.h"
+
+#include <cstddef>
+#include <cstdint>
+
+enum json_type_t : uint8_t { json_null, json_false, json_true, json_number, json_string, json_array, json_object };
+
+struct json_member_t;
+
+/// One value. Members and items keep the order of the text; repeated names are kept, the first is found.
+struct json_t {
+    json_type_t type;
+    bool is_integer;  ///< the number had no fraction or exponent and fits 64 bits: `integer` holds it exactly
+    uint32_t count;   ///< items of an array, members of an object
+    int64_t integer;  ///< number cut to an integer, within the range of 64 bits
+    double number;
+    const char* text;  ///< string, unescaped and NUL-terminated; \u0000 inside is kept and counted in `length`
+    size_t length;
+    const json_t* items;
+    const json_member_t* members;
+};
+
+struct json_member_t {
+    const char* name;
+    json_t value;
+};
+
+/// Reads a text. @param error receives "line:column: reason" when the text is refused, cut to `error_size`; may be
+/// null.
+/// @return the root, or null. Release the root with yajl_tree_free().
+INET_API json_t* yajl_tree_parse(const char* text, char* error, size_t error_size) noexcept;
+INET_API void yajl_tree_free(json_t* root) noexcept;
+
+/// Member of an object by exact name; null when missing or `value` is null or no object.
+INET_API const json_t* json_get(const json_t* value, const char* name) noexcept;
+
+/// String as text, null for anything else; number as integer, `missing` for anything else.
+INET_API const char* json_text(const json_t* value) noexcept;
+INET_API int64_t json_integer(const json_t* value, int64_t missing) noexcept;
+
+/// A text with everything escaped that may not stand between the quotes of a JSON string; bytes that are not UTF-8
+/// become U+FFFD. @return a new text for core_mfree(), or null.
+INET_API char* core_json_encode(const char* text, const char* file, int line) noexcept;

@@ -1,0 +1,35 @@
+/// Time. The library's clock counts microseconds since 1970-01-01 UTC. Any thread.
+#pragma once
+
+#include "core/api.h"
+
+#include <cstdint>
+#include <ctime>
+
+/// Microseconds of a monotonic clock with an arbitrary start, for measuring spans.
+INET_API uint64_t core_timer() noexcept;
+
+/// Microseconds since 1970-01-01 UTC; never below what it returned before, also when the system clock is set back.
+INET_API uint64_t time_now() noexcept;
+
+/// The same shifted by the local offset from UTC, so that core_timeUtc() gives local calendar fields.
+INET_API uint64_t time_now_local() noexcept;
+
+/// Calendar fields in UTC of a time in microseconds. @return 1, or 0 when the year does not fit.
+INET_API int core_timeUtc(uint64_t us, tm* out) noexcept;
+
+/// Seconds since 1970-01-01 UTC of UTC calendar fields; fields out of range carry over.
+INET_API int64_t core_timegm(const tm* fields) noexcept;
+
+/// Formats a time in UTC with a strftime pattern in the C locale, in which %s stands for the milliseconds in three
+/// digits: "%Y-%m-%dT%H:%M:%S.%sZ" gives "2015-11-25T15:47:30.042Z". @return a new text for core_mfree(), or null.
+INET_API char* core_str_from_time(uint64_t us, const char* pattern, const char* file, int line) noexcept;
+
+/// The same into a caller's buffer, cut to it and always terminated. @return the bytes written.
+INET_API uint32_t time_format(uint64_t us, const char* pattern, char* out, uint32_t size) noexcept;
+
+/// 100-nanosecond intervals since 1601-01-01 UTC, the file time of Windows.
+INET_API uint64_t time_to_FileTime(uint64_t us) noexcept;
+
+/// For tests: replaces the clocks behind core_timer() and time_now(); null gives the system's back.
+INET_API void core_time_set_clock(uint64_t (*clock)()) noexcept;
