@@ -1,0 +1,1 @@
+#include "avc/fcc.h"
