@@ -1,0 +1,169 @@
+/// RTP packetizer: media frames become RTP packets (RFC 3550) with a sender report every two seconds of media time. No
+/// socket is touched: every packet is handed to the owner through rtp::IRtp. Beside it stand the conversions between
+/// the library's clock and NTP time.
+///
+/// An object, its tracks and its handler belong to one thread, the network thread of the owner. No packet is longer
+/// than rtp::packet_size bytes and none is kept. After set-up, pack() allocates nothing, except that "META" makes a
+/// text.
+///
+///   format   on the wire
+///   "H264"   single NAL unit packets and FU-A (RFC 6184); the parameter sets of an access unit go first, delimiters
+///            and SEI are left out; the marker bit ends every NAL unit
+///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band; above 2040 pixels either way the whole
+///            file in a header extension
+///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
+///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"
+///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
+#pragma once
+
+#include "avc/frame.h"
+#include "core/api.h"
+#include "core/buf.h"
+#include "core/log.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+/// The NTP time (seconds since 1900-01-01 modulo 2^32 in the high half, fraction of 2^-32 s, truncated, in the low
+/// half) of microseconds since 1970-01-01. Any thread.
+/// @param sec   receives the seconds since 1970, not 1900, modulo 2^32; may be null
+/// @param frac  receives the fraction; may be null
+INET_API uint64_t time_core_to_ntp(uint64_t us, unsigned* sec, unsigned* frac) noexcept;
+
+/// Microseconds since 1970-01-01 of an NTP time, truncated; seconds before 1970 count as those after the NTP era's end
+/// in 2036. Any thread.
+INET_API uint64_t time_ntp_to_core(unsigned sec, unsigned frac) noexcept;
+
+namespace rtp {
+
+/// Bytes of the longest packet, headers included.
+inline constexpr uint32_t packet_size = 1400;
+
+/// What the handler is called for.
+struct event_t {
+    enum enum_t : int {
+        packet = 0,  ///< one RTP packet is ready in Rtp::packet
+        rtcp = 2,    ///< one RTCP packet is ready in Rtp::packet
+        frame = 3,   ///< received media data is ready in Rtp::current->frame
+    };
+};
+
+/// The clock behind the RTP time in sender reports.
+enum class report_clock_t : uint8_t {
+    ntp,      ///< NTP seconds since 1900 times the clock rate
+    packets,  ///< the timestamps of the packets, which a player needs to keep tracks in step (RFC 3550, 6.4.1)
+};
+
+/// One stream. Made by Rtp::add_trak() and owned by the Rtp.
+struct trak_t {
+    uint8_t active;      ///< 1 when frames are packed; set by the owner once the stream is set up
+    uint8_t pt;          ///< RTP payload type; JPEG is sent as 26 in any case
+    uint32_t fcc;        ///< payload format (avc/fcc.h)
+    uint32_t ssrc;       ///< sent: of our packets, set by the owner. Received: of the last packet
+    uint16_t seq;        ///< sent: the next sequence number. Received: the last one, 0 for none yet
+    double clock_rate;   ///< RTP clock in Hz, 0 up to 2^32, set by the owner
+    uint64_t time;       ///< microseconds since 1970-01-01 of the current frame
+    uint32_t rtp_time;   ///< RTP timestamp of the current frame
+    buf_t frame;         ///< received: bytes of the frame being delivered
+    buf_t fua;           ///< received: FU-A being put together
+    uint8_t nal_type;    ///< received: H.264 NAL unit type of `frame`
+    uint8_t nal_nri;     ///< received: NRI of that NAL unit, 0 to 3
+    uint32_t lsr_sec;    ///< NTP seconds of the last sender report received
+    uint32_t lsr_frac;   ///< NTP fraction of that report
+    uint64_t next_rtcp;  ///< frame time from which the next report is due; 0 at first, so that the first frame brings
+                         ///< one
+    uint32_t packets;    ///< RTP packets sent
+    uint32_t octets;     ///< bytes of them, RTP headers included
+    uint16_t jpeg_seq;   ///< received: sequence number of the first packet of the JPEG frame
+};
+
+class Rtp;
+
+/// Takes what an Rtp has ready. The data is consumed before the call returns: the packet is overwritten by the next
+/// one. From inside, the object may be read and set_packet_room() called; not close(), destroy() or pack().
+class INET_API IRtp {
+public:
+    virtual void on_rtp_event(Rtp* rtp, event_t::enum_t event) noexcept = 0;
+
+protected:
+    ~IRtp() = default;
+};
+
+class INET_API Rtp {
+public:
+    int32_t id = 0;             ///< number of the owner, at the start of every log line
+    uint64_t start_time = 0;    ///< the smallest frame time ever packed; 0 for none
+    buf_t packet;               ///< the outgoing packet: `length` bytes at `data`
+    trak_t* current = nullptr;  ///< the track of the packet or frame at hand
+    IRtp* handler = nullptr;    ///< not owned; without one, packets are counted and dropped
+    log_ctx* log;               ///< the log named "rtp"; null when it could not be opened, which only costs the lines
+    trak_t** traks = nullptr;   ///< null-terminated array; null when there is no track
+
+    /// `file` and `line` name what the object allocates; both outlive it.
+    Rtp(const char* file, int line) noexcept;
+    /// As destroy(), for an object that is part of another.
+    ~Rtp();
+    Rtp(const Rtp&) = delete;
+    Rtp& operator=(const Rtp&) = delete;
+
+    /// @return null when memory is out. End it with destroy().
+    static Rtp* create(const char* file, int line) noexcept;
+    /// Closes and releases the object, never the packet room of its owner; null is ignored.
+    static void destroy(Rtp* rtp) noexcept;
+
+    /// Releases every track and empties the list.
+    void close() noexcept;
+
+    void set_handler(IRtp* value) noexcept { handler = value; }
+
+    /// Where the next packets are built, so that a payload is copied once, straight to where it is sent from. Stays in
+    /// force until the next call, which may come from inside on_rtp_event() for events 0 and 2 to move on.
+    /// @param room  packet_size writable bytes, alignment free, that outlive their use here; null for the object's own
+    void set_packet_room(uint8_t* room) noexcept;
+
+    /// Clock of the RTP time in sender reports; report_clock_t::ntp until set.
+    void set_report_clock(report_clock_t clock) noexcept { report_clock_ = clock; }
+
+    /// The track with that payload type when there is one, else a new one, zeroed but for `pt` and `fcc`, at the end of
+    /// the list. @return null when memory is out. Valid until close().
+    trak_t* add_trak(unsigned char pt, unsigned fcc) noexcept;
+    /// The first track with that payload type or format; null when there is none.
+    trak_t* get_trak_pt(unsigned char pt) const noexcept;
+    trak_t* get_trak_fcc(unsigned fcc) const noexcept;
+
+    /// Sends a frame on the active track with exactly its fcc: its packets (event 0), then a sender report (event 2)
+    /// when the track's media time has come to next_rtcp. Nothing is sent without such a track, for null, or for a
+    /// format that is not in the table above. The timestamp is the frame's time in track clocks, truncated, exact at
+    /// any length of stream.
+    void pack(const av::frame_t* frame) noexcept;
+
+    /// The same for a metadata record: "META" or "UNIV".
+    void pack_meta(const av::meta_t* meta) noexcept;
+
+    /// Sends one sender report (RFC 3550, 6.4.1; 28 bytes, no report block) on the track's current time: event 2.
+    void pack_rtcp_sr(trak_t* trak) noexcept;
+
+private:
+    bool begin(uint32_t fcc, uint64_t time) noexcept;
+    void log_frame(uint16_t first_seq) noexcept;
+    void report_if_due() noexcept;
+
+    uint8_t* start_packet(uint8_t pt) noexcept;
+    void send_packet(uint32_t length) noexcept;
+
+    void pack_h264(std::span<const uint8_t> access_unit) noexcept;
+    void pack_nal(std::span<const uint8_t> nal) noexcept;
+    void pack_h264fua(std::span<const uint8_t> nal) noexcept;
+    void pack_jpeg(std::span<const uint8_t> jpeg) noexcept;
+    void pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept;
+    void pack_pcmu(std::span<const uint8_t> samples) noexcept;
+    void pack_univ(std::span<const uint8_t> bytes) noexcept;
+
+    const char* file_;
+    int line_;
+    report_clock_t report_clock_ = report_clock_t::ntp;
+    uint8_t own_room_[packet_size];
+};
+
+}  // namespace rtp
