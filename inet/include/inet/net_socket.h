@@ -1,0 +1,209 @@
+/// IPv4 sockets: the registry of open descriptors, RTP port pairs, non-blocking transfer on `buf_t`, addresses and the
+/// host. Every socket of the library is opened and closed here. Any thread may call any function.
+///
+/// Results, where nothing else is said: 0 success, -1 the system refused (socket_get_error_code() says why), -2 a bad
+/// argument or an unresolvable host. Descriptors are not inherited by child processes; a peer that is gone never raises
+/// a signal. What is logged goes to core_log_err() and, in red, to core_con_printf().
+///
+/// Host names are dotted IPv4 addresses or names; of a name the first address is used. Looking a name up blocks.
+#pragma once
+
+#include "core/api.h"
+#include "core/buf.h"
+#include "inet/sockaddr.h"
+
+#include <cstddef>
+
+/// The socket errors that callers tell apart, in the numbers of Winsock, which socket_get_error_code() speaks on every
+/// system.
+enum socket_error_t : int {
+    socket_error_bad_descriptor = 10009,
+    socket_error_access = 10013,
+    socket_error_invalid_argument = 10022,
+    socket_error_too_many_open = 10024,
+    socket_error_would_block = 10035,  ///< also: a connect that goes on in the background
+    socket_error_not_a_socket = 10038,
+    socket_error_message_size = 10040,
+    socket_error_address_in_use = 10048,
+    socket_error_address_not_available = 10049,
+    socket_error_network_unreachable = 10051,
+    socket_error_connection_aborted = 10053,
+    socket_error_connection_reset = 10054,
+    socket_error_no_buffers = 10055,
+    socket_error_not_connected = 10057,
+    socket_error_shut_down = 10058,
+    socket_error_timed_out = 10060,
+    socket_error_refused = 10061,
+    socket_error_host_unreachable = 10065,
+};
+
+/// Error of the calling thread's last failed socket call, in the numbers of Winsock on every system; 0 when there was
+/// none.
+INET_API int socket_get_error_code() noexcept;
+
+/// Takes the pending error off a socket, in the same numbers: 0 when there is none, which after a non-blocking connect
+/// means connected. A failed connect shows as writable too, so ask before believing the event.
+INET_API int net_socket_get_error(int fd) noexcept;
+
+// Registry and lifetime
+// ------------------------------------------------------------------------------------------------
+
+/// Starts the system's socket layer. net_init() calls it.
+INET_API void socket_init() noexcept;
+
+/// Logs "not closed socket: %d" for every descriptor still in the registry, empties the registry (the sockets stay
+/// open) and stops the socket layer. The last net_free() calls it.
+INET_API void socket_free() noexcept;
+
+/// Opens a socket with socket_options() applied and registers it; its record is held in the name of `file` and `line`.
+/// A descriptor below 3 draws "warning: open socket fd: %d".
+/// @param family, type, protocol  as the system's socket(): 2, 1, 6 for TCP; 2, 2, 17 for UDP
+/// @return the descriptor, or -1. Close it with net_socket_close().
+INET_API int net_socket_create(int family, int type, int protocol, const char* file, int line) noexcept;
+
+/// Accepts one connection, with socket_options() applied, and registers it.
+/// @param peer  receives the remote address; may be null
+/// @return the descriptor, to be closed with net_socket_close(), or -1.
+INET_API int net_socket_accept(int fd, sockaddr_in* peer, const char* file, int line) noexcept;
+
+/// Takes a socket out of the registry and closes it. Descriptors below 3 are left alone. One that was not registered
+/// draws "socket_close: unknown socket: %d" and is closed all the same.
+/// A socket that a network thread watches is first removed there (net::net_nt_socket_rem()).
+INET_API void net_socket_close(int fd) noexcept;
+
+/// Opens two connected, blocking TCP sockets over 127.0.0.1, whatever the first three arguments say.
+/// @param fds  receives the connecting and the accepted end, both registered
+/// @return 0, or -1 (for null `fds` the error is socket_error_invalid_argument); then nothing stays open.
+INET_API int net_socket_pair(int family, int type, int protocol, int fds[2], const char* file, int line) noexcept;
+
+/// Opens an even/odd pair of UDP sockets for RTP and RTCP (RFC 3550, section 11), bound to 0.0.0.0. Nobody shares their
+/// ports: the reuse option, which every other socket carries, is taken off them before they are bound.
+/// @param rtp   receives the descriptor on the even port
+/// @param rtcp  receives the descriptor on the odd port next to it
+/// @return 1 on success, 0 after ten failed attempts, -1 if a pointer is null. After 0 the two hold what the last
+/// attempt left open, -1 for nothing. The caller closes both with net_socket_close().
+INET_API int socket_rtp_pair(int* rtp, int* rtcp) noexcept;
+
+// Options
+// --------------------------------------------------------------------------------------------------------------
+
+INET_API bool socket_nonBlock(int fd) noexcept;                         ///< false when the call fails
+INET_API bool socket_keepAlive(int fd) noexcept;                        ///< SO_KEEPALIVE; always true
+INET_API bool socket_noNagle(int fd) noexcept;                          ///< TCP_NODELAY; false when the call fails
+INET_API bool socket_reuseAddress(int fd) noexcept;                     ///< SO_REUSEADDR; false when the call fails
+INET_API bool socket_TTL(int fd, unsigned char ttl) noexcept;           ///< IP_TTL; always true
+INET_API bool socket_multicastTTL(int fd, unsigned char ttl) noexcept;  ///< IP_MULTICAST_TTL; always true
+
+/// Non-blocking (false at once when that fails), keep-alive, no-Nagle and reuse-address. @return that of the last one.
+INET_API bool socket_options(int fd) noexcept;
+
+/// Sets the size of the receive buffer in bytes: each value that is not 0 is applied, first then second, so that the
+/// second wins. The send buffer is never changed. @return 0, or -1 when a value was refused.
+INET_API int net_socket_set_size(int fd, int first, int second) noexcept;
+
+// Binding, listening, connecting
+// ---------------------------------------------------------------------------------------
+
+/// Binds a UDP socket, sharing the port. A multicast address (224.0.0.1 to 239.255.255.254) binds to 0.0.0.0, sets both
+/// TTLs to 255, joins the group on any interface and enables multicast loop-back. A failed bind logs
+/// "Unable to bind on address: %s:%u; Error was: %s (%d)" with the system's own error text and number.
+/// @param port  in host order; 0 lets the system choose
+/// @return 0, or -1, also for a negative descriptor and an unresolvable address.
+INET_API int net_socket_bind(int fd, const char* address, unsigned port) noexcept;
+
+/// net_socket_bind(), to 0.0.0.0 for a null address. @return its negative result, else 0.
+INET_API int net_udp_listen(int fd, const char* address, unsigned short port) noexcept;
+
+/// Prepares a UDP socket for sending to a host: sets IP_TTL to 255; for a multicast address also IP_MULTICAST_TTL to
+/// 255, and joins the group on any interface. It does not connect the socket and does not use the port: destinations
+/// are given with every send.
+/// @return 0, or -1 when the host cannot be resolved or the group cannot be joined.
+INET_API int net_udp_connect(int fd, const char* host, unsigned short port) noexcept;
+
+/// Starts a non-blocking connect. A refused start logs "Unable connect socket %d to: %s:%hu, e = %d".
+/// @return 0 when it is done or under way (watch for writability, then ask net_socket_get_error()), -1 when it failed,
+/// -2 for a negative descriptor or an unresolvable host.
+INET_API int net_tcp_connect(int fd, const char* host, unsigned short port) noexcept;
+
+/// Binds and listens with a backlog of 1000. The result of the bind is not checked: when the port is taken the system
+/// may listen on a port of its own choice. Ask net_socket_get_near_port() where that matters. A failed listen logs
+/// "Unable to put the socket in listening mode: %s:%hu".
+/// @return 0, -1 when it cannot listen, -2 when the address cannot be resolved.
+INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept;
+
+// Transfer
+// ------------------------------------------------------------------------------------------------------------- Results
+// are those of the system's call: a count, 0, or -1 with the error set (socket_error_would_block: later).
+
+/// Sends the held bytes and drops what went from the front of the buffer.
+INET_API int net_tcp_send(int fd, buf_t& buf) noexcept;
+
+/// Receives into the free space behind the held bytes. 0 means the peer has ended its direction, or that the buffer has
+/// no free space: make room first (core_buf_respace()).
+INET_API int net_tcp_recv(int fd, buf_t& buf) noexcept;
+
+/// Sends the held bytes as one datagram and drops what went from the front.
+INET_API int net_udp_send(int fd, buf_t& buf, sockaddr_in* to) noexcept;
+
+/// Sends the bytes as one datagram; -2 for a null buffer.
+INET_API int net_udp_send_buffer(int fd, buffer_t* data, sockaddr_in* to) noexcept;
+
+/// Sends a text without its terminator as one datagram; -2 for a null text.
+INET_API int net_udp_send_msg(int fd, const char* text, sockaddr_in* to) noexcept;
+
+/// Receives one datagram into the whole buffer, replacing what it held; a longer datagram is cut to `buf.size`.
+/// @param from  receives the sender's address; may be null
+INET_API int net_udp_recv(int fd, buf_t& buf, sockaddr_in* from) noexcept;
+
+// Addresses
+// ------------------------------------------------------------------------------------------------------------
+
+/// Bytes that hold any dotted address and its terminator.
+inline constexpr size_t net_addr_size = 16;
+
+/// Zeroes and fills an address. @param port in host order. @return 0, or -1 when the host cannot be resolved.
+INET_API int net_addr_setup(sockaddr_in& addr, const char* host, unsigned short port) noexcept;
+
+/// Dotted text of an address, cut to `n` bytes with its terminator.
+INET_API void net_addr_ip(const sockaddr_in& addr, char* out, size_t n) noexcept;
+
+/// Port in host order.
+INET_API unsigned short net_addr_port(const sockaddr_in& addr) noexcept;
+
+/// Both at once.
+INET_API void net_addr_str(sockaddr_in addr, char* out, size_t n, unsigned& port) noexcept;
+
+/// Dotted text in a buffer of the calling thread, good until its next call and not to be released, and the port in host
+/// order. Null and 0 for a null address.
+INET_API const char* net_socket_straddr(const sockaddr_in* addr, unsigned& port) noexcept;
+
+/// Dotted text of an address; release it with core_mfree(). Null when memory is out.
+INET_API char* socket_get_ip(in_addr addr, const char* file, int line) noexcept;
+
+/// Local and remote address of a socket; all zero when unknown.
+INET_API sockaddr_in net_socket_near(int fd) noexcept;
+INET_API sockaddr_in net_socket_peer(int fd) noexcept;
+
+/// Local port in host order; 0 when unknown.
+INET_API unsigned short net_socket_get_near_port(int fd) noexcept;
+
+// The host
+// -------------------------------------------------------------------------------------------------------------
+
+/// Dotted addresses of the IPv4 interfaces that are up and not loopback, at most 10.
+/// @return a null-terminated array (core/array.h) of texts: release each with core_mfree() and the array with
+/// core_array_free(). Null when there are none or memory is out.
+INET_API char** net_socket_get_if(const char* file, int line) noexcept;
+
+/// The same selection as copies of the interfaces' addresses (port 0), released the same way.
+INET_API sockaddr_in** net_socket_get_if_addr(const char* file, int line) noexcept;
+
+/// The first text of net_socket_get_if(), for core_mfree(); null when there is none.
+INET_API char* net_hostip(const char* file, int line) noexcept;
+
+/// The host name in UTF-8, at most 255 bytes, for core_mfree(); null when it cannot be told.
+INET_API char* net_hostname(const char* file, int line) noexcept;
+
+/// A number for a host: (last octet of the dotted address) * 100 + `base`. 0 for null and for a text that is no
+/// address.
+INET_API unsigned net_hostid(const char* ip, unsigned base) noexcept;
