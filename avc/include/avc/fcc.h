@@ -32,8 +32,9 @@ INET_API const char* fcc_str(uint32_t code, char out[5]) noexcept;
 /// itself.
 INET_API uint32_t fcc_unic(uint32_t code) noexcept;
 
-/// 1 for the audio codes (PCMU, PCMA, G726, mp4a, mp3 and raw PCM), 1 for the video codes (H264, JPEG, MP4V and raw
-/// pictures), 1 for what is compressed, else 0; each after fcc_unic().
+/// 1 for the audio codes (PCMU, PCMA, G726, mp4a, "mp3 " and raw "PCM "), 1 for the video codes (H264, JPEG, MP4V and
+/// the raw pictures I420, YV12, NV12, YUY2, UYVY, Y800, RGB3, BGR3, RGB4, BGR4), 1 for what is compressed, else 0; each
+/// after fcc_unic().
 INET_API int fcc_is_audio(uint32_t code) noexcept;
 INET_API int fcc_is_video(uint32_t code) noexcept;
 INET_API int fcc_is_compress(uint32_t code) noexcept;

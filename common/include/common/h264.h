@@ -1,4 +1,5 @@
 /// H.264 byte streams and parameter sets (ITU-T H.264, Annex B and 7.3.2). No allocation. Any thread.
+/// Spans that come back point into the stream that was given.
 #pragma once
 
 #include "core/api.h"
@@ -24,8 +25,9 @@ struct h264_info_t {
     uint8_t level_idc;
     uint8_t chroma_format;  ///< 0 monochrome, 1 4:2:0, 2 4:2:2, 3 4:4:4
     uint8_t bit_depth;      ///< of luma
+    uint8_t bit_depth_chroma;
     bool frame_mbs_only;
-    uint32_t width;  ///< luma samples after cropping
+    uint32_t width;  ///< luma samples after cropping, 1..16384, as is height
     uint32_t height;
     uint32_t max_num_ref_frames;
     uint32_t num_units_in_tick;  ///< 0 without timing information
@@ -33,25 +35,34 @@ struct h264_info_t {
 };
 
 /// Takes the next NAL unit off the front of an Annex B stream; three- and four-byte start codes, trailing zero bytes
-/// left out. Bytes before the first start code are skipped. @return the NAL unit, empty when there is none left.
+/// left out, and NAL units without a byte passed over. Bytes before the first start code are skipped. A stream taken
+/// to its end in this way is read once. @return the NAL unit, empty when there is none left.
 INET_API std::span<const uint8_t> h264_next_nal(std::span<const uint8_t>& stream) noexcept;
 
 /// Type of a NAL unit; 0 for an empty one.
 INET_API uint8_t h264_nal_type(std::span<const uint8_t> nal) noexcept;
 
-/// First NAL unit of a type in an Annex B stream; empty when there is none.
+/// 1 for the types that carry slices of the picture (1 to 5), else 0.
+INET_API int h264_is_slice(uint8_t type) noexcept;
+
+/// First NAL unit of a type in an Annex B stream, read no further than its end; empty when there is none.
 INET_API std::span<const uint8_t> h264_find(std::span<const uint8_t> stream, uint8_t type) noexcept;
 
+/// The stream from its first slice on, starting at the NAL header, with all that follows; empty when there is none.
+/// What stands before (delimiter, parameter sets, SEI) is all that is read, so that asking a picture for its kind does
+/// not cost a pass over its slices.
+INET_API std::span<const uint8_t> h264_first_slice(std::span<const uint8_t> stream) noexcept;
+
 /// Reads a sequence parameter set (NAL header included, emulation prevention bytes in place).
-/// @return 1, or 0 when it is cut short or says what the standard forbids.
+/// @return 1, or 0 when it is cut short or says what the standard forbids; `out` is then as before.
 INET_API int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noexcept;
 
 /// Parameter sets of an access unit or an extradata stream: sets the spans to the first SPS and PPS (empty when
-/// missing) and reads the SPS into `info` when it is given. @return 1 when both are there and the SPS can be read, else
-/// 0.
+/// missing) and reads the SPS into `info`; each pointer may be null. @return 1 when both are there and the SPS can be
+/// read, else 0.
 INET_API int h264_parse(std::span<const uint8_t> stream, std::span<const uint8_t>* sps, std::span<const uint8_t>* pps,
                         h264_info_t* info) noexcept;
 
-/// 1 when the NAL unit begins a new access unit after one that holds a slice (7.4.1.2.3): an AUD, SPS, PPS or SEI, or a
-/// slice whose first_mb_in_slice is 0.
+/// 1 when the NAL unit begins a new access unit after one that holds a slice (7.4.1.2.3): an AUD, SPS, PPS, SEI or one
+/// of the types 14 to 18, or a slice whose first_mb_in_slice is 0.
 INET_API int h264_starts_access_unit(std::span<const uint8_t> nal) noexcept;
