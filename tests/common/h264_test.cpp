@@ -1,0 +1,281 @@
+#include "common/h264.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+bytes unhex(std::string_view text) {
+    bytes out;
+    for (size_t i = 0; i + 1 < text.size(); i += 2) {
+        out.push_back(static_cast<uint8_t>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+    }
+    return out;
+}
+
+/// Writes the fields of a parameter set: what encoders at hand do not produce.
+class bit_writer {
+public:
+    bit_writer& bits(uint64_t value, int count) {
+        while (count-- > 0)
+            bits_.push_back((value >> count & 1) != 0);
+        return *this;
+    }
+    bit_writer& ue(uint64_t value) {
+        int length = 0;
+        while ((value + 1) >> (length + 1) != 0)
+            ++length;
+        return bits(0, length).bits(value + 1, length + 1);
+    }
+    bit_writer& se(int64_t value) { return ue(value > 0 ? 2 * value - 1 : -2 * value); }
+
+    /// The NAL unit with its stop bit and emulation prevention bytes.
+    bytes nal() const {
+        bytes out;
+        int zeros = 0;
+        for (size_t i = 0; i <= bits_.size(); i += 8) {
+            unsigned byte = 0;
+            for (size_t k = i; k < i + 8; ++k)
+                byte = byte << 1 | (k < bits_.size() ? bits_[k] : k == bits_.size());
+            if (zeros >= 2 && byte <= 3) {
+                out.push_back(3);
+                zeros = 0;
+            }
+            out.push_back(static_cast<uint8_t>(byte));
+            zeros = byte == 0 ? zeros + 1 : 0;
+        }
+        return out;
+    }
+
+private:
+    std::vector<bool> bits_;
+};
+
+/// The fields of an SPS that a case changes.
+struct sps_fields {
+    int profile = 100;
+    uint64_t chroma = 1;
+    bool separate_planes = false;
+    uint64_t bit_depth = 0;
+    bool scaling = false;
+    uint64_t poc_type = 0;
+    uint64_t ref_frames = 1;
+    uint64_t mbs_wide = 20, map_units_high = 15;
+    bool frame_mbs_only = true;
+    std::vector<uint64_t> crop{};
+    bool hrd = false;
+};
+
+bytes write_sps(const sps_fields& f) {
+    bit_writer out;
+    out.bits(0x67, 8).bits(static_cast<uint64_t>(f.profile), 8).bits(0, 8).bits(40, 8).ue(0);
+    if (f.profile == 100) {
+        out.ue(f.chroma);
+        if (f.chroma == 3) out.bits(f.separate_planes, 1);
+        out.ue(f.bit_depth).ue(f.bit_depth).bits(0, 1).bits(f.scaling, 1);
+        for (int list = 0; f.scaling && list < (f.chroma == 3 ? 12 : 8); ++list) {
+            out.bits(list % 2, 1);
+            if (list == 1) out.se(-8);  // ends the list at once
+            for (int i = 0; list % 2 == 1 && list > 1 && i < (list < 6 ? 16 : 64); ++i)
+                out.se(i % 3 - 1);
+        }
+    }
+    out.ue(0).ue(f.poc_type);
+    if (f.poc_type == 0) out.ue(4);
+    if (f.poc_type == 1) out.bits(0, 1).se(-2).se(3).ue(2).se(1).se(-1);
+    out.ue(f.ref_frames).bits(0, 1).ue(f.mbs_wide - 1).ue(f.map_units_high - 1).bits(f.frame_mbs_only, 1);
+    if (!f.frame_mbs_only) out.bits(1, 1);
+    out.bits(1, 1).bits(!f.crop.empty(), 1);
+    for (uint64_t side : f.crop)
+        out.ue(side);
+    out.bits(f.hrd, 1);
+    if (f.hrd) {
+        out.bits(0, 4).bits(0, 1);  // no aspect ratio, overscan, signal type, chroma place, timing
+        for (int set = 0; set < 2; ++set)
+            out.bits(1, 1).ue(1).bits(0, 8).ue(70000).ue(9).bits(1, 1).ue(5).ue(6).bits(0, 21);
+        out.bits(0, 1).bits(0, 1).bits(1, 1).bits(1, 1).ue(0).ue(0).ue(10).ue(10).ue(0).ue(1);
+    }
+    return out.nal();
+}
+
+struct encoder_case {
+    const char* name;
+    const char* sps;
+    uint8_t profile, level, chroma, bit_depth;
+    bool frame_mbs_only;
+    uint32_t width, height, ticks, time_scale;
+};
+
+// What x264 wrote for pictures of these kinds, and what ffprobe says of them.
+constexpr encoder_case encoder_cases[] = {
+    {"1080p cropped", "67640028acd940780227e5c044000003000400000300c83c60c658", 100, 40, 1, 8, true, 1920, 1080, 1, 50},
+    {"baseline", "6742c00dd90141fb011000000300100000030320f142a480", 66, 13, 1, 8, true, 320, 240, 1, 50},
+    {"main, odd crop", "674d400deca0a8cf111180880000030008000003019078a14cb0", 77, 13, 1, 8, true, 322, 178, 1, 50},
+    {"4:2:2", "677a000dbcd941519e68bc0440000003004000000c83c50a6580", 122, 13, 2, 8, true, 326, 182, 1, 50},
+    {"4:4:4", "67f4000d919b282a33c2119808800000030080000019078a14cb", 244, 13, 3, 8, true, 321, 181, 1, 50},
+    {"10 bits", "676e001ea6cd940a02ff97011000000300100000030320f162d960", 110, 30, 1, 10, true, 640, 360, 1, 50},
+    {"interlaced", "6764001eacd940b424d8088000000300800000190f8a14cb", 100, 30, 1, 8, false, 720, 576, 1, 50},
+    {"interlaced, HRD", "67640028acd94078044fde022000000300200000064c90001e848003d09c98601f162d96", 100, 40, 1, 8,
+     false, 1920, 1080, 1, 50},
+    {"colour description", "6764000dacd9416096c0694040406940000003004000000c83c50a6580", 100, 13, 1, 8, true, 352, 288,
+     1, 50},
+    {"4320p", "6742c03cda00780021db011000000300100000030320f08042a0", 66, 60, 1, 8, true, 7680, 4320, 1, 50},
+};
+
+TEST(ParameterSets, OfAnEncoderSayWhatIsInThePicture) {
+    for (const encoder_case& want : encoder_cases) {
+        SCOPED_TRACE(want.name);
+        h264_info_t got{};
+        ASSERT_EQ(h264_parse_sps(unhex(want.sps), &got), 1);
+        EXPECT_EQ(got.profile_idc, want.profile);
+        EXPECT_EQ(got.level_idc, want.level);
+        EXPECT_EQ(got.chroma_format, want.chroma);
+        EXPECT_EQ(got.bit_depth, want.bit_depth);
+        EXPECT_EQ(got.bit_depth_chroma, want.bit_depth);
+        EXPECT_EQ(got.frame_mbs_only, want.frame_mbs_only);
+        EXPECT_EQ(got.width, want.width);
+        EXPECT_EQ(got.height, want.height);
+        EXPECT_EQ(got.num_units_in_tick, want.ticks);
+        EXPECT_EQ(got.time_scale, want.time_scale);
+    }
+}
+
+TEST(ParameterSets, CutShortAnywhereAreRefused) {
+    for (const encoder_case& whole : encoder_cases) {
+        const bytes sps = unhex(whole.sps);
+        for (size_t size = 0; size < sps.size(); ++size) {
+            // A block of exactly this size: the sanitizer sees a read behind it.
+            const bytes cut(sps.begin(), sps.begin() + static_cast<ptrdiff_t>(size));
+            h264_info_t untouched{};
+            untouched.width = 7;
+            EXPECT_EQ(h264_parse_sps(cut, &untouched), 0) << whole.name << " cut to " << size;
+            EXPECT_EQ(untouched.width, 7U);
+        }
+    }
+}
+
+TEST(ParameterSets, RareFormsGiveTheCroppedSize) {
+    struct {
+        const char* name;
+        sps_fields fields;
+        uint32_t width, height;  // 0: refused
+    } const cases[] = {
+        {"plain", {}, 320, 240},
+        {"monochrome crops by one", {.chroma = 0, .crop = {1, 2, 3, 4}}, 317, 233},
+        {"monochrome in fields crops by two lines",
+         {.chroma = 0, .frame_mbs_only = false, .crop = {0, 1, 0, 1}},
+         319,
+         478},
+        {"4:2:0 in fields crops by four lines", {.frame_mbs_only = false, .crop = {0, 1, 0, 1}}, 318, 476},
+        {"4:2:2 crops by two and one", {.chroma = 2, .crop = {1, 0, 1, 0}}, 318, 239},
+        {"separate planes crop by one", {.chroma = 3, .separate_planes = true, .crop = {1, 0, 1, 0}}, 319, 239},
+        {"scaling lists", {.scaling = true}, 320, 240},
+        {"scaling lists of 4:4:4", {.chroma = 3, .scaling = true}, 320, 240},
+        {"picture order type 1", {.poc_type = 1}, 320, 240},
+        {"picture order type 2", {.profile = 66, .poc_type = 2}, 320, 240},
+        {"both HRDs", {.hrd = true}, 320, 240},
+        {"largest", {.mbs_wide = 1024, .map_units_high = 1024}, 16384, 16384},
+        {"too wide", {.mbs_wide = 1025}, 0, 0},
+        {"too high in fields", {.map_units_high = 513, .frame_mbs_only = false}, 0, 0},
+        {"as wide as numbers go", {.mbs_wide = 0xffffffff}, 0, 0},
+        {"cropped to nothing", {.crop = {80, 80, 0, 0}}, 0, 0},
+        {"crop that overflows", {.crop = {0xfffffffe, 0xfffffffe, 0, 0}}, 0, 0},
+        {"chroma format 4", {.chroma = 4}, 0, 0},
+        {"15 bits", {.bit_depth = 7}, 0, 0},
+        {"picture order type 3", {.poc_type = 3}, 0, 0},
+        {"17 reference frames", {.ref_frames = 17}, 0, 0},
+        {"exp-Golomb of 33 zeros", {.ref_frames = uint64_t{1} << 33}, 0, 0},
+    };
+    for (const auto& want : cases) {
+        SCOPED_TRACE(want.name);
+        h264_info_t got{};
+        EXPECT_EQ(h264_parse_sps(write_sps(want.fields), &got), want.width != 0);
+        EXPECT_EQ(got.width, want.width);
+        EXPECT_EQ(got.height, want.height);
+    }
+}
+
+std::vector<bytes> split(std::span<const uint8_t> stream) {
+    std::vector<bytes> nals;
+    for (auto nal = h264_next_nal(stream); !nal.empty(); nal = h264_next_nal(stream))
+        nals.emplace_back(nal.begin(), nal.end());
+    return nals;
+}
+
+TEST(ByteStream, IsSplitAtStartCodes) {
+    const std::pair<const char*, std::vector<bytes>> cases[] = {
+        {"", {}},
+        {"000001", {}},
+        {"0000", {}},
+        {"6742", {}},
+        {"00000167", {{0x67}}},
+        {"0000000167", {{0x67}}},
+        {"010100000000000001670100000168", {{0x67, 1}, {0x68}}},             // bytes before, many zeros
+        {"00000167420000000001684200000000", {{0x67, 0x42}, {0x68, 0x42}}},  // trailing zeros
+        {"0000010000016700000100000168", {{0x67}, {0x68}}},                  // NAL units without a byte
+        {"00000165000003000001010000010201", {{0x65, 0, 0, 3}, {1}, {2, 1}}},
+        {"0000016500010001000100000001", {{0x65, 0, 1, 0, 1, 0, 1}}},
+    };
+    for (const auto& [stream, nals] : cases)
+        EXPECT_EQ(split(unhex(stream)), nals) << stream;
+}
+
+TEST(ByteStream, SplitsAsASearchByteByByteDoes) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round) {
+        bytes stream(random() % 200);
+        for (uint8_t& byte : stream)
+            byte = static_cast<uint8_t>(random() % 4 == 0 ? random() : random() % 2);
+        std::vector<bytes> want;
+        const std::string_view text(reinterpret_cast<const char*>(stream.data()), stream.size());
+        const std::string_view code("\0\0\1", 3);
+        for (size_t at = text.find(code); at != text.npos;) {
+            const size_t next = text.find(code, at + 3);
+            std::string_view nal = text.substr(at + 3, next == text.npos ? next : next - at - 3);
+            nal = nal.substr(0, nal.find_last_not_of('\0') + 1);
+            if (!nal.empty()) want.emplace_back(nal.begin(), nal.end());
+            at = next;
+        }
+        ASSERT_EQ(split(stream), want);
+    }
+}
+
+TEST(ByteStream, FindsParameterSetsAndTheFirstSlice) {
+    const bytes unit = unhex(std::string("0000000109f000000001") + encoder_cases[0].sps + "0000000168ee3c80" +
+                             "00000106050100000165888400" + "00000165888401");
+    std::span<const uint8_t> sps;
+    std::span<const uint8_t> pps;
+    h264_info_t info{};
+    EXPECT_EQ(h264_parse(unit, &sps, &pps, &info), 1);
+    EXPECT_EQ(h264_parse(unit, nullptr, nullptr, nullptr), 1);
+    EXPECT_EQ(info.height, 1080U);
+    EXPECT_TRUE(std::ranges::equal(sps, unhex(encoder_cases[0].sps)));
+    EXPECT_TRUE(std::ranges::equal(pps, unhex("68ee3c80")));
+    EXPECT_TRUE(std::ranges::equal(h264_find(unit, h264_sei), unhex("060501")));
+    EXPECT_TRUE(h264_find(unit, h264_slice).empty());
+    EXPECT_TRUE(std::ranges::equal(h264_first_slice(unit), unhex("65888400"
+                                                                 "00000165888401")));
+
+    const std::span head = std::span<const uint8_t>(unit).first(static_cast<size_t>(pps.data() - unit.data()));
+    EXPECT_EQ(h264_parse(head, &sps, &pps, &info), 0);
+    EXPECT_FALSE(sps.empty());
+    EXPECT_TRUE(pps.empty());
+    EXPECT_TRUE(h264_first_slice(head).empty());
+}
+
+TEST(ByteStream, AccessUnitsBeginAtDelimitersSetsAndFirstSlices) {
+    for (const char* first : {"09f0", "67", "68", "06", "0e", "12", "6588", "4188", "2280"}) {
+        EXPECT_EQ(h264_starts_access_unit(unhex(first)), 1) << first;
+    }
+    for (const char* inner : {"", "65", "6540", "4120", "2380", "0c80", "13", "00"}) {
+        EXPECT_EQ(h264_starts_access_unit(unhex(inner)), 0) << inner;
+    }
+}
+
+}  // namespace
