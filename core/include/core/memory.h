@@ -23,6 +23,9 @@ INET_API void* core_realloc(void* block, size_t size, const char* file, int line
 /// with a message, as anything else would corrupt somebody's data.
 INET_API void core_mfree(void* block) noexcept;
 
+/// Bytes that were asked for; 0 for a null block.
+INET_API size_t core_mem_size(const void* block) noexcept;
+
 /// Where a block was allocated; null and 0 for a null block.
 INET_API const char* core_mem_file(const void* block) noexcept;
 INET_API int core_mem_line(const void* block) noexcept;

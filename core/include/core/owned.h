@@ -4,10 +4,12 @@
 
 #include "core/memory.h"
 
+#include <cstddef>
 #include <memory>
 #include <new>
-#include <source_location>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace core {
@@ -21,48 +23,82 @@ template <class T>
 using owned = std::unique_ptr<T, mfree_deleter>;
 using owned_text = owned<char>;
 
+/// A line of source. As a default argument `place::here()` is the line of the caller.
+struct place {
+    const char* file;
+    int line;
+
+    static constexpr place here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) noexcept {
+        return {file, line};
+    }
+};
+
 /// Standard allocator over core_malloc(). Throws std::bad_alloc, which exported functions turn into their result.
 /// Blocks are named after the place where the allocator was made.
 template <class T>
 class allocator {
 public:
     using value_type = T;
+    using is_always_equal = std::true_type;
+    using propagate_on_container_move_assignment = std::true_type;
 
-    allocator(std::source_location where = std::source_location::current()) noexcept
-        : file_(where.file_name()), line_(static_cast<int>(where.line())) {}
+    allocator(place where = place::here()) noexcept : where_(where) {}
+    allocator(const char* file, int line) noexcept : where_{file, line} {}
     template <class U>
-    allocator(const allocator<U>& other) noexcept : file_(other.file()), line_(other.line()) {}
-    allocator(const char* file, int line) noexcept : file_(file), line_(line) {}
+    allocator(const allocator<U>& other) noexcept : where_(other.where()) {}
 
     T* allocate(size_t count) {
         if (count > static_cast<size_t>(-1) / sizeof(T)) throw std::bad_alloc();
-        void* block = core_malloc(count * sizeof(T), file_, line_);
+        void* block = core_malloc(count * sizeof(T), where_.file, where_.line);
         if (!block) throw std::bad_alloc();
         return static_cast<T*>(block);
     }
     void deallocate(T* block, size_t) noexcept { core_mfree(block); }
 
-    const char* file() const noexcept { return file_; }
-    int line() const noexcept { return line_; }
+    place where() const noexcept { return where_; }
     friend bool operator==(const allocator&, const allocator&) noexcept { return true; }
 
 private:
-    const char* file_;
-    int line_;
+    place where_;
 };
 
+/// Standard containers with tagged storage. They differ from their bases in one thing: an empty one is named after the
+/// line that made it and not after a line of the standard library.
 template <class T>
-using vector = std::vector<T, allocator<T>>;
-using string = std::basic_string<char, std::char_traits<char>, allocator<char>>;
+class vector : public std::vector<T, allocator<T>> {
+    using base = std::vector<T, allocator<T>>;
+
+public:
+    using base::base;
+    using base::operator=;
+    vector(place where = place::here()) noexcept : base(allocator<T>(where)) {}
+    vector(const base& other) : base(other) {}
+    vector(base&& other) noexcept : base(std::move(other)) {}
+};
+
+class string : public std::basic_string<char, std::char_traits<char>, allocator<char>> {
+    using base = std::basic_string<char, std::char_traits<char>, allocator<char>>;
+
+public:
+    using base::base;
+    using base::operator=;
+    string(place where = place::here()) noexcept : base(allocator<char>(where)) {}
+    string(const base& other) : base(other) {}
+    string(base&& other) noexcept : base(std::move(other)) {}
+};
 
 /// Makes an object in a tagged block; null when memory is out or the constructor throws std::bad_alloc.
 /// End it with core::destroy().
 template <class T, class... Args>
 T* create(const char* file, int line, Args&&... args) noexcept {
+    static_assert(alignof(T) <= alignof(std::max_align_t));
     void* block = core_malloc(sizeof(T), file, line);
     if (!block) return nullptr;
     try {
-        return ::new (block) T(std::forward<Args>(args)...);
+        if constexpr (std::is_constructible_v<T, Args...>)
+            return ::new (block) T(std::forward<Args>(args)...);
+        else
+            return ::new (block) T{std::forward<Args>(args)...};  // a plain record
     } catch (const std::bad_alloc&) {
         core_mfree(block);
         return nullptr;

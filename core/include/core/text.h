@@ -6,6 +6,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 
 /// Copies a text; null for null.
 INET_API char* core_strdup(const char* text, const char* file, int line) noexcept;
@@ -28,6 +29,14 @@ INET_API size_t core_strlen(const char* text) noexcept;
 
 /// Bytes as lower-case hexadecimal text, two digits each; null for null.
 INET_API char* core_strhex(const void* data, size_t size, const char* file, int line) noexcept;
+
+/// Reads one character of UTF-8 (RFC 3629) from the first `size` bytes. @return the bytes it takes, 1 to 4, with its
+/// code point in `code`; 0, with `code` untouched, when they do not start with a whole character.
+INET_API size_t utf8_decode(const char* text, size_t size, uint32_t* code) noexcept;
+
+/// Writes a code point as UTF-8, without a terminator; what is no character (a surrogate, above U+10FFFF) as U+FFFD.
+/// @return the bytes written, 1 to 4.
+INET_API size_t utf8_encode(uint32_t code, char out[4]) noexcept;
 
 /// Wide text to UTF-8. Unpaired surrogates and values above U+10FFFF become U+FFFD. Null for null.
 INET_API char* core_utf8(const wchar_t* text, const char* file, int line) noexcept;

@@ -1,0 +1,42 @@
+/// What the address checker of a test build must know about the heads of our blocks; nothing in any other build.
+#pragma once
+
+#include <cstddef>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define CORE_ADDRESS_CHECKER 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define CORE_ADDRESS_CHECKER 1
+#endif
+
+#if defined(CORE_ADDRESS_CHECKER)
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace core::platform {
+
+#if defined(CORE_ADDRESS_CHECKER)
+/// Touching these bytes is a fault from now on.
+inline void forbid(const void* start, size_t size) noexcept { __asan_poison_memory_region(start, size); }
+/// Takes forbid() back.
+inline void permit(const void* start, size_t size) noexcept { __asan_unpoison_memory_region(start, size); }
+#else
+inline void forbid(const void*, size_t) noexcept {}
+inline void permit(const void*, size_t) noexcept {}
+#endif
+
+/// Word by word without the address checker's eye: for looking at memory that may not be ours.
+#if defined(CORE_ADDRESS_CHECKER)
+__attribute__((no_sanitize_address, noinline))
+#else
+inline
+#endif
+static void
+peek(void* to, const void* from, size_t words) noexcept {
+    for (size_t i = 0; i < words; ++i)
+        static_cast<size_t*>(to)[i] = static_cast<const volatile size_t*>(from)[i];
+}
+
+}  // namespace core::platform
