@@ -21,7 +21,7 @@ INET_API void* list_pop(list_ctx* list) noexcept;
 INET_API void* list_find(list_ctx* list, const void* key, int (*compare)(const void* item, const void* key)) noexcept;
 
 /// Walks the list: `list_iterate_start` puts the cursor before the first item, `list_next` moves on and returns the
-/// item, null after the last. The item just returned may be deleted during the walk.
+/// item, null after the last. Any item may be deleted and added during the walk.
 INET_API void list_iterate_start(list_ctx* list) noexcept;
 INET_API void* list_next(list_ctx* list) noexcept;
 
