@@ -37,9 +37,11 @@ INET_API void core_log_free(log_ctx*& log) noexcept;
 [[gnu::format(printf, 2, 3)]] INET_API void core_con_printf(int color, const char* format, ...) noexcept;
 
 /// Adds a sink: `write(arg, line)` is called for every line of the logs it wants, on the printing thread, one line at a
-/// time for each sink. It may print to logs itself; those lines are not handed back to it. No sink is set at the start.
+/// time for each sink. It may print to logs itself; those lines follow when it has returned and are not handed back to
+/// it. It may remove itself and any other sink, but not one whose `write` is just removing it. No sink is set at the
+/// start; 32 can be set at once.
 /// @param logs  names of logs separated by ',', or "*" for all
-/// @return a number for core_log_sink_rem(), 0 when memory is out
+/// @return a number for core_log_sink_rem(), 0 when memory is out or no place is left
 INET_API uint32_t core_log_sink_add(const char* logs, void (*write)(void* arg, const log_line_t* line),
                                     void* arg) noexcept;
 
@@ -47,7 +49,9 @@ INET_API uint32_t core_log_sink_add(const char* logs, void (*write)(void* arg, c
 /// opened.
 INET_API uint32_t core_log_sink_file(const char* logs, const char* path) noexcept;
 
-/// Adds a sink that writes to the standard error stream, in colour when that is a terminal.
+/// Adds a sink that writes to the standard error stream, in colour when that is a terminal. Control characters and
+/// bytes that are not UTF-8 show as \xHH and further lines of a text are indented: a line may hold what a peer has
+/// sent.
 INET_API uint32_t core_log_sink_console(const char* logs) noexcept;
 
 /// Takes a sink away and closes its file. When the call returns its `write` is not running on another thread and will

@@ -1,0 +1,221 @@
+#include "core/thread.h"
+
+#include "core/memory.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+constexpr uint32_t long_time = 60'000;
+
+int64_t elapsed_ms(clock_type::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - since).count();
+}
+
+TEST(Thread, BodyLearnsOfTheCancelAndStopWaitsForItsEnd) {
+    struct {
+        event_ctx* wake = _event_create(CORE_HERE);
+        std::atomic<int> hooks = 0;
+        std::atomic<bool> ended = false;
+        std::atomic<bool> was_current = false;
+    } state;
+    using state_t = decltype(state);
+    thread_ctx* thread = core_thread_start(
+        &state,
+        [](void* arg, thread_ctx* self) {
+            auto& s = *static_cast<state_t*>(arg);
+            s.was_current = core_thread_iscurrent(self) == 1;
+            while (!core_thread_iscancel(self))
+                event_wait(s.wake, event_infinite);
+            s.ended = true;
+        },
+        [](void* arg, thread_ctx*) {
+            auto& s = *static_cast<state_t*>(arg);
+            ++s.hooks;
+            event_set(s.wake);
+        },
+        CORE_HERE);
+    ASSERT_TRUE(thread);
+    EXPECT_EQ(core_thread_iscurrent(thread), 0);
+    EXPECT_EQ(core_thread_iscancel(thread), 0);
+    core_thread_cancel(thread);
+    EXPECT_EQ(core_thread_iscancel(thread), 1);
+    core_thread_stop(thread);
+    EXPECT_TRUE(state.ended);
+    EXPECT_TRUE(state.was_current);
+    EXPECT_EQ(state.hooks, 1);
+    EXPECT_FALSE(thread);
+    core_thread_stop(thread);  // null by now
+    _event_free(state.wake);
+}
+
+TEST(Thread, CancelEndsASleepAtOnce) {
+    struct {
+        event_ctx* slept = _event_create(CORE_HERE);
+        int first = -1;
+        int second = -1;
+    } state;
+    thread_ctx* thread = core_thread_start(
+        &state,
+        [](void* arg, thread_ctx* self) {
+            auto& s = *static_cast<decltype(state)*>(arg);
+            s.first = core_thread_sleep(self, 1);
+            event_set(s.slept);
+            s.second = core_thread_sleep(self, long_time);
+        },
+        nullptr, CORE_HERE);
+    ASSERT_EQ(event_wait(state.slept, long_time), 1);
+    const auto start = clock_type::now();
+    core_thread_stop(thread);
+    EXPECT_EQ(state.first, 0);
+    EXPECT_EQ(state.second, 1);
+    EXPECT_LT(elapsed_ms(start), long_time / 2);
+    _event_free(state.slept);
+}
+
+TEST(Thread, BodyMayStopItsOwnThread) {
+    // The handle is released as the body returns; main() would find it held otherwise.
+    event_ctx* done = _event_create(CORE_HERE);
+    for (int i = 0; i < 50; ++i) {
+        const size_t held = core_mem_blocks();
+        core_thread_start(
+            done,
+            [](void* arg, thread_ctx* self) {
+                thread_ctx* handle = self;
+                core_thread_stop(handle);
+                EXPECT_FALSE(handle);
+                EXPECT_EQ(core_thread_iscancel(self), 1);
+                core_thread_setname(self, "leaving");
+                event_set(static_cast<event_ctx*>(arg));
+            },
+            nullptr, CORE_HERE);
+        ASSERT_EQ(event_wait(done, long_time), 1);
+        while (core_mem_blocks() > held)
+            core_sleep(0);
+    }
+    _event_free(done);
+}
+
+TEST(Thread, NameIsCutToWhatTheSystemHolds) {
+    std::string name(16, '?');
+    thread_ctx* thread = core_thread_start(
+        &name,
+        [](void* arg, thread_ctx* self) {
+            core_thread_setname(self, "a name longer than fifteen");
+            auto& out = *static_cast<std::string*>(arg);
+            pthread_getname_np(pthread_self(), out.data(), out.size());
+        },
+        nullptr, CORE_HERE);
+    core_thread_setname(thread, nullptr);
+    core_thread_stop(thread);
+    EXPECT_STREQ(name.c_str(), "a name longer t");
+}
+
+TEST(Thread, InvokeRunsOnAThreadOfItsOwn) {
+    struct {
+        event_ctx* done = _event_create(CORE_HERE);
+        uint64_t id = 0;
+    } state;
+    ASSERT_EQ(core_thread_invoke(
+                  [](void* arg) {
+                      auto& s = *static_cast<decltype(state)*>(arg);
+                      s.id = core_thread_id();
+                      event_set(s.done);
+                  },
+                  &state, CORE_HERE),
+              1);
+    ASSERT_EQ(event_wait(state.done, long_time), 1);
+    EXPECT_NE(state.id, 0U);
+    EXPECT_NE(state.id, core_thread_id());
+    _event_free(state.done);
+}
+
+TEST(Thread, OutOfMemoryGivesNull) {
+    core_mem_set_fault([](size_t, const char*, int) { return true; });
+    EXPECT_FALSE(core_thread_start(
+        nullptr, [](void*, thread_ctx*) {}, nullptr, CORE_HERE));
+    EXPECT_EQ(core_thread_invoke([](void*) {}, nullptr, CORE_HERE), 0);
+    EXPECT_FALSE(core_lock_create(CORE_HERE));
+    EXPECT_FALSE(_event_create(CORE_HERE));
+    core_mem_set_fault(nullptr);
+}
+
+TEST(Event, SetTwiceReleasesOneWaitAndResets) {
+    event_ctx* event = _event_create(CORE_HERE);
+    EXPECT_EQ(event_wait(event, 0), 0);
+    event_set(event);
+    event_set(event);
+    EXPECT_EQ(event_wait(event, 0), 1);
+    const auto start = clock_type::now();
+    EXPECT_EQ(event_wait(event, 20), 0);
+    EXPECT_GE(elapsed_ms(start), 20);
+    _event_free(event);
+    EXPECT_FALSE(event);
+}
+
+TEST(Event, WaiterMayFreeItAsSoonAsItIsReleased) {
+    for (int i = 0; i < 200; ++i) {
+        event_ctx* event = _event_create(CORE_HERE);
+        thread_ctx* setter = core_thread_start(
+            event, [](void* arg, thread_ctx*) { event_set(static_cast<event_ctx*>(arg)); }, nullptr, CORE_HERE);
+        ASSERT_EQ(event_wait(event, event_infinite), 1);
+        _event_free(event);
+        core_thread_stop(setter);
+    }
+}
+
+/// Runs the body on four threads at once.
+void on_four_threads(void* arg, void (*body)(void* arg, thread_ctx* thread)) {
+    std::array<thread_ctx*, 4> threads{};
+    for (auto& thread : threads)
+        thread = core_thread_start(arg, body, nullptr, CORE_HERE);
+    for (auto& thread : threads)
+        core_thread_stop(thread);
+}
+
+TEST(Lock, IsRecursiveAndExcludesOtherThreads) {
+    struct {
+        lock_ctx* lock = core_lock_create(CORE_HERE);
+        int count = 0;
+    } state;
+    on_four_threads(&state, [](void* arg, thread_ctx*) {
+        auto& s = *static_cast<decltype(state)*>(arg);
+        for (int i = 0; i < 1000; ++i) {
+            lock_enter(s.lock);
+            lock_enter(s.lock);
+            ++s.count;
+            lock_leave(s.lock);
+            lock_leave(s.lock);
+        }
+    });
+    EXPECT_EQ(state.count, 4000);
+    core_lock_delete(state.lock);
+    EXPECT_FALSE(state.lock);
+}
+
+TEST(Atomic, ResultsAreTheNewOrTheFoundValue) {
+    volatile uint32_t word = 0;
+    EXPECT_EQ(atomic_dec32(&word), 0xffffffffU);
+    EXPECT_EQ(atomic_inc32(&word), 0U);
+    EXPECT_EQ(atomic_set32(&word, 7), 7U);
+    EXPECT_EQ(atomic_xchg32(&word, 8), 7U);
+    EXPECT_EQ(atomic_cas32(&word, 9, 7), 8U);
+    EXPECT_EQ(atomic_get32(&word), 8U);
+    EXPECT_EQ(atomic_cas32(&word, 9, 8), 8U);
+    EXPECT_EQ(atomic_get32(&word), 9U);
+    on_four_threads(const_cast<uint32_t*>(&word), [](void* arg, thread_ctx*) {
+        for (int i = 0; i < 1000; ++i)
+            atomic_inc32(static_cast<uint32_t*>(arg));
+    });
+    EXPECT_EQ(atomic_get32(&word), 4009U);
+}
+
+}  // namespace

@@ -1,0 +1,181 @@
+#include "core/time.h"
+
+#include "core/memory.h"
+#include "core/thread.h"
+
+#include <atomic>
+#include <clocale>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+constexpr uint64_t second = 1'000'000;
+constexpr uint64_t moment = 1'448'466'450'042'999;  // 2015-11-25 15:47:30.042999, a Wednesday
+
+std::atomic<uint64_t> shown;
+
+class Time : public testing::Test {
+protected:
+    ~Time() override { core_time_set_clock(nullptr); }
+};
+
+std::string formatted(uint64_t us, const char* pattern) {
+    char* text = core_str_from_time(us, pattern, CORE_HERE);
+    std::string result = text ? text : "(null)";
+    core_mfree(text);
+    return result;
+}
+
+TEST_F(Time, NowNeverGoesBackwards) {
+    core_time_set_clock([] { return shown.load(); });
+    shown = 1000;
+    EXPECT_EQ(time_now(), 1000U);
+    shown = 400;
+    EXPECT_EQ(time_now(), 1000U);
+    shown = 1001;
+    EXPECT_EQ(time_now(), 1001U);
+    EXPECT_EQ(core_timer(), 1001U);
+}
+
+TEST_F(Time, NowNeverGoesBackwardsAcrossThreads) {
+    // The clock jumps to and fro; whoever sees another thread's time sees no earlier one afterwards.
+    static std::atomic<uint32_t> ticks;
+    core_time_set_clock([] { return uint64_t{ticks += 7919} % 10'007; });
+    std::atomic<uint64_t> seen = 0;
+    const auto body = [](void* arg, thread_ctx*) {
+        auto& highest = *static_cast<std::atomic<uint64_t>*>(arg);
+        for (int i = 0; i < 5000; ++i) {
+            const uint64_t before = highest;
+            const uint64_t now = time_now();
+            ASSERT_GE(now, before);
+            highest = now;
+        }
+    };
+    thread_ctx* a = core_thread_start(&seen, body, nullptr, CORE_HERE);
+    thread_ctx* b = core_thread_start(&seen, body, nullptr, CORE_HERE);
+    core_thread_stop(a);
+    core_thread_stop(b);
+}
+
+TEST_F(Time, SystemClocksRun) {
+    const uint64_t now = time_now();
+    const uint64_t timer = core_timer();
+    EXPECT_NEAR(static_cast<double>(now), static_cast<double>(std::time(nullptr)) * 1e6, 3e6);
+    core_sleep(2);
+    EXPECT_GE(core_timer() - timer, 2000U);
+}
+
+TEST_F(Time, PatternsInTheCLocale) {
+    // Locales of the host program must not show in protocol texts.
+    std::setlocale(LC_ALL, "de_DE.UTF-8");
+    const struct {
+        const char* pattern;
+        const char* text;
+    } cases[] = {
+        {"%Y-%m-%dT%H:%M:%S.%sZ", "2015-11-25T15:47:30.042Z"},
+        {"%a, %d %b %Y %H:%M:%S GMT", "Wed, 25 Nov 2015 15:47:30 GMT"},
+        {"%Y%m%d%H%M%S", "20151125154730"},
+        {"%A %B %e", "Wednesday November 25"},
+        {"%s%%s%", "042%s%"},
+        {"%q", "%q"},
+        {"", ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(formatted(moment, c.pattern), c.text) << c.pattern;
+    std::setlocale(LC_ALL, "C");
+    EXPECT_EQ(core_str_from_time(moment, nullptr, CORE_HERE), nullptr);
+}
+
+TEST_F(Time, EveryConversionIsThatOfStrftime) {
+    const std::string conversions = "aAbBcCdDeFgGhHIjmMnprRStTuUVwWxXyYzZ";
+    // Days around the ends of years, where week numbers change years, leap days, both ends of a day.
+    for (int year = 1970; year < 2110; ++year) {
+        for (const int day : {-3, -1, 0, 1, 3, 58, 59, 60, 200}) {
+            tm fields{};
+            fields.tm_year = year - 1900;
+            fields.tm_mday = 1 + day;
+            const int64_t base = core_timegm(&fields);
+            for (const int64_t when : {base, base + 43'200, base + 86'399}) {
+                if (when < 0) continue;
+                const time_t seconds = when;
+                tm system{};
+                gmtime_r(&seconds, &system);
+                ASSERT_EQ(timegm(&system), when);
+                for (const char conversion : conversions) {
+                    const char pattern[] = {'%', conversion, 0};
+                    char expected[100];
+                    const size_t size = std::strftime(expected, sizeof expected, pattern, &system);
+                    char out[100];
+                    const uint32_t length = time_format(static_cast<uint64_t>(when) * second, pattern, out, sizeof out);
+                    ASSERT_EQ(std::string(out, length), std::string(expected, size)) << pattern << " at " << when;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(Time, FormatIsCutToTheBuffer) {
+    char out[6] = "xxxxx";
+    EXPECT_EQ(time_format(moment, "%Y-%m", out, 6), 5U);
+    EXPECT_STREQ(out, "2015-");
+    EXPECT_EQ(time_format(moment, "%Y-%m", out, 1), 0U);
+    EXPECT_STREQ(out, "");
+    EXPECT_EQ(time_format(moment, "%Y-%m", out, 0), 0U);
+    EXPECT_EQ(time_format(moment, nullptr, out, 6), 0U);
+    core_mem_set_fault([](size_t, const char*, int) { return true; });
+    EXPECT_EQ(time_format(moment, "%H", out, 6), 2U);
+    EXPECT_EQ(core_str_from_time(moment, "%H", CORE_HERE), nullptr);
+    core_mem_set_fault(nullptr);
+}
+
+TEST_F(Time, CalendarGoesBothWaysToTheEndOfTheRange) {
+    for (const uint64_t us : {uint64_t{0}, moment, 951'782'400 * second, 253'402'300'800 * second, UINT64_MAX}) {
+        tm fields{};
+        ASSERT_EQ(core_timeUtc(us, &fields), 1);
+        EXPECT_EQ(core_timegm(&fields), static_cast<int64_t>(us / second));
+        const auto seconds = static_cast<time_t>(us / second);
+        tm system{};
+        gmtime_r(&seconds, &system);
+        EXPECT_EQ(fields.tm_year, system.tm_year);
+        EXPECT_EQ(fields.tm_yday, system.tm_yday);
+        EXPECT_EQ(fields.tm_wday, system.tm_wday);
+    }
+    EXPECT_EQ(core_timeUtc(0, nullptr), 0);
+}
+
+TEST_F(Time, FieldsOutOfRangeCarryOver) {
+    for (const int month : {-25, -12, -1, 0, 11, 12, 37}) {
+        for (const int day : {-400, 0, 1, 31, 800}) {
+            tm fields{};
+            fields.tm_year = -130;
+            fields.tm_mon = month;
+            fields.tm_mday = day;
+            fields.tm_hour = 30;
+            fields.tm_min = -90;
+            fields.tm_sec = 3700;
+            tm system = fields;
+            EXPECT_EQ(core_timegm(&fields), timegm(&system)) << month << ' ' << day;
+        }
+    }
+}
+
+TEST_F(Time, LocalTimeIsShiftedByTheOffset) {
+    core_time_set_clock([] { return moment; });
+    setenv("TZ", "XST-5:30", 1);
+    tzset();
+    EXPECT_EQ(time_now_local(), moment + 19'800 * second);
+    setenv("TZ", "XST+3", 1);
+    tzset();
+    EXPECT_EQ(time_now_local(), moment - 10'800 * second);
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(Time, FileTimeCountsFrom1601) {
+    EXPECT_EQ(time_to_FileTime(0), 116'444'736'000'000'000U);
+    EXPECT_EQ(time_to_FileTime(1), 116'444'736'000'000'010U);
+}
+
+}  // namespace
