@@ -1,0 +1,26 @@
+/// Reports of video analytics detectors (JSON) as ONVIF metadata stream documents (XML, tt:MetadataStream).
+///
+/// A report document is an array of reports; of each the rectangles among its "objects" are taken:
+///
+///     [{"objects": [{"rectangle": {"type_graphic": 3, "id": 7, "points": [{"x": 100, "y": 200}, {"x": 300, "y":
+///     400}]}}]}]
+///
+/// Coordinates run from 0 to 65536, y upwards. A rectangle with an id other than 0 keeps it and gets its centre of
+/// gravity; others are numbered from 1 in each document and have their centre at 0.0, 0.0. A rectangle without width or
+/// height is left out. Numbers that are no integers within 64 bits count as missing.
+///
+/// A document takes at most 384 bytes for each rectangle and 512 beside them; time is linear. Any thread.
+#pragma once
+
+#include "core/api.h"
+
+#include <cstdint>
+
+/// @param time  of the frame, microseconds since 1970-01-01 UTC, written as core_str_from_time() does with
+///              "%Y-%m-%dT%H:%M:%S.%sZ"
+/// @return a new text for core_mfree(); null when `json` is null, is no JSON array or has no rectangle to show, or when
+///         memory is out.
+INET_API char* net_analytics_convert(const char* json, uint64_t time, const char* file, int line) noexcept;
+
+/// The same with the time written as "%d-%02d-%02dT%02d:%02d:%02d.%03dZ".
+INET_API char* onvif_convert(const char* json, uint64_t time) noexcept;
