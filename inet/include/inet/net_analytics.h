@@ -2,8 +2,8 @@
 ///
 /// A report document is an array of reports; of each the rectangles among its "objects" are taken:
 ///
-///     [{"objects": [{"rectangle": {"type_graphic": 3, "id": 7, "points": [{"x": 100, "y": 200}, {"x": 300, "y":
-///     400}]}}]}]
+///     [{"objects": [{"rectangle": {"type_graphic": 3, "id": 7,
+///                                  "points": [{"x": 100, "y": 200}, {"x": 300, "y": 400}]}}]}]
 ///
 /// Coordinates run from 0 to 65536, y upwards. A rectangle with an id other than 0 keeps it and gets its centre of
 /// gravity; others are numbered from 1 in each document and have their centre at 0.0, 0.0. A rectangle without width or

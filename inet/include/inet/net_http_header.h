@@ -100,7 +100,8 @@ INET_API int http_header_copy(net::http::header_s* to, const char* name, value_t
 INET_API int http_header_sprintf(const net::http::header_s* header, char* out, int size) noexcept;
 
 /// The same as a new text for core_mfree(); null when memory is out.
-/// @param target  stands in the request line, without a '/' before it, when the record has no uri; may be null
+/// @param target  stands in the request line, without a '/' before it, when the record has no uri; null is
+///                nothing
 INET_API char* http_header_str(const net::http::header_s* header, const char* target, const char* file,
                                int line) noexcept;
 

@@ -1,0 +1,51 @@
+// Cutting and reading of borrowed text, shared by the text protocols.
+#pragma once
+
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+namespace scan {
+
+/// What sscanf() and atoi() skip before a number.
+inline constexpr std::string_view spaces = " \t\n\v\f\r";
+
+inline std::string_view skip(std::string_view text, std::string_view characters) noexcept {
+    const size_t first = text.find_first_not_of(characters);
+    return first == std::string_view::npos ? std::string_view() : text.substr(first);
+}
+
+/// Takes the text before the first `end` off the front of `rest`, and the `end` itself; all of it when there is none.
+inline std::string_view take(std::string_view& rest, char end) noexcept {
+    const size_t at = rest.find(end);
+    const std::string_view taken = rest.substr(0, at);
+    rest.remove_prefix(at == std::string_view::npos ? rest.size() : at + 1);
+    return taken;
+}
+
+/// The number at the start of a text, behind spaces and a '+'; what follows it does not matter. A number that does not
+/// fit is 0, so that no peer gets a chosen value out of an overflow.
+inline std::optional<uint32_t> number(std::string_view text, int base = 10) noexcept {
+    text = skip(text, spaces);
+    if (text.starts_with('+')) text.remove_prefix(1);
+    if (base == 16 && (text.starts_with("0x") || text.starts_with("0X"))) text.remove_prefix(2);
+    uint32_t value = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (result.ec == std::errc::invalid_argument) return std::nullopt;
+    return result.ec == std::errc() ? value : 0;
+}
+
+inline uint32_t decimal(std::string_view text) noexcept { return number(text).value_or(0); }
+inline uint32_t hexadecimal(std::string_view text) noexcept { return number(text, 16).value_or(0); }
+
+/// Value of a hexadecimal digit, -1 for any other character.
+inline int hex_digit(char c) noexcept {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+}  // namespace scan
