@@ -1,39 +1,194 @@
 #include "core/memory.h"
 
+#include "support/fault.h"
+
 #include "core/owned.h"
+#include "core/text.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
+#include <latch>
+#include <map>
+#include <numeric>
+#include <thread>
+#include <vector>
 
-TEST(Memory, BlocksKnowTheirLine) {
-    void* block = core_malloc(100, "here.cpp", 7);
-    EXPECT_STREQ(core_mem_file(block), "here.cpp");
-    EXPECT_EQ(core_mem_line(block), 7);
-    EXPECT_EQ(core_mem_blocks(), 1u);
-    EXPECT_EQ(core_mem_bytes(), 100u);
-    core_mfree(block);
-    EXPECT_EQ(core_mem_blocks(), 0u);
+namespace {
+
+using sites_t = std::map<std::pair<std::string, int>, std::pair<size_t, size_t>>;
+
+sites_t report() {
+    sites_t sites;
+    const size_t lines = core_mem_report(
+        [](void* arg, const mem_site_t* site) {
+            auto& entry = (*static_cast<sites_t*>(arg))[{site->file, site->line}];
+            EXPECT_EQ(entry.first, 0u) << "a line is visited once";
+            entry = {site->blocks, site->bytes};
+        },
+        &sites);
+    EXPECT_EQ(lines, sites.size());
+    return sites;
 }
 
-TEST(MemoryDeathTest, DoubleFree) {
-    void* block = core_malloc(100, "here.cpp", 7);
+bool aligned(const void* block) { return reinterpret_cast<uintptr_t>(block) % alignof(std::max_align_t) == 0; }
+
+/// Lives longer than main(), and longer than the allocator's own thread-local parts.
+struct outliving_t {
+    ~outliving_t() { core_mfree(core_malloc(10, CORE_HERE)); }
+    core::owned_text before_main{core_strdup("made before main", CORE_HERE)};
+};
+outliving_t outliving;
+
+}  // namespace
+
+TEST(Memory, WorksBeforeMain) {
+    EXPECT_STREQ(outliving.before_main.get(), "made before main");
+    outliving.before_main.reset();  // what is still held after the tests is a failure
+}
+
+TEST(Memory, ReportSumsByAllocatingLine) {
+    const char same_text[2][8] = {"one.cpp", "one.cpp"};  // a header's line, compiled into two sources
+    void* blocks[] = {core_malloc(100, same_text[0], 7), core_malloc(0, same_text[1], 7), core_calloc(3, 5, "two", 7),
+                      core_realloc(nullptr, 8, "one.cpp", 8)};
+    const sites_t expected = {{{"one.cpp", 7}, {2, 100}}, {{"one.cpp", 8}, {1, 8}}, {{"two", 7}, {1, 15}}};
+    EXPECT_EQ(report(), expected);
+    EXPECT_EQ(core_mem_blocks(), 4u);
+    EXPECT_EQ(core_mem_bytes(), 123u);
+    EXPECT_STREQ(core_mem_file(blocks[2]), "two");
+    EXPECT_EQ(core_mem_line(blocks[3]), 8);
+    EXPECT_EQ(core_mem_size(blocks[0]), 100u);
+    for (void* block : blocks) {
+        EXPECT_TRUE(aligned(block));
+        core_mfree(block);
+    }
+    EXPECT_EQ(report(), sites_t());
+    EXPECT_EQ(core_mem_bytes(), 0u);
+}
+
+TEST(Memory, NullIsNoBlock) {
+    core_mfree(nullptr);
+    EXPECT_EQ(core_mem_file(nullptr), nullptr);
+    EXPECT_EQ(core_mem_line(nullptr), 0);
+    EXPECT_EQ(core_mem_size(nullptr), 0u);
+}
+
+TEST(Memory, SizesThatCannotBeAreRefused) {
+    EXPECT_EQ(core_malloc(SIZE_MAX, CORE_HERE), nullptr);
+    EXPECT_EQ(core_malloc(SIZE_MAX - 16, CORE_HERE), nullptr);
+    EXPECT_EQ(core_calloc(SIZE_MAX / 2, 3, CORE_HERE), nullptr);
+    core::owned<void> block(core_malloc(1, CORE_HERE));
+    EXPECT_EQ(core_realloc(block.get(), SIZE_MAX, CORE_HERE), nullptr);
+    EXPECT_EQ(core_mem_size(block.get()), 1u);
+}
+
+TEST(Memory, ReallocKeepsContentAndMovesToTheNewLine) {
+    auto* block = static_cast<uint8_t*>(core_malloc(1, "old", 1));
+    block[0] = 1;
+    for (const size_t size : {3u, 100000u, 50u, 2u, 5000u}) {
+        const size_t kept = std::min(core_mem_size(block), size);
+        std::iota(block, block + core_mem_size(block), uint8_t{1});
+        block = static_cast<uint8_t*>(core_realloc(block, size, "new", 2));
+        ASSERT_NE(block, nullptr);
+        for (size_t i = 0; i < kept; ++i)
+            ASSERT_EQ(block[i], static_cast<uint8_t>(i + 1)) << size;
+        EXPECT_EQ(report(), (sites_t{{{"new", 2}, {1, size}}}));
+    }
+    core_mfree(block);
+}
+
+TEST(Memory, FaultLeavesTheOldBlock) {
+    auto* block = static_cast<char*>(core_malloc(4, "old", 1));
+    std::memcpy(block, "abc", 4);
+    core_mem_set_fault([](size_t size, const char*, int line) { return size == 8 && line == 2; });
+    EXPECT_EQ(core_realloc(block, 8, "new", 2), nullptr);
+    EXPECT_EQ(core_malloc(8, "new", 2), nullptr);
+    EXPECT_EQ(core_calloc(2, 4, "new", 2), nullptr);
+    core_mem_set_fault(nullptr);
+    EXPECT_STREQ(block, "abc");
+    EXPECT_EQ(report(), (sites_t{{{"old", 1}, {1, 4}}}));
+    core_mfree(block);
+}
+
+TEST(Memory, ManyLines) {
+    constexpr int lines = 3000;
+    std::vector<void*> blocks;
+    for (int line = 0; line < lines; ++line)
+        blocks.push_back(core_malloc(1, "many", line));
+    EXPECT_EQ(report().size(), static_cast<size_t>(lines));
+    EXPECT_EQ(core_mem_line(blocks[2999]), 2999);
+    for (void* block : blocks)
+        core_mfree(block);
+}
+
+// More threads than have counters of their own, releasing what others made, also while their thread-local objects end.
+TEST(Memory, CountsAreExactAcrossThreads) {
+    struct at_end_t {
+        ~at_end_t() { core_mfree(block); }
+        void* block = nullptr;
+    };
+    constexpr size_t threads = 80;
+    for (int round = 0; round < 3; ++round) {
+        std::vector<void*> blocks(threads);
+        std::latch all_made(threads);
+        std::vector<std::thread> running;
+        for (size_t i = 0; i < threads; ++i)
+            running.emplace_back([&, i] {
+                static thread_local at_end_t at_end;
+                blocks[i] = core_malloc(i, "thread", static_cast<int>(i % 7));
+                at_end.block = core_malloc(i, "at end", 1);
+                all_made.arrive_and_wait();
+                for (size_t k = 0; k < 500; ++k)
+                    core_mfree(core_malloc(k, "passing", static_cast<int>(k % 5)));
+                core_mfree(blocks[(i + 1) % threads]);
+            });
+        for (std::thread& thread : running)
+            thread.join();
+        EXPECT_EQ(report(), sites_t());
+        EXPECT_EQ(core_mem_bytes(), 0u);
+    }
+}
+
+TEST(MemoryDeathTest, WhatIsNoBlockEndsTheProcess) {
+    alignas(std::max_align_t) static char foreign[64] = {};
+    void* block = core_malloc(100, CORE_HERE);
+    EXPECT_DEATH(core_mfree(foreign + 32), "core: block");
+    EXPECT_DEATH(core_mfree(static_cast<char*>(block) + 16), "core: block");
+    EXPECT_DEATH(core_mfree(static_cast<char*>(block) + 1), "core: block");
+    EXPECT_DEATH(
+        {
+            auto* before = static_cast<volatile char*>(block) - 1;
+            *before = static_cast<char>(~*before);
+            core_mfree(block);
+        },
+        "core: block|use-after-poison");
     core_mfree(block);
     EXPECT_DEATH(core_mfree(block), "core: block");
+    EXPECT_DEATH(core_realloc(block, 1, CORE_HERE), "core: block");
 }
 
-TEST(Owned, ContainersAreNamedAfterTheLineThatMadeThem) {
+TEST(Owned, StorageIsNamedAfterTheLineThatMadeTheContainer) {
     core::vector<int> numbers;
-    numbers = {1, 2, 3};
-    EXPECT_STREQ(core_mem_file(numbers.data()), __FILE__);
-    EXPECT_EQ(core_mem_line(numbers.data()), __LINE__ - 3);
     const core::string text(100, 'a');
-    EXPECT_EQ(core_mem_line(text.data()), __LINE__ - 1);
-    core::string more = text + "b";
-    core::string again;
-    again = text + "b";
-    again = "x";
-    again = text.substr(1);
-    again += more;
-    core::vector<core::string> texts;
-    texts.push_back("abc");
-    texts.emplace_back(text);
+    core::string joined;
+    const int line = __LINE__;
+    numbers = {1, 2, 3};
+    joined = text + "b";
+    joined += text;
+    EXPECT_STREQ(core_mem_file(numbers.data()), __FILE__);
+    EXPECT_EQ(core_mem_line(numbers.data()), line - 3);
+    EXPECT_EQ(core_mem_line(text.data()), line - 2);
+    EXPECT_STREQ(core_mem_file(joined.data()), __FILE__);
+}
+
+TEST(Owned, CreateTurnsFailureIntoNull) {
+    struct holder_t {
+        explicit holder_t(size_t count) : numbers(count) {}
+        core::vector<int> numbers;
+    };
+    size_t runs = 0;
+    test::fail_each_allocation([&runs] {
+        const core::owned_object<holder_t> holder(core::create<holder_t>(CORE_HERE, size_t{10}));
+        EXPECT_EQ(holder != nullptr, ++runs == 3);
+    });
+    EXPECT_EQ(runs, 3u);
 }

@@ -24,6 +24,26 @@ inline bool fails(size_t, const char*, int) {
 }
 }  // namespace fault_state
 
+/// Counts the allocations of all threads while it lives. One at a time in a process.
+class allocation_count {
+public:
+    allocation_count() {
+        count = 0;
+        core_mem_set_fault([](size_t, const char*, int) {
+            ++count;
+            return false;
+        });
+    }
+    ~allocation_count() { core_mem_set_fault(nullptr); }
+    allocation_count(const allocation_count&) = delete;
+    allocation_count& operator=(const allocation_count&) = delete;
+
+    size_t value() const { return count; }
+
+private:
+    static inline std::atomic<size_t> count{0};
+};
+
 /// Lets the n-th allocation from its making on fail, that one alone, until it ends. One at a time in a process.
 class failing_allocation {
 public:

@@ -1,0 +1,192 @@
+#include "core/text.h"
+
+#include "support/fault.h"
+
+#include "core/owned.h"
+#include "core/param.h"
+#include "core/template.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+std::string take(char* text) {
+    const core::owned_text owner(text);
+    return text ? text : "(null)";
+}
+
+std::string via_wide(const char* text) {
+    const core::owned<wchar_t> wide(core_wchar(text, CORE_HERE));
+    return take(core_utf8(wide.get(), CORE_HERE));
+}
+
+int sign(int value) { return (value > 0) - (value < 0); }
+
+}  // namespace
+
+TEST(Text, Copies) {
+    const std::vector<char> unterminated = {'a', 'b', 'c'};
+    EXPECT_EQ(take(core_strndup(unterminated.data(), 3, CORE_HERE)), "abc");
+    EXPECT_EQ(take(core_strndup("abc", 2, CORE_HERE)), "ab");
+    EXPECT_EQ(take(core_strndup("abc", SIZE_MAX, CORE_HERE)), "abc");
+    EXPECT_EQ(take(core_strdup("", CORE_HERE)), "");
+    EXPECT_EQ(core_strdup(nullptr, CORE_HERE), nullptr);
+    EXPECT_EQ(core_strndup(nullptr, 3, CORE_HERE), nullptr);
+    EXPECT_EQ(take(core_strhex("\x00\x7f\xff", 3, CORE_HERE)), "007fff");
+    EXPECT_EQ(core_strhex(nullptr, 0, CORE_HERE), nullptr);
+}
+
+TEST(Text, FormatsAnyLength) {
+    for (const int width : {1, 254, 255, 256, 257, 5000}) {
+        const std::string text = take(core_sprintf(CORE_HERE, "%0*d", width, 7));
+        EXPECT_EQ(text, std::string(static_cast<size_t>(width - 1), '0') + "7");
+    }
+    const char* no_format = nullptr;
+    EXPECT_EQ(core_sprintf(CORE_HERE, no_format, 1), nullptr);
+    // No multibyte form in the C locale: the formatter gives up.
+    EXPECT_EQ(core_sprintf(CORE_HERE, "%ls", L"\x7fffffff"), nullptr);
+}
+
+TEST(Text, ComparesWithoutCase) {
+    const struct {
+        const char *a, *b;
+        size_t n;
+        int expected;
+    } cases[] = {
+        {"Content-Length", "cONTENT-lENGTH", SIZE_MAX, 0},
+        {"abc", "ABD", SIZE_MAX, -1},
+        {"abc", "ABD", 2, 0},
+        {"abc", "ab", SIZE_MAX, 1},
+        {"ab\0x", "ab\0y", 4, 0},
+        {"x", "y", 0, 0},
+        {"[", "a", SIZE_MAX, -1},        // between the cases of the alphabet
+        {"\xc4", "\xe4", SIZE_MAX, -1},  // no letters beyond A-Z
+        {"z", "\x80", SIZE_MAX, -1},     // bytes, not signed characters
+        {nullptr, "", SIZE_MAX, -1},
+        {"", nullptr, SIZE_MAX, 1},
+        {nullptr, nullptr, SIZE_MAX, 0},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(sign(core_strncasecmp(c.a, c.b, c.n)), c.expected) << (c.a ? c.a : "null");
+        if (c.n != SIZE_MAX) continue;
+        EXPECT_EQ(sign(core_strcasecmp(c.a, c.b)), c.expected);
+    }
+    EXPECT_EQ(core_strlen(nullptr), 0u);
+}
+
+// Every character survives both ways, and what is accepted is the one way to write it: so nothing else is accepted.
+TEST(Utf8, AcceptsExactlyTheCharacters) {
+    for (uint32_t code = 0; code <= 0x110000; ++code) {
+        char bytes[4];
+        uint32_t back = 0;
+        const size_t size = utf8_encode(code, bytes);
+        ASSERT_EQ(utf8_decode(bytes, size, &back), size);
+        const bool is_character = code < 0x110000 && (code < 0xd800 || code > 0xdfff);
+        ASSERT_EQ(back, is_character ? code : 0xfffdu);
+        ASSERT_EQ(utf8_decode(bytes, size - 1, &back), 0u) << "cut short";
+    }
+    const std::string_view tails[] = {"\x80\x80", "\xbf\xbf", "\x80\x7f", "\x80\xc0", "\x7f\x80", "\xc0\x80"};
+    for (uint32_t first_two = 0; first_two < 0x10000; ++first_two) {
+        for (const std::string_view tail : tails) {
+            const char bytes[4] = {static_cast<char>(first_two >> 8), static_cast<char>(first_two), tail[0], tail[1]};
+            char again[4];
+            uint32_t code = 0;
+            const size_t size = utf8_decode(bytes, 4, &code);
+            if (size == 0) continue;
+            ASSERT_EQ(utf8_encode(code, again), size);
+            ASSERT_EQ(std::string_view(bytes, size), std::string_view(again, size));
+        }
+    }
+}
+
+TEST(Utf8, ReplacesEachBadByteOfText) {
+#define BAD "\xef\xbf\xbd"
+    const struct {
+        const char *in, *out;
+    } cases[] = {
+        {"", ""},
+        {"a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z", "a\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80z"},
+        {"\x80x", BAD "x"},                     // no first byte
+        {"\xc0\xaf", BAD BAD},                  // overlong
+        {"\xe0\x80\xaf", BAD BAD BAD},          // overlong
+        {"\xed\xa0\x80", BAD BAD BAD},          // surrogate
+        {"\xf4\x90\x80\x80", BAD BAD BAD BAD},  // past U+10FFFF
+        {"\xf8\x88\x80\x80\x80", BAD BAD BAD BAD BAD},
+        {"\xe2\x82", BAD BAD},  // ends too early
+        {"\xe2(\xa1", BAD "(" BAD},
+    };
+#undef BAD
+    for (const auto& c : cases)
+        EXPECT_EQ(via_wide(c.in), c.out) << testing::PrintToString(c.in);
+    EXPECT_EQ(core_wchar(nullptr, CORE_HERE), nullptr);
+    EXPECT_EQ(core_utf8(nullptr, CORE_HERE), nullptr);
+    const wchar_t surrogate[] = {L'a', static_cast<wchar_t>(0xd800), L'b', 0};
+    EXPECT_EQ(take(core_utf8(surrogate, CORE_HERE)),
+              "a\xef\xbf\xbd"
+              "b");
+}
+
+TEST(Param, FindsByNameAndType) {
+    const param_t params[] = {{"name", "first"}, {"size", int64_t{-5}}, {"name", "second"}, {nullptr, "no key"}, {}};
+    EXPECT_STREQ(param_get_text(params, "name"), "first");
+    EXPECT_EQ(param_get_text(params, "size"), nullptr);
+    EXPECT_EQ(param_get_integer(params, "size", 1), -5);
+    EXPECT_EQ(param_get_integer(params, "name", 1), 1);
+    EXPECT_EQ(param_find(params, "Name"), nullptr);
+    EXPECT_EQ(param_find(nullptr, "name"), nullptr);
+    EXPECT_EQ(param_find(params, nullptr), nullptr);
+}
+
+TEST(Template, FillsPlaces) {
+    const param_t params[] = {{"user", "a<b"},
+                              {"n", INT64_MIN},
+                              {"null", static_cast<const char*>(nullptr)},
+                              {"again", "${user}"},
+                              {"data", static_cast<const void*>("x")},
+                              {"", "empty key"},
+                              {"user", "not the first"},
+                              {}};
+    const struct {
+        const char *text, *expected;
+    } cases[] = {
+        {"", ""},
+        {"plain $ { } text", "plain $ { } text"},
+        {"${user}", "a<b"},
+        {"<${user}${user}>", "<a<ba<b>"},
+        {"${n}|${null}|${missing}|${data}|", "-9223372036854775808||||"},
+        {"${again}", "${user}"},
+        {"${}", "empty key"},
+        {"$${user}}", "$a<b}"},
+        {"a${user", "a${user"},
+        {"${user} ${user", "a<b ${user"},
+        {"${use${user}", ""},
+        {"$", "$"},
+        {"${", "${"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(take(core_template_parse(c.text, params, CORE_HERE)), c.expected) << c.text;
+    EXPECT_EQ(take(core_template_parse("a${user}b", nullptr, CORE_HERE)), "ab");
+    EXPECT_EQ(core_template_parse(nullptr, params, CORE_HERE), nullptr);
+}
+
+TEST(Text, NoMemoryIsNull) {
+    size_t runs = 0;
+    test::fail_each_allocation([&runs] {
+        char* texts[] = {core_strdup("a", CORE_HERE),
+                         core_strndup("a", 1, CORE_HERE),
+                         core_sprintf(CORE_HERE, "%d", 1),
+                         core_sprintf(CORE_HERE, "%300d", 1),
+                         core_strhex("a", 1, CORE_HERE),
+                         core_utf8(L"a", CORE_HERE),
+                         reinterpret_cast<char*>(core_wchar("a", CORE_HERE)),
+                         core_template_parse("a", nullptr, CORE_HERE)};
+        for (size_t i = 0; i < std::size(texts); ++i) {
+            EXPECT_EQ(texts[i] == nullptr, i == runs);
+            core_mfree(texts[i]);
+        }
+        ++runs;
+    });
+}
