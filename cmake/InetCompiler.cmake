@@ -32,4 +32,8 @@ if(INET_SANITIZE)
         -fsanitize=${INET_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(inet_compile_options INTERFACE -fsanitize=${INET_SANITIZE})
 endif()
+if(INET_FUZZ)
+    # Coverage that leads the fuzzer.
+    target_compile_options(inet_compile_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 target_link_libraries(inet_compile_options INTERFACE Threads::Threads ${CMAKE_DL_LIBS})

@@ -1,0 +1,79 @@
+// Value lists, templates and UTF-8 from any text. The input's first line is split from the rest: it gives the
+// separators, its last byte the pair separator.
+#include "core/memory.h"
+#include "core/owned.h"
+#include "core/template.h"
+#include "core/text.h"
+#include "core/value.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+namespace {
+
+void require(bool holds) {
+    if (!holds) std::abort();
+}
+
+bool is_trimmed(std::string_view text) {
+    return text.find_first_not_of(" \t") == 0 && text.find_last_not_of(" \t") == text.size() - 1;
+}
+
+void split(const char* text, const char* separator, const char* pair_separator) {
+    value_t** list = core_value_split(text, separator, pair_separator, CORE_HERE);
+    size_t size = 0;
+    for (value_t** pair = list; pair && *pair; ++pair) {
+        const std::string_view key = (*pair)->key;
+        require(key.empty() || is_trimmed(key));
+        require(key.find_first_of(separator) == std::string_view::npos);
+        require(key.find_first_of(pair_separator) == std::string_view::npos);
+        size += key.size() + core_strlen((*pair)->value);
+    }
+    require(size <= std::strlen(text));
+    require(!list || value_get(list, list[0]->key) == list[0]->value);
+    core_value_free(list);
+}
+
+void fill(const char* text) {
+    const param_t params[] = {{"a", "${b}"}, {"b", int64_t{-1}}, {"", "empty"}, {}};
+    const core::owned_text filled(core_template_parse(text, params, CORE_HERE));
+    const std::string_view plain = text;
+    require(filled != nullptr);
+    // Only a whole place changes a text.
+    const size_t open = plain.find("${");
+    if (open == std::string_view::npos || plain.find('}', open) == std::string_view::npos)
+        require(plain == filled.get());
+}
+
+void widen(const char* text) {
+    const core::owned<wchar_t> wide(core_wchar(text, CORE_HERE));
+    const core::owned_text once(core_utf8(wide.get(), CORE_HERE));
+    const core::owned<wchar_t> wide_again(core_wchar(once.get(), CORE_HERE));
+    const core::owned_text twice(core_utf8(wide_again.get(), CORE_HERE));
+    require(std::strcmp(once.get(), twice.get()) == 0);
+    for (size_t at = 0, left = std::strlen(once.get()); left > 0;) {
+        uint32_t code = 0;
+        const size_t used = utf8_decode(once.get() + at, left, &code);
+        require(used != 0);
+        at += used;
+        left -= used;
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    const size_t line_end = std::min(input.find('\n'), input.size());
+    const std::string separators = input.substr(0, line_end);
+    const std::string text = line_end < input.size() ? input.substr(line_end + 1) : input;
+    split(text.c_str(), separators.c_str(), separators.empty() ? "" : separators.c_str() + separators.size() - 1);
+    fill(text.c_str());
+    widen(text.c_str());
+    require(core_mem_blocks() == 0);
+    return 0;
+}
