@@ -12,7 +12,7 @@
 ///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band; above 2040 pixels either way the whole
 ///            file in a header extension
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
-///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"
+///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"; nothing when it names no object
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
 #pragma once
 
@@ -146,19 +146,22 @@ public:
 
 private:
     bool begin(uint32_t fcc, uint64_t time) noexcept;
-    void log_frame(uint16_t first_seq) noexcept;
     void report_if_due() noexcept;
+    void log_frame(uint16_t first_seq) noexcept;
+    void log_unknown(const char* what) noexcept;
 
-    uint8_t* start_packet(uint8_t pt) noexcept;
+    uint8_t* start_packet(uint32_t pt) noexcept;
     void send_packet(uint32_t length) noexcept;
+    void hand_over(event_t::enum_t event, uint32_t length) noexcept;
 
-    void pack_h264(std::span<const uint8_t> access_unit) noexcept;
+    void pack_h264(std::span<const uint8_t> stream) noexcept;
     void pack_nal(std::span<const uint8_t> nal) noexcept;
     void pack_h264fua(std::span<const uint8_t> nal) noexcept;
     void pack_jpeg(std::span<const uint8_t> jpeg) noexcept;
     void pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept;
     void pack_pcmu(std::span<const uint8_t> samples) noexcept;
     void pack_univ(std::span<const uint8_t> bytes) noexcept;
+    void pack_pieces(std::span<const uint8_t> bytes, bool mark_every) noexcept;
 
     const char* file_;
     int line_;

@@ -1,0 +1,30 @@
+// Shared inside the RTP family: sizes, network byte order and the media clock.
+#pragma once
+
+#include "inet/rtp_protocol.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace rtp {
+
+inline constexpr uint8_t marker = 0x80;
+inline constexpr uint32_t header_size = 12;
+inline constexpr uint32_t max_piece = packet_size - header_size;
+// Room for the two FU-A bytes is kept for every NAL unit, so that one limit serves whole and cut ones.
+inline constexpr uint32_t max_nal_piece = max_piece - 2;
+
+// Big-endian writers; each returns the place behind what it wrote.
+inline uint8_t* put16(uint8_t* out, uint32_t value) noexcept {
+    out[0] = static_cast<uint8_t>(value >> 8);
+    out[1] = static_cast<uint8_t>(value);
+    return out + 2;
+}
+
+inline uint8_t* put32(uint8_t* out, uint32_t value) noexcept { return put16(put16(out, value >> 16), value); }
+
+// Ticks of a clock of `rate` Hz in `seconds` + `part` / `parts` seconds, truncated, modulo 2^32. `part` is below
+// `parts` and that at most 2^32. Exact for whole rates; a rate outside 0 up to 2^32 counts as 0.
+uint32_t clock_ticks(uint64_t seconds, uint64_t part, uint64_t parts, double rate) noexcept;
+
+}  // namespace rtp
