@@ -25,6 +25,30 @@ inline std::string_view take(std::string_view& rest, char end) noexcept {
     return taken;
 }
 
+/// A text split at the first `at`.
+struct pair {
+    std::string_view key;
+    std::string_view value;
+    bool has_value;
+};
+
+inline pair split(std::string_view text, char at) noexcept {
+    const size_t end = text.find(at);
+    if (end == std::string_view::npos) return {text, {}, false};
+    return {text.substr(0, end), text.substr(end + 1), true};
+}
+
+/// Calls `use` with each element of a list; blanks behind a separator are skipped, an empty element ends the list.
+template <class Use>
+void for_each_element(std::string_view list, char separator, Use use) {
+    while (!list.empty()) {
+        const std::string_view element = take(list, separator);
+        if (element.empty()) return;
+        use(element);
+        list = skip(list, " ");
+    }
+}
+
 /// The number at the start of a text, behind spaces and a '+'; what follows it does not matter. A number that does not
 /// fit is 0, so that no peer gets a chosen value out of an overflow.
 inline std::optional<uint32_t> number(std::string_view text, int base = 10) noexcept {

@@ -30,6 +30,7 @@
 #include "core/buf.h"
 
 #include <cstdint>
+#include <string_view>
 
 /// Tracks read from one description, stream entries from one RTP-Info.
 inline constexpr uint32_t sdp_max_traks = 256;
@@ -96,8 +97,7 @@ struct media_s {
 
 class INET_API Sdp {
 public:
-    char* text = nullptr;        ///< working copy, only while parse() runs
-    media_s* current = nullptr;  ///< the last of `medias`
+    media_s* current = nullptr;  ///< of the last m= line: the last of `medias`, or null when memory was out for it
     media_s** medias = nullptr;  ///< null-terminated array in the order of the text; null for none
 
     Sdp() noexcept = default;
@@ -126,10 +126,10 @@ public:
     void parse_config(char* value, buffer_t& out) noexcept;
 
 private:
-    void parse_media(char* value) noexcept;
-    void parse_attribute(char* value) noexcept;
-    void parse_rtpmap(char* value) noexcept;
-    void parse_fmtp(char* value) noexcept;
+    void parse_media(std::string_view value) noexcept;
+    void parse_attribute(std::string_view value) noexcept;
+    void parse_rtpmap(std::string_view value) noexcept;
+    void parse_fmtp(std::string_view value) noexcept;
 };
 
 }  // namespace net::sdp

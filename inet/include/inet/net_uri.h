@@ -1,7 +1,7 @@
 /// URIs of any scheme: splitting, path segments, query arguments and percent-coding. The splitter is deliberately
 /// simple: it knows no scheme and no default port and never validates. Any thread.
 ///
-/// Every text is a block of its own. Memory is linear in the input: a record takes at most three times its text, the
+/// Every text is a block of its own. Memory is linear in the input: a record takes at most twice its text, the
 /// arguments of a query at most 128 bytes each beside their texts. When memory is out the result is null.
 #pragma once
 
@@ -57,8 +57,8 @@ INET_API net::uri_arg_s** uri_parse_args(const char* query, const char* file, in
 INET_API void uri_free_args(net::uri_arg_s** args) noexcept;
 
 /// Decodes a range, to the end of the text when `end` is null: '+' is a space, %XX a byte, %uXXXX a character as UTF-8
-/// (as many of its four digits as are hexadecimal); any other '%' stays as it is. %00 gives a NUL, which ends the
-/// result for its reader.
+/// (as many of its four digits as are hexadecimal; a surrogate is U+FFFD); any other '%' stays as it is. %00 gives a
+/// NUL, which ends the result for its reader.
 /// @return a new text for core_mfree(); null for null.
 INET_API char* uri_decode(const char* begin, const char* end, const char* file, int line) noexcept;
 
