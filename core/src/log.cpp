@@ -319,6 +319,10 @@ uint32_t core_log_sink_console(const char* logs) noexcept {
     return add_sink(logs, core::log::write_terminal, nullptr, &terminal);
 }
 
+int core_con_is_terminal(int stream) noexcept {
+    return (stream == 1 || stream == 2) && core::platform::is_terminal(stream == 1 ? stdout : stderr);
+}
+
 void core_log_sink_rem(uint32_t number) noexcept {
     if (!number) return;
     sink* const s = &registry.sinks[number % sink_limit];

@@ -54,6 +54,9 @@ INET_API uint32_t core_log_sink_file(const char* logs, const char* path) noexcep
 /// sent.
 INET_API uint32_t core_log_sink_console(const char* logs) noexcept;
 
+/// 1 when a standard stream (1 output, 2 error) is a terminal, where a line may be written over; else 0.
+INET_API int core_con_is_terminal(int stream) noexcept;
+
 /// Takes a sink away and closes its file. When the call returns its `write` is not running on another thread and will
 /// not be called again.
 INET_API void core_log_sink_rem(uint32_t sink) noexcept;
