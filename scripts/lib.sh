@@ -1,0 +1,48 @@
+# Shared by the scripts: says what is going on, installs what is missing, knows where things are.
+# shellcheck shell=bash
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+started=$SECONDS
+
+say() { printf '== [%3ds] %s\n' $((SECONDS - started)) "$*"; }
+
+# need PACKAGE...: installs the Debian packages that are not there yet.
+need() {
+    local missing=()
+    for package in "$@"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+    say "installing ${missing[*]}"
+    local run=()
+    ((EUID == 0)) || run=(sudo)
+    "${run[@]}" apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive "${run[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build PRESET [CMAKE-ARGUMENT...] [-- TARGET...]: configures and builds, quiet unless something fails.
+build() {
+    local preset=$1 arguments=() log=$root/build/$1.log
+    shift
+    while (($#)) && [[ $1 != -- ]]; do
+        arguments+=("$1")
+        shift
+    done
+    (($#)) && shift
+    local targets=()
+    (($#)) && targets=(--target "$@")
+    say "building $preset (log: build/$preset.log)"
+    mkdir -p "$root/build"
+    if ! (cd "$root" && cmake --preset "$preset" "${arguments[@]}" && cmake --build --preset "$preset" "${targets[@]}") \
+        >"$log" 2>&1; then
+        tail -n 60 "$log"
+        say "building $preset failed"
+        return 1
+    fi
+}
+
+build_tools=(g++ cmake ninja-build)
+test_tools=(libgtest-dev libbenchmark-dev libssl-dev libexpat1-dev pkg-config ffmpeg python3)
+fuzz_tools=(clang libclang-rt-14-dev)
+check_tools=(clang-format clang-tidy)
