@@ -8,9 +8,11 @@
 
 struct opt_ctx;
 
-/// Opens the options of a file, reading it when it is there; a file above 1 MiB counts as missing. Keys are up to 255
-/// bytes without '=' or line ends; values may hold anything (line ends and backslashes are escaped in the file).
-/// @return null for a null path or when memory is out. Release with core_opt_free().
+/// Opens the options of a file, reading it when it is there; a file above 1 MiB counts as missing. Keys are 1 to 255
+/// bytes without '=' or line ends; values may hold anything (line ends and backslashes are escaped in the file). Of
+/// equal keys in the file the last one counts; lines of another form are passed over, and gone with the next save.
+/// @return null for a null path, a file that is there and cannot be read, or when memory is out. Release with
+/// core_opt_free().
 INET_API opt_ctx* core_opt_create(const char* path, const char* file, int line) noexcept;
 
 /// Path the options were opened with; lives as long as the handle.
@@ -28,8 +30,9 @@ INET_API int core_opt_set(opt_ctx* opt, const char* key, const char* value) noex
 INET_API int core_opt_set_int(opt_ctx* opt, const char* key, int32_t value) noexcept;
 INET_API int core_opt_set_int64(opt_ctx* opt, const char* key, int64_t value) noexcept;
 
-/// Writes the file: a new one beside it, flushed to the disk, then renamed over it. @return 1, or 0 when that failed;
-/// the old file is then untouched.
+/// Writes the file: a new one beside it ("<path>.new"), flushed to the disk, then renamed over it; it keeps the access
+/// rights. One handle at a time saves to a path. @return 1, or 0 when that failed or the file would pass 1 MiB; the old
+/// file is then untouched.
 INET_API int core_opt_save(opt_ctx* opt) noexcept;
 
 /// Releases the handle without saving and nulls it.

@@ -23,13 +23,16 @@ typedef void (*profile_callback)(void* arg, profile_ctx* profile, profile_event_
 INET_API profile_ctx* core_profile_open(const char* name, const char* file, int line) noexcept;
 INET_API profile_ctx* profile_open(const char* name) noexcept;
 
-/// Opens a name and subscribes to it: `callback` runs on the thread that puts, asks or wakes, for one call at a time,
-/// never for what is put through this very handle.
+/// Opens a name and subscribes to it: `callback` runs on the thread that puts, asks or wakes, on one thread at a time,
+/// never for what is put through this very handle. It may use the bus as it likes. What it puts may lead to a call
+/// within the call, up to 16 deep. Where callbacks on several threads would wait for each other, the last one does not
+/// reach the other's subscriber.
 INET_API profile_ctx* core_profile_open2(const char* name, void* arg, profile_callback callback, const char* file,
                                          int line) noexcept;
 
 /// Leaves, releases the handle and nulls it. When it returns the callback does not run on another thread and will not
-/// be called again; called inside that very callback it returns at once and the callback may finish.
+/// be called again; called inside that very callback it returns at once and the callback may finish. So it does for the
+/// second of two callbacks that close each other.
 INET_API void profile_close(profile_ctx*& profile) noexcept;
 
 /// Hands a list to every other subscriber of the name, in the order in which they came, and keeps a copy of its text
@@ -37,7 +40,7 @@ INET_API void profile_close(profile_ctx*& profile) noexcept;
 INET_API uint32_t core_profile_put(profile_ctx* profile, const param_t* params) noexcept;
 
 /// Copy of the list last put under the handle's name (profile_data: under a name), text and integer entries; null when
-/// nothing was put since the name came to life. One block: release it with core_mfree().
+/// nothing was put since the name came to life, or memory is out. One block: release it with core_mfree().
 INET_API param_t* core_profile_data(profile_ctx* profile, const char* file, int line) noexcept;
 INET_API param_t* profile_data(const char* name, const char* file, int line) noexcept;
 

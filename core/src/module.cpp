@@ -1,0 +1,71 @@
+#include "core/module.h"
+
+#include "platform/system.h"
+
+#include "core/file.h"
+#include "core/owned.h"
+#include "core/text.h"
+
+#include <string_view>
+
+namespace {
+
+namespace platform = core::platform;
+
+struct unloader {
+    void operator()(void* library) const noexcept { platform::close_library(library); }
+};
+using owned_library = std::unique_ptr<void, unloader>;
+
+owned_library open_bare(const char* name, const char* file, int line) noexcept {
+    const bool complete = std::string_view(name).ends_with(platform::library_suffix);
+    const core::owned_text full(
+        complete ? core_strdup(name, file, line)
+                 : core_sprintf(file, line, "%s%s%s", platform::library_prefix, name, platform::library_suffix));
+    if (!full) return {};
+    const core::owned_text directory(lib_path(file, line));
+    if (directory) {
+        const core::owned_text beside(
+            core_sprintf(file, line, "%s%c%s", directory.get(), platform::path_separators[0], full.get()));
+        owned_library library(beside ? platform::open_library(beside.get()) : nullptr);
+        if (library) return library;
+    }
+    return owned_library(platform::open_library(full.get()));
+}
+
+bool find_entries(void* library, dll_entry_t* entries) noexcept {
+    bool complete = true;
+    for (dll_entry_t* entry = entries; entry && entry->name; ++entry) {
+        entry->function = platform::find_symbol(library, entry->name);
+        complete = complete && entry->function;
+    }
+    return complete;
+}
+
+void forget_entries(dll_entry_t* entries) noexcept {
+    for (dll_entry_t* entry = entries; entry && entry->name; ++entry)
+        entry->function = nullptr;
+}
+
+}  // namespace
+
+struct dll_ctx {
+    owned_library library;
+};
+
+dll_ctx* core_dll_open(const char* name, dll_entry_t* entries, const char* file, int line) noexcept {
+    forget_entries(entries);
+    // An empty name would open the program itself.
+    if (core_strlen(name) == 0) return nullptr;
+    core::owned_object<dll_ctx> dll(core::create<dll_ctx>(file, line));
+    if (!dll) return nullptr;
+    const bool is_path = std::string_view(name).find_first_of(platform::path_separators) != std::string_view::npos;
+    dll->library = is_path ? owned_library(platform::open_library(name)) : open_bare(name, file, line);
+    if (!dll->library || !find_entries(dll->library.get(), entries)) return nullptr;
+    return dll.release();
+}
+
+void core_dll_close(dll_ctx*& dll) noexcept {
+    core::destroy(dll);
+    dll = nullptr;
+}

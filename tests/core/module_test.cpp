@@ -1,0 +1,53 @@
+#include "core/module.h"
+
+#include "support/fault.h"
+
+#include "core/memory.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+// INET_MODULE_FIXTURE is the path of libinet_module_fixture.so, which stands beside this program.
+
+TEST(Module, IsLoadedByPathOrByBareName) {
+    for (const char* name : {INET_MODULE_FIXTURE, "inet_module_fixture", "libinet_module_fixture.so"}) {
+        dll_entry_t entries[] = {{"fixture_twice", nullptr}, {"fixture_loads", nullptr}, {nullptr, nullptr}};
+        dll_ctx* dll = core_dll_open(name, entries, CORE_HERE);
+        ASSERT_TRUE(dll) << name;
+        EXPECT_EQ(reinterpret_cast<int (*)(int)>(entries[0].function)(21), 42);
+        // A library that was unloaded starts anew.
+        EXPECT_EQ((*static_cast<int*>(entries[1].function))++, 0);
+        EXPECT_FALSE(dlsym(RTLD_DEFAULT, "fixture_twice")) << "its names stay its own";
+        core_dll_close(dll);
+        EXPECT_FALSE(dll);
+    }
+}
+
+TEST(Module, MissingEntryOrLibraryGivesNull) {
+    dll_entry_t entries[] = {{"fixture_thrice", &entries}, {"fixture_twice", &entries}, {nullptr, nullptr}};
+    EXPECT_FALSE(core_dll_open(INET_MODULE_FIXTURE, entries, CORE_HERE));
+    EXPECT_FALSE(entries[0].function);
+    EXPECT_TRUE(entries[1].function) << "the one it has, so that the caller can tell what is missing";
+    EXPECT_FALSE(core_dll_open("inet_no_such_library", entries, CORE_HERE));
+    EXPECT_FALSE(entries[1].function);
+    EXPECT_FALSE(core_dll_open("./inet_module_fixture", nullptr, CORE_HERE)) << "a path is not completed";
+    EXPECT_FALSE(core_dll_open("", nullptr, CORE_HERE));
+    EXPECT_FALSE(core_dll_open(nullptr, nullptr, CORE_HERE));
+    dll_ctx* dll = core_dll_open("inet_module_fixture", nullptr, CORE_HERE);
+    EXPECT_TRUE(dll);
+    core_dll_close(dll);
+    core_dll_close(dll);
+}
+
+TEST(Module, LackOfMemoryUnloadsAgain) {
+    EXPECT_GT(test::fail_each_allocation([] {
+                  dll_ctx* dll = core_dll_open("inet_module_fixture", nullptr, CORE_HERE);
+                  core_dll_close(dll);
+                  EXPECT_FALSE(dlopen(INET_MODULE_FIXTURE, RTLD_NOW | RTLD_NOLOAD));
+              }),
+              2U);
+}
+
+}  // namespace
