@@ -50,7 +50,7 @@ uint32_t core_buf_read(buf_t* buf, const void* src, uint32_t n) noexcept {
     // A buffer that grows stays with the line that opened it.
     const char* file = buf->data ? core_mem_file(buf->data) : __FILE__;
     const int line = buf->data ? core_mem_line(buf->data) : __LINE__;
-    if (!core_buf_respace(buf, n, file, line)) return 0;
+    if (!core_buf_respace(buf, n, file, line) || !buf->data) return 0;
     std::memcpy(buf->data + buf->length, src, n);
     buf->length += n;
     return n;

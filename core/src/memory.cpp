@@ -184,14 +184,14 @@ uint32_t mark_of(const void* head, uint64_t size, uint32_t site) noexcept {
     std::abort();
 }
 
-void* head_address(const void* block) noexcept { return const_cast<head_t*>(static_cast<const head_t*>(block) - 1); }
+head_t* head_address(const void* block) noexcept { return const_cast<head_t*>(static_cast<const head_t*>(block) - 1); }
 
 /// Copy of a block's head; ends the process when the block is none of ours.
 head_t read_head(const void* block) noexcept {
     if (reinterpret_cast<uintptr_t>(block) % alignof(head_t) != 0) die(block);
-    head_t head;
-    core::platform::peek(&head, head_address(block), sizeof(head) / sizeof(size_t));
-    if (head.mark != mark_of(head_address(block), head.size, head.site)) die(block);
+    const head_t* place = head_address(block);
+    const head_t head = core::platform::peek(place);
+    if (head.mark != mark_of(place, head.size, head.site)) die(block);
     return head;
 }
 
@@ -206,7 +206,7 @@ void* open_block(void* memory, size_t size, uint32_t site) noexcept {
 
 /// Takes a block out of the count. @return the system's memory with a head that is no longer valid.
 head_t* close_block(void* block, const head_t& found) noexcept {
-    auto* head = static_cast<head_t*>(head_address(block));
+    head_t* head = head_address(block);
     core::platform::permit(head, sizeof(*head));
     // Volatile, as a compiler knows that nobody reads what is about to be freed.
     *const_cast<volatile uint32_t*>(&head->mark) = 0;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <type_traits>
 
 namespace {
 
@@ -21,12 +22,15 @@ constexpr int fold(char c) noexcept {
     return static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
 }
 
+/// A unit of wide text without the sign that wchar_t has on some systems.
+uint32_t wide_unit(wchar_t unit) noexcept { return static_cast<std::make_unsigned_t<wchar_t>>(unit); }
+
 /// Next character of wide text, surrogate pairs joined.
 uint32_t wide_decode(const wchar_t*& text) noexcept {
-    const auto unit = static_cast<uint32_t>(*text++);
+    const uint32_t unit = wide_unit(*text++);
     if constexpr (sizeof(wchar_t) == 2) {
-        if (is_high_surrogate(unit) && is_low_surrogate(static_cast<uint32_t>(*text)))
-            return 0x10000 + ((unit - 0xd800) << 10) + (static_cast<uint32_t>(*text++) - 0xdc00);
+        if (is_high_surrogate(unit) && is_low_surrogate(wide_unit(*text)))
+            return 0x10000 + ((unit - 0xd800) << 10) + (wide_unit(*text++) - 0xdc00);
     }
     return unit > last_code || is_surrogate(unit) ? replacement : unit;
 }

@@ -121,7 +121,7 @@ value_t** core_value_split(const char* text, const char* separator, const char* 
     const std::string_view pair_ends = pair_separator ? pair_separator : "";
     const size_t pieces = count_pieces(text, ends);
     if (pieces == 0) return nullptr;
-    auto** list = static_cast<value_t**>(core_calloc(pieces + 1, sizeof(value_t*), file, line));
+    auto** list = static_cast<value_t**>(core_calloc(pieces + 1, sizeof(void*), file, line));
     value_t** next = list;
     for (std::string_view rest = text; list && !rest.empty();) {
         const std::string_view piece = next_piece(rest, ends);

@@ -5,6 +5,7 @@
 #include "core/owned.h"
 #include "core/text.h"
 
+#include <array>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <latch>
@@ -111,9 +112,9 @@ TEST(Memory, FaultLeavesTheOldBlock) {
 
 TEST(Memory, ManyLines) {
     constexpr int lines = 3000;
-    std::vector<void*> blocks;
-    for (int line = 0; line < lines; ++line)
-        blocks.push_back(core_malloc(1, "many", line));
+    std::array<void*, lines> blocks{};
+    for (size_t i = 0; i < blocks.size(); ++i)
+        blocks[i] = core_malloc(1, "many", static_cast<int>(i));
     EXPECT_EQ(report().size(), static_cast<size_t>(lines));
     EXPECT_EQ(core_mem_line(blocks[2999]), 2999);
     for (void* block : blocks)
