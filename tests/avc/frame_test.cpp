@@ -125,20 +125,20 @@ TEST(Frame, IsNotMadeWhenMemoryIsOut) {
     av::frame_t borrowed = *lasting;
     borrowed.payload = nullptr;
     const size_t held = core_mem_blocks();
-    for (int allowed = 0; allowed < 2; ++allowed) {
-        const auto fails = [allowed](auto call) {
+    for (int allowed : {0, 1}) {
+        const auto with_fault = [allowed](auto call) {
             allocations_left = allowed;
             core_mem_set_fault(fail_after_some);
-            const bool failed = call() == nullptr;
+            auto* made = call();
             core_mem_set_fault(nullptr);
-            return failed;
+            return made;
         };
-        EXPECT_TRUE(fails([] { return make(av::fcc_h264, sps_320x240); }));
-        EXPECT_TRUE(fails([] { return avc_meta_create(av::fcc_meta, 1, "{}", 2, CORE_HERE); }));
-        EXPECT_TRUE(fails([&] { return avc_frame_dup(&borrowed, CORE_HERE); }));
-        if (allowed == 0) {
-            EXPECT_TRUE(fails([&] { return avc_frame_dup(lasting, CORE_HERE); }));
-        }
+        EXPECT_EQ(with_fault([] { return make(av::fcc_h264, sps_320x240); }), nullptr);
+        EXPECT_EQ(with_fault([] { return avc_meta_create(av::fcc_meta, 1, "{}", 2, CORE_HERE); }), nullptr);
+        EXPECT_EQ(with_fault([&] { return avc_frame_dup(&borrowed, CORE_HERE); }), nullptr);
+        av::frame_t* shared = with_fault([&] { return avc_frame_dup(lasting, CORE_HERE); });
+        EXPECT_EQ(shared != nullptr, allowed == 1);
+        avc_frame_need(shared);
         EXPECT_EQ(core_mem_blocks(), held);
     }
     avc_frame_need(lasting);

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -31,7 +32,6 @@ TEST(Jpeg, InspectionReadsHeadersAsFarAsTheScan) {
         bool progressive;
     } const cases[] = {
         {"plain", soi + frame_header() + scan, 48, 0, false},
-        {"extended sequential", soi + frame_header('\xc1') + scan, 48, 0, false},
         {"progressive", soi + frame_header('\xc2') + scan, 48, 0, true},
         {"ends behind the frame header", soi + frame_header(), 48, 0, false},
         {"restart interval", soi + "\xff\xdd\0\4\1\2"s + frame_header() + scan, 48, 0x102, false},
@@ -39,8 +39,6 @@ TEST(Jpeg, InspectionReadsHeadersAsFarAsTheScan) {
         {"fill bytes and others before a marker", soi + "ab\xff\xff\xff"s + frame_header() + scan, 48, 0, false},
         {"a frame header inside a comment", soi + "\xff\xfe\0\x0f"s + frame_header('\xc2') + frame_header() + scan, 48,
          0, false},
-        {"no data", "", 0, 0, false},
-        {"SOI alone", soi, 0, 0, false},
         {"no SOI", frame_header() + scan, 0, 0, false},
         {"scan before a frame header", soi + scan + frame_header(), 0, 0, false},
         {"end before a frame header", soi + "\xff\xd9"s + frame_header(), 0, 0, false},
@@ -62,7 +60,7 @@ TEST(Jpeg, InspectionReadsHeadersAsFarAsTheScan) {
     }
 }
 
-TEST(Jpeg, InspectionOfACutHeaderIsRefusedOrRight) {
+TEST(Jpeg, InspectionRefusesAHeaderCutAnywhere) {
     const std::string whole = soi + "\xff\xdd\0\4\0\7"s + frame_header();
     for (size_t size = 0; size < whole.size(); ++size) {
         const std::vector<uint8_t> cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
@@ -113,15 +111,19 @@ TEST(Jpeg, AnEncodersPictureIsTheSameBehindARebuiltHeader) {
 /// Writes scan data of blocks of one shade each, with the codes of the standard tables (T.81, K.3) written out.
 class flat_scan {
 public:
-    void luma(int dc) {
-        constexpr const char* codes[] = {"00", "010", "011", "100", "101", "110", "1110", "11110"};
-        block(dc - last_[0], codes, "1010");
-        last_[0] = dc;
-    }
-    void chroma(size_t component, int dc) {
-        constexpr const char* codes[] = {"00", "01", "10", "110", "1110", "11110", "111110", "1111110"};
-        block(dc - last_[component], codes, "00");
-        last_[component] = dc;
+    void block(size_t component, int dc) {
+        constexpr const char* dc_codes[2][8] = {{"00", "010", "011", "100", "101", "110", "1110", "11110"},
+                                                {"00", "01", "10", "110", "1110", "11110", "111110", "1111110"}};
+        constexpr const char* end_of_block[] = {"1010", "00"};
+        const int difference = dc - std::exchange(last_[component], dc);
+        int category = 0;
+        while (std::abs(difference) >> category != 0)
+            ++category;
+        const int amplitude = difference < 0 ? difference - 1 : difference;
+        bits_ += dc_codes[component != 0][category];
+        for (int bit = category; bit-- > 0;)
+            bits_ += (amplitude >> bit & 1) != 0 ? '1' : '0';
+        bits_ += end_of_block[component != 0];
     }
     void restart(int number) {
         flush();
@@ -134,16 +136,6 @@ public:
     }
 
 private:
-    void block(int difference, const char* const (&codes)[8], const char* end_of_block) {
-        int category = 0;
-        while (std::abs(difference) >> category != 0)
-            ++category;
-        bits_ += codes[category];
-        const int amplitude = difference < 0 ? difference - 1 : difference;
-        for (int bit = category; bit-- > 0;)
-            bits_ += (amplitude >> bit & 1) != 0 ? '1' : '0';
-        bits_ += end_of_block;
-    }
     void flush() {
         while (bits_.size() % 8 != 0)
             bits_ += '1';
@@ -188,11 +180,11 @@ std::string flat_picture(uint32_t type, uint32_t restart) {
         for (uint32_t x = 0; x < width / 16; ++x, ++units) {
             if (restart != 0 && units != 0 && units % restart == 0) out.restart(static_cast<int>(units / restart) - 1);
             for (uint32_t row = 0; row < blocks_high; ++row) {
-                out.luma(shade(0, 2 * x, y * blocks_high + row));
-                out.luma(shade(0, 2 * x + 1, y * blocks_high + row));
+                out.block(0, shade(0, 2 * x, y * blocks_high + row));
+                out.block(0, shade(0, 2 * x + 1, y * blocks_high + row));
             }
-            out.chroma(1, shade(1, x, y));
-            out.chroma(2, shade(2, x, y));
+            out.block(1, shade(1, x, y));
+            out.block(2, shade(2, x, y));
         }
     }
     return rtp_header(type, width, height, restart, std::string(64, '\x08') + std::string(64, '\x10')) + out.finish();

@@ -41,6 +41,7 @@ std::vector<frame_ptr> frames_of(const std::string& stream, uint64_t offset) {
         after_slice = after_slice || h264_is_slice(h264_nal_type(nal));
     }
     std::vector<frame_ptr> frames;
+    frames.reserve(units.size());
     for (const std::string& unit : units) {
         frames.emplace_back(avc_frame_create(av::fcc_h264, offset + time_of(frames.size()), unit.data(),
                                              static_cast<uint32_t>(unit.size()), CORE_HERE));
@@ -74,7 +75,7 @@ std::string packets_of(const std::vector<frame_ptr>& frames) {
     std::ostringstream out;
     for (const frame_ptr& frame : frames) {
         const uint64_t ticks = (frame->time - base) * 9 / 100;
-        out << ticks << ',' << ticks << ',' << (frame->key ? "K_" : "__") << '\n';
+        out << ticks << '|' << ticks << '|' << (frame->key ? "K_" : "__") << '\n';
     }
     return out.str();
 }
@@ -101,31 +102,27 @@ TEST(Mp4, GivesBackTheNalUnitsAndTimesThatWentIn) {
         uint64_t offset;  // beyond 13 hours the ticks take more than 32 bits
         const char* stream;
     } const cases[] = {
-        {"-pix_fmt yuv420p -profile:v baseline", 0, "h264|Constrained Baseline|322|178|yuv420p|1/90000"},
-        {"-pix_fmt yuv420p -x264-params slices=3:aud=1", 14ULL * 3600 * 1000000, "h264|High|322|178|yuv420p|1/90000"},
-        {"-pix_fmt yuv422p10le", 60000000, "h264|High 4:2:2|322|178|yuv422p10le|1/90000"},
+        {"-pix_fmt yuv420p -profile:v baseline", 0, "h264|Constrained Baseline|322|178|yuv420p|1/90000\n"},
+        {"-pix_fmt yuv420p -x264-params slices=3:aud=1", 14ULL * 3600 * 1000000, "h264|High|322|178|yuv420p|1/90000\n"},
+        {"-pix_fmt yuv422p10le", 60000000, "h264|High 4:2:2|322|178|yuv422p10le|1/90000\n"},
     };
+    const std::string generate =
+        "ffmpeg -v error -f lavfi -i testsrc=size=322x178:rate=30000/1001 -frames:v 45 -c:v libx264 -bf 0 -g 12 ";
     for (const auto& want : cases) {
         SCOPED_TRACE(want.encoder);
         const test::temp_dir dir;
-        const std::string source = test::run(
-            "ffmpeg -v error -f lavfi -i testsrc=size=322x178:rate=30000/1001 -frames:v 45 -c:v libx264 -preset "
-            "veryfast "
-            "-bf 0 -g 12 " +
-            std::string(want.encoder) + " -f h264 -");
+        const std::string path = dir.file("clip.mp4");
+        const std::string source = test::run(generate + want.encoder + " -f h264 -");
         const auto frames = frames_of(source, want.offset);
         ASSERT_EQ(frames.size(), 45U);
-        const std::string path = dir.file("clip.mp4");
         test::write_file(path, bytes_of(file_of(frames, want.offset + time_of(45))));
 
-        const std::string probe = "ffprobe -v error -of csv=p=0 -show_entries ";
-        EXPECT_EQ(test::run(probe + "packet=pts,dts,flags " + path), packets_of(frames));
-        EXPECT_EQ(test::run("ffprobe -v error -of csv=p=0:s='|' -show_entries "
-                            "stream=codec_name,profile,width,height,pix_fmt,time_base " +
-                            path),
-                  want.stream + std::string("\n"));
-        const std::string back =
-            test::run("ffmpeg -v error -xerror -i " + path + " -c copy -bsf:v h264_mp4toannexb -f h264 -");
+        const auto probe = [&path](const std::string& entries) {
+            return test::run("ffprobe -v error -of csv=p=0:s='|' -show_entries " + entries + " " + path);
+        };
+        EXPECT_EQ(probe("packet=pts,dts,flags"), packets_of(frames));
+        EXPECT_EQ(probe("stream=codec_name,profile,width,height,pix_fmt,time_base"), want.stream);
+        const std::string back = test::run("ffmpeg -v error -xerror -i " + path + " -c copy -f h264 -");
         EXPECT_EQ(pictures_of(back), pictures_of(source));
         EXPECT_EQ(parameter_sets_of(back), parameter_sets_of(source));
     }
