@@ -1,8 +1,7 @@
 #include "avc/jpeg.h"
 
+#include "support/fault.h"
 #include "support/program.h"
-
-#include "core/memory.h"
 
 #include <algorithm>
 #include <array>
@@ -216,9 +215,10 @@ TEST(Jpeg, HeaderIsAppendedOrLeftOut) {
     EXPECT_EQ(header(0, 8, 0x10000, 0, 128), 0U);
     EXPECT_EQ(header(0, 8, 8, 0x10000, 128), 0U);
     EXPECT_EQ(header(0, 8, 8, 0, 63), 0U);
-    core_mem_set_fault([](size_t, const char*, int) { return true; });
-    EXPECT_EQ(header(0, 8, 8, 0, 128), 0U);
-    core_mem_set_fault(nullptr);
+    {
+        const test::failing_allocation fault(1);
+        EXPECT_EQ(header(0, 8, 8, 0, 128), 0U);
+    }
     EXPECT_EQ(out.length, 6U);
     const uint32_t size = header(0, 8, 8, 0, 128);
     EXPECT_EQ(out.length, 6 + size);

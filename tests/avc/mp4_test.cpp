@@ -1,10 +1,10 @@
 #include "avc/mp4.h"
 
+#include "support/fault.h"
 #include "support/program.h"
 
 #include "avc/fcc.h"
 #include "common/h264.h"
-#include "core/memory.h"
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -117,8 +117,8 @@ TEST(Mp4, GivesBackTheNalUnitsAndTimesThatWentIn) {
         ASSERT_EQ(frames.size(), 45U);
         test::write_file(path, bytes_of(file_of(frames, want.offset + time_of(45))));
 
-        const auto probe = [&path](const std::string& entries) {
-            return test::run("ffprobe -v error -of csv=p=0:s='|' -show_entries " + entries + " " + path);
+        const auto probe = [&path](std::string entries) {
+            return test::run("ffprobe -v error -of csv=p=0:s='|' -show_entries " + entries.append(" ").append(path));
         };
         EXPECT_EQ(probe("packet=pts,dts,flags"), packets_of(frames));
         EXPECT_EQ(probe("stream=codec_name,profile,width,height,pix_fmt,time_base"), want.stream);
@@ -170,11 +170,16 @@ TEST(Mp4, LeavesTheBufferAsItWasWhenItCannotWrite) {
     EXPECT_EQ(out.length, before);
     core_buf_free(&out);
 
-    core_mem_set_fault([](size_t, const char*, int) { return true; });
-    EXPECT_EQ(av_mp4_init(&out, key.get(), CORE_HERE), 0);
-    EXPECT_EQ(av_mp4_moof(&out, cases[0].frames.data(), base, base + 80000, 1, CORE_HERE), 0);
-    core_mem_set_fault(nullptr);
-    EXPECT_EQ(out.length, 0U);
+    const size_t failures = test::fail_each_allocation([&] {
+        buf_t short_of_memory;
+        const bool init = av_mp4_init(&short_of_memory, key.get(), CORE_HERE) == 1;
+        EXPECT_EQ(init, short_of_memory.length > 0);
+        core_buf_free(&short_of_memory);
+        const bool moof = av_mp4_moof(&short_of_memory, cases[0].frames.data(), base, base + 80000, 1, CORE_HERE) == 1;
+        EXPECT_EQ(moof, short_of_memory.length > 0);
+        core_buf_free(&short_of_memory);
+    });
+    EXPECT_GT(failures, 1U);
 }
 
 std::string written(int (*write)(buf_t* out, av::frame_t* const* frames), std::vector<av::frame_t*> frames) {
