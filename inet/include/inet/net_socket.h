@@ -138,8 +138,8 @@ INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) no
 /// Sends the held bytes and drops what went from the front of the buffer.
 INET_API int net_tcp_send(int fd, buf_t& buf) noexcept;
 
-/// Receives into the free space behind the held bytes. 0 means the peer has ended its direction, or that the buffer has
-/// no free space: make room first (core_buf_respace()).
+/// Receives into the free space behind the held bytes. 0 means the peer has ended its direction; make room first
+/// (core_buf_respace()), for with none the result tells nothing.
 INET_API int net_tcp_recv(int fd, buf_t& buf) noexcept;
 
 /// Sends the held bytes as one datagram and drops what went from the front.

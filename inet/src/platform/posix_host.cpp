@@ -1,0 +1,53 @@
+#include "platform/socket_api.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <ifaddrs.h>
+#include <memory>
+#include <net/if.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace net::platform {
+
+bool parse_address(const char* text, in_addr& address) noexcept { return inet_pton(AF_INET, text, &address) == 1; }
+
+void print_address(in_addr address, char (&text)[net_addr_size]) noexcept {
+    if (!inet_ntop(AF_INET, &address, text, sizeof text)) text[0] = '\0';
+}
+
+bool resolve(const char* host, in_addr& address) noexcept {
+    if (parse_address(host, address)) return true;
+    addrinfo hints = {};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(host, nullptr, &hints, &list) != 0) return false;
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> held(list, freeaddrinfo);
+    sockaddr_in first;
+    std::memcpy(&first, list->ai_addr, sizeof first);
+    address = first.sin_addr;
+    return true;
+}
+
+void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) return;
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> held(list, freeifaddrs);
+    for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
+        const bool wanted = (entry->ifa_flags & IFF_UP) && !(entry->ifa_flags & IFF_LOOPBACK);
+        if (!wanted || !entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
+        sockaddr_in address;
+        std::memcpy(&address, entry->ifa_addr, sizeof address);
+        if (!visit(arg, address)) return;
+    }
+}
+
+bool host_name(std::span<char> out) noexcept {
+    if (gethostname(out.data(), out.size()) != 0) return false;
+    out.back() = '\0';
+    return true;
+}
+
+}  // namespace net::platform

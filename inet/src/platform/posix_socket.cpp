@@ -1,0 +1,193 @@
+#include "platform/socket_api.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace net::platform {
+
+namespace {
+
+struct error_pair {
+    int system;
+    int winsock;
+};
+
+// The one table of error numbers. A Winsock number stands first with the errno that set_last_error() gives it.
+// EINPROGRESS comes from a non-blocking connect alone, for which Winsock says "would block".
+constexpr error_pair error_table[] = {
+    {EINTR, 10004},           {EBADF, 10009},           {EACCES, 10013},        {EPERM, 10013},
+    {EFAULT, 10014},          {EINVAL, 10022},          {EMFILE, 10024},        {ENFILE, 10024},
+    {EAGAIN, 10035},          {EINPROGRESS, 10035},     {EALREADY, 10037},      {ENOTSOCK, 10038},
+    {EDESTADDRREQ, 10039},    {EMSGSIZE, 10040},        {EPROTOTYPE, 10041},    {ENOPROTOOPT, 10042},
+    {EPROTONOSUPPORT, 10043}, {ESOCKTNOSUPPORT, 10044}, {EOPNOTSUPP, 10045},    {EPFNOSUPPORT, 10046},
+    {EAFNOSUPPORT, 10047},    {EADDRINUSE, 10048},      {EADDRNOTAVAIL, 10049}, {ENETDOWN, 10050},
+    {ENETUNREACH, 10051},     {ENETRESET, 10052},       {ECONNABORTED, 10053},  {ECONNRESET, 10054},
+    {ENOBUFS, 10055},         {ENOMEM, 10055},          {EISCONN, 10056},       {ENOTCONN, 10057},
+    {EPIPE, 10058},           {ESHUTDOWN, 10058},       {ETOOMANYREFS, 10059},  {ETIMEDOUT, 10060},
+    {ECONNREFUSED, 10061},    {ELOOP, 10062},           {ENAMETOOLONG, 10063},  {EHOSTDOWN, 10064},
+    {EHOSTUNREACH, 10065},
+};
+
+constexpr int winsock_unknown = 10107;  // "a system call that should never fail has failed"
+
+int winsock_from_system(int error) noexcept {
+    if (error == 0) return 0;
+    const auto* found = std::ranges::find(error_table, error, &error_pair::system);
+    return found != std::end(error_table) ? found->winsock : winsock_unknown;
+}
+
+struct option_place {
+    int level;
+    int name;
+};
+
+// In the order of `option`.
+constexpr option_place option_table[] = {
+    {SOL_SOCKET, SO_KEEPALIVE},      {IPPROTO_TCP, TCP_NODELAY}, {SOL_SOCKET, SO_REUSEADDR},
+    {SOL_SOCKET, SO_RCVBUF},         {IPPROTO_IP, IP_TTL},       {IPPROTO_IP, IP_MULTICAST_TTL},
+    {IPPROTO_IP, IP_MULTICAST_LOOP},
+};
+
+const sockaddr* generic(const sockaddr_in* address) noexcept { return reinterpret_cast<const sockaddr*>(address); }
+sockaddr* generic(sockaddr_in* address) noexcept { return reinterpret_cast<sockaddr*>(address); }
+
+using name_call = int (*)(int, sockaddr*, socklen_t*);
+
+bool read_address(name_call call, int fd, sockaddr_in& address) noexcept {
+    address = {};
+    socklen_t size = sizeof address;
+    if (call(fd, generic(&address), &size) == 0 && address.sin_family == AF_INET) return true;
+    address = {};
+    return false;
+}
+
+// Repeats a transfer that a signal broke off.
+template <class Call>
+int transfer(Call call) noexcept {
+    for (;;) {
+        const ssize_t count = call();
+        if (count >= 0 || errno != EINTR) return static_cast<int>(count);
+    }
+}
+
+size_t transfer_size(size_t size) noexcept { return std::min<size_t>(size, INT_MAX); }
+
+short poll_events(uint8_t wanted) noexcept {
+    return static_cast<short>((wanted & watch_t::read ? POLLIN : 0) | (wanted & watch_t::write ? POLLOUT : 0));
+}
+
+// A hang-up or an error stands in both sets: the next call on the socket returns at once and tells it.
+uint8_t found_from_poll(short events, uint8_t wanted) noexcept {
+    if (events & POLLNVAL) return watch_t::closed;
+    const bool ended = events & (POLLERR | POLLHUP);
+    const bool readable = ended || (events & POLLIN);
+    const bool writable = ended || (events & POLLOUT);
+    return static_cast<uint8_t>(wanted & ((readable ? watch_t::read : 0) | (writable ? watch_t::write : 0)));
+}
+
+}  // namespace
+
+void start_sockets() noexcept {}
+void stop_sockets() noexcept {}
+
+int last_error() noexcept { return winsock_from_system(errno); }
+
+void set_last_error(int winsock_error) noexcept {
+    const auto* found = std::ranges::find(error_table, winsock_error, &error_pair::winsock);
+    errno = winsock_error == 0 ? 0 : found != std::end(error_table) ? found->system : EINVAL;
+}
+
+int system_error() noexcept { return errno; }
+
+const char* system_error_text(int error) noexcept { return strerror(error); }
+
+int pending_error(int fd) noexcept {
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? winsock_from_system(error) : last_error();
+}
+
+int open_socket(int family, int type, int protocol) noexcept { return socket(family, type | SOCK_CLOEXEC, protocol); }
+
+int accept_socket(int fd, sockaddr_in* peer) noexcept {
+    socklen_t size = sizeof *peer;
+    return accept4(fd, generic(peer), peer ? &size : nullptr, SOCK_CLOEXEC);
+}
+
+void close_socket(int fd) noexcept {
+    const int error = errno;
+    close(fd);
+    errno = error;
+}
+
+bool bind_socket(int fd, const sockaddr_in& address) noexcept {
+    return bind(fd, generic(&address), sizeof address) == 0;
+}
+
+bool listen_socket(int fd, int backlog) noexcept { return listen(fd, backlog) == 0; }
+
+bool connect_socket(int fd, const sockaddr_in& address) noexcept {
+    return connect(fd, generic(&address), sizeof address) == 0;
+}
+
+bool near_address(int fd, sockaddr_in& address) noexcept { return read_address(getsockname, fd, address); }
+bool peer_address(int fd, sockaddr_in& address) noexcept { return read_address(getpeername, fd, address); }
+
+bool set_option(int fd, option which, int value) noexcept {
+    const option_place& place = option_table[static_cast<size_t>(which)];
+    return setsockopt(fd, place.level, place.name, &value, sizeof value) == 0;
+}
+
+bool set_non_blocking(int fd) noexcept {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) >= 0;
+}
+
+// Two sockets share a UDP port only when both carry the option, and the system's choice of a free port, too, takes
+// ports of sockets that carry it for free.
+bool set_exclusive(int fd) noexcept { return set_option(fd, option::reuse_address, 0); }
+
+bool join_group(int fd, in_addr group) noexcept {
+    ip_mreq request = {};
+    request.imr_multiaddr = group;
+    request.imr_interface.s_addr = htonl(INADDR_ANY);
+    return setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
+}
+
+int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept {
+    const socklen_t size = to ? sizeof *to : 0;
+    return transfer(
+        [&] { return sendto(fd, bytes.data(), transfer_size(bytes.size()), MSG_NOSIGNAL, generic(to), size); });
+}
+
+int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept {
+    return transfer([&] {
+        socklen_t size = sizeof *from;
+        return recvfrom(fd, bytes.data(), transfer_size(bytes.size()), 0, generic(from), from ? &size : nullptr);
+    });
+}
+
+int wait_sockets(std::span<watch_t> watches, int milliseconds) noexcept {
+    assert(watches.size() <= max_watches);
+    pollfd polled[max_watches];
+    for (size_t i = 0; i < watches.size(); ++i) {
+        const watch_t& watch = watches[i];
+        polled[i] = {.fd = watch.wanted ? watch.fd : -1, .events = poll_events(watch.wanted), .revents = 0};
+    }
+    int ready = poll(polled, watches.size(), milliseconds);
+    if (ready < 0 && errno == EINTR) ready = 0;
+    for (size_t i = 0; i < watches.size(); ++i) {
+        watches[i].found = ready > 0 ? found_from_poll(polled[i].revents, watches[i].wanted) : 0;
+    }
+    return ready;
+}
+
+}  // namespace net::platform

@@ -1,0 +1,86 @@
+// What the socket families ask of the operating system: one set of functions, a posix_ and a windows_ half. Calls keep
+// the system's manner: bool results are false, counts -1, when the system refused, and last_error() then says why.
+#pragma once
+
+#include "inet/net_socket.h"
+
+#include <cstdint>
+#include <span>
+
+namespace net::platform {
+
+/// Brings the socket layer up and down, where the system has one to bring up.
+void start_sockets() noexcept;
+void stop_sockets() noexcept;
+
+/// The calling thread's last socket error in the numbers of Winsock.
+int last_error() noexcept;
+void set_last_error(int winsock_error) noexcept;
+
+/// The same in the system's own number, and the system's text for it, good until the thread's next call.
+int system_error() noexcept;
+const char* system_error_text(int error) noexcept;
+
+/// Error pending on a socket, in the numbers of Winsock; reading takes it off.
+int pending_error(int fd) noexcept;
+
+/// A new or accepted socket that child processes do not inherit; -1 when refused.
+int open_socket(int family, int type, int protocol) noexcept;
+int accept_socket(int fd, sockaddr_in* peer) noexcept;
+
+/// Leaves last_error() as it was.
+void close_socket(int fd) noexcept;
+
+bool bind_socket(int fd, const sockaddr_in& address) noexcept;
+bool listen_socket(int fd, int backlog) noexcept;
+bool connect_socket(int fd, const sockaddr_in& address) noexcept;
+bool near_address(int fd, sockaddr_in& address) noexcept;
+bool peer_address(int fd, sockaddr_in& address) noexcept;
+
+enum class option { keep_alive, no_delay, reuse_address, receive_buffer, ttl, multicast_ttl, multicast_loop };
+
+bool set_option(int fd, option which, int value) noexcept;
+bool set_non_blocking(int fd) noexcept;
+
+/// Before bind: nobody else will share the port, whatever options they set.
+bool set_exclusive(int fd) noexcept;
+
+/// Joins a multicast group on any interface.
+bool join_group(int fd, in_addr group) noexcept;
+
+/// Transfer; a null address is the connected peer. A peer that is gone gives an error, never a signal.
+int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept;
+int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept;
+
+/// Dotted address from text and back.
+bool parse_address(const char* text, in_addr& address) noexcept;
+void print_address(in_addr address, char (&text)[net_addr_size]) noexcept;
+
+/// First IPv4 address of a host name or dotted address. Blocks. Thread-safe.
+bool resolve(const char* host, in_addr& address) noexcept;
+
+/// Calls `visit` for every IPv4 interface that is up and not loopback, until it answers false.
+void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept;
+
+/// The host name in UTF-8, terminated.
+bool host_name(std::span<char> out) noexcept;
+
+/// One descriptor to wait for.
+struct watch_t {
+    static constexpr uint8_t read = 1;
+    static constexpr uint8_t write = 2;
+    static constexpr uint8_t closed = 4;
+
+    int fd;
+    uint8_t wanted;  ///< read and write; 0 is not waited for
+    uint8_t found;   ///< what of the wanted can be done without blocking, an error included; closed: no such socket
+};
+
+/// The most descriptors one wait takes.
+inline constexpr uint32_t max_watches = 1024;
+
+/// Waits until one of the descriptors is found ready or `milliseconds` have passed.
+/// @return the number of ready ones, 0 also when a signal came, -1 when the system refused; then nothing is found.
+int wait_sockets(std::span<watch_t> watches, int milliseconds) noexcept;
+
+}  // namespace net::platform

@@ -1,0 +1,423 @@
+#include "inet/net_socket.h"
+
+#include "support/fault.h"
+#include "support/log_lines.h"
+#include "support/sockets.h"
+
+#include "core/array.h"
+#include "core/owned.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <set>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+/// A byte buffer that is released at the end.
+struct buffer : buf_t {
+    explicit buffer(uint32_t room) { core_buf_resize(this, room, CORE_HERE); }
+    explicit buffer(std::string_view text) : buffer(static_cast<uint32_t>(text.size())) {
+        core_buf_read(this, text.data(), static_cast<uint32_t>(text.size()));
+    }
+    ~buffer() { core_buf_free(this); }
+    buffer(const buffer&) = delete;
+    buffer& operator=(const buffer&) = delete;
+
+    std::string text() const { return {reinterpret_cast<const char*>(data), length}; }
+};
+
+/// Two connected sockets with socket_options().
+struct connection {
+    connection() {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(net_socket_pair(0, 0, 0, fds, CORE_HERE), 0);
+        near = fds[0];
+        far = fds[1];
+        EXPECT_TRUE(socket_options(near) && socket_options(far));
+    }
+    ~connection() {
+        net_socket_close(near);
+        close_far();
+    }
+    connection(const connection&) = delete;
+    connection& operator=(const connection&) = delete;
+    void close_far() {
+        if (far >= 0) net_socket_close(far);
+        far = -1;
+    }
+
+    int near = -1;
+    int far = -1;
+};
+
+sockaddr_in local(unsigned short port) {
+    sockaddr_in address = {};
+    EXPECT_EQ(net_addr_setup(address, "127.0.0.1", port), 0);
+    return address;
+}
+
+void expect_options(int fd) {
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(test::option(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(test::option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
+}
+
+TEST(Registry, EverySocketIsNonBlockingAndNotInherited) {
+    const test::tcp_socket tcp;
+    const test::udp_socket udp;
+    expect_options(tcp);
+    expect_options(udp);
+    EXPECT_EQ(test::option(tcp, IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(net_socket_create(2, 1, 17, CORE_HERE), -1);
+    EXPECT_EQ(socket_get_error_code(), 10043);
+}
+
+TEST(Registry, StandardStreamsAreLeftOpenAndUnknownSocketsAreClosedWithAWord) {
+    test::log_lines log("error,console");
+    for (const int fd : {-1, 0, 1, 2})
+        net_socket_close(fd);
+    EXPECT_GE(fcntl(2, F_GETFD), 0);
+    EXPECT_EQ(log.take(), lines());
+
+    const int unknown = socket(AF_INET, SOCK_STREAM, 0);
+    net_socket_close(unknown);
+    const std::string text = "socket_close: unknown socket: " + std::to_string(unknown);
+    EXPECT_EQ(log.take(), (lines{text, text}));
+    EXPECT_EQ(fcntl(unknown, F_GETFD), -1);
+}
+
+TEST(Registry, TheStopNamesEverySocketStillOpenOnce) {
+    socket_init();
+    const int first = net_socket_create(2, 1, 6, CORE_HERE);
+    const int second = net_socket_create(2, 2, 17, CORE_HERE);
+    net_socket_close(net_socket_create(2, 1, 6, CORE_HERE));
+    test::log_lines log("error");
+    socket_free();
+    const lines said = log.take();
+    EXPECT_EQ(std::set<std::string>(said.begin(), said.end()),
+              (std::set<std::string>{"not closed socket: " + std::to_string(first),
+                                     "not closed socket: " + std::to_string(second)}));
+    EXPECT_EQ(said.size(), 2u);
+    close(first);
+    close(second);
+    socket_free();
+    EXPECT_EQ(log.take(), lines());
+}
+
+TEST(Pair, IsATcpConnectionOverLoopbackThatBlocks) {
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(net_socket_pair(1, 2, 3, fds, CORE_HERE), 0);
+    const test::tcp_socket near(fds[0]), far(fds[1]);
+    EXPECT_FALSE(fcntl(near, F_GETFL) & O_NONBLOCK);
+    EXPECT_TRUE(fcntl(far, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(net_socket_peer(near).sin_port, net_socket_near(far).sin_port);
+    EXPECT_EQ(net_socket_near(near).sin_port, net_socket_peer(far).sin_port);
+    EXPECT_EQ(net_socket_peer(near).sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+
+    EXPECT_EQ(net_socket_pair(2, 1, 6, nullptr, CORE_HERE), -1);
+    EXPECT_EQ(socket_get_error_code(), 10022);
+}
+
+TEST(RtpPair, StandsOnAnEvenPortAndTheOddOneAboveIt) {
+    int rtp = 7;
+    EXPECT_EQ(socket_rtp_pair(nullptr, nullptr), -1);
+    EXPECT_EQ(socket_rtp_pair(&rtp, nullptr), -1);
+    EXPECT_EQ(socket_rtp_pair(nullptr, &rtp), -1);
+    EXPECT_EQ(rtp, 7);
+    int rtcp = -1;
+    ASSERT_EQ(socket_rtp_pair(&rtp, &rtcp), 1);
+    const test::tcp_socket held_rtp(rtp), held_rtcp(rtcp);
+    EXPECT_EQ(net_socket_get_near_port(rtp) % 2, 0);
+    EXPECT_EQ(net_socket_get_near_port(rtcp), net_socket_get_near_port(rtp) + 1);
+    EXPECT_TRUE(fcntl(rtp, F_GETFL) & O_NONBLOCK);
+}
+
+TEST(RtpPair, SharesItsPortsWithNobody) {
+    constexpr size_t thread_count = 4, pairs_each = 60;
+    std::vector<std::vector<int>> opened(thread_count);
+    std::vector<std::thread> threads;
+    for (auto& mine : opened) {
+        threads.emplace_back([&mine] {
+            for (size_t i = 0; i < pairs_each; ++i) {
+                int rtp = -1, rtcp = -1;
+                EXPECT_EQ(socket_rtp_pair(&rtp, &rtcp), 1);
+                mine.insert(mine.end(), {rtp, rtcp});
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+
+    test::log_lines expected_complaints("error");
+    std::set<unsigned> ports;
+    for (const auto& mine : opened) {
+        for (const int fd : mine) {
+            const unsigned short port = net_socket_get_near_port(fd);
+            EXPECT_TRUE(ports.insert(port).second) << port;
+            const test::udp_socket intruder;
+            EXPECT_EQ(net_socket_bind(intruder, "0.0.0.0", port), -1) << port;
+        }
+    }
+    EXPECT_EQ(ports.size(), 2 * thread_count * pairs_each);
+    for (const auto& mine : opened) {
+        for (const int fd : mine)
+            net_socket_close(fd);
+    }
+}
+
+TEST(Bind, TellsWhatTheSystemSays) {
+    const test::udp_socket socket;
+    EXPECT_EQ(net_socket_bind(-1, "127.0.0.1", 0), -1);
+    EXPECT_EQ(net_socket_bind(socket, nullptr, 0), -1);
+    EXPECT_EQ(net_udp_listen(socket, "no.such.host.invalid", 0), -1);
+    test::log_lines log("error,console");
+    EXPECT_EQ(net_udp_listen(socket, "192.0.2.1", 4242), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_address_not_available);
+    const std::string text =
+        "Unable to bind on address: 192.0.2.1:4242; Error was: " + std::string(strerror(EADDRNOTAVAIL)) + " (" +
+        std::to_string(EADDRNOTAVAIL) + ")";
+    EXPECT_EQ(log.take(), (lines{text, text}));
+    EXPECT_EQ(net_udp_listen(socket, nullptr, 0), 0);
+    EXPECT_EQ(net_socket_near(socket).sin_addr.s_addr, INADDR_ANY);
+}
+
+TEST(Bind, AMulticastAddressBindsToAnyAndReachesFar) {
+    const test::udp_socket socket;
+    const int joined = net_socket_bind(socket, "239.255.17.4", 0);
+    EXPECT_EQ(net_socket_near(socket).sin_addr.s_addr, INADDR_ANY);
+    EXPECT_EQ(test::option(socket, IPPROTO_IP, IP_MULTICAST_TTL), 255);
+    EXPECT_EQ(test::option(socket, IPPROTO_IP, IP_TTL), 255);
+    EXPECT_EQ(test::option(socket, IPPROTO_IP, IP_MULTICAST_LOOP), 1);
+    // Joining the same group twice is refused, which shows the first membership, where the host has a way to it at all.
+    const int again = net_udp_connect(socket, "239.255.17.4", 1);
+    EXPECT_EQ(again, -1);
+    EXPECT_TRUE(joined != 0 || socket_get_error_code() == socket_error_address_in_use);
+}
+
+TEST(UdpConnect, NeitherConnectsNorNeedsAPort) {
+    const test::udp_socket socket;
+    EXPECT_EQ(net_udp_connect(socket, "127.0.0.1", 9), 0);
+    EXPECT_EQ(net_socket_peer(socket).sin_port, 0);
+    EXPECT_EQ(test::option(socket, IPPROTO_IP, IP_TTL), 255);
+    EXPECT_EQ(test::option(socket, IPPROTO_IP, IP_MULTICAST_TTL), 1);
+    EXPECT_EQ(net_udp_connect(socket, "no.such.host.invalid", 9), -1);
+    EXPECT_EQ(net_udp_connect(socket, nullptr, 9), -1);
+}
+
+TEST(SetSize, IsAlwaysTheReceiveBuffer) {
+    const test::udp_socket socket;
+    const int sending = test::option(socket, SOL_SOCKET, SO_SNDBUF);
+    const struct { int first, second, wins; } cases[] = {{65536, 0, 65536}, {0, 32768, 32768}, {65536, 16384, 16384}};
+    for (const auto& [first, second, wins] : cases) {
+        EXPECT_EQ(net_socket_set_size(socket, first, second), 0);
+        EXPECT_EQ(test::option(socket, SOL_SOCKET, SO_RCVBUF), 2 * wins) << "the kernel doubles what is asked";
+    }
+    EXPECT_EQ(test::option(socket, SOL_SOCKET, SO_SNDBUF), sending);
+    EXPECT_EQ(net_socket_set_size(-1, 0, 1), -1);
+}
+
+TEST(Tcp, ConnectsListensAndAccepts) {
+    const test::tcp_socket listener, client;
+    EXPECT_EQ(net_tcp_listen(listener, "no.such.host.invalid", 0), -2);
+    EXPECT_EQ(net_tcp_listen(listener, nullptr, 0), -2);
+    ASSERT_EQ(net_tcp_listen(listener, "127.0.0.1", 0), 0);
+    EXPECT_EQ(net_socket_accept(listener, nullptr, CORE_HERE), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_would_block);
+
+    ASSERT_EQ(net_tcp_connect(client, "localhost", net_socket_get_near_port(listener)), 0);
+    ASSERT_TRUE(test::await(listener, POLLIN));
+    sockaddr_in peer = {};
+    const test::tcp_socket accepted(net_socket_accept(listener, &peer, CORE_HERE));
+    ASSERT_GE(accepted, 3);
+    EXPECT_EQ(net_addr_port(peer), net_socket_get_near_port(client));
+    expect_options(accepted);
+    EXPECT_EQ(net_socket_get_error(client), 0);
+}
+
+TEST(Tcp, AFailedConnectShowsAsWritableAndTellsItsErrorOnce) {
+    const test::tcp_socket client;
+    ASSERT_EQ(net_tcp_connect(client, "127.0.0.1", test::free_port()), 0);
+    ASSERT_TRUE(test::await(client, POLLOUT));
+    EXPECT_EQ(net_socket_get_error(client), socket_error_refused);
+    EXPECT_EQ(net_socket_get_error(client), 0);
+}
+
+TEST(Tcp, RefusedArgumentsAndStartsAreTold) {
+    const test::tcp_socket socket;
+    const test::udp_socket datagrams;
+    test::log_lines log("error,console");
+    EXPECT_EQ(net_tcp_connect(-1, "127.0.0.1", 80), -2);
+    EXPECT_EQ(net_tcp_connect(socket, "no.such.host.invalid", 80), -2);
+    EXPECT_EQ(log.take(), lines());
+
+    EXPECT_EQ(net_tcp_connect(socket, "255.255.255.255", 80), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_network_unreachable);
+    const std::string connecting =
+        "Unable connect socket " + std::to_string(socket) + " to: 255.255.255.255:80, e = 10051";
+    EXPECT_EQ(log.take(), (lines{connecting, connecting}));
+
+    EXPECT_EQ(net_tcp_listen(datagrams, "127.0.0.1", 0), -1);
+    const std::string listening = "Unable to put the socket in listening mode: 127.0.0.1:0";
+    EXPECT_EQ(log.take(), (lines{listening, listening}));
+}
+
+TEST(Transfer, ConsumesFromTheFrontAndAppendsAtTheEnd) {
+    const connection c;
+    buffer out("hello, far end"), in(20);
+    EXPECT_EQ(net_tcp_recv(c.far, in), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_would_block);
+    EXPECT_EQ(net_tcp_send(c.near, out), 14);
+    EXPECT_EQ(out.length, 0u);
+    core_buf_read(&in, "> ", 2);
+    ASSERT_TRUE(test::await(c.far, POLLIN));
+    EXPECT_EQ(net_tcp_recv(c.far, in), 14);
+    EXPECT_EQ(in.text(), "> hello, far end");
+}
+
+TEST(Transfer, AStalledPeerLeavesTheRestInTheBuffer) {
+    const connection c;
+    buffer out(std::string(32 << 20, 'x'));
+    const int sent = net_tcp_send(c.near, out);
+    ASSERT_GT(sent, 0);
+    EXPECT_EQ(out.length, (32u << 20) - static_cast<unsigned>(sent));
+    while (net_tcp_send(c.near, out) > 0) {
+    }
+    EXPECT_EQ(socket_get_error_code(), socket_error_would_block);
+}
+
+TEST(Transfer, APeerThatIsGoneIsAnErrorAndNoSignal) {
+    connection c;
+    c.close_far();
+    buffer out("x");
+    ASSERT_TRUE(test::await(c.near, POLLIN));
+    buffer in(4);
+    EXPECT_EQ(net_tcp_recv(c.near, in), 0);
+    EXPECT_EQ(net_tcp_send(c.near, out), 1);
+    ASSERT_TRUE(test::await(c.near, POLLHUP));
+    core_buf_read(&out, "y", 1);
+    EXPECT_EQ(net_tcp_send(c.near, out), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_shut_down);
+    EXPECT_EQ(out.text(), "y");
+}
+
+TEST(Datagrams, EachSendIsOneAndEachReceiveTakesOne) {
+    const test::udp_socket sender, receiver;
+    ASSERT_EQ(net_udp_listen(receiver, "127.0.0.1", 0), 0);
+    ASSERT_EQ(net_udp_listen(sender, "127.0.0.1", 0), 0);
+    sockaddr_in to = local(net_socket_get_near_port(receiver));
+    buffer out("first"), in(8);
+    uint8_t second[] = {'2', 'n', 'd'};
+    buffer_t span = {second, sizeof second};
+    EXPECT_EQ(net_udp_send(sender, out, &to), 5);
+    EXPECT_EQ(out.length, 0u);
+    EXPECT_EQ(net_udp_send_buffer(sender, &span, &to), 3);
+    EXPECT_EQ(net_udp_send_msg(sender, "a third, too long for it", &to), 24);
+    EXPECT_EQ(net_udp_send_buffer(sender, nullptr, &to), -2);
+    EXPECT_EQ(net_udp_send_msg(sender, nullptr, &to), -2);
+
+    for (const char* expected : {"first", "2nd", "a third,"}) {
+        sockaddr_in from = {};
+        ASSERT_TRUE(test::await(receiver, POLLIN));
+        EXPECT_EQ(net_udp_recv(receiver, in, &from), static_cast<int>(strlen(expected)));
+        EXPECT_EQ(in.text(), expected);
+        EXPECT_EQ(net_addr_port(from), net_socket_get_near_port(sender));
+    }
+    EXPECT_EQ(net_udp_recv(receiver, in, nullptr), -1);
+    EXPECT_EQ(in.length, 0u);
+}
+
+TEST(Addresses, ConvertBothWays) {
+    sockaddr_in address = {};
+    ASSERT_EQ(net_addr_setup(address, "10.200.3.4", 554), 0);
+    EXPECT_EQ(address.sin_family, 2);
+    EXPECT_EQ(address.sin_port, htons(554));
+    char text[net_addr_size], cut[5];
+    net_addr_ip(address, text, sizeof text);
+    net_addr_ip(address, cut, sizeof cut);
+    EXPECT_STREQ(text, "10.200.3.4");
+    EXPECT_STREQ(cut, "10.2");
+    net_addr_ip(address, nullptr, 0);
+    unsigned port = 0;
+    EXPECT_STREQ(net_socket_straddr(&address, port), "10.200.3.4");
+    EXPECT_EQ(port, 554u);
+    EXPECT_EQ(net_socket_straddr(nullptr, port), nullptr);
+    EXPECT_EQ(port, 0u);
+    EXPECT_STREQ(core::owned_text(socket_get_ip(address.sin_addr, CORE_HERE)).get(), "10.200.3.4");
+
+    EXPECT_EQ(net_addr_setup(address, "localhost", 1), 0);
+    EXPECT_EQ(address.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    EXPECT_EQ(net_addr_setup(address, "no.such.host.invalid", 1), -1);
+    EXPECT_EQ(net_addr_setup(address, nullptr, 1), -1);
+    EXPECT_EQ(net_socket_near(-1).sin_family, 0);
+    EXPECT_EQ(net_socket_get_near_port(-1), 0);
+}
+
+TEST(Host, Identifies) {
+    EXPECT_EQ(net_hostid("10.0.0.7", 5), 705u);
+    EXPECT_EQ(net_hostid("10.0.0.255", 0), 25500u);
+    EXPECT_EQ(net_hostid(nullptr, 5), 0u);
+    EXPECT_EQ(net_hostid("camera", 5), 0u);
+    char name[256];
+    ASSERT_EQ(gethostname(name, sizeof name), 0);
+    EXPECT_STREQ(core::owned_text(net_hostname(CORE_HERE)).get(), name);
+}
+
+template <class T>
+void release(T** items) {
+    for (T** item = items; item && *item; ++item)
+        core_mfree(*item);
+    core_array_free(reinterpret_cast<void**>(items));
+}
+
+TEST(Host, ListsTheSameInterfacesInEveryForm) {
+    char** texts = net_socket_get_if(CORE_HERE);
+    sockaddr_in** addresses = net_socket_get_if_addr(CORE_HERE);
+    const core::owned_text first(net_hostip(CORE_HERE));
+    const uint32_t count = core_array_length(reinterpret_cast<void**>(texts));
+    ASSERT_EQ(core_array_length(reinterpret_cast<void**>(addresses)), count);
+    EXPECT_LE(count, 10u);
+    for (uint32_t i = 0; i < count; ++i) {
+        EXPECT_STREQ(texts[i], inet_ntoa(addresses[i]->sin_addr));
+        EXPECT_NE(ntohl(addresses[i]->sin_addr.s_addr) >> 24, 127u);
+    }
+    EXPECT_STREQ(first.get(), count ? texts[0] : nullptr);
+    release(texts);
+    release(addresses);
+}
+
+TEST(Memory, WhenItIsOutNothingStaysOpenOrHeld) {
+    const auto open_before = test::open_descriptors();
+    const size_t failed = test::fail_each_allocation([&] {
+        int fds[2] = {-1, -1};
+        const test::tcp_socket socket, listener;
+        EXPECT_TRUE((socket >= 0 && listener >= 0) || socket_get_error_code() == socket_error_no_buffers);
+        const int paired = net_socket_pair(2, 1, 6, fds, CORE_HERE);
+        EXPECT_TRUE(paired == 0 || socket_get_error_code() == socket_error_no_buffers);
+        const test::tcp_socket near(fds[0]), far(fds[1]);
+        if (socket >= 0 && net_tcp_listen(listener, "127.0.0.1", 0) == 0) {
+            net_tcp_connect(socket, "127.0.0.1", net_socket_get_near_port(listener));
+            const test::tcp_socket accepted(net_socket_accept(listener, nullptr, CORE_HERE));
+        }
+        int rtp = -1, rtcp = -1;
+        socket_rtp_pair(&rtp, &rtcp);
+        const test::tcp_socket held_rtp(rtp), held_rtcp(rtcp);
+        release(net_socket_get_if(CORE_HERE));
+        release(net_socket_get_if_addr(CORE_HERE));
+        core_mfree(net_hostip(CORE_HERE));
+        core_mfree(net_hostname(CORE_HERE));
+    });
+    EXPECT_GE(failed, 8u);
+    EXPECT_EQ(test::open_descriptors(), open_before);
+}
+
+}  // namespace
