@@ -32,6 +32,7 @@ enum socket_flag_t : uint32_t {
     nt_flag_connecting = 4,  ///< a connect is under way: the next writability is reported as nt_event_connected
     nt_flag_listening = 8,   ///< a listening socket: readability is reported as nt_event_accept
     nt_flag_removed = 16,    ///< removed; the loop releases the record
+    nt_flag_closed = 32,     ///< found closed before it was removed, which is a fault of its owner: no longer watched
 };
 
 /// What reaches a socket's callback; one call may combine several. A connection that failed or was reset shows as
@@ -88,7 +89,7 @@ struct command_ctx {
 INET_API void net_nt_start(nt_ctx*& nt, const char* file, int line) noexcept;
 
 /// Ends the thread after its current pass, waits for that, releases every record and drops queued calls without running
-/// them. `nt` becomes null and so must every handle of it. Registered sockets stay open, their owners close them.
+/// them. Then `nt` is null, and every handle of it is dead. Registered sockets stay open, their owners close them.
 /// No other thread may use the context any more. Called in a callback it does not wait: the pass is finished and the
 /// context released by the loop.
 INET_API void net_nt_stop(nt_ctx*& nt) noexcept;

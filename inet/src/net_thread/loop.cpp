@@ -1,0 +1,271 @@
+#include "net_thread/loop.h"
+
+#include "net_thread/callback_watch.h"
+#include "net_thread/guard.h"
+
+#include "core/log.h"
+#include "core/time.h"
+#include "inet/net_socket.h"
+
+#include <algorithm>
+#include <cassert>
+#include <climits>
+#include <vector>
+
+namespace net {
+
+namespace {
+
+using platform::watch_t;
+
+constexpr int64_t second = 1'000'000;             // microseconds
+constexpr int64_t longest_wait = 5;               // seconds
+constexpr int wait_without_wake_pair = 100;       // milliseconds
+constexpr uint32_t pause_after_failed_wait = 10;  // milliseconds
+
+int64_t now_us() noexcept { return static_cast<int64_t>(core_timer()); }
+
+bool on_loop_thread(nt_ctx& nt) noexcept { return !net_nt_need_invoke(&nt); }
+
+// Moves what other threads registered into the loop's array. When memory is out the rest waits for the next pass.
+template <class T>
+void take_in(slist* pending, records<T>& known) noexcept {
+    try {
+        while (slist_count(pending) != 0) {
+            if (known.size() == known.capacity()) known.reserve(std::max<size_t>(16, 2 * known.size()));
+            auto* record = static_cast<T*>(slist_pop(pending));
+            if (!record) return;
+            known.emplace_back(record);
+        }
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
+// A dead record is released with its guard held: the setter that marked it may not have let go of it yet.
+bool is_dead(socket_ctx& socket) noexcept {
+    if (socket.fd == -1) socket.flags = nt_flag_removed;
+    return (socket.flags & nt_flag_removed) && take_for_loop(socket.guard);
+}
+
+bool is_dead(timer_ctx& timer) noexcept { return timer.interval == 0 && take_for_loop(timer.guard); }
+
+bool is_dead(command_ctx& command) noexcept {
+    if (!take_for_loop(command.guard)) return false;
+    const bool dead = !command.callback;
+    if (!dead) release_guard(command.guard);
+    return dead;
+}
+
+// @return the number released
+template <class T>
+size_t release_dead(records<T>& known) noexcept {
+    return std::erase_if(known, [](const core::owned_object<T>& record) { return is_dead(*record); });
+}
+
+void service_command(command_ctx& command) noexcept {
+    if (command.signals == 0 || !take_for_loop(command.guard)) return;
+    if (command.callback) {
+        const callback_watch watch("command");
+        command.callback(command.arg, &command);
+    }
+    command.signals = 0;
+    release_guard(command.guard);
+}
+
+void service_commands(nt_ctx& nt) noexcept {
+    for (const auto& command : nt.commands)
+        service_command(*command);
+}
+
+bool commands_pending(nt_ctx& nt) noexcept {
+    take_in(nt.new_commands, nt.commands);
+    release_dead(nt.commands);
+    return std::ranges::any_of(nt.commands, [](const auto& command) { return command->signals != 0; });
+}
+
+void service_timer(timer_ctx& timer, int64_t now) noexcept {
+    if (timer.due > now || !take_for_loop(timer.guard)) return;
+    const int64_t due = timer.due;
+    if (timer.callback && due <= now) {
+        const callback_watch watch("timer");
+        timer.callback(timer.arg, &timer);
+        // Counted from when it was due, not from now; a callback that set the timer anew has its own way.
+        if (timer.due == due) timer.due = due + timer.interval;
+    }
+    release_guard(timer.guard);
+}
+
+void service_timers(nt_ctx& nt) noexcept {
+    if (nt.timers.empty()) return;
+    const int64_t now = now_us() / second;
+    for (const auto& timer : nt.timers)
+        service_timer(*timer, now);
+}
+
+// Milliseconds until the first timer is due, rounded up. The pass after a timer was released does not wait.
+int timer_wait(nt_ctx& nt) noexcept {
+    take_in(nt.new_timers, nt.timers);
+    if (release_dead(nt.timers) != 0) return 0;
+    const int64_t now = now_us();
+    int64_t wake = now + longest_wait * second;
+    for (const auto& timer : nt.timers)
+        wake = std::min(wake, timer->due * second);
+    return wake <= now ? 0 : static_cast<int>((wake - now + 999) / 1000);
+}
+
+int next_wait(nt_ctx& nt) noexcept {
+    const int wait = std::min(timer_wait(nt), nt.wake_rd < 0 ? wait_without_wake_pair : INT_MAX);
+    return commands_pending(nt) || nt.pass_due || nt.wake_ordered ? 0 : wait;
+}
+
+// From here on a wake writes a new byte; what it was written for before is looked at after this.
+void acknowledge_wake(nt_ctx& nt) noexcept {
+    const int fd = nt.wake_rd;
+    if (fd >= 0 && nt.sets.found(fd)) {
+        uint8_t drained[1024];
+        platform::receive_bytes(fd, drained, nullptr);
+    }
+    nt.wake_ordered.exchange(false);
+}
+
+uint32_t socket_events(socket_ctx& socket, uint8_t found) noexcept {
+    uint32_t events = 0;
+    if (found & watch_t::read) events |= socket.flags & nt_flag_listening ? nt_event_accept : nt_event_read;
+    if (found & watch_t::write) {
+        const bool connecting = socket.flags.fetch_and(~uint32_t{nt_flag_connecting}) & nt_flag_connecting;
+        events |= connecting ? nt_event_connected : nt_event_write;
+    }
+    if (socket.signals.exchange(0) != 0) events |= nt_event_signal;
+    return events;
+}
+
+// A closed descriptor would end every wait at once. Its number may be somebody else's by now, so its owner is not told
+// by way of the callback.
+void give_up_closed(socket_ctx& socket) noexcept {
+    if (socket.flags & (nt_flag_removed | nt_flag_closed)) return;
+    socket.flags |= nt_flag_closed;
+    core_log_err("network thread: socket %d was closed before it was removed", socket.fd.load());
+}
+
+void service_socket(socket_ctx& socket, uint8_t found) noexcept {
+    if (!socket.callback || (found == 0 && socket.signals == 0) || !take_for_loop(socket.guard)) return;
+    if (found & watch_t::closed) give_up_closed(socket);
+    const uint32_t events = socket_events(socket, found);
+    if (events != 0 && !(socket.flags & nt_flag_removed)) {
+        const callback_watch watch("socket");
+        socket.callback(socket.arg, events);
+    }
+    release_guard(socket.guard);
+}
+
+void service_sockets(nt_ctx& nt) noexcept {
+    for (const auto& socket : nt.sockets)
+        service_socket(*socket, nt.sets.found(socket->fd));
+}
+
+// Calls that are queued meanwhile, perhaps by these, are the next pass's.
+void run_calls(nt_ctx& nt) noexcept {
+    for (uint32_t left = slist_count(nt.calls); left != 0; --left) {
+        const core::owned_object<queued_call> call(static_cast<queued_call*>(slist_pop(nt.calls)));
+        if (!call) return;
+        const callback_watch watch("queued");
+        call->fn(call->arg);
+    }
+}
+
+void watch_socket(nt_ctx& nt, const socket_ctx& socket) noexcept {
+    const uint32_t flags = socket.flags;
+    if (!socket.callback || (flags & nt_flag_removed)) return;
+    // Signalled where no wait of this thread will tell: before its record came in, or by a callback of this pass.
+    if (socket.signals != 0) nt.pass_due = true;
+    if (flags & nt_flag_closed) return;
+    nt.sets.set(socket.fd, flags & (nt_flag_read | nt_flag_listening), flags & (nt_flag_write | nt_flag_connecting));
+}
+
+// Tried again on every pass until it is there: without it others wait for the loop's next look.
+void open_wake_pair(nt_ctx& nt) noexcept {
+    if (nt.wake_rd >= 0) return;
+    int fds[2];
+    if (net_socket_pair(2, 1, 6, fds, nt.file, nt.line) != 0) return;
+    socket_options(fds[0]);
+    socket_options(fds[1]);
+    nt.wake_rd = fds[0];
+    nt.wake_wr = fds[1];
+}
+
+void rebuild(nt_ctx& nt) noexcept {
+    assert(on_loop_thread(nt));
+    open_wake_pair(nt);
+    run_calls(nt);
+    take_in(nt.new_sockets, nt.sockets);
+    release_dead(nt.sockets);
+    nt.pass_due = slist_count(nt.calls) != 0;
+    nt.sets.clear();
+    if (nt.wake_rd >= 0) nt.sets.set(nt.wake_rd, true, false);
+    for (const auto& socket : nt.sockets)
+        watch_socket(nt, *socket);
+}
+
+void run_pass(nt_ctx& nt, thread_ctx* thread) noexcept {
+    service_commands(nt);
+    const int ready = nt.sets.wait(next_wait(nt));
+    if (ready < 0) core_thread_sleep(thread, pause_after_failed_wait);
+    acknowledge_wake(nt);
+    service_timers(nt);
+    service_commands(nt);
+    if (ready > 0 || nt.pass_due) service_sockets(nt);
+    rebuild(nt);
+}
+
+template <class T>
+void release_pending(slist*& pending) noexcept {
+    while (void* record = slist_pop(pending))
+        core::destroy(static_cast<T*>(record));
+    slist_free(pending);
+}
+
+}  // namespace
+
+nt_ctx::nt_ctx(const char* caller_file, int caller_line) noexcept
+    : file(caller_file),
+      line(caller_line),
+      new_sockets(_slist_init(caller_file, caller_line)),
+      new_timers(_slist_init(caller_file, caller_line)),
+      new_commands(_slist_init(caller_file, caller_line)),
+      calls(_slist_init(caller_file, caller_line)),
+      sockets(core::place{caller_file, caller_line}),
+      timers(core::place{caller_file, caller_line}),
+      commands(core::place{caller_file, caller_line}) {}
+
+nt_ctx::~nt_ctx() {
+    release_pending<socket_ctx>(new_sockets);
+    release_pending<timer_ctx>(new_timers);
+    release_pending<command_ctx>(new_commands);
+    release_pending<queued_call>(calls);
+    for (const int fd : {wake_rd.load(), wake_wr.load()}) {
+        if (fd >= 0) net_socket_close(fd);
+    }
+}
+
+bool nt_ctx::complete() const noexcept { return new_sockets && new_timers && new_commands && calls; }
+
+void loop_body(void* arg, thread_ctx* thread) noexcept {
+    auto& nt = *static_cast<nt_ctx*>(arg);
+    nt.thread = thread;
+    rebuild(nt);
+    while (!core_thread_iscancel(thread))
+        run_pass(nt, thread);
+    if (nt.releases_self) release_context(&nt);
+}
+
+void wake_loop(nt_ctx& nt) noexcept {
+    if (nt.wake_ordered.exchange(true) || on_loop_thread(nt)) return;
+    const int fd = nt.wake_wr;
+    constexpr uint8_t zero[1] = {};
+    if (fd >= 0) platform::send_bytes(fd, zero, nullptr);
+}
+
+void release_context(nt_ctx* nt) noexcept { core::destroy(nt); }
+
+}  // namespace net
