@@ -1,0 +1,88 @@
+#include "inet/inet.h"
+
+#include "support/log_lines.h"
+
+#include "core/owned.h"
+#include "core/profile.h"
+#include "core/version.h"
+#include "inet/net_socket.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+/// Whether the library is up, asked as a program would: over the bus.
+std::string served_methods() {
+    profile_ctx* profile = core_profile_open("graph", CORE_HERE);
+    const param_t params[] = {{"method", "trackWsListMethods"}, {}};
+    const core::owned_text answer(profile_request(profile, params, CORE_HERE));
+    profile_close(profile);
+    return answer ? answer.get() : "";
+}
+
+const std::string methods = R"(["trackWsListMethods"])";
+
+TEST(Lifecycle, CallsNestAndTheLastStopTakesItDown) {
+    char expected[32];
+    core_get_version("Nov 25 2015", "15:47:30", expected);
+    net_free();
+    EXPECT_EQ(served_methods(), "");
+    EXPECT_STREQ(net_init(), expected);
+    EXPECT_STREQ(net_init(), expected);
+    net_free();
+    EXPECT_EQ(served_methods(), methods);
+    net_free();
+    EXPECT_EQ(served_methods(), "");
+    net_free();
+    net_init();
+    EXPECT_EQ(served_methods(), methods) << "a stop too many has not unsettled the count";
+    net_free();
+}
+
+TEST(Lifecycle, SocketsLeftOpenAreNamedByTheLastStop) {
+    net_init();
+    net_init();
+    const int fd = net_socket_create(2, 1, 6, CORE_HERE);
+    test::log_lines log("error,console");
+    net_free();
+    EXPECT_EQ(log.take(), std::vector<std::string>());
+    net_free();
+    const std::string text = "not closed socket: " + std::to_string(fd);
+    EXPECT_EQ(log.take(), (std::vector<std::string>{text, text}));
+    close(fd);
+}
+
+TEST(Lifecycle, WhoeverHasStartedItFindsItUpWhateverOthersDo) {
+    std::atomic<int> down = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&down] {
+            for (int round = 0; round < 200; ++round) {
+                net_init();
+                if (served_methods() != methods) ++down;
+                net_free();
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(down, 0);
+    EXPECT_EQ(served_methods(), "");
+}
+
+TEST(SelfTest, LeavesTheLibraryAsItWas) {
+    for (const char* name : {static_cast<const char*>(nullptr), "auto", "Auto", "other"})
+        dll_test(name);
+    EXPECT_EQ(served_methods(), "");
+    net_init();
+    dll_test("auto");
+    EXPECT_EQ(served_methods(), methods);
+    net_free();
+}
+
+}  // namespace
