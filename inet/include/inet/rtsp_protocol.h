@@ -15,13 +15,14 @@
 ///                                   transport set up again on it
 ///                      rtsp_close:  send what is left, close the connection, destroy the session
 ///
-/// Everything runs on the owner's network thread. From inside an event every call but destroy() is allowed; close()
-/// there takes effect when the running call is through. An answer that the owner owes is given from inside the event.
+/// Everything runs on the owner's network thread. From inside an event every call but destroy() and process() is
+/// allowed; close() there takes effect when the running call is through. An answer that the owner owes is given from
+/// inside the event.
 ///
 /// What a peer can make a session hold: 64 KiB + 16 KiB of input (a header of at most 4098 bytes, a body of at most
-/// 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of replies that it does not read. Whoever goes
-/// beyond, or breaks the framing, is logged once and gets rtsp_close. Frames that a peer does not read are bounded by
-/// set_send_limit(). Every allocation may fail: the reply or the picture at hand is then left out whole.
+/// 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of replies, and one more, that it does not read.
+/// Whoever goes beyond, or breaks the framing, is logged once and gets rtsp_close. Frames that a peer does not read are
+/// bounded by set_send_limit(). Every allocation may fail: the reply or the picture at hand is then left out whole.
 #pragma once
 
 #include "avc/frame.h"
@@ -50,7 +51,8 @@ struct protocol_t {
 struct event_t {
     enum enum_t : int {
         open_client = 0,
-        open_server = 1,  ///< DESCRIBE of uri(): announce tracks and answer with send_sdp() or send_error()
+        open_server = 1,  ///< DESCRIBE of uri(): earlier tracks are gone, set up or not; announce tracks and answer
+                          ///< with send_sdp() or send_error()
         rtsp_close = 2,   ///< the peer broke a bound: the conversation is over, close the connection
         rtsp_setup = 3,   ///< SETUP of trak(): answer with send_setup() or send_error()
         rtsp_key = 4,
@@ -196,7 +198,8 @@ public:
 
     // Output: appends to send_buffer(), logs and raises rtsp_send. @return as the answers.
 
-    /// @param uri  request target when `header` is a request, written as it is; not used for a reply
+    /// @param header  a reply; a request is not sent
+    /// @param uri     target of a request, not used
     int send_header(net::http::header_s* header, const char* uri) noexcept;
     int send_content(const char* data, int size) noexcept;
 
@@ -224,10 +227,40 @@ public:
     bool closed() const noexcept { return closed_; }
 
 private:
-    class reply;
-    friend struct interleaved;
+    struct method_t;
+    class running;
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
+
+    void raise(event_t::enum_t event) noexcept;
+    void fail(const char* reason) noexcept;
+    void release() noexcept;
+
+    bool serve_next() noexcept;
+    bool take_interleaved() noexcept;
+    bool take_header() noexcept;
+    bool serve_held() noexcept;
+
+    void remember_cseq(const net::http::header_s* header) noexcept;
+    void serve_request(net::http::header_s* header) noexcept;
+    bool in_session(const net::http::header_s* header) const noexcept;
+    trak_t* find_trak(const char* uri) noexcept;
+    bool is_set_up() const noexcept;
+    uint8_t default_channel(const trak_t* trak) const noexcept;
+    void draw_stream(trak_t* trak) noexcept;
+    core::owned_text rtp_info(uint64_t time_us) const noexcept;
+
+    bool is_admitted(const net::http::header_s* header) const noexcept;
+    core::owned_text describe(const char* name, uint64_t start_us, uint64_t end_us) const noexcept;
+
+    int send_ok() noexcept;
+    bool append_header(net::http::header_s* header) noexcept;
+    int announce_reply(uint32_t start) noexcept;
+
+    bool start_picture(uint32_t fcc) noexcept;
+    int finish_picture() noexcept;
+    void make_packet_room() noexcept;
+    void add_interleaved(uint8_t channel) noexcept;
 
     int32_t id_;
     const char* file_;
@@ -235,19 +268,43 @@ private:
     log_ctx* log_;
     IRtsp* handler_ = nullptr;
     rtp::Rtp rtp_;
+
     buf_t receive_;
+    uint32_t used_ = 0;  // bytes of receive_ that were served
+    net::http::header_s* held_ = nullptr;
+    char cseq_[24] = {};
+
     buf_t send_;
     uint32_t send_limit_ = 1024 * 1024;
+    uint32_t replies_ = 0;  // bytes of replies added since send_ was empty or a picture was taken
+
     trak_t* traks_[max_traks] = {};
     uint32_t trak_count_ = 0;
+    uint8_t next_pt_;
     trak_t* trak_ = nullptr;
     protocol_t::enum_t protocol_ = protocol_t::rtp_tcp;
     core::owned_text uri_;
     core::owned_text content_base_;
     core::owned_text authorization_;
     char session_[12] = {};
+
+    bool gate_ = false;
+    core::owned_text user_;
+    core::owned_text password_;
+    core::owned_text nonce_;
+
     bool playing_ = false;
+    bool answered_ = false;  // the event at hand got the answer it asks for
     bool closed_ = false;
+    bool release_ = false;  // close() waits for the running call
+    uint32_t running_ = 0;
+
+    bool packing_ = false;
+    bool spilled_ = false;  // memory ran out within the picture
+    uint32_t packed_ = 0;
+    uint32_t picture_start_ = 0;
+    trak_t* sending_ = nullptr;
+    trak_t* outer_trak_ = nullptr;
 };
 
 }  // namespace rtsp3

@@ -1,0 +1,103 @@
+// Replies: put together as headers, printed into the send buffer whole or not at all.
+#include "rtsp/session.h"
+
+#include "core/text.h"
+#include "core/time.h"
+
+#include <cstring>
+
+namespace rtsp3 {
+
+using net::http::header_s;
+
+reply::reply(unsigned status, const char* reason, const char* cseq) noexcept
+    : header_(http_header_respond("RTSP/1.0", status, reason)), complete_(header_ != nullptr) {
+    put("CSeq", cseq);
+}
+
+void reply::put(const char* name, const char* value) noexcept {
+    if (value && !*value) return;
+    complete_ = complete_ && value && http_header_put(header_, name, value);
+}
+
+void reply::put_number(const char* name, uint32_t value) noexcept {
+    complete_ = complete_ && http_header_put_uint32(header_, name, value);
+}
+
+void reply::put_date() noexcept {
+    char date[40];
+    time_format(time_now(), "%a, %d %b %Y %H:%M:%S GMT", date, sizeof date);
+    put("Date", date);
+}
+
+namespace {
+
+/// Room that the printed header takes at most.
+size_t printed_size(const header_s* header) noexcept {
+    size_t size = core_strlen(header->protocol) + core_strlen(header->reason) + 32;
+    for (value_t* const* field = header->fields; field && *field; ++field)
+        size += core_strlen((*field)->key) + core_strlen((*field)->value) + 4;
+    return size;
+}
+
+}  // namespace
+
+// Appends without announcing, so that a header and its body go out by one event.
+bool Rtsp::append_header(header_s* header) noexcept {
+    if (closed_ || (header && !header->status)) return false;
+    const size_t room = header ? printed_size(header) : 0;
+    if (!header || room > INT32_MAX || !core_buf_respace(&send_, static_cast<uint32_t>(room), file_, line_)) {
+        core_log_print(log_, "%d: reply left out: no memory", id_);
+        return false;
+    }
+    char* out = reinterpret_cast<char*>(send_.data) + send_.length;
+    const int printed = http_header_sprintf(header, out, static_cast<int>(send_.size - send_.length));
+    send_.length += static_cast<uint32_t>(printed);
+    return true;
+}
+
+// What was added from `start` on: counted, logged and announced.
+int Rtsp::announce_reply(uint32_t start) noexcept {
+    const uint32_t added = send_.length - start;
+    replies_ = start == 0 ? added : replies_ + added;
+    core_log_print(log_, "%d: send\n%.*s", id_, static_cast<int>(added), reinterpret_cast<char*>(send_.data) + start);
+    raise(event_t::rtsp_send);
+    return 1;
+}
+
+int Rtsp::send_header(header_s* header, const char*) noexcept {
+    const uint32_t start = send_.length;
+    return append_header(header) ? announce_reply(start) : 0;
+}
+
+int Rtsp::send_content(const char* data, int size) noexcept {
+    const uint32_t start = send_.length;
+    if (!data || size <= 0 || closed_) return 0;
+    if (core_buf_read(&send_, data, static_cast<uint32_t>(size)) == 0) return 0;
+    return announce_reply(start);
+}
+
+int Rtsp::send_ok() noexcept {
+    reply ok(200, "OK", cseq_);
+    ok.put("Session", session_);
+    ok.put_date();
+    return send_header(ok.header(), nullptr);
+}
+
+int Rtsp::send_error(unsigned code) noexcept {
+    // The nonce without credentials is the same for all: it is the owner then who judges the answers.
+    static constexpr char fixed_nonce[] = "5b1f0c7e94a2d8360f9d41c6b87ea3527c10e4d96fb285";
+    static_assert(sizeof fixed_nonce == 46 + 1);
+    const char* reason = code == 454   ? "Session Not Found"
+                         : code == 455 ? "Method Not Valid in This State"
+                                       : http_error(code);
+    reply error(code, reason, cseq_);
+    if (code == 401) {
+        const core::owned_text challenge(core_sprintf(file_, line_, "Digest realm=\"%s\", nonce=\"%s\", stale=FALSE",
+                                                      auth_realm, nonce_ ? nonce_.get() : fixed_nonce));
+        error.put("WWW-Authenticate", challenge.get());
+    }
+    return send_header(error.header(), nullptr);
+}
+
+}  // namespace rtsp3
