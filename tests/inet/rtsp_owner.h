@@ -1,0 +1,154 @@
+// The owner of an RTSP session as a camera's service is one, noting what it is told and what it would send.
+#pragma once
+
+#include "avc/fcc.h"
+#include "core/time.h"
+#include "inet/rtsp_protocol.h"
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace test {
+
+inline uint64_t fixed_clock() { return 1700000000000000; }
+
+/// A picture of an SPS, a PPS and a slice of `size` bytes.
+inline std::string access_unit(size_t size) {
+    using namespace std::string_literals;
+    const std::string start = "\0\0\0\1"s;
+    return start + "\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20"s + start + "\x68\xce\x3c\x80"s + start + "\x65"s +
+           std::string(size, '\x5a');
+}
+
+class rtsp_owner : public rtsp3::IRtsp {
+public:
+    struct packet_t {
+        uint32_t port;
+        std::string bytes;
+    };
+
+    std::vector<uint32_t> formats{av::fcc_h264, av::fcc_pcmu, av::fcc_meta};
+    std::function<void(rtsp3::event_t::enum_t)> before;  ///< called first for each event
+    bool reading = true;                                 ///< false: the peer takes nothing
+    std::string events;                                  ///< numbers, each followed by a blank; rtsp_send left out
+    std::string sent;                                    ///< the stream, interleaved packets as "[channel]"
+    std::vector<packet_t> packets;                       ///< interleaved, and UDP by port
+    size_t sends = 0;
+
+    rtsp_owner() : session(rtsp3::Rtsp::create(CORE_HERE)) {
+        if (session) session->set_handler(this);
+    }
+    ~rtsp_owner() {
+        rtsp3::Rtsp::destroy(session);
+        core_buf_free(&received);
+    }
+    rtsp_owner(const rtsp_owner&) = delete;
+    rtsp_owner& operator=(const rtsp_owner&) = delete;
+
+    void feed(std::string_view bytes) {
+        core_buf_read(&received, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        session->process(&received);
+    }
+    /// What is sent in answer; "{session}" stands for the session's identifier.
+    std::string ask(std::string text) {
+        for (size_t at; (at = text.find("{session}")) != std::string::npos;)
+            text.replace(at, 9, session->session());
+        sent.clear();
+        feed(text);
+        return sent;
+    }
+    /// The status of the answer to a request without body, 0 when there is none.
+    int status(const std::string& line, const std::string& fields = "") {
+        const std::string answer = ask(line + " RTSP/1.0\r\nCSeq: 1\r\n" + fields + "\r\n");
+        return answer.size() < 12 ? 0 : std::stoi(answer.substr(9, 3));
+    }
+    /// Up to the first frame, all tracks over TCP unless told otherwise.
+    void play(const std::string& transport = "RTP/AVP/TCP;unicast") {
+        status("DESCRIBE rtsp://h/live");
+        for (const char* control : {"video", "audio", "application"})
+            status(std::string("SETUP rtsp://h/live/") + control, "Transport: " + transport + "\r\n");
+        status("PLAY rtsp://h/live/");
+    }
+    int send(const std::string& data, uint32_t fcc = av::fcc_h264) {
+        av::frame_t frame{};
+        frame.fcc = fcc;
+        frame.time = fixed_clock();
+        frame.data = reinterpret_cast<const uint8_t*>(data.data());
+        frame.size = static_cast<uint32_t>(data.size());
+        return session->send_frame(&frame);
+    }
+
+    void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
+        using rtsp3::event_t;
+        if (event != event_t::rtsp_send) events += std::to_string(event) + " ";
+        if (before) before(event);
+        if (event == event_t::open_server) {
+            for (const uint32_t fcc : formats)
+                rtsp->add_trak(fcc, nullptr, CORE_HERE);
+            rtsp->send_sdp("inet", "test", "camera", 0, 0);
+        }
+        if (event == event_t::rtsp_setup) rtsp->send_setup(nullptr, 6000);
+        if (event == event_t::rtsp_play) {
+            rtsp->send_play(fixed_clock());
+            send(access_unit(2000));
+        }
+        if (event == event_t::rtsp_send && reading) take();
+        if (event == event_t::send_rtp) note(rtsp->trak()->client_port);
+        if (event == event_t::rtsp_rtcp) note(rtsp->trak()->client_port + 1U);
+    }
+
+    rtsp3::Rtsp* session;
+    buf_t received;
+
+private:
+    void note(uint32_t port) {
+        const buf_t& packet = session->rtp()->packet;
+        packets.push_back({port, std::string(reinterpret_cast<char*>(packet.data), packet.length)});
+    }
+    void take() {
+        buf_t* out = session->send_buffer();
+        ++sends;
+        std::string_view bytes(reinterpret_cast<char*>(out->data), out->length);
+        while (!bytes.empty()) {
+            if (bytes[0] != '$') {
+                const size_t next = bytes.size();
+                sent += bytes.substr(0, next);
+                break;
+            }
+            const auto at = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
+            const size_t length = static_cast<size_t>(at(2) << 8 | at(3));
+            sent += "[" + std::to_string(at(1)) + "]";
+            packets.push_back({at(1), std::string(bytes.substr(4, length))});
+            bytes.remove_prefix(4 + length);
+        }
+        core_buf_ignore(out, out->length);
+    }
+};
+
+/// Reads a dialog: lines end with CR LF; "$ CC HEX" is an interleaved packet on channel CC.
+inline std::string read_dialog(const std::string& name) {
+    std::ifstream file(std::string(INET_TEST_DATA) + "/rtsp/" + name);
+    std::string dialog;
+    for (std::string line; std::getline(file, line);) {
+        if (!line.starts_with("$ ")) {
+            dialog += line + "\r\n";
+            continue;
+        }
+        std::string bytes;
+        for (size_t i = 5; i + 1 < line.size(); i += 2)
+            bytes += static_cast<char>(std::stoi(line.substr(i, 2), nullptr, 16));
+        dialog += '$';
+        dialog += static_cast<char>(std::stoi(line.substr(2, 2), nullptr, 16));
+        dialog += static_cast<char>(bytes.size() >> 8);
+        dialog += static_cast<char>(bytes.size());
+        dialog += bytes;
+    }
+    return dialog;
+}
+
+}  // namespace test

@@ -1,0 +1,366 @@
+// What the RTSP session answers, and what it does to bytes that are not as they should be.
+#include "rtsp_owner.h"
+#include "support/fault.h"
+
+#include "core/log.h"
+#include "inet/net_http_auth.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using rtsp3::event_t;
+using test::rtsp_owner;
+
+class RtspServer : public testing::Test {
+protected:
+    RtspServer() { core_time_set_clock(test::fixed_clock); }
+    ~RtspServer() override { core_time_set_clock(nullptr); }
+};
+
+const std::string date = "Date: Tue, 14 Nov 2023 22:13:20 GMT\r\n";
+
+/// What differs from session to session is made the same.
+std::string normal(std::string sent) {
+    for (const std::string_view key : {"Session: ", "seq="}) {
+        for (size_t at = 0; (at = sent.find(key, at)) != std::string::npos;) {
+            at += key.size();
+            sent.replace(at, sent.find_first_not_of("0123456789", at) - at, "N");
+        }
+    }
+    return sent;
+}
+
+/// A dialog as the next session of this process is to be asked.
+std::string dialog_for_next_session(const std::string& name) {
+    rtsp_owner probe;
+    probe.play();
+    const std::string next = std::to_string(std::stoul(probe.session->session()) + 1);
+    return std::regex_replace(test::read_dialog(name), std::regex("\\{session\\}"), next);
+}
+
+/// A dialog for any session: a request without the field means the one at hand.
+std::string dialog_for_any_session(const std::string& name) {
+    return std::regex_replace(test::read_dialog(name), std::regex("Session: \\{session\\}[^\r]*\r\n"), "");
+}
+
+const char* const dialogs[] = {"tcp.txt", "udp.txt", "recorder.txt"};
+
+TEST_F(RtspServer, AnswersAPlayerOverTcp) {
+    const std::string dialog = dialog_for_next_session("tcp.txt");
+    rtsp_owner owner;
+    owner.feed(dialog);
+    const std::string ok = "RTSP/1.0 200 OK\r\nCSeq: ";
+    const std::string sdp =
+        "v=0\r\no=- 0 0 IN IP4 0.0.0.0\r\ns=inet test camera\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\na=recvonly\r\n"
+        "m=video 0 RTP/AVP 96\r\na=recvonly\r\na=control:video\r\na=rtpmap:96 H264/90000\r\n"
+        "m=audio 0 RTP/AVP 97\r\na=recvonly\r\na=control:audio\r\na=rtpmap:97 PCMU/8000/1\r\n"
+        "m=application 0 RTP/AVP 107\r\na=recvonly\r\na=control:application\r\n"
+        "a=rtpmap:107 vnd.onvif.metadata/90000\r\n";
+    const std::string base = "rtsp://127.0.0.1:8554/live/";
+    const std::string session = "Session: N\r\n";
+    const auto ticks = [](uint64_t rate) { return std::to_string(static_cast<uint32_t>(1700000000 * rate)); };
+    const std::string info = "RTP-Info: url=" + base + "video;seq=N,url=" + base +
+                             "audio;seq=N;rtptime=" + ticks(8000) + ",url=" + base +
+                             "application;seq=N;rtptime=" + ticks(90000) + "\r\n";
+    // Two parameter sets, a slice in two pieces and the report go out with the first frame.
+    EXPECT_EQ(normal(owner.sent),
+              ok + "1\r\nPublic: OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE\r\n" + date + "\r\n" +  //
+                  ok + "2\r\nContent-Base: " + base + "\r\nContent-Type: application/sdp\r\nContent-Length: " +
+                  std::to_string(sdp.size()) + "\r\n\r\n" + sdp +                                      //
+                  ok + "3\r\n" + session + "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n\r\n" +  //
+                  ok + "4\r\n" + session + "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\n\r\n" +  //
+                  ok + "5\r\n" + session + info + date + "\r\n[0][0][0][0][1]" +                       //
+                  ok + "6\r\n" + session + date + "\r\n" +                                             //
+                  ok + "7\r\n" + session + date + "\r\n" +                                             //
+                  ok + "8\r\n" + session + info + date + "\r\n[0][0][0][0]" +                          //
+                  ok + "9\r\n" + session + date + "\r\n");
+    EXPECT_EQ(owner.events, "1 3 3 6 7 6 8 ");
+}
+
+TEST_F(RtspServer, ChangesTheTransportOnTheSameConnection) {
+    const std::string dialog = dialog_for_next_session("udp.txt");
+    rtsp_owner owner;
+    owner.feed(dialog);
+    EXPECT_NE(owner.sent.find("RTP/AVP/UDP;unicast;client_port=50120-50121;server_port=6000-6001;\r\n"),
+              std::string::npos);
+    EXPECT_NE(owner.sent.find("\r\n\r\n[0][0][0][0][1]"), std::string::npos);
+    EXPECT_EQ(owner.events, "1 3 6 11 11 11 11 13 8 3 6 ");
+    EXPECT_EQ(owner.packets.front().port, 50120U);
+}
+
+TEST_F(RtspServer, KeepsTheFramingOverBodiesUnknownMethodsAndReplies) {
+    const std::string dialog = dialog_for_next_session("recorder.txt");
+    rtsp_owner owner;
+    owner.feed(dialog);
+    std::string statuses;
+    const std::regex line("RTSP/1.0 (\\d+) [^\r]*\r\nCSeq: (\\d+)");
+    for (std::sregex_iterator it(owner.sent.begin(), owner.sent.end(), line), end; it != end; ++it)
+        statuses += (*it)[2].str() + ":" + (*it)[1].str() + " ";
+    EXPECT_EQ(statuses, "2:200 3:200 4:200 5:200 7:454 9:200 ");
+    EXPECT_NE(owner.sent.find("interleaved=4-5"), std::string::npos);
+}
+
+TEST_F(RtspServer, GivesTheSameAnswersHoweverTheBytesAreCut) {
+    for (const char* name : dialogs) {
+        SCOPED_TRACE(name);
+        const std::string dialog = dialog_for_any_session(name);
+        std::string sent;
+        std::string events;
+        for (size_t cut = 0; cut < dialog.size(); ++cut) {
+            rtsp_owner owner;
+            owner.feed(dialog.substr(0, cut));
+            owner.feed(dialog.substr(cut));
+            if (cut == 0) {
+                sent = normal(owner.sent);
+                events = owner.events;
+            }
+            ASSERT_EQ(normal(owner.sent), sent) << "cut at " << cut;
+            ASSERT_EQ(owner.events, events) << "cut at " << cut;
+            ASSERT_EQ(owner.received.length, 0U);
+        }
+        rtsp_owner owner;
+        for (const char byte : dialog)
+            owner.feed({&byte, 1});
+        EXPECT_EQ(normal(owner.sent), sent);
+        EXPECT_EQ(owner.events, events);
+    }
+}
+
+TEST_F(RtspServer, ServesTheNextRequestWhateverAllocationFails) {
+    for (const char* name : dialogs) {
+        SCOPED_TRACE(name);
+        const std::string dialog = dialog_for_any_session(name);
+        const size_t failed = test::fail_each_allocation([&] {
+            rtsp_owner owner;
+            if (!owner.session) return;
+            owner.feed(dialog);
+            core_mem_set_fault(nullptr);
+            // What found no memory to be read is served with the next bytes.
+            EXPECT_TRUE(owner.ask("OPTIONS * RTSP/1.0\r\nCSeq: 77\r\n\r\n").find("CSeq: 77\r\nPublic") !=
+                        std::string::npos);
+            EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live"), 200);
+        });
+        EXPECT_GT(failed, 100U);
+    }
+}
+
+TEST_F(RtspServer, RefusesWhatItCannotServe) {
+    const struct {
+        const char* request;
+        const char* fields;
+        int status;
+    } cases[] = {
+        {"SETUP rtsp://h/live/video", "", 400},
+        {"SETUP rtsp://h/live/video", "Transport: \r\n", 400},
+        {"SETUP rtsp://h/live/video", "Transport: by pigeon;client_port=1-2\r\n", 400},
+        {"SETUP rtsp://h/live/other", "Transport: RTP/AVP/TCP;unicast\r\n", 404},
+        {"SETUP rtsp://h/live", "Transport: RTP/AVP/TCP;unicast\r\n", 404},
+        {"SETUP rtsp://h/live/novideo", "Transport: RTP/AVP/TCP;unicast\r\n", 404},
+        {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;multicast;port=5000-5001\r\n", 461},
+        {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast\r\n", 461},
+        {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=0-1\r\n", 461},
+        {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=65535\r\n", 461},
+        {"SETUP rtsp://h/live/video", "Transport: RTP/SAVP/TCP;unicast\r\n", 461},
+        {"SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP;unicast\r\nSession: 1\r\n", 454},
+        {"PLAY rtsp://h/live/", "", 455},
+        {"PLAY rtsp://h/live/", "Session: 1\r\n", 454},
+        {"PAUSE rtsp://h/live/", "", 455},
+        {"TEARDOWN rtsp://h/live/", "Session: \r\n", 454},
+        {"SET_PARAMETER rtsp://h/live/", "Content-Length: x\r\n", 400},
+        {"GET_PARAMETER rtsp://h/live/", "Content-Length: 65537\r\n", 400},
+        {"DESCRIBE rtsp://h/\x01", "", 400},
+        {"RECORD rtsp://h/", "", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.request) + " " + c.fields);
+        rtsp_owner owner;
+        ASSERT_EQ(owner.status("DESCRIBE rtsp://h/live"), 200);
+        owner.events.clear();
+        EXPECT_EQ(owner.status(c.request, c.fields), c.status);
+        // Only a body that cannot be told from what follows ends the conversation.
+        const bool over = std::string_view(c.fields).starts_with("Content-Length");
+        EXPECT_EQ(owner.events, over ? "2 " : "");
+        EXPECT_EQ(owner.status("OPTIONS *"), over ? 0 : 200);
+        EXPECT_FALSE(owner.session->playing());
+    }
+}
+
+TEST_F(RtspServer, FindsTrackAndTransport) {
+    const struct {
+        const char* uri;
+        const char* transport;
+        const char* answer;
+    } cases[] = {
+        {"rtsp://h/live/video", "RTP/AVP/TCP;unicast;interleaved=6-7", "RTP/AVP/TCP;unicast;interleaved=6-7"},
+        {"rtsp://h/live//audio/", "RTP/AVP/TCP;unicast", "RTP/AVP/TCP;unicast;interleaved=2-3"},
+        {"audio", "RTP/AVP/TCP;interleaved=255-256", "RTP/AVP/TCP;unicast;interleaved=2-3"},
+        {"rtsp://h/live?a=/b/video", "RTP/AVP/TCP;unicast", "RTP/AVP/TCP;unicast;interleaved=0-1"},
+        {"rtsp://h/live/application?a=b", "rtp/avp/tcp;unicast", "RTP/AVP/TCP;unicast;interleaved=4-5"},
+        {"rtsp://h/live/video", "RTP/AVP;multicast, RTP/AVP/UDP;unicast;client_port=7000-7001,RTP/AVP/TCP",
+         "RTP/AVP/UDP;unicast;client_port=7000-7001;server_port=6000-6001;"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.uri);
+        rtsp_owner owner;
+        owner.status("DESCRIBE rtsp://h/live");
+        const std::string answer =
+            owner.ask(std::string("SETUP ") + c.uri + " RTSP/1.0\r\nTransport: " + c.transport + "\r\n\r\n");
+        EXPECT_EQ(normal(answer), std::string("RTSP/1.0 200 OK\r\nSession: N\r\nTransport: ") + c.answer + "\r\n\r\n");
+    }
+}
+
+TEST_F(RtspServer, SetsUpTracksOfOneMediumInTurn) {
+    rtsp_owner owner;
+    owner.formats = {av::fcc_h264, av::fcc_h264, av::fcc_pcmu, av::fcc_jpeg, av::fcc_univ, av::fcc_jpeg};
+    owner.status("DESCRIBE rtsp://h/live");
+    std::string types;
+    for (uint32_t i = 0; i < owner.session->trak_count(); ++i)
+        types += std::to_string(owner.session->trak(i)->rtp->pt) + " ";
+    EXPECT_EQ(types, "96 97 98 26 99 ");  // and no second track of a fixed payload type
+    for (int i = 0; i < 3; ++i)
+        owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP\r\n");
+    EXPECT_TRUE(owner.session->trak(0U)->set_up && owner.session->trak(1)->set_up && owner.session->trak(3)->set_up);
+    EXPECT_NE(owner.session->trak(0U)->rtp->ssrc, owner.session->trak(1)->rtp->ssrc);
+}
+
+TEST_F(RtspServer, DescribesTheRangeAndRefusesWithoutATitle) {
+    rtsp_owner owner;
+    EXPECT_EQ(owner.session->send_sdp("a", nullptr, "c", 0, 0), 1);
+    EXPECT_TRUE(owner.sent.starts_with("RTSP/1.0 404 Not Found\r\n")) << owner.sent;
+    owner.session->send_sdp("a", "b", "c", 1000000, 61999999);
+    EXPECT_NE(owner.sent.find("s=a b c\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\na=recvonly\r\na=range:npt=0-60\r\n"),
+              std::string::npos);
+}
+
+/// Value of a field's quoted parameter.
+std::string challenge_of(const std::string& answer) {
+    std::smatch found;
+    return std::regex_search(answer, found, std::regex("WWW-Authenticate: ([^\r]*)\r\n")) ? found[1].str() : "";
+}
+
+std::string digest(const std::string& challenge, const char* user, const char* password, const char* method,
+                   const char* uri) {
+    const core::owned_text value(net_http_authenticate(user, password, method, uri, challenge.c_str(), CORE_HERE));
+    return std::string("Authorization: ") + value.get() + "\r\n";
+}
+
+TEST_F(RtspServer, AdmitsOnlyTheRightAnswerToItsOwnChallenge) {
+    const char* uri = "rtsp://h/live";
+    rtsp_owner owner;
+    rtsp_owner other;
+    ASSERT_TRUE(owner.session->set_credentials("admin", "secret") && other.session->set_credentials("admin", "secret"));
+    EXPECT_EQ(owner.status("OPTIONS *"), 200);
+    EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live"), 401);
+    const std::string challenge = challenge_of(owner.sent);
+    EXPECT_TRUE(
+        std::regex_match(challenge, std::regex("Digest realm=\"inet\", nonce=\"[0-9A-Za-z]{46}\", stale=FALSE")));
+    other.status("DESCRIBE rtsp://h/live");
+    const std::string foreign = challenge_of(other.sent);
+    EXPECT_NE(challenge, foreign);
+
+    EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live", digest(challenge, "admin", "wrong", "DESCRIBE", uri)), 401);
+    EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live", digest(foreign, "admin", "secret", "DESCRIBE", uri)), 401);
+    EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live", digest(challenge, "admin", "secret", "PLAY", uri)), 401);
+    EXPECT_EQ(owner.events, "");
+    EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live", digest(challenge, "admin", "secret", "DESCRIBE", uri)), 200);
+    EXPECT_EQ(owner.events, "1 ");
+
+    const std::string setup = "SETUP rtsp://h/live/video";
+    const std::string transport = "Transport: RTP/AVP/TCP\r\n";
+    EXPECT_EQ(owner.status(setup, transport), 401);
+    // An answer for the session's URI serves for its tracks, one for another URI does not.
+    EXPECT_EQ(owner.status(setup, transport + digest(challenge, "admin", "secret", "SETUP", "rtsp://h/other")), 401);
+    EXPECT_EQ(owner.status(setup, transport + digest(challenge, "admin", "secret", "SETUP", "rtsp://h/live/")), 200);
+    EXPECT_EQ(owner.status("PLAY rtsp://h/live/"), 401);
+    EXPECT_FALSE(owner.session->playing());
+}
+
+TEST_F(RtspServer, StaysClosedWhenCredentialsFindNoMemory) {
+    EXPECT_GT(test::fail_each_allocation([] {
+                  rtsp_owner owner;
+                  if (!owner.session || owner.session->set_credentials("admin", "secret")) return;
+                  core_mem_set_fault(nullptr);
+                  EXPECT_EQ(owner.status("DESCRIBE rtsp://h/live", digest("Digest realm=\"inet\", nonce=\"\"", "", "",
+                                                                          "DESCRIBE", "rtsp://h/live")),
+                            401);
+              }),
+              2U);
+}
+
+TEST_F(RtspServer, BoundsWhatAPeerMakesItHold) {
+    const std::string options = "OPTIONS * RTSP/1.0\r\nPad: ";
+    for (const size_t size : {4098U, 4099U}) {
+        rtsp_owner owner;
+        const std::string header = options + std::string(size - options.size() - 4, 'x') + "\r\n\r\n";
+        EXPECT_EQ(owner.ask(header).empty(), size > 4098);
+        EXPECT_EQ(owner.session->closed(), size > 4098);
+    }
+    rtsp_owner body;
+    body.feed("SET_PARAMETER * RTSP/1.0\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, '$') +
+              std::string("$\0\xff\xff", 4) + std::string(65535, '\r') + options + "\r\n\r\n");
+    EXPECT_EQ(body.sent.find("RTSP/1.0 200 OK", 20), body.sent.rfind("RTSP/1.0 200 OK"));
+    EXPECT_NE(body.sent.rfind("Public"), std::string::npos);
+
+    rtsp_owner deaf;
+    deaf.reading = false;
+    for (int i = 0; i < 10000; ++i)
+        deaf.feed(options + "\r\n\r\n");
+    EXPECT_EQ(deaf.events, "2 ");
+    EXPECT_LT(deaf.session->send_buffer()->length, 66U * 1024);
+    EXPECT_EQ(deaf.received.length, 0U);
+}
+
+TEST_F(RtspServer, SaysOnceWhatItCouldNotRead) {
+    std::vector<std::string> lines;
+    const uint32_t sink = core_log_sink_add(
+        "rtsp.protocol",
+        [](void* arg, const log_line_t* line) { static_cast<std::vector<std::string>*>(arg)->push_back(line->text); },
+        &lines);
+    const auto count = [&](const std::string& text) {
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const std::string& line) { return line.find(text) != std::string::npos; });
+    };
+    rtsp_owner owner;
+    owner.feed("nonsense\r\n\r\nRTSP/1.0 200 OK\r\n\r\nOPTIONS * RTSP/1.0\r\n\r\n" + std::string(5000, 'x'));
+    core_log_sink_rem(sink);
+    const std::string id = std::to_string(owner.session->id());
+    EXPECT_EQ(lines.front(), id + ": create");
+    EXPECT_EQ(count("rtsp header parse failed:\nnonsense"), 1);
+    EXPECT_EQ(count("rtsp protocol dectect bad header"), 1);
+    EXPECT_EQ(count(id + ": recv\nOPTIONS * RTSP/1.0"), 1);
+    EXPECT_EQ(count(id + ": send\nRTSP/1.0 200 OK\r\n"), 1);
+    EXPECT_EQ(count(": closing: "), 1);
+}
+
+TEST_F(RtspServer, MayBeClosedFromInsideAnyEvent) {
+    for (const auto at :
+         {event_t::open_server, event_t::rtsp_close, event_t::rtsp_setup, event_t::rtsp_play, event_t::rtsp_send,
+          event_t::send_rtp, event_t::rtsp_rtcp, event_t::rtsp_pause, event_t::rtsp_stop}) {
+        SCOPED_TRACE(at);
+        rtsp_owner owner;
+        bool seen = false;
+        owner.before = [&](event_t::enum_t event) {
+            if (event != at || seen) return;
+            seen = true;
+            owner.session->close();
+        };
+        owner.play("RTP/AVP;unicast;client_port=7000-7001");
+        owner.status("PAUSE rtsp://h/live/");
+        owner.status("TEARDOWN rtsp://h/live/");
+        owner.feed(std::string(5000, 'x'));
+        EXPECT_TRUE(seen);
+        EXPECT_EQ(owner.session->trak_count(), 0U);
+        EXPECT_EQ(owner.session->send_buffer()->length, 0U);
+        EXPECT_EQ(owner.status("OPTIONS *"), 0);
+    }
+}
+
+TEST(RtspEvents, HaveTheirFixedNames) {
+    EXPECT_STREQ(rtsp3::Enum::event_name(event_t::rtsp_play), "rtsp_pause");
+    EXPECT_STREQ(rtsp3::Enum::event_name(event_t::rtsp_send), "send_rtp");
+    EXPECT_STREQ(rtsp3::Enum::event_name(event_t::rtsp_frame), "rtsp_rtcp");
+    EXPECT_STREQ(rtsp3::Enum::event_name(99), "rtsp_unknown");
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+// Frames of a running RTSP session on their way out.
+#include "rtsp_owner.h"
+#include "support/fault.h"
+
+#include "core/memory.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+
+namespace {
+
+using test::access_unit;
+using test::rtsp_owner;
+
+std::atomic<size_t> allocations{0};
+
+TEST(RtspStreaming, PutsAPictureIntoTheStreamByOneEvent) {
+    rtsp_owner owner;
+    owner.play();
+    owner.packets.clear();
+    owner.sends = 0;
+    EXPECT_EQ(owner.send(access_unit(3000)), 1);
+    EXPECT_EQ(owner.sends, 1U);
+    ASSERT_EQ(owner.packets.size(), 2 + 3U);
+    uint16_t seq = 0;
+    for (const auto& packet : owner.packets) {
+        EXPECT_EQ(packet.port, 0U);
+        EXPECT_EQ(static_cast<uint8_t>(packet.bytes[0]), 0x80);
+        const auto number =
+            static_cast<uint16_t>(static_cast<uint8_t>(packet.bytes[2]) << 8 | static_cast<uint8_t>(packet.bytes[3]));
+        EXPECT_TRUE(&packet == &owner.packets.front() || number == static_cast<uint16_t>(seq + 1));
+        seq = number;
+    }
+    EXPECT_EQ(owner.packets[0].bytes.substr(12), access_unit(0).substr(4, 9));
+}
+
+TEST(RtspStreaming, AllocatesNothingOnceItRuns) {
+    rtsp_owner owner;
+    owner.formats = {av::fcc_h264, av::fcc_pcmu, av::fcc_jpeg};
+    size_t taken = 0;
+    owner.play();
+    owner.reading = false;
+    owner.before = [&](rtsp3::event_t::enum_t event) {
+        if (event != rtsp3::event_t::rtsp_send) return;
+        buf_t* out = owner.session->send_buffer();
+        taken += out->length;
+        core_buf_ignore(out, out->length);
+    };
+    const std::string picture = access_unit(60000);
+    const std::string sound(1600, '\x7f');
+    owner.send(picture);
+    owner.send(sound, av::fcc_pcmu);
+    taken = 0;
+    allocations = 0;
+    core_mem_set_fault([](size_t, const char*, int) {
+        ++allocations;
+        return false;
+    });
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(owner.send(picture), 1);
+        EXPECT_EQ(owner.send(sound, av::fcc_pcmu), 1);
+    }
+    core_mem_set_fault(nullptr);
+    EXPECT_EQ(allocations, 0U);
+    EXPECT_GT(taken, 100 * (picture.size() + sound.size()));
+}
+
+TEST(RtspStreaming, TakesFramesOnlyWhilePlaying) {
+    rtsp_owner owner;
+    EXPECT_EQ(owner.send(access_unit(10)), 0);
+    owner.play();
+    EXPECT_EQ(owner.send(access_unit(10)), 1);
+    EXPECT_EQ(owner.send("x", av::fcc_jpeg), 0);
+    owner.status("PAUSE rtsp://h/live/");
+    EXPECT_EQ(owner.send(access_unit(10)), 0);
+    owner.status("PLAY rtsp://h/live/");
+    EXPECT_EQ(owner.send(access_unit(10)), 1);
+    owner.status("TEARDOWN rtsp://h/live/");
+    EXPECT_EQ(owner.send(access_unit(10)), 0);
+    owner.play();
+    owner.status("DESCRIBE rtsp://h/live");
+    EXPECT_EQ(owner.send(access_unit(10)), 0);
+}
+
+TEST(RtspStreaming, LeavesWholePicturesOutForAReaderThatStalls) {
+    rtsp_owner owner;
+    owner.play();
+    owner.reading = false;
+    owner.session->set_send_limit(10000);
+    EXPECT_EQ(owner.send(access_unit(9000)), 1);
+    EXPECT_EQ(owner.send(access_unit(9000)), 1);
+    const uint32_t waiting = owner.session->send_buffer()->length;
+    EXPECT_EQ(owner.send(access_unit(9000)), 0);
+    EXPECT_EQ(owner.session->send_buffer()->length, waiting);
+    core_buf_ignore(owner.session->send_buffer(), waiting - 9999);
+    EXPECT_EQ(owner.send(access_unit(9000)), 1);
+}
+
+TEST(RtspStreaming, TakesAPictureBackThatFindsNoMemory) {
+    rtsp_owner owner;
+    owner.play();
+    owner.reading = false;
+    core_buf_resize(owner.session->send_buffer(), 0, CORE_HERE);
+    const size_t failed = test::fail_each_allocation([&] {
+        const int sent = owner.send(access_unit(20000));
+        const uint32_t waiting = owner.session->send_buffer()->length;
+        EXPECT_TRUE(sent ? waiting > 20000 : waiting == 0) << waiting;
+        core_mem_set_fault(nullptr);
+        core_buf_resize(owner.session->send_buffer(), 0, CORE_HERE);
+    });
+    EXPECT_GT(failed, 1U);
+}
+
+TEST(RtspStreaming, SendsTracksByTheirOwnTransport) {
+    rtsp_owner owner;
+    owner.status("DESCRIBE rtsp://h/live");
+    owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=7000-7001\r\n");
+    owner.status("SETUP rtsp://h/live/audio", "Transport: RTP/AVP/TCP;unicast;interleaved=8-9\r\n");
+    owner.status("PLAY rtsp://h/live/");
+    std::string ports;
+    owner.send(std::string(1600, 'a'), av::fcc_pcmu);
+    owner.send(access_unit(100));
+    for (const auto& packet : owner.packets)
+        ports += std::to_string(packet.port) + " ";
+    // The picture of PLAY with its report, two blocks of sound with theirs, the second picture.
+    EXPECT_EQ(ports, "7000 7000 7000 7000 7001 8 8 9 7000 7000 7000 ");
+    EXPECT_EQ(owner.session->trak(), nullptr);
+}
+
+TEST(RtspStreaming, ReportsOnTheClockOfThePackets) {
+    rtsp_owner owner;
+    owner.play();
+    const std::string& report = owner.packets.back().bytes;
+    ASSERT_EQ(report.size(), 28U);
+    EXPECT_EQ(report.substr(16, 4), owner.packets.front().bytes.substr(4, 4));
+    EXPECT_EQ(report.substr(4, 4), owner.packets.front().bytes.substr(8, 4));
+}
+
+}  // namespace
