@@ -1,5 +1,7 @@
 #include "avc/frame.h"
 
+#include "support/fault.h"
+
 #include "avc/fcc.h"
 #include "core/memory.h"
 
@@ -25,9 +27,6 @@ av::frame_t* make(uint32_t fcc, std::string_view data) {
 }
 
 std::string text(const av::frame_t* frame) { return {reinterpret_cast<const char*>(frame->data), frame->size}; }
-
-int allocations_left = 0;
-bool fail_after_some(size_t, const char*, int) { return allocations_left-- <= 0; }
 
 TEST(Frame, KnowsItsSizeAndWhetherDecodingCanStartThere) {
     const std::string sps(sps_320x240);
@@ -120,28 +119,21 @@ TEST(Frame, IsSharedByThreadsThatReleaseItInAnyOrder) {
     EXPECT_EQ(core_mem_blocks(), 0U);
 }
 
-TEST(Frame, IsNotMadeWhenMemoryIsOut) {
-    av::frame_t* lasting = make(av::fcc_univ, "bytes");
-    av::frame_t borrowed = *lasting;
-    borrowed.payload = nullptr;
-    const size_t held = core_mem_blocks();
-    for (int allowed = 0; allowed < 2; ++allowed) {
-        const auto fails = [allowed](auto call) {
-            allocations_left = allowed;
-            core_mem_set_fault(fail_after_some);
-            const bool failed = call() == nullptr;
-            core_mem_set_fault(nullptr);
-            return failed;
-        };
-        EXPECT_TRUE(fails([] { return make(av::fcc_h264, sps_320x240); }));
-        EXPECT_TRUE(fails([] { return avc_meta_create(av::fcc_meta, 1, "{}", 2, CORE_HERE); }));
-        EXPECT_TRUE(fails([&] { return avc_frame_dup(&borrowed, CORE_HERE); }));
-        if (allowed == 0) {
-            EXPECT_TRUE(fails([&] { return avc_frame_dup(lasting, CORE_HERE); }));
-        }
-        EXPECT_EQ(core_mem_blocks(), held);
-    }
-    avc_frame_need(lasting);
+TEST(Frame, IsMadeWholeOrNotAtAllWhenMemoryIsShort) {
+    const size_t failures = test::fail_each_allocation([] {
+        av::frame_t* frame = make(av::fcc_h264, sps_320x240);
+        av::frame_t* shared = avc_frame_dup(frame, CORE_HERE);
+        constexpr uint8_t lent[] = "lent";
+        av::frame_t borrowed{};
+        borrowed.data = lent;
+        borrowed.size = 4;
+        av::frame_t* copied = avc_frame_dup(&borrowed, CORE_HERE);
+        av::meta_t* meta = avc_meta_create(av::fcc_meta, 1, "{}", 2, CORE_HERE);
+        for (av::frame_t** made : {&frame, &shared, &copied})
+            avc_frame_need(*made);
+        avc_meta_need(meta);
+    });
+    EXPECT_EQ(failures, 7U);  // the shared one takes its record alone, the others their bytes, too
 }
 
 TEST(Meta, HoldsACopyOfItsText) {

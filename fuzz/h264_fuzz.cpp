@@ -1,0 +1,53 @@
+// H.264 from the network: the splitter, parameter sets, and what frames and MP4 make of them.
+#include "avc/fcc.h"
+#include "avc/mp4.h"
+#include "common/h264.h"
+
+#include <cstdlib>
+
+namespace {
+
+void require(bool holds) {
+    if (!holds) std::abort();
+}
+
+void split(std::span<const uint8_t> stream) {
+    const uint8_t* last = stream.data();
+    for (auto rest = stream;;) {
+        const auto nal = h264_next_nal(rest);
+        if (nal.empty()) break;
+        require(nal.data() >= last + 3 && nal.back() != 0);
+        last = nal.data() + nal.size();
+        require(last <= stream.data() + stream.size());
+        h264_starts_access_unit(nal);
+    }
+}
+
+void parse(std::span<const uint8_t> nal) {
+    h264_info_t info;
+    if (!h264_parse_sps(nal, &info)) return;
+    require(info.width > 0 && info.width <= 16384 && info.height > 0 && info.height <= 16384);
+    require(info.chroma_format <= 3 && info.bit_depth <= 14 && info.bit_depth_chroma <= 14);
+}
+
+void wrap(std::span<const uint8_t> stream) {
+    av::frame_t* frames[] = {
+        avc_frame_create(av::fcc_h264, 0, stream.data(), static_cast<uint32_t>(stream.size()), CORE_HERE), nullptr};
+    if (!frames[0]) return;
+    buf_t out;
+    av_mp4_init(&out, frames[0], CORE_HERE);
+    require(av_mp4_moof(&out, frames, 0, 40000, 1, CORE_HERE) == 1);
+    core_buf_free(&out);
+    avc_frame_need(frames[0]);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::span stream(data, size);
+    split(stream);
+    parse(stream);
+    parse(h264_find(stream, h264_sps));
+    wrap(stream);
+    return 0;
+}
