@@ -42,7 +42,7 @@ struct cell_t {
 constexpr uint32_t page_sites = 1024;
 constexpr uint32_t max_pages = 64;
 constexpr uint32_t max_sites = page_sites * max_pages;
-constexpr uint32_t bucket_count = 4096;
+constexpr uint32_t bucket_bits = 12;
 constexpr uint32_t counter_count = 64;
 
 /// Cells of one thread, or of all threads that found no counter free.
@@ -54,7 +54,7 @@ struct counter_t {
 using fault_t = bool (*)(size_t size, const char* file, int line);
 
 constinit std::atomic<fault_t> fault_hook{nullptr};
-constinit std::atomic<const site_t*> buckets[bucket_count]{};
+constinit std::atomic<const site_t*> buckets[1 << bucket_bits]{};
 constinit std::atomic<site_t*> site_pages[max_pages]{};
 constinit std::atomic<uint32_t> site_count{0};
 constinit std::mutex site_mutex;
@@ -132,8 +132,8 @@ site_t& site_at(uint32_t index) noexcept {
 }
 
 std::atomic<const site_t*>& bucket_of(const char* file, int line) noexcept {
-    const uint64_t key = reinterpret_cast<uintptr_t>(file) + static_cast<uint64_t>(line) * 0x9e3779b97f4a7c15u;
-    return buckets[(key ^ (key >> 32)) * 0x9e3779b97f4a7c15u >> 52];
+    const uint64_t key = reinterpret_cast<uintptr_t>(file) + (static_cast<uint64_t>(line) << 32);
+    return buckets[key * 0x9e3779b97f4a7c15u >> (64 - bucket_bits)];
 }
 
 const site_t* look_up(const std::atomic<const site_t*>& bucket, const char* file, int line) noexcept {

@@ -66,13 +66,6 @@ TEST(Memory, ReportSumsByAllocatingLine) {
     EXPECT_EQ(core_mem_bytes(), 0u);
 }
 
-TEST(Memory, NullIsNoBlock) {
-    core_mfree(nullptr);
-    EXPECT_EQ(core_mem_file(nullptr), nullptr);
-    EXPECT_EQ(core_mem_line(nullptr), 0);
-    EXPECT_EQ(core_mem_size(nullptr), 0u);
-}
-
 TEST(Memory, SizesThatCannotBeAreRefused) {
     EXPECT_EQ(core_malloc(SIZE_MAX, CORE_HERE), nullptr);
     EXPECT_EQ(core_malloc(SIZE_MAX - 16, CORE_HERE), nullptr);

@@ -33,10 +33,8 @@ TEST(Text, Copies) {
     EXPECT_EQ(take(core_strndup("abc", 2, CORE_HERE)), "ab");
     EXPECT_EQ(take(core_strndup("abc", SIZE_MAX, CORE_HERE)), "abc");
     EXPECT_EQ(take(core_strdup("", CORE_HERE)), "");
-    EXPECT_EQ(core_strdup(nullptr, CORE_HERE), nullptr);
     EXPECT_EQ(core_strndup(nullptr, 3, CORE_HERE), nullptr);
     EXPECT_EQ(take(core_strhex("\x00\x7f\xff", 3, CORE_HERE)), "007fff");
-    EXPECT_EQ(core_strhex(nullptr, 0, CORE_HERE), nullptr);
 }
 
 TEST(Text, FormatsAnyLength) {
@@ -74,7 +72,6 @@ TEST(Text, ComparesWithoutCase) {
         if (c.n != SIZE_MAX) continue;
         EXPECT_EQ(sign(core_strcasecmp(c.a, c.b)), c.expected);
     }
-    EXPECT_EQ(core_strlen(nullptr), 0u);
 }
 
 // Every character survives both ways, and what is accepted is the one way to write it: so nothing else is accepted.
@@ -121,8 +118,6 @@ TEST(Utf8, ReplacesEachBadByteOfText) {
 #undef BAD
     for (const auto& c : cases)
         EXPECT_EQ(via_wide(c.in), c.out) << testing::PrintToString(c.in);
-    EXPECT_EQ(core_wchar(nullptr, CORE_HERE), nullptr);
-    EXPECT_EQ(core_utf8(nullptr, CORE_HERE), nullptr);
     const wchar_t surrogate[] = {L'a', static_cast<wchar_t>(0xd800), L'b', 0};
     EXPECT_EQ(take(core_utf8(surrogate, CORE_HERE)),
               "a\xef\xbf\xbd"
@@ -136,8 +131,6 @@ TEST(Param, FindsByNameAndType) {
     EXPECT_EQ(param_get_integer(params, "size", 1), -5);
     EXPECT_EQ(param_get_integer(params, "name", 1), 1);
     EXPECT_EQ(param_find(params, "Name"), nullptr);
-    EXPECT_EQ(param_find(nullptr, "name"), nullptr);
-    EXPECT_EQ(param_find(params, nullptr), nullptr);
 }
 
 TEST(Template, FillsPlaces) {

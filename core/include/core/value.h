@@ -21,7 +21,7 @@ INET_API value_t** core_value_set(value_t** list, const char* key, const char* v
 
 /// Builds a list from text such as "a=1; b=2": pairs end at any character of `separator`, keys at the first character
 /// of `pair_separator`. Blanks around keys and values are dropped, empty pieces skipped, a pair without a separator has
-/// a null value. @return the list, null when there is none.
+/// a null value. @return the list, null when there is none or memory is out.
 INET_API value_t** core_value_split(const char* text, const char* separator, const char* pair_separator,
                                     const char* file, int line) noexcept;
 
