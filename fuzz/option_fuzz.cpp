@@ -7,16 +7,32 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 namespace {
 
-std::string path_of_process() {
-    static char name[] = "/tmp/inet_option_fuzz_XXXXXX";
-    static const bool made = mkdtemp(name) != nullptr;
-    if (!made) std::abort();
-    return std::string(name) + "/options";
-}
+/// A directory where flushing to the disk costs nothing, if there is such a place; gone at the end.
+class directory {
+public:
+    directory() {
+        for (const char* pattern : {"/dev/shm/inet_option_fuzz_XXXXXX", "/tmp/inet_option_fuzz_XXXXXX"}) {
+            path_ = pattern;
+            if (mkdtemp(path_.data())) return;
+        }
+        std::abort();
+    }
+    directory(const directory&) = delete;
+    directory& operator=(const directory&) = delete;
+    ~directory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    std::string file() const { return path_ + "/options"; }
+
+private:
+    std::string path_;
+};
 
 void store(const std::string& path, const uint8_t* data, size_t size) {
     std::FILE* const file = std::fopen(path.c_str(), "wb");
@@ -31,7 +47,8 @@ std::string stored(const std::string& path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const std::string path = path_of_process();
+    static const directory own;
+    static const std::string path = own.file();
     store(path, data, size);
     std::string first;
     for (int round = 0; round < 2; ++round) {

@@ -26,7 +26,7 @@ struct log_ctx {
 
 namespace {
 
-constexpr size_t line_limit = 16 * 1024;
+constexpr size_t line_limit = 16'384;
 constexpr uint32_t sink_limit = 32;
 
 using sink_write = void (*)(void* arg, const log_line_t* line);
@@ -212,6 +212,9 @@ size_t line_length(const char* text, size_t length) noexcept {
     deliver_deferred();
 }
 
+// The exported core_log_wanted() can be replaced by a program and is therefore called, not inlined.
+bool is_wanted(const log_ctx& log) noexcept { return log.wanted.load(std::memory_order_relaxed) != 0; }
+
 /// Takes a free slot; -1 when there is none.
 int take_slot() noexcept {
     for (uint32_t slot = 0; slot < sink_limit; ++slot) {
@@ -259,14 +262,14 @@ log_ctx* core_log_create(const char* file, int line, const char* name) noexcept 
 }
 
 void core_log_print(log_ctx* log, const char* format, ...) noexcept {
-    if (!core_log_wanted(log)) return;
+    if (!log || !is_wanted(*log)) return;
     va_list args;
     va_start(args, format);
     print(*log, 0, format, args);
     va_end(args);
 }
 
-int core_log_wanted(const log_ctx* log) noexcept { return log && log->wanted.load(std::memory_order_relaxed) != 0; }
+int core_log_wanted(const log_ctx* log) noexcept { return log && is_wanted(*log); }
 
 void core_log_free(log_ctx*& log) noexcept {
     log_ctx* const released = log;
@@ -283,7 +286,7 @@ void core_log_free(log_ctx*& log) noexcept {
 }
 
 void core_log_err(const char* format, ...) noexcept {
-    if (!core_log_wanted(&error_log)) return;
+    if (!is_wanted(error_log)) return;
     va_list args;
     va_start(args, format);
     print(error_log, 0, format, args);
@@ -291,7 +294,7 @@ void core_log_err(const char* format, ...) noexcept {
 }
 
 void core_con_printf(int color, const char* format, ...) noexcept {
-    if (!core_log_wanted(&console_log)) return;
+    if (!is_wanted(console_log)) return;
     va_list args;
     va_start(args, format);
     print(console_log, color, format, args);

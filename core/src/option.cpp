@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr size_t file_limit = 1024 * 1024;
+constexpr size_t file_limit = 1'048'576;
 constexpr size_t key_limit = 255;
 
 // Ordered by key: the file reads the same whatever the order of the calls, and a large file loads in n log n.

@@ -137,7 +137,7 @@ int core_thread_invoke(void (*function)(void* arg), void* arg, const char* file,
     } catch (const std::exception&) {
         return 0;
     }
-    call.release();
+    static_cast<void>(call.release());
     return 1;
 }
 

@@ -135,6 +135,7 @@ TEST(Log, PrintingAllocatesNothing) {
     std::atomic<int> lines = 0;
     const uint32_t sink = core_log_sink_add(
         "*", [](void* arg, const log_line_t*) { ++*static_cast<std::atomic<int>*>(arg); }, &lines);
+    allocations = 0;
     core_mem_set_fault([](size_t, const char*, int) {
         ++allocations;
         return true;

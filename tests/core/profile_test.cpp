@@ -27,7 +27,9 @@ std::string describe(const param_t* params) {
 
 /// A subscriber that keeps what reaches it and may do something about it.
 struct subscriber {
-    explicit subscriber(const char* name) : profile(core_profile_open2(name, this, called, CORE_HERE)) {}
+    using action = std::function<void(profile_ctx*, profile_event_t)>;
+    explicit subscriber(const char* name, action acts = {})
+        : then(std::move(acts)), profile(core_profile_open2(name, this, called, CORE_HERE)) {}
     subscriber(const subscriber&) = delete;
     subscriber& operator=(const subscriber&) = delete;
     ~subscriber() { profile_close(profile); }
@@ -41,8 +43,8 @@ struct subscriber {
 
     std::vector<profile_event_t> events;
     std::string last;
-    std::function<void(profile_ctx*, profile_event_t)> then;
-    profile_ctx* profile;
+    action then;
+    profile_ctx* profile;  // last: calls may come as soon as it is open
 };
 
 using events_t = std::vector<profile_event_t>;
@@ -307,9 +309,8 @@ TEST_F(Profile, EverythingAtOnceFromManyThreads) {
         threads.push_back(std::make_unique<side_thread>([&calls, i] {
             for (int round = 0; round < 150; ++round) {
                 const char* const name = (i + round) % 2 ? "x" : "y";
-                subscriber mine(name);
                 int busy = 0;
-                mine.then = [&](profile_ctx* profile, profile_event_t event) {
+                const subscriber mine(name, [&](profile_ctx* profile, profile_event_t event) {
                     ++calls;
                     ++busy;  // on one thread at a time: a data race here would show
                     if (event == profile_put && busy == 1) {
@@ -320,7 +321,7 @@ TEST_F(Profile, EverythingAtOnceFromManyThreads) {
                     }
                     core_profile_answer(profile, name);
                     --busy;
-                };
+                });
                 profile_ctx* to = profile_open(name);
                 core_profile_put(to, list);
                 core_mfree(profile_request(to, list, CORE_HERE));
