@@ -1,11 +1,11 @@
 #include "core/buf.h"
 
+#include "core/file.h"
 #include "core/memory.h"
 #include "core/owned.h"
 #include "core/text.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -87,10 +87,10 @@ int core_buf_resize(buf_t* buf, uint32_t n, const char* file, int line) noexcept
 
 int core_buf_dump(const buf_t* buf, const char* path) noexcept {
     if (!buf || !path) return 0;
-    std::FILE* file = std::fopen(path, "wb");
+    file_ctx* file = core_fopen(path, "wb", CORE_HERE);
     if (!file) return 0;
-    const bool written = buf->length == 0 || std::fwrite(buf->data, 1, buf->length, file) == buf->length;
-    return std::fclose(file) == 0 && written;
+    const bool written = core_fwrite(file, buf->data, buf->length) == buf->length;
+    return core_fclose(file) && written;
 }
 
 void core_buf_free(buf_t* buf) noexcept {
