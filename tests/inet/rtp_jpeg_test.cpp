@@ -148,21 +148,27 @@ TEST(RtpJpeg, ComplainsOfWhatRfc2435CannotCarryAndSendsOn) {
     }
 }
 
+// Packets made of the first bytes of a file, in a block of exactly that size, whose end the address sanitizer watches.
+size_t packets_of_cut(const bytes& jpeg, size_t size) {
+    const std::unique_ptr<uint8_t[]> block(new uint8_t[size]);
+    std::copy_n(jpeg.begin(), size, block.get());
+    capture owner(av::fcc_jpeg, 26);
+    av::frame_t frame = frame_of(av::fcc_jpeg, {}, some_time);
+    frame.data = block.get();
+    frame.size = static_cast<uint32_t>(size);
+    owner.object.pack(&frame);
+    return owner.packets.size();
+}
+
 TEST(RtpJpeg, ReadsNoByteBehindACutFile) {
     const bytes headers = join({soi, app1, segment(0xDB, join({table(0, 3), table(1, 4)})), segment(0xDD, {0, 9}),
                                 sof0(640, 480, 0x22, 0x11), sos()});
     const bytes jpeg = join({headers, noise(20), eoi});
+    const bytes grey = join({soi, segment(0xC0, {8, 1, 0, 1, 0, 1, 1, 0x11, 0})});
     for (size_t size = 0; size <= jpeg.size(); ++size) {
-        // A block of exactly that size, whose end the address sanitizer watches.
-        const std::unique_ptr<uint8_t[]> block(new uint8_t[size]);
-        std::copy_n(jpeg.begin(), size, block.get());
-        capture owner(av::fcc_jpeg, 26);
-        av::frame_t frame = frame_of(av::fcc_jpeg, {}, some_time);
-        frame.data = block.get();
-        frame.size = static_cast<uint32_t>(size);
-        owner.object.pack(&frame);
-        EXPECT_EQ(owner.packets.empty(), size == 0 || size == headers.size());
+        EXPECT_EQ(packets_of_cut(jpeg, size) == 0, size == 0 || size == headers.size());
     }
+    EXPECT_EQ(packets_of_cut(grey, grey.size()), 1U);
 }
 
 }  // namespace

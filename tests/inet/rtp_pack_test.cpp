@@ -63,7 +63,7 @@ TEST(RtpH264, CutsAtTheLimitAndComesTogetherBitByBit) {
     for (const auto& [size, expected] : cases) {
         SCOPED_TRACE(size);
         capture owner(av::fcc_h264);
-        const bytes nal = nal_unit(0x65, size);
+        const bytes nal = nal_unit(0xE5, size);
         owner.send(annex_b({nal}), some_time);
         std::vector<size_t> sizes;
         for (const bytes& packet : owner.packets)
@@ -307,11 +307,11 @@ TEST(RtpMemory, EveryAllocationMayFail) {
     const size_t failed = test::fail_each_allocation([&] {
         rtp::Rtp* const object = rtp::Rtp::create(CORE_HERE);
         if (!object) return;
-        rtp::trak_t* const picture = object->add_trak(96, av::fcc_h264);
-        rtp::trak_t* const meta = object->add_trak(107, av::fcc_univ);
-        EXPECT_EQ(object->get_trak_pt(96), picture);
-        EXPECT_EQ(object->get_trak_pt(107), meta);
-        if (meta) {
+        for (unsigned char pt = 96; pt < 106; ++pt) {
+            const rtp::trak_t* const added = object->add_trak(pt, av::fcc_h264);
+            EXPECT_EQ(object->get_trak_pt(pt), added);
+        }
+        if (rtp::trak_t* const meta = object->add_trak(107, av::fcc_univ)) {
             meta->active = 1;
             object->pack(&frame);
         }
