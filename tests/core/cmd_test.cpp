@@ -1,11 +1,10 @@
 #include "core/cmd.h"
 
 #include "support/fault.h"
+#include "support/side_thread.h"
 
 #include "core/memory.h"
-#include "core/thread.h"
 
-#include <array>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -77,39 +76,22 @@ TEST(Cmd, PostWithoutMemoryIsRefused) {
 }
 
 TEST(Cmd, EveryThreadsCallsRunOnce) {
-    struct poster_t {
-        cmd_ctx* cmd;
-        uint32_t count = 0;
-    };
-    uint32_t total = 0;
+    uint32_t total = 0;  // touched by the processing thread alone
     cmd_ctx* cmd = core_cmd_open(&total, CORE_HERE);
-    std::array<poster_t, 3> posters{{{cmd}, {cmd}, {cmd}}};
-    std::array<thread_ctx*, 3> threads{};
-    for (size_t i = 0; i < threads.size(); ++i) {
-        threads[i] = core_thread_start(
-            &posters[i],
-            [](void* arg, thread_ctx*) {
-                for (int n = 0; n < 2000; ++n) {
-                    core_cmd_exec(
-                        static_cast<poster_t*>(arg)->cmd,
-                        [](void* owner, void* poster) {
-                            ++*static_cast<uint32_t*>(owner);
-                            ++static_cast<poster_t*>(poster)->count;
-                        },
-                        arg);
-                }
-            },
-            nullptr, CORE_HERE);
-    }
     uint32_t ran = 0;
-    while (ran < 6000)
-        ran += core_cmd_process(cmd);
-    for (auto& thread : threads)
-        core_thread_stop(thread);
-    EXPECT_EQ(ran, 6000U);
-    EXPECT_EQ(total, 6000U);
-    for (const poster_t& poster : posters)
-        EXPECT_EQ(poster.count, 2000U);
+    {
+        const test::side_thread posters([cmd] {
+            test::on_four_threads([cmd] {
+                const auto count = [](void* owner, void*) { ++*static_cast<uint32_t*>(owner); };
+                for (int n = 0; n < 2000; ++n)
+                    core_cmd_exec(cmd, count, nullptr);
+            });
+        });
+        while (ran < 8000)
+            ran += core_cmd_process(cmd);
+    }
+    EXPECT_EQ(ran + core_cmd_process(cmd), 8000U);
+    EXPECT_EQ(total, 8000U);
     core_cmd_close(cmd);
 }
 

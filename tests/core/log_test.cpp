@@ -1,19 +1,17 @@
 #include "core/log.h"
 
 #include "log/sinks.h"
+#include "support/scratch.h"
+#include "support/side_thread.h"
 
 #include "core/memory.h"
-#include "core/thread.h"
 #include "core/time.h"
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -192,34 +190,24 @@ TEST(Log, SinkMayRemoveItselfAndAddOthersWhileItWrites) {
 
 TEST(Log, RemovedSinkIsNeitherRunningNorCalledAgain) {
     struct {
-        event_ctx* entered = _event_create(CORE_HERE);
-        event_ctx* go_on = _event_create(CORE_HERE);
-        std::atomic<bool> finished = false;
-        log_ctx* log = core_log_create(CORE_HERE, "slow");
+        test::event entered;
+        test::event never;
+        std::atomic<int> finished = 0;
     } state;
-    using state_t = decltype(state);
-    const uint32_t sink = core_log_sink_add(
-        "slow",
-        [](void* arg, const log_line_t*) {
-            auto& s = *static_cast<state_t*>(arg);
-            event_set(s.entered);
-            event_wait(s.go_on, 20);  // runs into the time limit: the remover is waiting meanwhile
-            s.finished = true;
-        },
-        &state);
-    thread_ctx* printer = core_thread_start(
-        &state, [](void* arg, thread_ctx*) { core_log_print(static_cast<state_t*>(arg)->log, "line"); }, nullptr,
-        CORE_HERE);
-    event_wait(state.entered, event_infinite);
+    log_handle log("slow");
+    const auto write = [](void* arg, const log_line_t*) {
+        auto& s = *static_cast<decltype(state)*>(arg);
+        s.entered.set();
+        s.never.wait(20);  // time for the removal to come too early
+        ++s.finished;
+    };
+    const uint32_t sink = core_log_sink_add("slow", write, &state);
+    const test::side_thread printer([&log] { core_log_print(log.log, "line"); });
+    ASSERT_TRUE(state.entered.wait());
     core_log_sink_rem(sink);
-    EXPECT_TRUE(state.finished);
-    state.finished = false;
-    core_log_print(state.log, "line");
-    EXPECT_FALSE(state.finished);
-    core_thread_stop(printer);
-    core_log_free(state.log);
-    _event_free(state.entered);
-    _event_free(state.go_on);
+    EXPECT_EQ(state.finished, 1);
+    core_log_print(log.log, "line");
+    EXPECT_EQ(state.finished, 1);
 }
 
 TEST(Log, ThirtyTwoSinksAndNumbersThatAreNotUsedAgain) {
@@ -238,29 +226,19 @@ TEST(Log, ThirtyTwoSinksAndNumbersThatAreNotUsedAgain) {
 }
 
 TEST(Log, EverythingAtOnceFromManyThreads) {
-    std::vector<thread_ctx*> threads;
     std::atomic<uint64_t> lines = 0;
-    for (int i = 0; i < 4; ++i) {
-        threads.push_back(core_thread_start(
-            &lines,
-            [](void* arg, thread_ctx*) {
-                for (int round = 0; round < 200; ++round) {
-                    log_handle log(round % 3 ? "shared" : "other");
-                    const uint32_t sink = core_log_sink_add(
-                        "shared,error",
-                        [](void* count, const log_line_t*) {
-                            // Sinks of two threads print to logs that the other one wants: no ring of waiting.
-                            if (++*static_cast<std::atomic<uint64_t>*>(count) % 5 == 0) core_log_err("%s", "again");
-                        },
-                        arg);
-                    core_log_print(log.log, "%d", round);
-                    core_log_sink_rem(sink);
-                }
-            },
-            nullptr, CORE_HERE));
-    }
-    for (auto& thread : threads)
-        core_thread_stop(thread);
+    // Sinks of two threads print to logs that the other one wants: no ring of waiting.
+    const auto write = [](void* arg, const log_line_t*) {
+        if (++*static_cast<std::atomic<uint64_t>*>(arg) % 5 == 0) core_log_err("%s", "again");
+    };
+    test::on_four_threads([&] {
+        for (int round = 0; round < 200; ++round) {
+            log_handle log(round % 3 ? "shared" : "other");
+            const uint32_t sink = core_log_sink_add("shared,error", write, &lines);
+            core_log_print(log.log, "%d", round);
+            core_log_sink_rem(sink);
+        }
+    });
     EXPECT_GE(lines, 400U);
 }
 
@@ -304,8 +282,8 @@ TEST(Log, TerminalShowsWhatAPeerSentWithoutObeyingIt) {
 }
 
 TEST(Log, FileSinkAppendsLinesAsTheyAre) {
-    std::string path = std::filesystem::temp_directory_path() / "inet_log_test_XXXXXX";
-    close(mkstemp(path.data()));
+    const test::scratch dir;
+    const std::string path = dir / "log";
     log_handle log("disk");
     const std::string big(16 * 1024, 'x');
     core_time_set_clock([] { return uint64_t{1'448'466'450'042'000}; });
@@ -321,7 +299,6 @@ TEST(Log, FileSinkAppendsLinesAsTheyAre) {
     const std::string head = "2015-11-25T15:47:30.042Z [disk] ";
     const std::string once = head + "a\x1b\nb\n" + head + big + "\n";
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), once + once);
-    std::filesystem::remove(path);
     EXPECT_EQ(core_log_sink_file("disk", "/nonexistent/log"), 0U);
 }
 

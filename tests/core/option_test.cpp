@@ -2,10 +2,10 @@
 
 #include "support/fault.h"
 #include "support/scratch.h"
+#include "support/side_thread.h"
 
 #include "core/memory.h"
 #include "core/owned.h"
-#include "core/thread.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -226,20 +226,14 @@ TEST_F(Option, LackOfMemoryNeverLosesAnOption) {
 
 TEST_F(Option, ThreadsShareAHandle) {
     const options shared(path);
-    const auto body = [](void* arg, thread_ctx*) {
-        auto& o = *static_cast<const options*>(arg);
-        for (int i = 0; i < 30; ++i) {
-            core_opt_set_int(o.opt, i % 2 ? "odd" : "even", i);
-            core_opt_get_int(o.opt, "odd", 0);
-            EXPECT_EQ(core_opt_save(o.opt), 1);
+    test::on_four_threads([&shared] {
+        for (int i = 0; i < 20; ++i) {
+            core_opt_set_int(shared.opt, i % 2 ? "odd" : "even", i);
+            core_opt_get_int(shared.opt, "odd", 0);
+            EXPECT_EQ(core_opt_save(shared.opt), 1);
         }
-    };
-    void* const arg = const_cast<options*>(&shared);
-    thread_ctx* one = core_thread_start(arg, body, nullptr, CORE_HERE);
-    thread_ctx* two = core_thread_start(arg, body, nullptr, CORE_HERE);
-    core_thread_stop(one);
-    core_thread_stop(two);
-    EXPECT_EQ(stored(path), "even=28\nodd=29\n");
+    });
+    EXPECT_EQ(stored(path), "even=18\nodd=19\n");
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "core/profile.h"
 
 #include "support/fault.h"
+#include "support/side_thread.h"
 
 #include "core/memory.h"
 #include "core/owned.h"
-#include "core/thread.h"
 
 #include <atomic>
 #include <functional>
@@ -13,6 +13,9 @@
 #include <vector>
 
 namespace {
+
+using test::event;
+using test::side_thread;
 
 std::string describe(const param_t* params) {
     std::string text;
@@ -172,32 +175,6 @@ TEST_F(Profile, ArchivePlayPutsItsCommand) {
     EXPECT_EQ(core_archive_play(bus, 0, 1e300), 1U);
 }
 
-/// Runs a function on a thread until the object ends.
-class side_thread {
-public:
-    explicit side_thread(std::function<void()> function) : function_(std::move(function)) {
-        thread_ = core_thread_start(
-            this, [](void* arg, thread_ctx*) { static_cast<side_thread*>(arg)->function_(); }, nullptr, CORE_HERE);
-    }
-    side_thread(const side_thread&) = delete;
-    side_thread& operator=(const side_thread&) = delete;
-    ~side_thread() { core_thread_stop(thread_); }
-
-private:
-    std::function<void()> function_;
-    thread_ctx* thread_;
-};
-
-struct event {
-    event_ctx* handle = _event_create(CORE_HERE);
-    event() = default;
-    event(const event&) = delete;
-    event& operator=(const event&) = delete;
-    ~event() { _event_free(handle); }
-    void set() const { event_set(handle); }
-    bool wait(uint32_t milliseconds = 60'000) const { return event_wait(handle, milliseconds) == 1; }
-};
-
 TEST_F(Profile, CloseWaitsForTheCallbackOnAnotherThread) {
     subscriber slow("camera");
     event entered;
@@ -214,122 +191,94 @@ TEST_F(Profile, CloseWaitsForTheCallbackOnAnotherThread) {
     EXPECT_TRUE(finished);
 }
 
-TEST_F(Profile, CallbacksThatWouldWaitForEachOtherDoNot) {
-    // Two threads are in two callbacks, each of which puts to the other one's name.
-    subscriber a("a");
-    subscriber b("b");
+/// Two subscribers whose callbacks run at the same time on two threads and then do something to each other.
+class ProfileRing : public testing::Test {
+protected:
+    ProfileRing() {
+        a.then = [this](profile_ctx*, profile_event_t) { meet(a, b_entered, a_entered, a_acts); };
+        b.then = [this](profile_ctx*, profile_event_t) { meet(b, a_entered, b_entered, b_acts); };
+    }
+    ~ProfileRing() override {
+        profile_close(to_a);
+        profile_close(to_b);
+    }
+
+    static void meet(const subscriber& self, const event& other, const event& own, const std::function<void()>& acts) {
+        if (self.events.size() > 1) return;  // what the other one has caused
+        own.set();
+        ASSERT_TRUE(other.wait());
+        acts();
+    }
+
+    void run() {
+        const side_thread one([this] { core_profile_put(to_a, nullptr); });
+        const side_thread two([this] { core_profile_put(to_b, nullptr); });
+    }
+
+    subscriber a{"a"};
+    subscriber b{"b"};
     profile_ctx* to_a = profile_open("a");
     profile_ctx* to_b = profile_open("b");
     event a_entered;
     event b_entered;
+    std::function<void()> a_acts;
+    std::function<void()> b_acts;
+};
+
+TEST_F(ProfileRing, OfPutsIsBrokenByTheLastOne) {
     std::atomic<uint32_t> reached = 0;
-    int a_calls = 0;
-    int b_calls = 0;
-    a.then = [&](profile_ctx*, profile_event_t) {
-        if (a_calls++ > 0) return;
-        a_entered.set();
-        ASSERT_TRUE(b_entered.wait());
-        reached += core_profile_put(to_b, nullptr);
-    };
-    b.then = [&](profile_ctx*, profile_event_t) {
-        if (b_calls++ > 0) return;
-        b_entered.set();
-        ASSERT_TRUE(a_entered.wait());
-        reached += core_profile_put(to_a, nullptr);
-    };
-    {
-        const side_thread one([&] { core_profile_put(to_a, nullptr); });
-        const side_thread two([&] { core_profile_put(to_b, nullptr); });
-    }
+    a_acts = [&] { reached += core_profile_put(to_b, nullptr); };
+    b_acts = [&] { reached += core_profile_put(to_a, nullptr); };
+    run();
     EXPECT_EQ(reached, 1U) << "one gave up, so the other came through";
-    profile_close(to_a);
-    profile_close(to_b);
 }
 
-TEST_F(Profile, CloseWithinACallbackWaitsForOneThatPutsBack) {
-    // The callback of "a" closes the handle of "b", whose callback is just putting to "a".
-    subscriber a("a");
-    subscriber b("b");
-    profile_ctx* to_a = profile_open("a");
-    profile_ctx* to_b = profile_open("b");
-    event a_entered;
-    event b_entered;
+TEST_F(ProfileRing, OfACloseAndAPutIsBrokenByThePut) {
     std::atomic<bool> b_finished = false;
-    a.then = [&](profile_ctx*, profile_event_t) {
-        a_entered.set();
-        ASSERT_TRUE(b_entered.wait());
+    a_acts = [&] {
         profile_close(b.profile);
         EXPECT_TRUE(b_finished);
     };
-    b.then = [&](profile_ctx*, profile_event_t) {
-        ASSERT_TRUE(a_entered.wait());
-        b_entered.set();
+    b_acts = [&] {
         EXPECT_EQ(core_profile_put(to_a, nullptr), 0U);
         b_finished = true;
     };
-    {
-        const side_thread one([&] { core_profile_put(to_a, nullptr); });
-        const side_thread two([&] { core_profile_put(to_b, nullptr); });
-    }
-    profile_close(to_a);
-    profile_close(to_b);
+    run();
 }
 
-TEST_F(Profile, TwoCallbacksThatCloseEachOtherReturn) {
-    subscriber a("a");
-    subscriber b("b");
-    profile_ctx* to_a = profile_open("a");
-    profile_ctx* to_b = profile_open("b");
-    event a_entered;
-    event b_entered;
-    a.then = [&](profile_ctx*, profile_event_t) {
-        a_entered.set();
-        b_entered.wait();
-        profile_close(b.profile);
-    };
-    b.then = [&](profile_ctx*, profile_event_t) {
-        b_entered.set();
-        a_entered.wait();
-        profile_close(a.profile);
-    };
-    {
-        const side_thread one([&] { core_profile_put(to_a, nullptr); });
-        const side_thread two([&] { core_profile_put(to_b, nullptr); });
-    }
+TEST_F(ProfileRing, OfClosesIsBrokenByTheLastOne) {
+    a_acts = [&] { profile_close(b.profile); };
+    b_acts = [&] { profile_close(a.profile); };
+    run();
     EXPECT_FALSE(a.profile);
     EXPECT_FALSE(b.profile);
-    profile_close(to_a);
-    profile_close(to_b);
 }
 
 TEST_F(Profile, EverythingAtOnceFromManyThreads) {
-    std::vector<std::unique_ptr<side_thread>> threads;
     std::atomic<uint32_t> calls = 0;
-    for (int i = 0; i < 4; ++i) {
-        threads.push_back(std::make_unique<side_thread>([&calls, i] {
-            for (int round = 0; round < 150; ++round) {
-                const char* const name = (i + round) % 2 ? "x" : "y";
-                int busy = 0;
-                const subscriber mine(name, [&](profile_ctx* profile, profile_event_t event) {
-                    ++calls;
-                    ++busy;  // on one thread at a time: a data race here would show
-                    if (event == profile_put && busy == 1) {
-                        profile_ctx* other = profile_open(name[0] == 'x' ? "y" : "x");
-                        core_profile_wake(other);
-                        core_mfree(core_profile_data(other, CORE_HERE));
-                        profile_close(other);
-                    }
-                    core_profile_answer(profile, name);
-                    --busy;
-                });
-                profile_ctx* to = profile_open(name);
-                core_profile_put(to, list);
-                core_mfree(profile_request(to, list, CORE_HERE));
-                profile_close(to);
-            }
-        }));
-    }
-    threads.clear();
+    std::atomic<int> rounds = 0;
+    test::on_four_threads([&] {
+        for (int i = 0; i < 150; ++i) {
+            const bool is_x = ++rounds % 2 == 0;
+            int busy = 0;
+            const subscriber mine(is_x ? "x" : "y", [&](profile_ctx* profile, profile_event_t event) {
+                ++calls;
+                ++busy;  // on one thread at a time: a data race here would show
+                if (event == profile_put && busy == 1) {
+                    profile_ctx* other = profile_open(is_x ? "y" : "x");
+                    core_profile_wake(other);
+                    core_mfree(core_profile_data(other, CORE_HERE));
+                    profile_close(other);
+                }
+                core_profile_answer(profile, "mine");
+                --busy;
+            });
+            profile_ctx* to = profile_open(is_x ? "x" : "y");
+            core_profile_put(to, list);
+            core_mfree(profile_request(to, list, CORE_HERE));
+            profile_close(to);
+        }
+    });
     EXPECT_GE(calls, 600U);
 }
 

@@ -1,14 +1,14 @@
 #include "core/thread.h"
 
+#include "support/side_thread.h"
+
 #include "core/memory.h"
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -164,41 +164,27 @@ TEST(Event, SetTwiceReleasesOneWaitAndResets) {
 TEST(Event, WaiterMayFreeItAsSoonAsItIsReleased) {
     for (int i = 0; i < 200; ++i) {
         event_ctx* event = _event_create(CORE_HERE);
-        thread_ctx* setter = core_thread_start(
-            event, [](void* arg, thread_ctx*) { event_set(static_cast<event_ctx*>(arg)); }, nullptr, CORE_HERE);
+        const test::side_thread setter([shared = event] { event_set(shared); });
         ASSERT_EQ(event_wait(event, event_infinite), 1);
         _event_free(event);
-        core_thread_stop(setter);
     }
 }
 
-/// Runs the body on four threads at once.
-void on_four_threads(void* arg, void (*body)(void* arg, thread_ctx* thread)) {
-    std::array<thread_ctx*, 4> threads{};
-    for (auto& thread : threads)
-        thread = core_thread_start(arg, body, nullptr, CORE_HERE);
-    for (auto& thread : threads)
-        core_thread_stop(thread);
-}
-
 TEST(Lock, IsRecursiveAndExcludesOtherThreads) {
-    struct {
-        lock_ctx* lock = core_lock_create(CORE_HERE);
-        int count = 0;
-    } state;
-    on_four_threads(&state, [](void* arg, thread_ctx*) {
-        auto& s = *static_cast<decltype(state)*>(arg);
+    lock_ctx* lock = core_lock_create(CORE_HERE);
+    int count = 0;
+    test::on_four_threads([&] {
         for (int i = 0; i < 1000; ++i) {
-            lock_enter(s.lock);
-            lock_enter(s.lock);
-            ++s.count;
-            lock_leave(s.lock);
-            lock_leave(s.lock);
+            lock_enter(lock);
+            lock_enter(lock);
+            ++count;
+            lock_leave(lock);
+            lock_leave(lock);
         }
     });
-    EXPECT_EQ(state.count, 4000);
-    core_lock_delete(state.lock);
-    EXPECT_FALSE(state.lock);
+    EXPECT_EQ(count, 4000);
+    core_lock_delete(lock);
+    EXPECT_FALSE(lock);
 }
 
 TEST(Atomic, ResultsAreTheNewOrTheFoundValue) {
@@ -211,9 +197,9 @@ TEST(Atomic, ResultsAreTheNewOrTheFoundValue) {
     EXPECT_EQ(atomic_get32(&word), 8U);
     EXPECT_EQ(atomic_cas32(&word, 9, 8), 8U);
     EXPECT_EQ(atomic_get32(&word), 9U);
-    on_four_threads(const_cast<uint32_t*>(&word), [](void* arg, thread_ctx*) {
+    test::on_four_threads([&word] {
         for (int i = 0; i < 1000; ++i)
-            atomic_inc32(static_cast<uint32_t*>(arg));
+            atomic_inc32(&word);
     });
     EXPECT_EQ(atomic_get32(&word), 4009U);
 }

@@ -1,7 +1,8 @@
 #include "core/time.h"
 
+#include "support/side_thread.h"
+
 #include "core/memory.h"
-#include "core/thread.h"
 
 #include <atomic>
 #include <clocale>
@@ -44,19 +45,14 @@ TEST_F(Time, NowNeverGoesBackwardsAcrossThreads) {
     static std::atomic<uint32_t> ticks;
     core_time_set_clock([] { return uint64_t{ticks += 7919} % 10'007; });
     std::atomic<uint64_t> seen = 0;
-    const auto body = [](void* arg, thread_ctx*) {
-        auto& highest = *static_cast<std::atomic<uint64_t>*>(arg);
-        for (int i = 0; i < 5000; ++i) {
-            const uint64_t before = highest;
+    test::on_four_threads([&seen] {
+        for (int i = 0; i < 3000; ++i) {
+            const uint64_t before = seen;
             const uint64_t now = time_now();
             ASSERT_GE(now, before);
-            highest = now;
+            seen = now;
         }
-    };
-    thread_ctx* a = core_thread_start(&seen, body, nullptr, CORE_HERE);
-    thread_ctx* b = core_thread_start(&seen, body, nullptr, CORE_HERE);
-    core_thread_stop(a);
-    core_thread_stop(b);
+    });
 }
 
 TEST_F(Time, SystemClocksRun) {

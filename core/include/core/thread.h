@@ -10,7 +10,7 @@ struct lock_ctx;
 struct event_ctx;
 
 /// Starts a thread that runs `body(arg, thread)`.
-/// @param stop_hook  called by core_thread_cancel(), on the cancelling thread, to wake a body that waits; may be null
+/// @param stop_hook  called by the first core_thread_cancel(), on that thread, to wake a body that waits; may be null
 /// @return the handle, or null when the thread cannot be made. End it with core_thread_stop().
 INET_API thread_ctx* core_thread_start(void* arg, void (*body)(void* arg, thread_ctx* thread),
                                        void (*stop_hook)(void* arg, thread_ctx* thread), const char* file,
