@@ -5,7 +5,7 @@
 #include "core/time.h"
 #include "inet/rtsp_protocol.h"
 
-#include <cstdio>
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <regex>
@@ -88,9 +88,11 @@ public:
         if (event != event_t::rtsp_send) events += std::to_string(event) + " ";
         if (before) before(event);
         if (event == event_t::open_server) {
-            for (const uint32_t fcc : formats)
-                rtsp->add_trak(fcc, nullptr, CORE_HERE);
-            rtsp->send_sdp("inet", "test", "camera", 0, 0);
+            const bool all = std::all_of(formats.begin(), formats.end(), [&](uint32_t fcc) {
+                return rtsp->add_trak(fcc, nullptr, CORE_HERE) != nullptr;
+            });
+            if (all) rtsp->send_sdp("inet", "test", "camera", 0, 0);
+            if (!all) rtsp->send_error(500);
         }
         if (event == event_t::rtsp_setup) rtsp->send_setup(nullptr, 6000);
         if (event == event_t::rtsp_play) {

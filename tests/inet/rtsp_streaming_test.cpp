@@ -77,6 +77,8 @@ TEST(RtspStreaming, TakesFramesOnlyWhilePlaying) {
     EXPECT_EQ(owner.send(access_unit(10)), 1);
     owner.status("TEARDOWN rtsp://h/live/");
     EXPECT_EQ(owner.send(access_unit(10)), 0);
+    owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP\r\n");
+    EXPECT_EQ(owner.send(access_unit(10)), 0);
     owner.play();
     owner.status("DESCRIBE rtsp://h/live");
     EXPECT_EQ(owner.send(access_unit(10)), 0);
@@ -94,6 +96,18 @@ TEST(RtspStreaming, LeavesWholePicturesOutForAReaderThatStalls) {
     EXPECT_EQ(owner.session->send_buffer()->length, waiting);
     core_buf_ignore(owner.session->send_buffer(), waiting - 9999);
     EXPECT_EQ(owner.send(access_unit(9000)), 1);
+}
+
+TEST(RtspStreaming, KeepsASlowReaderThatStillGetsPictures) {
+    rtsp_owner owner;
+    owner.play();
+    owner.reading = false;
+    for (int i = 0; i < 1500; ++i) {
+        owner.feed("OPTIONS * RTSP/1.0\r\n\r\n");
+        EXPECT_EQ(owner.send(access_unit(10)), 1);
+        core_buf_ignore(owner.session->send_buffer(), owner.session->send_buffer()->length - 1);
+    }
+    EXPECT_FALSE(owner.session->closed());
 }
 
 TEST(RtspStreaming, TakesAPictureBackThatFindsNoMemory) {
