@@ -1,5 +1,6 @@
 /// MD5 (RFC 1321), SHA-256 (FIPS 180-4), HMAC-SHA-256 (RFC 2104), Base64 (RFC 4648) and random text. Any thread.
 /// Returned texts are for the caller to release with core_mfree(); null for a null argument or when memory is out.
+/// Bytes may be null when their size is 0.
 #pragma once
 
 #include "core/api.h"
@@ -18,12 +19,14 @@ INET_API void HMACsha256(const void* key, size_t key_size, const void* data, siz
 /// Bytes as Base64 with padding, without line ends.
 INET_API char* b64(const void* data, size_t size, const char* file, int line) noexcept;
 
-/// Appends decoded bytes to `out`, stopping at the padding or at the first character that is neither Base64 nor blank.
-/// @return the bytes appended
+/// Appends decoded bytes to `out`, stopping at the padding or at the first character that is neither Base64 nor blank
+/// (space, tab, CR, LF). Bits left over that make no whole byte are dropped.
+/// @return the bytes appended; 0, with `out` as before, also when memory is out
 INET_API uint32_t b64_decode(const char* text, size_t size, buf_t* out, const char* file, int line) noexcept;
 
-/// Random letters and digits from the system's generator, `length` of them.
+/// Random letters and digits from the system's generator, `length` of them, each of the 62 as likely.
 INET_API char* common_srand(uint32_t length, const char* file, int line) noexcept;
 
-/// Fills bytes from the system's generator.
+/// Fills bytes from the system's generator. A system that has no random bytes to give ends the process: nonces and keys
+/// that an attacker can guess are worse than none.
 INET_API void common_random(void* out, size_t size) noexcept;
