@@ -51,6 +51,15 @@ owned_transport transport(std::string_view value) {
 
 std::string text(const char* value) { return value ? value : "-"; }
 
+std::string hex(const uint8_t* data, uint32_t size) {
+    std::string text;
+    for (uint32_t i = 0; i < size; ++i)
+        text += {"0123456789abcdef"[data[i] >> 4], "0123456789abcdef"[data[i] & 15]};
+    return text;
+}
+std::string hex(const buf_t& bytes) { return hex(bytes.data, bytes.length); }
+std::string hex(const buffer_t& bytes) { return hex(bytes.data, bytes.size); }
+
 /// What both kinds of record have.
 template <class Record>
 std::string common(const Record& record) {
@@ -244,6 +253,72 @@ TEST(SdpRtpInfo, KeepsEveryEntry) {
     rtp_info_s** infos = Sdp().parse_rtp_info(many.c_str());
     EXPECT_EQ(core_array_length(reinterpret_cast<void* const*>(infos)), sdp_max_rtp_infos);
     sdp_free_rtp_info(infos);
+}
+
+TEST(SdpCodecSetup, DecodesParameterSets) {
+    struct {
+        std::string_view value;
+        std::string sps, pps;
+        bool decoded = true;
+    } const cases[] = {
+        {"Z0I=,aM4=", "6742", "68ce"},
+        {"Z0I=,aM4=,AAAA", "6742", "68ce"},
+        {"Z0!I,aM4=", "67", "68ce"},
+        {"Z0I=,", "6742", ""},
+        {",", "", ""},
+        {"Z0I=", "", "", false},
+        {"", "", "", false},
+    };
+    for (const auto& each : cases) {
+        const test::exact_text exact(each.value);
+        buf_t out;
+        core_buf_read(&out, "\xff", 1);
+        sdp_parse_sprop_parameter_sets(exact.get(), &out, CORE_HERE);
+        EXPECT_EQ(hex(out), each.decoded ? "000001" + each.sps + "000001" + each.pps : "ff") << each.value;
+        buffer_t sps;
+        buffer_t pps;
+        Sdp().parse_sprop_parameter_sets(exact.get(), sps, pps);
+        EXPECT_EQ(hex(sps) + "," + hex(pps), each.sps + "," + each.pps) << each.value;
+        core_buf_free(&out);
+        core_buffer_free(&sps);
+        core_buffer_free(&pps);
+    }
+    sdp_parse_sprop_parameter_sets(nullptr, nullptr, CORE_HERE);
+}
+
+TEST(SdpCodecSetup, DecodesAConfiguration) {
+    const std::pair<std::string_view, std::string_view> cases[] = {
+        {"1190 ", "1190"}, {"119", "11"}, {" \t1\r\n1 aF", "11af"}, {"11x22", "11"}, {"1x", ""}, {"", ""}, {"-11", ""},
+    };
+    for (const auto& [value, bytes] : cases) {
+        const test::exact_text exact(value);
+        buf_t out;
+        buffer_t same;
+        sdp_parse_config(exact.get(), &out, CORE_HERE);
+        Sdp().parse_config(exact.get(), same);
+        EXPECT_EQ(hex(out), bytes) << value;
+        EXPECT_EQ(hex(same), bytes) << value;
+        core_buf_free(&out);
+        core_buffer_free(&same);
+    }
+}
+
+TEST(SdpCodecSetup, LeavesEverythingAsItIsWithoutMemory) {
+    const size_t failed = test::fail_each_allocation([] {
+        char sets[] = "Z0I=,aM4=";
+        buf_t out;
+        buffer_t sps;
+        buffer_t pps;
+        sdp_parse_sprop_parameter_sets(sets, &out, CORE_HERE);
+        EXPECT_TRUE(out.length == 0 || hex(out) == "000001674200000168ce");
+        Sdp().parse_sprop_parameter_sets(sets, sps, pps);
+        EXPECT_EQ(sps.size, pps.size);
+        sdp_parse_config("1190", &out, CORE_HERE);
+        core_buf_free(&out);
+        core_buffer_free(&sps);
+        core_buffer_free(&pps);
+    });
+    EXPECT_GT(failed, 6U);
 }
 
 TEST(Sdp, SurvivesEveryFailedAllocation) {
