@@ -1,5 +1,7 @@
-/// JSON (RFC 8259): a tree read in one go. Texts must be UTF-8; nesting above 128 levels and texts above 64 MiB are
-/// refused. A tree takes at most 40 times the bytes of its text. A tree is read-only: any thread.
+/// JSON (RFC 8259): a tree read in one go. A text must be UTF-8, with or without a byte order mark; nesting above 128
+/// levels and texts above 64 MiB are refused. So is a \u escape of half a surrogate pair, which is no character. Time
+/// grows with the text; a tree is one block of at most 32 times the bytes of its text and a root. A tree is read-only:
+/// any thread.
 #pragma once
 
 #include "core/api.h"
@@ -14,10 +16,10 @@ struct json_member_t;
 /// One value. Members and items keep the order of the text; repeated names are kept, the first is found.
 struct json_t {
     json_type_t type;
-    bool is_integer;  ///< the number had no fraction or exponent and fits 64 bits: `integer` holds it exactly
-    uint32_t count;   ///< items of an array, members of an object
-    int64_t integer;  ///< number cut to an integer, within the range of 64 bits
-    double number;
+    bool is_integer;   ///< the number had no fraction or exponent and fits 64 bits: `integer` holds it exactly
+    uint32_t count;    ///< items of an array, members of an object
+    int64_t integer;   ///< number cut to an integer, within the range of 64 bits
+    double number;     ///< the nearest there is; what is too large becomes the largest of its sign
     const char* text;  ///< string, unescaped and NUL-terminated; \u0000 inside is kept and counted in `length`
     size_t length;
     const json_t* items;
@@ -25,12 +27,12 @@ struct json_t {
 };
 
 struct json_member_t {
-    const char* name;
+    const char* name;  ///< as `text`; a \u0000 inside ends it
     json_t value;
 };
 
-/// Reads a text. @param error receives "line:column: reason" when the text is refused, cut to `error_size`; may be
-/// null.
+/// Reads a text. @param error receives "line:column: reason" when the text is refused, "out of memory" when that is the
+/// reason, cut to `error_size`; may be null.
 /// @return the root, or null. Release the root with yajl_tree_free().
 INET_API json_t* yajl_tree_parse(const char* text, char* error, size_t error_size) noexcept;
 INET_API void yajl_tree_free(json_t* root) noexcept;
