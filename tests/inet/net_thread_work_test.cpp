@@ -71,15 +71,17 @@ TEST(Timer, NeverFiresEarlyNorASecondLate) {
     }
 }
 
-TEST(Timer, FiresByItselfOnTheRealClock) {
-    const network_thread nt;
+TEST(Timer, SetToAnEarlierTimeItWakesTheWaitingLoopAndFiresByItself) {
+    network_thread nt;
     timer_task timer;
+    net_nt_timer_set(nt, timer.handle, 3600, &timer, timer_task::run);
+    nt.pass();
     const uint64_t start = core_timer();
     net_nt_timer_set(nt, timer.handle, 1, &timer, timer_task::run);
     ASSERT_TRUE(timer.calls.reaches(1));
     const uint64_t passed = core_timer() - start;
     EXPECT_GE(passed, 1'000'000u);
-    EXPECT_LT(passed, 2'500'000u) << "two seconds, and what a busy machine adds";
+    EXPECT_LT(passed, 3'000'000u) << "two seconds, and what a busy machine adds, but less than a whole wait";
     net_nt_timer_set(nt, timer.handle, 0, nullptr, nullptr);
     EXPECT_EQ(timer.handle, nullptr);
 }
@@ -125,15 +127,6 @@ TEST(Timer, MayBeDisarmedAndSetAnewInItsOwnCallback) {
     net_nt_unlock(nt);
     ASSERT_TRUE(renewed.calls.reaches(2));
     EXPECT_EQ(ending.calls.value(), 1);
-}
-
-TEST(Timer, SetToAnEarlierTimeItWakesAWaitingLoop) {
-    network_thread nt;
-    timer_task timer;
-    net_nt_timer_set(nt, timer.handle, 3600, &timer, timer_task::run);
-    nt.pass();
-    net_nt_timer_set(nt, timer.handle, 1, &timer, timer_task::run);
-    EXPECT_TRUE(timer.calls.reaches(1, 3s)) << "below the five seconds of a wait";
 }
 
 TEST(Command, OrdersCoalesceAndThoseOfItsOwnCallbackAreNotDelivered) {

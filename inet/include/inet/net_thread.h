@@ -140,7 +140,8 @@ INET_API command_ctx* net_nt_command_create(nt_ctx* nt, void* arg, command_callb
 INET_API void net_nt_command_destroy(command_ctx* c) noexcept;
 
 /// Orders one callback of the command from the loop. Orders that come before the callback starts are one order; those
-/// that come while it runs are not delivered.
+/// that come while it runs are not delivered. Whoever must not lose one, such as the receiver of an answer that the
+/// callback gives, takes net_nt_command(), net_nt_sync_call() or a net::Thread, none of which loses any.
 INET_API void net_nt_command_exec(command_ctx* c) noexcept;
 
 /// 1 when the caller is not on the loop's thread, else 0, also for null: `assert(!net_nt_need_invoke(nt))` stands where
