@@ -17,7 +17,11 @@ namespace {
 constexpr int socket_count = 511;
 
 struct socket_pair {
-    socket_pair() { net_socket_pair(2, 1, 6, fds, CORE_HERE); }
+    socket_pair() {
+        net_socket_pair(2, 1, 6, fds, CORE_HERE);
+        for (const int fd : fds)
+            socket_noNagle(fd);
+    }
     ~socket_pair() {
         for (const int fd : fds)
             net_socket_close(fd);
@@ -67,7 +71,7 @@ void wake_floor_socket_pair(benchmark::State& state) {
     shutdown(there.fds[0], SHUT_WR);
     other.join();
 }
-BENCHMARK(wake_floor_socket_pair)->UseManualTime();
+BENCHMARK(wake_floor_socket_pair)->UseManualTime()->Iterations(20000);
 
 // The same with commands of a network thread; the answer comes back over a socket as above. Two commands take turns: an
 // order that comes before the answering callback has returned would not be delivered.
@@ -89,7 +93,7 @@ void wake_command_exec(benchmark::State& state) {
             state, [&] { net::net_nt_command_exec(commands[turn++ % 2]); }, back.fds[1]);
     net::net_nt_stop(nt);
 }
-BENCHMARK(wake_command_exec)->UseManualTime();
+BENCHMARK(wake_command_exec)->UseManualTime()->Iterations(20000);
 
 /// 511 pairs whose first ends are echoed; a round sends to all and waits for all answers.
 struct echo_pairs {

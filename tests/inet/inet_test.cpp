@@ -59,9 +59,9 @@ TEST(Lifecycle, SocketsLeftOpenAreNamedByTheLastStop) {
 
 TEST(Lifecycle, WhoeverHasStartedItFindsItUpWhateverOthersDo) {
     std::atomic<int> down = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&down] {
+    std::thread threads[4];
+    for (auto& thread : threads) {
+        thread = std::thread([&down] {
             for (int round = 0; round < 200; ++round) {
                 net_init();
                 if (served_methods() != methods) ++down;

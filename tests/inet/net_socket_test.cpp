@@ -146,6 +146,7 @@ TEST(RtpPair, SharesItsPortsWithNobody) {
     constexpr size_t thread_count = 4, pairs_each = 60;
     std::vector<std::vector<int>> opened(thread_count);
     std::vector<std::thread> threads;
+    threads.reserve(thread_count);
     for (auto& mine : opened) {
         threads.emplace_back([&mine] {
             for (size_t i = 0; i < pairs_each; ++i) {

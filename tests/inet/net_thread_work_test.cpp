@@ -186,6 +186,7 @@ TEST(Calls, RunInOrderAndOneThatQueuesItselfLetsTheLoopGoOn) {
         int number;
     };
     std::vector<entry> entries;
+    entries.reserve(20);
     for (int i = 0; i < 20; ++i)
         entries.push_back({order, i});
     for (auto& one : entries) {
@@ -224,9 +225,9 @@ TEST(Thread, RunsWhatIsPostedOnItsOwnThreadAndMissesNothing) {
         counter calls;
     } work{thread, {}};
     constexpr int poster_count = 4, posts = 500;
-    std::vector<std::thread> posters;
-    for (int i = 0; i < poster_count; ++i) {
-        posters.emplace_back([&] {
+    std::thread posters[poster_count];
+    for (auto& poster : posters) {
+        poster = std::thread([&] {
             for (int post = 0; post < posts; ++post) {
                 core_cmd_exec(
                     thread.queue,
@@ -282,7 +283,7 @@ TEST(Stress, RecordsComeAndGoWhileTheLoopRuns) {
                         net_nt_command(nt, socket);
                         break;
                     case 1:
-                        net_nt_socket_set(nt, socket, 1, random() % 2);
+                        net_nt_socket_set(nt, socket, 1, random() % 2 == 0);
                         break;
                     case 2:
                         net_udp_send_msg(far, "ping", nullptr);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -19,7 +20,7 @@ public:
 
     std::vector<std::string> take() {
         const std::lock_guard held(mutex_);
-        return std::move(lines_);
+        return std::exchange(lines_, {});
     }
 
 private:

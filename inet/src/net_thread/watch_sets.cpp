@@ -36,7 +36,7 @@ void watch_sets::change(uint8_t& wanted, uint8_t bit, bool in, uint32_t& members
     const bool was_in = wanted & bit;
     if (in == was_in || (in && members == capacity)) return;
     wanted ^= bit;
-    members += in ? 1 : -1;
+    in ? ++members : --members;
 }
 
 int watch_sets::wait(int milliseconds) noexcept {
