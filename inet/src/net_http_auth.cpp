@@ -23,8 +23,6 @@ constexpr std::string_view nonce_count = "00000001";
 constexpr size_t scheme_length = 6;
 constexpr size_t max_value = 4096;
 
-std::string_view text_or_nothing(const char* text) noexcept { return text ? std::string_view(text) : ""; }
-
 /// Precision and start of a view, for "%.*s".
 int width(std::string_view text) noexcept { return static_cast<int>(text.size()); }
 const char* start(std::string_view text) noexcept { return text.data() ? text.data() : ""; }
@@ -337,7 +335,7 @@ bool is_usable(const credentials& given) noexcept {
 
 char* net_http_authenticate(const char* user, const char* password, const char* method, const char* uri,
                             const char* challenge, const char* file, int line) noexcept {
-    const client who{text_or_nothing(user), text_or_nothing(password), text_or_nothing(method), text_or_nothing(uri)};
+    const client who{scan::text(user), scan::text(password), scan::text(method), scan::text(uri)};
     const std::string_view text = challenge_or_basic(challenge);
     switch (scheme_of(text)) {
         case scheme_t::basic:
@@ -351,13 +349,13 @@ char* net_http_authenticate(const char* user, const char* password, const char* 
 }
 
 int http_header_authenticate_base(header_s* header, const char* user, const char* password) noexcept {
-    const owned_text value(basic_value(text_or_nothing(user), text_or_nothing(password), CORE_HERE));
+    const owned_text value(basic_value(scan::text(user), scan::text(password), CORE_HERE));
     return put_answer(header, "Authorization", value.get());
 }
 
 int http_header_authenticate(header_s* header, const char* user, const char* password, const char* method,
                              const char* uri, const char* challenge) noexcept {
-    const client who{text_or_nothing(user), text_or_nothing(password), text_or_nothing(method), text_or_nothing(uri)};
+    const client who{scan::text(user), scan::text(password), scan::text(method), scan::text(uri)};
     const std::string_view text = challenge_or_basic(challenge);
     const scheme_t scheme = scheme_of(text);
     if (scheme == scheme_t::basic) return http_header_authenticate_base(header, user, password);

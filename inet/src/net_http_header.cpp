@@ -136,8 +136,6 @@ header_s* create_header(const char* file, int line) noexcept { return core::crea
 
 // Printing
 
-std::string_view text_or_nothing(const char* text) noexcept { return text ? std::string_view(text) : ""; }
-
 /// Only counts what is printed.
 struct counter {
     size_t size = 0;
@@ -162,25 +160,25 @@ void put_all(Out& out, const Texts&... texts) noexcept {
 
 template <class Out>
 void print_start(Out& out, const header_s& header, const char* target) noexcept {
-    const std::string_view protocol = text_or_nothing(header.protocol);
+    const std::string_view protocol = scan::text(header.protocol);
     if (header.status != 0) {
         char number[16];
         const char* end = std::to_chars(std::begin(number), std::end(number), header.status).ptr;
-        put_all(out, protocol, " ", std::string_view(number, end), " ", text_or_nothing(header.reason), end_of_line);
+        put_all(out, protocol, " ", std::string_view(number, end), " ", scan::text(header.reason), end_of_line);
         return;
     }
-    std::string_view uri = text_or_nothing(header.uri);
+    std::string_view uri = scan::text(header.uri);
     if (uri.starts_with('/')) uri.remove_prefix(1);
     const bool whole = !header.uri && target;
-    put_all(out, text_or_nothing(header.method), whole ? " " : " /", whole ? std::string_view(target) : uri, " ",
-            protocol, end_of_line);
+    put_all(out, scan::text(header.method), whole ? " " : " /", whole ? std::string_view(target) : uri, " ", protocol,
+            end_of_line);
 }
 
 template <class Out>
 void print(Out& out, const header_s& header, const char* target) noexcept {
     print_start(out, header, target);
     for (value_t* const* field = header.fields; field && *field; ++field)
-        put_all(out, text_or_nothing((*field)->key), ": ", text_or_nothing((*field)->value), end_of_line);
+        put_all(out, scan::text((*field)->key), ": ", scan::text((*field)->value), end_of_line);
     out.put(end_of_line);
 }
 
@@ -315,7 +313,7 @@ int http_header_set(header_s* header, const char* name, const char* format, ...)
     va_end(args);
     if (!header || !name || !value) return 0;
     header->fields = core_value_set(header->fields, name, value.get(), CORE_HERE);
-    return text_or_nothing(http_header_get_value(header, name)) == value.get();
+    return scan::text(http_header_get_value(header, name)) == value.get();
 }
 
 int http_header_copy(header_s* to, const char* name, value_t* const* from) noexcept {

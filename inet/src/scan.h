@@ -12,6 +12,9 @@ namespace scan {
 /// What sscanf() and atoi() skip before a number.
 inline constexpr std::string_view spaces = " \t\n\v\f\r";
 
+/// A text of which null is nothing.
+inline std::string_view text(const char* text) noexcept { return text ? std::string_view(text) : std::string_view(""); }
+
 inline std::string_view skip(std::string_view text, std::string_view characters) noexcept {
     const size_t first = text.find_first_not_of(characters);
     return first == std::string_view::npos ? std::string_view() : text.substr(first);

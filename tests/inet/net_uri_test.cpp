@@ -54,9 +54,7 @@ TEST(Uri, IsSplitIntoItsParts) {
         {"rtsp://admin:pw@10.1.2.3:554/stream1?x=1", "admin|pw|10.1.2.3|554|stream1|?x=1"},
         {"http://user@host/", "user|-|host|0||-"},
         {"http://u:p:q@host/a", "u|p:q|host|0|a|-"},
-        {"http://:@host/a",
-         "|"
-         "|host|0|a|-"},
+        {"http://:@host/a", "||host|0|a|-"},
         {"http://host/a@b/c", "host/a|-|b|0|c|-"},
         {"http://host:80/a:b", "-|-|host|80|a:b|-"},
         {"x://host:70000/a", "-|-|host|0|a|-"},

@@ -2,9 +2,9 @@
 /// bytes or built to be sent. The start line tells the protocol.
 ///
 /// Reading never fails on what a peer sends: missing parts stay null or 0, lines that make no sense are left out. A
-/// block is text and ends at its first NUL. Time and memory are linear in its size: a record holds at most
-/// http_max_fields fields (any header that http_find_header() accepts has fewer) and 64 bytes for each beside its text.
-/// Field values are printed as they are: whoever builds a header keeps CR and LF out of them.
+/// block is text and ends at its first NUL. A record holds at most http_max_fields fields, and 64 bytes for each beside
+/// its text; time is linear in the size of the block. Field values are printed as they are: whoever builds a header
+/// keeps CR and LF out of them.
 ///
 /// A record belongs to one thread at a time. Calls that build return 1, or 0 when memory is out; the record is then as
 /// before.
@@ -30,7 +30,7 @@ struct header_s {
 }  // namespace net::http
 
 /// Fields that the parser keeps of one header; those after them are left out.
-inline constexpr uint32_t http_max_fields = 2048;
+inline constexpr uint32_t http_max_fields = 512;
 
 // Reading
 
