@@ -40,7 +40,7 @@ void set_up(char* value) {
     net::sdp::Sdp().parse_sprop_parameter_sets(value, sps, pps);
     net::sdp::Sdp().parse_config(value, bytes);
     require(sets.length == (std::strchr(value, ',') ? sps.size + pps.size + 6 : 0));
-    require(config.length == bytes.size && 2 * bytes.size <= std::strlen(value));
+    require(config.length == bytes.size && bytes.size <= std::strlen(value) / 2);
     for (buf_t* buf : {&sets, &config})
         core_buf_free(buf);
     for (buffer_t* buffer : {&sps, &pps, &bytes})

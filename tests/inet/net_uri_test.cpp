@@ -19,8 +19,8 @@ std::string parts_of(const std::string& input) {
     net::uri_s* uri = uri_parse(exact.get(), CORE_HERE);
     if (!uri) return "null";
     EXPECT_EQ(uri->text, input);
-    const std::string parts = text(uri->user) + "|" + text(uri->password) + "|" + text(uri->host) + "|" +
-                              std::to_string(uri->port) + "|" + text(uri->path) + "|" + text(uri->query);
+    std::string parts = text(uri->user) + "|" + text(uri->password) + "|" + text(uri->host) + "|" +
+                        std::to_string(uri->port) + "|" + text(uri->path) + "|" + text(uri->query);
     uri_free(uri);
     return parts;
 }
