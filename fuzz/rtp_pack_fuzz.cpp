@@ -42,7 +42,7 @@ public:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ};
+    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ, av::fcc_meta};
     if (size == 0) return 0;
     const uint32_t fcc = formats[data[0] % std::size(formats)];
     checker owner;

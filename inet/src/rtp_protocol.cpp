@@ -7,6 +7,7 @@
 #include "core/owned.h"
 #include "core/text.h"
 #include "core/time.h"
+#include "inet/net_analytics.h"
 
 #include <algorithm>
 
@@ -39,6 +40,16 @@ void destroy_trak(rtp::trak_t* trak) noexcept {
 template <class Record>
 std::span<const uint8_t> payload_of(const Record& record) noexcept {
     return {record.data, record.data ? record.size : 0};
+}
+
+// Borrowed data need not end with a NUL, so the converter gets a copy that does.
+core::owned_text analytics_text(std::span<const uint8_t> json, uint64_t time, const char* file, int line) noexcept {
+    const core::owned_text copy(core_strndup(reinterpret_cast<const char*>(json.data()), json.size(), file, line));
+    return core::owned_text(copy ? net_analytics_convert(copy.get(), time, file, line) : nullptr);
+}
+
+std::span<const uint8_t> bytes_of(const char* text) noexcept {
+    return {reinterpret_cast<const uint8_t*>(text), core_strlen(text)};
 }
 
 }  // namespace
@@ -100,6 +111,12 @@ void Rtp::pack(const av::frame_t* frame) noexcept {
         case av::fcc_univ:
             pack_univ(data);
             break;
+        case av::fcc_meta: {
+            const auto text = analytics_text(data, frame->time, file_, line_);
+            pack_univ(bytes_of(text.get()));
+            if (text) core_log_print(log, "%s", text.get());
+            break;
+        }
         default:
             return log_unknown("fcc");
     }
@@ -112,6 +129,13 @@ void Rtp::pack_meta(const av::meta_t* meta) noexcept {
     const uint16_t first_seq = current->seq;
     const auto data = payload_of(*meta);
     switch (meta->fcc) {
+        case av::fcc_meta: {
+            const auto text = analytics_text(data, meta->time, file_, line_);
+            pack_univ(bytes_of(text.get()));
+            core_log_print(log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%s", id, current->ssrc, current->rtp_time,
+                           first_seq, current->seq, text ? text.get() : "");
+            break;
+        }
         case av::fcc_univ:
             pack_univ(data);
             log_frame(first_seq);

@@ -1,5 +1,7 @@
 #include "support/fault.h"
 
+#include "core/owned.h"
+#include "inet/net_analytics.h"
 #include "inet/rtp_capture.h"
 
 #include <array>
@@ -9,6 +11,9 @@
 namespace {
 
 constexpr uint64_t some_time = 1448466450042000;  // 2015-11-25 15:47:30.042
+
+const std::string json =
+    R"([{"objects":[{"rectangle":{"type_graphic":3,"id":7,"points":[{"x":100,"y":200},{"x":300,"y":400}]}}]}])";
 
 bytes nal_unit(uint8_t header, size_t size, uint32_t seed = 1) {
     bytes nal = noise(size, seed);
@@ -126,6 +131,27 @@ TEST(RtpRaw, CutsAndMarksByFormat) {
         EXPECT_EQ(owner.marks(), marks);
         EXPECT_EQ(owner.payload(), data);
     }
+}
+
+TEST(RtpMeta, SendsWhatTheAnalyticsConverterMakes) {
+    const bytes data(json.begin(), json.end());  // no NUL behind it
+    const core::owned_text text(net_analytics_convert(json.c_str(), some_time, CORE_HERE));
+    ASSERT_TRUE(text);
+    const bytes expected(text.get(), text.get() + std::strlen(text.get()));
+
+    capture owner(av::fcc_meta, 107);
+    owner.send(data, some_time);
+    EXPECT_EQ(owner.payload(), expected);
+    EXPECT_EQ(owner.marks().find('M'), owner.packets.size() - 1);
+
+    owner.packets.clear();
+    log_lines log("rtp");
+    const auto meta = record_of<av::meta_t>(av::fcc_meta, data, some_time);
+    owner.object.pack_meta(&meta);
+    EXPECT_EQ(owner.payload(), expected);
+    ASSERT_EQ(log.lines.size(), 1U);
+    EXPECT_EQ(log.lines[0].find("7: META ssrc:16909060: rtp:"), 0U) << log.lines[0];
+    EXPECT_NE(log.lines[0].find(std::string("\n") + text.get()), std::string::npos);
 }
 
 TEST(Rtp, SendsNothingWithoutAnActiveTrackOfAKnownFormat) {
@@ -302,8 +328,8 @@ TEST(RtpMemory, AFrameAllocatesNothing) {
 }
 
 TEST(RtpMemory, EveryAllocationMayFail) {
-    const bytes data = noise(1);
-    const av::frame_t frame = frame_of(av::fcc_univ, data, some_time);
+    const bytes data(json.begin(), json.end());
+    const av::frame_t frame = frame_of(av::fcc_meta, data, some_time);
     const size_t failed = test::fail_each_allocation([&] {
         rtp::Rtp* const object = rtp::Rtp::create(CORE_HERE);
         if (!object) return;
@@ -311,7 +337,7 @@ TEST(RtpMemory, EveryAllocationMayFail) {
             const rtp::trak_t* const added = object->add_trak(pt, av::fcc_h264);
             EXPECT_EQ(object->get_trak_pt(pt), added);
         }
-        if (rtp::trak_t* const meta = object->add_trak(107, av::fcc_univ)) {
+        if (rtp::trak_t* const meta = object->add_trak(107, av::fcc_meta)) {
             meta->active = 1;
             object->pack(&frame);
         }
