@@ -6,7 +6,7 @@
 
 namespace core::gost {
 
-/// Substitution of bytes (section 6.2).
+/// Substitution of bytes.
 inline constexpr std::array<uint8_t, 256> pi = {
     252, 238, 221, 17,  207, 110, 49,  22,  251, 196, 250, 218, 35,  197, 4,   77,   //
     233, 119, 240, 219, 147, 46,  153, 186, 23,  54,  241, 187, 20,  205, 95,  193,  //
@@ -26,7 +26,7 @@ inline constexpr std::array<uint8_t, 256> pi = {
     89,  166, 116, 210, 230, 244, 180, 192, 209, 102, 175, 194, 57,  75,  99,  182,
 };
 
-/// Rows of the matrix A of the linear transformation (section 6.4); the first row goes with the highest bit.
+/// Rows of the matrix A of the linear transformation; the first row goes with the highest bit.
 inline constexpr std::array<uint64_t, 64> matrix = {
     0x8e20faa72ba0b470, 0x47107ddd9b505a38, 0xad08b0e0c3282d1c, 0xd8045870ef14980e, 0x6c022c38f90a4c07,
     0x3601161cf205268d, 0x1b8e0b0e798c13c8, 0x83478b07b2468764, 0xa011d380818e8f40, 0x5086e740ce47c920,
@@ -43,7 +43,7 @@ inline constexpr std::array<uint64_t, 64> matrix = {
     0x07e095624504536c, 0x8d70c431ac02a736, 0xc83862965601dd1b, 0x641c314b2b8ee083,
 };
 
-/// Constants C1 to C12 of the key schedule (section 6.5).
+/// Constants C1 to C12 of the key schedule.
 inline constexpr std::array<std::array<uint64_t, 8>, 12> constants = {{
     {0xb1085bda1ecadae9, 0xebcb2f81c0657c1f, 0x2f6a76432e45d016, 0x714eb88d7585c4fc, 0x4b7ce09192676901,
      0xa2422a08a460d315, 0x05767436cc744d23, 0xdd806559f2a64507},
