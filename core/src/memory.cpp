@@ -60,7 +60,12 @@ constinit std::atomic<uint32_t> site_count{0};
 constinit std::mutex site_mutex;
 constinit counter_t counters[counter_count]{};
 constinit counter_t shared_counter{};
-constinit thread_local counter_t* thread_counter = nullptr;
+
+// What a thread counts in when it has no counter of its own: these have no cells, so that counting finds out by the one
+// question that it asks anyway.
+constinit counter_t not_asked{};
+constinit counter_t none_free{};
+constinit thread_local counter_t* thread_counter = &not_asked;
 
 // The one place that takes memory from the system.
 // NOLINTBEGIN(cppcoreguidelines-no-malloc)
@@ -76,33 +81,43 @@ struct counter_return_t {
     counter_return_t() noexcept = default;
     counter_return_t(const counter_return_t&) = delete;
     counter_return_t& operator=(const counter_return_t&) = delete;
-    ~counter_return_t() {
-        counter_t* mine = std::exchange(thread_counter, &shared_counter);
-        if (mine != &shared_counter) mine->taken.store(false, std::memory_order_release);
-    }
+    ~counter_return_t() { std::exchange(thread_counter, &none_free)->taken.store(false, std::memory_order_release); }
 };
 
-[[gnu::noinline, gnu::cold]] counter_t* take_counter() noexcept {
+void take_counter() noexcept {
     // Set before the thread-local object below registers itself, which may allocate.
-    thread_counter = &shared_counter;
+    thread_counter = &none_free;
     for (counter_t& counter : counters) {
         bool free = false;
         if (!counter.taken.compare_exchange_strong(free, true, std::memory_order_acquire)) continue;
         static thread_local counter_return_t at_thread_end;
         static_cast<void>(&at_thread_end);
         thread_counter = &counter;
-        break;
+        return;
     }
-    return thread_counter;
 }
 
-[[gnu::noinline, gnu::cold]] cell_t* make_page(std::atomic<cell_t*>& page) noexcept {
+cell_t* make_page(std::atomic<cell_t*>& page) noexcept {
     auto* cells = static_cast<cell_t*>(system_zeroed(page_sites * sizeof(cell_t)));
     page.store(cells, std::memory_order_release);
     return cells;
 }
 
-void count_shared(uint32_t site, uint64_t blocks, uint64_t bytes) noexcept {
+/// Only the thread that owns the cell writes there: a load and a store do, without a locked instruction.
+void count_in(cell_t& cell, uint64_t blocks, uint64_t bytes) noexcept {
+    cell.blocks.store(cell.blocks.load(std::memory_order_relaxed) + blocks, std::memory_order_relaxed);
+    cell.bytes.store(cell.bytes.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+}
+
+/// The first time of a thread or of a page, and for ever where there is no counter or no memory for its page.
+[[gnu::noinline]] void count_slowly(uint32_t site, uint64_t blocks, uint64_t bytes) noexcept {
+    if (thread_counter == &not_asked) take_counter();
+    if (thread_counter != &none_free) {
+        std::atomic<cell_t*>& page = thread_counter->pages[site / page_sites];
+        cell_t* cells = page.load(std::memory_order_relaxed);
+        if (!cells) cells = make_page(page);
+        if (cells) return count_in(cells[site % page_sites], blocks, bytes);
+    }
     // Made together with the site's page, so always there.
     cell_t& cell = shared_counter.pages[site / page_sites].load(std::memory_order_acquire)[site % page_sites];
     cell.blocks.fetch_add(blocks, std::memory_order_relaxed);
@@ -110,21 +125,10 @@ void count_shared(uint32_t site, uint64_t blocks, uint64_t bytes) noexcept {
 }
 
 void count(uint32_t site, uint64_t blocks, uint64_t bytes) noexcept {
-    counter_t* counter = thread_counter;
-    if (!counter) [[unlikely]]
-        counter = take_counter();
-    if (counter == &shared_counter) [[unlikely]]
-        return count_shared(site, blocks, bytes);
-    std::atomic<cell_t*>& page = counter->pages[site / page_sites];
-    cell_t* cells = page.load(std::memory_order_relaxed);
-    if (!cells) [[unlikely]] {
-        cells = make_page(page);
-        if (!cells) return count_shared(site, blocks, bytes);
-    }
-    // Only this thread writes here: a load and a store do, without a locked instruction.
-    cell_t& cell = cells[site % page_sites];
-    cell.blocks.store(cell.blocks.load(std::memory_order_relaxed) + blocks, std::memory_order_relaxed);
-    cell.bytes.store(cell.bytes.load(std::memory_order_relaxed) + bytes, std::memory_order_relaxed);
+    cell_t* cells = thread_counter->pages[site / page_sites].load(std::memory_order_relaxed);
+    if (!cells) [[unlikely]]
+        return count_slowly(site, blocks, bytes);
+    count_in(cells[site % page_sites], blocks, bytes);
 }
 
 site_t& site_at(uint32_t index) noexcept {
