@@ -5,6 +5,7 @@
 #include "core/owned.h"
 #include "core/text.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <functional>
@@ -41,17 +42,16 @@ constexpr char unescaped(char letter) noexcept {
     }
 }
 
+constexpr char escaped(char special) noexcept { return special == '\n' ? 'n' : special == '\r' ? 'r' : special; }
+
 void append_escaped(core::string& out, std::string_view value) {
-    for (const char c : value) {
-        if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\\') {
-            out += "\\\\";
-        } else {
-            out += c;
-        }
+    while (true) {
+        const size_t plain = value.find_first_of("\n\r\\");
+        out += value.substr(0, plain);
+        if (plain == std::string_view::npos) return;
+        out += '\\';
+        out += escaped(value[plain]);
+        value.remove_prefix(plain + 1);
     }
 }
 
@@ -97,11 +97,11 @@ struct closer {
 };
 using owned_file = std::unique_ptr<std::FILE, closer>;
 
-/// Reads the file if it is there; one above the limit counts as missing. @return false when it cannot be read, which
-/// must not look like a missing file: the next save would replace it.
+/// Reads the file if it is there; one above the limit counts as missing. @return false when it cannot be opened or read
+/// for another reason, such as a lack of descriptors: as for a missing file, the next save would replace what is there.
 bool read_file(values_t& values, const char* path) {
     const owned_file file(core::platform::open_file(path, "rb"));
-    if (!file) return true;
+    if (!file) return errno == ENOENT;
     core::string text{core::allocator<char>(values.get_allocator())};
     char piece[4096];
     while (const size_t read = std::fread(piece, 1, sizeof piece, file.get())) {

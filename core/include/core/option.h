@@ -11,8 +11,8 @@ struct opt_ctx;
 /// Opens the options of a file, reading it when it is there; a file above 1 MiB counts as missing. Keys are 1 to 255
 /// bytes without '=' or line ends; values may hold anything (line ends and backslashes are escaped in the file). Of
 /// equal keys in the file the last one counts; lines of another form are passed over, and gone with the next save.
-/// @return null for a null path, a file that is there and cannot be read, or when memory is out. Release with
-/// core_opt_free().
+/// @return null for a null path, when memory is out, or when the file cannot be read for any other reason than that it
+/// is missing. Release with core_opt_free().
 INET_API opt_ctx* core_opt_create(const char* path, const char* file, int line) noexcept;
 
 /// Path the options were opened with; lives as long as the handle.
