@@ -116,6 +116,13 @@ log_ctx* find_log(std::string_view name) noexcept {
     return found;
 }
 
+/// Under the registry's lock: no log wants the sink any more.
+void retire(sink& s, sink_state state) noexcept {
+    const uint32_t others = ~bit_of(s.number % sink_limit);
+    for_each_log([others](log_ctx& log) { log.wanted.fetch_and(others); });
+    s.state = state;
+}
+
 /// Closes what the sink held; its slot can be taken again. Called when no thread writes to it and no log wants it.
 void release_slot(sink& s) noexcept {
     if (s.close) s.close(s.arg);
@@ -329,16 +336,17 @@ int core_con_is_terminal(int stream) noexcept {
 void core_log_sink_rem(uint32_t number) noexcept {
     if (!number) return;
     sink* const s = &registry.sinks[number % sink_limit];
+    bool first = false;
     {
         const std::lock_guard guard(registry.lock);
-        if (s->state != sink_state::taken || s->number != number) return;
-        const uint32_t others = ~bit_of(number % sink_limit);
-        for_each_log([others](log_ctx& log) { log.wanted.fetch_and(others); });
+        if (s->state == sink_state::free || s->number != number) return;
         const bool own_write = s->writer == core_thread_id();
-        s->state = own_write ? sink_state::left : sink_state::waited;
+        first = s->state == sink_state::taken;
+        if (first) retire(*s, own_write ? sink_state::left : sink_state::waited);
         if (own_write) return;
     }
+    // Also for a sink that is just removing itself: its owner is about to take away what it writes to.
     s->turn.lock();
     s->turn.unlock();
-    release_slot(*s);
+    if (first) release_slot(*s);
 }
