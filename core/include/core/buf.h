@@ -21,7 +21,7 @@ struct buffer_t {
 };
 
 /// Appends `n` bytes, growing as needed (growth is geometric). @return n, or 0 when nothing was appended because memory
-/// is out, an argument is null or the buffer would pass 2^32 - 1 bytes.
+/// is out, an argument is null or the buffer would pass 2^32 - 1 bytes. `src` may not lie in the buffer.
 INET_API uint32_t core_buf_read(buf_t* buf, const void* src, uint32_t n) noexcept;
 
 /// Drops `n` bytes from the front (all of them when fewer are held); what remains starts at `data`.

@@ -14,7 +14,8 @@ struct dll_entry_t {
 /// Loads a library and looks entry points up. A bare name ("reader") is completed as the system does ("libreader.so",
 /// "reader.dll") and sought beside this library first; a path is taken as it is.
 /// @param entries  ends with a null name; may be null
-/// @return the handle, or null when the library cannot be loaded or lacks an entry. Close with core_dll_close().
+/// @return the handle, or null when memory is out, the library cannot be loaded or lacks an entry; what it lacks is
+/// then null, and the other entries may not be called. Close with core_dll_close().
 INET_API dll_ctx* core_dll_open(const char* name, dll_entry_t* entries, const char* file, int line) noexcept;
 
 /// Unloads the library and nulls the handle. Nobody may run in it any more.

@@ -15,7 +15,7 @@ INET_API uint64_t time_now() noexcept;
 /// The same shifted by the local offset from UTC, so that core_timeUtc() gives local calendar fields.
 INET_API uint64_t time_now_local() noexcept;
 
-/// Calendar fields in UTC of a time in microseconds. @return 1, or 0 when the year does not fit.
+/// Calendar fields in UTC of a time in microseconds. @return 1, or 0 when `out` is null.
 INET_API int core_timeUtc(uint64_t us, tm* out) noexcept;
 
 /// Seconds since 1970-01-01 UTC of UTC calendar fields; fields out of range carry over.
