@@ -8,7 +8,6 @@
 #include <chrono>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <string>
 
 namespace {
 
@@ -21,26 +20,24 @@ int64_t elapsed_ms(clock_type::time_point since) {
 }
 
 TEST(Thread, BodyLearnsOfTheCancelAndStopWaitsForItsEnd) {
-    struct {
-        event_ctx* wake = _event_create(CORE_HERE);
+    struct state_t {
+        test::event wake;
         std::atomic<int> hooks = 0;
         std::atomic<bool> ended = false;
-        std::atomic<bool> was_current = false;
     } state;
-    using state_t = decltype(state);
     thread_ctx* thread = core_thread_start(
         &state,
         [](void* arg, thread_ctx* self) {
             auto& s = *static_cast<state_t*>(arg);
-            s.was_current = core_thread_iscurrent(self) == 1;
+            EXPECT_EQ(core_thread_iscurrent(self), 1);
             while (!core_thread_iscancel(self))
-                event_wait(s.wake, event_infinite);
+                s.wake.wait(event_infinite);
             s.ended = true;
         },
         [](void* arg, thread_ctx*) {
             auto& s = *static_cast<state_t*>(arg);
             ++s.hooks;
-            event_set(s.wake);
+            s.wake.set();
         },
         CORE_HERE);
     ASSERT_TRUE(thread);
@@ -50,92 +47,71 @@ TEST(Thread, BodyLearnsOfTheCancelAndStopWaitsForItsEnd) {
     EXPECT_EQ(core_thread_iscancel(thread), 1);
     core_thread_stop(thread);
     EXPECT_TRUE(state.ended);
-    EXPECT_TRUE(state.was_current);
     EXPECT_EQ(state.hooks, 1);
     EXPECT_FALSE(thread);
     core_thread_stop(thread);  // null by now
-    _event_free(state.wake);
 }
 
 TEST(Thread, CancelEndsASleepAtOnce) {
-    struct {
-        event_ctx* slept = _event_create(CORE_HERE);
-        int first = -1;
-        int second = -1;
-    } state;
-    thread_ctx* thread = core_thread_start(
-        &state,
-        [](void* arg, thread_ctx* self) {
-            auto& s = *static_cast<decltype(state)*>(arg);
-            s.first = core_thread_sleep(self, 1);
-            event_set(s.slept);
-            s.second = core_thread_sleep(self, long_time);
-        },
-        nullptr, CORE_HERE);
-    ASSERT_EQ(event_wait(state.slept, long_time), 1);
+    test::event slept;
+    const auto body = [](void* arg, thread_ctx* self) {
+        EXPECT_EQ(core_thread_sleep(self, 1), 0);
+        static_cast<test::event*>(arg)->set();
+        EXPECT_EQ(core_thread_sleep(self, long_time), 1);
+    };
+    thread_ctx* thread = core_thread_start(&slept, body, nullptr, CORE_HERE);
+    ASSERT_TRUE(slept.wait());
     const auto start = clock_type::now();
     core_thread_stop(thread);
-    EXPECT_EQ(state.first, 0);
-    EXPECT_EQ(state.second, 1);
     EXPECT_LT(elapsed_ms(start), long_time / 2);
-    _event_free(state.slept);
 }
 
 TEST(Thread, BodyMayStopItsOwnThread) {
     // The handle is released as the body returns; main() would find it held otherwise.
-    event_ctx* done = _event_create(CORE_HERE);
+    const auto body = [](void* arg, thread_ctx* self) {
+        thread_ctx* handle = self;
+        core_thread_stop(handle);
+        EXPECT_FALSE(handle);
+        EXPECT_EQ(core_thread_iscancel(self), 1);
+        core_thread_setname(self, "leaving");
+        static_cast<test::event*>(arg)->set();
+    };
+    test::event done;
     for (int i = 0; i < 50; ++i) {
         const size_t held = core_mem_blocks();
-        core_thread_start(
-            done,
-            [](void* arg, thread_ctx* self) {
-                thread_ctx* handle = self;
-                core_thread_stop(handle);
-                EXPECT_FALSE(handle);
-                EXPECT_EQ(core_thread_iscancel(self), 1);
-                core_thread_setname(self, "leaving");
-                event_set(static_cast<event_ctx*>(arg));
-            },
-            nullptr, CORE_HERE);
-        ASSERT_EQ(event_wait(done, long_time), 1);
+        core_thread_start(&done, body, nullptr, CORE_HERE);
+        ASSERT_TRUE(done.wait());
         while (core_mem_blocks() > held)
             core_sleep(0);
     }
-    _event_free(done);
 }
 
 TEST(Thread, NameIsCutToWhatTheSystemHolds) {
-    std::string name(16, '?');
-    thread_ctx* thread = core_thread_start(
-        &name,
-        [](void* arg, thread_ctx* self) {
-            core_thread_setname(self, "a name longer than fifteen");
-            auto& out = *static_cast<std::string*>(arg);
-            pthread_getname_np(pthread_self(), out.data(), out.size());
-        },
-        nullptr, CORE_HERE);
+    const auto body = [](void*, thread_ctx* self) {
+        char name[16] = {};
+        core_thread_setname(self, "a name longer than fifteen");
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        EXPECT_STREQ(name, "a name longer t");
+    };
+    thread_ctx* thread = core_thread_start(nullptr, body, nullptr, CORE_HERE);
     core_thread_setname(thread, nullptr);
     core_thread_stop(thread);
-    EXPECT_STREQ(name.c_str(), "a name longer t");
 }
 
 TEST(Thread, InvokeRunsOnAThreadOfItsOwn) {
-    struct {
-        event_ctx* done = _event_create(CORE_HERE);
+    struct state_t {
+        test::event done;
         uint64_t id = 0;
     } state;
-    ASSERT_EQ(core_thread_invoke(
-                  [](void* arg) {
-                      auto& s = *static_cast<decltype(state)*>(arg);
-                      s.id = core_thread_id();
-                      event_set(s.done);
-                  },
-                  &state, CORE_HERE),
-              1);
-    ASSERT_EQ(event_wait(state.done, long_time), 1);
+    const auto call = [](void* arg) {
+        auto& s = *static_cast<state_t*>(arg);
+        s.id = core_thread_id();
+        s.done.set();
+    };
+    ASSERT_EQ(core_thread_invoke(call, &state, CORE_HERE), 1);
+    ASSERT_TRUE(state.done.wait());
     EXPECT_NE(state.id, 0U);
     EXPECT_NE(state.id, core_thread_id());
-    _event_free(state.done);
 }
 
 TEST(Thread, OutOfMemoryGivesNull) {
