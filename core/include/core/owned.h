@@ -48,8 +48,10 @@ public:
     allocator(const allocator<U>& other) noexcept : where_(other.where()) {}
 
     T* allocate(size_t count) {
+        // NOLINTBEGIN(bugprone-sizeof-expression): the item may be a pointer
         if (count > static_cast<size_t>(-1) / sizeof(T)) throw std::bad_alloc();
         void* block = core_malloc(count * sizeof(T), where_.file, where_.line);
+        // NOLINTEND(bugprone-sizeof-expression)
         if (!block) throw std::bad_alloc();
         return static_cast<T*>(block);
     }

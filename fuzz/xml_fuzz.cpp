@@ -1,0 +1,92 @@
+// XML from any bytes: every part of what was read can be asked for and is well-formed UTF-8, and the tree, written as
+// XML, reads as the same again.
+#include "common/xml.h"
+#include "core/memory.h"
+#include "core/text.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+namespace {
+
+void require(bool holds) {
+    if (!holds) std::abort();
+}
+
+void require_utf8(std::string_view text) {
+    while (!text.empty()) {
+        uint32_t code = 0;
+        const size_t size = utf8_decode(text.data(), text.size(), &code);
+        require(size > 0);
+        text.remove_prefix(size);
+    }
+}
+
+/// A text in which every character that could mean something is a reference.
+std::string escaped(std::string_view text) {
+    require_utf8(text);
+    std::string out;
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) >= 0x80 || (c >= '0' && c <= '9') || (c >= '@' && c <= 'Z'))
+            out += c;
+        else
+            out += "&#" + std::to_string(static_cast<int>(c)) + ';';
+    }
+    return out;
+}
+
+std::string content_of(node* n) {
+    int length = -1;
+    const char* text = roxml_get_content(n, nullptr, 0, &length);
+    require(length >= 0 && (length > 0) == (text != nullptr));
+    const std::string_view whole(text ? text : "", static_cast<size_t>(length));
+    char cut[6];
+    if (const char* start = roxml_get_content(n, cut, sizeof(cut), &length)) {
+        require_utf8(start);
+        require(whole.starts_with(start) && std::strlen(start) == static_cast<size_t>(length));
+    }
+    return escaped(whole);
+}
+
+std::string print(node* n) {
+    const char* name = roxml_get_name(n, nullptr, 0);
+    require(name && *name);
+    require_utf8(name);
+    std::string out = '<' + std::string(name) + " xmlns='" + content_of(roxml_get_ns(n)) + "'>" + content_of(n);
+    node* next = roxml_get_chld(n, nullptr, 0);
+    for (int i = 0; i < roxml_get_chld_nb(n); ++i) {
+        node* child = roxml_get_chld(n, nullptr, i);
+        require(child && child == next);
+        require(roxml_get_chld(n, roxml_get_name(child, nullptr, 0), 0) != nullptr);
+        next = roxml_get_next_sibling(child);
+        out += print(child);
+    }
+    require(!next);
+    return out + "</" + name + '>';
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    char error[64];
+    const auto* text = reinterpret_cast<const char*>(data);
+    node* document = roxml_load(text, static_cast<unsigned>(size), error, sizeof(error));
+    require((document != nullptr) == (error[0] == '\0'));
+    if (document) {
+        require(core_mem_bytes() <= 24 * size + (2 << 20));
+        node* root = roxml_get_chld(document, nullptr, 0);
+        const std::string printed = print(root);
+        (void)roxml_get_attr(root, "a");
+        roxml_close(root);
+        document = roxml_load_buf(printed.c_str());
+        // Only a name of the reserved namespace cannot be written without its prefix.
+        require(document || printed.find("XML") != std::string::npos);
+        if (document) require(print(roxml_get_chld(document, nullptr, 0)).size() == printed.size());
+        roxml_close(document);
+    }
+    require(core_mem_blocks() == 0);
+    return 0;
+}
