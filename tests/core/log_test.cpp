@@ -281,7 +281,7 @@ TEST(Log, TerminalShowsWhatAPeerSentWithoutObeyingIt) {
     }
 }
 
-TEST(Log, FileSinkAppendsLinesAsTheyAre) {
+TEST(Log, FileSinkAppendsWhatPassesForNothingElse) {
     const test::scratch dir;
     const std::string path = dir / "log";
     log_handle log("disk");
@@ -290,14 +290,14 @@ TEST(Log, FileSinkAppendsLinesAsTheyAre) {
     for (int i = 0; i < 2; ++i) {
         const uint32_t sink = core_log_sink_file("disk", path.c_str());
         ASSERT_NE(sink, 0U);
-        core_log_print(log.log, "a\x1b\nb\n");
+        core_log_print(log.log, "a\x1b\r\n%s\n", "2015-11-25T15:47:30.042Z [disk] forged");
         core_log_print(log.log, "%s", big.c_str());
         core_log_sink_rem(sink);
     }
     core_time_set_clock(nullptr);
     std::ifstream in(path, std::ios::binary);
     const std::string head = "2015-11-25T15:47:30.042Z [disk] ";
-    const std::string once = head + "a\x1b\nb\n" + head + big + "\n";
+    const std::string once = head + "a\\x1b\n    " + head + "forged\n" + head + big + "\n";
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), once + once);
     EXPECT_EQ(core_log_sink_file("disk", "/nonexistent/log"), 0U);
 }

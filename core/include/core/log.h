@@ -45,13 +45,12 @@ INET_API void core_log_free(log_ctx*& log) noexcept;
 INET_API uint32_t core_log_sink_add(const char* logs, void (*write)(void* arg, const log_line_t* line),
                                     void* arg) noexcept;
 
-/// Adds a sink that appends "time [log] text" lines to a file. @return as core_log_sink_add(); 0 when it cannot be
-/// opened.
+/// Adds a sink that appends "time [log] text" lines to a file. Control characters and bytes that are not UTF-8 show as
+/// \xHH and further lines of a text are indented: a line may hold what a peer has sent, which may not pass for another
+/// line. @return as core_log_sink_add(); 0 when it cannot be opened.
 INET_API uint32_t core_log_sink_file(const char* logs, const char* path) noexcept;
 
-/// Adds a sink that writes to the standard error stream, in colour when that is a terminal. Control characters and
-/// bytes that are not UTF-8 show as \xHH and further lines of a text are indented: a line may hold what a peer has
-/// sent.
+/// Adds a sink that writes the same to the standard error stream, in colour when that is a terminal.
 INET_API uint32_t core_log_sink_console(const char* logs) noexcept;
 
 /// 1 when a standard stream (1 output, 2 error) is a terminal, where a line may be written over; else 0.

@@ -59,6 +59,8 @@ constexpr bool is_control(uint32_t code) noexcept { return code < 0x20 || (code 
 
 void put_harmless(line_writer& out, std::string_view text) noexcept {
     while (!text.empty()) {
+        // The line ends of network protocols are line ends, not something to be shown.
+        if (text.starts_with("\r\n")) text.remove_prefix(1);
         uint32_t code = 0;
         const size_t valid = utf8_decode(text.data(), text.size(), &code);
         const size_t used = valid ? valid : 1;
@@ -79,7 +81,7 @@ void put_harmless(line_writer& out, std::string_view text) noexcept {
 void write_file(void* arg, const log_line_t* line) noexcept {
     line_writer out(static_cast<std::FILE*>(arg));
     put_head(out, *line);
-    out.put(line->text);
+    put_harmless(out, line->text);
     out.put("\n");
 }
 
