@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cfloat>
 #include <charconv>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -160,10 +161,18 @@ void read_trak_attribute(trak_t& trak, std::string_view attribute, core::place w
     read_attribute(trak, attribute, where, rtpmap, fmtp);
 }
 
-void read_connection(trak_t& trak, std::string_view value, core::place where) noexcept {
+/// "IN IP4 224.2.1.1/16"; not set for another kind of address and for what is too long to be one.
+std::optional<std::string_view> address_of(std::string_view connection) noexcept {
     constexpr std::string_view type = "IN IP4";
-    const size_t at = value.find(type);
-    if (at != std::string_view::npos) set_text(trak.connection, scan::skip(value.substr(at + type.size()), " "), where);
+    const size_t at = connection.find(type);
+    if (at == std::string_view::npos) return std::nullopt;
+    const std::string_view address = scan::skip(connection.substr(at + type.size()), " ");
+    if (address.size() > sdp_max_address) return std::nullopt;
+    return address;
+}
+
+void read_connection(trak_t& trak, std::string_view value, core::place where) noexcept {
+    if (const auto address = address_of(value)) set_text(trak.connection, *address, where);
 }
 
 /// Reads a whole description into a list of traks.
@@ -181,7 +190,7 @@ private:
         if (type == 'a' && current_) read_trak_attribute(*current_, value, where_);
         if (type == 'c') {
             if (current_) read_connection(*current_, value, where_);
-            if (count_ == 0) connection_ = value;
+            if (count_ == 0) address_ = address_of(value);
         }
         return true;
     }
@@ -193,7 +202,7 @@ private:
         if (!current_) return true;
         ++count_;
         read_media(*current_, value, where_);
-        read_connection(*current_, connection_, where_);
+        if (address_) set_text(current_->connection, *address_, where_);
         return true;
     }
 
@@ -201,7 +210,7 @@ private:
     core::place where_;
     trak_t* current_ = nullptr;
     uint32_t count_ = 0;
-    std::string_view connection_;  ///< of the session
+    std::optional<std::string_view> address_;  ///< of the session
 };
 
 // Transport and RTP-Info
@@ -346,6 +355,8 @@ Sdp& Sdp::operator=(const Sdp& other) noexcept {
 
 void Sdp::parse(const char* description) noexcept {
     if (!description) return;
+    // The attributes of this session are not those of the last one's last track.
+    current = nullptr;
     for_each_line(description, [this](char type, std::string_view value) {
         if (type == 'a' && current) parse_attribute(value);
         if (type != 'm') return true;

@@ -1,6 +1,7 @@
 // Cutting and reading of borrowed text, shared by the text protocols.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <optional>
@@ -15,9 +16,9 @@ inline constexpr std::string_view spaces = " \t\n\v\f\r";
 /// A text of which null is nothing.
 inline std::string_view text(const char* text) noexcept { return text ? std::string_view(text) : std::string_view(""); }
 
+/// What is left is a part of `text` also when it is empty, so that it can be told from nothing.
 inline std::string_view skip(std::string_view text, std::string_view characters) noexcept {
-    const size_t first = text.find_first_not_of(characters);
-    return first == std::string_view::npos ? std::string_view() : text.substr(first);
+    return text.substr(std::min(text.find_first_not_of(characters), text.size()));
 }
 
 /// Takes the text before the first `end` off the front of `rest`, and the `end` itself; all of it when there is none.

@@ -106,7 +106,7 @@ TEST(Sdp, IsReadIntoTracks) {
 TEST(Sdp, ObjectReadsTheSameAndItsOwnKeys) {
     owning_sdp sdp;
     sdp.parse(test::exact_text(session).get());
-    sdp.parse("m=application 0 RTP/AVP 107\r\n");
+    sdp.parse("a=control:session\r\nm=application 0 RTP/AVP 107\r\n");
     sdp.parse(nullptr);
     ASSERT_EQ(core_array_length(reinterpret_cast<void* const*>(sdp.medias)), 3U);
     owning_sdp copy;
@@ -164,6 +164,19 @@ TEST(Sdp, TakesLinesAsTheyAre) {
         const owned_sdp sdp = parse("m=v\r\na=framerate:" + std::string(rate) + "\r\n");
         EXPECT_EQ(sdp->traks[0]->framerate, framerate) << rate;
     }
+}
+
+TEST(Sdp, GivesTracksTheAddressOfTheSession) {
+    const std::string longest(sdp_max_address, '1');
+    const std::pair<std::string, std::string> cases[] = {
+        {"c=IN IP4 1.2.3.4\r\nm=v\r\n", "1.2.3.4"},
+        {"c=IN IP4\r\nm=v\r\n", ""},
+        {"c=IN IP6 ::1\r\nm=v\r\nc=IN IP6 ::1\r\n", "-"},
+        {"c=IN IP4 1.2.3.4\r\nm=v\r\nc=IN IP4 5.6.7.8/9\r\n", "5.6.7.8/9"},
+        {"c=IN IP4 " + longest + "\r\nm=v\r\nc=IN IP4 2" + longest + "\r\n", longest},
+    };
+    for (const auto& [lines, address] : cases)
+        EXPECT_EQ(text(parse(lines)->traks[0]->connection), address) << lines;
 }
 
 TEST(Sdp, HoldsABoundedNumberOfTracks) {

@@ -35,6 +35,8 @@
 /// Tracks read from one description, stream entries from one RTP-Info.
 inline constexpr uint32_t sdp_max_traks = 256;
 inline constexpr uint32_t sdp_max_rtp_infos = 256;
+/// Characters of the longest address of a c= line, which every track of a session copies; longer ones are left out.
+inline constexpr uint32_t sdp_max_address = 255;
 
 namespace net::sdp {
 
@@ -97,7 +99,7 @@ struct media_s {
 
 class INET_API Sdp {
 public:
-    media_s* current = nullptr;  ///< of the last m= line: the last of `medias`, or null when memory was out for it
+    media_s* current = nullptr;  ///< of the last m= line of the last text; null before it or when memory was out for it
     media_s** medias = nullptr;  ///< null-terminated array in the order of the text; null for none
 
     Sdp() noexcept = default;
