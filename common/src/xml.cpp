@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string_view>
@@ -17,10 +16,6 @@ namespace {
 using common::xml::document;
 
 constexpr size_t largest_text = size_t{64} << 20;
-
-void refuse(char* error, unsigned error_size, const char* reason) noexcept {
-    if (error && error_size > 0) std::snprintf(error, error_size, "%s", reason);
-}
 
 /// The tree's own text, or as much of it as fits `buf`, not ending inside a character.
 const char* give(std::string_view text, char* buf, int size, int* len) noexcept {
@@ -47,9 +42,9 @@ node* roxml_load_buf(const char* text) noexcept {
 }
 
 node* roxml_load(const char* text, unsigned size, char* error, unsigned error_size) noexcept {
-    refuse(error, error_size, "");
+    core::write_error(error, error_size, "");
     if (!text || size > largest_text) {
-        refuse(error, error_size, text ? "text too large" : "no text");
+        core::write_error(error, error_size, text ? "text too large" : "no text");
         return nullptr;
     }
     const std::string_view whole(text, size);
@@ -64,7 +59,7 @@ node* roxml_load(const char* text, unsigned size, char* error, unsigned error_si
     if (tree)
         core::write_text_error(error, error_size, whole, why.offset, why.reason);
     else
-        refuse(error, error_size, "out of memory");
+        core::write_error(error, error_size, "out of memory");
     return nullptr;
 }
 

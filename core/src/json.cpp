@@ -5,11 +5,14 @@
 #include "core/text.h"
 #include "core/text_error.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string_view>
 #include <system_error>
 
@@ -380,13 +383,13 @@ private:
         const size_t first = digits.find_first_of("123456789");
         if (first == std::string_view::npos) return sign * 0.0;
         const int64_t place = point - static_cast<int64_t>(first);
+        constexpr int64_t farthest = int64_t{1} << 40;  // outweighs every digit of the longest text
         int64_t exponent = 0;
         if (exponent_at < text.size()) {
             const bool is_negative = text[exponent_at + 1] == '-';
             const std::string_view power = text.substr(exponent_at + 1 + !is_digit(text[exponent_at + 1]));
-            // Longer than any text: what does not fit outweighs every digit that stands before it.
-            if (std::from_chars(power.data(), power.data() + power.size(), exponent).ec != std::errc())
-                exponent = int64_t{1} << 40;
+            const auto read = std::from_chars(power.data(), power.data() + power.size(), exponent);
+            exponent = read.ec == std::errc() ? std::min(exponent, farthest) : farthest;
             if (is_negative) exponent = -exponent;
         }
         return place + exponent > 0 ? sign * std::numeric_limits<double>::max() : sign * 0.0;
@@ -416,10 +419,6 @@ json_t* read_text(std::string_view text, char* error, size_t error_size) {
     const auto offset = static_cast<size_t>(reading.at() - text.data());
     core::write_text_error(error, error_size, text, offset, reading.reason());
     return nullptr;
-}
-
-void refuse(char* error, size_t error_size, const char* reason) noexcept {
-    if (error && error_size > 0) std::snprintf(error, error_size, "%s", reason);
 }
 
 /// Escapes a text, counted only when `out` is null.
@@ -453,20 +452,20 @@ size_t escape(const char* text, size_t size, char* out) noexcept {
 }  // namespace
 
 json_t* yajl_tree_parse(const char* text, char* error, size_t error_size) noexcept {
-    refuse(error, error_size, "");
+    core::write_error(error, error_size, "");
     if (!text) {
-        refuse(error, error_size, "no text");
+        core::write_error(error, error_size, "no text");
         return nullptr;
     }
     const void* end = std::memchr(text, '\0', largest_text + 1);
     if (!end) {
-        refuse(error, error_size, "text too large");
+        core::write_error(error, error_size, "text too large");
         return nullptr;
     }
     try {
         return read_text({text, static_cast<size_t>(static_cast<const char*>(end) - text)}, error, error_size);
     } catch (const std::bad_alloc&) {
-        refuse(error, error_size, "out of memory");
+        core::write_error(error, error_size, "out of memory");
         return nullptr;
     }
 }

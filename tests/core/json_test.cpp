@@ -107,6 +107,8 @@ TEST(Json, KeepsNumbersAsExactlyAsTheyFit) {
         {"0e999999999999999999999", false, 0, 0},
         {"1e999999999999999999999", false, highest, largest},
         {"1e-999999999999999999999", false, 0, 0},
+        {"5e9223372036854775807", false, highest, largest},
+        {"0.05e-9223372036854775808", false, 0, 0},
         {"1" + zeros, false, highest, largest},
         {"-0.0" + zeros + "1e10", false, 0, -0.0},
         {"0." + zeros + "1e401", false, 1, 1},

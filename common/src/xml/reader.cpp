@@ -5,6 +5,7 @@
 
 #include "core/text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <system_error>
 

@@ -8,6 +8,11 @@
 
 namespace core {
 
+/// Writes a reason, cut to `size`. A null `out` is ignored.
+inline void write_error(char* out, size_t size, const char* reason) noexcept {
+    if (out && size > 0) std::snprintf(out, size, "%s", reason);
+}
+
 /// Writes "line:column: reason" for the byte at `offset`, cut to `size`; both count from 1, columns in characters of
 /// UTF-8. A null `out` is ignored.
 inline void write_text_error(char* out, size_t size, std::string_view text, size_t offset,
