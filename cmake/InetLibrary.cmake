@@ -22,7 +22,11 @@ endfunction()
 inet_add_library(inet SHARED)
 inet_add_library(inet_static STATIC)
 # What the standard library instantiates stays inside as well: only what is marked INET_API leaves the shared library.
-target_link_options(inet PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map -Wl,--no-undefined)
+target_link_options(inet PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+# With clang, the sanitizers' runtime is in the program alone.
+if(NOT INET_SANITIZE)
+    target_link_options(inet PRIVATE -Wl,--no-undefined)
+endif()
 set_target_properties(inet PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
 
 install(TARGETS inet inet_static EXPORT inet-targets
