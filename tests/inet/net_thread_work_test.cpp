@@ -165,6 +165,36 @@ TEST(Command, CanBeChangedAndDestroyed) {
     EXPECT_EQ(first.calls.value(), 1);
 }
 
+// A command that is ordered on the loop is called just before the next wait.
+TEST(Command, WhatItsCallbackOrdersIsDoneBeforeTheLoopWaits) {
+    network_thread nt;
+    int fds[2] = {-1, -1};
+    ASSERT_EQ(net_socket_pair(2, 1, 6, fds, CORE_HERE), 0);
+    const test::tcp_socket near(fds[0]), far(fds[1]);
+    const auto count_event = [](void* arg, uint32_t) { counter::count(arg); };
+    // Several rounds: a wake that is still under way would cover for one.
+    for (int round = 0; round < 5; ++round) {
+        counter called, added, signalled;
+        socket_ctx *first = nullptr, *second = nullptr;
+        net_nt_socket_add(nt, first, near, 0, &signalled, count_event);
+        command_task command;
+        command.handle = net_nt_command_create(nt, &command, command_task::run);
+        command.then = [&](command_task&) {
+            net_nt_sync_call(nt, nullptr, &called, counter::count);
+            net_nt_command(nt, first);
+            net_nt_socket_add(nt, second, far, nt_flag_write, &added, count_event);
+        };
+        nt.pass();
+        nt.run([&] { net_nt_command_exec(command.handle); });
+        EXPECT_TRUE(called.reaches(1, 2s));
+        EXPECT_TRUE(signalled.reaches(1, 2s));
+        EXPECT_TRUE(added.reaches(1, 2s));
+        net_nt_socket_rem(nt, first);
+        net_nt_socket_rem(nt, second);
+        net_nt_command_destroy(command.handle);
+    }
+}
+
 TEST(Calls, RunInOrderAndOneThatQueuesItselfLetsTheLoopGoOn) {
     network_thread nt;
     struct chain {

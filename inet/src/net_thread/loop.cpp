@@ -63,19 +63,23 @@ size_t release_dead(records<T>& known) noexcept {
     return std::erase_if(known, [](const core::owned_object<T>& record) { return is_dead(*record); });
 }
 
-void service_command(command_ctx& command) noexcept {
-    if (command.signals == 0 || !take_for_loop(command.guard)) return;
-    if (command.callback) {
+// @return true when its callback ran
+bool service_command(command_ctx& command) noexcept {
+    if (command.signals == 0 || !take_for_loop(command.guard)) return false;
+    const bool called = command.callback;
+    if (called) {
         const callback_watch watch("command");
         command.callback(command.arg, &command);
     }
     command.signals = 0;
     release_guard(command.guard);
+    return called;
 }
 
+// What a callback registered, queued or signalled is met by the rebuild alone: no wait may come before that.
 void service_commands(nt_ctx& nt) noexcept {
     for (const auto& command : nt.commands)
-        service_command(*command);
+        nt.pass_due |= service_command(*command);
 }
 
 bool commands_pending(nt_ctx& nt) noexcept {
