@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cassert>
-#include <climits>
 #include <vector>
 
 namespace net {
@@ -20,7 +19,7 @@ using platform::watch_t;
 
 constexpr int64_t second = 1'000'000;             // microseconds
 constexpr int64_t longest_wait = 5;               // seconds
-constexpr int wait_without_wake_pair = 100;       // milliseconds
+constexpr int retry_wait = 100;                   // milliseconds
 constexpr uint32_t pause_after_failed_wait = 10;  // milliseconds
 
 int64_t now_us() noexcept { return static_cast<int64_t>(core_timer()); }
@@ -118,9 +117,16 @@ int timer_wait(nt_ctx& nt) noexcept {
     return wake <= now ? 0 : static_cast<int>((wake - now + 999) / 1000);
 }
 
+// Something could not be had from the system: the wake pair, or the memory to take in what was registered.
+bool has_to_retry(const nt_ctx& nt) noexcept {
+    return nt.wake_rd < 0 ||
+           slist_count(nt.new_sockets) + slist_count(nt.new_timers) + slist_count(nt.new_commands) != 0;
+}
+
 int next_wait(nt_ctx& nt) noexcept {
-    const int wait = std::min(timer_wait(nt), nt.wake_rd < 0 ? wait_without_wake_pair : INT_MAX);
-    return commands_pending(nt) || nt.pass_due || nt.wake_ordered ? 0 : wait;
+    const int wait = timer_wait(nt);
+    if (commands_pending(nt) || nt.pass_due || nt.wake_ordered) return 0;
+    return has_to_retry(nt) ? std::min(wait, retry_wait) : wait;
 }
 
 // From here on a wake writes a new byte; what it was written for before is looked at after this.
@@ -187,7 +193,7 @@ void watch_socket(nt_ctx& nt, const socket_ctx& socket) noexcept {
     nt.sets.set(socket.fd, flags & (nt_flag_read | nt_flag_listening), flags & (nt_flag_write | nt_flag_connecting));
 }
 
-// Tried again on every pass until it is there: without it others wait for the loop's next look.
+// Tried again on every pass until it is there.
 void open_wake_pair(nt_ctx& nt) noexcept {
     if (nt.wake_rd >= 0) return;
     int fds[2];
