@@ -117,6 +117,7 @@ TEST(Socket, AFailedConnectIsReportedAsConnectedWithItsErrorPending) {
     ASSERT_TRUE(connecting.calls.reaches(1));
     EXPECT_EQ(connecting.seen, nt_event_connected);
     EXPECT_EQ(net_socket_get_error(client), socket_error_refused);
+    EXPECT_EQ(net_socket_get_error(client), 0) << "it is told once";
 }
 
 TEST(Socket, AHangUpAndAResetAreReadable) {

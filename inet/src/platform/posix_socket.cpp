@@ -22,6 +22,8 @@ struct error_pair {
 
 // The one table of error numbers. A Winsock number stands first with the errno that set_last_error() gives it.
 // EINPROGRESS comes from a non-blocking connect alone, for which Winsock says "would block".
+// Behind the twins stand those that Winsock does not know: no interface leads to a multicast group, the host is off the
+// network, the peer was gone before it could be accepted.
 constexpr error_pair error_table[] = {
     {EINTR, 10004},           {EBADF, 10009},           {EACCES, 10013},        {EPERM, 10013},
     {EFAULT, 10014},          {EINVAL, 10022},          {EMFILE, 10024},        {ENFILE, 10024},
@@ -33,7 +35,9 @@ constexpr error_pair error_table[] = {
     {ENOBUFS, 10055},         {ENOMEM, 10055},          {EISCONN, 10056},       {ENOTCONN, 10057},
     {EPIPE, 10058},           {ESHUTDOWN, 10058},       {ETOOMANYREFS, 10059},  {ETIMEDOUT, 10060},
     {ECONNREFUSED, 10061},    {ELOOP, 10062},           {ENAMETOOLONG, 10063},  {EHOSTDOWN, 10064},
-    {EHOSTUNREACH, 10065},
+    {EHOSTUNREACH, 10065},    {ENOTEMPTY, 10066},       {EUSERS, 10068},        {EDQUOT, 10069},
+    {ESTALE, 10070},          {EREMOTE, 10071},         {ENODEV, 10049},        {ENONET, 10050},
+    {EPROTO, 10053},
 };
 
 constexpr int winsock_unknown = 10107;  // "a system call that should never fail has failed"
