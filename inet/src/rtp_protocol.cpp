@@ -94,6 +94,8 @@ trak_t* Rtp::get_trak_pt(unsigned char pt) const noexcept { return find(traks, &
 
 trak_t* Rtp::get_trak_fcc(unsigned fcc) const noexcept { return find(traks, &trak_t::fcc, fcc); }
 
+trak_t* Rtp::get_trak_ssrc(uint32_t ssrc) const noexcept { return find(traks, &trak_t::ssrc, ssrc); }
+
 void Rtp::pack(const av::frame_t* frame) noexcept {
     if (!frame || !begin(frame->fcc, frame->time)) return;
     const uint16_t first_seq = current->seq;
@@ -121,7 +123,7 @@ void Rtp::pack(const av::frame_t* frame) noexcept {
             return log_unknown("fcc");
     }
     log_frame(first_seq);
-    report_if_due();
+    if (report_due()) pack_rtcp_sr(current);
 }
 
 void Rtp::pack_meta(const av::meta_t* meta) noexcept {
@@ -143,7 +145,7 @@ void Rtp::pack_meta(const av::meta_t* meta) noexcept {
         default:
             return log_unknown("metadata fcc");
     }
-    report_if_due();
+    if (report_due()) pack_rtcp_sr(current);
 }
 
 // Makes the format's track current and sets it to the time; false when there is none to send on.

@@ -1,6 +1,7 @@
-/// RTP packetizer: media frames become RTP packets (RFC 3550) with a sender report every two seconds of media time. No
-/// socket is touched: every packet is handed to the owner through rtp::IRtp. Beside it stand the conversions between
-/// the library's clock and NTP time.
+/// RTP packetizer and depacketizer: media frames become RTP packets (RFC 3550) with a sender report every two seconds
+/// of media time, and packets become frames again with receiver reports. No socket is touched: every packet that is
+/// built and all media that was received is handed to the owner through rtp::IRtp, and the owner brings what it
+/// received. Beside it stand the conversions between the library's clock and NTP time.
 ///
 /// An object, its tracks and its handler belong to one thread, the network thread of the owner. No packet is longer
 /// than rtp::packet_size bytes and none is kept. After set-up, pack() allocates nothing, except that "META" makes a
@@ -14,6 +15,20 @@
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
 ///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"; nothing when it names no object
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
+///
+///   format   what event 3 brings of received packets
+///   "H264"   a NAL unit without start code, of a single NAL unit packet or put together from FU-A; aggregation packets
+///            (types 24 to 27) as they are; types 29 to 31 are dropped
+///   "JPEG"   a picture piece by piece, one a packet, the first with the header that RTP leaves out, the last (marker)
+///            with EOI; or the pieces of a file in header extensions, with SOI before the first
+///   "PCMU"   "PCMA" "G726": the payload of one packet
+///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1)
+///   "META"   a document, ended by the marker bit
+///
+/// Every byte received counts as hostile. A peer can make a track hold at most rtp::max_frame bytes each in `frame` and
+/// `fua`; what grows beyond is given up whole. Once these have grown, receiving allocates nothing. Packets are taken in
+/// the order in which they are brought: in front of a track that is received by UDP belongs an rtp::Reorder
+/// (inet/rtp_reorder.h).
 #pragma once
 
 #include "avc/frame.h"
@@ -40,6 +55,9 @@ namespace rtp {
 /// Bytes of the longest packet, headers included.
 inline constexpr uint32_t packet_size = 1400;
 
+/// Bytes of the longest frame that is put together from received packets.
+inline constexpr uint32_t max_frame = 8U << 20;
+
 /// What the handler is called for.
 struct event_t {
     enum enum_t : int {
@@ -57,13 +75,17 @@ enum class report_clock_t : uint8_t {
 
 /// One stream. Made by Rtp::add_trak() and owned by the Rtp.
 struct trak_t {
-    uint8_t active;      ///< 1 when frames are packed; set by the owner once the stream is set up
+    uint8_t active;      ///< 1 when frames are packed; set by the owner once the stream is set up. Received packets are
+                         ///< taken in any case
     uint8_t pt;          ///< RTP payload type; JPEG is sent as 26 in any case
     uint32_t fcc;        ///< payload format (avc/fcc.h)
     uint32_t ssrc;       ///< sent: of our packets, set by the owner. Received: of the last packet
-    uint16_t seq;        ///< sent: the next sequence number. Received: the last one, 0 for none yet
+    uint16_t seq;        ///< sent: the next sequence number. Received: the last one, 0 for none yet; may be set by the
+                         ///< owner to the number announced for the next packet
     double clock_rate;   ///< RTP clock in Hz, 0 up to 2^32, set by the owner
-    uint64_t time;       ///< microseconds since 1970-01-01 of the current frame
+    uint64_t time;       ///< microseconds since 1970-01-01 of the current frame. Received: from what the owner sets,
+                         ///< advanced by the timestamps in whole milliseconds; an owner who needs exact intervals, or
+                         ///< receives pictures that are not in the order of their times, reads `rtp_time`
     uint32_t rtp_time;   ///< RTP timestamp of the current frame
     buf_t frame;         ///< received: bytes of the frame being delivered
     buf_t fua;           ///< received: FU-A being put together
@@ -76,12 +98,34 @@ struct trak_t {
     uint32_t packets;    ///< RTP packets sent
     uint32_t octets;     ///< bytes of them, RTP headers included
     uint16_t jpeg_seq;   ///< received: sequence number of the first packet of the JPEG frame
+
+    // Received, honest beside the fixed figures of the receiver report. All count from the making of the track.
+    uint32_t received;   ///< packets taken
+    uint32_t lost;       ///< numbers of the sequence that were passed over (RFC 3550, A.3: expected less received). It
+                         ///< has grown before the first data behind a gap is handed over, so an owner that wants whole
+                         ///< pictures only compares it with its value at the picture's start
+    uint32_t late;       ///< packets dropped for an old or repeated number; they stay counted as lost
+    uint32_t discarded;  ///< frames given up: past max_frame, out of memory, or JPEG of an unknown type
+    uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
+    uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
+
+    /// What the counters need from packet to packet; not for the owner.
+    struct count_t {
+        uint64_t jitter;   ///< in sixteenths of a tick
+        uint32_t transit;  ///< arrival less timestamp of the last packet, in ticks
+        uint16_t highest;  ///< sequence number
+        uint16_t last;     ///< number of the last packet taken
+        bool timed;        ///< `transit` is known
+        bool skipping;     ///< up to the end of a frame that was given up
+    } count;
 };
 
 class Rtp;
+struct jpeg_header_t;
 
 /// Takes what an Rtp has ready. The data is consumed before the call returns: the packet is overwritten by the next
-/// one. From inside, the object may be read and set_packet_room() called; not close(), destroy() or pack().
+/// one, and `frame` is emptied. From inside, the object may be read and set_packet_room() called; not close(),
+/// destroy(), pack() or unpack_rtp() and their kind.
 class INET_API IRtp {
 public:
     virtual void on_rtp_event(Rtp* rtp, event_t::enum_t event) noexcept = 0;
@@ -144,9 +188,32 @@ public:
     /// Sends one sender report (RFC 3550, 6.4.1; 28 bytes, no report block) on the track's current time: event 2.
     void pack_rtcp_sr(trak_t* trak) noexcept;
 
+    /// Takes one received RTP packet for the track of its payload type; its SSRC becomes the track's. Data that is
+    /// complete is handed over (event 3), then a receiver report (event 2) when the track's media time has come to
+    /// next_rtcp, which it has at the first packet. Dropped: what is no RTP of version 2, a payload type without a
+    /// track, a number older than the last (behind 65000 one up to 100 is newer) or equal to it. A gap in the numbers
+    /// empties `frame` and `fua`. A header extension counts as payload; "JPEG" reads it.
+    void unpack_rtp(buffer_t packet) noexcept;
+
+    /// Takes one received RTCP packet of any type: the first of a compound. When its SSRC is that of a track, the NTP
+    /// time at the place of a sender report is kept for the receiver report that is sent at once (event 2).
+    void unpack_rtc(buffer_t packet) noexcept;
+
+    /// When the next packets arrived, in microseconds of any steady clock such as core_timer(): for the jitter alone.
+    /// One value serves all packets of one read. 0 (the start) for not known.
+    void set_arrival(uint64_t us) noexcept { arrival_ = us; }
+
+    /// Hands over the current track's `frame` (event 3) when it is not empty, then empties it.
+    void call_frame() noexcept;
+
+    /// Sends one receiver report (RFC 3550, 6.4.2; 32 bytes, one block of fixed content but for SSRC, sequence number
+    /// and LSR): event 2.
+    void pack_rtcp_rr(trak_t* trak) noexcept;
+
 private:
     bool begin(uint32_t fcc, uint64_t time) noexcept;
-    void report_if_due() noexcept;
+    bool report_due() noexcept;
+    trak_t* get_trak_ssrc(uint32_t ssrc) const noexcept;
     void log_frame(uint16_t first_seq) noexcept;
     void log_unknown(const char* what) noexcept;
 
@@ -163,8 +230,26 @@ private:
     void pack_univ(std::span<const uint8_t> bytes) noexcept;
     void pack_pieces(std::span<const uint8_t> bytes, bool mark_every) noexcept;
 
+    bool take_sequence(uint16_t seq) noexcept;
+    void take_timestamp(uint32_t timestamp) noexcept;
+    void count_packet(uint16_t seq, uint32_t timestamp) noexcept;
+    void count_jitter(uint32_t timestamp) noexcept;
+    void dispatch(std::span<const uint8_t> payload, bool extension) noexcept;
+    bool append(buf_t& to, std::span<const uint8_t> bytes) noexcept;
+    void discard_frame() noexcept;
+    void unpack_h264(std::span<const uint8_t> payload) noexcept;
+    void unpack_h264fua(std::span<const uint8_t> payload) noexcept;
+    void unpack_jpeg(std::span<const uint8_t> payload) noexcept;
+    bool take_jpeg_tables(std::span<const uint8_t>& scan, std::span<const uint8_t>& tables) noexcept;
+    void unpack_jpeg_large(std::span<const uint8_t> payload) noexcept;
+    bool begin_jpeg(const jpeg_header_t& header, std::span<const uint8_t>& scan) noexcept;
+    void unpack_pcmu(std::span<const uint8_t> payload) noexcept;
+    void unpack_univ(std::span<const uint8_t> payload) noexcept;
+    void unpack_mp4a(std::span<const uint8_t> payload) noexcept;
+
     const char* file_;
     int line_;
+    uint64_t arrival_ = 0;
     report_clock_t report_clock_ = report_clock_t::ntp;
     uint8_t own_room_[packet_size];
 };

@@ -10,6 +10,7 @@
 namespace {
 
 using bytes_t = std::span<const uint8_t>;
+using rtp::get16;
 
 constexpr uint8_t jpeg_pt = 26;
 constexpr uint32_t max_side = 2040;  // 255 blocks of 8
@@ -40,8 +41,6 @@ struct picture_t {
     uint16_t restart = 0;
     const char* complaint = nullptr;  // why scanning stopped before the scan data
 };
-
-uint32_t get16(bytes_t bytes, size_t at) noexcept { return uint32_t{bytes[at]} << 8 | bytes[at + 1]; }
 
 // RST, SOI and EOI stand alone; what is below SOF0 is stuffing or reserved.
 bool has_segment(uint8_t marker) noexcept {
@@ -106,9 +105,7 @@ picture_t read_picture(bytes_t jpeg) noexcept {
     while (const auto segment = next_segment(rest)) {
         if (segment->marker == dqt) read_dqt(picture, segment->body);
         if (segment->marker == sof0) read_sof0(picture, segment->body);
-        if (segment->marker == dri && segment->body.size() >= 2) {
-            picture.restart = static_cast<uint16_t>(get16(segment->body, 0));
-        }
+        if (segment->marker == dri && segment->body.size() >= 2) picture.restart = get16(segment->body, 0);
         if (segment->marker == sos) picture.scan = rest;
         if (segment->marker == sos || picture.complaint) break;
     }

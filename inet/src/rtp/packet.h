@@ -5,10 +5,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 namespace rtp {
 
 inline constexpr uint8_t marker = 0x80;
+inline constexpr uint8_t version_mask = 0xC0;
+inline constexpr uint8_t version_2 = 0x80;
 inline constexpr uint32_t header_size = 12;
 inline constexpr uint32_t max_piece = packet_size - header_size;
 // Room for the two FU-A bytes is kept for every NAL unit, so that one limit serves whole and cut ones.
@@ -22,6 +25,15 @@ inline uint8_t* put16(uint8_t* out, uint32_t value) noexcept {
 }
 
 inline uint8_t* put32(uint8_t* out, uint32_t value) noexcept { return put16(put16(out, value >> 16), value); }
+
+// Big-endian readers; the bytes are there.
+inline uint16_t get16(std::span<const uint8_t> bytes, size_t at) noexcept {
+    return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
+}
+
+inline uint32_t get32(std::span<const uint8_t> bytes, size_t at) noexcept {
+    return uint32_t{get16(bytes, at)} << 16 | get16(bytes, at + 2);
+}
 
 // Ticks of a clock of `rate` Hz in `seconds` + `part` / `parts` seconds, truncated, modulo 2^32. `part` is below
 // `parts` and that at most 2^32. Exact for whole rates; a rate outside 0 up to 2^32 counts as 0.

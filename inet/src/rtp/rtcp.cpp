@@ -3,20 +3,25 @@
 
 #include "core/time.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr uint64_t report_interval = 2000000;
 constexpr uint8_t rtcp_sr = 200;
+constexpr uint8_t rtcp_rr = 201;
 constexpr uint32_t sr_words = 7;  // RFC 3550, 6.4.1, without report blocks
+constexpr uint32_t rr_words = 8;  // 6.4.2, with one
 
 }  // namespace
 
 namespace rtp {
 
-void Rtp::report_if_due() noexcept {
-    if (current->time < current->next_rtcp) return;
-    pack_rtcp_sr(current);
+// Whether the current track's media time has come to its next report; then the one after it is set.
+bool Rtp::report_due() noexcept {
+    if (current->time < current->next_rtcp) return false;
     current->next_rtcp = current->time + report_interval;
+    return true;
 }
 
 void Rtp::pack_rtcp_sr(trak_t* trak) noexcept {
@@ -46,6 +51,39 @@ void Rtp::pack_rtcp_sr(trak_t* trak) noexcept {
     time_format(trak->time, "%Y-%m-%d %H:%M:%S.%s", time, sizeof time);
     core_log_print(log, "%u: send rtcp sr %u: %s %u.%u rtp:%u count:%u bytes:%u", static_cast<unsigned>(id), trak->ssrc,
                    time, ntp_seconds, ntp_fraction, rtp_time, trak->packets, trak->octets);
+}
+
+void Rtp::pack_rtcp_rr(trak_t* trak) noexcept {
+    if (!trak) return;
+    current = trak;
+    uint8_t* out = packet.data;
+    *out++ = version_2 | 1;
+    *out++ = rtcp_rr;
+    out = put16(out, rr_words - 1);
+    out = put32(out, 0);  // our own SSRC: there is none, as nothing is sent
+    out = put32(out, trak->ssrc);
+    out = put32(out, 0x00FFFFFF);  // fraction lost 0 and a cumulative loss of -1: servers slow down on a reported loss
+    out = put32(out, trak->seq);
+    out = put32(out, 0);
+    out = put32(out, trak->lsr_sec << 16 | trak->lsr_frac >> 16);
+    put32(out, 1);
+    hand_over(event_t::rtcp, 4 * rr_words);
+    core_log_print(log, "%d: send rtcp rr %u: seq: %hu lsr:%u.%u", id, trak->ssrc, trak->seq, trak->lsr_sec,
+                   trak->lsr_frac);
+}
+
+void Rtp::unpack_rtc(buffer_t received) noexcept {
+    const std::span<const uint8_t> bytes(received.data, received.data ? received.size : 0);
+    if (bytes.size() < 4 || (bytes[0] & version_mask) != version_2) return;
+    const size_t words = std::min<size_t>(get16(bytes, 2), bytes.size() / 4 - 1);
+    if (words <= 1) return;
+    trak_t* const trak = get_trak_ssrc(get32(bytes, 4));
+    if (!trak) return;
+    if (words > 3) {
+        trak->lsr_sec = get32(bytes, 8);
+        trak->lsr_frac = get32(bytes, 12);
+    }
+    pack_rtcp_rr(trak);
 }
 
 }  // namespace rtp

@@ -1,0 +1,188 @@
+// Receiving RTP (RFC 3550): headers, order, time and counters; the formats have rooms of their own.
+#include "rtp/packet.h"
+
+#include "avc/fcc.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+namespace {
+
+using bytes_t = std::span<const uint8_t>;
+
+constexpr uint8_t padding_bit = 0x20;
+constexpr uint8_t extension_bit = 0x10;
+
+// Numbers from here on may be followed by small ones: the count has wrapped.
+constexpr uint16_t wrap_from = 65000;
+constexpr uint16_t wrap_to = 100;
+// A wider step of the numbers is another start of the sender, no loss and no disorder (RFC 3550, A.1).
+constexpr int max_dropout = 3000;
+constexpr int max_misorder = 100;
+
+constexpr uint32_t smallest_room = 2048;
+
+struct packet_t {
+    bool extension;
+    bool marked;
+    uint8_t pt;
+    uint16_t seq;
+    uint32_t timestamp;
+    uint32_t ssrc;
+    bytes_t payload;
+};
+
+// RFC 3550, 5.1. An extension stays in front of the payload.
+std::optional<packet_t> read_packet(bytes_t bytes) noexcept {
+    if (bytes.size() < rtp::header_size || (bytes[0] & rtp::version_mask) != rtp::version_2) return std::nullopt;
+    const size_t start = rtp::header_size + 4 * size_t{bytes[0] & 0x0FU};
+    const size_t padding = bytes[0] & padding_bit ? bytes.back() : 0;
+    if (start + padding > bytes.size()) return std::nullopt;
+    return packet_t{
+        .extension = (bytes[0] & extension_bit) != 0,
+        .marked = (bytes[1] & rtp::marker) != 0,
+        .pt = static_cast<uint8_t>(bytes[1] & ~rtp::marker),
+        .seq = rtp::get16(bytes, 2),
+        .timestamp = rtp::get32(bytes, 4),
+        .ssrc = rtp::get32(bytes, 8),
+        .payload = bytes.subspan(start, bytes.size() - start - padding),
+    };
+}
+
+}  // namespace
+
+namespace rtp {
+
+void Rtp::unpack_rtp(buffer_t received) noexcept {
+    const auto in = read_packet({received.data, received.data ? received.size : 0});
+    if (!in) return;
+    core_log_print(log, "%u: %u: unpack rtp size:%u, seq: %hu", static_cast<unsigned>(id), in->ssrc, received.size,
+                   in->seq);
+    trak_t* const trak = get_trak_pt(in->pt);
+    if (!trak) return;
+    current = trak;
+    trak->ssrc = in->ssrc;
+    if (!take_sequence(in->seq)) return;
+    count_packet(in->seq, in->timestamp);
+    take_timestamp(in->timestamp);
+    trak->seq = in->seq;
+    trak->marker = in->marked;
+    dispatch(in->payload, in->extension);
+    if (report_due()) pack_rtcp_rr(trak);
+}
+
+// False for a packet that comes too late or again. What a gap tore is dropped.
+bool Rtp::take_sequence(uint16_t seq) noexcept {
+    trak_t& trak = *current;
+    // A number that the owner has set is the one expected, not one that came.
+    const bool came = trak.received > 0 && trak.count.last == trak.seq;
+    if (trak.seq == 0 && !came) trak.seq = seq;
+    const bool older = trak.seq > seq && (trak.seq < wrap_from || seq > wrap_to);
+    if (older || (came && trak.seq == seq)) {
+        ++trak.late;
+        core_log_print(log, "%u: %u: dropping old packet received too late seq:%hu", static_cast<unsigned>(id),
+                       trak.ssrc, seq);
+        return false;
+    }
+    if (static_cast<uint16_t>(seq - trak.seq) > 1) {
+        core_log_print(log, "%u: %u: pack missing, last:%u cur:%u", static_cast<unsigned>(id), trak.ssrc,
+                       uint32_t{trak.seq}, uint32_t{seq});
+        trak.frame.length = 0;
+        trak.fua.length = 0;
+    }
+    return true;
+}
+
+void Rtp::count_packet(uint16_t seq, uint32_t timestamp) noexcept {
+    trak_t& trak = *current;
+    const int step = trak.received > 0 ? static_cast<int16_t>(seq - trak.count.highest) : 1;
+    if (step > 0 && step <= max_dropout) trak.lost += static_cast<uint32_t>(step) - 1;
+    const bool belated = step < 0 && step >= -max_misorder;
+    if (belated && trak.lost > 0) --trak.lost;
+    if (!belated) trak.count.highest = seq;
+    trak.count.last = seq;
+    ++trak.received;
+    count_jitter(timestamp);
+}
+
+// RFC 3550, A.8.
+void Rtp::count_jitter(uint32_t timestamp) noexcept {
+    trak_t& trak = *current;
+    const bool timed = trak.count.timed;
+    trak.count.timed = arrival_ != 0;
+    if (arrival_ == 0) return;
+    constexpr uint64_t us_per_second = 1000000;
+    const uint32_t transit =
+        clock_ticks(arrival_ / us_per_second, arrival_ % us_per_second, us_per_second, trak.clock_rate) - timestamp;
+    const uint32_t change = transit - std::exchange(trak.count.transit, transit);
+    if (!timed) return;
+    const uint32_t distance = std::min(change, 0 - change);
+    trak.count.jitter += distance;
+    trak.count.jitter -= (trak.count.jitter - distance + 8) >> 4;
+    trak.jitter = static_cast<uint32_t>(trak.count.jitter >> 4);
+}
+
+// Another timestamp ends the frame and moves the track's time on.
+void Rtp::take_timestamp(uint32_t timestamp) noexcept {
+    trak_t& trak = *current;
+    if (timestamp == trak.rtp_time) return;
+    call_frame();
+    trak.count.skipping = false;
+    const uint32_t scaled = (timestamp - trak.rtp_time) * 1000;
+    if (trak.clock_rate >= 1) trak.time += static_cast<uint64_t>(scaled / trak.clock_rate) * 1000;
+    trak.rtp_time = timestamp;
+}
+
+void Rtp::dispatch(std::span<const uint8_t> payload, bool extension) noexcept {
+    switch (current->fcc) {
+        case av::fcc_h264:
+            return unpack_h264(payload);
+        case av::fcc_jpeg:
+            return extension ? unpack_jpeg_large(payload) : unpack_jpeg(payload);
+        case av::fcc_mp4a:
+            return unpack_mp4a(payload);
+        case av::fcc_pcmu:
+        case av::fcc_pcma:
+        case av::fcc_g726:
+            return unpack_pcmu(payload);
+        case av::fcc_meta:
+            return unpack_univ(payload);
+        default:
+            return;
+    }
+}
+
+void Rtp::call_frame() noexcept {
+    if (!current || current->frame.length == 0) return;
+    if (handler) handler->on_rtp_event(this, event_t::frame);
+    current->frame.length = 0;
+}
+
+// False when the frame was given up instead, for its size or for want of memory.
+bool Rtp::append(buf_t& to, std::span<const uint8_t> bytes) noexcept {
+    const auto size = static_cast<uint32_t>(bytes.size());
+    if (size > to.size - to.length) {
+        // Doubling, so that a long frame is not copied for every packet, but never past the bound.
+        const uint32_t room = std::min(max_frame, std::max({to.length + size, 2 * to.size, smallest_room}));
+        if (size > max_frame - to.length || !core_buf_resize(&to, room, file_, line_)) {
+            discard_frame();
+            return false;
+        }
+    }
+    if (size > 0) std::memcpy(to.data + to.length, bytes.data(), size);
+    to.length += size;
+    return true;
+}
+
+void Rtp::discard_frame() noexcept {
+    ++current->discarded;
+    core_log_print(log, "%u: %u: frame given up, bytes:%u", static_cast<unsigned>(id), current->ssrc,
+                   std::max(current->frame.length, current->fua.length));
+    current->frame.length = 0;
+    current->fua.length = 0;
+    current->count.skipping = true;
+}
+
+}  // namespace rtp
