@@ -20,6 +20,11 @@ constexpr uint32_t nonce_length = 46;
 
 }  // namespace
 
+trak_t::~trak_t() {
+    core_buf_free(&config);
+    core_buf_free(&parameter_sets);
+}
+
 const char* Enum::event_name(unsigned event) noexcept {
     static constexpr const char* names[] = {"open_client", "open_server", "rtsp_close", "rtsp_setup",  "rtsp_key",
                                             "rtsp_play",   "rtsp_pause",  "rtsp_stop",  "rtsp_error",  "rtsp_send",
