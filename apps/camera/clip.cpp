@@ -1,0 +1,221 @@
+#include "clip.h"
+
+#include "mulaw.h"
+
+#include "avc/fcc.h"
+#include "common/h264.h"
+#include "core/file.h"
+#include "core/memory.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <numeric>
+#include <span>
+#include <stdexcept>
+#include <string_view>
+
+namespace camera {
+namespace {
+
+constexpr size_t largest_file = 512u << 20;
+constexpr pace still_pictures{5, 1};
+constexpr pace detector_reports{5, 1};
+constexpr uint32_t audio_rate = 8000;
+constexpr size_t audio_block = 160;  // 20 ms, what telephones and cameras send
+
+struct mfree {
+    void operator()(uint8_t* block) const { core_mfree(block); }
+};
+
+/// A whole file in memory.
+class file_bytes {
+public:
+    explicit file_bytes(const std::string& path)
+        : data_(core_file_load(path.c_str(), largest_file, &size_, CORE_HERE)) {
+        if (!data_) throw std::runtime_error("cannot read " + path);
+    }
+    std::span<const uint8_t> bytes() const { return {data_.get(), size_}; }
+    std::string_view text() const { return {reinterpret_cast<const char*>(data_.get()), size_}; }
+
+private:
+    size_t size_ = 0;
+    std::unique_ptr<uint8_t, mfree> data_;
+};
+
+frame_ptr make_frame(uint32_t fcc, std::span<const uint8_t> bytes) {
+    frame_ptr frame(avc_frame_create(fcc, 0, bytes.data(), static_cast<uint32_t>(bytes.size()), CORE_HERE));
+    if (!frame) throw std::bad_alloc();
+    return frame;
+}
+
+/// Pictures a second by the timing information of the stream (two fields a picture), 25 without.
+pace video_pace(std::span<const uint8_t> stream) {
+    std::span<const uint8_t> sps;
+    std::span<const uint8_t> pps;
+    h264_info_t info{};
+    if (!h264_parse(stream, &sps, &pps, &info) || !info.num_units_in_tick || !info.time_scale) return {25, 1};
+    const uint64_t frames = info.time_scale;
+    const uint64_t seconds = 2ull * info.num_units_in_tick;
+    const uint64_t common = std::gcd(frames, seconds);
+    // Beyond 1 to 240 pictures a second the information is nonsense.
+    if (frames < seconds || frames > 240 * seconds) return {25, 1};
+    return {frames / common, seconds / common};
+}
+
+track load_video(const std::string& path) {
+    const file_bytes file(path);
+    std::vector<frame_ptr> pictures;
+    const uint8_t* start = nullptr;
+    bool has_slice = false;
+    const auto finish = [&](const uint8_t* end) {
+        if (has_slice) pictures.push_back(make_frame(av::fcc_h264, {start, end}));
+        has_slice = false;
+        start = nullptr;
+    };
+    std::span<const uint8_t> rest = file.bytes();
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
+        // Three bytes of start code stand before every NAL unit; a fourth belongs to the unit before as a zero byte.
+        const uint8_t* begin = nal.data() - 3;
+        if (has_slice && h264_starts_access_unit(nal)) finish(begin);
+        if (!start) start = begin;
+        const uint8_t type = h264_nal_type(nal);
+        has_slice |= type == h264_slice || type == h264_slice_idr;
+    }
+    finish(file.bytes().data() + file.bytes().size());
+    if (pictures.empty() || !pictures.front()->key)
+        throw std::runtime_error(path + ": no H.264 stream that begins with a key picture");
+    const pace rate = video_pace(file.bytes());
+    return {std::move(pictures), rate};
+}
+
+uint32_t little_endian(std::span<const uint8_t> bytes, size_t at, size_t count) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < count; ++i)
+        value |= static_cast<uint32_t>(bytes[at + i]) << 8 * i;
+    return value;
+}
+
+/// Finds a chunk of a RIFF file; empty when it is not there. A chunk cut short by the end of the file is taken as it
+/// is.
+std::span<const uint8_t> riff_chunk(std::span<const uint8_t> file, std::string_view name) {
+    for (size_t at = 12; at + 8 <= file.size();) {
+        const size_t size = little_endian(file, at + 4, 4);
+        const auto body = file.subspan(at + 8);
+        if (std::memcmp(&file[at], name.data(), 4) == 0) return body.first(std::min(size, body.size()));
+        at += 8 + size + size % 2;
+    }
+    return {};
+}
+
+/// Samples of a wave file as µ-law.
+std::vector<uint8_t> wave_samples(const std::string& path) {
+    const file_bytes file(path);
+    const auto bytes = file.bytes();
+    if (!file.text().starts_with("RIFF")) throw std::runtime_error(path + ": no wave file");
+    const auto format = riff_chunk(bytes, "fmt ");
+    const auto data = riff_chunk(bytes, "data");
+    constexpr uint32_t pcm = 1;
+    constexpr uint32_t mulaw = 7;
+    if (format.size() < 16 || little_endian(format, 2, 2) != 1 || little_endian(format, 4, 4) != audio_rate) {
+        throw std::runtime_error(path + ": wants one channel at 8000 Hz");
+    }
+    const uint32_t coding = little_endian(format, 0, 2);
+    const uint32_t bits = little_endian(format, 14, 2);
+    if (coding == mulaw && bits == 8) return {data.begin(), data.end()};
+    if (coding != pcm || bits != 16) throw std::runtime_error(path + ": wants \xC2\xB5-law or 16-bit PCM");
+    std::vector<uint8_t> samples(data.size() / 2);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = mulaw_encode(static_cast<int16_t>(little_endian(data, 2 * i, 2)));
+    }
+    return samples;
+}
+
+track load_audio(const std::string& path) {
+    const std::vector<uint8_t> samples = wave_samples(path);
+    if (samples.size() < audio_block) throw std::runtime_error(path + ": shorter than 20 ms");
+    // Whole blocks only: what is left of the last one, less than 20 ms, is not played.
+    std::vector<frame_ptr> blocks;
+    for (size_t at = 0; at + audio_block <= samples.size(); at += audio_block) {
+        blocks.push_back(make_frame(av::fcc_pcmu, std::span(samples).subspan(at, audio_block)));
+    }
+    return {std::move(blocks), {audio_rate / audio_block, 1}};
+}
+
+track load_pictures(const std::vector<std::string>& paths) {
+    std::vector<frame_ptr> pictures;
+    for (const std::string& path : paths) {
+        const file_bytes file(path);
+        pictures.push_back(make_frame(av::fcc_jpeg, file.bytes()));
+        if (!pictures.back()->width) throw std::runtime_error(path + ": no JPEG picture");
+    }
+    return {std::move(pictures), still_pictures};
+}
+
+track load_reports(const std::string& path) {
+    const file_bytes file(path);
+    std::vector<frame_ptr> reports;
+    std::string_view rest = file.text();
+    while (!rest.empty()) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        if (line.find_first_not_of(" \t\r") == std::string_view::npos) continue;
+        reports.push_back(make_frame(av::fcc_meta, {reinterpret_cast<const uint8_t*>(line.data()), line.size()}));
+    }
+    if (reports.empty()) throw std::runtime_error(path + ": no report");
+    return {std::move(reports), detector_reports};
+}
+
+/// Where the bundled clip lies: beside the installed program, or in the tree the program was built from.
+std::string bundled_directory() {
+    const std::unique_ptr<char, decltype(&core_mfree)> program(lib_path(CORE_HERE), &core_mfree);
+    const std::filesystem::path installed =
+        std::filesystem::path(program ? program.get() : ".") / INET_CLIP_INSTALL_DIR;
+    std::error_code ignored;
+    return std::filesystem::exists(installed, ignored) ? installed.string() : INET_CLIP_BUILD_DIR;
+}
+
+options with_bundled_files(options wanted) {
+    const std::string directory = bundled_directory();
+    wanted.video = directory + "/clip.h264";
+    wanted.audio = directory + "/clip.wav";
+    wanted.analytics = directory + "/clip.json";
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
+        if (entry.path().extension() == ".jpg") wanted.jpeg.push_back(entry.path().string());
+    }
+    std::sort(wanted.jpeg.begin(), wanted.jpeg.end());
+    return wanted;
+}
+
+clip load(options wanted) {
+    if (wanted.video.empty() && wanted.audio.empty() && wanted.jpeg.empty() && wanted.analytics.empty()) {
+        wanted = with_bundled_files(std::move(wanted));
+    }
+    clip result;
+    channel live{"live", {}};
+    if (!wanted.video.empty()) live.tracks.push_back(load_video(wanted.video));
+    if (!wanted.audio.empty()) live.tracks.push_back(load_audio(wanted.audio));
+    if (!wanted.analytics.empty()) live.tracks.push_back(load_reports(wanted.analytics));
+    if (!live.tracks.empty()) result.channels.push_back(std::move(live));
+    if (!wanted.jpeg.empty()) {
+        channel jpeg{"jpeg", {}};
+        jpeg.tracks.push_back(load_pictures(wanted.jpeg));
+        result.channels.push_back(std::move(jpeg));
+    }
+    return result;
+}
+
+}  // namespace
+
+std::optional<clip> load_clip(const options& wanted, std::string& error) {
+    try {
+        return load(wanted);
+    } catch (const std::exception& reason) {
+        error = reason.what();
+        return std::nullopt;
+    }
+}
+
+}  // namespace camera

@@ -1,0 +1,31 @@
+// What the command line of inet-camera says.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace camera {
+
+struct options {
+    std::string video;
+    std::string audio;
+    std::vector<std::string> jpeg;
+    std::string analytics;
+    std::string bind = "127.0.0.1";
+    uint16_t rtsp_port = 8554;
+    std::string user;
+    std::string password;
+    unsigned threads = 1;
+    std::string log;
+    bool help = false;
+};
+
+/// The options; on a mistake nothing, with the reason in `error`.
+std::optional<options> parse_options(int argc, const char* const* argv, std::string& error);
+
+/// The text of --help.
+std::string usage();
+
+}  // namespace camera

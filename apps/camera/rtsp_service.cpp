@@ -1,0 +1,118 @@
+#include "rtsp_service.h"
+
+#include "core/time.h"
+#include "inet/net_socket.h"
+
+#include <algorithm>
+#include <limits>
+#include <numeric>
+
+namespace camera {
+
+bool rtsp_service::start(std::string& error) {
+    base_ = time_now();
+    for (unsigned i = 0; i < settings_.threads; ++i) {
+        workers_.push_back(std::make_unique<worker>(clip_, settings_, base_));
+        workers_.back()->start();
+        if (!workers_.back()->nt) {
+            error = "cannot start a network thread";
+            return false;
+        }
+        net::net_nt_set_name(workers_.back()->nt, "viewers-%u", i);
+    }
+    if (!listen(error)) return false;
+    clock_ = core_thread_start(this, &rtsp_service::keep_time, nullptr, CORE_HERE);
+    if (!clock_) error = "cannot start a thread";
+    return clock_ != nullptr;
+}
+
+bool rtsp_service::listen(std::string& error) {
+    listener_ = net_socket_create(AF_INET, SOCK_STREAM, IPPROTO_TCP, CORE_HERE);
+    const bool listening =
+        listener_ >= 0 && net_tcp_listen(listener_, settings_.bind.c_str(), settings_.rtsp_port) == 0;
+    port_ = listening ? net_socket_get_near_port(listener_) : 0;
+    // A taken port shows only here: the system then listens on another.
+    if (!port_ || (settings_.rtsp_port && port_ != settings_.rtsp_port)) {
+        error = "cannot listen on " + settings_.bind + ":" + std::to_string(settings_.rtsp_port);
+        return false;
+    }
+    net::net_nt_socket_add(workers_.front()->nt, accepting_, listener_, net::nt_flag_listening, this,
+                           &rtsp_service::on_accept);
+    if (!accepting_) error = "out of memory";
+    return accepting_ != nullptr;
+}
+
+void rtsp_service::stop() {
+    core_thread_stop(clock_);
+    if (!workers_.empty()) net::net_nt_socket_rem(workers_.front()->nt, accepting_);
+    if (listener_ >= 0) net_socket_close(listener_);
+    listener_ = -1;
+    workers_.clear();
+}
+
+void rtsp_service::on_accept(void* arg, uint32_t) {
+    auto* self = static_cast<rtsp_service*>(arg);
+    sockaddr_in peer{};
+    const int fd = net_socket_accept(self->listener_, &peer, CORE_HERE);
+    if (fd < 0) return;
+    const auto least = std::min_element(self->workers_.begin(), self->workers_.end(),
+                                        [](const auto& a, const auto& b) { return a->load() < b->load(); });
+    if ((*least)->load() >= worker::most_viewers) {
+        net_socket_close(fd);
+        return;
+    }
+    (*least)->take(fd, peer);
+}
+
+void rtsp_service::keep_time(void* arg, thread_ctx* thread) {
+    auto* self = static_cast<rtsp_service*>(arg);
+    size_t tracks = 0;
+    for (const channel& each : self->clip_.channels)
+        tracks += each.tracks.size();
+    std::vector<uint64_t> numbers(tracks, 0);
+    while (!core_thread_iscancel(thread)) {
+        const uint64_t now = time_now();
+        const uint64_t due = self->next_due(numbers, now);
+        if (due > now) {
+            core_thread_sleep(thread, static_cast<uint32_t>((due - now) / 1000 + 1));
+            continue;
+        }
+        for (const auto& each : self->workers_) {
+            if (each->load()) each->tick();
+        }
+    }
+}
+
+/// The time of the frame that is played next; `now` once for each time that has come. `numbers` holds the number of the
+/// next frame of every track.
+uint64_t rtsp_service::next_due(std::vector<uint64_t>& numbers, uint64_t now) const {
+    uint64_t due = std::numeric_limits<uint64_t>::max();
+    bool come = false;
+    size_t i = 0;
+    for (const channel& each : clip_.channels) {
+        for (const track& played : each.tracks) {
+            uint64_t& number = numbers[i++];
+            for (; base_ + played.time(number) <= now; ++number)
+                come = true;
+            due = std::min(due, base_ + played.time(number));
+        }
+    }
+    return come ? now : due;
+}
+
+unsigned rtsp_service::viewers() const {
+    return std::accumulate(workers_.begin(), workers_.end(), 0u,
+                           [](unsigned sum, const auto& each) { return sum + each->count().viewers; });
+}
+
+uint64_t rtsp_service::bytes_sent() const {
+    return std::accumulate(workers_.begin(), workers_.end(), uint64_t{0},
+                           [](uint64_t sum, const auto& each) { return sum + each->count().bytes_sent; });
+}
+
+uint64_t rtsp_service::pictures_dropped() const {
+    return std::accumulate(workers_.begin(), workers_.end(), uint64_t{0},
+                           [](uint64_t sum, const auto& each) { return sum + each->count().pictures_dropped; });
+}
+
+}  // namespace camera

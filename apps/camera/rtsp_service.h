@@ -1,0 +1,52 @@
+// The camera on the network: listens, spreads the viewers over network threads and keeps time.
+#pragma once
+
+#include "clip.h"
+#include "options.h"
+#include "worker.h"
+
+#include "core/thread.h"
+#include "inet/net_thread.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace camera {
+
+class rtsp_service {
+public:
+    /// Both live longer than the service.
+    rtsp_service(const clip& played, const options& settings) : clip_(played), settings_(settings) {}
+    ~rtsp_service() { stop(); }
+    rtsp_service(const rtsp_service&) = delete;
+    rtsp_service& operator=(const rtsp_service&) = delete;
+
+    /// @return false when it cannot listen, with the reason in `error`.
+    bool start(std::string& error);
+    void stop();
+
+    /// The port that is listened on.
+    uint16_t port() const { return port_; }
+    unsigned viewers() const;
+    uint64_t bytes_sent() const;
+    uint64_t pictures_dropped() const;
+
+private:
+    static void on_accept(void* arg, uint32_t events);
+    static void keep_time(void* arg, thread_ctx* thread);
+    bool listen(std::string& error);
+    uint64_t next_due(std::vector<uint64_t>& numbers, uint64_t now) const;
+
+    const clip& clip_;
+    const options& settings_;
+    uint64_t base_ = 0;
+    int listener_ = -1;
+    uint16_t port_ = 0;
+    net::socket_ctx* accepting_ = nullptr;
+    std::vector<std::unique_ptr<worker>> workers_;
+    thread_ctx* clock_ = nullptr;
+};
+
+}  // namespace camera

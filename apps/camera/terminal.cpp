@@ -1,0 +1,27 @@
+#include "terminal.h"
+
+#include "core/log.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace camera {
+
+status_line::status_line() : terminal_(core_con_is_terminal(1) != 0) {}
+
+status_line::~status_line() {
+    if (shown_) std::fputs("\n", stdout);
+}
+
+void status_line::show(const char* format, ...) {
+    if (!terminal_) return;
+    shown_ = true;
+    va_list args;
+    va_start(args, format);
+    std::fputs("\r\x1b[K", stdout);
+    std::vprintf(format, args);
+    std::fflush(stdout);
+    va_end(args);
+}
+
+}  // namespace camera

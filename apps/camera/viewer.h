@@ -1,0 +1,65 @@
+// One connection of a player and its RTSP session, on a network thread.
+#pragma once
+
+#include "clip.h"
+
+#include "avc/frame.h"
+#include "core/buf.h"
+#include "inet/net_thread.h"
+#include "inet/rtsp_protocol.h"
+#include "inet/sockaddr.h"
+
+#include <cstdint>
+
+namespace camera {
+
+class worker;
+
+/// Lives from the accepted connection until the worker deletes it, which it does once `finished()`. All on the worker's
+/// thread.
+class viewer final : public rtsp3::IRtsp {
+public:
+    /// Takes over the descriptor.
+    viewer(worker& owner, int fd, const sockaddr_in& peer);
+    ~viewer();
+    viewer(const viewer&) = delete;
+    viewer& operator=(const viewer&) = delete;
+
+    /// The session could be made and the connection is open.
+    bool finished() const { return finished_; }
+
+    /// The channel that is being watched; null before PLAY and after PAUSE or TEARDOWN.
+    const channel* watching() const { return rtsp_ && rtsp_->playing() ? channel_ : nullptr; }
+
+    /// Sends one frame of the channel, or leaves it out when the player does not keep up: whole pictures only, up to
+    /// the next key picture.
+    void send(const av::frame_t& frame);
+
+    /// Gives what waits to the system, as much as it takes.
+    void flush();
+
+private:
+    static void on_socket(void* arg, uint32_t events);
+    void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override;
+
+    void receive();
+    void describe();
+    void set_up();
+    void play();
+    void send_datagram(bool report);
+    void watch_writability(bool wanted);
+
+    worker& owner_;
+    int fd_;
+    sockaddr_in peer_;
+    rtsp3::Rtsp* rtsp_ = nullptr;
+    net::socket_ctx* socket_ = nullptr;
+    buf_t received_;
+    const channel* channel_ = nullptr;
+    uint64_t start_time_ = 0;  ///< frames before it are not sent: all tracks begin together, with a key picture
+    bool wait_for_key_ = false;
+    bool writing_ = false;
+    bool finished_ = false;
+};
+
+}  // namespace camera
