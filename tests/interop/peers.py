@@ -1,0 +1,93 @@
+"""The programs that the interop tests start, and what is compared between them."""
+import os
+import re
+import signal
+import subprocess
+import sys
+import threading
+
+CAMERA = os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera")
+CLIP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "apps", "camera", "clip")
+CLIP_SECONDS = 8.0
+
+
+class Camera:
+    """inet-camera on a free port; ends by Ctrl-C and must then have exited cleanly with nothing held."""
+
+    def __init__(self, *arguments):
+        self.process = subprocess.Popen([CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True)
+        self.errors = []
+        self.reader = threading.Thread(target=lambda: self.errors.extend(self.process.stderr))
+        self.reader.start()
+        self.urls = {}
+        for line in self.process.stdout:
+            found = re.search(r"rtsp://\S+/(\w+)", line)
+            if found:
+                self.urls[found.group(1)] = found.group(0)
+            if line.startswith("ready"):
+                break
+
+    def __enter__(self):
+        return self
+
+    def url(self, path, user=None):
+        """Address of a channel, with "name:password" in it when `user` is given."""
+        return self.urls[path].replace("rtsp://", f"rtsp://{user}@") if user else self.urls[path]
+
+    def __exit__(self, kind, value, trace):
+        self.process.send_signal(signal.SIGINT)
+        try:
+            status = self.process.wait(timeout=15)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            status = "killed: did not end by Ctrl-C"
+        self.reader.join()
+        self.process.stdout.close()
+        self.process.stderr.close()
+        if kind is None and (status != 0 or self.errors):
+            raise AssertionError(f"camera ended with {status}: {''.join(self.errors)}")
+
+
+class Failed(Exception):
+    """A program ended with an error; its messages are the text."""
+
+
+def run(program, *arguments, timeout=60):
+    """Runs a program to its end: what it printed, as bytes. Any message on its error stream is a failure."""
+    done = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout)
+    if done.returncode or done.stderr:
+        raise Failed(f"{program} ended with {done.returncode}: {done.stderr.decode(errors='replace')}")
+    return done.stdout
+
+
+def ffmpeg(*arguments, timeout=60):
+    return run("ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-xerror", *arguments, timeout=timeout)
+
+
+def picture_hashes(*source):
+    """Hashes of the decoded pictures of an ffmpeg input, none repeated or left out."""
+    table = ffmpeg(*source, "-map", "0:v", "-fps_mode", "passthrough", "-f", "framehash", "-hash", "md5", "-")
+    return [line.split(",")[-1].strip() for line in table.decode().splitlines() if not line.startswith("#")]
+
+
+def clip_file(name):
+    return os.path.join(CLIP, name)
+
+
+def clip_sound():
+    """The samples of the bundled clip, µ-law."""
+    return ffmpeg("-i", clip_file("clip.wav"), "-c", "copy", "-f", "mulaw", "-")
+
+
+def position_in_loop(run_of, loop):
+    """Where a run of items begins in an endlessly repeated list; None when it does not occur."""
+    for start in range(len(loop)):
+        if all(item == loop[(start + i) % len(loop)] for i, item in enumerate(run_of)):
+            return start
+    return None
+
+
+if __name__ == "__main__":
+    sys.exit("the tests are in *_test.py")
