@@ -19,11 +19,14 @@ endif()
 
 find_package(Threads REQUIRED)
 
+# Generators may name sources from the build folder.
+file(RELATIVE_PATH source_from_binary ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR}/)
+
 # Options of our own targets; what embeds the tree with add_subdirectory keeps its own.
 add_library(inet_compile_options INTERFACE)
 target_compile_options(inet_compile_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-    # Allocations are named after __FILE__: the path within the tree, wherever it is checked out.
-    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+    # Allocations are named after __FILE__: the path within the tree, wherever it is checked out and built.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -fmacro-prefix-map=${source_from_binary}=)
 if(INET_WERROR)
     target_compile_options(inet_compile_options INTERFACE -Werror)
 endif()

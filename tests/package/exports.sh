@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# The shared library exports what the public headers mark INET_API, all of it, and nothing else.
+#   exports.sh SOURCE-DIR BUILD-DIR
+set -euo pipefail
+source_dir=$1 build_dir=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+# Names as exported: namespaces kept, arguments and the tags of vtables and type records cut off.
+nm -D --defined-only "$build_dir/libinet.so" | awk '$2 != "A" {print $3}' | c++filt |
+    sed -E 's/^(vtable|typeinfo|typeinfo name|VTT) for //; s/^non-virtual thunk to //; s/\(.*$//; s/\[abi:[^]]*\]//' |
+    sort -u >"$work/exported"
+
+# Names the headers declare: functions by their name before '(', classes by their name.
+find "$source_dir"/*/include -name '*.h' ! -name api.h -exec cat {} + | sed -E 's://.*$::' | tr '\n' ' ' >"$work/headers"
+grep -oE 'INET_API [^;{]*[;{]' "$work/headers" |
+    sed -nE 's/^INET_API .*(class|struct) +INET_API +//; s/^INET_API [^(]*[ *&]([A-Za-z_0-9]+)\(.*/\1/p' | sort -u >"$work/functions"
+grep -oE '(class|struct) INET_API [A-Za-z_0-9]+' "$work/headers" | awk '{print $3}' | sort -u >"$work/classes"
+
+failed=0
+while read -r name; do
+    if [[ $name == *::* ]]; then
+        scope=${name%::*}
+        # A member belongs to an exported class, a namespaced function stands in the list of functions.
+        if grep -qx "${scope##*::}" "$work/classes" || grep -qx "${name##*::}" "$work/classes"; then continue; fi
+    fi
+    grep -qx "${name##*::}" "$work/functions" || { echo "exported, but not in a public header: $name"; failed=1; }
+done <"$work/exported"
+
+sed 's/.*:://' "$work/exported" | sort -u >"$work/exported-plain"
+while read -r name; do
+    grep -qx "$name" "$work/exported-plain" || { echo "in a public header, but not exported: $name"; failed=1; }
+done <"$work/functions"
+
+echo "$(wc -l <"$work/exported") names exported, $(wc -l <"$work/functions") functions and $(wc -l <"$work/classes") classes declared"
+exit $failed
