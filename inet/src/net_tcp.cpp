@@ -9,17 +9,20 @@ namespace net {
 
 namespace {
 
+int open_spare() noexcept { return platform::open_socket(2, 1, 6); }
+
 // With no descriptor left a waiting connection could neither be taken nor be told, and would wake the loop without end:
 // the spare makes room to turn it away.
 void turn_away(tcp_ctx& t) noexcept {
     if (t.spare >= 0) platform::close_socket(t.spare);
     const int fd = platform::accept_socket(t.fd, nullptr);
     if (fd >= 0) platform::close_socket(fd);
-    t.spare = platform::open_socket(2, 1, 6);
+    t.spare = open_spare();
 }
 
 // The callback may close the record: nothing of it is touched afterwards.
 void accept_one(tcp_ctx& t) noexcept {
+    if (t.spare < 0) t.spare = open_spare();  // somebody else was quicker when it was last turned in
     const int fd = net_socket_accept(t.fd, &t.peer, CORE_HERE);
     if (fd < 0) {
         if (platform::last_error() == socket_error_too_many_open) turn_away(t);
@@ -48,7 +51,7 @@ int net_tcp_create(tcp_ctx*& t, nt_ctx* nt, const char* file, int line) noexcept
     }
     t->fd = fd;
     t->nt = nt;
-    t->spare = platform::open_socket(2, 1, 6);
+    t->spare = open_spare();
     return 0;
 }
 
