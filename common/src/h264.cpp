@@ -1,7 +1,6 @@
 #include "common/h264.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -9,18 +8,29 @@ using bytes = std::span<const uint8_t>;
 
 constexpr uint32_t max_dimension = 16384;
 constexpr size_t start_code_size = 3;
+constexpr size_t block_size = 128;  // bytes looked at together in the search for start codes
 
-/// Offset of the next 00 00 01, or the size of the stream. The search goes by the 01, which is rare in coded pictures,
-/// so that the C library's memchr() does the walking.
+/// Whether two zeros stand side by side, the second at most behind the block. No branch depends on the bytes, so that
+/// the loop becomes a few vector instructions: a search that stops at every likely byte of a start code costs more in
+/// mispredicted branches than in reading.
+bool has_zero_pair(const uint8_t* block) noexcept {
+    uint8_t least = 0xff;
+    for (size_t i = 0; i < block_size; ++i)
+        least = std::min<uint8_t>(least, block[i] | block[i + 1]);
+    return least == 0;
+}
+
+/// Offset of the next 00 00 01, or the size of the stream. Coded pictures hold two zeros in a row so rarely that nearly
+/// all of their blocks are passed over.
 size_t find_start_code(bytes stream) noexcept {
     const uint8_t* data = stream.data();
-    size_t at = start_code_size - 1;
-    while (at < stream.size()) {
-        const auto* one = static_cast<const uint8_t*>(std::memchr(data + at, 1, stream.size() - at));
-        if (!one) break;
-        if (one[-1] == 0 && one[-2] == 0) return static_cast<size_t>(one - data) - 2;
-        // No start code ends on the two bytes behind this one: it would have to be a zero.
-        at = static_cast<size_t>(one - data) + start_code_size;
+    for (size_t at = 0; at + start_code_size <= stream.size();) {
+        const size_t block = std::min(block_size, stream.size() - start_code_size + 1 - at);
+        const size_t end = at + block;
+        if (block == block_size && !has_zero_pair(data + at)) at = end;
+        for (; at < end; ++at) {
+            if (data[at] == 0 && data[at + 1] == 0 && data[at + 2] == 1) return at;
+        }
     }
     return stream.size();
 }

@@ -145,12 +145,16 @@ TEST(ByteStream, IsSplitAtStartCodes) {
 TEST(ByteStream, SplitsAsASearchByteByByteDoes) {
     std::mt19937 random(7);
     for (int round = 0; round < 2000; ++round) {
-        bytes stream(random() % 200);
+        // Start codes everywhere, or a few among bytes that are passed over in blocks.
+        const bool dense = round % 2;
+        const std::string_view code("\0\0\1", 3);
+        bytes stream(random() % (dense ? 200 : 700));
         for (uint8_t& byte : stream)
-            byte = static_cast<uint8_t>(random() % 4 == 0 ? random() : random() % 2);
+            byte = static_cast<uint8_t>(!dense || random() % 4 == 0 ? random() : random() % 2);
+        for (size_t codes = random() % 5; !dense && codes > 0 && stream.size() > code.size(); --codes)
+            std::ranges::copy(code, stream.begin() + static_cast<ptrdiff_t>(random() % (stream.size() - 2)));
         std::vector<bytes> want;
         const std::string_view text(reinterpret_cast<const char*>(stream.data()), stream.size());
-        const std::string_view code("\0\0\1", 3);
         for (size_t at = text.find(code); at != text.npos;) {
             const size_t next = text.find(code, at + 3);
             std::string_view nal = text.substr(at + 3, next == text.npos ? next : next - at - 3);
