@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr uint64_t us_per_second = 1000000;
-
 std::span<rtp::trak_t* const> as_span(rtp::trak_t* const* traks) noexcept {
     size_t count = 0;
     while (traks && traks[count])
@@ -156,7 +154,7 @@ bool Rtp::begin(uint32_t fcc, uint64_t time) noexcept {
     current = trak;
     if (!trak->active) return false;
     trak->time = time;
-    trak->rtp_time = clock_ticks(time / us_per_second, time % us_per_second, us_per_second, trak->clock_rate);
+    trak->rtp_time = timestamp(time, trak->clock_rate);
     return true;
 }
 

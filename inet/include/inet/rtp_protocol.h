@@ -52,6 +52,10 @@ INET_API uint64_t time_ntp_to_core(unsigned sec, unsigned frac) noexcept;
 
 namespace rtp {
 
+/// The RTP timestamp (RFC 3550, 5.1) of microseconds since 1970-01-01 on a clock of `clock_rate` Hz: truncated, modulo
+/// 2^32, exact for whole rates at any length of stream; 0 for a rate outside 0 up to 2^32. Any thread.
+INET_API uint32_t timestamp(uint64_t us, double clock_rate) noexcept;
+
 /// Bytes of the longest packet, headers included.
 inline constexpr uint32_t packet_size = 1400;
 
@@ -178,8 +182,7 @@ public:
 
     /// Sends a frame on the active track with exactly its fcc: its packets (event 0), then a sender report (event 2)
     /// when the track's media time has come to next_rtcp. Nothing is sent without such a track, for null, or for a
-    /// format that is not in the table above. The timestamp is the frame's time in track clocks, truncated, exact at
-    /// any length of stream.
+    /// format that is not in the table above. The timestamp is that of the frame's time.
     void pack(const av::frame_t* frame) noexcept;
 
     /// The same for a metadata record: "META" or "UNIV".

@@ -21,6 +21,10 @@ uint64_t time_ntp_to_core(unsigned sec, unsigned frac) noexcept {
     return uint64_t{sec - ntp_unix_offset} * us_per_second + (frac * us_per_second >> 32);
 }
 
+uint32_t rtp::timestamp(uint64_t us, double clock_rate) noexcept {
+    return clock_ticks(us / us_per_second, us % us_per_second, us_per_second, clock_rate);
+}
+
 uint32_t rtp::clock_ticks(uint64_t seconds, uint64_t part, uint64_t parts, double rate) noexcept {
     if (!(rate >= 0 && rate < 4294967296.0)) return 0;
     // A double holds no time of today in ticks without rounding at 1 GHz; the whole part of the rate is counted in

@@ -1,5 +1,4 @@
 // Answers requests (RFC 2326, 10).
-#include "rtp/packet.h"
 #include "rtsp/session.h"
 #include "rtsp/transport.h"
 
@@ -19,8 +18,6 @@ using net::http::header_s;
 namespace {
 
 constexpr uint32_t max_replies_waiting = 64 * 1024;
-
-constexpr uint64_t us_per_second = 1000000;
 
 std::atomic<uint32_t> next_session{0};
 
@@ -259,9 +256,7 @@ core::owned_text Rtsp::rtp_info(uint64_t time_us) const noexcept {
             info.reset(core_sprintf(file_, line_, "url=%s%s;seq=%hu", base, trak->media, trak->rtp->seq));
         } else {
             info.reset(core_sprintf(file_, line_, "%s,url=%s%s;seq=%hu;rtptime=%u", info.get(), base, trak->media,
-                                    trak->rtp->seq,
-                                    rtp::clock_ticks(time_us / us_per_second, time_us % us_per_second, us_per_second,
-                                                     trak->rtp->clock_rate)));
+                                    trak->rtp->seq, rtp::timestamp(time_us, trak->rtp->clock_rate)));
         }
         if (!info) return nullptr;
     }
