@@ -57,7 +57,7 @@ uint32_t core_buf_read(buf_t* buf, const void* src, uint32_t n) noexcept {
 }
 
 void core_buf_ignore(buf_t* buf, uint32_t n) noexcept {
-    if (!buf || !buf->data) return;
+    if (!buf || !buf->data || n == 0) return;
     const uint32_t dropped = std::min(n, buf->length);
     buf->length -= dropped;
     std::memmove(buf->data, buf->data + dropped, buf->length);
