@@ -179,6 +179,20 @@ TEST_F(RtspServer, ServesTheNextRequestWhateverAllocationFails) {
     }
 }
 
+TEST_F(RtspServer, ServesWhatWaitedForMemoryWhenItIsBack) {
+    rtsp_owner owner;
+    core_mem_set_fault([](size_t size, const char*, int) { return size == sizeof(net::http::header_s); });
+    const std::string request = "OPTIONS * RTSP/1.0\r\nPad: " + std::string(4000, 'x') + "\r\n\r\n";
+    for (int i = 0; i < 20; ++i)
+        owner.feed(request);
+    EXPECT_EQ(owner.sent, "");
+    EXPECT_GT(owner.received.length, 0U);  // not taken in without an end
+    core_mem_set_fault(nullptr);
+    owner.feed("");
+    EXPECT_EQ(owner.sends, 20U);
+    EXPECT_EQ(owner.received.length, 0U);
+}
+
 TEST_F(RtspServer, RefusesWhatItCannotServe) {
     const struct {
         const char* request;

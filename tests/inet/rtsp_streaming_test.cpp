@@ -2,17 +2,12 @@
 #include "rtsp_owner.h"
 #include "support/fault.h"
 
-#include "core/memory.h"
-
-#include <atomic>
 #include <gtest/gtest.h>
 
 namespace {
 
 using test::access_unit;
 using test::rtsp_owner;
-
-std::atomic<size_t> allocations{0};
 
 TEST(RtspStreaming, PutsAPictureIntoTheStreamByOneEvent) {
     rtsp_owner owner;
@@ -51,17 +46,12 @@ TEST(RtspStreaming, AllocatesNothingOnceItRuns) {
     owner.send(picture);
     owner.send(sound, av::fcc_pcmu);
     taken = 0;
-    allocations = 0;
-    core_mem_set_fault([](size_t, const char*, int) {
-        ++allocations;
-        return false;
-    });
+    const test::allocation_count allocations;
     for (int i = 0; i < 100; ++i) {
         EXPECT_EQ(owner.send(picture), 1);
         EXPECT_EQ(owner.send(sound, av::fcc_pcmu), 1);
     }
-    core_mem_set_fault(nullptr);
-    EXPECT_EQ(allocations, 0U);
+    EXPECT_EQ(allocations.value(), 0U);
     EXPECT_GT(taken, 100 * (picture.size() + sound.size()));
 }
 

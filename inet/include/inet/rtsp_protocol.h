@@ -49,17 +49,17 @@
 /// connection, whose bytes go into process(). On tunnel_post it was answered: open a second connection to the same
 /// server; from then on send_buffer() is sent there. What the server sends on it is dropped by the owner.
 ///
-/// Everything runs on the owner's network thread. From inside an event every call but destroy() and process() is
-/// allowed; close() there takes effect when the running call is through. An answer that the owner owes is given from
-/// inside the event. A session answers only on the connection, or the pair of tunnel connections, that made it.
+/// Everything runs on the owner's network thread. From inside an event every call is allowed but destroy() and those
+/// that take input; close() there takes effect when the running call is through. An answer that the owner owes is given
+/// from inside the event. A session answers only on the connection, or the pair of tunnel connections, that made it.
 ///
-/// What a peer can make a session hold: 64 KiB + 16 KiB of input (a header of at most 4098 bytes, a body of at most
-/// 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of replies and reports, and one more, that it does
-/// not read. A server can make a client hold besides: max_traks tracks with texts out of one description, 64 KiB of
-/// parameter sets and set_frame_limit() bytes of frame for each, and what the rtp::Rtp states. Whoever goes beyond, or
-/// breaks the framing, is logged once and gets rtsp_close; a frame above the limit is left out. Frames that a peer does
-/// not read are bounded by set_send_limit(). Every allocation may fail: the message or the picture at hand is then left
-/// out whole; a client request that could not be sent gives rtsp_error.
+/// What a peer can make a session hold: 64 KiB + 16 KiB of input, in a room of at most twice that (a header of at most
+/// 4098 bytes, a body of at most 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of replies and
+/// reports, and one more, that it does not read. A server can make a client hold besides: max_traks tracks with texts
+/// out of one description, 64 KiB of parameter sets and set_frame_limit() bytes of frame for each, and what the
+/// rtp::Rtp states. Whoever goes beyond, or breaks the framing, is logged once and gets rtsp_close; a frame above the
+/// limit is left out. Frames that a peer does not read are bounded by set_send_limit(). Every allocation may fail: the
+/// message or the picture at hand is then left out whole; a client request that could not be sent gives rtsp_error.
 #pragma once
 
 #include "avc/frame.h"
@@ -410,6 +410,7 @@ private:
     void fail(const char* reason) noexcept;
     void release() noexcept;
 
+    void serve_waiting() noexcept;
     bool serve_next() noexcept;
     bool take_interleaved() noexcept;
     bool take_header() noexcept;

@@ -41,17 +41,22 @@ void Rtsp::process(buf_t* data) noexcept {
     if (!data || running_) return;
     const running call(*this);
     uint32_t taken = 0;
+    serve_waiting();  // what found no memory the last time
     while (!closed_ && taken < data->length && receive_.length < max_waiting) {
         const uint32_t piece = std::min(data->length - taken, slice);
         if (!core_buf_respace(&receive_, piece, file_, line_)) break;
         core_buf_read(&receive_, data->data + taken, piece);
         taken += piece;
-        while (!closed_ && serve_next()) {
-        }
-        core_buf_ignore(&receive_, used_);
-        used_ = 0;
+        serve_waiting();
     }
     core_buf_ignore(data, closed_ ? data->length : taken);
+}
+
+void Rtsp::serve_waiting() noexcept {
+    while (!closed_ && serve_next()) {
+    }
+    core_buf_ignore(&receive_, used_);
+    used_ = 0;
 }
 
 bool Rtsp::serve_next() noexcept {
@@ -113,13 +118,13 @@ int Rtsp::process_header(header_s* header) noexcept {
         return 1;
     }
     if (receive_.length - used_ < body) return 0;
+    used_ += body;
     if (header->status) {
         core_log_print(log_, "rtsp protocol dectect bad header");
         core_con_printf(0, "rtsp protocol dectect bad header");
     } else {
         serve_request(header);
     }
-    used_ += body;
     return 1;
 }
 
