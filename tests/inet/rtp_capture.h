@@ -1,8 +1,9 @@
 // An owner of an rtp::Rtp that keeps what it is handed, and readers of the bytes that share nothing with the sender.
 #pragma once
 
+#include "support/log_lines.h"
+
 #include "avc/fcc.h"
-#include "core/log.h"
 #include "inet/rtp_protocol.h"
 
 #include <gtest/gtest.h>
@@ -101,22 +102,4 @@ public:
     rtp::trak_t* track;
     std::vector<bytes> packets, reports;
     std::vector<int> order;
-};
-
-// Keeps the lines of some logs.
-class log_lines {
-public:
-    explicit log_lines(const char* logs) : sink_(core_log_sink_add(logs, keep, this)) {}
-    ~log_lines() { core_log_sink_rem(sink_); }
-    log_lines(const log_lines&) = delete;
-    log_lines& operator=(const log_lines&) = delete;
-
-    std::vector<std::string> lines;
-
-private:
-    static void keep(void* self, const log_line_t* line) {
-        static_cast<log_lines*>(self)->lines.emplace_back(line->text);
-    }
-
-    uint32_t sink_;
 };

@@ -135,13 +135,14 @@ TEST(RtpJpeg, ComplainsOfWhatRfc2435CannotCarryAndSendsOn) {
     };
     for (const auto& [header, complaint] : cases) {
         capture owner(av::fcc_jpeg, 26);
-        log_lines console("console");
-        log_lines log("rtp");
+        test::log_lines console("console");
+        test::log_lines log("rtp");
         const bytes jpeg = join({soi, segment(0xDD, {0, 9}), header, sos(), noise(10)});
         owner.send(jpeg, some_time);
-        EXPECT_EQ(console.lines, std::vector<std::string>{complaint});
-        ASSERT_EQ(log.lines.size(), 3U);  // with the frame and the report
-        EXPECT_EQ(log.lines[0], complaint);
+        EXPECT_EQ(console.take(), std::vector<std::string>{complaint});
+        const auto lines = log.take();
+        ASSERT_EQ(lines.size(), 3U);  // with the frame and the report
+        EXPECT_EQ(lines[0], complaint);
         // What was scanned before stands in the header; the scan was never found, so all goes out.
         EXPECT_EQ(owner.payload().at(4), 64);
         EXPECT_EQ(owner.payload(12 + 12), jpeg);

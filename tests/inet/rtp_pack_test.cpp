@@ -145,13 +145,14 @@ TEST(RtpMeta, SendsWhatTheAnalyticsConverterMakes) {
     EXPECT_EQ(owner.marks().find('M'), owner.packets.size() - 1);
 
     owner.packets.clear();
-    log_lines log("rtp");
+    test::log_lines log("rtp");
     const auto meta = record_of<av::meta_t>(av::fcc_meta, data, some_time);
     owner.object.pack_meta(&meta);
     EXPECT_EQ(owner.payload(), expected);
-    ASSERT_EQ(log.lines.size(), 1U);
-    EXPECT_EQ(log.lines[0].find("7: META ssrc:16909060: rtp:"), 0U) << log.lines[0];
-    EXPECT_NE(log.lines[0].find(std::string("\n") + text.get()), std::string::npos);
+    const auto lines = log.take();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with("7: META ssrc:16909060: rtp:")) << lines[0];
+    EXPECT_TRUE(lines[0].ends_with(std::string("\n") + text.get())) << lines[0];
 }
 
 TEST(Rtp, SendsNothingWithoutAnActiveTrackOfAKnownFormat) {
@@ -165,13 +166,13 @@ TEST(Rtp, SendsNothingWithoutAnActiveTrackOfAKnownFormat) {
     owner.send(data, some_time + 5);
     EXPECT_EQ(owner.object.start_time, some_time);
 
-    log_lines log("rtp");
+    test::log_lines log("rtp");
     owner.object.add_trak(97, av::fcc_mp4a)->active = 1;
     const av::frame_t unknown = frame_of(av::fcc_mp4a, data, some_time - 1);
     owner.object.pack(&unknown);
     const auto meta = record_of<av::meta_t>(av::fcc_mp4a, data, some_time);
     owner.object.pack_meta(&meta);
-    EXPECT_EQ(log.lines, (std::vector<std::string>{"7: 0: unknown fcc:mp4a", "7: 0: unknown metadata fcc:mp4a"}));
+    EXPECT_EQ(log.take(), (std::vector<std::string>{"7: 0: unknown fcc:mp4a", "7: 0: unknown metadata fcc:mp4a"}));
     EXPECT_TRUE(owner.order.empty());
     EXPECT_EQ(owner.object.start_time, some_time - 1);
 }
@@ -207,7 +208,7 @@ TEST(RtpReport, FollowsTheFirstPacketsThenEveryTwoSecondsOfMedia) {
 }
 
 TEST(RtpReport, HasTheBytesOfRfc3550OnEitherClock) {
-    log_lines log("rtp");
+    test::log_lines log("rtp");
     // 3657455250 s and 180388626 / 2^32 s of NTP time; times 90000, modulo 2^32, that is 383971043. The packets count
     // 1448466450.042 s since 1970, which gives 1133135588.
     struct {
@@ -224,11 +225,11 @@ TEST(RtpReport, HasTheBytesOfRfc3550OnEitherClock) {
         EXPECT_EQ(bytes(report.begin(), report.begin() + 16), expected);
         EXPECT_EQ(be32(report, 16), rtp_time);
         EXPECT_EQ(bytes(report.begin() + 20, report.end()), (bytes{0, 0, 0, 1, 0, 0, 0, 112}));
-        ASSERT_EQ(log.lines.size(), 2U);
-        EXPECT_EQ(log.lines[0], "7: UNIV ssrc:16909060: 2015-11-25 15:47:30.042 rtp:1133135588 seq:65534-65535");
-        EXPECT_EQ(log.lines[1], "7: send rtcp sr 16909060: 2015-11-25 15:47:30.042 3657455250.180388626 rtp:" +
-                                    std::to_string(rtp_time) + " count:1 bytes:112");
-        log.lines.clear();
+        const auto lines = log.take();
+        ASSERT_EQ(lines.size(), 2U);
+        EXPECT_EQ(lines[0], "7: UNIV ssrc:16909060: 2015-11-25 15:47:30.042 rtp:1133135588 seq:65534-65535");
+        EXPECT_EQ(lines[1], "7: send rtcp sr 16909060: 2015-11-25 15:47:30.042 3657455250.180388626 rtp:" +
+                                std::to_string(rtp_time) + " count:1 bytes:112");
     }
 }
 

@@ -1,8 +1,8 @@
 // What the RTSP session answers, and what it does to bytes that are not as they should be.
 #include "rtsp_owner.h"
 #include "support/fault.h"
+#include "support/log_lines.h"
 
-#include "core/log.h"
 #include "inet/net_http_auth.h"
 
 #include <gtest/gtest.h>
@@ -361,18 +361,15 @@ TEST_F(RtspServer, BoundsWhatAPeerMakesItHold) {
 }
 
 TEST_F(RtspServer, SaysOnceWhatItCouldNotRead) {
+    test::log_lines log("rtsp.protocol");
     std::vector<std::string> lines;
-    const uint32_t sink = core_log_sink_add(
-        "rtsp.protocol",
-        [](void* arg, const log_line_t* line) { static_cast<std::vector<std::string>*>(arg)->push_back(line->text); },
-        &lines);
     const auto count = [&](const std::string& text) {
         return std::count_if(lines.begin(), lines.end(),
                              [&](const std::string& line) { return line.find(text) != std::string::npos; });
     };
     rtsp_owner owner;
     owner.feed("nonsense\r\n\r\nRTSP/1.0 200 OK\r\n\r\nOPTIONS * RTSP/1.0\r\n\r\n" + std::string(5000, 'x'));
-    core_log_sink_rem(sink);
+    lines = log.take();
     const std::string id = std::to_string(owner.session->id());
     EXPECT_EQ(lines.front(), id + ": create");
     EXPECT_EQ(count("rtsp header parse failed:\nnonsense"), 1);
