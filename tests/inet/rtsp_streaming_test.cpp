@@ -74,6 +74,27 @@ TEST(RtspStreaming, TakesFramesOnlyWhilePlaying) {
     EXPECT_EQ(owner.send(access_unit(10)), 0);
 }
 
+TEST(RtspStreaming, PlaysOnWhenAskedTwiceOrSetUpAnew) {
+    rtsp_owner owner;
+    owner.play();
+    const std::string session = owner.session->session();
+    EXPECT_EQ(owner.status("PLAY rtsp://h/live/"), 200);
+    EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=7000-7001\r\n"), 200);
+    EXPECT_EQ(owner.session->session(), session);
+    owner.packets.clear();
+    EXPECT_EQ(owner.send(access_unit(10)), 1);
+    // A stream of its own: three NAL units and the first report.
+    ASSERT_EQ(owner.packets.size(), 4U);
+    EXPECT_EQ(owner.packets.front().port, 7000U);
+    EXPECT_EQ(owner.packets.back().port, 7001U);
+    // Tracks taken away while one is set up leave nothing to answer with.
+    owner.before = [&](rtsp3::event_t::enum_t event) {
+        if (event == rtsp3::event_t::rtsp_setup) owner.session->clear_traks();
+    };
+    EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP\r\n"), 0);
+    EXPECT_EQ(owner.send(access_unit(10)), 0);
+}
+
 TEST(RtspStreaming, LeavesWholePicturesOutForAReaderThatStalls) {
     rtsp_owner owner;
     owner.play();
