@@ -113,9 +113,7 @@ void Rtp::count_jitter(uint32_t timestamp) noexcept {
     const bool timed = trak.count.timed;
     trak.count.timed = arrival_ != 0;
     if (arrival_ == 0) return;
-    constexpr uint64_t us_per_second = 1000000;
-    const uint32_t transit =
-        clock_ticks(arrival_ / us_per_second, arrival_ % us_per_second, us_per_second, trak.clock_rate) - timestamp;
+    const uint32_t transit = rtp::timestamp(arrival_, trak.clock_rate) - timestamp;
     const uint32_t change = transit - std::exchange(trak.count.transit, transit);
     if (!timed) return;
     const uint32_t distance = std::min(change, 0 - change);
