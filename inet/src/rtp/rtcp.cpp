@@ -3,8 +3,6 @@
 
 #include "core/time.h"
 
-#include <algorithm>
-
 namespace {
 
 constexpr uint64_t report_interval = 2000000;
@@ -74,12 +72,12 @@ void Rtp::pack_rtcp_rr(trak_t* trak) noexcept {
 
 void Rtp::unpack_rtc(buffer_t received) noexcept {
     const std::span<const uint8_t> bytes(received.data, received.data ? received.size : 0);
-    if (bytes.size() < 4 || (bytes[0] & version_mask) != version_2) return;
-    const size_t words = std::min<size_t>(get16(bytes, 2), bytes.size() / 4 - 1);
+    if (bytes.size() < 8 || (bytes[0] & version_mask) != version_2) return;
+    const uint32_t words = get16(bytes, 2);
     if (words <= 1) return;
     trak_t* const trak = get_trak_ssrc(get32(bytes, 4));
     if (!trak) return;
-    if (words > 3) {
+    if (words > 3 && bytes.size() >= 16) {
         trak->lsr_sec = get32(bytes, 8);
         trak->lsr_frac = get32(bytes, 12);
     }
