@@ -221,9 +221,9 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpegOrSaysWhyNot) {
     for (const auto& [data, picture, line] : cases) {
         SCOPED_TRACE(&data - &cases[0].payload);
         receiver owner(av::fcc_jpeg);
-        log_lines log("rtp");
+        test::log_lines log("rtp");
         owner.take(packet(9, data));
-        EXPECT_EQ(std::ranges::count(log.lines, line), *line ? 1 : 0);
+        EXPECT_EQ(std::ranges::count(log.take(), line), *line ? 1 : 0);
         ASSERT_EQ(owner.media.size(), picture ? 1U : 0U);
         if (!picture) continue;
         const bytes& file = owner.media[0];
@@ -237,7 +237,7 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpegOrSaysWhyNot) {
 
 TEST(RtpReceiveReport, FollowsTheFirstPacketThenEveryTwoSecondsOfMedia) {
     receiver owner(av::fcc_pcma, 8000);
-    log_lines log("rtp");
+    test::log_lines log("rtp");
     owner.track->lsr_sec = 0x11223344;
     owner.track->lsr_frac = 0x55667788;
     for (const uint32_t ms : {0, 1999, 2000, 3999, 4001})
@@ -245,8 +245,9 @@ TEST(RtpReceiveReport, FollowsTheFirstPacketThenEveryTwoSecondsOfMedia) {
     EXPECT_EQ(owner.order, "FRFFRFFR");
     EXPECT_EQ(owner.reports[0], (bytes{0x81, 201, 0, 7, 0, 0, 0, 0, 0xA,  0xB,  0xC,  0xD,  0, 0xFF, 0xFF, 0xFF,
                                        0,    0,   0, 1, 0, 0, 0, 0, 0x33, 0x44, 0x55, 0x66, 0, 0,    0,    1}));
-    EXPECT_EQ(log.lines.at(0), "7: 168496141: unpack rtp size:13, seq: 1");
-    EXPECT_EQ(log.lines.at(1), "7: send rtcp rr 168496141: seq: 1 lsr:287454020.1432778632");
+    const auto lines = log.take();
+    EXPECT_EQ(lines.at(0), "7: 168496141: unpack rtp size:13, seq: 1");
+    EXPECT_EQ(lines.at(1), "7: send rtcp rr 168496141: seq: 1 lsr:287454020.1432778632");
 }
 
 TEST(RtpReceiveReport, AnswersAPacketFromATracksSource) {
@@ -343,8 +344,9 @@ std::vector<recording_t> recorded() {
 }
 
 TEST(RtpReceive, OutlivesEveryCutAndEveryChangedByte) {
-    for (const auto& [fcc, packets] : recorded()) {
-        receiver owner(fcc);
+    for (const recording_t& one : recorded()) {
+        const std::vector<bytes>& packets = one.packets;
+        receiver owner(one.fcc);
         owner.keep = false;
         const auto take_all_but = [&](size_t changed, const bytes& with) {
             owner.track->seq = 0;
