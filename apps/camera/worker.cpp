@@ -63,7 +63,7 @@ void worker::take(int fd, const sockaddr_in& peer) {
         net_socket_close(fd);
         return;
     }
-    pending.release();
+    static_cast<void>(pending.release());  // on_take() takes it
     ++taken_;
     net::net_nt_command_exec(command);
 }

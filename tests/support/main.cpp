@@ -1,9 +1,8 @@
 // Main of every test program: after all tests no block of the runtime may still be held.
-#include <gtest/gtest.h>
+#include "core/memory.h"
 
 #include <cstdio>
-
-#include "core/memory.h"
+#include <gtest/gtest.h>
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
