@@ -20,7 +20,8 @@
 ///   "H264"   a NAL unit without start code, of a single NAL unit packet or put together from FU-A; aggregation packets
 ///            (types 24 to 27) as they are; types 29 to 31 are dropped
 ///   "JPEG"   a picture piece by piece, one a packet, the first with the header that RTP leaves out, the last (marker)
-///            with EOI; or the pieces of a file in header extensions, with SOI before the first
+///            with EOI; or the pieces of a file in header extensions, with SOI before the first. Quantisation tables
+///            come in band for a Q from 128 and from RFC 2435, appendix A, for 1 to 99
 ///   "PCMU"   "PCMA" "G726": the payload of one packet
 ///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1)
 ///   "META"   a document, ended by the marker bit
