@@ -92,7 +92,7 @@ void pass_over(benchmark::State& state, recorder& stream, Begin begin, Take take
 
 void floor_copy(benchmark::State& state) {
     recorder stream(av::fcc_h264);
-    bytes_t frame(256 * 1024);
+    bytes_t frame(size_t{256} * 1024);
     size_t at = 0;
     pass_over(
         state, stream, [] {},

@@ -138,6 +138,7 @@ TEST(RtpReceive, HandsOverWhatThePacketsHold) {
         receiver owner(fcc);
         owner.take_all(packets);
         EXPECT_EQ(owner.media, media);
+        EXPECT_EQ(owner.track->discarded, 0U);
     }
 }
 

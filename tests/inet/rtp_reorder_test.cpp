@@ -52,7 +52,6 @@ TEST(RtpReorder, DeliversInOrderWhatComesInReach) {
         numbers in, out;
         uint32_t late, repeated, given_up, restarts;
     } const cases[] = {
-        {"in order", {1, 2, 3}, {1, 2, 3}, 0, 0, 0, 0},
         {"two swapped", {1, 3, 2, 4}, {1, 2, 3, 4}, 0, 0, 0, 0},
         {"as far as the window reaches", {1, 9, 8, 7, 6, 5, 4, 3, 2}, {1, 2, 3, 4, 5, 6, 7, 8, 9}, 0, 0, 0, 0},
         {"one missing", {1, 3, 4, 5, 6, 7, 8, 9, 10}, {1, 3, 4, 5, 6, 7, 8, 9, 10}, 0, 0, 1, 0},
@@ -99,14 +98,14 @@ TEST(RtpReorder, DoesNotWaitWithWhatIsNoPacketOrTooLong) {
     one.push(3, 1, rtp::reorder_packet + 1);
     EXPECT_EQ(one.out, (numbers{1, 3, 4}));
     one.push(6, 1, rtp::reorder_packet);
-    one.push(5, 1, 12);
-    EXPECT_EQ(one.out, (numbers{1, 3, 4, 5, 6}));
-    bytes data = packet(7);
+    bytes data = packet(5);
     one.object->push({data.data(), 11}, 1);
     one.object->push({nullptr, 40}, 1);
     data[0] = 0x40;
     one.object->push({data.data(), 40}, 1);
-    EXPECT_EQ(one.out.size(), 5U);
+    EXPECT_EQ(one.out.size(), 3U);
+    one.push(5, 1, 12);
+    EXPECT_EQ(one.out, (numbers{1, 3, 4, 5, 6}));
 }
 
 // A fiftieth of the packets is lost and the others change places: nothing comes twice or backwards, and what the track
