@@ -1,28 +1,23 @@
 // inet-camera: a clip becomes a network camera.
 #include "clip.h"
 #include "options.h"
+#include "program.h"
 #include "rtsp_service.h"
 #include "terminal.h"
 
-#include "core/log.h"
-#include "core/memory.h"
 #include "core/thread.h"
 #include "core/time.h"
-#include "inet/inet.h"
 
-#include <csignal>
 #include <cstdio>
 #include <string>
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
-
-void on_interrupt(int) { interrupted = 1; }
+constexpr const char* name = "inet-camera";
 
 int fail(const std::string& reason) {
-    std::fprintf(stderr, "inet-camera: %s\n", reason.c_str());
-    return 1;
+    apps::complain(name, reason);
+    return apps::status_failed;
 }
 
 void print_addresses(const camera::clip& played, const camera::options& settings, uint16_t port) {
@@ -36,10 +31,10 @@ void print_addresses(const camera::clip& played, const camera::options& settings
 
 /// Shows the live line once a second until Ctrl-C.
 void show_status(const camera::rtsp_service& service) {
-    camera::status_line line;
+    apps::status_line line;
     uint64_t shown = core_timer();
     uint64_t bytes = 0;
-    while (!interrupted) {
+    while (!apps::interrupted()) {
         core_sleep(100);
         const uint64_t now = core_timer();
         if (now - shown < 1'000'000) continue;
@@ -63,15 +58,6 @@ int serve(const camera::options& settings) {
     return 0;
 }
 
-/// Names what is still held, which is nothing unless there is a mistake in the program.
-bool nothing_held() {
-    const auto print = [](void*, const mem_site_t* site) {
-        std::fprintf(stderr, "inet-camera: held: %s:%d: %zu blocks, %zu bytes\n", site->file, site->line, site->blocks,
-                     site->bytes);
-    };
-    return core_mem_report(print, nullptr) == 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -82,19 +68,5 @@ int main(int argc, char** argv) {
         std::fputs(camera::usage().c_str(), stdout);
         return 0;
     }
-    std::signal(SIGINT, on_interrupt);
-    std::signal(SIGTERM, on_interrupt);
-    const uint32_t console = core_log_sink_console("console");
-    const uint32_t file = settings->log.empty() ? 0 : core_log_sink_file("*", settings->log.c_str());
-    int status = 1;
-    if (!settings->log.empty() && !file) {
-        fail("cannot write " + settings->log);
-    } else {
-        net_init();
-        status = serve(*settings);
-        net_free();
-    }
-    core_log_sink_rem(file);
-    core_log_sink_rem(console);
-    return nothing_held() ? status : 1;
+    return apps::run(name, settings->log, [&] { return serve(*settings); });
 }

@@ -1,37 +1,15 @@
 #include "options.h"
 
-#include <algorithm>
-#include <charconv>
-#include <functional>
-#include <span>
+#include "command_line.h"
+
 #include <string_view>
 
 namespace camera {
 namespace {
 
-/// One option: `take` reads its value and answers false when it cannot be used.
-struct option {
-    std::string_view name;
-    std::string_view value;
-    std::string_view help;
-    std::function<bool(options&, std::string_view)> take;
-};
-
-template <class T>
-bool take_number(T& out, std::string_view text, unsigned lowest, unsigned highest) {
-    unsigned number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < lowest || number > highest) return false;
-    out = static_cast<T>(number);
-    return true;
-}
-
-auto take_text(std::string options::*field) {
-    return [field](options& o, std::string_view text) {
-        (o.*field) = text;
-        return !text.empty();
-    };
-}
+using apps::take_number;
+using apps::take_text;
+using option = apps::option<options>;
 
 std::span<const option> table() {
     static const option all[] = {
@@ -56,37 +34,13 @@ std::span<const option> table() {
     return all;
 }
 
-const option* find_option(std::string_view name) {
-    for (const option& candidate : table()) {
-        if (candidate.name == name) return &candidate;
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 std::optional<options> parse_options(int argc, const char* const* argv, std::string& error) {
     options result;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view name = argv[i];
-        if (name == "--help" || name == "-h") {
-            result.help = true;
-            return result;
-        }
-        const option* found = find_option(name);
-        if (!found) {
-            error = "unknown option: " + std::string(name);
-            return std::nullopt;
-        }
-        bool taken = i + 1 < argc && found->take(result, argv[++i]);
-        // --jpeg takes every file up to the next option.
-        while (taken && name == "--jpeg" && i + 1 < argc && argv[i + 1][0] != '-')
-            taken = found->take(result, argv[++i]);
-        if (!taken) {
-            error = std::string(name) + " wants " + std::string(found->value);
-            return std::nullopt;
-        }
-    }
+    result.help = apps::asks_for_help(argc, argv);
+    if (result.help) return result;
+    if (!apps::parse_command_line(table(), argc, argv, result, error)) return std::nullopt;
     if (result.user.empty() != result.password.empty()) {
         error = "--user and --password go together";
         return std::nullopt;
@@ -96,11 +50,7 @@ std::optional<options> parse_options(int argc, const char* const* argv, std::str
 
 std::string usage() {
     std::string text = "inet-camera: a clip as a network camera\n\nusage: inet-camera [OPTION VALUE]...\n\n";
-    for (const option& o : table()) {
-        std::string line = "  " + std::string(o.name) + " " + std::string(o.value);
-        line.resize(std::max<size_t>(line.size() + 1, 26), ' ');
-        text += line + std::string(o.help) + "\n";
-    }
+    text += apps::describe_options(table());
     text += "\nWithout files it plays the bundled clip. Ctrl-C ends it.\n";
     return text;
 }

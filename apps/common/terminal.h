@@ -1,7 +1,7 @@
 // The live line on a terminal.
 #pragma once
 
-namespace camera {
+namespace apps {
 
 /// One line at the bottom of the terminal, written over itself; nothing when the output is no terminal.
 class status_line {
@@ -18,4 +18,4 @@ private:
     bool shown_ = false;
 };
 
-}  // namespace camera
+}  // namespace apps

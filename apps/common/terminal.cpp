@@ -5,7 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-namespace camera {
+namespace apps {
 
 status_line::status_line() : terminal_(core_con_is_terminal(1) != 0) {}
 
@@ -24,4 +24,4 @@ void status_line::show(const char* format, ...) {
     va_end(args);
 }
 
-}  // namespace camera
+}  // namespace apps

@@ -1,0 +1,88 @@
+// A command line read by a table of options, and its help text.
+#pragma once
+
+#include <charconv>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace apps {
+
+/// One option: `take` reads its value and answers false when it cannot be used.
+template <class Options>
+struct option {
+    std::string_view name;   ///< "--video"; without a dash it stands for arguments that are no option
+    std::string_view value;  ///< how help calls the value: empty for none; ends with "..." when several may follow
+    std::string_view help;
+    std::function<bool(Options&, std::string_view)> take;
+};
+
+template <class T>
+bool take_number(T& out, std::string_view text, unsigned lowest, unsigned highest) {
+    unsigned number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < lowest || number > highest) return false;
+    out = static_cast<T>(number);
+    return true;
+}
+
+template <class Options>
+auto take_text(std::string Options::*field) {
+    return [field](Options& o, std::string_view text) {
+        (o.*field) = text;
+        return !text.empty();
+    };
+}
+
+inline bool is_option(std::string_view argument) { return argument.starts_with('-'); }
+
+inline bool asks_for_help(int argc, const char* const* argv) {
+    for (const char* argument : std::span(argv, static_cast<size_t>(argc)).subspan(argc ? 1 : 0)) {
+        if (std::string_view(argument) == "--help" || std::string_view(argument) == "-h") return true;
+    }
+    return false;
+}
+
+/// Reads the arguments into `out`. @return false on a mistake, which `error` tells.
+template <class Options>
+bool parse_command_line(std::span<const option<Options>> table, int argc, const char* const* argv, Options& out,
+                        std::string& error) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        const option<Options>* found = nullptr;
+        for (const option<Options>& each : table) {
+            if (is_option(argument) ? each.name == argument : !is_option(each.name)) found = &each;
+        }
+        if (!found) {
+            error = "unknown option: " + std::string(argument);
+            return false;
+        }
+        const bool has_value = is_option(argument) && !found->value.empty();
+        bool taken = has_value ? i + 1 < argc && found->take(out, argv[++i]) : found->take(out, argument);
+        while (taken && has_value && found->value.ends_with("...") && i + 1 < argc && !is_option(argv[i + 1]))
+            taken = found->take(out, argv[++i]);
+        if (!taken) {
+            error = std::string(found->name) + (found->value.empty() ? ": cannot be used: " : " wants ") +
+                    std::string(found->value.empty() ? argument : found->value);
+            return false;
+        }
+    }
+    return true;
+}
+
+/// The lines of the help text, one for each option.
+template <class Options>
+std::string describe_options(std::span<const option<Options>> table) {
+    constexpr size_t column = 26;
+    std::string text;
+    for (const option<Options>& each : table) {
+        std::string line = "  " + std::string(each.name);
+        if (!each.value.empty()) line += " " + std::string(each.value);
+        line.resize(line.size() < column ? column : line.size() + 1, ' ');
+        text += line + std::string(each.help) + "\n";
+    }
+    return text;
+}
+
+}  // namespace apps

@@ -1,0 +1,55 @@
+#include "program.h"
+
+#include "core/log.h"
+#include "core/memory.h"
+#include "inet/inet.h"
+
+#include <csignal>
+#include <cstdio>
+
+namespace apps {
+namespace {
+
+volatile std::sig_atomic_t was_interrupted = 0;
+
+void on_interrupt(int number) {
+    was_interrupted = 1;
+    std::signal(number, SIG_DFL);
+}
+
+/// Names what is still held.
+bool nothing_held(const char* program) {
+    const auto print = [](void* arg, const mem_site_t* site) {
+        std::fprintf(stderr, "%s: held: %s:%d: %zu blocks, %zu bytes\n", static_cast<const char*>(arg), site->file,
+                     site->line, site->blocks, site->bytes);
+    };
+    return core_mem_report(print, const_cast<char*>(program)) == 0;
+}
+
+}  // namespace
+
+void complain(const char* program, const std::string& message) {
+    std::fprintf(stderr, "%s: %s\n", program, message.c_str());
+}
+
+int run(const char* program, const std::string& log, const std::function<int()>& work) {
+    std::signal(SIGINT, on_interrupt);
+    std::signal(SIGTERM, on_interrupt);
+    const uint32_t console = core_log_sink_console("console");
+    const uint32_t file = log.empty() ? 0 : core_log_sink_file("*", log.c_str());
+    int status = status_failed;
+    if (!log.empty() && !file) {
+        complain(program, "cannot write " + log);
+    } else {
+        net_init();
+        status = work();
+        net_free();
+    }
+    core_log_sink_rem(file);
+    core_log_sink_rem(console);
+    return nothing_held(program) ? status : status_failed;
+}
+
+bool interrupted() { return was_interrupted != 0; }
+
+}  // namespace apps

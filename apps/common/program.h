@@ -1,0 +1,24 @@
+// What every program of ours does around its work.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace apps {
+
+/// Exit status for what a program could not do.
+inline constexpr int status_failed = 1;
+
+/// Prints a message of the program to the error stream.
+void complain(const char* program, const std::string& message);
+
+/// Runs `work` with the library started: console messages go to the error stream, and everything the library logs to
+/// the file `log` when it is named. Ctrl-C is noted from here on.
+/// @return what `work` returned; status_failed when the log cannot be written or memory is still held at the end, which
+/// is a mistake of ours and told by line
+int run(const char* program, const std::string& log, const std::function<int()>& work);
+
+/// Ctrl-C or a request to terminate came. The second one ends the program at once.
+bool interrupted();
+
+}  // namespace apps
