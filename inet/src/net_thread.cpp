@@ -191,8 +191,10 @@ void net_nt_command_destroy(command_ctx* c) noexcept {
 
 void net_nt_command_exec(command_ctx* c) noexcept {
     if (!c) return;
+    // The callback may destroy the command: once the order is seen, the record is not ours to read.
+    nt_ctx& owner = *c->owner;
     c->signals.fetch_add(1);
-    notify_loop(*c->owner);
+    notify_loop(owner);
 }
 
 int net_nt_need_invoke(nt_ctx* nt) noexcept { return nt && !core_thread_iscurrent(nt->thread) ? 1 : 0; }
