@@ -39,6 +39,15 @@ public:
         return (whole * rate_.seconds * 1'000'000) + (number % rate_.frames) * rate_.seconds * 1'000'000 / rate_.frames;
     }
 
+    /// The first frame whose time is not before `time`.
+    uint64_t number_at(uint64_t time) const {
+        uint64_t number = time / (rate_.seconds * 1'000'000) * rate_.frames;
+        number += time % (rate_.seconds * 1'000'000) * rate_.frames / (rate_.seconds * 1'000'000);
+        while (this->time(number) < time)
+            ++number;
+        return number;
+    }
+
     uint32_t fcc() const { return frames_.front()->fcc; }
 
 private:

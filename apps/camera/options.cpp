@@ -11,6 +11,11 @@ using apps::take_number;
 using apps::take_text;
 using option = apps::option<options>;
 
+bool take_start(options& o, std::string_view text) {
+    o.start = text == "next" ? start_t::next : start_t::key;
+    return text == "next" || text == "key";
+}
+
 std::span<const option> table() {
     static const option all[] = {
         {"--video", "FILE.h264", "pictures: an H.264 stream in Annex B form", take_text(&options::video)},
@@ -29,6 +34,7 @@ std::span<const option> table() {
         {"--password", "TEXT", "and this password", take_text(&options::password)},
         {"--threads", "N", "network threads that share the viewers (1)",
          [](options& o, std::string_view text) { return take_number(o.threads, text, 1, 64); }},
+        {"--start", "key|next", "a viewer begins with the last key picture (key) or waits for the next", take_start},
         {"--log", "FILE", "write what the library logs to a file", take_text(&options::log)},
     };
     return all;

@@ -8,6 +8,12 @@
 
 namespace camera {
 
+/// The picture that a new viewer begins with.
+enum class start_t : uint8_t {
+    key,   ///< the last key picture that was played
+    next,  ///< the next one to come
+};
+
 struct options {
     std::string video;
     std::string audio;
@@ -18,6 +24,7 @@ struct options {
     std::string user;
     std::string password;
     unsigned threads = 1;
+    start_t start = start_t::key;
     std::string log;
     bool help = false;
 };

@@ -4,6 +4,7 @@
 
 #include "avc/fcc.h"
 #include "core/memory.h"
+#include "core/time.h"
 #include "inet/net_socket.h"
 #include "inet/net_uri.h"
 
@@ -47,6 +48,7 @@ void viewer::on_socket(void* arg, uint32_t events) {
     auto* self = static_cast<viewer*>(arg);
     if (events & net::nt_event_read) self->receive();
     if (events & net::nt_event_write) self->flush();
+    self->advance(time_now());
     if (self->finished_) self->owner_.sweep();
 }
 
@@ -84,10 +86,27 @@ void viewer::watch_writability(bool wanted) {
     net::net_nt_socket_set(owner_.nt, socket_, 1, wanted);
 }
 
+void viewer::advance(uint64_t now) {
+    if (!watching()) return;
+    if (playback_.lost_touch(now)) {
+        playback_.skip(now);
+        wait_for_key_ = true;
+    }
+    while (const av::frame_t* frame = playback_.due(now)) {
+        // The past goes out as fast as the player takes it, each picture by itself.
+        const bool past = !playback_.live();
+        if (past && rtsp_->send_buffer()->length) return;
+        playback_.take();
+        send(*frame);
+        if (past) flush();
+    }
+    flush();
+}
+
+/// Sends a frame, or leaves it out when the player does not keep up: whole pictures only, up to the next key picture.
 void viewer::send(const av::frame_t& frame) {
-    if (frame.time < start_time_ || finished_) return;
     const bool picture = fcc_is_video(frame.fcc) != 0;
-    if (picture && wait_for_key_ && frame.key) wait_for_key_ = false;
+    if (picture && frame.key) wait_for_key_ = false;
     const bool behind = rtsp_->send_buffer()->length > backlog_limit;
     if (behind || (picture && wait_for_key_)) {
         // The pictures up to the next key picture build on the one that is left out.
@@ -156,9 +175,9 @@ void viewer::set_up() {
 }
 
 void viewer::play() {
-    start_time_ = owner_.next_start(*channel_);
+    playback_.begin(*channel_, owner_.settings().start, owner_.base(), time_now());
     wait_for_key_ = false;
-    rtsp_->send_play(start_time_);
+    rtsp_->send_play(playback_.start_time());
 }
 
 void viewer::send_datagram(bool report) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "clip.h"
+#include "playback.h"
 
 #include "avc/frame.h"
 #include "core/buf.h"
@@ -28,21 +29,17 @@ public:
     /// The session could be made and the connection is open.
     bool finished() const { return finished_; }
 
-    /// The channel that is being watched; null before PLAY and after PAUSE or TEARDOWN.
-    const channel* watching() const { return rtsp_ && rtsp_->playing() ? channel_ : nullptr; }
-
-    /// Sends one frame of the channel, or leaves it out when the player does not keep up: whole pictures only, up to
-    /// the next key picture.
-    void send(const av::frame_t& frame);
-
-    /// Gives what waits to the system, as much as it takes.
-    void flush();
+    /// Sends the frames that are due: nothing before PLAY and after PAUSE or TEARDOWN.
+    void advance(uint64_t now);
 
 private:
     static void on_socket(void* arg, uint32_t events);
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override;
 
+    bool watching() const { return !finished_ && rtsp_->playing(); }
     void receive();
+    void flush();
+    void send(const av::frame_t& frame);
     void describe();
     void set_up();
     void play();
@@ -56,7 +53,7 @@ private:
     net::socket_ctx* socket_ = nullptr;
     buf_t received_;
     const channel* channel_ = nullptr;
-    uint64_t start_time_ = 0;  ///< frames before it are not sent: all tracks begin together, with a key picture
+    playback playback_;
     bool wait_for_key_ = false;
     bool writing_ = false;
     bool finished_ = false;

@@ -1,18 +1,13 @@
 #include "worker.h"
 
-#include "avc/fcc.h"
 #include "core/cmd.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 
 #include <algorithm>
-#include <new>
 
 namespace camera {
 namespace {
-
-/// Behind by more than this, after a suspended machine for one, the player goes on with what is due now.
-constexpr uint64_t longest_catch_up = 1'000'000;
 
 /// A connection on its way to the thread.
 struct handover {
@@ -23,18 +18,7 @@ struct handover {
 }  // namespace
 
 worker::worker(const clip& played, const options& settings, uint64_t base)
-    : clip_(played), settings_(settings), base_(base) {
-    for (const channel& each : clip_.channels) {
-        for (const track& source : each.tracks) {
-            player playing{&each, &source, {}, 0};
-            for (size_t i = 0; i < source.size(); ++i) {
-                playing.frames.emplace_back(avc_frame_dup(&source.frame(i), CORE_HERE));
-                if (!playing.frames.back()) throw std::bad_alloc();
-            }
-            players_.push_back(std::move(playing));
-        }
-    }
-}
+    : clip_(played), settings_(settings), base_(base) {}
 
 worker::~worker() { stop(); }
 
@@ -90,45 +74,16 @@ void worker::on_sweep(void* arg) {
 void worker::on_tick(void* arg, net::command_ctx*) {
     auto* self = static_cast<worker*>(arg);
     const uint64_t now = time_now();
-    for (player& playing : self->players_)
-        self->play(playing, now);
-    for (const auto& each : self->viewers_) {
-        if (each->watching()) each->flush();
-    }
+    for (const auto& each : self->viewers_)
+        each->advance(now);
     const auto is_finished = [](const auto& each) { return each->finished(); };
     if (std::any_of(self->viewers_.begin(), self->viewers_.end(), is_finished)) on_sweep(self);
-}
-
-void worker::play(player& playing, uint64_t now) {
-    for (; base_ + playing.source->time(playing.next) <= now; ++playing.next) {
-        av::frame_t& frame = *playing.frames[playing.next % playing.frames.size()];
-        frame.time = base_ + playing.source->time(playing.next);
-        if (now - frame.time > longest_catch_up) continue;
-        for (const auto& each : viewers_) {
-            if (each->watching() == playing.of) each->send(frame);
-        }
-    }
 }
 
 const channel* worker::find_channel(std::string_view path) const {
     const auto found = std::find_if(clip_.channels.begin(), clip_.channels.end(),
                                     [path](const channel& each) { return each.path == path; });
     return found == clip_.channels.end() ? nullptr : &*found;
-}
-
-uint64_t worker::next_start(const channel& watched) const {
-    uint64_t start = 0;
-    for (const player& playing : players_) {
-        if (playing.of != &watched) continue;
-        uint64_t number = playing.next;
-        if (playing.source->fcc() == av::fcc_h264) {
-            while (!playing.source->frame(number).key)
-                ++number;
-            return base_ + playing.source->time(number);
-        }
-        start = std::max(start, base_ + playing.source->time(number));
-    }
-    return start;
 }
 
 uint16_t worker::udp_port() {

@@ -28,7 +28,7 @@ public:
     /// Connections of one network thread: it watches at most 512 sockets.
     static constexpr unsigned most_viewers = 500;
 
-    /// @param played  the clip, shared by all workers; frame 0 of every track is played at `base`
+    /// @param played  the clip, shared by all workers; frame 0 of every track stands at `base`
     worker(const clip& played, const options& settings, uint64_t base);
     ~worker() override;
 
@@ -48,8 +48,7 @@ public:
 
     const options& settings() const { return settings_; }
     const channel* find_channel(std::string_view path) const;
-    /// Time of the frame with which a new viewer begins: the next key picture, or the next frame without pictures.
-    uint64_t next_start(const channel& watched) const;
+    uint64_t base() const { return base_; }
     /// Port of the socket that sends RTP over UDP, the next one sends RTCP; opened at first use, 0 when that failed.
     uint16_t udp_port();
     int rtp_socket() const { return rtp_socket_; }
@@ -60,23 +59,13 @@ public:
     void sweep() { net::net_nt_sync_call(nt, nullptr, this, &worker::on_sweep); }
 
 private:
-    /// A track as this thread plays it: records of its own, so that it can set their times.
-    struct player {
-        const channel* of;
-        const track* source;
-        std::vector<frame_ptr> frames;
-        uint64_t next = 0;
-    };
-
     static void on_tick(void* arg, net::command_ctx* command);
     static void on_take(void* owner, void* arg);
     static void on_sweep(void* arg);
-    void play(player& playing, uint64_t now);
 
     const clip& clip_;
     const options& settings_;
     const uint64_t base_;
-    std::vector<player> players_;
     std::vector<std::unique_ptr<viewer>> viewers_;
     net::command_ctx* tick_ = nullptr;
     int rtp_socket_ = -1;
