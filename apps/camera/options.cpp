@@ -35,6 +35,10 @@ std::span<const option> table() {
         {"--threads", "N", "network threads that share the viewers (1)",
          [](options& o, std::string_view text) { return take_number(o.threads, text, 1, 64); }},
         {"--start", "key|next", "a viewer begins with the last key picture (key) or waits for the next", take_start},
+        {"--backlog", "BYTES", "may wait for a viewer before pictures are left out (2097152)",
+         [](options& o, std::string_view text) { return take_number(o.backlog, text, 64u << 10, 1u << 30); }},
+        {"--stall", "SECONDS", "after which a viewer that takes nothing is dropped (10)",
+         [](options& o, std::string_view text) { return take_number(o.stall, text, 1, 3600); }},
         {"--log", "FILE", "write what the library logs to a file", take_text(&options::log)},
     };
     return all;

@@ -25,6 +25,8 @@ struct options {
     std::string password;
     unsigned threads = 1;
     start_t start = start_t::key;
+    uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a viewer
+    unsigned stall = 10;                 ///< seconds after which a viewer that takes nothing is dropped
     std::string log;
     bool help = false;
 };

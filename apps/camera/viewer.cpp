@@ -16,8 +16,8 @@ namespace {
 
 constexpr uint32_t receive_size = 8 * 1024;
 
-/// Bytes that may wait for a player before pictures are left out.
-constexpr uint32_t backlog_limit = 2 * 1024 * 1024;
+/// More than the headers of the packets of a frame, with its report.
+constexpr uint32_t packet_overhead(uint32_t frame_size) { return frame_size / 32 + 2 * rtp::packet_size; }
 
 }  // namespace
 
@@ -28,8 +28,8 @@ viewer::viewer(worker& owner, int fd, const sockaddr_in& peer) : owner_(owner), 
         return;
     }
     rtsp_->set_handler(this);
-    rtsp_->set_send_limit(backlog_limit);
     const options& settings = owner_.settings();
+    rtsp_->set_send_limit(settings.backlog);
     if (!settings.user.empty() && !rtsp_->set_credentials(settings.user.c_str(), settings.password.c_str())) {
         finished_ = true;
     }
@@ -72,6 +72,7 @@ void viewer::flush() {
     if (waiting.length) {
         const int count = net_tcp_send(fd_, waiting);
         if (count > 0) owner_.count_sent(static_cast<uint64_t>(count));
+        took_ = took_ || count > 0;
         if (count < 0 && socket_get_error_code() != socket_error_would_block) {
             finished_ = true;
             waiting.length = 0;
@@ -107,8 +108,7 @@ void viewer::advance(uint64_t now) {
 void viewer::send(const av::frame_t& frame) {
     const bool picture = fcc_is_video(frame.fcc) != 0;
     if (picture && frame.key) wait_for_key_ = false;
-    const bool behind = rtsp_->send_buffer()->length > backlog_limit;
-    if (behind || (picture && wait_for_key_)) {
+    if (!fits(frame) || (picture && wait_for_key_)) {
         // The pictures up to the next key picture build on the one that is left out.
         if (picture) {
             wait_for_key_ = true;
@@ -117,6 +117,18 @@ void viewer::send(const av::frame_t& frame) {
         return;
     }
     rtsp_->send_frame(&frame);
+}
+
+/// A frame longer than all that may wait goes out when nothing waits.
+bool viewer::fits(const av::frame_t& frame) const {
+    const uint64_t waiting = rtsp_->send_buffer()->length;
+    return waiting == 0 || waiting + frame.size + packet_overhead(frame.size) <= owner_.settings().backlog;
+}
+
+void viewer::watch() {
+    stalled_ = took_ || rtsp_->send_buffer()->length == 0 ? 0 : stalled_ + 1;
+    took_ = false;
+    if (stalled_ >= owner_.settings().stall) finished_ = true;
 }
 
 void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept {

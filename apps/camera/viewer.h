@@ -29,6 +29,9 @@ public:
     /// The session could be made and the connection is open.
     bool finished() const { return finished_; }
 
+    /// Once a second: drops a viewer that takes nothing.
+    void watch();
+
     /// Sends the frames that are due: nothing before PLAY and after PAUSE or TEARDOWN.
     void advance(uint64_t now);
 
@@ -40,6 +43,7 @@ private:
     void receive();
     void flush();
     void send(const av::frame_t& frame);
+    bool fits(const av::frame_t& frame) const;
     void describe();
     void set_up();
     void play();
@@ -54,6 +58,8 @@ private:
     buf_t received_;
     const channel* channel_ = nullptr;
     playback playback_;
+    unsigned stalled_ = 0;  ///< seconds in which nothing was taken of what waits
+    bool took_ = false;     ///< something was, since the last second
     bool wait_for_key_ = false;
     bool writing_ = false;
     bool finished_ = false;

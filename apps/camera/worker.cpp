@@ -24,13 +24,16 @@ worker::~worker() { stop(); }
 
 void worker::start() noexcept {
     net::Thread::start();
-    if (nt) tick_ = net::net_nt_command_create(nt, this, &worker::on_tick);
+    if (!nt) return;
+    tick_ = net::net_nt_command_create(nt, this, &worker::on_tick);
+    net::net_nt_timer_set(nt, second_, 1, this, &worker::on_second);
 }
 
 void worker::stop() noexcept {
     if (!nt) return;
     net::net_nt_command_destroy(tick_);
     tick_ = nullptr;
+    second_ = nullptr;
     // Ends the loop first: viewers are not called any more and can be deleted from here; their registrations went with
     // it.
     net::Thread::stop();
@@ -76,8 +79,14 @@ void worker::on_tick(void* arg, net::command_ctx*) {
     const uint64_t now = time_now();
     for (const auto& each : self->viewers_)
         each->advance(now);
-    const auto is_finished = [](const auto& each) { return each->finished(); };
-    if (std::any_of(self->viewers_.begin(), self->viewers_.end(), is_finished)) on_sweep(self);
+    on_sweep(self);
+}
+
+void worker::on_second(void* arg, net::timer_ctx*) {
+    auto* self = static_cast<worker*>(arg);
+    for (const auto& each : self->viewers_)
+        each->watch();
+    on_sweep(self);
 }
 
 const channel* worker::find_channel(std::string_view path) const {

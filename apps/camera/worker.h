@@ -61,6 +61,7 @@ public:
 private:
     static void on_tick(void* arg, net::command_ctx* command);
     static void on_take(void* owner, void* arg);
+    static void on_second(void* arg, net::timer_ctx* timer);
     static void on_sweep(void* arg);
 
     const clip& clip_;
@@ -68,6 +69,7 @@ private:
     const uint64_t base_;
     std::vector<std::unique_ptr<viewer>> viewers_;
     net::command_ctx* tick_ = nullptr;
+    net::timer_ctx* second_ = nullptr;
     int rtp_socket_ = -1;
     int rtcp_socket_ = -1;
     std::atomic<unsigned> taken_ = 0;
