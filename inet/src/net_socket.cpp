@@ -335,6 +335,11 @@ bool socket_multicastTTL(int fd, unsigned char ttl) noexcept {
     return true;
 }
 
+bool socket_multicastInterface(int fd, const char* address) noexcept {
+    in_addr interface = {};
+    return address && platform::parse_address(address, interface) && platform::set_multicast_interface(fd, interface);
+}
+
 bool socket_options(int fd) noexcept {
     if (!socket_nonBlock(fd)) return false;
     socket_keepAlive(fd);
@@ -408,6 +413,11 @@ int net_udp_send(int fd, buf_t& buf, sockaddr_in* to) noexcept { return send_hel
 
 int net_udp_send_buffer(int fd, buffer_t* data, sockaddr_in* to) noexcept {
     return data ? platform::send_bytes(fd, {data->data, data->size}, to) : -2;
+}
+
+int net_udp_send_batch(int fd, const datagram_t* datagrams, uint32_t count) noexcept {
+    if (!datagrams) return count ? -2 : 0;
+    return platform::send_datagrams(fd, {datagrams, count});
 }
 
 int net_udp_send_msg(int fd, const char* text, sockaddr_in* to) noexcept {

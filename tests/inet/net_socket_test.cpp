@@ -311,6 +311,89 @@ TEST(Datagrams, EachSendIsOneAndEachReceiveTakesOne) {
     EXPECT_EQ(in.length, 0u);
 }
 
+/// Sizes of the datagrams that arrive, whose bytes must be `i`, `i + 1`, ... for the i-th of the batch.
+std::vector<uint32_t> received_sizes(int fd, size_t count, std::vector<uint8_t>& marks) {
+    std::vector<uint32_t> sizes;
+    buffer in(65536);
+    while (sizes.size() < count && test::await(fd, POLLIN) && net_udp_recv(fd, in, nullptr) >= 0) {
+        sizes.push_back(in.length);
+        if (in.length) marks.push_back(in.data[0]);
+        for (uint32_t i = 1; i < in.length; ++i)
+            if (in.data[i] != static_cast<uint8_t>(in.data[0] + i)) return {};
+    }
+    return sizes;
+}
+
+// Runs of one size, sizes that grow and shrink, and empty ones: as the packets of pictures come, and worse.
+TEST(Batch, EveryDatagramArrivesAsItWasGivenAndInOrder) {
+    const test::udp_socket sender, receiver, other;
+    ASSERT_EQ(net_udp_listen(receiver, "127.0.0.1", 0), 0);
+    ASSERT_EQ(net_udp_listen(other, "127.0.0.1", 0), 0);
+    const sockaddr_in to = local(net_socket_get_near_port(receiver));
+    const sockaddr_in same = to, else_to = local(net_socket_get_near_port(other));
+    std::vector<uint8_t> bytes(20000);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<uint8_t>(i);
+
+    std::vector<std::vector<uint32_t>> cases = {{},
+                                                {5},
+                                                {1399, 1400, 1400, 1400, 300},
+                                                {28, 30, 30, 29, 30},
+                                                {0, 0, 7, 7, 0, 7},
+                                                {9000, 9000, 9000, 9000, 9000, 9000, 9000, 1}};
+    cases.emplace_back(90, 700u);  // more segments than one message carries
+    cases.emplace_back(60, 1u);
+    for (const auto& sizes : cases) {
+        std::vector<datagram_t> batch;
+        for (size_t i = 0; i < sizes.size(); ++i)
+            batch.push_back({&bytes[i], sizes[i], i % 2 ? &to : &same});
+        SCOPED_TRACE(testing::PrintToString(sizes));
+        ASSERT_EQ(net_udp_send_batch(sender, batch.data(), static_cast<uint32_t>(batch.size())),
+                  static_cast<int>(sizes.size()));
+        std::vector<uint8_t> marks;
+        EXPECT_EQ(received_sizes(receiver, sizes.size(), marks), sizes);
+        size_t next = 0;
+        for (size_t i = 0; i < sizes.size(); ++i) {
+            if (sizes[i]) {
+                EXPECT_EQ(marks.at(next++), bytes[i]);
+            }
+        }
+    }
+
+    const datagram_t both[] = {{&bytes[1], 10, &to}, {&bytes[2], 10, &else_to}, {&bytes[3], 10, &to}};
+    ASSERT_EQ(net_udp_send_batch(sender, both, 3), 3);
+    std::vector<uint8_t> here, there;
+    EXPECT_EQ(received_sizes(receiver, 2, here).size() + received_sizes(other, 1, there).size(), 3u);
+    EXPECT_EQ(here, (std::vector<uint8_t>{1, 3}));
+    EXPECT_EQ(there, std::vector<uint8_t>{2});
+}
+
+TEST(Batch, StopsAtTheOneThatIsRefused) {
+    const test::udp_socket sender, receiver;
+    ASSERT_EQ(net_udp_listen(receiver, "127.0.0.1", 0), 0);
+    const sockaddr_in to = local(net_socket_get_near_port(receiver));
+    std::vector<uint8_t> bytes(65536);
+    const datagram_t batch[] = {{bytes.data(), 3, &to}, {bytes.data(), 65536, &to}, {bytes.data(), 5, &to}};
+    EXPECT_EQ(net_udp_send_batch(sender, batch, 3), 1);
+    EXPECT_EQ(net_udp_send_batch(sender, batch + 1, 2), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_message_size);
+    EXPECT_EQ(net_udp_send_batch(sender, batch + 2, 1), 1);
+    EXPECT_EQ(net_udp_send_batch(sender, nullptr, 1), -2);
+    EXPECT_EQ(net_udp_send_batch(sender, nullptr, 0), 0);
+}
+
+TEST(Multicast, GoesOutOnTheInterfaceNamed) {
+    const test::udp_socket sender;
+    EXPECT_TRUE(socket_multicastInterface(sender, "127.0.0.1"));
+    in_addr set = {};
+    socklen_t size = sizeof set;
+    ASSERT_EQ(getsockopt(sender, IPPROTO_IP, IP_MULTICAST_IF, &set, &size), 0);
+    EXPECT_EQ(set.s_addr, htonl(INADDR_LOOPBACK));
+    EXPECT_TRUE(socket_multicastInterface(sender, "0.0.0.0"));
+    for (const char* bad : {static_cast<const char*>(nullptr), "", "lo", "203.0.113.77"})
+        EXPECT_FALSE(socket_multicastInterface(sender, bad));
+}
+
 TEST(Addresses, ConvertBothWays) {
     sockaddr_in address = {};
     ASSERT_EQ(net_addr_setup(address, "10.200.3.4", 554), 0);

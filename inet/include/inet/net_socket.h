@@ -94,6 +94,10 @@ INET_API bool socket_reuseAddress(int fd) noexcept;                     ///< SO_
 INET_API bool socket_TTL(int fd, unsigned char ttl) noexcept;           ///< IP_TTL; always true
 INET_API bool socket_multicastTTL(int fd, unsigned char ttl) noexcept;  ///< IP_MULTICAST_TTL; always true
 
+/// Interface on which a socket sends to multicast groups (IP_MULTICAST_IF), by its dotted address; 0.0.0.0 leaves it to
+/// the system. False for another text, null, or when the call fails.
+INET_API bool socket_multicastInterface(int fd, const char* address) noexcept;
+
 /// Non-blocking (false at once when that fails), keep-alive, no-Nagle and reuse-address. @return that of the last one.
 INET_API bool socket_options(int fd) noexcept;
 
@@ -147,6 +151,19 @@ INET_API int net_udp_send(int fd, buf_t& buf, sockaddr_in* to) noexcept;
 
 /// Sends the bytes as one datagram; -2 for a null buffer.
 INET_API int net_udp_send_buffer(int fd, buffer_t* data, sockaddr_in* to) noexcept;
+
+/// One datagram of a batch; the bytes and the address are borrowed.
+struct datagram_t {
+    const uint8_t* data;
+    uint32_t size;
+    const sockaddr_in* to;
+};
+
+/// Sends datagrams in their order with as few calls of the system as it allows (one for a hundred is usual): where it
+/// cuts segments itself, neighbours that have one size and one address, the last perhaps shorter, go through it as one.
+/// @return how many went; fewer than `count` when the next one was refused, which the error tells, so that the caller
+/// may go on behind it. -1 when the first was; -2 for a null array with a count.
+INET_API int net_udp_send_batch(int fd, const datagram_t* datagrams, uint32_t count) noexcept;
 
 /// Sends a text without its terminator as one datagram; -2 for a null text.
 INET_API int net_udp_send_msg(int fd, const char* text, sockaddr_in* to) noexcept;

@@ -166,6 +166,10 @@ bool join_group(int fd, in_addr group) noexcept {
     return setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 
+bool set_multicast_interface(int fd, in_addr interface) noexcept {
+    return setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) == 0;
+}
+
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept {
     const socklen_t size = to ? sizeof *to : 0;
     return transfer(

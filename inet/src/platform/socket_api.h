@@ -48,8 +48,13 @@ bool set_exclusive(int fd) noexcept;
 /// Joins a multicast group on any interface.
 bool join_group(int fd, in_addr group) noexcept;
 
+/// The interface, by its address, on which multicast goes out; 0.0.0.0 for the system's choice.
+bool set_multicast_interface(int fd, in_addr interface) noexcept;
+
 /// Transfer; a null address is the connected peer. A peer that is gone gives an error, never a signal.
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept;
+/// Sends each as one datagram, in their order. @return how many went before one was refused, -1 when the first was.
+int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept;
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept;
 
 /// Dotted address from text and back.

@@ -1,0 +1,145 @@
+// Many datagrams with few calls: sendmmsg(2), with segmentation offload (UDP_SEGMENT, udp(7)) where the kernel has it.
+#include "platform/socket_api.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <netinet/udp.h>
+#include <sys/socket.h>
+
+namespace net::platform {
+
+namespace {
+
+constexpr size_t max_messages = 64;  // of one call
+constexpr size_t max_pieces = 256;   // datagrams of one call
+constexpr size_t max_segments = 64;  // the kernel's bound for one message
+constexpr size_t max_bytes = 65000;  // of one message, with headers below 64 KiB
+
+// An interface without checksum offload refuses segments. Told once, it is not asked again.
+std::atomic<bool> segments_refused{false};
+
+bool kernel_cuts_segments(int fd) noexcept {
+    static const bool known = [fd] {
+        int size = 0;
+        socklen_t length = sizeof size;
+        return getsockopt(fd, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
+    }();
+    return known && !segments_refused;
+}
+
+bool same_address(const sockaddr_in* a, const sockaddr_in* b) noexcept {
+    return a == b || (a && b && a->sin_addr.s_addr == b->sin_addr.s_addr && a->sin_port == b->sin_port);
+}
+
+/// Datagrams from the front that one message carries: all of the first one's size, but for the last.
+size_t run_length(std::span<const datagram_t> datagrams) noexcept {
+    const datagram_t& first = datagrams.front();
+    size_t bytes = first.size;
+    size_t count = 1;
+    while (first.size && count < std::min(datagrams.size(), max_segments)) {
+        const datagram_t& next = datagrams[count];
+        bytes += next.size;
+        if (next.size > first.size || next.size == 0 || bytes > max_bytes || !same_address(next.to, first.to)) break;
+        ++count;
+        if (next.size < first.size) break;
+    }
+    return count;
+}
+
+/// The messages of one call.
+class batch {
+public:
+    /// Takes datagrams from the front, as many as there is room for.
+    void fill(std::span<const datagram_t> datagrams, bool in_segments) noexcept {
+        messages_ = 0;
+        size_t used = 0;
+        while (messages_ < max_messages && !datagrams.empty()) {
+            const size_t run = in_segments ? run_length(datagrams) : 1;
+            if (used + run > max_pieces) break;
+            add(datagrams.first(run), pieces_ + used);
+            used += run;
+            datagrams = datagrams.subspan(run);
+        }
+    }
+
+    /// @return messages that went, or -1
+    int send(int fd) noexcept { return sendmmsg(fd, headers_, static_cast<unsigned>(messages_), MSG_NOSIGNAL); }
+
+    /// Datagrams in the first messages.
+    size_t datagrams(int messages) const noexcept {
+        size_t count = 0;
+        for (int i = 0; i < messages; ++i)
+            count += headers_[i].msg_hdr.msg_iovlen;
+        return count;
+    }
+
+private:
+    void add(std::span<const datagram_t> run, iovec* pieces) noexcept {
+        std::ranges::transform(run, pieces, [](const datagram_t& each) {
+            return iovec{const_cast<uint8_t*>(each.data), each.size};  // the kernel reads it
+        });
+        msghdr& header = headers_[messages_].msg_hdr;
+        header = {};
+        header.msg_name = const_cast<sockaddr_in*>(run.front().to);
+        header.msg_namelen = run.front().to ? sizeof(sockaddr_in) : 0;
+        header.msg_iov = pieces;
+        header.msg_iovlen = run.size();
+        if (run.size() > 1) cut(header, static_cast<uint16_t>(run.front().size));
+        ++messages_;
+    }
+
+    void cut(msghdr& header, uint16_t size) noexcept {
+        header.msg_control = controls_[messages_].bytes;
+        header.msg_controllen = sizeof controls_[messages_].bytes;
+        cmsghdr* control = CMSG_FIRSTHDR(&header);
+        control->cmsg_level = IPPROTO_UDP;
+        control->cmsg_type = UDP_SEGMENT;
+        control->cmsg_len = CMSG_LEN(sizeof size);
+        std::memcpy(CMSG_DATA(control), &size, sizeof size);
+    }
+
+    struct alignas(cmsghdr) control_room {
+        char bytes[CMSG_SPACE(sizeof(uint16_t))];
+    };
+
+    size_t messages_ = 0;
+    mmsghdr headers_[max_messages];
+    iovec pieces_[max_pieces];
+    control_room controls_[max_messages];
+};
+
+/// Whether the system may take the datagrams of a refused message one by one: the interface cuts no segments, or the
+/// path takes only shorter ones, for which single datagrams are fragmented.
+bool may_go_singly(int error) noexcept {
+    if (error == EIO) segments_refused = true;
+    return error == EIO || error == EINVAL || error == EMSGSIZE;
+}
+
+}  // namespace
+
+int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept {
+    batch calls;
+    size_t sent = 0;
+    size_t singly = 0;  // datagrams from the next one on that are not to be cut by the system
+    while (sent < datagrams.size()) {
+        const auto rest = datagrams.subspan(sent);
+        const bool in_segments = singly == 0 && kernel_cuts_segments(fd);
+        calls.fill(singly ? rest.first(singly) : rest, in_segments);
+        const int messages = calls.send(fd);
+        if (messages < 0) {
+            if (errno == EINTR) continue;
+            const size_t run = calls.datagrams(1);
+            if (run == 1 || !may_go_singly(errno)) break;
+            singly = run;
+            continue;
+        }
+        const size_t went = calls.datagrams(messages);
+        sent += went;
+        singly -= std::min(singly, went);
+    }
+    return sent || datagrams.empty() ? static_cast<int>(sent) : -1;
+}
+
+}  // namespace net::platform
