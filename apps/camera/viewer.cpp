@@ -116,11 +116,13 @@ void viewer::send(const av::frame_t& frame) {
         }
         return;
     }
+    if (over_udp()) rtsp_->set_packet_room(owner_.packets().room());
     rtsp_->send_frame(&frame);
 }
 
 /// A frame longer than all that may wait goes out when nothing waits.
 bool viewer::fits(const av::frame_t& frame) const {
+    if (over_udp()) return owner_.packets().has_room(frame.size);
     const uint64_t waiting = rtsp_->send_buffer()->length;
     return waiting == 0 || waiting + frame.size + packet_overhead(frame.size) <= owner_.settings().backlog;
 }
@@ -144,10 +146,10 @@ void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noex
             play();
             break;
         case e::send_rtp:
-            send_datagram(false);
+            send_packet();
             break;
         case e::rtsp_rtcp:
-            send_datagram(true);
+            send_report();
             break;
         case e::rtsp_close:
             finished_ = true;
@@ -192,12 +194,24 @@ void viewer::play() {
     rtsp_->send_play(playback_.start_time());
 }
 
-void viewer::send_datagram(bool report) {
+sockaddr_in viewer::player_port(unsigned offset) const {
+    sockaddr_in to = peer_;
+    to.sin_port = htons(static_cast<uint16_t>(rtsp_->trak()->client_port + offset));
+    return to;
+}
+
+void viewer::send_packet() {
+    const uint32_t size = rtsp_->rtp()->packet.length;
+    owner_.packets().add(size, player_port(0));
+    owner_.count_sent(size);
+    rtsp_->set_packet_room(owner_.packets().room());
+}
+
+void viewer::send_report() {
     const buf_t& packet = rtsp_->rtp()->packet;
     buffer_t bytes{packet.data, packet.length};
-    sockaddr_in to = peer_;
-    to.sin_port = htons(static_cast<uint16_t>(rtsp_->trak()->client_port + report));
-    const int count = net_udp_send_buffer(report ? owner_.rtcp_socket() : owner_.rtp_socket(), &bytes, &to);
+    sockaddr_in to = player_port(1);
+    const int count = net_udp_send_buffer(owner_.rtcp_socket(), &bytes, &to);
     if (count > 0) owner_.count_sent(static_cast<uint64_t>(count));
 }
 

@@ -47,7 +47,10 @@ private:
     void describe();
     void set_up();
     void play();
-    void send_datagram(bool report);
+    bool over_udp() const { return rtsp_->protocol() == rtsp3::protocol_t::rtp_udp; }
+    sockaddr_in player_port(unsigned offset) const;
+    void send_packet();
+    void send_report();
     void watch_writability(bool wanted);
 
     worker& owner_;

@@ -39,9 +39,7 @@ void worker::stop() noexcept {
     net::Thread::stop();
     core_cmd_process(queue);
     viewers_.clear();
-    if (rtp_socket_ >= 0) net_socket_close(rtp_socket_);
-    if (rtcp_socket_ >= 0) net_socket_close(rtcp_socket_);
-    rtp_socket_ = rtcp_socket_ = -1;
+    close_udp();
 }
 
 void worker::take(int fd, const sockaddr_in& peer) {
@@ -79,6 +77,7 @@ void worker::on_tick(void* arg, net::command_ctx*) {
     const uint64_t now = time_now();
     for (const auto& each : self->viewers_)
         each->advance(now);
+    if (self->packets_.is_open()) self->packets_.send();
     on_sweep(self);
 }
 
@@ -96,14 +95,21 @@ const channel* worker::find_channel(std::string_view path) const {
 }
 
 uint16_t worker::udp_port() {
-    if (rtp_socket_ < 0 && socket_rtp_pair(&rtp_socket_, &rtcp_socket_) != 1) {
-        // The pair of the last attempt is left open.
-        if (rtp_socket_ >= 0) net_socket_close(rtp_socket_);
-        if (rtcp_socket_ >= 0) net_socket_close(rtcp_socket_);
-        rtp_socket_ = rtcp_socket_ = -1;
+    // The pair of a last attempt that failed is left open.
+    if (!packets_.is_open() &&
+        (socket_rtp_pair(&rtp_socket_, &rtcp_socket_) != 1 || !packets_.open(*this, rtp_socket_))) {
+        close_udp();
         return 0;
     }
     return net_socket_get_near_port(rtp_socket_);
+}
+
+void worker::close_udp() {
+    packets_.close();
+    for (int* fd : {&rtp_socket_, &rtcp_socket_}) {
+        if (*fd >= 0) net_socket_close(*fd);
+        *fd = -1;
+    }
 }
 
 }  // namespace camera

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "clip.h"
+#include "datagrams.h"
 #include "options.h"
 #include "viewer.h"
 
@@ -51,7 +52,8 @@ public:
     uint64_t base() const { return base_; }
     /// Port of the socket that sends RTP over UDP, the next one sends RTCP; opened at first use, 0 when that failed.
     uint16_t udp_port();
-    int rtp_socket() const { return rtp_socket_; }
+    /// RTP over UDP of all viewers; open once udp_port() is.
+    datagrams& packets() { return packets_; }
     int rtcp_socket() const { return rtcp_socket_; }
     void count_sent(uint64_t bytes) { counters_.bytes_sent += bytes; }
     void count_dropped() { ++counters_.pictures_dropped; }
@@ -63,6 +65,7 @@ private:
     static void on_take(void* owner, void* arg);
     static void on_second(void* arg, net::timer_ctx* timer);
     static void on_sweep(void* arg);
+    void close_udp();
 
     const clip& clip_;
     const options& settings_;
@@ -70,6 +73,7 @@ private:
     std::vector<std::unique_ptr<viewer>> viewers_;
     net::command_ctx* tick_ = nullptr;
     net::timer_ctx* second_ = nullptr;
+    datagrams packets_;
     int rtp_socket_ = -1;
     int rtcp_socket_ = -1;
     std::atomic<unsigned> taken_ = 0;

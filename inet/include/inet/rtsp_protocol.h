@@ -260,6 +260,11 @@ public:
     /// @param shared  outlives the session's use of the track
     void share_stream(const rtp::trak_t* shared) noexcept;
 
+    /// Server, UDP: where the next packet is built, so that the owner can gather packets and send them together. From
+    /// inside send_rtp and rtsp_rtcp it counts for the one after.
+    /// @param room  rtp::packet_size bytes that outlive their use here; null, as at first, for the session's own
+    void set_packet_room(uint8_t* room) noexcept;
+
     /// Answers PLAY.
     /// @param time_us  time of the first frame to come, for the RTP-Info of every track but the first
     int send_play(uint64_t time_us) noexcept;
@@ -520,6 +525,7 @@ private:
     uint32_t picture_start_ = 0;
     trak_t* sending_ = nullptr;
     trak_t* outer_trak_ = nullptr;
+    uint8_t* datagram_room_ = nullptr;
 
     role_t role_ = role_t::server;
     step_t step_ = step_t::none;

@@ -43,9 +43,14 @@ bool Rtsp::start_picture(uint32_t fcc) noexcept {
         make_packet_room();
     } else {
         trak_ = sending_;
-        rtp_.set_packet_room(nullptr);
+        rtp_.set_packet_room(datagram_room_);
     }
     return true;
+}
+
+void Rtsp::set_packet_room(uint8_t* room) noexcept {
+    datagram_room_ = room;
+    if (packing_ && sending_->protocol != protocol_t::rtp_tcp) rtp_.set_packet_room(room);
 }
 
 // The next packet is built right behind the framing it will need.
