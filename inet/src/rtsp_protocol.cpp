@@ -21,6 +21,7 @@ constexpr uint32_t nonce_length = 46;
 }  // namespace
 
 trak_t::~trak_t() {
+    core::destroy(gathered);
     core_buf_free(&config);
     core_buf_free(&parameter_sets);
 }
@@ -63,17 +64,22 @@ void Rtsp::close() noexcept {
 void Rtsp::release() noexcept {
     closed_ = true;
     release_ = false;
+    leave_tunnel();
     clear_traks();
     if (held_) http_header_free(held_);
     core_buf_free(&receive_);
     core_buf_free(&send_);
+    core_buf_free(&decoded_);
     used_ = 0;
 }
 
 void Rtsp::clear_traks() noexcept {
-    if (packing_) return;
+    if (packing_ || gathering_) return;
     playing_ = false;
     trak_ = nullptr;
+    response_to_.trak = nullptr;
+    for (pending_t& pending : pending_)
+        pending.trak = nullptr;
     for (uint32_t i = 0; i < trak_count_; ++i)
         core::destroy(traks_[i]);
     std::fill_n(traks_, trak_count_, nullptr);
@@ -101,7 +107,7 @@ int Rtsp::set_credentials(const char* user, const char* password) noexcept {
 
 trak_t* Rtsp::add_trak(uint32_t fcc, const char* name, const char* file, int line) noexcept {
     const format_t* format = find_format(fcc);
-    if (!format || closed_ || packing_ || trak_count_ == max_traks) return nullptr;
+    if (!format || closed_ || packing_ || role_ == role_t::client || trak_count_ == max_traks) return nullptr;
     const uint8_t pt = format->pt ? format->pt : next_pt_;
     if (rtp_.get_trak_pt(pt)) return nullptr;
 

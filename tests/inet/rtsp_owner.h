@@ -38,7 +38,9 @@ public:
     std::string events;                                  ///< numbers, each followed by a blank; rtsp_send left out
     std::string sent;                                    ///< the stream, interleaved packets as "[channel]"
     std::vector<packet_t> packets;                       ///< interleaved, and UDP by port
+    const char* group = nullptr;                         ///< for multicast, port 7000 and those 10 apart
     size_t sends = 0;
+    uint64_t time = fixed_clock();  ///< of the frames
 
     rtsp_owner() : session(rtsp3::Rtsp::create(CORE_HERE)) {
         if (session) session->set_handler(this);
@@ -77,7 +79,7 @@ public:
     int send(const std::string& data, uint32_t fcc = av::fcc_h264) {
         av::frame_t frame{};
         frame.fcc = fcc;
-        frame.time = fixed_clock();
+        frame.time = time;
         frame.data = reinterpret_cast<const uint8_t*>(data.data());
         frame.size = static_cast<uint32_t>(data.size());
         return session->send_frame(&frame);
@@ -94,20 +96,23 @@ public:
             if (all) rtsp->send_sdp("inet", "test", "camera", 0, 0);
             if (!all) rtsp->send_error(500);
         }
-        if (event == event_t::rtsp_setup) rtsp->send_setup(nullptr, 6000);
+        if (event == event_t::rtsp_setup) rtsp->send_setup(group, group ? 7000U + rtsp->trak()->channel * 5U : 6000U);
         if (event == event_t::rtsp_play) {
             rtsp->send_play(fixed_clock());
             send(access_unit(2000));
         }
         if (event == event_t::rtsp_send && reading) take();
-        if (event == event_t::send_rtp) note(rtsp->trak()->client_port);
-        if (event == event_t::rtsp_rtcp) note(rtsp->trak()->client_port + 1U);
+        if (event == event_t::send_rtp) note(port_of(*rtsp->trak()));
+        if (event == event_t::rtsp_rtcp) note(port_of(*rtsp->trak()) + 1U);
     }
 
     rtsp3::Rtsp* session;
     buf_t received;
 
 private:
+    static uint32_t port_of(const rtsp3::trak_t& trak) {
+        return trak.protocol == rtsp3::protocol_t::rtp_multicast ? trak.server_port : trak.client_port;
+    }
     void note(uint32_t port) {
         const buf_t& packet = session->rtp()->packet;
         packets.push_back({port, std::string(reinterpret_cast<char*>(packet.data), packet.length)});

@@ -71,8 +71,17 @@
 #include "inet/rtp_protocol.h"
 
 #include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace net::sdp {
+struct trak_t;
+}
 
 namespace rtsp3 {
+
+class request;
+struct transport_choice;
 
 /// How the packets of a track travel.
 struct protocol_t {
@@ -125,7 +134,7 @@ struct trak_t {
     uint32_t fcc;                 ///< server: "H264", "META", "JPEG", "PCMU" or "UNIV" (avc/fcc.h). Client: "H264",
                                   ///< "JPEG", "PCMU", "PCMA", "G726", "mp4a", "META" or "MP4A" (LATM, never delivered);
                                   ///< 0 for another encoding
-    core::owned_text name;        ///< server: the owner's text for the track. Client: its media word. Null for none
+    core::owned_text name;        ///< the owner's text for the track; null for none. Client: its media word
     const char* media;            ///< media word of the SDP; server: and value of its control attribute: "video", ...
     protocol_t::enum_t protocol;  ///< of the last SETUP
     uint8_t set_up;               ///< 1 when a SETUP of it was answered
@@ -133,11 +142,13 @@ struct trak_t {
     uint16_t client_port;         ///< UDP: the player's port for RTP; the next one is that for RTCP
     uint16_t server_port;         ///< UDP: the server's port for RTP, as send_setup() was told or the server answered;
                                   ///< multicast: the port of the group. 0 when the server did not tell
-    rtp::trak_t* rtp;             ///< its packetizer's side, with the clock rate
+    rtp::trak_t* rtp;             ///< its packetizer's side, with the clock rate and the counters. Client: null when
+                                  ///< it cannot be received
     const rtp::trak_t* shared;    ///< server: see Rtsp::share_stream(); else null
 
     // Client
-    core::owned_text control;      ///< URI of its SETUP, as it stands in RTP-Info
+    core::owned_text control;      ///< value of its control attribute; null for none
+    core::owned_text uri;          ///< URI of its SETUP
     core::owned_text source;       ///< UDP: address that the server sends from, when it is not that of the connection
     core::owned_text destination;  ///< multicast: the group
     uint32_t server_ssrc;          ///< SSRC that the server announced; 0 for none
@@ -403,10 +414,10 @@ private:
     };
 
     struct pending_t {
-        uint32_t cseq;  ///< 0: none
-        const asked_t* method;
+        uint32_t cseq;
+        const asked_t* method;  ///< null for none
         trak_t* trak;
-        bool with_credentials;
+        bool repeated;  ///< with credentials, after a 401
     };
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
@@ -434,7 +445,7 @@ private:
     core::owned_text describe(const char* name, uint64_t start_us, uint64_t end_us) const noexcept;
 
     int send_ok() noexcept;
-    bool append_header(net::http::header_s* header) noexcept;
+    bool append_header(net::http::header_s* header, const char* uri) noexcept;
     int announce_reply(uint32_t start) noexcept;
 
     bool start_picture(uint32_t fcc) noexcept;
@@ -442,45 +453,70 @@ private:
     void make_packet_room() noexcept;
     void add_interleaved(uint8_t channel) noexcept;
 
-    // Client
-    int ask(const asked_t& method, const char* uri, trak_t* trak, const char* field, const char* value) noexcept;
-    int ask_options(trak_t*) noexcept;
-    int ask_describe(trak_t*) noexcept;
+    void offer_setup(trak_t* trak, const transport_choice& choice) noexcept;
+
+    // Client. take_x() asks for null, else takes the answer with status 200.
+    int ask(const asked_t& method, const char* uri, trak_t* trak, const char* name, const char* value) noexcept;
+    int ask_options(trak_t* none) noexcept;
+    int ask_describe(trak_t* none) noexcept;
     int ask_setup(trak_t* trak) noexcept;
-    int ask_play(trak_t*) noexcept;
-    int ask_pause(trak_t*) noexcept;
-    int ask_get_parameter(trak_t*) noexcept;
-    int ask_set_parameter(trak_t*) noexcept;
-    int ask_teardown(trak_t*) noexcept;
-    int ask_get(trak_t*) noexcept;
+    int ask_setup_from(trak_t* trak, unsigned port) noexcept;
+    int ask_play(trak_t* none) noexcept;
+    int ask_pause(trak_t* none) noexcept;
+    int ask_get_parameter(trak_t* none) noexcept;
+    int ask_set_parameter(trak_t* none) noexcept;
+    int ask_teardown(trak_t* none) noexcept;
+    int ask_get(trak_t* none) noexcept;
+    void take_options(net::http::header_s* header) noexcept;
+    void take_describe(net::http::header_s* header) noexcept;
+    void take_setup(net::http::header_s* header) noexcept;
+    void take_play(net::http::header_s* header) noexcept;
+    void take_pause(net::http::header_s* header) noexcept;
+    void take_teardown(net::http::header_s* header) noexcept;
+    void take_get(net::http::header_s* header) noexcept;
+    bool may_ask() noexcept;
+    void add_credentials(request& request, const char* method, const char* uri) const noexcept;
+    int send_pending(const asked_t& method, request& request, const char* uri, trak_t* trak) noexcept;
     void serve_response(net::http::header_s* header) noexcept;
-    bool take_pending(const net::http::header_s* header, pending_t* request) noexcept;
+    bool take_pending(const net::http::header_s* header, pending_t* out) noexcept;
+    int repeat_with_credentials(const net::http::header_s* header) noexcept;
     void failed(const char* method, unsigned status, const char* why) noexcept;
     bool take_uri(const char* uri) noexcept;
-    const char* aggregate_uri() const noexcept;
     void set_up_next() noexcept;
     void set_up_done() noexcept;
-    void take_description(const net::http::header_s* header) noexcept;
-    bool take_content_base(const net::http::header_s* header) noexcept;
-    bool add_described(const void* media) noexcept;
     bool take_session(const net::http::header_s* header) noexcept;
-    void take_transport(trak_t* trak, const char* value) noexcept;
-    void take_rtp_info(const char* value) noexcept;
+    bool take_transport(trak_t* trak, const char* value) noexcept;
 
-    // Receiving
+    // Client: what the server describes
+    bool take_content_base(const net::http::header_s* header) noexcept;
+    const char* aggregate_uri() const noexcept;
+    bool take_description(const char* text) noexcept;
+    bool add_described(const net::sdp::trak_t& media) noexcept;
+    core::owned_text control_uri(const char* control) const noexcept;
+    void take_rtp_info(const char* value) noexcept;
+    trak_t* trak_of_url(std::string_view url, bool exact, const bool* taken) noexcept;
+
+    // Client: receiving
     trak_t* trak_of_channel(unsigned channel) noexcept;
     void take_report(trak_t* trak, buffer_t packet) noexcept;
-    void take_data(const rtp::trak_t* from) noexcept;
-    void add_nal(trak_t* trak, buffer_t nal) noexcept;
-    void deliver(trak_t* trak) noexcept;
+    void take_data(rtp::trak_t* from) noexcept;
+    void start_frame(trak_t& trak) noexcept;
+    void note_loss(trak_t& trak, bool another, std::span<const uint8_t> data) noexcept;
+    void resume_numbering(rtp::trak_t& rtp) noexcept;
+    void add_h264(trak_t& trak, std::span<const uint8_t> nal) noexcept;
+    void add_nal(trak_t& trak, std::span<const uint8_t> nal) noexcept;
+    void keep_parameter_set(trak_t& trak, std::span<const uint8_t> nal, bool restart) noexcept;
+    void add(trak_t& trak, std::span<const uint8_t> bytes) noexcept;
+    void deliver(trak_t& trak) noexcept;
     void send_report() noexcept;
 
     // Tunnel
     void take(buf_t* data) noexcept;
+    bool has_no_body(const net::http::header_s* header) const noexcept;
     bool decode_tunnel() noexcept;
     bool encode_tunnel(uint32_t start) noexcept;
     void leave_tunnel() noexcept;
-    void refuse_http(const net::http::header_s* header) noexcept;
+    bool take_cookie(net::http::header_s* header) noexcept;
 
     int32_t id_;
     const char* file_;
@@ -492,6 +528,7 @@ private:
     buf_t receive_;
     uint32_t used_ = 0;  // bytes of receive_ that were served
     net::http::header_s* held_ = nullptr;
+    buffer_t body_;  // of the message being served, in receive_
     char cseq_[24] = {};
 
     buf_t send_;
@@ -535,13 +572,14 @@ private:
 
     uint32_t next_cseq_ = 0;
     pending_t pending_[8] = {};
+    pending_t response_to_ = {};  // the request whose response is being served
+    bool repeating_ = false;
     const char* method_ = "";
     unsigned status_ = 0;
     const char* failure_ = "";
     core::owned_text challenge_;
     core::owned_text base_;  // content base that the server named
     bool has_get_parameter_ = false;
-    bool retrying_ = false;
     uint32_t timeout_ = 0;  // seconds, 0 for none given
 
     av::frame_t frame_ = {};

@@ -13,8 +13,6 @@ using net::http::header_s;
 constexpr uint32_t max_header = 4098;
 constexpr uint32_t max_body = 64 * 1024;
 constexpr uint32_t slice = 16 * 1024;  // what is taken of the owner's bytes at a time
-constexpr uint32_t interleaved_header = 4;
-constexpr uint32_t max_waiting = interleaved_header + 65535;  // the longest of what may be awaited
 
 std::string_view trim(std::string_view text) noexcept {
     const auto blank = [](char c) { return c == ' ' || c == '\t'; };
@@ -38,8 +36,17 @@ bool body_length(const header_s* header, uint32_t* length) noexcept {
 }  // namespace
 
 void Rtsp::process(buf_t* data) noexcept {
+    if (data && tunnel_ == tunnel_t::get_server) core_buf_ignore(data, data->length);
+    take(data);
+    buf_t none;
+    if (post_) post_->take(&none);  // what waited for this call to be through
+}
+
+// What process() takes, and what comes out of the POST connection of a tunnel.
+void Rtsp::take(buf_t* data) noexcept {
     if (!data || running_) return;
     const running call(*this);
+    const tunnel_t before = tunnel_;
     uint32_t taken = 0;
     serve_waiting();  // what found no memory the last time
     while (!closed_ && taken < data->length && receive_.length < max_waiting) {
@@ -48,6 +55,7 @@ void Rtsp::process(buf_t* data) noexcept {
         core_buf_read(&receive_, data->data + taken, piece);
         taken += piece;
         serve_waiting();
+        if (tunnel_ == tunnel_t::get_server && before != tunnel_) taken = data->length;
     }
     core_buf_ignore(data, closed_ ? data->length : taken);
 }
@@ -61,6 +69,7 @@ void Rtsp::serve_waiting() noexcept {
 
 bool Rtsp::serve_next() noexcept {
     if (held_) return serve_held();
+    if (tunnel_ == tunnel_t::post_server) return decode_tunnel();
     if (receive_.length - used_ <= interleaved_header) return false;
     return receive_.data[used_] == '$' ? take_interleaved() : take_header();
 }
@@ -73,9 +82,6 @@ bool Rtsp::take_interleaved() noexcept {
     used_ += interleaved_header + length;
     return true;
 }
-
-// A server sends media only: nothing in a receiver report changes what it does.
-void Rtsp::process_rtp(unsigned short, buffer_t) noexcept {}
 
 bool Rtsp::take_header() noexcept {
     const std::string_view waiting(reinterpret_cast<const char*>(receive_.data) + used_, receive_.length - used_);
@@ -109,7 +115,7 @@ int Rtsp::process_header(header_s* header) noexcept {
     if (!header || closed_) return 1;
     const running call(*this);
     uint32_t body = 0;
-    if (!body_length(header, &body)) {
+    if (!has_no_body(header) && !body_length(header, &body)) {
         if (!header->status) {
             remember_cseq(header);
             send_error(400);
@@ -118,13 +124,14 @@ int Rtsp::process_header(header_s* header) noexcept {
         return 1;
     }
     if (receive_.length - used_ < body) return 0;
+    body_ = buffer_t{receive_.data + used_, body};
     used_ += body;
     if (header->status) {
-        core_log_print(log_, "rtsp protocol dectect bad header");
-        core_con_printf(0, "rtsp protocol dectect bad header");
+        serve_response(header);
     } else {
         serve_request(header);
     }
+    body_ = {};
     return 1;
 }
 

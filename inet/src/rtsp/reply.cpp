@@ -1,4 +1,4 @@
-// Replies: put together as headers, printed into the send buffer whole or not at all.
+// Messages: put together as headers, printed into the send buffer whole or not at all.
 #include "rtsp/session.h"
 
 #include "core/text.h"
@@ -11,63 +11,56 @@ namespace rtsp3 {
 using net::http::header_s;
 
 reply::reply(unsigned status, const char* reason, const char* cseq) noexcept
-    : header_(http_header_respond("RTSP/1.0", status, reason)), complete_(header_ != nullptr) {
+    : message(http_header_respond("RTSP/1.0", status, reason)) {
     put("CSeq", cseq);
 }
 
-void reply::put(const char* name, const char* value) noexcept {
+request::request(const char* method, const char* uri, const char* protocol, uint32_t cseq) noexcept
+    : message(http_header_request(method, uri, protocol)) {
+    put_number("CSeq", cseq);
+    put("User-Agent", "Norvane-K Rtsp Client 14.01");
+}
+
+void message::put(const char* name, const char* value) noexcept {
     if (value && !*value) return;
     complete_ = complete_ && value && http_header_put(header_, name, value);
 }
 
-void reply::put_number(const char* name, uint32_t value) noexcept {
+void message::put_number(const char* name, uint32_t value) noexcept {
     complete_ = complete_ && http_header_put_uint32(header_, name, value);
 }
 
-void reply::put_date() noexcept {
+void message::put_date() noexcept {
     char date[40];
     time_format(time_now(), "%a, %d %b %Y %H:%M:%S GMT", date, sizeof date);
     put("Date", date);
 }
 
-namespace {
-
-/// Room that the printed header takes at most.
-size_t printed_size(const header_s* header) noexcept {
-    size_t size = core_strlen(header->protocol) + core_strlen(header->reason) + 32;
-    for (value_t* const* field = header->fields; field && *field; ++field)
-        size += core_strlen((*field)->key) + core_strlen((*field)->value) + 4;
-    return size;
-}
-
-}  // namespace
-
 // Appends without announcing, so that a header and its body go out by one event.
-bool Rtsp::append_header(header_s* header) noexcept {
-    if (closed_ || (header && !header->status)) return false;
-    const size_t room = header ? printed_size(header) : 0;
-    if (!header || room > INT32_MAX || !core_buf_respace(&send_, static_cast<uint32_t>(room), file_, line_)) {
-        core_log_print(log_, "%d: reply left out: no memory", id_);
+bool Rtsp::append_header(header_s* header, const char* uri) noexcept {
+    if (closed_) return false;
+    const core::owned_text text(http_header_str(header, uri, file_, line_));
+    const size_t size = core_strlen(text.get());
+    if (size == 0 || size > INT32_MAX || !core_buf_read(&send_, text.get(), static_cast<uint32_t>(size))) {
+        core_log_print(log_, "%d: message left out: no memory", id_);
         return false;
     }
-    char* out = reinterpret_cast<char*>(send_.data) + send_.length;
-    const int printed = http_header_sprintf(header, out, static_cast<int>(send_.size - send_.length));
-    send_.length += static_cast<uint32_t>(printed);
     return true;
 }
 
 // What was added from `start` on: counted, logged and announced.
 int Rtsp::announce_reply(uint32_t start) noexcept {
-    const uint32_t added = send_.length - start;
-    replies_ = start == 0 ? added : replies_ + added;
-    core_log_print(log_, "%d: send\n%.*s", id_, static_cast<int>(added), reinterpret_cast<char*>(send_.data) + start);
+    core_log_print(log_, "%d: send\n%.*s", id_, static_cast<int>(send_.length - start),
+                   reinterpret_cast<char*>(send_.data) + start);
+    if (!encode_tunnel(start)) return 0;
+    replies_ = start == 0 ? send_.length : replies_ + send_.length - start;
     raise(event_t::rtsp_send);
     return 1;
 }
 
-int Rtsp::send_header(header_s* header, const char*) noexcept {
+int Rtsp::send_header(header_s* header, const char* uri) noexcept {
     const uint32_t start = send_.length;
-    return append_header(header) ? announce_reply(start) : 0;
+    return append_header(header, uri) ? announce_reply(start) : 0;
 }
 
 int Rtsp::send_content(const char* data, int size) noexcept {

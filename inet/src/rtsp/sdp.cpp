@@ -72,7 +72,7 @@ int Rtsp::send_sdp(const char* s1, const char* s2, const char* s3, uint64_t star
     ok.put_number("Content-Length", size);
 
     const uint32_t start = send_.length;
-    if (!append_header(ok.header())) return 0;
+    if (!append_header(ok.header(), nullptr)) return 0;
     if (core_buf_read(&send_, sdp.get(), size) != size) {
         send_.length = start;
         return 0;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 namespace rtsp3 {
 
@@ -17,16 +18,7 @@ using net::http::header_s;
 
 namespace {
 
-constexpr uint32_t max_replies_waiting = 64 * 1024;
-
 std::atomic<uint32_t> next_session{0};
-
-const char* field(const header_s* header, const char* name) noexcept { return value_geti(header->fields, name); }
-
-bool is_printable(std::string_view text) noexcept {
-    return std::none_of(text.begin(), text.end(),
-                        [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
-}
 
 bool ends_with_segment(std::string_view path, std::string_view segment) noexcept {
     while (path.ends_with('/'))
@@ -36,19 +28,35 @@ bool ends_with_segment(std::string_view path, std::string_view segment) noexcept
     return path.empty() || path.ends_with('/');
 }
 
-/// Whether a SETUP URI, absolute or relative, names a track by its control value. Players put a query of the session's
-/// URI before the control or behind it.
-bool names_control(std::string_view uri, std::string_view control) noexcept {
-    return ends_with_segment(uri, control) || ends_with_segment(uri.substr(0, uri.find('?')), control);
+void print_transport(const trak_t& trak, const char* destination, unsigned port, std::span<char> out) noexcept {
+    switch (trak.protocol) {
+        case protocol_t::rtp_tcp:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/TCP;unicast;interleaved=%u-%u", unsigned{trak.channel},
+                          trak.channel + 1U);
+            return;
+        case protocol_t::rtp_udp:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;unicast;client_port=%u-%u;server_port=%u-%u;",
+                          unsigned{trak.client_port}, trak.client_port + 1U, port, port + 1);
+            return;
+        case protocol_t::rtp_multicast:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;multicast;destination=%s;port=%u-%u", destination, port,
+                          port + 1);
+            return;
+    }
 }
 
 }  // namespace
+
+bool names_control(std::string_view uri, std::string_view control) noexcept {
+    return ends_with_segment(uri, control) || ends_with_segment(uri.substr(0, uri.find('?')), control);
+}
 
 struct Rtsp::method_t {
     std::string_view name;
     void (Rtsp::*serve)(header_s*) noexcept;
     bool needs_admission;
     bool in_session;  ///< a Session field must be that of this conversation
+    bool by_servers;  ///< a client answers it too
 };
 
 void Rtsp::remember_cseq(const header_s* header) noexcept {
@@ -59,21 +67,24 @@ void Rtsp::remember_cseq(const header_s* header) noexcept {
 
 void Rtsp::serve_request(header_s* header) noexcept {
     static constexpr method_t methods[] = {
-        {"OPTIONS", &Rtsp::process_options, false, false},
-        {"DESCRIBE", &Rtsp::process_describe, true, false},
-        {"SETUP", &Rtsp::process_setup, true, true},
-        {"PLAY", &Rtsp::process_play, true, true},
-        {"PAUSE", &Rtsp::process_pause, true, true},
-        {"GET_PARAMETER", &Rtsp::process_get_parameter, true, true},
-        {"SET_PARAMETER", &Rtsp::process_set_parameter, true, true},
-        {"TEARDOWN", &Rtsp::process_teardown, true, true},
+        {"OPTIONS", &Rtsp::process_options, false, false, true},
+        {"DESCRIBE", &Rtsp::process_describe, true, false, false},
+        {"SETUP", &Rtsp::process_setup, true, true, false},
+        {"PLAY", &Rtsp::process_play, true, true, false},
+        {"PAUSE", &Rtsp::process_pause, true, true, false},
+        {"GET_PARAMETER", &Rtsp::process_get_parameter, true, true, true},
+        {"SET_PARAMETER", &Rtsp::process_set_parameter, true, true, true},
+        {"GET", &Rtsp::process_get, false, false, false},
+        {"POST", &Rtsp::process_post, false, false, false},
+        {"TEARDOWN", &Rtsp::process_teardown, true, true, false},
     };
+    ++activity_;
     if (send_.length == 0) replies_ = 0;
     if (replies_ > max_replies_waiting) return fail("replies are not read");
     remember_cseq(header);
     const auto method = std::find_if(std::begin(methods), std::end(methods),
                                      [&](const method_t& known) { return known.name == header->method; });
-    if (method == std::end(methods)) {
+    if (method == std::end(methods) || (role_ == role_t::client && !method->by_servers)) {
         core_log_print(log_, "%d: method is not served: %s", id_, header->method);
         return;
     }
@@ -90,6 +101,7 @@ void Rtsp::serve_request(header_s* header) noexcept {
 }
 
 int Rtsp::process_authorization(header_s* header) noexcept {
+    if (header && header->status) return repeat_with_credentials(header);
     if (!gate_ || (header && is_admitted(header))) return 1;
     core_log_print(log_, "%d: access denied", id_);
     send_error(401);
@@ -117,7 +129,7 @@ bool Rtsp::in_session(const header_s* header) const noexcept {
 }
 
 void Rtsp::process_options(header_s* header) noexcept {
-    if (!header) return;
+    if (!header || header->status) return take_options(header);
     reply ok(200, "OK", cseq_);
     ok.put("Public", "OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE");
     ok.put_date();
@@ -125,7 +137,7 @@ void Rtsp::process_options(header_s* header) noexcept {
 }
 
 void Rtsp::process_describe(header_s* header) noexcept {
-    if (!header) return;
+    if (!header || header->status) return take_describe(header);
     const char* answer = field(header, "Authorization");
     core::owned_text authorization(core_strdup(answer, file_, line_));
     if ((answer && !authorization) || !set_uri(header->uri)) {
@@ -138,26 +150,37 @@ void Rtsp::process_describe(header_s* header) noexcept {
 }
 
 void Rtsp::process_setup(header_s* header) noexcept {
-    if (!header) return;
+    if (!header || header->status) return take_setup(header);
+    const char* alternatives = field(header, "Transport");
     transport_choice choice;
-    const unsigned refusal = choose_transport(field(header, "Transport"), file_, line_, &choice);
+    unsigned refusal = choose_transport(&alternatives, file_, line_, &choice);
     if (refusal == 400) {
         send_error(400);
         return;
     }
     trak_t* trak = find_trak(header->uri);
-    if (!trak || refusal) {
-        send_error(trak ? refusal : 404);
-        return;
+    if (!trak) refusal = 404;
+    while (refusal == 0) {
+        refused_ = false;
+        offer_setup(trak, choice);
+        if (!refused_) return;
+        refusal = choose_transport(&alternatives, file_, line_, &choice);
+        if (refusal == 400) refusal = 461;
     }
-    // Refused, or not answered, the track is not set up, whatever it was before.
+    send_error(refusal);
+}
+
+// Refused, or not answered, the track is not set up, whatever it was before.
+void Rtsp::offer_setup(trak_t* trak, const transport_choice& choice) noexcept {
     trak->set_up = 0;
     trak->rtp->active = 0;
+    trak->shared = nullptr;
     trak->protocol = protocol_ = choice.protocol;
     trak->client_port = choice.client_port;
     trak->channel = choice.has_channel ? choice.channel : default_channel(trak);
     trak_ = trak;
     raise(event_t::rtsp_setup);
+    refused_ = refused_ && trak_ == trak;  // it may be gone
     trak_ = nullptr;
 }
 
@@ -184,18 +207,17 @@ trak_t* Rtsp::find_trak(const char* uri) noexcept {
     return found;
 }
 
-int Rtsp::send_setup(const char*, unsigned port) noexcept {
+int Rtsp::send_setup(const char* destination, unsigned port) noexcept {
     trak_t* trak = trak_;
     if (!trak || closed_ || packing_) return 0;
-    if (!*session_) std::snprintf(session_, sizeof session_, "%u", ++next_session);
-    char transport[96];
-    if (trak->protocol == protocol_t::rtp_tcp) {
-        std::snprintf(transport, sizeof transport, "RTP/AVP/TCP;unicast;interleaved=%u-%u", unsigned{trak->channel},
-                      trak->channel + 1U);
-    } else {
-        std::snprintf(transport, sizeof transport, "RTP/AVP/UDP;unicast;client_port=%u-%u;server_port=%u-%u;",
-                      unsigned{trak->client_port}, trak->client_port + 1U, port, port + 1);
+    if (role_ == role_t::client) return ask_setup_from(trak, port);
+    if (trak->protocol == protocol_t::rtp_multicast && (!destination || !*destination)) {
+        refused_ = !trak->set_up;
+        return 0;
     }
+    if (!*session_) std::snprintf(session_, sizeof session_, "%u", ++next_session);
+    char transport[160];
+    print_transport(*trak, destination, port, transport);
     reply ok(200, "OK", cseq_);
     ok.put("Session", session_);
     ok.put("Transport", transport);
@@ -206,6 +228,10 @@ int Rtsp::send_setup(const char*, unsigned port) noexcept {
     if (send_header(ok.header(), nullptr)) return 1;
     trak->set_up = trak->rtp->active = 0;
     return 0;
+}
+
+void Rtsp::share_stream(const rtp::trak_t* shared) noexcept {
+    if (trak_ && role_ == role_t::server && trak_->protocol == protocol_t::rtp_multicast) trak_->shared = shared;
 }
 
 // A stream of its own: nothing of an earlier one goes on, and its first packets bring a report (RFC 3550, 5.1 and 6.2).
@@ -223,7 +249,7 @@ void Rtsp::draw_stream(trak_t* trak) noexcept {
 }
 
 void Rtsp::process_play(header_s* header) noexcept {
-    if (!header) return;
+    if (!header || header->status) return take_play(header);
     if (!is_set_up()) {
         send_error(455);
         return;
@@ -252,11 +278,12 @@ core::owned_text Rtsp::rtp_info(uint64_t time_us) const noexcept {
     for (uint32_t i = 0; i < trak_count_; ++i) {
         const trak_t* trak = traks_[i];
         const char* base = content_base_ ? content_base_.get() : "";
+        const uint16_t seq = trak->shared ? trak->shared->seq : trak->rtp->seq;
         if (i == 0) {
-            info.reset(core_sprintf(file_, line_, "url=%s%s;seq=%hu", base, trak->media, trak->rtp->seq));
+            info.reset(core_sprintf(file_, line_, "url=%s%s;seq=%hu", base, trak->media, seq));
         } else {
-            info.reset(core_sprintf(file_, line_, "%s,url=%s%s;seq=%hu;rtptime=%u", info.get(), base, trak->media,
-                                    trak->rtp->seq, rtp::timestamp(time_us, trak->rtp->clock_rate)));
+            info.reset(core_sprintf(file_, line_, "%s,url=%s%s;seq=%hu;rtptime=%u", info.get(), base, trak->media, seq,
+                                    rtp::timestamp(time_us, trak->rtp->clock_rate)));
         }
         if (!info) return nullptr;
     }
@@ -264,7 +291,7 @@ core::owned_text Rtsp::rtp_info(uint64_t time_us) const noexcept {
 }
 
 void Rtsp::process_pause(header_s* header) noexcept {
-    if (!header) return;
+    if (!header || header->status) return take_pause(header);
     if (!is_set_up()) {
         send_error(455);
         return;
@@ -274,14 +301,18 @@ void Rtsp::process_pause(header_s* header) noexcept {
     raise(event_t::rtsp_pause);
 }
 
-void Rtsp::process_get_parameter(header_s* header) noexcept { process_set_parameter(header); }
+void Rtsp::process_get_parameter(header_s* header) noexcept {
+    if (!header) ask_get_parameter(nullptr);
+    if (header && !header->status) send_ok();
+}
 
 void Rtsp::process_set_parameter(header_s* header) noexcept {
-    if (header) send_ok();
+    if (!header) ask_set_parameter(nullptr);
+    if (header && !header->status) send_ok();
 }
 
 void Rtsp::process_teardown(header_s* header) noexcept {
-    if (!header) return;
+    if (!header || header->status) return take_teardown(header);
     send_ok();
     playing_ = false;
     for (uint32_t i = 0; i < trak_count_; ++i)

@@ -5,12 +5,6 @@
 
 namespace rtsp3 {
 
-namespace {
-
-constexpr uint32_t interleaved_header = 4;
-
-}  // namespace
-
 int Rtsp::send_frame(const av::frame_t* frame) noexcept {
     const running call(*this);
     if (!frame || !start_picture(frame->fcc)) return 0;
@@ -26,10 +20,10 @@ int Rtsp::send_meta(const av::meta_t* meta) noexcept {
 }
 
 bool Rtsp::start_picture(uint32_t fcc) noexcept {
-    if (!playing_ || closed_ || packing_) return false;
+    if (!playing_ || closed_ || packing_ || role_ == role_t::client) return false;
     trak_t** const end = traks_ + trak_count_;
     trak_t** const found = std::find_if(traks_, end, [&](const trak_t* trak) { return trak->fcc == fcc; });
-    if (found == end || !(*found)->set_up) return false;
+    if (found == end || !(*found)->set_up || (*found)->shared) return false;
     const bool interleaved = (*found)->protocol == protocol_t::rtp_tcp;
     if (interleaved && send_.length >= send_limit_) return false;
 
@@ -60,10 +54,15 @@ void Rtsp::make_packet_room() noexcept {
 }
 
 void Rtsp::on_rtp_event(rtp::Rtp*, rtp::event_t::enum_t event) noexcept {
-    if (!sending_ || closed_) return;
+    if (closed_) return;
     const bool report = event == rtp::event_t::rtcp;
+    if (!sending_) {
+        if (report) send_report();
+        if (event == rtp::event_t::frame) take_data(rtp_.current);
+        return;
+    }
     ++packed_;
-    if (sending_->protocol == protocol_t::rtp_udp) {
+    if (sending_->protocol != protocol_t::rtp_tcp) {
         raise(report ? event_t::rtsp_rtcp : event_t::send_rtp);
     } else if (!spilled_) {
         add_interleaved(static_cast<uint8_t>(sending_->channel + (report ? 1 : 0)));

@@ -1,0 +1,135 @@
+// The owner of an RTSP session as a viewer is one, and the wire between it and a camera's.
+#pragma once
+
+#include "rtsp_owner.h"
+
+namespace test {
+
+struct received_t {
+    uint32_t fcc;
+    std::string data;
+    bool key;
+    bool complete;
+    uint64_t time;
+    int64_t media_time;
+    uint64_t ntp_time;
+};
+
+class rtsp_viewer : public rtsp3::IRtsp {
+public:
+    std::function<void(rtsp3::event_t::enum_t)> before;
+    uint16_t port = 7000;  ///< UDP: of the first track, those of the others 10 apart; 0 for none to give
+    std::string events;    ///< numbers, each followed by a blank; rtsp_send left out
+    std::string asked;     ///< all that was sent, in the order of sending
+    std::string posted;    ///< what of it is yet to be carried over
+    std::vector<received_t> frames;
+    std::vector<std::string> reports;  ///< receiver reports, without framing
+
+    rtsp_viewer() : session(rtsp3::Rtsp::create(CORE_HERE)) {
+        if (session) session->set_handler(this);
+    }
+    ~rtsp_viewer() {
+        rtsp3::Rtsp::destroy(session);
+        core_buf_free(&received);
+    }
+    rtsp_viewer(const rtsp_viewer&) = delete;
+    rtsp_viewer& operator=(const rtsp_viewer&) = delete;
+
+    void feed(std::string_view bytes) {
+        core_buf_read(&received, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        session->process(&received);
+    }
+    /// The answer to the last request.
+    void answer(const std::string& status, const std::string& fields = "", const std::string& body = "") {
+        const size_t at = asked.rfind("CSeq: ");
+        const std::string cseq = asked.substr(at, asked.find("\r\n", at) - at);
+        const std::string length = body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
+        feed("RTSP/1.0 " + status + "\r\n" + cseq + "\r\n" + fields + length + "\r\n" + body);
+    }
+    /// Up to the first frame of a stream of that description, over TCP.
+    void play(const std::string& sdp, const std::string& info = "", const std::string& base = "") {
+        session->open("rtsp://h/live");
+        answer("200 OK", "Public: OPTIONS\r\n");
+        answer("200 OK", base, sdp);
+        for (size_t i = 0; i < rtsp3::max_traks && events.ends_with("3 "); ++i)
+            answer("200 OK", "Session: 1\r\n");
+        answer("200 OK", info);
+    }
+    void rtp(uint8_t channel, const std::string& packet) {
+        std::string bytes = packet;
+        session->process_rtp(channel, {reinterpret_cast<uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size())});
+    }
+
+    void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
+        using rtsp3::event_t;
+        if (event != event_t::rtsp_send) events += std::to_string(event) + " ";
+        if (before) before(event);
+        if (event == event_t::rtsp_setup && port) rtsp->send_setup(nullptr, port + rtsp->trak()->channel * 5U);
+        if (event == event_t::rtsp_send) take();
+        if (event == event_t::rtsp_rtcp) {
+            const buf_t& packet = rtsp->rtp()->packet;
+            reports.emplace_back(reinterpret_cast<char*>(packet.data), packet.length);
+        }
+        if (event == event_t::rtsp_frame && rtsp->frame()) {
+            const av::frame_t& f = *rtsp->frame();
+            frames.push_back({f.fcc, std::string(reinterpret_cast<const char*>(f.data), f.size), f.key != 0,
+                              f.complete != 0, f.time, rtsp->trak()->media_time, rtsp->trak()->ntp_time});
+        }
+    }
+
+    rtsp3::Rtsp* session;
+    buf_t received;
+
+private:
+    void take() {
+        buf_t* out = session->send_buffer();
+        const std::string_view bytes(reinterpret_cast<char*>(out->data), out->length);
+        posted += bytes;
+        if (bytes.starts_with('$')) {
+            reports.emplace_back(bytes.substr(4));
+        } else {
+            asked += bytes;
+        }
+        core_buf_ignore(out, out->length);
+    }
+};
+
+/// Carries what waits on either side to the other until nothing moves. The camera does not read its own output.
+inline void exchange(rtsp_viewer& viewer, rtsp_owner& camera) {
+    camera.reading = false;
+    buf_t* const out = camera.session->send_buffer();
+    while (!viewer.posted.empty() || out->length > 0 || !camera.packets.empty()) {
+        camera.feed(std::exchange(viewer.posted, {}));
+        viewer.feed({reinterpret_cast<char*>(out->data), out->length});
+        core_buf_ignore(out, out->length);
+        for (const rtsp_owner::packet_t& packet : std::exchange(camera.packets, {}))
+            viewer.rtp(static_cast<uint8_t>((packet.port - viewer.port) / 10 * 2 + packet.port % 2), packet.bytes);
+    }
+}
+
+/// The NAL units of an Annex B text, each ended by a blank. They hold no zero bytes.
+inline std::string nal_units(const std::string& stream) {
+    std::string units;
+    for (const char c : stream) {
+        const bool in_code = c == 0 || (c == 1 && !units.empty() && units.back() == 0);
+        if (in_code && c == 1) units.back() = ' ';
+        if (c == 0 && (units.empty() || units.back() != 0)) units += c;
+        if (!in_code) units += c;
+    }
+    return units;
+}
+
+inline void put(std::string& out, uint64_t value, int bytes) {
+    while (bytes-- > 0)
+        out += static_cast<char>(value >> (8 * bytes));
+}
+
+inline std::string rtp_packet(uint8_t pt, uint16_t seq, uint32_t time, const std::string& payload, bool marker = true) {
+    std::string packet{'\x80', static_cast<char>(pt | (marker ? 0x80 : 0))};
+    put(packet, seq, 2);
+    put(packet, time, 4);
+    put(packet, 7, 4);
+    return packet + payload;
+}
+
+}  // namespace test
