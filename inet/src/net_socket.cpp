@@ -192,7 +192,7 @@ bool set_reach(int fd, platform::option which) noexcept { return platform::set_o
 int bind_multicast(int fd, in_addr group) noexcept {
     set_reach(fd, platform::option::multicast_ttl);
     set_reach(fd, platform::option::ttl);
-    const bool joined = platform::join_group(fd, group);
+    const bool joined = platform::join_group(fd, group, any_address());
     const bool looped = platform::set_option(fd, platform::option::multicast_loop, 1);
     return joined && looped ? 0 : -1;
 }
@@ -340,6 +340,13 @@ bool socket_multicastInterface(int fd, const char* address) noexcept {
     return address && platform::parse_address(address, interface) && platform::set_multicast_interface(fd, interface);
 }
 
+bool socket_joinGroup(int fd, const char* group, const char* interface) noexcept {
+    in_addr parsed = {};
+    in_addr on = {};
+    return group && interface && platform::parse_address(group, parsed) && platform::parse_address(interface, on) &&
+           is_multicast(parsed) && platform::join_group(fd, parsed, on);
+}
+
 bool socket_options(int fd) noexcept {
     if (!socket_nonBlock(fd)) return false;
     socket_keepAlive(fd);
@@ -380,7 +387,7 @@ int net_udp_connect(int fd, const char* host, unsigned short) noexcept {
     set_reach(fd, platform::option::ttl);
     if (!is_multicast(address)) return 0;
     set_reach(fd, platform::option::multicast_ttl);
-    return platform::join_group(fd, address) ? 0 : -1;
+    return platform::join_group(fd, address, any_address()) ? 0 : -1;
 }
 
 int net_tcp_connect(int fd, const char* host, unsigned short port) noexcept {

@@ -394,6 +394,23 @@ TEST(Multicast, GoesOutOnTheInterfaceNamed) {
         EXPECT_FALSE(socket_multicastInterface(sender, bad));
 }
 
+TEST(Multicast, IsJoinedOnTheInterfaceNamed) {
+    constexpr const char* group = "239.255.77.1";
+    const test::udp_socket receiver;
+    ASSERT_EQ(net_udp_listen(receiver, nullptr, 0), 0);
+    ASSERT_TRUE(socket_joinGroup(receiver, group, "127.0.0.1"));
+    const test::udp_socket sender;
+    ASSERT_TRUE(socket_multicastInterface(sender, "127.0.0.1"));
+    sockaddr_in to = {};
+    ASSERT_EQ(net_addr_setup(to, group, net_socket_get_near_port(receiver)), 0);
+    EXPECT_EQ(net_udp_send_msg(sender, "news", &to), 4);
+    EXPECT_TRUE(test::await(receiver, POLLIN));
+    for (const char* bad : {static_cast<const char*>(nullptr), "", "all-hosts.mcast.net", "127.0.0.1"})
+        EXPECT_FALSE(socket_joinGroup(receiver, bad, "127.0.0.1"));
+    for (const char* bad : {static_cast<const char*>(nullptr), "lo", "203.0.113.77"})
+        EXPECT_FALSE(socket_joinGroup(receiver, "239.255.77.2", bad));
+}
+
 TEST(Addresses, ConvertBothWays) {
     sockaddr_in address = {};
     ASSERT_EQ(net_addr_setup(address, "10.200.3.4", 554), 0);

@@ -159,10 +159,10 @@ bool set_non_blocking(int fd) noexcept {
 // ports of sockets that carry it for free.
 bool set_exclusive(int fd) noexcept { return set_option(fd, option::reuse_address, 0); }
 
-bool join_group(int fd, in_addr group) noexcept {
+bool join_group(int fd, in_addr group, in_addr interface) noexcept {
     ip_mreq request = {};
     request.imr_multiaddr = group;
-    request.imr_interface.s_addr = htonl(INADDR_ANY);
+    request.imr_interface = interface;
     return setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 

@@ -45,8 +45,8 @@ bool set_non_blocking(int fd) noexcept;
 /// Before bind: nobody else will share the port, whatever options they set.
 bool set_exclusive(int fd) noexcept;
 
-/// Joins a multicast group on any interface.
-bool join_group(int fd, in_addr group) noexcept;
+/// Joins a multicast group on the interface of that address; 0.0.0.0 for the system's choice.
+bool join_group(int fd, in_addr group, in_addr interface) noexcept;
 
 /// The interface, by its address, on which multicast goes out; 0.0.0.0 for the system's choice.
 bool set_multicast_interface(int fd, in_addr interface) noexcept;
