@@ -257,6 +257,30 @@ TEST_F(RtspServer, FindsTrackAndTransport) {
     }
 }
 
+TEST_F(RtspServer, ServesMulticastWhenTheOwnerNamesAGroup) {
+    const std::string multicast = "Transport: RTP/AVP;multicast;port=5000-5001\r\n";
+    rtp::trak_t shared{};
+    shared.seq = 4711;
+    rtsp_owner owner;
+    owner.status("DESCRIBE rtsp://h/live");
+    EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", multicast), 461);
+    owner.group = "239.1.2.3";
+    owner.before = [&](event_t::enum_t event) {
+        if (event == event_t::rtsp_setup) owner.session->share_stream(&shared);
+    };
+    EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", multicast), 200);
+    EXPECT_NE(owner.sent.find("Transport: RTP/AVP/UDP;multicast;destination=239.1.2.3;port=7000-7001\r\n"),
+              std::string::npos);
+    owner.status("PLAY rtsp://h/live/");
+    EXPECT_NE(owner.sent.find("video;seq=4711"), std::string::npos) << owner.sent;
+    EXPECT_TRUE(owner.packets.empty());  // the packets are the shared packetizer's
+    owner.before = nullptr;
+    owner.status("SETUP rtsp://h/live/video", multicast);
+    owner.status("PLAY rtsp://h/live/");
+    ASSERT_FALSE(owner.packets.empty());
+    EXPECT_EQ(owner.packets.front().port, 7000U);
+}
+
 TEST_F(RtspServer, SetsUpTracksOfOneMediumInTurn) {
     rtsp_owner owner;
     owner.formats = {av::fcc_h264, av::fcc_h264, av::fcc_pcmu, av::fcc_jpeg, av::fcc_univ};
