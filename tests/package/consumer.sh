@@ -30,7 +30,7 @@ lines=$(grep -c . "$work/consumer/main.cpp")
 ((lines > 10)) || { echo "no example in README.md"; exit 1; }
 
 echo "-- by find_package"
-cmake -S "$work/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/usr" >"$work/cmake.log" || { cat "$work/cmake.log"; exit 1; }
+cmake -G Ninja -S "$work/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/usr" >"$work/cmake.log" || { cat "$work/cmake.log"; exit 1; }
 cmake --build "$work/build"
 watch "$work/build/consumer"
 watch "$work/build/consumer-static"
