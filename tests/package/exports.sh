@@ -19,11 +19,8 @@ grep -oE '(class|struct) INET_API [A-Za-z_0-9]+' "$work/headers" | awk '{print $
 
 failed=0
 while read -r name; do
-    if [[ $name == *::* ]]; then
-        scope=${name%::*}
-        # A member belongs to an exported class, a namespaced function stands in the list of functions.
-        if grep -qx "${scope##*::}" "$work/classes" || grep -qx "${name##*::}" "$work/classes"; then continue; fi
-    fi
+    # What stands inside an exported class is a member of it.
+    if tr ':' '\n' <<<"$name" | grep -qxFf "$work/classes"; then continue; fi
     grep -qx "${name##*::}" "$work/functions" || { echo "exported, but not in a public header: $name"; failed=1; }
 done <"$work/exported"
 
