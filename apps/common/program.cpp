@@ -29,6 +29,9 @@ bool nothing_held(const char* program) {
 }  // namespace
 
 void complain(const char* program, const std::string& message) {
+    // Not behind what stands in the status line.
+    if (core_con_is_terminal(1)) std::fputs("\r\x1b[K", stdout);
+    std::fflush(stdout);
     std::fprintf(stderr, "%s: %s\n", program, message.c_str());
 }
 

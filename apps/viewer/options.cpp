@@ -1,0 +1,113 @@
+#include "options.h"
+
+#include "command_line.h"
+#include "writer.h"
+
+#include "core/text.h"
+
+#include <charconv>
+#include <string_view>
+
+namespace viewer {
+namespace {
+
+using apps::take_number;
+using apps::take_text;
+using option = apps::option<options>;
+
+bool take_transport(options& o, std::string_view text) {
+    static constexpr std::string_view names[] = {"tcp", "udp", "multicast", "http"};
+    for (size_t i = 0; i < std::size(names); ++i) {
+        if (text != names[i]) continue;
+        o.way = static_cast<transport>(i);
+        return true;
+    }
+    return false;
+}
+
+bool take_uri(options& o, std::string_view text) {
+    constexpr std::string_view scheme = "rtsp://";
+    if (!o.uri.empty() || core_strncasecmp(std::string(text).c_str(), scheme.data(), scheme.size()) != 0) return false;
+    o.uri = text;
+    return text.size() > scheme.size();
+}
+
+bool take_duration(options& o, std::string_view text) {
+    constexpr double longest = 1e9;
+    double seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0 && seconds < longest)) return false;
+    o.duration = static_cast<uint64_t>(seconds * 1e6);
+    return true;
+}
+
+bool take_reconnect(options& o, std::string_view text) {
+    if (text != "forever") return take_number(o.reconnect, text, 0, 1'000'000);
+    o.reconnect = options::forever;
+    return true;
+}
+
+std::span<const option> table() {
+    static const option all[] = {
+        {"URI", "", "rtsp://[user:password@]host[:port]/path; user and password percent-coded", take_uri},
+        {"--transport", "WAY", "tcp (the default), udp, multicast or http", take_transport},
+        {"-o", "FILE", "write to a file; may be given several times",
+         [](options& o, std::string_view text) {
+             o.outputs.emplace_back(text);
+             return can_write(text);
+         }},
+        {"--duration", "SECONDS", "end after so much media", take_duration},
+        {"--reconnect", "N", "connect again, up to N times in a row, or \"forever\" (0)", take_reconnect},
+        {"--timeout", "SECONDS", "longest wait for the server and for media (10)",
+         [](options& o, std::string_view text) { return take_number(o.timeout, text, 1, 3600); }},
+        {"--stats", "", "print a line for each track at the end",
+         [](options& o, std::string_view) { return o.stats = true; }},
+        {"--log", "FILE", "write what the library logs to a file", take_text(&options::log)},
+    };
+    return all;
+}
+
+constexpr std::string_view explanations = R"(
+Files, by the end of their name:
+  .h264 .264    pictures, an H.264 stream in Annex B form
+  .mp4          H.264 pictures as fragmented MP4, which can be read while it grows
+  .wav          G.711 sound as it came; its header is right once the program has ended
+  .jpg .jpeg    JPEG pictures, a file each: x.jpg gives x_00001.jpg, ...
+  .txt .xml     metadata, one document behind the other
+Each takes the first track of its format. Only whole pictures are written: after a loss nothing until the next key
+picture.
+
+Over udp, when nothing arrives in 3 s or the server refuses it, the stream is asked for again over tcp. Over http both
+connections go to the port of the URI. Between attempts to connect again pass 1, 2, 4, ... 30 s.
+
+With --stats, on the standard output, a line for each track:
+  track=0 format=H264 frames=250 bytes=705672 seconds=10.000 mbit/s=0.565 packets=640 lost=0 left_out=0 jitter_ms=0.214
+
+Exit status:
+  0  all was received: --duration was reached, or Ctrl-C came     5  no such stream (404)
+  1  no memory, or a fault of the program                         6  the server answered something else, or nothing
+  2  the command line cannot be used                              7  no media came
+  3  the server cannot be reached                                 8  the connection was lost
+  4  the server refuses the user (401, 403)                       9  a file cannot be written
+)";
+
+}  // namespace
+
+std::optional<options> parse_options(int argc, const char* const* argv, std::string& error) {
+    options result;
+    result.help = apps::asks_for_help(argc, argv);
+    if (result.help) return result;
+    if (!apps::parse_command_line(table(), argc, argv, result, error)) return std::nullopt;
+    if (result.uri.empty()) {
+        error = "which stream? rtsp://...";
+        return std::nullopt;
+    }
+    return result;
+}
+
+std::string usage() {
+    return "inet-viewer: receives a stream over RTSP\n\nusage: inet-viewer [OPTION]... rtsp://...\n\n" +
+           apps::describe_options(table()) + std::string(explanations);
+}
+
+}  // namespace viewer
