@@ -7,6 +7,7 @@ import sys
 import threading
 
 CAMERA = os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera")
+VIEWER = os.environ.get("INET_VIEWER", "build/dev/apps/inet-viewer")
 CLIP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "apps", "camera", "clip")
 CLIP_SECONDS = 8.0
 
