@@ -70,6 +70,8 @@ class Live(Case):
         else:  # joined anywhere: what comes before the next key picture is of no use
             self.check_pictures("a.h264", 45)
         self.assertGreater(float(tracks["H264"]["mbit/s"]), 0.3)
+        self.assertGreater(float(tracks["H264"]["jitter_ms"]), 0)
+        self.assertLess(float(tracks["H264"]["jitter_ms"]), 1000)
         pictures = picture_hashes("-i", files["a.h264"])
         self.assertEqual(len(pictures), int(tracks["H264"]["frames"]))
         self.assertEqual(picture_hashes("-i", files["a.mp4"]), pictures)

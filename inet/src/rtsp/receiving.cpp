@@ -2,6 +2,7 @@
 #include "rtsp/session.h"
 
 #include "avc/fcc.h"
+#include "core/time.h"
 
 #include <algorithm>
 
@@ -49,6 +50,7 @@ void Rtsp::process_rtp(unsigned short channel, buffer_t packet) noexcept {
         take_report(trak, packet);
         rtp_.unpack_rtc(packet);
     } else {
+        rtp_.set_arrival(core_timer());
         rtp_.unpack_rtp(packet);
         if (rtp_.current) resume_numbering(*rtp_.current);
     }
