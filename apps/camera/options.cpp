@@ -2,6 +2,9 @@
 
 #include "command_line.h"
 
+#include "inet/net_socket.h"
+
+#include <string>
 #include <string_view>
 
 namespace camera {
@@ -14,6 +17,21 @@ using option = apps::option<options>;
 bool take_start(options& o, std::string_view text) {
     o.start = text == "next" ? start_t::next : start_t::key;
     return text == "next" || text == "key";
+}
+
+/// GROUP or GROUP:PORT.
+bool take_group(options& o, std::string_view text) {
+    constexpr unsigned room_for_tracks = 64;
+    const size_t colon = text.find(':');
+    o.multicast = text.substr(0, colon);
+    sockaddr_in group{};
+    // A dotted address alone: looking up a name would ask the network.
+    const bool dotted = o.multicast.find_first_not_of("0123456789.") == std::string::npos;
+    if (!dotted || net_addr_setup(group, o.multicast.c_str(), 0) != 0) return false;
+    const bool is_group = (ntohl(group.sin_addr.s_addr) >> 28) == 14;
+    return is_group && (colon == std::string_view::npos ||
+                        (take_number(o.multicast_port, text.substr(colon + 1), 1024, 65535 - room_for_tracks) &&
+                         o.multicast_port % 2 == 0));
 }
 
 std::span<const option> table() {
@@ -30,6 +48,9 @@ std::span<const option> table() {
         {"--bind", "ADDRESS", "address to listen on (127.0.0.1)", take_text(&options::bind)},
         {"--rtsp", "PORT", "RTSP port (8554); 0 takes a free one",
          [](options& o, std::string_view text) { return take_number(o.rtsp_port, text, 0, 65535); }},
+        {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},
+        {"--ttl", "N", "hops that multicast goes (1)",
+         [](options& o, std::string_view text) { return take_number(o.ttl, text, 0, 255); }},
         {"--user", "NAME", "ask viewers for this user (Digest)", take_text(&options::user)},
         {"--password", "TEXT", "and this password", take_text(&options::password)},
         {"--threads", "N", "network threads that share the viewers (1)",

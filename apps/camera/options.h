@@ -21,6 +21,9 @@ struct options {
     std::string analytics;
     std::string bind = "127.0.0.1";
     uint16_t rtsp_port = 8554;
+    std::string multicast;           ///< group; empty for no multicast
+    uint16_t multicast_port = 5004;  ///< of the first track's RTP; the others follow
+    uint8_t ttl = 1;                 ///< hops that multicast goes
     std::string user;
     std::string password;
     unsigned threads = 1;

@@ -40,11 +40,10 @@ public:
     /// Leaves out what has come up to `now`.
     void skip(uint64_t now);
 
-    /// Frame number of a track that comes next.
-    uint64_t next(size_t track) const { return next_[track]; }
+    /// Time of the earliest frame that was not taken.
+    uint64_t time_of_next() const;
 
 private:
-    uint64_t time_of_next() const;
     uint64_t media_time(uint64_t now) const;
 
     const channel* played_ = nullptr;

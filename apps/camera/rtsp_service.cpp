@@ -9,16 +9,23 @@
 
 namespace camera {
 
+rtsp_service::rtsp_service(const clip& played, const options& settings)
+    : station_{.played = played, .settings = settings, .base = time_now(), .open_tunnels = {}, .shared_streams = {}} {}
+
 bool rtsp_service::start(std::string& error) {
-    base_ = time_now();
-    for (unsigned i = 0; i < settings_.threads; ++i) {
-        workers_.push_back(std::make_unique<worker>(clip_, settings_, base_));
+    const options& settings = station_.settings;
+    for (unsigned i = 0; i < settings.threads; ++i) {
+        workers_.push_back(std::make_unique<worker>(station_, i == 0));
         workers_.back()->start();
         if (!workers_.back()->nt) {
             error = "cannot start a network thread";
             return false;
         }
         net::net_nt_set_name(workers_.back()->nt, "viewers-%u", i);
+    }
+    if (!settings.multicast.empty() &&
+        !station_.shared_streams.start(*workers_.front(), station_.played, settings, error)) {
+        return false;
     }
     if (!listen(error)) return false;
     clock_ = core_thread_start(this, &rtsp_service::keep_time, nullptr, CORE_HERE);
@@ -28,12 +35,12 @@ bool rtsp_service::start(std::string& error) {
 
 bool rtsp_service::listen(std::string& error) {
     listener_ = net_socket_create(AF_INET, SOCK_STREAM, IPPROTO_TCP, CORE_HERE);
-    const bool listening =
-        listener_ >= 0 && net_tcp_listen(listener_, settings_.bind.c_str(), settings_.rtsp_port) == 0;
+    const options& settings = station_.settings;
+    const bool listening = listener_ >= 0 && net_tcp_listen(listener_, settings.bind.c_str(), settings.rtsp_port) == 0;
     port_ = listening ? net_socket_get_near_port(listener_) : 0;
     // A taken port shows only here: the system then listens on another.
-    if (!port_ || (settings_.rtsp_port && port_ != settings_.rtsp_port)) {
-        error = "cannot listen on " + settings_.bind + ":" + std::to_string(settings_.rtsp_port);
+    if (!port_ || (settings.rtsp_port && port_ != settings.rtsp_port)) {
+        error = "cannot listen on " + settings.bind + ":" + std::to_string(settings.rtsp_port);
         return false;
     }
     net::net_nt_socket_add(workers_.front()->nt, accepting_, listener_, net::nt_flag_listening, this,
@@ -47,6 +54,10 @@ void rtsp_service::stop() {
     if (!workers_.empty()) net::net_nt_socket_rem(workers_.front()->nt, accepting_);
     if (listener_ >= 0) net_socket_close(listener_);
     listener_ = -1;
+    station_.open_tunnels.close();
+    for (const auto& each : workers_)
+        each->stop();
+    station_.shared_streams.stop();
     workers_.clear();
 }
 
@@ -57,17 +68,13 @@ void rtsp_service::on_accept(void* arg, uint32_t) {
     if (fd < 0) return;
     const auto least = std::min_element(self->workers_.begin(), self->workers_.end(),
                                         [](const auto& a, const auto& b) { return a->load() < b->load(); });
-    if ((*least)->load() >= worker::most_viewers) {
-        net_socket_close(fd);
-        return;
-    }
     (*least)->take(fd, peer);
 }
 
 void rtsp_service::keep_time(void* arg, thread_ctx* thread) {
     auto* self = static_cast<rtsp_service*>(arg);
     size_t tracks = 0;
-    for (const channel& each : self->clip_.channels)
+    for (const channel& each : self->station_.played.channels)
         tracks += each.tracks.size();
     std::vector<uint64_t> numbers(tracks, 0);
     while (!core_thread_iscancel(thread)) {
@@ -77,8 +84,11 @@ void rtsp_service::keep_time(void* arg, thread_ctx* thread) {
             core_thread_sleep(thread, static_cast<uint32_t>((due - now) / 1000 + 1));
             continue;
         }
+        // The first one sends the shared streams, whoever has the viewers.
+        const bool any = std::any_of(self->workers_.begin(), self->workers_.end(),
+                                     [](const auto& each) { return each->load() != 0; });
         for (const auto& each : self->workers_) {
-            if (each->load()) each->tick();
+            if (each->load() || (any && each == self->workers_.front())) each->tick();
         }
     }
 }
@@ -89,12 +99,12 @@ uint64_t rtsp_service::next_due(std::vector<uint64_t>& numbers, uint64_t now) co
     uint64_t due = std::numeric_limits<uint64_t>::max();
     bool come = false;
     size_t i = 0;
-    for (const channel& each : clip_.channels) {
+    for (const channel& each : station_.played.channels) {
         for (const track& played : each.tracks) {
             uint64_t& number = numbers[i++];
-            for (; base_ + played.time(number) <= now; ++number)
+            for (; station_.base + played.time(number) <= now; ++number)
                 come = true;
-            due = std::min(due, base_ + played.time(number));
+            due = std::min(due, station_.base + played.time(number));
         }
     }
     return come ? now : due;

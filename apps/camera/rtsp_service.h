@@ -18,7 +18,7 @@ namespace camera {
 class rtsp_service {
 public:
     /// Both live longer than the service.
-    rtsp_service(const clip& played, const options& settings) : clip_(played), settings_(settings) {}
+    rtsp_service(const clip& played, const options& settings);
     ~rtsp_service() { stop(); }
     rtsp_service(const rtsp_service&) = delete;
     rtsp_service& operator=(const rtsp_service&) = delete;
@@ -39,9 +39,7 @@ private:
     bool listen(std::string& error);
     uint64_t next_due(std::vector<uint64_t>& numbers, uint64_t now) const;
 
-    const clip& clip_;
-    const options& settings_;
-    uint64_t base_ = 0;
+    station station_;
     int listener_ = -1;
     uint16_t port_ = 0;
     net::socket_ctx* accepting_ = nullptr;

@@ -10,61 +10,108 @@
 
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace camera {
 namespace {
 
 constexpr uint32_t receive_size = 8 * 1024;
 
+/// Seconds that a new connection has for its first request.
+constexpr unsigned first_request = 10;
+/// Seconds without request or report after which a session ends: the timeout of RFC 2326, 12.37.
+constexpr unsigned session_timeout = 60;
+
 /// More than the headers of the packets of a frame, with its report.
 constexpr uint32_t packet_overhead(uint32_t frame_size) { return frame_size / 32 + 2 * rtp::packet_size; }
 
 }  // namespace
 
-viewer::viewer(worker& owner, int fd, const sockaddr_in& peer) : owner_(owner), fd_(fd), peer_(peer) {
-    rtsp_ = rtsp3::Rtsp::create(CORE_HERE);
-    if (!rtsp_ || !core_buf_resize(&received_, receive_size, CORE_HERE)) {
-        finished_ = true;
-        return;
-    }
-    rtsp_->set_handler(this);
+viewer::viewer(worker& owner, int fd, const sockaddr_in& peer, rtsp3::Rtsp* session)
+    : owner_(owner), fd_(fd), peer_(peer), rtsp_(session ? session : rtsp3::Rtsp::create(CORE_HERE)) {
+    finished_ = !rtsp_ || !core_buf_resize(&received_, receive_size, CORE_HERE);
+    if (finished_) return;
     const options& settings = owner_.settings();
+    rtsp_->set_handler(this);
     rtsp_->set_send_limit(settings.backlog);
-    if (!settings.user.empty() && !rtsp_->set_credentials(settings.user.c_str(), settings.password.c_str())) {
-        finished_ = true;
+    if (!session && !settings.user.empty()) {
+        finished_ = !rtsp_->set_credentials(settings.user.c_str(), settings.password.c_str());
     }
     net::net_nt_socket_add(owner_.nt, socket_, fd_, net::nt_flag_read, this, &viewer::on_socket);
     if (!socket_) finished_ = true;
 }
 
 viewer::~viewer() {
+    if (rtsp_) owner_.open_tunnels().remove(*this);
+    if (sharing_) shared_->remove_viewer();
+    if (partner_) partner_->partner_ = nullptr;
     net::net_nt_socket_rem(owner_.nt, socket_);
-    net_socket_close(fd_);
+    if (fd_ >= 0) net_socket_close(fd_);
     rtsp3::Rtsp::destroy(rtsp_);
     core_buf_free(&received_);
+}
+
+void viewer::finish() {
+    finished_ = true;
+    if (partner_) partner_->finished_ = true;
 }
 
 void viewer::on_socket(void* arg, uint32_t events) {
     auto* self = static_cast<viewer*>(arg);
     if (events & net::nt_event_read) self->receive();
     if (events & net::nt_event_write) self->flush();
-    self->advance(time_now());
+    self->serve();
     if (self->finished_) self->owner_.sweep();
 }
 
 void viewer::receive() {
     // Keep room when the session left something for want of memory; a full buffer then ends the connection.
-    if (received_.length == received_.size) {
-        finished_ = true;
-        return;
-    }
+    if (received_.length == received_.size) return finish();
     const int count = net_tcp_recv(fd_, received_);
-    if (count == 0 || (count < 0 && socket_get_error_code() != socket_error_would_block)) {
-        finished_ = true;
-        return;
-    }
+    if (count == 0 || (count < 0 && socket_get_error_code() != socket_error_would_block)) return finish();
     rtsp_->process(&received_);
-    flush();
+    if (!is_post_ || partner_ || finished_) return;
+    // The GET end may be on another thread.
+    worker* here = nullptr;
+    const auto go = [&](worker& at) { &at == &owner_ ? static_cast<void>(here = &at) : leave_to(at); };
+    const bool found = owner_.open_tunnels().find(rtsp_->tunnel_cookie(), peer_.sin_addr, go);
+    if (here) here->pair(*this);
+    if (!found) finish();
+}
+
+/// What follows input: answers go out, and what is due at once.
+void viewer::serve() {
+    if (partner_ && is_post_) return partner_->serve();
+    if (rtsp_) flush();
+    if (finished_) return;
+    count_sharing();
+    advance(time_now());
+}
+
+bool viewer::fits(const viewer& get) const {
+    const char* const cookie = rtsp_->tunnel_cookie();
+    return &get != this && !get.finished_ && !get.is_post_ && !get.partner_ && get.rtsp_->tunnel_cookie() && cookie &&
+           std::string_view(get.rtsp_->tunnel_cookie()) == cookie && get.peer_.sin_addr.s_addr == peer_.sin_addr.s_addr;
+}
+
+bool viewer::join(viewer& get) {
+    is_post_ = true;
+    partner_ = &get;
+    get.partner_ = this;
+    if (!rtsp_->join(get.rtsp_)) {
+        partner_ = get.partner_ = nullptr;
+        return false;
+    }
+    get.serve();  // what was held until now
+    return true;
+}
+
+void viewer::leave_to(worker& other) {
+    finish();
+    if (received_.length) return;  // what the session had no memory for would be lost
+    net::net_nt_socket_rem(owner_.nt, socket_);
+    rtsp_->set_handler(nullptr);
+    other.take(std::exchange(fd_, -1), peer_, std::exchange(rtsp_, nullptr));
 }
 
 void viewer::flush() {
@@ -74,7 +121,7 @@ void viewer::flush() {
         if (count > 0) owner_.count_sent(static_cast<uint64_t>(count));
         took_ = took_ || count > 0;
         if (count < 0 && socket_get_error_code() != socket_error_would_block) {
-            finished_ = true;
+            finish();
             waiting.length = 0;
         }
     }
@@ -128,9 +175,26 @@ bool viewer::fits(const av::frame_t& frame) const {
 }
 
 void viewer::watch() {
+    if (finished_) return;
     stalled_ = took_ || rtsp_->send_buffer()->length == 0 ? 0 : stalled_ + 1;
     took_ = false;
-    if (stalled_ >= owner_.settings().stall) finished_ = true;
+    const uint32_t activity = rtsp_->activity();
+    silent_ = activity == activity_ ? silent_ + 1 : 0;
+    activity_ = activity;
+    // A POST end asks in the name of its GET end.
+    const bool silent = !(is_post_ && partner_) && silent_ >= (activity ? session_timeout : first_request);
+    if (silent || stalled_ >= owner_.settings().stall) finish();
+}
+
+bool viewer::take_report(const sockaddr_in& from, buffer_t report) {
+    if (finished_ || from.sin_addr.s_addr != peer_.sin_addr.s_addr) return false;
+    for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
+        if (!trak->set_up || trak->protocol != rtsp3::protocol_t::rtp_udp) continue;
+        if (net_addr_port(from) != trak->client_port + 1) continue;
+        rtsp_->process_rtp(static_cast<unsigned short>(trak->channel + 1), report);
+        return true;
+    }
+    return false;
 }
 
 void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept {
@@ -152,7 +216,13 @@ void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noex
             send_report();
             break;
         case e::rtsp_close:
-            finished_ = true;
+            finish();
+            break;
+        case e::tunnel_get:
+            owner_.open_tunnels().add(rtsp_->tunnel_cookie(), peer_.sin_addr, owner_, *this);
+            break;
+        case e::tunnel_post:
+            is_post_ = true;  // joined when the running call is through
             break;
         default:
             break;  // rtsp_send: flush() follows each input and each picture
@@ -165,6 +235,8 @@ void viewer::describe() {
     std::string_view path = uri && uri->path ? uri->path : "";
     while (path.ends_with('/'))
         path.remove_suffix(1);
+    count_sharing();  // the tracks are gone
+    shared_ = nullptr;
     channel_ = owner_.find_channel(path);
     if (!channel_) {
         rtsp_->send_error(404);
@@ -176,22 +248,55 @@ void viewer::describe() {
 }
 
 void viewer::set_up() {
-    if (rtsp_->trak()->protocol != rtsp3::protocol_t::rtp_udp) {
-        rtsp_->send_setup(nullptr, 0);
-        return;
-    }
-    const uint16_t port = owner_.udp_port();
-    if (port) {
-        rtsp_->send_setup(nullptr, port);
-    } else {
+    const rtsp3::trak_t& trak = *rtsp_->trak();
+    if (trak.protocol == rtsp3::protocol_t::rtp_multicast) return share(trak);
+    const bool udp = trak.protocol == rtsp3::protocol_t::rtp_udp;
+    const uint16_t port = udp ? owner_.udp_port() : 0;
+    if (udp && !port) {
         rtsp_->send_error(500);
+    } else {
+        rtsp_->send_setup(nullptr, port);
+    }
+}
+
+uint32_t viewer::index_of(const rtsp3::trak_t& trak) const {
+    uint32_t index = 0;
+    while (rtsp_->trak(index) != &trak)
+        ++index;
+    return index;
+}
+
+void viewer::share(const rtsp3::trak_t& trak) {
+    shared_ = owner_.shared_streams().find(*channel_);
+    const uint32_t index = index_of(trak);
+    if (shared_) rtsp_->share_stream(&shared_traks_[index]);
+    rtsp_->send_setup(shared_ ? owner_.settings().multicast.c_str() : nullptr, shared_ ? shared_->port(index) : 0);
+}
+
+/// Keeps the count of those who watch the shared streams.
+void viewer::count_sharing() {
+    bool wanted = false;
+    for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i)
+        wanted = wanted || (watching() && trak->set_up && trak->shared);
+    if (wanted == sharing_) return;
+    sharing_ = wanted;
+    if (wanted) {
+        shared_->add_viewer();
+    } else {
+        shared_->remove_viewer();
     }
 }
 
 void viewer::play() {
     playback_.begin(*channel_, owner_.settings().start, owner_.base(), time_now());
     wait_for_key_ = false;
-    rtsp_->send_play(playback_.start_time());
+    uint64_t first = playback_.start_time();
+    for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
+        if (!trak->shared) continue;
+        shared_traks_[i].seq = shared_->next_seq(i);
+        if (shared_->next_time()) first = shared_->next_time();
+    }
+    rtsp_->send_play(first);
 }
 
 sockaddr_in viewer::player_port(unsigned offset) const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "clip.h"
+#include "multicast.h"
 #include "playback.h"
 
 #include "avc/frame.h"
@@ -17,23 +18,34 @@ namespace camera {
 class worker;
 
 /// Lives from the accepted connection until the worker deletes it, which it does once `finished()`. All on the worker's
-/// thread.
+/// thread. RTSP over HTTP makes two of them: the GET end, which is the session, and the POST end, which feeds it.
 class viewer final : public rtsp3::IRtsp {
 public:
-    /// Takes over the descriptor.
-    viewer(worker& owner, int fd, const sockaddr_in& peer);
+    /// Takes over the descriptor, and the session when the connection has one already.
+    viewer(worker& owner, int fd, const sockaddr_in& peer, rtsp3::Rtsp* session);
     ~viewer();
     viewer(const viewer&) = delete;
     viewer& operator=(const viewer&) = delete;
 
-    /// The session could be made and the connection is open.
+    /// The connection is to be closed.
     bool finished() const { return finished_; }
+    /// Closes it as soon as no callback of it runs, and the other end of its tunnel with it.
+    void finish();
+    /// It is served nothing, nor is it part of a tunnel.
+    bool idle() const { return !finished_ && !partner_ && !rtsp_->playing(); }
 
-    /// Once a second: drops a viewer that takes nothing.
+    /// Whether `get` is the GET end of this POST end.
+    bool fits(const viewer& get) const;
+    bool join(viewer& get);
+
+    /// Once a second: ends a connection that takes nothing or asks for nothing.
     void watch();
 
     /// Sends the frames that are due: nothing before PLAY and after PAUSE or TEARDOWN.
     void advance(uint64_t now);
+
+    /// A datagram that came to the RTCP socket. @return whether it is this viewer's
+    bool take_report(const sockaddr_in& from, buffer_t report);
 
 private:
     static void on_socket(void* arg, uint32_t events);
@@ -41,6 +53,8 @@ private:
 
     bool watching() const { return !finished_ && rtsp_->playing(); }
     void receive();
+    void serve();
+    void leave_to(worker& other);
     void flush();
     void send(const av::frame_t& frame);
     bool fits(const av::frame_t& frame) const;
@@ -51,6 +65,9 @@ private:
     sockaddr_in player_port(unsigned offset) const;
     void send_packet();
     void send_report();
+    uint32_t index_of(const rtsp3::trak_t& trak) const;
+    void share(const rtsp3::trak_t& trak);
+    void count_sharing();
     void watch_writability(bool wanted);
 
     worker& owner_;
@@ -61,6 +78,15 @@ private:
     buf_t received_;
     const channel* channel_ = nullptr;
     playback playback_;
+    viewer* partner_ = nullptr;  ///< the other end of the tunnel
+    bool is_post_ = false;
+
+    shared_channel* shared_ = nullptr;              ///< of the channel, with multicast
+    bool sharing_ = false;                          ///< counted as one of its viewers
+    rtp::trak_t shared_traks_[rtsp3::max_traks]{};  ///< what the session tells of the shared streams
+
+    uint32_t activity_ = 0;
+    unsigned silent_ = 0;   ///< seconds without activity
     unsigned stalled_ = 0;  ///< seconds in which nothing was taken of what waits
     bool took_ = false;     ///< something was, since the last second
     bool wait_for_key_ = false;

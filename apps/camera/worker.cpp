@@ -13,12 +13,13 @@ namespace {
 struct handover {
     int fd;
     sockaddr_in peer;
+    rtsp3::Rtsp* session;
 };
 
-}  // namespace
+constexpr uint32_t longest_report = 1500;
+constexpr int reports_at_once = 64;
 
-worker::worker(const clip& played, const options& settings, uint64_t base)
-    : clip_(played), settings_(settings), base_(base) {}
+}  // namespace
 
 worker::~worker() { stop(); }
 
@@ -34,6 +35,7 @@ void worker::stop() noexcept {
     net::net_nt_command_destroy(tick_);
     tick_ = nullptr;
     second_ = nullptr;
+    reports_ = nullptr;
     // Ends the loop first: viewers are not called any more and can be deleted from here; their registrations went with
     // it.
     net::Thread::stop();
@@ -42,13 +44,14 @@ void worker::stop() noexcept {
     close_udp();
 }
 
-void worker::take(int fd, const sockaddr_in& peer) {
-    auto pending = std::make_unique<handover>(handover{fd, peer});
+void worker::take(int fd, const sockaddr_in& peer, rtsp3::Rtsp* session) {
+    auto pending = std::make_unique<handover>(handover{fd, peer, session});
     if (!core_cmd_exec(queue, &worker::on_take, pending.get())) {
         net_socket_close(fd);
+        rtsp3::Rtsp::destroy(session);
         return;
     }
-    static_cast<void>(pending.release());  // on_take() takes it
+    pending.release();
     ++taken_;
     net::net_nt_command_exec(command);
 }
@@ -57,13 +60,31 @@ void worker::on_take(void* owner, void* arg) {
     auto* self = static_cast<worker*>(static_cast<net::Thread*>(owner));
     const std::unique_ptr<handover> given(static_cast<handover*>(arg));
     // Stopping: what was handed over last finds no thread.
-    if (!self->nt) {
+    if (!self->nt || !self->make_place()) {
         net_socket_close(given->fd);
+        rtsp3::Rtsp::destroy(given->session);
+        --self->taken_;
         return;
     }
-    self->viewers_.push_back(std::make_unique<viewer>(*self, given->fd, given->peer));
-    self->counters_.viewers = static_cast<unsigned>(self->viewers_.size());
-    if (self->viewers_.back()->finished()) on_sweep(self);
+    self->viewers_.push_back(std::make_unique<viewer>(*self, given->fd, given->peer, given->session));
+    viewer& added = *self->viewers_.back();
+    if (given->session && !added.finished()) self->pair(added);
+    on_sweep(self);
+}
+
+/// Whoever plays is not driven out by those who only connect.
+bool worker::make_place() {
+    if (viewers_.size() < most_viewers) return true;
+    const auto idle = std::find_if(viewers_.begin(), viewers_.end(), [](const auto& each) { return each->idle(); });
+    if (idle == viewers_.end()) return false;
+    (*idle)->finish();
+    on_sweep(this);
+    return true;
+}
+
+void worker::pair(viewer& post) {
+    const auto get = std::find_if(viewers_.begin(), viewers_.end(), [&](const auto& each) { return post.fits(*each); });
+    if (get == viewers_.end() || !post.join(**get)) post.finish();
 }
 
 void worker::on_sweep(void* arg) {
@@ -78,6 +99,10 @@ void worker::on_tick(void* arg, net::command_ctx*) {
     for (const auto& each : self->viewers_)
         each->advance(now);
     if (self->packets_.is_open()) self->packets_.send();
+    if (self->first_) {
+        const station& shared = self->station_;
+        self->count_sent(self->shared_streams().advance(shared.settings, shared.base, now));
+    }
     on_sweep(self);
 }
 
@@ -89,9 +114,9 @@ void worker::on_second(void* arg, net::timer_ctx*) {
 }
 
 const channel* worker::find_channel(std::string_view path) const {
-    const auto found = std::find_if(clip_.channels.begin(), clip_.channels.end(),
+    const auto found = std::find_if(station_.played.channels.begin(), station_.played.channels.end(),
                                     [path](const channel& each) { return each.path == path; });
-    return found == clip_.channels.end() ? nullptr : &*found;
+    return found == station_.played.channels.end() ? nullptr : &*found;
 }
 
 uint16_t worker::udp_port() {
@@ -101,11 +126,26 @@ uint16_t worker::udp_port() {
         close_udp();
         return 0;
     }
+    if (!reports_) net::net_nt_socket_add(nt, reports_, rtcp_socket_, net::nt_flag_read, this, &worker::on_report);
     return net_socket_get_near_port(rtp_socket_);
+}
+
+/// A report keeps the session of the viewer alive that it comes from.
+void worker::on_report(void* arg, uint32_t) {
+    auto* self = static_cast<worker*>(arg);
+    uint8_t bytes[longest_report];
+    buf_t report{bytes, sizeof bytes, 0};
+    sockaddr_in from{};
+    for (int i = 0; i < reports_at_once && net_udp_recv(self->rtcp_socket_, report, &from) >= 0; ++i) {
+        for (const auto& each : self->viewers_) {
+            if (each->take_report(from, {report.data, report.length})) break;
+        }
+    }
 }
 
 void worker::close_udp() {
     packets_.close();
+    if (reports_) net::net_nt_socket_rem(nt, reports_);
     for (int* fd : {&rtp_socket_, &rtcp_socket_}) {
         if (*fd >= 0) net_socket_close(*fd);
         *fd = -1;

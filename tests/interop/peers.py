@@ -15,8 +15,9 @@ CLIP_SECONDS = 8.0
 class Camera:
     """inet-camera on a free port; ends by Ctrl-C and must then have exited cleanly with nothing held."""
 
-    def __init__(self, *arguments):
-        self.process = subprocess.Popen([CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
+    def __init__(self, *arguments, prefix=()):
+        """`prefix` is a command that starts the program, such as that for another network namespace."""
+        self.process = subprocess.Popen([*prefix, CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, text=True)
         self.errors = []
         self.reader = threading.Thread(target=lambda: self.errors.extend(self.process.stderr))

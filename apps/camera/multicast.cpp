@@ -1,0 +1,127 @@
+#include "multicast.h"
+
+#include "common/digest.h"
+#include "core/memory.h"
+#include "inet/net_socket.h"
+#include "inet/rtsp_protocol.h"
+
+#include <algorithm>
+#include <new>
+
+namespace camera {
+
+shared_channel::shared_channel(const channel& played, sockaddr_in group, datagrams& packets, int socket)
+    : played_(played),
+      packets_(packets),
+      socket_(socket),
+      group_(group),
+      first_port_(net_addr_port(group)),
+      rtp_(rtp::Rtp::create(CORE_HERE)),
+      next_seq_(played.tracks.size()) {
+    if (!rtp_) throw std::bad_alloc();
+    rtp_->set_handler(this);
+    rtp_->set_report_clock(rtp::report_clock_t::packets);
+    add_tracks();
+    publish(0);
+}
+
+/// Payload types and clocks are those that sessions announce.
+void shared_channel::add_tracks() {
+    const std::unique_ptr<rtsp3::Rtsp, decltype(&rtsp3::Rtsp::destroy)> session(rtsp3::Rtsp::create(CORE_HERE),
+                                                                                &rtsp3::Rtsp::destroy);
+    for (const track& each : played_.tracks) {
+        const rtsp3::trak_t* announced = session ? session->add_trak(each.fcc(), nullptr, CORE_HERE) : nullptr;
+        rtp::trak_t* added = announced ? rtp_->add_trak(announced->rtp->pt, each.fcc()) : nullptr;
+        if (!added) throw std::bad_alloc();
+        added->clock_rate = announced->rtp->clock_rate;
+        common_random(&added->ssrc, sizeof added->ssrc);
+        common_random(&added->seq, sizeof added->seq);
+        added->active = 1;
+    }
+}
+
+/// The first packets bring a report, as a player that comes now knows none.
+void shared_channel::begin(start_t start, uint64_t base, uint64_t now) {
+    playback_.begin(played_, start, base, now);
+    for (size_t i = 0; i < next_seq_.size(); ++i)
+        rtp_->traks[i]->next_rtcp = 0;
+}
+
+uint64_t shared_channel::advance(start_t start, uint64_t base, uint64_t now) {
+    if (viewers_ == 0) {
+        publish(0);
+        return 0;
+    }
+    if (begin_.exchange(false)) begin(start, base, now);
+    if (playback_.lost_touch(now)) playback_.skip(now);
+    sent_ = 0;
+    while (const av::frame_t* frame = playback_.due(now)) {
+        playback_.take();
+        if (!packets_.has_room(frame->size)) continue;
+        rtp_->set_packet_room(packets_.room());
+        rtp_->pack(frame);
+    }
+    publish(playback_.time_of_next());
+    return sent_;
+}
+
+void shared_channel::publish(uint64_t next_time) {
+    for (size_t i = 0; i < next_seq_.size(); ++i)
+        next_seq_[i] = rtp_->traks[i]->seq;
+    next_time_ = next_time;
+}
+
+void shared_channel::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept {
+    const auto index = std::find(rtp->traks, rtp->traks + next_seq_.size(), rtp->current) - rtp->traks;
+    const bool report = event == rtp::event_t::rtcp;
+    group_.sin_port = htons(static_cast<uint16_t>(port(static_cast<size_t>(index)) + (report ? 1 : 0)));
+    sent_ += rtp->packet.length;
+    if (report) {
+        buffer_t bytes{rtp->packet.data, rtp->packet.length};
+        net_udp_send_buffer(socket_, &bytes, &group_);
+    } else {
+        packets_.add(rtp->packet.length, group_);
+        rtp->set_packet_room(packets_.room());
+    }
+}
+
+bool multicast::start(net::Thread& thread, const clip& played, const options& settings, std::string& error) {
+    sockaddr_in group{};
+    net_addr_setup(group, settings.multicast.c_str(), settings.multicast_port);
+    socket_ = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
+    const bool ready = socket_ >= 0 && socket_multicastInterface(socket_, settings.bind.c_str()) &&
+                       net_socket_bind(socket_, settings.bind.c_str(), 0) == 0 && packets_.open(thread, socket_);
+    if (!ready) {
+        error = "cannot send to " + settings.multicast + " from " + settings.bind;
+        return false;
+    }
+    socket_multicastTTL(socket_, settings.ttl);
+    for (const channel& each : played.channels) {
+        channels_.push_back(std::make_unique<shared_channel>(each, group, packets_, socket_));
+        group.sin_port = htons(channels_.back()->port(each.tracks.size()));
+    }
+    return true;
+}
+
+void multicast::stop() {
+    channels_.clear();
+    packets_.close();
+    if (socket_ >= 0) net_socket_close(socket_);
+    socket_ = -1;
+}
+
+shared_channel* multicast::find(const channel& played) const {
+    const auto found =
+        std::find_if(channels_.begin(), channels_.end(), [&](const auto& each) { return each->played() == &played; });
+    return found == channels_.end() ? nullptr : found->get();
+}
+
+uint64_t multicast::advance(const options& settings, uint64_t base, uint64_t now) {
+    uint64_t bytes = 0;
+    for (const auto& each : channels_)
+        bytes += each->advance(settings.start, base, now);
+    if (packets_.is_open()) packets_.send();
+    return bytes;
+}
+
+}  // namespace camera

@@ -1,0 +1,95 @@
+// RTP over UDP multicast: one stream for each track, sent once for all who watch.
+#pragma once
+
+#include "clip.h"
+#include "datagrams.h"
+#include "options.h"
+#include "playback.h"
+
+#include "inet/net_thread.h"
+#include "inet/rtp_protocol.h"
+#include "inet/sockaddr.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace camera {
+
+/// The streams of a channel. They begin with a key picture when the first viewer comes, and rest when the last is gone.
+class shared_channel final : private rtp::IRtp {
+public:
+    /// @param group  the port for RTP of the first track; the next one is that for RTCP, and so on
+    shared_channel(const channel& played, sockaddr_in group, datagrams& packets, int socket);
+    ~shared_channel() { rtp::Rtp::destroy(rtp_); }
+    shared_channel(const shared_channel&) = delete;
+    shared_channel& operator=(const shared_channel&) = delete;
+
+    // From any thread
+
+    const channel* played() const { return &played_; }
+    void add_viewer() {
+        if (viewers_ == 0) begin_ = true;
+        ++viewers_;
+    }
+    void remove_viewer() { --viewers_; }
+    uint16_t port(size_t track) const { return static_cast<uint16_t>(first_port_ + 2 * track); }
+    /// Sequence number of the next packet.
+    uint16_t next_seq(size_t track) const { return next_seq_[track]; }
+    /// Time of the next frame; 0 while the streams rest.
+    uint64_t next_time() const { return next_time_; }
+
+    // On the thread that sends
+
+    /// Sends what is due. @return the bytes
+    uint64_t advance(start_t start, uint64_t base, uint64_t now);
+
+private:
+    void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
+    void add_tracks();
+    void begin(start_t start, uint64_t base, uint64_t now);
+    void publish(uint64_t next_time);
+
+    const channel& played_;
+    datagrams& packets_;
+    const int socket_;
+    sockaddr_in group_;
+    const uint16_t first_port_;
+    rtp::Rtp* rtp_;
+    playback playback_;
+    uint64_t sent_ = 0;
+    std::atomic<unsigned> viewers_ = 0;
+    std::atomic<bool> begin_ = false;
+    std::atomic<uint64_t> next_time_ = 0;
+    std::vector<std::atomic<uint16_t>> next_seq_;
+};
+
+/// All of them, on one network thread.
+class multicast {
+public:
+    multicast() = default;
+    ~multicast() { stop(); }
+    multicast(const multicast&) = delete;
+    multicast& operator=(const multicast&) = delete;
+
+    /// Opens the socket, on the interface that the camera is bound to. Before viewers come.
+    /// @return false with the reason in `error`
+    bool start(net::Thread& thread, const clip& played, const options& settings, std::string& error);
+    /// After the thread has stopped and all viewers are gone.
+    void stop();
+
+    /// The streams of a channel; null without multicast. Any thread.
+    shared_channel* find(const channel& played) const;
+    /// On the thread: sends what is due. @return the bytes
+    uint64_t advance(const options& settings, uint64_t base, uint64_t now);
+
+private:
+    int socket_ = -1;
+    datagrams packets_;
+    std::vector<std::unique_ptr<shared_channel>> channels_;
+};
+
+}  // namespace camera
