@@ -74,7 +74,7 @@ class Stall(unittest.TestCase):
             self.assertEqual({nal_type(packet) for packet in pictures[stamp]} & {SPS, IDR}, {SPS, IDR})
 
     def test_it_is_dropped_and_nobody_waits_for_it(self):
-        with self.camera("--backlog", "262144", "--stall", "3") as camera:
+        with self.camera("--stall", "3") as camera:
             stalled = [self.play(camera, receive_buffer=8192) for _ in range(5)]
             reading = self.play(camera)
             arrivals = {}
@@ -86,7 +86,7 @@ class Stall(unittest.TestCase):
             stamps = list(arrivals)
             self.assertEqual({(b - a) % 2**32 for a, b in zip(stamps, stamps[1:])}, {PICTURE})
             times = list(arrivals.values())
-            self.assertLess(max(b - a for a, b in zip(times, times[1:])), 0.5)
+            self.assertLess(max(b - a for a, b in zip(times, times[1:])), 1.0)
             for player in stalled:
                 with self.assertRaises((EOFError, ConnectionError)):
                     for _ in range(100000):
