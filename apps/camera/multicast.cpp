@@ -9,6 +9,12 @@
 #include <new>
 
 namespace camera {
+namespace {
+
+constexpr uint32_t longest_report = 1500;
+constexpr int reports_at_once = 64;
+
+}  // namespace
 
 shared_channel::shared_channel(const channel& played, sockaddr_in group, datagrams& packets, int socket)
     : played_(played),
@@ -65,6 +71,12 @@ uint64_t shared_channel::advance(start_t start, uint64_t base, uint64_t now) {
     return sent_;
 }
 
+/// Our own sender reports come back from the group.
+void shared_channel::take_report(in_addr from, buffer_t report) {
+    constexpr uint8_t receiver_report = 201;  // RFC 3550, 6.4.2
+    if (report.size >= 8 && report.data[0] >> 6 == 2 && report.data[1] == receiver_report) ++reports_[place_of(from)];
+}
+
 void shared_channel::publish(uint64_t next_time) {
     for (size_t i = 0; i < next_seq_.size(); ++i)
         next_seq_[i] = rtp_->traks[i]->seq;
@@ -98,12 +110,40 @@ bool multicast::start(net::Thread& thread, const clip& played, const options& se
     socket_multicastTTL(socket_, settings.ttl);
     for (const channel& each : played.channels) {
         channels_.push_back(std::make_unique<shared_channel>(each, group, packets_, socket_));
+        listen_for_reports(thread, *channels_.back(), settings);
         group.sin_port = htons(channels_.back()->port(each.tracks.size()));
     }
     return true;
 }
 
+/// Without them only requests keep the sessions of viewers alive.
+void multicast::listen_for_reports(net::Thread& thread, shared_channel& streams, const options& settings) {
+    for (size_t i = 0; i < streams.played()->tracks.size(); ++i) {
+        const int fd = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
+        if (fd < 0) continue;
+        auto made = std::make_unique<report_port>(report_port{streams, fd, nullptr});
+        const auto port = static_cast<unsigned short>(streams.port(i) + 1);
+        if (net_udp_listen(fd, nullptr, port) == 0 &&
+            socket_joinGroup(fd, settings.multicast.c_str(), settings.bind.c_str())) {
+            net::net_nt_socket_add(thread.nt, made->socket, fd, net::nt_flag_read, made.get(), &multicast::on_report);
+        }
+        reports_.push_back(std::move(made));
+    }
+}
+
+void multicast::on_report(void* arg, uint32_t) {
+    auto* self = static_cast<report_port*>(arg);
+    uint8_t bytes[longest_report];
+    buf_t report{bytes, sizeof bytes, 0};
+    sockaddr_in from{};
+    for (int i = 0; i < reports_at_once && net_udp_recv(self->fd, report, &from) >= 0; ++i)
+        self->of.take_report(from.sin_addr, {report.data, report.length});
+}
+
 void multicast::stop() {
+    for (const auto& each : reports_)
+        net_socket_close(each->fd);
+    reports_.clear();
     channels_.clear();
     packets_.close();
     if (socket_ >= 0) net_socket_close(socket_);

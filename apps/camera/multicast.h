@@ -10,9 +10,9 @@
 #include "inet/rtp_protocol.h"
 #include "inet/sockaddr.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,12 +42,20 @@ public:
     /// Time of the next frame; 0 while the streams rest.
     uint64_t next_time() const { return next_time_; }
 
+    /// Changes when a host reported that it receives the streams, or rarely when another did.
+    uint32_t reports_from(in_addr host) const { return reports_[place_of(host)]; }
+
     // On the thread that sends
 
+    /// A datagram came to the group's port for RTCP.
+    void take_report(in_addr from, buffer_t report);
     /// Sends what is due. @return the bytes
     uint64_t advance(start_t start, uint64_t base, uint64_t now);
 
 private:
+    static constexpr size_t places = 1024;
+    static size_t place_of(in_addr host) { return ntohl(host.s_addr) * 2654435761u >> 22; }
+
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
     void add_tracks();
     void begin(start_t start, uint64_t base, uint64_t now);
@@ -65,6 +73,7 @@ private:
     std::atomic<bool> begin_ = false;
     std::atomic<uint64_t> next_time_ = 0;
     std::vector<std::atomic<uint16_t>> next_seq_;
+    std::array<std::atomic<uint32_t>, places> reports_{};  ///< received, by host
 };
 
 /// All of them, on one network thread.
@@ -87,8 +96,19 @@ public:
     uint64_t advance(const options& settings, uint64_t base, uint64_t now);
 
 private:
+    /// A group's port for RTCP, where the viewers' reports come.
+    struct report_port {
+        shared_channel& of;
+        int fd;
+        net::socket_ctx* socket;
+    };
+
+    static void on_report(void* arg, uint32_t events);
+    void listen_for_reports(net::Thread& thread, shared_channel& streams, const options& settings);
+
     int socket_ = -1;
     datagrams packets_;
+    std::vector<std::unique_ptr<report_port>> reports_;
     std::vector<std::unique_ptr<shared_channel>> channels_;
 };
 

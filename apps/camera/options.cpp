@@ -60,6 +60,8 @@ std::span<const option> table() {
          [](options& o, std::string_view text) { return take_number(o.backlog, text, 64u << 10, 1u << 30); }},
         {"--stall", "SECONDS", "after which a viewer that takes nothing is dropped (10)",
          [](options& o, std::string_view text) { return take_number(o.stall, text, 1, 3600); }},
+        {"--timeout", "SECONDS", "after which a session without request or report ends (60)",
+         [](options& o, std::string_view text) { return take_number(o.timeout, text, 1, 3600); }},
         {"--log", "FILE", "write what the library logs to a file", take_text(&options::log)},
     };
     return all;

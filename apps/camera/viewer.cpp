@@ -19,8 +19,6 @@ constexpr uint32_t receive_size = 8 * 1024;
 
 /// Seconds that a new connection has for its first request.
 constexpr unsigned first_request = 10;
-/// Seconds without request or report after which a session ends: the timeout of RFC 2326, 12.37.
-constexpr unsigned session_timeout = 60;
 
 /// More than the headers of the packets of a frame, with its report.
 constexpr uint32_t packet_overhead(uint32_t frame_size) { return frame_size / 32 + 2 * rtp::packet_size; }
@@ -178,11 +176,12 @@ void viewer::watch() {
     if (finished_) return;
     stalled_ = took_ || rtsp_->send_buffer()->length == 0 ? 0 : stalled_ + 1;
     took_ = false;
-    const uint32_t activity = rtsp_->activity();
+    uint32_t activity = rtsp_->activity();
+    if (sharing_) activity += shared_->reports_from(peer_.sin_addr);
     silent_ = activity == activity_ ? silent_ + 1 : 0;
     activity_ = activity;
     // A POST end asks in the name of its GET end.
-    const bool silent = !(is_post_ && partner_) && silent_ >= (activity ? session_timeout : first_request);
+    const bool silent = !(is_post_ && partner_) && silent_ >= (activity ? owner_.settings().timeout : first_request);
     if (silent || stalled_ >= owner_.settings().stall) finish();
 }
 
