@@ -2,6 +2,8 @@
 
 #include "avc/fcc.h"
 
+#include <algorithm>
+
 namespace viewer {
 
 track::track(const rtsp3::trak_t& source, uint64_t limit, bool recorded)
@@ -33,7 +35,8 @@ track_report track::report() const {
     result.fcc = source_.fcc;
     result.packets = rtp.received;
     result.lost = rtp.lost;
-    result.seconds = static_cast<double>(length()) * 1e-6;
+    const int64_t wanted = limit_ ? std::min(length(), static_cast<int64_t>(limit_)) : length();
+    result.seconds = static_cast<double>(wanted) * 1e-6;
     if (rtp.clock_rate > 0) result.jitter_ms = rtp.jitter / rtp.clock_rate * 1000;
     return result;
 }
