@@ -2,6 +2,7 @@
 import os
 import re
 import signal
+import socket
 import subprocess
 import sys
 import threading
@@ -50,6 +51,14 @@ class Camera:
         self.process.stderr.close()
         if kind is None and (status != 0 or self.errors):
             raise AssertionError(f"camera ended with {status}: {''.join(self.errors)}")
+
+
+def free_group():
+    """A multicast group and an even port of it that nobody uses on this host, as "GROUP:PORT"."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("", 0))
+        port = min(probe.getsockname()[1] & ~1, 65000)
+    return f"239.255.{port >> 8}.{port & 255}:{port}"
 
 
 class Failed(Exception):

@@ -8,7 +8,7 @@ import tempfile
 import time
 import unittest
 
-from peers import VIEWER, Camera, clip_file, clip_sound, ffmpeg, picture_hashes, position_in_loop, run
+from peers import VIEWER, Camera, clip_file, clip_sound, ffmpeg, free_group, picture_hashes, position_in_loop, run
 from relay import Relay, Server
 
 NO_CONNECTION, REFUSED, NOT_FOUND, PROTOCOL, NOTHING, LOST, CANNOT_WRITE, USAGE = 3, 4, 5, 6, 7, 8, 9, 2
@@ -91,6 +91,12 @@ class Live(Case):
 
     def test_udp(self):
         self.check("udp")
+
+    def test_http(self):
+        self.check("http")
+
+    def test_multicast(self):
+        self.check("multicast", "--multicast", free_group())
 
     def test_pictures_are_written_a_file_each(self):
         with Camera() as camera:
