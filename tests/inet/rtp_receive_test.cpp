@@ -100,6 +100,17 @@ TEST(RtpReceive, BringsBackWhatThePackerSent) {
     }
 }
 
+TEST(RtpReceive, JoinsNothingAcrossANewStartOfTheNumbers) {
+    for (const uint32_t next : {1U, 501U, 30000U}) {
+        receiver owner(av::fcc_h264);
+        owner.take(packet(500, {0x7C, 0x85, 'a'}));
+        owner.track->seq = 0;  // the owner takes whatever comes next
+        owner.take(packet(next, {0x7C, 0x45, 'b'}));
+        EXPECT_TRUE(owner.media.empty()) << next;
+        EXPECT_EQ(owner.track->restarts, next == 501 ? 0U : 1U) << next;
+    }
+}
+
 TEST(RtpReceive, HandsOverWhatThePacketsHold) {
     const bytes hello = text("hello"), one{0x67};
     const bytes start = packet(10, {0x7C, 0x85, 'a', 'b'}), middle = packet(11, {0x7C, 0x05, 'c'}),

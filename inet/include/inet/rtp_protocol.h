@@ -111,6 +111,7 @@ struct trak_t {
                          ///< pictures only compares it with its value at the picture's start
     uint32_t late;       ///< packets dropped for an old or repeated number; they stay counted as lost
     uint32_t discarded;  ///< frames given up: past max_frame, out of memory, or JPEG of an unknown type
+    uint32_t restarts;   ///< steps of the numbers too wide for loss or disorder, which give up what was put together
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
     uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
 

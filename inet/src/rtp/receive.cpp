@@ -78,7 +78,10 @@ bool Rtp::take_sequence(uint16_t seq) noexcept {
     trak_t& trak = *current;
     // A number that the owner has set is the one expected, not one that came.
     const bool came = trak.received > 0 && trak.count.last == trak.seq;
-    if (trak.seq == 0 && !came) trak.seq = seq;
+    if (trak.seq == 0 && !came) {
+        trak.seq = seq;
+        trak.frame.length = trak.fua.length = 0;
+    }
     const bool older = trak.seq > seq && (trak.seq < wrap_from || seq > wrap_to);
     if (older || (came && trak.seq == seq)) {
         ++trak.late;
@@ -101,6 +104,7 @@ void Rtp::count_packet(uint16_t seq, uint32_t timestamp) noexcept {
     if (step > 0 && step <= max_dropout) trak.lost += static_cast<uint32_t>(step) - 1;
     const bool belated = step < 0 && step >= -max_misorder;
     if (belated && trak.lost > 0) --trak.lost;
+    if (!belated && (step <= 0 || step > max_dropout)) ++trak.restarts;
     if (!belated) trak.count.highest = seq;
     trak.count.last = seq;
     ++trak.received;
