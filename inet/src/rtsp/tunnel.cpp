@@ -52,9 +52,10 @@ int decode_base64_stream(buf_t* text, buf_t* out, const char* file, int line) no
     return 1;
 }
 
-// Either may be the beginning of a stream: neither has a body that ends, whatever its Content-Length.
+// Either may be the beginning of a stream: neither has a body that ends, whatever its Content-Length. Only a refusal
+// that is answered with credentials is followed by another answer, behind its body.
 bool Rtsp::has_no_body(const header_s* header) const noexcept {
-    if (header->status) return step_ == step_t::tunnel;
+    if (header->status) return step_ == step_t::tunnel && header->status != 401;
     return header->method && (std::strcmp(header->method, "GET") == 0 || std::strcmp(header->method, "POST") == 0);
 }
 
