@@ -1,6 +1,7 @@
 // What the RTSP session asks a server, and what it makes of answers and packets, true or not.
 #include "rtsp_viewer.h"
 #include "support/fault.h"
+#include "support/log_lines.h"
 
 #include "inet/net_http_auth.h"
 
@@ -225,6 +226,7 @@ TEST_F(RtspClient, AnswersAChallengeOnceForEachRequest) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.uri + c.fields);
+        test::log_lines log("rtsp.protocol");
         rtsp_viewer viewer;
         viewer.session->open(c.uri);
         EXPECT_TRUE(viewer.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\n"));
@@ -236,6 +238,13 @@ TEST_F(RtspClient, AnswersAChallengeOnceForEachRequest) {
         EXPECT_EQ(viewer.asked.find("Authorization: "s + (c.scheme ? c.scheme : "")) != std::string::npos,
                   c.scheme != nullptr);
         EXPECT_EQ(viewer.asked.find("u:p@"), std::string::npos);
+        // A password that can be read back is in no line of the log.
+        size_t masked = 0;
+        for (const std::string& line : log.take()) {
+            EXPECT_EQ(line.find("dT"), std::string::npos) << line;
+            masked += line.find("\r\nAuthorization: Basic ***") != std::string::npos;
+        }
+        EXPECT_EQ(masked, c.scheme && *c.scheme == 'B' ? 1U : 0U);
     }
 }
 
@@ -297,7 +306,11 @@ TEST_F(RtspClient, BoundsWhatAServerMakesItHold) {
     viewer.session->flush();
     ASSERT_EQ(viewer.frames.size(), 2U);  // that of time 4 passes the limit
     EXPECT_EQ(viewer.frames[0].data, "\0\0\0\1\x67sps\0\0\1\x41"s + std::string(1000, 's'));
-    EXPECT_TRUE(viewer.frames[1].key);
+    EXPECT_TRUE(viewer.frames[1].key && viewer.frames[1].complete);  // it refers to none
+    viewer.rtp(0, rtp_packet(96, seq++, 6, "\x41" + std::string(4000, 's')));
+    viewer.rtp(0, rtp_packet(96, seq++, 7, "\x41"));
+    viewer.session->flush();
+    EXPECT_FALSE(viewer.frames.back().complete);
 
     // Reports that are not read stay few.
     rtsp_viewer deaf;
@@ -319,7 +332,8 @@ TEST_F(RtspClient, BoundsWhatAServerMakesItHold) {
 TEST_F(RtspClient, TellsWholePicturesFromTorn) {
     const struct {
         const char* what;
-        std::vector<std::string> packets;  ///< "time payload" or "-" for a lost one; '!' behind the time is the marker
+        std::vector<std::string> packets;  ///< "time payload" or "-" for a lost one; '!' behind the time is the marker;
+                                           ///< "^" for numbers that begin anew
         const char* expected;              ///< of each frame '+' for whole
     } cases[] = {
         {"nothing lost", {"1! A", "2! A", "3! A"}, "+++"},
@@ -327,6 +341,7 @@ TEST_F(RtspClient, TellsWholePicturesFromTorn) {
         {"the end of a picture lost", {"1 A", "-", "2! A", "3! A"}, "--+"},
         {"the middle lost", {"1 A", "-", "1! A", "2! A"}, "-+"},
         {"markers on every unit tell nothing", {"1! A", "1! A", "-", "2! A", "3! A"}, "--+"},
+        {"the numbers begin anew in a picture", {"1 A", "^", "1! A", "2! A"}, "-+"},
         {"delimiter alone", {"1! \x09", "2! A"}, "-+"},
     };
     for (const auto& c : cases) {
@@ -336,7 +351,8 @@ TEST_F(RtspClient, TellsWholePicturesFromTorn) {
         uint16_t seq = 10;
         for (const std::string& packet : c.packets) {
             ++seq;
-            if (packet == "-") continue;
+            if (packet == "^") seq = static_cast<uint16_t>(seq + 10000);
+            if (packet == "-" || packet == "^") continue;
             const bool marker = packet[1] == '!';
             viewer.rtp(0, rtp_packet(96, seq, static_cast<uint32_t>(packet[0]), packet.substr(marker ? 3 : 2), marker));
         }
@@ -345,6 +361,62 @@ TEST_F(RtspClient, TellsWholePicturesFromTorn) {
         for (const test::received_t& frame : viewer.frames)
             got += frame.complete ? '+' : '-';
         EXPECT_EQ(got, c.expected);
+    }
+}
+
+TEST_F(RtspClient, TakesAPictureWithoutItsHeaderForTorn) {
+    rtsp_viewer viewer;
+    viewer.play("v=0\r\nm=video 0 RTP/AVP 26\r\n");
+    const std::string start = "\0\0\0\0\1\x32\x10\x10"s;
+    const std::string cached = "\0\0\0\0\1\xff\x10\x10\0\0\0\0"s;  // tables of length 0: those of an earlier picture
+    const std::string rest = "\0\0\0\5\1\x32\x10\x10"s;
+    uint16_t seq = 1;
+    for (const std::string& first : {start, cached, start}) {
+        viewer.rtp(0, rtp_packet(26, seq, seq, first + "scan1", false));
+        viewer.rtp(0, rtp_packet(26, seq + 1, seq, rest + "scan2"));
+        seq = static_cast<uint16_t>(seq + 2);
+    }
+    viewer.session->flush();
+    ASSERT_EQ(viewer.frames.size(), 3U);
+    EXPECT_TRUE(viewer.frames[0].complete && !viewer.frames[1].complete && viewer.frames[2].complete);
+}
+
+TEST_F(RtspClient, KeepsItsTimeWithinRangeWhateverTheTimestampsClaim) {
+    rtsp_viewer viewer;
+    viewer.play("v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/1\r\n");
+    for (uint32_t i = 1; i < 5000; ++i)
+        viewer.rtp(0, rtp_packet(96, static_cast<uint16_t>(i), i * 0x7fffffffU, "\x41"));
+    EXPECT_GT(viewer.frames.back().media_time, INT64_MAX / 2);
+}
+
+TEST_F(RtspClient, ForgetsTheLastConversationWhenOpenedAgain) {
+    for (const char* left :
+         {"RTSP/1.0 200 OK\r\nContent-Le", "RTSP/1.0 200 OK\r\nContent-Length: 9\r\n\r\nbody", "$\1\2"}) {
+        rtsp_viewer viewer;
+        viewer.play(two_tracks, "", "Content-Base: rtsp://old/\r\n");
+        viewer.feed(left);
+        viewer.session->set_handler(nullptr);
+        viewer.session->send_keep_alive();
+        viewer.session->set_handler(&viewer);
+        viewer.events.clear();
+        viewer.asked.clear();
+        viewer.play(sdp);
+        EXPECT_EQ(viewer.events, "0 3 5 6 ") << left;
+        EXPECT_TRUE(viewer.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\nCSeq: 1\r\n")) << viewer.asked;
+        EXPECT_EQ(viewer.asked.find("rtsp://old/"), std::string::npos);
+    }
+}
+
+TEST_F(RtspClient, KeepsItsTracksWhileAReportGoesOut) {
+    for (const auto protocol : {protocol_t::rtp_tcp, protocol_t::rtp_udp}) {
+        rtsp_viewer viewer;
+        viewer.session->set_protocol(protocol);
+        viewer.play(sdp);
+        viewer.before = [&](event_t::enum_t) { viewer.session->clear_traks(); };
+        viewer.rtp(0, rtp_packet(96, 1, 1, "\x41"));
+        EXPECT_EQ(viewer.session->trak_count(), 1U);
+        viewer.session->clear_traks();
+        EXPECT_EQ(viewer.session->trak_count(), 0U);
     }
 }
 

@@ -200,11 +200,18 @@ TEST_F(RtspTunnel, SaysWhenTheServerRefuses) {
     viewer.session->set_tunnel(true);
     viewer.session->open("rtsp://u:p@h/live");
     const std::string challenge = "WWW-Authenticate: Basic realm=\"r\"\r\n";
-    viewer.feed("HTTP/1.1 401 Unauthorized\r\n" + challenge + "\r\n");
+    viewer.feed("HTTP/1.1 401 Unauthorized\r\n" + challenge + "Content-Length: 4\r\n\r\nno\r\n");
     EXPECT_NE(viewer.asked.find("Authorization: Basic dTpw\r\n"), std::string::npos);
     viewer.feed("HTTP/1.1 404 Not Found\r\nContent-Length: 99999999\r\n\r\n");
     EXPECT_EQ(viewer.events, "14 9 ");
     EXPECT_STREQ(viewer.session->method(), "GET");
+
+    // Once more from the start, whose GET is not Base64.
+    viewer.session->open("rtsp://h/live");
+    viewer.feed("HTTP/1.1 200 OK\r\n\r\n");
+    viewer.asked.clear();
+    EXPECT_EQ(viewer.session->open("rtsp://h/live"), 1);
+    EXPECT_TRUE(viewer.asked.starts_with("GET /live HTTP/1.0\r\n")) << viewer.asked;
 }
 
 TEST_F(RtspTunnel, LosesNothingButWhatFoundNoMemory) {

@@ -45,9 +45,10 @@
 /// address and has no POST connection yet, and join() the POST connection's session to it: what process() of the one
 /// takes is then decoded and served by the other, which answers on the GET connection. Until it is joined it holds what
 /// comes. Bytes that follow the GET on its own connection are dropped. Who ends one connection ends the other.
-/// Client: set_tunnel(1), connect, open(). The GET stands in send_buffer() on tunnel_get, to be sent on the first
-/// connection, whose bytes go into process(). On tunnel_post it was answered: open a second connection to the same
-/// server; from then on send_buffer() is sent there. What the server sends on it is dropped by the owner.
+/// Client: set_tunnel(1), connect, open(). The GET stands in send_buffer() on the rtsp_send after tunnel_get, to be
+/// sent on the first connection, whose bytes go into process(). On tunnel_post it was answered: open a second
+/// connection to the same server; from then on send_buffer() is sent there. What the server sends on it is dropped by
+/// the owner.
 ///
 /// Everything runs on the owner's network thread. From inside an event every call is allowed but destroy() and those
 /// that take input; close() there takes effect when the running call is through. An answer that the owner owes is given
@@ -113,7 +114,7 @@ struct event_t {
         send_rtp = 11,     ///< server: an RTP packet of trak(), set up over UDP, is ready in rtp()->packet
         rtsp_frame = 12,   ///< client: frame() of trak() is complete
         rtsp_rtcp = 13,    ///< an RTCP packet of trak(), set up over UDP, is ready in rtp()->packet
-        tunnel_get = 14,   ///< server: the GET of an HTTP tunnel was answered. Client: it stands in send_buffer()
+        tunnel_get = 14,   ///< server: the GET of an HTTP tunnel was answered. Client: it follows, as rtsp_send
         tunnel_post = 15,  ///< server: the POST of an HTTP tunnel. Client: GET was answered, open the POST connection
     };
 };
@@ -201,7 +202,7 @@ public:
 
     /// Ends the conversation: all tracks go, buffers are emptied, later input is dropped, later output refused.
     void close() noexcept;
-    /// Drops all tracks. Not from inside send_rtp, rtsp_rtcp and rtsp_frame.
+    /// Drops all tracks. Without effect from inside send_rtp, rtsp_rtcp, rtsp_frame, and an rtsp_send for a report.
     void clear_traks() noexcept;
 
     // Configuration
@@ -304,8 +305,9 @@ public:
     /// On rtsp_frame: the frame, shown where it was put together, so without a payload of its own; gone when the event
     /// returns. avc_frame_dup() keeps it. `time` is the track's rtp->time: from the wall clock of the PLAY answer on,
     /// advanced by whole milliseconds. H.264 is an access unit in Annex B form, key when it holds an IDR slice; other
-    /// formats are always key. `complete` is 0 when packets were lost in it or right before it, or, for H.264, no slice
-    /// is in it. Null outside of rtsp_frame. Nothing is allocated once the buffers have grown.
+    /// formats are always key. `complete` is 0 when packets were lost in it or right before it, for JPEG its
+    /// header too, for H.264 when it is no key picture and the one before it was left out, or no slice is in it. Null
+    /// outside of rtsp_frame. Nothing is allocated once the buffers have grown.
     const av::frame_t* frame() const noexcept { return frame_.data ? &frame_ : nullptr; }
 
     /// On rtsp_error: the method of the request that failed, or "" when none did; the status of the answer, 0 when it
@@ -447,6 +449,7 @@ private:
     int send_ok() noexcept;
     bool append_header(net::http::header_s* header, const char* uri) noexcept;
     int announce_reply(uint32_t start) noexcept;
+    void log_sent(std::string_view text) noexcept;
 
     bool start_picture(uint32_t fcc) noexcept;
     int finish_picture() noexcept;
@@ -474,6 +477,7 @@ private:
     void take_pause(net::http::header_s* header) noexcept;
     void take_teardown(net::http::header_s* header) noexcept;
     void take_get(net::http::header_s* header) noexcept;
+    void forget_conversation() noexcept;
     bool may_ask() noexcept;
     void add_credentials(request& request, const char* method, const char* uri) const noexcept;
     int send_pending(const asked_t& method, request& request, const char* uri, trak_t* trak) noexcept;
@@ -509,6 +513,7 @@ private:
     void add(trak_t& trak, std::span<const uint8_t> bytes) noexcept;
     void deliver(trak_t& trak) noexcept;
     void send_report() noexcept;
+    void raise_receiving(event_t::enum_t event) noexcept;
 
     // Tunnel
     void take(buf_t* data) noexcept;

@@ -65,18 +65,31 @@ const Rtsp::asked_t Rtsp::asked_t::get{"GET", &Rtsp::ask_get, &Rtsp::take_get};
 
 int Rtsp::open(const char* uri) noexcept {
     if (closed_ || running_ || !take_uri(uri)) return 0;
-    clear_traks();
-    std::fill(std::begin(pending_), std::end(pending_), pending_t{});
+    forget_conversation();
     role_ = role_t::client;
     gate_ = false;
+    if (tunnel_ == tunnel_t::none) return ask_options(nullptr);
+    cookie_.reset(common_srand(22, file_, line_));
+    return cookie_ ? ask_get(nullptr) : 0;
+}
+
+// The next connection begins with nothing of the last: no half of a message, no unsent request, no credentials.
+void Rtsp::forget_conversation() noexcept {
+    clear_traks();
+    leave_tunnel();
+    if (held_) http_header_free(held_);
+    receive_.length = send_.length = decoded_.length = 0;
+    used_ = replies_ = 0;
+    std::fill(std::begin(pending_), std::end(pending_), pending_t{});
+    response_to_ = {};
     challenge_.reset();
+    base_.reset();
     *session_ = 0;
     step_ = step_t::none;
     timeout_ = next_cseq_ = 0;
     has_get_parameter_ = false;
-    if (tunnel_ == tunnel_t::none) return ask_options(nullptr);
-    cookie_.reset(common_srand(22, file_, line_));
-    return cookie_ ? ask_get(nullptr) : 0;
+    const bool tunnelled = tunnel_ == tunnel_t::get_client || tunnel_ == tunnel_t::post_client;
+    tunnel_ = tunnelled ? tunnel_t::get_client : tunnel_t::none;
 }
 
 // Splits off the user-info: up to the last '@' of the authority, as passwords are often written as they are.
@@ -95,7 +108,8 @@ bool Rtsp::take_uri(const char* uri) noexcept {
     const scan::pair parts = scan::split(info, ':');
     core::owned_text user = decode_user_info(parts.key, file_, line_);
     core::owned_text password = decode_user_info(parts.value, file_, line_);
-    if (!bare || !user || !password || !set_uri(bare.get())) return false;
+    // Decoded, a user could break the line that it stands in.
+    if (!bare || !user || !password || !is_printable(user.get()) || !set_uri(bare.get())) return false;
     if (info.empty()) user.reset();
     user_ = std::move(user);
     password_ = std::move(password);

@@ -23,9 +23,12 @@ enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 2
 uint32_t get16(bytes_t bytes, size_t at) noexcept { return uint32_t{bytes[at]} << 8 | bytes[at + 1]; }
 uint32_t get32(bytes_t bytes, size_t at) noexcept { return get16(bytes, at) << 16 | get16(bytes, at + 2); }
 
+// A described clock may be as slow as 1 Hz, and timestamps may then claim more time than there is.
 int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
+    constexpr int64_t max_seconds = INT64_MAX / us_per_second - 1;
     if (rate == 0) return 0;
-    return ticks / rate * us_per_second + ticks % rate * us_per_second / rate;
+    const int64_t seconds = std::clamp(ticks / rate, -max_seconds, max_seconds);
+    return seconds * us_per_second + ticks % rate * us_per_second / rate;
 }
 
 /// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it.
@@ -97,6 +100,8 @@ void Rtsp::take_data(rtp::trak_t* from) noexcept {
     note_loss(trak, another, data);
     if (another) deliver(trak);
     if (another || gathered.frame.length == 0) start_frame(trak);
+    // Pieces of a picture whose header did not come make no file.
+    if (trak.fcc == av::fcc_jpeg && gathered.frame.length == 0 && !stands_alone(trak, data)) gathered.broken = true;
 
     gathered.marks_units = gathered.marks_units || (gathered.marked && !another);
     gathered.marked = from->marker != 0;
@@ -111,9 +116,11 @@ void Rtsp::take_data(rtp::trak_t* from) noexcept {
 // A gap between two frames may have been in either, unless the marker says that the first was over (RFC 6184, 5.1).
 void Rtsp::note_loss(trak_t& trak, bool another, std::span<const uint8_t> data) noexcept {
     trak_t::gathered_t& gathered = *trak.gathered;
-    const bool lost = trak.rtp->lost != gathered.lost || trak.rtp->discarded != gathered.discarded;
+    const bool lost = trak.rtp->lost != gathered.lost || trak.rtp->discarded != gathered.discarded ||
+                      trak.rtp->restarts != gathered.restarts;
     gathered.lost = trak.rtp->lost;
     gathered.discarded = trak.rtp->discarded;
+    gathered.restarts = trak.rtp->restarts;
     if (!lost) return;
     const bool over = gathered.marked && !gathered.marks_units;
     if (!another || (!over && (trak.fcc == av::fcc_h264 || trak.fcc == av::fcc_jpeg))) gathered.broken = true;
@@ -199,21 +206,21 @@ void Rtsp::deliver(trak_t& trak) noexcept {
         frame_.rate = trak.channels || trak.fcc == av::fcc_pcmu || trak.fcc == av::fcc_pcma ? trak.rate : 0;
         frame_.channels = trak.channels;
         frame_.key = trak.fcc != av::fcc_h264 || gathered.key;
-        frame_.complete = gathered.picture && !gathered.broken;
+        frame_.complete = gathered.picture && !gathered.broken && (frame_.key || !gathered.orphaned);
+        gathered.orphaned = false;
         trak.media_time = ticks_to_us(gathered.ticks, trak.rate);
         trak.ntp_time = 0;
         if (gathered.reported) {
             const auto since = static_cast<int32_t>(gathered.rtp_time - gathered.report_rtp_time);
             trak.ntp_time = gathered.report_time + static_cast<uint64_t>(ticks_to_us(since, trak.rate));
         }
-        gathering_ = true;
         trak_t* const outer = std::exchange(trak_, &trak);
-        raise(event_t::rtsp_frame);
+        raise_receiving(event_t::rtsp_frame);
         trak_ = outer;
-        gathering_ = false;
         frame_ = {};
     }
     gathered.frame.length = 0;
+    gathered.orphaned = gathered.orphaned || gathered.left_out;
     gathered.picture = gathered.key = gathered.broken = gathered.left_out = false;
 }
 
@@ -232,7 +239,7 @@ void Rtsp::send_report() noexcept {
     trak_t& trak = **found;
     if (trak.protocol != protocol_t::rtp_tcp) {
         trak_t* const outer = std::exchange(trak_, &trak);
-        raise(event_t::rtsp_rtcp);
+        raise_receiving(event_t::rtsp_rtcp);
         trak_ = outer;
         return;
     }
@@ -243,7 +250,14 @@ void Rtsp::send_report() noexcept {
                                static_cast<uint8_t>(length)};
     core_buf_read(&send_, framing, sizeof framing);
     core_buf_read(&send_, rtp_.packet.data, length);
-    if (encode_tunnel(start)) raise(event_t::rtsp_send);
+    if (encode_tunnel(start)) raise_receiving(event_t::rtsp_send);
+}
+
+// The packetizer is still at work on the track, so the tracks stay.
+void Rtsp::raise_receiving(event_t::enum_t event) noexcept {
+    gathering_ = true;
+    raise(event);
+    gathering_ = false;
 }
 
 }  // namespace rtsp3

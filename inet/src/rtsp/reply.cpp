@@ -48,10 +48,20 @@ bool Rtsp::append_header(header_s* header, const char* uri) noexcept {
     return true;
 }
 
+// Without the password, which Basic credentials give away (RFC 2617, 2).
+void Rtsp::log_sent(std::string_view text) noexcept {
+    constexpr std::string_view credentials = "\r\nAuthorization: Basic ";
+    const size_t found = text.find(credentials);
+    const bool secret = found != std::string_view::npos;
+    const std::string_view front = text.substr(0, secret ? found + credentials.size() : text.size());
+    const std::string_view back = text.substr(std::min(text.find("\r\n", front.size()), text.size()));
+    core_log_print(log_, "%d: send\n%.*s%s%.*s", id_, static_cast<int>(front.size()), front.data(), secret ? "***" : "",
+                   static_cast<int>(back.size()), back.data());
+}
+
 // What was added from `start` on: counted, logged and announced.
 int Rtsp::announce_reply(uint32_t start) noexcept {
-    core_log_print(log_, "%d: send\n%.*s", id_, static_cast<int>(send_.length - start),
-                   reinterpret_cast<char*>(send_.data) + start);
+    if (core_log_wanted(log_)) log_sent({reinterpret_cast<char*>(send_.data) + start, send_.length - start});
     if (!encode_tunnel(start)) return 0;
     replies_ = start == 0 ? send_.length : replies_ + send_.length - start;
     raise(event_t::rtsp_send);

@@ -108,12 +108,14 @@ struct trak_t::gathered_t {
     bool broken;    ///< packets are missing in it
     bool torn;      ///< packets are missing in front of what comes next
     bool left_out;  ///< it passed the limit, or memory was out
+    bool orphaned;  ///< the one before it was left out
 
     bool sets_changed;  ///< parameter sets came since they last went into a frame
     bool marked;        ///< the last data ended with the marker bit,
     bool marks_units;   ///< which this server sets not only at the end of a picture
     uint32_t lost;      ///< the packetizer's counters when data last came
     uint32_t discarded;
+    uint32_t restarts;
     uint32_t received;
     uint32_t late;  ///< when the last packet was taken
 
