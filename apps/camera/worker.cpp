@@ -51,7 +51,7 @@ void worker::take(int fd, const sockaddr_in& peer, rtsp3::Rtsp* session) {
         rtsp3::Rtsp::destroy(session);
         return;
     }
-    pending.release();
+    static_cast<void>(pending.release());
     ++taken_;
     net::net_nt_command_exec(command);
 }
