@@ -46,3 +46,4 @@ watch "$work/by-pkg-config"
 
 echo "-- the programs"
 "$work/usr/bin/inet-camera" --help >/dev/null
+"$work/usr/bin/inet-viewer" --help >/dev/null
