@@ -43,6 +43,6 @@ build() {
 }
 
 build_tools=(g++ cmake ninja-build)
-test_tools=(libgtest-dev libbenchmark-dev libssl-dev libexpat1-dev pkg-config ffmpeg python3)
+test_tools=(libgtest-dev libbenchmark-dev libssl-dev libexpat1-dev pkg-config ffmpeg python3 iproute2)
 fuzz_tools=(clang libclang-rt-14-dev)
 check_tools=(clang-format clang-tidy)
