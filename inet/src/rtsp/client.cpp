@@ -250,7 +250,10 @@ int Rtsp::repeat_with_credentials(const header_s* header) noexcept {
     const pending_t refused = response_to_;
     const char* challenge = choose_challenge(header);
     if (!refused.method || refused.repeated || !user_ || !challenge) return 0;
-    core::owned_text copy(core_strdup(challenge, file_, line_));
+    // A Basic challenge in the same field would be answered first, with the password.
+    const std::string_view text(challenge);
+    const size_t size = std::min(text.find(", Basic "), text.size());
+    core::owned_text copy(core_strndup(challenge, size, file_, line_));
     if (!copy) return 0;
     challenge_ = std::move(copy);
     repeating_ = true;
