@@ -1,8 +1,10 @@
 """inet-viewer receives from inet-camera, and from servers that fail: files, figures and exit status."""
 import os
+import random
 import re
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import time
@@ -219,6 +221,28 @@ class Status(Case):
                 (NOTHING, {})):
             with self.subTest(answers=str(answers)[:80]), Server(**answers) as server:
                 self.check(status, server.url, "--timeout", "1")
+
+    def test_a_server_that_plays_nonsense(self):
+        """Packets whose numbers, times, formats and contents are drawn: parameter sets, pictures and parts of them."""
+        chance = random.Random(11)
+        media = b""
+        for number in range(3000):
+            kind = chance.choice((0x65, 0x61, 0x61, 0x61, 0x67, 0x68, 0x7c, 0x78, 0x1f))
+            content = self.clip[number] if number < 50 else bytes([kind]) + chance.randbytes(chance.randrange(60))
+            sequence = number + (chance.randrange(65536) if chance.random() < 0.005 else 0)
+            rtp = struct.pack(">BBHLL", 0x80 if chance.random() < 0.98 else 0xff, chance.choice((96, 0xe0)),
+                              sequence & 0xffff, number * 3600 if chance.random() < 0.9 else chance.randrange(2**32),
+                              1) + content
+            media += struct.pack(">BBH", 0x24, 0 if chance.random() < 0.98 else 7, len(rtp)) + rtp
+        with Server(PLAY=b"RTSP/1.0 200 OK\r\nCSeq: 4\r\nSession: 1\r\n\r\n" + media) as server:
+            tracks, messages = self.view(server.url, "--timeout", "1", "--stats", "-o", self.path("a.h264"),
+                                         "-o", self.path("a.mp4"), status=LOST)
+        self.assertRegex(messages, "changed its parameter sets\n.*no media comes any more")
+        frames = int(tracks["H264"]["frames"])
+        self.assertGreater(frames, 40)
+        self.assertGreater(int(tracks["H264"]["lost"]), 0)
+        packets = run("ffprobe", "-v", "quiet", "-show_packets", self.path("a.mp4")).decode().count("[PACKET]")
+        self.assertTrue(0 < packets < frames, (packets, frames))
 
     def test_a_session_is_kept_alive_and_taken_leave_of(self):
         with Server() as server:
