@@ -1,5 +1,6 @@
 """The programs that the interop tests start, and what is compared between them."""
 import os
+import random
 import re
 import signal
 import socket
@@ -53,12 +54,22 @@ class Camera:
             raise AssertionError(f"camera ended with {status}: {''.join(self.errors)}")
 
 
-def free_group():
-    """A multicast group and an even port of it that nobody uses on this host, as "GROUP:PORT"."""
+def is_free(port):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("", 0))
-        port = min(probe.getsockname()[1] & ~1, 65000)
-    return f"239.255.{port >> 8}.{port & 255}:{port}"
+        try:
+            probe.bind(("", port))
+        except OSError:
+            return False
+    return True
+
+
+def free_group():
+    """A multicast group with a run of ports that nobody uses on this host, as "GROUP:PORT". They lie below those that the
+    system hands out itself: programs beside us would take one of them meanwhile."""
+    while True:
+        port = random.randrange(10000, 30000, 16)
+        if all(is_free(port + i) for i in range(16)):
+            return f"239.255.{port >> 8}.{port & 255}:{port}"
 
 
 class Failed(Exception):
