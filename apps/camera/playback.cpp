@@ -38,9 +38,9 @@ void playback::begin(const channel& played, start_t start, uint64_t base, uint64
     start_ = base + first;
     lag_ = longest_lag + (start_ < now ? now - start_ : 0);
     live_ = false;
-    next_.clear();
-    for (const track& each : played.tracks)
-        next_.push_back(each.number_at(first));
+    next_.resize(played.tracks.size());
+    for (size_t i = 0; i < next_.size(); ++i)
+        set_next(i, played.tracks[i].number_at(first));
 }
 
 const av::frame_t* playback::due(uint64_t now) {
@@ -49,33 +49,23 @@ const av::frame_t* playback::due(uint64_t now) {
         live_ = live_ || until == now;
         return nullptr;
     }
-    uint64_t earliest_time = UINT64_MAX;
-    for (size_t i = 0; i < next_.size(); ++i) {
-        const uint64_t time = played_->tracks[i].time(next_[i]);
-        if (time >= earliest_time) continue;
-        earliest_time = time;
-        earliest_ = i;
-    }
+    const auto earliest = std::ranges::min_element(next_, {}, &next_frame::time);
+    earliest_ = static_cast<size_t>(earliest - next_.begin());
     // A record of its own for the payload that all share: only the time is this playback's.
-    shown_ = played_->tracks[earliest_].frame(next_[earliest_]);
-    shown_.time = base_ + earliest_time;
+    shown_ = played_->tracks[earliest_].frame(earliest->number);
+    shown_.time = base_ + earliest->time;
     shown_.payload = nullptr;
     return &shown_;
 }
 
 void playback::skip(uint64_t now) {
     for (size_t i = 0; i < next_.size(); ++i)
-        next_[i] = std::max(next_[i], played_->tracks[i].number_at(now - base_ + 1));
+        set_next(i, std::max(next_[i].number, played_->tracks[i].number_at(now - base_ + 1)));
     lag_ = longest_lag;
     live_ = true;
 }
 
-uint64_t playback::time_of_next() const {
-    uint64_t time = UINT64_MAX;
-    for (size_t i = 0; i < next_.size(); ++i)
-        time = std::min(time, played_->tracks[i].time(next_[i]));
-    return base_ + time;
-}
+uint64_t playback::time_of_next() const { return base_ + std::ranges::min_element(next_, {}, &next_frame::time)->time; }
 
 uint64_t playback::media_time(uint64_t now) const { return std::min(now, start_ + catch_up_speed * (now - began_)); }
 

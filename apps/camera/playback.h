@@ -31,7 +31,7 @@ public:
     /// The frame that has come by `now`, the earliest of all tracks; null when there is none. Good until the next call.
     const av::frame_t* due(uint64_t now);
     /// Steps behind the frame of due().
-    void take() { ++next_[earliest_]; }
+    void take() { set_next(earliest_, next_[earliest_].number + 1); }
 
     /// It has come up to the present.
     bool live() const { return live_; }
@@ -44,7 +44,13 @@ public:
     uint64_t time_of_next() const;
 
 private:
+    struct next_frame {
+        uint64_t number;
+        uint64_t time;  ///< since frame 0
+    };
+
     uint64_t media_time(uint64_t now) const;
+    void set_next(size_t track, uint64_t number) { next_[track] = {number, played_->tracks[track].time(number)}; }
 
     const channel* played_ = nullptr;
     uint64_t base_ = 0;
@@ -52,7 +58,7 @@ private:
     uint64_t start_ = 0;
     uint64_t lag_ = 0;  ///< the most that it may be behind
     bool live_ = false;
-    std::vector<uint64_t> next_;
+    std::vector<next_frame> next_;
     size_t earliest_ = 0;
     av::frame_t shown_{};
 };

@@ -138,6 +138,16 @@ void viewer::advance(uint64_t now) {
         playback_.skip(now);
         wait_for_key_ = true;
     }
+    // The thread's one room, used again and again, stays in the processor's cache. Who has something waiting keeps it.
+    buf_t& waiting = *rtsp_->send_buffer();
+    const bool borrows = waiting.length == 0;
+    if (borrows) std::swap(waiting, owner_.send_room());
+    send_due(now);
+    flush();
+    if (borrows && waiting.length == 0) std::swap(waiting, owner_.send_room());
+}
+
+void viewer::send_due(uint64_t now) {
     while (const av::frame_t* frame = playback_.due(now)) {
         // The past goes out as fast as the player takes it, each picture by itself.
         const bool past = !playback_.live();
@@ -146,7 +156,6 @@ void viewer::advance(uint64_t now) {
         send(*frame);
         if (past) flush();
     }
-    flush();
 }
 
 /// Sends a frame, or leaves it out when the player does not keep up: whole pictures only, up to the next key picture.

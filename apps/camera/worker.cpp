@@ -41,6 +41,7 @@ void worker::stop() noexcept {
     net::Thread::stop();
     core_cmd_process(queue);
     viewers_.clear();
+    core_buf_free(&send_room_);
     close_udp();
 }
 

@@ -71,6 +71,8 @@ public:
     /// RTP over UDP of all viewers; open once udp_port() is.
     datagrams& packets() { return packets_; }
     int rtcp_socket() const { return rtcp_socket_; }
+    /// Where a viewer for whom nothing waits puts pictures together.
+    buf_t& send_room() { return send_room_; }
     void count_sent(uint64_t bytes) { counters_.bytes_sent += bytes; }
     void count_dropped() { ++counters_.pictures_dropped; }
     /// Has finished viewers deleted as soon as no callback of theirs runs.
@@ -90,6 +92,7 @@ private:
     std::vector<std::unique_ptr<viewer>> viewers_;
     net::command_ctx* tick_ = nullptr;
     net::timer_ctx* second_ = nullptr;
+    buf_t send_room_;
     datagrams packets_;
     int rtp_socket_ = -1;
     int rtcp_socket_ = -1;
