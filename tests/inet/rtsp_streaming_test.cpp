@@ -2,6 +2,7 @@
 #include "rtsp_owner.h"
 #include "support/fault.h"
 
+#include <array>
 #include <gtest/gtest.h>
 
 namespace {
@@ -150,6 +151,32 @@ TEST(RtspStreaming, SendsTracksByTheirOwnTransport) {
     // The picture of PLAY with its report, two blocks of sound with theirs, the second picture.
     EXPECT_EQ(ports, "7000 7000 7000 7000 7001 8 8 9 7000 7000 7000 ");
     EXPECT_EQ(owner.session->trak(), nullptr);
+}
+
+TEST(RtspStreaming, BuildsDatagramsWhereTheOwnerGathersThem) {
+    rtsp_owner owner;
+    owner.status("DESCRIBE rtsp://h/live");
+    owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=7000-7001\r\n");
+    owner.status("PLAY rtsp://h/live/");
+    owner.packets.clear();
+    std::vector<std::array<uint8_t, rtp::packet_size>> rooms(8);
+    size_t used = 0;
+    owner.before = [&](rtsp3::event_t::enum_t event) {
+        if (event != rtsp3::event_t::send_rtp) return;
+        EXPECT_EQ(owner.session->rtp()->packet.data, rooms[used].data());
+        owner.session->set_packet_room(rooms[++used].data());
+    };
+    owner.session->set_packet_room(rooms[0].data());
+    owner.send(access_unit(4000));
+    ASSERT_EQ(used, 5U);  // SPS, PPS and three pieces of the slice
+    for (size_t i = 1; i < used; ++i)
+        EXPECT_EQ(rooms[i][3], static_cast<uint8_t>(rooms[i - 1][3] + 1)) << "sequence numbers follow each other";
+
+    owner.before = nullptr;
+    owner.session->set_packet_room(nullptr);
+    const auto last = rooms[used - 1];
+    owner.send(access_unit(100));
+    EXPECT_EQ(rooms[used - 1], last);
 }
 
 TEST(RtspStreaming, ReportsOnTheClockOfThePackets) {
