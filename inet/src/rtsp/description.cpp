@@ -34,16 +34,11 @@ struct encoding_t {
 };
 
 constexpr encoding_t encodings[] = {
-    {"H264", nullptr, 0, av::fcc_h264, 90000},
-    {"JPEG", "video", 26, av::fcc_jpeg, 90000},
-    {"PCMU", "audio", 0, av::fcc_pcmu, 8000},
-    {"PCMA", "audio", 8, av::fcc_pcma, 8000},
-    {"mpeg4-generic", nullptr, 0, av::fcc_mp4a, 44100},
-    {"MP4A-LATM", nullptr, 0, av::fcc("MP4A"), 44100},
-    {"G726", nullptr, 0, av::fcc_g726, 8000},
-    {"G726-32", nullptr, 0, av::fcc_g726, 8000},
-    {"univ.metadata", nullptr, 0, av::fcc_meta, 90000},
-    {"vnd.onvif.metadata", nullptr, 0, av::fcc_meta, 90000},
+    {"H264", nullptr, 0, av::fcc_h264, 90000},          {"JPEG", "video", 26, av::fcc_jpeg, 90000},
+    {"PCMU", "audio", 0, av::fcc_pcmu, 8000},           {"PCMA", "audio", 8, av::fcc_pcma, 8000},
+    {"mpeg4-generic", nullptr, 0, av::fcc_mp4a, 44100}, {"MP4A-LATM", nullptr, 0, av::fcc("MP4A"), 44100},
+    {"G726", nullptr, 0, av::fcc_g726, 8000},           {"G726-32", nullptr, 0, av::fcc_g726, 8000},
+    {"univ.metadata", nullptr, 0, av::fcc_meta, 90000}, {"vnd.onvif.metadata", nullptr, 0, av::fcc_meta, 90000},
 };
 
 const encoding_t* find_encoding(const net::sdp::trak_t& media) noexcept {
