@@ -338,7 +338,10 @@ struct recording_t {
 // A few packets of every format. Behind its headers a payload is not looked at, so the long ones are cut to be quick.
 std::vector<recording_t> recorded() {
     std::vector<recording_t> out{{av::fcc_mp4a, {packet(1, {0, 16, 1, 2, 'a'}), packet(2, {0, 16, 1, 2, 'b'})}},
-                                 {av::fcc_meta, {packet(1, text("<a>"), false), packet(2, text("</a>"))}}};
+                                 {av::fcc_meta, {packet(1, text("<a>"), false), packet(2, text("</a>"))}},
+                                 {av::fcc_jpeg,
+                                  {packet(1, {0xFF, 0xD8, 0, 1, 'a', 'b', 'c', 'd'}, false, first_time, 0x90),
+                                   packet(2, {0xFF, 0xFF, 0, 1, 'e', 'f'}, true, first_time, 0x90)}}};
     const bytes code{0, 0, 1};
     const recording_t sent[] = {{av::fcc_h264, {join({code, nal_of(0x65, 3000), code, nal_of(0x41, 20)})}},
                                 {av::fcc_pcmu, {noise(40)}},
@@ -355,28 +358,48 @@ std::vector<recording_t> recorded() {
     return out;
 }
 
+// Calls with the packet changed in every byte to every value, and cut at every place.
+template <class Take>
+void with_each_fault(bytes data, Take take) {
+    for (uint8_t& byte : data) {
+        for (int value = 0; value < 256; ++value, ++byte)
+            take(data);
+    }
+    for (; !data.empty(); data.pop_back())
+        take(data);
+}
+
 TEST(RtpReceive, OutlivesEveryCutAndEveryChangedByte) {
     for (const recording_t& one : recorded()) {
         const std::vector<bytes>& packets = one.packets;
         receiver owner(one.fcc);
         owner.keep = false;
-        const auto take_all_but = [&](size_t changed, const bytes& with) {
-            owner.track->seq = 0;
-            for (size_t i = 0; i < packets.size(); ++i)
-                owner.take(i == changed ? with : packets[i]);
-            ASSERT_LT(owner.track->frame.size + owner.track->fua.size, 10000U);
-        };
-        for (size_t i = 0; i < packets.size(); ++i) {
-            bytes data = packets[i];
-            for (uint8_t& byte : data) {
-                for (int value = 0; value < 256; ++value, ++byte)
-                    take_all_but(i, data);
-            }
-            for (; !data.empty(); data.pop_back())
-                take_all_but(i, data);
+        for (size_t changed = 0; changed < packets.size(); ++changed) {
+            with_each_fault(packets[changed], [&](const bytes& with) {
+                owner.track->seq = 0;
+                for (size_t i = 0; i < packets.size(); ++i)
+                    owner.take(i == changed ? with : packets[i]);
+                ASSERT_LT(owner.track->frame.size + owner.track->fua.size, 10000U);
+            });
         }
         EXPECT_GT(owner.order.size(), packets.size());
     }
+}
+
+TEST(RtpReceiveReport, OutlivesEveryCutAndEveryChangedByte) {
+    capture server(av::fcc_h264);
+    server.send({0, 0, 1, 0x65}, some_time);
+    receiver owner(av::fcc_h264);
+    owner.track->ssrc = server.track->ssrc;
+    size_t taken = 0;
+    with_each_fault(server.reports.at(0), [&](bytes report) {
+        owner.object.unpack_rtc({report.data(), static_cast<uint32_t>(report.size())});
+        ++taken;
+    });
+    // One answer at most for each, none for another version, no length or another source.
+    EXPECT_GT(owner.order.size(), taken / 2);
+    EXPECT_LT(owner.order.size(), taken);
+    EXPECT_EQ(owner.order.find('F'), std::string::npos);
 }
 
 TEST(RtpReceiveMemory, AllocatesNothingOnceGrownAndOutlivesEachFailure) {
