@@ -47,8 +47,6 @@ void Reorder::push(buffer_t packet, uint64_t now) noexcept {
 
 // Whether the number is at or behind the next one in turn; a new start of the sender makes it the next.
 bool Reorder::in_reach(uint16_t seq) noexcept {
-    constexpr int max_dropout = 3000;
-    constexpr int max_misorder = 100;
     if (!std::exchange(started_, true)) next_ = seq;
     const int ahead = static_cast<int16_t>(seq - next_);
     const bool far_off = ahead > max_dropout || ahead < -max_misorder;

@@ -159,16 +159,10 @@ TEST(RtpReceive, TakesNumbersInOrderOnly) {
         const char* taken;
         uint32_t lost;
     } const cases[] = {
-        {{65530, 3}, "++", 8},
-        {{200, 150, 201}, "+-+", 0},
-        {{7, 7, 8, 8, 8}, "+-+--", 0},
-        {{65535, 0, 0, 2}, "++-+", 1},
-        {{64999, 3}, "+-", 0},
-        {{65000, 101, 100}, "+-+", 635},
-        {{10, 13, 12, 14}, "++-+", 2},
-        {{3, 65530, 4}, "+++", 0},        // what comes late over the wrap does not count as
-                                          // 65526 lost
-        {{100, 40000, 40003}, "+++", 2},  // nor does another start of the sender
+        {{65530, 3}, "++", 8},           {{200, 150, 201}, "+-+", 0}, {{7, 7, 8, 8, 8}, "+-+--", 0},
+        {{65535, 0, 0, 2}, "++-+", 1},   {{64999, 3}, "+-", 0},       {{65000, 101, 100}, "+-+", 635},
+        {{10, 13, 12, 14}, "++-+", 2},   {{3, 65530, 4}, "+++", 0},  // late over the wrap: not 65526 lost
+        {{100, 40000, 40003}, "+++", 2},                             // another start of the sender
     };
     for (const auto& [numbers, taken, lost] : cases) {
         SCOPED_TRACE(testing::Message() << numbers[0] << " " << numbers[1]);
@@ -222,6 +216,7 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpegOrSaysWhyNot) {
         {payload(1, 255, join({{0, 0, 0, 128}, tables})), true, ""},
         {payload(64, 255, join({{0, 9, 0xFF, 0xFF, 0, 0, 0, 64}, tables})), true, ""},  // one table; the rest is scan
         {payload(1, 255, join({{0, 1, 0, 128}, tables})), true, "Only 8-bit precision is supported."},
+        {payload(1, 255, {0, 1, 0, 0, 1}), false, "Only 8-bit precision is supported."},
         {payload(0, 50, {}), true, ""},                 // tables of appendix A
         {payload(1, 255, {0, 0, 0, 0, 1}), false, ""},  // none
         {payload(1, 255, {0, 0, 0, 3, 1, 2}), false, cut},

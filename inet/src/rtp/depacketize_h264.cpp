@@ -1,8 +1,6 @@
 // H.264 payload received (RFC 6184): single NAL unit packets and FU-A.
 #include "rtp/packet.h"
 
-#include "common/h264.h"
-
 #include <utility>
 
 namespace {

@@ -97,16 +97,18 @@ bool Rtp::begin_jpeg(const jpeg_header_t& header, std::span<const uint8_t>& scan
 
 // RFC 2435, 3.1.8.
 bool Rtp::take_jpeg_tables(std::span<const uint8_t>& scan, std::span<const uint8_t>& tables) noexcept {
-    const size_t length = scan.size() < table_header_size ? SIZE_MAX : get16(scan, 2);
-    if (length == 0) return false;
-    if (length > scan.size() - std::min(scan.size(), table_header_size)) {
-        core_log_print(log, "Too short RTP/JPEG packet.");
-        return false;
+    if (scan.size() >= table_header_size) {
+        if (scan[1] != 0) core_log_print(log, "Only 8-bit precision is supported.");
+        const size_t length = get16(scan, 2);
+        if (length == 0) return false;
+        if (length <= scan.size() - table_header_size) {
+            tables = scan.subspan(table_header_size, length);
+            scan = scan.subspan(table_header_size + length);
+            return true;
+        }
     }
-    if (scan[1] != 0) core_log_print(log, "Only 8-bit precision is supported.");
-    tables = scan.subspan(table_header_size, length);
-    scan = scan.subspan(table_header_size + length);
-    return true;
+    core_log_print(log, "Too short RTP/JPEG packet.");
+    return false;
 }
 
 // The length is read two bytes before the place where pack_jpeg_large() writes it; each side stays as its peers know

@@ -1,4 +1,4 @@
-// Shared inside the RTP family: sizes, network byte order and the media clock.
+// Shared inside the RTP family: limits, network byte order and the media clock.
 #pragma once
 
 #include "inet/rtp_protocol.h"
@@ -16,6 +16,10 @@ inline constexpr uint32_t header_size = 12;
 inline constexpr uint32_t max_piece = packet_size - header_size;
 // Room for the two FU-A bytes is kept for every NAL unit, so that one limit serves whole and cut ones.
 inline constexpr uint32_t max_nal_piece = max_piece - 2;
+
+// A wider step of the sequence numbers is another start of the sender, no loss and no disorder (RFC 3550, A.1).
+inline constexpr int max_dropout = 3000;
+inline constexpr int max_misorder = 100;
 
 // Big-endian writers; each returns the place behind what it wrote.
 inline uint8_t* put16(uint8_t* out, uint32_t value) noexcept {

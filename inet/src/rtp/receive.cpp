@@ -18,9 +18,6 @@ constexpr uint8_t extension_bit = 0x10;
 // Numbers from here on may be followed by small ones: the count has wrapped.
 constexpr uint16_t wrap_from = 65000;
 constexpr uint16_t wrap_to = 100;
-// A wider step of the numbers is another start of the sender, no loss and no disorder (RFC 3550, A.1).
-constexpr int max_dropout = 3000;
-constexpr int max_misorder = 100;
 
 constexpr uint32_t smallest_room = 2048;
 
