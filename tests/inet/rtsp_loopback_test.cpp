@@ -140,6 +140,7 @@ TEST_F(RtspLoopback, BringsEveryOtherFormatThatIsSent) {
                 EXPECT_EQ(frame.fcc, c.received);
                 EXPECT_EQ(frame.data, c.sent == av::fcc_meta ? converted(c.data, time) : c.data);
                 EXPECT_TRUE(frame.complete && frame.key);
+                EXPECT_EQ(frame.time - viewer.frames[0].time, i * period);
                 EXPECT_EQ(frame.media_time - viewer.frames[0].media_time, static_cast<int64_t>(i * period));
                 EXPECT_NEAR(static_cast<double>(frame.ntp_time), static_cast<double>(time), 1);
             }
@@ -191,7 +192,7 @@ TEST_F(RtspLoopback, BringsSoundThatOnlyOthersSend) {
             EXPECT_TRUE(frame.fcc == c.fcc && frame.complete && frame.key);
             heard += frame.data + "|";
         }
-        EXPECT_EQ(heard, expected);
+        ASSERT_EQ(heard, expected);
         EXPECT_EQ(described, (std::vector<std::pair<uint32_t, uint32_t>>(4, {c.rate, c.channels})));
         EXPECT_EQ(viewer.frames.back().media_time, 80000);
         EXPECT_EQ(viewer.session->trak(0U)->rtp->lost, 1U);
