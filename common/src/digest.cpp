@@ -226,16 +226,16 @@ char* b64(const void* data, size_t size, const char* file, int line) noexcept {
     const size_t length = (size + 2) / 3 * 4;
     auto* text = static_cast<char*>(core_malloc(length + 1, file, line));
     if (!text) return nullptr;
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    char* at = text;
-    for (; size > 0; at += 4) {
-        const size_t group = std::min<size_t>(size, 3);
-        encode_group(bytes, group, at);
-        bytes += group;
-        size -= group;
-    }
-    *at = '\0';
+    b64_encode(data, size, text);
+    text[length] = '\0';
     return text;
+}
+
+// From the back, so that what is read is not yet written over.
+void b64_encode(const void* data, size_t size, char* text) noexcept {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    for (size_t group = (size + 2) / 3; group-- > 0;)
+        encode_group(bytes + 3 * group, std::min<size_t>(size - 3 * group, 3), text + 4 * group);
 }
 
 uint32_t b64_decode(const char* text, size_t size, buf_t* out, const char* file, int line) noexcept {

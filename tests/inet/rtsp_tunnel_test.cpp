@@ -193,6 +193,18 @@ TEST_F(RtspTunnel, CarriesOurClientToOurServer) {
     for (const test::received_t& frame : viewer.frames)
         EXPECT_TRUE(frame.key && frame.complete);
     EXPECT_GT(get.session->activity(), 7U);  // reports came too
+
+    // They take no memory any more.
+    const std::string report = test::sender_report(viewer.session->trak(0U)->rtp->ssrc, 0, 0);
+    viewer.rtp(1, report);
+    viewer.session->set_handler(nullptr);
+    viewer.session->send_buffer()->length = 0;
+    {
+        const test::allocation_count count;
+        viewer.rtp(1, report);
+        EXPECT_EQ(count.value(), 0U);
+    }
+    EXPECT_EQ(viewer.session->send_buffer()->length, 36U / 3 * 4);
 }
 
 TEST_F(RtspTunnel, SaysWhenTheServerRefuses) {

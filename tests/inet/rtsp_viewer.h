@@ -124,12 +124,22 @@ inline void put(std::string& out, uint64_t value, int bytes) {
         out += static_cast<char>(value >> (8 * bytes));
 }
 
-inline std::string rtp_packet(uint8_t pt, uint16_t seq, uint32_t time, const std::string& payload, bool marker = true) {
+inline std::string rtp_packet(uint8_t pt, uint16_t seq, uint32_t time, const std::string& payload, bool marker = true,
+                              uint32_t ssrc = 7) {
     std::string packet{'\x80', static_cast<char>(pt | (marker ? 0x80 : 0))};
     put(packet, seq, 2);
     put(packet, time, 4);
-    put(packet, 7, 4);
+    put(packet, ssrc, 4);
     return packet + payload;
+}
+
+inline std::string sender_report(uint32_t ssrc, uint32_t ntp_seconds, uint32_t rtp_time) {
+    std::string report("\x80\xc8\0\6", 4);
+    put(report, ssrc, 4);
+    put(report, ntp_seconds, 4);
+    put(report, 0, 4);
+    put(report, rtp_time, 4);
+    return report + std::string(8, '\0');
 }
 
 }  // namespace test

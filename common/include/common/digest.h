@@ -18,6 +18,8 @@ INET_API void HMACsha256(const void* key, size_t key_size, const void* data, siz
 
 /// Bytes as Base64 with padding, without line ends.
 INET_API char* b64(const void* data, size_t size, const char* file, int line) noexcept;
+/// The same into room of the caller's: (size + 2) / 3 * 4 characters, without an end. `text` may be `data`.
+INET_API void b64_encode(const void* data, size_t size, char* text) noexcept;
 
 /// Appends decoded bytes to `out`, stopping at the padding or at the first character that is neither Base64 nor blank
 /// (space, tab, CR, LF). Bits left over that make no whole byte are dropped.

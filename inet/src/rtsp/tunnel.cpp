@@ -146,10 +146,15 @@ void Rtsp::take_get(header_s* header) noexcept {
 // What was added to the send buffer from `start` on becomes Base64, padded, as servers decode each request by itself.
 bool Rtsp::encode_tunnel(uint32_t start) noexcept {
     if (tunnel_ != tunnel_t::post_client) return true;
-    const core::owned_text text(b64(send_.data + start, send_.length - start, file_, line_));
-    const auto size = static_cast<uint32_t>(core_strlen(text.get()));
-    send_.length = start;
-    return text && core_buf_read(&send_, text.get(), size);
+    const uint32_t size = send_.length - start;
+    const uint32_t grown = (size + 2) / 3 * 4 - size;
+    if (!core_buf_respace(&send_, grown, file_, line_)) {
+        send_.length = start;
+        return false;
+    }
+    b64_encode(send_.data + start, size, reinterpret_cast<char*>(send_.data) + start);
+    send_.length += grown;
+    return true;
 }
 
 int Rtsp::join(Rtsp* get) noexcept {
