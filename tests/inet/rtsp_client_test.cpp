@@ -110,6 +110,9 @@ TEST_F(RtspClient, PlaysOrSaysThatItCannotWhateverAllocationFails) {
                   viewer.feed("");
                   const bool told = viewer.events.find("9 ") != std::string::npos;
                   EXPECT_TRUE(told || viewer.session->playing()) << viewer.events;
+                  viewer.session->open(secret_uri);
+                  viewer.feed(answers);
+                  EXPECT_TRUE(viewer.session->playing());
                   for (const test::received_t& frame : viewer.frames)
                       EXPECT_GE(frame.data.size(), 2U);
               }),
@@ -185,7 +188,7 @@ TEST_F(RtspClient, MapsWhatIsDescribed) {
 
 TEST_F(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
     for (const bool announced : {false, true}) {
-        for (const char* timeout : {"", ";timeout=10", "; timeout=0"}) {
+        for (const char* timeout : {"", "; timeout=10", ";timeout=0"}) {
             rtsp_viewer viewer;
             viewer.session->open("rtsp://h/live");
             EXPECT_EQ(viewer.session->send_keep_alive(), 0);
@@ -193,7 +196,7 @@ TEST_F(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
             viewer.answer("200 OK", "", sdp);
             viewer.answer("200 OK", "Session: 5"s + timeout + "\r\n");
             viewer.answer("200 OK");
-            EXPECT_EQ(viewer.session->keep_alive_interval(), timeout == ";timeout=10"s ? 5000000U : 30000000U);
+            EXPECT_EQ(viewer.session->keep_alive_interval(), timeout == "; timeout=10"s ? 5000000U : 30000000U);
             viewer.asked.clear();
             EXPECT_EQ(viewer.session->send_keep_alive(), 1);
             EXPECT_TRUE(viewer.asked.starts_with(announced ? "GET_PARAMETER " : "OPTIONS ")) << viewer.asked;
@@ -247,6 +250,26 @@ TEST_F(RtspClient, AnswersAChallengeOnceForEachRequest) {
             masked += line.find("\r\nAuthorization: Basic ***") != std::string::npos;
         }
         EXPECT_EQ(masked, c.scheme && *c.scheme == 'B' ? 1U : 0U);
+    }
+}
+
+TEST_F(RtspClient, TakesARepeatedAnswerForNoneUnlessTheServerNumbersAllAlike) {
+    rtsp_viewer viewer;
+    viewer.session->open("rtsp://h/live");
+    viewer.answer("200 OK");
+    viewer.answer("200 OK", "", sdp);
+    viewer.feed("RTSP/1.0 200 OK\r\nCSeq: 2\r\n\r\n");
+    EXPECT_EQ(viewer.events, "0 3 ");
+    viewer.answer("200 OK", "Session: 5\r\n");
+    EXPECT_EQ(viewer.events, "0 3 5 ");
+
+    for (const char* cseq : {"", "CSeq: 1\r\n", "CSeq: 2\r\n", "CSeq: 70\r\n"}) {
+        rtsp_viewer other;
+        other.session->open("rtsp://h/live");
+        for (const std::string& body : {""s, sdp, ""s, ""s})
+            other.feed("RTSP/1.0 200 OK\r\n"s + cseq + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+                       body);
+        EXPECT_TRUE(other.session->playing()) << cseq << other.events;
     }
 }
 
@@ -322,13 +345,97 @@ TEST_F(RtspClient, BoundsWhatAServerMakesItHold) {
     };
     rtsp3::Rtsp* session = deaf.session;
     session->set_handler(nullptr);
-    std::string report("\x80\xc8\0\6\0\0\0\7", 8);
-    report.resize(28);
     deaf.rtp(0, rtp_packet(96, 1, 1, "\x41"));
     for (int i = 0; i < 5000; ++i)
-        deaf.rtp(1, report);
+        deaf.rtp(1, test::sender_report(7, 0, 0));
     EXPECT_GT(session->send_buffer()->length, 60U * 1024);
     EXPECT_LT(session->send_buffer()->length, 66U * 1024);
+    // With them, what is said by a timer or in answer.
+    session->set_handler(&deaf);
+    deaf.before = nullptr;
+    EXPECT_EQ(session->send_keep_alive(), 0);
+    EXPECT_TRUE(deaf.events.ends_with(" 2 ")) << deaf.events;
+    EXPECT_TRUE(session->closed());
+}
+
+/// The most that is held at any allocation or call while it lives.
+class peak_memory {
+public:
+    peak_memory() {
+        most = start = core_mem_bytes();
+        core_mem_set_fault([](size_t, const char*, int) {
+            sample();
+            return false;
+        });
+    }
+    ~peak_memory() { core_mem_set_fault(nullptr); }
+    static size_t value() {
+        sample();
+        return most - start;
+    }
+
+private:
+    static void sample() { most = std::max(most, core_mem_bytes()); }
+    static inline size_t start;
+    static inline size_t most;
+};
+
+TEST_F(RtspClient, HoldsNoMoreThanItsHeaderStates) {
+    constexpr size_t talk = 512 * 1024;
+    constexpr size_t piece = 16000;
+    const auto fill = [](size_t size, const std::string& with) {
+        std::string text;
+        while (text.size() < size)
+            text += with;
+        return text;
+    };
+    const auto described = [](const std::string& body) {
+        return "RTSP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    };
+    const std::string ok = "RTSP/1.0 200 OK\r\n";
+    const std::string lies[] = {
+        std::string(1 << 20, 'x'),
+        ok + fill(4000, "a:\r\n") + "\r\n",
+        described(fill(65000, "m=v 0 RTP/AVP 9\r\n")),
+        described(sdp + "a=control:" + std::string(65000, 'c') + "\r\n"),
+        described(sdp + "a=fmtp:96 sprop-parameter-sets=" + std::string(64000, 'A') + ",AA==\r\n"),
+        ok + "Content-Length: 4294967295\r\n\r\n" + std::string(1 << 20, 'b'),
+        fill(1 << 20, "OPTIONS * RTSP/1.0\r\n\r\n"),
+        fill(1 << 20, "$\0\xff\xff"s + std::string(65535, '\x80')),
+    };
+    for (const std::string& lie : lies) {
+        SCOPED_TRACE(lie.substr(0, 40));
+        const peak_memory peak;
+        rtsp_viewer viewer;
+        viewer.session->open("rtsp://h/live");
+        viewer.answer("200 OK");
+        viewer.session->set_handler(nullptr);  // nothing is sent
+        for (size_t at = 0; at < lie.size(); at += piece)
+            viewer.feed(std::string_view(lie).substr(at, piece));
+        EXPECT_LE(peak.value(), talk + piece);
+    }
+
+    // On every track a NAL unit and one without an end, both as long as they may be, then a frame of its full length.
+    constexpr uint32_t frame_limit = 3U << 20;
+    std::string description = "v=0\r\n";
+    for (uint32_t i = 0; i < rtsp3::max_traks; ++i) {
+        const std::string pt = std::to_string(96 + i);
+        description += "m=video 0 RTP/AVP " + pt + "\r\na=rtpmap:" + pt + " H264/90000\r\n";
+    }
+    const peak_memory peak;
+    rtsp_viewer viewer;
+    viewer.session->set_frame_limit(frame_limit);
+    viewer.play(description);
+    const std::string bytes(60000, 'n');
+    for (uint16_t seq = 1; seq <= 350; ++seq) {
+        const bool starts = seq == 1 || seq == 131;
+        const std::string fua = seq == 130 ? "\x7c\x41" : starts ? "\x7c\x81" : "\x7c\x01";
+        const bool whole = seq >= 300;
+        for (uint32_t i = 0; i < rtsp3::max_traks; ++i)
+            viewer.rtp(0, rtp_packet(static_cast<uint8_t>(96 + i), seq, seq / 300U, (whole ? "\x41" : fua) + bytes));
+    }
+    EXPECT_GT(peak.value(), rtsp3::max_traks * size_t{2 * rtp::max_frame + frame_limit});
+    EXPECT_LE(peak.value(), rtsp3::max_traks * size_t{2 * rtp::max_frame + frame_limit + 64 * 1024} + talk);
 }
 
 TEST_F(RtspClient, TellsWholePicturesFromTorn) {
@@ -466,6 +573,49 @@ TEST_F(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
     for (uint16_t seq = 1; seq <= 200; ++seq)
         viewer.rtp(0, rtp_packet(96, seq, seq, "\x41"));
     EXPECT_GT(viewer.frames.size(), 90U);
+
+    // So does PLAY after PAUSE, when the server goes on elsewhere.
+    viewer.session->process_pause(nullptr);
+    viewer.answer("200 OK");
+    viewer.session->process_play(nullptr);
+    viewer.answer("200 OK", "RTP-Info: url=rtsp://h/live/video;seq=20;rtptime=100\r\n");
+    const size_t before = viewer.frames.size();
+    const int64_t reached = viewer.frames.back().media_time;
+    viewer.rtp(0, rtp_packet(96, 20, 190, "\x65"));
+    viewer.session->flush();
+    ASSERT_EQ(viewer.frames.size(), before + 1);
+    EXPECT_EQ(viewer.frames.back().media_time, reached + 1000);
+}
+
+TEST_F(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {
+    rtsp_viewer viewer;
+    viewer.session->open("rtsp://h/live");
+    viewer.answer("200 OK");
+    viewer.answer("200 OK", "", two_tracks);
+    for (int i = 0; i < 2; ++i)
+        viewer.answer("200 OK", "Session: 1\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
+    viewer.answer("200 OK");
+    viewer.rtp(0, rtp_packet(96, 1, 1, "\x65", true, 7));
+    viewer.rtp(0, rtp_packet(0, 1, 1, "sound", true, 8));
+    viewer.rtp(1, test::sender_report(8, 0xe8b8a690, 1));
+    viewer.rtp(1, test::sender_report(7, 0xe8b8a680, 1));
+    viewer.session->flush();
+    ASSERT_EQ(viewer.frames.size(), 2U);
+    EXPECT_EQ(viewer.frames[0].ntp_time, time_ntp_to_core(0xe8b8a680, 0));
+    EXPECT_EQ(viewer.frames[1].ntp_time, time_ntp_to_core(0xe8b8a690, 0));
+}
+
+TEST_F(RtspClient, ReportsEveryTwoSecondsHoweverTheStreamBegins) {
+    for (const char* start : {"\x65", "\x7c\x85"}) {
+        rtsp_viewer viewer;
+        viewer.play(sdp);
+        const uint32_t origin = 4294900;  // most of what the packetizer can take for an interval
+        viewer.rtp(0, rtp_packet(96, 1, origin, start + "a"s, false));
+        viewer.rtp(0, rtp_packet(96, 2, origin, "\x7c\x45z"));
+        for (uint16_t i = 1; i <= 10; ++i)
+            viewer.rtp(0, rtp_packet(96, static_cast<uint16_t>(2 + i), origin + i * 90000U, "\x41"));
+        EXPECT_GE(viewer.reports.size(), 5U);
+    }
 }
 
 TEST_F(RtspClient, SetsUpOnlyWhatIsWantedAndGoesOnWhenToldTo) {

@@ -55,12 +55,13 @@
 /// from inside the event. A session answers only on the connection, or the pair of tunnel connections, that made it.
 ///
 /// What a peer can make a session hold: 64 KiB + 16 KiB of input, in a room of at most twice that (a header of at most
-/// 4098 bytes, a body of at most 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of replies and
-/// reports, and one more, that it does not read. A server can make a client hold besides: max_traks tracks with texts
-/// out of one description, 64 KiB of parameter sets and set_frame_limit() bytes of frame for each, and what the
-/// rtp::Rtp states. Whoever goes beyond, or breaks the framing, is logged once and gets rtsp_close; a frame above the
-/// limit is left out. Frames that a peer does not read are bounded by set_send_limit(). Every allocation may fail: the
-/// message or the picture at hand is then left out whole; a client request that could not be sent gives rtsp_error.
+/// 4098 bytes, a body of at most 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of requests, replies
+/// and reports, and one more, that it does not read; 512 KiB in all, also while a description is taken. A server can
+/// make a client hold besides, for each of at most max_traks tracks: 64 KiB of parameter sets, set_frame_limit() bytes
+/// of frame, and what the rtp::Rtp states. Whoever goes beyond, or breaks the framing, is logged once and gets
+/// rtsp_close; a frame above the limit is left out. Frames that a peer does not read are bounded by set_send_limit().
+/// Every allocation may fail: the message or the picture at hand is then left out whole; a client request that could
+/// not be sent gives rtsp_error.
 #pragma once
 
 #include "avc/frame.h"
@@ -449,6 +450,7 @@ private:
     int send_ok() noexcept;
     bool append_header(net::http::header_s* header, const char* uri) noexcept;
     int announce_reply(uint32_t start) noexcept;
+    bool is_unread() noexcept;
     void log_sent(std::string_view text) noexcept;
 
     bool start_picture(uint32_t fcc) noexcept;
@@ -576,6 +578,8 @@ private:
     uint32_t activity_ = 0;
 
     uint32_t next_cseq_ = 0;
+    uint32_t named_cseq_ = 0;      // of the last response that named its request right
+    bool names_requests_ = false;  // the server has named two
     pending_t pending_[8] = {};
     pending_t response_to_ = {};  // the request whose response is being served
     bool repeating_ = false;

@@ -1,4 +1,5 @@
 // Receiving RTP (RFC 3550): headers, order, time and counters; the formats have rooms of their own.
+#include "bounded.h"
 #include "rtp/packet.h"
 
 #include "avc/fcc.h"
@@ -18,8 +19,6 @@ constexpr uint8_t extension_bit = 0x10;
 // Numbers from here on may be followed by small ones: the count has wrapped.
 constexpr uint16_t wrap_from = 65000;
 constexpr uint16_t wrap_to = 100;
-
-constexpr uint32_t smallest_room = 2048;
 
 struct packet_t {
     bool extension;
@@ -162,13 +161,9 @@ void Rtp::call_frame() noexcept {
 // False when the frame was given up instead, for its size or for want of memory.
 bool Rtp::append(buf_t& to, std::span<const uint8_t> bytes) noexcept {
     const auto size = static_cast<uint32_t>(bytes.size());
-    if (size > to.size - to.length) {
-        // Doubling, so that a long frame is not copied for every packet, but never past the bound.
-        const uint32_t room = std::min(max_frame, std::max({to.length + size, 2 * to.size, smallest_room}));
-        if (size > max_frame - to.length || !core_buf_resize(&to, room, file_, line_)) {
-            discard_frame();
-            return false;
-        }
+    if (!bounded::make_room(to, size, max_frame, file_, line_)) {
+        discard_frame();
+        return false;
     }
     if (size > 0) std::memcpy(to.data + to.length, bytes.data(), size);
     to.length += size;

@@ -86,8 +86,8 @@ void Rtsp::forget_conversation() noexcept {
     base_.reset();
     *session_ = 0;
     step_ = step_t::none;
-    timeout_ = next_cseq_ = 0;
-    has_get_parameter_ = false;
+    timeout_ = next_cseq_ = named_cseq_ = 0;
+    has_get_parameter_ = names_requests_ = false;
     const bool tunnelled = tunnel_ == tunnel_t::get_client || tunnel_ == tunnel_t::post_client;
     tunnel_ = tunnelled ? tunnel_t::get_client : tunnel_t::none;
 }
@@ -121,7 +121,8 @@ bool Rtsp::may_ask() noexcept {
     if (closed_ || packing_ || !uri_) return false;
     if (role_ == role_t::server && (trak_count_ || *session_)) return false;
     role_ = role_t::client;
-    return true;
+    if (is_unread()) fail("requests are not read");
+    return !closed_;
 }
 
 void Rtsp::add_credentials(request& request, const char* method, const char* uri) const noexcept {
@@ -189,8 +190,12 @@ int Rtsp::ask_setup_from(trak_t* trak, unsigned port) noexcept {
 }
 
 int Rtsp::ask_play(trak_t*) noexcept {
+    if (!may_ask()) return 0;
     step_ = step_t::play;
     play_time_ = time_now();
+    for (uint32_t i = 0; i < trak_count_; ++i) {
+        if (traks_[i]->rtp) traks_[i]->gathered->before_play = traks_[i]->rtp->received;
+    }
     return ask(asked_t::play, aggregate_uri(), nullptr, nullptr, nullptr);
 }
 
@@ -215,11 +220,18 @@ int Rtsp::send_keep_alive() noexcept {
     return has_get_parameter_ ? ask_get_parameter(nullptr) : ask_options(nullptr);
 }
 
-// Responses name their request by CSeq; one without, or with another, answers the last (RFC 2326, 12.17).
+// Responses name their request by CSeq; one without, or with another, answers the last (RFC 2326, 12.17). Only from a
+// server that has named two of them right, an earlier number is a repetition, which answers nothing.
 bool Rtsp::take_pending(const header_s* header, pending_t* out) noexcept {
     const uint32_t cseq = value_geti_uint32(header->fields, "CSeq");
     pending_t* pending = &pending_[cseq % std::size(pending_)];
-    if (!pending->method || pending->cseq != cseq) pending = &pending_[next_cseq_ % std::size(pending_)];
+    if (pending->method && pending->cseq == cseq) {
+        names_requests_ = names_requests_ || (named_cseq_ && named_cseq_ != cseq);
+        named_cseq_ = cseq;
+    } else {
+        if (names_requests_ && cseq && cseq < next_cseq_) return false;
+        pending = &pending_[next_cseq_ % std::size(pending_)];
+    }
     *out = *pending;
     *pending = {};
     return out->method != nullptr;
@@ -360,6 +372,7 @@ bool Rtsp::take_session(const header_s* header) noexcept {
     std::string_view rest = scan::skip(scan::text(field(header, "Session")), " \t");
     if (rest.empty()) return true;
     std::string_view id = scan::take(rest, ';');
+    rest = scan::skip(rest, " \t");
     id = id.substr(0, id.find_first_of(" \t"));
     if (id.empty() || id.size() >= sizeof session_ || !is_printable(id)) return false;
     std::copy(id.begin(), id.end(), session_);

@@ -150,9 +150,12 @@ core::owned_text Rtsp::control_uri(const char* control) const noexcept {
 // Each entry goes to a track of its own, the one named exactly first: tracks of one medium may have one control value.
 void Rtsp::take_rtp_info(const char* value) noexcept {
     bool taken[max_traks] = {};
+    // What has already come is more certain than what was announced.
+    const auto waits = [](const trak_t& trak) { return trak.rtp && trak.rtp->received == trak.gathered->before_play; };
     for (uint32_t i = 0; i < trak_count_; ++i) {
-        rtp::trak_t* rtp = traks_[i]->rtp;
-        if (rtp && rtp->received == 0) rtp->time = play_time_;
+        if (!waits(*traks_[i])) continue;
+        traks_[i]->rtp->time = play_time_;
+        traks_[i]->gathered->started = false;
     }
     const std::unique_ptr<net::sdp::rtp_info_s*, rtp_info_deleter> infos(sdp_parse_rtp_info(value, file_, line_));
     for (net::sdp::rtp_info_s** info = infos.get(); info && *info; ++info) {
@@ -161,8 +164,7 @@ void Rtsp::take_rtp_info(const char* value) noexcept {
         if (!trak) trak = trak_of_url(url, false, taken);
         if (!trak) continue;
         taken[std::find(traks_, traks_ + trak_count_, trak) - traks_] = true;
-        // What has already come is more certain than what was announced.
-        if (!trak->rtp || trak->rtp->received) continue;
+        if (!waits(*trak)) continue;
         const auto seq = scan::number(scan::text((*info)->seq));
         const auto rtptime = scan::number(scan::text((*info)->rtptime));
         if (seq) trak->rtp->seq = static_cast<uint16_t>(*seq);

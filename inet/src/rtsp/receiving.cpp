@@ -1,4 +1,5 @@
 // Frames in: what the packetizer hands over is put together by its RTP time.
+#include "bounded.h"
 #include "rtsp/session.h"
 
 #include "avc/fcc.h"
@@ -84,6 +85,11 @@ void Rtsp::take_report(trak_t* trak, buffer_t packet) noexcept {
     constexpr size_t sender_info_end = 20;
     const bytes_t bytes(packet.data, packet.size);
     if (!trak || bytes.size() < sender_info_end || bytes[0] >> 6 != 2 || bytes[1] != sender_report) return;
+    // Tracks that a server put on one channel are told apart by their SSRC.
+    for (uint32_t i = 0; i < trak_count_ && trak->rtp->ssrc != get32(bytes, 4); ++i) {
+        const trak_t& other = *traks_[i];
+        if (other.set_up && other.channel == trak->channel && other.rtp->ssrc == get32(bytes, 4)) trak = traks_[i];
+    }
     trak->gathered->reported = true;
     trak->gathered->report_time = time_ntp_to_core(get32(bytes, 8), get32(bytes, 12));
     trak->gathered->report_rtp_time = get32(bytes, 16);
@@ -133,6 +139,8 @@ void Rtsp::start_frame(trak_t& trak) noexcept {
         gathered.started = true;
         gathered.last_rtp_time = trak.rtp->rtp_time;
         trak.rtp->time = play_time_;
+        // The packetizer, which did not know where time starts, may have put it off by nearly a minute.
+        trak.rtp->next_rtcp = std::min(trak.rtp->next_rtcp, play_time_);
     }
     gathered.ticks += static_cast<int32_t>(trak.rtp->rtp_time - gathered.last_rtp_time);
     gathered.last_rtp_time = gathered.rtp_time = trak.rtp->rtp_time;
@@ -175,7 +183,7 @@ void Rtsp::keep_parameter_set(trak_t& trak, std::span<const uint8_t> nal, bool r
     buf_t& sets = trak.parameter_sets;
     if (restart) sets.length = 0;
     const auto size = static_cast<uint32_t>(sizeof start_code + nal.size());
-    if (size > max_parameter_sets - sets.length || !core_buf_respace(&sets, size, file_, line_)) return;
+    if (!bounded::make_room(sets, size, max_parameter_sets, file_, line_)) return;
     core_buf_read(&sets, start_code, sizeof start_code);
     core_buf_read(&sets, nal.data(), static_cast<uint32_t>(nal.size()));
     trak.gathered->sets_changed = true;
@@ -185,8 +193,7 @@ void Rtsp::add(trak_t& trak, std::span<const uint8_t> bytes) noexcept {
     trak_t::gathered_t& gathered = *trak.gathered;
     if (gathered.left_out || bytes.empty()) return;
     const auto size = static_cast<uint32_t>(bytes.size());
-    if (size <= frame_limit_ && gathered.frame.length <= frame_limit_ - size &&
-        core_buf_respace(&gathered.frame, size, file_, line_)) {
+    if (bounded::make_room(gathered.frame, size, frame_limit_, file_, line_)) {
         core_buf_read(&gathered.frame, bytes.data(), size);
         return;
     }

@@ -68,6 +68,12 @@ int Rtsp::announce_reply(uint32_t start) noexcept {
     return 1;
 }
 
+// Whether the peer has left so much of what was said that it gets no more. Frames have a limit of their own.
+bool Rtsp::is_unread() noexcept {
+    if (send_.length == 0) replies_ = 0;
+    return (role_ == role_t::client ? send_.length : replies_) > max_replies_waiting;
+}
+
 int Rtsp::send_header(header_s* header, const char* uri) noexcept {
     const uint32_t start = send_.length;
     return append_header(header, uri) ? announce_reply(start) : 0;

@@ -79,8 +79,7 @@ void Rtsp::serve_request(header_s* header) noexcept {
         {"TEARDOWN", &Rtsp::process_teardown, true, true, false},
     };
     ++activity_;
-    if (send_.length == 0) replies_ = 0;
-    if (replies_ > max_replies_waiting) return fail("replies are not read");
+    if (is_unread()) return fail("replies are not read");
     remember_cseq(header);
     const auto method = std::find_if(std::begin(methods), std::end(methods),
                                      [&](const method_t& known) { return known.name == header->method; });

@@ -119,7 +119,8 @@ struct trak_t::gathered_t {
     uint32_t received;
     uint32_t late;  ///< when the last packet was taken
 
-    bool started;  ///< `last_rtp_time` is known
+    uint32_t before_play;  ///< packets taken when PLAY was asked for
+    bool started;          ///< `last_rtp_time` is known
     uint32_t last_rtp_time;
     int64_t ticks;  ///< RTP time since the start, not folded
 
