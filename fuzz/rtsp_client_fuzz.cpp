@@ -60,6 +60,10 @@ public:
             case event_t::rtsp_frame:
                 if (rtsp->frame()->size == 0 || rtsp->frame()->size > frame_limit) std::abort();
                 sum_ = std::count(rtsp->frame()->data, rtsp->frame()->data + rtsp->frame()->size, 0);
+                if (++frames_ == 4) rtsp->process_pause(nullptr);
+                break;
+            case event_t::rtsp_pause:
+                rtsp->process_play(nullptr);
                 break;
             case event_t::rtsp_close:
                 rtsp->close();
@@ -74,6 +78,7 @@ private:
     buf_t received_;
     bool reads_;
     int errors_ = 0;
+    int frames_ = 0;
     std::ptrdiff_t sum_ = 0;
 };
 
