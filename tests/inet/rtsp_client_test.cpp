@@ -388,7 +388,7 @@ private:
 };
 
 TEST_F(RtspClient, HoldsNoMoreThanItsHeaderStates) {
-    constexpr size_t talk = 512 * 1024;
+    constexpr size_t talk = size_t{512} * 1024;
     constexpr size_t piece = 16000;
     const auto fill = [](size_t size, const std::string& with) {
         std::string text;
@@ -427,7 +427,11 @@ TEST_F(RtspClient, HoldsNoMoreThanItsHeaderStates) {
     std::string description = "v=0\r\n";
     for (uint32_t i = 0; i < rtsp3::max_traks; ++i) {
         const std::string pt = std::to_string(96 + i);
-        description += "m=video 0 RTP/AVP " + pt + "\r\na=rtpmap:" + pt + " H264/90000\r\n";
+        description.append("m=video 0 RTP/AVP ")
+            .append(pt)
+            .append("\r\na=rtpmap:")
+            .append(pt)
+            .append(" H264/90000\r\n");
     }
     const peak_memory peak;
     rtsp_viewer viewer;
