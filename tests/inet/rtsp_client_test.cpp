@@ -230,6 +230,8 @@ TEST_F(RtspClient, AnswersAChallengeOnceForEachRequest) {
         {"rtsp://u:p@h/live", challenge, "Digest username=\"u\""},
         {"rtsp://u:p@h/live", "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", Basic realm=\"r\"\r\n",
          "Digest username=\"u\""},
+        {"rtsp://u:p@h/live", "WWW-Authenticate: Basic realm=\"r\", Digest realm=\"r\", nonce=\"n\"\r\n",
+         "Digest username=\"u\""},
         {"rtsp://u:p@h/live", "WWW-Authenticate: Basic realm=\"r\"\r\n", "Basic dTpw\r\n"},
         {"rtsp://u@h/live", "www-authenticate: Basic realm=\"r\"\r\n", "Basic dTo=\r\n"},
         {"rtsp://u:p@h/live", "", nullptr},

@@ -39,13 +39,21 @@ core::owned_text decode_user_info(std::string_view text, const char* file, int l
     return out;
 }
 
+/// The Digest challenge of a field, which may hold others in front of it; null for none.
+const char* digest_of(const char* value) noexcept {
+    if (core_strncasecmp(value, "Digest", 6) == 0) return value;
+    const char* const behind = std::strstr(value, ", Digest ");
+    return behind ? behind + 2 : nullptr;
+}
+
 /// Of the challenges the one that tells a listener least: Digest with MD5 before Basic. Null when none can be answered.
 const char* choose_challenge(const header_s* header) noexcept {
     const char* basic = nullptr;
     for (value_t* const* field = header->fields; field && *field; ++field) {
         const char* value = (*field)->value;
         if (core_strcasecmp((*field)->key, "WWW-Authenticate") != 0 || !value || !is_printable(value)) continue;
-        if (core_strncasecmp(value, "Digest", 6) == 0 && !std::strstr(value, "SHA-")) return value;
+        const char* const digest = digest_of(value);
+        if (digest && !std::strstr(digest, "SHA-")) return digest;
         if (core_strncasecmp(value, "Basic", 5) == 0 && !basic) basic = value;
     }
     return basic;
