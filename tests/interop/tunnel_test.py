@@ -85,13 +85,13 @@ class Http(unittest.TestCase):
                     tunnel.request("OPTIONS")
                     gone, left = (tunnel.post, tunnel.socket) if close_post else (tunnel.socket, tunnel.post)
                     gone.close()
-                    left.settimeout(5)
+                    left.settimeout(10)
                     self.assertEqual(left.recv(1), b"")
 
     def test_a_post_without_its_get_is_closed(self):
         with Camera() as camera:
             address = urlsplit(camera.url("live"))
-            with socket.create_connection((address.hostname, address.port), 5) as post:
+            with socket.create_connection((address.hostname, address.port), 20) as post:
                 post.sendall(b"POST /live HTTP/1.0\r\nx-sessioncookie: nobody\r\n\r\n")
                 self.assertEqual(post.recv(1), b"")
 

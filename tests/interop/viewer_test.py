@@ -10,7 +10,8 @@ import tempfile
 import time
 import unittest
 
-from peers import VIEWER, Camera, clip_file, clip_sound, ffmpeg, free_group, picture_hashes, position_in_loop, run
+from peers import (VIEWER, Camera, clip_file, clip_sound, ffmpeg, free_group, picture_hashes, position_in_loop, run,
+                   up_to_three_times)
 from relay import Relay, Server
 
 NO_CONNECTION, REFUSED, NOT_FOUND, PROTOCOL, NOTHING, LOST, CANNOT_WRITE, USAGE = 3, 4, 5, 6, 7, 8, 9, 2
@@ -141,6 +142,7 @@ class Loss(Case):
         self.assertLessEqual(set(seen), set(picture_hashes("-i", clip_file("clip.h264"))))
         self.assertLessEqual(set(nal_units(self.path("a.h264"))), set(self.clip))
 
+    @up_to_three_times
     def test_reordering_alone_costs_nothing(self):
         with Camera() as camera, Relay(camera.url("live"), 0.0, 0.1) as relay:
             tracks, _ = self.view(relay.url, "--transport", "udp", "--duration", "3", "--stats",
@@ -220,7 +222,7 @@ class Status(Case):
                 (LOST, {"SETUP": 454}),
                 (NOTHING, {})):
             with self.subTest(answers=str(answers)[:80]), Server(**answers) as server:
-                self.check(status, server.url, "--timeout", "1")
+                self.check(status, server.url, "--timeout", "3")
 
     def test_a_server_that_plays_nonsense(self):
         """Packets whose numbers, times, formats and contents are drawn: parameter sets, pictures and parts of them."""
@@ -235,7 +237,7 @@ class Status(Case):
                               1) + content
             media += struct.pack(">BBH", 0x24, 0 if chance.random() < 0.98 else 7, len(rtp)) + rtp
         with Server(PLAY=b"RTSP/1.0 200 OK\r\nCSeq: 4\r\nSession: 1\r\n\r\n" + media) as server:
-            tracks, messages = self.view(server.url, "--timeout", "1", "--stats", "-o", self.path("a.h264"),
+            tracks, messages = self.view(server.url, "--timeout", "3", "--stats", "-o", self.path("a.h264"),
                                          "-o", self.path("a.mp4"), status=LOST)
         self.assertRegex(messages, "changed its parameter sets\n.*no media comes any more")
         frames = int(tracks["H264"]["frames"])
@@ -244,6 +246,7 @@ class Status(Case):
         packets = run("ffprobe", "-v", "quiet", "-show_packets", self.path("a.mp4")).decode().count("[PACKET]")
         self.assertTrue(0 < packets < frames, (packets, frames))
 
+    @up_to_three_times
     def test_a_session_is_kept_alive_and_taken_leave_of(self):
         with Server() as server:
             self.check(NOTHING, server.url, "--timeout", "2")
