@@ -77,15 +77,15 @@ std::string rtp_header(uint32_t type, uint32_t width, uint32_t height, uint32_t 
     return header;
 }
 
-std::string decode(const test::temp_dir& dir, const std::string& jpeg, const std::string& format) {
-    const std::string path = dir.file("picture.jpg");
+std::string decode(const test::scratch& dir, const std::string& jpeg, const std::string& format) {
+    const std::string path = dir / "picture.jpg";
     test::write_file(path, bytes_of(jpeg));
     return test::run("ffmpeg -v error -xerror -f mjpeg -i " + path + " -f rawvideo -pix_fmt " + format + " -");
 }
 
 TEST(Jpeg, AnEncodersPictureIsTheSameBehindARebuiltHeader) {
-    const test::temp_dir dir;
-    const std::string path = dir.file("source.jpg");
+    const test::scratch dir;
+    const std::string path = dir / "source.jpg";
     test::run(
         "ffmpeg -v error -f lavfi -i testsrc=size=104x72 -frames:v 1 -c:v mjpeg -huffman default -q:v 3 "
         "-pix_fmt yuvj420p " +
@@ -197,7 +197,7 @@ std::string flat_picture(uint32_t type, uint32_t restart) {
 }
 
 TEST(Jpeg, EveryTypeWithAndWithoutRestartsDecodesToItsShades) {
-    const test::temp_dir dir;
+    const test::scratch dir;
     for (uint32_t type : {0U, 1U}) {
         for (uint32_t restart : {0U, 1U, 3U}) {
             const std::string picture = flat_picture(type, restart);

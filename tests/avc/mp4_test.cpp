@@ -111,8 +111,8 @@ TEST(Mp4, GivesBackTheNalUnitsAndTimesThatWentIn) {
         "ffmpeg -v error -f lavfi -i testsrc=size=322x178:rate=30000/1001 -frames:v 45 -c:v libx264 -bf 0 -g 12 ";
     for (const auto& want : cases) {
         SCOPED_TRACE(want.encoder);
-        const test::temp_dir dir;
-        const std::string path = dir.file("clip.mp4");
+        const test::scratch dir;
+        const std::string path = dir / "clip.mp4";
         const std::string source = test::run(generate + want.encoder + " -f h264 -");
         const auto frames = frames_of(source, want.offset);
         ASSERT_EQ(frames.size(), 45U);

@@ -1,7 +1,7 @@
 #include "core/option.h"
 
 #include "support/fault.h"
-#include "support/scratch.h"
+#include "support/program.h"
 #include "support/side_thread.h"
 
 #include "core/memory.h"
@@ -10,9 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -33,14 +31,7 @@ struct options {
     opt_ctx* opt;
 };
 
-void store(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
-}
-
-std::string stored(const std::string& path) {
-    const std::ifstream in(path, std::ios::binary);
-    return in ? (std::ostringstream() << in.rdbuf()).str() : "(missing)";
-}
+void store(const std::string& path, const std::string& content) { test::write_file(path, test::bytes_of(content)); }
 
 class Option : public testing::Test {
 protected:
@@ -79,7 +70,7 @@ TEST_F(Option, FileOfAnyContentIsRead) {
     EXPECT_EQ(read.get("b"), "\\q\\");
     EXPECT_EQ(read.get("last"), "no line end");
     EXPECT_EQ(core_opt_save(read.opt), 1);
-    EXPECT_EQ(stored(path), "a=2\nb=\\\\q\\\\\nlast=no line end\n");
+    EXPECT_EQ(test::read_file(path), "a=2\nb=\\\\q\\\\\nlast=no line end\n");
 }
 
 TEST_F(Option, Numbers) {
@@ -138,7 +129,7 @@ TEST_F(Option, LeftoverOfACrashIsNeitherReadNorInTheWay) {
         const options o(path);
         EXPECT_EQ(o.get("a"), "old");
         EXPECT_EQ(core_opt_save(o.opt), 1);
-        EXPECT_EQ(stored(path), "a=old\n");
+        EXPECT_EQ(test::read_file(path), "a=old\n");
         EXPECT_FALSE(std::filesystem::exists(new_path));
     }
 }
@@ -168,7 +159,7 @@ TEST_F(Option, KilledWhileSavingLeavesTheOldOrTheNewContent) {
         waitpid(child, nullptr, 0);
         close(started[0]);
         close(started[1]);
-        const std::string now = stored(path);
+        const std::string now = test::read_file(path);
         ASSERT_TRUE(now == contents[0] || now == contents[1]) << now.size() << " bytes after " << lifetime << " us";
     }
 }
@@ -180,14 +171,14 @@ TEST_F(Option, FailedSaveLeavesTheOldFile) {
     // A directory in the place of the new file fails for every user, also for root.
     std::filesystem::create_directory(new_path);
     EXPECT_EQ(core_opt_save(o.opt), 0);
-    EXPECT_EQ(stored(path), "a=old\n");
+    EXPECT_EQ(test::read_file(path), "a=old\n");
     std::filesystem::remove(new_path);
     core_opt_set(o.opt, "big", std::string(1024 * 1024, 'x').c_str());
     EXPECT_EQ(core_opt_save(o.opt), 0) << "it could not be read again";
-    EXPECT_EQ(stored(path), "a=old\n");
+    EXPECT_EQ(test::read_file(path), "a=old\n");
     core_opt_set(o.opt, "big", nullptr);
     EXPECT_EQ(core_opt_save(o.opt), 1);
-    EXPECT_EQ(stored(path), "a=new\n");
+    EXPECT_EQ(test::read_file(path), "a=new\n");
     std::filesystem::remove(path);
     std::filesystem::create_directories(path + "/full");
     EXPECT_EQ(core_opt_save(o.opt), 0);
@@ -222,7 +213,7 @@ TEST_F(Option, LackOfMemoryNeverLosesAnOption) {
                   core_mfree(core_opt_get(o.opt, "a", nullptr, CORE_HERE));
                   const int set = core_opt_set(o.opt, "a", std::string(100, '1').c_str());
                   if (core_opt_save(o.opt)) {
-                      EXPECT_EQ(stored(path).size(), content.size() + (set ? 99 : 0));
+                      EXPECT_EQ(test::read_file(path).size(), content.size() + (set ? 99 : 0));
                   }
                   store(path, content);
               }),
@@ -238,7 +229,7 @@ TEST_F(Option, ThreadsShareAHandle) {
             EXPECT_EQ(core_opt_save(shared.opt), 1);
         }
     });
-    EXPECT_EQ(stored(path), "even=4\nodd=5\n");
+    EXPECT_EQ(test::read_file(path), "even=4\nodd=5\n");
 }
 
 }  // namespace

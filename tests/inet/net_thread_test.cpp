@@ -26,9 +26,8 @@ namespace {
 using namespace net;
 using namespace std::chrono_literals;
 using test::counter;
+using test::less_than_a_wait;
 using test::network_thread;
-
-constexpr auto less_than_a_wait = 4s;  // of the loop, when nothing wakes it
 
 struct socket_pair {
     socket_pair() {
@@ -429,7 +428,8 @@ TEST(Memory, WhenItIsOutNothingIsRegisteredAndNothingHeld) {
         EXPECT_TRUE(!queued || called.reaches(1));
         net_nt_socket_add(nt, socket, pair.fds[0], nt_flag_read, &read,
                           [](void* arg, uint32_t) { counter::count(arg); });
-        EXPECT_TRUE(!socket || read.reaches(1, 3s)) << "what the loop has no memory for is not left for a whole wait";
+        EXPECT_TRUE(!socket || read.reaches(1, less_than_a_wait))
+            << "what the loop has no memory for is not left for a whole wait";
         net_nt_socket_rem(nt, socket);
     });
     EXPECT_GE(failed, 12u);

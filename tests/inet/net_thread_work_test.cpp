@@ -18,8 +18,8 @@
 namespace {
 
 using namespace net;
-using namespace std::chrono_literals;
 using test::counter;
+using test::less_than_a_wait;
 using test::network_thread;
 
 std::atomic<uint64_t> clock_us;
@@ -186,9 +186,9 @@ TEST(Command, WhatItsCallbackOrdersIsDoneBeforeTheLoopWaits) {
         };
         nt.pass();
         nt.run([&] { net_nt_command_exec(command.handle); });
-        EXPECT_TRUE(called.reaches(1, 2s));
-        EXPECT_TRUE(signalled.reaches(1, 2s));
-        EXPECT_TRUE(added.reaches(1, 2s));
+        EXPECT_TRUE(called.reaches(1, less_than_a_wait));
+        EXPECT_TRUE(signalled.reaches(1, less_than_a_wait));
+        EXPECT_TRUE(added.reaches(1, less_than_a_wait));
         net_nt_socket_rem(nt, first);
         net_nt_socket_rem(nt, second);
         net_nt_command_destroy(command.handle);
@@ -208,7 +208,7 @@ TEST(Calls, RunInOrderAndOneThatQueuesItselfLetsTheLoopGoOn) {
     } chain{nt, {}};
     timer_task timer;
     net_nt_sync_call(nt, nullptr, &chain, chain::run);
-    EXPECT_TRUE(chain.calls.reaches(100, 3s)) << "without waiting in between";
+    EXPECT_TRUE(chain.calls.reaches(100, less_than_a_wait)) << "without waiting in between";
 
     std::vector<int> order;
     struct entry {
@@ -274,7 +274,7 @@ TEST(Thread, RunsWhatIsPostedOnItsOwnThreadAndMissesNothing) {
     }
     for (auto& poster : posters)
         poster.join();
-    EXPECT_TRUE(work.calls.reaches(poster_count * posts, 3s)) << "below the five seconds of a wait";
+    EXPECT_TRUE(work.calls.reaches(poster_count * posts, less_than_a_wait));
     thread.stop();
     EXPECT_TRUE(!thread.nt && !thread.command);
     thread.start();

@@ -176,7 +176,3 @@ class CrowdSerial(unittest.TestCase):
         print(f"\ndelay, 99 of 100 below: alone {most(alone, 99):.1f} ms, in a crowd {most(beside, 99):.1f} ms, "
               f"of which it adds {added:.1f} ms")
         self.assertLess(added, max(most(alone, 90), GRAIN))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,7 +7,8 @@ import subprocess
 import time
 import unittest
 
-from peers import Camera, clip_file, clip_sound, free_group, picture_hashes, position_in_loop, run
+from peers import (HASHES, Camera, clip_file, clip_sound, free_group, hashes_of, picture_hashes, position_in_loop,
+                   run)
 from player import Player
 
 GROUP = "239.81.7.3"
@@ -53,18 +54,9 @@ class Cable:
         return Camera("--bind", self.address[self.near], "--multicast", GROUP, *arguments,
                       prefix=("ip", "netns", "exec", self.near))
 
-    def command(self, *arguments):
-        return ("netns", "exec", self.far, "ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", *arguments)
-
     def pull(self, camera, *arguments):
-        return run("ip", *self.command("-rtsp_transport", "udp_multicast", "-i", camera.url("live"), *arguments))
-
-
-HASHES = ("-map", "0:v", "-fps_mode", "passthrough", "-f", "framehash", "-hash", "md5", "-")
-
-
-def hashes_of(table):
-    return [line.split(",")[-1].strip() for line in table.decode().splitlines() if not line.startswith("#")]
+        return run("ip", "netns", "exec", self.far, "ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error",
+                   "-rtsp_transport", "udp_multicast", "-i", camera.url("live"), *arguments)
 
 
 @unittest.skipUnless(may_make_namespaces(), "network namespaces need root")
@@ -139,7 +131,3 @@ class Offer(unittest.TestCase):
             self.addCleanup(player.socket.close)
             with self.assertRaisesRegex(AssertionError, "461"):
                 player.set_up(transport="RTP/AVP;multicast")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,7 +6,6 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import threading
 
 CAMERA = os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera")
@@ -103,10 +102,16 @@ def ffmpeg(*arguments, timeout=60):
     return run("ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-xerror", *arguments, timeout=timeout)
 
 
-def picture_hashes(*source):
-    """Hashes of the decoded pictures of an ffmpeg input, none repeated or left out."""
-    table = ffmpeg(*source, "-map", "0:v", "-fps_mode", "passthrough", "-f", "framehash", "-hash", "md5", "-")
+HASHES = ("-map", "0:v", "-fps_mode", "passthrough", "-f", "framehash", "-hash", "md5", "-")
+
+
+def hashes_of(table):
+    """What an ffmpeg with HASHES has printed: those of the decoded pictures, none repeated or left out."""
     return [line.split(",")[-1].strip() for line in table.decode().splitlines() if not line.startswith("#")]
+
+
+def picture_hashes(*source):
+    return hashes_of(ffmpeg(*source, *HASHES))
 
 
 def clip_file(name):
@@ -124,7 +129,3 @@ def position_in_loop(run_of, loop):
         if all(item == loop[(start + i) % len(loop)] for i, item in enumerate(run_of)):
             return start
     return None
-
-
-if __name__ == "__main__":
-    sys.exit("the tests are in *_test.py")

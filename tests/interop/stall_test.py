@@ -96,7 +96,3 @@ class Stall(unittest.TestCase):
                 with self.assertRaises((EOFError, ConnectionError)):
                     for _ in range(100000):
                         player.packet()
-
-
-if __name__ == "__main__":
-    unittest.main()

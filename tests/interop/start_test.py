@@ -55,7 +55,3 @@ class Start(unittest.TestCase):
             self.assertLess(place, at * 4 + 0.15)
         lag = places[0][-1][1] - places[2][-1][1]
         self.assertLess(abs(lag), 0.1, "sound and picture are as far")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -98,7 +98,3 @@ class Http(unittest.TestCase):
     def test_what_is_no_base64_ends_it(self):
         with Camera() as camera, Tunnel(camera.url("live"), post_first=b"AA=AAAAA") as tunnel:
             self.assertEqual(tunnel.socket.recv(1), b"")
-
-
-if __name__ == "__main__":
-    unittest.main()

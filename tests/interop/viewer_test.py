@@ -45,6 +45,12 @@ class Case(unittest.TestCase):
         tracks = [dict(pair.split("=") for pair in line.split()) for line in out.splitlines()]
         return {track["format"]: track for track in tracks}, messages
 
+    def wait_for(self, viewer, name, size):
+        """Returns when a file of the viewer has so many bytes."""
+        while not os.path.exists(self.path(name)) or os.path.getsize(self.path(name)) < size:
+            self.assertIsNone(viewer.poll())
+            time.sleep(0.02)
+
     def view(self, url, *arguments, status=0):
         return self.end(self.start(url, *arguments), status)
 
@@ -113,9 +119,7 @@ class Live(Case):
         path = self.path("a.mp4")
         with Camera() as camera:
             viewer = self.start(camera.url("live"), "-o", path)
-            while os.path.getsize(path) < 200_000 if os.path.exists(path) else True:
-                self.assertIsNone(viewer.poll())
-                time.sleep(0.02)
+            self.wait_for(viewer, "a.mp4", 200_000)
             growing = picture_hashes("-i", path)
             viewer.send_signal(signal.SIGINT)
             self.assertEqual(self.end(viewer)[1], "")
@@ -163,8 +167,7 @@ class Loss(Case):
         with camera:
             viewer = self.start(camera.url("live"), "--duration", "3", "--reconnect", "forever", "-o",
                                 self.path("a.h264"), "-o", self.path("a.mp4"))
-            while not os.path.getsize(self.path("a.h264")) if os.path.exists(self.path("a.h264")) else True:
-                time.sleep(0.02)
+            self.wait_for(viewer, "a.h264", 1)
         with Camera("--rtsp", port):
             _, messages = self.end(viewer)
         self.assertIn("connecting again in 1 s", messages)
@@ -256,11 +259,6 @@ class Status(Case):
     def test_a_camera_that_goes_away(self):
         with Camera() as camera:
             viewer = self.start(camera.url("live"), "-o", self.path("a.h264"))
-            while not os.path.getsize(self.path("a.h264")) if os.path.exists(self.path("a.h264")) else True:
-                time.sleep(0.02)
+            self.wait_for(viewer, "a.h264", 1)
         _, messages = self.end(viewer, LOST)
         self.assertIn("closed the connection", messages)
-
-
-if __name__ == "__main__":
-    unittest.main()

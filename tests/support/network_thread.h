@@ -11,6 +11,9 @@
 
 namespace test {
 
+/// Of the loop, when nothing wakes it: longer than a machine stalls.
+inline constexpr std::chrono::seconds less_than_a_wait(4);
+
 /// Counts on one thread what another waits for.
 class counter {
 public:

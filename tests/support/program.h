@@ -1,38 +1,17 @@
-/// Programs as judges in tests: what a command prints, and a directory for the files that go between.
+/// Programs as judges in tests: what a command prints, and the files that go between.
 #pragma once
+
+#include "support/scratch.h"
 
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <span>
-#include <stdlib.h>
 #include <string>
 
 namespace test {
-
-/// A directory of its own, gone with everything in it at the end.
-class temp_dir {
-public:
-    temp_dir() {
-        std::string name = (std::filesystem::temp_directory_path() / "inet-test-XXXXXX").string();
-        if (!mkdtemp(name.data())) ADD_FAILURE() << "no directory for temporary files";
-        path_ = name;
-    }
-    ~temp_dir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
-
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
 
 /// What a shell command writes to its standard output; a failure of the test when it does not end with 0.
 inline std::string run(const std::string& command) {
