@@ -124,24 +124,6 @@ std::vector<bytes> split(std::span<const uint8_t> stream) {
     return nals;
 }
 
-TEST(ByteStream, IsSplitAtStartCodes) {
-    const std::pair<const char*, std::vector<bytes>> cases[] = {
-        {"", {}},
-        {"000001", {}},
-        {"0000", {}},
-        {"6742", {}},
-        {"00000167", {{0x67}}},
-        {"0000000167", {{0x67}}},
-        {"010100000000000001670100000168", {{0x67, 1}, {0x68}}},             // bytes before, many zeros
-        {"00000167420000000001684200000000", {{0x67, 0x42}, {0x68, 0x42}}},  // trailing zeros
-        {"0000010000016700000100000168", {{0x67}, {0x68}}},                  // NAL units without a byte
-        {"00000165000003000001010000010201", {{0x65, 0, 0, 3}, {1}, {2, 1}}},
-        {"0000016500010001000100000001", {{0x65, 0, 1, 0, 1, 0, 1}}},
-    };
-    for (const auto& [stream, nals] : cases)
-        EXPECT_EQ(split(unhex(stream)), nals) << stream;
-}
-
 TEST(ByteStream, SplitsAsASearchByteByByteDoes) {
     std::mt19937 random(7);
     for (int round = 0; round < 2000; ++round) {

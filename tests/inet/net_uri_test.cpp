@@ -83,14 +83,6 @@ TEST(Uri, IsSplitIntoItsParts) {
     uri_free(nullptr);
 }
 
-TEST(Uri, MayBeCutAnywhere) {
-    const std::string whole = "rtsp://admin:pw@10.1.2.3:554/stream1?x=%41%u00e9&y";
-    for (size_t size = 0; size <= whole.size(); ++size) {
-        parts_of(whole.substr(0, size));
-        args_of(whole.substr(size));
-    }
-}
-
 TEST(UriSubpath, CopiesWhatFits) {
     struct {
         const char* path;

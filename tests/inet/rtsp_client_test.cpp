@@ -16,11 +16,7 @@ using test::rtp_packet;
 using test::rtsp_owner;
 using test::rtsp_viewer;
 
-class RtspClient : public testing::Test {
-protected:
-    RtspClient() { core_time_set_clock(test::fixed_clock); }
-    ~RtspClient() override { core_time_set_clock(nullptr); }
-};
+class RtspClient : public test::at_fixed_time {};
 
 const std::string sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n";
 const std::string two_tracks = sdp + "m=audio 0 RTP/AVP 0\r\na=control:audio\r\n";

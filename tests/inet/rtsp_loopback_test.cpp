@@ -17,11 +17,7 @@ using test::rtp_packet;
 using test::rtsp_owner;
 using test::rtsp_viewer;
 
-class RtspLoopback : public testing::Test {
-protected:
-    RtspLoopback() { core_time_set_clock(test::fixed_clock); }
-    ~RtspLoopback() override { core_time_set_clock(nullptr); }
-};
+class RtspLoopback : public test::at_fixed_time {};
 
 /// Carries what waits; @return the allocations that took.
 size_t carry(rtsp_viewer& viewer, rtsp_owner& camera) {

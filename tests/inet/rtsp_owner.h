@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <gtest/gtest.h>
 #include <regex>
 #include <string>
 #include <string_view>
@@ -16,6 +17,12 @@
 namespace test {
 
 inline uint64_t fixed_clock() { return 1700000000000000; }
+
+class at_fixed_time : public testing::Test {
+protected:
+    at_fixed_time() { core_time_set_clock(fixed_clock); }
+    ~at_fixed_time() override { core_time_set_clock(nullptr); }
+};
 
 /// A picture of an SPS, a PPS and a slice of `size` bytes.
 inline std::string access_unit(size_t size) {

@@ -13,11 +13,7 @@ namespace {
 using rtsp3::event_t;
 using test::rtsp_owner;
 
-class RtspServer : public testing::Test {
-protected:
-    RtspServer() { core_time_set_clock(test::fixed_clock); }
-    ~RtspServer() override { core_time_set_clock(nullptr); }
-};
+class RtspServer : public test::at_fixed_time {};
 
 const std::string date = "Date: Tue, 14 Nov 2023 22:13:20 GMT\r\n";
 

@@ -13,11 +13,7 @@ using rtsp3::event_t;
 using test::rtsp_owner;
 using test::rtsp_viewer;
 
-class RtspTunnel : public testing::Test {
-protected:
-    RtspTunnel() { core_time_set_clock(test::fixed_clock); }
-    ~RtspTunnel() override { core_time_set_clock(nullptr); }
-};
+class RtspTunnel : public test::at_fixed_time {};
 
 std::string base64(const std::string& text) { return core::owned_text(b64(text.data(), text.size(), CORE_HERE)).get(); }
 
