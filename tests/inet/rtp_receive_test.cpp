@@ -289,6 +289,33 @@ TEST(RtpReceiveReport, AnswersAPacketFromATracksSource) {
     }
 }
 
+TEST(RtpReceiveReport, NotesABye) {
+    const bytes report{0x80, 200, 0, 2, 0xA, 0xB, 0xC, 0xD, 1, 2, 3, 4};
+    struct {
+        bytes behind;
+        uint8_t bye;
+    } const cases[] = {
+        {{}, 0},
+        {{0x81, 203, 0, 1, 0xA, 0xB, 0xC, 0xD}, 1},
+        {{0x81, 202, 0, 1, 0xA, 0xB, 0xC, 0xD, 0x82, 203, 0, 2, 0, 0, 0, 9, 0xA, 0xB, 0xC, 0xD}, 1},
+        {{0x81, 203, 0, 2, 0, 0, 0, 9, 0xA, 0xB, 0xC, 0xD}, 0},  // a reason, no source
+        {{0x81, 203, 0, 2, 0xA, 0xB, 0xC, 0xD}, 0},              // cut
+        {{0x9F, 203, 0, 0, 0x81, 203, 0, 0}, 0},                 // names more than it holds
+        {{0x81, 203, 0}, 0},
+    };
+    for (const auto& [behind, bye] : cases) {
+        SCOPED_TRACE(&behind - &cases[0].behind);
+        receiver owner(av::fcc_pcma);
+        owner.track->ssrc = 0x0A0B0C0D;
+        bytes data = join({report, behind});
+        data.shrink_to_fit();
+        owner.object.unpack_rtc({data.data(), static_cast<uint32_t>(data.size())});
+        EXPECT_EQ(owner.track->bye, bye);
+        owner.take(packet(1, {1}));
+        EXPECT_EQ(owner.track->bye, 0);
+    }
+}
+
 TEST(RtpReceive, CountsJitterAsRfc3550Says) {
     receiver owner(av::fcc_pcma, 8000);
     double jitter = 0, last = 0;

@@ -114,6 +114,7 @@ struct trak_t {
     uint32_t restarts;   ///< steps of the numbers too wide for loss or disorder, which give up what was put together
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
     uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
+    uint8_t bye;         ///< 1 when the sender said BYE (RFC 3550, 6.6) and no packet has been taken since
 
     /// What the counters need from packet to packet; not for the owner.
     struct count_t {
@@ -201,7 +202,8 @@ public:
     void unpack_rtp(buffer_t packet) noexcept;
 
     /// Takes one received RTCP packet of any type: the first of a compound. When its SSRC is that of a track, the NTP
-    /// time at the place of a sender report is kept for the receiver report that is sent at once (event 2).
+    /// time at the place of a sender report is kept for the receiver report that is sent at once (event 2), and a BYE
+    /// of that SSRC anywhere in the compound is noted.
     void unpack_rtc(buffer_t packet) noexcept;
 
     /// When the next packets arrived, in microseconds of any steady clock such as core_timer(): for the jitter alone.

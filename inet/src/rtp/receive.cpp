@@ -65,6 +65,7 @@ void Rtp::unpack_rtp(buffer_t received) noexcept {
     take_timestamp(in->timestamp);
     trak->seq = in->seq;
     trak->marker = in->marked;
+    trak->bye = 0;
     dispatch(in->payload, in->extension);
     if (report_due()) pack_rtcp_rr(trak);
 }

@@ -8,8 +8,23 @@ namespace {
 constexpr uint64_t report_interval = 2000000;
 constexpr uint8_t rtcp_sr = 200;
 constexpr uint8_t rtcp_rr = 201;
+constexpr uint8_t rtcp_bye = 203;
 constexpr uint32_t sr_words = 7;  // RFC 3550, 6.4.1, without report blocks
 constexpr uint32_t rr_words = 8;  // 6.4.2, with one
+
+// Whether one of the packets of a compound (RFC 3550, 6.1) is a BYE (6.6) of the source.
+bool says_bye(std::span<const uint8_t> compound, uint32_t ssrc) noexcept {
+    while (compound.size() >= 4) {
+        const size_t size = 4 * (size_t{rtp::get16(compound, 2)} + 1);
+        if (size > compound.size()) break;
+        const size_t sources = compound[1] == rtcp_bye ? compound[0] & 0x1F : 0;
+        for (size_t at = 4; at <= 4 * sources && at + 4 <= size; at += 4) {
+            if (rtp::get32(compound, at) == ssrc) return true;
+        }
+        compound = compound.subspan(size);
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -74,9 +89,11 @@ void Rtp::unpack_rtc(buffer_t received) noexcept {
     const std::span<const uint8_t> bytes(received.data, received.data ? received.size : 0);
     if (bytes.size() < 8 || (bytes[0] & version_mask) != version_2) return;
     const uint32_t words = get16(bytes, 2);
-    if (words <= 1) return;
-    trak_t* const trak = get_trak_ssrc(get32(bytes, 4));
+    const uint32_t ssrc = get32(bytes, 4);
+    trak_t* const trak = get_trak_ssrc(ssrc);
     if (!trak) return;
+    if (says_bye(bytes, ssrc)) trak->bye = 1;
+    if (words <= 1) return;
     if (words > 3 && bytes.size() >= 16) {
         trak->lsr_sec = get32(bytes, 8);
         trak->lsr_frac = get32(bytes, 12);
