@@ -1,11 +1,14 @@
 // A command line read by a table of options, and its help text.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace apps {
 
@@ -37,6 +40,22 @@ auto take_text(std::string Options::*field) {
 
 inline bool is_option(std::string_view argument) { return argument.starts_with('-'); }
 
+/// "--name=value" in its parts.
+inline std::pair<std::string_view, std::optional<std::string_view>> split_option(std::string_view argument) {
+    const size_t at = argument.find('=');
+    if (!argument.starts_with("--") || at == argument.npos) return {argument, std::nullopt};
+    return {argument.substr(0, at), argument.substr(at + 1)};
+}
+
+/// The option of that name, or the one that stands for what is none.
+template <class Options>
+const option<Options>* find_option(std::span<const option<Options>> table, std::string_view name) {
+    const auto found = std::ranges::find_if(table, [&](const option<Options>& each) {
+        return is_option(name) ? each.name == name : !is_option(each.name);
+    });
+    return found == table.end() ? nullptr : &*found;
+}
+
 inline bool asks_for_help(int argc, const char* const* argv) {
     for (const char* argument : std::span(argv, static_cast<size_t>(argc)).subspan(argc ? 1 : 0)) {
         if (std::string_view(argument) == "--help" || std::string_view(argument) == "-h") return true;
@@ -48,24 +67,29 @@ inline bool asks_for_help(int argc, const char* const* argv) {
 template <class Options>
 bool parse_command_line(std::span<const option<Options>> table, int argc, const char* const* argv, Options& out,
                         std::string& error) {
+    const auto fail = [&](const std::string& why) {
+        error = why;
+        return false;
+    };
     for (int i = 1; i < argc; ++i) {
         const std::string_view argument = argv[i];
-        const option<Options>* found = nullptr;
-        for (const option<Options>& each : table) {
-            if (is_option(argument) ? each.name == argument : !is_option(each.name)) found = &each;
+        const auto [name, attached] = split_option(argument);
+        const option<Options>* const found = find_option(table, name);
+        if (!found || (attached && found->value.empty())) return fail("unknown option: " + std::string(argument));
+        const bool has_value = is_option(name) && !found->value.empty();
+        std::string_view value = attached.value_or(argument);
+        if (has_value && !attached) {
+            if (i + 1 == argc) return fail(std::string(name) + " wants " + std::string(found->value));
+            value = argv[++i];
         }
-        if (!found) {
-            error = "unknown option: " + std::string(argument);
-            return false;
+        bool taken = found->take(out, value);
+        while (taken && has_value && found->value.ends_with("...") && i + 1 < argc && !is_option(argv[i + 1])) {
+            value = argv[++i];
+            taken = found->take(out, value);
         }
-        const bool has_value = is_option(argument) && !found->value.empty();
-        bool taken = has_value ? i + 1 < argc && found->take(out, argv[++i]) : found->take(out, argument);
-        while (taken && has_value && found->value.ends_with("...") && i + 1 < argc && !is_option(argv[i + 1]))
-            taken = found->take(out, argv[++i]);
         if (!taken) {
-            error = std::string(found->name) + (found->value.empty() ? ": cannot be used: " : " wants ") +
-                    std::string(found->value.empty() ? argument : found->value);
-            return false;
+            return fail(std::string(found->name) + ": cannot be used: " + std::string(value) + " (" +
+                        std::string(found->help) + ")");
         }
     }
     return true;

@@ -18,8 +18,9 @@ void status_line::show(const char* format, ...) {
     shown_ = true;
     va_list args;
     va_start(args, format);
-    std::fputs("\r\x1b[K", stdout);
+    std::fputs("\r\x1b[K\x1b[?7l", stdout);  // cut at the edge: a second line would stay behind
     std::vprintf(format, args);
+    std::fputs("\x1b[?7h", stdout);
     std::fflush(stdout);
     va_end(args);
 }

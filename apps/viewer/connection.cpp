@@ -12,10 +12,13 @@ bool is_fatal(int count) { return count < 0 && socket_get_error_code() != socket
 
 }  // namespace
 
-bool connection::open(const std::string& host, uint16_t port) {
+bool connection::open(const std::string& address, uint16_t port) {
     fd_ = net_socket_create(AF_INET, SOCK_STREAM, IPPROTO_TCP, CORE_HERE);
     if (fd_ < 0 || !core_buf_resize(&received_, receive_size, CORE_HERE)) return false;
-    if (net_tcp_connect(fd_, host.c_str(), port) != 0) return false;
+    if (net_tcp_connect(fd_, address.c_str(), port) != 0) {
+        error_ = socket_get_error_code();
+        return false;
+    }
     constexpr int flags = net::nt_flag_read | net::nt_flag_write | net::nt_flag_connecting;
     net::net_nt_socket_add(nt_, socket_, fd_, flags, this, &connection::on_socket);
     return socket_ != nullptr;
@@ -38,7 +41,8 @@ void connection::on_socket(void* arg, uint32_t events) {
     auto* self = static_cast<connection*>(arg);
     if (!self->connected_) {
         if (!(events & net::nt_event_connected)) return;
-        if (net_socket_get_error(self->fd_) != 0) return self->lose();
+        self->error_ = net_socket_get_error(self->fd_);
+        if (self->error_ != 0) return self->lose();
         self->connected_ = true;
         self->owner_.on_connected(*self);
     }

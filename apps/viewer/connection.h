@@ -31,9 +31,11 @@ public:
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
-    /// Starts to connect; a host name is looked up here, which can take its time. @return false when it cannot be.
-    bool open(const std::string& host, uint16_t port);
+    /// Starts to connect. @return false when it cannot be.
+    bool open(const std::string& address, uint16_t port);
     bool is_connected() const { return connected_; }
+    /// Why it cannot be made, or 0: of the socket errors.
+    int error() const { return error_; }
     /// Sends what the system takes and drops it from the front; the rest is announced by on_writable().
     void send(buf_t& waiting);
     sockaddr_in near() const;
@@ -51,6 +53,7 @@ private:
     net::socket_ctx* socket_ = nullptr;
     buf_t received_;
     bool connected_ = false;
+    int error_ = 0;
     bool writing_ = true;
 };
 

@@ -42,9 +42,10 @@ void follow(viewer::player& received) {
     }
 }
 
-void print(const std::vector<viewer::track_report>& reports) {
+bool print(const std::vector<viewer::track_report>& reports) {
     for (size_t i = 0; i < reports.size(); ++i)
         std::printf("%s\n", reports[i].text(i).c_str());
+    return std::fflush(stdout) == 0;
 }
 
 int receive(const viewer::options& settings) {
@@ -59,7 +60,12 @@ int receive(const viewer::options& settings) {
     if (!files.finish() && result.what != outcome::cannot_write) {
         result = {outcome::cannot_write, "cannot write " + files.failed()};
     }
-    if (settings.stats) print(received.reports());
+    if (result.what == outcome::ok && !files.untouched().empty()) {
+        result = {outcome::nothing_received, "nothing came for " + files.untouched()};
+    }
+    if (settings.stats && !print(received.reports()) && result.what == outcome::ok) {
+        result = {outcome::cannot_write, "cannot write to the standard output"};
+    }
     return fail(result);
 }
 

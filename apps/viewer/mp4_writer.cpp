@@ -55,7 +55,7 @@ bool mp4_writer::begin(const av::frame_t& key) {
     if (start_.length) {
         ended_ = !usable || fresh.length != start_.length || std::memcmp(fresh.data, start_.data, fresh.length) != 0;
         if (ended_) apps::complain(name, path() + ": ends here, the stream has changed its parameter sets");
-        return !ended_ || held_.empty() || write_fragment(last_ + step_);
+        return !ended_ || flush();
     }
     if (!usable) return true;  // waits for readable parameter sets
     return core_buf_read(&start_, fresh.data, fresh.length) != 0 && put(fresh);
@@ -94,8 +94,10 @@ bool mp4_writer::put(buf_t& bytes) {
     return file_.good();
 }
 
+bool mp4_writer::flush() { return held_.empty() || write_fragment(last_ + step_); }
+
 bool mp4_writer::finish() {
-    const bool written = held_.empty() || write_fragment(last_ + step_);
+    const bool written = flush();
     file_.close();
     return written && file_.good();
 }

@@ -22,6 +22,7 @@ public:
     bool open() override;
     bool takes(uint32_t fcc) const override;
     bool write(const av::frame_t& frame) override;
+    bool flush() override;
     bool finish() override;
 
 private:

@@ -5,6 +5,7 @@
 
 #include "core/text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <string_view>
 
@@ -25,11 +26,28 @@ bool take_transport(options& o, std::string_view text) {
     return false;
 }
 
+/// What follows the scheme begins with a host, which is no IPv6 address, and a port if any: uri_parse() does not tell
+/// a port that is none from none.
+bool names_place(std::string_view text) {
+    text.remove_prefix(text.find('@') + 1);
+    text = text.substr(0, text.find_first_of("/?"));
+    const size_t colon = text.find(':');
+    unsigned port = 0;
+    return colon != 0 && !text.empty() && text.front() != '[' &&
+           (colon == text.npos || take_number(port, text.substr(colon + 1), 1, 65535));
+}
+
 bool take_uri(options& o, std::string_view text) {
     constexpr std::string_view scheme = "rtsp://";
     if (!o.uri.empty() || core_strncasecmp(std::string(text).c_str(), scheme.data(), scheme.size()) != 0) return false;
     o.uri = text;
-    return text.size() > scheme.size();
+    return names_place(text.substr(scheme.size()));
+}
+
+bool take_output(options& o, std::string_view text) {
+    if (!can_write(text) || std::ranges::find(o.outputs, text) != o.outputs.end()) return false;
+    o.outputs.emplace_back(text);
+    return true;
 }
 
 bool take_duration(options& o, std::string_view text) {
@@ -49,13 +67,10 @@ bool take_reconnect(options& o, std::string_view text) {
 
 std::span<const option> table() {
     static const option all[] = {
-        {"URI", "", "rtsp://[user:password@]host[:port]/path; user and password percent-coded", take_uri},
+        {"URI", "", "one rtsp://[user:password@]host[:port]/path; user and password percent-coded, no IPv6", take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http", take_transport},
-        {"-o", "FILE", "write to a file; may be given several times",
-         [](options& o, std::string_view text) {
-             o.outputs.emplace_back(text);
-             return can_write(text);
-         }},
+        {"-o", "FILE", "write to a .h264, .mp4, .wav, .jpg or .txt file; may be given again for another file",
+         take_output},
         {"--duration", "SECONDS", "end after so much media", take_duration},
         {"--reconnect", "N", "connect again, up to N times in a row, or \"forever\" (0)", take_reconnect},
         {"--timeout", "SECONDS", "longest wait for the server and for media (10)",
@@ -86,8 +101,8 @@ With --stats, on the standard output, a line for each track:
 Exit status:
   0  all was received: --duration was reached, or Ctrl-C came     5  no such stream (404)
   1  no memory, or a fault of the program                         6  the server answered something else, or nothing
-  2  the command line cannot be used                              7  no media came
-  3  the server cannot be reached                                 8  the connection was lost
+  2  the command line cannot be used                              7  no media came, or none for a file
+  3  the server cannot be reached                                 8  the connection was lost, or the stream ended
   4  the server refuses the user (401, 403)                       9  a file cannot be written
 )";
 

@@ -16,9 +16,9 @@ enum class outcome : int {
     refused = 4,           ///< user and password, or none, are not let in: 401, 403
     not_found = 5,         ///< no such stream: 404
     protocol_error = 6,    ///< the server answers with another status, with nonsense, or not at all
-    nothing_received = 7,  ///< everything was agreed upon but no media came
-    connection_lost = 8,   ///< media came, then the connection ended or went silent
-    cannot_write = 9,      ///< a file cannot be written
+    nothing_received = 7,  ///< everything was agreed upon but no media came, or none for one of the files
+    connection_lost = 8,   ///< media came, then the connection or the stream ended or went silent
+    cannot_write = 9,      ///< a file, or the standard output, cannot be written
 };
 
 struct ending {

@@ -92,6 +92,7 @@ void player::take_over(uint64_t now) {
     add(reports_, more);
     const bool wants_tcp = session_->wants_tcp();
     session_.reset();
+    if (!files_.flush()) return finish({outcome::cannot_write, "cannot write " + files_.failed()});
     const bool over = end_wanted_ || result.what == outcome::ok;
     if (wants_tcp && !over) {
         way_ = transport::tcp;

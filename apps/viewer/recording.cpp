@@ -1,29 +1,44 @@
 #include "recording.h"
 
+#include <algorithm>
+
 namespace viewer {
 
 bool recording::open(const std::vector<std::string>& paths) {
     for (const std::string& path : paths) {
-        files_.push_back(make_writer(path));
-        if (!note(files_.back()->open(), *files_.back())) return false;
+        writer& file = *outputs_.emplace_back(make_writer(path)).file;
+        if (!note(file.open(), file)) return false;
     }
     return true;
 }
 
 bool recording::take(const av::frame_t& frame) {
     bool all = true;
-    for (const auto& file : files_) {
-        if (file->takes(frame.fcc)) all &= note(file->write(frame), *file);
+    for (auto& [file, touched] : outputs_) {
+        if (!file->takes(frame.fcc)) continue;
+        touched = true;
+        all &= note(file->write(frame), *file);
     }
+    return all;
+}
+
+bool recording::flush() {
+    bool all = true;
+    for (const output& each : outputs_)
+        all &= note(each.file->flush(), *each.file);
     return all;
 }
 
 bool recording::finish() {
     bool all = true;
-    for (const auto& file : files_)
-        all &= note(file->finish(), *file);
-    files_.clear();
+    for (const output& each : outputs_)
+        all &= note(each.file->finish(), *each.file);
     return all;
+}
+
+std::string recording::untouched() const {
+    const auto found = std::ranges::find(outputs_, false, &output::touched);
+    return found == outputs_.end() ? std::string() : found->file->path();
 }
 
 bool recording::note(bool written, const writer& file) {

@@ -4,6 +4,7 @@
 
 #include "core/memory.h"
 #include "core/time.h"
+#include "inet/net_socket.h"
 #include "inet/net_uri.h"
 
 #include <algorithm>
@@ -22,6 +23,21 @@ constexpr uint64_t longest_leave = second;
 constexpr uint64_t pause = second;
 /// Sound and picture may end so much later than a track that has come to its end.
 constexpr int64_t longest_overrun = second;
+
+/// Why there is no connection, where people can do something about it.
+const char* describe(int error) {
+    switch (error) {
+        case socket_error_refused:
+            return ": refused";
+        case socket_error_timed_out:
+            return ": no answer";
+        case socket_error_network_unreachable:
+        case socket_error_host_unreachable:
+            return ": unreachable";
+        default:
+            return "";
+    }
+}
 
 ending refusal(const std::string& request, unsigned status) {
     const std::string why = request + " was answered with " + std::to_string(status);
@@ -59,14 +75,30 @@ void session::start() {
     rtsp_->set_tunnel(wanted_.way == transport::http);
     if (wanted_.way == transport::udp) rtsp_->set_protocol(rtsp3::protocol_t::rtp_udp);
     if (wanted_.way == transport::multicast) rtsp_->set_protocol(rtsp3::protocol_t::rtp_multicast);
+    lookup_.emplace(host_);
+    connect();
+}
+
+/// As soon as the address of the host is known.
+void session::connect() {
+    if (lookup_->now() == host_lookup::state::running) return;
+    if (lookup_->now() == host_lookup::state::failed) {
+        return end({outcome::no_connection, "no such host: " + host_});
+    }
     main_ = std::make_unique<connection>(nt_, *this);
-    if (!main_->open(host_, port_)) end({outcome::no_connection, "cannot connect to " + host_});
+    if (!main_->open(lookup_->address(), port_)) end(no_connection(*main_));
+}
+
+ending session::no_connection(const connection& missed) const {
+    return {outcome::no_connection,
+            "cannot connect to " + host_ + ":" + std::to_string(port_) + describe(missed.error())};
 }
 
 void session::tick(uint64_t now) {
     for (const auto& each : udp_) {
         if (each) each->expire(now);
     }
+    if (stage_ == stage::connecting && !main_) connect();
     if (stage_ == stage::playing) {
         watch_media(now);
     } else if (stage_ != stage::ended && now >= deadline_) {
@@ -84,6 +116,7 @@ session::pulse session::feel() const {
         felt.packets += each->packets();
         felt.at_rest &= each->is_at_rest();
         felt.media |= each->is_media();
+        felt.over &= each->is_over() || !each->is_media();
     }
     return felt;
 }
@@ -107,6 +140,9 @@ void session::watch_media(uint64_t now) {
     } else if (packets_ && felt.at_rest && silent >= pause && !flushed_) {
         flushed_ = true;
         rtsp_->flush();
+    } else if (felt.media && felt.over && silent >= pause) {
+        rtsp_->flush();
+        leave({outcome::connection_lost, "the server has ended the stream"});
     }
 }
 
@@ -163,9 +199,9 @@ void session::on_received(connection& from, buf_t& received) {
 
 void session::on_writable(connection&) { send(); }
 
-void session::on_closed(connection&) {
-    if (stage_ == stage::connecting) {
-        end({outcome::no_connection, "cannot connect to " + host_ + ":" + std::to_string(port_)});
+void session::on_closed(connection& from) {
+    if (stage_ == stage::connecting || from.error()) {
+        end(no_connection(from));
     } else {
         end({outcome::connection_lost, host_ + " closed the connection"});
     }
@@ -178,7 +214,7 @@ void session::send() {
 
 void session::open_post() {
     post_ = std::make_unique<connection>(nt_, *this);
-    if (!post_->open(host_, port_)) end({outcome::no_connection, "cannot connect to " + host_ + " a second time"});
+    if (!post_->open(lookup_->address(), port_)) end(no_connection(*post_));
 }
 
 void session::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noexcept {

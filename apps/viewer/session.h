@@ -2,6 +2,7 @@
 #pragma once
 
 #include "connection.h"
+#include "host_lookup.h"
 #include "options.h"
 #include "outcome.h"
 #include "recording.h"
@@ -14,6 +15,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,6 +59,7 @@ private:
         uint64_t packets = 0;
         bool at_rest = true;  ///< nothing is known to be unfinished
         bool media = false;   ///< there are tracks on which something always comes
+        bool over = true;     ///< the server said of all of these that nothing follows
     };
 
     void on_connected(connection& from) override;
@@ -65,6 +68,8 @@ private:
     void on_closed(connection& from) override;
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override;
 
+    void connect();
+    ending no_connection(const connection& missed) const;
     void end(const ending& result);
     void send();
     void open_post();
@@ -90,6 +95,7 @@ private:
     std::string host_;
     uint16_t port_ = 0;
     rtsp3::Rtsp* rtsp_;
+    std::optional<host_lookup> lookup_;
     std::unique_ptr<connection> main_;
     std::unique_ptr<connection> post_;  ///< of a tunnel
     std::array<std::unique_ptr<track>, rtsp3::max_traks> tracks_;

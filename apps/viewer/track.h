@@ -27,6 +27,8 @@ public:
     bool is_done() const { return limit_ && length() >= static_cast<int64_t>(limit_); }
     /// Its packets end with what may be the end of a frame.
     bool is_at_rest() const { return source_.rtp->marker; }
+    /// The server said that nothing follows.
+    bool is_over() const { return source_.rtp->bye; }
     uint64_t packets() const { return source_.rtp->received; }
     track_report report() const;
 

@@ -30,6 +30,7 @@ public:
         return file_.is_open();
     }
     bool write(const av::frame_t& frame) override { return put(file_, frame.data, frame.size); }
+    bool flush() override { return file_.flush().good(); }
     bool finish() override {
         file_.close();
         return file_.good();
@@ -54,7 +55,7 @@ public:
     using stream_writer::stream_writer;
     bool takes(uint32_t fcc) const override { return fcc == av::fcc_meta || fcc == av::fcc_univ; }
     bool write(const av::frame_t& frame) override {
-        return stream_writer::write(frame) && put(file(), "\n", 1) && file().flush().good();
+        return stream_writer::write(frame) && put(file(), "\n", 1) && flush();
     }
 };
 
@@ -168,6 +169,7 @@ public:
         std::ofstream file(next_name(), std::ios::binary | std::ios::trunc);
         return put(file, picture.data, picture.size) && file.flush().good();
     }
+    bool flush() override { return true; }
     bool finish() override { return true; }
 
 private:

@@ -25,6 +25,8 @@ public:
     virtual bool takes(uint32_t fcc) const = 0;
     /// A whole frame of a format that is taken; H.264 begins with a key picture.
     virtual bool write(const av::frame_t& frame) = 0;
+    /// Brings to the file what is held back.
+    virtual bool flush() = 0;
     /// Completes the file.
     virtual bool finish() = 0;
 
