@@ -33,7 +33,7 @@ bool names_place(std::string_view text) {
     text = text.substr(0, text.find_first_of("/?"));
     const size_t colon = text.find(':');
     unsigned port = 0;
-    return colon != 0 && !text.empty() && text.front() != '[' &&
+    return colon != 0 && !text.empty() && text.find_first_of("@[]") == text.npos &&
            (colon == text.npos || take_number(port, text.substr(colon + 1), 1, 65535));
 }
 

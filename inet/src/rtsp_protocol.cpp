@@ -133,6 +133,12 @@ void Rtsp::raise(event_t::enum_t event) noexcept {
     handler_->on_rtsp_event(this, event);
 }
 
+// Each one is told on the console, which a peer shall not fill.
+void Rtsp::count_senseless() noexcept {
+    constexpr uint32_t most = 100;
+    if (++senseless_ > most) fail("nothing that makes sense comes");
+}
+
 // One line, one event, then nothing more is taken: the framing is lost or the peer takes too much.
 void Rtsp::fail(const char* reason) noexcept {
     if (closed_) return;

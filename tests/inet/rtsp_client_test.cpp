@@ -317,6 +317,19 @@ TEST_F(RtspClient, EndsOrGoesOnWhenTheServerLies) {
     EXPECT_TRUE(viewer.session->playing());
     viewer.feed(ok + "CSeq: 99\r\n\r\n" + std::string("$\x09\0\3abc", 7));
     EXPECT_FALSE(viewer.session->closed());
+    for (const std::string& senseless : {ok + "CSeq: 99\r\n\r\n", "\1\r\n\r\n"s}) {
+        rtsp_viewer tired;
+        tired.play(sdp);
+        for (int i = 0; i < 100; ++i)
+            tired.feed(senseless);
+        tired.session->send_keep_alive();
+        tired.answer("200 OK");
+        for (int i = 0; i < 100; ++i)
+            tired.feed(senseless);
+        EXPECT_FALSE(tired.session->closed());
+        tired.feed(senseless);
+        EXPECT_TRUE(tired.session->closed());
+    }
 }
 
 TEST_F(RtspClient, BoundsWhatAServerMakesItHold) {

@@ -197,16 +197,27 @@ class Status(Case):
             url = camera.url("live")
             for path in (self.path("none/a.h264"), self.path("none/a.jpg")):
                 self.check(CANNOT_WRITE, url, "-o", path)
-            self.check(CANNOT_WRITE, url, "-o", self.full_device())
-        for arguments in ([], ["http://x"], [url, "-o", "a.avi"], [url, "--duration", "-1"], [url, url],
-                          [url, "--transport", "pigeon"], [url, "--nonsense"], [url, "--reconnect"]):
-            done = subprocess.run([VIEWER, *arguments], capture_output=True, text=True, timeout=10)
+            for name, channel in (("a.h264", "live"), ("a.mp4", "live"), ("a.wav", "live"), ("a.txt", "live"),
+                                  ("a_00001.jpg", "jpeg")):
+                os.symlink("/dev/full", self.path(name))
+                path = self.path(name.replace("_00001", ""))
+                self.check(CANNOT_WRITE, camera.url(channel), "-o", path, "--duration", "3")
+            with open("/dev/full", "w") as full:
+                done = subprocess.run([VIEWER, url, "--duration", "0.2", "--stats"], stdout=full,
+                                      stderr=subprocess.DEVNULL, timeout=60)
+            self.assertEqual(done.returncode, CANNOT_WRITE)
+            self.check(NOTHING, url, "--duration", "1", "-o", self.path("b.h264"), "-o", self.path("b.jpg"))
+
+    def test_what_is_no_command_line(self):
+        url = "rtsp://127.0.0.1:1/x"
+        for arguments in ([], ["http://x"], ["rtsp://"], ["rtsp://:554/x"], ["rtsp://h:/x"], ["rtsp://h:65536/x"],
+                          ["rtsp://u:p@ss@h/x"], ["rtsp://[::1]/x"], [url, url], [url, "-o"], [url, "-o", "a.avi"],
+                          [url, "-o", "a.mp4", "-o", "a.mp4"], [url, "--duration", "-1"], [url, "--transport=pigeon"],
+                          [url, "--nonsense"], [url, "--stats=1"], [url, "--reconnect"]):
+            done = subprocess.run([VIEWER, *arguments], capture_output=True, text=True, timeout=10, cwd=self.folder)
             self.assertEqual(done.returncode, USAGE, arguments)
             self.assertRegex(done.stderr, r"^inet-viewer: .+\n$")
-
-    def full_device(self):
-        os.symlink("/dev/full", self.path("full.mp4"))
-        return self.path("full.mp4")
+        self.assertEqual(os.listdir(self.folder), [])
 
     def test_servers_that_fail(self):
         endless = b"RTSP/1.0 200 OK\r\n" + b"X: y\r\n" * 200_000
@@ -248,6 +259,17 @@ class Status(Case):
         self.assertGreater(int(tracks["H264"]["lost"]), 0)
         packets = run("ffprobe", "-v", "quiet", "-show_packets", self.path("a.mp4")).decode().count("[PACKET]")
         self.assertTrue(0 < packets < frames, (packets, frames))
+
+    def test_a_server_that_says_bye(self):
+        pictures = [struct.pack(">BBHLL", 0x80, 0x80 | 96, number, number * 3600, 7) + unit
+                    for number, unit in enumerate(self.clip[:4], 1)]
+        bye = struct.pack(">BBHLBBHL", 0x80, 201, 1, 7, 0x81, 203, 1, 7)
+        media = b"".join(struct.pack(">BBH", 0x24, channel, len(packet)) + packet
+                         for channel, packet in [*((0, each) for each in pictures), (1, bye)])
+        with Server(PLAY=b"RTSP/1.0 200 OK\r\nCSeq: 4\r\nSession: 1\r\n\r\n" + media) as server:
+            _, messages = self.view(server.url, "--timeout", "60", "-o", self.path("a.h264"), status=LOST)
+        self.assertIn("the server has ended the stream", messages)
+        self.assertEqual(nal_units(self.path("a.h264")), self.clip[:4])
 
     @up_to_three_times
     def test_a_session_is_kept_alive_and_taken_leave_of(self):

@@ -58,10 +58,10 @@
 /// 4098 bytes, a body of at most 64 KiB, an interleaved packet of at most 65535 bytes) and 64 KiB of requests, replies
 /// and reports, and one more, that it does not read; 512 KiB in all, also while a description is taken. A server can
 /// make a client hold besides, for each of at most max_traks tracks: 64 KiB of parameter sets, set_frame_limit() bytes
-/// of frame, and what the rtp::Rtp states. Whoever goes beyond, or breaks the framing, is logged once and gets
-/// rtsp_close; a frame above the limit is left out. Frames that a peer does not read are bounded by set_send_limit().
-/// Every allocation may fail: the message or the picture at hand is then left out whole; a client request that could
-/// not be sent gives rtsp_error.
+/// of frame, and what the rtp::Rtp states. Whoever goes beyond, breaks the framing, or sends more than 100 headers that
+/// are none or answers to no question (between two that answer one), is logged once and gets rtsp_close; a frame above
+/// the limit is left out. Frames that a peer does not read are bounded by set_send_limit(). Every allocation may fail:
+/// the message or the picture at hand is then left out whole; a client request that could not be sent gives rtsp_error.
 #pragma once
 
 #include "avc/frame.h"
@@ -427,6 +427,7 @@ private:
 
     void raise(event_t::enum_t event) noexcept;
     void fail(const char* reason) noexcept;
+    void count_senseless() noexcept;
     void release() noexcept;
 
     void serve_waiting() noexcept;
@@ -576,6 +577,7 @@ private:
     tunnel_t tunnel_ = tunnel_t::none;
     bool refused_ = false;  // the owner refused the transport at hand
     uint32_t activity_ = 0;
+    uint32_t senseless_ = 0;  // headers that are none and answers to no question
 
     uint32_t next_cseq_ = 0;
     uint32_t named_cseq_ = 0;      // of the last response that named its request right

@@ -94,7 +94,7 @@ void Rtsp::forget_conversation() noexcept {
     base_.reset();
     *session_ = 0;
     step_ = step_t::none;
-    timeout_ = next_cseq_ = named_cseq_ = 0;
+    timeout_ = next_cseq_ = named_cseq_ = senseless_ = 0;
     has_get_parameter_ = names_requests_ = false;
     const bool tunnelled = tunnel_ == tunnel_t::get_client || tunnel_ == tunnel_t::post_client;
     tunnel_ = tunnelled ? tunnel_t::get_client : tunnel_t::none;
@@ -252,8 +252,9 @@ void Rtsp::serve_response(header_s* header) noexcept {
     if (!take_pending(header, &response_to_)) {
         core_log_print(log_, "rtsp protocol dectect bad header");
         core_con_printf(0, "rtsp protocol dectect bad header");
-        return;
+        return count_senseless();
     }
+    senseless_ = 0;
     const asked_t& method = *response_to_.method;
     if (header->status == unauthorized && process_authorization(header)) {
         core_log_print(log_, "%d: %s again with credentials", id_, method.name);

@@ -99,7 +99,8 @@ bool Rtsp::take_header() noexcept {
         core_log_print(log_, "rtsp header parse failed:\n%.*s", size, waiting.data());
         core_con_printf(0, "rtsp header parse failed:\n%.*s", size, waiting.data());
         http_header_free(header);
-        return true;
+        count_senseless();
+        return !closed_;
     }
     held_ = header;
     return serve_held();
