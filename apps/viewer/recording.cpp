@@ -6,7 +6,8 @@ namespace viewer {
 
 bool recording::open(const std::vector<std::string>& paths) {
     for (const std::string& path : paths) {
-        writer& file = *outputs_.emplace_back(make_writer(path)).file;
+        outputs_.push_back({make_writer(path)});
+        writer& file = *outputs_.back().file;
         if (!note(file.open(), file)) return false;
     }
     return true;
