@@ -26,22 +26,21 @@ bool take_transport(options& o, std::string_view text) {
     return false;
 }
 
-/// What follows the scheme begins with a host, which is no IPv6 address, and a port if any: uri_parse() does not tell
-/// a port that is none from none.
-bool names_place(std::string_view text) {
-    text.remove_prefix(text.find('@') + 1);
-    text = text.substr(0, text.find_first_of("/?"));
+/// Host and port of [user-info@]host[:port]. The user-info ends where the RTSP session ends it, at the last '@'.
+bool take_authority(options& o, std::string_view text) {
+    text.remove_prefix(text.rfind('@') + 1);
     const size_t colon = text.find(':');
-    unsigned port = 0;
-    return colon != 0 && !text.empty() && text.find_first_of("@[]") == text.npos &&
-           (colon == text.npos || take_number(port, text.substr(colon + 1), 1, 65535));
+    o.host = text.substr(0, colon);
+    const bool is_ipv6 = text.starts_with('[');
+    return !o.host.empty() && !is_ipv6 && (colon == text.npos || take_number(o.port, text.substr(colon + 1), 1, 65535));
 }
 
 bool take_uri(options& o, std::string_view text) {
     constexpr std::string_view scheme = "rtsp://";
     if (!o.uri.empty() || core_strncasecmp(std::string(text).c_str(), scheme.data(), scheme.size()) != 0) return false;
     o.uri = text;
-    return names_place(text.substr(scheme.size()));
+    const std::string_view place = text.substr(scheme.size());
+    return take_authority(o, place.substr(0, place.find_first_of("/?")));
 }
 
 bool take_output(options& o, std::string_view text) {

@@ -21,6 +21,8 @@ struct options {
     static constexpr unsigned forever = std::numeric_limits<unsigned>::max();
 
     std::string uri;
+    std::string host;     ///< of the URI, and
+    uint16_t port = 554;  ///< its port, or that of RTSP
     transport way = transport::tcp;
     std::vector<std::string> outputs;
     uint64_t duration = 0;   ///< microseconds of media; 0 is without end

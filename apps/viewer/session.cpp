@@ -5,7 +5,6 @@
 #include "core/memory.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
-#include "inet/net_uri.h"
 
 #include <algorithm>
 #include <string_view>
@@ -13,7 +12,6 @@
 namespace viewer {
 namespace {
 
-constexpr uint16_t rtsp_port = 554;
 constexpr uint64_t second = 1'000'000;
 /// How long nothing may come over UDP before TCP is tried.
 constexpr uint64_t udp_patience = 3 * second;
@@ -50,13 +48,7 @@ ending refusal(const std::string& request, unsigned status) {
 }  // namespace
 
 session::session(net::nt_ctx* nt, const options& settings, const order& wanted, recording& files)
-    : nt_(nt), settings_(settings), wanted_(wanted), files_(files), rtsp_(rtsp3::Rtsp::create(CORE_HERE)) {
-    const std::unique_ptr<net::uri_s, decltype(&uri_free)> parts(uri_parse(settings_.uri.c_str(), CORE_HERE),
-                                                                 &uri_free);
-    if (!parts || !parts->host) return;
-    host_ = parts->host;
-    port_ = parts->port ? static_cast<uint16_t>(parts->port) : rtsp_port;
-}
+    : nt_(nt), settings_(settings), wanted_(wanted), files_(files), rtsp_(rtsp3::Rtsp::create(CORE_HERE)) {}
 
 session::~session() {
     for (auto& each : udp_)
@@ -69,13 +61,12 @@ session::~session() {
 void session::start() {
     deadline_ = core_timer() + settings_.timeout * second;
     if (!rtsp_) return end({outcome::failed, "no memory"});
-    if (host_.empty()) return end({outcome::usage, "the URI names no host"});
     rtsp_->set_handler(this);
     rtsp_->set_parameter_sets(rtsp3::parameter_sets_t::keys);
     rtsp_->set_tunnel(wanted_.way == transport::http);
     if (wanted_.way == transport::udp) rtsp_->set_protocol(rtsp3::protocol_t::rtp_udp);
     if (wanted_.way == transport::multicast) rtsp_->set_protocol(rtsp3::protocol_t::rtp_multicast);
-    lookup_.emplace(host_);
+    lookup_.emplace(settings_.host);
     connect();
 }
 
@@ -83,15 +74,15 @@ void session::start() {
 void session::connect() {
     if (lookup_->now() == host_lookup::state::running) return;
     if (lookup_->now() == host_lookup::state::failed) {
-        return end({outcome::no_connection, "no such host: " + host_});
+        return end({outcome::no_connection, "no such host: " + settings_.host});
     }
     main_ = std::make_unique<connection>(nt_, *this);
-    if (!main_->open(lookup_->address(), port_)) end(no_connection(*main_));
+    if (!main_->open(lookup_->address(), settings_.port)) end(no_connection(*main_));
 }
 
 ending session::no_connection(const connection& missed) const {
     return {outcome::no_connection,
-            "cannot connect to " + host_ + ":" + std::to_string(port_) + describe(missed.error())};
+            "cannot connect to " + settings_.host + ":" + std::to_string(settings_.port) + describe(missed.error())};
 }
 
 void session::tick(uint64_t now) {
@@ -105,7 +96,7 @@ void session::tick(uint64_t now) {
         if (stage_ == stage::leaving) return end(result_);
         const bool connecting = stage_ == stage::connecting;
         end({connecting ? outcome::no_connection : outcome::protocol_error,
-             host_ + (connecting ? " cannot be reached" : " does not answer")});
+             settings_.host + (connecting ? " cannot be reached" : " does not answer")});
     }
 }
 
@@ -203,7 +194,7 @@ void session::on_closed(connection& from) {
     if (stage_ == stage::connecting || from.error()) {
         end(no_connection(from));
     } else {
-        end({outcome::connection_lost, host_ + " closed the connection"});
+        end({outcome::connection_lost, settings_.host + " closed the connection"});
     }
 }
 
@@ -214,7 +205,7 @@ void session::send() {
 
 void session::open_post() {
     post_ = std::make_unique<connection>(nt_, *this);
-    if (!post_->open(lookup_->address(), port_)) end(no_connection(*post_));
+    if (!post_->open(lookup_->address(), settings_.port)) end(no_connection(*post_));
 }
 
 void session::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noexcept {
@@ -242,7 +233,7 @@ void session::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noexcept
             end(result_);
             break;
         case e::rtsp_close:
-            end({outcome::protocol_error, host_ + " broke the protocol"});
+            end({outcome::protocol_error, settings_.host + " broke the protocol"});
             break;
         case e::tunnel_post:
             open_post();

@@ -92,8 +92,6 @@ private:
     const options& settings_;
     order wanted_;
     recording& files_;
-    std::string host_;
-    uint16_t port_ = 0;
     rtsp3::Rtsp* rtsp_;
     std::optional<host_lookup> lookup_;
     std::unique_ptr<connection> main_;
