@@ -173,7 +173,7 @@ TEST_F(Option, FailedSaveLeavesTheOldFile) {
     EXPECT_EQ(core_opt_save(o.opt), 0);
     EXPECT_EQ(test::read_file(path), "a=old\n");
     std::filesystem::remove(new_path);
-    core_opt_set(o.opt, "big", std::string(1024 * 1024, 'x').c_str());
+    core_opt_set(o.opt, "big", std::string(1 << 20, 'x').c_str());
     EXPECT_EQ(core_opt_save(o.opt), 0) << "it could not be read again";
     EXPECT_EQ(test::read_file(path), "a=old\n");
     core_opt_set(o.opt, "big", nullptr);

@@ -61,7 +61,7 @@ def up_to_three_times(case):
         for left in (2, 1, 0):
             try:
                 return case(self)
-            except AssertionError as error:
+            except (AssertionError, OSError, EOFError) as error:
                 if not left:
                     raise
                 print(f"\nonce more after: {error}")
