@@ -197,6 +197,13 @@ void net_nt_command_exec(command_ctx* c) noexcept {
     notify_loop(owner);
 }
 
+void net_nt_command_at(command_ctx* c, uint64_t us) noexcept {
+    if (!c) return;
+    nt_ctx& owner = *c->owner;
+    c->due = static_cast<int64_t>(us);
+    notify_loop(owner);
+}
+
 int net_nt_need_invoke(nt_ctx* nt) noexcept { return nt && !core_thread_iscurrent(nt->thread) ? 1 : 0; }
 
 Thread::Thread() noexcept : queue(core_cmd_open(this, CORE_HERE)) {}

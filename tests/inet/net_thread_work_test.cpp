@@ -165,6 +165,49 @@ TEST(Command, CanBeChangedAndDestroyed) {
     EXPECT_EQ(first.calls.value(), 1);
 }
 
+TEST(Command, ComesAtItsTimeAndNotBefore) {
+    const test_clock clock(50);
+    network_thread nt;
+    command_task command;
+    command.then = [](command_task& self) {
+        if (self.calls.value() == 0) net_nt_command_at(self.handle, 52'000'000);
+    };
+    command.handle = net_nt_command_create(nt, &command, command_task::run);
+    net_nt_command_at(command.handle, 50'000'000 + 1);
+    nt.pass();
+    EXPECT_EQ(command.calls.value(), 0);
+    // Taken back, then set anew.
+    net_nt_command_at(command.handle, 0);
+    test_clock::set(51);
+    nt.pass();
+    EXPECT_EQ(command.calls.value(), 0);
+    net_nt_command_at(command.handle, 51'000'000);
+    ASSERT_TRUE(command.calls.reaches(1));
+    nt.pass();
+    EXPECT_EQ(command.calls.value(), 1) << "the next one was set for later";
+    test_clock::set(52);
+    net_nt_unlock(nt);
+    ASSERT_TRUE(command.calls.reaches(2));
+    net_nt_command_destroy(command.handle);
+}
+
+// By the wait's own end: nobody wakes the loop, and a second is what timers would take at least.
+TEST(Command, PacesTheLoopByItself) {
+    network_thread nt;
+    command_task command;
+    const uint64_t start = core_timer();
+    command.then = [start](command_task& self) {
+        const auto step = static_cast<uint64_t>(self.calls.value()) + 1;
+        EXPECT_GE(core_timer(), start + step * 3000);
+        if (step < 10) net_nt_command_at(self.handle, start + (step + 1) * 3000);
+    };
+    command.handle = net_nt_command_create(nt, &command, command_task::run);
+    net_nt_command_at(command.handle, start + 3000);
+    ASSERT_TRUE(command.calls.reaches(10));
+    EXPECT_LT(core_timer() - start, 4'000'000U);
+    net_nt_command_destroy(command.handle);
+}
+
 // A command that is ordered on the loop is called just before the next wait.
 TEST(Command, WhatItsCallbackOrdersIsDoneBeforeTheLoopWaits) {
     network_thread nt;

@@ -81,6 +81,7 @@ struct command_ctx {
     void* arg = nullptr;
     command_callback callback = nullptr;  ///< null once destroyed
     std::atomic<uint32_t> signals = 0;    ///< net_nt_command_exec() calls not yet delivered
+    std::atomic<int64_t> due = 0;         ///< of net_nt_command_at(), in microseconds of core_timer(); 0 for none
     std::atomic<uint32_t> guard = nt_guard_free;
 };
 
@@ -143,6 +144,11 @@ INET_API void net_nt_command_destroy(command_ctx* c) noexcept;
 /// that come while it runs are not delivered. Whoever must not lose one, such as the receiver of an answer that the
 /// callback gives, takes net_nt_command(), net_nt_sync_call() or a net::Thread, none of which loses any.
 INET_API void net_nt_command_exec(command_ctx* c) noexcept;
+
+/// Orders one callback for when core_timer() has come to `us`, which paces what a timer's whole seconds are too coarse
+/// for: never early, and as punctual as the system ends its waits. Another time replaces it, 0 takes it back. In the
+/// command's own callback it sets the next one.
+INET_API void net_nt_command_at(command_ctx* c, uint64_t us) noexcept;
 
 /// 1 when the caller is not on the loop's thread, else 0, also for null: `assert(!net_nt_need_invoke(nt))` stands where
 /// code belongs on that thread.

@@ -19,7 +19,7 @@ using platform::watch_t;
 
 constexpr int64_t second = 1'000'000;             // microseconds
 constexpr int64_t longest_wait = 5;               // seconds
-constexpr int retry_wait = 100;                   // milliseconds
+constexpr int64_t retry_wait = 100'000;           // microseconds
 constexpr uint32_t pause_after_failed_wait = 10;  // milliseconds
 
 int64_t now_us() noexcept { return static_cast<int64_t>(core_timer()); }
@@ -63,8 +63,12 @@ size_t release_dead(records<T>& known) noexcept {
 }
 
 // @return true when its callback ran
-bool service_command(command_ctx& command) noexcept {
-    if (command.signals == 0 || !take_for_loop(command.guard)) return false;
+bool service_command(command_ctx& command, int64_t now) noexcept {
+    int64_t due = command.due;
+    const bool has_come = due != 0 && due <= now;
+    if ((command.signals == 0 && !has_come) || !take_for_loop(command.guard)) return false;
+    // Another time that was set meanwhile stays.
+    if (has_come) command.due.compare_exchange_strong(due, 0);
     const bool called = command.callback;
     if (called) {
         const callback_watch watch("command");
@@ -77,14 +81,21 @@ bool service_command(command_ctx& command) noexcept {
 
 // What a callback registered, queued or signalled is met by the rebuild alone: no wait may come before that.
 void service_commands(nt_ctx& nt) noexcept {
+    const int64_t now = now_us();
     for (const auto& command : nt.commands)
-        nt.pass_due |= service_command(*command);
+        nt.pass_due |= service_command(*command, now);
 }
 
-bool commands_pending(nt_ctx& nt) noexcept {
+// When the next one is to be called: 0 for at once.
+int64_t commands_due(nt_ctx& nt) noexcept {
     take_in(nt.new_commands, nt.commands);
     release_dead(nt.commands);
-    return std::ranges::any_of(nt.commands, [](const auto& command) { return command->signals != 0; });
+    int64_t due = INT64_MAX;
+    for (const auto& command : nt.commands) {
+        if (command->signals != 0) return 0;
+        if (const int64_t at = command->due) due = std::min(due, at);
+    }
+    return due;
 }
 
 void service_timer(timer_ctx& timer, int64_t now) noexcept {
@@ -106,15 +117,14 @@ void service_timers(nt_ctx& nt) noexcept {
         service_timer(*timer, now);
 }
 
-// Milliseconds until the first timer is due, rounded up. The pass after a timer was released does not wait.
-int timer_wait(nt_ctx& nt) noexcept {
+// When the first timer is due. The pass after a timer was released does not wait.
+int64_t timers_due(nt_ctx& nt) noexcept {
     take_in(nt.new_timers, nt.timers);
     if (release_dead(nt.timers) != 0) return 0;
-    const int64_t now = now_us();
-    int64_t wake = now + longest_wait * second;
+    int64_t due = INT64_MAX;
     for (const auto& timer : nt.timers)
-        wake = std::min(wake, timer->due * second);
-    return wake <= now ? 0 : static_cast<int>((wake - now + 999) / 1000);
+        due = std::min(due, timer->due * second);
+    return due;
 }
 
 // Something could not be had from the system: the wake pair, or the memory to take in what was registered.
@@ -123,10 +133,11 @@ bool has_to_retry(const nt_ctx& nt) noexcept {
            slist_count(nt.new_sockets) + slist_count(nt.new_timers) + slist_count(nt.new_commands) != 0;
 }
 
-int next_wait(nt_ctx& nt) noexcept {
-    const int wait = timer_wait(nt);
-    if (commands_pending(nt) || nt.pass_due || nt.wake_ordered) return 0;
-    return has_to_retry(nt) ? std::min(wait, retry_wait) : wait;
+// Microseconds.
+int64_t next_wait(nt_ctx& nt) noexcept {
+    const int64_t due = std::min(timers_due(nt), commands_due(nt));
+    if (nt.pass_due || nt.wake_ordered) return 0;
+    return std::clamp<int64_t>(due - now_us(), 0, has_to_retry(nt) ? retry_wait : longest_wait * second);
 }
 
 // From here on a wake writes a new byte; what it was written for before is looked at after this.

@@ -39,8 +39,8 @@ void watch_sets::change(uint8_t& wanted, uint8_t bit, bool in, uint32_t& members
     in ? ++members : --members;
 }
 
-int watch_sets::wait(int milliseconds) noexcept {
-    return platform::wait_sockets(std::span(watches_).first(count_), milliseconds);
+int watch_sets::wait(int64_t microseconds) noexcept {
+    return platform::wait_sockets(std::span(watches_).first(count_), microseconds);
 }
 
 uint8_t watch_sets::found(int fd) const noexcept {

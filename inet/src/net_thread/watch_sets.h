@@ -19,7 +19,7 @@ public:
     void set(int fd, bool read, bool write) noexcept;
 
     /// Waits for the members. @return the number of ready descriptors, 0 when time ran out, -1 when it cannot wait.
-    int wait(int milliseconds) noexcept;
+    int wait(int64_t microseconds) noexcept;
 
     /// What the last wait found, in the bits of platform::watch_t.
     uint8_t found(int fd) const noexcept;

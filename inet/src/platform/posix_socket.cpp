@@ -183,14 +183,17 @@ int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept 
     });
 }
 
-int wait_sockets(std::span<watch_t> watches, int milliseconds) noexcept {
+int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept {
     assert(watches.size() <= max_watches);
     pollfd polled[max_watches];
     for (size_t i = 0; i < watches.size(); ++i) {
         const watch_t& watch = watches[i];
         polled[i] = {.fd = watch.wanted ? watch.fd : -1, .events = poll_events(watch.wanted), .revents = 0};
     }
-    int ready = poll(polled, watches.size(), milliseconds);
+    // poll() in all but the unit of time: media is paced by less than milliseconds.
+    const timespec longest{.tv_sec = static_cast<time_t>(microseconds / 1'000'000),
+                           .tv_nsec = static_cast<long>(microseconds % 1'000'000) * 1000};
+    int ready = ppoll(polled, watches.size(), &longest, nullptr);
     if (ready < 0 && errno == EINTR) ready = 0;
     for (size_t i = 0; i < watches.size(); ++i) {
         watches[i].found = ready > 0 ? found_from_poll(polled[i].revents, watches[i].wanted) : 0;

@@ -84,8 +84,8 @@ struct watch_t {
 /// The most descriptors one wait takes.
 inline constexpr uint32_t max_watches = 1024;
 
-/// Waits until one of the descriptors is found ready or `milliseconds` have passed.
+/// Waits until one of the descriptors is found ready or that time has passed, which may be rounded up.
 /// @return the number of ready ones, 0 also when a signal came, -1 when the system refused; then nothing is found.
-int wait_sockets(std::span<watch_t> watches, int milliseconds) noexcept;
+int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept;
 
 }  // namespace net::platform
