@@ -409,6 +409,10 @@ int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept {
 
 int net_tcp_send(int fd, buf_t& buf) noexcept { return send_held(fd, buf, nullptr); }
 
+int net_tcp_send_buffer(int fd, buffer_t data) noexcept {
+    return platform::send_bytes(fd, {data.data, data.size}, nullptr);
+}
+
 int net_tcp_recv(int fd, buf_t& buf) noexcept {
     const uint32_t room = buf.size - buf.length;
     const int count = platform::receive_bytes(fd, {buf.data + buf.length, room}, nullptr);

@@ -75,7 +75,10 @@ void Rtp::close() noexcept {
     current = nullptr;
 }
 
-void Rtp::set_packet_room(uint8_t* room) noexcept { packet = {room ? room : own_room_, packet_size, 0}; }
+void Rtp::set_packet_room(uint8_t* room) noexcept {
+    room_ = room ? room : own_room_;
+    packet = {room_, packet_size, 0};
+}
 
 trak_t* Rtp::add_trak(unsigned char pt, unsigned fcc) noexcept {
     if (trak_t* known = get_trak_pt(pt)) return known;
@@ -160,10 +163,14 @@ bool Rtp::begin(uint32_t fcc, uint64_t time) noexcept {
 
 // Writes the fixed header (RFC 3550, 5.1); the payload goes to what it returns.
 uint8_t* Rtp::start_packet(uint32_t pt) noexcept {
-    uint8_t* out = packet.data;
-    *out++ = 0x80;
-    *out++ = static_cast<uint8_t>(pt);
-    out = put16(out, current->seq++);
+    packet.data[0] = version_2;
+    packet.data[1] = static_cast<uint8_t>(pt);
+    return stamp_packet();
+}
+
+// The part of the header that is the stream's.
+uint8_t* Rtp::stamp_packet() noexcept {
+    uint8_t* out = put16(packet.data + 2, current->seq++);
     out = put32(out, current->rtp_time);
     return put32(out, current->ssrc);
 }

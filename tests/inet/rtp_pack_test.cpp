@@ -3,6 +3,7 @@
 #include "core/owned.h"
 #include "inet/net_analytics.h"
 #include "inet/rtp_capture.h"
+#include "inet/rtp_packets.h"
 
 #include <array>
 #include <cstring>
@@ -313,6 +314,40 @@ TEST(Rtp, BuildsPacketsWhereTheOwnerSays) {
     lent.object.set_handler(&lent);
     lent.send(data, some_time);
     EXPECT_EQ(lent.payload(), data);
+}
+
+TEST(RtpPackets, CutOnceTheyAreThoseOfEachStream) {
+    const bytes access_unit = annex_b({nal_unit(0x67, 20), nal_unit(0x68, 5), nal_unit(0x65, 5000)});
+    const bytes meta(json.begin(), json.end());
+    rtp::Packets packets(CORE_HERE);
+    for (const auto& [fcc, data] : std::initializer_list<std::pair<uint32_t, bytes>>{{av::fcc_h264, access_unit},
+                                                                                     {av::fcc_jpeg, access_unit},
+                                                                                     {av::fcc_pcmu, noise(3000)},
+                                                                                     {av::fcc_univ, noise(3000)},
+                                                                                     {av::fcc_meta, meta}}) {
+        capture cut(fcc), first(fcc, 101), second(fcc, 102, 8000);
+        second.track->ssrc = 7;
+        second.track->seq = 10;
+        const av::frame_t frame = frame_of(fcc, data, some_time);
+        ASSERT_EQ(packets.cut(&frame), 1) << fcc;
+        for (capture* shared : {&first, &second}) {
+            capture own(fcc, shared->track->pt, shared->track->clock_rate);
+            own.track->ssrc = shared->track->ssrc;
+            own.track->seq = shared->track->seq;
+            for (int i = 0; i < 2; ++i) {
+                own.object.pack(&frame);
+                shared->object.pack(packets);
+            }
+            EXPECT_GT(own.packets.size(), 1U);
+            EXPECT_EQ(shared->packets, own.packets) << fcc;
+            EXPECT_EQ(shared->reports, own.reports);
+            EXPECT_EQ(shared->order, own.order);
+        }
+    }
+    const av::frame_t unknown = frame_of(av::fcc_g726, access_unit, some_time);
+    EXPECT_EQ(packets.cut(&unknown), 0);
+    EXPECT_EQ(packets.cut(nullptr), 0);
+    EXPECT_EQ(packets.interleaved().size, 0U);
 }
 
 TEST(RtpMemory, AFrameAllocatesNothing) {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace {
 
@@ -153,30 +154,112 @@ TEST(RtspStreaming, SendsTracksByTheirOwnTransport) {
     EXPECT_EQ(owner.session->trak(), nullptr);
 }
 
-TEST(RtspStreaming, BuildsDatagramsWhereTheOwnerGathersThem) {
-    rtsp_owner owner;
-    owner.status("DESCRIBE rtsp://h/live");
-    owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=7000-7001\r\n");
-    owner.status("PLAY rtsp://h/live/");
-    owner.packets.clear();
-    std::vector<std::array<uint8_t, rtp::packet_size>> rooms(8);
-    size_t used = 0;
-    owner.before = [&](rtsp3::event_t::enum_t event) {
-        if (event != rtsp3::event_t::send_rtp) return;
-        EXPECT_EQ(owner.session->rtp()->packet.data, rooms[used].data());
-        owner.session->set_packet_room(rooms[++used].data());
-    };
-    owner.session->set_packet_room(rooms[0].data());
-    owner.send(access_unit(4000));
-    ASSERT_EQ(used, 5U);  // SPS, PPS and three pieces of the slice
-    for (size_t i = 1; i < used; ++i)
-        EXPECT_EQ(rooms[i][3], static_cast<uint8_t>(rooms[i - 1][3] + 1)) << "sequence numbers follow each other";
+/// A viewer of a frame that is cut once for all: takes up to `takes` bytes of each offer of packets it is lent.
+class shared_viewer : public rtsp_owner {
+public:
+    explicit shared_viewer(const char* transport = "RTP/AVP/TCP;unicast") {
+        play(transport);
+        reading = false;
+        packets.clear();
+        before = [this](rtsp3::event_t::enum_t event) {
+            if (event != rtsp3::event_t::rtsp_send) return;
+            ++sends;
+            const uint32_t count = std::min(takes, session->lent().size);
+            append(session->lent().data, count);
+            session->take_lent(count);
+        };
+    }
+    /// What waits in the send buffer, too.
+    void take_rest() {
+        buf_t* const waiting = session->send_buffer();
+        append(waiting->data, waiting->length);
+        core_buf_ignore(waiting, waiting->length);
+    }
 
-    owner.before = nullptr;
-    owner.session->set_packet_room(nullptr);
-    const auto last = rooms[used - 1];
-    owner.send(access_unit(100));
-    EXPECT_EQ(rooms[used - 1], last);
+    uint32_t takes = UINT32_MAX;
+    std::string stream;
+
+private:
+    void append(const uint8_t* bytes, uint32_t count) { stream.append(reinterpret_cast<const char*>(bytes), count); }
+};
+
+std::string without_stamps(std::string stream) {
+    for (size_t at = 0; at + 16 <= stream.size();) {
+        const size_t length =
+            static_cast<size_t>(static_cast<uint8_t>(stream[at + 2]) << 8 | static_cast<uint8_t>(stream[at + 3]));
+        // A report is all of the stream's own.
+        stream.replace(at + 6, length == 28 ? 26 : 10, length == 28 ? 26 : 10, '.');
+        at += 4 + length;
+    }
+    return stream;
+}
+
+TEST(RtspStreaming, SharesAPictureThatWasCutOnce) {
+    const std::string picture = access_unit(60000);
+    av::frame_t frame{};
+    frame.fcc = av::fcc_h264;
+    frame.time = test::fixed_clock() + 3'000'000;  // a report is due
+    frame.data = reinterpret_cast<const uint8_t*>(picture.data());
+    frame.size = static_cast<uint32_t>(picture.size());
+    shared_viewer alone;
+    EXPECT_EQ(alone.session->send_frame(&frame), 1);
+    alone.take_rest();
+
+    rtp::Packets packets(CORE_HERE);
+    ASSERT_EQ(packets.cut(&frame), 1);
+    shared_viewer whole, part, none, behind;
+    part.takes = 30001;
+    none.takes = 0;
+    behind.takes = 0;
+    behind.feed("OPTIONS * RTSP/1.0\r\n\r\n");
+    const std::string answer(reinterpret_cast<char*>(behind.session->send_buffer()->data),
+                             behind.session->send_buffer()->length);
+    for (shared_viewer* viewer : {&whole, &part, &none, &behind}) {
+        viewer->sends = 0;
+        EXPECT_EQ(viewer->session->send_packets(packets), 1);
+        EXPECT_EQ(viewer->session->lent().size, 0U);
+    }
+    EXPECT_EQ(whole.session->send_buffer()->length, 4U + 28) << "the report alone was not lent";
+    EXPECT_EQ(whole.sends, 1U);
+    EXPECT_EQ(part.sends, 2U) << "what was left is told of";
+    for (shared_viewer* viewer : {&whole, &part, &none, &behind}) {
+        viewer->take_rest();
+        if (viewer == &behind) {
+            EXPECT_EQ(viewer->stream.substr(0, answer.size()), answer);
+            viewer->stream.erase(0, answer.size());
+        }
+        EXPECT_EQ(without_stamps(viewer->stream), without_stamps(alone.stream));
+    }
+    const test::allocation_count allocations;
+    EXPECT_EQ(packets.cut(&frame), 1);
+    for (shared_viewer* viewer : {&whole, &part, &none, &behind})
+        EXPECT_EQ(viewer->session->send_packets(packets), 1);
+    EXPECT_EQ(allocations.value(), 0U);
+}
+
+TEST(RtspStreaming, LeavesOutOrEndsWhatFindsNoMemoryForItsRest) {
+    av::frame_t frame{};
+    const std::string picture = access_unit(30000);
+    frame.fcc = av::fcc_h264;
+    frame.time = test::fixed_clock();
+    frame.data = reinterpret_cast<const uint8_t*>(picture.data());
+    frame.size = static_cast<uint32_t>(picture.size());
+    for (const uint32_t taken : {0U, 100U, UINT32_MAX}) {
+        bool hit = true;
+        for (size_t nth = 1; hit; ++nth) {
+            SCOPED_TRACE(nth);
+            shared_viewer viewer;
+            viewer.takes = taken;
+            core_buf_resize(viewer.session->send_buffer(), 0, CORE_HERE);
+            const test::failing_allocation fault(nth);
+            rtp::Packets packets(CORE_HERE);
+            const bool sent = packets.cut(&frame) && viewer.session->send_packets(packets);
+            hit = fault.hit();
+            viewer.take_rest();
+            EXPECT_TRUE(sent ? viewer.stream.size() > 30000 : viewer.stream.size() <= taken);
+            EXPECT_EQ(viewer.session->closed(), !sent && !viewer.stream.empty());
+        }
+    }
 }
 
 TEST(RtspStreaming, ReportsOnTheClockOfThePackets) {

@@ -147,6 +147,9 @@ INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) no
 /// Sends the held bytes and drops what went from the front of the buffer.
 INET_API int net_tcp_send(int fd, buf_t& buf) noexcept;
 
+/// Sends bytes that stay where they are.
+INET_API int net_tcp_send_buffer(int fd, buffer_t data) noexcept;
+
 /// Receives into the free space behind the held bytes. 0 means the peer has ended its direction; make room first
 /// (core_buf_respace()), for with none the result tells nothing.
 INET_API int net_tcp_recv(int fd, buf_t& buf) noexcept;

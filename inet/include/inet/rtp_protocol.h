@@ -128,6 +128,7 @@ struct trak_t {
 };
 
 class Rtp;
+class Packets;
 struct jpeg_header_t;
 
 /// Takes what an Rtp has ready. The data is consumed before the call returns: the packet is overwritten by the next
@@ -188,6 +189,10 @@ public:
     /// format that is not in the table above. The timestamp is that of the frame's time.
     void pack(const av::frame_t* frame) noexcept;
 
+    /// The same for a frame that was cut before (inet/rtp_packets.h): event 0 shows each packet where it stands,
+    /// stamped for this stream until the next one packs it.
+    void pack(Packets& packets) noexcept;
+
     /// The same for a metadata record: "META" or "UNIV".
     void pack_meta(const av::meta_t* meta) noexcept;
 
@@ -225,6 +230,7 @@ private:
     void log_unknown(const char* what) noexcept;
 
     uint8_t* start_packet(uint32_t pt) noexcept;
+    uint8_t* stamp_packet() noexcept;
     void send_packet(uint32_t length) noexcept;
     void hand_over(event_t::enum_t event, uint32_t length) noexcept;
 
@@ -258,6 +264,7 @@ private:
     int line_;
     uint64_t arrival_ = 0;
     report_clock_t report_clock_ = report_clock_t::ntp;
+    uint8_t* room_;  // where packets are built
     uint8_t own_room_[packet_size];
 };
 

@@ -70,6 +70,7 @@
 #include "core/log.h"
 #include "core/owned.h"
 #include "inet/net_http_header.h"
+#include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
 #include <cstdint>
@@ -273,11 +274,6 @@ public:
     /// @param shared  outlives the session's use of the track
     void share_stream(const rtp::trak_t* shared) noexcept;
 
-    /// Server, UDP: where the next packet is built, so that the owner can gather packets and send them together. From
-    /// inside send_rtp and rtsp_rtcp it counts for the one after.
-    /// @param room  rtp::packet_size bytes that outlive their use here; null, as at first, for the session's own
-    void set_packet_room(uint8_t* room) noexcept;
-
     /// Answers PLAY.
     /// @param time_us  time of the first frame to come, for the RTP-Info of every track but the first
     int send_play(uint64_t time_us) noexcept;
@@ -335,6 +331,15 @@ public:
     int send_frame(const av::frame_t* frame) noexcept;
     /// The same for a metadata record.
     int send_meta(const av::meta_t* meta) noexcept;
+    /// The same for a frame that was cut before (inet/rtp_packets.h), for owners with many sessions. Over TCP, when
+    /// nothing waits, the packets are not copied: rtsp_send shows them in lent(), and what the owner has not taken when
+    /// it returns is moved to send_buffer(), which a second rtsp_send tells. Over UDP rtp()->packet shows the packets
+    /// where they stand: send them before `packets` is used again.
+    int send_packets(rtp::Packets& packets) noexcept;
+    /// On rtsp_send: bytes to be sent before those in send_buffer(); mostly none.
+    buffer_t lent() const noexcept { return lent_; }
+    /// So many of them were sent.
+    void take_lent(uint32_t count) noexcept;
 
     // Input
 
@@ -457,7 +462,8 @@ private:
     bool start_picture(uint32_t fcc) noexcept;
     int finish_picture() noexcept;
     void make_packet_room() noexcept;
-    void add_interleaved(uint8_t channel) noexcept;
+    void add_cut() noexcept;
+    bool keep_lent(uint32_t whole) noexcept;
 
     void offer_setup(trak_t* trak, const transport_choice& choice) noexcept;
 
@@ -570,7 +576,9 @@ private:
     uint32_t picture_start_ = 0;
     trak_t* sending_ = nullptr;
     trak_t* outer_trak_ = nullptr;
-    uint8_t* datagram_room_ = nullptr;
+    bool cut_ = false;    // the picture's packets were cut before,
+    bool lends_ = false;  // and are shown where they stand
+    buffer_t lent_;
 
     role_t role_ = role_t::server;
     step_t step_ = step_t::none;

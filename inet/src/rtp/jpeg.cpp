@@ -12,7 +12,6 @@ namespace {
 using bytes_t = std::span<const uint8_t>;
 using rtp::get16;
 
-constexpr uint8_t jpeg_pt = 26;
 constexpr uint32_t max_side = 2040;  // 255 blocks of 8
 constexpr size_t table_size = 64;
 constexpr uint8_t q_in_band = 255;

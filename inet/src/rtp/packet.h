@@ -13,6 +13,7 @@ inline constexpr uint8_t marker = 0x80;
 inline constexpr uint8_t version_mask = 0xC0;
 inline constexpr uint8_t version_2 = 0x80;
 inline constexpr uint32_t header_size = 12;
+inline constexpr uint8_t jpeg_pt = 26;
 inline constexpr uint32_t max_piece = packet_size - header_size;
 // Room for the two FU-A bytes is kept for every NAL unit, so that one limit serves whole and cut ones.
 inline constexpr uint32_t max_nal_piece = max_piece - 2;

@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "inet/net_http_header.h"
 #include "inet/rtsp_protocol.h"
+#include "rtp/interleaved.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -27,7 +28,7 @@ inline constexpr uint8_t first_dynamic_pt = 96;
 
 inline constexpr char auth_realm[] = "inet";
 
-inline constexpr uint32_t interleaved_header = 4;
+using rtp::interleaved_header;
 inline constexpr uint32_t max_replies_waiting = 64 * 1024;
 inline constexpr uint32_t max_waiting = interleaved_header + 65535;  // the longest of what may be awaited
 inline constexpr uint32_t max_port = 65534;                          // the next one is for RTCP

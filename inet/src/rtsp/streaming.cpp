@@ -2,6 +2,8 @@
 #include "rtsp/session.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace rtsp3 {
 
@@ -12,6 +14,40 @@ int Rtsp::send_frame(const av::frame_t* frame) noexcept {
     return finish_picture();
 }
 
+int Rtsp::send_packets(rtp::Packets& packets) noexcept {
+    const running call(*this);
+    if (packets.interleaved().size == 0 || !start_picture(packets.fcc())) return 0;
+    const buffer_t whole = packets.interleaved();
+    packets.set_channel(sending_->channel);
+    lends_ = sending_->protocol == protocol_t::rtp_tcp && send_.length == 0;
+    cut_ = true;
+    rtp_.pack(packets);
+    cut_ = false;
+    if (lends_ && !spilled_ && packed_ != 0) lent_ = whole;
+    const int sent = finish_picture();
+    return keep_lent(whole.size) ? sent : 0;
+}
+
+// What the owner did not send at once goes in front of the report that may stand in the send buffer.
+bool Rtsp::keep_lent(uint32_t whole) noexcept {
+    const buffer_t rest = std::exchange(lent_, {});
+    if (rest.size == 0 || closed_) return true;
+    if (!core_buf_respace(&send_, rest.size, file_, line_)) {
+        if (rest.size != whole) fail("no memory for the rest of a picture");
+        return false;
+    }
+    std::memmove(send_.data + rest.size, send_.data, send_.length);
+    std::memcpy(send_.data, rest.data, rest.size);
+    send_.length += rest.size;
+    raise(event_t::rtsp_send);
+    return true;
+}
+
+void Rtsp::take_lent(uint32_t count) noexcept {
+    const uint32_t taken = std::min(count, lent_.size);
+    lent_ = {lent_.data + taken, lent_.size - taken};
+}
+
 int Rtsp::send_meta(const av::meta_t* meta) noexcept {
     const running call(*this);
     if (!meta || !start_picture(meta->fcc)) return 0;
@@ -20,7 +56,7 @@ int Rtsp::send_meta(const av::meta_t* meta) noexcept {
 }
 
 bool Rtsp::start_picture(uint32_t fcc) noexcept {
-    if (!playing_ || closed_ || packing_ || role_ == role_t::client) return false;
+    if (!playing_ || closed_ || packing_ || lent_.size != 0 || role_ == role_t::client) return false;
     trak_t** const end = traks_ + trak_count_;
     trak_t** const found = std::find_if(traks_, end, [&](const trak_t* trak) { return trak->fcc == fcc; });
     if (found == end || !(*found)->set_up || (*found)->shared) return false;
@@ -37,20 +73,12 @@ bool Rtsp::start_picture(uint32_t fcc) noexcept {
         make_packet_room();
     } else {
         trak_ = sending_;
-        rtp_.set_packet_room(datagram_room_);
     }
     return true;
 }
 
-void Rtsp::set_packet_room(uint8_t* room) noexcept {
-    datagram_room_ = room;
-    if (packing_ && sending_->protocol != protocol_t::rtp_tcp) rtp_.set_packet_room(room);
-}
-
-// The next packet is built right behind the framing it will need.
 void Rtsp::make_packet_room() noexcept {
-    spilled_ = spilled_ || !core_buf_respace(&send_, interleaved_header + rtp::packet_size, file_, line_);
-    rtp_.set_packet_room(spilled_ ? nullptr : send_.data + send_.length + interleaved_header);
+    spilled_ = spilled_ || !rtp::make_interleaved_room(send_, rtp_, file_, line_);
 }
 
 void Rtsp::on_rtp_event(rtp::Rtp*, rtp::event_t::enum_t event) noexcept {
@@ -64,20 +92,20 @@ void Rtsp::on_rtp_event(rtp::Rtp*, rtp::event_t::enum_t event) noexcept {
     ++packed_;
     if (sending_->protocol != protocol_t::rtp_tcp) {
         raise(report ? event_t::rtsp_rtcp : event_t::send_rtp);
+    } else if (cut_ && !report) {
+        add_cut();
     } else if (!spilled_) {
-        add_interleaved(static_cast<uint8_t>(sending_->channel + (report ? 1 : 0)));
+        rtp::add_interleaved(send_, static_cast<uint8_t>(sending_->channel + (report ? 1 : 0)), rtp_.packet.length);
         make_packet_room();
     }
 }
 
-void Rtsp::add_interleaved(uint8_t channel) noexcept {
-    uint8_t* framing = send_.data + send_.length;
-    const uint32_t length = rtp_.packet.length;
-    framing[0] = '$';
-    framing[1] = channel;
-    framing[2] = static_cast<uint8_t>(length >> 8);
-    framing[3] = static_cast<uint8_t>(length);
-    send_.length += interleaved_header + length;
+// Behind what waits there has to be a copy.
+void Rtsp::add_cut() noexcept {
+    if (lends_ || spilled_) return;
+    const uint32_t size = interleaved_header + rtp_.packet.length;
+    spilled_ = core_buf_read(&send_, rtp_.packet.data - interleaved_header, size) != size;
+    make_packet_room();
 }
 
 // A picture that did not fit into memory is taken back whole.
