@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     GstRTSPServer* server = gst_rtsp_server_new();
-    gst_rtsp_server_set_address(server, "127.0.0.1");
+    gst_rtsp_server_set_address(server, argc > 4 ? argv[4] : "127.0.0.1");
     gst_rtsp_server_set_service(server, argv[2]);
     gst_rtsp_server_set_backlog(server, 512);
     GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
@@ -91,7 +91,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "gst_server: cannot listen on port %s\n", argv[2]);
         return 1;
     }
-    std::printf("rtsp://127.0.0.1:%d/live\nready\n", gst_rtsp_server_get_bound_port(server));
+    std::printf("rtsp://%s:%d/live\nready\n", gst_rtsp_server_get_address(server), gst_rtsp_server_get_bound_port(server));
     std::fflush(stdout);
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
 }

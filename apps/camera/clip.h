@@ -58,6 +58,9 @@ struct channel {
 
 struct clip {
     std::vector<channel> channels;
+
+    /// Time of the first frame, of all tracks, behind that time since frame 0.
+    uint64_t next_time(uint64_t time) const;
 };
 
 /// Reads the files that the options name, or the bundled ones. On failure nothing, with the reason in `error`.

@@ -1,5 +1,6 @@
 #include "datagrams.h"
 
+#include <algorithm>
 #include <new>
 
 namespace camera {
@@ -8,6 +9,18 @@ namespace {
 /// Payload bytes of a packet, at least, but for the last ones of a frame's parts.
 constexpr uint32_t least_payload = 1024;
 constexpr uint32_t short_packets = 16;
+
+/// Sends them in their order, up to the first that the system does not take yet. One that is refused, as its player is
+/// out of reach, is lost; the others go on. @return how many are done
+uint32_t send_up_to_full(int fd, const datagram_t* packets, uint32_t count) {
+    uint32_t done = 0;
+    while (done < count) {
+        const int went = net_udp_send_batch(fd, packets + done, count - done);
+        if (went < 0 && socket_get_error_code() == socket_error_would_block) break;
+        done += went > 0 ? static_cast<uint32_t>(went) : 1;
+    }
+    return done;
+}
 
 }  // namespace
 
@@ -25,41 +38,47 @@ void datagrams::close() {
     if (socket_) net::net_nt_socket_rem(thread_->nt, socket_);
     socket_ = nullptr;
     queue_.reset();
-    sent_ = count_ = 0;
-    writing_ = false;
+    count_ = sent_ = waiting_ = 0;
 }
 
 bool datagrams::has_room(uint32_t frame_size) const {
-    return count_ + frame_size / least_payload + short_packets <= most;
+    return waiting_ + frame_size / least_payload + short_packets <= most;
 }
 
-uint8_t* datagrams::room() { return &queue_->rooms[size_t{count_} * rtp::packet_size]; }
-
-void datagrams::add(uint32_t size, const sockaddr_in& to) {
-    if (count_ == most) return;
-    queue_->addresses[count_] = to;
-    queue_->packets[count_] = {room(), size, &queue_->addresses[count_]};
+void datagrams::add(const buf_t& packet, const sockaddr_in& to) {
+    if (count_ == together) send();
+    // Neighbours with one address go together.
+    const bool same = count_ != 0 && addresses_[count_ - 1].sin_port == to.sin_port &&
+                      addresses_[count_ - 1].sin_addr.s_addr == to.sin_addr.s_addr;
+    addresses_[count_] = to;
+    packets_[count_] = {packet.data, packet.length, same ? packets_[count_ - 1].to : &addresses_[count_]};
     ++count_;
-    if (count_ - sent_ >= together && !writing_) send();
 }
 
 void datagrams::send() {
-    while (sent_ < count_) {
-        const int went = net_udp_send_batch(fd_, &queue_->packets[sent_], count_ - sent_);
-        if (went < 0 && socket_get_error_code() == socket_error_would_block) break;
-        // One that is refused, as its player is out of reach, is lost; the others go on.
-        sent_ += went > 0 ? static_cast<uint32_t>(went) : 1;
-    }
-    if (sent_ == count_) sent_ = count_ = 0;
-    watch_writability(sent_ != count_);
+    uint32_t done = waiting_ == 0 ? send_up_to_full(fd_, packets_.data(), count_) : 0;
+    for (; done < count_; ++done)
+        keep(packets_[done]);
+    count_ = 0;
 }
 
-void datagrams::on_writable(void* arg, uint32_t) { static_cast<datagrams*>(arg)->send(); }
-
-void datagrams::watch_writability(bool wanted) {
-    if (writing_ == wanted) return;
-    writing_ = wanted;
-    net::net_nt_socket_set(thread_->nt, socket_, 0, wanted);
+void datagrams::keep(const datagram_t& packet) {
+    if (waiting_ == most) return;
+    std::copy_n(packet.data, packet.size, queue_->rooms[waiting_].data());
+    queue_->addresses[waiting_] = *packet.to;
+    queue_->packets[waiting_] = {queue_->rooms[waiting_].data(), packet.size, &queue_->addresses[waiting_]};
+    if (waiting_++ == 0) watch_writability(true);
 }
+
+void datagrams::on_writable(void* arg, uint32_t) { static_cast<datagrams*>(arg)->send_waiting(); }
+
+void datagrams::send_waiting() {
+    sent_ += send_up_to_full(fd_, &queue_->packets[sent_], waiting_ - sent_);
+    if (sent_ != waiting_) return;
+    sent_ = waiting_ = 0;
+    watch_writability(false);
+}
+
+void datagrams::watch_writability(bool wanted) { net::net_nt_socket_set(thread_->nt, socket_, 0, wanted); }
 
 }  // namespace camera

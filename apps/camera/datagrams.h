@@ -1,4 +1,4 @@
-// RTP packets over UDP on their way out: built in its rooms, sent many at a time.
+// RTP packets over UDP on their way out, many with one call.
 #pragma once
 
 #include "inet/net_socket.h"
@@ -11,7 +11,7 @@
 
 namespace camera {
 
-/// One network thread's, for one socket. What the system does not take at once waits, up to `most`.
+/// One network thread's, for one socket. What the system does not take at once waits as a copy, up to `most`.
 class datagrams {
 public:
     static constexpr uint32_t most = 2048;
@@ -24,38 +24,39 @@ public:
     /// @param fd  the socket, which stays the caller's. @return false when memory is out.
     bool open(net::Thread& thread, int fd);
     void close();
-    bool is_open() const { return queue_ != nullptr; }
+    bool is_open() const { return socket_ != nullptr; }
 
-    /// Whether a frame of so many bytes finds room for all its packets.
+    /// Whether a frame of so many bytes finds room for all its packets, should they have to wait.
     bool has_room(uint32_t frame_size) const;
-    /// Where the next packet is to be built: rtp::packet_size bytes.
-    uint8_t* room();
-    /// The packet in room() is complete.
-    void add(uint32_t size, const sockaddr_in& to);
-    /// Gives what waits to the system.
+    /// A packet, whose bytes stay as they are until send().
+    void add(const buf_t& packet, const sockaddr_in& to);
+    /// Gives the packets to the system.
     void send();
 
 private:
-    /// Packets that go together: few enough to be still in the processor's cache when the system copies them.
-    static constexpr uint32_t together = 128;
+    static constexpr uint32_t together = 256;
 
+    /// Used only by a system that does not keep up.
     struct queue {
         std::array<datagram_t, most> packets;
         std::array<sockaddr_in, most> addresses;
-        // One more for the packet that finds no room.
-        std::array<uint8_t, size_t{most + 1} * rtp::packet_size> rooms;
+        std::array<std::array<uint8_t, rtp::packet_size>, most> rooms;
     };
 
     static void on_writable(void* arg, uint32_t events);
+    void send_waiting();
+    void keep(const datagram_t& packet);
     void watch_writability(bool wanted);
 
     net::Thread* thread_ = nullptr;  ///< its context is null once it has stopped
     net::socket_ctx* socket_ = nullptr;
     int fd_ = -1;
+    std::array<datagram_t, together> packets_;
+    std::array<sockaddr_in, together> addresses_;
+    uint32_t count_ = 0;
     std::unique_ptr<queue> queue_;
-    uint32_t sent_ = 0;   ///< packets of the queue that are gone
-    uint32_t count_ = 0;  ///< packets in the queue, with those
-    bool writing_ = false;
+    uint32_t sent_ = 0;     ///< packets of the queue that are gone
+    uint32_t waiting_ = 0;  ///< packets in the queue, with those
 };
 
 }  // namespace camera

@@ -1,5 +1,7 @@
 #include "multicast.h"
 
+#include "worker.h"
+
 #include "common/digest.h"
 #include "core/memory.h"
 #include "inet/net_socket.h"
@@ -16,9 +18,10 @@ constexpr int reports_at_once = 64;
 
 }  // namespace
 
-shared_channel::shared_channel(const channel& played, sockaddr_in group, datagrams& packets, int socket)
-    : played_(played),
-      packets_(packets),
+shared_channel::shared_channel(worker& sender, const channel& played, sockaddr_in group, datagrams& packets, int socket)
+    : sender_(sender),
+      played_(played),
+      datagrams_(packets),
       socket_(socket),
       group_(group),
       first_port_(net_addr_port(group)),
@@ -53,6 +56,12 @@ void shared_channel::begin(start_t start, uint64_t base, uint64_t now) {
         rtp_->traks[i]->next_rtcp = 0;
 }
 
+void shared_channel::add_viewer() {
+    if (viewers_ == 0) begin_ = true;
+    ++viewers_;
+    sender_.tick();
+}
+
 uint64_t shared_channel::advance(start_t start, uint64_t base, uint64_t now) {
     if (viewers_ == 0) {
         publish(0);
@@ -63,9 +72,9 @@ uint64_t shared_channel::advance(start_t start, uint64_t base, uint64_t now) {
     sent_ = 0;
     while (const av::frame_t* frame = playback_.due(now)) {
         playback_.take();
-        if (!packets_.has_room(frame->size)) continue;
-        rtp_->set_packet_room(packets_.room());
-        rtp_->pack(frame);
+        if (!datagrams_.has_room(frame->size)) continue;
+        if (rtp::Packets* packets = cut_.of(*frame)) rtp_->pack(*packets);
+        datagrams_.send();
     }
     publish(playback_.time_of_next());
     return sent_;
@@ -92,25 +101,24 @@ void shared_channel::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noe
         buffer_t bytes{rtp->packet.data, rtp->packet.length};
         net_udp_send_buffer(socket_, &bytes, &group_);
     } else {
-        packets_.add(rtp->packet.length, group_);
-        rtp->set_packet_room(packets_.room());
+        datagrams_.add(rtp->packet, group_);
     }
 }
 
-bool multicast::start(net::Thread& thread, const clip& played, const options& settings, std::string& error) {
+bool multicast::start(worker& sender, const clip& played, const options& settings, std::string& error) {
     sockaddr_in group{};
     net_addr_setup(group, settings.multicast.c_str(), settings.multicast_port);
     socket_ = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
     const bool ready = socket_ >= 0 && socket_multicastInterface(socket_, settings.bind.c_str()) &&
-                       net_socket_bind(socket_, settings.bind.c_str(), 0) == 0 && packets_.open(thread, socket_);
+                       net_socket_bind(socket_, settings.bind.c_str(), 0) == 0 && datagrams_.open(sender, socket_);
     if (!ready) {
         error = "cannot send to " + settings.multicast + " from " + settings.bind;
         return false;
     }
     socket_multicastTTL(socket_, settings.ttl);
     for (const channel& each : played.channels) {
-        channels_.push_back(std::make_unique<shared_channel>(each, group, packets_, socket_));
-        listen_for_reports(thread, *channels_.back(), settings);
+        channels_.push_back(std::make_unique<shared_channel>(sender, each, group, datagrams_, socket_));
+        listen_for_reports(sender, *channels_.back(), settings);
         group.sin_port = htons(channels_.back()->port(each.tracks.size()));
     }
     return true;
@@ -145,7 +153,7 @@ void multicast::stop() {
         net_socket_close(each->fd);
     reports_.clear();
     channels_.clear();
-    packets_.close();
+    datagrams_.close();
     if (socket_ >= 0) net_socket_close(socket_);
     socket_ = -1;
 }
@@ -156,11 +164,14 @@ shared_channel* multicast::find(const channel& played) const {
     return found == channels_.end() ? nullptr : found->get();
 }
 
+bool multicast::watched() const {
+    return std::any_of(channels_.begin(), channels_.end(), [](const auto& each) { return each->watched(); });
+}
+
 uint64_t multicast::advance(const options& settings, uint64_t base, uint64_t now) {
     uint64_t bytes = 0;
     for (const auto& each : channels_)
         bytes += each->advance(settings.start, base, now);
-    if (packets_.is_open()) packets_.send();
     return bytes;
 }
 

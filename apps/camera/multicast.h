@@ -3,6 +3,7 @@
 
 #include "clip.h"
 #include "datagrams.h"
+#include "frame_packets.h"
 #include "options.h"
 #include "playback.h"
 
@@ -19,11 +20,13 @@
 
 namespace camera {
 
+class worker;
+
 /// The streams of a channel. They begin with a key picture when the first viewer comes, and rest when the last is gone.
 class shared_channel final : private rtp::IRtp {
 public:
     /// @param group  the port for RTP of the first track; the next one is that for RTCP, and so on
-    shared_channel(const channel& played, sockaddr_in group, datagrams& packets, int socket);
+    shared_channel(worker& sender, const channel& played, sockaddr_in group, datagrams& packets, int socket);
     ~shared_channel() { rtp::Rtp::destroy(rtp_); }
     shared_channel(const shared_channel&) = delete;
     shared_channel& operator=(const shared_channel&) = delete;
@@ -31,16 +34,15 @@ public:
     // From any thread
 
     const channel* played() const { return &played_; }
-    void add_viewer() {
-        if (viewers_ == 0) begin_ = true;
-        ++viewers_;
-    }
+    void add_viewer();
     void remove_viewer() { --viewers_; }
     uint16_t port(size_t track) const { return static_cast<uint16_t>(first_port_ + 2 * track); }
     /// Sequence number of the next packet.
     uint16_t next_seq(size_t track) const { return next_seq_[track]; }
     /// Time of the next frame; 0 while the streams rest.
     uint64_t next_time() const { return next_time_; }
+
+    bool watched() const { return viewers_ != 0; }
 
     /// Changes when a host reported that it receives the streams, or rarely when another did.
     uint32_t reports_from(in_addr host) const { return reports_[place_of(host)]; }
@@ -61,8 +63,10 @@ private:
     void begin(start_t start, uint64_t base, uint64_t now);
     void publish(uint64_t next_time);
 
+    worker& sender_;
     const channel& played_;
-    datagrams& packets_;
+    datagrams& datagrams_;
+    frame_packets cut_;
     const int socket_;
     sockaddr_in group_;
     const uint16_t first_port_;
@@ -86,12 +90,14 @@ public:
 
     /// Opens the socket, on the interface that the camera is bound to. Before viewers come.
     /// @return false with the reason in `error`
-    bool start(net::Thread& thread, const clip& played, const options& settings, std::string& error);
+    bool start(worker& sender, const clip& played, const options& settings, std::string& error);
     /// After the thread has stopped and all viewers are gone.
     void stop();
 
     /// The streams of a channel; null without multicast. Any thread.
     shared_channel* find(const channel& played) const;
+    /// Whether anybody watches. Any thread.
+    bool watched() const;
     /// On the thread: sends what is due. @return the bytes
     uint64_t advance(const options& settings, uint64_t base, uint64_t now);
 
@@ -107,7 +113,7 @@ private:
     void listen_for_reports(net::Thread& thread, shared_channel& streams, const options& settings);
 
     int socket_ = -1;
-    datagrams packets_;
+    datagrams datagrams_;
     std::vector<std::unique_ptr<report_port>> reports_;
     std::vector<std::unique_ptr<shared_channel>> channels_;
 };

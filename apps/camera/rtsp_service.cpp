@@ -4,13 +4,18 @@
 #include "inet/net_socket.h"
 
 #include <algorithm>
-#include <limits>
 #include <numeric>
+#include <ranges>
 
 namespace camera {
 
 rtsp_service::rtsp_service(const clip& played, const options& settings)
-    : station_{.played = played, .settings = settings, .base = time_now(), .open_tunnels = {}, .shared_streams = {}} {}
+    : station_{.played = played,
+               .settings = settings,
+               .base = time_now(),
+               .began = core_timer(),
+               .open_tunnels = {},
+               .shared_streams = {}} {}
 
 bool rtsp_service::start(std::string& error) {
     const options& settings = station_.settings;
@@ -27,10 +32,7 @@ bool rtsp_service::start(std::string& error) {
         !station_.shared_streams.start(*workers_.front(), station_.played, settings, error)) {
         return false;
     }
-    if (!listen(error)) return false;
-    clock_ = core_thread_start(this, &rtsp_service::keep_time, nullptr, CORE_HERE);
-    if (!clock_) error = "cannot start a thread";
-    return clock_ != nullptr;
+    return listen(error);
 }
 
 bool rtsp_service::listen(std::string& error) {
@@ -50,12 +52,12 @@ bool rtsp_service::listen(std::string& error) {
 }
 
 void rtsp_service::stop() {
-    core_thread_stop(clock_);
     if (!workers_.empty()) net::net_nt_socket_rem(workers_.front()->nt, accepting_);
     if (listener_ >= 0) net_socket_close(listener_);
     listener_ = -1;
     station_.open_tunnels.close();
-    for (const auto& each : workers_)
+    // The first one last: the others' viewers wake it for the shared streams.
+    for (const auto& each : std::views::reverse(workers_))
         each->stop();
     station_.shared_streams.stop();
     workers_.clear();
@@ -69,45 +71,6 @@ void rtsp_service::on_accept(void* arg, uint32_t) {
     const auto least = std::min_element(self->workers_.begin(), self->workers_.end(),
                                         [](const auto& a, const auto& b) { return a->load() < b->load(); });
     (*least)->take(fd, peer);
-}
-
-void rtsp_service::keep_time(void* arg, thread_ctx* thread) {
-    auto* self = static_cast<rtsp_service*>(arg);
-    size_t tracks = 0;
-    for (const channel& each : self->station_.played.channels)
-        tracks += each.tracks.size();
-    std::vector<uint64_t> numbers(tracks, 0);
-    while (!core_thread_iscancel(thread)) {
-        const uint64_t now = time_now();
-        const uint64_t due = self->next_due(numbers, now);
-        if (due > now) {
-            core_thread_sleep(thread, static_cast<uint32_t>((due - now) / 1000 + 1));
-            continue;
-        }
-        // The first one sends the shared streams, whoever has the viewers.
-        const bool any = std::any_of(self->workers_.begin(), self->workers_.end(),
-                                     [](const auto& each) { return each->load() != 0; });
-        for (const auto& each : self->workers_) {
-            if (each->load() || (any && each == self->workers_.front())) each->tick();
-        }
-    }
-}
-
-/// The time of the frame that is played next; `now` once for each time that has come. `numbers` holds the number of the
-/// next frame of every track.
-uint64_t rtsp_service::next_due(std::vector<uint64_t>& numbers, uint64_t now) const {
-    uint64_t due = std::numeric_limits<uint64_t>::max();
-    bool come = false;
-    size_t i = 0;
-    for (const channel& each : station_.played.channels) {
-        for (const track& played : each.tracks) {
-            uint64_t& number = numbers[i++];
-            for (; station_.base + played.time(number) <= now; ++number)
-                come = true;
-            due = std::min(due, station_.base + played.time(number));
-        }
-    }
-    return come ? now : due;
 }
 
 unsigned rtsp_service::viewers() const {

@@ -1,11 +1,10 @@
-// The camera on the network: listens, spreads the viewers over network threads and keeps time.
+// The camera on the network: listens, spreads the viewers over network threads.
 #pragma once
 
 #include "clip.h"
 #include "options.h"
 #include "worker.h"
 
-#include "core/thread.h"
 #include "inet/net_thread.h"
 
 #include <cstdint>
@@ -35,16 +34,13 @@ public:
 
 private:
     static void on_accept(void* arg, uint32_t events);
-    static void keep_time(void* arg, thread_ctx* thread);
     bool listen(std::string& error);
-    uint64_t next_due(std::vector<uint64_t>& numbers, uint64_t now) const;
 
     station station_;
     int listener_ = -1;
     uint16_t port_ = 0;
     net::socket_ctx* accepting_ = nullptr;
     std::vector<std::unique_ptr<worker>> workers_;
-    thread_ctx* clock_ = nullptr;
 };
 
 }  // namespace camera

@@ -83,7 +83,7 @@ void viewer::serve() {
     if (rtsp_) flush();
     if (finished_) return;
     count_sharing();
-    advance(time_now());
+    advance(owner_.now());
 }
 
 bool viewer::fits(const viewer& get) const {
@@ -113,17 +113,28 @@ void viewer::leave_to(worker& other) {
 }
 
 void viewer::flush() {
-    buf_t& waiting = *rtsp_->send_buffer();
-    if (waiting.length) {
-        const int count = net_tcp_send(fd_, waiting);
-        if (count > 0) owner_.count_sent(static_cast<uint64_t>(count));
-        took_ = took_ || count > 0;
-        if (count < 0 && socket_get_error_code() != socket_error_would_block) {
-            finish();
-            waiting.length = 0;
-        }
+    const buffer_t lent = rtsp_->lent();
+    if (lent.size) {
+        const int count = net_tcp_send_buffer(fd_, lent);
+        if (!count_sent(count)) return;
+        rtsp_->take_lent(static_cast<uint32_t>(count));
     }
+    buf_t& waiting = *rtsp_->send_buffer();
+    if (waiting.length && rtsp_->lent().size == 0) count_sent(net_tcp_send(fd_, waiting));
     watch_writability(waiting.length != 0);
+}
+
+/// @return whether something went; a connection that fails is finished, and what waits for it is gone
+bool viewer::count_sent(int count) {
+    if (count > 0) {
+        owner_.count_sent(static_cast<uint64_t>(count));
+        took_ = true;
+    } else if (count < 0 && socket_get_error_code() != socket_error_would_block) {
+        finish();
+        rtsp_->take_lent(rtsp_->lent().size);
+        rtsp_->send_buffer()->length = 0;
+    }
+    return count > 0;
 }
 
 void viewer::watch_writability(bool wanted) {
@@ -138,13 +149,7 @@ void viewer::advance(uint64_t now) {
         playback_.skip(now);
         wait_for_key_ = true;
     }
-    // The thread's one room, used again and again, stays in the processor's cache. Who has something waiting keeps it.
-    buf_t& waiting = *rtsp_->send_buffer();
-    const bool borrows = waiting.length == 0;
-    if (borrows) std::swap(waiting, owner_.send_room());
     send_due(now);
-    flush();
-    if (borrows && waiting.length == 0) std::swap(waiting, owner_.send_room());
 }
 
 void viewer::send_due(uint64_t now) {
@@ -154,7 +159,6 @@ void viewer::send_due(uint64_t now) {
         if (past && rtsp_->send_buffer()->length) return;
         playback_.take();
         send(*frame);
-        if (past) flush();
     }
 }
 
@@ -170,13 +174,13 @@ void viewer::send(const av::frame_t& frame) {
         }
         return;
     }
-    if (over_udp()) rtsp_->set_packet_room(owner_.packets().room());
-    rtsp_->send_frame(&frame);
+    if (rtp::Packets* packets = owner_.packets_of(frame)) rtsp_->send_packets(*packets);
+    if (over_udp()) owner_.datagrams_out().send();
 }
 
 /// A frame longer than all that may wait goes out when nothing waits.
 bool viewer::fits(const av::frame_t& frame) const {
-    if (over_udp()) return owner_.packets().has_room(frame.size);
+    if (over_udp()) return owner_.datagrams_out().has_room(frame.size);
     const uint64_t waiting = rtsp_->send_buffer()->length;
     return waiting == 0 || waiting + frame.size + packet_overhead(frame.size) <= owner_.settings().backlog;
 }
@@ -232,8 +236,11 @@ void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noex
         case e::tunnel_post:
             is_post_ = true;  // joined when the running call is through
             break;
+        case e::rtsp_send:
+            flush();
+            break;
         default:
-            break;  // rtsp_send: flush() follows each input and each picture
+            break;
     }
     static_cast<void>(rtsp);
 }
@@ -296,7 +303,7 @@ void viewer::count_sharing() {
 }
 
 void viewer::play() {
-    playback_.begin(*channel_, owner_.settings().start, owner_.base(), time_now());
+    playback_.begin(*channel_, owner_.settings().start, owner_.base(), owner_.now());
     wait_for_key_ = false;
     uint64_t first = playback_.start_time();
     for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
@@ -314,10 +321,8 @@ sockaddr_in viewer::player_port(unsigned offset) const {
 }
 
 void viewer::send_packet() {
-    const uint32_t size = rtsp_->rtp()->packet.length;
-    owner_.packets().add(size, player_port(0));
-    owner_.count_sent(size);
-    rtsp_->set_packet_room(owner_.packets().room());
+    owner_.datagrams_out().add(rtsp_->rtp()->packet, player_port(0));
+    owner_.count_sent(rtsp_->rtp()->packet.length);
 }
 
 void viewer::send_report() {

@@ -56,6 +56,7 @@ private:
     void serve();
     void leave_to(worker& other);
     void flush();
+    bool count_sent(int count);
     void send_due(uint64_t now);
     void send(const av::frame_t& frame);
     bool fits(const av::frame_t& frame) const;

@@ -41,7 +41,6 @@ void worker::stop() noexcept {
     net::Thread::stop();
     core_cmd_process(queue);
     viewers_.clear();
-    core_buf_free(&send_room_);
     close_udp();
 }
 
@@ -69,6 +68,7 @@ void worker::on_take(void* owner, void* arg) {
     }
     self->viewers_.push_back(std::make_unique<viewer>(*self, given->fd, given->peer, given->session));
     viewer& added = *self->viewers_.back();
+    if (self->viewers_.size() == 1) self->set_next_tick();
     if (given->session && !added.finished()) self->pair(added);
     on_sweep(self);
 }
@@ -96,16 +96,24 @@ void worker::on_sweep(void* arg) {
 
 void worker::on_tick(void* arg, net::command_ctx*) {
     auto* self = static_cast<worker*>(arg);
-    const uint64_t now = time_now();
+    const uint64_t now = self->now();
     for (const auto& each : self->viewers_)
         each->advance(now);
-    if (self->packets_.is_open()) self->packets_.send();
     if (self->first_) {
         const station& shared = self->station_;
         self->count_sent(self->shared_streams().advance(shared.settings, shared.base, now));
     }
     on_sweep(self);
+    self->set_next_tick();
 }
+
+/// With the next frame; rests when nobody watches.
+void worker::set_next_tick() {
+    if (viewers_.empty() && !(first_ && shared_streams().watched())) return;
+    net::net_nt_command_at(tick_, station_.began + station_.played.next_time(now() - base()));
+}
+
+rtp::Packets* worker::packets_of(const av::frame_t& frame) { return cut_.of(frame); }
 
 void worker::on_second(void* arg, net::timer_ctx*) {
     auto* self = static_cast<worker*>(arg);
@@ -122,8 +130,8 @@ const channel* worker::find_channel(std::string_view path) const {
 
 uint16_t worker::udp_port() {
     // The pair of a last attempt that failed is left open.
-    if (!packets_.is_open() &&
-        (socket_rtp_pair(&rtp_socket_, &rtcp_socket_) != 1 || !packets_.open(*this, rtp_socket_))) {
+    if (!datagrams_.is_open() &&
+        (socket_rtp_pair(&rtp_socket_, &rtcp_socket_) != 1 || !datagrams_.open(*this, rtp_socket_))) {
         close_udp();
         return 0;
     }
@@ -145,7 +153,7 @@ void worker::on_report(void* arg, uint32_t) {
 }
 
 void worker::close_udp() {
-    packets_.close();
+    datagrams_.close();
     if (reports_) net::net_nt_socket_rem(nt, reports_);
     for (int* fd : {&rtp_socket_, &rtcp_socket_}) {
         if (*fd >= 0) net_socket_close(*fd);

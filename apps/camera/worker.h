@@ -3,11 +3,13 @@
 
 #include "clip.h"
 #include "datagrams.h"
+#include "frame_packets.h"
 #include "multicast.h"
 #include "options.h"
 #include "tunnels.h"
 #include "viewer.h"
 
+#include "core/time.h"
 #include "inet/net_thread.h"
 #include "inet/sockaddr.h"
 
@@ -28,11 +30,15 @@ struct counters {
 
 /// What all workers have in common.
 struct station {
-    const clip& played;  ///< frame 0 of every track stands at `base`
+    const clip& played;
     const options& settings;
-    const uint64_t base;
+    const uint64_t base;   ///< time of frame 0 of every track
+    const uint64_t began;  ///< the same by core_timer()
     tunnels open_tunnels;
     multicast shared_streams;
+
+    /// The time, steady also when the system's clock is set.
+    uint64_t now() const { return base + (core_timer() - began); }
 };
 
 /// The first one sends the shared streams.
@@ -52,7 +58,7 @@ public:
 
     /// Hands over a connection: an accepted one, or with its session the POST end of a tunnel whose GET end is here.
     void take(int fd, const sockaddr_in& peer, rtsp3::Rtsp* session = nullptr);
-    /// Tells the thread to send what is due.
+    /// Has the thread look what is due.
     void tick() { net::net_nt_command_exec(tick_); }
     const counters& count() const { return counters_; }
     unsigned load() const { return taken_; }
@@ -62,6 +68,7 @@ public:
     const options& settings() const { return station_.settings; }
     const channel* find_channel(std::string_view path) const;
     uint64_t base() const { return station_.base; }
+    uint64_t now() const { return station_.now(); }
     tunnels& open_tunnels() { return station_.open_tunnels; }
     multicast& shared_streams() { return station_.shared_streams; }
     /// Joins a POST end to its GET end; ends it when there is none.
@@ -69,10 +76,11 @@ public:
     /// Port of the socket that sends RTP over UDP, the next one sends RTCP; opened at first use, 0 when that failed.
     uint16_t udp_port();
     /// RTP over UDP of all viewers; open once udp_port() is.
-    datagrams& packets() { return packets_; }
+    datagrams& datagrams_out() { return datagrams_; }
     int rtcp_socket() const { return rtcp_socket_; }
-    /// Where a viewer for whom nothing waits puts pictures together.
-    buf_t& send_room() { return send_room_; }
+    /// A frame cut into packets, the same for all who are sent it now; null when memory is out. Good until the next
+    /// call.
+    rtp::Packets* packets_of(const av::frame_t& frame);
     void count_sent(uint64_t bytes) { counters_.bytes_sent += bytes; }
     void count_dropped() { ++counters_.pictures_dropped; }
     /// Has finished viewers deleted as soon as no callback of theirs runs.
@@ -86,14 +94,15 @@ private:
     static void on_report(void* arg, uint32_t events);
     bool make_place();
     void close_udp();
+    void set_next_tick();
 
     station& station_;
     const bool first_;
     std::vector<std::unique_ptr<viewer>> viewers_;
     net::command_ctx* tick_ = nullptr;
     net::timer_ctx* second_ = nullptr;
-    buf_t send_room_;
-    datagrams packets_;
+    frame_packets cut_;
+    datagrams datagrams_;
     int rtp_socket_ = -1;
     int rtcp_socket_ = -1;
     net::socket_ctx* reports_ = nullptr;
