@@ -1,9 +1,10 @@
 """The table of bench/compare-rtsp. Both servers take turns, so that what else the machine does falls on both."""
 import argparse
 
-from servers import GStreamer, Ours, clip_4m, cost, load, median
+from servers import GStreamer, Ours, clip_4m, cost, floor, load, median
 
-CASES = [(viewers, transport) for transport in ("tcp", "udp") for viewers in (50, 400)]
+FLOOR = "floor"
+CASES = [(viewers, transport) for transport in ("tcp", "udp", "udp-gro") for viewers in (50, 400)]
 
 
 def main():
@@ -19,6 +20,7 @@ def main():
             for kind in (Ours, GStreamer) if number % 2 == 0 else (GStreamer, Ours):
                 with kind(video) as server:
                     results.setdefault((kind, case), []).append(load(server, *case, options.seconds))
+            results.setdefault((FLOOR, case), []).append(floor(*case, options.seconds))
         print(f"round {number + 1} of {options.rounds} done", flush=True)
     print_table(results)
 
@@ -26,14 +28,17 @@ def main():
 def print_table(results):
     print("\nCPU seconds per GB served (RTP of a 4 Mbit/s stream), medians; in brackets what the system took of it.\n"
           "Missed: packets lost, pictures missing, viewers that did not play, over all rounds.\n")
-    print("| Transport | Viewers | Ours | GStreamer | Ratio | Picture delay p99, ms | Missed, ours | Missed, GStreamer |")
-    print("|---|---|---|---|---|---|---|---|")
+    print("| Transport | Viewers | Ours | GStreamer | Ratio | Bare sends | Ours above them | GStreamer above them | "
+          "Picture delay p99, ms | Missed, ours | Missed, GStreamer |")
+    print("|---|---|---|---|---|---|---|---|---|---|---|")
     for viewers, transport in CASES:
         ours, peer = (results[kind, (viewers, transport)] for kind in (Ours, GStreamer))
         ratio = median(cost(a) / cost(b) for a, b in zip(ours, peer))
         delay = " and ".join(f"{median(r['delay_p99_ms'] for r in each):.1f}" for each in (ours, peer))
-        print(f"| {transport} | {viewers} | {costs(ours)} | {costs(peer)} | {ratio:.2f} | {delay} | {missed(ours)} | "
-              f"{missed(peer)} |")
+        bare = results[FLOOR, (viewers, transport)]
+        above = [median(cost(a) - b for a, b in zip(each, bare)) for each in (ours, peer)]
+        print(f"| {transport} | {viewers} | {costs(ours)} | {costs(peer)} | {ratio:.2f} | {median(bare):.2f} | "
+              f"{above[0]:.2f} | {above[1]:.2f} | {delay} | {missed(ours)} | {missed(peer)} |")
 
 
 def costs(rounds):

@@ -10,6 +10,7 @@ os.environ.setdefault("INET_CAMERA", os.path.join(ROOT, "build", "release", "app
 from peers import Camera, ffmpeg  # noqa: E402
 
 LOAD = os.path.join(ROOT, "build", "release", "bench", "rtsp_load")
+SEND_FLOOR = os.path.join(ROOT, "build", "release", "bench", "send_floor")
 GST_SERVER = os.path.join(ROOT, "build", "gst_server")
 FPS = 25
 
@@ -67,6 +68,13 @@ def load(server, viewers, transport, seconds, *arguments):
                            "--seconds", str(seconds), "--pid", str(server.process.pid), *arguments],
                           stdout=subprocess.PIPE, text=True, timeout=seconds + 180, check=False)
     return {name: float(value) for name, value in (pair.split("=") for pair in done.stdout.split())}
+
+
+def floor(viewers, transport, seconds):
+    """Processor seconds for each GB of a bare sender: what the system takes on the loopback, whoever sends."""
+    done = subprocess.run([SEND_FLOOR, transport, str(viewers), str(seconds)], stdout=subprocess.PIPE, text=True,
+                          timeout=seconds + 60, check=True)
+    return float(done.stdout)
 
 
 def cost(result):

@@ -1,8 +1,11 @@
 // rtsp_load: many viewers of one RTSP address in one process (Linux). They look at the heads of packets only, so that
 // the machine is left to the server, and what they counted is printed as one line of key=value.
 //
-//   rtsp_load URL [--viewers N] [--transport tcp|udp|http|multicast] [--seconds S] [--threads T] [--warmup S]
+//   rtsp_load URL [--viewers N] [--transport tcp|udp|udp-gro|http|multicast] [--seconds S] [--threads T] [--warmup S]
 //             [--slow N] [--stall N] [--fps F] [--pid SERVER]
+//
+// With udp-gro the viewers take datagrams that the server sent in one piece in one piece (UDP_GRO, udp(7)): on the
+// loopback the system else cuts them at the server's expense.
 //
 // Measuring begins when all viewers play, --warmup (2) seconds later. --slow adds connections that send a request of a
 // byte a second, --stall viewers over TCP that stop reading. Pictures missing are told by timestamps, at --fps (25).
@@ -321,6 +324,8 @@ bool take_transport(options& wanted, std::string_view text) {
                                                                              {"udp", transport_t::udp},
                                                                              {"http", transport_t::http},
                                                                              {"multicast", transport_t::multicast}}};
+    wanted.server.uncut = text == "udp-gro";
+    if (wanted.server.uncut) text = "udp";
     for (const auto& [name, transport] : names) {
         if (name == text) {
             wanted.server.transport = transport;
@@ -374,7 +379,7 @@ int main(int argc, char** argv) {
     load::options wanted;
     if (!load::parse(argc, argv, wanted)) {
         std::fprintf(stderr,
-                     "usage: rtsp_load URL [--viewers N] [--transport tcp|udp|http|multicast] [--seconds S] "
+                     "usage: rtsp_load URL [--viewers N] [--transport tcp|udp|udp-gro|http|multicast] [--seconds S] "
                      "[--threads T] [--warmup S] [--slow N] [--stall N] [--fps F] [--pid SERVER]\n");
         return 2;
     }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <netdb.h>
 #include <netinet/tcp.h>
+#include <netinet/udp.h>
 #include <optional>
 #include <string_view>
 #include <sys/epoll.h>
@@ -165,7 +166,7 @@ void viewer::on_event(const void* user_data, uint32_t events, std::span<uint8_t>
     if (state_ == state_t::ended) return;
     now_ = clock_now();
     measuring_ = measuring;
-    if (user_data == &rtp_) return read_datagrams(measuring);
+    if (user_data == &rtp_) return server_.uncut ? read_uncut(scratch, measuring) : read_datagrams(measuring);
     auto& connection = user_data == &post_ ? post_ : control_;
     if (!connection.open && (events & (EPOLLERR | EPOLLHUP))) return fail("connection refused");
     if (!connection.open) return on_open(connection);
@@ -225,6 +226,31 @@ void viewer::read_datagrams(bool measuring) {
     }
 }
 
+void viewer::read_uncut(std::span<uint8_t> scratch, bool measuring) {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
+    iovec piece{scratch.data(), scratch.size()};
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    for (;;) {
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        const ssize_t count = recvmsg(rtp_.fd.get(), &message, 0);
+        if (count <= 0) return;
+        auto rest = bytes(scratch.data(), static_cast<size_t>(count));
+        int size = static_cast<int>(count);
+        const cmsghdr* const cut = CMSG_FIRSTHDR(&message);
+        if (cut && cut->cmsg_level == IPPROTO_UDP && cut->cmsg_type == UDP_GRO) {
+            std::memcpy(&size, CMSG_DATA(cut), sizeof size);
+        }
+        while (!rest.empty()) {
+            const auto packet = rest.first(std::min(rest.size(), static_cast<size_t>(size)));
+            video_.take(packet.first(std::min(packet.size(), head_size)), packet.size(), now_, measuring);
+            rest = rest.subspan(packet.size());
+        }
+    }
+}
+
 void viewer::send_text(int fd, const std::string& text) {
     if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
         fail("the server takes no request");
@@ -259,6 +285,7 @@ std::string viewer::wanted_transport() {
     switch (server_.transport) {
         case transport_t::udp: {
             if (!make_pair(rtp_.fd, rtcp_) || !watch(rtp_, EPOLLIN)) return {};
+            set_option(rtp_.fd.get(), IPPROTO_UDP, UDP_GRO, server_.uncut ? 1 : 0);
             const unsigned port = port_of(rtp_.fd.get());
             return "RTP/AVP;unicast;client_port=" + std::to_string(port) + "-" + std::to_string(port + 1);
         }

@@ -25,6 +25,7 @@ struct target {
     std::string url;
     sockaddr_in address{};
     transport_t transport = transport_t::tcp;
+    bool uncut = false;     ///< datagrams of one message are taken as one
     uint32_t ticks = 3600;  ///< of the 90 kHz clock, from picture to picture
 };
 
@@ -95,6 +96,7 @@ private:
     void on_open(source& opened);
     void read_connection(std::span<uint8_t> scratch, bool measuring);
     void read_datagrams(bool measuring);
+    void read_uncut(std::span<uint8_t> scratch, bool measuring);
     void request(const std::string& method, const std::string& url, const std::string& headers, step_t next);
     void send_text(int fd, const std::string& text);
     void on_response(const std::string& response);
