@@ -123,7 +123,7 @@ private:
     std::array<registered_socket*, 256> buckets_ = {};
 };
 
-constinit socket_registry registry;
+socket_registry registry;
 
 // Registers a new socket and gives its descriptor, or closes it and gives -1.
 int adopt(int fd, const char* file, int line) noexcept {
@@ -135,6 +135,12 @@ int adopt(int fd, const char* file, int line) noexcept {
     return socket.release();
 }
 
+in_addr make_host(uint32_t number) noexcept {
+    in_addr host = {};
+    host.s_addr = htonl(number);
+    return host;
+}
+
 sockaddr_in make_address(in_addr host, unsigned short port) noexcept {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -143,7 +149,7 @@ sockaddr_in make_address(in_addr host, unsigned short port) noexcept {
     return address;
 }
 
-in_addr any_address() noexcept { return {.s_addr = htonl(INADDR_ANY)}; }
+in_addr any_address() noexcept { return make_host(INADDR_ANY); }
 
 bool is_multicast(in_addr address) noexcept {
     const uint32_t host = ntohl(address.s_addr);
@@ -162,7 +168,7 @@ descriptor accept_from(int listener, int near_end) noexcept {
 }
 
 bool bind_to_loopback(int listener, sockaddr_in& chosen) noexcept {
-    const sockaddr_in loopback = make_address({.s_addr = htonl(INADDR_LOOPBACK)}, 0);
+    const sockaddr_in loopback = make_address(make_host(INADDR_LOOPBACK), 0);
     return platform::set_option(listener, platform::option::reuse_address, 1) &&
            platform::bind_socket(listener, loopback) && platform::near_address(listener, chosen) &&
            platform::listen_socket(listener, 1);
@@ -336,14 +342,14 @@ bool socket_multicastTTL(int fd, unsigned char ttl) noexcept {
 }
 
 bool socket_multicastInterface(int fd, const char* address) noexcept {
-    in_addr interface = {};
-    return address && platform::parse_address(address, interface) && platform::set_multicast_interface(fd, interface);
+    in_addr via = {};
+    return address && platform::parse_address(address, via) && platform::set_multicast_interface(fd, via);
 }
 
-bool socket_joinGroup(int fd, const char* group, const char* interface) noexcept {
+bool socket_joinGroup(int fd, const char* group, const char* via) noexcept {
     in_addr parsed = {};
     in_addr on = {};
-    return group && interface && platform::parse_address(group, parsed) && platform::parse_address(interface, on) &&
+    return group && via && platform::parse_address(group, parsed) && platform::parse_address(via, on) &&
            is_multicast(parsed) && platform::join_group(fd, parsed, on);
 }
 
@@ -366,9 +372,9 @@ int net_socket_bind(int fd, const char* address, unsigned port) noexcept {
     in_addr host = {};
     if (fd < 0 || !address || !platform::resolve(address, host)) return -1;
     const bool multicast = is_multicast(host);
-    const sockaddr_in near = make_address(multicast ? any_address() : host, static_cast<unsigned short>(port));
+    const sockaddr_in own = make_address(multicast ? any_address() : host, static_cast<unsigned short>(port));
     if (!socket_reuseAddress(fd)) return -1;
-    if (!platform::bind_socket(fd, near)) {
+    if (!platform::bind_socket(fd, own)) {
         const int error = platform::system_error();
         report("Unable to bind on address: %s:%u; Error was: %s (%d)", address, port,
                platform::system_error_text(error), error);
@@ -399,9 +405,9 @@ int net_tcp_connect(int fd, const char* host, unsigned short port) noexcept {
 }
 
 int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept {
-    sockaddr_in near = {};
-    if (net_addr_setup(near, address, port) < 0) return -2;
-    platform::bind_socket(fd, near);
+    sockaddr_in own = {};
+    if (net_addr_setup(own, address, port) < 0) return -2;
+    platform::bind_socket(fd, own);
     if (platform::listen_socket(fd, tcp_backlog)) return 0;
     report("Unable to put the socket in listening mode: %s:%hu", address, port);
     return -1;

@@ -98,10 +98,10 @@ INET_API bool socket_multicastTTL(int fd, unsigned char ttl) noexcept;  ///< IP_
 /// the system. False for another text, null, or when the call fails.
 INET_API bool socket_multicastInterface(int fd, const char* address) noexcept;
 
-/// Joins a multicast group for a UDP socket that listens on the group's port at any address. Group and interface are
-/// dotted addresses; 0.0.0.0 leaves the interface to the system. False for another text, null, an address that is no
-/// group, or when the call fails.
-INET_API bool socket_joinGroup(int fd, const char* group, const char* interface) noexcept;
+/// Joins a multicast group for a UDP socket that listens on the group's port at any address. The group and the
+/// interface, `via`, are dotted addresses; 0.0.0.0 leaves the interface to the system. False for another text, null, an
+/// address that is no group, or when the call fails.
+INET_API bool socket_joinGroup(int fd, const char* group, const char* via) noexcept;
 
 /// Non-blocking (false at once when that fails), keep-alive, no-Nagle and reuse-address. @return that of the last one.
 INET_API bool socket_options(int fd) noexcept;

@@ -159,15 +159,15 @@ bool set_non_blocking(int fd) noexcept {
 // ports of sockets that carry it for free.
 bool set_exclusive(int fd) noexcept { return set_option(fd, option::reuse_address, 0); }
 
-bool join_group(int fd, in_addr group, in_addr interface) noexcept {
+bool join_group(int fd, in_addr group, in_addr via) noexcept {
     ip_mreq request = {};
     request.imr_multiaddr = group;
-    request.imr_interface = interface;
+    request.imr_interface = via;
     return setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 
-bool set_multicast_interface(int fd, in_addr interface) noexcept {
-    return setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface, sizeof interface) == 0;
+bool set_multicast_interface(int fd, in_addr via) noexcept {
+    return setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &via, sizeof via) == 0;
 }
 
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept {

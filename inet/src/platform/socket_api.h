@@ -46,10 +46,10 @@ bool set_non_blocking(int fd) noexcept;
 bool set_exclusive(int fd) noexcept;
 
 /// Joins a multicast group on the interface of that address; 0.0.0.0 for the system's choice.
-bool join_group(int fd, in_addr group, in_addr interface) noexcept;
+bool join_group(int fd, in_addr group, in_addr via) noexcept;
 
 /// The interface, by its address, on which multicast goes out; 0.0.0.0 for the system's choice.
-bool set_multicast_interface(int fd, in_addr interface) noexcept;
+bool set_multicast_interface(int fd, in_addr via) noexcept;
 
 /// Transfer; a null address is the connected peer. A peer that is gone gives an error, never a signal.
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept;

@@ -1,0 +1,244 @@
+#include "platform/windows_socket.h"
+
+#include "platform/socket_api.h"
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <mswsock.h>
+#include <ws2tcpip.h>
+
+namespace net::platform {
+
+namespace {
+
+struct option_place {
+    int level;
+    int name;
+};
+
+// In the order of `option`.
+constexpr option_place option_table[] = {
+    {SOL_SOCKET, SO_KEEPALIVE},      {IPPROTO_TCP, TCP_NODELAY}, {SOL_SOCKET, SO_REUSEADDR},
+    {SOL_SOCKET, SO_RCVBUF},         {IPPROTO_IP, IP_TTL},       {IPPROTO_IP, IP_MULTICAST_TTL},
+    {IPPROTO_IP, IP_MULTICAST_LOOP},
+};
+
+template <class T>
+bool set(int fd, int level, int name, const T& value) noexcept {
+    return setsockopt(handle_of(fd), level, name, reinterpret_cast<const char*>(&value), sizeof value) == 0;
+}
+
+int get(int fd, int name, int& value) noexcept {
+    int size = sizeof value;
+    return getsockopt(handle_of(fd), SOL_SOCKET, name, reinterpret_cast<char*>(&value), &size);
+}
+
+using name_call = int(WSAAPI*)(SOCKET, sockaddr*, int*);
+
+bool read_address(name_call call, int fd, sockaddr_in& address) noexcept {
+    address = {};
+    int size = sizeof address;
+    if (call(handle_of(fd), generic(&address), &size) == 0 && address.sin_family == AF_INET) return true;
+    address = {};
+    return false;
+}
+
+void switch_off(int fd, DWORD control) noexcept {
+    BOOL off = FALSE;
+    DWORD written = 0;
+    WSAIoctl(handle_of(fd), control, &off, sizeof off, nullptr, 0, &written, nullptr, nullptr);
+}
+
+// What sockets of this system need to behave as others do: an urgent byte stays in the stream rather than turn up in
+// the set of exceptions, which is for failed connects, and a datagram that finds nobody does not end the next receive.
+void adapt(int fd, int type) noexcept {
+    constexpr DWORD net_reset = _WSAIOW(IOC_VENDOR, 15);  // SIO_UDP_NETRESET: its time to live ran out
+    if (type == SOCK_STREAM) set(fd, SOL_SOCKET, SO_OOBINLINE, BOOL{TRUE});
+    if (type == SOCK_DGRAM) {
+        switch_off(fd, SIO_UDP_CONNRESET);
+        switch_off(fd, net_reset);
+    }
+}
+
+int transfer_size(size_t size) noexcept { return static_cast<int>(std::min<size_t>(size, INT_MAX)); }
+
+bool is_closed(int fd) noexcept {
+    int type = 0;
+    return get(fd, SO_TYPE, type) != 0 && WSAGetLastError() == WSAENOTSOCK;
+}
+
+/// One of the three sets of a select().
+class descriptor_set {
+public:
+    /// Its size is known to the caller, who has each descriptor once: FD_SET() would search it for every one.
+    void add(int fd) noexcept {
+        assert(set_.fd_count < FD_SETSIZE);
+        set_.fd_array[set_.fd_count++] = handle_of(fd);
+    }
+
+    fd_set* members() noexcept { return set_.fd_count ? &set_ : nullptr; }
+    bool empty() const noexcept { return set_.fd_count == 0; }
+
+    /// Adds those bits that are wanted to what is found of its members. They come in the order of the watches, so that
+    /// one walk finds all.
+    void mark(std::span<watch_t> watches, uint8_t bits) const noexcept {
+        size_t at = 0;
+        for (u_int i = 0; i < set_.fd_count; ++i) {
+            size_t left = watches.size();
+            while (left != 0 && handle_of(watches[at].fd) != set_.fd_array[i]) {
+                at = (at + 1) % watches.size();
+                --left;
+            }
+            if (left != 0) watches[at].found = static_cast<uint8_t>(watches[at].found | (watches[at].wanted & bits));
+        }
+    }
+
+private:
+    fd_set set_ = {};
+};
+
+// select() refuses all of them for one that is closed.
+int find_closed(std::span<watch_t> watches) noexcept {
+    int count = 0;
+    for (watch_t& watch : watches) {
+        if (!watch.wanted || !is_closed(watch.fd)) continue;
+        watch.found = watch_t::closed;
+        ++count;
+    }
+    return count != 0 ? count : -1;
+}
+
+void pause(int64_t microseconds) noexcept { Sleep(static_cast<DWORD>((microseconds + 999) / 1000)); }
+
+}  // namespace
+
+// Asked for no version at all the library refuses, and tells the highest that it has.
+void start_sockets() noexcept {
+    WSADATA data = {};
+    if (WSAStartup(0, &data) == 0) WSACleanup();
+    WSAStartup(data.wHighVersion, &data);
+}
+
+void stop_sockets() noexcept { WSACleanup(); }
+
+int last_error() noexcept { return WSAGetLastError(); }
+
+void set_last_error(int winsock_error) noexcept { WSASetLastError(winsock_error); }
+
+int system_error() noexcept { return WSAGetLastError(); }
+
+const char* system_error_text(int error) noexcept {
+    thread_local char text[512];
+    wchar_t wide[256];
+    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                  static_cast<DWORD>(error), 0, wide, static_cast<DWORD>(std::size(wide)), nullptr);
+    while (length != 0 && wide[length - 1] <= L' ')
+        --length;
+    const int size = WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text,
+                                         static_cast<int>(sizeof text) - 1, nullptr, nullptr);
+    text[size] = '\0';
+    return size != 0 ? text : "unknown error";
+}
+
+int pending_error(int fd) noexcept {
+    int error = 0;
+    return get(fd, SO_ERROR, error) == 0 ? error : last_error();
+}
+
+int open_socket(int family, int type, int protocol) noexcept {
+    const int fd =
+        descriptor_of(WSASocketW(family, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+    if (fd >= 0) adapt(fd, type);
+    return fd;
+}
+
+int accept_socket(int fd, sockaddr_in* peer) noexcept {
+    int size = sizeof *peer;
+    const int accepted = descriptor_of(accept(handle_of(fd), generic(peer), peer ? &size : nullptr));
+    if (accepted < 0) return -1;
+    SetHandleInformation(reinterpret_cast<HANDLE>(handle_of(accepted)), HANDLE_FLAG_INHERIT, 0);
+    adapt(accepted, SOCK_STREAM);
+    return accepted;
+}
+
+void close_socket(int fd) noexcept {
+    const int error = last_error();
+    closesocket(handle_of(fd));
+    set_last_error(error);
+}
+
+bool bind_socket(int fd, const sockaddr_in& address) noexcept {
+    return bind(handle_of(fd), generic(&address), sizeof address) == 0;
+}
+
+bool listen_socket(int fd, int backlog) noexcept { return listen(handle_of(fd), backlog) == 0; }
+
+bool connect_socket(int fd, const sockaddr_in& address) noexcept {
+    return connect(handle_of(fd), generic(&address), sizeof address) == 0;
+}
+
+bool near_address(int fd, sockaddr_in& address) noexcept { return read_address(getsockname, fd, address); }
+bool peer_address(int fd, sockaddr_in& address) noexcept { return read_address(getpeername, fd, address); }
+
+bool set_option(int fd, option which, int value) noexcept {
+    const option_place& place = option_table[static_cast<size_t>(which)];
+    return set(fd, place.level, place.name, value);
+}
+
+bool set_non_blocking(int fd) noexcept {
+    u_long on = 1;
+    return ioctlsocket(handle_of(fd), static_cast<long>(FIONBIO), &on) == 0;
+}
+
+// Sharing would let anybody take the port over; the option is refused while reuse is on.
+bool set_exclusive(int fd) noexcept {
+    return set_option(fd, option::reuse_address, 0) && set(fd, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, BOOL{TRUE});
+}
+
+bool join_group(int fd, in_addr group, in_addr via) noexcept {
+    const ip_mreq request = {.imr_multiaddr = group, .imr_interface = via};
+    return set(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, request);
+}
+
+bool set_multicast_interface(int fd, in_addr via) noexcept { return set(fd, IPPROTO_IP, IP_MULTICAST_IF, via); }
+
+int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept {
+    return sendto(handle_of(fd), reinterpret_cast<const char*>(bytes.data()), transfer_size(bytes.size()), 0,
+                  generic(to), to ? sizeof *to : 0);
+}
+
+// A datagram that is longer than the room for it is cut, as elsewhere, and is no error.
+int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept {
+    int size = sizeof *from;
+    const int room = transfer_size(bytes.size());
+    const int count =
+        recvfrom(handle_of(fd), reinterpret_cast<char*>(bytes.data()), room, 0, generic(from), from ? &size : nullptr);
+    return count < 0 && last_error() == WSAEMSGSIZE ? room : count;
+}
+
+int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept {
+    descriptor_set readers, writers, failed;
+    for (watch_t& watch : watches) {
+        watch.found = 0;
+        if (watch.wanted & watch_t::read) readers.add(watch.fd);
+        if (watch.wanted & watch_t::write) writers.add(watch.fd);
+        // That a connect failed is told as an exception alone.
+        if (watch.wanted & watch_t::write) failed.add(watch.fd);
+    }
+    if (readers.empty() && writers.empty()) {  // select() would not wait
+        pause(microseconds);
+        return 0;
+    }
+    timeval longest{.tv_sec = static_cast<long>(microseconds / 1'000'000),
+                    .tv_usec = static_cast<long>(microseconds % 1'000'000)};
+    const int ready = select(0, readers.members(), writers.members(), failed.members(), &longest);
+    if (ready < 0) return WSAGetLastError() == WSAENOTSOCK ? find_closed(watches) : -1;
+    if (ready == 0) return 0;
+    readers.mark(watches, watch_t::read);
+    writers.mark(watches, watch_t::write);
+    failed.mark(watches, watch_t::read | watch_t::write);
+    return static_cast<int>(std::ranges::count_if(watches, [](const watch_t& watch) { return watch.found != 0; }));
+}
+
+}  // namespace net::platform
