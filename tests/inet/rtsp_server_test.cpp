@@ -124,6 +124,21 @@ TEST_F(RtspServer, GivesTheSameAnswersHoweverTheBytesAreCut) {
     }
 }
 
+TEST_F(RtspServer, SurvivesEveryChangeOfOneByte) {
+    for (const char* name : dialogs) {
+        const std::string dialog = dialog_for_any_session(name);
+        for (size_t at = 0; at < dialog.size(); ++at) {
+            for (const char byte : {'\0', '\xff', '$', static_cast<char>(dialog[at] ^ 1)}) {
+                rtsp_owner owner;
+                std::string changed = dialog;
+                changed[at] = byte;
+                owner.feed(changed);
+                ASSERT_EQ(owner.received.length, 0U);
+            }
+        }
+    }
+}
+
 /// Of every reply with status 200 its CSeq and the names of its other fields.
 std::set<std::string> good_replies(const std::string& sent) {
     static const std::regex name("\r\n(CSeq: \\d+|[A-Za-z-]+(?=: ))");
