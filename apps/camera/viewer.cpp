@@ -175,6 +175,7 @@ void viewer::send(const av::frame_t& frame) {
         return;
     }
     if (rtp::Packets* packets = owner_.packets_of(frame)) rtsp_->send_packets(*packets);
+    watch_writability(rtsp_->send_buffer()->length != 0);
     if (over_udp()) owner_.datagrams_out().send();
 }
 
@@ -237,7 +238,8 @@ void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noex
             is_post_ = true;  // joined when the running call is through
             break;
         case e::rtsp_send:
-            flush();
+            // Answers go out when their input is served: that to the GET of a tunnel not before others can find it.
+            if (rtsp_->lent().size) flush();
             break;
         default:
             break;
