@@ -1,6 +1,8 @@
 // The live line on a terminal.
 #pragma once
 
+#include "core/api.h"
+
 namespace apps {
 
 /// One line at the bottom of the terminal, written over itself; nothing when the output is no terminal.
@@ -11,7 +13,7 @@ public:
     status_line(const status_line&) = delete;
     status_line& operator=(const status_line&) = delete;
 
-    [[gnu::format(printf, 2, 3)]] void show(const char* format, ...);
+    INET_PRINTF(2, 3) void show(const char* format, ...);
 
 private:
     bool terminal_;

@@ -68,7 +68,7 @@ struct registry_t {
     uint32_t last_generation = 0;
     std::array<sink, sink_limit> sinks;
 };
-constinit registry_t registry;
+registry_t& registry() noexcept { return core::process_wide<registry_t>(); }
 
 struct thread_state {
     uint32_t sources = 0;  ///< sinks whose writing caused what this thread prints now
@@ -95,14 +95,14 @@ template <class Visit>
 void for_each_log(Visit&& visit) noexcept {
     visit(error_log);
     visit(console_log);
-    for (log_ctx* log = registry.logs; log; log = log->next)
+    for (log_ctx* log = registry().logs; log; log = log->next)
         visit(*log);
 }
 
 uint32_t wanted_mask(const char* name) noexcept {
     uint32_t mask = 0;
     for (uint32_t slot = 0; slot < sink_limit; ++slot) {
-        const sink& s = registry.sinks[slot];
+        const sink& s = registry().sinks[slot];
         if (s.state == sink_state::taken && wants(s.logs, name)) mask |= bit_of(slot);
     }
     return mask;
@@ -127,13 +127,13 @@ void retire(sink& s, sink_state state) noexcept {
 void release_slot(sink& s) noexcept {
     if (s.close) s.close(s.arg);
     core_mfree(s.logs);
-    const std::lock_guard guard(registry.lock);
+    const std::lock_guard guard(registry().lock);
     s.logs = nullptr;
     s.state = sink_state::free;
 }
 
 void deliver_to(uint32_t slot, const log_ctx& log, const log_line_t& line, uint32_t sources) noexcept {
-    sink& s = registry.sinks[slot];
+    sink& s = registry().sinks[slot];
     bool left = false;
     {
         const std::lock_guard turn(s.turn);
@@ -143,7 +143,7 @@ void deliver_to(uint32_t slot, const log_ctx& log, const log_line_t& line, uint3
         s.write(s.arg, &line);
         here.sources = sources;
         s.writer = 0;
-        const std::lock_guard guard(registry.lock);
+        const std::lock_guard guard(registry().lock);
         left = s.state == sink_state::left;
     }
     if (left) release_slot(s);
@@ -166,7 +166,7 @@ void defer(log_ctx& log, const log_line_t& line) noexcept {
     const log_line_t copy{line.time, log.name, text, line.color};
     auto* const deferred = ::new (block) deferred_line{nullptr, &log, here.sources, copy};
     {
-        const std::lock_guard guard(registry.lock);
+        const std::lock_guard guard(registry().lock);
         ++log.handles;
     }
     (here.first ? here.last->next : here.first) = deferred;
@@ -202,8 +202,7 @@ size_t line_length(const char* text, size_t length) noexcept {
 }
 
 // Kept apart from the callers, so that the 16 KiB of stack are touched only for a line that somebody wants.
-[[gnu::noinline, gnu::format(printf, 3, 0)]] void print(log_ctx& log, int color, const char* format,
-                                                        va_list args) noexcept {
+[[gnu::noinline]] INET_PRINTF(3, 0) void print(log_ctx& log, int color, const char* format, va_list args) noexcept {
     const uint32_t mask = log.wanted.load(std::memory_order_acquire) & ~here.sources;
     if (!mask || !format) return;
     char text[line_limit + 2];  // one byte past the limit shows whether the cut splits a character
@@ -225,7 +224,7 @@ bool is_wanted(const log_ctx& log) noexcept { return log.wanted.load(std::memory
 /// Takes a free slot; -1 when there is none.
 int take_slot() noexcept {
     for (uint32_t slot = 0; slot < sink_limit; ++slot) {
-        if (registry.sinks[slot].state == sink_state::free) return static_cast<int>(slot);
+        if (registry().sinks[slot].state == sink_state::free) return static_cast<int>(slot);
     }
     return -1;
 }
@@ -234,13 +233,13 @@ uint32_t add_sink(const char* logs, sink_write write, sink_close close, void* ar
     if (!logs || !write) return 0;
     core::owned_text names(core_strdup(logs, CORE_HERE));
     if (!names) return 0;
-    const std::lock_guard guard(registry.lock);
+    const std::lock_guard guard(registry().lock);
     const int slot = take_slot();
     if (slot < 0) return 0;
-    sink& s = registry.sinks[static_cast<size_t>(slot)];
+    sink& s = registry().sinks[static_cast<size_t>(slot)];
     s.state = sink_state::taken;
     // The slot is part of the number, the generation tells its users apart; 0 is no number.
-    s.number = ++registry.last_generation * sink_limit + static_cast<uint32_t>(slot);
+    s.number = ++registry().last_generation * sink_limit + static_cast<uint32_t>(slot);
     s.logs = names.release();
     s.write = write;
     s.close = close;
@@ -255,7 +254,7 @@ uint32_t add_sink(const char* logs, sink_write write, sink_close close, void* ar
 
 log_ctx* core_log_create(const char* file, int line, const char* name) noexcept {
     if (!name) return nullptr;
-    const std::lock_guard guard(registry.lock);
+    const std::lock_guard guard(registry().lock);
     if (log_ctx* const known = find_log(name)) {
         ++known->handles;
         return known;
@@ -264,8 +263,8 @@ log_ctx* core_log_create(const char* file, int line, const char* name) noexcept 
     const auto block = static_cast<char*>(core_malloc(sizeof(log_ctx) + size, file, line));
     if (!block) return nullptr;
     std::memcpy(block + sizeof(log_ctx), name, size);
-    registry.logs = ::new (block) log_ctx{block + sizeof(log_ctx), wanted_mask(name), 1, registry.logs};
-    return registry.logs;
+    registry().logs = ::new (block) log_ctx{block + sizeof(log_ctx), wanted_mask(name), 1, registry().logs};
+    return registry().logs;
 }
 
 void core_log_print(log_ctx* log, const char* format, ...) noexcept {
@@ -282,10 +281,10 @@ void core_log_free(log_ctx*& log) noexcept {
     log_ctx* const released = log;
     log = nullptr;
     if (!released) return;
-    const std::lock_guard guard(registry.lock);
+    const std::lock_guard guard(registry().lock);
     // The library's own logs hold a handle of theirs, so they never get here.
     if (--released->handles > 0) return;
-    log_ctx** link = &registry.logs;
+    log_ctx** link = &registry().logs;
     while (*link != released)
         link = &(*link)->next;
     *link = released->next;
@@ -335,10 +334,10 @@ int core_con_is_terminal(int stream) noexcept {
 
 void core_log_sink_rem(uint32_t number) noexcept {
     if (!number) return;
-    sink* const s = &registry.sinks[number % sink_limit];
+    sink* const s = &registry().sinks[number % sink_limit];
     bool first = false;
     {
-        const std::lock_guard guard(registry.lock);
+        const std::lock_guard guard(registry().lock);
         if (s->state == sink_state::free || s->number != number) return;
         const bool own_write = s->writer == core_thread_id();
         first = s->state == sink_state::taken;

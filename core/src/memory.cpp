@@ -2,6 +2,8 @@
 
 #include "platform/sanitizer.h"
 
+#include "core/owned.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -51,13 +53,16 @@ struct counter_t {
     std::atomic<cell_t*> pages[max_pages];
 };
 
+struct site_lock_t {
+    std::mutex mutex;
+};
+
 using fault_t = bool (*)(size_t size, const char* file, int line);
 
 constinit std::atomic<fault_t> fault_hook{nullptr};
 constinit std::atomic<const site_t*> buckets[1 << bucket_bits]{};
 constinit std::atomic<site_t*> site_pages[max_pages]{};
 constinit std::atomic<uint32_t> site_count{0};
-constinit std::mutex site_mutex;
 constinit counter_t counters[counter_count]{};
 constinit counter_t shared_counter{};
 
@@ -158,7 +163,7 @@ bool prepare_page(uint32_t page) noexcept {
 }
 
 [[gnu::noinline, gnu::cold]] const site_t* make_site(const char* file, int line) noexcept {
-    const std::lock_guard lock(site_mutex);
+    const std::lock_guard lock(core::process_wide<site_lock_t>().mutex);
     std::atomic<const site_t*>& bucket = bucket_of(file, line);
     if (const site_t* made_meanwhile = look_up(bucket, file, line)) return made_meanwhile;
     const uint32_t index = site_count.load(std::memory_order_relaxed);

@@ -66,11 +66,11 @@ struct bus_t {
     size_t waiting = 0;
     uint64_t last_number = 0;
 };
-constinit bus_t bus;
+bus_t& bus() noexcept { return core::process_wide<bus_t>(); }
 using guard_t = std::unique_lock<std::mutex>;
 
 topic_t* find_topic(const char* name) noexcept {
-    topic_t* topic = bus.topics;
+    topic_t* topic = bus().topics;
     while (topic && std::strcmp(topic->name, name) != 0)
         topic = topic->next;
     return topic;
@@ -79,16 +79,16 @@ topic_t* find_topic(const char* name) noexcept {
 topic_t* make_topic(const char* name, const char* file, int line) noexcept {
     core::owned_text copy(core_strdup(name, file, line));
     if (!copy) return nullptr;
-    auto* const topic = core::create<topic_t>(file, line, bus.topics, copy.get(), 0U, 0U, nullptr, nullptr, 0U);
+    auto* const topic = core::create<topic_t>(file, line, bus().topics, copy.get(), 0U, 0U, nullptr, nullptr, 0U);
     if (!topic) return nullptr;
     static_cast<void>(copy.release());
-    return bus.topics = topic;
+    return bus().topics = topic;
 }
 
 /// Takes the name from the bus when no handle has it open any more.
 void drop_name(topic_t* topic) noexcept {
     if (--topic->handles > 0) return;
-    topic_t** link = &bus.topics;
+    topic_t** link = &bus().topics;
     while (*link != topic)
         link = &(*link)->next;
     *link = topic->next;
@@ -114,7 +114,7 @@ void unpin(profile_ctx* profile) noexcept {
 }
 
 const waiter_t* find_waiter(uint64_t thread) noexcept {
-    const waiter_t* waiter = bus.waiters;
+    const waiter_t* waiter = bus().waiters;
     while (waiter && waiter->thread != thread)
         waiter = waiter->next;
     return waiter;
@@ -125,7 +125,7 @@ const waiter_t* find_waiter(uint64_t thread) noexcept {
 bool is_ring(const waiter_t& self) noexcept {
     const waiter_t* waiter = &self;
     // Counted, as others may stand in a ring of their own that is not yet resolved.
-    for (size_t left = bus.waiting; waiter && left > 0; --left) {
+    for (size_t left = bus().waiting; waiter && left > 0; --left) {
         const uint64_t runner = waiter->waits_for->runner;
         if (runner == self.thread) return true;
         waiter = find_waiter(runner);
@@ -135,8 +135,8 @@ bool is_ring(const waiter_t& self) noexcept {
 }
 
 void notify() noexcept {
-    ++bus.changes;
-    bus.changes.notify_all();
+    ++bus().changes;
+    bus().changes.notify_all();
 }
 
 bool runs_elsewhere(const profile_ctx* profile) noexcept {
@@ -145,22 +145,22 @@ bool runs_elsewhere(const profile_ctx* profile) noexcept {
 
 /// Waits until the callback does not run on another thread. @return false when that would never be.
 bool wait_for(guard_t& guard, const profile_ctx* profile, bool patient) noexcept {
-    waiter_t waiter{core_thread_id(), profile, patient, bus.waiters};
-    bus.waiters = &waiter;
-    ++bus.waiting;
+    waiter_t waiter{core_thread_id(), profile, patient, bus().waiters};
+    bus().waiters = &waiter;
+    ++bus().waiting;
     // Who waits already may have become part of a ring.
     notify();
     while (runs_elsewhere(profile) && !is_ring(waiter)) {
-        const uint32_t seen = bus.changes;
+        const uint32_t seen = bus().changes;
         guard.unlock();
-        bus.changes.wait(seen);
+        bus().changes.wait(seen);
         guard.lock();
     }
-    waiter_t** link = &bus.waiters;
+    waiter_t** link = &bus().waiters;
     while (*link != &waiter)
         link = &(*link)->next;
     *link = waiter.next;
-    --bus.waiting;
+    --bus().waiting;
     return !runs_elsewhere(profile);
 }
 
@@ -192,7 +192,7 @@ bool call(guard_t& guard, profile_ctx* profile, const event_data& event) noexcep
 /// Calls the subscribers that were there at the start, except the handle itself, until there is an answer.
 uint32_t call_all(guard_t& guard, profile_ctx* from, const event_data& event) noexcept {
     uint32_t reached = 0;
-    const uint64_t last = bus.last_number;
+    const uint64_t last = bus().last_number;
     ++from->pins;
     profile_ctx* next = from->topic->first;
     while (next && next->number <= last && !(event.request && event.request->answer)) {
@@ -282,7 +282,7 @@ profile_ctx* core_profile_open2(const char* name, void* arg, profile_callback ca
     if (!name) return nullptr;
     core::owned_object<profile_ctx> profile(core::create<profile_ctx>(file, line, nullptr, arg, callback));
     if (!profile) return nullptr;
-    const guard_t guard(bus.lock);
+    const guard_t guard(bus().lock);
     topic_t* topic = find_topic(name);
     if (!topic) topic = make_topic(name, file, line);
     if (!topic) return nullptr;
@@ -290,7 +290,7 @@ profile_ctx* core_profile_open2(const char* name, void* arg, profile_callback ca
     ++topic->users;
     profile->topic = topic;
     if (callback) {
-        profile->number = ++bus.last_number;
+        profile->number = ++bus().last_number;
         profile_ctx** link = &topic->first;
         while (*link)
             link = &(*link)->next;
@@ -303,7 +303,7 @@ void profile_close(profile_ctx*& profile) noexcept {
     profile_ctx* const closing = profile;
     profile = nullptr;
     if (!closing) return;
-    guard_t guard(bus.lock);
+    guard_t guard(bus().lock);
     closing->closed = true;
     drop_name(closing->topic);
     // Within its own callback, or in a ring of such calls, there is no end to wait for.
@@ -314,39 +314,39 @@ void profile_close(profile_ctx*& profile) noexcept {
 uint32_t core_profile_put(profile_ctx* profile, const param_t* params) noexcept {
     if (!profile) return 0;
     if (!params) params = no_params;
-    guard_t guard(bus.lock);
+    guard_t guard(bus().lock);
     keep_data(profile->topic, params);
     return call_all(guard, profile, {profile_put, params, nullptr});
 }
 
 param_t* core_profile_data(profile_ctx* profile, const char* file, int line) noexcept {
-    const guard_t guard(bus.lock);
+    const guard_t guard(bus().lock);
     return copy_data(profile ? profile->topic : nullptr, file, line);
 }
 
 param_t* profile_data(const char* name, const char* file, int line) noexcept {
-    const guard_t guard(bus.lock);
+    const guard_t guard(bus().lock);
     return copy_data(name ? find_topic(name) : nullptr, file, line);
 }
 
 char* profile_request(profile_ctx* profile, const param_t* params, const char* file, int line) noexcept {
     if (!profile) return nullptr;
     request_t request{nullptr, file, line};
-    guard_t guard(bus.lock);
+    guard_t guard(bus().lock);
     call_all(guard, profile, {profile_ask, params ? params : no_params, &request});
     return request.answer.release();
 }
 
 void core_profile_answer(profile_ctx* profile, const char* text) noexcept {
     if (!profile || !text) return;
-    const guard_t guard(bus.lock);
+    const guard_t guard(bus().lock);
     request_t* const request = profile->runner == core_thread_id() ? profile->request : nullptr;
     if (request) request->answer.reset(core_strdup(text, request->file, request->line));
 }
 
 uint32_t core_profile_wake(profile_ctx* profile) noexcept {
     if (!profile) return 0;
-    guard_t guard(bus.lock);
+    guard_t guard(bus().lock);
     return call_all(guard, profile, {profile_woken, nullptr, nullptr});
 }
 

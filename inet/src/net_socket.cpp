@@ -31,7 +31,7 @@ constexpr int rtp_pair_attempts = 10;
 constexpr uint32_t max_interfaces = 10;
 
 // Prints to the error log and, in red, to the console. The caller's socket error survives it.
-[[gnu::format(printf, 1, 2)]] void report(const char* format, ...) noexcept {
+INET_PRINTF(1, 2) void report(const char* format, ...) noexcept {
     const int error = platform::last_error();
     char text[512];
     va_list args;
@@ -123,7 +123,7 @@ private:
     std::array<registered_socket*, 256> buckets_ = {};
 };
 
-socket_registry registry;
+socket_registry& registry() noexcept { return core::process_wide<socket_registry>(); }
 
 // Registers a new socket and gives its descriptor, or closes it and gives -1.
 int adopt(int fd, const char* file, int line) noexcept {
@@ -131,7 +131,7 @@ int adopt(int fd, const char* file, int line) noexcept {
     socket_options(fd);
     socket_record record = make_record(fd, file, line);
     if (!record) return -1;
-    registry.add(std::move(record));
+    registry().add(std::move(record));
     return socket.release();
 }
 
@@ -261,7 +261,7 @@ int net_socket_get_error(int fd) noexcept { return platform::pending_error(fd); 
 void socket_init() noexcept { platform::start_sockets(); }
 
 void socket_free() noexcept {
-    while (const socket_record record = registry.remove_any())
+    while (const socket_record record = registry().remove_any())
         report("not closed socket: %d", record->fd);
     platform::stop_sockets();
 }
@@ -280,7 +280,7 @@ int net_socket_accept(int fd, sockaddr_in* peer, const char* file, int line) noe
 
 void net_socket_close(int fd) noexcept {
     if (fd < first_own_descriptor) return;
-    if (!registry.remove(fd)) report("socket_close: unknown socket: %d", fd);
+    if (!registry().remove(fd)) report("socket_close: unknown socket: %d", fd);
     platform::close_socket(fd);
 }
 
@@ -300,7 +300,7 @@ int net_socket_pair(int, int, int, int fds[2], const char* file, int line) noexc
     socket_record near_record = make_record(near_end.get(), file, line);
     socket_record far_record = make_record(far_end.get(), file, line);
     if (!near_record || !far_record) return -1;
-    registry.add(std::move(near_record), std::move(far_record));
+    registry().add(std::move(near_record), std::move(far_record));
     fds[0] = near_end.release();
     fds[1] = far_end.release();
     return 0;

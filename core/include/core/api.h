@@ -1,4 +1,4 @@
-/// The two macros of the house: what is exported, and where a call stands.
+/// The macros of the house: what is exported, what is checked as printf() is, and where a call stands.
 #pragma once
 
 #if defined(_WIN32) && defined(INET_SHARED_BUILD)
@@ -10,6 +10,16 @@
 #else
 /// Marks a function or class as part of the exported interface; everything else stays inside the shared library.
 #define INET_API __attribute__((visibility("default")))
+#endif
+
+#if defined(__MINGW32__)
+#define INET_PRINTF(text, first) [[gnu::format(gnu_printf, text, first)]]
+#elif defined(__GNUC__)
+/// Lets the compiler hold a call's arguments against its format: the positions of the format text and of the first
+/// argument to check (0 for a va_list), counted from 1.
+#define INET_PRINTF(text, first) [[gnu::format(printf, text, first)]]
+#else
+#define INET_PRINTF(text, first)
 #endif
 
 /// File and line of the caller: the last two arguments of every call that allocates on the caller's behalf.

@@ -22,7 +22,7 @@ struct log_line_t {
 INET_API log_ctx* core_log_create(const char* file, int line, const char* name) noexcept;
 
 /// Formats as printf does and hands the line to every sink that wants this log. A null log prints nothing.
-[[gnu::format(printf, 2, 3)]] INET_API void core_log_print(log_ctx* log, const char* format, ...) noexcept;
+INET_PRINTF(2, 3) INET_API void core_log_print(log_ctx* log, const char* format, ...) noexcept;
 
 /// 1 when some sink wants this log: for callers that would first have to prepare what they print. One atomic load.
 INET_API int core_log_wanted(const log_ctx* log) noexcept;
@@ -30,11 +30,11 @@ INET_API int core_log_wanted(const log_ctx* log) noexcept;
 INET_API void core_log_free(log_ctx*& log) noexcept;
 
 /// Prints to the log named "error".
-[[gnu::format(printf, 1, 2)]] INET_API void core_log_err(const char* format, ...) noexcept;
+INET_PRINTF(1, 2) INET_API void core_log_err(const char* format, ...) noexcept;
 
 /// Prints a console message: to the sinks that want "console"; the console sink shows it in the colour. Colour codes:
 /// 0 none, 1 red, 2 green, 3 yellow, 4 blue.
-[[gnu::format(printf, 2, 3)]] INET_API void core_con_printf(int color, const char* format, ...) noexcept;
+INET_PRINTF(2, 3) INET_API void core_con_printf(int color, const char* format, ...) noexcept;
 
 /// Adds a sink: `write(arg, line)` is called for every line of the logs it wants, on the printing thread, one line at a
 /// time for each sink. It may print to logs itself; those lines follow when it has returned and are not handed back to

@@ -124,4 +124,13 @@ struct destroy_deleter {
 template <class T>
 using owned_object = std::unique_ptr<T, destroy_deleter<T>>;
 
+/// The one T of the process: made by the first who asks and never destroyed, so that whatever runs before main() or
+/// after it may use it. For what a constant initializer cannot make everywhere: not every system's std::mutex has one.
+template <class T>
+T& process_wide() noexcept {
+    alignas(T) static std::byte room[sizeof(T)];
+    static T& made = *::new (static_cast<void*>(room)) T;
+    return made;
+}
+
 }  // namespace core

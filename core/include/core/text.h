@@ -15,9 +15,8 @@ INET_API char* core_strdup(const char* text, const char* file, int line) noexcep
 INET_API char* core_strndup(const char* text, size_t n, const char* file, int line) noexcept;
 
 /// Formats as printf does into a new text; null for a null or unusable format.
-[[gnu::format(printf, 3, 4)]] INET_API char* core_sprintf(const char* file, int line, const char* format, ...) noexcept;
-[[gnu::format(printf, 3, 0)]] INET_API char* core_vsprintf(const char* file, int line, const char* format,
-                                                           va_list args) noexcept;
+INET_PRINTF(3, 4) INET_API char* core_sprintf(const char* file, int line, const char* format, ...) noexcept;
+INET_PRINTF(3, 0) INET_API char* core_vsprintf(const char* file, int line, const char* format, va_list args) noexcept;
 
 /// Compares without regard to the case of A-Z, in any locale: below, at or above 0. A null text sorts before all
 /// others.

@@ -80,12 +80,12 @@ INET_API net::http::header_s* http_header_error(const char* protocol, unsigned s
 /// Appends a field; a null value is an empty one.
 INET_API int http_header_put(net::http::header_s* header, const char* name, const char* value) noexcept;
 INET_API int http_header_put_uint32(net::http::header_s* header, const char* name, unsigned value) noexcept;
-[[gnu::format(printf, 3, 4)]] INET_API int http_header_put_format(net::http::header_s* header, const char* name,
-                                                                  const char* format, ...) noexcept;
+INET_PRINTF(3, 4)
+INET_API int http_header_put_format(net::http::header_s* header, const char* name, const char* format, ...) noexcept;
 
 /// Replaces the first field with exactly that name, or appends one.
-[[gnu::format(printf, 3, 4)]] INET_API int http_header_set(net::http::header_s* header, const char* name,
-                                                           const char* format, ...) noexcept;
+INET_PRINTF(3, 4)
+INET_API int http_header_set(net::http::header_s* header, const char* name, const char* format, ...) noexcept;
 
 /// Appends the first field of `from` whose name equals `name` without regard to case, under the name given here.
 /// @return 1 also when there is none

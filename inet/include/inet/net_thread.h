@@ -96,7 +96,7 @@ INET_API void net_nt_start(nt_ctx*& nt, const char* file, int line) noexcept;
 INET_API void net_nt_stop(nt_ctx*& nt) noexcept;
 
 /// Names the thread, formatted as printf does; nothing for a null format.
-[[gnu::format(printf, 2, 3)]] INET_API void net_nt_set_name(nt_ctx* nt, const char* format, ...) noexcept;
+INET_PRINTF(2, 3) INET_API void net_nt_set_name(nt_ctx* nt, const char* format, ...) noexcept;
 
 /// Registers a socket; it is watched from the loop's next pass on.
 /// @param out       receives the handle before the first callback can come; null for a negative descriptor
