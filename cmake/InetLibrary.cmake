@@ -4,30 +4,44 @@ include(CMakePackageConfigHelpers)
 
 get_property(floors GLOBAL PROPERTY INET_FLOORS)
 foreach(floor IN LISTS floors)
-    list(APPEND objects $<TARGET_OBJECTS:inet_floor_${floor}>)
+    list(APPEND static_objects $<TARGET_OBJECTS:inet_floor_${floor}>)
+    if(TARGET inet_floor_${floor}_shared)
+        list(APPEND shared_objects $<TARGET_OBJECTS:inet_floor_${floor}_shared>)
+    else()
+        list(APPEND shared_objects $<TARGET_OBJECTS:inet_floor_${floor}>)
+    endif()
     list(APPEND include_dirs ${PROJECT_SOURCE_DIR}/${floor}/include)
 endforeach()
 list(TRANSFORM include_dirs REPLACE "(.+)" "$<BUILD_INTERFACE:\\1>" OUTPUT_VARIABLE build_include_dirs)
 
 function(inet_add_library target kind)
-    add_library(${target} ${kind} ${objects})
+    add_library(${target} ${kind} ${ARGN})
     add_library(inet::${target} ALIAS ${target})
     set_target_properties(${target} PROPERTIES OUTPUT_NAME inet VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
     target_compile_features(${target} PUBLIC cxx_std_20)
     target_include_directories(${target} PUBLIC ${build_include_dirs} $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:inet_compile_options> Threads::Threads ${CMAKE_DL_LIBS})
+    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:inet_compile_options> Threads::Threads
+        ${INET_SYSTEM_LIBRARIES})
 endfunction()
 
-inet_add_library(inet SHARED)
-inet_add_library(inet_static STATIC)
-# What the standard library instantiates stays inside as well: only what is marked INET_API leaves the shared library.
-target_link_options(inet PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+inet_add_library(inet SHARED ${shared_objects})
+inet_add_library(inet_static STATIC ${static_objects})
+if(WIN32)
+    set_target_properties(inet PROPERTIES PREFIX "")  # inet.dll, with libinet.dll.a or inet.lib to link it by
+    target_compile_definitions(inet INTERFACE INET_SHARED)
+    if(MSVC)
+        set_target_properties(inet_static PROPERTIES OUTPUT_NAME inet_static)  # not the name of the DLL's inet.lib
+    endif()
+else()
+    # What the standard library instantiates stays inside as well: only what is marked INET_API leaves the shared library.
+    target_link_options(inet PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    set_target_properties(inet PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+endif()
 # With clang, the sanitizers' runtime is in the program alone.
-if(NOT INET_SANITIZE)
+if(NOT WIN32 AND NOT INET_SANITIZE)
     target_link_options(inet PRIVATE -Wl,--no-undefined)
 endif()
-set_target_properties(inet PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
 
 install(TARGETS inet inet_static EXPORT inet-targets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
