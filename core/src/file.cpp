@@ -110,5 +110,5 @@ char* lib_path(const char* file, int line) noexcept {
     const size_t separator = whole.find_last_of(platform::path_separators);
     if (separator == std::string_view::npos) return nullptr;
     // The root keeps its separator, which is all there is of it.
-    return core_strndup(path.data(), std::max<size_t>(separator, 1), file, line);
+    return core_strndup(path.data(), std::max(separator, platform::root_length), file, line);
 }

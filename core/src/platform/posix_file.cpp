@@ -10,6 +10,7 @@
 namespace core::platform {
 
 const char* const path_separators = "/";
+const size_t root_length = 1;
 
 std::FILE* open_file(const char* path, const char* mode) noexcept {
     std::array<char, 16> full{};

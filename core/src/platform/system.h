@@ -16,7 +16,8 @@ void name_this_thread(const char* name) noexcept;
 /// Seconds to add to UTC for local time at that moment (seconds since 1970-01-01 UTC).
 int64_t local_offset(int64_t seconds) noexcept;
 
-/// fopen() in binary mode; the descriptor is not inherited by child processes.
+/// fopen() in binary mode; the descriptor is not inherited by child processes. Null sets errno: ENOENT alone when there
+/// is no such file.
 std::FILE* open_file(const char* path, const char* mode) noexcept;
 /// 64-bit fseek() from SEEK_SET or SEEK_END and ftell().
 bool seek_file(std::FILE* file, int64_t position, int whence) noexcept;
@@ -25,6 +26,7 @@ int64_t tell_file(std::FILE* file) noexcept;
 bool sync_file(std::FILE* file) noexcept;
 /// Gives an open file the access rights of the file at `path`, if there is one.
 void adopt_rights(std::FILE* file, const char* path) noexcept;
+/// True for a terminal, which takes UTF-8 and escape sequences from then on.
 bool is_terminal(std::FILE* file) noexcept;
 
 bool remove_file(const char* path) noexcept;
@@ -38,6 +40,8 @@ bool remove_directory(const char* path) noexcept;
 
 /// Characters that separate the parts of a path; the first one is for joining.
 extern const char* const path_separators;
+/// Length of a path that is a root, whose separator belongs to it.
+extern const size_t root_length;
 /// What stands before and after the bare name of a dynamic library.
 extern const char* const library_prefix;
 extern const char* const library_suffix;

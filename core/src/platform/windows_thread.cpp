@@ -1,0 +1,45 @@
+#include "system.h"
+
+#include <iterator>
+#include <type_traits>
+#include <windows.h>
+
+namespace core::platform {
+
+namespace {
+
+using set_description = HRESULT(WINAPI*)(HANDLE thread, const wchar_t* name);
+
+/// Not in every Windows 10.
+set_description find_set_description() noexcept {
+    const HMODULE library = GetModuleHandleW(L"kernelbase.dll");
+    return library ? reinterpret_cast<set_description>(
+                         reinterpret_cast<void*>(GetProcAddress(library, "SetThreadDescription")))
+                   : nullptr;
+}
+
+void name_handle(HANDLE thread, const char* name) noexcept {
+    static const set_description describe = find_set_description();
+    wchar_t wide[64];
+    if (describe && MultiByteToWideChar(CP_UTF8, 0, name, -1, wide, static_cast<int>(std::size(wide))) > 0)
+        describe(thread, wide);
+}
+
+/// What the standard library calls a thread is the system's handle, or a number of MinGW-w64's that leads to it.
+template <class Native>
+HANDLE handle_of(Native thread) noexcept {
+    if constexpr (std::is_pointer_v<Native>)
+        return thread;
+    else
+        return pthread_gethandle(thread);
+}
+
+}  // namespace
+
+void name_thread(std::thread::native_handle_type thread, const char* name) noexcept {
+    name_handle(handle_of(thread), name);
+}
+
+void name_this_thread(const char* name) noexcept { name_handle(GetCurrentThread(), name); }
+
+}  // namespace core::platform
