@@ -5,9 +5,6 @@
 
 namespace {
 
-constexpr uint8_t fu_a = 28;
-constexpr uint8_t fu_start = 0x80;
-constexpr uint8_t fu_end = 0x40;
 constexpr uint8_t type_bits = 0x1F;
 
 void set_nal_header(rtp::trak_t& trak, uint8_t header) noexcept {

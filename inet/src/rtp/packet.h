@@ -22,6 +22,11 @@ inline constexpr uint32_t max_nal_piece = max_piece - 2;
 inline constexpr int max_dropout = 3000;
 inline constexpr int max_misorder = 100;
 
+// FU-A (RFC 6184, 5.8): its type, and the ends of a NAL unit.
+inline constexpr uint8_t fu_a = 28;
+inline constexpr uint8_t fu_start = 0x80;
+inline constexpr uint8_t fu_end = 0x40;
+
 // Big-endian writers; each returns the place behind what it wrote.
 inline uint8_t* put16(uint8_t* out, uint32_t value) noexcept {
     out[0] = static_cast<uint8_t>(value >> 8);

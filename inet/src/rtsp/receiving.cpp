@@ -1,5 +1,6 @@
 // Frames in: what the packetizer hands over is put together by its RTP time.
 #include "bounded.h"
+#include "rtp/packet.h"
 #include "rtsp/session.h"
 
 #include "avc/fcc.h"
@@ -21,8 +22,8 @@ constexpr int64_t us_per_second = 1000000;
 
 enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
 
-uint32_t get16(bytes_t bytes, size_t at) noexcept { return uint32_t{bytes[at]} << 8 | bytes[at + 1]; }
-uint32_t get32(bytes_t bytes, size_t at) noexcept { return get16(bytes, at) << 16 | get16(bytes, at + 2); }
+using rtp::get16;
+using rtp::get32;
 
 // A described clock may be as slow as 1 Hz, and timestamps may then claim more time than there is.
 int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {

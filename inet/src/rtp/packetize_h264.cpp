@@ -1,7 +1,7 @@
 // H.264 payload (RFC 6184): single NAL unit packets and FU-A.
-#include "common/h264.h"
-
 #include "rtp/packet.h"
+
+#include "common/h264.h"
 
 #include <algorithm>
 #include <array>
@@ -10,10 +10,6 @@
 namespace {
 
 using nal_t = std::span<const uint8_t>;
-
-constexpr uint8_t fu_a = 28;
-constexpr uint8_t fu_start = 0x80;
-constexpr uint8_t fu_end = 0x40;
 
 // The NAL units of an access unit, found in one pass over its bytes. The parameter sets go first, and whether they are
 // there shows only at the end, so the pass is remembered; a stream of more pieces than any encoder makes is searched

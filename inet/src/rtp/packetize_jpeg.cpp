@@ -1,7 +1,7 @@
 // JPEG payload (RFC 2435), and whole files in a header extension for pictures that its header cannot describe.
-#include "avc/jpeg.h"
-
 #include "rtp/packet.h"
+
+#include "avc/jpeg.h"
 
 #include <algorithm>
 #include <cstring>
