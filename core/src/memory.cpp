@@ -1,6 +1,7 @@
 #include "core/memory.h"
 
 #include "platform/sanitizer.h"
+#include "platform/thread_local.h"
 
 #include "core/owned.h"
 
@@ -17,7 +18,7 @@
 // or a locked instruction. A block released by another thread than its allocator's leaves cells that are only right
 // in their sum, modulo 2^64, which is all anybody asks for.
 //
-// Everything global is constant-initialised and never destroyed: blocks come and go before main() and after it.
+// Everything global is ready before any constructor and never destroyed: blocks come and go before main() and after it.
 namespace {
 
 struct alignas(std::max_align_t) head_t {
@@ -92,6 +93,8 @@ struct counter_return_t {
 void take_counter() noexcept {
     // Set before the thread-local object below registers itself, which may allocate.
     thread_counter = &none_free;
+    // Nobody would take it back.
+    if constexpr (!core::platform::thread_locals_end_whole) return;
     for (counter_t& counter : counters) {
         bool free = false;
         if (!counter.taken.compare_exchange_strong(free, true, std::memory_order_acquire)) continue;

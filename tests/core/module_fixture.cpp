@@ -1,5 +1,7 @@
 // A library for the module tests to load.
+#include "core/api.h"
+
 extern "C" {
-__attribute__((visibility("default"))) int fixture_twice(int value) { return 2 * value; }
-__attribute__((visibility("default"))) int fixture_loads = 0;
+INET_API int fixture_twice(int value) { return 2 * value; }
+INET_API int fixture_loads = 0;
 }

@@ -1,25 +1,29 @@
 #include "core/module.h"
 
+#include "platform/system.h"
 #include "support/fault.h"
+#include "support/process.h"
 
 #include "core/memory.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <string>
 
 namespace {
 
-// INET_MODULE_FIXTURE is the path of libinet_module_fixture.so, which stands beside this program.
+// INET_MODULE_FIXTURE is the path of the library, which stands beside this program.
 
 TEST(Module, IsLoadedByPathOrByBareName) {
-    for (const char* name : {INET_MODULE_FIXTURE, "inet_module_fixture", "libinet_module_fixture.so"}) {
+    const std::string full =
+        std::string(core::platform::library_prefix) + "inet_module_fixture" + core::platform::library_suffix;
+    for (const char* name : {INET_MODULE_FIXTURE, "inet_module_fixture", full.c_str()}) {
         dll_entry_t entries[] = {{"fixture_twice", nullptr}, {"fixture_loads", nullptr}, {nullptr, nullptr}};
         dll_ctx* dll = core_dll_open(name, entries, CORE_HERE);
         ASSERT_TRUE(dll) << name;
         EXPECT_EQ(reinterpret_cast<int (*)(int)>(entries[0].function)(21), 42);
         // A library that was unloaded starts anew.
         EXPECT_EQ((*static_cast<int*>(entries[1].function))++, 0);
-        EXPECT_FALSE(dlsym(RTLD_DEFAULT, "fixture_twice")) << "its names stay its own";
+        EXPECT_FALSE(test::has_symbol("fixture_twice")) << "its names stay its own";
         core_dll_close(dll);
         EXPECT_FALSE(dll);
     }
@@ -45,7 +49,7 @@ TEST(Module, LackOfMemoryUnloadsAgain) {
     EXPECT_GT(test::fail_each_allocation([] {
                   dll_ctx* dll = core_dll_open("inet_module_fixture", nullptr, CORE_HERE);
                   core_dll_close(dll);
-                  EXPECT_FALSE(dlopen(INET_MODULE_FIXTURE, RTLD_NOW | RTLD_NOLOAD));
+                  EXPECT_FALSE(test::is_loaded(INET_MODULE_FIXTURE));
               }),
               2U);
 }

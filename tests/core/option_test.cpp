@@ -1,20 +1,16 @@
 #include "core/option.h"
 
 #include "support/fault.h"
-#include "support/program.h"
+#include "support/files.h"
+#include "support/scratch.h"
 #include "support/side_thread.h"
 
 #include "core/memory.h"
 #include "core/owned.h"
 
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -118,8 +114,6 @@ TEST_F(Option, UnusableKeysAreRefused) {
 
 TEST_F(Option, FileThatCannotBeReadIsNotTakenForAMissingOne) {
     EXPECT_EQ(core_opt_create((dir / "").c_str(), CORE_HERE), nullptr) << "a directory";
-    std::filesystem::create_symlink(path, path);
-    EXPECT_EQ(core_opt_create(path.c_str(), CORE_HERE), nullptr) << "cannot even be opened";
 }
 
 TEST_F(Option, LeftoverOfACrashIsNeitherReadNorInTheWay) {
@@ -131,36 +125,6 @@ TEST_F(Option, LeftoverOfACrashIsNeitherReadNorInTheWay) {
         EXPECT_EQ(core_opt_save(o.opt), 1);
         EXPECT_EQ(test::read_file(path), "a=old\n");
         EXPECT_FALSE(std::filesystem::exists(new_path));
-    }
-}
-
-/// Saves two contents in turn for ever; a byte in the pipe says that it has begun.
-[[noreturn]] void save_for_ever(const std::string& path, int started) {
-    opt_ctx* opt = core_opt_create(path.c_str(), CORE_HERE);
-    for (char digit = '1';; digit = digit == '1' ? '2' : '1') {
-        core_opt_set(opt, "a", std::string(100'000, digit).c_str());
-        core_opt_save(opt);
-        if (write(started, "", 1) != 1) _exit(1);
-    }
-}
-
-TEST_F(Option, KilledWhileSavingLeavesTheOldOrTheNewContent) {
-    const std::string contents[] = {"a=" + std::string(100'000, '1') + "\n", "a=" + std::string(100'000, '2') + "\n"};
-    for (useconds_t lifetime = 0; lifetime < 4000; lifetime += 500) {
-        int started[2];
-        ASSERT_EQ(pipe(started), 0);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) save_for_ever(path, started[1]);
-        char byte = 0;
-        ASSERT_EQ(read(started[0], &byte, 1), 1);
-        usleep(lifetime);  // to another point of a save each time
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-        close(started[0]);
-        close(started[1]);
-        const std::string now = test::read_file(path);
-        ASSERT_TRUE(now == contents[0] || now == contents[1]) << now.size() << " bytes after " << lifetime << " us";
     }
 }
 
@@ -185,16 +149,6 @@ TEST_F(Option, FailedSaveLeavesTheOldFile) {
     EXPECT_FALSE(std::filesystem::exists(new_path)) << "nothing is left lying about";
     const options nowhere(dir / "missing/options");
     EXPECT_EQ(core_opt_save(nowhere.opt), 0);
-}
-
-TEST_F(Option, SaveKeepsTheAccessRights) {
-    store(path, "password=secret\n");
-    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-    const options o(path);
-    EXPECT_EQ(core_opt_save(o.opt), 1);
-    struct stat info {};
-    ASSERT_EQ(stat(path.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600U);
 }
 
 TEST_F(Option, FileAboveTheLimitCountsAsMissing) {

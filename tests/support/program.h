@@ -1,14 +1,11 @@
-/// Programs as judges in tests: what a command prints, and the files that go between.
+/// Programs as judges in tests: what a command prints.
 #pragma once
 
+#include "support/files.h"
 #include "support/scratch.h"
 
-#include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
-#include <span>
 #include <string>
 
 namespace test {
@@ -26,20 +23,6 @@ inline std::string run(const std::string& command) {
         out.append(chunk, n);
     EXPECT_EQ(pclose(pipe), 0) << command;
     return out;
-}
-
-inline void write_file(const std::string& path, std::span<const uint8_t> data) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
-}
-
-inline std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-inline std::span<const uint8_t> bytes_of(const std::string& text) {
-    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace test

@@ -1,16 +1,19 @@
 // A directory of its own for a test's files.
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <string>
 
 namespace test {
 
 class scratch {
 public:
-    scratch() : path_(std::filesystem::temp_directory_path() / "inet_test_XXXXXX") {
-        if (!mkdtemp(path_.data())) std::abort();
+    scratch() {
+        std::random_device random;
+        do
+            path_ = std::filesystem::temp_directory_path() / ("inet_test_" + std::to_string(random()));
+        while (!std::filesystem::create_directory(path_));
     }
     scratch(const scratch&) = delete;
     scratch& operator=(const scratch&) = delete;
@@ -20,10 +23,10 @@ public:
     }
 
     /// Path of a file in the directory.
-    std::string operator/(const char* name) const { return path_ + '/' + name; }
+    std::string operator/(const char* name) const { return path_.string() + '/' + name; }
 
 private:
-    std::string path_;
+    std::filesystem::path path_;
 };
 
 }  // namespace test

@@ -32,7 +32,8 @@ INET_API int core_thread_iscurrent(const thread_ctx* thread) noexcept;
 /// A number that tells the calling thread from every other that runs now; never 0.
 INET_API uint64_t core_thread_id() noexcept;
 
-/// Names the thread for debuggers and logs, cut to what the system holds (15 bytes on Linux). Null is ignored.
+/// Names the thread for debuggers and logs, cut to what the system holds (15 bytes on Linux, 255 on Windows). Null is
+/// ignored.
 INET_API void core_thread_setname(thread_ctx* thread, const char* name) noexcept;
 
 /// Sleeps until `milliseconds` have passed or the thread is cancelled. @return 1 when it was cancelled, else 0.

@@ -18,11 +18,13 @@
 namespace core::platform {
 
 #if defined(CORE_ADDRESS_CHECKER)
+inline constexpr bool address_checker = true;
 /// Touching these bytes is a fault from now on.
 inline void forbid(const void* start, size_t size) noexcept { __asan_poison_memory_region(start, size); }
 /// Takes forbid() back.
 inline void permit(const void* start, size_t size) noexcept { __asan_unpoison_memory_region(start, size); }
 #else
+inline constexpr bool address_checker = false;
 inline void forbid(const void*, size_t) noexcept {}
 inline void permit(const void*, size_t) noexcept {}
 #endif

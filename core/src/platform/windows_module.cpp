@@ -23,23 +23,44 @@ bool this_library(char* out, size_t size) noexcept {
            0;
 }
 
+namespace {
+
 // A library and what it needs in turn come from its own folder, the program's or the system's: never from the current
 // folder or from PATH, where somebody else may have put one of that name.
+constexpr DWORD own_folder = LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR;
+constexpr DWORD safe_folders = LOAD_LIBRARY_SEARCH_DEFAULT_DIRS;
+
+/// The full path of a file, with the dot that keeps the system from adding ".dll" to a name without one.
+class full_path {
+public:
+    explicit full_path(const wchar_t* path) noexcept {
+        const DWORD length = GetFullPathNameW(path, room, text_, &name_);
+        if (length == 0 || length >= room || !name_) {
+            text_[0] = L'\0';
+        } else if (!std::wcschr(name_, L'.')) {
+            text_[length] = L'.';
+            text_[length + 1] = L'\0';
+        }
+    }
+    const wchar_t* get() const noexcept { return text_; }
+
+private:
+    static constexpr DWORD room = 4096;
+
+    wchar_t text_[room + 1];
+    wchar_t* name_ = nullptr;
+};
+
+}  // namespace
+
 void* open_library(const char* path) noexcept {
     const wide_path wide(path);
     if (!wide.get()) return nullptr;
+    const bool bare = !std::wcspbrk(wide.get(), L"\\/");
     DWORD old_mode = 0;
     SetThreadErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &old_mode);  // no message box
-    HMODULE library = nullptr;
-    if (std::wcspbrk(wide.get(), L"\\/")) {
-        wchar_t full[4096];
-        const DWORD length = GetFullPathNameW(wide.get(), static_cast<DWORD>(std::size(full)), full, nullptr);
-        if (length > 0 && length < std::size(full))
-            library =
-                LoadLibraryExW(full, nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
-    } else {
-        library = LoadLibraryExW(wide.get(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
-    }
+    const HMODULE library = bare ? LoadLibraryExW(wide.get(), nullptr, safe_folders)
+                                 : LoadLibraryExW(full_path(wide.get()).get(), nullptr, own_folder | safe_folders);
     SetThreadErrorMode(old_mode, nullptr);
     return library;
 }

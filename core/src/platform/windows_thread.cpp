@@ -1,5 +1,7 @@
 #include "system.h"
 
+#include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <type_traits>
 #include <windows.h>
@@ -20,9 +22,10 @@ set_description find_set_description() noexcept {
 
 void name_handle(HANDLE thread, const char* name) noexcept {
     static const set_description describe = find_set_description();
-    wchar_t wide[64];
-    if (describe && MultiByteToWideChar(CP_UTF8, 0, name, -1, wide, static_cast<int>(std::size(wide))) > 0)
-        describe(thread, wide);
+    wchar_t wide[256];
+    const auto bytes = static_cast<int>(std::min(std::strlen(name), std::size(wide) - 1));
+    wide[MultiByteToWideChar(CP_UTF8, 0, name, bytes, wide, bytes)] = L'\0';
+    if (describe) describe(thread, wide);
 }
 
 /// What the standard library calls a thread is the system's handle, or a number of MinGW-w64's that leads to it.

@@ -28,10 +28,11 @@ int64_t local_offset(int64_t seconds) noexcept {
     SYSTEMTIME utc{};
     SYSTEMTIME local{};
     FILETIME shifted{};
-    // With the rules that held in that year.
+    // By the rules of that year.
+    TIME_ZONE_INFORMATION zone{};
     const bool known = FileTimeToSystemTime(&moment, &utc) &&
-                       SystemTimeToTzSpecificLocalTimeEx(nullptr, &utc, &local) &&
-                       SystemTimeToFileTime(&local, &shifted);
+                       GetTimeZoneInformationForYear(utc.wYear, nullptr, &zone) &&
+                       SystemTimeToTzSpecificLocalTime(&zone, &utc, &local) && SystemTimeToFileTime(&local, &shifted);
     return known ? seconds_of(shifted) - seconds : 0;
 }
 
