@@ -2,7 +2,6 @@
 
 #include "core/memory.h"
 #include "core/time.h"
-#include "inet/net_socket.h"
 
 #include <algorithm>
 #include <string_view>
@@ -10,10 +9,9 @@
 namespace viewer {
 namespace {
 
-constexpr uint32_t largest_datagram = 64 * 1024;
 constexpr int system_buffer = 1 << 20;
-/// Datagrams taken at a time before others get their turn.
-constexpr int most_at_once = 256;
+/// Batches taken at a time before others get their turn.
+constexpr int most_at_once = 16;
 
 }  // namespace
 
@@ -26,7 +24,7 @@ udp_track::~udp_track() {
         if (fd >= 0) net_socket_close(fd);
     }
     rtp::Reorder::destroy(reorder_);
-    core_buf_free(&datagram_);
+    core_buf_free(&room_);
 }
 
 bool udp_track::open() { return socket_rtp_pair(&rtp_fd_, &rtcp_fd_) == 1 && listen(); }
@@ -46,7 +44,10 @@ bool udp_track::join(const sockaddr_in& near) {
 
 bool udp_track::listen() {
     reorder_ = rtp::Reorder::create({}, &udp_track::on_ordered, this, CORE_HERE);
-    if (!reorder_ || !core_buf_resize(&datagram_, largest_datagram, CORE_HERE)) return false;
+    // Only what datagrams fill is touched.
+    if (!reorder_ || !core_buf_resize(&room_, batch * largest_datagram, CORE_HERE)) return false;
+    for (uint32_t i = 0; i < batch; ++i)
+        datagrams_[i].bytes = {room_.data + size_t{i} * largest_datagram, largest_datagram, 0};
     net_socket_set_size(rtp_fd_, system_buffer, 0);
     net::net_nt_socket_add(nt_, rtp_socket_, rtp_fd_, net::nt_flag_read, this, &udp_track::on_rtp);
     net::net_nt_socket_add(nt_, rtcp_socket_, rtcp_fd_, net::nt_flag_read, this, &udp_track::on_rtcp);
@@ -64,13 +65,17 @@ void udp_track::expire(uint64_t now) {
     if (rtp_socket_) reorder_->expire(now);
 }
 
-/// The next datagram of the server, into datagram_. @return false when there is none, or stop() was called.
-bool udp_track::receive(net::socket_ctx* on) {
-    sockaddr_in from{};
-    while (on && net_udp_recv(on->fd, datagram_, &from) >= 0) {
-        if (is_server(from)) return true;
+/// Takes the datagrams of the server, until there is none or stop() was called.
+template <class Take>
+void udp_track::receive(net::socket_ctx* const& on, Take take) {
+    for (int round = 0; on && round < most_at_once; ++round) {
+        const int count = net_udp_recv_batch(on->fd, datagrams_.data(), batch);
+        for (int i = 0; on && i < count; ++i) {
+            const received_t& each = datagrams_[static_cast<size_t>(i)];
+            if (is_server(each.from)) take(buffer_t{each.bytes.data, each.bytes.length});
+        }
+        if (count < static_cast<int>(batch)) return;
     }
-    return false;
 }
 
 bool udp_track::is_server(const sockaddr_in& from) const {
@@ -83,16 +88,13 @@ bool udp_track::is_server(const sockaddr_in& from) const {
 void udp_track::on_rtp(void* arg, uint32_t) {
     auto* self = static_cast<udp_track*>(arg);
     const uint64_t now = core_timer();
-    for (int i = 0; i < most_at_once && self->receive(self->rtp_socket_); ++i)
-        self->reorder_->push({self->datagram_.data, self->datagram_.length}, now);
+    self->receive(self->rtp_socket_, [&](buffer_t packet) { self->reorder_->push(packet, now); });
 }
 
 void udp_track::on_rtcp(void* arg, uint32_t) {
     auto* self = static_cast<udp_track*>(arg);
-    for (int i = 0; i < most_at_once && self->receive(self->rtcp_socket_); ++i) {
-        const auto channel = static_cast<unsigned short>(self->track_.channel + 1);
-        self->rtsp_.process_rtp(channel, {self->datagram_.data, self->datagram_.length});
-    }
+    const auto channel = static_cast<unsigned short>(self->track_.channel + 1);
+    self->receive(self->rtcp_socket_, [&](buffer_t report) { self->rtsp_.process_rtp(channel, report); });
 }
 
 void udp_track::on_ordered(void* arg, buffer_t packet) {

@@ -2,16 +2,18 @@
 #pragma once
 
 #include "core/buf.h"
+#include "inet/net_socket.h"
 #include "inet/net_thread.h"
 #include "inet/rtp_reorder.h"
 #include "inet/rtsp_protocol.h"
 #include "inet/sockaddr.h"
 
+#include <array>
 #include <cstdint>
 
 namespace viewer {
 
-/// All on the network thread. Holds the packets of one reorder window, 64 KiB.
+/// All on the network thread. Holds the packets of one reorder window and one batch of datagrams, 1 MiB at most.
 class udp_track {
 public:
     /// Received packets go into `rtsp`, those of any other address than the server's are dropped.
@@ -39,7 +41,8 @@ private:
     static void on_rtcp(void* arg, uint32_t events);
     static void on_ordered(void* arg, buffer_t packet);
     bool listen();
-    bool receive(net::socket_ctx* on);
+    template <class Take>
+    void receive(net::socket_ctx* const& on, Take take);
     bool is_server(const sockaddr_in& from) const;
 
     net::nt_ctx* nt_;
@@ -52,7 +55,10 @@ private:
     net::socket_ctx* rtcp_socket_ = nullptr;
     rtp::Reorder* reorder_ = nullptr;
     uint32_t restarts_ = 0;
-    buf_t datagram_;
+    static constexpr uint32_t batch = 16;
+    static constexpr uint32_t largest_datagram = 64 * 1024;
+    buf_t room_;
+    std::array<received_t, batch> datagrams_{};
 };
 
 }  // namespace viewer

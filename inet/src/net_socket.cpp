@@ -437,6 +437,11 @@ int net_udp_send_batch(int fd, const datagram_t* datagrams, uint32_t count) noex
     return platform::send_datagrams(fd, {datagrams, count});
 }
 
+int net_udp_recv_batch(int fd, received_t* datagrams, uint32_t count) noexcept {
+    if (!datagrams) return count == 0 ? 0 : -2;
+    return platform::receive_datagrams(fd, {datagrams, count});
+}
+
 int net_udp_send_msg(int fd, const char* text, sockaddr_in* to) noexcept {
     if (!text) return -2;
     return platform::send_bytes(fd, {reinterpret_cast<const uint8_t*>(text), core_strlen(text)}, to);

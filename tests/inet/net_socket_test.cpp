@@ -8,6 +8,7 @@
 #include "core/owned.h"
 
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -366,6 +367,35 @@ TEST(Batch, EveryDatagramArrivesAsItWasGivenAndInOrder) {
     EXPECT_EQ(received_sizes(receiver, 2, here).size() + received_sizes(other, 1, there).size(), 3u);
     EXPECT_EQ(here, (std::vector<uint8_t>{1, 3}));
     EXPECT_EQ(there, std::vector<uint8_t>{2});
+}
+
+TEST(Batch, IsReceivedAsFarAsItIsThere) {
+    const test::udp_socket sender, receiver;
+    ASSERT_EQ(net_udp_listen(sender, "127.0.0.1", 0), 0);
+    ASSERT_EQ(net_udp_listen(receiver, "127.0.0.1", 0), 0);
+    sockaddr_in to = local(net_socket_get_near_port(receiver));
+    std::vector<std::array<uint8_t, 1400>> rooms(100);
+    std::vector<received_t> batch;
+    for (auto& room : rooms)
+        batch.push_back({{room.data(), sizeof room, 0}, {}});
+    EXPECT_EQ(net_udp_recv_batch(receiver, batch.data(), 100), -1);
+    EXPECT_EQ(socket_get_error_code(), socket_error_would_block);
+
+    std::vector<uint8_t> bytes(9000);
+    for (uint32_t i = 0; i < 90; ++i) {
+        bytes[0] = static_cast<uint8_t>(i);
+        buffer_t datagram{bytes.data(), i == 7 ? 0 : i == 8 ? 9000 : 1 + i};
+        ASSERT_GE(net_udp_send_buffer(sender, &datagram, &to), 0);
+    }
+    ASSERT_EQ(net_udp_recv_batch(receiver, batch.data(), 5), 5);
+    ASSERT_EQ(net_udp_recv_batch(receiver, batch.data() + 5, 95), 85);
+    for (uint32_t i = 0; i < 90; ++i) {
+        EXPECT_EQ(batch[i].bytes.length, i == 7 ? 0 : i == 8 ? 1400 : 1 + i);
+        EXPECT_TRUE(i == 7 || rooms[i][0] == i);
+        EXPECT_EQ(net_addr_port(batch[i].from), net_socket_get_near_port(sender));
+    }
+    EXPECT_EQ(net_udp_recv_batch(receiver, nullptr, 1), -2);
+    EXPECT_EQ(net_udp_recv_batch(receiver, nullptr, 0), 0);
 }
 
 TEST(Batch, StopsAtTheOneThatIsRefused) {

@@ -180,6 +180,16 @@ INET_API int net_udp_send_msg(int fd, const char* text, sockaddr_in* to) noexcep
 /// @param from  receives the sender's address; may be null
 INET_API int net_udp_recv(int fd, buf_t& buf, sockaddr_in* from) noexcept;
 
+/// One received datagram of a batch: goes into `bytes` as net_udp_recv() has it.
+struct received_t {
+    buf_t bytes;
+    sockaddr_in from;
+};
+
+/// Receives the datagrams that are there, in their order and at most `count`, with as few calls of the system as it
+/// allows. @return how many; -1 when there is none, with the error set; -2 for a null array with a count.
+INET_API int net_udp_recv_batch(int fd, received_t* datagrams, uint32_t count) noexcept;
+
 // Addresses
 // ------------------------------------------------------------------------------------------------------------
 

@@ -1,4 +1,5 @@
-// Many datagrams with few calls: sendmmsg(2), with segmentation offload (UDP_SEGMENT, udp(7)) where the kernel has it.
+// Many datagrams with few calls: recvmmsg(2), and sendmmsg(2) with segmentation offload (UDP_SEGMENT, udp(7)) where the
+// kernel has it.
 #include "platform/socket_api.h"
 
 #include <algorithm>
@@ -140,6 +141,32 @@ int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept {
         singly -= std::min(singly, went);
     }
     return sent || datagrams.empty() ? static_cast<int>(sent) : -1;
+}
+
+int receive_datagrams(int fd, std::span<received_t> datagrams) noexcept {
+    mmsghdr headers[max_messages];
+    iovec pieces[max_messages];
+    int received = 0;
+    while (!datagrams.empty()) {
+        const auto asked = datagrams.first(std::min(datagrams.size(), max_messages));
+        for (size_t i = 0; i < asked.size(); ++i) {
+            pieces[i] = {asked[i].bytes.data, asked[i].bytes.size};
+            headers[i].msg_hdr = {};
+            headers[i].msg_hdr.msg_name = &asked[i].from;
+            headers[i].msg_hdr.msg_namelen = sizeof asked[i].from;
+            headers[i].msg_hdr.msg_iov = &pieces[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+        const int count = recvmmsg(fd, headers, static_cast<unsigned>(asked.size()), MSG_DONTWAIT, nullptr);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) break;
+        for (size_t i = 0; i < static_cast<size_t>(count); ++i)
+            asked[i].bytes.length = headers[i].msg_len;
+        received += count;
+        if (static_cast<size_t>(count) < asked.size()) break;
+        datagrams = datagrams.subspan(asked.size());
+    }
+    return received != 0 ? received : -1;
 }
 
 }  // namespace net::platform

@@ -55,6 +55,8 @@ bool set_multicast_interface(int fd, in_addr via) noexcept;
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept;
 /// Sends each as one datagram, in their order. @return how many went before one was refused, -1 when the first was.
 int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept;
+/// Receives those that are there. @return how many, -1 when there is none.
+int receive_datagrams(int fd, std::span<received_t> datagrams) noexcept;
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept;
 
 /// Dotted address from text and back.

@@ -12,4 +12,15 @@ int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept {
     return sent;
 }
 
+int receive_datagrams(int fd, std::span<received_t> datagrams) noexcept {
+    int received = 0;
+    for (received_t& each : datagrams) {
+        const int count = receive_bytes(fd, {each.bytes.data, each.bytes.size}, &each.from);
+        if (count < 0) return received != 0 ? received : -1;
+        each.bytes.length = static_cast<uint32_t>(count);
+        ++received;
+    }
+    return received;
+}
+
 }  // namespace net::platform
