@@ -1,5 +1,6 @@
 #include "inet/inet.h"
 
+#include "platform/socket_api.h"
 #include "support/log_lines.h"
 
 #include "core/owned.h"
@@ -12,7 +13,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -58,9 +58,10 @@ TEST(Lifecycle, SocketsLeftOpenAreNamedOnceByTheLastStop) {
     for (const int fd : fds) {
         const std::string text = "not closed socket: " + std::to_string(fd);
         expected.insert({text, text});
-        close(fd);
     }
     const auto said = log.take();
+    for (const int fd : fds)
+        net::platform::close_socket(fd);
     EXPECT_EQ(std::multiset<std::string>(said.begin(), said.end()), expected);
     net_init();
     net_free();

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 #include <mutex>
-#include <sys/resource.h>
 #include <vector>
 
 namespace {
@@ -69,7 +68,7 @@ TEST(Tcp, ItsRecordMayBeClosedInTheCallback) {
     EXPECT_EQ(server.tcp, nullptr);
     const test::tcp_socket late;
     ASSERT_EQ(::net_tcp_connect(late, "127.0.0.1", port), 0);
-    ASSERT_TRUE(test::await(late, POLLOUT));
+    ASSERT_TRUE(test::await(late, test::watch::write));
     EXPECT_EQ(net_socket_get_error(late), socket_error_refused);
 }
 
@@ -80,7 +79,7 @@ TEST(Tcp, WithoutACallbackConnectionsAreClosed) {
     ASSERT_EQ(net_tcp_listen2(server.tcp, nullptr, port, nullptr, nullptr), 0);
     const test::tcp_socket client;
     ASSERT_EQ(::net_tcp_connect(client, "127.0.0.1", port), 0);
-    EXPECT_TRUE(test::await(client, POLLIN));
+    EXPECT_TRUE(test::await(client, test::watch::read));
 }
 
 TEST(Tcp, ResultCodes) {
@@ -99,31 +98,9 @@ TEST(Tcp, ResultCodes) {
     EXPECT_EQ(net_tcp_listen2(server.tcp, nullptr, test::free_port(), nullptr, nullptr), -5);
 }
 
-TEST(Tcp, WhenDescriptorsRunOutConnectionsAreTurnedAway) {
-    test::network_thread nt;
-    nt.pass();  // it has opened its own descriptors: the client's is the highest
-    server server(nt);
-    const auto port = test::free_port();
-    ASSERT_EQ(net_tcp_listen2(server.tcp, nullptr, port, &server, server::on_accept), 0);
-    const test::tcp_socket client;
-    rlimit before;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none_left = {.rlim_cur = static_cast<rlim_t>(client) + 1, .rlim_max = before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
-    EXPECT_EQ(::net_tcp_connect(client, "127.0.0.1", port), 0);
-    const bool told = test::await(client, POLLIN);
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_TRUE(told);
-    EXPECT_EQ(server.calls.value(), 0);
-
-    const test::tcp_socket next;
-    ASSERT_EQ(::net_tcp_connect(next, "127.0.0.1", port), 0);
-    EXPECT_TRUE(server.calls.reaches(1)) << "it goes on when there are descriptors again";
-}
-
 TEST(Memory, WhenItIsOutNothingStaysOpenOrHeld) {
     const auto port = test::free_port();
-    const auto open_before = test::open_descriptors();
+    const auto open_before = test::open_sockets();
     const size_t failed = test::fail_each_allocation([port] {
         const test::network_thread nt;
         tcp_ctx* tcp = nullptr;
@@ -135,7 +112,7 @@ TEST(Memory, WhenItIsOutNothingStaysOpenOrHeld) {
         EXPECT_EQ(tcp, nullptr);
     });
     EXPECT_GE(failed, 10u);
-    EXPECT_EQ(test::open_descriptors(), open_before);
+    EXPECT_EQ(test::open_sockets(), open_before);
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ INET_API int net_socket_get_error(int fd) noexcept;
 INET_API void socket_init() noexcept;
 
 /// Logs "not closed socket: %d" for every descriptor still in the registry, empties the registry (the sockets stay
-/// open) and stops the socket layer. The last net_free() calls it.
+/// open, but for those that Winsock then closes itself) and stops the socket layer. The last net_free() calls it.
 INET_API void socket_free() noexcept;
 
 /// Opens a socket with socket_options() applied and registers it; its record is held in the name of `file` and `line`.
@@ -135,7 +135,8 @@ INET_API int net_udp_connect(int fd, const char* host, unsigned short port) noex
 INET_API int net_tcp_connect(int fd, const char* host, unsigned short port) noexcept;
 
 /// Binds and listens with a backlog of 1000. The result of the bind is not checked: when the port is taken the system
-/// may listen on a port of its own choice. Ask net_socket_get_near_port() where that matters. A failed listen logs
+/// may listen on a port of its own choice. Ask net_socket_get_near_port() where that matters. On Windows sockets that
+/// carry the reuse option may listen on one port, and which of them gets a connection is open. A failed listen logs
 /// "Unable to put the socket in listening mode: %s:%hu".
 /// @return 0, -1 when it cannot listen, -2 when the address cannot be resolved.
 INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept;

@@ -3,8 +3,6 @@
 #include "platform/socket_api.h"
 
 #include <algorithm>
-#include <array>
-#include <cassert>
 #include <mswsock.h>
 #include <ws2tcpip.h>
 
@@ -71,10 +69,9 @@ bool is_closed(int fd) noexcept {
 /// One of the three sets of a select().
 class descriptor_set {
 public:
-    /// Its size is known to the caller, who has each descriptor once: FD_SET() would search it for every one.
+    /// The caller has each descriptor once: FD_SET() would search the set for it. What does not fit is not watched.
     void add(int fd) noexcept {
-        assert(set_.fd_count < FD_SETSIZE);
-        set_.fd_array[set_.fd_count++] = handle_of(fd);
+        if (set_.fd_count < FD_SETSIZE) set_.fd_array[set_.fd_count++] = handle_of(fd);
     }
 
     fd_set* members() noexcept { return set_.fd_count ? &set_ : nullptr; }
@@ -223,8 +220,7 @@ int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept {
         watch.found = 0;
         if (watch.wanted & watch_t::read) readers.add(watch.fd);
         if (watch.wanted & watch_t::write) writers.add(watch.fd);
-        // That a connect failed is told as an exception alone.
-        if (watch.wanted & watch_t::write) failed.add(watch.fd);
+        if (watch.wanted & watch_t::write) failed.add(watch.fd);  // that a connect failed is told there alone
     }
     if (readers.empty() && writers.empty()) {  // select() would not wait
         pause(microseconds);
