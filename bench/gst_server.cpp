@@ -91,7 +91,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "gst_server: cannot listen on port %s\n", argv[2]);
         return 1;
     }
-    std::printf("rtsp://%s:%d/live\nready\n", gst_rtsp_server_get_address(server), gst_rtsp_server_get_bound_port(server));
+    std::printf("rtsp://%s:%d/live\nready\n", gst_rtsp_server_get_address(server),
+                gst_rtsp_server_get_bound_port(server));
     std::fflush(stdout);
     g_main_loop_run(g_main_loop_new(nullptr, FALSE));
 }

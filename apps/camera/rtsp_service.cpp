@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <numeric>
-#include <ranges>
 
 namespace camera {
 
@@ -57,8 +56,7 @@ void rtsp_service::stop() {
     listener_ = -1;
     station_.open_tunnels.close();
     // The first one last: the others' viewers wake it for the shared streams.
-    for (const auto& each : std::views::reverse(workers_))
-        each->stop();
+    std::for_each(workers_.rbegin(), workers_.rend(), [](const auto& each) { each->stop(); });
     station_.shared_streams.stop();
     workers_.clear();
 }

@@ -1,10 +1,11 @@
 // What the rooms of the RTSP session share.
 #pragma once
 
+#include "rtp/interleaved.h"
+
 #include "core/log.h"
 #include "inet/net_http_header.h"
 #include "inet/rtsp_protocol.h"
-#include "rtp/interleaved.h"
 
 #include <algorithm>
 #include <cstdint>
