@@ -30,13 +30,16 @@ inline void permit(const void*, size_t) noexcept {}
 #endif
 
 /// Copy of a small record, without the address checker's eye: for looking at memory that may not be ours.
-template <class Record>
 #if defined(CORE_ADDRESS_CHECKER)
-__attribute__((no_sanitize_address, noinline))
-#endif
-Record
-peek(const Record* record) noexcept {
+template <class Record>
+[[gnu::no_sanitize_address, gnu::noinline]] Record peek(const Record* record) noexcept {
     return *record;
 }
+#else
+template <class Record>
+Record peek(const Record* record) noexcept {
+    return *record;
+}
+#endif
 
 }  // namespace core::platform

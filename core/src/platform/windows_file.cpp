@@ -40,6 +40,7 @@ struct open_mode {
     const char* stream;
 };
 
+constexpr DWORD share_all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr DWORD append_access = FILE_APPEND_DATA | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE;
 
 constexpr open_mode open_modes[] = {
@@ -80,8 +81,7 @@ std::FILE* open_file(const char* path, const char* mode) noexcept {
     errno = EINVAL;
     if (!wide.get() || !how) return nullptr;
     owned_handle handle =
-        own(CreateFileW(wide.get(), how->access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                        how->disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
+        own(CreateFileW(wide.get(), how->access, share_all, nullptr, how->disposition, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!handle) {
         errno = errno_of(GetLastError());
         return nullptr;
@@ -103,25 +103,16 @@ int64_t tell_file(std::FILE* file) noexcept { return _ftelli64(file); }
 bool sync_file(std::FILE* file) noexcept { return _commit(_fileno(file)) == 0; }
 
 void adopt_rights(std::FILE* file, const char* path) noexcept {
-    wide_path wide(path);
-    if (!wide.get()) return;
-    PACL rights = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (GetNamedSecurityInfoW(wide.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &rights, nullptr,
-                              &descriptor) != ERROR_SUCCESS)
+    const wide_path wide(path);
+    PSECURITY_DESCRIPTOR rights = nullptr;
+    if (!wide.get() || GetNamedSecurityInfoW(wide.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                             nullptr, nullptr, &rights) != ERROR_SUCCESS)
         return;
-    const std::unique_ptr<void, local_deleter> held(descriptor);
-    SECURITY_DESCRIPTOR_CONTROL control = 0;
-    DWORD revision = 0;
-    if (!GetSecurityDescriptorControl(descriptor, &control, &revision)) return;
-    const DWORD inheritance =
-        control & SE_DACL_PROTECTED ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION;
-    const owned_handle owner =
-        own(ReOpenFile(handle_of(file), WRITE_DAC, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0));
-    // Without the right to do so the file keeps the rights of its directory.
-    if (owner)
-        SetSecurityInfo(owner.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | inheritance, nullptr, nullptr, rights,
-                        nullptr);
+    const std::unique_ptr<void, local_deleter> held(rights);
+    // Without the right to do so the file keeps the rights that its directory hands down.
+    const owned_handle owner = own(ReOpenFile(handle_of(file), READ_CONTROL | WRITE_DAC, share_all, 0));
+    // As it stands: a call that minds inheritance would add what the directory hands down.
+    if (owner) SetKernelObjectSecurity(owner.get(), DACL_SECURITY_INFORMATION, rights);
 }
 
 bool is_terminal(std::FILE* file) noexcept {
