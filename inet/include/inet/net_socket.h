@@ -48,7 +48,7 @@ INET_API int net_socket_get_error(int fd) noexcept;
 // Registry and lifetime
 // ------------------------------------------------------------------------------------------------
 
-/// Starts the system's socket layer. net_init() calls it.
+/// Starts the socket layer, without which Windows opens no socket. net_init() calls it.
 INET_API void socket_init() noexcept;
 
 /// Logs "not closed socket: %d" for every descriptor still in the registry, empties the registry (the sockets stay

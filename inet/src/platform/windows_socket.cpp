@@ -154,6 +154,7 @@ int accept_socket(int fd, sockaddr_in* peer) noexcept {
     int size = sizeof *peer;
     const int accepted = descriptor_of(accept(handle_of(fd), generic(peer), peer ? &size : nullptr));
     if (accepted < 0) return -1;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a socket is a handle
     SetHandleInformation(reinterpret_cast<HANDLE>(handle_of(accepted)), HANDLE_FLAG_INHERIT, 0);
     adapt(accepted, SOCK_STREAM);
     return accepted;

@@ -32,6 +32,7 @@ bool is_open(int fd) {
 
 bool is_inherited(int fd) {
     DWORD flags = 0;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a socket is a handle
     return GetHandleInformation(reinterpret_cast<HANDLE>(handle_of(fd)), &flags) && (flags & HANDLE_FLAG_INHERIT);
 }
 
