@@ -31,6 +31,7 @@ public:
 
     /// All packets, each behind its framing of 4 bytes for an RTSP connection (RFC 2326, 10.12).
     buffer_t interleaved() const noexcept { return {bytes_.data, bytes_.length}; }
+    uint32_t count() const noexcept { return count_; }
     /// Writes the channel into the framing.
     void set_channel(uint8_t channel) noexcept;
 
@@ -42,6 +43,7 @@ private:
     Rtp packer_;
     trak_t* trak_;
     buf_t bytes_;
+    uint32_t count_ = 0;
     bool out_of_memory_ = false;
     const char* file_;
     int line_;

@@ -20,19 +20,20 @@ Packets::Packets(const char* file, int line) noexcept
 Packets::~Packets() { core_buf_free(&bytes_); }
 
 int Packets::cut(const av::frame_t* frame) noexcept {
-    bytes_.length = 0;
+    bytes_.length = count_ = 0;
     if (!frame || !trak_) return 0;
     trak_->fcc = frame->fcc;
     trak_->time = frame->time;
     out_of_memory_ = !make_interleaved_room(bytes_, packer_, file_, line_);
     packer_.pack(frame);
-    if (out_of_memory_) bytes_.length = 0;
+    if (out_of_memory_) bytes_.length = count_ = 0;
     return bytes_.length != 0 ? 1 : 0;
 }
 
 void Packets::on_rtp_event(Rtp* rtp, event_t::enum_t) noexcept {
     if (out_of_memory_) return;
     add_interleaved(bytes_, 0, rtp->packet.length);
+    ++count_;
     out_of_memory_ = !make_interleaved_room(bytes_, *rtp, file_, line_);
 }
 
