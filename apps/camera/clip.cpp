@@ -3,6 +3,7 @@
 #include "mulaw.h"
 
 #include "avc/fcc.h"
+#include "avc/jpeg.h"
 #include "common/h264.h"
 #include "core/file.h"
 #include "core/memory.h"
@@ -143,12 +144,28 @@ track load_audio(const std::string& path) {
     return {std::move(blocks), {audio_rate / audio_block, 1}};
 }
 
+/// Whether RTP can carry a JPEG picture (RFC 2435, 3.1): baseline with 4:2:2 or 4:2:0 chroma, whole blocks in a line.
+bool is_sendable(const av::frame_t& picture) {
+    constexpr uint32_t most_pixels = 2040;
+    constexpr uint32_t block = 8;
+    jpeg_info_t info{};
+    if (!jpeg_inspect({picture.data, picture.size}, &info) || info.progressive || info.components != 3) return false;
+    const auto [luma, cb, cr] = info.sampling;
+    return (luma == 0x21 || luma == 0x22) && cb == 0x11 && cr == 0x11 && info.width % block == 0 &&
+           std::max(info.width, info.height) <= most_pixels;
+}
+
 track load_pictures(const std::vector<std::string>& paths) {
     std::vector<frame_ptr> pictures;
     for (const std::string& path : paths) {
         const file_bytes file(path);
         pictures.push_back(make_frame(av::fcc_jpeg, file.bytes()));
-        if (!pictures.back()->width) throw std::runtime_error(path + ": no JPEG picture");
+        if (!is_sendable(*pictures.back())) {
+            throw std::runtime_error(
+                path +
+                ": wants a baseline JPEG picture, luma sampled 2x2 or 2x1 and chroma 1x1, of at most "
+                "2040 pixels a side, its width a multiple of 8");
+        }
     }
     return {std::move(pictures), still_pictures};
 }

@@ -67,8 +67,10 @@ bool read_frame_header(const segment& in, jpeg_info_t& info) noexcept {
     info.width = get16(in.content, 3);
     info.components = in.content[5];
     info.progressive = is_progressive(in.code);
-    return info.width > 0 && info.height > 0 && info.components > 0 &&
-           in.content.size() >= fixed + per_component * info.components;
+    if (in.content.size() < fixed + per_component * info.components) return false;
+    for (size_t i = 0; i < std::min<size_t>(info.components, std::size(info.sampling)); ++i)
+        info.sampling[i] = in.content[fixed + per_component * i + 1];
+    return info.width > 0 && info.height > 0 && info.components > 0;
 }
 
 // The standard Huffman tables (T.81, K.3): number of codes of each length 1..16, then the values.

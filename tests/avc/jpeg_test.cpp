@@ -54,6 +54,8 @@ TEST(Jpeg, InspectionReadsHeadersAsFarAsTheScan) {
         EXPECT_EQ(got.height, want.width == 0 ? 0U : 32U);
         EXPECT_EQ(got.restart_interval, want.restart);
         EXPECT_EQ(got.progressive, want.progressive);
+        EXPECT_EQ(got.sampling[0], want.width == 0 ? 0 : 0x11);
+        EXPECT_EQ(got.sampling[1], 0) << "there is one component";
     }
 }
 

@@ -12,6 +12,7 @@ struct jpeg_info_t {
     uint32_t width;
     uint32_t height;
     uint32_t components;
+    uint8_t sampling[3];        ///< of the first ones: horizontal factor in the high half, vertical in the low; else 0
     uint32_t restart_interval;  ///< 0 without DRI
     bool progressive;
 };
