@@ -35,25 +35,24 @@ bool rtsp_service::start(std::string& error) {
 }
 
 bool rtsp_service::listen(std::string& error) {
-    listener_ = net_socket_create(AF_INET, SOCK_STREAM, IPPROTO_TCP, CORE_HERE);
     const options& settings = station_.settings;
-    const bool listening = listener_ >= 0 && net_tcp_listen(listener_, settings.bind.c_str(), settings.rtsp_port) == 0;
-    port_ = listening ? net_socket_get_near_port(listener_) : 0;
-    // A taken port shows only here: the system then listens on another.
-    if (!port_ || (settings.rtsp_port && port_ != settings.rtsp_port)) {
-        error = "cannot listen on " + settings.bind + ":" + std::to_string(settings.rtsp_port);
-        return false;
+    port_ = settings.rtsp_port;
+    bool listening = net::net_tcp_create(listener_, workers_.front()->nt, CORE_HERE) == 0;
+    if (listening && port_ == 0) {
+        // The system's choice has to be known to listen on it.
+        listening = net_socket_bind(listener_->fd, settings.bind.c_str(), 0) == 0;
+        port_ = net_socket_get_near_port(listener_->fd);
     }
-    net::net_nt_socket_add(workers_.front()->nt, accepting_, listener_, net::nt_flag_listening, this,
-                           &rtsp_service::on_accept);
-    if (!accepting_) error = "out of memory";
-    return accepting_ != nullptr;
+    listening =
+        listening && net::net_tcp_listen2(listener_, settings.bind.c_str(), port_, this, &rtsp_service::on_accept) == 0;
+    // A taken port shows only here: the system then listens on another.
+    if (listening && net_socket_get_near_port(listener_->fd) == port_) return true;
+    error = "cannot listen on " + settings.bind + ":" + std::to_string(settings.rtsp_port);
+    return false;
 }
 
 void rtsp_service::stop() {
-    if (!workers_.empty()) net::net_nt_socket_rem(workers_.front()->nt, accepting_);
-    if (listener_ >= 0) net_socket_close(listener_);
-    listener_ = -1;
+    net::net_tcp_close(listener_);
     station_.open_tunnels.close();
     // The first one last: the others' viewers wake it for the shared streams.
     std::for_each(workers_.rbegin(), workers_.rend(), [](const auto& each) { each->stop(); });
@@ -61,14 +60,11 @@ void rtsp_service::stop() {
     workers_.clear();
 }
 
-void rtsp_service::on_accept(void* arg, uint32_t) {
+void rtsp_service::on_accept(void* arg, int fd, const sockaddr_in* peer) {
     auto* self = static_cast<rtsp_service*>(arg);
-    sockaddr_in peer{};
-    const int fd = net_socket_accept(self->listener_, &peer, CORE_HERE);
-    if (fd < 0) return;
     const auto least = std::min_element(self->workers_.begin(), self->workers_.end(),
                                         [](const auto& a, const auto& b) { return a->load() < b->load(); });
-    (*least)->take(fd, peer);
+    (*least)->take(fd, *peer);
 }
 
 unsigned rtsp_service::viewers() const {

@@ -5,7 +5,7 @@
 #include "options.h"
 #include "worker.h"
 
-#include "inet/net_thread.h"
+#include "inet/net_tcp.h"
 
 #include <cstdint>
 #include <memory>
@@ -33,13 +33,12 @@ public:
     uint64_t pictures_dropped() const;
 
 private:
-    static void on_accept(void* arg, uint32_t events);
+    static void on_accept(void* arg, int fd, const sockaddr_in* peer);
     bool listen(std::string& error);
 
     station station_;
-    int listener_ = -1;
+    net::tcp_ctx* listener_ = nullptr;
     uint16_t port_ = 0;
-    net::socket_ctx* accepting_ = nullptr;
     std::vector<std::unique_ptr<worker>> workers_;
 };
 

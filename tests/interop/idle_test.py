@@ -11,7 +11,7 @@ import unittest
 from urllib.parse import urlsplit
 
 from peers import Camera, free_group, up_to_three_times
-from player import Player, rtp_timestamp
+from player import Player, rtp_timestamp, time_to_picture
 
 SO_TIMESTAMPNS = 35  # the socket module does not name it
 H264 = 96
@@ -48,6 +48,25 @@ class Silence(unittest.TestCase):
                     player.socket.settimeout(20)
                     self.assertEqual(player.socket.recv(1), b"")
                     self.assertTrue(9 < time.monotonic() - start < 14)
+
+    def test_who_finds_no_descriptor_is_turned_away(self):
+        with Camera(prefix=("prlimit", "--nofile=40")) as camera, contextlib.ExitStack() as opened:
+            address = urlsplit(camera.url("live"))
+            crowd = [opened.enter_context(socket.create_connection((address.hostname, address.port)))
+                     for _ in range(60)]
+            end = time.monotonic() + 5
+            turned_away = []
+            while len(turned_away) < 20 and time.monotonic() < end:
+                turned_away = select.select(crowd, [], [], 0.1)[0]
+            self.assertGreaterEqual(len(turned_away), 20)
+            self.assertLess(len(turned_away), 40)
+            for each in crowd:
+                each.close()
+            end = time.monotonic() + 5
+            while True:
+                with contextlib.suppress(EOFError, ConnectionError):
+                    return time_to_picture(camera.url("live"))
+                self.assertLess(time.monotonic(), end, "there is room again")
 
     def test_requests_and_reports_keep_a_session_alive(self):
         with Camera("--timeout", "3", "--threads", "2") as camera:
