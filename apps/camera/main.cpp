@@ -5,11 +5,15 @@
 #include "rtsp_service.h"
 #include "terminal.h"
 
+#include "core/array.h"
+#include "core/memory.h"
 #include "core/thread.h"
 #include "core/time.h"
+#include "inet/net_socket.h"
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -20,11 +24,28 @@ int fail(const std::string& reason) {
     return apps::status_failed;
 }
 
-void print_addresses(const camera::clip& played, const camera::options& settings, uint16_t port) {
-    for (const camera::channel& each : played.channels) {
-        std::printf("rtsp://%s:%u/%s\n", settings.bind.c_str(), unsigned{port}, each.path.c_str());
+/// Addresses that a player can open: behind 0.0.0.0 stand those of all interfaces.
+std::vector<std::string> reachable(const std::string& bind) {
+    sockaddr_in address{};
+    if (net_addr_setup(address, bind.c_str(), 0) != 0 || address.sin_addr.s_addr != INADDR_ANY) return {bind};
+    std::vector<std::string> found;
+    char** const texts = net_socket_get_if(CORE_HERE);
+    for (char** each = texts; each && *each; ++each) {
+        found.emplace_back(*each);
+        core_mfree(*each);
     }
-    std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", settings.bind.c_str(),
+    core_array_free(reinterpret_cast<void**>(texts));
+    if (found.empty()) found.emplace_back("127.0.0.1");
+    return found;
+}
+
+void print_addresses(const camera::clip& played, const camera::options& settings, uint16_t port) {
+    const std::vector<std::string> hosts = reachable(settings.bind);
+    for (const std::string& host : hosts) {
+        for (const camera::channel& each : played.channels)
+            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, each.path.c_str());
+    }
+    std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", hosts.front().c_str(),
                 unsigned{port}, played.channels.front().path.c_str());
     std::fflush(stdout);
 }
