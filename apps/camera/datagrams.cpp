@@ -6,10 +6,6 @@
 namespace camera {
 namespace {
 
-/// Payload bytes of a packet, at least, but for the last ones of a frame's parts.
-constexpr uint32_t least_payload = 1024;
-constexpr uint32_t short_packets = 16;
-
 /// Sends them in their order, up to the first that the system does not take yet. One that is refused, as its player is
 /// out of reach, is lost; the others go on. @return how many are done
 uint32_t send_up_to_full(int fd, const datagram_t* packets, uint32_t count) {
@@ -39,10 +35,6 @@ void datagrams::close() {
     socket_ = nullptr;
     queue_.reset();
     count_ = sent_ = waiting_ = 0;
-}
-
-bool datagrams::has_room(uint32_t frame_size) const {
-    return waiting_ + frame_size / least_payload + short_packets <= most;
 }
 
 void datagrams::add(const buf_t& packet, const sockaddr_in& to) {

@@ -26,11 +26,11 @@ public:
     void close();
     bool is_open() const { return socket_ != nullptr; }
 
-    /// Whether a frame of so many bytes finds room for all its packets, should they have to wait.
-    bool has_room(uint32_t frame_size) const;
+    /// Whether so many packets find room, should they have to wait.
+    bool has_room(uint32_t packets) const { return waiting_ + packets <= most; }
     /// A packet, whose bytes stay as they are until send().
     void add(const buf_t& packet, const sockaddr_in& to);
-    /// Gives the packets to the system.
+    /// Gives what was added to the system.
     void send();
 
 private:

@@ -13,25 +13,28 @@ namespace camera {
 /// Remembers the frames that were cut last: most viewers are sent the same one, some are still coming up to it.
 class frame_packets {
 public:
-    /// @return null when memory is out; good until the next call
+    /// @return null for a frame that makes no packet, or when memory is out; good until the next call
     rtp::Packets* of(const av::frame_t& frame) {
         for (entry& each : entries_) {
-            if (each.data == frame.data && each.packets.time() == frame.time) return &each.packets;
+            if (each.data == frame.data && each.packets.time() == frame.time) return each.made();
         }
         entry& oldest = entries_[next_];
         next_ = (next_ + 1) % entries_.size();
-        const bool made = oldest.packets.cut(&frame) != 0;
-        oldest.data = made ? frame.data : nullptr;
-        return made ? &oldest.packets : nullptr;
+        oldest.data = frame.data;
+        oldest.packets.cut(&frame);
+        return oldest.made();
     }
 
 private:
     struct entry {
         const uint8_t* data = nullptr;  ///< of the frame, which is the clip's for good
         rtp::Packets packets{CORE_HERE};
+
+        rtp::Packets* made() { return packets.count() != 0 ? &packets : nullptr; }
     };
 
-    std::array<entry, 4> entries_;
+    /// More than come due together, also on a thread that is late: each viewer takes them all before the next one does.
+    std::array<entry, 8> entries_;
     size_t next_ = 0;
 };
 

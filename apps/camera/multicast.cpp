@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace camera {
 namespace {
@@ -52,32 +53,42 @@ void shared_channel::add_tracks() {
 /// The first packets bring a report, as a player that comes now knows none.
 void shared_channel::begin(start_t start, uint64_t base, uint64_t now) {
     playback_.begin(played_, start, base, now);
+    pictures_.begin();
     for (size_t i = 0; i < next_seq_.size(); ++i)
         rtp_->traks[i]->next_rtcp = 0;
 }
 
 void shared_channel::add_viewer() {
-    if (viewers_ == 0) begin_ = true;
     ++viewers_;
     sender_.tick();
 }
 
 uint64_t shared_channel::advance(start_t start, uint64_t base, uint64_t now) {
     if (viewers_ == 0) {
+        resting_ = true;
         publish(0);
         return 0;
     }
-    if (begin_.exchange(false)) begin(start, base, now);
-    if (playback_.lost_touch(now)) playback_.skip(now);
+    if (std::exchange(resting_, false)) begin(start, base, now);
+    if (playback_.lost_touch(now)) {
+        playback_.skip(now);
+        pictures_.leave_out();
+    }
     sent_ = 0;
     while (const av::frame_t* frame = playback_.due(now)) {
         playback_.take();
-        if (!datagrams_.has_room(frame->size)) continue;
-        if (rtp::Packets* packets = cut_.of(*frame)) rtp_->pack(*packets);
-        datagrams_.send();
+        if (!pictures_.pass(*frame, [&] { return send(*frame); })) sender_.count_dropped();
     }
     publish(playback_.time_of_next());
     return sent_;
+}
+
+bool shared_channel::send(const av::frame_t& frame) {
+    rtp::Packets* packets = cut_.of(frame);
+    if (!packets || !datagrams_.has_room(packets->count())) return false;
+    rtp_->pack(*packets);
+    datagrams_.send();
+    return true;
 }
 
 /// Our own sender reports come back from the group.
@@ -166,6 +177,10 @@ shared_channel* multicast::find(const channel& played) const {
 
 bool multicast::watched() const {
     return std::any_of(channels_.begin(), channels_.end(), [](const auto& each) { return each->watched(); });
+}
+
+bool multicast::coming_up() const {
+    return std::any_of(channels_.begin(), channels_.end(), [](const auto& each) { return each->coming_up(); });
 }
 
 uint64_t multicast::advance(const options& settings, uint64_t base, uint64_t now) {

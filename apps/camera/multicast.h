@@ -6,6 +6,7 @@
 #include "frame_packets.h"
 #include "options.h"
 #include "playback.h"
+#include "whole_pictures.h"
 
 #include "inet/net_thread.h"
 #include "inet/rtp_protocol.h"
@@ -49,6 +50,8 @@ public:
 
     // On the thread that sends
 
+    /// Watched, and not come up to the present yet.
+    bool coming_up() const { return watched() && !playback_.live(); }
     /// A datagram came to the group's port for RTCP.
     void take_report(in_addr from, buffer_t report);
     /// Sends what is due. @return the bytes
@@ -61,6 +64,7 @@ private:
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
     void add_tracks();
     void begin(start_t start, uint64_t base, uint64_t now);
+    bool send(const av::frame_t& frame);
     void publish(uint64_t next_time);
 
     worker& sender_;
@@ -72,9 +76,10 @@ private:
     const uint16_t first_port_;
     rtp::Rtp* rtp_;
     playback playback_;
+    whole_pictures pictures_;
+    bool resting_ = true;
     uint64_t sent_ = 0;
     std::atomic<unsigned> viewers_ = 0;
-    std::atomic<bool> begin_ = false;
     std::atomic<uint64_t> next_time_ = 0;
     std::vector<std::atomic<uint16_t>> next_seq_;
     std::array<std::atomic<uint32_t>, places> reports_{};  ///< received, by host
@@ -98,6 +103,8 @@ public:
     shared_channel* find(const channel& played) const;
     /// Whether anybody watches. Any thread.
     bool watched() const;
+    /// On the thread: whether one of them has not come up to the present yet.
+    bool coming_up() const;
     /// On the thread: sends what is due. @return the bytes
     uint64_t advance(const options& settings, uint64_t base, uint64_t now);
 

@@ -58,7 +58,7 @@ std::span<const option> table() {
         {"--start", "key|next", "a viewer begins with the last key picture (key) or waits for the next", take_start},
         {"--backlog", "BYTES", "may wait for a viewer before pictures are left out (2097152)",
          [](options& o, std::string_view text) { return take_number(o.backlog, text, 64u << 10, 1u << 30); }},
-        {"--stall", "SECONDS", "after which a viewer that takes nothing is dropped (10)",
+        {"--stall", "SECONDS", "after which a viewer that takes next to nothing is dropped (10)",
          [](options& o, std::string_view text) { return take_number(o.stall, text, 1, 3600); }},
         {"--timeout", "SECONDS", "after which a session without request or report ends (60)",
          [](options& o, std::string_view text) { return take_number(o.timeout, text, 1, 3600); }},

@@ -29,7 +29,7 @@ struct options {
     unsigned threads = 1;
     start_t start = start_t::key;
     uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a viewer
-    unsigned stall = 10;                 ///< seconds after which a viewer that takes nothing is dropped
+    unsigned stall = 10;                 ///< seconds after which a viewer that takes next to nothing is dropped
     unsigned timeout = 60;               ///< seconds without request or report after which a session ends
     std::string log;
     bool help = false;

@@ -25,9 +25,6 @@ public:
     /// @param played  outlives its use here; frame 0 of every track stands at `base`
     void begin(const channel& played, start_t start, uint64_t base, uint64_t now);
 
-    /// Time of the first frame.
-    uint64_t start_time() const { return start_; }
-
     /// The frame that has come by `now`, the earliest of all tracks; null when there is none. Good until the next call.
     const av::frame_t* due(uint64_t now);
     /// Steps behind the frame of due().

@@ -2,12 +2,12 @@
 
 #include "worker.h"
 
-#include "avc/fcc.h"
 #include "core/memory.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 #include "inet/net_uri.h"
 
+#include <algorithm>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -20,8 +20,11 @@ constexpr uint32_t receive_size = 8 * 1024;
 /// Seconds that a new connection has for its first request.
 constexpr unsigned first_request = 10;
 
-/// More than the headers of the packets of a frame, with its report.
-constexpr uint32_t packet_overhead(uint32_t frame_size) { return frame_size / 32 + 2 * rtp::packet_size; }
+/// Of what waits for it a player takes so many bytes within the stall time, or all: less than this is no watching.
+constexpr uint32_t least_progress = 64 * 1024;
+
+/// Longer than the sender report that may follow a frame.
+constexpr uint32_t report_room = 64;
 
 }  // namespace
 
@@ -57,7 +60,6 @@ void viewer::finish() {
 void viewer::on_socket(void* arg, uint32_t events) {
     auto* self = static_cast<viewer*>(arg);
     if (events & net::nt_event_read) self->receive();
-    if (events & net::nt_event_write) self->flush();
     self->serve();
     if (self->finished_) self->owner_.sweep();
 }
@@ -79,8 +81,8 @@ void viewer::receive() {
 
 /// What follows input: answers go out, and what is due at once.
 void viewer::serve() {
+    if (rtsp_) flush();  // it may have left with its session
     if (partner_ && is_post_) return partner_->serve();
-    if (rtsp_) flush();
     if (finished_) return;
     count_sharing();
     advance(owner_.now());
@@ -100,7 +102,7 @@ bool viewer::join(viewer& get) {
         partner_ = get.partner_ = nullptr;
         return false;
     }
-    get.serve();  // what was held until now
+    serve();  // what was held until now
     return true;
 }
 
@@ -128,7 +130,7 @@ void viewer::flush() {
 bool viewer::count_sent(int count) {
     if (count > 0) {
         owner_.count_sent(static_cast<uint64_t>(count));
-        took_ = true;
+        taken_ += static_cast<uint64_t>(count);
     } else if (count < 0 && socket_get_error_code() != socket_error_would_block) {
         finish();
         rtsp_->take_lent(rtsp_->lent().size);
@@ -147,13 +149,13 @@ void viewer::advance(uint64_t now) {
     if (!watching()) return;
     if (playback_.lost_touch(now)) {
         playback_.skip(now);
-        wait_for_key_ = true;
+        pictures_.leave_out();
     }
     send_due(now);
 }
 
 void viewer::send_due(uint64_t now) {
-    while (const av::frame_t* frame = playback_.due(now)) {
+    while (const av::frame_t* frame = watching() ? playback_.due(now) : nullptr) {
         // The past goes out as fast as the player takes it, each picture by itself.
         const bool past = !playback_.live();
         if (past && rtsp_->send_buffer()->length) return;
@@ -162,41 +164,58 @@ void viewer::send_due(uint64_t now) {
     }
 }
 
-/// Sends a frame, or leaves it out when the player does not keep up: whole pictures only, up to the next key picture.
 void viewer::send(const av::frame_t& frame) {
-    const bool picture = fcc_is_video(frame.fcc) != 0;
-    if (picture && frame.key) wait_for_key_ = false;
-    if (!fits(frame) || (picture && wait_for_key_)) {
-        // The pictures up to the next key picture build on the one that is left out.
-        if (picture) {
-            wait_for_key_ = true;
-            owner_.count_dropped();
-        }
-        return;
-    }
-    if (rtp::Packets* packets = owner_.packets_of(frame)) rtsp_->send_packets(*packets);
+    const rtsp3::trak_t* const trak = trak_of(frame);
+    if (!trak || !trak->set_up || trak->shared) return;
+    if (!pictures_.pass(frame, [&] { return send_packets(frame, *trak); })) owner_.count_dropped();
+}
+
+const rtsp3::trak_t* viewer::trak_of(const av::frame_t& frame) const {
+    uint32_t index = 0;
+    while (rtsp_->trak(index) && rtsp_->trak(index)->fcc != frame.fcc)
+        ++index;
+    return rtsp_->trak(index);
+}
+
+bool viewer::send_packets(const av::frame_t& frame, const rtsp3::trak_t& trak) {
+    rtp::Packets* const packets = owner_.packets_of(frame);
+    if (!packets || !fits(*packets, trak)) return false;
+    const bool sent = rtsp_->send_packets(*packets) != 0;
     watch_writability(rtsp_->send_buffer()->length != 0);
-    if (over_udp()) owner_.datagrams_out().send();
+    // They are stamped anew for the next viewer.
+    owner_.datagrams_out().send();
+    return sent;
 }
 
 /// A frame longer than all that may wait goes out when nothing waits.
-bool viewer::fits(const av::frame_t& frame) const {
-    if (over_udp()) return owner_.datagrams_out().has_room(frame.size);
+bool viewer::fits(const rtp::Packets& packets, const rtsp3::trak_t& trak) const {
+    if (trak.protocol != rtsp3::protocol_t::rtp_tcp) return owner_.datagrams_out().has_room(packets.count());
     const uint64_t waiting = rtsp_->send_buffer()->length;
-    return waiting == 0 || waiting + frame.size + packet_overhead(frame.size) <= owner_.settings().backlog;
+    return waiting == 0 || waiting + packets.interleaved().size + report_room <= owner_.settings().backlog;
 }
 
 void viewer::watch() {
     if (finished_) return;
-    stalled_ = took_ || rtsp_->send_buffer()->length == 0 ? 0 : stalled_ + 1;
-    took_ = false;
     uint32_t activity = rtsp_->activity();
     if (sharing_) activity += shared_->reports_from(peer_.sin_addr);
     silent_ = activity == activity_ ? silent_ + 1 : 0;
     activity_ = activity;
     // A POST end asks in the name of its GET end.
     const bool silent = !(is_post_ && partner_) && silent_ >= (activity ? owner_.settings().timeout : first_request);
-    if (silent || stalled_ >= owner_.settings().stall) finish();
+    if (stalls() || silent) finish();
+}
+
+/// Whether next to nothing has been taken for too long of what waits.
+bool viewer::stalls() {
+    flush();  // the system tells that there is room again only when much of it is free
+    const uint32_t waiting = rtsp_->send_buffer()->length;
+    if (waiting == 0 || taken_ >= expected_) {
+        expected_ = std::min(waiting, least_progress);
+        taken_ = 0;
+        stalled_ = 0;
+        return false;
+    }
+    return ++stalled_ >= owner_.settings().stall;
 }
 
 bool viewer::take_report(const sockaddr_in& from, buffer_t report) {
@@ -221,6 +240,10 @@ void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noex
             break;
         case e::rtsp_play:
             play();
+            break;
+        case e::rtsp_pause:
+        case e::rtsp_stop:
+            begun_ = false;
             break;
         case e::send_rtp:
             send_packet();
@@ -265,6 +288,7 @@ void viewer::describe() {
 }
 
 void viewer::set_up() {
+    begun_ = false;
     const rtsp3::trak_t& trak = *rtsp_->trak();
     if (trak.protocol == rtsp3::protocol_t::rtp_multicast) return share(trak);
     const bool udp = trak.protocol == rtsp3::protocol_t::rtp_udp;
@@ -305,15 +329,19 @@ void viewer::count_sharing() {
 }
 
 void viewer::play() {
-    playback_.begin(*channel_, owner_.settings().start, owner_.base(), owner_.now());
-    wait_for_key_ = false;
-    uint64_t first = playback_.start_time();
+    // To what plays already it is a sign of life (RFC 2326, 10.5).
+    if (!begun_) {
+        playback_.begin(*channel_, owner_.settings().start, owner_.base(), owner_.now());
+        pictures_.begin();
+        owner_.tick();
+    }
+    uint64_t first = playback_.time_of_next();
     for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
         if (!trak->shared) continue;
         shared_traks_[i].seq = shared_->next_seq(i);
         if (shared_->next_time()) first = shared_->next_time();
     }
-    rtsp_->send_play(first);
+    begun_ = rtsp_->send_play(first) != 0;
 }
 
 sockaddr_in viewer::player_port(unsigned offset) const {

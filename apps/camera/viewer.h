@@ -4,6 +4,7 @@
 #include "clip.h"
 #include "multicast.h"
 #include "playback.h"
+#include "whole_pictures.h"
 
 #include "avc/frame.h"
 #include "core/buf.h"
@@ -31,6 +32,10 @@ public:
     bool finished() const { return finished_; }
     /// Closes it as soon as no callback of it runs, and the other end of its tunnel with it.
     void finish();
+    /// It is sent media,
+    bool watching() const { return !finished_ && rtsp_->playing(); }
+    /// and has not come up to the present yet.
+    bool coming_up() const { return watching() && !playback_.live(); }
     /// It is served nothing, nor is it part of a tunnel.
     bool idle() const { return !finished_ && !partner_ && !rtsp_->playing(); }
 
@@ -51,7 +56,6 @@ private:
     static void on_socket(void* arg, uint32_t events);
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override;
 
-    bool watching() const { return !finished_ && rtsp_->playing(); }
     void receive();
     void serve();
     void leave_to(worker& other);
@@ -59,11 +63,13 @@ private:
     bool count_sent(int count);
     void send_due(uint64_t now);
     void send(const av::frame_t& frame);
-    bool fits(const av::frame_t& frame) const;
+    const rtsp3::trak_t* trak_of(const av::frame_t& frame) const;
+    bool send_packets(const av::frame_t& frame, const rtsp3::trak_t& trak);
+    bool fits(const rtp::Packets& packets, const rtsp3::trak_t& trak) const;
+    bool stalls();
     void describe();
     void set_up();
     void play();
-    bool over_udp() const { return rtsp_->protocol() == rtsp3::protocol_t::rtp_udp; }
     sockaddr_in player_port(unsigned offset) const;
     void send_packet();
     void send_report();
@@ -80,6 +86,7 @@ private:
     buf_t received_;
     const channel* channel_ = nullptr;
     playback playback_;
+    bool begun_ = false;         ///< what is set up plays, or will with the next frame
     viewer* partner_ = nullptr;  ///< the other end of the tunnel
     bool is_post_ = false;
 
@@ -89,9 +96,10 @@ private:
 
     uint32_t activity_ = 0;
     unsigned silent_ = 0;   ///< seconds without activity
-    unsigned stalled_ = 0;  ///< seconds in which nothing was taken of what waits
-    bool took_ = false;     ///< something was, since the last second
-    bool wait_for_key_ = false;
+    unsigned stalled_ = 0;  ///< seconds for which `expected_` bytes were not taken
+    uint32_t expected_ = 0;
+    uint64_t taken_ = 0;
+    whole_pictures pictures_;
     bool writing_ = false;
     bool finished_ = false;
 };

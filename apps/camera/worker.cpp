@@ -19,6 +19,9 @@ struct handover {
 constexpr uint32_t longest_report = 1500;
 constexpr int reports_at_once = 64;
 
+/// Who comes up to the present is sent the past in steps of so many microseconds.
+constexpr uint64_t catch_up_step = 10'000;
+
 }  // namespace
 
 worker::~worker() { stop(); }
@@ -28,17 +31,17 @@ void worker::start() noexcept {
     if (!nt) return;
     tick_ = net::net_nt_command_create(nt, this, &worker::on_tick);
     net::net_nt_timer_set(nt, second_, 1, this, &worker::on_second);
+    if (!tick_ || !second_) stop();
 }
 
 void worker::stop() noexcept {
     if (!nt) return;
-    net::net_nt_command_destroy(tick_);
+    // Ends the loop first: its callbacks may use the handles until then, viewers are not called any more and can be
+    // deleted from here; all registrations went with it.
+    net::Thread::stop();
     tick_ = nullptr;
     second_ = nullptr;
     reports_ = nullptr;
-    // Ends the loop first: viewers are not called any more and can be deleted from here; their registrations went with
-    // it.
-    net::Thread::stop();
     core_cmd_process(queue);
     viewers_.clear();
     close_udp();
@@ -68,7 +71,6 @@ void worker::on_take(void* owner, void* arg) {
     }
     self->viewers_.push_back(std::make_unique<viewer>(*self, given->fd, given->peer, given->session));
     viewer& added = *self->viewers_.back();
-    if (self->viewers_.size() == 1) self->set_next_tick();
     if (given->session && !added.finished()) self->pair(added);
     on_sweep(self);
 }
@@ -91,7 +93,6 @@ void worker::pair(viewer& post) {
 void worker::on_sweep(void* arg) {
     auto* self = static_cast<worker*>(arg);
     self->taken_ -= static_cast<unsigned>(std::erase_if(self->viewers_, [](const auto& v) { return v->finished(); }));
-    self->counters_.viewers = static_cast<unsigned>(self->viewers_.size());
 }
 
 void worker::on_tick(void* arg, net::command_ctx*) {
@@ -104,13 +105,22 @@ void worker::on_tick(void* arg, net::command_ctx*) {
         self->count_sent(self->shared_streams().advance(shared.settings, shared.base, now));
     }
     on_sweep(self);
-    self->set_next_tick();
+    self->set_next_tick(now);
 }
 
-/// With the next frame; rests when nobody watches.
-void worker::set_next_tick() {
-    if (viewers_.empty() && !(first_ && shared_streams().watched())) return;
-    net::net_nt_command_at(tick_, station_.began + station_.played.next_time(now() - base()));
+/// With the first frame behind those that were sent at `now`, which may have come by already; rests when nobody
+/// watches.
+void worker::set_next_tick(uint64_t now) {
+    bool watched = first_ && shared_streams().watched();
+    bool coming_up = first_ && shared_streams().coming_up();
+    for (const auto& each : viewers_) {
+        watched |= each->watching();
+        coming_up |= each->coming_up();
+    }
+    if (!watched) return;
+    const uint64_t position = now - base();
+    const uint64_t next = station_.played.next_time(position);
+    net::net_nt_command_at(tick_, station_.began + (coming_up ? std::min(next, position + catch_up_step) : next));
 }
 
 rtp::Packets* worker::packets_of(const av::frame_t& frame) { return cut_.of(frame); }
@@ -120,6 +130,8 @@ void worker::on_second(void* arg, net::timer_ctx*) {
     for (const auto& each : self->viewers_)
         each->watch();
     on_sweep(self);
+    const auto playing = std::ranges::count_if(self->viewers_, [](const auto& each) { return each->watching(); });
+    self->counters_.viewers = static_cast<unsigned>(playing);
 }
 
 const channel* worker::find_channel(std::string_view path) const {

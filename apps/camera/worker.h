@@ -23,7 +23,7 @@ namespace camera {
 
 /// What the status line shows. Written by the worker's thread, read by any.
 struct counters {
-    std::atomic<unsigned> viewers = 0;
+    std::atomic<unsigned> viewers = 0;  ///< those who play
     std::atomic<uint64_t> bytes_sent = 0;
     std::atomic<uint64_t> pictures_dropped = 0;
 };
@@ -59,7 +59,7 @@ public:
     /// Hands over a connection: an accepted one, or with its session the POST end of a tunnel whose GET end is here.
     void take(int fd, const sockaddr_in& peer, rtsp3::Rtsp* session = nullptr);
     /// Has the thread look what is due.
-    void tick() { net::net_nt_command_exec(tick_); }
+    void tick() { net::net_nt_command_at(tick_, core_timer()); }
     const counters& count() const { return counters_; }
     unsigned load() const { return taken_; }
 
@@ -94,7 +94,7 @@ private:
     static void on_report(void* arg, uint32_t events);
     bool make_place();
     void close_udp();
-    void set_next_tick();
+    void set_next_tick(uint64_t now);
 
     station& station_;
     const bool first_;

@@ -1,11 +1,17 @@
 """ffmpeg watches inet-camera: what arrives is the clip, picture by picture and sample by sample."""
+import contextlib
 import hashlib
+import os
 import re
+import socket
+import struct
 import subprocess
+import tempfile
 import unittest
 
 from peers import (CAMERA, CLIP_SECONDS, HASHES, Camera, Failed, clip_file, clip_sound, ffmpeg, hashes_of,
                    picture_hashes, position_in_loop)
+from player import Player
 
 SECONDS = "5"
 KEY_DISTANCE = 50  # pictures
@@ -126,9 +132,46 @@ class Many(unittest.TestCase):
                 self.assertIsNotNone(position_in_loop(hashes_of(table), clip))
 
 
+class Mixed(unittest.TestCase):
+    def test_each_track_travels_its_own_way(self):
+        """Pictures over UDP, sound over TCP: each of two viewers gets the packets of its own streams, and all."""
+        with Camera() as camera, contextlib.ExitStack() as opened:
+            receivers, players = [], []
+            for _ in range(2):
+                receivers.append(opened.enter_context(socket.socket(type=socket.SOCK_DGRAM)))
+                receivers[-1].bind(("127.0.0.1", 0))
+                receivers[-1].settimeout(10)
+                port = receivers[-1].getsockname()[1]
+                players.append(opened.enter_context(Player(camera.url("live"))))
+                players[-1].set_up(transport=f"RTP/AVP;unicast;client_port={port}-{port + 1}")
+                players[-1].request("SETUP", f"{players[-1].url}/audio",
+                                    Transport="RTP/AVP/TCP;unicast;interleaved=2-3")
+            for player in players:
+                player.request("PLAY")
+            heads = [[struct.unpack_from(">HxxxxI", receiver.recv(2000), 2) for receiver in receivers]
+                     for _ in range(150)]
+            for seen in zip(*heads):
+                numbers = [number for number, _ in seen]
+                self.assertEqual({(b - a) % 65536 for a, b in zip(numbers, numbers[1:])}, {1})
+                self.assertEqual(len({source for _, source in seen}), 1)
+            for player in players:
+                self.assertEqual(player.packet()[0], 2)
+
+
 class CommandLine(unittest.TestCase):
     def test_mistakes_are_told(self):
         for arguments in (["--nonsense"], ["--rtsp", "x"], ["--user", "a"], ["--video", "/nowhere.h264"]):
-            done = subprocess.run([CAMERA, *arguments], capture_output=True, text=True, timeout=10)
-            self.assertNotEqual(done.returncode, 0)
-            self.assertTrue(done.stderr.startswith("inet-camera: "), done.stderr)
+            self.refuses(*arguments)
+
+    def test_pictures_that_rtp_cannot_carry_are_refused(self):
+        with tempfile.TemporaryDirectory() as directory:
+            name = os.path.join(directory, "a.jpg")
+            for size, pixels in (("2048x64", "yuvj420p"), ("100x64", "yuvj420p"), ("64x64", "yuvj444p"),
+                                 ("64x64", "gray")):
+                ffmpeg("-y", "-f", "lavfi", "-i", f"testsrc2=s={size}", "-frames:v", "1", "-pix_fmt", pixels, name)
+                self.refuses("--jpeg", name)
+
+    def refuses(self, *arguments):
+        done = subprocess.run([CAMERA, "--rtsp", "0", *arguments], capture_output=True, text=True, timeout=10)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertIn("inet-camera: ", done.stderr)

@@ -81,11 +81,19 @@ class Stall(unittest.TestCase):
     def test_it_is_dropped_and_nobody_waits_for_it(self):
         with self.camera("--stall", "3") as camera:
             stalled = [self.play(camera, receive_buffer=8192) for _ in range(5)]
+            slow = self.play(camera)
             reading = self.play(camera)
             arrivals = {}
-            end = time.monotonic() + 9
-            while time.monotonic() < end:
+            now = time.monotonic()
+            end, next_drop = now + 9, now
+            while now < end:
                 channel, packet = reading.packet()
+                now = time.monotonic()
+                if now > next_drop:
+                    next_drop += 0.05
+                    slow.received += slow.socket.recv(8192)
+                    if now < end - 3:
+                        stalled[0].socket.recv(100)  # next to nothing
                 if channel == 0:
                     arrivals.setdefault(rtp_timestamp(packet), time.monotonic())
             stamps = list(arrivals)
@@ -95,4 +103,5 @@ class Stall(unittest.TestCase):
             for player in stalled:
                 with self.assertRaises((EOFError, ConnectionError)):
                     for _ in range(100000):
-                        player.packet()
+                        player.take(1000)
+            slow.request("GET_PARAMETER")  # a slow one is kept

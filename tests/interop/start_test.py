@@ -11,6 +11,13 @@ VIEWERS = 20
 KEY_SECONDS = 2
 
 
+def next_timestamp(player):
+    while True:
+        channel, packet = player.packet()
+        if channel == 0:
+            return rtp_timestamp(packet)
+
+
 class StartSerial(unittest.TestCase):
     @up_to_three_times
     def test_the_first_picture_is_there_at_once(self):
@@ -26,6 +33,18 @@ class StartSerial(unittest.TestCase):
 
 
 class Start(unittest.TestCase):
+    def test_another_play_changes_nothing(self):
+        """Players send it as a sign of life (RFC 2326, 10.5)."""
+        with Camera() as camera, Player(camera.url("live")) as player:
+            player.set_up()
+            player.request("PLAY")
+            for _ in range(3):
+                begin = time.monotonic()
+                while time.monotonic() < begin + 0.7:
+                    before = next_timestamp(player)
+                player.request("PLAY")
+                self.assertLess((next_timestamp(player) - before) % 2**32, 90000)
+
     def test_next_waits_for_the_coming_key_picture(self):
         with Camera("--start", "next") as camera:
             seconds = [time_to_picture(camera.url("live")) for _ in range(3)]
