@@ -29,7 +29,10 @@ struct local_deleter {
     void operator()(void* block) const noexcept { LocalFree(block); }
 };
 
-HANDLE handle_of(std::FILE* file) noexcept { return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file))); }
+HANDLE handle_of(std::FILE* file) noexcept {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): so the C library hands out handles
+    return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file)));
+}
 
 /// What the letters of a mode mean to the system, and to the C library that is given the handle.
 struct open_mode {
