@@ -20,9 +20,8 @@ constexpr int64_t days_in_period = 146'097;
 constinit std::atomic<uint64_t (*)()> test_clock = nullptr;
 constinit std::atomic<uint64_t> last_now = 0;
 
-template <class Clock>
-uint64_t microseconds() noexcept {
-    const auto since = Clock::now().time_since_epoch();
+uint64_t steady_microseconds() noexcept {
+    const auto since = std::chrono::steady_clock::now().time_since_epoch();
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(since).count());
 }
 
@@ -203,12 +202,12 @@ size_t format(uint64_t us, const char* pattern, char* out, size_t size) noexcept
 
 uint64_t core_timer() noexcept {
     const auto clock = test_clock.load(std::memory_order_acquire);
-    return clock ? clock() : microseconds<std::chrono::steady_clock>();
+    return clock ? clock() : steady_microseconds();
 }
 
 uint64_t time_now() noexcept {
     const auto clock = test_clock.load(std::memory_order_acquire);
-    const uint64_t now = clock ? clock() : microseconds<std::chrono::system_clock>();
+    const uint64_t now = clock ? clock() : core::platform::utc_now();
     uint64_t last = last_now.load();
     while (now > last) {
         if (last_now.compare_exchange_weak(last, now)) return now;

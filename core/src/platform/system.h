@@ -13,6 +13,8 @@ namespace core::platform {
 void name_thread(std::thread::native_handle_type thread, const char* name) noexcept;
 void name_this_thread(const char* name) noexcept;
 
+/// Microseconds since 1970-01-01 UTC, as finely as the system tells.
+uint64_t utc_now() noexcept;
 /// Seconds to add to UTC for local time at that moment (seconds since 1970-01-01 UTC).
 int64_t local_offset(int64_t seconds) noexcept;
 

@@ -10,9 +10,12 @@ constexpr int64_t ticks_per_second = 10'000'000;
 constexpr int64_t seconds_from_1601_to_1970 = 11'644'473'600;
 constexpr int64_t last_second = INT64_MAX / ticks_per_second - seconds_from_1601_to_1970;
 
+int64_t ticks_of(const FILETIME& time) noexcept {
+    return static_cast<int64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
+}
+
 int64_t seconds_of(const FILETIME& time) noexcept {
-    const int64_t ticks = static_cast<int64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
-    return ticks / ticks_per_second - seconds_from_1601_to_1970;
+    return ticks_of(time) / ticks_per_second - seconds_from_1601_to_1970;
 }
 
 FILETIME file_time_of(int64_t seconds) noexcept {
@@ -21,6 +24,13 @@ FILETIME file_time_of(int64_t seconds) noexcept {
 }
 
 }  // namespace
+
+// The standard library asks for the time of the last clock tick, up to 16 ms ago.
+uint64_t utc_now() noexcept {
+    FILETIME now{};
+    GetSystemTimePreciseAsFileTime(&now);
+    return static_cast<uint64_t>(ticks_of(now) / 10 - seconds_from_1601_to_1970 * 1'000'000);
+}
 
 int64_t local_offset(int64_t seconds) noexcept {
     if (seconds < -seconds_from_1601_to_1970 || seconds > last_second) return 0;
