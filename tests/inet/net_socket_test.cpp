@@ -455,6 +455,7 @@ TEST(Batch, IsReceivedAsFarAsItIsThere) {
     sockaddr_in to = local(net_socket_get_near_port(receiver));
     std::vector<std::array<uint8_t, 1400>> rooms(100);
     std::vector<received_t> batch;
+    batch.reserve(rooms.size());
     for (auto& room : rooms)
         batch.push_back({{room.data(), sizeof room, 0}, {}});
     expect_no_wait(net_udp_recv_batch(receiver, batch.data(), 100));
