@@ -38,7 +38,7 @@ def load(url, transport, viewers, seconds, *arguments):
 
 
 def offers_multicast():
-    usage = subprocess.run([CAMERA, "--help"], capture_output=True, text=True, check=True).stdout
+    usage = subprocess.run([*CAMERA, "--help"], capture_output=True, text=True, check=True).stdout
     return "--multicast" in usage
 
 

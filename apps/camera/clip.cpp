@@ -1,6 +1,7 @@
 #include "clip.h"
 
 #include "mulaw.h"
+#include "utf8_path.h"
 
 #include "avc/fcc.h"
 #include "avc/jpeg.h"
@@ -187,10 +188,9 @@ track load_reports(const std::string& path) {
 /// Where the bundled clip lies: beside the installed program, or in the tree the program was built from.
 std::string bundled_directory() {
     const std::unique_ptr<char, decltype(&core_mfree)> program(lib_path(CORE_HERE), &core_mfree);
-    const std::filesystem::path installed =
-        std::filesystem::path(program ? program.get() : ".") / INET_CLIP_INSTALL_DIR;
+    const std::filesystem::path installed = apps::utf8_path(program ? program.get() : ".") / INET_CLIP_INSTALL_DIR;
     std::error_code ignored;
-    return std::filesystem::exists(installed, ignored) ? installed.string() : INET_CLIP_BUILD_DIR;
+    return std::filesystem::exists(installed, ignored) ? apps::utf8_text(installed) : INET_CLIP_BUILD_DIR;
 }
 
 options with_bundled_files(options wanted) {
@@ -199,8 +199,8 @@ options with_bundled_files(options wanted) {
     wanted.audio = directory + "/clip.wav";
     wanted.analytics = directory + "/clip.json";
     std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
-        if (entry.path().extension() == ".jpg") wanted.jpeg.push_back(entry.path().string());
+    for (const auto& entry : std::filesystem::directory_iterator(apps::utf8_path(directory), ignored)) {
+        if (entry.path().extension() == ".jpg") wanted.jpeg.push_back(apps::utf8_text(entry.path()));
     }
     std::sort(wanted.jpeg.begin(), wanted.jpeg.end());
     return wanted;

@@ -82,8 +82,9 @@ int serve(const camera::options& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::vector<std::string> arguments = apps::start(argc, argv);
     std::string error;
-    const auto settings = camera::parse_options(argc, argv, error);
+    const auto settings = camera::parse_options(arguments, error);
     if (!settings) return fail(error + "; see inet-camera --help");
     if (settings->help) {
         std::fputs(camera::usage().c_str(), stdout);

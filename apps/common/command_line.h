@@ -56,35 +56,33 @@ const option<Options>* find_option(std::span<const option<Options>> table, std::
     return found == table.end() ? nullptr : &*found;
 }
 
-inline bool asks_for_help(int argc, const char* const* argv) {
-    for (const char* argument : std::span(argv, static_cast<size_t>(argc)).subspan(argc ? 1 : 0)) {
-        if (std::string_view(argument) == "--help" || std::string_view(argument) == "-h") return true;
-    }
-    return false;
+inline bool asks_for_help(std::span<const std::string> arguments) {
+    return std::ranges::any_of(arguments, [](const std::string& each) { return each == "--help" || each == "-h"; });
 }
 
 /// Reads the arguments into `out`. @return false on a mistake, which `error` tells.
 template <class Options>
-bool parse_command_line(std::span<const option<Options>> table, int argc, const char* const* argv, Options& out,
+bool parse_command_line(std::span<const option<Options>> table, std::span<const std::string> arguments, Options& out,
                         std::string& error) {
     const auto fail = [&](const std::string& why) {
         error = why;
         return false;
     };
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view argument = argv[i];
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string_view argument = arguments[i];
         const auto [name, attached] = split_option(argument);
         const option<Options>* const found = find_option(table, name);
         if (!found || (attached && found->value.empty())) return fail("unknown option: " + std::string(argument));
         const bool has_value = is_option(name) && !found->value.empty();
         std::string_view value = attached.value_or(argument);
         if (has_value && !attached) {
-            if (i + 1 == argc) return fail(std::string(name) + " wants " + std::string(found->value));
-            value = argv[++i];
+            if (i + 1 == arguments.size()) return fail(std::string(name) + " wants " + std::string(found->value));
+            value = arguments[++i];
         }
         bool taken = found->take(out, value);
-        while (taken && has_value && found->value.ends_with("...") && i + 1 < argc && !is_option(argv[i + 1])) {
-            value = argv[++i];
+        while (taken && has_value && found->value.ends_with("...") && i + 1 < arguments.size() &&
+               !is_option(arguments[i + 1])) {
+            value = arguments[++i];
             taken = found->take(out, value);
         }
         if (!taken) {

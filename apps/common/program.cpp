@@ -1,21 +1,18 @@
 #include "program.h"
 
+#include "platform/system.h"
+
 #include "core/log.h"
 #include "core/memory.h"
 #include "inet/inet.h"
 
-#include <csignal>
+#include <atomic>
 #include <cstdio>
 
 namespace apps {
 namespace {
 
-volatile std::sig_atomic_t was_interrupted = 0;
-
-void on_interrupt(int number) {
-    was_interrupted = 1;
-    std::signal(number, SIG_DFL);
-}
+std::atomic<bool> was_interrupted = false;
 
 /// Names what is still held.
 bool nothing_held(const char* program) {
@@ -28,6 +25,13 @@ bool nothing_held(const char* program) {
 
 }  // namespace
 
+std::vector<std::string> start(int argc, const char* const* argv) {
+    platform::prepare_console();
+    std::vector<std::string> arguments = platform::arguments(argc, argv);
+    if (!arguments.empty()) arguments.erase(arguments.begin());
+    return arguments;
+}
+
 void complain(const char* program, const std::string& message) {
     // Not behind what stands in the status line.
     if (core_con_is_terminal(1)) std::fputs("\r\x1b[K", stdout);
@@ -36,8 +40,7 @@ void complain(const char* program, const std::string& message) {
 }
 
 int run(const char* program, const std::string& log, const std::function<int()>& work) {
-    std::signal(SIGINT, on_interrupt);
-    std::signal(SIGTERM, on_interrupt);
+    platform::note_interrupts(was_interrupted);
     const uint32_t console = core_log_sink_console("console");
     const uint32_t file = log.empty() ? 0 : core_log_sink_file("*", log.c_str());
     int status = status_failed;
@@ -53,6 +56,6 @@ int run(const char* program, const std::string& log, const std::function<int()>&
     return nothing_held(program) ? status : status_failed;
 }
 
-bool interrupted() { return was_interrupted != 0; }
+bool interrupted() { return was_interrupted; }
 
 }  // namespace apps

@@ -3,11 +3,16 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace apps {
 
 /// Exit status for what a program could not do.
 inline constexpr int status_failed = 1;
+
+/// The first call of main(): from here on the console shows the UTF-8 and follows the sequences that are printed.
+/// @return the arguments behind the program's name, as UTF-8
+std::vector<std::string> start(int argc, const char* const* argv);
 
 /// Prints a message of the program to the error stream.
 void complain(const char* program, const std::string& message);

@@ -65,7 +65,7 @@ void connection::send(buf_t& waiting) {
     writing_ = wanted;
 }
 
-sockaddr_in connection::near() const { return net_socket_near(fd_); }
+sockaddr_in connection::local_address() const { return net_socket_near(fd_); }
 sockaddr_in connection::peer() const { return net_socket_peer(fd_); }
 
 }  // namespace viewer

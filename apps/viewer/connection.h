@@ -38,7 +38,7 @@ public:
     int error() const { return error_; }
     /// Sends what the system takes and drops it from the front; the rest is announced by on_writable().
     void send(buf_t& waiting);
-    sockaddr_in near() const;
+    sockaddr_in local_address() const;
     sockaddr_in peer() const;
 
 private:

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -72,8 +73,9 @@ int receive(const viewer::options& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::vector<std::string> arguments = apps::start(argc, argv);
     std::string error;
-    const auto settings = viewer::parse_options(argc, argv, error);
+    const auto settings = viewer::parse_options(arguments, error);
     if (!settings) return fail({outcome::usage, error + "; see inet-viewer --help"});
     if (settings->help) {
         std::fputs(viewer::usage().c_str(), stdout);

@@ -2,6 +2,7 @@
 
 #include "outcome.h"
 #include "program.h"
+#include "utf8_path.h"
 
 #include "avc/fcc.h"
 #include "avc/mp4.h"
@@ -26,7 +27,7 @@ mp4_writer::~mp4_writer() {
 }
 
 bool mp4_writer::open() {
-    file_.open(path(), std::ios::binary | std::ios::trunc);
+    file_.open(apps::utf8_path(path()), std::ios::binary | std::ios::trunc);
     return file_.is_open();
 }
 

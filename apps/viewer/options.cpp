@@ -107,11 +107,11 @@ Exit status:
 
 }  // namespace
 
-std::optional<options> parse_options(int argc, const char* const* argv, std::string& error) {
+std::optional<options> parse_options(std::span<const std::string> arguments, std::string& error) {
     options result;
-    result.help = apps::asks_for_help(argc, argv);
+    result.help = apps::asks_for_help(arguments);
     if (result.help) return result;
-    if (!apps::parse_command_line(table(), argc, argv, result, error)) return std::nullopt;
+    if (!apps::parse_command_line(table(), arguments, result, error)) return std::nullopt;
     if (result.uri.empty()) {
         error = "which stream? rtsp://...";
         return std::nullopt;

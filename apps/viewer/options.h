@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,7 @@ struct options {
 };
 
 /// The options; on a mistake nothing, with the reason in `error`.
-std::optional<options> parse_options(int argc, const char* const* argv, std::string& error);
+std::optional<options> parse_options(std::span<const std::string> arguments, std::string& error);
 
 /// The text of --help.
 std::string usage();

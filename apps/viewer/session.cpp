@@ -272,7 +272,7 @@ void session::make_ready() {
     if (wanted_.way != transport::multicast) return;
     for (uint32_t i = 0; i < rtsp_->trak_count(); ++i) {
         const rtsp3::trak_t& source = *rtsp_->trak(i);
-        if (source.set_up && !make_udp(source).join(main_->near())) {
+        if (source.set_up && !make_udp(source).join(main_->local_address())) {
             return end({outcome::protocol_error, "the group that the server names cannot be joined"});
         }
     }

@@ -29,15 +29,15 @@ udp_track::~udp_track() {
 
 bool udp_track::open() { return socket_rtp_pair(&rtp_fd_, &rtcp_fd_) == 1 && listen(); }
 
-bool udp_track::join(const sockaddr_in& near) {
+bool udp_track::join(const sockaddr_in& local_address) {
     if (!track_.server_port) return false;
-    char interface[net_addr_size];
-    net_addr_ip(near, interface, sizeof interface);
+    char local[net_addr_size];
+    net_addr_ip(local_address, local, sizeof local);
     uint16_t port = track_.server_port;
     for (int* fd : {&rtp_fd_, &rtcp_fd_}) {
         *fd = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
         if (*fd < 0 || net_udp_listen(*fd, nullptr, port++) != 0) return false;
-        if (!socket_joinGroup(*fd, track_.destination.get(), interface)) return false;
+        if (!socket_joinGroup(*fd, track_.destination.get(), local)) return false;
     }
     return listen();
 }

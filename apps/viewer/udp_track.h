@@ -25,8 +25,8 @@ public:
 
     /// Opens a pair of ports. @return false when there is none.
     bool open();
-    /// Joins the group that the server named, on the interface of the address `near`. @return false when it cannot be.
-    bool join(const sockaddr_in& near);
+    /// Joins the group that the server named, on the interface of `local_address`. @return false when it cannot be.
+    bool join(const sockaddr_in& local_address);
     uint16_t port() const;
 
     /// Sends a report to the server. Viewers of a group do not report: all would get the reports of all.

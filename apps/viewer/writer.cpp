@@ -1,6 +1,7 @@
 #include "writer.h"
 
 #include "mp4_writer.h"
+#include "utf8_path.h"
 
 #include "avc/fcc.h"
 
@@ -26,7 +27,7 @@ public:
     using writer::writer;
 
     bool open() override {
-        file_.open(path(), std::ios::binary | std::ios::trunc);
+        file_.open(apps::utf8_path(path()), std::ios::binary | std::ios::trunc);
         return file_.is_open();
     }
     bool write(const av::frame_t& frame) override { return put(file_, frame.data, frame.size); }
@@ -148,7 +149,7 @@ number_place find_number_place(const std::string& path) {
         std::from_chars(&path[place.begin + 1], &path[end], place.digits);
         place.digits = std::min(place.digits, most_digits);
     } else {
-        place.begin = path.size() - std::filesystem::path(path).extension().string().size();
+        place.begin = path.size() - apps::utf8_path(path).extension().u8string().size();
         place.separator = "_";
     }
     return place;
@@ -161,12 +162,12 @@ public:
     bool takes(uint32_t fcc) const override { return fcc == av::fcc_jpeg; }
     /// There is no file before the first picture, but a place for it.
     bool open() override {
-        const std::filesystem::path folder = std::filesystem::path(path()).parent_path();
+        const std::filesystem::path folder = apps::utf8_path(path()).parent_path();
         std::error_code ignored;
         return folder.empty() || std::filesystem::is_directory(folder, ignored);
     }
     bool write(const av::frame_t& picture) override {
-        std::ofstream file(next_name(), std::ios::binary | std::ios::trunc);
+        std::ofstream file(apps::utf8_path(next_name()), std::ios::binary | std::ios::trunc);
         return put(file, picture.data, picture.size) && file.flush().good();
     }
     bool flush() override { return true; }
@@ -201,7 +202,7 @@ constexpr kind kinds[] = {
 };
 
 const kind* find_kind(std::string_view path) {
-    std::string ending = std::filesystem::path(path).extension().string();
+    std::string ending = apps::utf8_text(apps::utf8_path(path).extension());
     std::transform(ending.begin(), ending.end(), ending.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     const auto* found =

@@ -172,6 +172,6 @@ class CommandLine(unittest.TestCase):
                 self.refuses("--jpeg", name)
 
     def refuses(self, *arguments):
-        done = subprocess.run([CAMERA, "--rtsp", "0", *arguments], capture_output=True, text=True, timeout=10)
+        done = subprocess.run([*CAMERA, "--rtsp", "0", *arguments], capture_output=True, text=True, timeout=10)
         self.assertNotEqual(done.returncode, 0)
         self.assertIn("inet-camera: ", done.stderr)

@@ -3,13 +3,15 @@ import functools
 import os
 import random
 import re
+import shlex
 import signal
 import socket
 import subprocess
 import threading
 
-CAMERA = os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera")
-VIEWER = os.environ.get("INET_VIEWER", "build/dev/apps/inet-viewer")
+# Commands: a program for another system stands behind the one that runs it.
+CAMERA = shlex.split(os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera"))
+VIEWER = shlex.split(os.environ.get("INET_VIEWER", "build/dev/apps/inet-viewer"))
 CLIP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "apps", "camera", "clip")
 CLIP_SECONDS = 8.0
 
@@ -19,7 +21,7 @@ class Camera:
 
     def __init__(self, *arguments, prefix=()):
         """`prefix` is a command that starts the program, such as that for another network namespace."""
-        self.process = subprocess.Popen([*prefix, CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
+        self.process = subprocess.Popen([*prefix, *CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, text=True)
         self.errors = []
         self.reader = threading.Thread(target=lambda: self.errors.extend(self.process.stderr))

@@ -36,7 +36,7 @@ class Case(unittest.TestCase):
         return os.path.join(self.folder, name)
 
     def start(self, url, *arguments):
-        return subprocess.Popen([VIEWER, url, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        return subprocess.Popen([*VIEWER, url, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
     def end(self, viewer, status=0):
         """Waits for the end and checks the status: what the tracks counted, and the messages."""
@@ -204,7 +204,7 @@ class Status(Case):
                 path = self.path(name.replace("_00001", ""))
                 self.check(CANNOT_WRITE, camera.url(channel), "-o", path, "--duration", "3")
             with open("/dev/full", "w") as full:
-                done = subprocess.run([VIEWER, url, "--duration", "0.2", "--stats"], stdout=full,
+                done = subprocess.run([*VIEWER, url, "--duration", "0.2", "--stats"], stdout=full,
                                       stderr=subprocess.DEVNULL, timeout=60)
             self.assertEqual(done.returncode, CANNOT_WRITE)
             self.check(NOTHING, url, "--duration", "1", "-o", self.path("b.h264"), "-o", self.path("b.jpg"))
@@ -215,7 +215,7 @@ class Status(Case):
                           ["rtsp://u:p@/x"], ["rtsp://u:p@[::1]/x"], [url, url], [url, "-o"], [url, "-o", "a.avi"],
                           [url, "-o", "a.mp4", "-o", "a.mp4"], [url, "--duration", "-1"], [url, "--transport=pigeon"],
                           [url, "--nonsense"], [url, "--stats=1"], [url, "--reconnect"]):
-            done = subprocess.run([VIEWER, *arguments], capture_output=True, text=True, timeout=10, cwd=self.folder)
+            done = subprocess.run([*VIEWER, *arguments], capture_output=True, text=True, timeout=10, cwd=self.folder)
             self.assertEqual(done.returncode, USAGE, arguments)
             self.assertRegex(done.stderr, r"^inet-viewer: .+\n$")
         self.assertEqual(os.listdir(self.folder), [])

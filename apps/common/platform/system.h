@@ -1,0 +1,20 @@
+// What the programs ask of the operating system and the library does not offer. posix_*.cpp and windows_*.cpp implement
+// the same functions; no other source of the programs knows on which system it runs.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+namespace apps::platform {
+
+/// The arguments of main(), the program's name first, as UTF-8.
+std::vector<std::string> arguments(int argc, const char* const* argv);
+
+/// Has the console show UTF-8 and follow escape sequences, until the program ends.
+void prepare_console();
+
+/// Sets `flag` when the user or the system asks the program to end. The second request ends it at once.
+void note_interrupts(std::atomic<bool>& flag);
+
+}  // namespace apps::platform

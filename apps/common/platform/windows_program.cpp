@@ -1,0 +1,85 @@
+#include "system.h"
+
+#include <cstdlib>
+#include <iterator>
+#include <memory>
+#include <windows.h>
+// clang-format off: it builds on the types of the one before
+#include <shellapi.h>
+// clang-format on
+
+namespace apps::platform {
+namespace {
+
+/// A console belongs to everybody who uses it: it is left as it was found.
+struct console_state {
+    HANDLE stream = INVALID_HANDLE_VALUE;
+    DWORD mode = 0;
+};
+console_state outputs[2];
+UINT code_page = 0;
+
+void restore_console() {
+    for (const console_state& each : outputs) {
+        if (each.stream != INVALID_HANDLE_VALUE) SetConsoleMode(each.stream, each.mode);
+    }
+    SetConsoleOutputCP(code_page);
+}
+
+std::atomic<std::atomic<bool>*> noted = nullptr;
+
+/// Runs on a thread of its own.
+BOOL WINAPI on_control(DWORD event) {
+    std::atomic<bool>* const flag = noted.exchange(nullptr);
+    if (!flag) return FALSE;
+    *flag = true;
+    // When the console goes away, the user logs off or the system stops, the program is ended with the return from
+    // here: main() ends it before, or the system does after some seconds.
+    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(INFINITE);
+    return TRUE;
+}
+
+/// A lone surrogate becomes U+FFFD.
+std::string utf8(const wchar_t* text) {
+    const int size = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    std::string result(size > 0 ? static_cast<size_t>(size) : 1, '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), size, nullptr, nullptr);
+    result.pop_back();  // the NUL
+    return result;
+}
+
+}  // namespace
+
+std::vector<std::string> arguments(int argc, const char* const* argv) {
+    int count = 0;
+    // What main() gets has gone through the code page of the system.
+    const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(CommandLineToArgvW(GetCommandLineW(), &count),
+                                                               &LocalFree);
+    if (!wide) return {argv, argv + argc};
+    std::vector<std::string> result;
+    for (int i = 0; i < count; ++i)
+        result.push_back(utf8(wide.get()[i]));
+    return result;
+}
+
+void prepare_console() {
+    code_page = GetConsoleOutputCP();
+    if (!code_page) return;  // none is there
+    constexpr DWORD streams[] = {STD_OUTPUT_HANDLE, STD_ERROR_HANDLE};
+    for (size_t i = 0; i < std::size(streams); ++i) {
+        const HANDLE stream = GetStdHandle(streams[i]);
+        DWORD mode = 0;
+        if (!GetConsoleMode(stream, &mode)) continue;
+        outputs[i] = {stream, mode};
+        SetConsoleMode(stream, mode | ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    }
+    SetConsoleOutputCP(CP_UTF8);
+    std::atexit(restore_console);
+}
+
+void note_interrupts(std::atomic<bool>& flag) {
+    noted = &flag;
+    SetConsoleCtrlHandler(on_control, TRUE);
+}
+
+}  // namespace apps::platform
