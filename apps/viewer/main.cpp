@@ -46,7 +46,7 @@ void follow(viewer::player& received) {
 bool print(const std::vector<viewer::track_report>& reports) {
     for (size_t i = 0; i < reports.size(); ++i)
         std::printf("%s\n", reports[i].text(i).c_str());
-    return std::fflush(stdout) == 0;
+    return std::fflush(stdout) == 0 && !std::ferror(stdout);  // an earlier part may have failed, too
 }
 
 int receive(const viewer::options& settings) {
