@@ -3,17 +3,23 @@ import functools
 import os
 import random
 import re
-import shlex
 import signal
 import socket
 import subprocess
 import threading
 
-# Commands: a program for another system stands behind the one that runs it.
-CAMERA = shlex.split(os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera"))
-VIEWER = shlex.split(os.environ.get("INET_VIEWER", "build/dev/apps/inet-viewer"))
-CLIP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "apps", "camera", "clip")
+ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+CLIP = os.path.join(ROOT, "apps", "camera", "clip")
 CLIP_SECONDS = 8.0
+
+
+def command(program):
+    """What runs a program: one for Windows runs under Wine, which hands SIGINT on as Ctrl-C."""
+    return [os.path.join(ROOT, "scripts", "wine"), program] if program.endswith(".exe") else [program]
+
+
+CAMERA = command(os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera"))
+VIEWER = command(os.environ.get("INET_VIEWER", "build/dev/apps/inet-viewer"))
 
 
 class Camera:
@@ -32,7 +38,9 @@ class Camera:
             if found:
                 self.urls[found.group(1)] = found.group(0)
             if line.startswith("ready"):
-                break
+                return
+        self.__exit__(None, None, None)
+        raise AssertionError("camera ended before it was ready")
 
     def __enter__(self):
         return self

@@ -27,7 +27,7 @@ def nal_units(path):
 
 class Case(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
+        folder = tempfile.TemporaryDirectory(prefix="größe-画-")  # as paths are UTF-8
         self.addCleanup(folder.cleanup)
         self.folder = folder.name
         self.clip = nal_units(clip_file("clip.h264"))
