@@ -58,6 +58,8 @@ configure_package_config_file(cmake/inet-config.cmake.in ${PROJECT_BINARY_DIR}/i
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/inet-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/inet-config.cmake ${PROJECT_BINARY_DIR}/inet-config-version.cmake
     DESTINATION ${package_dir})
-file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/inet.pc.in ${PROJECT_BINARY_DIR}/inet.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/inet.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(NOT WIN32)
+    file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+    configure_file(cmake/inet.pc.in ${PROJECT_BINARY_DIR}/inet.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/inet.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()

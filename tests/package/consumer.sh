@@ -1,19 +1,38 @@
 #!/usr/bin/env bash
-# Installs a built tree and builds the README's embedding example against it, by the CMake package and by pkg-config.
-#   consumer.sh SOURCE-DIR BUILD-DIR
+# Installs a built tree or unpacks its package, and builds the README's embedding example against it.
+#   consumer.sh SOURCE-DIR BUILD-DIR install|deb|zip
 set -euo pipefail
-source_dir=$1 build_dir=$2
+source_dir=$1 build_dir=$2 how=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-cmake --install "$build_dir" --prefix "$work/usr" >"$work/install.log"
+# quietly COMMAND...: shows what a command says only when it fails.
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; return 1; }; }
+
+tree=$work/usr run=() exe='' settings=()
+case $how in
+    install) quietly cmake --install "$build_dir" --prefix "$tree" ;;
+    deb)
+        quietly cpack --config "$build_dir/CPackConfig.cmake" -B "$work/packages"
+        dpkg-deb -x "$work"/packages/*.deb "$work"
+        dpkg-deb -f "$work"/packages/*.deb Package Version Architecture Depends
+        ;;
+    zip)
+        quietly cpack --config "$build_dir/CPackConfig.cmake" -B "$work/packages"
+        (cd "$work" && python3 -m zipfile -e packages/*.zip .)
+        mv "$work"/inet-*-windows-x64 "$tree"
+        settings=(--toolchain "$source_dir/cmake/mingw-w64.cmake" -DCMAKE_FIND_ROOT_PATH="$tree")
+        run=("$source_dir/scripts/wine") exe=.exe
+        ;;
+esac
+
 cp -r "$source_dir/tests/package/consumer" "$work/consumer"
 # The example is the README's own: what a reader copies is what is compiled here.
 awk '/^```cpp/ {inside = 1; next} /^```/ {inside = 0} inside' "$source_dir/README.md" >"$work/consumer/main.cpp"
 
 # watch PROGRAM: starts the example and has a real player take a picture from it.
 watch() {
-    "$1" "$picture" &
+    "${run[@]}" "$1" "$picture" &
     local sender=$!
     timeout 30 ffmpeg -nostdin -loglevel fatal -y -i rtp://127.0.0.1:$port -frames:v 1 "$work/seen.png"
     kill $sender
@@ -30,20 +49,25 @@ lines=$(grep -c . "$work/consumer/main.cpp")
 ((lines > 10)) || { echo "no example in README.md"; exit 1; }
 
 echo "-- by find_package"
-cmake -G Ninja -S "$work/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/usr" >"$work/cmake.log" || { cat "$work/cmake.log"; exit 1; }
+quietly cmake -G Ninja -S "$work/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$tree" "${settings[@]}"
 cmake --build "$work/build"
-watch "$work/build/consumer"
-watch "$work/build/consumer-static"
+if [[ $how == zip ]]; then cp "$tree/bin/inet.dll" "$work/build"; fi
+watch "$work/build/consumer$exe"
+watch "$work/build/consumer-static$exe"
 
-echo "-- by pkg-config"
-PKG_CONFIG_PATH=$(dirname "$(find "$work/usr" -name inet.pc)")
-export PKG_CONFIG_PATH
-# shellcheck disable=SC2046
-c++ -std=c++20 "$work/consumer/main.cpp" -o "$work/by-pkg-config" $(pkg-config --cflags --libs inet)
-LD_LIBRARY_PATH=$(pkg-config --variable=libdir inet)
-export LD_LIBRARY_PATH
-watch "$work/by-pkg-config"
+if [[ $how != zip ]]; then
+    echo "-- by pkg-config"
+    PKG_CONFIG_PATH=$(dirname "$(find "$tree" -name inet.pc)")
+    export PKG_CONFIG_PATH
+    # shellcheck disable=SC2046
+    c++ -std=c++20 "$work/consumer/main.cpp" -o "$work/by-pkg-config" $(pkg-config --cflags --libs inet)
+    LD_LIBRARY_PATH=$(pkg-config --variable=libdir inet)
+    export LD_LIBRARY_PATH
+    watch "$work/by-pkg-config"
+fi
 
 echo "-- the programs"
-"$work/usr/bin/inet-camera" --help >/dev/null
-"$work/usr/bin/inet-viewer" --help >/dev/null
+for program in inet-camera inet-viewer; do
+    "${run[@]}" "$tree/bin/$program$exe" --help >/dev/null
+done
+[[ -f $tree/share/inet/clip/clip.h264 ]]

@@ -1,13 +1,21 @@
 #!/usr/bin/env bash
 # The shared library exports what the public headers mark INET_API, all of it, and nothing else.
-#   exports.sh SOURCE-DIR BUILD-DIR
+#   exports.sh SOURCE-DIR BUILD-DIR LIBRARY
 set -euo pipefail
-source_dir=$1 build_dir=$2
+source_dir=$1 library=$2/$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
+# symbols: what the library exports, as the linker knows it.
+symbols() {
+    case $library in
+        *.dll) x86_64-w64-mingw32-objdump -p "$library" | sed -n '/Name Pointer. Table/,/^$/s/^\s*\[ *[0-9]*\].* //p' ;;
+        *) nm -D --defined-only "$library" | awk '$2 != "A" {print $3}' ;;
+    esac
+}
+
 # Names as exported: namespaces kept, arguments and the tags of vtables and type records cut off.
-nm -D --defined-only "$build_dir/libinet.so" | awk '$2 != "A" {print $3}' | c++filt |
+symbols | c++filt |
     sed -E 's/^(vtable|typeinfo|typeinfo name|VTT) for //; s/^non-virtual thunk to //; s/\(.*$//; s/\[abi:[^]]*\]//' |
     sort -u >"$work/exported"
 
