@@ -1,5 +1,6 @@
 #include "system.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <memory>
@@ -56,9 +57,8 @@ std::vector<std::string> arguments(int argc, const char* const* argv) {
     const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(CommandLineToArgvW(GetCommandLineW(), &count),
                                                                &LocalFree);
     if (!wide) return {argv, argv + argc};
-    std::vector<std::string> result;
-    for (int i = 0; i < count; ++i)
-        result.push_back(utf8(wide.get()[i]));
+    std::vector<std::string> result(static_cast<size_t>(count));
+    std::transform(wide.get(), wide.get() + count, result.begin(), utf8);
     return result;
 }
 
