@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <ranges>
 #include <windows.h>
 // clang-format off: it builds on the types of the one before
 #include <shellapi.h>
@@ -20,8 +21,9 @@ struct console_state {
 console_state outputs[2];
 UINT code_page = 0;
 
+// The last one first: both are mostly the same console, and what was found there is the mode of the first.
 void restore_console() {
-    for (const console_state& each : outputs) {
+    for (const console_state& each : std::views::reverse(outputs)) {
         if (each.stream != INVALID_HANDLE_VALUE) SetConsoleMode(each.stream, each.mode);
     }
     SetConsoleOutputCP(code_page);
