@@ -10,7 +10,8 @@ foreach(floor IN LISTS floors)
     else()
         list(APPEND shared_objects $<TARGET_OBJECTS:inet_floor_${floor}>)
     endif()
-    list(APPEND include_dirs ${PROJECT_SOURCE_DIR}/${floor}/include)
+    inet_header_folders(${floor} folders)
+    list(APPEND include_dirs ${folders})
 endforeach()
 list(TRANSFORM include_dirs REPLACE "(.+)" "$<BUILD_INTERFACE:\\1>" OUTPUT_VARIABLE build_include_dirs)
 
@@ -47,8 +48,8 @@ install(TARGETS inet inet_static EXPORT inet-targets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-foreach(floor IN LISTS floors)
-    install(DIRECTORY ${PROJECT_SOURCE_DIR}/${floor}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+foreach(folder IN LISTS include_dirs)
+    install(DIRECTORY ${folder}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/inet)

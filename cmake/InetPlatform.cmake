@@ -5,6 +5,15 @@ else()
     set(INET_PLATFORM posix)
 endif()
 
+# The public headers of a floor: those of every system, and those of this one where there are such.
+function(inet_header_folders floor result)
+    set(folders ${PROJECT_SOURCE_DIR}/${floor}/include)
+    if(EXISTS ${PROJECT_SOURCE_DIR}/${floor}/src/platform/${INET_PLATFORM}_include)
+        list(APPEND folders ${PROJECT_SOURCE_DIR}/${floor}/src/platform/${INET_PLATFORM}_include)
+    endif()
+    set(${result} ${folders} PARENT_SCOPE)
+endfunction()
+
 # inet_floor_<name> goes into the static library and, where one and the same code will do, into the shared one. What a DLL
 # exports is compiled for it: inet_floor_<name>_shared.
 function(inet_add_floor name)
@@ -20,7 +29,8 @@ function(inet_add_floor name)
         add_library(${target} OBJECT ${sources} ${platform})
         target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/${name}/src)
         foreach(floor IN ITEMS ${name} LISTS ARG_BELOW)
-            target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR}/${floor}/include)
+            inet_header_folders(${floor} folders)
+            target_include_directories(${target} PUBLIC ${folders})
         endforeach()
         target_link_libraries(${target} PRIVATE inet_compile_options)
     endforeach()
