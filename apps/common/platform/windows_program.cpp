@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
-#include <ranges>
 #include <windows.h>
 // clang-format off: it builds on the types of the one before
 #include <shellapi.h>
@@ -23,9 +22,9 @@ UINT code_page = 0;
 
 // The last one first: both are mostly the same console, and what was found there is the mode of the first.
 void restore_console() {
-    for (const console_state& each : std::views::reverse(outputs)) {
+    std::for_each(std::rbegin(outputs), std::rend(outputs), [](const console_state& each) {
         if (each.stream != INVALID_HANDLE_VALUE) SetConsoleMode(each.stream, each.mode);
-    }
+    });
     SetConsoleOutputCP(code_page);
 }
 
