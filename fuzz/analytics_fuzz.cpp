@@ -1,17 +1,16 @@
 // Detector reports turned into metadata documents.
+#include "fuzz.h"
+
 #include "core/memory.h"
 #include "inet/net_analytics.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 /// Whatever was reported, the document is made of our own elements and numbers.
 void check(const char* document) {
@@ -24,17 +23,15 @@ void check(const char* document) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < sizeof(uint64_t)) return 0;
+void fuzz_target(std::span<const uint8_t> input) {
+    if (input.size() < sizeof(uint64_t)) return;
     uint64_t time;
-    std::memcpy(&time, data, sizeof(time));
-    const std::string json(reinterpret_cast<const char*>(data) + sizeof(time), size - sizeof(time));
+    std::memcpy(&time, input.data(), sizeof(time));
+    const std::string json = fuzz::text_of(input.subspan(sizeof(time)));
     char* net = net_analytics_convert(json.c_str(), time, CORE_HERE);
     char* onvif = onvif_convert(json.c_str(), time);
     check(net);
     check(onvif);
     core_mfree(net);
     core_mfree(onvif);
-    require(core_mem_blocks() == 0);
-    return 0;
 }

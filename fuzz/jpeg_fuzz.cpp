@@ -1,13 +1,11 @@
 // JPEG from a camera's file or the network: inspection, and a header rebuilt from the fields of an RTP packet.
-#include "avc/jpeg.h"
+#include "fuzz.h"
 
-#include <cstdlib>
+#include "avc/jpeg.h"
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 /// The fields in the order of RFC 2435, 3.1: type, width and height in blocks of 8, restart interval, tables.
 void rebuild(std::span<const uint8_t> packet) {
@@ -27,9 +25,8 @@ void rebuild(std::span<const uint8_t> packet) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+void fuzz_target(std::span<const uint8_t> input) {
     jpeg_info_t info;
-    if (jpeg_inspect({data, size}, &info)) require(info.width > 0 && info.height > 0 && info.components > 0);
-    rebuild({data, size});
-    return 0;
+    if (jpeg_inspect(input, &info)) require(info.width > 0 && info.height > 0 && info.components > 0);
+    rebuild(input);
 }

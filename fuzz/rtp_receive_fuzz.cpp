@@ -1,20 +1,19 @@
 // RTP and RTCP packets of any bytes into tracks of all formats, straight and through a reorder window. The input is a
 // row of packets, each behind a byte that says how it comes and two of its length: nothing holds more than promised, no
 // packet is handed over out of order, and the counters add up.
+#include "fuzz.h"
+
 #include "avc/fcc.h"
 #include "inet/rtp_protocol.h"
 #include "inet/rtp_reorder.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 #include <vector>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 struct format_t {
     uint8_t pt;
@@ -71,26 +70,30 @@ void check_track(const rtp::trak_t& track, uint32_t packets) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+void fuzz_target(std::span<const uint8_t> input) {
     checker owner;
     stream_t stream;
     stream.rtp.set_handler(&owner);
-    for (const auto& [pt, fcc, rate] : formats)
-        stream.rtp.add_trak(pt, fcc)->clock_rate = rate;
+    for (const auto& [pt, fcc, rate] : formats) {
+        rtp::trak_t* const track = stream.rtp.add_trak(pt, fcc);
+        if (!track) return require(fuzz::starved);
+        track->clock_rate = rate;
+    }
     const std::unique_ptr<rtp::Reorder, void (*)(rtp::Reorder*)> order(
         rtp::Reorder::create({4, 100}, deliver, &stream, CORE_HERE), rtp::Reorder::destroy);
     stream.order = order.get();
+    if (!order) return require(fuzz::starved);
 
     uint32_t packets = 0;
     uint64_t now = 1;
-    while (size >= 3) {
-        const uint8_t how = data[0];
-        const size_t length = std::min<size_t>(size_t{data[1]} << 8 | data[2], size - 3);
+    while (input.size() >= 3) {
+        const uint8_t how = input[0];
+        const size_t length = std::min<size_t>(size_t{input[1]} << 8 | input[2], input.size() - 3);
         // A block of its own for each packet, so that the first byte read behind it is seen.
-        std::vector<uint8_t> packet(data + 3, data + 3 + length);
+        const auto bytes = input.subspan(3, length);
+        std::vector<uint8_t> packet(bytes.begin(), bytes.end());
         const buffer_t one{packet.data(), static_cast<uint32_t>(length)};
-        data += 3 + length;
-        size -= 3 + length;
+        input = input.subspan(3 + length);
         ++packets;
         now += how >> 2;
         stream.rtp.set_arrival(how & 0x80 ? now * 1000 : 0);
@@ -113,5 +116,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(order->due() == 0);
     for (const auto& format : formats)
         check_track(*stream.rtp.get_trak_pt(format.pt), packets);
-    return 0;
 }

@@ -1,5 +1,7 @@
 // Value lists, templates and UTF-8 from any text. The input's first line is split from the rest: it gives the
 // separators, its last byte the pair separator.
+#include "fuzz.h"
+
 #include "core/memory.h"
 #include "core/owned.h"
 #include "core/template.h"
@@ -8,16 +10,13 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) std::abort();
-}
+using fuzz::require;
 
 bool is_trimmed(std::string_view text) {
     return text.find_first_not_of(" \t") == 0 && text.find_last_not_of(" \t") == text.size() - 1;
@@ -34,7 +33,7 @@ void split(const char* text, const char* separator, const char* pair_separator) 
         size += key.size() + core_strlen((*pair)->value);
     }
     require(size <= std::strlen(text));
-    require(!list || value_get(list, list[0]->key) == list[0]->value);
+    require(fuzz::starved || !list || value_get(list, list[0]->key) == list[0]->value);
     core_value_free(list);
 }
 
@@ -42,6 +41,7 @@ void fill(const char* text) {
     const param_t params[] = {{"a", "${b}"}, {"b", int64_t{-1}}, {"", "empty"}, {}};
     const core::owned_text filled(core_template_parse(text, params, CORE_HERE));
     const std::string_view plain = text;
+    if (fuzz::starved) return;
     require(filled != nullptr);
     // Only a whole place changes a text.
     const size_t open = plain.find("${");
@@ -54,6 +54,7 @@ void widen(const char* text) {
     const core::owned_text once(core_utf8(wide.get(), CORE_HERE));
     const core::owned<wchar_t> wide_again(core_wchar(once.get(), CORE_HERE));
     const core::owned_text twice(core_utf8(wide_again.get(), CORE_HERE));
+    if (fuzz::starved) return;
     require(std::strcmp(once.get(), twice.get()) == 0);
     for (size_t at = 0, left = std::strlen(once.get()); left > 0;) {
         uint32_t code = 0;
@@ -66,14 +67,12 @@ void widen(const char* text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string input(reinterpret_cast<const char*>(data), size);
-    const size_t line_end = std::min(input.find('\n'), input.size());
-    const std::string separators = input.substr(0, line_end);
-    const std::string text = line_end < input.size() ? input.substr(line_end + 1) : input;
+void fuzz_target(std::span<const uint8_t> input) {
+    const std::string whole = fuzz::text_of(input);
+    const size_t line_end = std::min(whole.find('\n'), whole.size());
+    const std::string separators = whole.substr(0, line_end);
+    const std::string text = line_end < whole.size() ? whole.substr(line_end + 1) : whole;
     split(text.c_str(), separators.c_str(), separators.empty() ? "" : separators.c_str() + separators.size() - 1);
     fill(text.c_str());
     widen(text.c_str());
-    require(core_mem_blocks() == 0);
-    return 0;
 }

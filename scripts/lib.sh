@@ -15,10 +15,15 @@ need() {
     done
     ((${#missing[@]})) || return 0
     say "installing ${missing[*]}"
-    local run=()
+    local run=() tries=60
     ((EUID == 0)) || run=(sudo)
-    "${run[@]}" apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive "${run[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    # Another package manager may be at work. It is waited for: its lock of the lists by trying again, the other by apt-get.
+    until "${run[@]}" apt-get update -qq; do
+        ((--tries)) || return 1
+        sleep 10
+    done
+    DEBIAN_FRONTEND=noninteractive "${run[@]}" apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends \
+        "${missing[@]}" >/dev/null
 }
 
 # build PRESET [CMAKE-ARGUMENT...] [-- TARGET...]: configures and builds, quiet unless something fails.
