@@ -15,9 +15,13 @@ function(inet_header_folders floor result)
 endfunction()
 
 # inet_floor_<name> goes into the static library and, where one and the same code will do, into the shared one. What a DLL
-# exports is compiled for it: inet_floor_<name>_shared.
+# exports is compiled for it: inet_floor_<name>_shared. The media floor is a library of its own, the others are one.
 function(inet_add_floor name)
     cmake_parse_arguments(ARG "" "" "BELOW" ${ARGN})
+    set(library INET)
+    if(name STREQUAL media)
+        set(library MEDIA)
+    endif()
     file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/src/*.cpp)
     list(FILTER sources EXCLUDE REGEX "/platform/")
     file(GLOB platform CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${name}/src/platform/${INET_PLATFORM}_*.cpp)
@@ -35,7 +39,8 @@ function(inet_add_floor name)
         target_link_libraries(${target} PRIVATE inet_compile_options)
     endforeach()
     if(WIN32)
-        target_compile_definitions(inet_floor_${name}_shared PRIVATE INET_SHARED_BUILD)
+        target_compile_definitions(inet_floor_${name}_shared PRIVATE ${library}_SHARED_BUILD
+            $<$<STREQUAL:${library},MEDIA>:INET_SHARED>)
     endif()
-    set_property(GLOBAL APPEND PROPERTY INET_FLOORS ${name})
+    set_property(GLOBAL APPEND PROPERTY ${library}_FLOORS ${name})
 endfunction()

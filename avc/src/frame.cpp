@@ -102,17 +102,34 @@ av::frame_t* avc_frame_create(uint32_t fcc, uint64_t time, const void* data, uin
     return frame;
 }
 
+int avc_frame_share(av::frame_t* out, const av::frame_t* frame, const char* file, int line) noexcept {
+    if (!out || !frame) return 0;
+    *out = *frame;
+    if (frame->payload) {
+        frame->payload->users.fetch_add(1, std::memory_order_relaxed);
+        return 1;
+    }
+    share copy = copy_bytes(frame->data, frame->size, file, line);
+    if (!copy) {
+        *out = {};
+        return 0;
+    }
+    out->data = copy->bytes();
+    out->payload = copy.release();
+    return 1;
+}
+
+void avc_frame_drop(av::frame_t* frame) noexcept {
+    if (!frame) return;
+    release(frame->payload);
+    *frame = {};
+}
+
 av::frame_t* avc_frame_dup(const av::frame_t* frame, const char* file, int line) noexcept {
-    if (!frame) return nullptr;
-    if (frame->payload) frame->payload->users.fetch_add(1, std::memory_order_relaxed);
-    share payload(frame->payload);
-    if (!payload) payload = copy_bytes(frame->data, frame->size, file, line);
-    auto* copy = make_record<av::frame_t>(std::move(payload), frame->fcc, frame->time, frame->size, file, line);
-    if (!copy) return nullptr;
-    const av::frame_t own = *copy;
-    *copy = *frame;
-    copy->payload = own.payload;
-    if (!frame->payload) copy->data = own.data;
+    av::frame_t shared;
+    if (!avc_frame_share(&shared, frame, file, line)) return nullptr;
+    auto* copy = core::create<av::frame_t>(file, line, shared);
+    if (!copy) avc_frame_drop(&shared);
     return copy;
 }
 

@@ -22,6 +22,8 @@ struct frame_t {
     uint32_t rate, channels, bits;  ///< of sound: samples per second, channels, bits of a sample; 0 when not known
     uint8_t key;                    ///< 1 when decoding can start here
     uint8_t complete;               ///< 1 when the whole frame is in `data`
+    uint32_t shown_after;           ///< microseconds from `time`, when a picture is decoded, to its display; 0 when the
+                                    ///< pictures come in the order of display
     payload_t* payload;             ///< who holds `data`; null when it is borrowed
 };
 
@@ -44,6 +46,13 @@ INET_API av::frame_t* avc_frame_create(uint32_t fcc, uint64_t time, const void* 
 
 /// New record for the same payload; for a borrowed one the bytes are copied. Any thread that may read the frame.
 INET_API av::frame_t* avc_frame_dup(const av::frame_t* frame, const char* file, int line) noexcept;
+
+/// Makes a record of the caller's a frame of the same payload, without allocating; borrowed bytes are copied. What `out`
+/// held before is not looked at. Any thread that may read the frame.
+/// @return 1; 0 for null, or when memory is out: `out` is then empty. End it with avc_frame_drop().
+INET_API int avc_frame_share(av::frame_t* out, const av::frame_t* frame, const char* file, int line) noexcept;
+/// Releases the share of the payload that the record holds, and empties the record. Null is ignored.
+INET_API void avc_frame_drop(av::frame_t* frame) noexcept;
 
 /// New frame from the entry named "frame" (type param_data, pointing at an av::frame_t) of a list; null when it is
 /// missing.

@@ -1,0 +1,200 @@
+/// Streams: frames in motion. An encoder, a clip or a watcher pushes frames into a stream, services and recorders read
+/// them with cursors. Nobody waits for anybody: a push never waits for a reader, and a reader that falls behind loses
+/// whole pictures.
+///
+/// A stream has at most one track of each kind: video, audio, metadata. Several qualities of one picture are several
+/// streams. It holds the payloads of its last frames by reference, for readers that come later or are slow:
+///     - from the last key picture on,
+///     - and for two seconds at least,
+///     - and what a cursor has reserved.
+///
+/// Bounds, set at its making (limits_t):
+///     bytes     32 MiB
+///     frames    1024
+///     time      30 s
+/// A group of pictures that outgrows a bound loses its key picture: who comes then waits for the next one, and
+/// status_t::key is 0. A stream without video is held for two seconds; its readers begin at the present.
+///
+/// Two clocks. The media time of a frame is steady and never runs back in decoding order: the time that its source
+/// gave (av::frame_t::time, microseconds since 1970), corrected where that time jumps. The wall clock is the source's
+/// own, where it is known.
+///
+/// Any thread may use a stream. A cursor belongs to one thread. No call of these throws.
+#pragma once
+
+#include "avc/frame.h"
+#include "core/buf.h"
+#include "media/api.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace media {
+
+enum class kind_t : uint8_t { video, audio, meta };
+inline constexpr uint32_t kind_count = 3;
+
+/// A set of kinds, for cursors.
+constexpr uint32_t only(kind_t kind) noexcept { return 1U << static_cast<uint32_t>(kind); }
+inline constexpr uint32_t all_kinds = 7;
+
+/// The kind of frames of that format (avc/fcc.h).
+MEDIA_API kind_t kind_of(uint32_t fcc) noexcept;
+
+/// What the frames of a track are.
+struct format_t {
+    uint32_t fcc = 0;    ///< 0: there is no such track
+    uint32_t width = 0;  ///< of pictures, 0 when not known, as is height
+    uint32_t height = 0;
+    uint32_t rate = 0;        ///< of sound: samples per second
+    uint32_t channels = 0;    ///< of sound
+    buffer_t config{};        ///< H.264: SPS and PPS in Annex B form. AAC: AudioSpecificConfig (ISO/IEC 14496-3, 1.6).
+                              ///< Empty when not known
+    uint32_t generation = 0;  ///< counts from 1 in each track; grows with every change
+};
+
+/// What a source knows of a frame beside av::frame_t.
+struct timing_t {
+    uint64_t utc = 0;  ///< wall clock of the source in microseconds since 1970; 0 for not known
+};
+
+/// A frame as a cursor shows it. Valid until the cursor's next call.
+struct entry_t {
+    av::frame_t frame{};  ///< `time` is the media time
+    const format_t* format = nullptr;
+    kind_t kind = kind_t::video;
+    uint64_t number = 0;   ///< of the frame in its stream: grows by one with every push
+    uint64_t utc = 0;      ///< wall clock of the source; 0 when it is not known
+    uint64_t arrival = 0;  ///< core_timer() when it was pushed
+};
+
+struct limits_t {
+    uint32_t bytes = 32U << 20;
+    uint32_t frames = 1024;  ///< rounded up to a power of two; 16 at least
+    uint64_t time = 30'000'000;
+};
+
+/// How a stream stands, for people and tests.
+struct status_t {
+    uint64_t pushed;   ///< frames taken
+    uint64_t refused;  ///< frames not taken: see stream::push()
+    uint32_t held;     ///< frames held now
+    uint32_t held_bytes;
+    uint32_t cursors;
+    uint8_t key;    ///< 1 when a key picture is held with all that follows it
+    uint8_t ended;  ///< 1 after end()
+};
+
+class cursor;
+
+class MEDIA_API stream final {
+public:
+    /// @param name  what services call it in their addresses; copied
+    /// @return a stream that is held once; null when memory is out
+    static stream* create(const char* name, const limits_t& limits, const char* file, int line) noexcept;
+    /// Holds the stream once more, or lets go of it; the last drop() releases it. A cursor holds its stream.
+    void keep() noexcept;
+    static void drop(stream* held) noexcept;
+
+    stream(const stream&) = delete;
+    stream& operator=(const stream&) = delete;
+
+    const char* name() const noexcept;
+
+    /// Says what a track is, before its frames come: readers, descriptions and manifests wait for the formats of all
+    /// declared tracks. The configuration is copied. A later call changes the format; readers are told in order.
+    /// @return 1; 0 for a format of another kind, or when memory is out
+    int declare(kind_t kind, const format_t& format) noexcept;
+
+    /// Takes a frame. The payload is shared, not copied, unless the frame borrows it. A track that was not declared
+    /// begins with its first frame. A key picture without parameter sets gets those that are known.
+    /// @return 1; 0 when it is not taken: a picture before the first key picture, or the first after a gap; no data; a
+    ///         format other than the track's; a stream that has ended; a frame above a bound; memory is out
+    int push(const av::frame_t& frame, const timing_t& timing = {}) noexcept;
+
+    /// The source was away: the next picture taken is a key, and readers are told.
+    void gap() noexcept;
+    /// Nothing follows. Readers are told when they have read what is held.
+    void end() noexcept;
+
+    /// The format of a track now. Its configuration is copied into `config`, which may be null, for the caller to free
+    /// with core_buf_free(). @return 1, or 0 when it is not known
+    int format(kind_t kind, format_t* out, buf_t* config) const noexcept;
+    /// 1 when there is a track, and the format of every declared track is known: of H.264 its parameter sets, too.
+    int ready() const noexcept;
+
+    /// Has `wanted` called with 1 when the first cursor opens, and with 0 when the last one has been closed for
+    /// `linger` microseconds. The calls come from the station's control thread. Null ends it.
+    void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
+
+    status_t status() const noexcept;
+
+    struct inside;
+    /// For the library's own use.
+    inside& in() const noexcept { return *inside_; }
+
+private:
+    friend class cursor;
+    explicit stream(inside* made) noexcept : inside_(made) {}
+    ~stream() = default;
+
+    inside* inside_;
+};
+
+/// What a cursor found.
+enum class read_t : uint8_t {
+    frame,    ///< a frame, in `entry`
+    nothing,  ///< it has come up to the present
+    lost,     ///< it fell behind: frames were passed over, the next picture is a key
+    gap,      ///< the source was away; the next picture is a key
+    format,   ///< entry.format of entry.kind holds from the next frame of that kind on
+    ended,    ///< the stream has ended and all of it was read
+};
+
+/// A place in a stream. One thread's.
+class MEDIA_API cursor final {
+public:
+    struct settings_t {
+        bool at_key = true;  ///< begin with the last key picture, where one is held; else at the present, pictures
+                             ///< from the next key on
+        uint32_t kinds = all_kinds;
+        uint64_t reserve = 0;  ///< microseconds for which frames stay held that this cursor has not read, within
+                               ///< the stream's bounds
+        bool counts = true;    ///< it counts as demand
+    };
+
+    cursor() noexcept = default;
+    ~cursor() { close(); }
+    cursor(const cursor&) = delete;
+    cursor& operator=(const cursor&) = delete;
+
+    /// Takes a place and holds the stream. An earlier place is given up. @return 1, or 0 when memory is out
+    int open(stream& from, const settings_t& settings) noexcept;
+    /// Gives the place up and lets go of the stream. When it returns, no call of told() runs any more.
+    void close() noexcept;
+    bool is_open() const noexcept { return inside_ != nullptr; }
+
+    /// The next thing. read_t::nothing for a cursor that is not open.
+    read_t next(entry_t& entry) noexcept;
+    /// The same, after waiting for it `milliseconds` at the most: for threads without a loop.
+    read_t wait(entry_t& entry, uint32_t milliseconds) noexcept;
+    /// Leaves out what is held and follows: the next picture is the last key picture, where it is ahead, or the next
+    /// one that comes.
+    void skip() noexcept;
+
+    /// Number of the entry that next() looks at first. Two cursors with one number read the same.
+    uint64_t position() const noexcept;
+    /// Frames that it is behind the present.
+    uint64_t behind() const noexcept;
+
+    /// Has `news` called, on the thread that pushes, when something is new. It may wake a thread, no more: it calls
+    /// nothing of the stream and waits for nothing. Null ends it. @return 1, or 0 when memory is out
+    int told(void (*news)(void* arg), void* arg) noexcept;
+
+    struct inside;
+
+private:
+    inside* inside_ = nullptr;
+};
+
+}  // namespace media

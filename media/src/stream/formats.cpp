@@ -1,0 +1,118 @@
+// What frames tell of their format, and when they were taken.
+#include "stream/inside.h"
+
+#include "avc/fcc.h"
+#include "common/h264.h"
+#include "core/text.h"
+
+#include <algorithm>
+#include <span>
+
+namespace media {
+
+namespace {
+
+void add_nal(core::vector<uint8_t>& to, std::span<const uint8_t> nal) {
+    constexpr uint8_t start_code[] = {0, 0, 0, 1};
+    to.insert(to.end(), std::begin(start_code), std::end(start_code));
+    to.insert(to.end(), nal.begin(), nal.end());
+}
+
+/// SPS and PPS in front of the slices. @return whether both are there
+bool gather_parameter_sets(std::span<const uint8_t> picture, core::vector<uint8_t>& to) {
+    bool sps = false;
+    bool pps = false;
+    to.clear();
+    const auto slices = h264_first_slice(picture);
+    auto front = picture.first(picture.size() - slices.size());
+    for (auto nal = h264_next_nal(front); !nal.empty(); nal = h264_next_nal(front)) {
+        const uint8_t type = h264_nal_type(nal);
+        if (type != h264_sps && type != h264_pps) continue;
+        sps |= type == h264_sps;
+        pps |= type == h264_pps;
+        add_nal(to, nal);
+    }
+    return sps && pps;
+}
+
+void describe_h264(const av::frame_t& frame, learned_t& out, core::vector<uint8_t>& config) {
+    if (!frame.key) return;
+    out.lacks_sets = !gather_parameter_sets({frame.data, frame.size}, config);
+    if (out.lacks_sets) return;
+    out.format.config = {config.data(), static_cast<uint32_t>(config.size())};
+    h264_info_t info;
+    if (!h264_parse_sps(h264_find({config.data(), config.size()}, h264_sps), &info)) return;
+    out.format.width = info.width;
+    out.format.height = info.height;
+}
+
+}  // namespace
+
+kind_t kind_of(uint32_t fcc) noexcept {
+    if (fcc_is_video(fcc)) return kind_t::video;
+    return fcc_is_audio(fcc) ? kind_t::audio : kind_t::meta;
+}
+
+format_share make_format(const format_t& format, uint32_t generation, const char* file, int line) noexcept {
+    format_share made(core::create<format_record>(file, line));
+    if (!made) return nullptr;
+    try {
+        made->config = core::vector<uint8_t>(core::place{file, line});
+        made->config.assign(format.config.data, format.config.data + format.config.size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    made->shown = format;
+    made->shown.config = {made->config.data(), static_cast<uint32_t>(made->config.size())};
+    made->shown.generation = generation;
+    return made;
+}
+
+bool same_format(const format_t& one, const format_t& other) noexcept {
+    return one.fcc == other.fcc && one.width == other.width && one.height == other.height && one.rate == other.rate &&
+           one.channels == other.channels &&
+           std::ranges::equal(std::span(one.config.data, one.config.size),
+                              std::span(other.config.data, other.config.size));
+}
+
+learned_t learn(const av::frame_t& frame, const format_t& known, core::vector<uint8_t>& config) {
+    learned_t out{known, false};
+    format_t& format = out.format;
+    format.fcc = frame.fcc;
+    if (frame.width) format.width = frame.width;
+    if (frame.height) format.height = frame.height;
+    if (frame.rate) format.rate = frame.rate;
+    if (frame.channels) format.channels = frame.channels;
+    const bool telephony = frame.fcc == av::fcc_pcmu || frame.fcc == av::fcc_pcma || frame.fcc == av::fcc_g726;
+    if (!format.rate && telephony) format.rate = 8000;
+    if (!format.channels && telephony) format.channels = 1;
+    if (frame.fcc == av::fcc_h264) describe_h264(frame, out, config);
+    return out;
+}
+
+// The correction changes where the source's time runs back, or away from the time in which its frames come.
+uint64_t media_clock::take(kind_t kind, uint64_t time, uint64_t now) noexcept {
+    const auto index = static_cast<size_t>(kind);
+    int64_t media = static_cast<int64_t>(time) + correction_;
+    if (started_) {
+        const auto passed = static_cast<int64_t>(now - last_now_);
+        const auto last = static_cast<int64_t>(last_any_);
+        const int64_t drift = media - last - passed;
+        const bool jumped = media < last - longest_drift || (!gap_ && drift > longest_drift) || (gap_ && media < last);
+        if (jumped) {
+            correction_ += last + passed - media;
+            media = last + passed;
+        }
+        media = std::max(media, static_cast<int64_t>(last_[index]));
+    }
+    started_ = true;
+    gap_ = false;
+    last_[index] = static_cast<uint64_t>(media);
+    if (last_[index] >= last_any_) {
+        last_any_ = last_[index];
+        last_now_ = now;
+    }
+    return last_[index];
+}
+
+}  // namespace media

@@ -1,0 +1,159 @@
+// What the rooms of the stream share: the ring of held frames and who reads it.
+#pragma once
+
+#include "core/owned.h"
+#include "media/stream.h"
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+namespace media {
+
+/// A format with its configuration, never changed once made; held by count.
+struct format_record {
+    format_t shown{};
+    core::vector<uint8_t> config;
+    std::atomic<uint32_t> users{1};
+};
+
+struct format_release {
+    void operator()(format_record* record) const noexcept {
+        if (record->users.fetch_sub(1, std::memory_order_acq_rel) == 1) core::destroy(record);
+    }
+};
+using format_share = std::unique_ptr<format_record, format_release>;
+
+inline format_share share(format_record* record) noexcept {
+    if (record) record->users.fetch_add(1, std::memory_order_relaxed);
+    return format_share(record);
+}
+
+/// Null when memory is out. @param generation  1 for the first of a track
+format_share make_format(const format_t& format, uint32_t generation, const char* file, int line) noexcept;
+
+/// Whether two formats are the same but for the generation.
+bool same_format(const format_t& one, const format_t& other) noexcept;
+
+struct learned_t {
+    format_t format;
+    bool lacks_sets;  ///< an H.264 key picture without its parameter sets
+};
+
+/// What a frame tells of its format; the rest is as in `known`. Parameter sets are gathered in `config`.
+learned_t learn(const av::frame_t& frame, const format_t& known, core::vector<uint8_t>& config);
+
+struct slot_t {
+    av::frame_t frame{};
+    format_share format;
+    kind_t kind = kind_t::video;
+    bool gap = false;  ///< in front of it
+    uint64_t utc = 0;
+    uint64_t arrival = 0;
+
+    void clear() noexcept {
+        avc_frame_drop(&frame);
+        format.reset();
+    }
+};
+
+/// Turns the times of a source into media time, which never runs back. The tracks of a stream share the correction, so
+/// that they stay in step.
+class media_clock {
+public:
+    /// @param now  core_timer()
+    uint64_t take(kind_t kind, uint64_t time, uint64_t now) noexcept;
+    /// The next time may be any.
+    void gap() noexcept { gap_ = true; }
+
+private:
+    static constexpr int64_t longest_drift = 5'000'000;  ///< a source's clock that goes apart further was set
+
+    bool started_ = false;
+    bool gap_ = false;
+    int64_t correction_ = 0;
+    std::array<uint64_t, kind_count> last_{};
+    uint64_t last_any_ = 0;
+    uint64_t last_now_ = 0;
+};
+
+inline constexpr uint64_t no_number = UINT64_MAX;
+
+struct demand_t {
+    void (*wanted)(void* arg, int yes) = nullptr;
+    void* arg = nullptr;
+    uint64_t linger = 0;
+    bool told = false;        ///< the last call was with 1
+    uint64_t idle_since = 0;  ///< core_timer() when the last reader left
+};
+
+struct stream::inside {
+    inside(const char* caller_file, int caller_line) noexcept;
+    ~inside();
+    inside(const inside&) = delete;
+    inside& operator=(const inside&) = delete;
+
+    slot_t& slot(uint64_t number) noexcept { return ring[number & (ring.size() - 1)]; }
+    const format_record* format(kind_t kind) const noexcept { return formats[static_cast<size_t>(kind)].get(); }
+    bool shape(const av::frame_t& frame, kind_t kind, slot_t& out) noexcept;
+    bool share_with_sets(const av::frame_t& frame, const format_t& format, av::frame_t& out);
+    void evict_first() noexcept;
+    void evict(uint64_t now) noexcept;
+    bool is_reserved(uint64_t number, const slot_t& slot, uint64_t now) const noexcept;
+    void news() noexcept;
+
+    const char* file;
+    int line;
+    core::owned_text name;
+    limits_t limits;
+    std::atomic<uint32_t> users{1};
+
+    mutable std::mutex lock;
+    std::condition_variable pushed;
+    uint32_t waiting = 0;
+
+    core::vector<slot_t> ring;
+    uint64_t first = 0;        ///< number of the oldest held frame
+    uint64_t next = 0;         ///< of the next one to be pushed
+    uint64_t key = no_number;  ///< of the last key picture that is held with all that follows
+    uint64_t bytes = 0;
+    uint64_t refused = 0;
+    bool ended = false;
+    bool gap = false;       ///< in front of the next frame that is taken
+    bool wants_key = true;  ///< pictures are taken from the next key on
+    std::array<format_share, kind_count> formats;
+    std::array<bool, kind_count> declared{};
+    media_clock clock;
+    core::vector<uint8_t> config;  ///< room for parameter sets at work
+
+    core::vector<cursor::inside*> cursors;
+    demand_t demand;
+    std::atomic<uint32_t> readers = 0;     ///< cursors that count as demand
+    void (*stirred)(void* arg) = nullptr;  ///< the station's: somebody came or went
+    void* stirred_arg = nullptr;
+
+    /// Held while `told` functions are called, and never together with `lock`.
+    std::mutex news_lock;
+    core::vector<cursor::inside*> listeners;
+};
+
+struct cursor::inside {
+    stream::inside* from = nullptr;
+    stream* held_stream = nullptr;
+    settings_t settings;
+    uint64_t next = 0;
+    bool wants_key = false;  ///< pictures are shown from the next key on
+    uint64_t gap_told = no_number;
+    std::array<uint32_t, kind_count> generations{};
+    av::frame_t shown{};
+    format_share shown_format;
+    void (*news)(void* arg) = nullptr;
+    void* news_arg = nullptr;
+};
+
+/// Calls what on_demand() named when it is due. On the control thread. @return core_timer() for the next look; 0 when
+/// nothing is pending
+uint64_t settle_demand(stream& of, uint64_t now) noexcept;
+
+}  // namespace media
