@@ -5,6 +5,9 @@
 #include "core/owned.h"
 #include "inet/net_socket.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace net {
 
 namespace {
@@ -74,5 +77,243 @@ void net_tcp_close(tcp_ctx*& t) noexcept {
     core::destroy(t);
     t = nullptr;
 }
+
+void ITcp::on_tcp_connected(Tcp*) noexcept {}
+void ITcp::on_tcp_writable(Tcp*) noexcept {}
+
+struct Tcp::inside {
+    inside(const char* caller_file, int caller_line) noexcept : file(caller_file), line(caller_line) {}
+    ~inside();
+    inside(const inside&) = delete;
+    inside& operator=(const inside&) = delete;
+
+    static void on_socket(void* arg, uint32_t events) noexcept;
+    bool watch(nt_ctx* on, int flags) noexcept;
+    void connected() noexcept;
+    void receive() noexcept;
+    void show() noexcept;
+    void write() noexcept;
+    void lose(int error) noexcept;
+    void watch_writability(bool wanted) noexcept;
+    bool count(int result) noexcept;
+
+    const char* file;
+    int line;
+    Tcp* face = nullptr;  ///< null once destroyed, from inside one of its own calls
+    ITcp* handler = nullptr;
+    nt_ctx* nt = nullptr;
+    int fd = -1;
+    socket_ctx* socket = nullptr;
+    sockaddr_in peer{};
+    uint32_t room = 64 * 1024;
+    uint32_t output_limit = 1024 * 1024;
+    buf_t in;
+    buf_t out;
+    uint32_t left = 0;  ///< by the last flush()
+    bool up = false;
+    bool writing = false;
+    int failure = 0;
+    uint32_t running = 0;  ///< calls of the handler
+    uint64_t sent = 0;
+    uint64_t received = 0;
+
+    unsigned stalled = 0;    ///< seconds
+    uint32_t expected = 0;   ///< bytes that are to go
+    uint64_t sent_then = 0;  ///< when they were expected
+};
+
+namespace {
+
+/// Of what waits for it a peer takes so much in a stall time, or all: less is no reading.
+constexpr uint32_t least_progress = 64 * 1024;
+
+}  // namespace
+
+Tcp::inside::~inside() {
+    net_nt_socket_rem(nt, socket);
+    if (fd >= 0) net_socket_close(fd);
+    core_buf_free(&in);
+    core_buf_free(&out);
+}
+
+Tcp* Tcp::create(const char* file, int line) noexcept {
+    core::owned_object<inside> made(core::create<inside>(file, line, file, line));
+    void* block = made ? core_malloc(sizeof(Tcp), file, line) : nullptr;
+    if (!block) return nullptr;
+    made->face = ::new (block) Tcp(made.get());
+    return made.release()->face;
+}
+
+// From inside a call of the handler, what runs below it on the stack is left alive until it returns.
+void Tcp::destroy(Tcp* tcp) noexcept {
+    if (!tcp) return;
+    inside* const in = tcp->inside_;
+    core_mfree(tcp);
+    in->face = nullptr;
+    in->handler = nullptr;
+    in->up = false;
+    net_nt_socket_rem(in->nt, in->socket);
+    if (in->running == 0) core::destroy(in);
+}
+
+void Tcp::set_handler(ITcp* handler) noexcept { inside_->handler = handler; }
+void Tcp::set_room(uint32_t bytes) noexcept { inside_->room = bytes; }
+void Tcp::set_output_limit(uint32_t bytes) noexcept { inside_->output_limit = bytes; }
+
+bool Tcp::inside::watch(nt_ctx* on, int flags) noexcept {
+    if (!in.data && !core_buf_resize(&in, room, file, line)) return false;
+    nt = on;
+    net_nt_socket_add(nt, socket, fd, flags, this, on_socket);
+    return socket != nullptr;
+}
+
+int Tcp::connect(nt_ctx* nt, const char* address, unsigned short port) noexcept {
+    inside& in = *inside_;
+    if (in.fd >= 0) return -5;
+    if (net_addr_setup(in.peer, address, port) != 0) return -2;
+    char dotted[net_addr_size];
+    net_addr_ip(in.peer, dotted, sizeof dotted);
+    in.fd = net_socket_create(2, 1, 6, in.file, in.line);
+    int result = in.fd < 0 ? -1 : net_tcp_connect(in.fd, dotted, port);
+    if (result != 0) {
+        in.failure = socket_get_error_code();
+    } else {
+        in.writing = true;
+        if (!in.watch(nt, nt_flag_read | nt_flag_write | nt_flag_connecting)) result = -1;
+    }
+    if (result == 0) return 0;
+    if (in.fd >= 0) net_socket_close(std::exchange(in.fd, -1));
+    return result;
+}
+
+int Tcp::take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept {
+    inside& in = *inside_;
+    if (in.fd >= 0) return -5;
+    in.fd = fd;
+    in.peer = peer;
+    in.up = in.watch(nt, nt_flag_read);
+    if (!in.up) in.fd = -1;
+    return in.up ? 0 : -1;
+}
+
+void Tcp::detach() noexcept { net_nt_socket_rem(inside_->nt, inside_->socket); }
+
+int Tcp::attach(nt_ctx* nt) noexcept {
+    inside& in = *inside_;
+    if (in.fd < 0 || in.socket) return 0;
+    return in.watch(nt, in.writing ? nt_flag_read | nt_flag_write : nt_flag_read) ? 1 : 0;
+}
+
+void Tcp::inside::on_socket(void* arg, uint32_t events) noexcept {
+    auto& self = *static_cast<inside*>(arg);
+    ++self.running;
+    if (!self.up && (events & nt_event_connected)) {
+        self.connected();
+    } else if (self.up) {
+        if (events & nt_event_read) self.receive();
+        if (self.up && (events & nt_event_write)) self.write();
+    }
+    if (--self.running == 0 && !self.face) core::destroy(&self);
+}
+
+void Tcp::inside::connected() noexcept {
+    if (const int error = net_socket_get_error(fd)) return lose(error);
+    up = true;
+    if (handler) handler->on_tcp_connected(face);
+    if (up) watch_writability(out.length != 0 || left != 0);
+}
+
+void Tcp::inside::lose(int error) noexcept {
+    up = false;
+    net_nt_socket_rem(nt, socket);
+    if (handler) handler->on_tcp_closed(face, error);
+}
+
+void Tcp::inside::receive() noexcept {
+    if (in.length == in.size) return lose(0);
+    const int result = net_tcp_recv(fd, in);
+    if (result == 0) return lose(0);
+    if (result < 0) {
+        const int error = socket_get_error_code();
+        if (error != socket_error_would_block) lose(error);
+        return;
+    }
+    received += static_cast<uint64_t>(result);
+    show();
+}
+
+void Tcp::inside::show() noexcept {
+    if (!handler || in.length == 0) return;
+    ++running;
+    handler->on_tcp_received(face, &in);
+    if (--running == 0 && !face) core::destroy(this);
+}
+
+void Tcp::show_received() noexcept { inside_->show(); }
+
+// A connection that fails shows as readable, and is lost then.
+bool Tcp::inside::count(int result) noexcept {
+    if (result > 0) sent += static_cast<uint64_t>(result);
+    return result > 0;
+}
+
+void Tcp::inside::watch_writability(bool wanted) noexcept {
+    if (writing == wanted) return;
+    writing = wanted;
+    net_nt_socket_set(nt, socket, 1, wanted);
+}
+
+void Tcp::inside::write() noexcept {
+    if (out.length) count(net_tcp_send(fd, out));
+    watch_writability(out.length != 0 || left != 0);
+    if (out.length == 0 && handler) handler->on_tcp_writable(face);
+}
+
+int Tcp::send(buffer_t bytes) noexcept {
+    inside& in = *inside_;
+    if (!in.up || in.out.length + uint64_t{bytes.size} > in.output_limit) return 0;
+    // The room first: what has gone out in part cannot be taken back.
+    if (!core_buf_respace(&in.out, bytes.size, in.file, in.line)) return 0;
+    const uint32_t went = lend(bytes);
+    core_buf_read(&in.out, bytes.data + went, bytes.size - went);
+    in.watch_writability(in.out.length != 0);
+    return 1;
+}
+
+uint32_t Tcp::lend(buffer_t bytes) noexcept {
+    inside& in = *inside_;
+    if (!in.up || in.out.length != 0 || bytes.size == 0) return 0;
+    const int result = net_tcp_send_buffer(in.fd, bytes);
+    return in.count(result) ? static_cast<uint32_t>(result) : 0;
+}
+
+void Tcp::flush(buf_t& own) noexcept {
+    inside& in = *inside_;
+    if (!in.up) return;
+    if (own.length && in.out.length == 0) in.count(net_tcp_send(in.fd, own));
+    in.left = own.length;
+    in.watch_writability(in.left != 0 || in.out.length != 0);
+}
+
+unsigned Tcp::second() noexcept {
+    inside& in = *inside_;
+    const uint32_t waits = waiting();
+    if (waits == 0 || in.sent - in.sent_then >= in.expected) {
+        in.expected = std::min(waits, least_progress);
+        in.sent_then = in.sent;
+        in.stalled = 0;
+    } else {
+        ++in.stalled;
+    }
+    return in.stalled;
+}
+
+bool Tcp::is_connected() const noexcept { return inside_->up; }
+uint32_t Tcp::waiting() const noexcept { return inside_->out.length + inside_->left; }
+uint64_t Tcp::sent() const noexcept { return inside_->sent; }
+uint64_t Tcp::received() const noexcept { return inside_->received; }
+int Tcp::error() const noexcept { return inside_->failure; }
+sockaddr_in Tcp::local() const noexcept { return net_socket_near(inside_->fd); }
+const sockaddr_in& Tcp::peer() const noexcept { return inside_->peer; }
 
 }  // namespace net

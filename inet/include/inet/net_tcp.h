@@ -1,9 +1,12 @@
-/// A listening TCP socket on a network thread.
+/// TCP on a network thread: listening sockets, and one connection for every protocol that needs one.
 #pragma once
 
 #include "core/api.h"
+#include "core/buf.h"
 #include "inet/net_thread.h"
 #include "inet/sockaddr.h"
+
+#include <cstdint>
 
 namespace net {
 
@@ -37,5 +40,93 @@ INET_API int net_tcp_listen2(tcp_ctx*& t, const char* address, unsigned port, vo
 /// Stops listening, closes the socket, releases the record and nulls it. After the call the callback does not run
 /// (called in that callback: not after it returns). Any thread, but before the network thread is stopped.
 INET_API void net_tcp_close(tcp_ctx*& t) noexcept;
+
+class Tcp;
+
+/// Owner of a connection. All calls come from the network thread. Inside each of them every function of Tcp may be
+/// called, destroy() too.
+class INET_API ITcp {
+public:
+    /// connect() has succeeded.
+    virtual void on_tcp_connected(Tcp* tcp) noexcept;
+    /// Takes bytes off the front of `received`, with core_buf_ignore(); the rest is shown again with what comes next.
+    /// A buffer that is full and of which nothing is taken closes the connection.
+    virtual void on_tcp_received(Tcp* tcp, buf_t* received) noexcept = 0;
+    /// The system takes bytes again, and nothing that was given to send() waits any more.
+    virtual void on_tcp_writable(Tcp* tcp) noexcept;
+    /// The last call: connect() has failed, or the peer has closed or reset the connection.
+    /// @param error  a socket_error_t of inet/net_socket.h; 0 when the peer closed
+    virtual void on_tcp_closed(Tcp* tcp, int error) noexcept = 0;
+
+protected:
+    ~ITcp() = default;
+};
+
+/// A TCP connection, made by connect() or accepted elsewhere. Used on its network thread alone, but for its making.
+///
+/// Bounds:
+///     received, not taken by the owner    set_room(), 64 KiB
+///     sent, not taken by the peer         set_output_limit(), 1 MiB
+class INET_API Tcp final {
+public:
+    /// @return null when memory is out
+    static Tcp* create(const char* file, int line) noexcept;
+    /// Closes the connection without a word and releases it; null is ignored.
+    static void destroy(Tcp* tcp) noexcept;
+    Tcp(const Tcp&) = delete;
+    Tcp& operator=(const Tcp&) = delete;
+
+    void set_handler(ITcp* handler) noexcept;
+    /// Bytes of the receive buffer. Before connect() or take().
+    void set_room(uint32_t bytes) noexcept;
+    void set_output_limit(uint32_t bytes) noexcept;
+
+    /// Starts to connect. @param address  a dotted address, or a name, whose look-up blocks
+    /// @return 0 when it is under way; -1 when the system refused, see error(), or memory is out; -2 when the host
+    ///         cannot be resolved; -5 when there is a connection already
+    int connect(nt_ctx* nt, const char* address, unsigned short port) noexcept;
+    /// Takes over an accepted descriptor. @return 0; -1 when memory is out, -5 when there is a connection already: the
+    /// descriptor is then the caller's still
+    int take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept;
+
+    /// Leaves its thread, without closing. Then attach(), on another thread, takes it up again there; what was received
+    /// and not taken stays. @return attach(): 1, or 0 when memory is out: nothing is watched then
+    void detach() noexcept;
+    int attach(nt_ctx* nt) noexcept;
+    /// Shows the owner what was received and not taken, as after set_handler() of another owner.
+    void show_received() noexcept;
+
+    /// Sends bytes: what the system does not take at once is copied and sent later.
+    /// @return 1; 0 when there is no connection, memory is out, or the bytes would go beyond the output limit: then
+    ///         none of them was sent
+    int send(buffer_t bytes) noexcept;
+    /// Sends bytes without copying them. @return how many the system took; 0 while other bytes wait
+    uint32_t lend(buffer_t bytes) noexcept;
+    /// Sends from a buffer of the owner's and drops what went from its front. When something is left,
+    /// on_tcp_writable() tells when to go on. For an owner that keeps what waits itself and does not use send().
+    void flush(buf_t& own) noexcept;
+
+    /// Once a second. @return seconds for which the peer has taken neither 64 KiB nor all of what waits for it
+    unsigned second() noexcept;
+
+    bool is_connected() const noexcept;
+    /// Bytes given to send() or left by flush() that wait for the peer.
+    uint32_t waiting() const noexcept;
+    uint64_t sent() const noexcept;
+    uint64_t received() const noexcept;
+    /// Why connect() returned -1: a socket_error_t.
+    int error() const noexcept;
+    /// The addresses of both ends.
+    sockaddr_in local() const noexcept;
+    const sockaddr_in& peer() const noexcept;
+
+    struct inside;
+
+private:
+    explicit Tcp(inside* made) noexcept : inside_(made) {}
+    ~Tcp() = default;
+
+    inside* inside_;
+};
 
 }  // namespace net
