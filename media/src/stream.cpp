@@ -256,10 +256,8 @@ uint64_t settle_demand(stream& of, uint64_t now) noexcept {
         demand_t& demand = in.demand;
         if (!demand.wanted) return 0;
         const bool read = in.readers.load() != 0;
-        if (read) demand.idle_since = now;
         const bool over = !read && demand.told && now >= demand.idle_since + demand.linger;
         if (!read && demand.told && !over) again = demand.idle_since + demand.linger;
-        if (read && demand.told) again = now + second;  // the moment when the last reader leaves is told, too
         if (read == demand.told || (!read && !over)) return again;
         demand.told = read;
         due = demand;

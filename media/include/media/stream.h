@@ -157,6 +157,7 @@ public:
     struct settings_t {
         bool at_key = true;  ///< begin with the last key picture, where one is held; else at the present, pictures
                              ///< from the next key on
+        bool any = false;    ///< when it begins at the present: pictures at once, not from the next key on
         uint32_t kinds = all_kinds;
         uint64_t reserve = 0;  ///< microseconds for which frames stay held that this cursor has not read, within
                                ///< the stream's bounds

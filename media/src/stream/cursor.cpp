@@ -90,11 +90,11 @@ int cursor::open(stream& from, const settings_t& settings) noexcept {
             return 0;
         }
         made->next = settings.at_key && in.key != no_number ? in.key : in.next;
-        made->wants_key = true;
+        made->wants_key = !settings.any;
+        if (settings.counts && in.readers.fetch_add(1) == 0) stir(in);
     }
     from.keep();
     inside_ = made.release();
-    if (settings.counts && in.readers.fetch_add(1) == 0) stir(in);
     return 1;
 }
 
@@ -105,8 +105,11 @@ void cursor::close() noexcept {
     {
         const std::lock_guard held(from.lock);
         std::erase(from.cursors, inside_);
+        if (inside_->settings.counts && from.readers.fetch_sub(1) == 1) {
+            from.demand.idle_since = core_timer();
+            stir(from);
+        }
     }
-    if (inside_->settings.counts && from.readers.fetch_sub(1) == 1) stir(from);
     avc_frame_drop(&inside_->shown);
     stream* const held = inside_->held_stream;
     core::destroy(std::exchange(inside_, nullptr));

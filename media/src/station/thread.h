@@ -1,0 +1,82 @@
+// A network thread of a station, inside.
+#pragma once
+
+#include "core/owned.h"
+#include "core/thread.h"
+#include "inet/net_thread.h"
+#include "media/service.h"
+
+#include <atomic>
+#include <memory>
+
+namespace media {
+
+/// Clients of a thread and what they watch, at most; the network thread keeps some descriptors for itself.
+inline constexpr uint32_t most_places = 500;
+
+/// A stream that is followed on a thread: read once for all its readers.
+struct feed {
+    cursor place;
+    stream* from = nullptr;
+    core::vector<reader*> readers;  ///< null: gone while they are called
+};
+
+struct thread::inside final : net::Thread {
+    inside(class station& of, unsigned number) noexcept;
+    ~inside() override;
+
+    /// @return whether it runs, with its parts
+    bool start(service* const* services, size_t count, error_t* error) noexcept;
+    void stop() noexcept override;
+
+    static void on_wake(void* arg, uint32_t events) noexcept;
+    static void on_news(void* arg) noexcept;
+    static void on_tick(void* arg, net::command_ctx* command) noexcept;
+    static void on_close(void* arg, net::command_ctx* command) noexcept;
+    static void on_second(void* arg, net::timer_ctx* timer) noexcept;
+    bool open_wake() noexcept;
+    void make_parts(error_t* error) noexcept;
+    void close_all() noexcept;
+    void read_feeds() noexcept;
+    bool read(feed& of) noexcept;
+    void tell(feed& of, read_t what, const entry_t& entry) noexcept;
+    void drop_unread() noexcept;
+    void serve_due(uint64_t now) noexcept;
+    void erase_finished() noexcept;
+    void order_tick(uint64_t at) noexcept;
+    bool make_place(uint32_t wanted) noexcept;
+    feed* find_feed(const stream& which) noexcept;
+
+    struct client_record {
+        std::unique_ptr<client> served;
+        uint64_t due;  ///< by core_timer(); 0 for not due
+    };
+    struct part_record {
+        service* of;
+        std::unique_ptr<media::part> made;
+    };
+
+    class station& owner;
+    unsigned index;
+    thread face;
+    counters_t counters;
+    std::atomic<uint32_t> load = 0;
+    core::vector<client_record> clients;
+    core::vector<part_record> parts;
+    core::vector<core::owned_object<feed>> feeds;
+    net::command_ctx* tick = nullptr;
+    net::command_ctx* closer = nullptr;
+    event_ctx* closed = nullptr;  ///< set once all that the thread had is gone
+    bool closing = false;
+    net::timer_ctx* second = nullptr;
+    uint64_t next_tick = 0;  ///< when `tick` is ordered for; 0 for not
+    bool sweeping = false;
+
+    // Who pushes sets `news` and, where it was clear, signals. The loop takes the signal, clears `news` and then looks:
+    // what is pushed behind its look finds `news` clear again and signals anew.
+    int wake_fd = -1;
+    net::socket_ctx* wake_socket = nullptr;
+    std::atomic<bool> news = false;
+};
+
+}  // namespace media
