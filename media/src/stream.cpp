@@ -229,6 +229,11 @@ int stream::ready() const noexcept {
     return any ? 1 : 0;
 }
 
+uint64_t stream::now() const noexcept {
+    const std::lock_guard held(inside_->lock);
+    return inside_->clock.at(core_timer());
+}
+
 status_t stream::status() const noexcept {
     const inside& in = *inside_;
     const std::lock_guard held(in.lock);

@@ -155,8 +155,6 @@ public:
     void wake(client& which) noexcept;
     /// Has finished clients deleted as soon as no callback runs.
     void sweep() noexcept;
-    /// Calls `visit` with each client that has not finished, until it returns true. @return that client, or null
-    client* find(bool (*visit)(void* arg, client& each), void* arg) noexcept;
 
     /// Has `by` called for each frame of the stream from now on, before the next wait. The stream is held.
     /// @return 1, or 0 when memory is out

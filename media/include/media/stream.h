@@ -127,6 +127,9 @@ public:
     /// `linger` microseconds. The calls come from the station's control thread. Null ends it.
     void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
 
+    /// Media time of this moment, by the frames so far; 0 before the first.
+    uint64_t now() const noexcept;
+
     status_t status() const noexcept;
 
     struct inside;

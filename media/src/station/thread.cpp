@@ -285,14 +285,6 @@ void thread::sweep() noexcept {
     inside_->order_tick(core_timer());
 }
 
-client* thread::find(bool (*visit)(void* arg, client& each), void* arg) noexcept {
-    for (size_t i = 0; i < inside_->clients.size(); ++i) {
-        client* const each = inside_->clients[i].served.get();
-        if (!each->finished() && visit(arg, *each)) return each;
-    }
-    return nullptr;
-}
-
 int thread::follow(stream& which, reader& by) noexcept {
     inside& in = *inside_;
     try {

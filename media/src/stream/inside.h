@@ -64,6 +64,8 @@ class media_clock {
 public:
     /// @param now  core_timer()
     uint64_t take(kind_t kind, uint64_t time, uint64_t now) noexcept;
+    /// The media time at core_timer() `now`; 0 before the first frame.
+    uint64_t at(uint64_t now) const noexcept { return started_ ? last_any_ + (now - last_now_) : 0; }
     /// The next time may be any.
     void gap() noexcept { gap_ = true; }
 

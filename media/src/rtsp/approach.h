@@ -1,0 +1,54 @@
+// The way of a player from the last key picture up to the present.
+#pragma once
+
+#include "media/stream.h"
+
+#include <cstdint>
+
+namespace media::rtsp {
+
+/// Shows the frames of a stream at a multiple of their pace, all tracks in step, so that the burst fits the receive
+/// buffers of the network and the player.
+class approach {
+public:
+    /// Media time that passes in one second.
+    static constexpr uint64_t speed = 4;
+    /// Behind by more than this longer than at its beginning, on a link that is too slow or after the machine was
+    /// suspended, it goes on with the next key picture.
+    static constexpr uint64_t longest_lag = 1'000'000;
+
+    enum class step_t : uint8_t {
+        frame,    ///< shown() is due
+        wait,     ///< until due()
+        present,  ///< all that was held has been shown
+        lost,     ///< pictures were left out
+        ended,    ///< nothing follows
+    };
+
+    /// @param now  core_timer(). @return 1, or 0 when memory is out
+    int begin(stream& from, bool at_key, uint64_t now) noexcept;
+    void end() noexcept;
+    bool under_way() const noexcept { return place_.is_open(); }
+
+    step_t look(uint64_t now) noexcept;
+    const entry_t& shown() const noexcept { return entry_; }
+    uint64_t due() const noexcept { return due_; }
+    /// Goes on behind the frame that is shown.
+    void take() noexcept { waiting_ = false; }
+
+    /// Number of the frame that is shown next.
+    uint64_t position() const noexcept { return waiting_ ? entry_.number : place_.position(); }
+    /// Media time of the first frame; 0 when none is held.
+    uint64_t first_time() const noexcept { return start_; }
+
+private:
+    cursor place_;
+    entry_t entry_;
+    bool waiting_ = false;  ///< `entry_` was not taken yet
+    uint64_t began_ = 0;
+    uint64_t start_ = 0;    ///< media time of the first frame
+    uint64_t lag_ = 0;      ///< the most that it may be behind
+    uint64_t due_ = 0;
+};
+
+}  // namespace media::rtsp

@@ -1,0 +1,146 @@
+#include "rtsp/part.h"
+
+#include "rtsp/client.h"
+
+#include "inet/net_socket.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace media::rtsp {
+
+namespace {
+
+constexpr uint32_t longest_report = 1500;
+constexpr int reports_at_once = 64;
+
+}  // namespace
+
+bool live::begin() noexcept {
+    following_ = owner_.on().follow(stream_, *this) != 0;
+    return following_;
+}
+
+void live::end() noexcept {
+    if (std::exchange(following_, false)) owner_.on().unfollow(stream_, *this);
+}
+
+bool live::add(client_t& one, uint64_t from) noexcept {
+    try {
+        places_.push_back({&one, from});
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+void live::remove(const client_t& one) noexcept {
+    for (place_t& each : places_) {
+        if (each.one == &one) each.one = nullptr;
+    }
+}
+
+void live::on_entry(read_t what, const entry_t& entry) noexcept {
+    ::rtp::Packets* const packets = what == read_t::frame ? owner_.cut().of(stream_, entry) : nullptr;
+    for (size_t i = 0; i < places_.size(); ++i) {
+        const auto [one, from] = places_[i];
+        if (!one) continue;
+        if (what == read_t::frame) {
+            if (entry.number >= from) one->deliver(entry, packets);
+        } else if (what == read_t::lost) {
+            one->leave_out();
+        } else if (what == read_t::ended) {
+            one->finish();
+        }
+    }
+    std::erase_if(places_, [](const place_t& each) { return !each.one; });
+}
+
+::rtp::Packets* cut_frames::of(const stream& from, const entry_t& entry) noexcept {
+    for (cut_t& each : cut_) {
+        if (each.from != &from || each.number != entry.number || each.packets.time() != entry.frame.time) continue;
+        return each.packets.count() != 0 ? &each.packets : nullptr;
+    }
+    cut_t& oldest = cut_[next_];
+    next_ = (next_ + 1) % cut_.size();
+    oldest.from = &from;
+    oldest.number = entry.number;
+    oldest.packets.cut(&entry.frame);
+    return oldest.packets.count() != 0 ? &oldest.packets : nullptr;
+}
+
+part_t::~part_t() {
+    live_.clear();
+    close_udp();
+}
+
+live* part_t::live_of(stream& which) noexcept {
+    const auto found = std::ranges::find_if(live_, [&](const auto& each) { return &each->of() == &which; });
+    if (found != live_.end()) return found->get();
+    core::owned_object<live> made(core::create<live>(CORE_HERE, *this, which));
+    if (!made || !made->begin()) return nullptr;
+    try {
+        live_.push_back(std::move(made));
+        return live_.back().get();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+// It stays until the next player comes or goes, as it may be passing on a frame now.
+void part_t::leave(live*& of) noexcept {
+    if (!of) return;
+    --std::exchange(of, nullptr)->users;
+}
+
+void part_t::second() noexcept {
+    std::erase_if(live_, [](const auto& each) { return each->users == 0; });
+}
+
+uint16_t part_t::udp_port() noexcept {
+    // The pair of a last attempt that failed is left open.
+    if (!datagrams_.is_open() &&
+        (socket_rtp_pair(&rtp_fd_, &rtcp_fd_) != 1 || !datagrams_.open(thread_.nt(), rtp_fd_))) {
+        close_udp();
+        return 0;
+    }
+    if (!reports_) net::net_nt_socket_add(thread_.nt(), reports_, rtcp_fd_, net::nt_flag_read, this, on_report);
+    return net_socket_get_near_port(rtp_fd_);
+}
+
+// A report keeps the session of the player alive that it comes from.
+void part_t::on_report(void* arg, uint32_t) noexcept {
+    auto* self = static_cast<part_t*>(arg);
+    uint8_t bytes[longest_report];
+    buf_t report{bytes, sizeof bytes, 0};
+    sockaddr_in from{};
+    for (int i = 0; i < reports_at_once && net_udp_recv(self->rtcp_fd_, report, &from) >= 0; ++i) {
+        const buffer_t bytes_of_it{report.data, report.length};
+        for (client_t* each : self->clients_) {
+            if (each->take_report(from, bytes_of_it)) break;
+        }
+    }
+}
+
+bool part_t::enter(client_t& one) noexcept {
+    try {
+        clients_.push_back(&one);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+void part_t::exit(const client_t& one) noexcept { std::erase(clients_, &one); }
+
+void part_t::close_udp() noexcept {
+    datagrams_.close();
+    if (reports_) net::net_nt_socket_rem(thread_.nt(), reports_);
+    for (int* fd : {&rtp_fd_, &rtcp_fd_}) {
+        if (*fd >= 0) net_socket_close(*fd);
+        *fd = -1;
+    }
+}
+
+}  // namespace media::rtsp

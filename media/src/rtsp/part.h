@@ -1,0 +1,107 @@
+// What RTSP has on a network thread: the pair of ports for UDP, frames cut into packets, and the players that are live.
+#pragma once
+
+#include "rtsp/service.h"
+
+#include "core/memory.h"
+#include "inet/net_datagrams.h"
+#include "inet/rtp_packets.h"
+
+#include <array>
+
+namespace media::rtsp {
+
+class client_t;
+class part_t;
+
+/// The players of a thread that have come up to the present of one stream: each frame is cut once for all of them.
+class live final : public reader {
+public:
+    live(part_t& owner, stream& of) noexcept : owner_(owner), stream_(of) {}
+    ~live() { end(); }
+    live(const live&) = delete;
+    live& operator=(const live&) = delete;
+
+    bool begin() noexcept;
+    void end() noexcept;
+    const stream& of() const noexcept { return stream_; }
+
+    /// @param from  number of the first frame that it is sent. @return false when memory is out
+    bool add(client_t& one, uint64_t from) noexcept;
+    void remove(const client_t& one) noexcept;
+    uint32_t users = 0;  ///< players that are here or on the way
+
+private:
+    void on_entry(read_t what, const entry_t& entry) noexcept override;
+
+    struct place_t {
+        client_t* one;  ///< null: left while frames are passed on
+        uint64_t from;
+    };
+
+    part_t& owner_;
+    stream& stream_;
+    core::vector<place_t> places_;
+    bool following_ = false;
+};
+
+/// Remembers the frames that were cut last: players that come up are sent the same ones.
+class cut_frames {
+public:
+    /// @return null for a frame that makes no packet, or when memory is out; valid until the next call
+    ::rtp::Packets* of(const stream& from, const entry_t& entry) noexcept;
+
+private:
+    struct cut_t {
+        const stream* from = nullptr;
+        uint64_t number = 0;
+        ::rtp::Packets packets{CORE_HERE};
+    };
+
+    std::array<cut_t, 8> cut_;
+    size_t next_ = 0;
+};
+
+class part_t final : public part {
+public:
+    part_t(thread& on, service_t& of) noexcept : thread_(on), service_(of) {}
+    ~part_t() override;
+
+    void second() noexcept override;
+
+    thread& on() noexcept { return thread_; }
+    service_t& of() noexcept { return service_; }
+
+    /// The clients of this thread, for reports and tunnels. @return false when memory is out
+    bool enter(client_t& one) noexcept;
+    void exit(const client_t& one) noexcept;
+    const core::vector<client_t*>& clients() const noexcept { return clients_; }
+
+    /// The live players of a stream, made at its first use: hold it with live::users. Null when memory is out.
+    live* live_of(stream& which) noexcept;
+    /// Lets go of it.
+    void leave(live*& of) noexcept;
+    cut_frames& cut() noexcept { return cut_; }
+
+    /// Port of the socket that sends RTP over UDP, the next one sends RTCP; opened at first use, 0 when that failed.
+    uint16_t udp_port() noexcept;
+    /// RTP over UDP of all players; open once udp_port() is.
+    net::Datagrams& datagrams() noexcept { return datagrams_; }
+    int rtcp_socket() const noexcept { return rtcp_fd_; }
+
+private:
+    static void on_report(void* arg, uint32_t events) noexcept;
+    void close_udp() noexcept;
+
+    thread& thread_;
+    service_t& service_;
+    core::vector<client_t*> clients_;
+    core::vector<core::owned_object<live>> live_;
+    cut_frames cut_;
+    net::Datagrams datagrams_;
+    int rtp_fd_ = -1;
+    int rtcp_fd_ = -1;
+    net::socket_ctx* reports_ = nullptr;
+};
+
+}  // namespace media::rtsp

@@ -1,0 +1,154 @@
+#include "rtsp/service.h"
+
+#include "rtsp/client.h"
+#include "rtsp/group.h"
+
+#include "core/text.h"
+#include "inet/net_socket.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <new>
+#include <utility>
+
+namespace media {
+
+service* rtsp_service(const rtsp_settings_t& settings) noexcept {
+    auto* made = core::create<rtsp::service_t>(CORE_HERE, settings);
+    if (!made || made->complete()) return made;
+    delete made;
+    return nullptr;
+}
+
+namespace rtsp {
+
+namespace {
+
+constexpr size_t most_tunnels = 4096;
+
+bool copy(core::owned_text& to, const char*& text) noexcept {
+    if (!text) return true;
+    to.reset(core_strdup(text, CORE_HERE));
+    text = to.get();
+    return text != nullptr;
+}
+
+}  // namespace
+
+bool tunnels::add(std::string_view cookie, in_addr peer, thread& at, const client_t& get) noexcept {
+    const std::lock_guard held(lock_);
+    try {
+        if (ends_.size() == most_tunnels) return false;
+        core::string own;
+        own.assign(cookie);
+        ends_.push_back({std::move(own), peer, &at, &get});
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+void tunnels::remove(const client_t& get) noexcept {
+    const std::lock_guard held(lock_);
+    std::erase_if(ends_, [&](const end_t& each) { return each.get == &get; });
+}
+
+thread* tunnels::find(std::string_view cookie, in_addr peer) const noexcept {
+    const std::lock_guard held(lock_);
+    const auto found = std::find_if(ends_.rbegin(), ends_.rend(), [&](const end_t& each) {
+        return each.cookie == cookie && each.peer.s_addr == peer.s_addr;
+    });
+    return found == ends_.rend() ? nullptr : found->at;
+}
+
+service_t::service_t(const rtsp_settings_t& settings) noexcept : settings_(settings), port_(settings.port) {
+    complete_ = copy(user_, settings_.user) && copy(password_, settings_.password) &&
+                copy(multicast_, settings_.multicast);
+}
+
+service_t::~service_t() = default;
+
+/// RTSP requests, and the HTTP requests that open a tunnel: "x-sessioncookie" stands in their head.
+claim_t service_t::claims(buffer_t first) const noexcept {
+    const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
+    const size_t line = text.find("\r\n");
+    if (text.substr(0, 1) == "$") return claim_t::yes;
+    if (line == std::string_view::npos) return claim_t::more;
+    if (text.substr(0, line).find(" RTSP/1.") != std::string_view::npos) return claim_t::yes;
+    const size_t end = text.find("\r\n\r\n");
+    core::string head;
+    try {
+        head.assign(text.substr(0, end));
+    } catch (const std::bad_alloc&) {
+        return claim_t::no;
+    }
+    std::ranges::transform(head, head.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    if (head.find("\r\nx-sessioncookie:") != std::string::npos) return claim_t::yes;
+    return end == std::string_view::npos ? claim_t::more : claim_t::no;
+}
+
+int service_t::open(media::station& of, error_t* error) noexcept {
+    station_ = &of;
+    groups_.clear();  // of an earlier start
+    next_group_port_ = settings_.multicast_port;
+    if (!settings_.multicast) return 1;
+    sockaddr_in group{};
+    if (net_addr_setup(group, settings_.multicast, settings_.multicast_port) == 0) return 1;
+    tell(error, "%s is no multicast group", settings_.multicast);
+    return 0;
+}
+
+part* service_t::make_part(thread& on, error_t* error) noexcept {
+    auto* made = core::create<part_t>(CORE_HERE, on, *this);
+    if (!made) tell(error, "no memory");
+    return made;
+}
+
+client* service_t::take(thread& on, net::Tcp*& from) noexcept {
+    auto* part = static_cast<part_t*>(on.part(*this));
+    auto* made = part ? core::create<client_t>(CORE_HERE, *part, from, nullptr) : nullptr;
+    if (!made) return nullptr;
+    from = nullptr;
+    if (made->complete()) {
+        made->begin();
+        return made;
+    }
+    delete made;
+    return nullptr;
+}
+
+void service_t::addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
+                          void* arg) const noexcept {
+    char text[512];
+    std::snprintf(text, sizeof text, "rtsp://%s:%u/%s", host, unsigned{port_}, of.name());
+    each(arg, text);
+}
+
+group* service_t::group_of(stream& of) noexcept {
+    if (!settings_.multicast) return nullptr;
+    const std::lock_guard held(groups_lock_);
+    const auto found = std::ranges::find_if(groups_, [&](const auto& each) { return &each->of() == &of; });
+    if (found != groups_.end()) return found->get();
+    thread& first = station_->thread_at(0);
+    core::owned_object<group> made(
+        core::create<group>(CORE_HERE, *this, first, of, settings_.multicast, next_group_port_));
+    if (!made || !made->complete()) return nullptr;
+    const auto open = [](thread& on, void* arg) {
+        if (on.nt()) static_cast<group*>(arg)->open();
+    };
+    try {
+        groups_.push_back(std::move(made));
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    group* const added = groups_.back().get();
+    if (!first.call(open, added)) {
+        groups_.pop_back();
+        return nullptr;
+    }
+    next_group_port_ = added->port(added->tracks());
+    return added;
+}
+
+}  // namespace rtsp
+}  // namespace media
