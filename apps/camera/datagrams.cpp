@@ -34,24 +34,13 @@ void datagrams::close() {
     if (socket_) net::net_nt_socket_rem(thread_->nt, socket_);
     socket_ = nullptr;
     queue_.reset();
-    count_ = sent_ = waiting_ = 0;
+    sent_ = waiting_ = 0;
 }
 
-void datagrams::add(const buf_t& packet, const sockaddr_in& to) {
-    if (count_ == together) send();
-    // Neighbours with one address go together.
-    const bool same = count_ != 0 && addresses_[count_ - 1].sin_port == to.sin_port &&
-                      addresses_[count_ - 1].sin_addr.s_addr == to.sin_addr.s_addr;
-    addresses_[count_] = to;
-    packets_[count_] = {packet.data, packet.length, same ? packets_[count_ - 1].to : &addresses_[count_]};
-    ++count_;
-}
-
-void datagrams::send() {
-    uint32_t done = waiting_ == 0 ? send_up_to_full(fd_, packets_.data(), count_) : 0;
-    for (; done < count_; ++done)
-        keep(packets_[done]);
-    count_ = 0;
+void datagrams::send(const datagram_t* packets, uint32_t count) {
+    uint32_t done = waiting_ == 0 ? send_up_to_full(fd_, packets, count) : 0;
+    for (; done < count; ++done)
+        keep(packets[done]);
 }
 
 void datagrams::keep(const datagram_t& packet) {

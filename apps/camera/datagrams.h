@@ -28,14 +28,10 @@ public:
 
     /// Whether so many packets find room, should they have to wait.
     bool has_room(uint32_t packets) const { return waiting_ + packets <= most; }
-    /// A packet, whose bytes stay as they are until send().
-    void add(const buf_t& packet, const sockaddr_in& to);
-    /// Gives what was added to the system.
-    void send();
+    /// Gives them to the system.
+    void send(const datagram_t* packets, uint32_t count);
 
 private:
-    static constexpr uint32_t together = 256;
-
     /// Used only by a system that does not keep up.
     struct queue {
         std::array<datagram_t, most> packets;
@@ -51,9 +47,6 @@ private:
     net::Thread* thread_ = nullptr;  ///< its context is null once it has stopped
     net::socket_ctx* socket_ = nullptr;
     int fd_ = -1;
-    std::array<datagram_t, together> packets_;
-    std::array<sockaddr_in, together> addresses_;
-    uint32_t count_ = 0;
     std::unique_ptr<queue> queue_;
     uint32_t sent_ = 0;     ///< packets of the queue that are gone
     uint32_t waiting_ = 0;  ///< packets in the queue, with those

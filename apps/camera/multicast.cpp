@@ -87,7 +87,6 @@ bool shared_channel::send(const av::frame_t& frame) {
     rtp::Packets* packets = cut_.of(frame);
     if (!packets || !datagrams_.has_room(packets->count())) return false;
     rtp_->pack(*packets);
-    datagrams_.send();
     return true;
 }
 
@@ -107,12 +106,13 @@ void shared_channel::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noe
     const auto index = std::find(rtp->traks, rtp->traks + next_seq_.size(), rtp->current) - rtp->traks;
     const bool report = event == rtp::event_t::rtcp;
     group_.sin_port = htons(static_cast<uint16_t>(port(static_cast<size_t>(index)) + (report ? 1 : 0)));
-    sent_ += rtp->packet.length;
     if (report) {
         buffer_t bytes{rtp->packet.data, rtp->packet.length};
         net_udp_send_buffer(socket_, &bytes, &group_);
+        sent_ += bytes.size;
     } else {
-        datagrams_.add(rtp->packet, group_);
+        datagrams_.send(rtp->cut->datagrams(group_), rtp->cut->count());
+        sent_ += rtp->cut->size();
     }
 }
 

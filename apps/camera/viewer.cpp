@@ -182,8 +182,6 @@ bool viewer::send_packets(const av::frame_t& frame, const rtsp3::trak_t& trak) {
     if (!packets || !fits(*packets, trak)) return false;
     const bool sent = rtsp_->send_packets(*packets) != 0;
     watch_writability(rtsp_->send_buffer()->length != 0);
-    // They are stamped anew for the next viewer.
-    owner_.datagrams_out().send();
     return sent;
 }
 
@@ -246,7 +244,7 @@ void viewer::on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noex
             begun_ = false;
             break;
         case e::send_rtp:
-            send_packet();
+            send_picture();
             break;
         case e::rtsp_rtcp:
             send_report();
@@ -350,9 +348,10 @@ sockaddr_in viewer::player_port(unsigned offset) const {
     return to;
 }
 
-void viewer::send_packet() {
-    owner_.datagrams_out().add(rtsp_->rtp()->packet, player_port(0));
-    owner_.count_sent(rtsp_->rtp()->packet.length);
+void viewer::send_picture() {
+    rtp::Packets& packets = *rtsp_->rtp()->cut;
+    owner_.datagrams_out().send(packets.datagrams(player_port(0)), packets.count());
+    owner_.count_sent(packets.size());
 }
 
 void viewer::send_report() {

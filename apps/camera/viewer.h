@@ -71,7 +71,7 @@ private:
     void set_up();
     void play();
     sockaddr_in player_port(unsigned offset) const;
-    void send_packet();
+    void send_picture();
     void send_report();
     uint32_t index_of(const rtsp3::trak_t& trak) const;
     void share(const rtsp3::trak_t& trak);

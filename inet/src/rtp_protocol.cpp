@@ -1,15 +1,14 @@
 #include "inet/rtp_protocol.h"
 
-#include "rtp/packet.h"
+#include "rtp/depacketizer.h"
+#include "rtp/packetizer.h"
 
-#include "avc/fcc.h"
 #include "core/array.h"
+#include "core/memory.h"
 #include "core/owned.h"
-#include "core/text.h"
-#include "core/time.h"
-#include "inet/net_analytics.h"
 
 #include <algorithm>
+#include <span>
 
 namespace {
 
@@ -23,47 +22,47 @@ std::span<rtp::trak_t* const> as_span(rtp::trak_t* const* traks) noexcept {
 // First track that has the value in that field; null when there is none.
 template <class Field>
 rtp::trak_t* find(rtp::trak_t* const* traks, Field rtp::trak_t::*field, Field value) noexcept {
-    const auto all = as_span(traks);
-    const auto found =
-        std::find_if(all.begin(), all.end(), [=](const rtp::trak_t* trak) { return trak->*field == value; });
-    return found != all.end() ? *found : nullptr;
+    while (traks && *traks && (*traks)->*field != value)
+        ++traks;
+    return traks ? *traks : nullptr;
 }
 
 void destroy_trak(rtp::trak_t* trak) noexcept {
     core_buf_free(&trak->frame);
     core_buf_free(&trak->fua);
-    core::destroy(trak);
-}
-
-template <class Record>
-std::span<const uint8_t> payload_of(const Record& record) noexcept {
-    return {record.data, record.data ? record.size : 0};
-}
-
-// Borrowed data need not end with a NUL, so the converter gets a copy that does.
-core::owned_text analytics_text(std::span<const uint8_t> json, uint64_t time, const char* file, int line) noexcept {
-    const core::owned_text copy(core_strndup(reinterpret_cast<const char*>(json.data()), json.size(), file, line));
-    return core::owned_text(copy ? net_analytics_convert(copy.get(), time, file, line) : nullptr);
-}
-
-std::span<const uint8_t> bytes_of(const char* text) noexcept {
-    return {reinterpret_cast<const uint8_t*>(text), core_strlen(text)};
+    core::destroy(static_cast<rtp::track_t*>(trak));
 }
 
 }  // namespace
 
 namespace rtp {
 
-Rtp::Rtp(const char* file, int line) noexcept : log(core_log_create(file, line, "rtp")), file_(file), line_(line) {
+class Rtp::insides {
+public:
+    insides(Rtp& rtp, const char* where, int at) noexcept
+        : send(rtp, where, at), receive(rtp, where, at), file(where), line(at) {}
+
+    packetizer send;
+    depacketizer receive;
+    const char* const file;
+    const int line;
+};
+
+Rtp::Rtp(const char* file, int line) noexcept
+    : log(core_log_create(file, line, "rtp")), insides_(core::create<insides>(file, line, *this, file, line)) {
     set_packet_room(nullptr);
 }
 
 Rtp::~Rtp() {
     close();
+    core::destroy(insides_);
     core_log_free(log);
 }
 
-Rtp* Rtp::create(const char* file, int line) noexcept { return core::create<Rtp>(file, line, file, line); }
+Rtp* Rtp::create(const char* file, int line) noexcept {
+    core::owned_object<Rtp> made(core::create<Rtp>(file, line, file, line));
+    return made && made->insides_ ? made.release() : nullptr;
+}
 
 void Rtp::destroy(Rtp* rtp) noexcept { core::destroy(rtp); }
 
@@ -76,18 +75,27 @@ void Rtp::close() noexcept {
 }
 
 void Rtp::set_packet_room(uint8_t* room) noexcept {
-    room_ = room ? room : own_room_;
-    packet = {room_, packet_size, 0};
+    if (insides_) insides_->send.set_room(room);
+}
+
+void Rtp::set_report_clock(report_clock_t clock) noexcept {
+    if (insides_) insides_->send.set_report_clock(clock);
+}
+
+void Rtp::set_arrival(uint64_t us) noexcept {
+    if (insides_) insides_->receive.set_arrival(us);
 }
 
 trak_t* Rtp::add_trak(unsigned char pt, unsigned fcc) noexcept {
     if (trak_t* known = get_trak_pt(pt)) return known;
-    core::owned_object<trak_t> trak(core::create<trak_t>(file_, line_));
+    if (!insides_) return nullptr;
+    core::owned_object<track_t> trak(core::create<track_t>(insides_->file, insides_->line));
     if (!trak) return nullptr;
     trak->pt = pt;
     trak->fcc = fcc;
     const size_t before = as_span(traks).size();
-    traks = reinterpret_cast<trak_t**>(core_array_add(reinterpret_cast<void**>(traks), trak.get(), file_, line_));
+    traks = reinterpret_cast<trak_t**>(core_array_add(reinterpret_cast<void**>(traks), static_cast<trak_t*>(trak.get()),
+                                                      insides_->file, insides_->line));
     return as_span(traks).size() > before ? trak.release() : nullptr;
 }
 
@@ -95,109 +103,38 @@ trak_t* Rtp::get_trak_pt(unsigned char pt) const noexcept { return find(traks, &
 
 trak_t* Rtp::get_trak_fcc(unsigned fcc) const noexcept { return find(traks, &trak_t::fcc, fcc); }
 
-trak_t* Rtp::get_trak_ssrc(uint32_t ssrc) const noexcept { return find(traks, &trak_t::ssrc, ssrc); }
-
 void Rtp::pack(const av::frame_t* frame) noexcept {
-    if (!frame || !begin(frame->fcc, frame->time)) return;
-    const uint16_t first_seq = current->seq;
-    const auto data = payload_of(*frame);
-    switch (fcc_unic(frame->fcc)) {
-        case av::fcc_h264:
-            pack_h264(data);
-            break;
-        case av::fcc_jpeg:
-            pack_jpeg(data);
-            break;
-        case av::fcc_pcmu:
-            pack_pcmu(data);
-            break;
-        case av::fcc_univ:
-            pack_univ(data);
-            break;
-        case av::fcc_meta: {
-            const auto text = analytics_text(data, frame->time, file_, line_);
-            pack_univ(bytes_of(text.get()));
-            if (text) core_log_print(log, "%s", text.get());
-            break;
-        }
-        default:
-            return log_unknown("fcc");
-    }
-    log_frame(first_seq);
-    if (report_due()) pack_rtcp_sr(current);
+    if (frame && insides_) insides_->send.pack(*frame);
+}
+
+void Rtp::pack(Packets& packets) noexcept {
+    if (insides_) insides_->send.pack(packets);
 }
 
 void Rtp::pack_meta(const av::meta_t* meta) noexcept {
-    if (!meta || !begin(meta->fcc, meta->time)) return;
-    const uint16_t first_seq = current->seq;
-    const auto data = payload_of(*meta);
-    switch (meta->fcc) {
-        case av::fcc_meta: {
-            const auto text = analytics_text(data, meta->time, file_, line_);
-            pack_univ(bytes_of(text.get()));
-            core_log_print(log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%s", id, current->ssrc, current->rtp_time,
-                           first_seq, current->seq, text ? text.get() : "");
-            break;
-        }
-        case av::fcc_univ:
-            pack_univ(data);
-            log_frame(first_seq);
-            break;
-        default:
-            return log_unknown("metadata fcc");
-    }
-    if (report_due()) pack_rtcp_sr(current);
+    if (meta && insides_) insides_->send.pack_meta(*meta);
 }
 
-// Makes the format's track current and sets it to the time; false when there is none to send on.
-bool Rtp::begin(uint32_t fcc, uint64_t time) noexcept {
-    if (start_time == 0 || start_time > time) start_time = time;
-    trak_t* const trak = get_trak_fcc(fcc);
-    if (!trak) return false;
-    current = trak;
-    if (!trak->active) return false;
-    trak->time = time;
-    trak->rtp_time = timestamp(time, trak->clock_rate);
-    return true;
+void Rtp::pack_rtcp_sr(trak_t* trak) noexcept {
+    if (trak && insides_) insides_->send.send_report(*trak);
 }
 
-// Writes the fixed header (RFC 3550, 5.1); the payload goes to what it returns.
-uint8_t* Rtp::start_packet(uint32_t pt) noexcept {
-    packet.data[0] = version_2;
-    packet.data[1] = static_cast<uint8_t>(pt);
-    return stamp_packet();
+void Rtp::pack_rtcp_rr(trak_t* trak) noexcept {
+    if (trak && insides_) send_receiver_report(*this, *trak);
 }
 
-// The part of the header that is the stream's.
-uint8_t* Rtp::stamp_packet() noexcept {
-    uint8_t* out = put16(packet.data + 2, current->seq++);
-    out = put32(out, current->rtp_time);
-    return put32(out, current->ssrc);
+void Rtp::unpack_rtp(buffer_t received) noexcept {
+    if (insides_) insides_->receive.take(received);
 }
 
-void Rtp::send_packet(uint32_t length) noexcept {
-    ++current->packets;
-    current->octets += length;
-    hand_over(event_t::packet, length);
+void Rtp::unpack_rtc(buffer_t received) noexcept {
+    if (insides_) insides_->receive.take_report(received);
 }
 
-void Rtp::hand_over(event_t::enum_t event, uint32_t length) noexcept {
-    packet.length = length;
-    if (handler) handler->on_rtp_event(this, event);
-}
-
-void Rtp::log_frame(uint16_t first_seq) noexcept {
-    if (!core_log_wanted(log)) return;
-    char fcc[5];
-    char time[32];
-    time_format(current->time, "%Y-%m-%d %H:%M:%S.%s", time, sizeof time);
-    core_log_print(log, "%d: %s ssrc:%u: %s rtp:%u seq:%hu-%hu", id, fcc_str(current->fcc, fcc), current->ssrc, time,
-                   current->rtp_time, first_seq, current->seq);
-}
-
-void Rtp::log_unknown(const char* what) noexcept {
-    char fcc[5];
-    core_log_print(log, "%d: %u: unknown %s:%s", id, current->ssrc, what, fcc_str(current->fcc, fcc));
+void Rtp::call_frame() noexcept {
+    if (!current || current->frame.length == 0) return;
+    if (handler) handler->on_rtp_event(this, event_t::frame);
+    current->frame.length = 0;
 }
 
 }  // namespace rtp

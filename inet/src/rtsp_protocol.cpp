@@ -33,7 +33,10 @@ const char* Enum::event_name(unsigned event) noexcept {
     return names[std::min<size_t>(event, std::size(names) - 1)];
 }
 
-Rtsp* Rtsp::create(const char* file, int line) noexcept { return core::create<Rtsp>(file, line, file, line); }
+Rtsp* Rtsp::create(const char* file, int line) noexcept {
+    core::owned_object<Rtsp> made(core::create<Rtsp>(file, line, file, line));
+    return made && made->rtp_.packet.data ? made.release() : nullptr;
+}
 
 void Rtsp::destroy(Rtsp* rtsp) noexcept { core::destroy(rtsp); }
 

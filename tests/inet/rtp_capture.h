@@ -4,7 +4,10 @@
 #include "support/log_lines.h"
 
 #include "avc/fcc.h"
+#include "inet/net_socket.h"
+#include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
+#include "inet/sockaddr.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -55,6 +58,7 @@ public:
     }
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
+        if (event == rtp::event_t::packets) return take_cut(*rtp->cut);
         const bytes data(rtp->packet.data, rtp->packet.data + rtp->packet.length);
         order.push_back(event);
         (event == rtp::event_t::packet ? packets : reports).push_back(data);
@@ -96,6 +100,16 @@ public:
         for (const bytes& packet : packets)
             out.insert(out.end(), packet.begin() + static_cast<ptrdiff_t>(header), packet.end());
         return out;
+    }
+
+    // As if they had been built one by one.
+    void take_cut(rtp::Packets& cut) {
+        const sockaddr_in to{};
+        const datagram_t* const datagrams = cut.datagrams(to);
+        for (uint32_t i = 0; i < cut.count(); ++i) {
+            packets.emplace_back(datagrams[i].data, datagrams[i].data + datagrams[i].size);
+            order.push_back(rtp::event_t::packet);
+        }
     }
 
     rtp::Rtp object{CORE_HERE};

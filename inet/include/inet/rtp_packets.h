@@ -1,7 +1,9 @@
-/// The RTP packets of one frame, cut once for any number of receivers: what differs between two streams of one frame
-/// stands in the first bytes of its packets, so each rtp::Rtp only stamps those (Rtp::pack()), in place, and the
-/// payload is copied once for all of them. One thread's; nothing is allocated once the buffer has grown to the longest
-/// frame.
+/// The RTP packets of one frame, cut once for any number of receivers. What differs between two streams of the frame
+/// stands in the first bytes of each packet. A stream writes these bytes in place (Rtp::pack()), so the payload is
+/// copied once for all streams, and the packets are those of the last stream that packed them.
+///
+/// An object belongs to one thread. It allocates nothing once it has grown to the longest frame. When memory is out at
+/// its making, it cuts nothing.
 #pragma once
 
 #include "avc/frame.h"
@@ -11,42 +13,47 @@
 
 #include <cstdint>
 
+struct datagram_t;   // inet/net_socket.h
+struct sockaddr_in;  // inet/sockaddr.h
+
 namespace rtp {
 
-class INET_API Packets final : private IRtp {
+class INET_API Packets {
 public:
-    /// `file` and `line` name what the object allocates; both outlive it.
+    /// `file` and `line` name what the object allocates; the text is valid until the object ends.
     Packets(const char* file, int line) noexcept;
     ~Packets();
     Packets(const Packets&) = delete;
     Packets& operator=(const Packets&) = delete;
 
-    /// Cuts a frame of one of the formats that Rtp::pack() takes. What was cut before is gone.
-    /// @return 1; 0 for a frame that makes no packet, or when memory is out: there are none then
+    /// Cuts a frame of one of the formats that Rtp::pack() takes. Drops what was cut before.
+    /// @return 1; 0 for null, for a frame that makes no packet, or when memory is out: there are no packets then
     int cut(const av::frame_t* frame) noexcept;
 
     /// Format and time of the frame.
-    uint32_t fcc() const noexcept { return trak_ ? trak_->fcc : 0; }
-    uint64_t time() const noexcept { return trak_ ? trak_->time : 0; }
+    uint32_t fcc() const noexcept;
+    uint64_t time() const noexcept;
 
-    /// All packets, each behind its framing of 4 bytes for an RTSP connection (RFC 2326, 10.12).
-    buffer_t interleaved() const noexcept { return {bytes_.data, bytes_.length}; }
-    uint32_t count() const noexcept { return count_; }
-    /// Writes the channel into the framing.
+    uint32_t count() const noexcept;
+    /// Bytes of all packets, without framing.
+    uint32_t size() const noexcept;
+
+    /// All packets, each behind its framing of 4 bytes for an RTSP connection (RFC 2326, 10.12). Valid until cut().
+    buffer_t interleaved() const noexcept;
+    /// Writes the channel into the framing, unless it stands there.
     void set_channel(uint8_t channel) noexcept;
 
+    /// The packets without framing as datagrams to one address, for net_udp_send_batch(): count() of them. The array is
+    /// valid until cut(), the address in it until the next call.
+    const datagram_t* datagrams(const sockaddr_in& to) noexcept;
+
+    /// Writes the payload type, the numbers, the timestamp and the SSRC of a stream into the packets and counts them
+    /// for it. Rtp::pack() does it.
+    void stamp(trak_t& trak) noexcept;
+
 private:
-    friend class Rtp;
-
-    void on_rtp_event(Rtp* rtp, event_t::enum_t event) noexcept override;
-
-    Rtp packer_;
-    trak_t* trak_;
-    buf_t bytes_;
-    uint32_t count_ = 0;
-    bool out_of_memory_ = false;
-    const char* file_;
-    int line_;
+    class insides;
+    insides* insides_;
 };
 
 }  // namespace rtp

@@ -1,35 +1,38 @@
-/// RTP packetizer and depacketizer: media frames become RTP packets (RFC 3550) with a sender report every two seconds
-/// of media time, and packets become frames again with receiver reports. No socket is touched: every packet that is
-/// built and all media that was received is handed to the owner through rtp::IRtp, and the owner brings what it
-/// received. Beside it stand the conversions between the library's clock and NTP time.
+/// RTP packetizer and depacketizer. Media frames become RTP packets (RFC 3550) with a sender report every two seconds
+/// of media time, and packets become frames again with receiver reports. An object touches no socket: it hands every
+/// packet that it builds and all media that it received to its owner through rtp::IRtp, and the owner brings what it
+/// received. The conversions between the library's clock and NTP time stand here, too.
 ///
 /// An object, its tracks and its handler belong to one thread, the network thread of the owner. No packet is longer
-/// than rtp::packet_size bytes and none is kept. After set-up, pack() allocates nothing, except that "META" makes a
+/// than rtp::packet_size bytes, and none is kept. After set-up, pack() allocates nothing, except that "META" makes a
 /// text.
 ///
 ///   format   on the wire
-///   "H264"   single NAL unit packets and FU-A (RFC 6184); the parameter sets of an access unit go first, delimiters
-///            and SEI are left out; the marker bit ends every NAL unit
-///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band; above 2040 pixels either way the whole
+///   "H264"   single NAL unit packets and FU-A (RFC 6184). The parameter sets of an access unit go first. Delimiters
+///   and
+///            SEI are left out. The marker bit ends every NAL unit
+///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band. Above 2040 pixels either way, the whole
 ///            file in a header extension
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
 ///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"; nothing when it names no object
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
 ///
 ///   format   what event 3 brings of received packets
-///   "H264"   a NAL unit without start code, of a single NAL unit packet or put together from FU-A; aggregation packets
-///            (types 24 to 27) as they are; types 29 to 31 are dropped
-///   "JPEG"   a picture piece by piece, one a packet, the first with the header that RTP leaves out, the last (marker)
-///            with EOI; or the pieces of a file in header extensions, with SOI before the first. Quantisation tables
-///            come in band for a Q from 128 and from RFC 2435, appendix A, for 1 to 99
+///   "H264"   a NAL unit without start code, of a single NAL unit packet or put together from FU-A. Aggregation packets
+///            (types 24 to 27) come as they are. Types 29 to 31 are dropped
+///   "JPEG"   a picture piece by piece, one a packet: the first with the header that RTP leaves out, the last (marker)
+///            with EOI. Or the pieces of a file in header extensions, with SOI before the first. Quantisation tables
+///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99
 ///   "PCMU"   "PCMA" "G726": the payload of one packet
 ///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1)
 ///   "META"   a document, ended by the marker bit
 ///
-/// Every byte received counts as hostile. A peer can make a track hold at most rtp::max_frame bytes each in `frame` and
-/// `fua`; what grows beyond is given up whole. Once these have grown, receiving allocates nothing. Packets are taken in
-/// the order in which they are brought: in front of a track that is received by UDP belongs an rtp::Reorder
-/// (inet/rtp_reorder.h).
+/// Every byte received counts as hostile. Bounds for one peer:
+///     trak_t::frame, trak_t::fua   rtp::max_frame bytes each; a longer frame is given up whole
+/// Once both have grown, receiving allocates nothing.
+///
+/// Packets are taken in the order in which they are brought. A track that is received by UDP needs an rtp::Reorder
+/// (inet/rtp_reorder.h) in front of it.
 #pragma once
 
 #include "avc/frame.h"
@@ -37,9 +40,7 @@
 #include "core/buf.h"
 #include "core/log.h"
 
-#include <cstddef>
 #include <cstdint>
-#include <span>
 
 /// The NTP time (seconds since 1900-01-01 modulo 2^32 in the high half, fraction of 2^-32 s, truncated, in the low
 /// half) of microseconds since 1970-01-01. Any thread.
@@ -66,9 +67,10 @@ inline constexpr uint32_t max_frame = 8U << 20;
 /// What the handler is called for.
 struct event_t {
     enum enum_t : int {
-        packet = 0,  ///< one RTP packet is ready in Rtp::packet
-        rtcp = 2,    ///< one RTCP packet is ready in Rtp::packet
-        frame = 3,   ///< received media data is ready in Rtp::current->frame
+        packet = 0,   ///< one RTP packet is ready in Rtp::packet
+        packets = 1,  ///< all packets of a frame that was cut before are ready in Rtp::cut
+        rtcp = 2,     ///< one RTCP packet is ready in Rtp::packet
+        frame = 3,    ///< received media data is ready in Rtp::current->frame
     };
 };
 
@@ -78,7 +80,7 @@ enum class report_clock_t : uint8_t {
     packets,  ///< the timestamps of the packets, which a player needs to keep tracks in step (RFC 3550, 6.4.1)
 };
 
-/// One stream. Made by Rtp::add_trak() and owned by the Rtp.
+/// One stream. Made by Rtp::add_trak(), valid until Rtp::close().
 struct trak_t {
     uint8_t active;      ///< 1 when frames are packed; set by the owner once the stream is set up. Received packets are
                          ///< taken in any case
@@ -115,24 +117,13 @@ struct trak_t {
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
     uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
     uint8_t bye;         ///< 1 when the sender said BYE (RFC 3550, 6.6) and no packet has been taken since
-
-    /// What the counters need from packet to packet; not for the owner.
-    struct count_t {
-        uint64_t jitter;   ///< in sixteenths of a tick
-        uint32_t transit;  ///< arrival less timestamp of the last packet, in ticks
-        uint16_t highest;  ///< sequence number
-        uint16_t last;     ///< number of the last packet taken
-        bool timed;        ///< `transit` is known
-        bool skipping;     ///< up to the end of a frame that was given up
-    } count;
 };
 
 class Rtp;
 class Packets;
-struct jpeg_header_t;
 
-/// Takes what an Rtp has ready. The data is consumed before the call returns: the packet is overwritten by the next
-/// one, and `frame` is emptied. From inside, the object may be read and set_packet_room() called; not close(),
+/// Takes what an Rtp has ready. The data is valid until the call returns: the next packet overwrites the packet, and
+/// `frame` is emptied. From inside, the owner may read the object and call set_packet_room(), but not close(),
 /// destroy(), pack() or unpack_rtp() and their kind.
 class INET_API IRtp {
 public:
@@ -151,8 +142,10 @@ public:
     IRtp* handler = nullptr;    ///< not owned; without one, packets are counted and dropped
     log_ctx* log;               ///< the log named "rtp"; null when it could not be opened, which only costs the lines
     trak_t** traks = nullptr;   ///< null-terminated array; null when there is no track
+    Packets* cut = nullptr;     ///< event `packets`: the frame that was cut before; else null
 
-    /// `file` and `line` name what the object allocates; both outlive it.
+    /// When memory is out, `packet.data` is null and the object has no tracks.
+    /// `file` and `line` name what the object allocates; the text is valid until the object ends.
     Rtp(const char* file, int line) noexcept;
     /// As destroy(), for an object that is part of another.
     ~Rtp();
@@ -171,11 +164,11 @@ public:
 
     /// Where the next packets are built, so that a payload is copied once, straight to where it is sent from. Stays in
     /// force until the next call, which may come from inside on_rtp_event() for events 0 and 2 to move on.
-    /// @param room  packet_size writable bytes, alignment free, that outlive their use here; null for the object's own
+    /// @param room  packet_size writable bytes of any alignment, valid until the next call; null for the object's own
     void set_packet_room(uint8_t* room) noexcept;
 
     /// Clock of the RTP time in sender reports; report_clock_t::ntp until set.
-    void set_report_clock(report_clock_t clock) noexcept { report_clock_ = clock; }
+    void set_report_clock(report_clock_t clock) noexcept;
 
     /// The track with that payload type when there is one, else a new one, zeroed but for `pt` and `fcc`, at the end of
     /// the list. @return null when memory is out. Valid until close().
@@ -184,13 +177,16 @@ public:
     trak_t* get_trak_pt(unsigned char pt) const noexcept;
     trak_t* get_trak_fcc(unsigned fcc) const noexcept;
 
-    /// Sends a frame on the active track with exactly its fcc: its packets (event 0), then a sender report (event 2)
-    /// when the track's media time has come to next_rtcp. Nothing is sent without such a track, for null, or for a
-    /// format that is not in the table above. The timestamp is that of the frame's time.
+    /// Sends a frame on the active track with exactly its fcc. Its packets come first (event 0). A sender report (event
+    /// 2) follows when the track's media time has come to next_rtcp. The timestamp is that of the frame's time. Nothing
+    /// is sent:
+    ///   - for null,
+    ///   - without such a track,
+    ///   - for a format that is not in the table above.
     void pack(const av::frame_t* frame) noexcept;
 
-    /// The same for a frame that was cut before (inet/rtp_packets.h): event 0 shows each packet where it stands,
-    /// stamped for this stream until the next one packs it.
+    /// The same for a frame that was cut before (inet/rtp_packets.h), by one event 1 for all of its packets. They are
+    /// stamped for this stream until another one packs them.
     void pack(Packets& packets) noexcept;
 
     /// The same for a metadata record: "META" or "UNIV".
@@ -199,21 +195,23 @@ public:
     /// Sends one sender report (RFC 3550, 6.4.1; 28 bytes, no report block) on the track's current time: event 2.
     void pack_rtcp_sr(trak_t* trak) noexcept;
 
-    /// Takes one received RTP packet for the track of its payload type; its SSRC becomes the track's. Data that is
-    /// complete is handed over (event 3), then a receiver report (event 2) when the track's media time has come to
-    /// next_rtcp, which it has at the first packet. Dropped: what is no RTP of version 2, a payload type without a
-    /// track, a number older than the last (behind 65000 one up to 100 is newer) or equal to it. A gap in the numbers
-    /// empties `frame` and `fua`. A header extension counts as payload; "JPEG" reads it.
+    /// Takes one received RTP packet for the track of its payload type. Its SSRC becomes the track's. Data that is
+    /// complete is handed over (event 3). A receiver report (event 2) follows when the track's media time has come to
+    /// next_rtcp, which it has at the first packet. Dropped are:
+    ///   - what is no RTP of version 2,
+    ///   - a payload type without a track,
+    ///   - a number equal to the last or older; behind 65000, one up to 100 is newer.
+    /// A gap in the numbers empties `frame` and `fua`. A header extension counts as payload; "JPEG" reads it.
     void unpack_rtp(buffer_t packet) noexcept;
 
     /// Takes one received RTCP packet of any type: the first of a compound. When its SSRC is that of a track, the NTP
-    /// time at the place of a sender report is kept for the receiver report that is sent at once (event 2), and a BYE
-    /// of that SSRC anywhere in the compound is noted.
+    /// time at the place of a sender report is kept, a BYE of that SSRC anywhere in the compound is noted, and a
+    /// receiver report is sent at once (event 2).
     void unpack_rtc(buffer_t packet) noexcept;
 
     /// When the next packets arrived, in microseconds of any steady clock such as core_timer(): for the jitter alone.
     /// One value serves all packets of one read. 0 (the start) for not known.
-    void set_arrival(uint64_t us) noexcept { arrival_ = us; }
+    void set_arrival(uint64_t us) noexcept;
 
     /// Hands over the current track's `frame` (event 3) when it is not empty, then empties it.
     void call_frame() noexcept;
@@ -223,49 +221,8 @@ public:
     void pack_rtcp_rr(trak_t* trak) noexcept;
 
 private:
-    bool begin(uint32_t fcc, uint64_t time) noexcept;
-    bool report_due() noexcept;
-    trak_t* get_trak_ssrc(uint32_t ssrc) const noexcept;
-    void log_frame(uint16_t first_seq) noexcept;
-    void log_unknown(const char* what) noexcept;
-
-    uint8_t* start_packet(uint32_t pt) noexcept;
-    uint8_t* stamp_packet() noexcept;
-    void send_packet(uint32_t length) noexcept;
-    void hand_over(event_t::enum_t event, uint32_t length) noexcept;
-
-    void pack_h264(std::span<const uint8_t> stream) noexcept;
-    void pack_nal(std::span<const uint8_t> nal) noexcept;
-    void pack_h264fua(std::span<const uint8_t> nal) noexcept;
-    void pack_jpeg(std::span<const uint8_t> jpeg) noexcept;
-    void pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept;
-    void pack_pcmu(std::span<const uint8_t> samples) noexcept;
-    void pack_univ(std::span<const uint8_t> bytes) noexcept;
-    void pack_pieces(std::span<const uint8_t> bytes, bool mark_every) noexcept;
-
-    bool take_sequence(uint16_t seq) noexcept;
-    void take_timestamp(uint32_t timestamp) noexcept;
-    void count_packet(uint16_t seq, uint32_t timestamp) noexcept;
-    void count_jitter(uint32_t timestamp) noexcept;
-    void dispatch(std::span<const uint8_t> payload, bool extension) noexcept;
-    bool append(buf_t& to, std::span<const uint8_t> bytes) noexcept;
-    void discard_frame() noexcept;
-    void unpack_h264(std::span<const uint8_t> payload) noexcept;
-    void unpack_h264fua(std::span<const uint8_t> payload) noexcept;
-    void unpack_jpeg(std::span<const uint8_t> payload) noexcept;
-    bool take_jpeg_tables(std::span<const uint8_t>& scan, std::span<const uint8_t>& tables) noexcept;
-    void unpack_jpeg_large(std::span<const uint8_t> payload) noexcept;
-    bool begin_jpeg(const jpeg_header_t& header, std::span<const uint8_t>& scan) noexcept;
-    void unpack_pcmu(std::span<const uint8_t> payload) noexcept;
-    void unpack_univ(std::span<const uint8_t> payload) noexcept;
-    void unpack_mp4a(std::span<const uint8_t> payload) noexcept;
-
-    const char* file_;
-    int line_;
-    uint64_t arrival_ = 0;
-    report_clock_t report_clock_ = report_clock_t::ntp;
-    uint8_t* room_;  // where packets are built
-    uint8_t own_room_[packet_size];
+    class insides;
+    insides* insides_;
 };
 
 }  // namespace rtp

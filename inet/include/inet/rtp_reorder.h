@@ -1,19 +1,21 @@
 /// Puts RTP packets that UDP has delivered out of order back into order, in front of rtp::Rtp::unpack_rtp(). One object
-/// for each track. A packet that is next in turn passes straight through; one that comes early is copied and waits
-/// until those before it have come, are too many to wait for, or have been waited for long enough. Repeated and late
-/// packets are dropped. A packet whose number is far off (more than 3000 ahead or 100 behind, RFC 3550, A.1) is dropped
-/// unless the next one follows it: then the sender has started anew, and so does the order.
+/// for each track, on one thread. A packet that is next in turn passes straight through. A packet that comes early is
+/// copied and waits until those before it:
+///   - have come,
+///   - are too many to wait for, or
+///   - have been waited for long enough.
+/// Repeated and late packets are dropped. A number is far off when it is more than 3000 ahead or 100 behind (RFC 3550,
+/// A.1). A packet with such a number is dropped; when the next packet follows it, the sender has started anew, and the
+/// order starts anew with it.
 ///
-/// Holds `window` packets of at most rtp::reorder_packet bytes, allocated at its making and never more. One thread.
+/// Bounds:
+///     memory    settings_t::window packets of rtp::reorder_packet bytes, allocated by create(); never more
 #pragma once
 
 #include "core/api.h"
 #include "core/buf.h"
-#include "core/owned.h"
 
-#include <cstddef>
 #include <cstdint>
-#include <span>
 
 namespace rtp {
 
@@ -37,7 +39,7 @@ public:
                             ///< can set trak_t::seq to 0 for it
     };
 
-    /// Takes a packet in its turn; the bytes live for the call. It may not call the Reorder but for reading.
+    /// Takes a packet in its turn; the bytes are valid until it returns. From inside, the Reorder may only be read.
     using deliver_t = void (*)(void* arg, buffer_t packet);
 
     /// @return null when memory is out or `deliver` is null. End it with destroy().
@@ -53,42 +55,20 @@ public:
     /// When expire() is due; 0 when nothing waits. push() sees to it too, so this is for a stream that has paused.
     uint64_t due() const noexcept;
 
-    /// Gives up what packets have waited for since `now` - max_wait or longer and delivers these packets.
+    /// Delivers the packets that have waited since `now` - max_wait or longer. Gives up what they waited for.
     void expire(uint64_t now) noexcept;
 
     /// Delivers all that waits, in order.
     void flush() noexcept;
 
-    const counts_t& counts() const noexcept { return counts_; }
+    const counts_t& counts() const noexcept;
 
     Reorder(const Reorder&) = delete;
     Reorder& operator=(const Reorder&) = delete;
 
-    /// For create() alone.
-    struct slot_t;
-    Reorder(const settings_t& settings, deliver_t deliver, void* arg, core::owned<slot_t> slots) noexcept;
-
-private:
-    bool in_reach(uint16_t seq) noexcept;
-    bool hold(uint16_t seq, buffer_t packet, uint64_t now) noexcept;
-    void deliver_next(buffer_t packet) noexcept;
-    void deliver_held() noexcept;
-    void step() noexcept;
-    void advance_to(uint16_t seq) noexcept;
-    void drain() noexcept;
-    slot_t& slot(uint16_t seq) const noexcept;
-    std::span<slot_t> slots() const noexcept;
-
-    settings_t settings_;
-    deliver_t deliver_;
-    void* arg_;
-    core::owned<slot_t> slots_;
-    uint32_t held_ = 0;
-    uint16_t next_ = 0;
-    uint16_t restart_ = 0;  // the number that would follow the last one that was far off
-    bool started_ = false;
-    bool far_off_ = false;
-    counts_t counts_{};
+protected:
+    Reorder() = default;
+    ~Reorder() = default;
 };
 
 }  // namespace rtp

@@ -17,8 +17,8 @@
 ///                      rtsp_setup:  open ports when trak()->protocol is rtp_udp, then send_setup(); for rtp_multicast
 ///                                   name the group there, or null to refuse it
 ///                      rtsp_play:   send_play(), then send_frame() for each frame from now on
-///                      send_rtp:    send rtp()->packet to the player's port trak()->client_port (its RTCP port is the
-///                                   next one), or to the group
+///                      send_rtp:    send rtp()->packet, or from send_packets() all of rtp()->cut, to the player's port
+///                                   trak()->client_port (its RTCP port is the next one), or to the group
 ///                      rtsp_stop:   the player is done; free the ports. The connection stays: players that change the
 ///                                   transport set up again on it
 ///     on a timer       end the session when activity() has not moved for as long as a silent player is kept
@@ -113,7 +113,8 @@ struct event_t {
         rtsp_stop = 8,     ///< TEARDOWN was answered; no track is set up any more, all stay announced
         rtsp_error = 9,    ///< client: a request failed: method(), status() and failure() tell which and why
         rtsp_send = 10,    ///< bytes were added to send_buffer(): a message, or all packets of a frame
-        send_rtp = 11,     ///< server: an RTP packet of trak(), set up over UDP, is ready in rtp()->packet
+        send_rtp = 11,     ///< server, trak() is set up over UDP: an RTP packet of it is ready in rtp()->packet; on
+                           ///< send_packets() all packets of the frame, in rtp()->cut
         rtsp_frame = 12,   ///< client: frame() of trak() is complete
         rtsp_rtcp = 13,    ///< an RTCP packet of trak(), set up over UDP, is ready in rtp()->packet
         tunnel_get = 14,   ///< server: the GET of an HTTP tunnel was answered. Client: it follows, as rtsp_send
@@ -333,8 +334,8 @@ public:
     int send_meta(const av::meta_t* meta) noexcept;
     /// The same for a frame that was cut before (inet/rtp_packets.h), for owners with many sessions. Over TCP, when
     /// nothing waits, the packets are not copied: rtsp_send shows them in lent(), and what the owner has not taken when
-    /// it returns is moved to send_buffer(), which a second rtsp_send tells. Over UDP rtp()->packet shows the packets
-    /// where they stand: send them before `packets` is used again.
+    /// it returns is moved to send_buffer(), which a second rtsp_send tells. Over UDP one send_rtp shows all packets in
+    /// rtp()->cut, which is `packets`: send them before `packets` is used again.
     int send_packets(rtp::Packets& packets) noexcept;
     /// On rtsp_send: bytes to be sent before those in send_buffer(); mostly none.
     buffer_t lent() const noexcept { return lent_; }
@@ -576,8 +577,7 @@ private:
     uint32_t picture_start_ = 0;
     trak_t* sending_ = nullptr;
     trak_t* outer_trak_ = nullptr;
-    bool cut_ = false;    // the picture's packets were cut before,
-    bool lends_ = false;  // and are shown where they stand
+    bool lends_ = false;  // the picture's packets were cut before and are shown where they stand
     buffer_t lent_;
 
     role_t role_ = role_t::server;

@@ -1,6 +1,7 @@
-// Shared inside the RTP family: limits, network byte order and the media clock.
+// Shared inside the RTP family: limits, network byte order, framing, clocks and reports.
 #pragma once
 
+#include "core/buf.h"
 #include "inet/rtp_protocol.h"
 
 #include <cstddef>
@@ -15,17 +16,10 @@ inline constexpr uint8_t version_2 = 0x80;
 inline constexpr uint32_t header_size = 12;
 inline constexpr uint8_t jpeg_pt = 26;
 inline constexpr uint32_t max_piece = packet_size - header_size;
-// Room for the two FU-A bytes is kept for every NAL unit, so that one limit serves whole and cut ones.
-inline constexpr uint32_t max_nal_piece = max_piece - 2;
 
 // A wider step of the sequence numbers is another start of the sender, no loss and no disorder (RFC 3550, A.1).
 inline constexpr int max_dropout = 3000;
 inline constexpr int max_misorder = 100;
-
-// FU-A (RFC 6184, 5.8): its type, and the ends of a NAL unit.
-inline constexpr uint8_t fu_a = 28;
-inline constexpr uint8_t fu_start = 0x80;
-inline constexpr uint8_t fu_end = 0x40;
 
 // Big-endian writers; each returns the place behind what it wrote.
 inline uint8_t* put16(uint8_t* out, uint32_t value) noexcept {
@@ -45,8 +39,43 @@ inline uint32_t get32(std::span<const uint8_t> bytes, size_t at) noexcept {
     return uint32_t{get16(bytes, at)} << 16 | get16(bytes, at + 2);
 }
 
-// Ticks of a clock of `rate` Hz in `seconds` + `part` / `parts` seconds, truncated, modulo 2^32. `part` is below
-// `parts` and that at most 2^32. Exact for whole rates; a rate outside 0 up to 2^32 counts as 0.
+// Packets one behind the other, each behind the framing for an RTSP connection (RFC 2326, 10.12), built in place.
+
+inline constexpr uint32_t interleaved_header = 4;
+
+/// Makes room behind the held bytes for the longest packet with its framing, and has the next one built there.
+/// @return false when memory is out; the packet then has the packetizer's own room
+inline bool make_interleaved_room(buf_t& to, Rtp& packetizer, const char* file, int line) noexcept {
+    const bool there = core_buf_respace(&to, interleaved_header + packet_size, file, line) != 0;
+    packetizer.set_packet_room(there ? to.data + to.length + interleaved_header : nullptr);
+    return there;
+}
+
+/// Takes in the packet that was built there.
+inline void add_interleaved(buf_t& to, uint8_t channel, uint32_t length) noexcept {
+    uint8_t* const framing = to.data + to.length;
+    framing[0] = '$';
+    framing[1] = channel;
+    put16(framing + 2, length);
+    to.length += interleaved_header + length;
+}
+
+/// Ticks of a clock of `rate` Hz in `seconds` + `part` / `parts` seconds, truncated, modulo 2^32. `part` is below
+/// `parts` and that at most 2^32. Exact for whole rates; a rate outside 0 up to 2^32 counts as 0.
 uint32_t clock_ticks(uint64_t seconds, uint64_t part, uint64_t parts, double rate) noexcept;
+
+/// Sets the packet's length and tells the handler.
+inline void hand_over(Rtp& rtp, event_t::enum_t event, uint32_t length) noexcept {
+    rtp.packet.length = length;
+    if (rtp.handler) rtp.handler->on_rtp_event(&rtp, event);
+}
+
+/// Whether the media time of the track has come to its next report; then the one after it is set.
+bool report_due(trak_t& trak) noexcept;
+/// Each makes the track current and sends one report on it.
+void send_sender_report(Rtp& rtp, trak_t& trak, report_clock_t clock) noexcept;
+void send_receiver_report(Rtp& rtp, trak_t& trak) noexcept;
+/// Whether one of the packets of a compound (RFC 3550, 6.1) is a BYE (6.6) of the source.
+bool says_bye(std::span<const uint8_t> compound, uint32_t ssrc) noexcept;
 
 }  // namespace rtp

@@ -1,13 +1,65 @@
-#include "rtp/interleaved.h"
 #include "rtp/packet.h"
 
 #include "avc/fcc.h"
+#include "core/memory.h"
+#include "core/owned.h"
+#include "inet/net_socket.h"
 #include "inet/rtp_packets.h"
+#include "inet/sockaddr.h"
+
+#include <cstring>
+#include <span>
 
 namespace rtp {
 
-Packets::Packets(const char* file, int line) noexcept
-    : packer_(file, line), trak_(packer_.add_trak(0, 0)), bytes_{}, file_(file), line_(line) {
+// Cuts with a packetizer of its own and remembers where each packet stands, so that a stream stamps all of them in one
+// loop.
+class Packets::insides final : public IRtp {
+public:
+    insides(const char* file, int line) noexcept;
+    ~insides();
+    insides(const insides&) = delete;
+    insides& operator=(const insides&) = delete;
+
+    bool cut(const av::frame_t* frame) noexcept;
+    void stamp(trak_t& trak) noexcept;
+    void set_channel(uint8_t channel) noexcept;
+    void set_address(const sockaddr_in& to) noexcept { address_ = to; }
+
+    const trak_t* trak() const noexcept { return trak_; }
+    const buf_t& bytes() const noexcept { return bytes_; }
+    std::span<const datagram_t> messages() const noexcept {
+        return {reinterpret_cast<const datagram_t*>(messages_.data), count_};
+    }
+
+private:
+    void on_rtp_event(Rtp* rtp, event_t::enum_t event) noexcept override;
+    void clear() noexcept { bytes_.length = count_ = 0; }
+    bool remember() noexcept;
+    void set_payload_type(uint8_t pt) noexcept;
+
+    Rtp packer_;
+    trak_t* trak_;
+    buf_t bytes_;     // the packets, each behind its framing
+    buf_t messages_;  // a datagram_t for each
+    uint32_t count_ = 0;
+    sockaddr_in address_{};
+    bool out_of_memory_ = false;
+    const char* file_;
+    int line_;
+
+    // What stands in the packets at present.
+    uint8_t channel_ = 0;
+    uint8_t pt_ = 0;
+    bool is_jpeg_ = false;  // its payload type is that of the cut
+
+    // RTP time of the frame on the clock of the last stream; most streams have one clock.
+    double clock_rate_ = 0;
+    uint32_t rtp_time_ = 0;
+};
+
+Packets::insides::insides(const char* file, int line) noexcept
+    : packer_(file, line), trak_(packer_.add_trak(0, 0)), file_(file), line_(line) {
     // The lines about a frame are those of the streams that send it.
     core_log_free(packer_.log);
     packer_.log = nullptr;
@@ -17,48 +69,121 @@ Packets::Packets(const char* file, int line) noexcept
     trak_->next_rtcp = UINT64_MAX;
 }
 
-Packets::~Packets() { core_buf_free(&bytes_); }
-
-int Packets::cut(const av::frame_t* frame) noexcept {
-    bytes_.length = count_ = 0;
-    if (!frame || !trak_) return 0;
-    trak_->fcc = frame->fcc;
-    trak_->time = frame->time;
-    out_of_memory_ = !make_interleaved_room(bytes_, packer_, file_, line_);
-    packer_.pack(frame);
-    if (out_of_memory_) bytes_.length = count_ = 0;
-    return bytes_.length != 0 ? 1 : 0;
+Packets::insides::~insides() {
+    core_buf_free(&bytes_);
+    core_buf_free(&messages_);
 }
 
-void Packets::on_rtp_event(Rtp* rtp, event_t::enum_t) noexcept {
+bool Packets::insides::cut(const av::frame_t* frame) noexcept {
+    clear();
+    if (!frame) return false;
+    trak_->fcc = frame->fcc;
+    trak_->time = frame->time;
+    is_jpeg_ = fcc_unic(frame->fcc) == av::fcc_jpeg;
+    channel_ = pt_ = 0;
+    clock_rate_ = rtp_time_ = 0;
+    out_of_memory_ = !make_interleaved_room(bytes_, packer_, file_, line_);
+    packer_.pack(frame);
+    if (out_of_memory_ || !remember()) clear();
+    return count_ != 0;
+}
+
+void Packets::insides::on_rtp_event(Rtp* rtp, event_t::enum_t) noexcept {
     if (out_of_memory_) return;
     add_interleaved(bytes_, 0, rtp->packet.length);
     ++count_;
     out_of_memory_ = !make_interleaved_room(bytes_, *rtp, file_, line_);
 }
 
-void Packets::set_channel(uint8_t channel) noexcept {
-    for (uint32_t at = 0; at < bytes_.length; at += interleaved_header + interleaved_length(bytes_.data + at))
-        bytes_.data[at + 1] = channel;
+// Only now that they move no more.
+bool Packets::insides::remember() noexcept {
+    messages_.length = 0;
+    if (!core_buf_respace(&messages_, count_ * static_cast<uint32_t>(sizeof(datagram_t)), file_, line_)) return false;
+    auto* const messages = reinterpret_cast<datagram_t*>(messages_.data);
+    const uint8_t* packet = bytes_.data + interleaved_header;
+    for (uint32_t i = 0; i < count_; ++i) {
+        const uint32_t size = get16({packet - 2, 2}, 0);
+        messages[i] = {packet, size, &address_};
+        packet += size + interleaved_header;
+    }
+    return true;
 }
 
-void Rtp::pack(Packets& packets) noexcept {
-    if (!begin(packets.fcc(), packets.time())) return;
-    const uint16_t first_seq = current->seq;
-    const uint8_t pt = fcc_unic(current->fcc) == av::fcc_jpeg ? jpeg_pt : current->pt;
-    const buf_t& bytes = packets.bytes_;
-    for (uint32_t at = 0; at < bytes.length;) {
-        const uint32_t length = interleaved_length(bytes.data + at);
-        at += interleaved_header;
-        packet.data = bytes.data + at;
-        packet.data[1] = static_cast<uint8_t>((packet.data[1] & marker) | pt);
-        stamp_packet();
-        send_packet(length);
-        at += length;
+void Packets::insides::stamp(trak_t& trak) noexcept {
+    if (clock_rate_ != trak.clock_rate) {
+        clock_rate_ = trak.clock_rate;
+        rtp_time_ = timestamp(trak_->time, clock_rate_);
     }
-    set_packet_room(room_);
-    log_frame(first_seq);
-    if (report_due()) pack_rtcp_sr(current);
+    trak.time = trak_->time;
+    trak.rtp_time = rtp_time_;
+    if (!is_jpeg_ && pt_ != trak.pt) set_payload_type(trak.pt);
+
+    uint8_t stream[8];  // timestamp and SSRC
+    put32(put32(stream, trak.rtp_time), trak.ssrc);
+    uint16_t seq = trak.seq;
+    uint8_t* packet = bytes_.data + interleaved_header;
+    for (const datagram_t& message : messages()) {
+        std::memcpy(put16(packet + 2, seq++), stream, sizeof stream);
+        packet += message.size + interleaved_header;
+    }
+    trak.seq = seq;
+    trak.packets += count_;
+    trak.octets += bytes_.length - count_ * interleaved_header;
+}
+
+void Packets::insides::set_payload_type(uint8_t pt) noexcept {
+    pt_ = pt;
+    uint8_t* packet = bytes_.data + interleaved_header;
+    for (const datagram_t& message : messages()) {
+        packet[1] = static_cast<uint8_t>((packet[1] & marker) | pt);
+        packet += message.size + interleaved_header;
+    }
+}
+
+void Packets::insides::set_channel(uint8_t channel) noexcept {
+    if (channel_ == channel) return;
+    channel_ = channel;
+    uint8_t* framing = bytes_.data;
+    for (const datagram_t& message : messages()) {
+        framing[1] = channel;
+        framing += message.size + interleaved_header;
+    }
+}
+
+Packets::Packets(const char* file, int line) noexcept : insides_(core::create<insides>(file, line, file, line)) {
+    if (insides_ && insides_->trak()) return;
+    core::destroy(insides_);
+    insides_ = nullptr;
+}
+
+Packets::~Packets() { core::destroy(insides_); }
+
+int Packets::cut(const av::frame_t* frame) noexcept { return insides_ && insides_->cut(frame) ? 1 : 0; }
+
+uint32_t Packets::fcc() const noexcept { return insides_ ? insides_->trak()->fcc : 0; }
+
+uint64_t Packets::time() const noexcept { return insides_ ? insides_->trak()->time : 0; }
+
+uint32_t Packets::count() const noexcept { return insides_ ? static_cast<uint32_t>(insides_->messages().size()) : 0; }
+
+uint32_t Packets::size() const noexcept { return interleaved().size - count() * interleaved_header; }
+
+buffer_t Packets::interleaved() const noexcept {
+    return insides_ ? buffer_t{insides_->bytes().data, insides_->bytes().length} : buffer_t{};
+}
+
+void Packets::set_channel(uint8_t channel) noexcept {
+    if (insides_) insides_->set_channel(channel);
+}
+
+const datagram_t* Packets::datagrams(const sockaddr_in& to) noexcept {
+    if (!insides_) return nullptr;
+    insides_->set_address(to);
+    return insides_->messages().data();
+}
+
+void Packets::stamp(trak_t& trak) noexcept {
+    if (insides_) insides_->stamp(trak);
 }
 
 }  // namespace rtp

@@ -1,7 +1,7 @@
 // What the rooms of the RTSP session share.
 #pragma once
 
-#include "rtp/interleaved.h"
+#include "rtp/packet.h"
 
 #include "core/log.h"
 #include "inet/net_http_header.h"

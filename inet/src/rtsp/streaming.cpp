@@ -16,13 +16,12 @@ int Rtsp::send_frame(const av::frame_t* frame) noexcept {
 
 int Rtsp::send_packets(rtp::Packets& packets) noexcept {
     const running call(*this);
-    if (packets.interleaved().size == 0 || !start_picture(packets.fcc())) return 0;
+    if (packets.count() == 0 || !start_picture(packets.fcc())) return 0;
     const buffer_t whole = packets.interleaved();
-    packets.set_channel(sending_->channel);
-    lends_ = sending_->protocol == protocol_t::rtp_tcp && send_.length == 0;
-    cut_ = true;
+    const bool interleaved = sending_->protocol == protocol_t::rtp_tcp;
+    lends_ = interleaved && send_.length == 0;
+    if (interleaved) packets.set_channel(sending_->channel);
     rtp_.pack(packets);
-    cut_ = false;
     if (lends_ && !spilled_ && packed_ != 0) lent_ = whole;
     const int sent = finish_picture();
     return keep_lent(whole.size) ? sent : 0;
@@ -92,7 +91,7 @@ void Rtsp::on_rtp_event(rtp::Rtp*, rtp::event_t::enum_t event) noexcept {
     ++packed_;
     if (sending_->protocol != protocol_t::rtp_tcp) {
         raise(report ? event_t::rtsp_rtcp : event_t::send_rtp);
-    } else if (cut_ && !report) {
+    } else if (event == rtp::event_t::packets) {
         add_cut();
     } else if (!spilled_) {
         rtp::add_interleaved(send_, static_cast<uint8_t>(sending_->channel + (report ? 1 : 0)), rtp_.packet.length);
@@ -103,8 +102,8 @@ void Rtsp::on_rtp_event(rtp::Rtp*, rtp::event_t::enum_t event) noexcept {
 // Behind what waits there has to be a copy.
 void Rtsp::add_cut() noexcept {
     if (lends_ || spilled_) return;
-    const uint32_t size = interleaved_header + rtp_.packet.length;
-    spilled_ = core_buf_read(&send_, rtp_.packet.data - interleaved_header, size) != size;
+    const buffer_t whole = rtp_.cut->interleaved();
+    spilled_ = core_buf_read(&send_, whole.data, whole.size) != whole.size;
     make_packet_room();
 }
 

@@ -1,6 +1,7 @@
 // Receiving RTP (RFC 3550): headers, order, time and counters; the formats have rooms of their own.
+#include "rtp/depacketizer.h"
+
 #include "bounded.h"
-#include "rtp/packet.h"
 
 #include "avc/fcc.h"
 
@@ -47,18 +48,25 @@ std::optional<packet_t> read_packet(bytes_t bytes) noexcept {
     };
 }
 
+rtp::trak_t* find_ssrc(rtp::trak_t* const* traks, uint32_t ssrc) noexcept {
+    while (traks && *traks && (*traks)->ssrc != ssrc)
+        ++traks;
+    return traks ? *traks : nullptr;
+}
+
 }  // namespace
 
 namespace rtp {
 
-void Rtp::unpack_rtp(buffer_t received) noexcept {
+void depacketizer::take(buffer_t received) noexcept {
     const auto in = read_packet({received.data, received.data ? received.size : 0});
     if (!in) return;
-    core_log_print(log, "%u: %u: unpack rtp size:%u, seq: %hu", static_cast<unsigned>(id), in->ssrc, received.size,
-                   in->seq);
-    trak_t* const trak = get_trak_pt(in->pt);
+    core_log_print(rtp_.log, "%u: %u: unpack rtp size:%u, seq: %hu", static_cast<unsigned>(rtp_.id), in->ssrc,
+                   received.size, in->seq);
+    trak_t* const trak = rtp_.get_trak_pt(in->pt);
     if (!trak) return;
-    current = trak;
+    rtp_.current = trak;
+    trak_ = static_cast<track_t*>(trak);
     trak->ssrc = in->ssrc;
     if (!take_sequence(in->seq)) return;
     count_packet(in->seq, in->timestamp);
@@ -67,14 +75,30 @@ void Rtp::unpack_rtp(buffer_t received) noexcept {
     trak->marker = in->marked;
     trak->bye = 0;
     dispatch(in->payload, in->extension);
-    if (report_due()) pack_rtcp_rr(trak);
+    if (report_due(*trak)) send_receiver_report(rtp_, *trak);
+}
+
+void depacketizer::take_report(buffer_t received) noexcept {
+    const bytes_t bytes(received.data, received.data ? received.size : 0);
+    if (bytes.size() < 8 || (bytes[0] & version_mask) != version_2) return;
+    const uint32_t words = get16(bytes, 2);
+    const uint32_t ssrc = get32(bytes, 4);
+    trak_t* const trak = find_ssrc(rtp_.traks, ssrc);
+    if (!trak) return;
+    if (says_bye(bytes, ssrc)) trak->bye = 1;
+    if (words <= 1) return;
+    if (words > 3 && bytes.size() >= 16) {
+        trak->lsr_sec = get32(bytes, 8);
+        trak->lsr_frac = get32(bytes, 12);
+    }
+    send_receiver_report(rtp_, *trak);
 }
 
 // False for a packet that comes too late or again. What a gap tore is dropped.
-bool Rtp::take_sequence(uint16_t seq) noexcept {
-    trak_t& trak = *current;
+bool depacketizer::take_sequence(uint16_t seq) noexcept {
+    track_t& trak = *trak_;
     // A number that the owner has set is the one expected, not one that came.
-    const bool came = trak.received > 0 && trak.count.last == trak.seq;
+    const bool came = trak.received > 0 && trak.last == trak.seq;
     if (trak.seq == 0 && !came) {
         trak.seq = seq;
         trak.frame.length = trak.fua.length = 0;
@@ -82,12 +106,12 @@ bool Rtp::take_sequence(uint16_t seq) noexcept {
     const bool older = trak.seq > seq && (trak.seq < wrap_from || seq > wrap_to);
     if (older || (came && trak.seq == seq)) {
         ++trak.late;
-        core_log_print(log, "%u: %u: dropping old packet received too late seq:%hu", static_cast<unsigned>(id),
-                       trak.ssrc, seq);
+        core_log_print(rtp_.log, "%u: %u: dropping old packet received too late seq:%hu",
+                       static_cast<unsigned>(rtp_.id), trak.ssrc, seq);
         return false;
     }
     if (static_cast<uint16_t>(seq - trak.seq) > 1) {
-        core_log_print(log, "%u: %u: pack missing, last:%u cur:%u", static_cast<unsigned>(id), trak.ssrc,
+        core_log_print(rtp_.log, "%u: %u: pack missing, last:%u cur:%u", static_cast<unsigned>(rtp_.id), trak.ssrc,
                        uint32_t{trak.seq}, uint32_t{seq});
         trak.frame.length = 0;
         trak.fua.length = 0;
@@ -95,47 +119,47 @@ bool Rtp::take_sequence(uint16_t seq) noexcept {
     return true;
 }
 
-void Rtp::count_packet(uint16_t seq, uint32_t timestamp) noexcept {
-    trak_t& trak = *current;
-    const int step = trak.received > 0 ? static_cast<int16_t>(seq - trak.count.highest) : 1;
+void depacketizer::count_packet(uint16_t seq, uint32_t timestamp) noexcept {
+    track_t& trak = *trak_;
+    const int step = trak.received > 0 ? static_cast<int16_t>(seq - trak.highest) : 1;
     if (step > 0 && step <= max_dropout) trak.lost += static_cast<uint32_t>(step) - 1;
     const bool belated = step < 0 && step >= -max_misorder;
     if (belated && trak.lost > 0) --trak.lost;
     if (!belated && (step <= 0 || step > max_dropout)) ++trak.restarts;
-    if (!belated) trak.count.highest = seq;
-    trak.count.last = seq;
+    if (!belated) trak.highest = seq;
+    trak.last = seq;
     ++trak.received;
     count_jitter(timestamp);
 }
 
 // RFC 3550, A.8.
-void Rtp::count_jitter(uint32_t timestamp) noexcept {
-    trak_t& trak = *current;
-    const bool timed = trak.count.timed;
-    trak.count.timed = arrival_ != 0;
+void depacketizer::count_jitter(uint32_t timestamp) noexcept {
+    track_t& trak = *trak_;
+    const bool timed = trak.timed;
+    trak.timed = arrival_ != 0;
     if (arrival_ == 0) return;
     const uint32_t transit = rtp::timestamp(arrival_, trak.clock_rate) - timestamp;
-    const uint32_t change = transit - std::exchange(trak.count.transit, transit);
+    const uint32_t change = transit - std::exchange(trak.transit, transit);
     if (!timed) return;
     const uint32_t distance = std::min(change, 0 - change);
-    trak.count.jitter += distance;
-    trak.count.jitter -= (trak.count.jitter - distance + 8) >> 4;
-    trak.jitter = static_cast<uint32_t>(trak.count.jitter >> 4);
+    trak.jitter_sum += distance;
+    trak.jitter_sum -= (trak.jitter_sum - distance + 8) >> 4;
+    trak.jitter = static_cast<uint32_t>(trak.jitter_sum >> 4);
 }
 
 // Another timestamp ends the frame and moves the track's time on.
-void Rtp::take_timestamp(uint32_t timestamp) noexcept {
-    trak_t& trak = *current;
+void depacketizer::take_timestamp(uint32_t timestamp) noexcept {
+    track_t& trak = *trak_;
     if (timestamp == trak.rtp_time) return;
-    call_frame();
-    trak.count.skipping = false;
+    deliver();
+    trak.skipping = false;
     const uint32_t scaled = (timestamp - trak.rtp_time) * 1000;
     if (trak.clock_rate >= 1) trak.time += static_cast<uint64_t>(scaled / trak.clock_rate) * 1000;
     trak.rtp_time = timestamp;
 }
 
-void Rtp::dispatch(std::span<const uint8_t> payload, bool extension) noexcept {
-    switch (current->fcc) {
+void depacketizer::dispatch(std::span<const uint8_t> payload, bool extension) noexcept {
+    switch (trak_->fcc) {
         case av::fcc_h264:
             return unpack_h264(payload);
         case av::fcc_jpeg:
@@ -153,14 +177,8 @@ void Rtp::dispatch(std::span<const uint8_t> payload, bool extension) noexcept {
     }
 }
 
-void Rtp::call_frame() noexcept {
-    if (!current || current->frame.length == 0) return;
-    if (handler) handler->on_rtp_event(this, event_t::frame);
-    current->frame.length = 0;
-}
-
 // False when the frame was given up instead, for its size or for want of memory.
-bool Rtp::append(buf_t& to, std::span<const uint8_t> bytes) noexcept {
+bool depacketizer::append(buf_t& to, std::span<const uint8_t> bytes) noexcept {
     const auto size = static_cast<uint32_t>(bytes.size());
     if (!bounded::make_room(to, size, max_frame, file_, line_)) {
         discard_frame();
@@ -171,13 +189,13 @@ bool Rtp::append(buf_t& to, std::span<const uint8_t> bytes) noexcept {
     return true;
 }
 
-void Rtp::discard_frame() noexcept {
-    ++current->discarded;
-    core_log_print(log, "%u: %u: frame given up, bytes:%u", static_cast<unsigned>(id), current->ssrc,
-                   std::max(current->frame.length, current->fua.length));
-    current->frame.length = 0;
-    current->fua.length = 0;
-    current->count.skipping = true;
+void depacketizer::discard_frame() noexcept {
+    ++trak_->discarded;
+    core_log_print(rtp_.log, "%u: %u: frame given up, bytes:%u", static_cast<unsigned>(rtp_.id), trak_->ssrc,
+                   std::max(trak_->frame.length, trak_->fua.length));
+    trak_->frame.length = 0;
+    trak_->fua.length = 0;
+    trak_->skipping = true;
 }
 
 }  // namespace rtp

@@ -1,11 +1,25 @@
-// JPEG payload (RFC 2435), and whole files in a header extension for pictures that its header cannot describe.
-#include "rtp/packet.h"
-
+// JPEG (RFC 2435) both ways, and whole files in a header extension for pictures that its header cannot describe.
 #include "avc/jpeg.h"
+
+#include "rtp/depacketizer.h"
+#include "rtp/packetizer.h"
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
+
+namespace rtp {
+
+// What stands before the piece of the scan in every packet (RFC 2435, 3.1 and 3.1.7).
+struct jpeg_header_t {
+    uint32_t offset;
+    uint8_t type;
+    uint8_t q;
+    uint32_t width, height;
+    uint16_t restart;
+};
+
+}  // namespace rtp
 
 namespace {
 
@@ -137,17 +151,52 @@ uint8_t* put_headers(uint8_t* out, const picture_t& picture, size_t offset) noex
     return offset == 0 && !picture.luma.empty() ? put_tables(out, picture) : out;
 }
 
+// Received
+
+using bytes_t = std::span<const uint8_t>;
+
+constexpr size_t main_header_size = 8;
+constexpr size_t restart_header_size = 4;
+constexpr size_t table_header_size = 4;
+constexpr uint8_t first_q_in_band = 128;  // from here on the tables travel with the picture (4.2)
+constexpr uint32_t header_room = 1024;
+constexpr uint8_t soi[] = {0xFF, 0xD8};
+constexpr uint8_t eoi[] = {0xFF, 0xD9};
+
+// Takes the headers off the payload.
+std::optional<rtp::jpeg_header_t> read_header(bytes_t& payload) noexcept {
+    if (payload.size() < main_header_size) return std::nullopt;
+    rtp::jpeg_header_t header{
+        .offset = rtp::get32(payload, 0) & 0xFFFFFF,
+        .type = payload[4],
+        .q = payload[5],
+        .width = uint32_t{payload[6]} * 8,
+        .height = uint32_t{payload[7]} * 8,
+        .restart = 0,
+    };
+    payload = payload.subspan(main_header_size);
+    if (header.type & restart_types) {
+        if (payload.size() < restart_header_size) return std::nullopt;
+        header.type &= static_cast<uint8_t>(~restart_types);
+        header.restart = rtp::get16(payload, 0);
+        payload = payload.subspan(restart_header_size);
+    }
+    return header;
+}
+
 }  // namespace
 
 namespace rtp {
 
-void Rtp::pack_jpeg(std::span<const uint8_t> jpeg) noexcept {
+// Sending
+
+void packetizer::pack_jpeg(std::span<const uint8_t> jpeg) noexcept {
     jpeg_info_t info{};
     if (jpeg_inspect(jpeg, &info) && (info.width > max_side || info.height > max_side)) return pack_jpeg_large(jpeg);
 
     const picture_t picture = read_picture(jpeg);
     if (picture.complaint) {
-        core_log_print(log, "%s", picture.complaint);
+        core_log_print(rtp_.log, "%s", picture.complaint);
         core_con_printf(1, "%s", picture.complaint);
     }
     for (size_t offset = 0; offset < picture.scan.size();) {
@@ -158,19 +207,19 @@ void Rtp::pack_jpeg(std::span<const uint8_t> jpeg) noexcept {
             picture.scan.subspan(offset, std::min<size_t>(max_piece - headers, picture.scan.size() - offset));
         std::memcpy(out, piece.data(), piece.size());
         offset += piece.size();
-        if (offset == picture.scan.size()) packet.data[1] |= marker;
+        if (offset == picture.scan.size()) rtp_.packet.data[1] |= marker;
         send_packet(header_size + headers + static_cast<uint32_t>(piece.size()));
     }
 }
 
-void Rtp::pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept {
+void packetizer::pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept {
     bytes_t rest = jpeg.subspan(2);  // SOI goes in the extension
     for (bool first = true; !rest.empty(); first = false) {
         const bool last = rest.size() <= large_last_piece;
         const bytes_t piece = last ? rest : rest.first(large_piece);
         rest = rest.subspan(piece.size());
         uint8_t* out = start_packet(last ? jpeg_pt | marker : jpeg_pt);
-        packet.data[0] |= 0x10;
+        rtp_.packet.data[0] |= 0x10;
         const uint32_t profile = first ? 0xFFD8 : 0xFFFF;
         out = put16(put16(out, profile), profile);
         const size_t words = (piece.size() + 3) / 4;
@@ -179,6 +228,75 @@ void Rtp::pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept {
         std::memset(out + piece.size(), 0xFF, 4 * words - piece.size());
         send_packet(static_cast<uint32_t>(large_header_size + 4 * words));
     }
+}
+
+// Receiving
+
+void depacketizer::unpack_jpeg(std::span<const uint8_t> payload) noexcept {
+    const auto header = read_header(payload);
+    if (!header) {
+        core_log_print(rtp_.log, "Too short RTP/JPEG packet.");
+        return;
+    }
+    if (header->offset == 0 ? !begin_jpeg(*header, payload) : trak_->skipping) return;
+    if (!append(trak_->frame, payload)) return;
+    if (trak_->marker && !append(trak_->frame, eoi)) return;
+    deliver();
+}
+
+// Writes the header of the file, and takes the tables that came with it off the scan. Without tables there is none and
+// the scan goes out as it came.
+bool depacketizer::begin_jpeg(const jpeg_header_t& header, std::span<const uint8_t>& scan) noexcept {
+    buf_t& frame = trak_->frame;
+    frame.length = 0;
+    trak_->skipping = false;
+    trak_->jpeg_seq = trak_->seq;
+    if (!core_buf_respace(&frame, header_room, file_, line_)) {
+        discard_frame();
+        return false;
+    }
+    uint8_t standard[128];
+    bytes_t tables;
+    if (header.q >= first_q_in_band) {
+        if (!take_jpeg_tables(scan, tables)) return false;
+    } else if (jpeg_rtp_tables(header.q, standard)) {
+        tables = standard;
+    }
+    if (tables.empty() ||
+        jpeg_rtp_header(&frame, header.type, header.width, header.height, header.restart, tables, file_, line_)) {
+        return true;
+    }
+    discard_frame();
+    return false;
+}
+
+// RFC 2435, 3.1.8.
+bool depacketizer::take_jpeg_tables(std::span<const uint8_t>& scan, std::span<const uint8_t>& tables) noexcept {
+    if (scan.size() >= table_header_size) {
+        if (scan[1] != 0) core_log_print(rtp_.log, "Only 8-bit precision is supported.");
+        const size_t length = get16(scan, 2);
+        if (length == 0) return false;
+        if (length <= scan.size() - table_header_size) {
+            tables = scan.subspan(table_header_size, length);
+            scan = scan.subspan(table_header_size + length);
+            return true;
+        }
+    }
+    core_log_print(rtp_.log, "Too short RTP/JPEG packet.");
+    return false;
+}
+
+// The length is read two bytes before the place where pack_jpeg_large() writes it; each side stays as its peers know
+// it.
+void depacketizer::unpack_jpeg_large(std::span<const uint8_t> payload) noexcept {
+    constexpr size_t prefix = 4;
+    if (payload.size() < prefix) return;
+    const size_t size = std::min<size_t>(payload.size() - prefix, size_t{4} * get16(payload, 2));
+    if (std::ranges::equal(payload.first(2), soi)) {
+        trak_->frame.length = 0;
+        if (!append(trak_->frame, soi)) return;
+    }
+    if (append(trak_->frame, payload.subspan(prefix, size))) deliver();
 }
 
 }  // namespace rtp

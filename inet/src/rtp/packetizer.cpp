@@ -1,0 +1,154 @@
+// Sending RTP (RFC 3550): headers, the current frame and its log lines; the formats have rooms of their own.
+#include "rtp/packetizer.h"
+
+#include "avc/fcc.h"
+#include "core/owned.h"
+#include "core/text.h"
+#include "core/time.h"
+#include "inet/net_analytics.h"
+
+namespace {
+
+template <class Record>
+std::span<const uint8_t> payload_of(const Record& record) noexcept {
+    return {record.data, record.data ? record.size : 0};
+}
+
+// Borrowed data need not end with a NUL, so the converter gets a copy that does.
+core::owned_text analytics_text(std::span<const uint8_t> json, uint64_t time, const char* file, int line) noexcept {
+    const core::owned_text copy(core_strndup(reinterpret_cast<const char*>(json.data()), json.size(), file, line));
+    return core::owned_text(copy ? net_analytics_convert(copy.get(), time, file, line) : nullptr);
+}
+
+std::span<const uint8_t> bytes_of(const char* text) noexcept {
+    return {reinterpret_cast<const uint8_t*>(text), core_strlen(text)};
+}
+
+}  // namespace
+
+namespace rtp {
+
+void packetizer::set_room(uint8_t* room) noexcept {
+    room_ = room ? room : own_room_;
+    rtp_.packet = {room_, packet_size, 0};
+}
+
+void packetizer::pack(const av::frame_t& frame) noexcept {
+    if (!begin(frame.fcc, frame.time)) return;
+    const uint16_t first_seq = rtp_.current->seq;
+    const auto data = payload_of(frame);
+    switch (fcc_unic(frame.fcc)) {
+        case av::fcc_h264:
+            pack_h264(data);
+            break;
+        case av::fcc_jpeg:
+            pack_jpeg(data);
+            break;
+        case av::fcc_pcmu:
+            pack_pieces(data, true);
+            break;
+        case av::fcc_univ:
+            pack_pieces(data, false);
+            break;
+        case av::fcc_meta: {
+            const auto text = analytics_text(data, frame.time, file_, line_);
+            pack_pieces(bytes_of(text.get()), false);
+            if (text) core_log_print(rtp_.log, "%s", text.get());
+            break;
+        }
+        default:
+            return log_unknown("fcc");
+    }
+    log_frame(first_seq);
+    finish();
+}
+
+void packetizer::pack_meta(const av::meta_t& meta) noexcept {
+    if (!begin(meta.fcc, meta.time)) return;
+    const trak_t& trak = *rtp_.current;
+    const uint16_t first_seq = trak.seq;
+    const auto data = payload_of(meta);
+    switch (meta.fcc) {
+        case av::fcc_meta: {
+            const auto text = analytics_text(data, meta.time, file_, line_);
+            pack_pieces(bytes_of(text.get()), false);
+            core_log_print(rtp_.log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%s", rtp_.id, trak.ssrc, trak.rtp_time,
+                           first_seq, trak.seq, text ? text.get() : "");
+            break;
+        }
+        case av::fcc_univ:
+            pack_pieces(data, false);
+            log_frame(first_seq);
+            break;
+        default:
+            return log_unknown("metadata fcc");
+    }
+    finish();
+}
+
+void packetizer::pack(Packets& packets) noexcept {
+    trak_t* const trak = find(packets.fcc(), packets.time());
+    if (!trak || packets.count() == 0) return;
+    const uint16_t first_seq = trak->seq;
+    packets.stamp(*trak);
+    rtp_.cut = &packets;
+    hand_over(rtp_, event_t::packets, 0);
+    rtp_.cut = nullptr;
+    log_frame(first_seq);
+    finish();
+}
+
+// Makes the format's track current; null when there is none to send on.
+trak_t* packetizer::find(uint32_t fcc, uint64_t time) noexcept {
+    if (rtp_.start_time == 0 || rtp_.start_time > time) rtp_.start_time = time;
+    trak_t* const trak = rtp_.get_trak_fcc(fcc);
+    if (trak) rtp_.current = trak;
+    return trak && trak->active ? trak : nullptr;
+}
+
+bool packetizer::begin(uint32_t fcc, uint64_t time) noexcept {
+    trak_t* const trak = find(fcc, time);
+    if (!trak) return false;
+    trak->time = time;
+    trak->rtp_time = timestamp(time, trak->clock_rate);
+    return true;
+}
+
+void packetizer::finish() noexcept {
+    if (report_due(*rtp_.current)) send_report(*rtp_.current);
+}
+
+// Writes the fixed header (RFC 3550, 5.1); the payload goes to what it returns.
+uint8_t* packetizer::start_packet(uint32_t pt) noexcept {
+    trak_t& trak = *rtp_.current;
+    uint8_t* out = rtp_.packet.data;
+    *out++ = version_2;
+    *out++ = static_cast<uint8_t>(pt);
+    out = put16(out, trak.seq++);
+    out = put32(out, trak.rtp_time);
+    return put32(out, trak.ssrc);
+}
+
+void packetizer::send_packet(uint32_t length) noexcept {
+    ++rtp_.current->packets;
+    rtp_.current->octets += length;
+    hand_over(rtp_, event_t::packet, length);
+}
+
+void packetizer::log_frame(uint16_t first_seq) noexcept {
+    if (!core_log_wanted(rtp_.log)) return;
+    const trak_t& trak = *rtp_.current;
+    char fcc[5];
+    char time[32];
+    time_format(trak.time, "%Y-%m-%d %H:%M:%S.%s", time, sizeof time);
+    core_log_print(rtp_.log, "%d: %s ssrc:%u: %s rtp:%u seq:%hu-%hu", rtp_.id, fcc_str(trak.fcc, fcc), trak.ssrc, time,
+                   trak.rtp_time, first_seq, trak.seq);
+}
+
+void packetizer::log_unknown(const char* what) noexcept {
+    char fcc[5];
+    core_log_print(rtp_.log, "%d: %u: unknown %s:%s", rtp_.id, rtp_.current->ssrc, what,
+                   fcc_str(rtp_.current->fcc, fcc));
+}
+
+}  // namespace rtp
