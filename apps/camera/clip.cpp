@@ -226,15 +226,6 @@ clip load(options wanted) {
 
 }  // namespace
 
-uint64_t clip::next_time(uint64_t time) const {
-    uint64_t next = UINT64_MAX;
-    for (const channel& each : channels) {
-        for (const track& played : each.tracks)
-            next = std::min(next, played.time(played.number_at(time + 1)));
-    }
-    return next;
-}
-
 std::optional<clip> load_clip(const options& wanted, std::string& error) {
     try {
         return load(wanted);

@@ -34,15 +34,6 @@ public:
         return (whole * rate_.seconds * 1'000'000) + (number % rate_.frames) * rate_.seconds * 1'000'000 / rate_.frames;
     }
 
-    /// The first frame whose time is not before `time`.
-    uint64_t number_at(uint64_t time) const {
-        uint64_t number = time / (rate_.seconds * 1'000'000) * rate_.frames;
-        number += time % (rate_.seconds * 1'000'000) * rate_.frames / (rate_.seconds * 1'000'000);
-        while (this->time(number) < time)
-            ++number;
-        return number;
-    }
-
     uint32_t fcc() const { return frames_.front()->fcc; }
 
 private:
@@ -58,9 +49,6 @@ struct channel {
 
 struct clip {
     std::vector<channel> channels;
-
-    /// Time of the first frame, of all tracks, behind that time since frame 0.
-    uint64_t next_time(uint64_t time) const;
 };
 
 /// Reads the files that the options name, or the bundled ones. On failure nothing, with the reason in `error`.

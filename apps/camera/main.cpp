@@ -1,8 +1,8 @@
 // inet-camera: a clip becomes a network camera.
 #include "clip.h"
+#include "clip_source.h"
 #include "options.h"
 #include "program.h"
-#include "rtsp_service.h"
 #include "terminal.h"
 
 #include "core/array.h"
@@ -10,6 +10,8 @@
 #include "core/thread.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
+#include "media/rtsp_service.h"
+#include "media/station.h"
 
 #include <cstdio>
 #include <string>
@@ -51,7 +53,7 @@ void print_addresses(const camera::clip& played, const camera::options& settings
 }
 
 /// Shows the live line once a second until Ctrl-C.
-void show_status(const camera::rtsp_service& service) {
+void show_status(const media::station& station) {
     apps::status_line line;
     uint64_t shown = core_timer();
     uint64_t bytes = 0;
@@ -59,23 +61,51 @@ void show_status(const camera::rtsp_service& service) {
         core_sleep(100);
         const uint64_t now = core_timer();
         if (now - shown < 1'000'000) continue;
-        const uint64_t sent = service.bytes_sent();
-        line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu", service.viewers(),
-                  static_cast<double>(sent - bytes) * 8 / static_cast<double>(now - shown),
-                  static_cast<unsigned long long>(service.pictures_dropped()));
-        bytes = sent;
+        const media::station::totals_t totals = station.totals();
+        line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu", totals.watching,
+                  static_cast<double>(totals.bytes - bytes) * 8 / static_cast<double>(now - shown),
+                  static_cast<unsigned long long>(totals.dropped));
+        bytes = totals.bytes;
         shown = now;
     }
+}
+
+/// The payloads are the clip's: long groups of pictures cost no memory to hold.
+constexpr media::limits_t whole_groups{.bytes = 1U << 30, .frames = 8192, .time = 600'000'000};
+
+media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
+    const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
+    return {.port = settings.rtsp_port,
+            .user = text(settings.user),
+            .password = text(settings.password),
+            .at_key = settings.start == camera::start_t::key,
+            .backlog = settings.backlog,
+            .stall = settings.stall,
+            .timeout = settings.timeout,
+            .multicast = text(settings.multicast),
+            .multicast_port = settings.multicast_port,
+            .ttl = settings.ttl};
 }
 
 int serve(const camera::options& settings) {
     std::string error;
     const auto played = camera::load_clip(settings, error);
     if (!played) return fail(error);
-    camera::rtsp_service service(*played, settings);
-    if (!service.start(error)) return fail(error);
-    print_addresses(*played, settings, service.port());
-    show_status(service);
+    media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
+    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
+    media::error_t why;
+    camera::clip_source source;
+    for (const camera::channel& each : played->channels) {
+        media::stream* const stream = station.add_stream(each.path.c_str(), whole_groups, &why);
+        if (!stream) return fail(why.text);
+        source.add(each, *stream);
+    }
+    if (!station.add(rtsp, &why) || !station.start(&why)) return fail(why.text);
+    source.start();
+    if (!source.nt) return fail("cannot start a network thread");
+    print_addresses(*played, settings, rtsp->port());
+    show_status(station);
+    source.stop();
     return 0;
 }
 

@@ -10,7 +10,7 @@
 ///
 /// Bounds, set at its making (limits_t):
 ///     bytes     32 MiB
-///     frames    1024
+///     frames    2048
 ///     time      30 s
 /// A group of pictures that outgrows a bound loses its key picture: who comes then waits for the next one, and
 /// status_t::key is 0. A stream without video is held for two seconds; its readers begin at the present.
@@ -70,7 +70,7 @@ struct entry_t {
 
 struct limits_t {
     uint32_t bytes = 32U << 20;
-    uint32_t frames = 1024;  ///< rounded up to a power of two; 16 at least
+    uint32_t frames = 2048;  ///< rounded up to a power of two; 16 at least
     uint64_t time = 30'000'000;
 };
 

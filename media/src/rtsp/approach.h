@@ -46,8 +46,8 @@ private:
     entry_t entry_;
     bool waiting_ = false;  ///< `entry_` was not taken yet
     uint64_t began_ = 0;
-    uint64_t start_ = 0;    ///< media time of the first frame
-    uint64_t lag_ = 0;      ///< the most that it may be behind
+    uint64_t start_ = 0;  ///< media time of the first frame
+    uint64_t lag_ = 0;    ///< the most that it may be behind
     uint64_t due_ = 0;
 };
 

@@ -92,13 +92,13 @@ private:
     bool is_live_ = false;
     whole_pictures pictures_;
 
-    group* shared_ = nullptr;                       ///< of the stream, with multicast
-    bool sharing_ = false;                          ///< counted as one of its players
+    group* shared_ = nullptr;                         ///< of the stream, with multicast
+    bool sharing_ = false;                            ///< counted as one of its players
     ::rtp::trak_t shared_traks_[rtsp3::max_traks]{};  ///< what the session tells of the shared streams
 
     uint32_t activity_ = 0;
-    unsigned silent_ = 0;  ///< seconds without activity
-    uint64_t counted_ = 0; ///< of Tcp::sent()
+    unsigned silent_ = 0;   ///< seconds without activity
+    uint64_t counted_ = 0;  ///< of Tcp::sent()
 };
 
 }  // namespace media::rtsp

@@ -6,6 +6,7 @@
 #include "core/time.h"
 #include "inet/net_uri.h"
 
+#include <algorithm>
 #include <memory>
 #include <string_view>
 #include <utility>

@@ -62,8 +62,8 @@ thread* tunnels::find(std::string_view cookie, in_addr peer) const noexcept {
 }
 
 service_t::service_t(const rtsp_settings_t& settings) noexcept : settings_(settings), port_(settings.port) {
-    complete_ = copy(user_, settings_.user) && copy(password_, settings_.password) &&
-                copy(multicast_, settings_.multicast);
+    complete_ =
+        copy(user_, settings_.user) && copy(password_, settings_.password) && copy(multicast_, settings_.multicast);
 }
 
 service_t::~service_t() = default;
@@ -82,7 +82,8 @@ claim_t service_t::claims(buffer_t first) const noexcept {
     } catch (const std::bad_alloc&) {
         return claim_t::no;
     }
-    std::ranges::transform(head, head.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    std::ranges::transform(head, head.begin(),
+                           [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
     if (head.find("\r\nx-sessioncookie:") != std::string::npos) return claim_t::yes;
     return end == std::string_view::npos ? claim_t::more : claim_t::no;
 }

@@ -1,0 +1,54 @@
+#include "clip_source.h"
+
+#include "core/time.h"
+
+#include <algorithm>
+
+namespace camera {
+
+void clip_source::add(const channel& played, media::stream& into) {
+    for (const track& each : played.tracks) {
+        const av::frame_t& first = each.frame(0);
+        into.declare(media::kind_of(each.fcc()),
+                     {.fcc = each.fcc(), .width = first.width, .height = first.height, .rate = first.rate});
+        tracks_.push_back({&each, &into, 0, 0});
+    }
+}
+
+void clip_source::start() noexcept {
+    net::Thread::start();
+    if (!nt) return;
+    net::net_nt_set_name(nt, "clip");
+    base_ = time_now();
+    began_ = core_timer();
+    tick_ = net::net_nt_command_create(nt, this, &clip_source::on_tick);
+    net::net_nt_command_at(tick_, began_);
+}
+
+void clip_source::stop() noexcept {
+    net::net_nt_command_destroy(tick_);
+    tick_ = nullptr;
+    net::Thread::stop();
+}
+
+void clip_source::on_tick(void* arg, net::command_ctx* command) {
+    auto* self = static_cast<clip_source*>(arg);
+    const uint64_t position = core_timer() - self->began_;
+    uint64_t next = UINT64_MAX;
+    for (next_frame& each : self->tracks_) {
+        while (each.time <= position)
+            push(each, self->base_);
+        next = std::min(next, each.time);
+    }
+    net::net_nt_command_at(command, self->began_ + next);
+}
+
+void clip_source::push(next_frame& next, uint64_t base) {
+    av::frame_t frame = next.of->frame(next.number);
+    frame.time = base + next.time;
+    next.into->push(frame);
+    ++next.number;
+    next.time = next.of->time(next.number);
+}
+
+}  // namespace camera
