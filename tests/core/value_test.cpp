@@ -1,6 +1,6 @@
 #include "core/value.h"
 
-#include "support/fault.h"
+#include "support/held.h"
 
 #include "core/array.h"
 #include "core/owned.h"
@@ -13,52 +13,39 @@
 
 namespace {
 
-struct list_t {
-    explicit list_t(value_t** from = nullptr) : pairs(from) {}
-    list_t(const list_t&) = delete;
-    list_t& operator=(const list_t&) = delete;
-    ~list_t() { core_value_free(pairs); }
-    void put(const char* key, const char* value) { pairs = core_value_put(pairs, key, value, CORE_HERE); }
-    void set(const char* key, const char* value) { pairs = core_value_set(pairs, key, value, CORE_HERE); }
-    /// "key=value|key|"
-    std::string text() const {
-        std::string all;
-        for (value_t** pair = pairs; pair && *pair; ++pair)
-            all += std::string((*pair)->key) + ((*pair)->value ? "=" + std::string((*pair)->value) : "") + "|";
-        return all;
-    }
-    value_t** pairs;
-};
+using list_t = test::held<value_t*, core_value_free>;
 
-}  // namespace
+void put(list_t& list, const char* key, const char* value) {
+    list.reset(core_value_put(list.release(), key, value, CORE_HERE));
+}
+
+void set(list_t& list, const char* key, const char* value) {
+    list.reset(core_value_set(list.release(), key, value, CORE_HERE));
+}
+
+/// "key=value|key|"
+std::string text_of(const list_t& list) {
+    std::string all;
+    for (value_t** pair = list.get(); pair && *pair; ++pair)
+        all += std::string((*pair)->key) + ((*pair)->value ? "=" + std::string((*pair)->value) : "") + "|";
+    return all;
+}
 
 TEST(Value, KeepsRepeatedKeysInOrder) {
     list_t list;
-    EXPECT_EQ(value_count(list.pairs), 0u);
-    list.put("Via", "a");
-    list.put("via", "b");
-    list.put("Via", "c");
-    list.put(nullptr, "x");
-    list.put("none", nullptr);
-    EXPECT_EQ(list.text(), "Via=a|via=b|Via=c|none|");
-    list.set("Via", "longer than before");
-    list.set("new", "n");
-    list.set("none", "some");
-    list.set("new", list.pairs[0]->value);
-    EXPECT_EQ(list.text(), "Via=longer than before|via=b|Via=c|none=some|new=longer than before|");
-    EXPECT_EQ(value_count(list.pairs), 5u);
-}
-
-TEST(Value, Get) {
-    list_t list;
-    list.put("key", "lower");
-    list.put("KEY", "upper");
-    EXPECT_STREQ(value_get(list.pairs, "KEY"), "upper");
-    EXPECT_STREQ(value_geti(list.pairs, "KEY"), "lower");
-    EXPECT_EQ(value_get(list.pairs, "Key"), nullptr);
-    EXPECT_EQ(value_geti(list.pairs, "ke"), nullptr);
-    EXPECT_EQ(value_get(nullptr, "key"), nullptr);
-    EXPECT_EQ(value_get(list.pairs, nullptr), nullptr);
+    for (const char* value : {"a", "b", "c"})
+        put(list, *value == 'b' ? "via" : "Via", value);
+    put(list, "none", nullptr);
+    set(list, "Via", "longer than before");
+    set(list, "new", "n");
+    set(list, "none", "some");
+    set(list, "new", list.get()[0]->value);
+    EXPECT_EQ(text_of(list), "Via=longer than before|via=b|Via=c|none=some|new=longer than before|");
+    EXPECT_EQ(value_count(list.get()), 5u);
+    EXPECT_STREQ(value_get(list.get(), "via"), "b");
+    EXPECT_STREQ(value_geti(list.get(), "via"), "longer than before");
+    EXPECT_EQ(value_get(list.get(), "VIA"), nullptr);
+    EXPECT_EQ(value_geti(list.get(), "vi"), nullptr);
 }
 
 TEST(Value, Numbers) {
@@ -66,42 +53,42 @@ TEST(Value, Numbers) {
         const char* text;
         uint64_t wide;
         uint32_t narrow;
-    } cases[] = {
-        {"0", 0, 0},   {"42", 42, 42}, {" 42;x", 42, 42}, {"4294967295", 4294967295, 4294967295},
-        {"007", 7, 7}, {"-1", 0, 0},   {"", 0, 0},        {"4294967296", 4294967296, 0},
-        {"x1", 0, 0},  {"0x10", 0, 0}, {nullptr, 0, 0},   {"18446744073709551615", UINT64_MAX, 0},
-        {"+1", 0, 0},  {"1e3", 1, 1},  {"- 1", 0, 0},     {"18446744073709551616", 0, 0},
-    };
+    } cases[] = {{" 42;x", 42, 42},
+                 {"4294967295", 4294967295, 4294967295},
+                 {"4294967296", 4294967296, 0},
+                 {"007", 7, 7},
+                 {"18446744073709551615", UINT64_MAX, 0},
+                 {"18446744073709551616", 0, 0},
+                 {"1e3", 1, 1},
+                 {nullptr, 0, 0},
+                 {"-1", 0, 0},
+                 {"", 0, 0},
+                 {"+1", 0, 0},
+                 {"x1", 0, 0}};
     for (const auto& c : cases) {
         list_t list;
-        list.put("Key", c.text);
-        EXPECT_EQ(value_get_uint32(list.pairs, "Key"), c.narrow) << c.text;
-        EXPECT_EQ(value_geti_uint32(list.pairs, "KEY"), c.narrow) << c.text;
-        EXPECT_EQ(value_geti_uint64(list.pairs, "key"), c.wide) << c.text;
-        EXPECT_EQ(value_get_uint32(list.pairs, "key"), 0u);
+        put(list, "Key", c.text);
+        EXPECT_EQ(value_get_uint32(list.get(), "Key"), c.narrow) << c.text;
+        EXPECT_EQ(value_geti_uint32(list.get(), "KEY"), c.narrow) << c.text;
+        EXPECT_EQ(value_geti_uint64(list.get(), "key"), c.wide) << c.text;
+        EXPECT_EQ(value_get_uint32(list.get(), "key"), 0u);
     }
 }
 
 TEST(Value, Split) {
     const struct {
         const char *text, *separator, *pair_separator, *expected;
-    } cases[] = {
-        {"a=1; b=2", ";", "=", "a=1|b=2|"},
-        {"a=1;;\t; b = 2 ;", ";", "=", "a=1|b=2|"},
-        {"a=b=c", ";", "=", "a=b=c|"},
-        {"a;b=;=c", ";", "=", "a|b=|=c|"},
-        {"a:1\r\nb: x y \r\n", "\r\n", ":", "a=1|b=x y|"},
-        {"a=1&b:2", "&", "=:", "a=1|b=2|"},
-        {"whole text", "", "", "whole text|"},
-        {"whole=text", nullptr, nullptr, "whole=text|"},
-        {"", ";", "=", ""},
-        {" ; ;", ";", "=", ""},
-        {nullptr, ";", "=", ""},
-    };
+    } cases[] = {{"a=1;;\t; b = 2 ;", ";", "=", "a=1|b=2|"},
+                 {"a=b=c", ";", "=", "a=b=c|"},
+                 {"a;b=;=c", ";", "=", "a|b=|=c|"},
+                 {"a:1\r\nb: x y \r\n", "\r\n", ":", "a=1|b=x y|"},
+                 {"a=1&b:2", "&", "=:", "a=1|b=2|"},
+                 {"whole=text", nullptr, nullptr, "whole=text|"},
+                 {" ; ;", ";", "=", ""}};
     for (const auto& c : cases) {
         const list_t list(core_value_split(c.text, c.separator, c.pair_separator, CORE_HERE));
-        EXPECT_EQ(list.text(), c.expected);
-        EXPECT_EQ(list.pairs == nullptr, *c.expected == '\0');
+        EXPECT_EQ(text_of(list), c.expected);
+        EXPECT_EQ(list == nullptr, *c.expected == '\0');
     }
 }
 
@@ -125,9 +112,7 @@ TEST(Array, FollowsAModel) {
         ASSERT_EQ(core_array_length(array), model.size());
         ASSERT_TRUE(std::equal(model.begin(), model.end(), array));
     }
-    EXPECT_EQ(core_array_add(array, nullptr, CORE_HERE), array);
     core_array_free(array);
-    core_array_free(nullptr);
 }
 
 TEST(Array, Joins) {
@@ -135,27 +120,8 @@ TEST(Array, Joins) {
     char bc[] = "bc";
     char empty[] = "";
     char* const texts[] = {a, empty, bc, nullptr};
-    EXPECT_STREQ(core::owned_text(core_array_to_string(texts, CORE_HERE)).get(), "abc");
     EXPECT_STREQ(core::owned_text(core_array_to_sstring(texts, ", ", CORE_HERE)).get(), "a, , bc");
-    EXPECT_STREQ(core::owned_text(core_array_to_sstring(texts + 2, ", ", CORE_HERE)).get(), "bc");
-    EXPECT_STREQ(core::owned_text(core_array_to_sstring(texts, nullptr, CORE_HERE)).get(), "abc");
-    EXPECT_EQ(core_array_to_string(nullptr, CORE_HERE), nullptr);
+    EXPECT_STREQ(core::owned_text(core_array_to_string(texts, CORE_HERE)).get(), "abc");
 }
 
-TEST(Value, NoMemoryLeavesTheListAsItWas) {
-    test::fail_each_allocation([] {
-        list_t list(core_value_split("a=1;b=2;c=3", ";", "=", CORE_HERE));
-        const uint32_t before = value_count(list.pairs);
-        EXPECT_TRUE(before == 0 || before == 3) << "all or nothing";
-        uint32_t count = before;
-        for (int i = 0; i < 6; ++i) {
-            list.put("key", "value");
-            EXPECT_LE(value_count(list.pairs), count + 1);
-            count = value_count(list.pairs);
-        }
-        list.set("key", "other");
-        const std::string_view value = value_get(list.pairs, "key");
-        EXPECT_TRUE(value == "value" || value == "other");
-        EXPECT_LE(value_count(list.pairs), count) << "set replaces";
-    });
-}
+}  // namespace
