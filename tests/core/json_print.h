@@ -17,7 +17,7 @@ inline std::string quoted(const char* text) {
 inline std::string print(const json_t& value) {
     constexpr const char* literals[] = {"null", "false", "true"};
     char number[32];
-    std::snprintf(number, sizeof number, "%.17g", value.number);
+    std::snprintf(number, sizeof number, "%.17e", value.number);
     if (value.type == json_number) return value.is_integer ? std::to_string(value.integer) : number;
     if (value.type == json_string) return value.text[value.length] == '\0' ? quoted(value.text) : "no end";
     if (value.type != json_array && value.type != json_object) return literals[value.type];
