@@ -127,7 +127,7 @@ void start_threads() {
         nullptr, [](void*, thread_ctx*) {}, nullptr, CORE_HERE);
     core_thread_stop(thread);
     const auto call = [](void* arg) { event_set(static_cast<event_ctx*>(arg)); };
-    if (event && core_thread_invoke(call, event.get(), CORE_HERE)) event_wait(event.get(), event_infinite);
+    if (event && core_thread_invoke(call, event.get(), CORE_HERE)) EXPECT_EQ(event_wait(event.get(), 60'000), 1);
 }
 
 void ask_a_profile() {
