@@ -10,6 +10,7 @@
 #include "core/time.h"
 
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>

@@ -116,9 +116,8 @@ TEST(Profile, NestedCallsAnswerTheirOwnRequest) {
     // "camera" asks "clock", whose subscriber puts to "camera" before it answers.
     core::owned_text inner;
     const subscriber camera("camera", [&inner](profile_ctx* profile, profile_event_t event) {
-        core_profile_answer(profile, "camera");
-        if (event != profile_ask) return;
-        inner.reset(profile_request(open("clock").get(), nullptr, CORE_HERE));
+        if (event == profile_ask) inner.reset(profile_request(open("clock").get(), nullptr, CORE_HERE));
+        core_profile_answer(profile, event == profile_ask ? "camera" : "nobody asked");
     });
     const subscriber clock("clock", [&](profile_ctx* profile, profile_event_t) {
         core_profile_put(bus.get(), nullptr);
