@@ -121,7 +121,8 @@ TEST(MemoryDeathTest, WhatIsNoBlockEndsTheProcess) {
     for (char* wrong : {foreign + 32, block + 16, block + 1})
         EXPECT_DEATH(core_mfree(wrong), "core: block");
     const auto overwrite = [block] {
-        const_cast<volatile char*>(block)[-1] ^= 1;
+        volatile char* const before = block - 1;
+        *before = static_cast<char>(*before ^ 1);
         core_mfree(block);
     };
     EXPECT_DEATH(overwrite(), core::platform::address_checker ? "use-after-poison" : "core: block");
