@@ -8,7 +8,9 @@
 #include "core/module.h"
 #include "inet/net_tcp.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace {
 
@@ -87,6 +89,7 @@ void use_a_network_thread() {
         EXPECT_TRUE(!command || called.reaches(1));
         const bool queued = net::net_nt_sync_call(nt, nullptr, &called, test::callback::run) == 1;
         EXPECT_TRUE(!queued || called.reaches(command ? 2 : 1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the loop has most likely come to its wait
         net::net_nt_socket_add(nt, socket, pair.here, net::nt_flag_read, &read, test::callback::run);
         EXPECT_TRUE(!socket || read.reaches(1, test::less_than_a_wait))
             << "what the loop has no memory for is not left for a whole wait";
