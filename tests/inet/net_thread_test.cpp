@@ -7,7 +7,6 @@
 
 #include "core/time.h"
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
