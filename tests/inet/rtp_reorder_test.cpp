@@ -81,7 +81,10 @@ TEST(RtpReorder, WaitsNoLongerThanItMay) {
     one.object->flush();
     EXPECT_EQ(one.out, (numbers{1, 3, 6, 8}));
     EXPECT_EQ(one.object->due(), 0U);
-    EXPECT_EQ(one.counts().given_up, 4U);
+    one.push(16, 2000);  // the last place of the window
+    one.object->expire(3000);
+    EXPECT_EQ(one.out.back(), 16);
+    EXPECT_EQ(one.counts().given_up, 11U);
 }
 
 TEST(RtpReorder, DoesNotWaitWithWhatIsNoPacketOrTooLong) {
