@@ -74,6 +74,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     const auto* text = reinterpret_cast<const char*>(input.data());
     node* document = roxml_load(text, static_cast<unsigned>(input.size()), error, sizeof(error));
     require((document != nullptr) == (error[0] == '\0'));
+    require(!fuzz::starved || std::string_view(error) == "out of memory");
     if (document) {
         require(core_mem_bytes() <= 24 * input.size() + (2 << 20));
         node* root = roxml_get_chld(document, nullptr, 0);
