@@ -15,6 +15,7 @@ void rebuild(std::span<const uint8_t> packet) {
     const uint32_t restart = packet[3] * 256U + packet[4];
     buf_t out;
     const uint32_t size = jpeg_rtp_header(&out, packet[0], width, height, restart, packet.subspan(5), CORE_HERE);
+    require(out.length == size);
     jpeg_info_t info;
     if (size > 0) {
         require(jpeg_inspect({out.data, size}, &info) == 1);
