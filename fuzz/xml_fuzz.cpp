@@ -6,6 +6,7 @@
 #include "core/memory.h"
 #include "core/text.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -43,9 +44,10 @@ std::string content_of(node* n) {
     require(length >= 0 && (length > 0) == (text != nullptr));
     const std::string_view whole(text ? text : "", static_cast<size_t>(length));
     char cut[6];
-    if (const char* start = roxml_get_content(n, cut, sizeof(cut), &length)) {
-        require_utf8(start);
-        require(whole.starts_with(start) && std::strlen(start) == static_cast<size_t>(length));
+    for (int size = 1; size <= static_cast<int>(sizeof(cut)) && text; ++size) {
+        require_utf8(roxml_get_content(n, cut, size, &length));
+        require(whole.starts_with(cut) && std::strlen(cut) == static_cast<size_t>(length));
+        require(length + 4 >= std::min(size, static_cast<int>(whole.size()) + 4));
     }
     return escaped(whole);
 }

@@ -3,7 +3,6 @@
 
 #include "support/exact.h"
 
-#include <array>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
@@ -57,30 +56,6 @@ TEST(Jpeg, InspectionReadsHeadersAsFarAsTheScan) {
     const std::string whole = soi + "\xff\xdd\0\4\0\7"s + frame_header();
     for (size_t size = 0; size <= whole.size(); ++size)
         EXPECT_EQ(said_of(std::string_view(whole).substr(0, size)), size < whole.size() ? "" : "48x32/7") << size;
-}
-
-TEST(Jpeg, HeaderIsAppendedOrLeftOut) {
-    constexpr struct {
-        uint32_t type, width, height, restart;
-        size_t size;
-        bool taken;
-    } cases[] = {
-        {2, 8, 8, 0, 128, false},       {0, 0, 8, 0, 128, false},          {0, 8, 0x10000, 0, 128, false},
-        {0, 8, 8, 0x10000, 128, false}, {0, 8, 8, 0, 63, false},           {0, 8, 8, 0, 64, true},
-        {1, 8, 8, 0xffff, 128, true},   {0, 0xffff, 0xffff, 0, 128, true},
-    };
-    buf_t out;
-    core_buf_read(&out, "before", 6);
-    const std::array<uint8_t, 128> tables{};
-    for (const auto& c : cases) {
-        const uint32_t before = out.length;
-        const uint32_t size =
-            jpeg_rtp_header(&out, c.type, c.width, c.height, c.restart, std::span(tables).first(c.size), CORE_HERE);
-        EXPECT_EQ(size > 0, c.taken) << c.type << ' ' << c.width << ' ' << c.height << ' ' << c.size;
-        EXPECT_EQ(out.length, before + size);
-    }
-    EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(out.data), 8), "before\xff\xd8");
-    core_buf_free(&out);
 }
 
 }  // namespace

@@ -65,11 +65,8 @@ TEST(Sdp, IsReadIntoTracks) {
          "profile-level-id=42e01f;sprop-parameter-sets=Z0I=,aM4=;config=1190] [Z0I=,aM4=] [1190];"
          "audio 6000 0 PCMU/8000/1 sound [10.0.0.1];"},
         {"", ""},
-        {"m=video 1 RTP/AVP 96", ""},
         {"m=video 1 RTP/AVP 96\na=control:x\n", ""},
         {"m=video\r\n", "video 0 0 -/0/0 -;"},
-        {"m=video 7\r\n", "video 0 0 -/0/0 -;"},
-        {"m=video 7 RTP/AVP\r\n", "video 7 0 -/0/0 -;"},
         {"m=video 7/ RTP/AVP x\r\n", "video 7 0 -/0/0 -;"},
         {"m=v 4294967296 RTP/AVP -5\r\n", "v 0 0 -/0/0 -;"},
         {"m=v 4294967295 RTP/AVP 99999999999999999999\r\n", "v 4294967295 0 -/0/0 -;"},
@@ -168,7 +165,6 @@ TEST(SdpRtpInfo, KeepsEveryEntry) {
         {"  url=rtsp://h/live/video;seq=5, url=a=b; seq=6;rtptime=7", "rtsp://h/live/video 5 -,a=b 6 7,"},
         {"x,url=a", "- - -,a - -,"},
         {"url=a,,url=b", "a - -,"},
-        {"url=a;;seq=1", "a - -,"},
         {"url", "- - -,"},
         {"", ""},
     };
@@ -188,7 +184,6 @@ TEST(SdpCodecSetup, DecodesParameterSetsAndConfigurations) {
         const char *sets, *config;
     } cases[] = {
         {"Z0I=,aM4=", "000001674200000168ce", ""},
-        {"Z0I=,aM4=,AAAA", "000001674200000168ce", ""},
         {"Z0!I,aM4=", "0000016700000168ce", ""},
         {"Z0I=,", "0000016742000001", ""},
         {",", "000001000001", ""},
@@ -197,8 +192,6 @@ TEST(SdpCodecSetup, DecodesParameterSetsAndConfigurations) {
         {"119", "ff", "11"},
         {" \t1\r\n1 aF", "ff", "11af"},
         {"11x22", "ff", "11"},
-        {"-11", "ff", ""},
-        {"", "ff", ""},
     };
     for (const auto& each : cases) {
         const test::exact_text exact(each.value);
