@@ -50,6 +50,12 @@ void copy(const net::sdp::Sdp& object) {
     net::sdp::Sdp copied;
     copied = object;
     require(count(copied.medias) == count(object.medias) || (fuzz::starved && !copied.medias));
+    for (uint32_t i = 0; i < count(copied.medias); ++i) {
+        const net::sdp::media_s& from = *object.medias[i];
+        const net::sdp::media_s& to = *copied.medias[i];
+        require(same(to.media, from.media) && same(to.control, from.control) && same(to.encoding, from.encoding));
+        require(same(to.sprop_parameter_sets, from.sprop_parameter_sets) && same(to.config, from.config));
+    }
     copied.free_configs();
 }
 

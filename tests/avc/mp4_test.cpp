@@ -64,7 +64,7 @@ TEST(Mp4, FragmentHoldsFramesInOrderOrNothing) {
     fragment(1, {key, key}, base);
     fragment(1, {key}, base + longest);
     fragment(0, {}, base);
-    fragment(0, {later, key}, base + 80000);
+    fragment(0, {frame_at(base + 1), key}, base + 80000);
     fragment(0, {key, later}, base + 1);
     fragment(0, {frame_at(base - 1)}, base + 1);
     fragment(0, {key}, base + longest + 1000);
