@@ -7,6 +7,9 @@
 #include "support/scratch.h"
 #include "support/sockets.h"
 
+#include "avc/fcc.h"
+#include "avc/frame.h"
+#include "common/digest.h"
 #include "core/array.h"
 #include "core/buf.h"
 #include "core/cmd.h"
@@ -153,6 +156,27 @@ void open_a_missing_module() { EXPECT_EQ(core_dll_open("no such module", nullptr
 
 // common, avc
 
+void decode_base64() {
+    buf_t out;
+    EXPECT_EQ(b64_decode("Zm9v", 4, &out, CORE_HERE), out.length);
+    core_buf_free(&out);
+}
+
+/// A frame made, shared and copied, each whole or not at all.
+void make_frames() {
+    constexpr uint8_t lent[] = "lent";
+    av::frame_t* made = avc_frame_create(av::fcc_pcmu, 1, lent, 4, CORE_HERE);
+    av::frame_t* shared = avc_frame_dup(made, CORE_HERE);
+    av::frame_t borrowed{};
+    borrowed.data = lent;
+    borrowed.size = 4;
+    av::frame_t* copied = avc_frame_dup(&borrowed, CORE_HERE);
+    for (av::frame_t** frame : {&made, &shared, &copied})
+        avc_frame_need(*frame);
+    av::meta_t* meta = avc_meta_create(av::fcc_meta, 1, "{}", 2, CORE_HERE);
+    avc_meta_need(meta);
+}
+
 // inet: sockets, the network thread
 
 template <class T>
@@ -241,6 +265,8 @@ constexpr scenario_t scenarios[] = {
     {"Profile", ask_a_profile, 6},
     {"Module", open_a_missing_module, 1},
     // common, avc
+    {"Base64", decode_base64, 1},
+    {"Frame", make_frames, 7},  // the shared one takes its record alone, the others their bytes, too
     // inet: sockets, the network thread
     {"Sockets", open_sockets, 8},
     {"Listener", accept_connections, 10},
