@@ -3,6 +3,7 @@
 #include "fuzz.h"
 
 #include "avc/fcc.h"
+#include "inet/net_socket.h"
 #include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
@@ -34,23 +35,30 @@ public:
     }
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
-        const buf_t& packet = rtp->packet;
-        require(packet.length <= rtp::packet_size);
-        sent.insert(sent.end(), packet.data, packet.data + packet.length);
+        if (event != rtp::event_t::packets) return take({rtp->packet.data, rtp->packet.length}, *rtp->current, event);
+        const sockaddr_in to{};
+        const datagram_t* const datagrams = rtp->cut->datagrams(to);
+        for (uint32_t i = 0; i < rtp->cut->count(); ++i)
+            take({datagrams[i].data, datagrams[i].size}, *rtp->current, rtp::event_t::packet);
+    }
+
+    void take(std::span<const uint8_t> packet, const rtp::trak_t& track, rtp::event_t::enum_t event) {
+        require(packet.size() <= rtp::packet_size);
+        sent.insert(sent.end(), packet.begin(), packet.end());
         if (event == rtp::event_t::rtcp) {
-            require(packet.length == 28 && be16(packet.data) == 0x80C8 && be32(packet.data + 20) == packets);
+            require(packet.size() == 28 && be16(packet.data()) == 0x80C8 && be32(packet.data() + 20) == packets);
             ++reports;
             return;
         }
         ++packets;
-        octets += packet.length;
-        require(packet.length > 12);
-        require((packet.data[0] & 0xEF) == 0x80);
-        require((packet.data[1] & 0x7F) == rtp->current->pt);
-        require(be16(packet.data + 2) == static_cast<uint16_t>(packets - 1));
-        require(be32(packet.data + 4) == rtp->current->rtp_time);
-        require(be32(packet.data + 8) == ssrc);
-        last_marked = packet.data[1] & 0x80;
+        octets += static_cast<uint32_t>(packet.size());
+        require(packet.size() > 12);
+        require((packet[0] & 0xEF) == 0x80);
+        require((packet[1] & 0x7F) == track.pt);
+        require(be16(packet.data() + 2) == static_cast<uint16_t>(packets - 1));
+        require(be32(packet.data() + 4) == track.rtp_time);
+        require(be32(packet.data() + 8) == ssrc);
+        last_marked = packet[1] & 0x80;
     }
 
     rtp::Rtp object{CORE_HERE};

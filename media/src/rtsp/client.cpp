@@ -122,6 +122,12 @@ uint64_t client_t::serve(uint64_t now) noexcept {
         flush();
         if (describing_) return now + soon;
     }
+    if (playing_since_) {
+        answer_play(now);
+        flush();
+        count_sharing();
+        if (playing_since_) return now + soon;
+    }
     return watching() ? come_up(now) : 0;
 }
 
@@ -163,6 +169,7 @@ bool client_t::go_live() noexcept {
 
 void client_t::stop_playing() noexcept {
     begun_ = false;
+    playing_since_ = 0;
     approach_.end();
     if (live_) live_->remove(*this);
     is_live_ = false;

@@ -16,6 +16,7 @@ namespace media::rtsp {
 namespace {
 
 constexpr uint64_t longest_describe = 5'000'000;  ///< microseconds
+constexpr uint64_t longest_play = 1'000'000;
 
 /// A POST end on its way to the thread of its GET end.
 struct handover_t {
@@ -166,10 +167,23 @@ void client_t::play() noexcept {
         }
         pictures_.begin();
     }
-    answer_play(approach_.first_time());
+    answer_play(core_timer());
 }
 
-void client_t::answer_play(uint64_t first) noexcept {
+/// Once the first frame is known, whose time RTP-Info tells, or has not come for some time.
+void client_t::answer_play(uint64_t now) noexcept {
+    if (!begun_ && approach_.first_time() == 0) approach_.look(now);
+    const bool known = begun_ || approach_.first_time() != 0 || shared_;
+    if (!known && playing_since_ == 0) {
+        playing_since_ = now;
+        owner_.on().wake(*this);
+    }
+    if (!known && now - playing_since_ < longest_play) return;
+    playing_since_ = 0;
+    tell_play(approach_.first_time());
+}
+
+void client_t::tell_play(uint64_t first) noexcept {
     for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
         if (!trak->shared) continue;
         shared_traks_[i].seq = shared_->next_seq(static_cast<size_t>(shared_->index_of(trak->fcc)));
