@@ -92,7 +92,6 @@ int serve(const camera::options& settings) {
     const auto played = camera::load_clip(settings, error);
     if (!played) return fail(error);
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
-    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     media::error_t why;
     camera::clip_source source;
     for (const camera::channel& each : played->channels) {
@@ -100,6 +99,7 @@ int serve(const camera::options& settings) {
         if (!stream) return fail(why.text);
         source.add(each, *stream);
     }
+    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     if (!station.add(rtsp, &why) || !station.start(&why)) return fail(why.text);
     source.start();
     if (!source.nt) return fail("cannot start a network thread");

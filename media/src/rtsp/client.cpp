@@ -38,6 +38,7 @@ client_t::client_t(part_t& owner, net::Tcp* connection, rtsp3::Rtsp* session) no
 }
 
 client_t::~client_t() {
+    finished_ = true;
     stop_playing();
     leave_stream();
     if (rtsp_) owner_.of().open_tunnels().remove(*this);
@@ -120,6 +121,7 @@ uint64_t client_t::serve(uint64_t now) noexcept {
     if (describing_) {
         answer_describe(now);
         flush();
+        count_sharing();
         if (describing_) return now + soon;
     }
     if (playing_since_) {

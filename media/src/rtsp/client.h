@@ -89,6 +89,7 @@ private:
     uint64_t describing_ = 0;     ///< since when formats are waited for; 0 for not
     uint64_t playing_since_ = 0;  ///< since when the first frame is waited for; 0 for not
     bool begun_ = false;          ///< what is set up plays, or will with the next frame
+    cursor wanting_;              ///< counts as a reader while nothing else does
     approach approach_;
     live* live_ = nullptr;
     bool is_live_ = false;

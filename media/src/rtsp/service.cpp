@@ -103,9 +103,15 @@ int service_t::open(media::station& of, error_t* error) noexcept {
     next_group_port_ = settings_.multicast_port;
     if (!settings_.multicast) return 1;
     sockaddr_in group{};
-    if (net_addr_setup(group, settings_.multicast, settings_.multicast_port) == 0) return 1;
-    tell(error, "%s is no multicast group", settings_.multicast);
-    return 0;
+    if (net_addr_setup(group, settings_.multicast, settings_.multicast_port) != 0 ||
+        ntohl(group.sin_addr.s_addr) >> 28 != 14) {
+        tell(error, "%s is no multicast group", settings_.multicast);
+        return 0;
+    }
+    const int fd = open_sender(of.bind());
+    if (fd >= 0) net_socket_close(fd);
+    if (fd < 0) tell(error, "cannot send to %s from %s", settings_.multicast, of.bind());
+    return fd < 0 ? 0 : 1;
 }
 
 part* service_t::make_part(thread& on, error_t* error) noexcept {
