@@ -22,7 +22,7 @@ class Live(CameraCase):
         ways = ("tcp", "udp", "http", "udp", "http", "udp")
         for way, table in zip(ways, at_once(lambda way: ffmpeg(*pull(self.camera.url(), way), *LIVE), ways)):
             with self.subTest(way):
-                self.check_live(table.decode(), SECONDS)
+                self.check_live(table, SECONDS)
 
 
 class Others(CameraCase):
@@ -37,7 +37,6 @@ class Others(CameraCase):
         documents = re.findall(r"<\?xml.*?</tt:MetadataStream>", text, re.DOTALL)
         self.assertGreaterEqual(len(documents), 3.5 * 5)
         self.assertEqual(text, "".join(documents))
-        self.assertIn('<tt:Object ObjectId="1">', documents[0])
 
 
 class Access(CameraCase):

@@ -37,7 +37,7 @@ class Multicast(CameraCase):
         for _ in range(2):  # the second viewer comes when the streams rest, on the other thread
             table = run("ip", "netns", "exec", self.far, *FFMPEG, "-rtsp_transport", "udp_multicast", "-t", "4", "-i",
                         self.camera.url(), *LIVE)
-            self.check_live(table.decode(), 4)
+            self.check_live(table, 4)
 
 
 class Offer(CameraCase):

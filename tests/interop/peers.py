@@ -53,6 +53,7 @@ class Camera:
         return self.urls[path].replace("rtsp://", f"rtsp://{user}@") if user else self.urls[path]
 
     def __exit__(self, kind, value, trace):
+        early = self.process.poll() is not None
         self.process.send_signal(signal.SIGINT)
         with self.process, self.messages:
             try:
@@ -63,7 +64,7 @@ class Camera:
             self.messages.seek(0)
             messages = self.messages.read()
         if kind is None and (status != 0 or messages):
-            raise AssertionError(f"camera ended with {status}: {messages}")
+            raise AssertionError(f"camera ended with {status}{' by itself' * early}: {messages}")
 
 
 class CameraCase(unittest.TestCase):
@@ -87,22 +88,15 @@ class CameraCase(unittest.TestCase):
     def check_live(self, table, seconds):
         """What an ffmpeg with LIVE has printed: pictures and sound are those of the clip, in order, none missing, and by
         the times that the player derived they are in step."""
-        clock = {stream: int(denominator) for stream, denominator in re.findall(r"#tb (\d): 1/(\d+)", table)}
-        clip = {"0": (clip_pictures(), 1 / 25), "1": (clip_blocks(), BLOCK / 8000)}
-        seen = {"0": [], "1": []}
         offsets = []  # how far the time of each lies from its place in the clip: the same for all, in both tracks
-        for line in table.splitlines():
-            if not line.startswith("#"):
-                stream, _, time, _, _, item = (field.strip() for field in line.split(",")[:6])
-                items, distance = clip[stream]
-                self.assertIn(item, items)
-                seen[stream].append(item)
-                offsets.append(int(time) / clock[stream] - items.index(item) * distance)
-        for stream, (items, distance) in clip.items():
-            self.assertEqual(len(set(items)), len(items), "each of the clip occurs once")
-            self.assertGreater(len(seen[stream]), (seconds - 0.5) / distance)
-            self.assertIsNotNone(position_in_loop(seen[stream], items), "in order, none missing")
-        self.assertEqual(clip_pictures().index(seen["0"][0]) % KEY_DISTANCE, 0, "a viewer begins with a key picture")
+        for stream, clip in clip_tracks().items():
+            places, seen = dict(clip), tracks_of(table)[stream]
+            self.assertEqual(len(places), len(clip), "each of the clip occurs once")
+            self.assertGreater(len(seen), (seconds - 0.5) / CLIP_SECONDS * len(clip))
+            start = position_in_loop([item for item, _ in seen], [*places])
+            self.assertIsNotNone(start, "in order, none missing")
+            self.assertEqual(start % KEY_DISTANCE if stream == "0" else 0, 0, "a viewer begins with a key picture")
+            offsets += [time - places[item] for item, time in seen]
         spread = [(each - offsets[0] + CLIP_SECONDS / 2) % CLIP_SECONDS for each in offsets]
         self.assertLess(max(spread) - min(spread), 0.005)
 
@@ -140,39 +134,47 @@ def at_once(call, cases):
 
 
 FFMPEG = ("ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-xerror")
-# A line for each picture and each block of sound.
-LIVE = ("-map", "0:v", "-map", "0:a", "-c:v", "rawvideo", "-c:a", "copy", "-fps_mode", "passthrough",
-        "-enc_time_base:v", "1:90000", "-f", "framehash", "-hash", "md5", "-")
+TABLE = ("-f", "framehash", "-hash", "md5", "-")
+# What travels of the pictures: neither delimiters nor SEI.
+CODED = ("-c", "copy", "-bsf:v", "filter_units=remove_types=6|9", *TABLE)
+LIVE = ("-map", "0:v", "-map", "0:a", *CODED)
 
 
 def ffmpeg(*arguments):
     return run(*FFMPEG, *arguments)
 
 
+def tracks_of(table):
+    """Of each stream, the hash and the time of everything in it."""
+    clock = {stream: int(rate) for stream, rate in re.findall(r"#tb (\d): 1/(\d+)", table.decode())}
+    tracks = {stream: [] for stream in clock}
+    for line in table.decode().splitlines():
+        if not line.startswith("#"):
+            stream, _, time, _, _, item = (field.strip() for field in line.split(",")[:6])
+            tracks[stream].append((item, int(time) / clock[stream]))
+    return tracks
+
+
 def picture_hashes(*source):
     """Those of the decoded pictures, none repeated or left out."""
-    table = ffmpeg(*source, "-map", "0:v", "-fps_mode", "passthrough", "-f", "framehash", "-hash", "md5", "-").decode()
-    return [line.split(",")[-1].strip() for line in table.splitlines() if not line.startswith("#")]
+    return [item for item, _ in tracks_of(ffmpeg(*source, "-map", "0:v", "-fps_mode", "passthrough", *TABLE))["0"]]
 
 
 def clip_file(name):
     return os.path.join(ROOT, "apps", "camera", "clip", name)
 
 
-@functools.cache
-def clip_pictures():
-    return picture_hashes("-i", clip_file("clip.h264"))
-
-
-@functools.cache
 def clip_sound():
     """The samples of the bundled clip, µ-law."""
     return ffmpeg("-i", clip_file("clip.wav"), "-c", "copy", "-f", "mulaw", "-")
 
 
 @functools.cache
-def clip_blocks():
-    return [hashlib.md5(clip_sound()[at:at + BLOCK]).hexdigest() for at in range(0, len(clip_sound()), BLOCK)]
+def clip_tracks():
+    """Pictures and blocks of sound."""
+    sound = clip_sound()
+    blocks = [(hashlib.md5(sound[at:at + BLOCK]).hexdigest(), at / 8000) for at in range(0, len(sound), BLOCK)]
+    return {"1": blocks, **tracks_of(ffmpeg("-i", clip_file("clip.h264"), *CODED))}
 
 
 def position_in_loop(run_of, loop):
