@@ -18,7 +18,7 @@ class Live(CameraCase):
     arguments = ("--threads", "2")
 
     def test_pictures_and_sound_over_each_transport_on_several_threads(self):
-        """Neighbouring connections, such as the two of a tunnel, go to different threads, and some over UDP share one."""
+        """Neighbouring connections, as the two of a tunnel are, go to different threads, and some over UDP share one."""
         ways = ("tcp", "udp", "http", "udp", "http", "udp")
         for way, table in zip(ways, at_once(lambda way: ffmpeg(*pull(self.camera.url(), way), *LIVE), ways)):
             with self.subTest(way):

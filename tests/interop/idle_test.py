@@ -1,4 +1,4 @@
-"""Connections that ask for nothing are closed, and give way to those that do; those that ask, in whatever way, are kept."""
+"""Connections that ask for nothing are closed, and give way to those that do; those that ask in any way are kept."""
 import re
 import select
 import socket

@@ -86,8 +86,8 @@ class CameraCase(unittest.TestCase):
         return player
 
     def check_live(self, table, seconds):
-        """What an ffmpeg with LIVE has printed: pictures and sound are those of the clip, in order, none missing, and by
-        the times that the player derived they are in step."""
+        """What an ffmpeg with LIVE has printed: pictures and sound are those of the clip, in order, none missing, and
+        by the times that the player derived they are in step."""
         offsets = []  # how far the time of each lies from its place in the clip: the same for all, in both tracks
         for stream, clip in clip_tracks().items():
             places, seen = dict(clip), tracks_of(table)[stream]
@@ -102,8 +102,8 @@ class CameraCase(unittest.TestCase):
 
 
 def free_group():
-    """A multicast group with a run of ports that nobody uses on this host, as "GROUP:PORT". They lie below those that the
-    system hands out itself: programs beside us would take one of them meanwhile."""
+    """A multicast group with a run of ports that nobody uses on this host, as "GROUP:PORT". They lie below those that
+    the system hands out itself: programs beside us would take one of them meanwhile."""
     while True:
         port = random.randrange(10000, 30000, 16)
         try:
@@ -146,12 +146,13 @@ def ffmpeg(*arguments):
 
 def tracks_of(table):
     """Of each stream, the hash and the time of everything in it."""
-    clock = {stream: int(rate) for stream, rate in re.findall(r"#tb (\d): 1/(\d+)", table.decode())}
-    tracks = {stream: [] for stream in clock}
+    bases = re.findall(r"#tb (\d): (\d+)/(\d+)", table.decode())
+    tick = {stream: int(time) / int(rate) for stream, time, rate in bases}
+    tracks = {stream: [] for stream in tick}
     for line in table.decode().splitlines():
         if not line.startswith("#"):
             stream, _, time, _, _, item = (field.strip() for field in line.split(",")[:6])
-            tracks[stream].append((item, int(time) / clock[stream]))
+            tracks[stream].append((item, int(time) * tick[stream]))
     return tracks
 
 
