@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
-# The shared library exports what the public headers mark INET_API, all of it, and nothing else.
-#   exports.sh SOURCE-DIR BUILD-DIR LIBRARY
+# The shared library exports what the public headers mark INET_API, all of it, and nothing else. What is built for Windows
+# depends on DLLs that every Windows has, and on no other.
+#   symbols.sh SOURCE-DIR BUILD-DIR
 set -euo pipefail
-source_dir=$1 library=$2/$3
+source_dir=$1 build_dir=$2 library=$2/libinet.so
+if [[ -e $build_dir/inet.dll ]]; then library=$build_dir/inet.dll; fi
+system='KERNEL32|msvcrt|WS2_32|SHELL32|bcrypt|ADVAPI32'
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+failed=0
+complain() { echo "$@"; failed=1; }
 
 # symbols: what the library exports, as the linker knows it.
 symbols() {
@@ -25,17 +30,20 @@ grep -oE 'INET_API [^;{]*[;{]' "$work/headers" |
     sed -nE 's/^INET_API .*(class|struct) +INET_API +//; s/^INET_API [^(]*[ *&]([A-Za-z_0-9]+)\(.*/\1/p' | sort -u >"$work/functions"
 grep -oE '(class|struct) INET_API [A-Za-z_0-9]+' "$work/headers" | awk '{print $3}' | sort -u >"$work/classes"
 
-failed=0
 while read -r name; do
     # What stands inside an exported class is a member of it.
-    if tr ':' '\n' <<<"$name" | grep -qxFf "$work/classes"; then continue; fi
-    grep -qx "${name##*::}" "$work/functions" || { echo "exported, but not in a public header: $name"; failed=1; }
+    tr ':' '\n' <<<"$name" | grep -qxFf "$work/classes" || grep -qx "${name##*::}" "$work/functions" ||
+        complain "exported, but not in a public header: $name"
 done <"$work/exported"
+while read -r name; do complain "in a public header, but not exported: $name"; done \
+    < <(sed 's/.*:://' "$work/exported" | sort -u | comm -13 - "$work/functions")
+wc -l "$work"/{exported,functions,classes}
 
-sed 's/.*:://' "$work/exported" | sort -u >"$work/exported-plain"
-while read -r name; do
-    grep -qx "$name" "$work/exported-plain" || { echo "in a public header, but not exported: $name"; failed=1; }
-done <"$work/functions"
-
-echo "$(wc -l <"$work/exported") names exported, $(wc -l <"$work/functions") functions and $(wc -l <"$work/classes") classes declared"
+if [[ $library == *.dll ]]; then
+    for file in "$library" "$build_dir"/apps/inet-{camera,viewer}.exe; do
+        needed=$(x86_64-w64-mingw32-objdump -p "$file" | sed -n 's/^\s*DLL Name: //p')
+        [[ $needed ]] || complain "no import table: $file"
+        ! grep -vixE "($system)\.dll" <<<"$needed" || complain "not of the system: what ${file##*/} imports"
+    done
+fi
 exit $failed
