@@ -3,8 +3,8 @@
 /// client asks for them and delivers the frames that it receives. RTP travels inside the conversation (RFC
 /// 2326, 10.12), over UDP unicast or over UDP multicast. The conversation may travel over two HTTP connections.
 ///
-/// A session begins as a server. It becomes a client, for good, with open() or with the first process_x(nullptr) before
-/// a track is announced. A call that belongs to the other role does nothing and returns 0 or null.
+/// A session begins as a server. It becomes a client, for good, with open(), or with process_x(nullptr) from outside of
+/// an event and before a track is announced. A call that belongs to the other role does nothing and returns 0 or null.
 ///
 /// A session touches no socket. Its owner, an rtsp3::IRtsp, does the input and output. Received bytes go into
 /// process(), received UDP packets into process_rtp(). Bytes to send stand in send_buffer() and are announced by event

@@ -74,8 +74,8 @@ void session::take_bytes(buf_t* data) noexcept {
 }
 
 void session::take_packet(unsigned channel, buffer_t packet) noexcept {
-    if (server* const one = as_server()) one->take_rtp(channel, packet);
-    if (client* const one = as_client()) one->frames().take(channel, packet);
+    if (client* const one = as_client()) return one->frames().take(channel, packet);
+    as_server()->take_rtp(channel, packet);
 }
 
 void session::take_packet(uint8_t channel, buffer_t packet) noexcept { take_packet(unsigned{channel}, packet); }

@@ -9,7 +9,7 @@ namespace rtsp3 {
 int streaming::send(const av::frame_t* frame) noexcept {
     const conversation::call running(talk_);
     if (!frame || !start(frame->fcc)) return 0;
-    make_room();
+    if (interleaved_) make_room();
     talk_.rtp.pack(frame);
     return finish();
 }
@@ -17,7 +17,7 @@ int streaming::send(const av::frame_t* frame) noexcept {
 int streaming::send(const av::meta_t* meta) noexcept {
     const conversation::call running(talk_);
     if (!meta || !start(meta->fcc)) return 0;
-    make_room();
+    if (interleaved_) make_room();
     talk_.rtp.pack_meta(meta);
     return finish();
 }
@@ -78,7 +78,6 @@ bool streaming::start(uint32_t fcc) noexcept {
 
 // For the next packet, where it is sent from.
 void streaming::make_room() noexcept {
-    if (!interleaved_) return;
     has_room_ = true;
     spilled_ = spilled_ || !rtp::make_interleaved_room(out_.bytes(), talk_.rtp, talk_.file, talk_.line);
 }
