@@ -79,16 +79,19 @@ int stream::declare(kind_t kind, const format_t& format) noexcept {
     inside& in = *inside_;
     const auto index = static_cast<size_t>(kind);
     const std::lock_guard held(in.lock);
-    const format_share& before = in.formats[index];
-    if (before && same_format(before->shown, format)) {
+    try {
+        const format_share& before = in.formats[index];
+        const format_t known = before ? before->shown : format_t{};
+        const format_t wanted = complete(format, known, in.config);
         in.declared[index] = true;
+        if (before && same_format(known, wanted)) return 1;
+        format_share made = make_format(wanted, known.generation + 1, in.file, in.line);
+        if (!made) return 0;
+        in.formats[index] = std::move(made);
         return 1;
+    } catch (const std::bad_alloc&) {
+        return 0;
     }
-    format_share made = make_format(format, before ? before->shown.generation + 1 : 1, in.file, in.line);
-    if (!made) return 0;
-    in.formats[index] = std::move(made);
-    in.declared[index] = true;
-    return 1;
 }
 
 // What is held for nobody, and what is beyond the bounds.
@@ -183,9 +186,11 @@ int stream::push(const av::frame_t& frame, const timing_t& timing) noexcept {
     return 1;
 }
 
+// Who comes while the source is away waits for it, and is not shown what was long ago.
 void stream::gap() noexcept {
     const std::lock_guard held(inside_->lock);
     inside_->gap = inside_->wants_key = true;
+    inside_->key = no_number;
     inside_->clock.gap();
 }
 
@@ -251,6 +256,13 @@ void stream::on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t l
     inside_->demand = {.wanted = wanted, .arg = arg, .linger = linger};
 }
 
+void stream::ask() noexcept {
+    inside& in = *inside_;
+    const std::lock_guard held(in.lock);
+    in.demand.asked = true;
+    if (in.stirred) in.stirred(in.stirred_arg);
+}
+
 // Decided under the lock, told outside of it.
 uint64_t settle_demand(stream& of, uint64_t now) noexcept {
     stream::inside& in = of.in();
@@ -260,11 +272,11 @@ uint64_t settle_demand(stream& of, uint64_t now) noexcept {
         const std::lock_guard held(in.lock);
         demand_t& demand = in.demand;
         if (!demand.wanted) return 0;
-        const bool read = in.readers.load() != 0;
-        const bool over = !read && demand.told && now >= demand.idle_since + demand.linger;
-        if (!read && demand.told && !over) again = demand.idle_since + demand.linger;
-        if (read == demand.told || (!read && !over)) return again;
-        demand.told = read;
+        if (std::exchange(demand.asked, false)) demand.idle_since = now;
+        const bool wanted = in.readers.load() != 0 || (demand.idle_since && now < demand.idle_since + demand.linger);
+        if (wanted && in.readers.load() == 0) again = demand.idle_since + demand.linger;
+        if (wanted == demand.told) return again;
+        demand.told = wanted;
         due = demand;
     }
     due.wanted(due.arg, due.told ? 1 : 0);

@@ -90,6 +90,7 @@ void client_t::describe() noexcept {
         rtsp_->send_error(404);
         return;
     }
+    stream_->ask();
     describing_ = core_timer();
     answer_describe(describing_);
 }
