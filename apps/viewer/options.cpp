@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include "command_line.h"
+#include "transport.h"
 #include "writer.h"
 
 #include <algorithm>
@@ -13,16 +14,6 @@ namespace {
 using apps::take_number;
 using apps::take_text;
 using option = apps::option<options>;
-
-bool take_transport(options& o, std::string_view text) {
-    static constexpr std::string_view names[] = {"tcp", "udp", "multicast", "http"};
-    for (size_t i = 0; i < std::size(names); ++i) {
-        if (text != names[i]) continue;
-        o.way = static_cast<media::transport_t>(i);
-        return true;
-    }
-    return false;
-}
 
 bool take_uri(options& o, std::string_view text) {
     if (!o.uri.empty()) return false;
@@ -54,7 +45,8 @@ bool take_reconnect(options& o, std::string_view text) {
 std::span<const option> table() {
     static const option all[] = {
         {"URI", "", "one rtsp://[user:password@]host[:port]/path; user and password percent-coded, no IPv6", take_uri},
-        {"--transport", "WAY", "tcp (the default), udp, multicast or http", take_transport},
+        {"--transport", "WAY", "tcp (the default), udp, multicast or http",
+         [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
         {"-o", "FILE", "write to a .h264, .mp4, .wav, .jpg or .txt file; may be given again for another file",
          take_output},
         {"--duration", "SECONDS", "end after so much media", take_duration},

@@ -6,6 +6,7 @@
 #include "inet/net_socket.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string_view>
 
 namespace media::fetch {
@@ -33,7 +34,7 @@ format_t describe(const rtsp3::trak_t& source) noexcept {
 }
 
 uint64_t microseconds(double ticks, double rate) noexcept {
-    return rate > 0 ? static_cast<uint64_t>(ticks / rate * 1e6 + 0.5) : 0;
+    return rate > 0 ? static_cast<uint64_t>(std::llround(ticks / rate * 1e6)) : 0;
 }
 
 /// Dotted addresses alone: a name would have to be looked up.
