@@ -3,6 +3,7 @@
 #include "mulaw.h"
 #include "utf8_path.h"
 
+#include "avc/access_units.h"
 #include "avc/fcc.h"
 #include "avc/jpeg.h"
 #include "common/h264.h"
@@ -39,6 +40,7 @@ public:
         if (!data_) throw std::runtime_error("cannot read " + path);
     }
     std::span<const uint8_t> bytes() const { return {data_.get(), size_}; }
+    buffer_t buffer() const { return {data_.get(), static_cast<uint32_t>(size_)}; }
     std::string_view text() const { return {reinterpret_cast<const char*>(data_.get()), size_}; }
 
 private:
@@ -69,23 +71,12 @@ pace video_pace(std::span<const uint8_t> stream) {
 track load_video(const std::string& path) {
     const file_bytes file(path);
     std::vector<frame_ptr> pictures;
-    const uint8_t* start = nullptr;
-    bool has_slice = false;
-    const auto finish = [&](const uint8_t* end) {
-        if (has_slice) pictures.push_back(make_frame(av::fcc_h264, {start, end}));
-        has_slice = false;
-        start = nullptr;
+    av::AccessUnits units(CORE_HERE);
+    const auto keep = [](void* arg, buffer_t unit) {
+        static_cast<std::vector<frame_ptr>*>(arg)->push_back(make_frame(av::fcc_h264, {unit.data, unit.size}));
     };
-    std::span<const uint8_t> rest = file.bytes();
-    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
-        // Three bytes of start code stand before every NAL unit; a fourth belongs to the unit before as a zero byte.
-        const uint8_t* begin = nal.data() - 3;
-        if (has_slice && h264_starts_access_unit(nal)) finish(begin);
-        if (!start) start = begin;
-        const uint8_t type = h264_nal_type(nal);
-        has_slice |= type == h264_slice || type == h264_slice_idr;
-    }
-    finish(file.bytes().data() + file.bytes().size());
+    units.take(file.buffer(), keep, &pictures);
+    units.end(keep, &pictures);
     if (pictures.empty() || !pictures.front()->key)
         throw std::runtime_error(path + ": no H.264 stream that begins with a key picture");
     const pace rate = video_pace(file.bytes());
@@ -207,7 +198,8 @@ options with_bundled_files(options wanted) {
 }
 
 clip load(options wanted) {
-    if (wanted.video.empty() && wanted.audio.empty() && wanted.jpeg.empty() && wanted.analytics.empty()) {
+    const bool none = wanted.video.empty() && wanted.audio.empty() && wanted.jpeg.empty() && wanted.analytics.empty();
+    if (none && wanted.sources.empty()) {
         wanted = with_bundled_files(std::move(wanted));
     }
     clip result;

@@ -51,7 +51,8 @@ struct clip {
     std::vector<channel> channels;
 };
 
-/// Reads the files that the options name, or the bundled ones. On failure nothing, with the reason in `error`.
+/// Reads the files that the options name, or, without any source, the bundled ones. On failure nothing, with the reason
+/// in `error`.
 std::optional<clip> load_clip(const options& wanted, std::string& error);
 
 }  // namespace camera

@@ -1,8 +1,9 @@
-// inet-camera: a clip becomes a network camera.
+// inet-camera: a clip, other cameras or a pipe become a network camera.
 #include "clip.h"
 #include "clip_source.h"
 #include "options.h"
 #include "program.h"
+#include "sources.h"
 #include "terminal.h"
 
 #include "core/array.h"
@@ -19,10 +20,8 @@
 
 namespace {
 
-constexpr const char* name = "inet-camera";
-
 int fail(const std::string& reason) {
-    apps::complain(name, reason);
+    apps::complain(camera::program_name, reason);
     return apps::status_failed;
 }
 
@@ -41,19 +40,19 @@ std::vector<std::string> reachable(const std::string& bind) {
     return found;
 }
 
-void print_addresses(const camera::clip& played, const camera::options& settings, uint16_t port) {
+void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, uint16_t port) {
     const std::vector<std::string> hosts = reachable(settings.bind);
     for (const std::string& host : hosts) {
-        for (const camera::channel& each : played.channels)
-            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, each.path.c_str());
+        for (const std::string& each : paths)
+            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, each.c_str());
     }
     std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", hosts.front().c_str(),
-                unsigned{port}, played.channels.front().path.c_str());
+                unsigned{port}, paths.front().c_str());
     std::fflush(stdout);
 }
 
-/// Shows the live line once a second until Ctrl-C.
-void show_status(const media::station& station) {
+/// Shows the live line once a second until Ctrl-C, or until all has been sent.
+void show_status(const media::station& station, const camera::sources& sources) {
     apps::status_line line;
     uint64_t shown = core_timer();
     uint64_t bytes = 0;
@@ -62,9 +61,10 @@ void show_status(const media::station& station) {
         const uint64_t now = core_timer();
         if (now - shown < 1'000'000) continue;
         const media::station::totals_t totals = station.totals();
-        line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu", totals.watching,
+        if (sources.are_over() && totals.watching == 0) return;
+        line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu   sources %zu/%zu", totals.watching,
                   static_cast<double>(totals.bytes - bytes) * 8 / static_cast<double>(now - shown),
-                  static_cast<unsigned long long>(totals.dropped));
+                  static_cast<unsigned long long>(totals.dropped), sources.fetched(), sources.names().size());
         bytes = totals.bytes;
         shown = now;
     }
@@ -91,20 +91,27 @@ int serve(const camera::options& settings) {
     std::string error;
     const auto played = camera::load_clip(settings, error);
     if (!played) return fail(error);
+    camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
     media::error_t why;
     camera::clip_source source;
+    std::vector<std::string> paths;
     for (const camera::channel& each : played->channels) {
         media::stream* const stream = station.add_stream(each.path.c_str(), whole_groups, &why);
         if (!stream) return fail(why.text);
         source.add(each, *stream);
+        paths.push_back(each.path);
     }
+    if (!fetched.open(settings, station, why)) return fail(why.text);
+    paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
-    if (!station.add(rtsp, &why) || !station.start(&why)) return fail(why.text);
-    source.start();
-    if (!source.nt) return fail("cannot start a network thread");
-    print_addresses(*played, settings, rtsp->port());
-    show_status(station);
+    if (!station.add(rtsp, &why) || !station.start(&why) || !fetched.start(why)) return fail(why.text);
+    if (!played->channels.empty()) source.start();
+    if (!played->channels.empty() && !source.nt) return fail("cannot start a network thread");
+    print_addresses(paths, settings, rtsp->port());
+    show_status(station, fetched);
+    station.stop();
+    fetched.stop();
     source.stop();
     return 0;
 }
@@ -120,5 +127,5 @@ int main(int argc, char** argv) {
         std::fputs(camera::usage().c_str(), stdout);
         return 0;
     }
-    return apps::run(name, settings->log, [&] { return serve(*settings); });
+    return apps::run(camera::program_name, settings->log, [&] { return serve(*settings); });
 }

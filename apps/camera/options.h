@@ -1,6 +1,8 @@
 // What the command line of inet-camera says.
 #pragma once
 
+#include "media/watcher.h"
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -9,10 +11,19 @@
 
 namespace camera {
 
+/// How the program is called in its messages.
+inline constexpr const char* program_name = "inet-camera";
+
 /// The picture that a new viewer begins with.
 enum class start_t : uint8_t {
     key,   ///< the last key picture that was played
     next,  ///< the next one to come
+};
+
+/// What is fetched and served on.
+struct source {
+    std::string name = "live";  ///< of its path
+    std::string url;            ///< "-" is the standard input
 };
 
 struct options {
@@ -20,6 +31,9 @@ struct options {
     std::string audio;
     std::vector<std::string> jpeg;
     std::string analytics;
+    std::vector<source> sources;
+    media::transport_t transport = media::transport_t::tcp;  ///< of the sources
+    bool on_demand = false;                                  ///< sources are fetched only while somebody watches
     std::string bind = "127.0.0.1";
     uint16_t rtsp_port = 8554;
     std::string multicast;           ///< group; empty for no multicast

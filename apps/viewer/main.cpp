@@ -1,17 +1,18 @@
 // inet-viewer: receives a stream over RTSP, writes it to files and tells how it came.
 #include "options.h"
 #include "outcome.h"
-#include "player.h"
 #include "program.h"
 #include "recording.h"
 #include "terminal.h"
+#include "track_report.h"
 
-#include "core/thread.h"
 #include "core/time.h"
+#include "media/watcher.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <span>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -22,49 +23,108 @@ int fail(const viewer::ending& result) {
     return static_cast<int>(result.what);
 }
 
-/// Gives the player its clock and shows the live line until the end.
-void follow(viewer::player& received) {
+outcome outcome_of(media::outcome_t what) {
+    switch (what) {
+        case media::outcome_t::ok:
+            return outcome::ok;
+        case media::outcome_t::no_connection:
+            return outcome::no_connection;
+        case media::outcome_t::refused:
+            return outcome::refused;
+        case media::outcome_t::not_found:
+            return outcome::not_found;
+        case media::outcome_t::protocol_error:
+            return outcome::protocol_error;
+        case media::outcome_t::nothing_received:
+            return outcome::nothing_received;
+        case media::outcome_t::connection_lost:
+            return outcome::connection_lost;
+        case media::outcome_t::failed:
+            break;
+    }
+    return outcome::failed;
+}
+
+/// What the watcher calls on its thread.
+struct receiver {
+    media::watcher watcher;
+    viewer::recording& files;
+
+    receiver(const viewer::options& settings, viewer::recording& into)
+        : watcher(settings.uri.c_str(), {.transport = settings.way,
+                                         .timeout = settings.timeout,
+                                         .reconnect = settings.reconnect,
+                                         .duration = settings.duration}),
+          files(into) {
+        watcher.on_frame(&receiver::on_frame, this);
+        watcher.on_event(&receiver::on_event, this);
+    }
+
+    /// The files get the first track of each format.
+    static int on_frame(void* arg, const media::watched_t& got) {
+        return !got.first_of_format || static_cast<receiver*>(arg)->files.take(got.frame) ? 1 : 0;
+    }
+
+    static void on_event(void* arg, const media::watch_event_t& event) {
+        auto* self = static_cast<receiver*>(arg);
+        const std::string text = event.text;
+        using e = media::watch_event_t;
+        if (event.what == e::track_refused) apps::complain(viewer::name, text + ", going on without that track");
+        if (event.what == e::falls_back) apps::complain(viewer::name, text + ", trying tcp");
+        if (event.what != e::pausing) return;
+        if (!self->files.flush()) return self->watcher.end();
+        apps::complain(viewer::name, text + "; connecting again in " + std::to_string(event.pause) + " s");
+    }
+};
+
+/// Shows the live line until the end.
+void follow(media::watcher& watcher) {
     apps::status_line line;
     uint64_t shown = core_timer();
     uint64_t bytes = 0;
-    while (!received.has_ended()) {
-        received.tick();
-        core_sleep(50);
-        if (apps::interrupted()) received.end();
+    while (!watcher.wait(50)) {
+        if (apps::interrupted()) watcher.end();
         const uint64_t now = core_timer();
         if (now - shown < 1'000'000) continue;
-        const viewer::progress& have = received.now();
-        line.show("%.1f s   %.2f Mbit/s   frames %llu   packets lost %llu",
-                  static_cast<double>(have.milliseconds) * 1e-3,
-                  static_cast<double>(have.bytes - bytes) * 8 / static_cast<double>(now - shown),
-                  static_cast<unsigned long long>(have.frames), static_cast<unsigned long long>(have.lost));
-        bytes = have.bytes;
+        media::track_counts_t all;
+        const media::watcher::status_t status = watcher.status();
+        for (const media::track_counts_t& each : std::span(status.tracks, status.track_count)) {
+            all.bytes += each.bytes;
+            all.frames += each.frames;
+            all.lost += each.lost;
+            all.length = std::max(all.length, each.length);
+        }
+        line.show("%.1f s   %.2f Mbit/s   frames %llu   packets lost %llu", static_cast<double>(all.length) * 1e-6,
+                  static_cast<double>(all.bytes - bytes) * 8 / static_cast<double>(now - shown),
+                  static_cast<unsigned long long>(all.frames), static_cast<unsigned long long>(all.lost));
+        bytes = all.bytes;
         shown = now;
     }
 }
 
-bool print(const std::vector<viewer::track_report>& reports) {
-    for (size_t i = 0; i < reports.size(); ++i)
-        std::printf("%s\n", reports[i].text(i).c_str());
+bool print(std::span<const media::track_counts_t> tracks) {
+    for (size_t i = 0; i < tracks.size(); ++i)
+        std::printf("%s\n", viewer::report_of(tracks[i], i).c_str());
     return std::fflush(stdout) == 0 && !std::ferror(stdout);  // an earlier part may have failed, too
 }
 
 int receive(const viewer::options& settings) {
     viewer::recording files;
     if (!files.open(settings.outputs)) return fail({outcome::cannot_write, "cannot write " + files.failed()});
-    viewer::player received(settings, files);
-    received.start();
-    if (!received.nt) return fail({outcome::failed, "cannot start a network thread"});
-    follow(received);
-    received.stop();
-    viewer::ending result = received.result();
-    if (!files.finish() && result.what != outcome::cannot_write) {
+    receiver received(settings, files);
+    media::error_t why;
+    if (!received.watcher.start(&why)) return fail({outcome::failed, why.text});
+    follow(received.watcher);
+    received.watcher.stop();
+    const media::watcher::status_t status = received.watcher.status();
+    viewer::ending result{outcome_of(status.outcome), status.text};
+    if (!files.finish() || !files.failed().empty()) {
         result = {outcome::cannot_write, "cannot write " + files.failed()};
     }
     if (result.what == outcome::ok && !files.untouched().empty()) {
         result = {outcome::nothing_received, "nothing came for " + files.untouched()};
     }
-    if (settings.stats && !print(received.reports()) && result.what == outcome::ok) {
+    if (settings.stats && !print({status.tracks, status.track_count}) && result.what == outcome::ok) {
         result = {outcome::cannot_write, "cannot write to the standard output"};
     }
     return fail(result);

@@ -1,9 +1,8 @@
 #include "options.h"
 
 #include "command_line.h"
+#include "transport.h"
 #include "writer.h"
-
-#include "core/text.h"
 
 #include <algorithm>
 #include <charconv>
@@ -16,31 +15,10 @@ using apps::take_number;
 using apps::take_text;
 using option = apps::option<options>;
 
-bool take_transport(options& o, std::string_view text) {
-    static constexpr std::string_view names[] = {"tcp", "udp", "multicast", "http"};
-    for (size_t i = 0; i < std::size(names); ++i) {
-        if (text != names[i]) continue;
-        o.way = static_cast<transport>(i);
-        return true;
-    }
-    return false;
-}
-
-/// Host and port of [user-info@]host[:port]. The user-info ends where the RTSP session ends it, at the last '@'.
-bool take_authority(options& o, std::string_view text) {
-    text.remove_prefix(text.rfind('@') + 1);
-    const size_t colon = text.find(':');
-    o.host = text.substr(0, colon);
-    const bool is_ipv6 = text.starts_with('[');
-    return !o.host.empty() && !is_ipv6 && (colon == text.npos || take_number(o.port, text.substr(colon + 1), 1, 65535));
-}
-
 bool take_uri(options& o, std::string_view text) {
-    constexpr std::string_view scheme = "rtsp://";
-    if (!o.uri.empty() || core_strncasecmp(std::string(text).c_str(), scheme.data(), scheme.size()) != 0) return false;
+    if (!o.uri.empty()) return false;
     o.uri = text;
-    const std::string_view place = text.substr(scheme.size());
-    return take_authority(o, place.substr(0, place.find_first_of("/?")));
+    return media::watcher::takes(o.uri.c_str()) != 0;
 }
 
 bool take_output(options& o, std::string_view text) {
@@ -60,14 +38,15 @@ bool take_duration(options& o, std::string_view text) {
 
 bool take_reconnect(options& o, std::string_view text) {
     if (text != "forever") return take_number(o.reconnect, text, 0, 1'000'000);
-    o.reconnect = options::forever;
+    o.reconnect = media::watcher::forever;
     return true;
 }
 
 std::span<const option> table() {
     static const option all[] = {
         {"URI", "", "one rtsp://[user:password@]host[:port]/path; user and password percent-coded, no IPv6", take_uri},
-        {"--transport", "WAY", "tcp (the default), udp, multicast or http", take_transport},
+        {"--transport", "WAY", "tcp (the default), udp, multicast or http",
+         [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
         {"-o", "FILE", "write to a .h264, .mp4, .wav, .jpg or .txt file; may be given again for another file",
          take_output},
         {"--duration", "SECONDS", "end after so much media", take_duration},

@@ -1,8 +1,9 @@
 // What the command line of inet-viewer says.
 #pragma once
 
+#include "media/watcher.h"
+
 #include <cstdint>
-#include <limits>
 #include <optional>
 #include <span>
 #include <string>
@@ -10,24 +11,12 @@
 
 namespace viewer {
 
-/// How the media travels.
-enum class transport : uint8_t {
-    tcp,        ///< inside the RTSP connection
-    udp,        ///< UDP unicast
-    multicast,  ///< UDP multicast
-    http,       ///< inside RTSP, which is inside two HTTP connections
-};
-
 struct options {
-    static constexpr unsigned forever = std::numeric_limits<unsigned>::max();
-
     std::string uri;
-    std::string host;     ///< of the URI, and
-    uint16_t port = 554;  ///< its port, or that of RTSP
-    transport way = transport::tcp;
+    media::transport_t way = media::transport_t::tcp;
     std::vector<std::string> outputs;
     uint64_t duration = 0;   ///< microseconds of media; 0 is without end
-    unsigned reconnect = 0;  ///< attempts in a row, or `forever`
+    unsigned reconnect = 0;  ///< attempts in a row, or media::watcher::forever
     unsigned timeout = 10;   ///< seconds
     bool stats = false;
     std::string log;

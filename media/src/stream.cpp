@@ -81,12 +81,18 @@ int stream::declare(kind_t kind, const format_t& format) noexcept {
     inside& in = *inside_;
     const auto index = static_cast<size_t>(kind);
     const std::lock_guard held(in.lock);
-    const format_share& before = in.formats[index];
-    if (before && same_format(before->shown, format)) return 1;
-    format_share made = make_format(format, before ? before->shown.generation + 1 : 1, in.file, in.line);
-    if (!made) return 0;
-    in.formats[index] = std::move(made);
-    return 1;
+    try {
+        const format_share& before = in.formats[index];
+        const format_t known = before ? before->shown : format_t{};
+        const format_t wanted = complete(format, known, in.config);
+        if (before && same_format(known, wanted)) return 1;
+        format_share made = make_format(wanted, known.generation + 1, in.file, in.line);
+        if (!made) return 0;
+        in.formats[index] = std::move(made);
+        return 1;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
 }
 
 // What is held for nobody, and what is beyond the bounds.
@@ -191,10 +197,12 @@ int stream::take(const av::frame_t& frame, const timing_t& timing) noexcept {
     return 1;
 }
 
+// Who comes while the source is away waits for it, and is not shown what was long ago.
 void stream::gap() noexcept {
     const std::lock_guard held(inside_->lock);
     ++inside_->gaps;
     inside_->wants_key = true;
+    inside_->key = no_number;
     inside_->clock.gap();
 }
 
@@ -283,11 +291,10 @@ uint64_t settle_demand(stream& of, uint64_t now) noexcept {
         const std::lock_guard held(in.lock);
         demand_t& demand = in.demand;
         if (!demand.wanted) return 0;
-        const bool read = in.readers.load() != 0;
-        const bool over = !read && demand.told && now >= demand.idle_since + demand.linger;
-        if (!read && demand.told && !over) again = demand.idle_since + demand.linger;
-        if (read == demand.told || (!read && !over)) return again;
-        demand.told = read;
+        const bool wanted = in.readers.load() != 0 || (demand.idle_since && now < demand.idle_since + demand.linger);
+        if (wanted && in.readers.load() == 0) again = demand.idle_since + demand.linger;
+        if (wanted == demand.told) return again;
+        demand.told = wanted;
         due = demand;
     }
     due.wanted(due.arg, due.told ? 1 : 0);

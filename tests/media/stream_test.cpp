@@ -181,6 +181,21 @@ TEST_F(Stream, KeyPicturesCarryTheParameterSetsThatAreKnown) {
     EXPECT_EQ(entry.frame.data[4], 0x67);
 }
 
+TEST_F(Stream, ADeclaredFormatIsThatOfItsFrames) {
+    make();
+    constexpr uint8_t short_codes[] = {0, 0, 1, 0x67, 0x42, 0xc0, 0x1e, 0xd9, 0, 0, 1, 0x68, 0xce, 0x3c, 0x80};
+    const std::vector<uint8_t> config(std::begin(short_codes), std::end(short_codes));
+    const buffer_t told{const_cast<uint8_t*>(config.data()), static_cast<uint32_t>(config.size())};
+    ASSERT_EQ(stream_->declare(kind_t::video, {.fcc = av::fcc_h264, .config = told}), 1);
+    EXPECT_EQ(stream_->ready(), 1);
+    key();
+    ASSERT_EQ(stream_->declare(kind_t::video, {.fcc = av::fcc_h264}), 1);  // the source came back
+    EXPECT_EQ(stream_->ready(), 1);
+    media::format_t format;
+    ASSERT_EQ(stream_->format(kind_t::video, &format, nullptr), 1);
+    EXPECT_EQ(format.generation, 1U);
+}
+
 TEST_F(Stream, ChangeOfFormatIsToldInOrder) {
     make();
     ASSERT_EQ(cursor_.open(*stream_, {}), 1);
@@ -199,6 +214,7 @@ TEST_F(Stream, GapAndEndAreToldWhereTheyAre) {
     stream_->gap();
     EXPECT_EQ(picture(), 0);
     EXPECT_EQ(read(), "Fk");
+    EXPECT_EQ(newcomer(), "");  // what was before it is not the present
     block();
     key();
     stream_->end();

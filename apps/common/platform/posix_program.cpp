@@ -1,6 +1,9 @@
 #include "system.h"
 
+#include <cerrno>
 #include <csignal>
+#include <poll.h>
+#include <unistd.h>
 
 namespace apps::platform {
 namespace {
@@ -23,6 +26,14 @@ void note_interrupts(std::atomic<bool>& flag) {
     noted = &flag;
     std::signal(SIGINT, on_signal);
     std::signal(SIGTERM, on_signal);
+}
+
+int read_input(std::span<uint8_t> room, int milliseconds) {
+    pollfd waited{STDIN_FILENO, POLLIN, 0};
+    if (poll(&waited, 1, milliseconds) <= 0) return 0;
+    const ssize_t count = read(STDIN_FILENO, room.data(), room.size());
+    if (count > 0) return static_cast<int>(count);
+    return count < 0 && (errno == EINTR || errno == EAGAIN) ? 0 : -1;
 }
 
 }  // namespace apps::platform

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -16,5 +18,9 @@ void prepare_console();
 
 /// Sets `flag` when the user or the system asks the program to end. The second request ends it at once.
 void note_interrupts(std::atomic<bool>& flag);
+
+/// Waits for bytes of the standard input, `milliseconds` at the most, and reads what is there.
+/// @return how many; 0 when none came in that time; -1 at the end
+int read_input(std::span<uint8_t> room, int milliseconds);
 
 }  // namespace apps::platform

@@ -83,4 +83,21 @@ void note_interrupts(std::atomic<bool>& flag) {
     SetConsoleCtrlHandler(on_control, TRUE);
 }
 
+// A pipe cannot be waited for: it is asked how much is there. Of a file, always something is.
+int read_input(std::span<uint8_t> room, int milliseconds) {
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    DWORD there = static_cast<DWORD>(room.size());
+    if (GetFileType(input) == FILE_TYPE_PIPE) {
+        if (!PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr)) return -1;
+        for (constexpr int step = 2; there == 0 && milliseconds > 0; milliseconds -= step) {
+            Sleep(step);
+            if (!PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr)) return -1;
+        }
+        if (there == 0) return 0;
+    }
+    DWORD count = 0;
+    const DWORD wanted = std::min(there, static_cast<DWORD>(room.size()));
+    return ReadFile(input, room.data(), wanted, &count, nullptr) && count > 0 ? static_cast<int>(count) : -1;
+}
+
 }  // namespace apps::platform

@@ -104,7 +104,8 @@ public:
     uint64_t id() const noexcept;
 
     /// Says what a track is, before its frames come: readers, descriptions and manifests wait for the formats of all
-    /// declared tracks. The configuration is copied. A later call changes the format; readers are told in order.
+    /// declared tracks. The configuration is copied. A later call changes the format; readers are told in order. What
+    /// it leaves empty of the same format stays as it is known.
     /// @return 1; 0 for a format of another kind, or when memory is out
     int declare(kind_t kind, const format_t& format) noexcept;
 
@@ -114,7 +115,7 @@ public:
     ///         format other than the track's; a stream that has ended; a frame above a bound; memory is out
     int push(const av::frame_t& frame, const timing_t& timing = {}) noexcept;
 
-    /// The source was away: the next picture taken is a key, and readers are told.
+    /// The source was away: the next picture taken is a key, and readers are told. Who comes before it waits for it.
     void gap() noexcept;
     /// Nothing follows. Readers are told when they have read what is held.
     void end() noexcept;
@@ -126,8 +127,8 @@ public:
     int ready() const noexcept;
 
     /// Has `wanted` called with 1 when the first cursor opens, and with 0 when the last one has been closed for
-    /// `linger` microseconds. The calls come from the station's control thread. Null ends it: when
-    /// this returns, no call runs any more. Not from inside such a call.
+    /// `linger` microseconds. The calls come from the station's control thread. Null ends it: when this returns, no
+    /// call runs any more. Not from inside such a call.
     void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
 
     /// Media time of this moment, by the frames so far; 0 before the first.

@@ -35,15 +35,15 @@ bool gather_parameter_sets(std::span<const uint8_t> picture, core::vector<uint8_
     return sps && pps;
 }
 
-void describe_h264(const av::frame_t& frame, learned_t& out, core::vector<uint8_t>& config) {
-    if (!frame.key) return;
-    out.lacks_sets = !gather_parameter_sets({frame.data, frame.size}, config);
-    if (out.lacks_sets) return;
-    out.format.config = {config.data(), static_cast<uint32_t>(config.size())};
+/// Parameter sets and the size that they tell. @return false when there are none
+bool describe_h264(std::span<const uint8_t> sets, format_t& format, core::vector<uint8_t>& config) {
+    if (!gather_parameter_sets(sets, config)) return false;
+    format.config = {config.data(), static_cast<uint32_t>(config.size())};
     h264_info_t info;
-    if (!h264_parse_sps(h264_find({config.data(), config.size()}, h264_sps), &info)) return;
-    out.format.width = info.width;
-    out.format.height = info.height;
+    if (!h264_parse_sps(h264_find({config.data(), config.size()}, h264_sps), &info)) return true;
+    format.width = info.width;
+    format.height = info.height;
+    return true;
 }
 
 }  // namespace
@@ -86,8 +86,24 @@ learned_t learn(const av::frame_t& frame, const format_t& known, core::vector<ui
     const bool telephony = frame.fcc == av::fcc_pcmu || frame.fcc == av::fcc_pcma || frame.fcc == av::fcc_g726;
     if (!format.rate && telephony) format.rate = 8000;
     if (!format.channels && telephony) format.channels = 1;
-    if (frame.fcc == av::fcc_h264) describe_h264(frame, out, config);
+    if (frame.fcc == av::fcc_h264 && frame.key)
+        out.lacks_sets = !describe_h264({frame.data, frame.size}, format, config);
     return out;
+}
+
+// Parameter sets are kept as a key picture brings them, so that the first one does not change the format.
+format_t complete(const format_t& told, const format_t& known, core::vector<uint8_t>& config) {
+    format_t format = told;
+    const bool same = known.fcc == told.fcc;
+    if (told.fcc == av::fcc_h264 && !describe_h264({told.config.data, told.config.size}, format, config))
+        format.config = {};
+    if (!same) return format;
+    if (format.config.size == 0) format.config = known.config;
+    if (!format.width || !format.height) {
+        format.width = known.width;
+        format.height = known.height;
+    }
+    return format;
 }
 
 // The correction changes where the source's time runs back, stands still, or runs away from the time in which its

@@ -41,6 +41,9 @@ struct learned_t {
     bool lacks_sets;  ///< an H.264 key picture without its parameter sets
 };
 
+/// A format as it is told, and what is `known` where it does not tell. Parameter sets are gathered in `config`.
+format_t complete(const format_t& told, const format_t& known, core::vector<uint8_t>& config);
+
 /// What a frame tells of its format; the rest is as in `known`. Parameter sets are gathered in `config`.
 learned_t learn(const av::frame_t& frame, const format_t& known, core::vector<uint8_t>& config);
 
@@ -89,7 +92,7 @@ struct demand_t {
     void* arg = nullptr;
     uint64_t linger = 0;
     bool told = false;        ///< the last call was with 1
-    uint64_t idle_since = 0;  ///< core_timer() when the last reader left
+    uint64_t idle_since = 0;  ///< core_timer() when the last reader left; 0 for never
 };
 
 struct stream::inside {
