@@ -66,8 +66,9 @@ class Offer(CameraCase):
         numbers = [int.from_bytes(number, "big") for number in numbers]
         self.assertEqual(numbers[0], announced)
         self.assertEqual({(b - a) % 65536 for a, b in zip(numbers, numbers[1:])}, {1}, "each packet once")
-        for player in players:
-            player.request("PAUSE")
+        players[0].request("PAUSE")
+        for player in players[1:]:
+            player.__exit__()  # without a word
         receiver.settimeout(0.5)
         with self.assertRaises(TimeoutError):
             end = time.monotonic() + 5

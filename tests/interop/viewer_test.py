@@ -77,7 +77,8 @@ class Files(ViewerCase, CameraCase):
 
 class Loss(ViewerCase, CameraCase):
     def view_through(self, relay, seconds):
-        tracks, _ = self.view(relay.url, "--transport", "udp", "--duration", str(seconds), "--stats", "-o", "a.h264")
+        tracks, _ = self.view(relay.url, "--transport", "udp", "--duration", str(seconds), "--timeout", "4", "--stats",
+                              "-o", "a.h264")
         self.assertGreater(relay.moved, 5)
         return tracks["H264"]
 

@@ -33,7 +33,7 @@ ffmpeg -nostdin -loglevel error -i "$picture" "$work/shown.png"
 watch() {
     "${run[@]}" "$1" "$picture" &
     local sender=$!
-    timeout 30 ffmpeg -nostdin -loglevel fatal -y -i rtp://127.0.0.1:$port -frames:v 1 "$work/seen.png"
+    timeout 30 ffmpeg -nostdin -loglevel fatal -y -i rtp://127.0.0.1:"$port" -frames:v 1 "$work/seen.png"
     kill $sender
     wait $sender 2>/dev/null || true
     cmp "$work/seen.png" "$work/shown.png"
