@@ -30,7 +30,7 @@ public:
         track->ssrc = ssrc;
         track->clock_rate = 90000;
         pack(object);
-        require((last_marked && reports == 1) || fuzz::starved);
+        require((last_marked && reports == 1) || packets == 0 || fuzz::starved);
         require(track->packets == packets && track->octets == octets);
     }
 
@@ -86,6 +86,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     const stream_t other(frame.fcc, 0x05060708, [&](rtp::Rtp& rtp) { rtp.pack(packets); });
     const stream_t cut(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(packets); });
     const stream_t own(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(&frame); });
-    const bool same = cut.sent == own.sent && packets.count() == own.packets;
+    // A frame without a packet is known as none when it was cut, so not even a report follows.
+    const bool same = packets.count() == own.packets && (cut.sent == own.sent || own.packets == 0);
     require(same || (fuzz::starved && (cut.packets == 0 || own.packets == 0)));
 }

@@ -6,7 +6,9 @@ import unittest
 from peers import Camera, clip_file, clip_sound, picture_hashes, position_in_loop
 from player import Player
 from relay import Relay
-from viewer_test import LOST, Case, nal_units
+from viewer import ViewerCase, nal_units
+
+LOST = 8
 
 # A command that runs another one with a clip in its standard input, in real time.
 PIPE = ("bash", "-c", 'exec "$@" < <(ffmpeg -nostdin -loglevel quiet -re -t 5 -i "$0" -c copy -f h264 -)',
@@ -17,18 +19,19 @@ class Connections(Relay):
     """Passes everything on, and knows who is connected."""
 
     def __init__(self, url):
-        self.accepted = 0
+        self.accepted = self.open = 0
         super().__init__(url, 0.0)
 
-    def accept(self, viewer):
+    def talk(self, viewer):
         self.accepted += 1
-        super().accept(viewer)
+        self.open += 1
+        try:
+            super().talk(viewer)
+        finally:
+            self.open -= 1
 
-    def open(self):
-        return (len(self.calls) - 1) // 2
 
-
-class Fetched(Case):
+class Fetched(ViewerCase):
     def check(self, camera, *arguments):
         tracks, messages = self.view(camera.url("live"), *arguments, "--duration", "4", "--stats", "-o",
                                      self.path("a.h264"), "-o", self.path("a.wav"), "-o", self.path("a.txt"))
@@ -72,8 +75,7 @@ class Fetched(Case):
                 self.wait_for(viewer, "a.h264", 1)
             with Camera("--rtsp", port):
                 _, messages = self.end(viewer)
-            told = "".join(second.errors)
-            second.errors.clear()
+            told = second.told()
         self.assertEqual(messages, "")
         self.assertIn("live: 127.0.0.1 closed the connection, trying again", told)
         self.assertIn("live: is there again", told)
@@ -91,15 +93,15 @@ class Fetched(Case):
                 for accepted in (1, 2):
                     name = f"{accepted}.h264"
                     self.view(second.url("live"), "--duration", "2", "-o", self.path(name))
-                    self.assertEqual((between.accepted, between.open()), (accepted, 1))
+                    self.assertEqual((between.accepted, between.open), (accepted, 1))
                     self.check_pictures(name, 50)
                     deadline = time.monotonic() + 30
-                    while between.open():
+                    while between.open:
                         self.assertLess(time.monotonic(), deadline, "still fetched")
                         time.sleep(0.05)
 
 
-class Pipe(Case):
+class Pipe(ViewerCase):
     def test_an_encoder_writes_into_a_pipe(self):
         with Camera("--source", "-", prefix=PIPE) as camera:
             viewer = self.start(camera.url("live"), "--stats", "-o", self.path("a.h264"))
