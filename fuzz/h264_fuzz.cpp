@@ -33,8 +33,11 @@ void wrap(std::span<const uint8_t> stream) {
         avc_frame_create(av::fcc_h264, 0, stream.data(), static_cast<uint32_t>(stream.size()), CORE_HERE), nullptr};
     if (!frames[0]) return;
     buf_t out;
-    av_mp4_init(&out, frames[0], CORE_HERE);
-    require(av_mp4_moof(&out, frames, 0, 40000, 1, CORE_HERE) == 1 || fuzz::starved);
+    const int init = av_mp4_init(&out, frames[0], CORE_HERE);
+    const uint32_t before = out.length;
+    require((init == 1) == (before > 0));
+    const int moof = av_mp4_moof(&out, frames, 0, 40000, 1, CORE_HERE);
+    require((moof == 1 || fuzz::starved) && (moof == 1) == (out.length > before));
     core_buf_free(&out);
     avc_frame_need(frames[0]);
 }

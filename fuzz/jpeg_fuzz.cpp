@@ -7,18 +7,26 @@ namespace {
 
 using fuzz::require;
 
-/// The fields in the order of RFC 2435, 3.1: type, width and height in blocks of 8, restart interval, tables.
+/// The fields in the order of RFC 2435, 3.1, but wider than it has them: type, width and height, restart interval,
+/// tables. What a header can say is appended, everything else refused.
 void rebuild(std::span<const uint8_t> packet) {
+    constexpr uint32_t most = 0xffff;
     if (packet.size() < 5) return;
-    const uint32_t width = packet[1] * 8U;
-    const uint32_t height = packet[2] * 8U;
-    const uint32_t restart = packet[3] * 256U + packet[4];
+    const uint32_t width = packet[1] * 264U;
+    const uint32_t height = packet[2] * 264U;
+    const uint32_t restart = packet[3] * 257U + packet[4];
     buf_t out;
+    if (core_buf_read(&out, "before", 6) != 6) return;
     const uint32_t size = jpeg_rtp_header(&out, packet[0], width, height, restart, packet.subspan(5), CORE_HERE);
+    const bool is_possible = packet[0] < 2 && width > 0 && width <= most && height > 0 && height <= most &&
+                             restart <= most && packet.size() >= 5 + 64;
+    require(size > 0 ? is_possible : !is_possible || fuzz::starved);
+    require(out.length == 6 + size);
     jpeg_info_t info;
     if (size > 0) {
-        require(jpeg_inspect({out.data, size}, &info) == 1);
+        require(jpeg_inspect({out.data + 6, size}, &info) == 1);
         require(info.width == width && info.height == height && info.restart_interval == restart);
+        require(info.sampling[0] == 0x21 + packet[0]);
     }
     core_buf_free(&out);
 }

@@ -1,10 +1,14 @@
-// Frames of any bytes in every format: no packet breaks the limits and every header is whole.
+// Frames of any bytes in every format, packed for one stream and cut once for all: no packet breaks the limits, every
+// header is whole, and both ways give the same packets.
 #include "fuzz.h"
 
 #include "avc/fcc.h"
+#include "inet/net_socket.h"
+#include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
 #include <iterator>
+#include <vector>
 
 namespace {
 
@@ -13,28 +17,53 @@ using fuzz::require;
 uint32_t be16(const uint8_t* at) { return uint32_t{at[0]} << 8 | at[1]; }
 uint32_t be32(const uint8_t* at) { return be16(at) << 16 | be16(at + 2); }
 
-class checker : public rtp::IRtp {
+class stream_t : public rtp::IRtp {
 public:
+    /// `pack` packs a frame.
+    template <class Pack>
+    stream_t(uint32_t fcc, uint32_t source, Pack pack) : ssrc(source) {
+        object.set_handler(this);
+        rtp::trak_t* const track = object.add_trak(26, fcc);
+        require(track || fuzz::starved);
+        if (!track) return;
+        track->active = 1;
+        track->ssrc = ssrc;
+        track->clock_rate = 90000;
+        pack(object);
+        require((last_marked && reports == 1) || fuzz::starved);
+        require(track->packets == packets && track->octets == octets);
+    }
+
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
-        const buf_t& packet = rtp->packet;
-        require(packet.length <= rtp::packet_size);
+        if (event != rtp::event_t::packets) return take({rtp->packet.data, rtp->packet.length}, *rtp->current, event);
+        const sockaddr_in to{};
+        const datagram_t* const datagrams = rtp->cut->datagrams(to);
+        for (uint32_t i = 0; i < rtp->cut->count(); ++i)
+            take({datagrams[i].data, datagrams[i].size}, *rtp->current, rtp::event_t::packet);
+    }
+
+    void take(std::span<const uint8_t> packet, const rtp::trak_t& track, rtp::event_t::enum_t event) {
+        require(packet.size() <= rtp::packet_size);
+        sent.insert(sent.end(), packet.begin(), packet.end());
         if (event == rtp::event_t::rtcp) {
-            require(packet.length == 28 && be16(packet.data) == 0x80C8 && be32(packet.data + 20) == packets);
+            require(packet.size() == 28 && be16(packet.data()) == 0x80C8 && be32(packet.data() + 20) == packets);
             ++reports;
             return;
         }
         ++packets;
-        octets += packet.length;
-        require(packet.length > 12);
-        require((packet.data[0] & 0xEF) == 0x80);
-        require((packet.data[1] & 0x7F) == rtp->current->pt);
-        require(be16(packet.data + 2) == static_cast<uint16_t>(packets - 1));
-        require(be32(packet.data + 4) == rtp->current->rtp_time);
-        require(be32(packet.data + 8) == 0x01020304);
-        last_marked = packet.data[1] & 0x80;
+        octets += static_cast<uint32_t>(packet.size());
+        require(packet.size() > 12);
+        require((packet[0] & 0xEF) == 0x80);
+        require((packet[1] & 0x7F) == track.pt);
+        require(be16(packet.data() + 2) == static_cast<uint16_t>(packets - 1));
+        require(be32(packet.data() + 4) == track.rtp_time);
+        require(be32(packet.data() + 8) == ssrc);
+        last_marked = packet[1] & 0x80;
     }
 
-    uint32_t packets = 0, octets = 0, reports = 0;
+    rtp::Rtp object{CORE_HERE};
+    std::vector<uint8_t> sent;
+    uint32_t ssrc, packets = 0, octets = 0, reports = 0;
     bool last_marked = true;
 };
 
@@ -43,21 +72,20 @@ public:
 void fuzz_target(std::span<const uint8_t> input) {
     constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ, av::fcc_meta};
     if (input.empty()) return;
-    const uint32_t fcc = formats[input[0] % std::size(formats)];
-    checker owner;
-    rtp::Rtp object(CORE_HERE);
-    object.set_handler(&owner);
-    rtp::trak_t* const track = object.add_trak(26, fcc);
-    if (!track) return require(fuzz::starved);
-    track->active = 1;
-    track->ssrc = 0x01020304;
-    track->clock_rate = 90000;
     av::frame_t frame{};
-    frame.fcc = fcc;
+    frame.fcc = formats[input[0] % std::size(formats)];
     frame.time = 1448466450042000;
     frame.data = input.data() + 1;
     frame.size = static_cast<uint32_t>(input.size() - 1);
-    object.pack(&frame);
-    require((owner.last_marked && owner.reports == 1) || fuzz::starved);
-    require(track->packets == owner.packets && track->octets == owner.octets);
+    rtp::Packets packets(CORE_HERE);
+    packets.cut(&frame);
+    const uint32_t before = packets.count();
+    packets.cut(&frame);  // what was cut before is gone
+    require(packets.count() == before || (fuzz::starved && (before == 0 || packets.count() == 0)));
+    packets.set_channel(2);
+    const stream_t other(frame.fcc, 0x05060708, [&](rtp::Rtp& rtp) { rtp.pack(packets); });
+    const stream_t cut(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(packets); });
+    const stream_t own(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(&frame); });
+    const bool same = cut.sent == own.sent && packets.count() == own.packets;
+    require(same || (fuzz::starved && (cut.packets == 0 || own.packets == 0)));
 }

@@ -35,7 +35,8 @@ public:
         }
         const rtp::trak_t& track = *rtp->current;
         require(track.frame.length > 0 && track.frame.length <= rtp::max_frame);
-        require(track.fcc != av::fcc_h264 || track.nal_type == (track.frame.data[0] & 0x1F));
+        const int header = track.nal_nri << 5 | track.nal_type;
+        require(track.fcc != av::fcc_h264 || header == (track.frame.data[0] & 0x7F));
         for (uint32_t i = 0; i < track.frame.length; ++i)
             seen = static_cast<uint8_t>(seen + track.frame.data[i]);
     }
@@ -61,11 +62,6 @@ void deliver(void* arg, buffer_t packet) {
     to.last = seq;
     ++to.delivered;
     to.rtp.unpack_rtp(packet);
-}
-
-void check_track(const rtp::trak_t& track, uint32_t packets) {
-    require(track.frame.size <= rtp::max_frame && track.fua.size <= rtp::max_frame);
-    require(track.received + track.late <= packets);
 }
 
 }  // namespace
@@ -114,6 +110,9 @@ void fuzz_target(std::span<const uint8_t> input) {
     }
     order->flush();
     require(order->due() == 0);
-    for (const auto& format : formats)
-        check_track(*stream.rtp.get_trak_pt(format.pt), packets);
+    for (const auto& format : formats) {
+        const rtp::trak_t& track = *stream.rtp.get_trak_pt(format.pt);
+        require(track.frame.size <= rtp::max_frame && track.fua.size <= rtp::max_frame);
+        require(track.received + track.late <= packets);
+    }
 }

@@ -6,6 +6,7 @@
 #include "core/memory.h"
 #include "core/text.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -43,9 +44,10 @@ std::string content_of(node* n) {
     require(length >= 0 && (length > 0) == (text != nullptr));
     const std::string_view whole(text ? text : "", static_cast<size_t>(length));
     char cut[6];
-    if (const char* start = roxml_get_content(n, cut, sizeof(cut), &length)) {
-        require_utf8(start);
-        require(whole.starts_with(start) && std::strlen(start) == static_cast<size_t>(length));
+    for (int size = 1; size <= static_cast<int>(sizeof(cut)) && text; ++size) {
+        require_utf8(roxml_get_content(n, cut, size, &length));
+        require(whole.starts_with(cut) && std::strlen(cut) == static_cast<size_t>(length));
+        require(length + 4 >= std::min(size, static_cast<int>(whole.size()) + 4));
     }
     return escaped(whole);
 }
@@ -74,6 +76,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     const auto* text = reinterpret_cast<const char*>(input.data());
     node* document = roxml_load(text, static_cast<unsigned>(input.size()), error, sizeof(error));
     require((document != nullptr) == (error[0] == '\0'));
+    require(!fuzz::starved || std::string_view(error) == "out of memory");
     if (document) {
         require(core_mem_bytes() <= 24 * input.size() + (2 << 20));
         node* root = roxml_get_chld(document, nullptr, 0);

@@ -1,10 +1,39 @@
 // Scenarios in which each allocation fails in turn, for what no fuzz target reaches. A scenario checks what is promised
 // for lack of memory and releases everything it got.
 #include "support/fault.h"
+#include "support/files.h"
+#include "support/held.h"
+#include "support/log_lines.h"
+#include "support/network_thread.h"
+#include "support/scratch.h"
+#include "support/sockets.h"
 
+#include "avc/fcc.h"
+#include "avc/frame.h"
+#include "common/digest.h"
+#include "core/array.h"
+#include "core/buf.h"
+#include "core/cmd.h"
+#include "core/file.h"
+#include "core/list.h"
+#include "core/log.h"
 #include "core/module.h"
+#include "core/option.h"
+#include "core/owned.h"
+#include "core/profile.h"
+#include "core/queue.h"
+#include "core/slist.h"
+#include "core/text.h"
+#include "core/thread.h"
+#include "core/time.h"
+#include "core/value.h"
+#include "inet/net_tcp.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+#include <thread>
 
 namespace {
 
@@ -16,11 +45,169 @@ struct scenario_t {
 
 // core
 
-void open_a_missing_module() { EXPECT_EQ(core_dll_open("no such module", nullptr, CORE_HERE), nullptr); }
+void fill_containers() {
+    int item = 0;
+    buf_t buf{};
+    const uint32_t length = core_buf_read(&buf, "abc", 3);
+    core_buf_resize(&buf, 1000, CORE_HERE);
+    EXPECT_EQ(buf.length, length);
+    core_buf_free(&buf);
+    buffer_t span{};
+    uint32_t size = core_buffer_set(&span, "abc", 3, CORE_HERE) ? 3 : 0;
+    if (buffer_resize(&span, 100, CORE_HERE)) size = 100;
+    if (core_buffer_unhex(&span, "61", CORE_HERE)) size = 1;
+    EXPECT_EQ(span.size, size);
+    core_buffer_free(&span);
+    const test::held<list_ctx, core_list_free> list(core_list_create(CORE_HERE));
+    const int added = core_list_add(list.get(), &item, CORE_HERE) + core_list_enqueue(list.get(), &item, CORE_HERE);
+    EXPECT_EQ(list_count(list.get()), static_cast<uint32_t>(added));
+    const test::held<slist, slist_free> single(_slist_init(CORE_HERE));
+    const int queued = _slist_enqueue(single.get(), &item, CORE_HERE);
+    EXPECT_EQ(slist_pop(single.get()), queued ? &item : nullptr);
+    const test::held<queue_ctx, core_queue_close> queue(core_queue_open(3, 10, CORE_HERE));
+    const test::held<cmd_ctx, core_cmd_close> cmd(core_cmd_open(&item, CORE_HERE));
+    const auto count = [](void* owner, void*) { ++*static_cast<int*>(owner); };
+    const int posted = core_cmd_exec(cmd.get(), count, nullptr);
+    core_cmd_process(cmd.get());
+    EXPECT_EQ(item, posted);
+}
+
+void write_texts() {
+    value_t** list = core_value_split("a=1;b=2;c=3", ";", "=", CORE_HERE);
+    EXPECT_TRUE(!list || value_count(list) == 3) << "all or nothing";
+    for (const char* key : {"d", "e", "f"})
+        list = core_value_put(list, key, "value", CORE_HERE);
+    core_value_free(core_value_set(list, "d", "other", CORE_HERE));
+    for (char* text : {core_strndup("a", 1, CORE_HERE), core_sprintf(CORE_HERE, "%300d", 1),
+                       core_strhex("a", 1, CORE_HERE), core_str_from_time(0, "%H", CORE_HERE)})
+        core_mfree(text);
+    const test::scratch dir;
+    const std::string path = dir / "options";
+    test::write_file(path, test::bytes_of("a=1\nb=2\n"));
+    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    const int set = core_opt_set(opt.get(), "a", std::string(100, '1').c_str());
+    const int saved = core_opt_save(opt.get());
+    EXPECT_EQ(test::read_file(path).size(), set && saved ? 107U : 8U);
+    file_ctx* file = core_fopen(path.c_str(), "wb", CORE_HERE);
+    EXPECT_EQ(test::read_file(path).empty(), file != nullptr) << "a file is not emptied in vain";
+    core_fclose(file);
+}
+
+void meet_on_threads() {
+    const test::held<event_ctx, _event_free> event(_event_create(CORE_HERE));
+    const auto call = [](void* arg) { event_set(static_cast<event_ctx*>(arg)); };
+    EXPECT_TRUE(!event || !core_thread_invoke(call, event.get(), CORE_HERE) || event_wait(event.get(), 60'000));
+    const auto body = [](void*, thread_ctx*) {};
+    thread_ctx* thread = core_thread_start(nullptr, body, nullptr, CORE_HERE);
+    core_thread_stop(thread);
+    const test::log_lines lines("starved");
+    const test::held<log_ctx, core_log_free> log(core_log_create(CORE_HERE, "starved"));
+    core_log_print(log.get(), "%d", 1);
+    const auto answer = [](void*, profile_ctx* profile, profile_event_t, const param_t*) {
+        core_profile_answer(profile, "yes");
+    };
+    const test::held<profile_ctx, profile_close> answering(core_profile_open2("camera", nullptr, answer, CORE_HERE));
+    const test::held<profile_ctx, profile_close> asking(profile_open("camera"));
+    EXPECT_EQ(core_profile_put(asking.get(), nullptr), asking && answering ? 1U : 0U);
+    core_mfree(profile_data("camera", CORE_HERE));
+    core_mfree(profile_request(asking.get(), nullptr, CORE_HERE));
+    EXPECT_EQ(core_dll_open("no such module", nullptr, CORE_HERE), nullptr);
+}
 
 // common, avc
 
+void decode_base64() {
+    buf_t out;
+    EXPECT_EQ(b64_decode("Zm9v", 4, &out, CORE_HERE), out.length);
+    core_buf_free(&out);
+}
+
+/// A frame made, shared and copied, each whole or not at all.
+void make_frames() {
+    constexpr uint8_t lent[] = "lent";
+    av::frame_t* made = avc_frame_create(av::fcc_pcmu, 1, lent, 4, CORE_HERE);
+    av::frame_t* shared = avc_frame_dup(made, CORE_HERE);
+    av::frame_t borrowed{};
+    borrowed.data = lent;
+    borrowed.size = 4;
+    av::frame_t* copied = avc_frame_dup(&borrowed, CORE_HERE);
+    for (av::frame_t** frame : {&made, &shared, &copied})
+        avc_frame_need(*frame);
+    av::meta_t* meta = avc_meta_create(av::fcc_meta, 1, "{}", 2, CORE_HERE);
+    avc_meta_need(meta);
+}
+
 // inet: sockets, the network thread
+
+template <class T>
+void release(T** items) {
+    for (T** item = items; item && *item; ++item)
+        core_mfree(*item);
+    core_array_free(reinterpret_cast<void**>(items));
+}
+
+void open_sockets() {
+    const int before = test::open_sockets();
+    {
+        const test::tcp_socket socket;
+        EXPECT_TRUE(socket >= 0 || socket_get_error_code() == socket_error_no_buffers);
+        const auto [here, there] = test::socket_pair::open();
+        EXPECT_TRUE(here >= 0 || socket_get_error_code() == socket_error_no_buffers);
+        int fds[2] = {-1, -1};
+        socket_rtp_pair(&fds[0], &fds[1]);
+        const test::tcp_socket held[] = {test::tcp_socket(here), test::tcp_socket(there), test::tcp_socket(fds[0]),
+                                         test::tcp_socket(fds[1])};
+        release(net_socket_get_if(CORE_HERE));
+        release(net_socket_get_if_addr(CORE_HERE));
+        core_mfree(net_hostip(CORE_HERE));
+        core_mfree(net_hostname(CORE_HERE));
+    }
+    EXPECT_EQ(test::open_sockets(), before);
+}
+
+void accept_connections() {
+    const unsigned short port = test::free_port();
+    const int before = test::open_sockets();
+    {
+        const test::network_thread nt;
+        const test::tcp_socket client;
+        net::tcp_ctx* tcp = nullptr;
+        if (client >= 0 && port != 0 && net::net_tcp_create(tcp, nt, CORE_HERE) == 0) {
+            const int listens = net::net_tcp_listen2(tcp, "127.0.0.1", port, nullptr, nullptr);
+            EXPECT_EQ(listens, tcp->socket ? 0 : -1);
+            net_tcp_connect(client, "127.0.0.1", port);
+            EXPECT_TRUE(listens != 0 || test::await(client, test::watch::read)) << "it is closed in any case";
+        }
+        net::net_tcp_close(tcp);
+        EXPECT_EQ(tcp, nullptr);
+    }
+    EXPECT_EQ(test::open_sockets(), before);
+}
+
+void use_a_network_thread() {
+    const test::socket_pair pair;
+    if (pair.here < 0) return;
+    pair.poke();
+    const int before = test::open_sockets();
+    test::callback read, called;
+    {
+        const test::network_thread nt;
+        net::socket_ctx* socket = nullptr;
+        net::timer_ctx* timer = nullptr;
+        net::net_nt_timer_set(nt, timer, 3600, &called, test::callback::run);
+        net::command_ctx* command = net::net_nt_command_create(nt, &called, test::callback::run);
+        net::net_nt_command_exec(command);
+        EXPECT_TRUE(!command || called.reaches(1));
+        const bool queued = net::net_nt_sync_call(nt, nullptr, &called, test::callback::run) == 1;
+        EXPECT_TRUE(!queued || called.reaches(command ? 2 : 1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the loop has most likely come to its wait
+        net::net_nt_socket_add(nt, socket, pair.here, net::nt_flag_read, &read, test::callback::run);
+        EXPECT_TRUE(!socket || read.reaches(1, test::less_than_a_wait))
+            << "what the loop has no memory for is not left for a whole wait";
+        net::net_nt_socket_rem(nt, socket);
+    }
+    EXPECT_EQ(test::open_sockets(), before);
+}
 
 // inet: RTP
 
@@ -28,9 +215,16 @@ void open_a_missing_module() { EXPECT_EQ(core_dll_open("no such module", nullptr
 
 constexpr scenario_t scenarios[] = {
     // core
-    {"Module", open_a_missing_module, 1},
+    {"Containers", fill_containers, 13},
+    {"Texts", write_texts, 20},
+    {"Runtime", meet_on_threads, 15},
     // common, avc
+    {"Base64", decode_base64, 1},
+    {"Frame", make_frames, 7},  // the shared one takes its record alone, the others their bytes, too
     // inet: sockets, the network thread
+    {"Sockets", open_sockets, 8},
+    {"Listener", accept_connections, 10},
+    {"NetworkThread", use_a_network_thread, 12},
     // inet: RTP
     // inet: RTSP
 };

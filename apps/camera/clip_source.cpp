@@ -34,13 +34,12 @@ void clip_source::stop() noexcept {
 void clip_source::on_tick(void* arg, net::command_ctx* command) {
     auto* self = static_cast<clip_source*>(arg);
     const uint64_t position = core_timer() - self->began_;
-    uint64_t next = UINT64_MAX;
-    for (next_frame& each : self->tracks_) {
-        while (each.time <= position)
-            push(each, self->base_);
-        next = std::min(next, each.time);
-    }
-    net::net_nt_command_at(command, self->began_ + next);
+    // In the order of their times, over all tracks, however late the thread is.
+    const auto earliest = [&] { return std::ranges::min_element(self->tracks_, {}, &next_frame::time); };
+    auto next = earliest();
+    for (; next->time <= position; next = earliest())
+        push(*next, self->base_);
+    net::net_nt_command_at(command, self->began_ + next->time);
 }
 
 void clip_source::push(next_frame& next, uint64_t base) {

@@ -93,7 +93,6 @@ int serve(const camera::options& settings) {
     if (!played) return fail(error);
     camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
-    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     media::error_t why;
     camera::clip_source source;
     std::vector<std::string> paths;
@@ -105,6 +104,7 @@ int serve(const camera::options& settings) {
     }
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
+    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     if (!station.add(rtsp, &why) || !station.start(&why) || !fetched.start(why)) return fail(why.text);
     if (!played->channels.empty()) source.start();
     if (!played->channels.empty() && !source.nt) return fail("cannot start a network thread");

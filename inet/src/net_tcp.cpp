@@ -157,7 +157,11 @@ void Tcp::destroy(Tcp* tcp) noexcept {
 }
 
 void Tcp::set_handler(ITcp* handler) noexcept { inside_->handler = handler; }
-void Tcp::set_room(uint32_t bytes) noexcept { inside_->room = bytes; }
+void Tcp::set_room(uint32_t bytes) noexcept {
+    inside& in = *inside_;
+    in.room = bytes;
+    if (in.in.data && bytes > in.in.size) core_buf_respace(&in.in, bytes - in.in.length, in.file, in.line);
+}
 void Tcp::set_output_limit(uint32_t bytes) noexcept { inside_->output_limit = bytes; }
 
 bool Tcp::inside::watch(nt_ctx* on, int flags) noexcept {
@@ -179,9 +183,11 @@ int Tcp::connect(nt_ctx* nt, const char* address, unsigned short port) noexcept 
         in.failure = socket_get_error_code();
     } else {
         in.writing = true;
+        in.failure = 0;
         if (!in.watch(nt, nt_flag_read | nt_flag_write | nt_flag_connecting)) result = -1;
     }
     if (result == 0) return 0;
+    in.writing = false;
     if (in.fd >= 0) net_socket_close(std::exchange(in.fd, -1));
     return result;
 }
@@ -200,7 +206,7 @@ void Tcp::detach() noexcept { net_nt_socket_rem(inside_->nt, inside_->socket); }
 
 int Tcp::attach(nt_ctx* nt) noexcept {
     inside& in = *inside_;
-    if (in.fd < 0 || in.socket) return 0;
+    if (!in.up || in.socket) return 0;
     return in.watch(nt, in.writing ? nt_flag_read | nt_flag_write : nt_flag_read) ? 1 : 0;
 }
 
@@ -230,7 +236,7 @@ void Tcp::inside::lose(int error) noexcept {
 }
 
 void Tcp::inside::receive() noexcept {
-    if (in.length == in.size) return lose(0);
+    if (in.length == in.size) return lose(socket_error_no_buffers);
     const int result = net_tcp_recv(fd, in);
     if (result == 0) return lose(0);
     if (result < 0) {
@@ -282,7 +288,7 @@ int Tcp::send(buffer_t bytes) noexcept {
 
 uint32_t Tcp::lend(buffer_t bytes) noexcept {
     inside& in = *inside_;
-    if (!in.up || in.out.length != 0 || bytes.size == 0) return 0;
+    if (!in.up || in.out.length != 0 || in.left != 0 || bytes.size == 0) return 0;
     const int result = net_tcp_send_buffer(in.fd, bytes);
     return in.count(result) ? static_cast<uint32_t>(result) : 0;
 }

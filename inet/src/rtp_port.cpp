@@ -81,11 +81,12 @@ void Port::add_source(in_addr address) noexcept {
 }
 
 int Port::open() noexcept {
+    if (inside_->rtp_fd >= 0) return 0;
     return socket_rtp_pair(&inside_->rtp_fd, &inside_->rtcp_fd) == 1 && inside_->listen() ? 1 : 0;
 }
 
 int Port::join(const char* group, uint16_t port, const char* via) noexcept {
-    if (port == 0) return 0;
+    if (port == 0 || port == 65535 || inside_->rtp_fd >= 0) return 0;
     for (int* fd : {&inside_->rtp_fd, &inside_->rtcp_fd}) {
         *fd = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, inside_->file, inside_->line);
         if (*fd < 0 || net_udp_listen(*fd, nullptr, port++) != 0 || !socket_joinGroup(*fd, group, via)) return 0;

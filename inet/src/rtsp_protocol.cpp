@@ -1,30 +1,17 @@
+// The door of the family: each call goes to the part that it is for. One for the role that the session does not have
+// goes nowhere.
 #include "inet/rtsp_protocol.h"
 
 #include "rtsp/session.h"
 
-#include "common/digest.h"
 #include "core/memory.h"
-#include "core/text.h"
 
 #include <algorithm>
-#include <atomic>
 #include <iterator>
 
 namespace rtsp3 {
 
-namespace {
-
-std::atomic<int32_t> next_id{0};
-
-constexpr uint32_t nonce_length = 46;
-
-}  // namespace
-
-trak_t::~trak_t() {
-    core::destroy(gathered);
-    core_buf_free(&config);
-    core_buf_free(&parameter_sets);
-}
+using net::http::header_s;
 
 const char* Enum::event_name(unsigned event) noexcept {
     static constexpr const char* names[] = {"open_client", "open_server", "rtsp_close", "rtsp_setup",  "rtsp_key",
@@ -34,120 +21,308 @@ const char* Enum::event_name(unsigned event) noexcept {
 }
 
 Rtsp* Rtsp::create(const char* file, int line) noexcept {
-    core::owned_object<Rtsp> made(core::create<Rtsp>(file, line, file, line));
-    return made && made->rtp_.packet.data ? made.release() : nullptr;
+    core::owned_object<rtsp3::session> made(core::create<rtsp3::session>(file, line, file, line));
+    return made && made->talk.rtp.packet.data ? made.release() : nullptr;
 }
 
-void Rtsp::destroy(Rtsp* rtsp) noexcept { core::destroy(rtsp); }
+void Rtsp::destroy(Rtsp* rtsp) noexcept { core::destroy(static_cast<rtsp3::session*>(rtsp)); }
 
-Rtsp::Rtsp(const char* file, int line) noexcept
-    : id_(++next_id),
-      file_(file),
-      line_(line),
-      log_(core_log_create(file, line, "rtsp.protocol")),
-      rtp_(file, line),
-      next_pt_(first_dynamic_pt) {
-    rtp_.id = id_;
-    rtp_.set_handler(this);
-    rtp_.set_report_clock(rtp::report_clock_t::packets);
-    core_log_print(log_, "%d: create", id_);
-}
+Rtsp::~Rtsp() = default;
 
-Rtsp::~Rtsp() {
-    release();
-    core_log_free(log_);
-}
+namespace {
 
-void Rtsp::close() noexcept {
-    closed_ = true;
-    release_ = true;
-    if (running_ == 0) release();
-}
+/// A call while it runs: where it goes.
+class inside {
+public:
+    explicit inside(Rtsp& rtsp) noexcept : to_(session::of(rtsp)), running_(to_.talk) {}
+    session* operator->() const noexcept { return &to_; }
 
-void Rtsp::release() noexcept {
-    closed_ = true;
-    release_ = false;
-    leave_tunnel();
-    clear_traks();
-    if (held_) http_header_free(held_);
-    core_buf_free(&receive_);
-    core_buf_free(&send_);
-    core_buf_free(&decoded_);
-    used_ = 0;
-}
+private:
+    session& to_;
+    conversation::call running_;
+};
 
-void Rtsp::clear_traks() noexcept {
-    if (packing_ || gathering_) return;
-    playing_ = false;
-    trak_ = nullptr;
-    response_to_.trak = nullptr;
-    for (pending_t& pending : pending_)
-        pending.trak = nullptr;
-    for (uint32_t i = 0; i < trak_count_; ++i)
-        core::destroy(traks_[i]);
-    std::fill_n(traks_, trak_count_, nullptr);
-    trak_count_ = 0;
-    next_pt_ = first_dynamic_pt;
-    rtp_.close();
-}
+const session& of(const Rtsp& rtsp) noexcept { return session::of(rtsp); }
 
-int Rtsp::set_uri(const char* uri) noexcept {
-    core::owned_text copy(core_strdup(uri, file_, line_));
-    core::owned_text base(uri ? core_sprintf(file_, line_, "%s/", uri) : nullptr);
-    if (!copy || !base) return 0;
-    uri_ = std::move(copy);
-    content_base_ = std::move(base);
-    return 1;
-}
+}  // namespace
+
+void Rtsp::close() noexcept { session::of(*this).end(); }
+
+void Rtsp::clear_traks() noexcept { session::of(*this).drop_tracks(); }
+
+// Configuration
+
+void Rtsp::set_handler(IRtsp* handler) noexcept { session::of(*this).talk.handler = handler; }
+
+void Rtsp::set_protocol(protocol_t::enum_t protocol) noexcept { session::of(*this).talk.transport = protocol; }
+
+void Rtsp::set_tunnel(bool on) noexcept { session::of(*this).settings.tunnelled = on; }
+
+void Rtsp::set_frame_limit(uint32_t bytes) noexcept { session::of(*this).settings.frame_limit = bytes; }
+
+void Rtsp::set_parameter_sets(parameter_sets_t where) noexcept { session::of(*this).settings.parameter_sets = where; }
+
+int Rtsp::open(const char* uri) noexcept { return session::of(*this).begin(uri); }
+
+int Rtsp::set_uri(const char* uri) noexcept { return session::of(*this).talk.set_location(uri); }
 
 int Rtsp::set_credentials(const char* user, const char* password) noexcept {
-    gate_ = user != nullptr;
-    user_.reset(core_strdup(user, file_, line_));
-    password_.reset(core_strdup(gate_ && !password ? "" : password, file_, line_));
-    nonce_.reset(gate_ ? common_srand(nonce_length, file_, line_) : nullptr);
-    return !gate_ || (user_ && password_ && nonce_);
+    server* const to = session::of(*this).as_server();
+    return to && to->set_credentials(user, password);
+}
+
+void Rtsp::set_send_limit(uint32_t bytes) noexcept {
+    if (server* const to = session::of(*this).as_server()) to->frames().set_limit(bytes);
 }
 
 trak_t* Rtsp::add_trak(uint32_t fcc, const char* name, const char* file, int line) noexcept {
-    const format_t* format = find_format(fcc);
-    if (!format || closed_ || packing_ || role_ == role_t::client || trak_count_ == max_traks) return nullptr;
-    const uint8_t pt = format->pt ? format->pt : next_pt_;
-    if (rtp_.get_trak_pt(pt)) return nullptr;
-
-    core::owned_object<trak_t> trak(core::create<trak_t>(file, line));
-    if (!trak) return nullptr;
-    trak->fcc = fcc;
-    trak->media = format->media;
-    trak->name.reset(core_strdup(name, file, line));
-    if (name && !trak->name) return nullptr;
-    trak->rtp = rtp_.add_trak(pt, fcc);
-    if (!trak->rtp) return nullptr;
-    trak->rtp->clock_rate = format->clock_rate;
-    if (!format->pt) ++next_pt_;
-    traks_[trak_count_++] = trak.get();
-    return trak.release();
+    server* const to = session::of(*this).as_server();
+    return to ? to->add_trak(fcc, name, file, line) : nullptr;
 }
 
-const trak_t* Rtsp::trak(uint32_t index) const noexcept { return index < trak_count_ ? traks_[index] : nullptr; }
+// Answers
 
-void Rtsp::raise(event_t::enum_t event) noexcept {
-    if (!handler_) return;
-    const running call(*this);
-    handler_->on_rtsp_event(this, event);
+int Rtsp::send_sdp(const char* s1, const char* s2, const char* s3, uint64_t start_us, uint64_t end_us) noexcept {
+    const inside call(*this);
+    server* const to = call->as_server();
+    return to ? to->send_sdp(s1, s2, s3, start_us, end_us) : 0;
 }
 
-// Each one is told on the console, which a peer shall not fill.
-void Rtsp::count_senseless() noexcept {
-    constexpr uint32_t most = 100;
-    if (++senseless_ > most) fail("nothing that makes sense comes");
+int Rtsp::send_setup(const char* destination, unsigned port) noexcept {
+    const inside call(*this);
+    if (client* const to = call->as_client()) return to->send_setup(port);
+    return call->as_server()->send_setup(destination, port);
 }
 
-// One line, one event, then nothing more is taken: the framing is lost or the peer takes too much.
-void Rtsp::fail(const char* reason) noexcept {
-    if (closed_) return;
-    core_log_print(log_, "%d: closing: %s", id_, reason);
-    closed_ = true;
-    raise(event_t::rtsp_close);
+void Rtsp::share_stream(const rtp::trak_t* shared) noexcept {
+    if (server* const to = session::of(*this).as_server()) to->share_stream(shared);
 }
+
+int Rtsp::send_play(uint64_t time_us) noexcept {
+    const inside call(*this);
+    server* const to = call->as_server();
+    return to ? to->send_play(time_us) : 0;
+}
+
+int Rtsp::send_error(unsigned code) noexcept {
+    const inside call(*this);
+    server* const to = call->as_server();
+    return to ? to->send_error(code) : 0;
+}
+
+// Client
+
+int Rtsp::select_trak(uint32_t index, bool wanted) noexcept {
+    client* const to = session::of(*this).as_client();
+    return to && to->select(index, wanted);
+}
+
+uint64_t Rtsp::keep_alive_interval() const noexcept {
+    constexpr uint64_t without_timeout = 30'000'000;
+    const client* const to = of(*this).as_client();
+    return to ? to->keep_alive_interval() : without_timeout;
+}
+
+int Rtsp::send_keep_alive() noexcept {
+    const inside call(*this);
+    client* const to = call->as_client();
+    return to ? to->send_keep_alive() : 0;
+}
+
+void Rtsp::flush() noexcept {
+    if (client* const to = session::of(*this).as_client()) to->frames().flush();
+}
+
+const av::frame_t* Rtsp::frame() const noexcept {
+    const client* const to = of(*this).as_client();
+    return to ? to->frames().frame() : nullptr;
+}
+
+const char* Rtsp::method() const noexcept {
+    const client* const to = of(*this).as_client();
+    return to ? to->method() : "";
+}
+
+unsigned Rtsp::status() const noexcept {
+    const client* const to = of(*this).as_client();
+    return to ? to->status() : 0;
+}
+
+const char* Rtsp::failure() const noexcept {
+    const client* const to = of(*this).as_client();
+    return to ? to->failure() : "";
+}
+
+// Tunnel
+
+const char* Rtsp::tunnel_cookie() const noexcept { return of(*this).pair.cookie(); }
+
+int Rtsp::join(Rtsp* get) noexcept { return get && session::of(*this).pair.join(session::of(*get).pair); }
+
+// Media
+
+int Rtsp::send_frame(const av::frame_t* frame) noexcept {
+    server* const to = session::of(*this).as_server();
+    return to ? to->frames().send(frame) : 0;
+}
+
+int Rtsp::send_meta(const av::meta_t* meta) noexcept {
+    server* const to = session::of(*this).as_server();
+    return to ? to->frames().send(meta) : 0;
+}
+
+int Rtsp::send_packets(rtp::Packets& packets) noexcept {
+    server* const to = session::of(*this).as_server();
+    return to ? to->frames().send(packets) : 0;
+}
+
+buffer_t Rtsp::lent() const noexcept {
+    const server* const to = of(*this).as_server();
+    return to ? to->frames().lent() : buffer_t{};
+}
+
+void Rtsp::take_lent(uint32_t count) noexcept {
+    if (server* const to = session::of(*this).as_server()) to->frames().take_lent(count);
+}
+
+// Input
+
+void Rtsp::process(buf_t* data) noexcept { session::of(*this).take_bytes(data); }
+
+int Rtsp::process_header(header_s* header) noexcept { return session::of(*this).in.take_header(header); }
+
+void Rtsp::process_rtp(unsigned short channel, buffer_t packet) noexcept {
+    session::of(*this).take_packet(unsigned{channel}, packet);
+}
+
+namespace {
+
+/// Null asks, a response is taken, a request is served.
+template <class Ask, class Take, class Serve>
+void process(session& to, header_s* header, Ask ask, Take take, Serve serve) noexcept {
+    client* const asks = header ? to.as_client() : to.asking();  // a session at work stays what it is
+    const conversation::call running(to.talk);
+    if (!header) {
+        if (asks) ask(*asks);
+    } else if (asks) {
+        header->status ? take(*asks) : asks->serve(header);
+    } else if (server* const serves = header->status ? nullptr : to.serving()) {
+        serve(*serves);
+    }
+}
+
+constexpr auto nothing = [](auto&) {};
+
+}  // namespace
+
+void Rtsp::process_options(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_options(nullptr); },
+        [=](client& to) { to.take_options(header); }, [=](server& to) { to.options(header); });
+}
+
+void Rtsp::process_describe(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_describe(nullptr); },
+        [=](client& to) { to.take_describe(header); }, [=](server& to) { to.describe_stream(header); });
+}
+
+void Rtsp::process_setup(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.set_up_next(); }, [=](client& to) { to.take_setup(header); },
+        [=](server& to) { to.set_up(header); });
+}
+
+void Rtsp::process_play(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_play(nullptr); }, [=](client& to) { to.take_play(header); },
+        [=](server& to) { to.play(header); });
+}
+
+void Rtsp::process_pause(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_pause(nullptr); },
+        [=](client& to) { to.take_pause(header); }, [=](server& to) { to.pause(header); });
+}
+
+void Rtsp::process_get_parameter(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_get_parameter(nullptr); }, nothing,
+        [=](server& to) { to.parameter(header); });
+}
+
+void Rtsp::process_set_parameter(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_set_parameter(nullptr); }, nothing,
+        [=](server& to) { to.parameter(header); });
+}
+
+void Rtsp::process_teardown(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_teardown(nullptr); },
+        [=](client& to) { to.take_teardown(header); }, [=](server& to) { to.teardown(header); });
+}
+
+void Rtsp::process_get(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_get(nullptr); }, [=](client& to) { to.take_get(header); },
+        [=](server& to) { to.get(header); });
+}
+
+void Rtsp::process_post(header_s* header) noexcept {
+    rtsp3::process(
+        session::of(*this), header, [](client& to) { to.ask_post(); }, nothing, [=](server& to) { to.post(header); });
+}
+
+int Rtsp::process_authorization(header_s* header) noexcept {
+    const inside call(*this);
+    if (client* const to = call->as_client()) return header && header->status && to->repeat_with_credentials(header);
+    return call->as_server()->admit(header);
+}
+
+// Output
+
+int Rtsp::send_header(header_s* header, const char* uri) noexcept { return session::of(*this).out.send(header, uri); }
+
+int Rtsp::send_content(const char* data, int size) noexcept { return session::of(*this).out.send_content(data, size); }
+
+// State
+
+int Rtsp::id() const noexcept { return of(*this).talk.number; }
+
+buf_t* Rtsp::send_buffer() noexcept { return &session::of(*this).out.bytes(); }
+
+const rtp::Rtp* Rtsp::rtp() const noexcept { return &of(*this).talk.rtp; }
+
+const trak_t* Rtsp::trak() const noexcept {
+    const rtsp3::session& in = of(*this);
+    if (in.talk.event_trak) return in.talk.event_trak;
+    const server* const to = in.as_server();
+    return to ? to->trak() : nullptr;
+}
+
+const trak_t* Rtsp::trak(uint32_t index) const noexcept {
+    const conversation& talk = of(*this).talk;
+    return index < talk.trak_total ? talk.traks[index] : nullptr;
+}
+
+uint32_t Rtsp::trak_count() const noexcept { return of(*this).talk.trak_total; }
+
+protocol_t::enum_t Rtsp::protocol() const noexcept { return of(*this).talk.transport; }
+
+const char* Rtsp::uri() const noexcept { return of(*this).talk.location.get(); }
+
+const char* Rtsp::authorization() const noexcept {
+    const server* const to = of(*this).as_server();
+    return to ? to->authorization() : nullptr;
+}
+
+uint32_t Rtsp::activity() const noexcept { return of(*this).talk.received; }
+
+const char* Rtsp::session() const noexcept { return of(*this).talk.identifier; }
+
+bool Rtsp::playing() const noexcept { return of(*this).talk.playing; }
+
+bool Rtsp::closed() const noexcept { return of(*this).talk.ended; }
 
 }  // namespace rtsp3

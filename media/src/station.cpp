@@ -58,6 +58,8 @@ struct station::inside {
     static void control(void* arg, thread_ctx* self) noexcept;
     static void stir(void* arg) noexcept { event_set(static_cast<inside*>(arg)->stirred); }
     bool take_work(work_item& out) noexcept;
+    bool has_work() noexcept;
+    stream_share stream_at(size_t index) noexcept;
     uint64_t settle_demands() noexcept;
 
     core::owned_text bind;
@@ -91,8 +93,11 @@ station::station(const settings_t& settings) noexcept : inside_(core::create<ins
 station::~station() {
     stop();
     if (inside_) {
-        for (const stream_share& each : inside_->streams)
+        for (const stream_share& each : inside_->streams) {
             each->end();
+            const std::lock_guard its(each->in().lock);
+            each->in().stirred = nullptr;  // who holds it still may come later than this
+        }
     }
     core::destroy(inside_);
     net_free();
@@ -123,13 +128,17 @@ void station::remove_stream(stream* which) noexcept {
     if (!inside_ || !which) return;
     which->end();
     stream_share gone;
-    const std::lock_guard held(inside_->lock);
-    const auto found = std::ranges::find_if(inside_->streams, [&](const auto& each) { return each.get() == which; });
-    if (found == inside_->streams.end()) return;
-    gone = std::move(*found);
-    inside_->streams.erase(found);
-    const std::lock_guard its(gone->in().lock);
-    gone->in().stirred = nullptr;
+    {
+        const std::lock_guard held(inside_->lock);
+        const auto found =
+            std::ranges::find_if(inside_->streams, [&](const auto& each) { return each.get() == which; });
+        if (found == inside_->streams.end()) return;
+        gone = std::move(*found);
+        inside_->streams.erase(found);
+        const std::lock_guard its(gone->in().lock);
+        gone->in().stirred = nullptr;
+    }
+    end_demand(*gone);
 }
 
 stream* station::find(const char* name) noexcept {
@@ -145,15 +154,14 @@ stream* station::find(const char* name) noexcept {
 
 void station::streams(void (*each)(void* arg, stream& which), void* arg) noexcept {
     if (!inside_) return;
-    const std::lock_guard held(inside_->lock);
-    for (const stream_share& one : inside_->streams)
+    for (size_t i = 0; const stream_share one = inside_->stream_at(i); ++i)
         each(arg, *one);
 }
 
 int station::add(service* taken, error_t* error) noexcept {
     std::unique_ptr<service> owned(taken);
     if (!owned || !inside_ || inside_->running) {
-        tell(error, "no memory for a service");
+        tell(error, inside_ && inside_->running ? "the station runs already" : "no memory for a service");
         return 0;
     }
     try {
@@ -192,7 +200,7 @@ bool station::inside::start_threads(error_t* error) noexcept {
         threads.reserve(wanted_threads);
         for (unsigned i = 0; i < wanted_threads; ++i) {
             core::owned_object<thread::inside> made(core::create<thread::inside>(CORE_HERE, *face, i));
-            if (!made || !made->start(all.data(), all.size(), error)) return false;
+            if (!made || !made->begin(all.data(), all.size(), error)) return false;
             threads.push_back(std::move(made));
         }
         return true;
@@ -280,14 +288,29 @@ void station::inside::control(void* arg, thread_ctx* self) noexcept {
         while (in.take_work(item)) {
             item.work(item.arg);
             if (!item.done || !item.back) continue;
-            if (!item.back->call(item.done, item.arg)) item.done(*item.back, item.arg);
+            while (!item.back->call(item.done, item.arg))
+                core_thread_sleep(self, 10);  // until there is memory
         }
-        if (core_thread_iscancel(self)) return;
+        // Nothing is taken any more once it was cancelled: what came before that is run.
+        if (core_thread_iscancel(self) && !in.has_work()) return;
+        if (core_thread_iscancel(self)) continue;
         const uint64_t next = in.settle_demands();
         const uint64_t now = core_timer();
         const uint64_t wait = next > now ? (next - now + 999) / 1000 : 1;
         event_wait(in.stirred, next == 0 ? event_infinite : static_cast<uint32_t>(std::min<uint64_t>(wait, 60'000)));
     }
+}
+
+bool station::inside::has_work() noexcept {
+    const std::lock_guard held(lock);
+    return !work.empty();
+}
+
+stream_share station::inside::stream_at(size_t index) noexcept {
+    const std::lock_guard held(lock);
+    if (index >= streams.size()) return nullptr;
+    streams[index]->keep();
+    return stream_share(streams[index].get());
 }
 
 bool station::inside::take_work(work_item& out) noexcept {
@@ -302,17 +325,11 @@ bool station::inside::take_work(work_item& out) noexcept {
 uint64_t station::inside::settle_demands() noexcept {
     const uint64_t now = core_timer();
     uint64_t next = 0;
-    for (size_t i = 0;; ++i) {
-        stream_share each;
-        {
-            const std::lock_guard held(lock);
-            if (i >= streams.size()) return next;
-            streams[i]->keep();
-            each.reset(streams[i].get());
-        }
+    for (size_t i = 0; const stream_share each = stream_at(i); ++i) {
         const uint64_t due = settle_demand(*each, now);
         if (due != 0 && (next == 0 || due < next)) next = due;
     }
+    return next;
 }
 
 void station::stop() noexcept {
@@ -320,14 +337,24 @@ void station::stop() noexcept {
     inside& in = *inside_;
     for (const auto& each : in.ports)
         net::net_tcp_close(each->listener);
-    // What was ordered still finds its thread; then the threads end, the first one last: others may call it.
+    {
+        const std::lock_guard held(in.lock);
+        in.running = false;
+    }
+    // What was ordered still finds its thread. Then connections end, the first thread's last: others send by it. Then
+    // the loops end, and what threads called of each other is run.
     core_thread_cancel(in.control_thread);
     event_set(in.stirred);
     core_thread_stop(in.control_thread);
-    std::for_each(in.threads.rbegin(), in.threads.rend(), [](const auto& each) { each->stop(); });
+    std::for_each(in.threads.rbegin(), in.threads.rend(), [](const auto& each) { each->close(); });
+    for (const auto& each : in.threads)
+        each->end_loop();
+    while (std::ranges::count_if(in.threads, [](const auto& each) { return each->drain(); }) != 0) {
+    }
     in.threads.clear();
     in.ports.clear();
-    in.running = false;
+    for (size_t i = 0; const stream_share each = in.stream_at(i); ++i)
+        end_demand(*each);
 }
 
 const char* station::bind() const noexcept { return inside_ && inside_->bind ? inside_->bind.get() : ""; }
@@ -341,9 +368,10 @@ thread& station::least_loaded() noexcept {
 }
 
 int station::run(void (*work)(void* arg), void (*done)(thread& on, void* arg), void* arg, thread& back) noexcept {
-    if (!inside_ || !inside_->running || !work) return 0;
+    if (!inside_ || !work) return 0;
     {
         const std::lock_guard held(inside_->lock);
+        if (!inside_->running) return 0;
         try {
             inside_->work.push_back({work, done, arg, &back});
         } catch (const std::bad_alloc&) {

@@ -23,7 +23,7 @@ constexpr uint64_t shortest_hold = 2 * second;
 constexpr uint32_t fewest_frames = 16;
 constexpr uint32_t most_frames = 1U << 16;
 
-uint64_t count_of(const core::vector<slot_t>& ring) noexcept { return ring.size(); }
+std::atomic<uint64_t> streams_made = 0;
 
 }  // namespace
 
@@ -38,6 +38,7 @@ void tell(error_t* error, const char* format, ...) noexcept {
 stream::inside::inside(const char* caller_file, int caller_line) noexcept
     : file(caller_file),
       line(caller_line),
+      id(++streams_made),
       ring(core::place{caller_file, caller_line}),
       config(core::place{caller_file, caller_line}),
       cursors(core::place{caller_file, caller_line}),
@@ -72,6 +73,7 @@ void stream::drop(stream* held) noexcept {
     core_mfree(held);
 }
 
+uint64_t stream::id() const noexcept { return inside_->id; }
 const char* stream::name() const noexcept { return inside_->name.get(); }
 
 int stream::declare(kind_t kind, const format_t& format) noexcept {
@@ -83,7 +85,6 @@ int stream::declare(kind_t kind, const format_t& format) noexcept {
         const format_share& before = in.formats[index];
         const format_t known = before ? before->shown : format_t{};
         const format_t wanted = complete(format, known, in.config);
-        in.declared[index] = true;
         if (before && same_format(known, wanted)) return 1;
         format_share made = make_format(wanted, known.generation + 1, in.file, in.line);
         if (!made) return 0;
@@ -103,18 +104,17 @@ void stream::inside::evict_first() noexcept {
     ++first;
 }
 
-bool stream::inside::is_reserved(uint64_t number, const slot_t& slot, uint64_t now) const noexcept {
-    return std::ranges::any_of(cursors, [&](const cursor::inside* each) {
-        return each->settings.reserve != 0 && number >= each->next && slot.arrival + each->settings.reserve > now;
-    });
+bool stream::inside::is_reserved(uint64_t number, uint64_t age) const noexcept {
+    return std::ranges::any_of(
+        cursors, [&](const cursor::inside* each) { return number >= each->next && age < each->settings.reserve; });
 }
 
 void stream::inside::evict(uint64_t now) noexcept {
     while (first != next) {
         const slot_t& oldest = slot(first);
-        const bool beyond =
-            bytes > limits.bytes || next - first > count_of(ring) - 1 || oldest.arrival + limits.time < now;
-        const bool wanted = first >= key || oldest.arrival + shortest_hold > now || is_reserved(first, oldest, now);
+        const uint64_t age = now - oldest.arrival;
+        const bool beyond = bytes > limits.bytes || age > limits.time;
+        const bool wanted = first >= key || age < shortest_hold || is_reserved(first, age);
         if (!beyond && wanted) return;
         evict_first();
     }
@@ -123,6 +123,7 @@ void stream::inside::evict(uint64_t now) noexcept {
 // A copy with the parameter sets in front, for readers that come in here.
 bool stream::inside::share_with_sets(const av::frame_t& frame, const format_t& format, av::frame_t& out) {
     core::vector<uint8_t> joined(core::place{file, line});
+    if (size_t{format.config.size} + frame.size > limits.bytes) return false;
     joined.reserve(size_t{format.config.size} + frame.size);
     joined.assign(format.config.data, format.config.data + format.config.size);
     joined.insert(joined.end(), frame.data, frame.data + frame.size);
@@ -155,6 +156,16 @@ bool stream::inside::shape(const av::frame_t& frame, kind_t kind, slot_t& out) n
 }
 
 int stream::push(const av::frame_t& frame, const timing_t& timing) noexcept {
+    if (frame.payload || !frame.data || frame.size > inside_->limits.bytes) return take(frame, timing);
+    // Borrowed bytes are copied before anybody waits.
+    av::frame_t own;
+    if (!avc_frame_share(&own, &frame, inside_->file, inside_->line)) return 0;
+    const int taken = take(own, timing);
+    avc_frame_drop(&own);
+    return taken;
+}
+
+int stream::take(const av::frame_t& frame, const timing_t& timing) noexcept {
     inside& in = *inside_;
     const kind_t kind = kind_of(frame.fcc);
     const bool video = kind == kind_t::video;
@@ -173,8 +184,8 @@ int stream::push(const av::frame_t& frame, const timing_t& timing) noexcept {
         taken.frame.time = in.clock.take(kind, frame.time, now);
         taken.utc = timing.utc;
         taken.arrival = now;
-        taken.gap = std::exchange(in.gap, false);
-        if (in.next - in.first == count_of(in.ring)) in.evict_first();
+        taken.gaps = in.gaps;
+        if (in.next - in.first == in.ring.size()) in.evict_first();
         if (video && frame.key) in.key = in.next;
         if (video) in.wants_key = false;
         in.bytes += taken.frame.size;
@@ -189,7 +200,8 @@ int stream::push(const av::frame_t& frame, const timing_t& timing) noexcept {
 // Who comes while the source is away waits for it, and is not shown what was long ago.
 void stream::gap() noexcept {
     const std::lock_guard held(inside_->lock);
-    inside_->gap = inside_->wants_key = true;
+    ++inside_->gaps;
+    inside_->wants_key = true;
     inside_->key = no_number;
     inside_->clock.gap();
 }
@@ -252,27 +264,33 @@ status_t stream::status() const noexcept {
 }
 
 void stream::on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept {
+    const std::lock_guard calls(inside_->demand_lock);
     const std::lock_guard held(inside_->lock);
     inside_->demand = {.wanted = wanted, .arg = arg, .linger = linger};
+    if (inside_->stirred) inside_->stirred(inside_->stirred_arg);
 }
 
-void stream::ask() noexcept {
-    inside& in = *inside_;
-    const std::lock_guard held(in.lock);
-    in.demand.asked = true;
-    if (in.stirred) in.stirred(in.stirred_arg);
+void end_demand(stream& of) noexcept {
+    const std::lock_guard calls(of.in().demand_lock);
+    demand_t due;
+    {
+        const std::lock_guard held(of.in().lock);
+        due = of.in().demand;
+        of.in().demand.told = false;
+    }
+    if (due.wanted && due.told) due.wanted(due.arg, 0);
 }
 
 // Decided under the lock, told outside of it.
 uint64_t settle_demand(stream& of, uint64_t now) noexcept {
     stream::inside& in = of.in();
+    const std::lock_guard calls(in.demand_lock);
     demand_t due;
     uint64_t again = 0;
     {
         const std::lock_guard held(in.lock);
         demand_t& demand = in.demand;
         if (!demand.wanted) return 0;
-        if (std::exchange(demand.asked, false)) demand.idle_since = now;
         const bool wanted = in.readers.load() != 0 || (demand.idle_since && now < demand.idle_since + demand.linger);
         if (wanted && in.readers.load() == 0) again = demand.idle_since + demand.linger;
         if (wanted == demand.told) return again;

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,66 +25,62 @@ constexpr uint64_t base = 1700000000000000;
 /// Frames a 30000/1001 of a second apart as a clock of microseconds sees them, with some jitter.
 uint64_t time_of(size_t i) { return base + i * 1001000000 / 30000 + i % 3 * 7; }
 
+std::vector<std::string> nals_of(const std::string& stream) {
+    std::vector<std::string> nals;
+    auto rest = bytes_of(stream);
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest))
+        nals.emplace_back(nal.begin(), nal.end());
+    return nals;
+}
+
 /// Access units of a byte stream as frames that begin at `offset` microseconds from the base.
 std::vector<frame_ptr> frames_of(const std::string& stream, uint64_t offset) {
     std::vector<std::string> units;
     bool after_slice = true;
-    auto rest = bytes_of(stream);
-    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
-        if (after_slice && h264_starts_access_unit(nal)) {
-            units.emplace_back();
-            after_slice = false;
-        }
-        units.back().append({0, 0, 1}).append(nal.begin(), nal.end());
-        after_slice = after_slice || h264_is_slice(h264_nal_type(nal));
+    for (const std::string& nal : nals_of(stream)) {
+        if (after_slice && h264_starts_access_unit(bytes_of(nal))) units.emplace_back();
+        after_slice = h264_is_slice(h264_nal_type(bytes_of(nal))) == 1;
+        units.back().append({0, 0, 1}).append(nal);
     }
     std::vector<frame_ptr> frames;
-    frames.reserve(units.size());
-    for (const std::string& unit : units) {
+    for (const std::string& unit : units)
         frames.emplace_back(avc_frame_create(av::fcc_h264, offset + time_of(frames.size()), unit.data(),
                                              static_cast<uint32_t>(unit.size()), CORE_HERE));
-    }
     return frames;
 }
 
 /// Init segment and fragments of ten frames each.
 std::string file_of(const std::vector<frame_ptr>& frames, uint64_t end) {
-    constexpr size_t per_fragment = 10;
     buf_t out;
     EXPECT_EQ(av_mp4_init(&out, frames[0].get(), CORE_HERE), 1);
-    uint32_t sequence = 0;
-    for (size_t first = 0; first < frames.size(); first += per_fragment) {
+    for (size_t first = 0, next = 0; first < frames.size(); first = next) {
+        next = std::min(first + 10, frames.size());
         std::vector<av::frame_t*> fragment;
-        const size_t next = std::min(first + per_fragment, frames.size());
         for (size_t i = first; i < next; ++i)
             fragment.push_back(frames[i].get());
         fragment.push_back(nullptr);
-        EXPECT_EQ(av_mp4_moof(&out, fragment.data(), base, next < frames.size() ? frames[next]->time : end, ++sequence,
-                              CORE_HERE),
-                  1);
+        const uint64_t until = next < frames.size() ? frames[next]->time : end;
+        EXPECT_EQ(av_mp4_moof(&out, fragment.data(), base, until, static_cast<uint32_t>(first / 10 + 1), CORE_HERE), 1);
     }
-    std::string file(reinterpret_cast<const char*>(out.data), out.length);
+    std::string file(out.data, out.data + out.length);
     core_buf_free(&out);
     return file;
 }
 
 /// The packets as ffprobe prints them: presentation and decoding time, flags.
 std::string packets_of(const std::vector<frame_ptr>& frames) {
-    std::ostringstream out;
+    std::string out;
     for (const frame_ptr& frame : frames) {
-        const uint64_t ticks = (frame->time - base) * 9 / 100;
-        out << ticks << '|' << ticks << '|' << (frame->key ? "K_" : "__") << '\n';
+        const std::string ticks = std::to_string((frame->time - base) * 9 / 100) + '|';
+        out += ticks + ticks + (frame->key ? "K_\n" : "__\n");
     }
-    return out.str();
+    return out;
 }
 
 /// Slices and SEI, in order: what neither a file nor the way out of it may change.
 std::vector<std::string> pictures_of(const std::string& stream) {
-    std::vector<std::string> nals;
-    auto rest = bytes_of(stream);
-    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
-        if (h264_nal_type(nal) <= h264_sei) nals.emplace_back(nal.begin(), nal.end());
-    }
+    auto nals = nals_of(stream);
+    std::erase_if(nals, [](const std::string& nal) { return h264_nal_type(bytes_of(nal)) > h264_sei; });
     return nals;
 }
 
@@ -127,8 +122,7 @@ TEST(Mp4, GivesBackTheNalUnitsAndTimesThatWentIn) {
         EXPECT_EQ(pictures_of(back), pictures_of(source));
         EXPECT_EQ(first_of(back, h264_sps), first_of(source, h264_sps));
         EXPECT_EQ(first_of(back, h264_pps), first_of(source, h264_pps));
-        const std::string end_of_configuration = first_of(source, h264_pps) + want.extension + "\0\0\0\x10stts"s;
-        EXPECT_NE(file.find(end_of_configuration), file.npos);
+        EXPECT_NE(file.find(first_of(source, h264_pps) + want.extension + "\0\0\0\x10stts"s), file.npos);
     }
 }
 

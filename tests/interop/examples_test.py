@@ -44,7 +44,3 @@ class Examples(unittest.TestCase):
             done = subprocess.run([program(name), "nonsense"], capture_output=True, text=True, timeout=60)
             self.assertEqual(done.returncode, 1)
             self.assertRegex(done.stderr, r"^.+\n$")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,16 +1,22 @@
 """The programs that the interop tests start, and what is compared between them."""
 import functools
+import hashlib
 import os
 import random
 import re
 import signal
 import socket
 import subprocess
-import threading
+import tempfile
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+
+from player import Player
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-CLIP = os.path.join(ROOT, "apps", "camera", "clip")
 CLIP_SECONDS = 8.0
+KEY_DISTANCE = 50  # pictures
+BLOCK = 160  # samples of sound
 
 
 def command(program):
@@ -18,8 +24,7 @@ def command(program):
     return [os.path.join(ROOT, "scripts", "wine"), program] if program.endswith(".exe") else [program]
 
 
-CAMERA = command(os.environ.get("INET_CAMERA", "build/dev/apps/inet-camera"))
-VIEWER = command(os.environ.get("INET_VIEWER", "build/dev/apps/inet-viewer"))
+CAMERA = command(os.environ.get("INET_CAMERA", f"{ROOT}/build/dev/apps/inet-camera"))
 
 
 class Camera:
@@ -27,11 +32,9 @@ class Camera:
 
     def __init__(self, *arguments, prefix=()):
         """`prefix` is a command that starts the program, such as that for another network namespace."""
+        self.messages = tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen([*prefix, *CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
-        self.errors = []
-        self.reader = threading.Thread(target=lambda: self.errors.extend(self.process.stderr))
-        self.reader.start()
+                                        stderr=self.messages, text=True)
         self.urls = {}
         for line in self.process.stdout:
             found = re.search(r"rtsp://\S+/(\w+)", line)
@@ -45,87 +48,121 @@ class Camera:
     def __enter__(self):
         return self
 
-    def url(self, path, user=None):
+    def url(self, path="live", user=None):
         """Address of a channel, with "name:password" in it when `user` is given."""
         return self.urls[path].replace("rtsp://", f"rtsp://{user}@") if user else self.urls[path]
 
     def __exit__(self, kind, value, trace):
+        early = self.process.poll() is not None
         self.process.send_signal(signal.SIGINT)
-        try:
-            status = self.process.wait(timeout=15)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-            status = "killed: did not end by Ctrl-C"
-        self.reader.join()
-        self.process.stdout.close()
-        self.process.stderr.close()
-        if kind is None and (status != 0 or self.errors):
-            raise AssertionError(f"camera ended with {status}: {''.join(self.errors)}")
-
-
-def up_to_three_times(case):
-    """Repeats a test that depends on time until it passes: a stall of the machine fails one attempt, a fault all."""
-    @functools.wraps(case)
-    def attempts(self):
-        for left in (2, 1, 0):
+        with self.process, self.messages:
             try:
-                return case(self)
-            except (AssertionError, OSError, EOFError) as error:
-                if not left:
-                    raise
-                print(f"\nonce more after: {error}")
-    return attempts
+                status = self.process.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                status = "killed: did not end by Ctrl-C"
+            self.messages.seek(0)
+            messages = self.messages.read()
+        if kind is None and (status != 0 or messages):
+            raise AssertionError(f"camera ended with {status}{' by itself' * early}: {messages}")
 
 
-def is_free(port):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        try:
-            probe.bind(("", port))
-        except OSError:
-            return False
-    return True
+class CameraCase(unittest.TestCase):
+    """Cases that share a camera."""
+    arguments = ()
+
+    @classmethod
+    def setUpClass(cls):
+        cls.camera = cls.enterClassContext(cls.start_camera())
+
+    @classmethod
+    def start_camera(cls):
+        return Camera(*cls.arguments)
+
+    def watch(self, *streams, **options):
+        """A player that plays them."""
+        player = self.enterContext(Player(self.camera.url(), **options))
+        player.play(*streams)
+        return player
+
+    def check_live(self, table, seconds):
+        """What an ffmpeg with LIVE has printed: pictures and sound are those of the clip, in order, none missing, and
+        by the times that the player derived they are in step."""
+        offsets = []  # how far the time of each lies from its place in the clip: the same for all, in both tracks
+        for stream, clip in clip_tracks().items():
+            places, seen = dict(clip), tracks_of(table)[stream]
+            self.assertEqual(len(places), len(clip), "each of the clip occurs once")
+            self.assertGreater(len(seen), (seconds - 0.5) / CLIP_SECONDS * len(clip))
+            start = position_in_loop([item for item, _ in seen], [*places])
+            self.assertIsNotNone(start, "in order, none missing")
+            self.assertEqual(start % KEY_DISTANCE if stream == "0" else 0, 0, "a viewer begins with a key picture")
+            offsets += [time - places[item] for item, time in seen]
+        spread = [(each - offsets[0] + CLIP_SECONDS / 2) % CLIP_SECONDS for each in offsets]
+        self.assertLess(max(spread) - min(spread), 0.005)
 
 
 def free_group():
-    """A multicast group with a run of ports that nobody uses on this host, as "GROUP:PORT". They lie below those that the
-    system hands out itself: programs beside us would take one of them meanwhile."""
+    """A multicast group with a run of ports that nobody uses on this host, as "GROUP:PORT". They lie below those that
+    the system hands out itself: programs beside us would take one of them meanwhile."""
     while True:
         port = random.randrange(10000, 30000, 16)
-        if all(is_free(port + i) for i in range(16)):
-            return f"239.255.{port >> 8}.{port & 255}:{port}"
+        try:
+            for each in range(port, port + 16):
+                with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+                    probe.bind(("", each))
+        except OSError:
+            continue
+        return f"239.255.{port >> 8}.{port & 255}:{port}"
 
 
 class Failed(Exception):
     """A program ended with an error; its messages are the text."""
 
 
-def run(program, *arguments, timeout=60):
+def run(program, *arguments):
     """Runs a program to its end: what it printed, as bytes. Any message on its error stream is a failure."""
-    done = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout)
+    done = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, timeout=100)
     if done.returncode or done.stderr:
         raise Failed(f"{program} ended with {done.returncode}: {done.stderr.decode(errors='replace')}")
     return done.stdout
 
 
-def ffmpeg(*arguments, timeout=60):
-    return run("ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-xerror", *arguments, timeout=timeout)
+def at_once(call, cases):
+    """What a call returns for each case, all of which run at the same time."""
+    with ThreadPoolExecutor(len(cases)) as pool:
+        return list(pool.map(call, cases))
 
 
-HASHES = ("-map", "0:v", "-fps_mode", "passthrough", "-f", "framehash", "-hash", "md5", "-")
+FFMPEG = ("ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-xerror")
+TABLE = ("-f", "framehash", "-hash", "md5", "-")
+# What travels of the pictures: neither delimiters nor SEI.
+CODED = ("-c", "copy", "-bsf:v", "filter_units=remove_types=6|9", *TABLE)
+LIVE = ("-map", "0:v", "-map", "0:a", *CODED)
 
 
-def hashes_of(table):
-    """What an ffmpeg with HASHES has printed: those of the decoded pictures, none repeated or left out."""
-    return [line.split(",")[-1].strip() for line in table.decode().splitlines() if not line.startswith("#")]
+def ffmpeg(*arguments):
+    return run(*FFMPEG, *arguments)
+
+
+def tracks_of(table):
+    """Of each stream, the hash and the time of everything in it."""
+    bases = re.findall(r"#tb (\d): (\d+)/(\d+)", table.decode())
+    tick = {stream: int(time) / int(rate) for stream, time, rate in bases}
+    tracks = {stream: [] for stream in tick}
+    for line in table.decode().splitlines():
+        if not line.startswith("#"):
+            stream, _, time, _, _, item = (field.strip() for field in line.split(",")[:6])
+            tracks[stream].append((item, int(time) * tick[stream]))
+    return tracks
 
 
 def picture_hashes(*source):
-    return hashes_of(ffmpeg(*source, *HASHES))
+    """Those of the decoded pictures, none repeated or left out."""
+    return [item for item, _ in tracks_of(ffmpeg(*source, "-map", "0:v", "-fps_mode", "passthrough", *TABLE))["0"]]
 
 
 def clip_file(name):
-    return os.path.join(CLIP, name)
+    return os.path.join(ROOT, "apps", "camera", "clip", name)
 
 
 def clip_sound():
@@ -133,9 +170,15 @@ def clip_sound():
     return ffmpeg("-i", clip_file("clip.wav"), "-c", "copy", "-f", "mulaw", "-")
 
 
+@functools.cache
+def clip_tracks():
+    """Pictures and blocks of sound."""
+    sound = clip_sound()
+    blocks = [(hashlib.md5(sound[at:at + BLOCK]).hexdigest(), at / 8000) for at in range(0, len(sound), BLOCK)]
+    return {"1": blocks, **tracks_of(ffmpeg("-i", clip_file("clip.h264"), *CODED))}
+
+
 def position_in_loop(run_of, loop):
     """Where a run of items begins in an endlessly repeated list; None when it does not occur."""
-    for start in range(len(loop)):
-        if all(item == loop[(start + i) % len(loop)] for i, item in enumerate(run_of)):
-            return start
-    return None
+    return next((start for start in range(len(loop))
+                 if all(item == loop[(start + i) % len(loop)] for i, item in enumerate(run_of))), None)

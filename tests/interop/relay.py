@@ -1,129 +1,99 @@
 """A relay between a camera and its viewers that loses and reorders UDP packets, and a server that follows a script."""
+import contextlib
 import random
 import re
 import select
 import socket
+import socketserver
 import threading
+from urllib.parse import urlsplit
 
-SPARED = 120  # packets before the first loss, so that there is something to see in every run
-
-
-class Loop:
-    """Sockets and what is called when one can be read, on a thread; all closed at the end."""
-
-    def __init__(self):
-        self.calls = {}
-        self.stop_reader, self.stop_writer = socket.socketpair()
-        self.thread = threading.Thread(target=self.run)
-
-    def __enter__(self):
-        self.thread.start()
-        return self
-
-    def __exit__(self, *_):
-        self.stop_writer.send(b"x")
-        self.thread.join()
-        for each in (self.stop_reader, self.stop_writer, *self.calls):
-            each.close()
-
-    def run(self):
-        while True:
-            for each in select.select([self.stop_reader, *self.calls], [], [])[0]:
-                if each is self.stop_reader:
-                    return
-                if each in self.calls:
-                    self.calls[each](each)
-
-    def listen(self, accepted):
-        listener = socket.create_server(("127.0.0.1", 0))
-        self.calls[listener] = lambda ready: accepted(ready.accept()[0])
-        return listener.getsockname()[1]
-
-    def drop(self, *sockets):
-        for each in sockets:
-            if self.calls.pop(each, None):
-                each.close()
-
-
-class Relay(Loop):
-    """Stands before a camera. RTSP goes through, but a SETUP for UDP names ports of the relay, which loses a share of
-    the packets that come there and holds some of the first track's back behind the next few."""
-
-    def __init__(self, url, loss, reorder=0.0):
-        super().__init__()
-        self.url = re.sub(r":\d+/", f":{self.listen(self.accept)}/", url)
-        self.camera = int(re.search(r":(\d+)/", url).group(1))
-        self.loss, self.reorder = loss, reorder
-        self.random = random.Random(7)
-        self.tracks = []  # of each, in the order of SETUP, [sequence number, lost?] of every packet
-        self.moved = 0
-
-    def accept(self, viewer):
-        camera = socket.create_connection(("127.0.0.1", self.camera))
-        self.calls[viewer] = lambda _: self.carry(viewer, camera, self.rewrite)
-        self.calls[camera] = lambda _: self.carry(camera, viewer, lambda data: data)
-
-    def carry(self, source, target, change):
-        try:
-            data = source.recv(65536)
-            target.sendall(change(data))
-        except OSError:
-            data = b""
-        if not data:
-            self.drop(source, target)
-
-    def rewrite(self, data):
-        return re.sub(rb"client_port=(\d+)-(\d+)", lambda ports: self.open_ports(int(ports.group(1))), data)
-
-    def open_ports(self, viewer_port):
-        while True:
-            pair = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2)]
-            try:
-                pair[0].bind(("127.0.0.1", 0))
-                port = pair[0].getsockname()[1]
-                pair[1].bind(("127.0.0.1", port + 1))
-            except OSError:
-                port = 1
-            if port % 2 == 0:
-                break
-            for each in pair:
-                each.close()
-        packets, held = [], []
-        self.tracks.append(packets)
-        first = len(self.tracks) == 1
-        self.calls[pair[0]] = lambda ready: self.pass_media(ready, viewer_port, packets, held, first)
-        self.calls[pair[1]] = lambda ready: self.pass_report(ready, viewer_port + 1)
-        return b"client_port=%d-%d" % (port, port + 1)
-
-    def pass_report(self, ready, port):
-        data = ready.recv(65536)
-        if self.loss < 1:
-            ready.sendto(data, ("127.0.0.1", port))
-
-    def pass_media(self, ready, port, packets, held, may_move):
-        data = ready.recv(65536)
-        spared = self.loss < 1 and len(packets) < SPARED
-        lost = not spared and self.random.random() < self.loss
-        packets.append((int.from_bytes(data[2:4], "big"), lost))
-        if lost:
-            return
-        if may_move and not held and self.random.random() < self.reorder:
-            held.append([data, self.random.randint(1, 4)])
-            self.moved += 1
-            return
-        ready.sendto(data, ("127.0.0.1", port))
-        for each in list(held):
-            each[1] -= 1
-            if each[1] == 0:
-                ready.sendto(each[0], ("127.0.0.1", port))
-                held.remove(each)
-
-
+SPARED = 60  # packets before the first loss, so that there is something to see in every run
 SDP = ("v=0\r\no=- 0 0 IN IP4 0.0.0.0\r\ns=x\r\nt=0 0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"
        "a=control:video\r\n")
 
 
-class Server(Loop):
+class LocalServer(socketserver.ThreadingTCPServer):
+    """On a free port, each connection on a thread of its own, where talk() has it."""
+
+    def __init__(self):
+        super().__init__(("127.0.0.1", 0), None)
+        self.url = f"rtsp://127.0.0.1:{self.server_address[1]}/live"
+
+    def __enter__(self):
+        threading.Thread(target=self.serve_forever, args=(0.05,)).start()
+        return self
+
+    def __exit__(self, *error):
+        self.shutdown()
+        self.server_close()
+
+    def finish_request(self, request, _):
+        with contextlib.suppress(OSError):  # the viewer has gone
+            self.talk(request)
+
+
+def udp_pair():
+    """Sockets on a port and on the next one."""
+    while True:
+        pair = [socket.socket(type=socket.SOCK_DGRAM) for _ in range(2)]
+        try:
+            pair[0].bind(("127.0.0.1", 0))
+            pair[1].bind(("127.0.0.1", pair[0].getsockname()[1] + 1))
+            return pair
+        except (OSError, OverflowError):
+            for each in pair:
+                each.close()
+
+
+class Relay(LocalServer):
+    """Stands before a camera. RTSP goes through, but a SETUP for UDP names ports of the relay, which loses a share of
+    the packets that come there and sends some behind the next few."""
+
+    def __init__(self, url, loss, reorder=0.0):
+        super().__init__()
+        self.camera = urlsplit(url).port
+        self.loss, self.reorder = loss, reorder
+        self.random = random.Random(7)
+        self.tracks = []  # of each, in the order of SETUP, whether every packet is lost
+        self.moved = 0
+
+    def talk(self, viewer):
+        with contextlib.ExitStack() as opened:
+            def redirect(ports):
+                media, reports = map(opened.enter_context, udp_pair())
+                to = [("127.0.0.1", int(port)) for port in ports.groups()]
+                lost, held = [], []
+                self.tracks.append(lost)
+                calls[media] = lambda data: self.pass_media(data, lost, held, lambda each: media.sendto(each, to[0]))
+                calls[reports] = lambda data: self.loss < 1 and reports.sendto(data, to[1])
+                return b"client_port=%d-%d" % (media.getsockname()[1], reports.getsockname()[1])
+
+            camera = opened.enter_context(socket.create_connection(("127.0.0.1", self.camera)))
+            calls = {viewer: lambda data: camera.sendall(re.sub(rb"client_port=(\d+)-(\d+)", redirect, data)),
+                     camera: viewer.sendall}
+            data = True
+            while data:
+                for ready in select.select([*calls], [], [])[0]:
+                    data = ready.recv(65536)
+                    calls[ready](data)
+
+    def pass_media(self, data, lost, held, send):
+        spared = self.loss < 1 and len(lost) < SPARED
+        lost.append(not spared and self.random.random() < self.loss)
+        if lost[-1]:
+            return
+        held.append(data)
+        # What is moved waits for some of the next, and all go at once: the viewer need not wait.
+        if len(held) < 5 and self.random.random() < (self.reorder if len(held) == 1 else 0.5):
+            return
+        self.moved += len(held) > 1
+        for each in held[1:] + held[:1]:
+            send(each)
+        held.clear()
+
+
+class Server(LocalServer):
     """Answers every request with what `answers` has for its method: bytes sent as they are, a status, None for silence;
     200 and a reasonable content where it has nothing."""
 
@@ -131,45 +101,28 @@ class Server(Loop):
         super().__init__()
         self.answers = answers
         self.methods = []  # of the requests, as they came
-        self.url = f"rtsp://127.0.0.1:{self.listen(self.accept)}/x"
 
-    def accept(self, viewer):
-        waiting = bytearray()
-        self.calls[viewer] = lambda _: self.serve(viewer, waiting)
-
-    def serve(self, viewer, waiting):
-        try:
-            data = viewer.recv(65536)
-            waiting += data
-            while waiting[:1] == b"$" or b"\r\n\r\n" in waiting:
-                if waiting[:1] == b"$":  # a report
-                    size = 4 + int.from_bytes(waiting[2:4], "big")
-                    if len(waiting) < size:
-                        break
-                    del waiting[:size]
+    def talk(self, viewer):
+        with viewer.makefile("rb") as requests:
+            while mark := requests.read(1):
+                if mark == b"$":  # a report
+                    requests.read(int.from_bytes(requests.read(3)[1:], "big"))
                     continue
-                request, _, rest = bytes(waiting).partition(b"\r\n\r\n")
-                waiting[:] = rest
-                data = self.answer(viewer, request.decode()) and data
-        except OSError:
-            data = b""
-        if not data:
-            self.drop(viewer)
+                lines = [mark + requests.readline(), *iter(lambda: requests.readline().strip(), b"")]
+                answer = self.answer(b"\r\n".join(lines).decode())
+                viewer.sendall(answer)
+                if answer.endswith(b"close"):
+                    return
 
-    def answer(self, viewer, request):
-        """False when the connection is to be closed."""
+    def answer(self, request):
         method = request.split()[0]
         self.methods.append(method)
         answer = self.answers.get(method, 200)
-        if isinstance(answer, bytes):
-            viewer.sendall(answer)
-            return not answer.endswith(b"close")
-        if answer is None:
-            return True
+        if not isinstance(answer, int):
+            return answer or b""
         content = SDP if method == "DESCRIBE" else ""
         fields = [f"RTSP/1.0 {answer} X", re.search(r"CSeq: *\d+", request, re.IGNORECASE).group(0),
                   "Public: GET_PARAMETER", "Session: 1;timeout=1", f"Content-Length: {len(content)}"]
         if method == "SETUP":
             fields.append("Transport: RTP/AVP/TCP;unicast;interleaved=0-1")
-        viewer.sendall(("\r\n".join(fields) + "\r\n\r\n" + content).encode())
-        return True
+        return ("\r\n".join(fields) + "\r\n\r\n" + content).encode()

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Installs a built tree or unpacks its package, and builds and runs the README's examples against it.
-#   consumer.sh SOURCE-DIR BUILD-DIR install|deb|zip
+# Unpacks the package of a built tree, and builds and runs the README's examples against it.
+#   consumer.sh SOURCE-DIR BUILD-DIR
 set -euo pipefail
-source_dir=$1 build_dir=$2 how=$3
+source_dir=$1 build_dir=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -10,49 +10,40 @@ trap 'rm -rf "$work"' EXIT
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; return 1; }; }
 
 tree=$work/usr run=() exe='' settings=()
-case $how in
-    install) quietly cmake --install "$build_dir" --prefix "$tree" ;;
-    deb)
-        quietly cpack --config "$build_dir/CPackConfig.cmake" -B "$work/packages"
-        dpkg-deb -x "$work"/packages/*.deb "$work"
-        dpkg-deb -f "$work"/packages/*.deb Package Version Architecture Depends
-        ;;
-    zip)
-        quietly cpack --config "$build_dir/CPackConfig.cmake" -B "$work/packages"
-        (cd "$work" && python3 -m zipfile -e packages/*.zip .)
-        mv "$work"/inet-*-windows-x64 "$tree"
-        settings=(--toolchain "$source_dir/cmake/mingw-w64.cmake" -DCMAKE_FIND_ROOT_PATH="$tree")
-        run=("$source_dir/scripts/wine") exe=.exe
-        ;;
-esac
+quietly cpack --config "$build_dir/CPackConfig.cmake" -B "$work/packages"
+if [[ -e $build_dir/libinet.so ]]; then
+    dpkg-deb -x "$work"/packages/*.deb "$work"
+    dpkg-deb -f "$work"/packages/*.deb Package Version Architecture Depends
+else
+    (cd "$work" && python3 -m zipfile -e packages/*.zip .)
+    mv "$work"/inet-*-windows-x64 "$tree"
+    settings=(--toolchain "$source_dir/cmake/mingw-w64.cmake" -DCMAKE_FIND_ROOT_PATH="$tree")
+    run=("$source_dir/scripts/wine") exe=.exe
+fi
 
-cp -r "$source_dir/tests/package/consumer" "$work/consumer"
 # The examples are the README's own: what a reader copies is what is compiled here.
-for number in 1 2; do
-    awk -v number=$number '/^```cpp/ {inside = ++block == number; next} /^```/ {inside = 0} inside' \
-        "$source_dir/README.md" >"$work/consumer/$number.cpp"
-    (($(grep -c . "$work/consumer/$number.cpp") > 10)) || { echo "no example $number in README.md"; exit 1; }
+cp -r "$source_dir/tests/package/consumer" "$work/consumer"
+number=0
+for name in camera watcher; do
+    awk -v number=$((++number)) '/^```cpp/ {inside = ++block == number; next} /^```/ {inside = 0} inside' \
+        "$source_dir/README.md" >"$work/consumer/$name.cpp"
 done
-mv "$work/consumer/1.cpp" "$work/consumer/camera.cpp"
-mv "$work/consumer/2.cpp" "$work/consumer/watcher.cpp"
-
 clip=$source_dir/apps/camera/clip/clip.h264
 # A player begins with one of the key pictures.
-ffmpeg -nostdin -loglevel error -y -i "$clip" -vf "select='eq(pict_type,I)'" -fps_mode passthrough "$work/key%d.png"
+ffmpeg -nostdin -loglevel error -i "$clip" -vf "select='eq(pict_type,I)'" -fps_mode passthrough "$work/key%d.png"
 
 # watch CAMERA WATCHER: starts the one, and has the other and a real player take pictures from it.
 watch() {
-    local port url
+    local port url key camera
     port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
     url=rtsp://127.0.0.1:$port/live
     "${run[@]}" "$1" "$clip" "$port" &
-    local camera=$!
+    camera=$!
     "${run[@]}" "$2" "$url" >"$work/seen"
     grep -q 'a key' "$work/seen"
     timeout 30 ffmpeg -nostdin -loglevel fatal -y -rtsp_transport tcp -i "$url" -frames:v 1 "$work/seen.png"
     kill $camera
     wait $camera 2>/dev/null || true
-    local key
     for key in "$work"/key*.png; do
         if cmp -s "$work/seen.png" "$key"; then return; fi
     done
@@ -63,21 +54,21 @@ watch() {
 echo "-- by find_package"
 quietly cmake -G Ninja -S "$work/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$tree" "${settings[@]}"
 cmake --build "$work/build"
-if [[ $how == zip ]]; then cp "$tree"/bin/inet*.dll "$work/build"; fi
+[[ ! $exe ]] || cp "$tree"/bin/inet*.dll "$work/build"
 watch "$work/build/camera$exe" "$work/build/watcher$exe"
 watch "$work/build/camera-static$exe" "$work/build/watcher-static$exe"
 
-if [[ $how != zip ]]; then
+if [[ ! $exe ]]; then
     echo "-- by pkg-config"
     PKG_CONFIG_PATH=$(dirname "$(find "$tree" -name inet-media.pc)")
     export PKG_CONFIG_PATH
     for name in camera watcher; do
         # shellcheck disable=SC2046
-        c++ -std=c++20 "$work/consumer/$name.cpp" -o "$work/$name-by-pkg-config" $(pkg-config --cflags --libs inet-media)
+        c++ -std=c++20 "$work/consumer/$name.cpp" -o "$work/$name" $(pkg-config --cflags --libs inet-media)
     done
     LD_LIBRARY_PATH=$(pkg-config --variable=libdir inet-media)
     export LD_LIBRARY_PATH
-    watch "$work/camera-by-pkg-config" "$work/watcher-by-pkg-config"
+    watch "$work/camera" "$work/watcher"
 fi
 
 echo "-- the programs"

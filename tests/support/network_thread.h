@@ -1,4 +1,4 @@
-// A network thread for tests, and ways to wait for what it does.
+// A network thread for tests, and callbacks to wait for.
 #pragma once
 
 #include "core/memory.h"
@@ -6,37 +6,57 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <vector>
 
 namespace test {
 
 /// Of the loop, when nothing wakes it: longer than a machine stalls.
 inline constexpr std::chrono::seconds less_than_a_wait(4);
 
-/// Counts on one thread what another waits for.
-class counter {
+/// What a record calls: counts its runs after it has done `then` in each. Another thread can wait for them.
+class callback {
 public:
-    void add() {
-        const std::lock_guard held(mutex_);
-        ++value_;
-        changed_.notify_all();
+    explicit callback(std::function<void()> in_it = [] {}) : then(std::move(in_it)) {}
+    callback(const callback&) = delete;
+    callback& operator=(const callback&) = delete;
+
+    /// Of queued calls, timers and commands, and of sockets.
+    static void run(void* arg) {
+        auto* self = static_cast<callback*>(arg);
+        self->then();
+        const std::lock_guard held(self->mutex_);
+        ++self->runs_;
+        self->changed_.notify_all();
     }
-    /// Waits until the count is at least `value`; false after five seconds.
-    bool reaches(int value, std::chrono::milliseconds patience = std::chrono::seconds(5)) {
+    template <class Handle>
+    static void run(void* arg, Handle*) {
+        run(arg);
+    }
+    static void run(void* arg, uint32_t events) {
+        static_cast<callback*>(arg)->events.push_back(events);
+        run(arg);
+    }
+
+    /// Waits until it has run so often; false when that takes too long.
+    bool reaches(int runs, std::chrono::seconds patience = std::chrono::seconds(5)) {
         std::unique_lock held(mutex_);
-        return changed_.wait_for(held, patience, [&] { return value_ >= value; });
+        return changed_.wait_for(held, patience, [&] { return runs_ >= runs; });
     }
-    int value() {
+    int runs() {
         const std::lock_guard held(mutex_);
-        return value_;
+        return runs_;
     }
-    static void count(void* arg) { static_cast<counter*>(arg)->add(); }
+
+    std::function<void()> then;
+    std::vector<uint32_t> events;  ///< of a socket, in each run
 
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
-    int value_ = 0;
+    int runs_ = 0;
 };
 
 class network_thread {
@@ -48,28 +68,16 @@ public:
 
     operator net::nt_ctx*() const { return nt; }
 
-    /// Returns when the loop has run a whole pass.
-    void pass() {
-        counter called;
-        for (int round = 1; round <= 2; ++round) {
-            net::net_nt_sync_call(nt, nullptr, &called, counter::count);
-            EXPECT_TRUE(called.reaches(round));
-        }
-    }
-
     /// Runs a function on the loop's thread and waits for its end.
-    template <class Function>
-    void run(Function function) {
-        struct {
-            Function& function;
-            counter done;
-        } call{function, {}};
-        net::net_nt_sync_call(nt, nullptr, &call, [](void* arg) {
-            auto* todo = static_cast<decltype(call)*>(arg);
-            todo->function();
-            todo->done.add();
-        });
-        EXPECT_TRUE(call.done.reaches(1));
+    void run(std::function<void()> function) const {
+        callback call(std::move(function));
+        net::net_nt_sync_call(nt, nullptr, &call, callback::run);
+        EXPECT_TRUE(call.reaches(1));
+    }
+    /// Returns when the loop has run a whole pass.
+    void pass() const {
+        run([] {});
+        run([] {});
     }
 
     net::nt_ctx* nt = nullptr;

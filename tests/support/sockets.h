@@ -6,9 +6,7 @@
 #include "core/memory.h"
 #include "inet/net_socket.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <string>
+#include <utility>
 
 namespace test {
 
@@ -22,14 +20,11 @@ public:
     tcp_socket() : fd_(net_socket_create(2, 1, 6, CORE_HERE)) {}
     explicit tcp_socket(int fd) : fd_(fd) {}
     ~tcp_socket() { close(); }
-    tcp_socket(const tcp_socket&) = delete;
-    tcp_socket& operator=(const tcp_socket&) = delete;
+    tcp_socket(tcp_socket&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    tcp_socket& operator=(tcp_socket&&) = delete;
 
     operator int() const { return fd_; }
-    void close() {
-        if (fd_ >= 0) net_socket_close(fd_);
-        fd_ = -1;
-    }
+    void close() { net_socket_close(std::exchange(fd_, -1)); }
 
 private:
     int fd_;
@@ -38,6 +33,23 @@ private:
 class udp_socket : public tcp_socket {
 public:
     udp_socket() : tcp_socket(net_socket_create(2, 2, 17, CORE_HERE)) {}
+};
+
+/// The ends of a TCP connection with socket_options().
+struct socket_pair {
+    explicit socket_pair(std::pair<int, int> fds = open()) : here(fds.first), there(fds.second) {
+        socket_options(here);
+        socket_options(there);
+    }
+    static std::pair<int, int> open() {
+        int fds[2] = {-1, -1};
+        net_socket_pair(2, 1, 6, fds, CORE_HERE);
+        return {fds[0], fds[1]};
+    }
+    /// Sends a byte from there to here.
+    void poke() const { net_udp_send_msg(there, "x", nullptr); }
+
+    tcp_socket here, there;
 };
 
 using watch = net::platform::watch_t;
@@ -64,37 +76,24 @@ inline unsigned short free_port() {
 
 // Asked of the system, past the functions under test: platform/posix_sockets.cpp and windows_sockets.cpp.
 
-enum class option {
-    keep_alive,
-    no_delay,
-    reuse_address,
-    receive_buffer,
-    send_buffer,
-    ttl,
-    multicast_ttl,
-    multicast_loop,
-    multicast_interface,  ///< the address, in network order
-};
+/// `group_interface` is the address, in network order.
+enum class option { type, keep_alive, no_delay, reuse, receive_room, ttl, group_ttl, group_loop, group_interface };
 
-/// Value of an option; -1 when the system does not tell.
+/// Value of an option; -1 when the system does not tell, for a socket that is closed, too.
 int value_of(int fd, option which);
 
-bool is_open(int fd);
 /// Whether child processes get it, too.
 bool is_inherited(int fd);
-/// Of this process; with POSIX descriptors of every kind.
-size_t open_sockets();
+
+/// Of this process; a socket may count more than once where its number's lowest bits mean nothing.
+inline int open_sockets() {
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+        count += value_of(fd, option::type) >= 0;
+    return count;
+}
 
 /// Sends a byte as urgent data.
 bool send_urgent(int fd);
-
-/// Closes a registered socket so that the peer's connection is reset.
-void close_with_reset(int fd);
-
-/// The host's name in UTF-8.
-std::string host_name();
-
-/// Processor time that this process has used, in seconds.
-double processor_time();
 
 }  // namespace test

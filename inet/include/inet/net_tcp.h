@@ -55,7 +55,8 @@ public:
     /// The system takes bytes again, and nothing that was given to send() waits any more.
     virtual void on_tcp_writable(Tcp* tcp) noexcept;
     /// The last call: connect() has failed, or the peer has closed or reset the connection.
-    /// @param error  a socket_error_t of inet/net_socket.h; 0 when the peer closed
+    /// @param error  a socket_error_t of inet/net_socket.h: socket_error_no_buffers when the owner took nothing of a full
+    ///               buffer; 0 when the peer closed
     virtual void on_tcp_closed(Tcp* tcp, int error) noexcept = 0;
 
 protected:
@@ -77,7 +78,7 @@ public:
     Tcp& operator=(const Tcp&) = delete;
 
     void set_handler(ITcp* handler) noexcept;
-    /// Bytes of the receive buffer. Before connect() or take().
+    /// Bytes of the receive buffer. Later calls only enlarge it.
     void set_room(uint32_t bytes) noexcept;
     void set_output_limit(uint32_t bytes) noexcept;
 
@@ -89,7 +90,7 @@ public:
     /// descriptor is then the caller's still
     int take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept;
 
-    /// Leaves its thread, without closing. Then attach(), on another thread, takes it up again there; what was received
+    /// Once it is connected: leaves its thread, without closing. Then attach(), on another thread, takes it up again there; what was received
     /// and not taken stays. @return attach(): 1, or 0 when memory is out: nothing is watched then
     void detach() noexcept;
     int attach(nt_ctx* nt) noexcept;

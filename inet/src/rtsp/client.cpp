@@ -1,18 +1,17 @@
-// Asks for a stream, from OPTIONS to PLAY, and keeps it (RFC 2326, 10).
 #include "rtsp/client.h"
 
+#include "rtsp/transport.h"
 #include "scan.h"
 
-#include "common/digest.h"
 #include "core/text.h"
 #include "core/time.h"
 #include "inet/net_http_auth.h"
-#include "inet/net_sdp.h"
 #include "inet/net_uri.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace rtsp3 {
 
@@ -59,49 +58,32 @@ const char* choose_challenge(const header_s* header) noexcept {
     return basic;
 }
 
-}  // namespace
-
-const Rtsp::asked_t Rtsp::asked_t::options{"OPTIONS", &Rtsp::ask_options, &Rtsp::take_options};
-const Rtsp::asked_t Rtsp::asked_t::describe{"DESCRIBE", &Rtsp::ask_describe, &Rtsp::take_describe};
-const Rtsp::asked_t Rtsp::asked_t::setup{"SETUP", &Rtsp::ask_setup, &Rtsp::take_setup};
-const Rtsp::asked_t Rtsp::asked_t::play{"PLAY", &Rtsp::ask_play, &Rtsp::take_play};
-const Rtsp::asked_t Rtsp::asked_t::pause{"PAUSE", &Rtsp::ask_pause, &Rtsp::take_pause};
-const Rtsp::asked_t Rtsp::asked_t::get_parameter{"GET_PARAMETER", &Rtsp::ask_get_parameter, nullptr};
-const Rtsp::asked_t Rtsp::asked_t::set_parameter{"SET_PARAMETER", &Rtsp::ask_set_parameter, nullptr};
-const Rtsp::asked_t Rtsp::asked_t::teardown{"TEARDOWN", &Rtsp::ask_teardown, &Rtsp::take_teardown};
-const Rtsp::asked_t Rtsp::asked_t::get{"GET", &Rtsp::ask_get, &Rtsp::take_get};
-
-int Rtsp::open(const char* uri) noexcept {
-    if (closed_ || running_ || !take_uri(uri)) return 0;
-    forget_conversation();
-    role_ = role_t::client;
-    gate_ = false;
-    if (tunnel_ == tunnel_t::none) return ask_options(nullptr);
-    cookie_.reset(common_srand(22, file_, line_));
-    return cookie_ ? ask_get(nullptr) : 0;
+/// The part of an absolute URI that an HTTP request names.
+const char* path_of(const char* uri) noexcept {
+    const char* authority = std::strstr(uri, "://");
+    const char* path = authority ? authority + 3 + std::strcspn(authority + 3, "/?") : uri;
+    return *path ? path : "/";
 }
 
-// The next connection begins with nothing of the last: no half of a message, no unsent request, no credentials.
-void Rtsp::forget_conversation() noexcept {
-    clear_traks();
-    leave_tunnel();
-    if (held_) http_header_free(held_);
-    receive_.length = send_.length = decoded_.length = 0;
-    used_ = replies_ = 0;
-    std::fill(std::begin(pending_), std::end(pending_), pending_t{});
-    response_to_ = {};
-    challenge_.reset();
-    base_.reset();
-    *session_ = 0;
-    step_ = step_t::none;
-    timeout_ = next_cseq_ = named_cseq_ = senseless_ = 0;
-    has_get_parameter_ = names_requests_ = false;
-    const bool tunnelled = tunnel_ == tunnel_t::get_client || tunnel_ == tunnel_t::post_client;
-    tunnel_ = tunnelled ? tunnel_t::get_client : tunnel_t::none;
+}  // namespace
+
+const client::asked_t client::options{"OPTIONS", &client::ask_options, &client::take_options};
+const client::asked_t client::describe{"DESCRIBE", &client::ask_describe, &client::take_describe};
+const client::asked_t client::setup{"SETUP", &client::ask_setup, &client::take_setup};
+const client::asked_t client::play{"PLAY", &client::ask_play, &client::take_play};
+const client::asked_t client::pause{"PAUSE", &client::ask_pause, &client::take_pause};
+const client::asked_t client::get_parameter{"GET_PARAMETER", &client::ask_get_parameter, nullptr};
+const client::asked_t client::set_parameter{"SET_PARAMETER", &client::ask_set_parameter, nullptr};
+const client::asked_t client::teardown{"TEARDOWN", &client::ask_teardown, &client::take_teardown};
+const client::asked_t client::get{"GET", &client::ask_get, &client::take_get};
+
+client::client(conversation& of, outbox& out, tunnel& by, const client_settings& settings) noexcept
+    : talk_(of), out_(out), tunnel_(by), settings_(settings), stream_(of), frames_(of, out, settings) {
+    talk_.rtp.set_handler(&frames_);
 }
 
 // Splits off the user-info: up to the last '@' of the authority, as passwords are often written as they are.
-bool Rtsp::take_uri(const char* uri) noexcept {
+bool client::read_uri(conversation& talk, const char* uri, login_t* login) noexcept {
     const std::string_view text = scan::text(uri);
     const size_t scheme = text.find("://");
     if (scheme == std::string_view::npos || !is_request_uri(text)) return false;
@@ -112,125 +94,117 @@ bool Rtsp::take_uri(const char* uri) noexcept {
     const std::string_view host = authority.substr(at == std::string_view::npos ? 0 : at + 1);
     if (host.empty()) return false;
 
-    const core::owned_text bare(core_sprintf(file_, line_, "%.*s%s", static_cast<int>(start), uri, host.data()));
+    const core::owned_text bare(
+        core_sprintf(talk.file, talk.line, "%.*s%s", static_cast<int>(start), uri, host.data()));
     const scan::pair parts = scan::split(info, ':');
-    core::owned_text user = decode_user_info(parts.key, file_, line_);
-    core::owned_text password = decode_user_info(parts.value, file_, line_);
+    core::owned_text user = decode_user_info(parts.key, talk.file, talk.line);
+    core::owned_text password = decode_user_info(parts.value, talk.file, talk.line);
     // Decoded, a user could break the line that it stands in.
-    if (!bare || !user || !password || !is_printable(user.get()) || !set_uri(bare.get())) return false;
+    if (!bare || !user || !password || !is_printable(user.get()) || !talk.set_location(bare.get())) return false;
     if (info.empty()) user.reset();
-    user_ = std::move(user);
-    password_ = std::move(password);
+    login->user = std::move(user);
+    login->password = std::move(password);
     return true;
 }
 
-// Asking makes a session that serves nothing a client.
-bool Rtsp::may_ask() noexcept {
-    if (closed_ || packing_ || !uri_) return false;
-    if (role_ == role_t::server && (trak_count_ || *session_)) return false;
-    role_ = role_t::client;
-    if (is_unread()) fail("requests are not read");
-    return !closed_;
+int client::open(login_t login) noexcept {
+    login_ = std::move(login);
+    if (!settings_.tunnelled) return ask_options(nullptr);
+    return tunnel_.draw_cookie() ? ask_get(nullptr) : 0;
 }
 
-void Rtsp::add_credentials(request& request, const char* method, const char* uri) const noexcept {
+void client::forget_tracks() noexcept {
+    response_to_.track = asking_for_ = nullptr;
+    for (pending_t& pending : pending_)
+        pending.track = nullptr;
+}
+
+bool client::may_ask() noexcept {
+    if (talk_.ended || !talk_.location) return false;
+    if (out_.has_unread_bytes()) talk_.fail("requests are not read");
+    return !talk_.ended;
+}
+
+void client::add_credentials(request& request, const char* method, const char* uri) const noexcept {
     if (!challenge_) return;
-    const core::owned_text value(
-        net_http_authenticate(user_.get(), password_.get(), method, uri, challenge_.get(), file_, line_));
+    const core::owned_text value(net_http_authenticate(login_.user.get(), login_.password.get(), method, uri,
+                                                       challenge_.get(), talk_.file, talk_.line));
     request.put("Authorization", value.get());
 }
 
-int Rtsp::ask(const asked_t& method, const char* uri, trak_t* trak, const char* name, const char* value) noexcept {
+int client::ask(const asked_t& method, const char* uri, track_t* track, const char* name, const char* value) noexcept {
     if (!may_ask()) return 0;
     request request(method.name, nullptr, "RTSP/1.0", ++next_cseq_);
-    request.put("Session", session_);
+    request.put("Session", talk_.identifier);
     if (name) request.put(name, value);
     add_credentials(request, method.name, uri);
-    return send_pending(method, request, uri, trak);
+    return send_pending(method, request, uri, track);
 }
 
-int Rtsp::send_pending(const asked_t& method, request& request, const char* uri, trak_t* trak) noexcept {
+int client::send_pending(const asked_t& method, request& request, const char* uri, track_t* track) noexcept {
     pending_t& pending = pending_[next_cseq_ % std::size(pending_)];
-    pending = {next_cseq_, &method, trak, repeating_};
-    if (request.header() && send_header(request.header(), uri)) return 1;
+    pending = {next_cseq_, &method, track, repeating_};
+    if (out_.send(request.header(), uri)) return 1;
     pending = {};
     failed(method.name, 0, "no memory");
     return 0;
 }
 
-int Rtsp::ask_options(trak_t*) noexcept {
+int client::ask_options(track_t*) noexcept {
     if (step_ < step_t::options) step_ = step_t::options;
-    return ask(asked_t::options, uri_.get(), nullptr, nullptr, nullptr);
+    return ask(options, talk_.location.get());
 }
 
-int Rtsp::ask_describe(trak_t*) noexcept {
+int client::ask_describe(track_t*) noexcept {
     step_ = step_t::describe;
-    return ask(asked_t::describe, uri_.get(), nullptr, "Accept", "application/sdp");
+    return ask(describe, talk_.location.get(), nullptr, "Accept", "application/sdp");
 }
 
-int Rtsp::ask_setup(trak_t* trak) noexcept {
-    if (!trak) return 0;
+int client::ask_setup(track_t* track) noexcept {
+    if (!track) return 0;
     char transport[80];
-    switch (trak->protocol) {
-        case protocol_t::rtp_tcp:
-            std::snprintf(transport, sizeof transport, "RTP/AVP/TCP;unicast;interleaved=%u-%u", unsigned{trak->channel},
-                          trak->channel + 1U);
-            break;
-        case protocol_t::rtp_udp:
-            std::snprintf(transport, sizeof transport, "RTP/AVP/UDP;unicast;client_port=%u-%u",
-                          unsigned{trak->client_port}, trak->client_port + 1U);
-            break;
-        case protocol_t::rtp_multicast:
-            std::snprintf(transport, sizeof transport, "RTP/AVP/UDP;multicast");
-            break;
-    }
-    return ask(asked_t::setup, trak->uri.get(), trak, "Transport", transport);
+    print_asked(*track, transport);
+    return ask(setup, track->uri.get(), track, "Transport", transport);
 }
 
-int Rtsp::ask_setup_from(trak_t* trak, unsigned port) noexcept {
-    if (step_ != step_t::setup || gathering_ || answered_) return 0;
-    if (trak->protocol == protocol_t::rtp_udp) {
+int client::send_setup(unsigned port) noexcept {
+    track_t* const track = asking_for_;
+    if (!track || step_ != step_t::setup || talk_.at_work || answered_) return 0;
+    if (track->protocol == protocol_t::rtp_udp) {
         if (port == 0 || port > max_port) return 0;
-        trak->client_port = static_cast<uint16_t>(port);
+        track->client_port = static_cast<uint16_t>(port);
     }
     answered_ = true;
-    return ask_setup(trak);
+    return ask_setup(track);
 }
 
-int Rtsp::ask_play(trak_t*) noexcept {
+int client::ask_play(track_t*) noexcept {
     if (!may_ask()) return 0;
     step_ = step_t::play;
-    play_time_ = time_now();
-    for (uint32_t i = 0; i < trak_count_; ++i) {
-        if (traks_[i]->rtp) traks_[i]->gathered->before_play = traks_[i]->rtp->received;
-    }
-    return ask(asked_t::play, aggregate_uri(), nullptr, nullptr, nullptr);
+    frames_.begin(time_now());
+    return ask(play, stream_.aggregate_uri());
 }
 
-int Rtsp::ask_pause(trak_t*) noexcept { return ask(asked_t::pause, aggregate_uri(), nullptr, nullptr, nullptr); }
+int client::ask_pause(track_t*) noexcept { return ask(pause, stream_.aggregate_uri()); }
 
-int Rtsp::ask_get_parameter(trak_t*) noexcept {
-    return ask(asked_t::get_parameter, aggregate_uri(), nullptr, nullptr, nullptr);
-}
+int client::ask_get_parameter(track_t*) noexcept { return ask(get_parameter, stream_.aggregate_uri()); }
 
-int Rtsp::ask_set_parameter(trak_t*) noexcept {
-    return ask(asked_t::set_parameter, aggregate_uri(), nullptr, nullptr, nullptr);
-}
+int client::ask_set_parameter(track_t*) noexcept { return ask(set_parameter, stream_.aggregate_uri()); }
 
-int Rtsp::ask_teardown(trak_t*) noexcept { return ask(asked_t::teardown, aggregate_uri(), nullptr, nullptr, nullptr); }
+int client::ask_teardown(track_t*) noexcept { return ask(teardown, stream_.aggregate_uri()); }
 
-uint64_t Rtsp::keep_alive_interval() const noexcept {
+uint64_t client::keep_alive_interval() const noexcept {
     return (timeout_ ? timeout_ : default_timeout) * us_per_second / 2;
 }
 
-int Rtsp::send_keep_alive() noexcept {
-    if (!*session_ || role_ != role_t::client) return 0;
+int client::send_keep_alive() noexcept {
+    if (!*talk_.identifier) return 0;
     return has_get_parameter_ ? ask_get_parameter(nullptr) : ask_options(nullptr);
 }
 
 // Responses name their request by CSeq; one without, or with another, answers the last (RFC 2326, 12.17). Only from a
 // server that has named two of them right, an earlier number is a repetition, which answers nothing.
-bool Rtsp::take_pending(const header_s* header, pending_t* out) noexcept {
+bool client::take_pending(const header_s* header, pending_t* out) noexcept {
     const uint32_t cseq = value_geti_uint32(header->fields, "CSeq");
     pending_t* pending = &pending_[cseq % std::size(pending_)];
     if (pending->method && pending->cseq == cseq) {
@@ -245,147 +219,148 @@ bool Rtsp::take_pending(const header_s* header, pending_t* out) noexcept {
     return out->method != nullptr;
 }
 
-void Rtsp::serve_response(header_s* header) noexcept {
+bool client::take_response(header_s* header) noexcept {
     constexpr uint32_t unauthorized = 401;
     constexpr uint32_t no_session = 454;
-    if (header->status < 200) return;  // the answer is still to come
-    if (!take_pending(header, &response_to_)) {
-        core_log_print(log_, "rtsp protocol dectect bad header");
-        core_con_printf(0, "rtsp protocol dectect bad header");
-        return count_senseless();
-    }
-    senseless_ = 0;
+    if (!take_pending(header, &response_to_)) return false;
     const asked_t& method = *response_to_.method;
-    if (header->status == unauthorized && process_authorization(header)) {
-        core_log_print(log_, "%d: %s again with credentials", id_, method.name);
+    if (header->status == unauthorized && repeat_with_credentials(header)) {
+        core_log_print(talk_.log, "%d: %s again with credentials", talk_.number, method.name);
     } else if (header->status != 200) {
-        if (&method == &asked_t::get_parameter && header->status != no_session) has_get_parameter_ = false;
+        if (&method == &get_parameter && header->status != no_session) has_get_parameter_ = false;
         failed(method.name, header->status, "the server refused");
     } else if (method.take) {
         (this->*method.take)(header);
     }
     response_to_ = {};
+    return true;
 }
 
-int Rtsp::repeat_with_credentials(const header_s* header) noexcept {
+// Other requests of servers are not served.
+void client::serve(header_s* header) noexcept {
+    const std::string_view name(header->method);
+    const bool asks_methods = name == "OPTIONS";
+    if (!asks_methods && name != "GET_PARAMETER" && name != "SET_PARAMETER") {
+        core_log_print(talk_.log, "%d: method is not served: %s", talk_.number, header->method);
+    } else if (!header->uri || !is_printable(header->uri)) {
+        out_.send_error(400);
+    } else if (asks_methods) {
+        out_.send_methods();
+    } else if (!talk_.is_named(header)) {
+        out_.send_error(454);
+    } else {
+        out_.send_ok();
+    }
+}
+
+bool client::repeat_with_credentials(const header_s* header) noexcept {
     const pending_t refused = response_to_;
     const char* challenge = choose_challenge(header);
-    if (!refused.method || refused.repeated || !user_ || !challenge) return 0;
+    if (!refused.method || refused.repeated || !login_.user || !challenge) return false;
     // A Basic challenge in the same field would be answered first, with the password.
     const std::string_view text(challenge);
     const size_t size = std::min(text.find(", Basic "), text.size());
-    core::owned_text copy(core_strndup(challenge, size, file_, line_));
-    if (!copy) return 0;
+    core::owned_text copy(core_strndup(challenge, size, talk_.file, talk_.line));
+    if (!copy) return false;
     challenge_ = std::move(copy);
     repeating_ = true;
-    (this->*refused.method->ask)(refused.trak);
+    (this->*refused.method->ask)(refused.track);
     repeating_ = false;
-    return 1;
+    return true;
 }
 
-void Rtsp::failed(const char* method, unsigned status, const char* why) noexcept {
-    if (closed_) return;
-    core_log_print(log_, "%d: %s failed: %u: %s", id_, method, status, why);
+void client::failed(const char* method, unsigned status, const char* why) noexcept {
+    if (talk_.ended) return;
+    core_log_print(talk_.log, "%d: %s failed: %u: %s", talk_.number, method, status, why);
     method_ = method;
     status_ = status;
     failure_ = why;
-    raise(event_t::rtsp_error);
+    talk_.raise(event_t::rtsp_error);
 }
 
-void Rtsp::take_options(header_s* header) noexcept {
-    if (!header) {
-        ask_options(nullptr);
-        return;
-    }
+void client::take_options(header_s* header) noexcept {
     if (step_ != step_t::options) return;
     const char* methods = field(header, "Public");
     has_get_parameter_ = methods && std::strstr(methods, "GET_PARAMETER");
     ask_describe(nullptr);
 }
 
-void Rtsp::take_describe(header_s* header) noexcept {
-    if (!header) {
-        ask_describe(nullptr);
-        return;
-    }
+void client::take_describe(header_s* header) noexcept {
     if (step_ != step_t::describe) return;
-    clear_traks();
-    const core::owned_text text(core_strndup(reinterpret_cast<const char*>(body_.data), body_.size, file_, line_));
-    core_log_print(log_, "%u: sdp:\n%s", static_cast<unsigned>(id_), text ? text.get() : "");
-    if (!take_content_base(header) || (body_.size && !text) || !take_description(text.get())) {
+    if (talk_.drop_tracks()) forget_tracks();
+    if (!stream_.take(header)) {
         failed("DESCRIBE", 0, "no memory");
         return;
     }
-    if (trak_count_) raise(event_t::open_client);
-    if (step_ == step_t::describe && !closed_) set_up_next();
+    if (talk_.trak_total) talk_.raise(event_t::open_client);
+    if (step_ == step_t::describe && !talk_.ended) set_up_next();
 }
 
-int Rtsp::select_trak(uint32_t index, bool wanted) noexcept {
-    if (index >= trak_count_ || role_ != role_t::client || !traks_[index]->rtp) return 0;
-    traks_[index]->wanted = wanted;
-    return 1;
+bool client::select(uint32_t index, bool wanted) noexcept {
+    if (index >= talk_.trak_total || !talk_.traks[index]->rtp) return false;
+    talk_.traks[index]->wanted = wanted;
+    return true;
 }
 
-void Rtsp::set_up_next() noexcept {
-    if (trak_count_ == 0) {
-        core_log_print(log_, "%u: setup failed, no _sdp", static_cast<unsigned>(id_));
+void client::set_up_next() noexcept {
+    if (talk_.trak_total == 0) {
+        core_log_print(talk_.log, "%u: setup failed, no _sdp", static_cast<unsigned>(talk_.number));
         failed("SETUP", 0, "no description of a stream");
         return;
     }
     step_ = step_t::setup;
-    const auto waits = [](const trak_t* trak) { return trak->wanted && !trak->gathered->tried; };
-    while (!closed_) {
-        trak_t** const next = std::find_if(traks_, traks_ + trak_count_, waits);
-        if (next == traks_ + trak_count_) return set_up_done();
-        trak_t* const trak = *next;
-        trak->gathered->tried = true;
-        trak->protocol = tunnel_ == tunnel_t::none ? protocol_ : protocol_t::rtp_tcp;
+    const auto waits = [](const track_t* each) { return each->wanted && !each->gathered->tried; };
+    while (!talk_.ended) {
+        const auto all = talk_.tracks();
+        const auto next = std::ranges::find_if(all, waits);
+        if (next == all.end()) return set_up_done();
+        track_t* const track = *next;
+        track->gathered->tried = true;
+        track->protocol = settings_.tunnelled ? protocol_t::rtp_tcp : talk_.transport;
         answered_ = false;
-        trak_ = trak;
-        raise(event_t::rtsp_setup);
-        const bool gone = trak_ != trak;
-        trak_ = nullptr;
-        if (gone || answered_ || closed_) return;
-        if (trak->protocol != protocol_t::rtp_udp) {
-            ask_setup(trak);
+        talk_.event_trak = asking_for_ = track;
+        talk_.raise(event_t::rtsp_setup);
+        const bool gone = asking_for_ != track;
+        talk_.event_trak = asking_for_ = nullptr;
+        if (gone || answered_ || talk_.ended) return;
+        if (track->protocol != protocol_t::rtp_udp) {
+            ask_setup(track);
             return;
         }
-        core_log_print(log_, "%d: no port for %s", id_, trak->uri.get());
+        core_log_print(talk_.log, "%d: no port for %s", talk_.number, track->uri.get());
     }
 }
 
-void Rtsp::set_up_done() noexcept {
-    if (!is_set_up()) {
+void client::set_up_done() noexcept {
+    if (!talk_.is_set_up()) {
         failed("SETUP", 0, "no track is set up");
         return;
     }
-    raise(event_t::rtsp_ready);
-    if (step_ == step_t::setup && !closed_) ask_play(nullptr);
+    talk_.raise(event_t::rtsp_ready);
+    if (step_ == step_t::setup && !talk_.ended) ask_play(nullptr);
 }
 
-void Rtsp::take_setup(header_s* header) noexcept {
-    trak_t* trak = response_to_.trak;
-    if (header && !trak) return;
-    if (header) {
-        if (!take_session(header) || !take_transport(trak, field(header, "Transport"))) {
-            failed("SETUP", 0, "an answer that cannot be used");
-            return;
-        }
-        trak->set_up = 1;
-        trak->gathered->torn = trak->protocol == protocol_t::rtp_multicast;  // joined in the middle of a picture
+void client::take_setup(header_s* header) noexcept {
+    track_t* const track = response_to_.track;
+    if (!track) return;
+    if (!take_session(header) || !take_granted(*track, field(header, "Transport"), talk_.file, talk_.line)) {
+        failed("SETUP", 0, "an answer that cannot be used");
+        return;
     }
+    track->set_up = 1;
+    track->gathered->torn = track->protocol == protocol_t::rtp_multicast;  // joined in the middle of a picture
     set_up_next();
 }
 
-bool Rtsp::take_session(const header_s* header) noexcept {
+bool client::take_session(const header_s* header) noexcept {
     std::string_view rest = scan::skip(scan::text(field(header, "Session")), " \t");
     if (rest.empty()) return true;
     std::string_view id = scan::take(rest, ';');
     rest = scan::skip(rest, " \t");
     id = id.substr(0, id.find_first_of(" \t"));
-    if (id.empty() || id.size() >= sizeof session_ || !is_printable(id)) return false;
-    std::copy(id.begin(), id.end(), session_);
-    session_[id.size()] = 0;
+    if (id.empty() || id.size() >= sizeof talk_.identifier || !is_printable(id)) return false;
+    std::copy(id.begin(), id.end(), talk_.identifier);
+    talk_.identifier[id.size()] = 0;
     scan::for_each_element(rest, ';', [&](std::string_view parameter) {
         const scan::pair pair = scan::split(parameter, '=');
         if (pair.key == "timeout") timeout_ = scan::decimal(pair.value);
@@ -393,57 +368,59 @@ bool Rtsp::take_session(const header_s* header) noexcept {
     return true;
 }
 
-// What the server leaves out stays as it was asked for.
-bool Rtsp::take_transport(trak_t* trak, const char* value) noexcept {
-    if (!value) return true;
-    const owned_transport read(sdp_parse_transport(value, file_, line_));
-    if (!read) return false;
-    trak->server_ssrc = read->ssrc;
-    if (trak->protocol == protocol_t::rtp_tcp) {
-        const bool has_channel = std::strstr(value, "interleaved=");
-        if (has_channel && read->client_port <= max_channel) trak->channel = static_cast<uint8_t>(read->client_port);
-        return has_channel || read->tcp;
-    }
-    if (read->server_port && read->server_port <= max_port)
-        trak->server_port = static_cast<uint16_t>(read->server_port);
-    trak->source.reset(std::exchange(read->source, nullptr));
-    if (read->destination) trak->destination.reset(std::exchange(read->destination, nullptr));
-    if (trak->protocol == protocol_t::rtp_multicast) return trak->destination && trak->server_port;
-    return !read->tcp;
-}
-
-void Rtsp::take_play(header_s* header) noexcept {
-    if (!header) {
-        ask_play(nullptr);
-        return;
-    }
+void client::take_play(header_s* header) noexcept {
     step_ = step_t::playing;
-    playing_ = true;
-    take_rtp_info(field(header, "RTP-Info"));
-    raise(event_t::rtsp_play);
+    talk_.playing = true;
+    stream_.take_start(field(header, "RTP-Info"), frames_.play_time());
+    talk_.raise(event_t::rtsp_play);
 }
 
-void Rtsp::take_pause(header_s* header) noexcept {
-    if (!header) {
-        ask_pause(nullptr);
-        return;
-    }
-    playing_ = false;
-    flush();
-    raise(event_t::rtsp_pause);
+void client::take_pause(header_s*) noexcept {
+    talk_.playing = false;
+    frames_.flush();
+    talk_.raise(event_t::rtsp_pause);
 }
 
-void Rtsp::take_teardown(header_s* header) noexcept {
-    if (!header) {
-        ask_teardown(nullptr);
-        return;
-    }
-    flush();
-    playing_ = false;
-    for (uint32_t i = 0; i < trak_count_; ++i)
-        traks_[i]->set_up = 0;
-    *session_ = 0;
-    raise(event_t::rtsp_stop);
+void client::take_teardown(header_s*) noexcept {
+    frames_.flush();
+    talk_.playing = false;
+    for (track_t* each : talk_.tracks())
+        each->set_up = 0;
+    *talk_.identifier = 0;
+    talk_.raise(event_t::rtsp_stop);
+}
+
+// The two requests of a tunnel
+
+int client::ask_get(track_t*) noexcept {
+    if (!may_ask()) return 0;
+    step_ = step_t::tunnel;
+    const char* path = path_of(talk_.location.get());
+    request opening("GET", path, "HTTP/1.0", ++next_cseq_);
+    tunnel_.put_get(opening);
+    add_credentials(opening, "GET", path);
+    if (!repeating_) talk_.raise(event_t::tunnel_get);
+    return send_pending(get, opening, nullptr, nullptr);
+}
+
+void client::take_get(header_s*) noexcept {
+    if (step_ != step_t::tunnel) return;
+    step_ = step_t::none;
+    out_.bytes().length = 0;
+    talk_.raise(event_t::tunnel_post);
+    ask_post();
+    if (talk_.ended) return;
+    out_.set_base64(true);
+    ask_options(nullptr);
+}
+
+void client::ask_post() noexcept {
+    if (!may_ask()) return;
+    const char* path = path_of(talk_.location.get());
+    request post("POST", path, "HTTP/1.0", ++next_cseq_);
+    tunnel_.put_post(post);
+    add_credentials(post, "POST", path);
+    if (!out_.send(post.header(), nullptr)) failed("POST", 0, "no memory");
 }
 
 }  // namespace rtsp3

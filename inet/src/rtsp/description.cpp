@@ -1,4 +1,3 @@
-// What a server says of its stream: the description (RFC 4566), where it stands, and how it starts.
 #include "rtsp/client.h"
 #include "scan.h"
 
@@ -10,6 +9,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 namespace rtsp3 {
 
@@ -61,80 +61,80 @@ bool is_group(std::string_view address) noexcept {
 
 }  // namespace
 
-// False when memory is out.
-bool Rtsp::take_content_base(const header_s* header) noexcept {
+bool description::take(const header_s* header) noexcept {
+    const core::owned_text text(
+        core_strndup(reinterpret_cast<const char*>(talk_.body.data), talk_.body.size, talk_.file, talk_.line));
+    core_log_print(talk_.log, "%u: sdp:\n%s", static_cast<unsigned>(talk_.number), text ? text.get() : "");
+    if (!take_base(header) || (talk_.body.size && !text)) return false;
+    if (!text) return true;
+    const std::unique_ptr<net::sdp::sdp_t, sdp_deleter> sdp(sdp_parse(text.get(), talk_.file, talk_.line));
+    if (!sdp) return false;
+    for (net::sdp::trak_t** media = sdp->traks; media && *media; ++media) {
+        if (talk_.trak_total == max_traks) {
+            core_log_print(talk_.log, "%d: more than %u tracks", talk_.number, max_traks);
+            break;
+        }
+        if (!add(**media)) return false;
+    }
+    return true;
+}
+
+bool description::take_base(const header_s* header) noexcept {
     base_.reset();
     for (const char* name : {"Content-Base", "Content-Location"}) {
         const char* value = field(header, name);
         if (!value || !is_absolute(value) || !is_request_uri(value)) continue;
-        base_.reset(core_strdup(value, file_, line_));
+        base_.reset(core_strdup(value, talk_.file, talk_.line));
         return base_ != nullptr;
     }
     return true;
 }
 
-// What PLAY and what follows it ask for (RFC 2326, C.3).
-const char* Rtsp::aggregate_uri() const noexcept { return base_ ? base_.get() : uri_.get(); }
-
-// False when memory is out. A description that says nothing leaves no track.
-bool Rtsp::take_description(const char* text) noexcept {
-    if (!text) return true;
-    const std::unique_ptr<net::sdp::sdp_t, sdp_deleter> sdp(sdp_parse(text, file_, line_));
-    if (!sdp) return false;
-    for (net::sdp::trak_t** media = sdp->traks; media && *media; ++media) {
-        if (trak_count_ == max_traks) {
-            core_log_print(log_, "%d: more than %u tracks", id_, max_traks);
-            break;
-        }
-        if (!add_described(**media)) return false;
-    }
-    return true;
-}
-
-bool Rtsp::add_described(const net::sdp::trak_t& media) noexcept {
-    core::owned_object<trak_t> trak(core::create<trak_t>(file_, line_));
-    if (!trak) return false;
-    trak->gathered = core::create<trak_t::gathered_t>(file_, line_);
-    trak->name.reset(core_strdup(media.media ? media.media : "", file_, line_));
-    trak->control.reset(core_strdup(media.control, file_, line_));
-    trak->uri = control_uri(media.control);
-    if (!trak->gathered || !trak->name || (media.control && !trak->control) || !trak->uri) return false;
-    trak->media = trak->name.get();
-    trak->channel = static_cast<uint8_t>(2 * trak_count_);
-    trak->rate = media.clock_rate;
-    trak->channels = media.channels;
+bool description::add(const net::sdp::trak_t& media) noexcept {
+    core::owned_object<track_t> track(core::create<track_t>(talk_.file, talk_.line));
+    if (!track) return false;
+    track->gathered.reset(core::create<gathered_t>(talk_.file, talk_.line));
+    track->name.reset(core_strdup(media.media ? media.media : "", talk_.file, talk_.line));
+    track->control.reset(core_strdup(media.control, talk_.file, talk_.line));
+    track->uri = control_uri(media.control);
+    if (!track->gathered || !track->name || (media.control && !track->control) || !track->uri) return false;
+    track->media = track->name.get();
+    track->channel = static_cast<uint8_t>(2 * talk_.trak_total);
+    track->rate = media.clock_rate;
+    track->channels = media.channels;
     if (media.connection && is_group(media.connection)) {
-        trak->destination.reset(core_strndup(media.connection, std::strcspn(media.connection, "/"), file_, line_));
-        trak->server_port = static_cast<uint16_t>(media.port <= max_port ? media.port : 0);
+        track->destination.reset(
+            core_strndup(media.connection, std::strcspn(media.connection, "/"), talk_.file, talk_.line));
+        track->server_port = static_cast<uint16_t>(media.port <= max_port ? media.port : 0);
     }
 
     const encoding_t* encoding = find_encoding(media);
     if (encoding) {
-        trak->fcc = encoding->fcc;
-        if (!trak->rate) trak->rate = encoding->clock_rate;
-        if (trak->fcc == av::fcc_mp4a) sdp_parse_config(media.config, &trak->config, file_, line_);
-        if (trak->fcc == av::fcc_h264)
-            sdp_parse_sprop_parameter_sets(media.sprop_parameter_sets, &trak->parameter_sets, file_, line_);
-        trak->gathered->sets_changed = trak->parameter_sets.length > 0;
+        track->fcc = encoding->fcc;
+        if (!track->rate) track->rate = encoding->clock_rate;
+        if (track->fcc == av::fcc_mp4a) sdp_parse_config(media.config, &track->config, talk_.file, talk_.line);
+        if (track->fcc == av::fcc_h264)
+            sdp_parse_sprop_parameter_sets(media.sprop_parameter_sets, &track->parameter_sets, talk_.file, talk_.line);
+        track->gathered->sets_changed = track->parameter_sets.length > 0;
     }
-    if (encoding && media.pt < 128 && !rtp_.get_trak_pt(static_cast<uint8_t>(media.pt)) &&
-        is_request_uri(trak->uri.get())) {
-        trak->rtp = rtp_.add_trak(static_cast<uint8_t>(media.pt), trak->fcc);
-        if (!trak->rtp) return false;
-        trak->rtp->clock_rate = trak->rate;
-        trak->wanted = 1;
+    if (encoding && media.pt < 128 && !talk_.rtp.get_trak_pt(static_cast<uint8_t>(media.pt)) &&
+        is_request_uri(track->uri.get())) {
+        track->rtp = talk_.rtp.add_trak(static_cast<uint8_t>(media.pt), track->fcc);
+        if (!track->rtp) return false;
+        track->rtp->clock_rate = track->rate;
+        track->wanted = 1;
     }
-    traks_[trak_count_++] = trak.release();
+    talk_.add(std::move(track));
     return true;
 }
 
 // Appended to the base, as servers mean it, and not resolved against it (RFC 3986, 5.2): bases often lack the last '/'.
-core::owned_text Rtsp::control_uri(const char* control) const noexcept {
-    const std::string_view base = scan::text(base_ ? base_.get() : content_base_.get());
+core::owned_text description::control_uri(const char* control) const noexcept {
+    const std::string_view base = scan::text(base_ ? base_.get() : talk_.content_base.get());
     const std::string_view value = scan::text(control);
     const auto print = [&](std::string_view front, const char* between, std::string_view back) {
-        return core::owned_text(core_sprintf(file_, line_, "%.*s%s%.*s", static_cast<int>(front.size()), front.data(),
-                                             between, static_cast<int>(back.size()), back.data()));
+        return core::owned_text(core_sprintf(talk_.file, talk_.line, "%.*s%s%.*s", static_cast<int>(front.size()),
+                                             front.data(), between, static_cast<int>(back.size()), back.data()));
     };
     if (value.empty() || value == "*") return print(aggregate_uri(), "", "");
     if (is_absolute(value)) {
@@ -148,37 +148,41 @@ core::owned_text Rtsp::control_uri(const char* control) const noexcept {
 }
 
 // Each entry goes to a track of its own, the one named exactly first: tracks of one medium may have one control value.
-void Rtsp::take_rtp_info(const char* value) noexcept {
+void description::take_start(const char* rtp_info, uint64_t play_time) noexcept {
     bool taken[max_traks] = {};
     // What has already come is more certain than what was announced.
-    const auto waits = [](const trak_t& trak) { return trak.rtp && trak.rtp->received == trak.gathered->before_play; };
-    for (uint32_t i = 0; i < trak_count_; ++i) {
-        if (!waits(*traks_[i])) continue;
-        traks_[i]->rtp->time = play_time_;
-        traks_[i]->gathered->started = false;
+    const auto waits = [](const track_t& track) {
+        return track.rtp && track.rtp->received == track.gathered->before_play;
+    };
+    for (track_t* each : talk_.tracks()) {
+        if (!waits(*each)) continue;
+        each->rtp->time = play_time;
+        each->gathered->started = false;
     }
-    const std::unique_ptr<net::sdp::rtp_info_s*, rtp_info_deleter> infos(sdp_parse_rtp_info(value, file_, line_));
+    const std::unique_ptr<net::sdp::rtp_info_s*, rtp_info_deleter> infos(
+        sdp_parse_rtp_info(rtp_info, talk_.file, talk_.line));
     for (net::sdp::rtp_info_s** info = infos.get(); info && *info; ++info) {
         const std::string_view url = scan::text((*info)->url);
-        trak_t* trak = trak_of_url(url, true, taken);
-        if (!trak) trak = trak_of_url(url, false, taken);
-        if (!trak) continue;
-        taken[std::find(traks_, traks_ + trak_count_, trak) - traks_] = true;
-        if (!waits(*trak)) continue;
+        track_t* track = track_of_url(url, true, taken);
+        if (!track) track = track_of_url(url, false, taken);
+        if (!track) continue;
+        taken[std::ranges::find(talk_.tracks(), track) - talk_.tracks().begin()] = true;
+        if (!waits(*track)) continue;
         const auto seq = scan::number(scan::text((*info)->seq));
         const auto rtptime = scan::number(scan::text((*info)->rtptime));
-        if (seq) trak->rtp->seq = static_cast<uint16_t>(*seq);
+        if (seq) track->rtp->seq = static_cast<uint16_t>(*seq);
         if (!rtptime) continue;
-        trak->rtp->rtp_time = trak->gathered->last_rtp_time = *rtptime;
-        trak->gathered->started = true;
+        track->rtp->rtp_time = track->gathered->last_rtp_time = *rtptime;
+        track->gathered->started = true;
     }
 }
 
-trak_t* Rtsp::trak_of_url(std::string_view url, bool exact, const bool* taken) noexcept {
-    for (uint32_t i = 0; i < trak_count_; ++i) {
-        const std::string_view control = scan::text(traks_[i]->control.get());
-        if (taken[i] || !traks_[i]->set_up) continue;
-        if (exact ? names_control(url, control) : url.find(control) != std::string_view::npos) return traks_[i];
+track_t* description::track_of_url(std::string_view url, bool exact, const bool* taken) const noexcept {
+    for (size_t i = 0; i < talk_.trak_total; ++i) {
+        track_t* const track = talk_.traks[i];
+        const std::string_view control = scan::text(track->control.get());
+        if (taken[i] || !track->set_up) continue;
+        if (exact ? names_control(url, control) : url.find(control) != std::string_view::npos) return track;
     }
     return nullptr;
 }

@@ -1,8 +1,10 @@
-// Cuts the stream into interleaved packets, headers and bodies (RFC 2326, 4 and 10.12).
-#include "rtsp/session.h"
+#include "rtsp/framing.h"
+
+#include "rtsp/tunnel.h"
 
 #include <algorithm>
 #include <charconv>
+#include <utility>
 
 namespace rtsp3 {
 
@@ -35,105 +37,122 @@ bool body_length(const header_s* header, uint32_t* length) noexcept {
 
 }  // namespace
 
-void Rtsp::process(buf_t* data) noexcept {
-    if (data && tunnel_ == tunnel_t::get_server) core_buf_ignore(data, data->length);
-    take(data);
-    buf_t none;
-    if (post_) post_->take(&none);  // what waited for this call to be through
-}
-
-// What process() takes, and what comes out of the POST connection of a tunnel.
-void Rtsp::take(buf_t* data) noexcept {
-    if (!data || running_) return;
-    const running call(*this);
-    const tunnel_t before = tunnel_;
+void framing::take(buf_t* data) noexcept {
+    if (!data || talk_.running) return;
+    const conversation::call running(talk_);
     uint32_t taken = 0;
-    serve_waiting();  // what found no memory the last time
-    while (!closed_ && taken < data->length && receive_.length < max_waiting) {
+    dropping_ = false;
+    serve();  // what found no memory the last time
+    while (!talk_.ended && taken < data->length && !is_full()) {
         const uint32_t piece = std::min(data->length - taken, slice);
-        if (!core_buf_respace(&receive_, piece, file_, line_)) break;
-        core_buf_read(&receive_, data->data + taken, piece);
+        if (!core_buf_respace(&received_, piece, talk_.file, talk_.line)) break;
+        core_buf_read(&received_, data->data + taken, piece);
         taken += piece;
-        serve_waiting();
-        if (tunnel_ == tunnel_t::get_server && before != tunnel_) taken = data->length;
+        serve();
+        if (dropping_) taken = data->length;
     }
-    core_buf_ignore(data, closed_ ? data->length : taken);
+    core_buf_ignore(data, talk_.ended ? data->length : taken);
 }
 
-void Rtsp::serve_waiting() noexcept {
-    while (!closed_ && serve_next()) {
+void framing::resume() noexcept {
+    const conversation::call running(talk_);
+    serve();
+}
+
+void framing::serve() noexcept {
+    while (!talk_.ended && serve_next()) {
     }
-    core_buf_ignore(&receive_, used_);
+    core_buf_ignore(&received_, used_);
     used_ = 0;
 }
 
-bool Rtsp::serve_next() noexcept {
+bool framing::serve_next() noexcept {
     if (held_) return serve_held();
-    if (tunnel_ == tunnel_t::post_server) return decode_tunnel();
-    if (receive_.length - used_ <= interleaved_header) return false;
-    return receive_.data[used_] == '$' ? take_interleaved() : take_header();
+    if (taker_.take_encoded()) return false;
+    if (received_.length - used_ <= rtp::interleaved_header) return false;
+    if (received_.data[used_] == '$') return cut_packet();
+    if (taker_.is_ready()) return cut_header();
+    if (received_.length - used_ >= max_waiting) talk_.fail("too much comes while an answer is owed");
+    return false;
 }
 
-bool Rtsp::take_interleaved() noexcept {
-    uint8_t* packet = receive_.data + used_;
+bool framing::cut_packet() noexcept {
+    uint8_t* packet = received_.data + used_;
     const uint32_t length = static_cast<uint32_t>(packet[2]) << 8 | packet[3];
-    if (receive_.length - used_ < interleaved_header + length) return false;
-    process_rtp(packet[1], buffer_t{packet + interleaved_header, length});
-    used_ += interleaved_header + length;
+    if (received_.length - used_ < rtp::interleaved_header + length) return false;
+    taker_.take_packet(packet[1], buffer_t{packet + rtp::interleaved_header, length});
+    used_ += rtp::interleaved_header + length;
     return true;
 }
 
-bool Rtsp::take_header() noexcept {
-    const std::string_view waiting(reinterpret_cast<const char*>(receive_.data) + used_, receive_.length - used_);
+bool framing::cut_header() noexcept {
+    const std::string_view waiting(reinterpret_cast<const char*>(received_.data) + used_, received_.length - used_);
     const size_t end = waiting.substr(0, max_header).find("\r\n\r\n");
     if (end == std::string_view::npos) {
-        if (waiting.size() >= max_header) fail("header without an end");
+        if (waiting.size() >= max_header) talk_.fail("header without an end");
         return false;
     }
     const int size = static_cast<int>(end + 4);
-    header_s* header = http_header_parse(waiting.data(), static_cast<unsigned>(size), file_, line_);
+    header_s* header = http_header_parse(waiting.data(), static_cast<unsigned>(size), talk_.file, talk_.line);
     if (!header) return false;  // no memory: the next bytes try again
-    core_log_print(log_, "%u: recv\n%.*s", static_cast<unsigned>(id_), size, waiting.data());
+    core_log_print(talk_.log, "%u: recv\n%.*s", static_cast<unsigned>(talk_.number), size, waiting.data());
     used_ += static_cast<uint32_t>(size);
     if (!header->method && !header->status) {
-        core_log_print(log_, "rtsp header parse failed:\n%.*s", size, waiting.data());
+        core_log_print(talk_.log, "rtsp header parse failed:\n%.*s", size, waiting.data());
         core_con_printf(0, "rtsp header parse failed:\n%.*s", size, waiting.data());
         http_header_free(header);
-        count_senseless();
-        return !closed_;
+        taker_.take_nonsense();
+        return !talk_.ended;
     }
     held_ = header;
     return serve_held();
 }
 
-bool Rtsp::serve_held() noexcept {
-    if (!process_header(held_)) return false;
+bool framing::serve_held() noexcept {
+    if (!take_header(held_)) return false;
     http_header_free(held_);
     return true;
 }
 
-int Rtsp::process_header(header_s* header) noexcept {
-    if (!header || closed_) return 1;
-    const running call(*this);
-    uint32_t body = 0;
-    if (!has_no_body(header) && !body_length(header, &body)) {
-        if (!header->status) {
-            remember_cseq(header);
-            send_error(400);
-        }
-        fail("body without a usable length");
-        return 1;
+bool framing::take_header(header_s* header) noexcept {
+    if (!header || talk_.ended) return true;
+    if (!taker_.is_ready()) return false;
+    const conversation::call running(talk_);
+    uint32_t size = 0;
+    if (!taker_.has_no_body(header) && !body_length(header, &size)) {
+        taker_.refuse(header);
+        talk_.fail("body without a usable length");
+        return true;
     }
-    if (receive_.length - used_ < body) return 0;
-    body_ = buffer_t{receive_.data + used_, body};
-    used_ += body;
-    if (header->status) {
-        serve_response(header);
-    } else {
-        serve_request(header);
-    }
-    body_ = {};
-    return 1;
+    if (received_.length - used_ < size) return false;
+    talk_.body = buffer_t{received_.data + used_, size};
+    used_ += size;
+    taker_.take_message(header);
+    talk_.body = {};
+    return true;
+}
+
+void framing::drop_rest() noexcept {
+    used_ = received_.length;
+    dropping_ = true;
+}
+
+int framing::decode(buf_t* out) noexcept {
+    if (used_ == received_.length) return 1;
+    buf_t text{received_.data + used_, received_.size - used_, received_.length - used_};
+    const int decoded = decode_base64_stream(&text, out, talk_.file, talk_.line);
+    received_.length = used_ + text.length;
+    return decoded;
+}
+
+void framing::forget() noexcept {
+    if (held_) http_header_free(held_);
+    received_.length = used_ = 0;
+}
+
+void framing::free() noexcept {
+    forget();
+    core_buf_free(&received_);
 }
 
 }  // namespace rtsp3

@@ -1,6 +1,4 @@
-// Answers requests (RFC 2326, 10).
-#include "rtsp/session.h"
-#include "rtsp/transport.h"
+#include "rtsp/server.h"
 
 #include "common/digest.h"
 #include "core/text.h"
@@ -9,315 +7,357 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <cstring>
-#include <span>
+#include <iterator>
+#include <utility>
 
 namespace rtsp3 {
-
-using net::http::header_s;
 
 namespace {
 
 std::atomic<uint32_t> next_session{0};
 
-bool ends_with_segment(std::string_view path, std::string_view segment) noexcept {
-    while (path.ends_with('/'))
-        path.remove_suffix(1);
-    if (!path.ends_with(segment)) return false;
-    path.remove_suffix(segment.size());
-    return path.empty() || path.ends_with('/');
-}
-
-void print_transport(const trak_t& trak, const char* destination, unsigned port, std::span<char> out) noexcept {
-    switch (trak.protocol) {
-        case protocol_t::rtp_tcp:
-            std::snprintf(out.data(), out.size(), "RTP/AVP/TCP;unicast;interleaved=%u-%u", unsigned{trak.channel},
-                          trak.channel + 1U);
-            return;
-        case protocol_t::rtp_udp:
-            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;unicast;client_port=%u-%u;server_port=%u-%u;",
-                          unsigned{trak.client_port}, trak.client_port + 1U, port, port + 1);
-            return;
-        case protocol_t::rtp_multicast:
-            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;multicast;destination=%s;port=%u-%u", destination, port,
-                          port + 1);
-            return;
-    }
-}
+constexpr uint32_t nonce_length = 46;
+constexpr uint8_t first_dynamic_pt = 96;
 
 }  // namespace
 
-bool names_control(std::string_view uri, std::string_view control) noexcept {
-    return ends_with_segment(uri, control) || ends_with_segment(uri.substr(0, uri.find('?')), control);
+server::server(conversation& of, outbox& out, tunnel& by) noexcept
+    : talk_(of), out_(out), tunnel_(by), frames_(of, out), next_pt_(first_dynamic_pt) {
+    talk_.rtp.set_handler(&frames_);
 }
 
-struct Rtsp::method_t {
+bool server::set_credentials(const char* user, const char* password) noexcept {
+    gate_ = user != nullptr;
+    user_.reset(core_strdup(user, talk_.file, talk_.line));
+    password_.reset(core_strdup(gate_ && !password ? "" : password, talk_.file, talk_.line));
+    nonce_.reset(gate_ ? common_srand(nonce_length, talk_.file, talk_.line) : nullptr);
+    return !gate_ || (user_ && password_ && nonce_);
+}
+
+trak_t* server::add_trak(uint32_t fcc, const char* name, const char* file, int line) noexcept {
+    const format_t* format = find_format(fcc);
+    if (!format || talk_.ended || talk_.at_work || talk_.trak_total == max_traks) return nullptr;
+    const uint8_t pt = format->pt ? format->pt : next_pt_;
+    if (talk_.rtp.get_trak_pt(pt)) return nullptr;
+
+    core::owned_object<track_t> track(core::create<track_t>(file, line));
+    if (!track) return nullptr;
+    track->fcc = fcc;
+    track->media = format->media;
+    track->name.reset(core_strdup(name, file, line));
+    if (name && !track->name) return nullptr;
+    track->rtp = talk_.rtp.add_trak(pt, fcc);
+    if (!track->rtp) return nullptr;
+    track->rtp->clock_rate = format->clock_rate;
+    if (!format->pt) ++next_pt_;
+    talk_.add(std::move(track));
+    return talk_.tracks().back();
+}
+
+void server::forget_tracks() noexcept {
+    next_pt_ = first_dynamic_pt;
+    owed_trak_ = nullptr;
+}
+
+void server::forget() noexcept {
+    forget_tracks();
+    owed_ = owed_t::nothing;
+}
+
+// Requests
+
+struct server::method_t {
     std::string_view name;
-    void (Rtsp::*serve)(header_s*) noexcept;
+    void (server::*serve)(header_s*) noexcept;
     bool needs_admission;
     bool in_session;  ///< a Session field must be that of this conversation
-    bool by_servers;  ///< a client answers it too
 };
 
-void Rtsp::remember_cseq(const header_s* header) noexcept {
-    const char* value = field(header, "CSeq");
-    const bool usable = value && core_strlen(value) < sizeof cseq_ && is_printable(value);
-    std::snprintf(cseq_, sizeof cseq_, "%s", usable ? value : "");
-}
-
-void Rtsp::serve_request(header_s* header) noexcept {
+void server::serve(header_s* header) noexcept {
     static constexpr method_t methods[] = {
-        {"OPTIONS", &Rtsp::process_options, false, false, true},
-        {"DESCRIBE", &Rtsp::process_describe, true, false, false},
-        {"SETUP", &Rtsp::process_setup, true, true, false},
-        {"PLAY", &Rtsp::process_play, true, true, false},
-        {"PAUSE", &Rtsp::process_pause, true, true, false},
-        {"GET_PARAMETER", &Rtsp::process_get_parameter, true, true, true},
-        {"SET_PARAMETER", &Rtsp::process_set_parameter, true, true, true},
-        {"GET", &Rtsp::process_get, false, false, false},
-        {"POST", &Rtsp::process_post, false, false, false},
-        {"TEARDOWN", &Rtsp::process_teardown, true, true, false},
+        {"OPTIONS", &server::options, false, false},
+        {"DESCRIBE", &server::describe_stream, true, false},
+        {"SETUP", &server::set_up, true, true},
+        {"PLAY", &server::play, true, true},
+        {"PAUSE", &server::pause, true, true},
+        {"GET_PARAMETER", &server::parameter, true, true},
+        {"SET_PARAMETER", &server::parameter, true, true},
+        {"GET", &server::get, false, false},
+        {"POST", &server::post, false, false},
+        {"TEARDOWN", &server::teardown, true, true},
     };
-    ++activity_;
-    if (is_unread()) return fail("replies are not read");
-    remember_cseq(header);
-    const auto method = std::find_if(std::begin(methods), std::end(methods),
-                                     [&](const method_t& known) { return known.name == header->method; });
-    if (method == std::end(methods) || (role_ == role_t::client && !method->by_servers)) {
-        core_log_print(log_, "%d: method is not served: %s", id_, header->method);
+    owed_ = owed_t::nothing;
+    const auto* const method =
+        std::ranges::find_if(methods, [&](const method_t& known) { return known.name == header->method; });
+    if (method == std::end(methods)) {
+        core_log_print(talk_.log, "%d: method is not served: %s", talk_.number, header->method);
+    } else if (!header->uri || !is_printable(header->uri)) {
+        out_.send_error(400);
+    } else if (method->needs_admission && !admit(header)) {
         return;
+    } else if (method->in_session && !talk_.is_named(header)) {
+        out_.send_error(454);
+    } else {
+        (this->*method->serve)(header);
     }
-    if (!header->uri || !is_printable(header->uri)) {
-        send_error(400);
-        return;
-    }
-    if (method->needs_admission && !process_authorization(header)) return;
-    if (method->in_session && !in_session(header)) {
-        send_error(454);
-        return;
-    }
-    (this->*method->serve)(header);
 }
 
-int Rtsp::process_authorization(header_s* header) noexcept {
-    if (header && header->status) return repeat_with_credentials(header);
-    if (!gate_ || (header && is_admitted(header))) return 1;
-    core_log_print(log_, "%d: access denied", id_);
-    send_error(401);
-    return 0;
+// Reports tell that somebody is there; nothing in them changes what a server does.
+void server::take_rtp(unsigned channel, buffer_t packet) noexcept {
+    if (talk_.ended || talk_.at_work || !packet.data) return;
+    const track_t* const track = talk_.track_of_channel(channel);
+    if (track ? channel != track->channel : (channel & 1) != 0) ++talk_.received;
+}
+
+bool server::admit(const header_s* header) noexcept {
+    if (!gate_ || (header && is_admitted(header))) return true;
+    core_log_print(talk_.log, "%d: access denied", talk_.number);
+    out_.send_error(401, nonce_.get());
+    return false;
 }
 
 // Some players answer for the session's URI, with or without the slash of the base, in the requests of its tracks too.
-bool Rtsp::is_admitted(const header_s* header) const noexcept {
+bool server::is_admitted(const header_s* header) const noexcept {
     const char* answer = field(header, "Authorization");
     if (!answer || !nonce_) return false;
-    const char* const targets[] = {header->uri, uri_.get(), content_base_.get()};
-    return std::any_of(std::begin(targets), std::end(targets), [&](const char* target) {
-        return net_http_authenticate_check(answer, header->method, target, user_.get(), password_.get(), auth_realm,
+    const char* const targets[] = {header->uri, talk_.location.get(), talk_.content_base.get()};
+    return std::ranges::any_of(targets, [&](const char* target) {
+        return net_http_authenticate_check(answer, header->method, target, user_.get(), password_.get(), "inet",
                                            nonce_.get());
     });
 }
 
-// The conversation has one session at a time, so a request that names none means that one.
-bool Rtsp::in_session(const header_s* header) const noexcept {
-    const char* value = field(header, "Session");
-    if (!value) return true;
-    std::string_view id(value);
-    id = id.substr(0, id.find_first_of("; \t"));
-    return !id.empty() && id == session_;
-}
+void server::options(header_s*) noexcept { out_.send_methods(); }
 
-void Rtsp::process_options(header_s* header) noexcept {
-    if (!header || header->status) return take_options(header);
-    reply ok(200, "OK", cseq_);
-    ok.put("Public", "OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE");
-    ok.put_date();
-    send_header(ok.header(), nullptr);
-}
-
-void Rtsp::process_describe(header_s* header) noexcept {
-    if (!header || header->status) return take_describe(header);
+void server::describe_stream(header_s* header) noexcept {
     const char* answer = field(header, "Authorization");
-    core::owned_text authorization(core_strdup(answer, file_, line_));
-    if ((answer && !authorization) || !set_uri(header->uri)) {
-        send_error(500);
+    core::owned_text authorization(core_strdup(answer, talk_.file, talk_.line));
+    if ((answer && !authorization) || !talk_.set_location(header->uri)) {
+        out_.send_error(500);
         return;
     }
     authorization_ = std::move(authorization);
-    clear_traks();
-    raise(event_t::open_server);
+    talk_.drop_tracks();
+    forget_tracks();
+    ask_owner(owed_t::description, event_t::open_server);
 }
 
-void Rtsp::process_setup(header_s* header) noexcept {
-    if (!header || header->status) return take_setup(header);
-    const char* alternatives = field(header, "Transport");
+void server::set_up(header_s* header) noexcept {
+    alternatives_.reset(core_strdup(field(header, "Transport"), talk_.file, talk_.line));
+    alternative_ = alternatives_.get();
     transport_choice choice;
-    unsigned refusal = choose_transport(&alternatives, file_, line_, &choice);
-    if (refusal == 400) {
-        send_error(400);
+    unsigned refusal = choose_transport(&alternative_, talk_.file, talk_.line, &choice);
+    if (!alternative_ && field(header, "Transport")) refusal = 500;
+    if (refusal == 400 || refusal == 500) {
+        out_.send_error(refusal);
         return;
     }
-    trak_t* trak = find_trak(header->uri);
-    if (!trak) refusal = 404;
-    while (refusal == 0) {
-        refused_ = false;
-        offer_setup(trak, choice);
-        if (!refused_) return;
-        refusal = choose_transport(&alternatives, file_, line_, &choice);
+    owed_trak_ = find_track(header->uri);
+    offer_setup(owed_trak_ ? refusal : 404, choice);
+}
+
+// Goes through the alternatives up to the first that the owner does not refuse.
+void server::offer_setup(unsigned refusal, transport_choice choice) noexcept {
+    while (refusal == 0 && !offer(choice)) {
+        refusal = choose_transport(&alternative_, talk_.file, talk_.line, &choice);
         if (refusal == 400) refusal = 461;
     }
-    send_error(refusal);
+    if (refusal == 0) return;
+    owed_trak_ = nullptr;
+    owed_ = owed_t::nothing;
+    out_.send_error(refusal);
 }
 
-// Refused, or not answered, the track is not set up, whatever it was before.
-void Rtsp::offer_setup(trak_t* trak, const transport_choice& choice) noexcept {
-    trak->set_up = 0;
-    trak->rtp->active = 0;
-    trak->shared = nullptr;
-    trak->protocol = protocol_ = choice.protocol;
-    trak->client_port = choice.client_port;
-    trak->channel = choice.has_channel ? choice.channel : default_channel(trak);
-    trak_ = trak;
-    raise(event_t::rtsp_setup);
-    refused_ = refused_ && trak_ == trak;  // it may be gone
-    trak_ = nullptr;
+// Refused, or not answered, the track is not set up, whatever it was before. False when it was refused.
+bool server::offer(const transport_choice& choice) noexcept {
+    track_t* const track = owed_trak_;
+    track->set_up = 0;
+    track->rtp->active = 0;
+    track->shared = nullptr;
+    track->protocol = talk_.transport = choice.protocol;
+    track->client_port = choice.client_port;
+    track->channel = choice.has_channel ? choice.channel : default_channel(*track);
+    refused_ = false;
+    ask_owner(owed_t::setup, event_t::rtsp_setup);
+    const bool stands = !talk_.ended && owed_ == owed_t::setup && owed_trak_ == track;
+    return !refused_ || !stands;
 }
 
-bool Rtsp::is_set_up() const noexcept {
-    return std::any_of(traks_, traks_ + trak_count_, [](const trak_t* trak) { return trak->set_up; });
+// The owner refused the alternative at hand after its event.
+void server::offer_next() noexcept {
+    transport_choice choice;
+    const unsigned refusal = choose_transport(&alternative_, talk_.file, talk_.line, &choice);
+    offer_setup(refusal == 400 ? 461 : refusal, choice);
+    if (!owes_answer()) talk_.settling = true;
 }
 
-uint8_t Rtsp::default_channel(const trak_t* trak) const noexcept {
-    return static_cast<uint8_t>(2 * (std::find(traks_, traks_ + trak_count_, trak) - traks_));
+uint8_t server::default_channel(const track_t& track) const noexcept {
+    return static_cast<uint8_t>(2 * (std::ranges::find(talk_.tracks(), &track) - talk_.tracks().begin()));
 }
 
 // Tracks of one medium have one control value: the first that waits for its SETUP is meant.
-trak_t* Rtsp::find_trak(const char* uri) noexcept {
-    core_log_print(log_, "%u: setup try find: %s", static_cast<unsigned>(id_), uri);
-    trak_t* found = nullptr;
-    for (uint32_t i = 0; i < trak_count_; ++i) {
-        trak_t* trak = traks_[i];
-        core_log_print(log_, "%u: setup try find: from %s", static_cast<unsigned>(id_), trak->media);
-        if (!names_control(uri, trak->media)) continue;
-        if (!trak->set_up) return trak;
-        if (!found) found = trak;
+track_t* server::find_track(const char* uri) noexcept {
+    const auto id = static_cast<unsigned>(talk_.number);
+    core_log_print(talk_.log, "%u: setup try find: %s", id, uri);
+    track_t* found = nullptr;
+    for (track_t* each : talk_.tracks()) {
+        core_log_print(talk_.log, "%u: setup try find: from %s", id, each->media);
+        if (!names_control(uri, each->media)) continue;
+        if (!each->set_up) return each;
+        if (!found) found = each;
     }
-    if (!found) core_log_print(log_, "%u: setup not found: %s", static_cast<unsigned>(id_), uri);
+    if (!found) core_log_print(talk_.log, "%u: setup not found: %s", id, uri);
     return found;
 }
 
-int Rtsp::send_setup(const char* destination, unsigned port) noexcept {
-    trak_t* trak = trak_;
-    if (!trak || closed_ || packing_) return 0;
-    if (role_ == role_t::client) return ask_setup_from(trak, port);
-    if (trak->protocol == protocol_t::rtp_multicast && (!destination || !*destination)) {
-        refused_ = !trak->set_up;
+void server::play(header_s*) noexcept {
+    if (!talk_.is_set_up()) {
+        out_.send_error(455);
+        return;
+    }
+    ask_owner(owed_t::playing, event_t::rtsp_play);
+}
+
+void server::pause(header_s*) noexcept {
+    if (!talk_.is_set_up()) {
+        out_.send_error(455);
+        return;
+    }
+    talk_.playing = false;
+    out_.send_ok();
+    talk_.raise(event_t::rtsp_pause);
+}
+
+void server::parameter(header_s*) noexcept { out_.send_ok(); }
+
+void server::teardown(header_s*) noexcept {
+    out_.send_ok();
+    talk_.playing = false;
+    for (track_t* each : talk_.tracks())
+        each->set_up = each->rtp->active = 0;
+    *talk_.identifier = 0;
+    talk_.raise(event_t::rtsp_stop);
+}
+
+// Answers
+
+void server::ask_owner(owed_t what, event_t::enum_t event) noexcept {
+    owed_ = talk_.handler ? what : owed_t::nothing;
+    asking_ = true;
+    talk_.raise(event);
+    asking_ = false;
+}
+
+bool server::owes(owed_t what) const noexcept { return !talk_.ended && (owed_ == what || owed_ == owed_t::anything); }
+
+// Sent or, for want of memory, left out as any message: requests are served again.
+void server::answered() noexcept {
+    if (!owes_answer()) return;
+    owed_ = owed_t::nothing;
+    owed_trak_ = nullptr;
+    if (!asking_) talk_.settling = true;
+}
+
+int server::send_sdp(const char* s1, const char* s2, const char* s3, uint64_t start_us, uint64_t end_us) noexcept {
+    if (!owes(owed_t::description)) return 0;
+    answered();
+    if (!s1 || !s2 || !s3) {
+        core_log_print(talk_.log, "%u: sender %s not found", static_cast<unsigned>(talk_.number),
+                       talk_.location ? talk_.location.get() : "");
+        return out_.send_error(404);
+    }
+    const core::owned_text name(core_sprintf(talk_.file, talk_.line, "%s %s %s", s1, s2, s3));
+    const core::owned_text sdp(name ? describe(talk_, name.get(), start_us, end_us) : nullptr);
+    if (!sdp) return 0;
+    const std::string_view text(sdp.get());
+    reply ok(200, "OK", talk_.cseq);
+    ok.put("Content-Base", talk_.content_base ? talk_.content_base.get() : "");
+    ok.put("Content-Type", "application/sdp");
+    ok.put_number("Content-Length", static_cast<uint32_t>(text.size()));
+    core_log_print(talk_.log, "%u: sdp:\n%s", static_cast<unsigned>(talk_.number), sdp.get());
+    return out_.send(ok.header(), nullptr, text);
+}
+
+int server::send_setup(const char* destination, unsigned port) noexcept {
+    track_t* const track = owed_trak_;
+    if (!owes(owed_t::setup) || !track) return 0;
+    if (track->protocol == protocol_t::rtp_multicast && (!destination || !*destination)) {
+        refused_ = true;
+        if (!asking_) offer_next();
         return 0;
     }
-    if (!*session_) std::snprintf(session_, sizeof session_, "%u", ++next_session);
+    answered();
+    if (!*talk_.identifier) std::snprintf(talk_.identifier, sizeof talk_.identifier, "%u", ++next_session);
     char transport[160];
-    print_transport(*trak, destination, port, transport);
-    reply ok(200, "OK", cseq_);
-    ok.put("Session", session_);
+    print_granted(*track, destination, port, transport);
+    reply ok(200, "OK", talk_.cseq);
+    ok.put("Session", talk_.identifier);
     ok.put("Transport", transport);
-    // The stream stands before the reply goes out: its event may already bring frames.
-    trak->server_port = static_cast<uint16_t>(port);
-    draw_stream(trak);
-    trak->set_up = trak->rtp->active = 1;
-    if (send_header(ok.header(), nullptr)) return 1;
-    trak->set_up = trak->rtp->active = 0;
+    // The stream stands before the reply goes out: its event may already bring frames, or take the track away.
+    track->server_port = static_cast<uint16_t>(port);
+    draw_stream(*track);
+    track->set_up = track->rtp->active = 1;
+    if (out_.send(ok.header(), nullptr)) return 1;
+    track->set_up = track->rtp->active = 0;
     return 0;
 }
 
-void Rtsp::share_stream(const rtp::trak_t* shared) noexcept {
-    if (trak_ && role_ == role_t::server && trak_->protocol == protocol_t::rtp_multicast) trak_->shared = shared;
+void server::share_stream(const rtp::trak_t* shared) noexcept {
+    if (owed_trak_ && owed_trak_->protocol == protocol_t::rtp_multicast) owed_trak_->shared = shared;
 }
 
 // A stream of its own: nothing of an earlier one goes on, and its first packets bring a report (RFC 3550, 5.1 and 6.2).
-void Rtsp::draw_stream(trak_t* trak) noexcept {
+void server::draw_stream(trak_t& trak) noexcept {
     const auto taken = [&](uint32_t ssrc) {
-        return ssrc == 0 || std::any_of(traks_, traks_ + trak_count_,
-                                        [&](const trak_t* other) { return other != trak && other->rtp->ssrc == ssrc; });
+        return ssrc == 0 || std::ranges::any_of(talk_.tracks(), [&](const track_t* other) {
+                   return other != &trak && other->rtp->ssrc == ssrc;
+               });
     };
     do {
-        common_random(&trak->rtp->ssrc, sizeof trak->rtp->ssrc);
-    } while (taken(trak->rtp->ssrc));
-    common_random(&trak->rtp->seq, sizeof trak->rtp->seq);
-    trak->rtp->next_rtcp = 0;
-    trak->rtp->packets = trak->rtp->octets = 0;
+        common_random(&trak.rtp->ssrc, sizeof trak.rtp->ssrc);
+    } while (taken(trak.rtp->ssrc));
+    common_random(&trak.rtp->seq, sizeof trak.rtp->seq);
+    trak.rtp->next_rtcp = 0;
+    trak.rtp->packets = trak.rtp->octets = 0;
 }
 
-void Rtsp::process_play(header_s* header) noexcept {
-    if (!header || header->status) return take_play(header);
-    if (!is_set_up()) {
-        send_error(455);
-        return;
-    }
-    playing_ = true;
-    answered_ = false;
-    raise(event_t::rtsp_play);
-    if (!answered_) playing_ = false;
-}
-
-int Rtsp::send_play(uint64_t time_us) noexcept {
-    if (closed_) return 0;
-    reply ok(200, "OK", cseq_);
-    ok.put("Session", session_);
+int server::send_play(uint64_t time_us) noexcept {
+    const bool asked = owes_answer();
+    if (!owes(owed_t::playing) || (asked && !talk_.is_set_up())) return 0;
+    answered();
+    reply ok(200, "OK", talk_.cseq);
+    ok.put("Session", talk_.identifier);
     ok.put("RTP-Info", rtp_info(time_us).get());
     ok.put_date();
-    answered_ = true;
-    if (send_header(ok.header(), nullptr)) return 1;
-    answered_ = false;
+    // Before the reply goes out, as its event may already bring frames.
+    talk_.playing = asked && ok.header();
+    if (out_.send(ok.header(), nullptr)) return 1;
+    talk_.playing = false;
     return 0;
 }
 
 // The first entry has no rtptime; players take that of its first packet.
-core::owned_text Rtsp::rtp_info(uint64_t time_us) const noexcept {
+core::owned_text server::rtp_info(uint64_t time_us) const noexcept {
     core::owned_text info;
-    for (uint32_t i = 0; i < trak_count_; ++i) {
-        const trak_t* trak = traks_[i];
-        const char* base = content_base_ ? content_base_.get() : "";
-        const uint16_t seq = trak->shared ? trak->shared->seq : trak->rtp->seq;
-        if (i == 0) {
-            info.reset(core_sprintf(file_, line_, "url=%s%s;seq=%hu", base, trak->media, seq));
+    const char* const base = talk_.content_base ? talk_.content_base.get() : "";
+    for (const track_t* each : talk_.tracks()) {
+        const uint16_t seq = each->shared ? each->shared->seq : each->rtp->seq;
+        if (!info) {
+            info.reset(core_sprintf(talk_.file, talk_.line, "url=%s%s;seq=%hu", base, each->media, seq));
         } else {
-            info.reset(core_sprintf(file_, line_, "%s,url=%s%s;seq=%hu;rtptime=%u", info.get(), base, trak->media, seq,
-                                    rtp::timestamp(time_us, trak->rtp->clock_rate)));
+            info.reset(core_sprintf(talk_.file, talk_.line, "%s,url=%s%s;seq=%hu;rtptime=%u", info.get(), base,
+                                    each->media, seq, rtp::timestamp(time_us, each->rtp->clock_rate)));
         }
         if (!info) return nullptr;
     }
     return info;
 }
 
-void Rtsp::process_pause(header_s* header) noexcept {
-    if (!header || header->status) return take_pause(header);
-    if (!is_set_up()) {
-        send_error(455);
-        return;
-    }
-    playing_ = false;
-    send_ok();
-    raise(event_t::rtsp_pause);
-}
-
-void Rtsp::process_get_parameter(header_s* header) noexcept {
-    if (!header) ask_get_parameter(nullptr);
-    if (header && !header->status) send_ok();
-}
-
-void Rtsp::process_set_parameter(header_s* header) noexcept {
-    if (!header) ask_set_parameter(nullptr);
-    if (header && !header->status) send_ok();
-}
-
-void Rtsp::process_teardown(header_s* header) noexcept {
-    if (!header || header->status) return take_teardown(header);
-    send_ok();
-    playing_ = false;
-    for (uint32_t i = 0; i < trak_count_; ++i)
-        traks_[i]->set_up = traks_[i]->rtp->active = 0;
-    *session_ = 0;
-    raise(event_t::rtsp_stop);
+int server::send_error(unsigned code) noexcept {
+    if (talk_.ended || owed_ == owed_t::nothing) return 0;
+    if (owed_ == owed_t::playing) talk_.playing = false;
+    answered();
+    return out_.send_error(code, nonce_.get());
 }
 
 }  // namespace rtsp3

@@ -1,15 +1,24 @@
 #include "rtsp/transport.h"
 
-#include "rtsp/session.h"
+#include "rtsp/conversation.h"
 
 #include "core/owned.h"
 #include "core/text.h"
+#include "inet/net_sdp.h"
 
+#include <cstdio>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 namespace rtsp3 {
 
 namespace {
+
+struct transport_deleter {
+    void operator()(net::sdp::transport_t* transport) const noexcept { sdp_free_transport(transport); }
+};
+using owned_transport = std::unique_ptr<net::sdp::transport_t, transport_deleter>;
 
 /// "RTP/AVP", "RTP/AVP/UDP" or "RTP/AVP/TCP" at the start of an alternative.
 bool is_profile(const char* text, const char* profile) noexcept {
@@ -54,6 +63,54 @@ unsigned choose_transport(const char** value, const char* file, int line, transp
         if (result == 0) break;
     }
     return result;
+}
+
+void print_granted(const trak_t& trak, const char* destination, unsigned port, std::span<char> out) noexcept {
+    switch (trak.protocol) {
+        case protocol_t::rtp_tcp:
+            return print_asked(trak, out);
+        case protocol_t::rtp_udp:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;unicast;client_port=%u-%u;server_port=%u-%u;",
+                          unsigned{trak.client_port}, trak.client_port + 1U, port, port + 1);
+            return;
+        case protocol_t::rtp_multicast:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;multicast;destination=%s;port=%u-%u", destination, port,
+                          port + 1);
+            return;
+    }
+}
+
+void print_asked(const trak_t& trak, std::span<char> out) noexcept {
+    switch (trak.protocol) {
+        case protocol_t::rtp_tcp:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/TCP;unicast;interleaved=%u-%u", unsigned{trak.channel},
+                          trak.channel + 1U);
+            return;
+        case protocol_t::rtp_udp:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;unicast;client_port=%u-%u", unsigned{trak.client_port},
+                          trak.client_port + 1U);
+            return;
+        case protocol_t::rtp_multicast:
+            std::snprintf(out.data(), out.size(), "RTP/AVP/UDP;multicast");
+            return;
+    }
+}
+
+bool take_granted(trak_t& trak, const char* value, const char* file, int line) noexcept {
+    if (!value) return true;
+    const owned_transport read(sdp_parse_transport(value, file, line));
+    if (!read) return false;
+    trak.server_ssrc = read->ssrc;
+    if (trak.protocol == protocol_t::rtp_tcp) {
+        const bool has_channel = std::strstr(value, "interleaved=");
+        if (has_channel && read->client_port <= max_channel) trak.channel = static_cast<uint8_t>(read->client_port);
+        return has_channel || read->tcp;
+    }
+    if (read->server_port && read->server_port <= max_port) trak.server_port = static_cast<uint16_t>(read->server_port);
+    trak.source.reset(std::exchange(read->source, nullptr));
+    if (read->destination) trak.destination.reset(std::exchange(read->destination, nullptr));
+    if (trak.protocol == protocol_t::rtp_multicast) return trak.destination && trak.server_port;
+    return !read->tcp;
 }
 
 }  // namespace rtsp3

@@ -23,16 +23,16 @@ namespace media {
 
 /// The texts are copied.
 struct rtsp_settings_t {
-    uint16_t port = 8554;                 ///< 0 lets the system choose
-    const char* user = nullptr;           ///< with a password: every request but OPTIONS needs a Digest answer
+    uint16_t port = 8554;        ///< 0 lets the system choose
+    const char* user = nullptr;  ///< with a password: every request but OPTIONS needs a Digest answer
     const char* password = nullptr;
-    bool at_key = true;                   ///< players begin with the last key picture, else with the next one
-    uint32_t backlog = 2 * 1024 * 1024;   ///< bytes that may wait for a player
-    unsigned stall = 10;                  ///< seconds after which a player that takes next to nothing is dropped
-    unsigned timeout = 60;                ///< seconds without request or report after which a session ends
-    const char* multicast = nullptr;      ///< group; null for no multicast
-    uint16_t multicast_port = 5004;       ///< of the first track's RTP; RTCP and the other tracks follow
-    uint8_t ttl = 1;                      ///< hops that multicast goes
+    bool at_key = true;                  ///< players begin with the last key picture, else with the next one
+    uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a player
+    unsigned stall = 10;                 ///< seconds after which a player that takes next to nothing is dropped
+    unsigned timeout = 60;               ///< seconds without request or report after which a session ends
+    const char* multicast = nullptr;     ///< group; null for no multicast
+    uint16_t multicast_port = 5004;      ///< of the first track's RTP; RTCP and the other tracks follow
+    uint8_t ttl = 1;                     ///< hops that multicast goes
 };
 
 /// @return a service for station::add(); null when memory is out

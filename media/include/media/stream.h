@@ -100,6 +100,8 @@ public:
     stream& operator=(const stream&) = delete;
 
     const char* name() const noexcept;
+    /// A number that no other stream of the process has.
+    uint64_t id() const noexcept;
 
     /// Says what a track is, before its frames come: readers, descriptions and manifests wait for the formats of all
     /// declared tracks. The configuration is copied. A later call changes the format; readers are told in order. What
@@ -125,10 +127,9 @@ public:
     int ready() const noexcept;
 
     /// Has `wanted` called with 1 when the first cursor opens, and with 0 when the last one has been closed for
-    /// `linger` microseconds. The calls come from the station's control thread. Null ends it.
+    /// `linger` microseconds. The calls come from the station's control thread. Null ends it: when this returns, no
+    /// call runs any more. Not from inside such a call.
     void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
-    /// Somebody asks for the formats, and may come to read: counts as a reader that came and left.
-    void ask() noexcept;
 
     /// Media time of this moment, by the frames so far; 0 before the first.
     uint64_t now() const noexcept;
@@ -142,6 +143,7 @@ public:
 private:
     friend class cursor;
     explicit stream(inside* made) noexcept : inside_(made) {}
+    int take(const av::frame_t& frame, const timing_t& timing) noexcept;
     ~stream() = default;
 
     inside* inside_;

@@ -3,10 +3,8 @@
 namespace media::rtsp {
 
 int approach::begin(stream& from, bool at_key, uint64_t now) noexcept {
-    waiting_ = false;
-    began_ = now;
-    start_ = 0;
-    lag_ = longest_lag;
+    waiting_ = anchored_ = false;
+    first_ = 0;
     if (!place_.open(from, {.at_key = at_key})) return 0;
     look(now);  // the first frame, if there is one, gives the start
     return 1;
@@ -17,30 +15,38 @@ void approach::end() noexcept {
     waiting_ = false;
 }
 
+void approach::anchor(uint64_t now) noexcept {
+    if (!first_) first_ = entry_.frame.time;
+    anchored_ = true;
+    start_ = entry_.frame.time;
+    began_ = now;
+    lag_ = longest_lag + (now > entry_.arrival ? now - entry_.arrival : 0);
+}
+
+// Behind a gap, or behind pictures that were left out, pace and lag count anew.
 approach::step_t approach::look(uint64_t now) noexcept {
     while (!waiting_) {
         switch (place_.next(entry_)) {
             case read_t::frame:
                 waiting_ = true;
-                if (start_ != 0) break;
-                start_ = entry_.frame.time;
-                began_ = now;
-                lag_ = longest_lag + (now > entry_.arrival ? now - entry_.arrival : 0);
+                if (!anchored_) anchor(now);
                 break;
             case read_t::nothing:
                 return step_t::present;
             case read_t::lost:
+                anchored_ = false;
                 return step_t::lost;
             case read_t::ended:
                 return step_t::ended;
             case read_t::gap:
+                anchored_ = false;
+                break;
             case read_t::format:
                 break;
         }
     }
     if (entry_.arrival + lag_ < now) {
-        waiting_ = false;
-        lag_ = longest_lag;
+        waiting_ = anchored_ = false;
         place_.skip();
         return step_t::lost;
     }

@@ -38,16 +38,22 @@ public:
 
     /// Number of the frame that is shown next.
     uint64_t position() const noexcept { return waiting_ ? entry_.number : place_.position(); }
-    /// Media time of the first frame; 0 when none is held.
-    uint64_t first_time() const noexcept { return start_; }
+    /// Media time of the first frame; 0 when none has been held.
+    uint64_t first_time() const noexcept { return first_; }
+    /// Media time of the frame that is shown; 0 for none.
+    uint64_t next_time() const noexcept { return waiting_ ? entry_.frame.time : 0; }
 
 private:
+    void anchor(uint64_t now) noexcept;
+
     cursor place_;
     entry_t entry_;
     bool waiting_ = false;  ///< `entry_` was not taken yet
+    uint64_t first_ = 0;
+    bool anchored_ = false;  ///< the next three hold: pace and lag count from one frame
     uint64_t began_ = 0;
-    uint64_t start_ = 0;  ///< media time of the first frame
-    uint64_t lag_ = 0;    ///< the most that it may be behind
+    uint64_t start_ = 0;  ///< its media time
+    uint64_t lag_ = 0;    ///< the most that frames may be behind
     uint64_t due_ = 0;
 };
 

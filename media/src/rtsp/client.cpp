@@ -38,6 +38,7 @@ client_t::client_t(part_t& owner, net::Tcp* connection, rtsp3::Rtsp* session) no
 }
 
 client_t::~client_t() {
+    finished_ = true;
     stop_playing();
     leave_stream();
     if (rtsp_) owner_.of().open_tunnels().remove(*this);
@@ -120,7 +121,14 @@ uint64_t client_t::serve(uint64_t now) noexcept {
     if (describing_) {
         answer_describe(now);
         flush();
+        count_sharing();
         if (describing_) return now + soon;
+    }
+    if (playing_since_) {
+        answer_play(now);
+        flush();
+        count_sharing();
+        if (playing_since_) return now + soon;
     }
     return watching() ? come_up(now) : 0;
 }
@@ -163,6 +171,7 @@ bool client_t::go_live() noexcept {
 
 void client_t::stop_playing() noexcept {
     begun_ = false;
+    playing_since_ = 0;
     approach_.end();
     if (live_) live_->remove(*this);
     is_live_ = false;

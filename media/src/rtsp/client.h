@@ -47,7 +47,8 @@ private:
     void set_up() noexcept;
     void share(const rtsp3::trak_t& trak) noexcept;
     void play() noexcept;
-    void answer_play(uint64_t first) noexcept;
+    void answer_play(uint64_t now) noexcept;
+    void tell_play(uint64_t first) noexcept;
     void count_sharing() noexcept;
     void leave_stream() noexcept;
 
@@ -84,9 +85,11 @@ private:
     thread* leaving_to_ = nullptr;
     client_t* partner_ = nullptr;  ///< the other end of the tunnel
 
-    stream* stream_ = nullptr;  ///< held
-    uint64_t describing_ = 0;   ///< since when formats are waited for; 0 for not
-    bool begun_ = false;        ///< what is set up plays, or will with the next frame
+    stream* stream_ = nullptr;    ///< held
+    uint64_t describing_ = 0;     ///< since when formats are waited for; 0 for not
+    uint64_t playing_since_ = 0;  ///< since when the first frame is waited for; 0 for not
+    bool begun_ = false;          ///< what is set up plays, or will with the next frame
+    cursor wanting_;              ///< counts as a reader while nothing else does
     approach approach_;
     live* live_ = nullptr;
     bool is_live_ = false;

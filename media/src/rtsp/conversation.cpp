@@ -16,6 +16,7 @@ namespace media::rtsp {
 namespace {
 
 constexpr uint64_t longest_describe = 5'000'000;  ///< microseconds
+constexpr uint64_t longest_play = 1'000'000;
 
 /// A POST end on its way to the thread of its GET end.
 struct handover_t {
@@ -74,6 +75,7 @@ void client_t::leave_stream() noexcept {
     count_sharing();
     shared_ = nullptr;
     describing_ = 0;
+    wanting_.close();
     stream::drop(std::exchange(stream_, nullptr));
 }
 
@@ -90,7 +92,8 @@ void client_t::describe() noexcept {
         rtsp_->send_error(404);
         return;
     }
-    stream_->ask();
+    // Who asks for a description is going to watch: a source that is fetched on demand has to be there.
+    wanting_.open(*stream_, {.at_key = false});
     describing_ = core_timer();
     answer_describe(describing_);
 }
@@ -114,8 +117,9 @@ void client_t::announce() noexcept {
     rtsp_->send_sdp("inet", "camera", stream_->name(), 0, 0);
 }
 
+// What plays goes on: the next PLAY begins anew, with all that is set up by then.
 void client_t::set_up() noexcept {
-    stop_playing();
+    begun_ = false;
     const rtsp3::trak_t& trak = *rtsp_->trak();
     if (trak.protocol == rtsp3::protocol_t::rtp_multicast) return share(trak);
     const bool udp = trak.protocol == rtsp3::protocol_t::rtp_udp;
@@ -158,6 +162,7 @@ void client_t::count_sharing() noexcept {
 void client_t::play() noexcept {
     // To what plays already it is a sign of life (RFC 2326, 10.5).
     if (!begun_) {
+        stop_playing();
         live_ = stream_ ? owner_.live_of(*stream_) : nullptr;
         if (live_) ++live_->users;
         if (!live_ || !approach_.begin(*stream_, settings().at_key, core_timer())) {
@@ -167,16 +172,33 @@ void client_t::play() noexcept {
         }
         pictures_.begin();
     }
-    answer_play(approach_.first_time());
+    answer_play(core_timer());
 }
 
-void client_t::answer_play(uint64_t first) noexcept {
+/// Once the first frame is known, whose time RTP-Info tells, or has not come for some time.
+void client_t::answer_play(uint64_t now) noexcept {
+    if (!begun_ && approach_.first_time() == 0) approach_.look(now);
+    const bool known = begun_ || approach_.first_time() != 0 || shared_;
+    if (!known && playing_since_ == 0) {
+        playing_since_ = now;
+        owner_.on().wake(*this);
+    }
+    if (!known && now - playing_since_ < longest_play) return;
+    playing_since_ = 0;
+    uint64_t first = approach_.first_time();
+    if (begun_) first = approach_.next_time();  // 0 when it is live: the present
+    tell_play(first);
+}
+
+void client_t::tell_play(uint64_t first) noexcept {
     for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
         if (!trak->shared) continue;
         shared_traks_[i].seq = shared_->next_seq(static_cast<size_t>(shared_->index_of(trak->fcc)));
         if (shared_->next_time()) first = shared_->next_time();
     }
-    begun_ = rtsp_->send_play(first ? first : stream_->now()) != 0;
+    // Sending may serve requests that waited for the answer: nothing may be changed behind it.
+    begun_ = true;
+    if (!rtsp_->send_play(first ? first : stream_->now())) begun_ = false;
 }
 
 // The GET end may be on another thread.

@@ -42,6 +42,13 @@ private:
     bool finished_ = false;
 };
 
+int open_sender(const char* via) noexcept {
+    const int fd = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
+    if (fd < 0 || (socket_multicastInterface(fd, via) && net_socket_bind(fd, via, 0) == 0)) return fd;
+    net_socket_close(fd);
+    return -1;
+}
+
 group::group(service_t& of, thread& first, stream& sent, const char* address, uint16_t port) noexcept
     : service_(of),
       thread_(first),
@@ -103,11 +110,8 @@ void group::open() noexcept {
     std::unique_ptr<driver> made(core::create<driver>(CORE_HERE, *this));
     if (!made || !thread_.add(made.get())) return;
     driver_ = made.release();
-    const char* const via = thread_.station().bind();
-    fd_ = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
-    const bool ready = fd_ >= 0 && socket_multicastInterface(fd_, via) && net_socket_bind(fd_, via, 0) == 0 &&
-                       datagrams_.open(thread_.nt(), fd_);
-    if (!ready) return;
+    fd_ = open_sender(thread_.station().bind());
+    if (fd_ < 0 || !datagrams_.open(thread_.nt(), fd_)) return;
     socket_multicastTTL(fd_, service_.settings().ttl);
     for (size_t i = 0; i < track_count_; ++i)
         hear_reports(i);
@@ -204,7 +208,15 @@ void group::send(const entry_t& entry) noexcept {
     };
     if (!pictures_.pass(entry, pass_on)) ++thread_.count().dropped;
     thread_.count().bytes += sent_;
-    publish(entry.frame.time);
+    // The next frame is expected where this one and the last one of its kind lead.
+    const auto kind = static_cast<size_t>(entry.kind);
+    if (last_[kind]) expected_[kind] = 2 * entry.frame.time - last_[kind];
+    last_[kind] = entry.frame.time;
+    uint64_t next = 0;
+    for (const uint64_t each : expected_) {
+        if (each && (!next || each < next)) next = each;
+    }
+    publish(next);
 }
 
 void group::publish(uint64_t next_time) noexcept {

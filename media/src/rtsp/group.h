@@ -12,6 +12,9 @@
 
 namespace media::rtsp {
 
+/// A socket that sends to groups by the interface of that address; -1 when there is none.
+int open_sender(const char* via) noexcept;
+
 /// The shared streams of a stream. They begin with a key picture when the first player comes, and rest when the last
 /// one has gone. The service owns it; a client of the first thread drives it.
 class group final : public reader, private ::rtp::IRtp {
@@ -91,6 +94,8 @@ private:
     bool following_ = false;
     bool live_ = false;
     uint64_t sent_ = 0;
+    std::array<uint64_t, kind_count> last_{};      ///< media times of the last frames,
+    std::array<uint64_t, kind_count> expected_{};  ///< and of those to come
     std::atomic<uint32_t> players_ = 0;
     std::atomic<uint64_t> next_time_ = 0;
     std::array<std::atomic<uint16_t>, kind_count> next_seq_{};

@@ -39,10 +39,12 @@ void live::remove(const client_t& one) noexcept {
     for (place_t& each : places_) {
         if (each.one == &one) each.one = nullptr;
     }
+    if (!passing_) std::erase_if(places_, [](const place_t& each) { return !each.one; });
 }
 
 void live::on_entry(read_t what, const entry_t& entry) noexcept {
     ::rtp::Packets* const packets = what == read_t::frame ? owner_.cut().of(stream_, entry) : nullptr;
+    passing_ = true;
     for (size_t i = 0; i < places_.size(); ++i) {
         const auto [one, from] = places_[i];
         if (!one) continue;
@@ -54,17 +56,18 @@ void live::on_entry(read_t what, const entry_t& entry) noexcept {
             one->finish();
         }
     }
+    passing_ = false;
     std::erase_if(places_, [](const place_t& each) { return !each.one; });
 }
 
 ::rtp::Packets* cut_frames::of(const stream& from, const entry_t& entry) noexcept {
     for (cut_t& each : cut_) {
-        if (each.from != &from || each.number != entry.number || each.packets.time() != entry.frame.time) continue;
+        if (each.from != from.id() || each.number != entry.number) continue;
         return each.packets.count() != 0 ? &each.packets : nullptr;
     }
     cut_t& oldest = cut_[next_];
     next_ = (next_ + 1) % cut_.size();
-    oldest.from = &from;
+    oldest.from = from.id();
     oldest.number = entry.number;
     oldest.packets.cut(&entry.frame);
     return oldest.packets.count() != 0 ? &oldest.packets : nullptr;

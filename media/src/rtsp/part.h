@@ -43,6 +43,7 @@ private:
     stream& stream_;
     core::vector<place_t> places_;
     bool following_ = false;
+    bool passing_ = false;  ///< a frame is passed on now
 };
 
 /// Remembers the frames that were cut last: players that come up are sent the same ones.
@@ -53,7 +54,7 @@ public:
 
 private:
     struct cut_t {
-        const stream* from = nullptr;
+        uint64_t from = 0;  ///< stream::id()
         uint64_t number = 0;
         ::rtp::Packets packets{CORE_HERE};
     };

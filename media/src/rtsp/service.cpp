@@ -26,6 +26,14 @@ namespace {
 
 constexpr size_t most_tunnels = 4096;
 
+/// Whether a request of ours, or its beginning, stands there.
+bool begins_with_method(std::string_view text) noexcept {
+    constexpr std::string_view methods[] = {"OPTIONS ",       "DESCRIBE ",      "SETUP ",    "PLAY ", "PAUSE ",
+                                            "GET_PARAMETER ", "SET_PARAMETER ", "TEARDOWN ", "GET ",  "POST "};
+    return std::ranges::any_of(
+        methods, [&](std::string_view method) { return method.starts_with(text.substr(0, method.size())); });
+}
+
 bool copy(core::owned_text& to, const char*& text) noexcept {
     if (!text) return true;
     to.reset(core_strdup(text, CORE_HERE));
@@ -73,6 +81,7 @@ claim_t service_t::claims(buffer_t first) const noexcept {
     const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
     const size_t line = text.find("\r\n");
     if (text.substr(0, 1) == "$") return claim_t::yes;
+    if (!begins_with_method(text)) return claim_t::no;
     if (line == std::string_view::npos) return claim_t::more;
     if (text.substr(0, line).find(" RTSP/1.") != std::string_view::npos) return claim_t::yes;
     const size_t end = text.find("\r\n\r\n");
@@ -94,9 +103,15 @@ int service_t::open(media::station& of, error_t* error) noexcept {
     next_group_port_ = settings_.multicast_port;
     if (!settings_.multicast) return 1;
     sockaddr_in group{};
-    if (net_addr_setup(group, settings_.multicast, settings_.multicast_port) == 0) return 1;
-    tell(error, "%s is no multicast group", settings_.multicast);
-    return 0;
+    if (net_addr_setup(group, settings_.multicast, settings_.multicast_port) != 0 ||
+        ntohl(group.sin_addr.s_addr) >> 28 != 14) {
+        tell(error, "%s is no multicast group", settings_.multicast);
+        return 0;
+    }
+    const int fd = open_sender(of.bind());
+    if (fd >= 0) net_socket_close(fd);
+    if (fd < 0) tell(error, "cannot send to %s from %s", settings_.multicast, of.bind());
+    return fd < 0 ? 0 : 1;
 }
 
 part* service_t::make_part(thread& on, error_t* error) noexcept {

@@ -9,6 +9,7 @@ namespace media {
 namespace {
 
 constexpr uint32_t most_first_bytes = 4096;
+constexpr uint32_t usual_room = 64 * 1024;
 constexpr unsigned longest_stay = 10;  // seconds
 
 struct tcp_destroy {
@@ -19,6 +20,7 @@ using owned_tcp = std::unique_ptr<net::Tcp, tcp_destroy>;
 /// Has the service make a client of the connection, which the thread serves.
 void hand_over(thread& on, service& to, owned_tcp connection) noexcept {
     net::Tcp* given = connection.release();
+    given->set_room(usual_room);
     std::unique_ptr<client> made(to.take(on, given));
     net::Tcp::destroy(given);
     if (made && on.add(made.get())) static_cast<void>(made.release());

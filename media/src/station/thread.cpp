@@ -42,7 +42,7 @@ thread::inside::inside(class station& of, unsigned number) noexcept : owner(of),
 
 thread::inside::~inside() { inside::stop(); }
 
-bool thread::inside::start(service* const* services, size_t count, error_t* error) noexcept {
+bool thread::inside::begin(service* const* services, size_t count, error_t* error) noexcept {
     net::Thread::start();
     if (!nt || !open_wake()) {
         media::tell(error, "cannot start a network thread");
@@ -69,9 +69,16 @@ bool thread::inside::start(service* const* services, size_t count, error_t* erro
     };
     if (making.done && net::net_nt_sync_call(nt, nullptr, &making, make)) event_wait(making.done, event_infinite);
     _event_free(making.done);
-    const bool complete = std::ranges::all_of(parts, [](const part_record& each) { return each.made != nullptr; });
-    if (!complete) stop();
-    return complete;
+    const bool complete =
+        second && std::ranges::all_of(parts, [](const part_record& each) { return each.made != nullptr; });
+    if (!complete) {
+        stop();
+        return false;
+    }
+    const std::lock_guard held(call_lock);
+    halted = false;
+    net::net_nt_command_exec(command);
+    return true;
 }
 
 void thread::inside::make_parts(error_t* error) noexcept {
@@ -79,6 +86,7 @@ void thread::inside::make_parts(error_t* error) noexcept {
         each.made.reset(each.of->make_part(face, error));
         if (!each.made) return;
     }
+    net::net_nt_timer_set(nt, second, 1, this, on_second);
 }
 
 // A descriptor that nobody reads: it carries the signals of those who push.
@@ -86,18 +94,28 @@ bool thread::inside::open_wake() noexcept {
     tick = net::net_nt_command_create(nt, this, on_tick);
     closed = _event_create(CORE_HERE);
     closer = closed ? net::net_nt_command_create(nt, this, on_close) : nullptr;
-    net::net_nt_timer_set(nt, second, 1, this, on_second);
     wake_fd = net_socket_create(2, 2, 17, CORE_HERE);
     if (wake_fd >= 0) net::net_nt_socket_add(nt, wake_socket, wake_fd, 0, this, on_wake);
-    return tick && closer && second && wake_socket;
+    return tick && closer && wake_socket;
 }
 
-// Clients, parts and feeds end on the thread itself, in this order; then the loop ends, and what was still posted to it
-// finds nt() null. Nothing of it allocates.
 void thread::inside::stop() noexcept {
-    if (nt && closer) {
-        net::net_nt_command_exec(closer);
-        event_wait(closed, event_infinite);
+    close();
+    end_loop();
+    drain();
+}
+
+// Clients, parts and feeds end on the thread itself, in this order. Nothing of it allocates.
+void thread::inside::close() noexcept {
+    if (!nt || !closer) return;
+    net::net_nt_command_exec(closer);
+    event_wait(closed, event_infinite);
+}
+
+void thread::inside::end_loop() noexcept {
+    {
+        const std::lock_guard held(call_lock);
+        halted = true;
     }
     net::net_nt_command_destroy(tick);
     net::net_nt_command_destroy(closer);
@@ -105,13 +123,14 @@ void thread::inside::stop() noexcept {
     net::Thread::stop();
     second = nullptr;
     wake_socket = nullptr;
-    core_cmd_process(queue);
     if (wake_fd >= 0) net_socket_close(wake_fd);
     wake_fd = -1;
     _event_free(closed);
     next_tick = 0;
     closing = false;
 }
+
+bool thread::inside::drain() noexcept { return core_cmd_process(queue) != 0; }
 
 void thread::inside::on_close(void* arg, net::command_ctx*) noexcept {
     auto* self = static_cast<inside*>(arg);
@@ -297,7 +316,10 @@ int thread::follow(stream& which, reader& by) noexcept {
         made->from = &which;
         made->readers.push_back(&by);
         in.feeds.push_back(std::move(made));
-        if (in.feeds.back()->place.told(inside::on_news, &in)) return 1;
+        if (in.feeds.back()->place.told(inside::on_news, &in)) {
+            inside::on_news(&in);  // what was pushed meanwhile
+            return 1;
+        }
         in.feeds.pop_back();
     } catch (const std::bad_alloc&) {
         return 0;
@@ -318,15 +340,18 @@ uint64_t thread::position(const stream& which) const noexcept {
     return known ? known->place.position() : 0;
 }
 
-int thread::call(void (*fn)(thread& on, void* arg), void* arg) noexcept {
+int thread::call(void (*fn)(thread& on, void* arg), void* arg) noexcept { return inside_->post(fn, arg) ? 1 : 0; }
+
+bool thread::inside::post(void (*fn)(thread& on, void* arg), void* arg) noexcept {
     auto* posted = core::create<posted_call>(CORE_HERE, posted_call{fn, arg});
-    if (!posted) return 0;
-    if (!core_cmd_exec(inside_->queue, run_posted, posted)) {
+    if (!posted) return false;
+    if (!core_cmd_exec(queue, run_posted, posted)) {
         core::destroy(posted);
-        return 0;
+        return false;
     }
-    net::net_nt_command_exec(inside_->command);
-    return 1;
+    const std::lock_guard held(call_lock);
+    if (!halted) net::net_nt_command_exec(command);
+    return true;
 }
 
 }  // namespace media

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace media {
 
@@ -26,8 +27,16 @@ struct thread::inside final : net::Thread {
     ~inside() override;
 
     /// @return whether it runs, with its parts
-    bool start(service* const* services, size_t count, error_t* error) noexcept;
+    bool begin(service* const* services, size_t count, error_t* error) noexcept;
+    // The three steps of stopping. A station takes each for all of its threads before the next: until all loops have
+    // ended, one thread may still call another.
+    void close() noexcept;
+    void end_loop() noexcept;
+    /// @return whether something was left to run
+    bool drain() noexcept;
     void stop() noexcept override;
+    /// @return false when memory is out
+    bool post(void (*fn)(thread& on, void* arg), void* arg) noexcept;
 
     static void on_wake(void* arg, uint32_t events) noexcept;
     static void on_news(void* arg) noexcept;
@@ -68,6 +77,8 @@ struct thread::inside final : net::Thread {
     net::command_ctx* closer = nullptr;
     event_ctx* closed = nullptr;  ///< set once all that the thread had is gone
     bool closing = false;
+    std::mutex call_lock;  ///< `halted`, and the command that wakes the loop
+    bool halted = true;
     net::timer_ctx* second = nullptr;
     uint64_t next_tick = 0;  ///< when `tick` is ordered for; 0 for not
     bool sweeping = false;

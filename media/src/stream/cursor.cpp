@@ -26,8 +26,8 @@ void show(cursor::inside& in, const slot_t& slot, uint64_t number, entry_t& entr
 
 /// What has to be told before the frame itself; read_t::frame when nothing has.
 read_t before(cursor::inside& in, const slot_t& slot, uint64_t number, entry_t& entry) noexcept {
-    if (slot.gap && in.gap_told != number) {
-        in.gap_told = number;
+    if (slot.gaps != in.gaps_told) {
+        in.gaps_told = slot.gaps;
         return read_t::gap;
     }
     uint32_t& generation = in.generations[static_cast<size_t>(slot.kind)];
@@ -91,6 +91,7 @@ int cursor::open(stream& from, const settings_t& settings) noexcept {
         }
         made->next = settings.at_key && in.key != no_number ? in.key : in.next;
         made->wants_key = !settings.any;
+        made->gaps_told = made->next == in.next ? in.gaps : in.slot(made->next).gaps;
         if (settings.counts && in.readers.fetch_add(1) == 0) stir(in);
     }
     from.keep();

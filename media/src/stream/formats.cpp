@@ -106,16 +106,19 @@ format_t complete(const format_t& told, const format_t& known, core::vector<uint
     return format;
 }
 
-// The correction changes where the source's time runs back, or away from the time in which its frames come.
+// The correction changes where the source's time runs back, stands still, or runs away from the time in which its
+// frames come. A track is judged by its own last frame: tracks may come in bursts, one behind the other.
 uint64_t media_clock::take(kind_t kind, uint64_t time, uint64_t now) noexcept {
     const auto index = static_cast<size_t>(kind);
     int64_t media = static_cast<int64_t>(time) + correction_;
     if (started_) {
-        const auto passed = static_cast<int64_t>(now - last_now_);
-        const auto last = static_cast<int64_t>(last_any_);
-        const int64_t drift = media - last - passed;
-        const bool jumped = media < last - longest_drift || (!gap_ && drift > longest_drift) || (gap_ && media < last);
-        if (jumped) {
+        const bool own = last_[index] != 0 && !gap_;
+        const auto last = static_cast<int64_t>(own ? last_[index] : last_any_);
+        const auto passed = static_cast<int64_t>(now - (own ? last_now_[index] : last_any_now_));
+        const bool back = media < last - longest_return || (gap_ && media < last);
+        const bool stands = media <= last && passed > longest_return;
+        const bool away = !gap_ && media - last - passed > longest_drift;
+        if (back || stands || away) {
             correction_ += last + passed - media;
             media = last + passed;
         }
@@ -124,9 +127,10 @@ uint64_t media_clock::take(kind_t kind, uint64_t time, uint64_t now) noexcept {
     started_ = true;
     gap_ = false;
     last_[index] = static_cast<uint64_t>(media);
+    last_now_[index] = now;
     if (last_[index] >= last_any_) {
         last_any_ = last_[index];
-        last_now_ = now;
+        last_any_now_ = now;
     }
     return last_[index];
 }

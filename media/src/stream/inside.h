@@ -51,7 +51,7 @@ struct slot_t {
     av::frame_t frame{};
     format_share format;
     kind_t kind = kind_t::video;
-    bool gap = false;  ///< in front of it
+    uint32_t gaps = 0;  ///< in front of it, since the stream began
     uint64_t utc = 0;
     uint64_t arrival = 0;
 
@@ -68,19 +68,21 @@ public:
     /// @param now  core_timer()
     uint64_t take(kind_t kind, uint64_t time, uint64_t now) noexcept;
     /// The media time at core_timer() `now`; 0 before the first frame.
-    uint64_t at(uint64_t now) const noexcept { return started_ ? last_any_ + (now - last_now_) : 0; }
+    uint64_t at(uint64_t now) const noexcept { return started_ ? last_any_ + (now - last_any_now_) : 0; }
     /// The next time may be any.
     void gap() noexcept { gap_ = true; }
 
 private:
     static constexpr int64_t longest_drift = 5'000'000;  ///< a source's clock that goes apart further was set
+    static constexpr int64_t longest_return = 500'000;   ///< and one of a track that runs back further
 
     bool started_ = false;
     bool gap_ = false;
     int64_t correction_ = 0;
     std::array<uint64_t, kind_count> last_{};
+    std::array<uint64_t, kind_count> last_now_{};  ///< core_timer() of `last_`
     uint64_t last_any_ = 0;
-    uint64_t last_now_ = 0;
+    uint64_t last_any_now_ = 0;
 };
 
 inline constexpr uint64_t no_number = UINT64_MAX;
@@ -90,8 +92,7 @@ struct demand_t {
     void* arg = nullptr;
     uint64_t linger = 0;
     bool told = false;        ///< the last call was with 1
-    bool asked = false;       ///< by ask(), not yet noted
-    uint64_t idle_since = 0;  ///< core_timer() when the last reader left or somebody asked; 0 for never
+    uint64_t idle_since = 0;  ///< core_timer() when the last reader left; 0 for never
 };
 
 struct stream::inside {
@@ -106,11 +107,12 @@ struct stream::inside {
     bool share_with_sets(const av::frame_t& frame, const format_t& format, av::frame_t& out);
     void evict_first() noexcept;
     void evict(uint64_t now) noexcept;
-    bool is_reserved(uint64_t number, const slot_t& slot, uint64_t now) const noexcept;
+    bool is_reserved(uint64_t number, uint64_t age) const noexcept;
     void news() noexcept;
 
     const char* file;
     int line;
+    uint64_t id;
     core::owned_text name;
     limits_t limits;
     std::atomic<uint32_t> users{1};
@@ -126,14 +128,14 @@ struct stream::inside {
     uint64_t bytes = 0;
     uint64_t refused = 0;
     bool ended = false;
-    bool gap = false;       ///< in front of the next frame that is taken
+    uint32_t gaps = 0;      ///< so far
     bool wants_key = true;  ///< pictures are taken from the next key on
     std::array<format_share, kind_count> formats;
-    std::array<bool, kind_count> declared{};
     media_clock clock;
     core::vector<uint8_t> config;  ///< room for parameter sets at work
 
     core::vector<cursor::inside*> cursors;
+    std::mutex demand_lock;  ///< held while demand_t::wanted runs
     demand_t demand;
     std::atomic<uint32_t> readers = 0;     ///< cursors that count as demand
     void (*stirred)(void* arg) = nullptr;  ///< the station's: somebody came or went
@@ -150,13 +152,16 @@ struct cursor::inside {
     settings_t settings;
     uint64_t next = 0;
     bool wants_key = false;  ///< pictures are shown from the next key on
-    uint64_t gap_told = no_number;
+    uint32_t gaps_told = 0;
     std::array<uint32_t, kind_count> generations{};
     av::frame_t shown{};
     format_share shown_format;
     void (*news)(void* arg) = nullptr;
     void* news_arg = nullptr;
 };
+
+/// Tells on_demand() that nobody reads any more, whatever it lingers.
+void end_demand(stream& of) noexcept;
 
 /// Calls what on_demand() named when it is due. On the control thread. @return core_timer() for the next look; 0 when
 /// nothing is pending

@@ -1,0 +1,259 @@
+#include "rtsp/receiver.h"
+
+#include "bounded.h"
+
+#include "avc/fcc.h"
+#include "core/time.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace rtsp3 {
+
+namespace {
+
+using bytes_t = std::span<const uint8_t>;
+
+constexpr uint8_t start_code[] = {0, 0, 1};
+constexpr uint32_t max_parameter_sets = 64 * 1024;
+// Packets in a row that are dropped as late before their numbering is believed.
+constexpr uint32_t max_late = 100;
+constexpr int64_t us_per_second = 1000000;
+
+enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
+
+using rtp::get16;
+using rtp::get32;
+
+// A described clock may be as slow as 1 Hz, and timestamps may then claim more time than there is.
+int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
+    constexpr int64_t max_seconds = INT64_MAX / us_per_second - 1;
+    if (rate == 0) return 0;
+    const int64_t seconds = std::clamp(ticks / rate, -max_seconds, max_seconds);
+    return seconds * us_per_second + ticks % rate * us_per_second / rate;
+}
+
+/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it.
+bool stands_alone(const track_t& track, bytes_t data) noexcept {
+    if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
+    return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
+}
+
+}  // namespace
+
+void receiver::take(unsigned channel, buffer_t packet) noexcept {
+    if (talk_.ended || talk_.at_work || !packet.data) return;
+    const conversation::call running(talk_);
+    track_t* const track = talk_.track_of_channel(channel);
+    const bool report = track ? channel != track->channel : (channel & 1) != 0;
+    if (report) {
+        take_report(track, packet);
+        talk_.rtp.unpack_rtc(packet);
+    } else {
+        talk_.rtp.set_arrival(core_timer());
+        talk_.rtp.unpack_rtp(packet);
+        if (talk_.rtp.current) resume_numbering(*talk_.rtp.current);
+    }
+}
+
+void receiver::begin(uint64_t now) noexcept {
+    play_time_ = now;
+    for (track_t* each : talk_.tracks()) {
+        if (each->rtp) each->gathered->before_play = each->rtp->received;
+    }
+}
+
+void receiver::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept {
+    if (talk_.ended) return;
+    if (event == rtp::event_t::rtcp) send_report();
+    if (event == rtp::event_t::frame) take_data(rtp->current);
+}
+
+// A server that numbers anew, or told another number than it sends, would be dropped as late for ever.
+void receiver::resume_numbering(rtp::trak_t& rtp) noexcept {
+    const track_t* const track = talk_.track_of(&rtp);
+    if (!track) return;
+    gathered_t& gathered = *track->gathered;
+    if (rtp.received != gathered.received) gathered.late = rtp.late;
+    gathered.received = rtp.received;
+    if (rtp.late - gathered.late > max_late) rtp.seq = 0;
+}
+
+// A sender report (RFC 3550, 6.4.1) says which moment of the server's clock an RTP time is.
+void receiver::take_report(track_t* track, buffer_t packet) noexcept {
+    constexpr uint8_t sender_report = 200;
+    constexpr size_t sender_info_end = 20;
+    const bytes_t bytes(packet.data, packet.size);
+    if (!track || bytes.size() < sender_info_end || bytes[0] >> 6 != 2 || bytes[1] != sender_report) return;
+    // Tracks that a server put on one channel are told apart by their SSRC.
+    for (track_t* other : talk_.tracks()) {
+        if (track->rtp->ssrc == get32(bytes, 4)) break;
+        if (other->set_up && other->channel == track->channel && other->rtp->ssrc == get32(bytes, 4)) track = other;
+    }
+    track->gathered->reported = true;
+    track->gathered->report_time = time_ntp_to_core(get32(bytes, 8), get32(bytes, 12));
+    track->gathered->report_rtp_time = get32(bytes, 16);
+}
+
+void receiver::take_data(rtp::trak_t* from) noexcept {
+    track_t* const found = talk_.track_of(from);
+    if (!found || !found->set_up) return;
+    track_t& track = *found;
+    gathered_t& gathered = *track.gathered;
+    const bytes_t data(from->frame.data, from->frame.length);
+    const bool another = gathered.rtp_time != from->rtp_time;
+    note_loss(track, another, data);
+    if (another) deliver(track);
+    if (another || gathered.frame.length == 0) start_frame(track);
+    // Pieces of a picture whose header did not come make no file.
+    if (track.fcc == av::fcc_jpeg && gathered.frame.length == 0 && !stands_alone(track, data)) gathered.broken = true;
+
+    gathered.marks_units = gathered.marks_units || (gathered.marked && !another);
+    gathered.marked = from->marker != 0;
+    if (track.fcc == av::fcc_h264) {
+        add_h264(track, data);
+    } else {
+        add(track, data);
+        gathered.picture = true;
+    }
+}
+
+// A gap between two frames may have been in either, unless the marker says that the first was over (RFC 6184, 5.1).
+void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> data) noexcept {
+    gathered_t& gathered = *track.gathered;
+    const bool lost = track.rtp->lost != gathered.lost || track.rtp->discarded != gathered.discarded ||
+                      track.rtp->restarts != gathered.restarts;
+    gathered.lost = track.rtp->lost;
+    gathered.discarded = track.rtp->discarded;
+    gathered.restarts = track.rtp->restarts;
+    if (!lost) return;
+    const bool over = gathered.marked && !gathered.marks_units;
+    if (!another || (!over && (track.fcc == av::fcc_h264 || track.fcc == av::fcc_jpeg))) gathered.broken = true;
+    gathered.torn = another && !stands_alone(track, data);
+}
+
+void receiver::start_frame(track_t& track) noexcept {
+    gathered_t& gathered = *track.gathered;
+    if (!gathered.started) {
+        gathered.started = true;
+        gathered.last_rtp_time = track.rtp->rtp_time;
+        track.rtp->time = play_time_;
+        // The packetizer, which did not know where time starts, may have put it off by nearly a minute.
+        track.rtp->next_rtcp = std::min(track.rtp->next_rtcp, play_time_);
+    }
+    gathered.ticks += static_cast<int32_t>(track.rtp->rtp_time - gathered.last_rtp_time);
+    gathered.last_rtp_time = gathered.rtp_time = track.rtp->rtp_time;
+    gathered.time = track.rtp->time;
+    gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, {}));
+    gathered.torn = false;
+}
+
+// Aggregates (RFC 6184, 5.7.1), in which encoders send parameter sets, are taken apart.
+void receiver::add_h264(track_t& track, std::span<const uint8_t> nal) noexcept {
+    if (nal.empty()) return;
+    if ((nal[0] & 0x1f) != stap_a) return add_nal(track, nal);
+    nal = nal.subspan(1);
+    while (nal.size() > 2) {
+        const size_t size = std::min<size_t>(get16(nal, 0), nal.size() - 2);
+        if (size > 0) add_nal(track, nal.subspan(2, size));
+        nal = nal.subspan(2 + size);
+    }
+}
+
+void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
+    gathered_t& gathered = *track.gathered;
+    const uint8_t type = nal[0] & 0x1f;
+    if (type == sps || type == pps) return keep_parameter_set(track, nal, type == sps);
+    constexpr uint8_t zero[] = {0};
+    if (gathered.frame.length == 0) add(track, zero);
+    if (type == slice || type == idr_slice) {
+        const bool due = (type == idr_slice || gathered.sets_changed) && !gathered.picture;
+        if (due || settings_.parameter_sets == parameter_sets_t::slices)
+            add(track, {track.parameter_sets.data, track.parameter_sets.length});
+        gathered.sets_changed = false;
+        gathered.picture = true;
+        gathered.key = gathered.key || type == idr_slice;
+    }
+    add(track, start_code);
+    add(track, nal);
+}
+
+void receiver::keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept {
+    buf_t& sets = track.parameter_sets;
+    if (restart) sets.length = 0;
+    const auto size = static_cast<uint32_t>(sizeof start_code + nal.size());
+    if (!bounded::make_room(sets, size, max_parameter_sets, talk_.file, talk_.line)) return;
+    core_buf_read(&sets, start_code, sizeof start_code);
+    core_buf_read(&sets, nal.data(), static_cast<uint32_t>(nal.size()));
+    track.gathered->sets_changed = true;
+}
+
+void receiver::add(track_t& track, std::span<const uint8_t> bytes) noexcept {
+    gathered_t& gathered = *track.gathered;
+    if (gathered.left_out || bytes.empty()) return;
+    const auto size = static_cast<uint32_t>(bytes.size());
+    if (bounded::make_room(gathered.frame, size, settings_.frame_limit, talk_.file, talk_.line)) {
+        core_buf_read(&gathered.frame, bytes.data(), size);
+        return;
+    }
+    core_log_print(talk_.log, "%d: frame of track %u left out: too long, or no memory", talk_.number,
+                   unsigned{track.rtp->pt});
+    gathered.left_out = true;
+    gathered.frame.length = 0;
+}
+
+void receiver::deliver(track_t& track) noexcept {
+    gathered_t& gathered = *track.gathered;
+    if (gathered.frame.length > 0 && !talk_.ended) {
+        frame_ = {};
+        frame_.fcc = track.fcc;
+        frame_.time = gathered.time;
+        frame_.data = gathered.frame.data;
+        frame_.size = gathered.frame.length;
+        frame_.rate = track.channels || track.fcc == av::fcc_pcmu || track.fcc == av::fcc_pcma ? track.rate : 0;
+        frame_.channels = track.channels;
+        frame_.key = track.fcc != av::fcc_h264 || gathered.key;
+        frame_.complete = gathered.picture && !gathered.broken && (frame_.key || !gathered.orphaned);
+        gathered.orphaned = false;
+        track.media_time = ticks_to_us(gathered.ticks, track.rate);
+        track.ntp_time = 0;
+        if (gathered.reported) {
+            const auto since = static_cast<int32_t>(gathered.rtp_time - gathered.report_rtp_time);
+            track.ntp_time = gathered.report_time + static_cast<uint64_t>(ticks_to_us(since, track.rate));
+        }
+        raise(track, event_t::rtsp_frame);
+        frame_ = {};
+    }
+    gathered.frame.length = 0;
+    gathered.orphaned = gathered.orphaned || gathered.left_out;
+    gathered.picture = gathered.key = gathered.broken = gathered.left_out = false;
+}
+
+void receiver::flush() noexcept {
+    if (talk_.at_work || talk_.ended) return;
+    const conversation::call running(talk_);
+    for (track_t* each : talk_.tracks())
+        deliver(*each);
+}
+
+// A report that is due; over TCP it is left out when those before it are not read.
+void receiver::send_report() noexcept {
+    track_t* const track = talk_.track_of(talk_.rtp.current);
+    if (!track || !track->set_up) return;
+    if (track->protocol != protocol_t::rtp_tcp) return raise(*track, event_t::rtsp_rtcp);
+    if (!out_.add_packet(static_cast<uint8_t>(track->channel + 1), talk_.rtp.packet)) return;
+    talk_.at_work = true;
+    talk_.raise(event_t::rtsp_send);
+    talk_.at_work = false;
+}
+
+// The packetizer is still at work on the track, so the tracks stay.
+void receiver::raise(const track_t& track, event_t::enum_t event) noexcept {
+    const trak_t* const outer = std::exchange(talk_.event_trak, &track);
+    talk_.at_work = true;
+    talk_.raise(event);
+    talk_.at_work = false;
+    talk_.event_trak = outer;
+}
+
+}  // namespace rtsp3

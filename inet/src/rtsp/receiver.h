@@ -1,0 +1,60 @@
+// Frames in: what the packetizer hands over is put together by its RTP time.
+#pragma once
+
+#include "rtsp/outbox.h"
+
+#include "avc/frame.h"
+
+#include <cstdint>
+#include <span>
+
+namespace rtsp3 {
+
+/// What owners set for the client's role, before or after it began.
+struct client_settings {
+    bool tunnelled = false;
+    uint32_t frame_limit = 8U << 20;
+    parameter_sets_t parameter_sets = parameter_sets_t::slices;
+};
+
+class receiver final : public rtp::IRtp {
+public:
+    receiver(conversation& of, outbox& out, const client_settings& settings) noexcept
+        : talk_(of), out_(out), settings_(settings) {}
+    receiver(const receiver&) = delete;
+    receiver& operator=(const receiver&) = delete;
+
+    /// A received packet, as Rtsp::process_rtp().
+    void take(unsigned channel, buffer_t packet) noexcept;
+    void flush() noexcept;
+    /// The frame of the event; null outside of it.
+    const av::frame_t* frame() const noexcept { return frame_.data ? &frame_ : nullptr; }
+
+    /// PLAY is asked for: media time starts now.
+    void begin(uint64_t now) noexcept;
+    uint64_t play_time() const noexcept { return play_time_; }
+
+private:
+    void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
+
+    void take_report(track_t* track, buffer_t packet) noexcept;
+    void take_data(rtp::trak_t* from) noexcept;
+    void start_frame(track_t& track) noexcept;
+    void note_loss(track_t& track, bool another, std::span<const uint8_t> data) noexcept;
+    void resume_numbering(rtp::trak_t& rtp) noexcept;
+    void add_h264(track_t& track, std::span<const uint8_t> nal) noexcept;
+    void add_nal(track_t& track, std::span<const uint8_t> nal) noexcept;
+    void keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept;
+    void add(track_t& track, std::span<const uint8_t> bytes) noexcept;
+    void deliver(track_t& track) noexcept;
+    void send_report() noexcept;
+    void raise(const track_t& track, event_t::enum_t event) noexcept;
+
+    conversation& talk_;
+    outbox& out_;
+    const client_settings& settings_;
+    av::frame_t frame_ = {};
+    uint64_t play_time_ = 0;
+};
+
+}  // namespace rtsp3

@@ -1,0 +1,85 @@
+// Paths that the system's calls would not take as they are, files that are open elsewhere, option files that not
+// everybody may read, and local time by the rules that the system has for each year. Runs with the zone of Berlin.
+#include "support/files.h"
+#include "support/held.h"
+#include "support/scratch.h"
+
+#include "core/file.h"
+#include "core/memory.h"
+#include "core/option.h"
+#include "core/time.h"
+
+#include <gtest/gtest.h>
+#include <sddl.h>
+#include <windows.h>
+
+namespace {
+
+TEST(File, PathsBeyondTheOldBound) {
+    const test::scratch dir;
+    std::string path = dir / "records";
+    for (int depth = 0; depth < 8; ++depth) {
+        ASSERT_EQ(core_mkdir(path.c_str()), 1) << path.size();
+        path += '/' + std::string(60, static_cast<char>('a' + depth));
+    }
+    file_ctx* file = core_fopen(path.c_str(), "w", CORE_HERE);
+    core_fwrite(file, "far\ndown", 8);
+    EXPECT_EQ(core_ftell(file), 8) << "line ends stay as they are";
+    EXPECT_EQ(core_fclose(file), 1);
+    EXPECT_EQ(core_frename(path.c_str(), (path + ".old").c_str()), 1);
+    EXPECT_EQ(core_fremove((path + ".old").c_str()), 1);
+    EXPECT_FALSE(core_fopen((dir / "").append(5000, 'x').c_str(), "w", CORE_HERE));
+    EXPECT_FALSE(core_fopen((dir / "\xff").c_str(), "w", CORE_HERE)) << "not UTF-8";
+}
+
+TEST(File, OpenFileIsReplacedAndRemovedAllTheSame) {
+    const test::scratch dir;
+    const std::string path = dir / "log", moved = dir / "log.1";
+    test::write_file(path, test::bytes_of("first"));
+    file_ctx* reader = core_fopen(path.c_str(), "r", CORE_HERE);
+    file_ctx* writer = core_fopen(path.c_str(), "a", CORE_HERE);
+    core_fwrite(writer, " second", 7);
+    core_fclose(writer);
+    char text[16] = {};
+    EXPECT_EQ(core_fread(reader, text, sizeof text), 12U);
+    EXPECT_EQ(core_frename(path.c_str(), moved.c_str()), 1);
+    EXPECT_EQ(core_fremove(moved.c_str()), 1);
+    core_fclose(reader);
+}
+
+/// The rights on a file, as the system keeps them.
+std::string rights_of(const std::wstring& path) {
+    char rights[1000];
+    DWORD size = 0;
+    GetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, rights, sizeof rights, &size);
+    return {rights, size};
+}
+
+TEST(Option, SaveKeepsTheAccessRights) {
+    const test::scratch dir;
+    const std::string path = dir / "options";
+    const std::wstring wide(path.begin(), path.end());
+    test::write_file(path, test::bytes_of("password=secret\n"));
+    const std::string others = rights_of(wide);
+    PSECURITY_DESCRIPTOR own = nullptr;
+    ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;FA;;;BA)(A;;FA;;;OW)", SDDL_REVISION_1, &own,
+                                                         nullptr);
+    const test::held<void, LocalFree> held(own);
+    ASSERT_TRUE(SetFileSecurityW(wide.c_str(), DACL_SECURITY_INFORMATION, own));
+    const std::string kept = rights_of(wide);
+    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    EXPECT_EQ(core_opt_save(opt.get()), 1);
+    EXPECT_EQ(rights_of(wide), kept);
+    EXPECT_NE(others, kept);
+}
+
+TEST(Time, LocalTimeIsShiftedByTheOffsetOfThatMoment) {
+    static uint64_t moment = 1'459'040'400'000'000;  // summer begins in 2016
+    core_time_set_clock([] { return moment--; });
+    EXPECT_EQ(time_now_local(), 1'459'040'400'000'000 + 7'200'000'000);
+    core_time_set_clock([] { return moment; });
+    EXPECT_EQ(time_now_local(), 1'459'040'399'999'999 + 3'600'000'000);
+    core_time_set_clock(nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,217 @@
+#include "media/station.h"
+
+#include "support/side_thread.h"
+#include "support/sockets.h"
+
+#include "avc/fcc.h"
+#include "core/owned.h"
+#include "media/rtsp_service.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using media::claim_t;
+
+/// A service of a few lines: what begins with "ECHO" comes back.
+class echo_client final : public media::client, public net::ITcp {
+public:
+    echo_client(media::thread& on, net::Tcp* connection) : thread_(on), tcp_(connection) { tcp_->set_handler(this); }
+    ~echo_client() override { net::Tcp::destroy(tcp_); }
+    void begin() { tcp_->show_received(); }
+
+    uint64_t serve(uint64_t) noexcept override { return 0; }
+    void second() noexcept override {}
+    void finish() noexcept override {
+        finished_ = true;
+        thread_.sweep();
+    }
+    bool finished() const noexcept override { return finished_; }
+    bool idle() const noexcept override { return true; }
+    bool watching() const noexcept override { return false; }
+
+private:
+    void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override {
+        tcp->send({received->data, received->length});
+        core_buf_ignore(received, received->length);
+    }
+    void on_tcp_closed(net::Tcp*, int) noexcept override { finish(); }
+
+    media::thread& thread_;
+    net::Tcp* tcp_;
+    bool finished_ = false;
+};
+
+class echo_service final : public media::service {
+public:
+    uint16_t port() const noexcept override { return port_; }
+    void set_port(uint16_t port) noexcept override { port_ = port; }
+    claim_t claims(buffer_t first) const noexcept override {
+        constexpr std::string_view word = "ECHO";
+        const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
+        if (!word.starts_with(text.substr(0, word.size()))) return claim_t::no;
+        return text.size() < word.size() ? claim_t::more : claim_t::yes;
+    }
+    media::part* make_part(media::thread&, media::error_t*) noexcept override {
+        struct nothing final : media::part {};
+        return core::create<nothing>(CORE_HERE);
+    }
+    media::client* take(media::thread& on, net::Tcp*& from) noexcept override {
+        auto* made = core::create<echo_client>(CORE_HERE, on, from);
+        if (!made) return nullptr;
+        from = nullptr;
+        made->begin();
+        return made;
+    }
+    void addresses(const media::stream&, const char*, void (*)(void*, const char*), void*) const noexcept override {}
+
+    uint16_t port_ = 0;
+};
+
+/// A player on the port: what it is answered after it has sent all pieces; "closed" at the end of the connection.
+std::string answer(uint16_t port, std::initializer_list<std::string> pieces) {
+    const test::tcp_socket socket;
+    net_tcp_connect(socket, "127.0.0.1", port);
+    EXPECT_TRUE(test::await(socket, test::watch::write));
+    for (std::string piece : pieces) {
+        net_tcp_send_buffer(socket, {reinterpret_cast<uint8_t*>(piece.data()), static_cast<uint32_t>(piece.size())});
+    }
+    uint8_t room[512];
+    buf_t bytes{room, sizeof room, 0};
+    EXPECT_TRUE(test::await(socket, test::watch::read));
+    const int count = net_tcp_recv(socket, bytes);
+    return count <= 0 ? "closed" : std::string(reinterpret_cast<char*>(room), bytes.length);
+}
+
+TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
+    media::station station({.threads = 2});
+    auto* echo = core::create<echo_service>(CORE_HERE);
+    echo->port_ = test::free_port();
+    const uint16_t port = echo->port_;
+    media::error_t why;
+    ASSERT_TRUE(station.add(media::rtsp_service({.port = port}), &why));
+    ASSERT_TRUE(station.add(echo, &why));
+    ASSERT_TRUE(station.start(&why)) << why.text;
+    const std::string much(5000, 'x');
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(answer(port, {"ECHO one"}), "ECHO one");
+        EXPECT_EQ(answer(port, {"E", "CHO", ""}).substr(0, 4), "ECHO");
+        EXPECT_EQ(answer(port, {"OPTIONS * RT", "SP/1.0\r\nCSeq: 1\r\n\r\n"}).substr(0, 15), "RTSP/1.0 200 OK");
+        EXPECT_EQ(answer(port, {"get / HTTP/1.0\r\n", "x-sessioncookie: a\r\n\r\n"}), "closed");
+        EXPECT_EQ(answer(port, {"GET / HTTP/1.0\r\nX-SessionCookie: a\r\n\r\n"}).substr(0, 15), "HTTP/1.0 200 OK");
+        EXPECT_EQ(answer(port, {"GET / HTTP/1.0\r\nHost: a\r\n\r\n"}), "closed");
+        EXPECT_EQ(answer(port, {"EC", much}), "closed");
+        EXPECT_EQ(answer(port, {much}), "closed");
+    }
+    station.stop();
+    ASSERT_TRUE(station.start(&why)) << why.text;
+    EXPECT_EQ(answer(port, {"ECHO again"}), "ECHO again");
+}
+
+TEST(Station, TakenPortAndNameAreTold) {
+    media::station first;
+    media::error_t why;
+    ASSERT_TRUE(first.add(media::rtsp_service({.port = 0}), &why));
+    auto* named = media::rtsp_service({.port = 0});
+    ASSERT_TRUE(first.add(named, &why));
+    ASSERT_TRUE(first.start(&why));
+    media::station second;
+    ASSERT_TRUE(second.add(media::rtsp_service({.port = named->port()}), &why));
+    EXPECT_FALSE(second.start(&why));
+    EXPECT_EQ(why.text, "cannot listen on 127.0.0.1:" + std::to_string(named->port()));
+    ASSERT_TRUE(first.add_stream("live"));
+    EXPECT_FALSE(first.add_stream("live", {}, &why));
+}
+
+/// Counts the frames of a stream on a thread.
+struct follower final : media::reader {
+    void on_entry(media::read_t what, const media::entry_t& entry) noexcept override {
+        if (what != media::read_t::frame) return;
+        if (entry.number != next++) ++missed;
+        if (next == wanted) all.set();
+        // What is pushed while the thread reads is read, too.
+        if (entry.number % 10 == 0 && next < wanted) more.set();
+    }
+    uint64_t next = 0;
+    uint64_t wanted = 0;
+    std::atomic<int> missed = 0;
+    test::event more;
+    test::event all;
+};
+
+TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
+    media::station station;
+    media::stream* const stream = station.add_stream("live");
+    ASSERT_TRUE(station.add(media::rtsp_service({.port = 0})));
+    ASSERT_TRUE(station.start());
+    constexpr uint64_t frames = 2000;
+    struct context {
+        media::stream* of;
+        follower by;
+        test::event followed;
+        test::event left;
+    } common{stream, {}, {}, {}};
+    common.by.wanted = frames;
+    const auto follow = [](media::thread& on, void* arg) {
+        auto* in = static_cast<context*>(arg);
+        on.follow(*in->of, in->by);
+        in->followed.set();
+    };
+    ASSERT_TRUE(station.thread_at(0).call(follow, &common));
+    ASSERT_TRUE(common.followed.wait());
+    {
+        std::atomic<uint64_t> pushed = 0;
+        const auto push = [&] {
+            constexpr uint8_t sound[4] = {};
+            av::frame_t frame{};
+            frame.fcc = av::fcc_pcmu;
+            frame.data = sound;
+            frame.size = sizeof sound;
+            frame.key = 1;
+            while (pushed++ < frames) {
+                frame.time = pushed;
+                EXPECT_EQ(stream->push(frame), 1);
+            }
+        };
+        const test::side_thread a(push), b(push);
+        EXPECT_TRUE(common.by.all.wait());
+    }
+    EXPECT_EQ(common.by.missed, 0);
+    const auto leave = [](media::thread& on, void* arg) {
+        auto* in = static_cast<context*>(arg);
+        on.unfollow(*in->of, in->by);
+        in->left.set();
+    };
+    ASSERT_TRUE(station.thread_at(0).call(leave, &common));
+    EXPECT_TRUE(common.left.wait());
+}
+
+TEST(Station, WorkRunsOffTheLoopAndIsDoneOnItsThread) {
+    media::station station;
+    ASSERT_TRUE(station.start());
+    struct context {
+        media::station* of;
+        int on_loop = -1;
+        int steps = 0;
+        test::event done;
+    } common{&station, -1, 0, {}};
+    const auto work = [](void* arg) {
+        auto* in = static_cast<context*>(arg);
+        in->on_loop = !net::net_nt_need_invoke(in->of->thread_at(0).nt());
+        ++in->steps;
+    };
+    const auto done = [](media::thread& on, void* arg) {
+        auto* in = static_cast<context*>(arg);
+        in->steps += net::net_nt_need_invoke(on.nt()) ? 10 : 1;
+        in->done.set();
+    };
+    ASSERT_TRUE(station.run(work, done, &common, station.thread_at(0)));
+    EXPECT_TRUE(common.done.wait());
+    EXPECT_EQ(common.on_loop, 0);
+    EXPECT_EQ(common.steps, 2);
+}
+
+}  // namespace
