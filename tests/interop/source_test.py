@@ -1,26 +1,24 @@
 """inet-camera serves what it fetches: from another camera, on demand, from a pipe."""
 import re
 import time
-import unittest
 
-from peers import Camera, clip_file, clip_sound, picture_hashes, position_in_loop
+from peers import Camera, CameraCase, at_once, clip_file, clip_sound, free_group, picture_hashes, position_in_loop
 from player import Player
 from relay import Relay
 from viewer import ViewerCase, nal_units
 
 LOST = 8
-
 # A command that runs another one with a clip in its standard input, in real time.
 PIPE = ("bash", "-c", 'exec "$@" < <(ffmpeg -nostdin -loglevel quiet -re -t 5 -i "$0" -c copy -f h264 -)',
         clip_file("clip.h264"))
 
 
 class Connections(Relay):
-    """Passes everything on, and knows who is connected."""
+    """Passes everything on, and counts who is connected."""
 
     def __init__(self, url):
-        self.accepted = self.open = 0
         super().__init__(url, 0.0)
+        self.accepted = self.open = 0
 
     def talk(self, viewer):
         self.accepted += 1
@@ -31,68 +29,53 @@ class Connections(Relay):
             self.open -= 1
 
 
-class Fetched(ViewerCase):
-    def check(self, camera, *arguments):
-        tracks, messages = self.view(camera.url("live"), *arguments, "--duration", "4", "--stats", "-o",
-                                     self.path("a.h264"), "-o", self.path("a.wav"), "-o", self.path("a.txt"))
-        self.assertEqual(messages, "")
-        self.assertEqual({name: track["lost"] for name, track in tracks.items()},
-                         {"H264": "0", "PCMU": "0", "META": "0"})
-        self.assertEqual(tracks["H264"]["frames"], "100")
-        self.check_pictures("a.h264", 100)
-        with open(self.path("a.wav"), "rb") as sound:
-            self.assertIn(sound.read()[58:], clip_sound() * 2)
-        with open(self.path("a.txt")) as text:
-            documents = re.findall(r"<\?xml.*?</tt:MetadataStream>\n", text.read(), re.DOTALL)
-        self.assertEqual(len(documents), int(tracks["META"]["frames"]))
-        self.assertGreaterEqual(len(documents), 18)
+class Fetched(ViewerCase, CameraCase):
+    arguments = ("--user", "admin", "--password", "r:i@ght")
 
-    def test_a_camera_of_a_camera_over_each_transport(self):
-        for transport in ("tcp", "udp", "http"):
-            with self.subTest(transport), Camera("--user", "admin", "--password", "r:i@ght") as first:
-                source = first.url("live", "admin:r:i%40ght")
-                with Camera("--source", source, "--transport", transport) as second:
-                    self.check(second, "--transport", "tcp" if transport == "udp" else "udp")
+    def fetch(self, way):
+        source = self.camera.url(user="admin:r:i%40ght")
+        with Camera("--source", source, "--transport", way) as second:
+            return self.view(second.url(), "--transport", "tcp" if way == "udp" else "udp", "--duration", "4", "--stats",
+                             *(part for kind in ("h264", "wav", "txt") for part in ("-o", self.path(f"{way}.{kind}"))))
 
-    def test_several_and_what_is_no_h264(self):
-        with Camera() as first:
-            named = (f"door={first.url('live')}", f"yard={first.url('jpeg')}")
-            with Camera("--source", named[0], "--source", named[1]) as second:
-                self.assertEqual(set(second.urls), {"door", "yard"})
-                self.view(second.url("door"), "--duration", "1", "-o", self.path("a.h264"))
-                self.view(second.url("yard"), "--duration", "2", "-o", self.path("a.jpg"))
+    def test_everything_over_each_transport(self):
+        ways = ("tcp", "udp", "http")
+        for way, (tracks, messages) in zip(ways, at_once(self.fetch, ways)):
+            with self.subTest(way):
+                self.assertEqual(messages, "")
+                self.assertEqual({name: track["lost"] for name, track in tracks.items()},
+                                 {"H264": "0", "PCMU": "0", "META": "0"})
+                self.assertEqual(tracks["H264"]["frames"], "100")
+                self.check_pictures(f"{way}.h264", 100)
+                with open(self.path(f"{way}.wav"), "rb") as sound:
+                    self.assertIn(sound.read()[58:], clip_sound() * 2)
+                with open(self.path(f"{way}.txt")) as text:
+                    documents = re.findall(r"<\?xml.*?</tt:MetadataStream>\n", text.read(), re.DOTALL)
+                self.assertEqual(len(documents), int(tracks["META"]["frames"]))
+                self.assertGreaterEqual(len(documents), 10)
+
+
+class Several(ViewerCase, CameraCase):
+    def test_each_has_a_path_and_jpeg_stays_as_it_is(self):
+        named = (f"door={self.camera.url()}", f"yard={self.camera.url('jpeg')}")
+        with Camera("--source", named[0], "--source", named[1]) as second:
+            self.assertEqual(set(second.urls), {"door", "yard"})
+            self.view(second.url("door"), "--duration", "1", "-o", "a.h264")
+            self.view(second.url("yard"), "--duration", "2", "-o", "a.jpg")
         self.check_pictures("a.h264", 25)
         seen = picture_hashes("-i", self.path("a_%05d.jpg"))
         self.assertEqual(len(seen), 10)
         self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip_%02d.jpg"))))
 
-    def test_the_source_dies_and_returns_and_the_viewer_stays(self):
-        first = Camera()
-        port = re.search(r":(\d+)/", first.url("live")).group(1)
-        with Camera("--source", first.url("live"), "--source", "none=rtsp://127.0.0.1:1/x") as second:
-            with first:
-                viewer = self.start(second.url("live"), "--timeout", "60", "--duration", "8", "-o", self.path("a.h264"))
-                self.wait_for(viewer, "a.h264", 1)
-            with Camera("--rtsp", port):
-                _, messages = self.end(viewer)
-            told = second.told()
-        self.assertEqual(messages, "")
-        self.assertIn("live: 127.0.0.1 closed the connection, trying again", told)
-        self.assertIn("live: is there again", told)
-        self.assertLessEqual(set(nal_units(self.path("a.h264"))), set(self.clip))
-        seen = picture_hashes("-i", self.path("a.h264"))
-        self.assertGreater(len(seen), 60)
-        self.assertLessEqual(set(seen), set(picture_hashes("-i", clip_file("clip.h264"))))
-
     def test_on_demand_is_fetched_only_while_somebody_watches(self):
-        with Camera() as first, Connections(first.url("live")) as between:
+        with Connections(self.camera.url()) as between:
             with Camera("--source", between.url, "--on-demand") as second:
-                with Player(second.url("live")) as player:
+                with Player(second.url()) as player:
                     player.request("OPTIONS")
                 self.assertEqual(between.accepted, 0)
                 for accepted in (1, 2):
                     name = f"{accepted}.h264"
-                    self.view(second.url("live"), "--duration", "2", "-o", self.path(name))
+                    self.view(second.url(), "--duration", "2", "-o", name)
                     self.assertEqual((between.accepted, between.open), (accepted, 1))
                     self.check_pictures(name, 50)
                     deadline = time.monotonic() + 30
@@ -101,10 +84,31 @@ class Fetched(ViewerCase):
                         time.sleep(0.05)
 
 
+class Returning(ViewerCase):
+    def test_the_source_dies_and_returns_and_the_viewer_stays(self):
+        port = free_group().split(":")[1]
+        with Camera("--source", f"rtsp://127.0.0.1:{port}/live", "--source", "x=rtsp://127.0.0.1:1/x") as second:
+            with Camera("--rtsp", port):
+                viewer = self.start(second.url(), "--timeout", "60", "--duration", "8", "-o", "a.h264")
+                self.wait_for(viewer, "a.h264")
+            with Camera("--rtsp", port):
+                _, messages = self.end(viewer)
+            second.messages.seek(0)
+            told = second.messages.read()
+            second.messages.truncate(0)
+        self.assertEqual(messages, "")
+        self.assertIn("live: 127.0.0.1 closed the connection, trying again", told)
+        self.assertIn("live: is there again", told)
+        self.assertLessEqual(set(nal_units(self.path("a.h264"))), set(self.clip))
+        seen = picture_hashes("-i", self.path("a.h264"))
+        self.assertGreater(len(seen), 60)
+        self.assertLessEqual(set(seen), set(picture_hashes("-i", clip_file("clip.h264"))))
+
+
 class Pipe(ViewerCase):
     def test_an_encoder_writes_into_a_pipe(self):
         with Camera("--source", "-", prefix=PIPE) as camera:
-            viewer = self.start(camera.url("live"), "--stats", "-o", self.path("a.h264"))
+            viewer = self.start(camera.url(), "--stats", "-o", "a.h264")
             tracks, messages = self.end(viewer, LOST)
             camera.process.wait(timeout=10)  # the pipe has ended, and everybody has seen it
         self.assertIn("closed the connection", messages)
@@ -112,7 +116,3 @@ class Pipe(ViewerCase):
         self.assertGreater(len(units), 115)
         self.assertEqual(units, self.clip[:len(units)])
         self.assertAlmostEqual(float(tracks["H264"]["seconds"]), 5, delta=1.5)
-
-
-if __name__ == "__main__":
-    unittest.main()

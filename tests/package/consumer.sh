@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Unpacks the package of a built tree, and builds the README's embedding example against it.
+# Unpacks the package of a built tree, and builds and runs the README's examples against it.
 #   consumer.sh SOURCE-DIR BUILD-DIR
 set -euo pipefail
 source_dir=$1 build_dir=$2
@@ -21,40 +21,54 @@ else
     run=("$source_dir/scripts/wine") exe=.exe
 fi
 
-# The example is the README's own, on ports that nobody uses now: what a reader copies is what is compiled here.
+# The examples are the README's own: what a reader copies is what is compiled here.
 cp -r "$source_dir/tests/package/consumer" "$work/consumer"
-port=$(python3 -c 'import socket; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1] & ~1)')
-awk '/^```cpp/ {inside = 1; next} /^```/ {inside = 0} inside' "$source_dir/README.md" |
-    sed "s/\b5004\b/$port/; s/\b5005\b/$((port + 1))/" >"$work/consumer/main.cpp"
-picture=$source_dir/apps/camera/clip/clip_01.jpg
-ffmpeg -nostdin -loglevel error -i "$picture" "$work/shown.png"
+number=0
+for name in camera watcher; do
+    awk -v number=$((++number)) '/^```cpp/ {inside = ++block == number; next} /^```/ {inside = 0} inside' \
+        "$source_dir/README.md" >"$work/consumer/$name.cpp"
+done
+clip=$source_dir/apps/camera/clip/clip.h264
+# A player begins with one of the key pictures.
+ffmpeg -nostdin -loglevel error -i "$clip" -vf "select='eq(pict_type,I)'" -fps_mode passthrough "$work/key%d.png"
 
-# watch PROGRAM: starts the example and has a real player take a picture from it.
+# watch CAMERA WATCHER: starts the one, and has the other and a real player take pictures from it.
 watch() {
-    "${run[@]}" "$1" "$picture" &
-    local sender=$!
-    timeout 30 ffmpeg -nostdin -loglevel fatal -y -i rtp://127.0.0.1:"$port" -frames:v 1 "$work/seen.png"
-    kill $sender
-    wait $sender 2>/dev/null || true
-    cmp "$work/seen.png" "$work/shown.png"
+    local port url key camera
+    port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+    url=rtsp://127.0.0.1:$port/live
+    "${run[@]}" "$1" "$clip" "$port" &
+    camera=$!
+    "${run[@]}" "$2" "$url" >"$work/seen"
+    grep -q 'a key' "$work/seen"
+    timeout 30 ffmpeg -nostdin -loglevel fatal -y -rtsp_transport tcp -i "$url" -frames:v 1 "$work/seen.png"
+    kill $camera
+    wait $camera 2>/dev/null || true
+    for key in "$work"/key*.png; do
+        if cmp -s "$work/seen.png" "$key"; then return; fi
+    done
+    echo "not a picture of the clip"
+    return 1
 }
 
 echo "-- by find_package"
 quietly cmake -G Ninja -S "$work/consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$tree" "${settings[@]}"
 cmake --build "$work/build"
-[[ ! $exe ]] || cp "$tree/bin/inet.dll" "$work/build"
-watch "$work/build/consumer$exe"
-watch "$work/build/consumer-static$exe"
+[[ ! $exe ]] || cp "$tree"/bin/inet*.dll "$work/build"
+watch "$work/build/camera$exe" "$work/build/watcher$exe"
+watch "$work/build/camera-static$exe" "$work/build/watcher-static$exe"
 
 if [[ ! $exe ]]; then
     echo "-- by pkg-config"
-    PKG_CONFIG_PATH=$(dirname "$(find "$tree" -name inet.pc)")
+    PKG_CONFIG_PATH=$(dirname "$(find "$tree" -name inet-media.pc)")
     export PKG_CONFIG_PATH
-    # shellcheck disable=SC2046
-    c++ -std=c++20 "$work/consumer/main.cpp" -o "$work/by-pkg-config" $(pkg-config --cflags --libs inet)
-    LD_LIBRARY_PATH=$(pkg-config --variable=libdir inet)
+    for name in camera watcher; do
+        # shellcheck disable=SC2046
+        c++ -std=c++20 "$work/consumer/$name.cpp" -o "$work/$name" $(pkg-config --cflags --libs inet-media)
+    done
+    LD_LIBRARY_PATH=$(pkg-config --variable=libdir inet-media)
     export LD_LIBRARY_PATH
-    watch "$work/by-pkg-config"
+    watch "$work/camera" "$work/watcher"
 fi
 
 echo "-- the programs"
