@@ -6,7 +6,6 @@
 #include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
-#include <iterator>
 #include <vector>
 
 namespace {
@@ -16,8 +15,7 @@ using fuzz::require;
 uint32_t be16(const uint8_t* at) { return uint32_t{at[0]} << 8 | at[1]; }
 uint32_t be32(const uint8_t* at) { return be16(at) << 16 | be16(at + 2); }
 
-class stream_t : public rtp::IRtp {
-public:
+struct stream_t : rtp::IRtp {
     /// `pack` packs a frame.
     template <class Pack>
     stream_t(uint32_t fcc, uint32_t source, Pack pack) : ssrc(source) {
@@ -34,23 +32,17 @@ public:
     }
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
-        const buf_t& packet = rtp->packet;
-        require(packet.length <= rtp::packet_size);
-        sent.insert(sent.end(), packet.data, packet.data + packet.length);
-        if (event == rtp::event_t::rtcp) {
-            require(packet.length == 28 && be16(packet.data) == 0x80C8 && be32(packet.data + 20) == packets);
-            ++reports;
-            return;
-        }
+        const uint8_t* const data = rtp->packet.data;
+        const uint32_t length = rtp->packet.length;
+        sent.insert(sent.end(), data, data + length);
+        reports += event == rtp::event_t::rtcp;
+        if (reports > 0) return require(length == 28 && be16(data) == 0x80C8 && be32(data + 20) == packets);
+        require(length > 12 && length <= rtp::packet_size);
+        require((data[0] & 0xEF) == 0x80 && (data[1] & 0x7F) == rtp->current->pt && be16(data + 2) == packets);
+        require(be32(data + 4) == rtp->current->rtp_time && be32(data + 8) == ssrc);
         ++packets;
-        octets += packet.length;
-        require(packet.length > 12);
-        require((packet.data[0] & 0xEF) == 0x80);
-        require((packet.data[1] & 0x7F) == rtp->current->pt);
-        require(be16(packet.data + 2) == static_cast<uint16_t>(packets - 1));
-        require(be32(packet.data + 4) == rtp->current->rtp_time);
-        require(be32(packet.data + 8) == ssrc);
-        last_marked = packet.data[1] & 0x80;
+        octets += length;
+        last_marked = data[1] & 0x80;
     }
 
     rtp::Rtp object{CORE_HERE};
