@@ -3,6 +3,7 @@
 #include "support/fault.h"
 
 #include "core/module.h"
+#include "inet/rtsp_dialog.h"
 #include "inet/rtsp_viewer.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 // What the RTSP session asks a server, and what it makes of answers and packets, true or not.
+#include "rtsp_dialog.h"
 #include "rtsp_viewer.h"
 #include "support/fault.h"
 #include "support/log_lines.h"
@@ -15,8 +16,6 @@ using rtsp3::protocol_t;
 using test::rtp_packet;
 using test::rtsp_viewer;
 
-class RtspClient : public test::at_fixed_time {};
-
 const std::string sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n";
 const std::string two_tracks = sdp + "m=audio 0 RTP/AVP 0\r\na=control:audio\r\n";
 const std::string ok = "RTSP/1.0 200 OK\r\n";
@@ -25,32 +24,28 @@ std::string with_body(const std::string& body) {
     return "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-TEST_F(RtspClient, GoesFromOptionsToPlayAndDeliversFrames) {
+TEST(RtspClient, GoesFromOptionsToPlayAndDeliversFrames) {
     rtsp_viewer viewer;
     ASSERT_EQ(viewer.session->open("rtsp://admin:p%40:s@10.0.0.7/live"), 1);
     viewer.feed(test::dialog("rtsp_client/tcp-cut"));
-    auto asked = [cseq = 0](const std::string& line, const std::string& fields) mutable {
-        const size_t blank = line.find(' ');
-        const core::owned_text answer(net_http_authenticate("admin", "p@:s", line.substr(0, blank).c_str(),
-                                                            line.substr(blank + 1).c_str(),
-                                                            "Digest realm=\"camera\", nonce=\"7a11\"", CORE_HERE));
-        const std::string credentials = ++cseq < 3 ? "" : "Authorization: "s + answer.get() + "\r\n";
-        return line + " RTSP/1.0\r\nCSeq: " + std::to_string(cseq) + "\r\nUser-Agent: Norvane-K Rtsp Client 14.01\r\n" +
-               fields + credentials + "\r\n";
-    };
-    const std::string session = "Session: 8A-b\r\n";
-    const std::string tcp = "Transport: RTP/AVP/TCP;unicast;interleaved=";
-    std::string all = asked("OPTIONS rtsp://10.0.0.7/live", "");
-    for (int i = 0; i < 2; ++i)
-        all += asked("DESCRIBE rtsp://10.0.0.7/live", "Accept: application/sdp\r\n");
-    all += asked("SETUP rtsp://10.0.0.7/live/trackID=1", tcp + "0-1\r\n");
-    all += asked("SETUP rtsp://10.0.0.7/live/trackID=2", session + tcp + "2-3\r\n");
-    all += asked("PLAY rtsp://10.0.0.7/live/", session);
-    EXPECT_EQ(viewer.asked, all);
+    const core::owned_text digest(net_http_authenticate("admin", "p@:s", "SETUP", "rtsp://10.0.0.7/live/trackID=1",
+                                                        "Digest realm=\"camera\", nonce=\"7a11\"", CORE_HERE));
+    EXPECT_NE(viewer.asked.find("Authorization: "s + digest.get() + "\r\n"), std::string::npos) << viewer.asked;
+    const std::regex common(" RTSP/1.0\r\nCSeq: (\\d)\r\nUser-Agent: Norvane-K Rtsp Client 14.01|( username)[^\r]*");
+    EXPECT_EQ(std::regex_replace(viewer.asked, common, " $1$2"),
+              "OPTIONS rtsp://10.0.0.7/live 1\r\n\r\n"
+              "DESCRIBE rtsp://10.0.0.7/live 2\r\nAccept: application/sdp\r\n\r\n"
+              "DESCRIBE rtsp://10.0.0.7/live 3\r\nAccept: application/sdp\r\nAuthorization: Digest  username\r\n\r\n"
+              "SETUP rtsp://10.0.0.7/live/trackID=1 4\r\n"
+              "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\nAuthorization: Digest  username\r\n\r\n"
+              "SETUP rtsp://10.0.0.7/live/trackID=2 5\r\nSession: 8A-b\r\n"
+              "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\nAuthorization: Digest  username\r\n\r\n"
+              "PLAY rtsp://10.0.0.7/live/ 6\r\nSession: 8A-b\r\nAuthorization: Digest  username\r\n\r\n");
     EXPECT_EQ(viewer.events, "0 3 3 5 6 12 12 12 ");
 
     const std::string sets = "|\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20|\x68\xce\x3c\x80"s;
-    EXPECT_EQ(viewer.seen(), sets + "|\x41\xaa " + sets + "|\x65\xbbK \xd5\xd5K " + sets + "|\x41\xcc \xd5\xd6K ");
+    EXPECT_EQ(viewer.seen(),
+              sets + "|\x41\xaa " + sets + "|\x65\xbbK \xd5\xd5@8000/0K " + sets + "|\x41\xcc \xd5\xd6@8000/0K ");
     // Whole milliseconds on the track's time, exact ones beside it, and the server's clock once a report came.
     ASSERT_EQ(viewer.frames.size(), 5U);
     EXPECT_EQ(viewer.frames[1].time, test::fixed_clock() + 21000);
@@ -63,7 +58,7 @@ TEST_F(RtspClient, GoesFromOptionsToPlayAndDeliversFrames) {
     EXPECT_EQ(viewer.reports[0].substr(0, 2), "\x81\xc9");
 }
 
-TEST_F(RtspClient, AsksForWhatIsDescribed) {
+TEST(RtspClient, AsksForWhatIsDescribed) {
     const struct {
         const char* media;
         int pt;
@@ -109,37 +104,34 @@ TEST_F(RtspClient, AsksForWhatIsDescribed) {
     }
 }
 
-TEST_F(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
+TEST(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
     const struct {
         const char* methods;
-        const char* timeout;
+        const char* session;
         const char* asked;
         uint64_t interval;
     } cases[] = {
-        {"", "", "OPTIONS ", 30000000},
-        {"Public: OPTIONS, GET_PARAMETER\r\n", "; timeout=10", "GET_PARAMETER ", 5000000},
-        {"", ";timeout=0", "OPTIONS ", 30000000},
+        {"", "Session: 5; timeout=0\r\n", "OPTIONS ", 30000000},
+        {"Public: OPTIONS, GET_PARAMETER\r\n", "Session: 5;timeout=10\r\n", "GET_PARAMETER ", 5000000},
     };
     for (const auto& c : cases) {
         rtsp_viewer viewer;
         viewer.describe(sdp, "", c.methods);
         EXPECT_EQ(viewer.session->send_keep_alive(), 0);
-        viewer.answer("200 OK", "Session: 5"s + c.timeout + "\r\n");
+        viewer.answer("200 OK", c.session);
         viewer.answer("200 OK");
         EXPECT_EQ(viewer.session->keep_alive_interval(), c.interval);
-        // Refused once, it is the request that every server knows.
-        for (const std::string& asked : {std::string(c.asked), "OPTIONS "s}) {
+        for (const char* asked : {c.asked, "OPTIONS "}) {  // the one that every server knows once it was refused
             viewer.asked.clear();
             EXPECT_EQ(viewer.session->send_keep_alive(), 1);
             EXPECT_TRUE(viewer.asked.starts_with(asked) && viewer.asked.find("Session: 5\r\n") != std::string::npos);
             viewer.answer("405 Method Not Allowed");
-            EXPECT_EQ(viewer.session->status(), 405U);
         }
         EXPECT_EQ(viewer.events, "0 3 5 6 9 9 ");
     }
 }
 
-TEST_F(RtspClient, AnswersAChallengeOnceForEachRequest) {
+TEST(RtspClient, AnswersAChallengeOnceForEachRequest) {
     const std::string digest = "Digest realm=\"r\", nonce=\"n\"";
     const std::string basic = "Basic realm=\"r\"";
     const struct {
@@ -178,7 +170,7 @@ TEST_F(RtspClient, AnswersAChallengeOnceForEachRequest) {
     }
 }
 
-TEST_F(RtspClient, TakesARepeatedAnswerForNoneUnlessTheServerNumbersAllAlike) {
+TEST(RtspClient, TakesARepeatedAnswerForNoneUnlessTheServerNumbersAllAlike) {
     rtsp_viewer viewer;
     viewer.describe(sdp);
     viewer.feed(ok + "CSeq: 2\r\n\r\n");
@@ -194,7 +186,7 @@ TEST_F(RtspClient, TakesARepeatedAnswerForNoneUnlessTheServerNumbersAllAlike) {
     }
 }
 
-TEST_F(RtspClient, EndsOrGoesOnWhenTheServerLies) {
+TEST(RtspClient, EndsOrGoesOnWhenTheServerLies) {
     const struct {
         const char* what;
         std::string bytes;   ///< in place of the answer to DESCRIBE, or
@@ -224,13 +216,6 @@ TEST_F(RtspClient, EndsOrGoesOnWhenTheServerLies) {
         EXPECT_EQ(viewer.events, c.events);
         EXPECT_EQ(viewer.received.length, 0U);
     }
-    std::string many = "v=0\r\n";
-    for (int i = 0; i < 300; ++i)
-        many += "m=video 0 RTP/AVP " + std::to_string(96 + i % 16) + "\r\na=rtpmap:96 H264/90000\r\n";
-    rtsp_viewer viewer;
-    viewer.play(many);
-    EXPECT_EQ(viewer.session->trak_count(), rtsp3::max_traks);
-    EXPECT_TRUE(viewer.session->playing());
     for (const std::string& senseless : {ok + "CSeq: 99\r\n\r\n", "\1\r\n\r\n"s}) {
         rtsp_viewer tired;
         tired.play(sdp);
@@ -245,7 +230,7 @@ TEST_F(RtspClient, EndsOrGoesOnWhenTheServerLies) {
     }
 }
 
-TEST_F(RtspClient, BoundsWhatAServerMakesItHold) {
+TEST(RtspClient, BoundsWhatAServerMakesItHold) {
     rtsp_viewer viewer;
     viewer.session->set_frame_limit(4000);
     viewer.play(sdp);
@@ -295,7 +280,7 @@ private:
     static inline size_t most;
 };
 
-TEST_F(RtspClient, HoldsNoMoreThanItsHeaderStates) {
+TEST(RtspClient, HoldsNoMoreThanItsHeaderStates) {
     constexpr size_t talk = size_t{512} * 1024;
     constexpr size_t piece = 16000;
     const auto fill = [](size_t size, const std::string& with) {
@@ -345,41 +330,67 @@ TEST_F(RtspClient, HoldsNoMoreThanItsHeaderStates) {
     EXPECT_LE(peak.value(), rtsp3::max_traks * size_t{2 * rtp::max_frame + frame_limit + 64 * 1024} + talk);
 }
 
-TEST_F(RtspClient, TellsWholePicturesFromTorn) {
+TEST(RtspClient, PutsFramesTogetherAndTellsTornOnes) {
+    const std::string h264 = "video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n";
+    const std::string aac = "audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/16000/2\r\na=fmtp:97 config=1410\r\n";
+    const std::string unit = "\0\x10\0\x10"s;                                  // of AAC, two bytes long
+    const std::string sets = "1 \x18\0\2\x67\x61\0\2\x68\x62\0\xff\x41\x31"s;  // the last length lies
+    const auto slices = rtsp3::parameter_sets_t::slices;
+    const auto keys = rtsp3::parameter_sets_t::keys;
     const struct {
         const char* what;
-        std::vector<std::string> packets;  ///< "time payload" or "-" for a lost one; '!' behind the time is the marker;
-                                           ///< "^" for numbers that begin anew
-        const char* expected;              ///< of each frame '+' for whole
+        std::string media;
+        std::vector<std::string> packets;  ///< time, '!' for the marker, payload; "-" for a lost one; "^" for numbers
+                                           ///< that begin anew
+        std::string seen;
+        rtsp3::parameter_sets_t where = rtsp3::parameter_sets_t::slices;
     } cases[] = {
-        {"nothing lost", {"1! A", "2! A", "3! A"}, "+++"},
-        {"a picture lost between two that ended", {"1 A", "1! A", "-", "3! A", "4! A"}, "+-+"},
-        {"the end of a picture lost", {"1 A", "-", "2! A", "3! A"}, "--+"},
-        {"the middle lost", {"1 A", "-", "1! A", "2! A"}, "-+"},
-        {"markers on every unit tell nothing", {"1! A", "1! A", "-", "2! A", "3! A"}, "--+"},
-        {"the numbers begin anew in a picture", {"1 A", "^", "1! A", "2! A"}, "-+"},
-        {"delimiter alone", {"1! \x09", "2! A"}, "-+"},
-    };
-    const auto complete = [](rtsp_viewer& viewer) {
-        viewer.session->flush();
-        std::string got;
-        for (const test::received_t& frame : viewer.frames)
-            got += frame.complete ? '+' : '-';
-        return got;
+        {"nothing lost", h264, {"1!A", "2!A", "3!A"}, "|A |A |A "},
+        {"a picture lost between two that ended", h264, {"1 A", "1!A", "-", "3!A", "4!A"}, "|A|A |A- |A "},
+        {"the end of a picture lost", h264, {"1 A", "-", "2!A", "3!A"}, "|A- |A- |A "},
+        {"the middle lost", h264, {"1 A", "-", "1!A", "2!A"}, "|A|A- |A "},
+        {"markers on every unit tell nothing", h264, {"1!A", "1!A", "-", "2!A", "3!A"}, "|A|A- |A- |A "},
+        {"the numbers begin anew in a picture", h264, {"1 A", "^", "1!A", "2!A"}, "|A|A- |A "},
+        {"delimiter alone", h264, {"1!\x09", "2!A"}, "|\x09- |A "},
+        {"sets before every slice",
+         h264,
+         {sets, "1!A", "2!A", "3 e", "3!e"},
+         "|ga|hb|A1|ga|hb|A |ga|hb|A |ga|hb|e|ga|hb|eK ",
+         slices},
+        {"sets where they are new", h264, {sets, "1!A", "2!A", "3 e", "3!e"}, "|ga|hb|A1|A |A |ga|hb|e|eK ", keys},
+        {"sound around a gap is whole",
+         aac,
+         {"1!" + unit + "ab", "2!" + unit + "cd", "-", "4!" + unit + "ef"},
+         "ab@16000/2K cd@16000/2K ef@16000/2K "},
+        {"sound of one byte a sample",
+         "audio 0 RTP/AVP 8\r\n",
+         {"1!ab", "2!cd", "-", "4!ef"},
+         "ab@8000/0K cd@8000/0K ef@8000/0K "},
+        {"sound of half a byte a sample",
+         "audio 0 RTP/AVP 97\r\na=rtpmap:97 G726-32/8000/1\r\n",
+         {"1!ab", "2!cd", "3!ef"},
+         "ab@8000/1K cd@8000/1K ef@8000/1K "},
     };
     for (const auto& c : cases) {
         rtsp_viewer viewer;
-        viewer.play(sdp);
+        viewer.session->set_parameter_sets(c.where);
+        viewer.play("v=0\r\nm=" + c.media);
+        const uint8_t pt = viewer.session->trak(0U)->rtp->pt;
         uint16_t seq = 10;
+        size_t allocated = 0;
         for (const std::string& packet : c.packets) {
             seq = static_cast<uint16_t>(seq + (packet == "^" ? 10001 : 1));
             if (packet == "-" || packet == "^") continue;
-            const bool marker = packet[1] == '!';
-            viewer.rtp(0, rtp_packet(96, seq, static_cast<uint32_t>(packet[0]), packet.substr(marker ? 3 : 2), marker));
+            const test::allocation_count count;
+            viewer.rtp(0, rtp_packet(pt, seq, static_cast<uint32_t>(packet[0]), packet.substr(2), packet[1] == '!'));
+            allocated = count.value();
         }
-        EXPECT_EQ(complete(viewer), c.expected) << c.what;
+        EXPECT_EQ(allocated, 0U) << c.what;
+        EXPECT_EQ(viewer.seen(), c.seen) << c.what;
     }
-    // A JPEG picture whose first packet has no tables of its own.
+}
+
+TEST(RtspClient, TakesAPictureWithoutItsHeaderForTorn) {
     rtsp_viewer viewer;
     viewer.play("v=0\r\nm=video 0 RTP/AVP 26\r\n");
     const std::string start = "\0\0\0\0\1\x32\x10\x10"s;
@@ -390,54 +401,12 @@ TEST_F(RtspClient, TellsWholePicturesFromTorn) {
         viewer.rtp(0, rtp_packet(26, seq++, time, first + "scan1", false));
         viewer.rtp(0, rtp_packet(26, seq++, time, "\0\0\0\5\1\x32\x10\x10scan2"s));
     }
-    EXPECT_EQ(complete(viewer), "+-+");
+    viewer.session->flush();
+    ASSERT_EQ(viewer.frames.size(), 3U);
+    EXPECT_TRUE(viewer.frames[0].complete && !viewer.frames[1].complete && viewer.frames[2].complete);
 }
 
-TEST_F(RtspClient, BringsFramesAroundAGapAndAllocatesNothing) {
-    const std::string any = "\x01\xff\x02$frame";
-    const struct {
-        const char* media;
-        uint8_t pt;
-        uint32_t fcc;
-        std::string before;  ///< of the frame in each packet
-        uint32_t rate;
-        uint32_t channels;
-    } cases[] = {
-        {"m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", 96, av::fcc_h264, "\x65", 0, 0},
-        {"m=audio 0 RTP/AVP 8\r\n", 8, av::fcc_pcma, "", 8000, 0},
-        {"m=audio 0 RTP/AVP 97\r\na=rtpmap:97 G726-32/8000/1\r\n", 97, av::fcc_g726, "", 8000, 1},
-        {"m=audio 0 RTP/AVP 97\r\na=rtpmap:97 mpeg4-generic/16000/2\r\na=fmtp:97 config=1410\r\n", 97, av::fcc_mp4a,
-         "\0\x10\0\x48"s, 16000, 2},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.media);
-        const bool picture = c.fcc == av::fcc_h264;
-        rtsp_viewer viewer;
-        viewer.play("v=0\r\n"s + c.media);
-        uint64_t allocated = 0;
-        std::string expected;
-        for (uint16_t i = 1; i <= 6; ++i) {
-            if (i == 3) continue;  // what is lost may have been of the picture behind it; sound is whole
-            const std::string frame = any + std::to_string(i);
-            const std::string packet = rtp_packet(c.pt, i, (picture ? 90000U : c.rate) / 50 * i, c.before + frame);
-            std::string framed = "$\0"s;
-            test::put(framed, packet.size(), 2);
-            const test::allocation_count count;
-            viewer.feed(framed + packet);
-            allocated = count.value();
-            expected += (picture ? "|\x65" : "") + frame + (picture && i == 4 ? "K- " : "K ");
-        }
-        EXPECT_EQ(allocated, 0U);
-        EXPECT_EQ(viewer.seen(), expected);
-        for (const test::received_t& frame : viewer.frames)
-            EXPECT_TRUE(frame.fcc == c.fcc && frame.rate == c.rate && frame.channels == c.channels);
-        EXPECT_EQ(viewer.frames.back().media_time, 100000);
-        EXPECT_EQ(viewer.session->trak(0U)->rtp->lost, 1U);
-        EXPECT_EQ(viewer.reports.size(), 1U);
-    }
-}
-
-TEST_F(RtspClient, KeepsItsTimeWithinRangeWhateverTheTimestampsClaim) {
+TEST(RtspClient, KeepsItsTimeWithinRangeWhateverTheTimestampsClaim) {
     rtsp_viewer viewer;
     viewer.play("v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/1\r\n");
     for (uint32_t i = 1; i < 5000; ++i)
@@ -445,7 +414,7 @@ TEST_F(RtspClient, KeepsItsTimeWithinRangeWhateverTheTimestampsClaim) {
     EXPECT_GT(viewer.frames.back().media_time, INT64_MAX / 2);
 }
 
-TEST_F(RtspClient, ForgetsTheLastConversationWhenOpenedAgain) {
+TEST(RtspClient, ForgetsTheLastConversationWhenOpenedAgain) {
     for (const std::string& left : {ok + "Content-Le", ok + "Content-Length: 9\r\n\r\nbody", "$\1\2"s}) {
         rtsp_viewer viewer;
         viewer.play(two_tracks, "", "Content-Base: rtsp://old/\r\n");
@@ -462,24 +431,7 @@ TEST_F(RtspClient, ForgetsTheLastConversationWhenOpenedAgain) {
     }
 }
 
-TEST_F(RtspClient, PutsParameterSetsWhereTheyAreWanted) {
-    const std::string aggregate = "\x18\0\2\x67\x61\0\2\x68\x62\0\xff\x41\x31"s;  // the last length lies
-    for (const auto where : {rtsp3::parameter_sets_t::slices, rtsp3::parameter_sets_t::keys}) {
-        rtsp_viewer viewer;
-        viewer.session->set_parameter_sets(where);
-        viewer.play(sdp);
-        uint16_t seq = 1;
-        const std::pair<uint32_t, std::string> units[] = {
-            {1, aggregate}, {1, "\x41\x32"}, {2, "\x41\x33"}, {3, "\x65\x34"}, {3, "\x65\x35"}};
-        for (const auto& [time, unit] : units)
-            viewer.rtp(0, rtp_packet(96, seq++, time, unit));
-        const bool all = where == rtsp3::parameter_sets_t::slices;
-        EXPECT_EQ(viewer.seen(),
-                  all ? "|ga|hb|A1|ga|hb|A2 |ga|hb|A3 |ga|hb|e4|ga|hb|e5K " : "|ga|hb|A1|A2 |A3 |ga|hb|e4|e5K ");
-    }
-}
-
-TEST_F(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
+TEST(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
     const struct {
         const char* info;
         uint16_t seq[2];
@@ -516,7 +468,7 @@ TEST_F(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
     EXPECT_EQ(viewer.frames.back().media_time, reached + 1000);
 }
 
-TEST_F(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {
+TEST(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {
     rtsp_viewer viewer;
     viewer.play(two_tracks, "", "", "Session: 1\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
     viewer.rtp(0, rtp_packet(96, 1, 1, "\x65", true, 7));
@@ -529,7 +481,7 @@ TEST_F(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {
     EXPECT_EQ(viewer.frames[1].ntp_time, time_ntp_to_core(0xe8b8a690, 0));
 }
 
-TEST_F(RtspClient, ReportsEveryTwoSecondsHoweverTheStreamBegins) {
+TEST(RtspClient, ReportsEveryTwoSecondsHoweverTheStreamBegins) {
     for (const char* start : {"\x65", "\x7c\x85"}) {
         rtsp_viewer viewer;
         viewer.play(sdp);
@@ -542,7 +494,7 @@ TEST_F(RtspClient, ReportsEveryTwoSecondsHoweverTheStreamBegins) {
     }
 }
 
-TEST_F(RtspClient, SetsUpOnlyWhatIsWantedAndGoesOnWhenToldTo) {
+TEST(RtspClient, SetsUpOnlyWhatIsWantedAndGoesOnWhenToldTo) {
     rtsp_viewer viewer;
     viewer.before = [&](event_t::enum_t event) {
         if (event == event_t::open_client) viewer.session->select_trak(0, false);

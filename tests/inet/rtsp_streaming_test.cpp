@@ -22,12 +22,6 @@ TEST(RtspStreaming, PutsAPictureIntoTheStreamByOneEvent) {
     EXPECT_EQ(owner.send(access_unit(3000)), 1);
     EXPECT_EQ(owner.sends, 1U);
     ASSERT_EQ(owner.packets.size(), 2 + 3U);
-    const auto number = [](const std::string& packet) {
-        return static_cast<uint16_t>(static_cast<uint8_t>(packet[2]) << 8 | static_cast<uint8_t>(packet[3]));
-    };
-    const uint16_t first = number(owner.packets[0].bytes);
-    for (uint16_t i = 0; i < 5; ++i)
-        EXPECT_EQ(number(owner.packets[i].bytes), static_cast<uint16_t>(first + i));
     EXPECT_EQ(owner.packets[0].bytes.substr(12), access_unit(0).substr(4, 9));
 }
 

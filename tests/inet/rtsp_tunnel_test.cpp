@@ -15,15 +15,13 @@ using rtsp3::event_t;
 using test::rtsp_owner;
 using test::rtsp_viewer;
 
-class RtspTunnel : public test::at_fixed_time {};
-
 std::string base64(const std::string& text) { return core::owned_text(b64(text.data(), text.size(), CORE_HERE)).get(); }
 
 const std::string get_head = "GET /live HTTP/1.1\r\nConnection: Close\r\nx-sessioncookie: abc\r\n\r\n";
 const std::string post_head = "POST /live HTTP/1.0\r\nx-sessioncookie: abc\r\nContent-Length: 2147483647\r\n\r\n";
 const std::string options = "OPTIONS * RTSP/1.0\r\n\r\n";
 
-TEST_F(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
+TEST(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
     rtsp_owner get;
     rtsp_owner post;
     get.feed(get_head + options);
@@ -45,7 +43,7 @@ TEST_F(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
     EXPECT_EQ(get.session->activity(), 3U);
 }
 
-TEST_F(RtspTunnel, WaitsForTheEndOfACallOfTheOtherSession) {
+TEST(RtspTunnel, WaitsForTheEndOfACallOfTheOtherSession) {
     rtsp_owner get;
     rtsp_owner post;
     post.feed(post_head + base64(options));
@@ -56,7 +54,7 @@ TEST_F(RtspTunnel, WaitsForTheEndOfACallOfTheOtherSession) {
     EXPECT_NE(get.sent.find("Public: "), std::string::npos);
 }
 
-TEST_F(RtspTunnel, JoinsOnlyWhatBelongsTogether) {
+TEST(RtspTunnel, JoinsOnlyWhatBelongsTogether) {
     rtsp_owner get;
     rtsp_owner post;
     rtsp_owner second;
@@ -78,7 +76,7 @@ TEST_F(RtspTunnel, JoinsOnlyWhatBelongsTogether) {
     EXPECT_EQ(second.events, "15 4 ");
 }
 
-TEST_F(RtspTunnel, EndsWhatIsNoTunnel) {
+TEST(RtspTunnel, EndsWhatIsNoTunnel) {
     const struct {
         std::string bytes;
         const char* events;
@@ -107,7 +105,7 @@ TEST_F(RtspTunnel, EndsWhatIsNoTunnel) {
     }
 }
 
-TEST_F(RtspTunnel, IsOpenedByAClientOnceTheServerGrantsIt) {
+TEST(RtspTunnel, IsOpenedByAClientOnceTheServerGrantsIt) {
     rtsp_viewer viewer;
     viewer.session->set_tunnel(true);
     viewer.session->set_protocol(rtsp3::protocol_t::rtp_udp);  // there is no UDP in a tunnel

@@ -1,4 +1,4 @@
-// The owner of an RTSP session as a viewer is one.
+// The owner of an RTSP session as a viewer is one. Time stands.
 #pragma once
 
 #include "rtsp_owner.h"
@@ -33,9 +33,10 @@ public:
     std::vector<std::string> reports;  ///< receiver reports, without framing
 
     rtsp_viewer() : session(rtsp3::Rtsp::create(CORE_HERE)) {
+        core_time_set_clock(fixed_clock);
         if (session) session->set_handler(this);
     }
-    ~rtsp_viewer() {
+    virtual ~rtsp_viewer() {
         rtsp3::Rtsp::destroy(session);
         core_buf_free(&received);
     }
@@ -71,12 +72,15 @@ public:
         std::string bytes = packet;
         session->process_rtp(channel, {reinterpret_cast<uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size())});
     }
-    /// All frames, start codes as '|', each with 'K' for a key picture and '-' for a torn one behind it.
+    /// All frames, start codes as '|', each with '@' and the format of sound behind it, 'K' for a key picture, '-' for
+    /// a torn one.
     std::string seen() {
         session->flush();
         std::string all;
-        for (const received_t& frame : frames)
-            all += frame.data + (frame.key ? "K" : "") + (frame.complete ? " " : "- ");
+        for (const received_t& f : frames) {
+            const std::string sound = "@" + std::to_string(f.rate) + "/" + std::to_string(f.channels);
+            all += f.data + (f.rate ? sound : "") + (f.key ? "K" : "") + (f.complete ? " " : "- ");
+        }
         return std::regex_replace(all, std::regex(R"(\0?\0\0\x01)"), "|");
     }
 
