@@ -7,7 +7,6 @@
 #include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
-#include <iterator>
 #include <vector>
 
 namespace {
@@ -17,8 +16,7 @@ using fuzz::require;
 uint32_t be16(const uint8_t* at) { return uint32_t{at[0]} << 8 | at[1]; }
 uint32_t be32(const uint8_t* at) { return be16(at) << 16 | be16(at + 2); }
 
-class stream_t : public rtp::IRtp {
-public:
+struct stream_t : rtp::IRtp {
     /// `pack` packs a frame.
     template <class Pack>
     stream_t(uint32_t fcc, uint32_t source, Pack pack) : ssrc(source) {
@@ -30,35 +28,28 @@ public:
         track->ssrc = ssrc;
         track->clock_rate = 90000;
         pack(object);
-        require((last_marked && reports == 1) || fuzz::starved);
+        require((last_marked && reports == 1) || packets == 0 || fuzz::starved);
         require(track->packets == packets && track->octets == octets);
     }
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
-        if (event != rtp::event_t::packets) return take({rtp->packet.data, rtp->packet.length}, *rtp->current, event);
+        if (event != rtp::event_t::packets) return take(rtp->packet.data, rtp->packet.length, *rtp->current, event);
         const sockaddr_in to{};
         const datagram_t* const datagrams = rtp->cut->datagrams(to);
         for (uint32_t i = 0; i < rtp->cut->count(); ++i)
-            take({datagrams[i].data, datagrams[i].size}, *rtp->current, rtp::event_t::packet);
+            take(datagrams[i].data, datagrams[i].size, *rtp->current, rtp::event_t::packet);
     }
 
-    void take(std::span<const uint8_t> packet, const rtp::trak_t& track, rtp::event_t::enum_t event) {
-        require(packet.size() <= rtp::packet_size);
-        sent.insert(sent.end(), packet.begin(), packet.end());
-        if (event == rtp::event_t::rtcp) {
-            require(packet.size() == 28 && be16(packet.data()) == 0x80C8 && be32(packet.data() + 20) == packets);
-            ++reports;
-            return;
-        }
+    void take(const uint8_t* data, uint32_t length, const rtp::trak_t& track, rtp::event_t::enum_t event) {
+        sent.insert(sent.end(), data, data + length);
+        reports += event == rtp::event_t::rtcp;
+        if (reports > 0) return require(length == 28 && be16(data) == 0x80C8 && be32(data + 20) == packets);
+        require(length > 12 && length <= rtp::packet_size);
+        require((data[0] & 0xEF) == 0x80 && (data[1] & 0x7F) == track.pt && be16(data + 2) == packets);
+        require(be32(data + 4) == track.rtp_time && be32(data + 8) == ssrc);
         ++packets;
-        octets += static_cast<uint32_t>(packet.size());
-        require(packet.size() > 12);
-        require((packet[0] & 0xEF) == 0x80);
-        require((packet[1] & 0x7F) == track.pt);
-        require(be16(packet.data() + 2) == static_cast<uint16_t>(packets - 1));
-        require(be32(packet.data() + 4) == track.rtp_time);
-        require(be32(packet.data() + 8) == ssrc);
-        last_marked = packet[1] & 0x80;
+        octets += length;
+        last_marked = data[1] & 0x80;
     }
 
     rtp::Rtp object{CORE_HERE};
@@ -86,6 +77,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     const stream_t other(frame.fcc, 0x05060708, [&](rtp::Rtp& rtp) { rtp.pack(packets); });
     const stream_t cut(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(packets); });
     const stream_t own(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(&frame); });
-    const bool same = cut.sent == own.sent && packets.count() == own.packets;
+    // A frame without a packet is known as none when it was cut, so not even a report follows.
+    const bool same = packets.count() == own.packets && (cut.sent == own.sent || own.packets == 0);
     require(same || (fuzz::starved && (cut.packets == 0 || own.packets == 0)));
 }

@@ -9,109 +9,76 @@
 
 #include <algorithm>
 #include <memory>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
 
 using fuzz::require;
 
-struct format_t {
-    uint8_t pt;
-    uint32_t fcc;
-    double rate;
-};
+constexpr std::tuple<uint8_t, uint32_t, double> formats[] = {
+    {0, av::fcc_pcmu, 8000},    {2, av::fcc_g726, 8000},    {8, av::fcc_pcma, 8000},
+    {26, av::fcc_jpeg, 90000},  {96, av::fcc_h264, 90000},  {97, av::fcc_mp4a, 44100},
+    {107, av::fcc_meta, 90000}, {108, av::fcc_univ, 90000}, {109, av::fcc_h264, 0}};
 
-constexpr format_t formats[] = {{0, av::fcc_pcmu, 8000},    {2, av::fcc_g726, 8000},    {8, av::fcc_pcma, 8000},
-                                {26, av::fcc_jpeg, 90000},  {96, av::fcc_h264, 90000},  {97, av::fcc_mp4a, 44100},
-                                {107, av::fcc_meta, 90000}, {108, av::fcc_univ, 90000}, {109, av::fcc_h264, 0}};
-
-class checker : public rtp::IRtp {
-public:
-    void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
-        require(event == rtp::event_t::rtcp || event == rtp::event_t::frame);
-        if (event == rtp::event_t::rtcp) {
-            require(rtp->packet.length == 32 && rtp->packet.data[1] == 201);
-            return;
-        }
-        const rtp::trak_t& track = *rtp->current;
-        require(track.frame.length > 0 && track.frame.length <= rtp::max_frame);
-        const int header = track.nal_nri << 5 | track.nal_type;
-        require(track.fcc != av::fcc_h264 || header == (track.frame.data[0] & 0x7F));
-        for (uint32_t i = 0; i < track.frame.length; ++i)
-            seen = static_cast<uint8_t>(seen + track.frame.data[i]);
+struct stream_t : rtp::IRtp {
+    void on_rtp_event(rtp::Rtp* from, rtp::event_t::enum_t event) noexcept override {
+        if (event == rtp::event_t::rtcp) return require(from->packet.length == 32 && from->packet.data[1] == 201);
+        const rtp::trak_t& track = *from->current;
+        const buf_t& frame = track.frame;
+        require(event == rtp::event_t::frame && frame.length > 0 &&
+                frame.length <= std::min(frame.size, rtp::max_frame));
+        require(track.fcc != av::fcc_h264 || (track.nal_nri << 5 | track.nal_type) == (frame.data[0] & 0x7F));
     }
 
-    volatile uint8_t seen = 0;
-};
+    static void deliver(void* arg, buffer_t packet) {
+        auto& self = *static_cast<stream_t*>(arg);
+        const auto seq = static_cast<uint16_t>(packet.data[2] << 8 | packet.data[3]);
+        const bool restarted =
+            self.order->counts().restarts != std::exchange(self.restarts, self.order->counts().restarts);
+        require(self.last < 0 || restarted || static_cast<int16_t>(seq - self.last) > 0);
+        self.last = seq;
+        self.rtp.unpack_rtp(packet);
+    }
 
-struct stream_t {
     rtp::Rtp rtp{CORE_HERE};
-    const rtp::Reorder* order = nullptr;
-    uint32_t delivered = 0;
+    const std::unique_ptr<rtp::Reorder, void (*)(rtp::Reorder*)> order{
+        rtp::Reorder::create({4, 100}, deliver, this, CORE_HERE), rtp::Reorder::destroy};
     uint32_t restarts = 0;
-    uint16_t last = 0;
+    int last = -1;
 };
-
-void deliver(void* arg, buffer_t packet) {
-    auto& to = *static_cast<stream_t*>(arg);
-    const auto seq = static_cast<uint16_t>(packet.data[2] << 8 | packet.data[3]);
-    const bool restarted = to.restarts != to.order->counts().restarts;
-    const auto step = static_cast<int16_t>(seq - to.last);
-    require(to.delivered == 0 || restarted || step > 0);
-    to.restarts = to.order->counts().restarts;
-    to.last = seq;
-    ++to.delivered;
-    to.rtp.unpack_rtp(packet);
-}
 
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
-    checker owner;
     stream_t stream;
-    stream.rtp.set_handler(&owner);
+    stream.rtp.set_handler(&stream);
     for (const auto& [pt, fcc, rate] : formats) {
         rtp::trak_t* const track = stream.rtp.add_trak(pt, fcc);
-        if (!track) return require(fuzz::starved);
+        if (!track || !stream.order) return require(fuzz::starved);
         track->clock_rate = rate;
     }
-    const std::unique_ptr<rtp::Reorder, void (*)(rtp::Reorder*)> order(
-        rtp::Reorder::create({4, 100}, deliver, &stream, CORE_HERE), rtp::Reorder::destroy);
-    stream.order = order.get();
-    if (!order) return require(fuzz::starved);
-
     uint32_t packets = 0;
     uint64_t now = 1;
-    while (input.size() >= 3) {
+    for (; input.size() >= 3; ++packets) {
         const uint8_t how = input[0];
         const size_t length = std::min<size_t>(size_t{input[1]} << 8 | input[2], input.size() - 3);
         // A block of its own for each packet, so that the first byte read behind it is seen.
-        const auto bytes = input.subspan(3, length);
-        std::vector<uint8_t> packet(bytes.begin(), bytes.end());
+        std::vector<uint8_t> packet(input.data() + 3, input.data() + 3 + length);
         const buffer_t one{packet.data(), static_cast<uint32_t>(length)};
         input = input.subspan(3 + length);
-        ++packets;
         now += how >> 2;
         stream.rtp.set_arrival(how & 0x80 ? now * 1000 : 0);
-        switch (how & 3) {
-            case 0:
-                stream.rtp.unpack_rtp(one);
-                break;
-            case 1:
-                stream.rtp.unpack_rtc(one);
-                break;
-            case 2:
-                order->push(one, now);
-                break;
-            default:
-                order->expire(now);
-                break;
-        }
+        if ((how & 3) == 0) stream.rtp.unpack_rtp(one);
+        if ((how & 3) == 1) stream.rtp.unpack_rtc(one);
+        if ((how & 3) == 2) stream.order->push(one, now);
+        if ((how & 3) == 3) stream.order->expire(now);
     }
-    order->flush();
-    require(order->due() == 0);
-    for (const auto& format : formats) {
-        const rtp::trak_t& track = *stream.rtp.get_trak_pt(format.pt);
+    stream.order->flush();
+    require(stream.order->due() == 0);
+    for (const auto& [pt, fcc, rate] : formats) {
+        const rtp::trak_t& track = *stream.rtp.get_trak_pt(pt);
         require(track.frame.size <= rtp::max_frame && track.fua.size <= rtp::max_frame);
         require(track.received + track.late <= packets);
     }

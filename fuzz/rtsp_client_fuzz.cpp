@@ -1,11 +1,12 @@
 // The RTSP client session fed a server's bytes. The first byte of the input says how the rest is cut, the transport,
-// whether the stream is tunnelled and where parameter sets go; over UDP every other piece is a datagram.
+// whether the stream is tunnelled and where parameter sets go; the sum of all bytes, where the first piece ends. The
+// same is asked and delivered however the bytes are cut. Input that comes in one piece is taken once more by a session
+// that is closed, or loses its tracks, from inside the event that the sum picks.
 #include "fuzz.h"
 
-#include "inet/rtsp_protocol.h"
+#include "inet/rtsp_viewer.h"
 
-#include <algorithm>
-#include <span>
+#include <numeric>
 
 namespace {
 
@@ -17,98 +18,88 @@ using rtsp3::protocol_t;
 constexpr uint32_t frame_limit = 64 * 1024;
 constexpr uint32_t most_waiting = (64 + 16) * 1024;
 
-class viewer final : public rtsp3::IRtsp {
+class viewer final : public test::rtsp_viewer {
 public:
-    explicit viewer(uint8_t mode) : session_(rtsp3::Rtsp::create(CORE_HERE)), reads_(mode & 0x40) {
-        if (!session_) return;
-        session_->set_handler(this);
-        session_->set_frame_limit(frame_limit);
-        session_->set_tunnel(mode & 0x80);
-        session_->set_protocol(mode & 0x20 ? protocol_t::rtp_udp : protocol_t::rtp_tcp);
-        if (mode & 0x10) session_->set_parameter_sets(rtsp3::parameter_sets_t::keys);
-        session_->open("rtsp://admin:p%40:s@10.0.0.7/live");
+    /// @param ends_at  the event from inside which the session is closed, or, if even, its tracks go; 0 for none
+    explicit viewer(uint8_t mode, size_t ends_at = 0)
+        : ends_at_(ends_at), tunnelled_(mode & 0x80), takes_datagrams_(mode & 0x20) {
+        if (!session) return;
+        reading = mode & 0x40;
+        session->set_frame_limit(frame_limit);
+        session->set_tunnel(tunnelled_);
+        session->set_protocol(takes_datagrams_ ? protocol_t::rtp_udp : protocol_t::rtp_tcp);
+        if (mode & 0x10) session->set_parameter_sets(rtsp3::parameter_sets_t::keys);
+        session->open("rtsp://admin:p%40:s@10.0.0.7/live");
     }
-    ~viewer() {
-        rtsp3::Rtsp::destroy(session_);
-        core_buf_free(&received_);
-    }
-    viewer(const viewer&) = delete;
-    viewer& operator=(const viewer&) = delete;
 
-    void feed(std::span<const uint8_t> bytes) {
-        if (!session_) return;
-        core_buf_read(&received_, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        session_->process(&received_);
-        if (fuzz::starved) session_->process(&received_);  // what there was no memory for was left
-        require(received_.length == 0 && session_->send_buffer()->length <= most_waiting);
+    /// In pieces, the first of them shorter; over UDP a packet is a datagram.
+    void watch(std::string_view dialog, size_t piece, size_t first) {
+        for (size_t next = first; session && !dialog.empty(); next = piece) {
+            size_t taken = std::min(next, dialog.size());
+            if (takes_datagrams_ && dialog[0] == '$' && dialog.size() > 4) {
+                const auto at = [&](size_t i) { return static_cast<uint8_t>(dialog[i]); };
+                taken = std::min<size_t>(4U + (at(2) << 8U | at(3)), dialog.size());
+                rtp(at(1), std::string(dialog.substr(4, taken - 4)));
+            } else {
+                if (takes_datagrams_) taken = std::min(dialog.find('$', 1), taken);
+                feed(dialog.substr(0, taken));
+                if (fuzz::starved) session->process(&received);  // what there was no memory for was left
+                require(received.length == 0 && session->send_buffer()->length <= most_waiting);
+            }
+            dialog.remove_prefix(taken);
+        }
+        if (session) end();
     }
-    void feed_datagram(std::span<uint8_t> bytes) {
-        if (!session_) return;
-        session_->process_rtp(bytes[0], {bytes.data() + 1, static_cast<uint32_t>(bytes.size() - 1)});
-    }
-    void end() {
-        if (!session_) return;
-        session_->send_keep_alive();
-        session_->flush();
-        session_->process_teardown(nullptr);
+    /// What was asked, told and delivered. Of a tunnel the cookie and the reports, which have times in them, are left
+    /// out with all that was asked.
+    std::string story() const {
+        std::string all = (tunnelled_ ? "" : asked) + events;
+        for (const test::received_t& f : frames) {
+            require(!f.data.empty() && f.data.size() <= frame_limit);
+            for (const uint64_t value : {uint64_t{f.fcc}, f.time, static_cast<uint64_t>(f.media_time), f.ntp_time})
+                all += std::to_string(value) + " ";
+            all += f.data + (f.key ? "K" : "") + (f.complete ? " " : "- ");
+        }
+        return all;
     }
 
     void on_rtsp_event(rtsp3::Rtsp* rtsp, event_t::enum_t event) noexcept override {
-        switch (event) {
-            case event_t::rtsp_setup:
-                rtsp->send_setup(nullptr, 7000);
-                break;
-            case event_t::rtsp_error:
-                require(*rtsp->method() && *rtsp->failure());
-                if (errors_++ < 16) rtsp->process_setup(nullptr);
-                break;
-            case event_t::rtsp_send:
-                if (reads_) core_buf_ignore(rtsp->send_buffer(), rtsp->send_buffer()->length);
-                break;
-            case event_t::rtsp_frame:
-                require(rtsp->frame()->size > 0 && rtsp->frame()->size <= frame_limit);
-                sum_ = std::count(rtsp->frame()->data, rtsp->frame()->data + rtsp->frame()->size, 0);
-                if (++frames_ == 4) rtsp->process_pause(nullptr);
-                break;
-            case event_t::rtsp_pause:
-                rtsp->process_play(nullptr);
-                break;
-            case event_t::rtsp_close:
-                rtsp->close();
-                break;
-            default:
-                break;
-        }
+        if (++count_ == ends_at_) return ends_at_ % 2 ? rtsp->close() : rtsp->clear_traks();
+        rtsp_viewer::on_rtsp_event(rtsp, event);
+        require(event != event_t::rtsp_error || (*rtsp->method() && *rtsp->failure()));
+        if (event == event_t::rtsp_error && errors_++ < 16) rtsp->process_setup(nullptr);
+        if (event == event_t::rtsp_frame && frames.size() == 4) rtsp->process_pause(nullptr);
+        if (event == event_t::rtsp_pause) rtsp->process_play(nullptr);
+        if (event == event_t::rtsp_close) rtsp->close();
     }
 
 private:
-    rtsp3::Rtsp* session_;
-    buf_t received_;
-    bool reads_;
+    void end() {
+        session->send_keep_alive();
+        session->flush();
+        session->process_teardown(nullptr);
+        require(ends_at_ % 2 == 0 || count_ < ends_at_ || (session->closed() && session->trak_count() == 0));
+    }
+
+    size_t ends_at_;
+    size_t count_ = 0;
     int errors_ = 0;
-    int frames_ = 0;
-    std::ptrdiff_t sum_ = 0;
+    bool tunnelled_;
+    bool takes_datagrams_;
 };
 
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
     if (input.empty()) return;
-    uint8_t copy[64 * 1024];
     const uint8_t mode = input[0];
-    const std::span<uint8_t> rest(copy, std::min(input.size(), sizeof copy) - 1);
-    std::copy_n(input.data() + 1, rest.size(), copy);
+    const std::string dialog = fuzz::text_of(input.subspan(1));
     const size_t piece = 1 + (mode & 0x0fU) * (mode & 0x0fU) * 8;
-    viewer viewer(mode);
-    bool datagram = false;
-    for (size_t at = 0; at < rest.size(); at += piece) {
-        const std::span<uint8_t> bytes = rest.subspan(at, std::min(piece, rest.size() - at));
-        if (datagram && mode & 0x20) {
-            viewer.feed_datagram(bytes);
-        } else {
-            viewer.feed(bytes);
-        }
-        datagram = !datagram;
-    }
-    viewer.end();
+    const size_t sum = std::accumulate(input.begin(), input.end(), size_t{0});
+    const bool in_one_piece = piece >= dialog.size();
+    viewer cut(mode);
+    cut.watch(dialog, piece, in_one_piece ? piece : 1 + sum % piece);
+    viewer other(mode, in_one_piece ? 1 + sum % 64 : 0);
+    other.watch(dialog, dialog.size(), dialog.size());
+    require(in_one_piece || fuzz::starved || cut.story() == other.story());
 }

@@ -1,13 +1,14 @@
-// The RTSP server session fed bytes, with an owner that answers as a camera's service does and sends frames meanwhile.
-// The first byte of the input says how the rest is cut, whether there is a password, whether the peer reads, and
-// whether the owner answers in the event or only when more has come.
+// The RTSP server session fed bytes, with an owner that answers as a camera's service does and sends frames with every
+// reply. The first byte of the input says how the rest is cut, whether there is a password, whether the peer reads, and
+// whether the owner answers in the event or only when more has come;
+// the sum of all bytes, where the first piece ends. A peer is told the same however its bytes are cut, and makes
+// nothing happen while it has not given the password. Input that comes in one piece is taken once more by a session
+// that is closed, or loses its tracks, from inside the event that the sum picks.
 #include "fuzz.h"
 
-#include "avc/fcc.h"
-#include "inet/rtsp_protocol.h"
+#include "inet/rtsp_owner.h"
 
-#include <algorithm>
-#include <span>
+#include <numeric>
 #include <utility>
 
 namespace {
@@ -16,114 +17,94 @@ using fuzz::require;
 
 using rtsp3::event_t;
 
-constexpr uint64_t start_us = 1700000000000000;
 constexpr uint32_t most_waiting = (64 + 64 + 256 + 16) * 1024;  // replies and the longest one, the limit, a frame
 
-class owner final : public rtsp3::IRtsp {
+class camera final : public test::rtsp_owner {
 public:
-    explicit owner(uint8_t mode) : session_(rtsp3::Rtsp::create(CORE_HERE)), reads_(mode & 0x40), late_(mode & 0x20) {
-        if (!session_) return;
-        session_->set_handler(this);
-        session_->set_send_limit(256 * 1024);
-        if (mode & 0x80) session_->set_credentials("admin", "secret");
-    }
-    ~owner() {
-        rtsp3::Rtsp::destroy(session_);
-        core_buf_free(&received_);
-    }
-    owner(const owner&) = delete;
-    owner& operator=(const owner&) = delete;
-
-    bool is_open() const { return session_ != nullptr; }
-    void feed(std::span<const uint8_t> bytes) {
-        core_buf_read(&received_, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        session_->process(&received_);
-        if (fuzz::starved) session_->process(&received_);  // what there was no memory for was left
-        require(received_.length == 0 && session_->send_buffer()->length <= most_waiting);
+    /// @param ends_at  the event from inside which the session is closed, or, if even, its tracks go; 0 for none
+    camera(uint8_t mode, std::string_view dialog, size_t ends_at = 0)
+        : dialog_(dialog), ends_at_(ends_at), gated_(mode & 0x80), late_(mode & 0x20) {
+        require(session || fuzz::starved);
+        if (!session) return;
+        formats = {av::fcc_h264, av::fcc_pcmu, av::fcc_univ, av::fcc_h264, av::fcc_jpeg};
+        reading = mode & 0x40;
+        session->set_send_limit(256 * 1024);
+        if (gated_) session->set_credentials("admin", "secret");
     }
 
-    void answer_all() {
-        for (int i = 0; i < 1000 && owed_ >= 0; ++i)
-            answer();
-        require(owed_ < 0);
-        require(session_->send_play(time_) == 0 || !answered_);
-    }
-
-    void send_frames() {
-        static const uint8_t picture[] = {0,    0,    0, 1, 0x67, 0x42, 0xc0, 0x1e, 0xd9, 0, 0, 0, 1, 0x68, 0xce,
-                                          0x3c, 0x80, 0, 0, 0,    1,    0x65, 1,    2,    3, 4, 5, 6, 7,    8};
-        static const uint8_t sound[1600] = {};
-        for (const uint32_t fcc : {av::fcc_h264, av::fcc_pcmu}) {
-            av::frame_t frame{};
-            frame.fcc = fcc;
-            frame.time = time_ += 20000;
-            frame.data = fcc == av::fcc_h264 ? picture : sound;
-            frame.size = fcc == av::fcc_h264 ? sizeof picture : sizeof sound;
-            session_->send_frame(&frame);
+    /// In pieces, the first of them shorter.
+    void serve(size_t piece, size_t first) {
+        for (size_t at = 0, end = first; session && at < dialog_.size(); at = end, end += piece) {
+            feed(dialog_.substr(at, end - at));
+            if (fuzz::starved) session->process(&received);  // what there was no memory for was left
+            for (int i = 0; i < 1000 && owed_ >= 0; ++i)
+                answer(std::exchange(owed_, -1));
+            require(received.length == 0 && session->send_buffer()->length <= most_waiting);
         }
+        require(ends_at_ % 2 == 0 || count_ < ends_at_ || (session->closed() && session->trak_count() == 0));
     }
+    std::string told() const { return test::normal(sent) + events; }
+    /// Whether the peer names a session that it was not told of yet.
+    bool guessed() const { return guessed_; }
 
     void on_rtsp_event(rtsp3::Rtsp* rtsp, event_t::enum_t event) noexcept override {
-        switch (event) {
-            case event_t::open_server:
-            case event_t::rtsp_setup:
-            case event_t::rtsp_play:
-                require(owed_ < 0);
-                owed_ = event;
-                if (!late_) answer();
-                break;
-            case event_t::rtsp_send:
-                if (reads_) core_buf_ignore(rtsp->send_buffer(), rtsp->send_buffer()->length);
-                break;
-            case event_t::send_rtp:
-            case event_t::rtsp_rtcp:
-                require(rtsp->rtp()->packet.length > 0 && rtsp->trak()->client_port != 0);
-                break;
-            case event_t::rtsp_close:
-                rtsp->close();
-                break;
-            default:
-                break;
+        if (++count_ == ends_at_) return ends_at_ % 2 ? rtsp->close() : rtsp->clear_traks();
+        const bool serves = event == event_t::open_server || event == event_t::rtsp_setup ||
+                            (event > event_t::rtsp_key && event < event_t::rtsp_error);
+        require(!gated_ || !serves);
+        if (late_ && (event == event_t::open_server || event == event_t::rtsp_setup || event == event_t::rtsp_play)) {
+            require(owed_ < 0);
+            owed_ = event;
+            return;
         }
+        rtsp_owner::on_rtsp_event(rtsp, event);
+        if (event == event_t::rtsp_setup) guessed_ = guessed_ || dialog_.find(rtsp->session()) != std::string::npos;
+        if (event == event_t::send_rtp || event == event_t::rtsp_rtcp)
+            require(!packets.back().bytes.empty() && packets.back().port != 0);
+        if (event == event_t::rtsp_close) rtsp->close();
+        if (event != event_t::rtsp_send || sending_) return;
+        sending_ = true;
+        send(picture_);
+        send(sound_, av::fcc_pcmu);
+        sending_ = false;
     }
 
 private:
-    void answer() {
-        const int owed = std::exchange(owed_, -1);
-        answered_ = true;
-        if (owed == event_t::open_server) {
-            for (const uint32_t fcc : {av::fcc_h264, av::fcc_pcmu, av::fcc_univ, av::fcc_h264, av::fcc_jpeg})
-                session_->add_trak(fcc, "track", CORE_HERE);
-            session_->send_sdp("inet", "test", "camera", 1, start_us);
-        } else if (owed == event_t::rtsp_setup) {
-            session_->send_setup(nullptr, 6000);
-        } else {
-            session_->send_play(time_);
-        }
+    void answer(int owed) {
+        if (owed == event_t::rtsp_setup) session->send_setup(nullptr, 6000);
+        if (owed == event_t::rtsp_play) session->send_play(test::fixed_clock());
+        if (owed != event_t::open_server) return;
+        for (const uint32_t fcc : formats)
+            session->add_trak(fcc, nullptr, CORE_HERE);
+        session->send_sdp("inet", "test", "camera", 0, 0);
     }
 
-    rtsp3::Rtsp* session_;
-    buf_t received_;
-    uint64_t time_ = start_us;
-    bool reads_;
+    const std::string picture_ = test::access_unit(10);
+    const std::string sound_ = std::string(160, 's');
+    std::string_view dialog_;
+    size_t ends_at_;
+    size_t count_ = 0;
+    bool gated_;
     bool late_;
-    bool answered_ = false;
     int owed_ = -1;  // the event that waits for its answer
+    bool sending_ = false;
+    bool guessed_ = false;
 };
 
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
     if (input.empty()) return;
-    const size_t piece = 1 + (input[0] & 0x1fU) * (input[0] & 0x1fU);
-    owner camera(input[0]);
-    if (!camera.is_open()) return require(fuzz::starved);
-    input = input.subspan(1);
-    while (!input.empty()) {
-        const size_t taken = std::min(piece, input.size());
-        camera.feed(input.first(taken));
-        camera.send_frames();
-        camera.answer_all();
-        input = input.subspan(taken);
-    }
+    const uint8_t mode = input[0];
+    const std::string dialog = fuzz::text_of(input.subspan(1));
+    const size_t piece = 1 + (mode & 0x1fU) * (mode & 0x1fU);
+    const size_t sum = std::accumulate(input.begin(), input.end(), size_t{0});
+    const bool in_one_piece = piece >= dialog.size();
+    camera cut(mode, dialog);
+    cut.serve(piece, in_one_piece ? piece : 1 + sum % piece);
+    camera other(mode, dialog, in_one_piece ? 1 + sum % 64 : 0);
+    other.serve(dialog.size(), dialog.size());
+    const bool comparable =
+        !in_one_piece && !(mode & 0x20) && mode & 0x40 && !fuzz::starved && !cut.guessed() && !other.guessed();
+    require(!comparable || cut.told() == other.told());
 }

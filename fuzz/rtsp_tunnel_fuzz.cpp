@@ -1,19 +1,20 @@
 // The POST stream of an RTSP tunnel. The first byte of the input says how the rest is cut. Cut or not, the same comes
-// out, and what is Base64 without cuts comes out as it was encoded.
+// out, what is Base64 without cuts comes out as it was encoded, and requests are answered as they are without a tunnel.
 #include "fuzz.h"
 #include "rtsp/tunnel.h"
 
 #include "common/digest.h"
 #include "core/owned.h"
-#include "inet/rtsp_protocol.h"
+#include "inet/rtsp_owner.h"
 
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 namespace {
 
 using fuzz::require;
+
+constexpr size_t most_input = 32 * 1024;  // what a POST connection may hold before its GET is there
 
 struct decoded_t {
     buf_t bytes;
@@ -36,31 +37,31 @@ struct decoded_t {
     decoded_t& operator=(const decoded_t&) = delete;
 };
 
-void feed(rtsp3::Rtsp* session, std::span<const uint8_t> bytes) {
-    buf_t data;
-    core_buf_read(&data, bytes.data(), static_cast<uint32_t>(bytes.size()));
-    session->process(&data);
-    core_buf_free(&data);
-}
-
-void serve(std::span<const uint8_t> input, size_t piece) {
-    static constexpr char get_head[] = "GET / HTTP/1.0\r\nx-sessioncookie: a\r\n\r\n";
-    static constexpr char post_head[] = "POST / HTTP/1.0\r\nx-sessioncookie: a\r\n\r\n";
-    rtsp3::Rtsp* get = rtsp3::Rtsp::create(CORE_HERE);
-    rtsp3::Rtsp* post = rtsp3::Rtsp::create(CORE_HERE);
-    if (!get || !post) {
-        rtsp3::Rtsp::destroy(get);
-        rtsp3::Rtsp::destroy(post);
-        return require(fuzz::starved);
+/// Without tracks: what is told is the same in every session.
+struct owner final : test::rtsp_owner {
+    explicit owner(const char* head = "") {
+        require(session || fuzz::starved);
+        formats.clear();
+        if (session) feed(head);
     }
-    feed(get, {reinterpret_cast<const uint8_t*>(get_head), sizeof get_head - 1});
-    feed(post, {reinterpret_cast<const uint8_t*>(post_head), sizeof post_head - 1});
-    require(post->join(get) || fuzz::starved);
-    for (size_t at = 0; at < input.size(); at += piece)
-        feed(post, input.subspan(at, std::min(piece, input.size() - at)));
-    require(get->send_buffer()->length <= 130 * 1024);
-    rtsp3::Rtsp::destroy(get);
-    rtsp3::Rtsp::destroy(post);
+};
+
+/// Serves the bytes of a POST connection, which are to be those of `plain` as Base64, if that is given.
+void serve(std::string_view text, size_t piece, const owner* plain) {
+    owner get("GET / HTTP/1.0\r\nx-sessioncookie: a\r\n\r\n");
+    owner post("POST / HTTP/1.0\r\nx-sessioncookie: a\r\n\r\n");
+    if (!get.session || !post.session) return;
+    get.sent.clear();
+    get.reading = plain;
+    const bool late = piece % 2;  // the POST connection came first
+    if (!late) require(post.session->join(get.session) || fuzz::starved);
+    for (size_t at = 0; at < text.size(); at += piece)
+        post.feed(text.substr(at, piece));
+    if (late) require(post.session->join(get.session) || fuzz::starved || post.session->closed());
+    require(get.waiting().size() <= 130 * 1024 && (post.sent.empty() || fuzz::starved));
+    if (fuzz::starved || !plain || plain->session->tunnel_cookie()) return;
+    require(get.session->activity() == plain->session->activity() + 1);
+    require(get.sent == plain->sent && get.events == "14 " + plain->events);
 }
 
 }  // namespace
@@ -68,7 +69,7 @@ void serve(std::span<const uint8_t> input, size_t piece) {
 void fuzz_target(std::span<const uint8_t> input) {
     if (input.empty()) return;
     const size_t piece = 1 + input[0];
-    input = input.subspan(1);
+    input = input.subspan(1).first(std::min(input.size() - 1, most_input));
     const decoded_t whole(input, input.size() + 1);
     const decoded_t cut(input, piece);
     require(fuzz::starved || whole.result == cut.result);
@@ -76,7 +77,15 @@ void fuzz_target(std::span<const uint8_t> input) {
 
     const core::owned_text text(b64(input.data(), input.size(), CORE_HERE));
     if (!text) return require(fuzz::starved);
-    const decoded_t back({reinterpret_cast<const uint8_t*>(text.get()), std::strlen(text.get())}, piece);
+    const std::span<const uint8_t> encoded(reinterpret_cast<const uint8_t*>(text.get()), std::strlen(text.get()));
+    const decoded_t back(encoded, piece);
     require(fuzz::starved || (back.result == 1 && std::ranges::equal(back.content(), input)));
-    serve(input, piece);
+
+    const auto as_text = [](std::span<const uint8_t> bytes) {
+        return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    };
+    owner plain;
+    if (plain.session) plain.feed(as_text(input));
+    serve(text.get(), piece, &plain);
+    serve(as_text(input), piece, nullptr);
 }

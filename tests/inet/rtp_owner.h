@@ -11,11 +11,9 @@
 using bytes = std::vector<uint8_t>;
 
 constexpr uint64_t some_time = 1448466450042000;  // 2015-11-25 15:47:30.042
-constexpr uint32_t first_time = 500000;           // on the clock of what is received
 constexpr uint8_t any_pt = 96;
 
 inline uint32_t be16(const bytes& from, size_t at) { return uint32_t{from.at(at)} << 8 | from.at(at + 1); }
-inline uint32_t be32(const bytes& from, size_t at) { return be16(from, at) << 16 | be16(from, at + 2); }
 
 // Bytes that hold neither zeros nor ones, thus no start code, and no 0xFF, thus no JPEG marker.
 inline bytes noise(size_t size, uint32_t seed = 1) {
@@ -27,10 +25,6 @@ inline bytes noise(size_t size, uint32_t seed = 1) {
     return out;
 }
 
-inline bytes behind(const bytes& from, size_t offset) {
-    return {from.begin() + static_cast<ptrdiff_t>(offset), from.end()};
-}
-
 inline bytes join(const std::vector<bytes>& parts) {
     bytes out;
     for (const bytes& part : parts)
@@ -38,8 +32,7 @@ inline bytes join(const std::vector<bytes>& parts) {
     return out;
 }
 
-inline bytes packet(uint32_t seq, const bytes& payload, bool marked = true, uint32_t time = first_time,
-                    uint8_t first = 0x80) {
+inline bytes packet(uint32_t seq, const bytes& payload, bool marked = true, uint32_t time = 0, uint8_t first = 0x80) {
     const auto byte = [](uint32_t of, int shift) { return static_cast<uint8_t>(of >> shift); };
     return join({{first, uint8_t(marked ? 0x80 | any_pt : any_pt), byte(seq, 8), byte(seq, 0)},
                  {byte(time, 24), byte(time, 16), byte(time, 8), byte(time, 0), 0x0A, 0x0B, 0x0C, 0x0D},
@@ -57,43 +50,28 @@ Record record_of(uint32_t fcc, const bytes& data, uint64_t time = some_time) {
     return record;
 }
 
-class rtp_owner : public rtp::IRtp {
-public:
-    explicit rtp_owner(uint32_t fcc, double clock_rate = 90000, uint8_t pt = any_pt) {
+struct rtp_owner : rtp::IRtp {
+    explicit rtp_owner(uint32_t fcc, double clock_rate = 90000, uint8_t pt = any_pt) : track(object.add_trak(pt, fcc)) {
         object.set_handler(this);
-        object.id = 7;
-        track = object.add_trak(pt, fcc);
         track->active = 1;
         track->ssrc = 0x01020304;
         track->clock_rate = clock_rate;
-        track->rtp_time = first_time;
     }
 
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
-        const bool frame = event == rtp::event_t::frame;
+        const bool frame = event == rtp::event_t::frame, report = event == rtp::event_t::rtcp;
         const buf_t& data = frame ? rtp->current->frame : rtp->packet;
-        EXPECT_GT(data.length, 0U);
-        order += frame ? 'F' : event == rtp::event_t::packet ? 'P' : 'R';
-        auto& kept = frame ? media : event == rtp::event_t::packet ? packets : reports;
-        kept.emplace_back(data.data, data.data + data.length);
+        order += frame ? 'F' : report ? 'R' : 'P';
+        (frame ? media : report ? reports : packets).emplace_back(data.data, data.data + data.length);
     }
 
     void send(const bytes& data, uint64_t time = some_time) {
         const auto frame = record_of(track->fcc, data, time);
         object.pack(&frame);
     }
-    void take(bytes data) { object.unpack_rtp({data.data(), static_cast<uint32_t>(data.size())}); }
-    void take_all(const std::vector<bytes>& received) {
-        for (const bytes& one : received)
-            take(one);
-    }
-
-    // Of every packet sent, what stands behind `header` bytes.
-    std::vector<bytes> payloads(size_t header = 12) const {
-        std::vector<bytes> out;
-        for (const bytes& one : packets)
-            out.push_back(behind(one, header));
-        return out;
+    void take(const std::vector<bytes>& received) {
+        for (bytes one : received)
+            object.unpack_rtp({one.data(), static_cast<uint32_t>(one.size())});
     }
 
     rtp::Rtp object{CORE_HERE};

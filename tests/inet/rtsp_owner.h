@@ -1,4 +1,5 @@
-// The owner of an RTSP session as a camera's service is one, noting what it is told and what it would send.
+// The owner of an RTSP session as a camera's service is one, noting what it is told and what it would send. Time
+// stands.
 #pragma once
 
 #include "avc/fcc.h"
@@ -6,9 +7,9 @@
 #include "inet/rtsp_protocol.h"
 
 #include <algorithm>
-#include <fstream>
+#include <cctype>
+#include <cstdlib>
 #include <functional>
-#include <gtest/gtest.h>
 #include <regex>
 #include <string>
 #include <string_view>
@@ -18,18 +19,24 @@ namespace test {
 
 inline uint64_t fixed_clock() { return 1700000000000000; }
 
-class at_fixed_time : public testing::Test {
-protected:
-    at_fixed_time() { core_time_set_clock(fixed_clock); }
-    ~at_fixed_time() override { core_time_set_clock(nullptr); }
-};
+/// What differs from session to session is made the same: its number, those of its packets, and the nonce.
+inline std::string normal(std::string sent) {
+    for (const std::string_view name : {"Session: ", "seq=", "nonce=\""}) {
+        for (size_t at = 0; (at = sent.find(name, at)) != std::string::npos;) {
+            at += name.size();
+            size_t end = at;
+            while (end < sent.size() && std::isalnum(static_cast<unsigned char>(sent[end])))
+                ++end;
+            sent.replace(at, end - at, "N");
+        }
+    }
+    return sent;
+}
 
 /// A picture of an SPS, a PPS and a slice of `size` bytes.
 inline std::string access_unit(size_t size) {
     using namespace std::string_literals;
-    const std::string start = "\0\0\0\1"s;
-    return start + "\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20"s + start + "\x68\xce\x3c\x80"s + start + "\x65"s +
-           std::string(size, '\x5a');
+    return "\0\0\0\1\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20\0\0\0\1\x68\xce\x3c\x80\0\0\0\1\x65"s + std::string(size, 'Z');
 }
 
 class rtsp_owner : public rtsp3::IRtsp {
@@ -41,18 +48,20 @@ public:
 
     std::vector<uint32_t> formats{av::fcc_h264, av::fcc_pcmu, av::fcc_meta};
     std::function<void(rtsp3::event_t::enum_t)> before;  ///< called first for each event
-    bool reading = true;                                 ///< false: the peer takes nothing
+    bool reading = true;                                 ///< false: the peer takes nothing that waits,
+    uint32_t takes_lent = 0;                             ///< and so much of what is lent
     std::string events;                                  ///< numbers, each followed by a blank; rtsp_send left out
     std::string sent;                                    ///< the stream, interleaved packets as "[channel]"
+    std::string lent;                                    ///< what was taken of that
     std::vector<packet_t> packets;                       ///< interleaved, and UDP by port
     const char* group = nullptr;                         ///< for multicast, port 7000 and those 10 apart
     size_t sends = 0;
-    uint64_t time = fixed_clock();  ///< of the frames
 
     rtsp_owner() : session(rtsp3::Rtsp::create(CORE_HERE)) {
+        core_time_set_clock(fixed_clock);
         if (session) session->set_handler(this);
     }
-    ~rtsp_owner() {
+    virtual ~rtsp_owner() {
         rtsp3::Rtsp::destroy(session);
         core_buf_free(&received);
     }
@@ -64,17 +73,15 @@ public:
         session->process(&received);
     }
     /// What is sent in answer; "{session}" stands for the session's identifier.
-    std::string ask(std::string text) {
-        for (size_t at; (at = text.find("{session}")) != std::string::npos;)
-            text.replace(at, 9, session->session());
+    std::string ask(const std::string& text) {
         sent.clear();
-        feed(text);
+        feed(std::regex_replace(text, std::regex("\\{session\\}"), session->session()));
         return sent;
     }
     /// The status of the answer to a request without body, 0 when there is none.
     int status(const std::string& line, const std::string& fields = "") {
         const std::string answer = ask(line + " RTSP/1.0\r\nCSeq: 1\r\n" + fields + "\r\n");
-        return answer.size() < 12 ? 0 : std::stoi(answer.substr(9, 3));
+        return answer.size() < 12 ? 0 : std::atoi(answer.substr(9, 3).c_str());
     }
     /// Up to the first frame, all tracks over TCP unless told otherwise.
     void play(const std::string& transport = "RTP/AVP/TCP;unicast") {
@@ -86,10 +93,15 @@ public:
     int send(const std::string& data, uint32_t fcc = av::fcc_h264) {
         av::frame_t frame{};
         frame.fcc = fcc;
-        frame.time = time;
+        frame.time = fixed_clock();
         frame.data = reinterpret_cast<const uint8_t*>(data.data());
         frame.size = static_cast<uint32_t>(data.size());
         return session->send_frame(&frame);
+    }
+    /// What waits to be sent.
+    std::string waiting() const {
+        const buf_t* const out = session->send_buffer();
+        return {reinterpret_cast<char*>(out->data), out->length};
     }
 
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
@@ -108,7 +120,7 @@ public:
             rtsp->send_play(fixed_clock());
             send(access_unit(2000));
         }
-        if (event == event_t::rtsp_send && reading) take();
+        if (event == event_t::rtsp_send) take();
         if (event == event_t::send_rtp) note(port_of(*rtsp->trak()));
         if (event == event_t::rtsp_rtcp) note(port_of(*rtsp->trak()) + 1U);
     }
@@ -125,44 +137,22 @@ private:
         packets.push_back({port, std::string(reinterpret_cast<char*>(packet.data), packet.length)});
     }
     void take() {
-        buf_t* out = session->send_buffer();
         ++sends;
-        std::string_view bytes(reinterpret_cast<char*>(out->data), out->length);
-        while (!bytes.empty()) {
-            if (bytes[0] != '$') {
-                const size_t next = bytes.size();
-                sent += bytes.substr(0, next);
-                break;
-            }
+        const uint32_t count = std::min(takes_lent, session->lent().size);
+        lent.append(reinterpret_cast<const char*>(session->lent().data), count);
+        session->take_lent(count);
+        if (!reading) return;
+        std::string bytes = waiting();
+        while (bytes.starts_with('$')) {
             const auto at = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
-            const size_t length = static_cast<size_t>(at(2) << 8 | at(3));
+            const auto length = static_cast<size_t>(at(2) << 8 | at(3));
             sent += "[" + std::to_string(at(1)) + "]";
-            packets.push_back({at(1), std::string(bytes.substr(4, length))});
-            bytes.remove_prefix(4 + length);
+            packets.push_back({at(1), bytes.substr(4, length)});
+            bytes.erase(0, 4 + length);
         }
-        core_buf_ignore(out, out->length);
+        sent += bytes;
+        core_buf_ignore(session->send_buffer(), session->send_buffer()->length);
     }
 };
-
-/// Reads a dialog: lines end with CR LF; "$ CC HEX" is an interleaved packet on channel CC.
-inline std::string read_dialog(const std::string& name) {
-    std::ifstream file(std::string(INET_TEST_DATA) + "/rtsp/" + name);
-    std::string dialog;
-    for (std::string line; std::getline(file, line);) {
-        if (!line.starts_with("$ ")) {
-            dialog += line + "\r\n";
-            continue;
-        }
-        std::string bytes;
-        for (size_t i = 5; i + 1 < line.size(); i += 2)
-            bytes += static_cast<char>(std::stoi(line.substr(i, 2), nullptr, 16));
-        dialog += '$';
-        dialog += static_cast<char>(std::stoi(line.substr(2, 2), nullptr, 16));
-        dialog += static_cast<char>(bytes.size() >> 8);
-        dialog += static_cast<char>(bytes.size());
-        dialog += bytes;
-    }
-    return dialog;
-}
 
 }  // namespace test

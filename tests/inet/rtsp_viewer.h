@@ -1,4 +1,4 @@
-// The owner of an RTSP session as a viewer is one, and the wire between it and a camera's.
+// The owner of an RTSP session as a viewer is one. Time stands.
 #pragma once
 
 #include "rtsp_owner.h"
@@ -13,22 +13,30 @@ struct received_t {
     uint64_t time;
     int64_t media_time;
     uint64_t ntp_time;
+    uint32_t rate;
+    uint32_t channels;
 };
+
+inline void put(std::string& out, uint64_t value, int bytes) {
+    while (bytes-- > 0)
+        out += static_cast<char>(value >> (8 * bytes));
+}
 
 class rtsp_viewer : public rtsp3::IRtsp {
 public:
     std::function<void(rtsp3::event_t::enum_t)> before;
     uint16_t port = 7000;  ///< UDP: of the first track, those of the others 10 apart; 0 for none to give
+    bool reading = true;   ///< false: the peer takes nothing
     std::string events;    ///< numbers, each followed by a blank; rtsp_send left out
-    std::string asked;     ///< all that was sent, in the order of sending
-    std::string posted;    ///< what of it is yet to be carried over
+    std::string asked;     ///< all that was sent but reports
     std::vector<received_t> frames;
     std::vector<std::string> reports;  ///< receiver reports, without framing
 
     rtsp_viewer() : session(rtsp3::Rtsp::create(CORE_HERE)) {
+        core_time_set_clock(fixed_clock);
         if (session) session->set_handler(this);
     }
-    ~rtsp_viewer() {
+    virtual ~rtsp_viewer() {
         rtsp3::Rtsp::destroy(session);
         core_buf_free(&received);
     }
@@ -46,18 +54,34 @@ public:
         const std::string length = body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
         feed("RTSP/1.0 " + status + "\r\n" + cseq + "\r\n" + fields + length + "\r\n" + body);
     }
-    /// Up to the first frame of a stream of that description, over TCP.
-    void play(const std::string& sdp, const std::string& info = "", const std::string& base = "") {
+    /// Up to where SETUP is asked for.
+    void describe(const std::string& sdp, const std::string& base = "", const std::string& methods = "") {
         session->open("rtsp://h/live");
-        answer("200 OK", "Public: OPTIONS\r\n");
+        answer("200 OK", methods);
         answer("200 OK", base, sdp);
+    }
+    /// Up to the first frame of a stream of that description, over TCP unless told otherwise.
+    void play(const std::string& sdp, const std::string& info = "", const std::string& base = "",
+              const std::string& setup = "Session: 1\r\n") {
+        describe(sdp, base);
         for (size_t i = 0; i < rtsp3::max_traks && events.ends_with("3 "); ++i)
-            answer("200 OK", "Session: 1\r\n");
+            answer("200 OK", setup);
         answer("200 OK", info);
     }
     void rtp(uint8_t channel, const std::string& packet) {
         std::string bytes = packet;
         session->process_rtp(channel, {reinterpret_cast<uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size())});
+    }
+    /// All frames, start codes as '|', each with '@' and the format of sound behind it, 'K' for a key picture, '-' for
+    /// a torn one.
+    std::string seen() {
+        session->flush();
+        std::string all;
+        for (const received_t& f : frames) {
+            const std::string sound = "@" + std::to_string(f.rate) + "/" + std::to_string(f.channels);
+            all += f.data + (f.rate ? sound : "") + (f.key ? "K" : "") + (f.complete ? " " : "- ");
+        }
+        return std::regex_replace(all, std::regex(R"(\0?\0\0\x01)"), "|");
     }
 
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
@@ -65,7 +89,7 @@ public:
         if (event != event_t::rtsp_send) events += std::to_string(event) + " ";
         if (before) before(event);
         if (event == event_t::rtsp_setup && port) rtsp->send_setup(nullptr, port + rtsp->trak()->channel * 5U);
-        if (event == event_t::rtsp_send) take();
+        if (event == event_t::rtsp_send && reading) take();
         if (event == event_t::rtsp_rtcp) {
             const buf_t& packet = rtsp->rtp()->packet;
             reports.emplace_back(reinterpret_cast<char*>(packet.data), packet.length);
@@ -73,7 +97,8 @@ public:
         if (event == event_t::rtsp_frame && rtsp->frame()) {
             const av::frame_t& f = *rtsp->frame();
             frames.push_back({f.fcc, std::string(reinterpret_cast<const char*>(f.data), f.size), f.key != 0,
-                              f.complete != 0, f.time, rtsp->trak()->media_time, rtsp->trak()->ntp_time});
+                              f.complete != 0, f.time, rtsp->trak()->media_time, rtsp->trak()->ntp_time, f.rate,
+                              f.channels});
         }
     }
 
@@ -83,46 +108,12 @@ public:
 private:
     void take() {
         buf_t* out = session->send_buffer();
-        const std::string_view bytes(reinterpret_cast<char*>(out->data), out->length);
-        posted += bytes;
-        if (bytes.starts_with('$')) {
-            reports.emplace_back(bytes.substr(4));
-        } else {
-            asked += bytes;
-        }
+        const std::string bytes(reinterpret_cast<char*>(out->data), out->length);
+        if (bytes.starts_with('$')) reports.push_back(bytes.substr(4));
+        if (!bytes.starts_with('$')) asked += bytes;
         core_buf_ignore(out, out->length);
     }
 };
-
-/// Carries what waits on either side to the other until nothing moves. The camera does not read its own output.
-inline void exchange(rtsp_viewer& viewer, rtsp_owner& camera) {
-    camera.reading = false;
-    buf_t* const out = camera.session->send_buffer();
-    while (!viewer.posted.empty() || out->length > 0 || !camera.packets.empty()) {
-        camera.feed(std::exchange(viewer.posted, {}));
-        viewer.feed({reinterpret_cast<char*>(out->data), out->length});
-        core_buf_ignore(out, out->length);
-        for (const rtsp_owner::packet_t& packet : std::exchange(camera.packets, {}))
-            viewer.rtp(static_cast<uint8_t>((packet.port - viewer.port) / 10 * 2 + packet.port % 2), packet.bytes);
-    }
-}
-
-/// The NAL units of an Annex B text, each ended by a blank. They hold no zero bytes.
-inline std::string nal_units(const std::string& stream) {
-    std::string units;
-    for (const char c : stream) {
-        const bool in_code = c == 0 || (c == 1 && !units.empty() && units.back() == 0);
-        if (in_code && c == 1) units.back() = ' ';
-        if (c == 0 && (units.empty() || units.back() != 0)) units += c;
-        if (!in_code) units += c;
-    }
-    return units;
-}
-
-inline void put(std::string& out, uint64_t value, int bytes) {
-    while (bytes-- > 0)
-        out += static_cast<char>(value >> (8 * bytes));
-}
 
 inline std::string rtp_packet(uint8_t pt, uint16_t seq, uint32_t time, const std::string& payload, bool marker = true,
                               uint32_t ssrc = 7) {

@@ -33,6 +33,7 @@ class Camera:
     def __init__(self, *arguments, prefix=()):
         """`prefix` is a command that starts the program, such as that for another network namespace."""
         self.messages = tempfile.TemporaryFile("w+")
+        self.read = 0
         self.process = subprocess.Popen([*prefix, *CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
                                         stderr=self.messages, text=True)
         self.urls = {}
@@ -52,6 +53,12 @@ class Camera:
         """Address of a channel, with "name:password" in it when `user` is given."""
         return self.urls[path].replace("rtsp://", f"rtsp://{user}@") if user else self.urls[path]
 
+    def told(self):
+        """What it has complained of since the last call. What is left at the end is a failure."""
+        text = os.pread(self.messages.fileno(), 1 << 20, self.read)  # at the place where it writes it goes on
+        self.read += len(text)
+        return text.decode()
+
     def __exit__(self, kind, value, trace):
         early = self.process.poll() is not None
         self.process.send_signal(signal.SIGINT)
@@ -61,8 +68,7 @@ class Camera:
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 status = "killed: did not end by Ctrl-C"
-            self.messages.seek(0)
-            messages = self.messages.read()
+            messages = self.told()
         if kind is None and (status != 0 or messages):
             raise AssertionError(f"camera ended with {status}{' by itself' * early}: {messages}")
 

@@ -93,9 +93,7 @@ class Returning(ViewerCase):
                 self.wait_for(viewer, "a.h264")
             with Camera("--rtsp", port):
                 _, messages = self.end(viewer)
-            second.messages.seek(0)
-            told = second.messages.read()
-            second.messages.truncate(0)
+            told = second.told()
         self.assertEqual(messages, "")
         self.assertIn("live: 127.0.0.1 closed the connection, trying again", told)
         self.assertIn("live: is there again", told)

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace test {
@@ -23,15 +24,9 @@ private:
 };
 
 /// The same as a text, its terminator being the last byte of the block.
-class exact_text {
-public:
-    explicit exact_text(std::string_view text) : data_(new char[text.size() + 1]) {
-        *std::ranges::copy(text, data_.get()).out = '\0';
-    }
-    char* get() const { return data_.get(); }
-
-private:
-    std::unique_ptr<char[]> data_;
+struct exact_text : exact_bytes {
+    explicit exact_text(std::string_view text) : exact_bytes(std::string(text) += '\0') {}
+    char* get() const { return data(); }
 };
 
 }  // namespace test

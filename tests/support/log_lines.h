@@ -3,7 +3,6 @@
 
 #include "core/log.h"
 
-#include <gtest/gtest.h>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -15,8 +14,6 @@ class log_lines {
 public:
     explicit log_lines(const char* logs) : sink_(core_log_sink_add(logs, write, this)) {}
     ~log_lines() { core_log_sink_rem(sink_); }
-    log_lines(const log_lines&) = delete;
-    log_lines& operator=(const log_lines&) = delete;
 
     std::vector<std::string> take() {
         const std::lock_guard held(mutex_);

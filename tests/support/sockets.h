@@ -1,4 +1,4 @@
-// Sockets for tests: closed at the end of the scope, awaited, drained, asked for their options, counted.
+// Sockets for tests: closed at the end of the scope, awaited, drained, counted.
 #pragma once
 
 #include "platform/socket_api.h"
@@ -30,8 +30,7 @@ private:
     int fd_;
 };
 
-class udp_socket : public tcp_socket {
-public:
+struct udp_socket : tcp_socket {
     udp_socket() : tcp_socket(net_socket_create(2, 2, 17, CORE_HERE)) {}
 };
 
@@ -54,10 +53,23 @@ struct socket_pair {
 
 using watch = net::platform::watch_t;
 
-/// Waits up to five seconds until a socket can be read or written (watch::read, watch::write), or its end shows.
-inline bool await(int fd, uint8_t wanted) {
+/// What a socket is found to be (watch::read, watch::write or watch::closed) after a wait of so many microseconds at
+/// most.
+inline uint8_t found(int fd, uint8_t wanted, int64_t longest) {
     watch waited = {.fd = fd, .wanted = wanted, .found = 0};
-    return net::platform::wait_sockets({&waited, 1}, 5'000'000) == 1;
+    net::platform::wait_sockets({&waited, 1}, longest);
+    return waited.found;
+}
+
+/// Waits up to five seconds until a socket can be read or written, or its end shows.
+inline bool await(int fd, uint8_t wanted) { return found(fd, wanted, 5'000'000) != 0; }
+
+/// Of this process; a socket may count more than once where its number's lowest bits mean nothing.
+inline int open_sockets() {
+    int count = 0;
+    for (int fd = 0; fd < 1024; ++fd)
+        count += found(fd, watch::read, 0) != watch::closed;
+    return count;
 }
 
 /// Reads what has arrived on a socket that does not block.
@@ -73,27 +85,5 @@ inline unsigned short free_port() {
     net_tcp_listen(probe, "127.0.0.1", 0);
     return net_socket_get_near_port(probe);
 }
-
-// Asked of the system, past the functions under test: platform/posix_sockets.cpp and windows_sockets.cpp.
-
-/// `group_interface` is the address, in network order.
-enum class option { type, keep_alive, no_delay, reuse, receive_room, ttl, group_ttl, group_loop, group_interface };
-
-/// Value of an option; -1 when the system does not tell, for a socket that is closed, too.
-int value_of(int fd, option which);
-
-/// Whether child processes get it, too.
-bool is_inherited(int fd);
-
-/// Of this process; a socket may count more than once where its number's lowest bits mean nothing.
-inline int open_sockets() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd)
-        count += value_of(fd, option::type) >= 0;
-    return count;
-}
-
-/// Sends a byte as urgent data.
-bool send_urgent(int fd);
 
 }  // namespace test
