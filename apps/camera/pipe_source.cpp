@@ -12,7 +12,7 @@
 namespace camera {
 namespace {
 
-constexpr size_t most_at_once = 64 * 1024;
+constexpr size_t most_at_once = 65536;
 constexpr int longest_wait = 100;  // milliseconds
 /// Pictures that come together still need times that players can tell apart.
 constexpr uint64_t shortest_step = 1'000;

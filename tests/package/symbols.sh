@@ -31,7 +31,9 @@ compare() {
     if [[ $mark == MEDIA_API ]]; then sed -E 's://.*$::' "$source_dir/media/include/media/api.h" | tr '\n' ' ' >>"$work/headers"; fi
     grep -oE "$mark [^;{]*[;{]" "$work/headers" |
         sed -nE "s/^$mark .*(class|struct) +$mark +//; s/^$mark [^(]*[ *&]([A-Za-z_0-9]+)\(.*/\1/p" | sort -u >"$work/functions"
-    grep -oE "(class|struct) $mark [A-Za-z_0-9]+" "$work/headers" | awk '{print $3}' | sort -u >"$work/classes"
+    # Of the classes of the other library, type records stand in both.
+    grep -rhoE '(class|struct) (INET|MEDIA)_API [A-Za-z_0-9]+' "$source_dir"/{core,common,avc,inet,media} --include='*.h' |
+        awk '{print $3}' | sort -u >"$work/classes"
     while read -r name; do
         # What stands inside an exported class is a member of it.
         tr ':' '\n' <<<"$name" | grep -qxFf "$work/classes" || grep -qx "${name##*::}" "$work/functions" ||
