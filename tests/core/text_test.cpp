@@ -14,7 +14,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <string>
-#include <string_view>
 
 namespace {
 

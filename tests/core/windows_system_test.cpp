@@ -9,6 +9,7 @@
 #include "core/option.h"
 #include "core/time.h"
 
+#include <aclapi.h>
 #include <gtest/gtest.h>
 #include <sddl.h>
 #include <windows.h>
