@@ -4,8 +4,8 @@
 #include "core/text.h"
 #include "core/thread.h"
 
-#include <atomic>
 #include <charconv>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 
@@ -60,7 +60,7 @@ struct waiter_t {
 // One lock for all: it is held for a few pointers at a time and never around a callback.
 struct bus_t {
     std::mutex lock;
-    std::atomic<uint32_t> changes = 0;  ///< counted whenever waiters have to look again
+    std::condition_variable changed;  ///< waiters have to look again
     topic_t* topics = nullptr;
     waiter_t* waiters = nullptr;
     size_t waiting = 0;
@@ -134,10 +134,7 @@ bool is_ring(const waiter_t& self) noexcept {
     return false;
 }
 
-void notify() noexcept {
-    ++bus().changes;
-    bus().changes.notify_all();
-}
+void notify() noexcept { bus().changed.notify_all(); }
 
 bool runs_elsewhere(const profile_ctx* profile) noexcept {
     return profile->runner && profile->runner != core_thread_id();
@@ -150,12 +147,8 @@ bool wait_for(guard_t& guard, const profile_ctx* profile, bool patient) noexcept
     ++bus().waiting;
     // Who waits already may have become part of a ring.
     notify();
-    while (runs_elsewhere(profile) && !is_ring(waiter)) {
-        const uint32_t seen = bus().changes;
-        guard.unlock();
-        bus().changes.wait(seen);
-        guard.lock();
-    }
+    while (runs_elsewhere(profile) && !is_ring(waiter))
+        bus().changed.wait(guard);
     waiter_t** link = &bus().waiters;
     while (*link != &waiter)
         link = &(*link)->next;

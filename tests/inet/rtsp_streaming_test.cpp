@@ -158,7 +158,9 @@ TEST(RtspStreaming, SharesAPictureThatWasCutOnce) {
         EXPECT_EQ(owner->session->send_packets(packets), 1);
         EXPECT_EQ(owner->session->lent().size, 0U);
         std::string stream = owner->lent + owner->waiting();
-        if (owner == &behind) EXPECT_EQ(stream.substr(0, answer.size()), answer);
+        if (owner == &behind) {
+            EXPECT_EQ(stream.substr(0, answer.size()), answer);
+        }
         if (owner == &behind) stream.erase(0, answer.size());
         EXPECT_EQ(without_stamps(stream), without_stamps(alone.waiting()));
     }

@@ -47,8 +47,8 @@ INET_API av::frame_t* avc_frame_create(uint32_t fcc, uint64_t time, const void* 
 /// New record for the same payload; for a borrowed one the bytes are copied. Any thread that may read the frame.
 INET_API av::frame_t* avc_frame_dup(const av::frame_t* frame, const char* file, int line) noexcept;
 
-/// Makes a record of the caller's a frame of the same payload, without allocating; borrowed bytes are copied. What `out`
-/// held before is not looked at. Any thread that may read the frame.
+/// Makes a record of the caller's a frame of the same payload, without allocating. Borrowed bytes are copied. What
+/// `out` held before is not looked at. Any thread that may read the frame.
 /// @return 1; 0 for null, or when memory is out: `out` is then empty. End it with avc_frame_drop().
 INET_API int avc_frame_share(av::frame_t* out, const av::frame_t* frame, const char* file, int line) noexcept;
 /// Releases the share of the payload that the record holds, and empties the record. Null is ignored.

@@ -55,8 +55,8 @@ public:
     /// The system takes bytes again, and nothing that was given to send() waits any more.
     virtual void on_tcp_writable(Tcp* tcp) noexcept;
     /// The last call: connect() has failed, or the peer has closed or reset the connection.
-    /// @param error  a socket_error_t of inet/net_socket.h: socket_error_no_buffers when the owner took nothing of a full
-    ///               buffer; 0 when the peer closed
+    /// @param error  a socket_error_t of inet/net_socket.h; socket_error_no_buffers when the owner took nothing of a
+    ///               full buffer; 0 when the peer closed
     virtual void on_tcp_closed(Tcp* tcp, int error) noexcept = 0;
 
 protected:
@@ -90,8 +90,9 @@ public:
     /// descriptor is then the caller's still
     int take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept;
 
-    /// Once it is connected: leaves its thread, without closing. Then attach(), on another thread, takes it up again there; what was received
-    /// and not taken stays. @return attach(): 1, or 0 when memory is out: nothing is watched then
+    /// Once it is connected: leaves its thread, without closing. Then attach(), on another thread, takes it up again
+    /// there. What was received and not taken stays.
+    /// @return attach(): 1, or 0 when memory is out: nothing is watched then
     void detach() noexcept;
     int attach(nt_ctx* nt) noexcept;
     /// Shows the owner what was received and not taken, as after set_handler() of another owner.
