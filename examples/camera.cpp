@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
     media::station station;
     media::stream* live = station.add_stream("live");
     station.add(media::rtsp_service({.port = static_cast<uint16_t>(port)}));
-    media::error_t error;
+    media::failure_t error;
     if (!file || !live || !station.start(&error)) {
         std::fprintf(stderr, "%s\n", file ? error.text : "which file?");
         return 1;

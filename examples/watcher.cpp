@@ -17,7 +17,7 @@ int on_frame(void*, const media::watched_t& got) {
 int main(int argc, char** argv) {
     media::watcher watcher(argc > 1 ? argv[1] : "", {.transport = media::transport_t::udp, .reconnect = 3});
     watcher.on_frame(on_frame, nullptr);  // or into(stream): a station then serves it on
-    media::error_t error;
+    media::failure_t error;
     if (!watcher.start(&error)) {
         std::fprintf(stderr, "%s\n", error.text);
         return 1;

@@ -5,27 +5,19 @@
 #include "avc/mp4.h"
 #include "common/h264.h"
 
-namespace {
-
 using fuzz::require;
+
+namespace {
 
 void split(std::span<const uint8_t> stream) {
     const uint8_t* last = stream.data();
-    for (auto rest = stream;;) {
-        const auto nal = h264_next_nal(rest);
-        if (nal.empty()) break;
+    auto rest = stream;
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
         require(nal.data() >= last + 3 && nal.back() != 0);
         last = nal.data() + nal.size();
         require(last <= stream.data() + stream.size());
         h264_starts_access_unit(nal);
     }
-}
-
-void parse(std::span<const uint8_t> nal) {
-    h264_info_t info;
-    if (!h264_parse_sps(nal, &info)) return;
-    require(info.width > 0 && info.width <= 16384 && info.height > 0 && info.height <= 16384);
-    require(info.chroma_format <= 3 && info.bit_depth <= 14 && info.bit_depth_chroma <= 14);
 }
 
 void wrap(std::span<const uint8_t> stream) {
@@ -35,9 +27,8 @@ void wrap(std::span<const uint8_t> stream) {
     buf_t out;
     const int init = av_mp4_init(&out, frames[0], CORE_HERE);
     const uint32_t before = out.length;
-    require((init == 1) == (before > 0));
     const int moof = av_mp4_moof(&out, frames, 0, 40000, 1, CORE_HERE);
-    require((moof == 1 || fuzz::starved) && (moof == 1) == (out.length > before));
+    require((init == 1) == (before > 0) && (moof == 1) == (out.length > before) && (moof == 1 || fuzz::starved));
     core_buf_free(&out);
     avc_frame_need(frames[0]);
 }
@@ -46,7 +37,11 @@ void wrap(std::span<const uint8_t> stream) {
 
 void fuzz_target(std::span<const uint8_t> input) {
     split(input);
-    parse(input);
-    parse(h264_find(input, h264_sps));
+    for (const auto nal : {input, h264_find(input, h264_sps)}) {
+        h264_info_t info{};
+        h264_parse_sps(nal, &info);
+        require(info.width <= 16384 && info.height <= 16384 && (info.width > 0) == (info.height > 0));
+        require(info.chroma_format <= 3 && info.bit_depth <= 14 && info.bit_depth_chroma <= 14);
+    }
     wrap(input);
 }

@@ -3,14 +3,15 @@
 
 #include "avc/jpeg.h"
 
-namespace {
+#include <algorithm>
 
 using fuzz::require;
+
+namespace {
 
 /// The fields in the order of RFC 2435, 3.1, but wider than it has them: type, width and height, restart interval,
 /// tables. What a header can say is appended, everything else refused.
 void rebuild(std::span<const uint8_t> packet) {
-    constexpr uint32_t most = 0xffff;
     if (packet.size() < 5) return;
     const uint32_t width = packet[1] * 264U;
     const uint32_t height = packet[2] * 264U;
@@ -18,15 +19,13 @@ void rebuild(std::span<const uint8_t> packet) {
     buf_t out;
     if (core_buf_read(&out, "before", 6) != 6) return;
     const uint32_t size = jpeg_rtp_header(&out, packet[0], width, height, restart, packet.subspan(5), CORE_HERE);
-    const bool is_possible = packet[0] < 2 && width > 0 && width <= most && height > 0 && height <= most &&
-                             restart <= most && packet.size() >= 5 + 64;
-    require(size > 0 ? is_possible : !is_possible || fuzz::starved);
-    require(out.length == 6 + size);
+    const bool is_possible = packet[0] < 2 && packet.size() >= 5 + 64 && width > 0 && height > 0 &&
+                             std::max({width, height, restart}) <= 0xffff;
+    require(out.length == 6 + size && (size > 0 ? is_possible : !is_possible || fuzz::starved));
     jpeg_info_t info;
     if (size > 0) {
-        require(jpeg_inspect({out.data + 6, size}, &info) == 1);
+        require(jpeg_inspect({out.data + 6, size}, &info) == 1 && info.sampling[0] == 0x21 + packet[0]);
         require(info.width == width && info.height == height && info.restart_interval == restart);
-        require(info.sampling[0] == 0x21 + packet[0]);
     }
     core_buf_free(&out);
 }

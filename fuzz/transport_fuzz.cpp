@@ -1,23 +1,20 @@
 // The RTSP fields Transport and RTP-Info.
 #include "fuzz.h"
+#include "support/held.h"
 
 #include "core/array.h"
-#include "core/memory.h"
 #include "inet/net_sdp.h"
-
-#include <string>
 
 using fuzz::require;
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);
-    net::sdp::transport_t* transport = sdp_parse_transport(text.c_str(), CORE_HERE);
+    const test::held<net::sdp::transport_t, sdp_free_transport> transport(sdp_parse_transport(text.c_str(), CORE_HERE));
     unsigned ssrc = 0;
     unsigned channels[2];
     net::sdp::Sdp().parse_transport(text.c_str(), &ssrc, &channels[0], &channels[1]);
     require(fuzz::starved || (transport && transport->ssrc == ssrc));
     if (transport) require(transport->unicast <= 1 && transport->multicast <= 1 && transport->tcp <= 1);
-    sdp_free_transport(transport);
 
     net::sdp::rtp_info_s** infos = sdp_parse_rtp_info(text.c_str(), CORE_HERE);
     require(core_array_length(reinterpret_cast<void* const*>(infos)) <= sdp_max_rtp_infos);

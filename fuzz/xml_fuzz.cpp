@@ -7,14 +7,12 @@
 #include "core/text.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
-#include <string>
 #include <string_view>
 
-namespace {
-
 using fuzz::require;
+
+namespace {
 
 void require_utf8(std::string_view text) {
     while (!text.empty()) {
@@ -29,12 +27,9 @@ void require_utf8(std::string_view text) {
 std::string escaped(std::string_view text) {
     require_utf8(text);
     std::string out;
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) >= 0x80 || (c >= '0' && c <= '9') || (c >= '@' && c <= 'Z'))
-            out += c;
-        else
-            out += "&#" + std::to_string(static_cast<int>(c)) + ';';
-    }
+    for (const char c : text)
+        out += (c & 0x80) || (c >= '0' && c <= '9') || (c >= '@' && c <= 'Z') ? std::string(1, c)
+                                                                              : "&#" + std::to_string(c) + ';';
     return out;
 }
 
@@ -44,7 +39,7 @@ std::string content_of(node* n) {
     require(length >= 0 && (length > 0) == (text != nullptr));
     const std::string_view whole(text ? text : "", static_cast<size_t>(length));
     char cut[6];
-    for (int size = 1; size <= static_cast<int>(sizeof(cut)) && text; ++size) {
+    for (int size = 1; size <= 6 && text; ++size) {
         require_utf8(roxml_get_content(n, cut, size, &length));
         require(whole.starts_with(cut) && std::strlen(cut) == static_cast<size_t>(length));
         require(length + 4 >= std::min(size, static_cast<int>(whole.size()) + 4));
@@ -53,17 +48,15 @@ std::string content_of(node* n) {
 }
 
 std::string print(node* n) {
-    const char* name = roxml_get_name(n, nullptr, 0);
-    require(name && *name);
+    const std::string name = roxml_get_name(n, nullptr, 0);
+    require(!name.empty());
     require_utf8(name);
-    std::string out = '<' + std::string(name) + " xmlns='" + content_of(roxml_get_ns(n)) + "'>" + content_of(n);
+    std::string out = '<' + name + " xmlns='" + content_of(roxml_get_ns(n)) + "'>" + content_of(n);
     node* next = roxml_get_chld(n, nullptr, 0);
-    for (int i = 0; i < roxml_get_chld_nb(n); ++i) {
-        node* child = roxml_get_chld(n, nullptr, i);
-        require(child && child == next);
-        require(roxml_get_chld(n, roxml_get_name(child, nullptr, 0), 0) != nullptr);
-        next = roxml_get_next_sibling(child);
-        out += print(child);
+    for (int i = 0; i < roxml_get_chld_nb(n); ++i, next = roxml_get_next_sibling(next)) {
+        require(next && next == roxml_get_chld(n, nullptr, i));
+        require(roxml_get_chld(n, roxml_get_name(next, nullptr, 0), 0) != nullptr);
+        out += print(next);
     }
     require(!next);
     return out + "</" + name + '>';
@@ -77,16 +70,15 @@ void fuzz_target(std::span<const uint8_t> input) {
     node* document = roxml_load(text, static_cast<unsigned>(input.size()), error, sizeof(error));
     require((document != nullptr) == (error[0] == '\0'));
     require(!fuzz::starved || std::string_view(error) == "out of memory");
-    if (document) {
-        require(core_mem_bytes() <= 24 * input.size() + (2 << 20));
-        node* root = roxml_get_chld(document, nullptr, 0);
-        const std::string printed = print(root);
-        (void)roxml_get_attr(root, "a");
-        roxml_close(root);
-        document = roxml_load_buf(printed.c_str());
-        // Only a name of the reserved namespace cannot be written without its prefix.
-        require(document || printed.find("XML") != std::string::npos || fuzz::starved);
-        if (document) require(print(roxml_get_chld(document, nullptr, 0)).size() == printed.size());
-        roxml_close(document);
-    }
+    if (!document) return;
+    require(core_mem_bytes() <= 24 * input.size() + (2 << 20));
+    node* root = roxml_get_chld(document, nullptr, 0);
+    const std::string printed = print(root);
+    (void)roxml_get_attr(root, "a");
+    roxml_close(root);
+    document = roxml_load_buf(printed.c_str());
+    // Only a name of the reserved namespace cannot be written without its prefix.
+    require(document || printed.find("XML") != std::string::npos || fuzz::starved);
+    if (document) require(print(roxml_get_chld(document, nullptr, 0)).size() == printed.size());
+    roxml_close(document);
 }

@@ -93,7 +93,7 @@ int serve(const camera::options& settings) {
     if (!played) return fail(error);
     camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
-    media::error_t why;
+    media::failure_t why;
     camera::clip_source source;
     std::vector<std::string> paths;
     for (const camera::channel& each : played->channels) {

@@ -24,7 +24,7 @@ net::nt_ctx* sources::thread_for(size_t index) {
     return threads_.back()->nt;
 }
 
-bool sources::open(const options& wanted, media::station& station, media::error_t& error) {
+bool sources::open(const options& wanted, media::station& station, media::failure_t& error) {
     on_demand_ = wanted.on_demand;
     for (const source& each : wanted.sources) {
         media::stream* const stream = station.add_stream(each.name.c_str(), {}, &error);
@@ -45,7 +45,7 @@ bool sources::open(const options& wanted, media::station& station, media::error_
     return true;
 }
 
-bool sources::start(media::error_t& error) {
+bool sources::start(media::failure_t& error) {
     const auto begin = [&](const auto& each) { return each->watcher.start(&error) != 0; };
     if (!on_demand_ && !std::ranges::all_of(watched_, begin)) return false;
     if (!pipe_ || pipe_->start()) return true;

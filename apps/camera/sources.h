@@ -24,8 +24,8 @@ public:
     sources& operator=(const sources&) = delete;
 
     /// This and start() answer false with the reason in `error`. The station outlives the sources.
-    bool open(const options& wanted, media::station& station, media::error_t& error);
-    bool start(media::error_t& error);
+    bool open(const options& wanted, media::station& station, media::failure_t& error);
+    bool start(media::failure_t& error);
     /// After the station has stopped: it calls for what is wanted.
     void stop();
 

@@ -112,7 +112,7 @@ int receive(const viewer::options& settings) {
     viewer::recording files;
     if (!files.open(settings.outputs)) return fail({outcome::cannot_write, "cannot write " + files.failed()});
     receiver received(settings, files);
-    media::error_t why;
+    media::failure_t why;
     if (!received.watcher.start(&why)) return fail({outcome::failed, why.text});
     follow(received.watcher);
     received.watcher.stop();

@@ -48,10 +48,10 @@ struct station::inside {
     inside(const inside&) = delete;
     inside& operator=(const inside&) = delete;
 
-    bool open_services(station& face, error_t* error) noexcept;
-    bool start_threads(error_t* error) noexcept;
-    bool listen(error_t* error) noexcept;
-    bool listen_on(port_services& port, error_t* error) noexcept;
+    bool open_services(station& face, failure_t* error) noexcept;
+    bool start_threads(failure_t* error) noexcept;
+    bool listen(failure_t* error) noexcept;
+    bool listen_on(port_services& port, failure_t* error) noexcept;
     bool find_ports() noexcept;
     static void on_accept(void* arg, int fd, const sockaddr_in* peer) noexcept;
     static void on_arrival(thread& on, void* arg) noexcept;
@@ -103,7 +103,7 @@ station::~station() {
     net_free();
 }
 
-stream* station::add_stream(const char* name, const limits_t& limits, error_t* error) noexcept {
+stream* station::add_stream(const char* name, const limits_t& limits, failure_t* error) noexcept {
     if (!inside_ || !name || !*name) return nullptr;
     inside& in = *inside_;
     const std::lock_guard held(in.lock);
@@ -158,7 +158,7 @@ void station::streams(void (*each)(void* arg, stream& which), void* arg) noexcep
         each(arg, *one);
 }
 
-int station::add(service* taken, error_t* error) noexcept {
+int station::add(service* taken, failure_t* error) noexcept {
     std::unique_ptr<service> owned(taken);
     if (!owned || !inside_ || inside_->running) {
         tell(error, inside_ && inside_->running ? "the station runs already" : "no memory for a service");
@@ -173,7 +173,7 @@ int station::add(service* taken, error_t* error) noexcept {
     }
 }
 
-int station::start(error_t* error) noexcept {
+int station::start(failure_t* error) noexcept {
     if (!inside_ || !inside_->bind || !inside_->stirred) {
         tell(error, "no memory");
         return 0;
@@ -188,11 +188,11 @@ int station::start(error_t* error) noexcept {
     return 0;
 }
 
-bool station::inside::open_services(station& of, error_t* error) noexcept {
+bool station::inside::open_services(station& of, failure_t* error) noexcept {
     return std::ranges::all_of(services, [&](const auto& each) { return each->open(of, error) != 0; });
 }
 
-bool station::inside::start_threads(error_t* error) noexcept {
+bool station::inside::start_threads(failure_t* error) noexcept {
     try {
         core::vector<service*> all;
         for (const auto& each : services)
@@ -233,7 +233,7 @@ bool station::inside::find_ports() noexcept {
     }
 }
 
-bool station::inside::listen(error_t* error) noexcept {
+bool station::inside::listen(failure_t* error) noexcept {
     if (!find_ports()) {
         tell(error, "no memory");
         return false;
@@ -241,7 +241,7 @@ bool station::inside::listen(error_t* error) noexcept {
     return std::ranges::all_of(ports, [&](const auto& each) { return listen_on(*each, error); });
 }
 
-bool station::inside::listen_on(port_services& port, error_t* error) noexcept {
+bool station::inside::listen_on(port_services& port, failure_t* error) noexcept {
     const uint16_t wanted = port.port;
     net::nt_ctx* const nt = threads.front()->nt;
     port.owner = this;

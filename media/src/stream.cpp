@@ -27,7 +27,7 @@ std::atomic<uint64_t> streams_made = 0;
 
 }  // namespace
 
-void tell(error_t* error, const char* format, ...) noexcept {
+void tell(failure_t* error, const char* format, ...) noexcept {
     if (!error) return;
     va_list args;
     va_start(args, format);

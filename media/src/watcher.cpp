@@ -38,7 +38,7 @@ bool is_rejection(outcome_t what) noexcept { return what == outcome_t::refused |
 struct watcher::inside final : fetch::attempt_owner {
     ~inside() { stream::drop(into); }
 
-    bool begin(error_t* error) noexcept;
+    bool begin(failure_t* error) noexcept;
     void close() noexcept;
 
     static void on_tick(void* arg, net::command_ctx* command) noexcept;
@@ -130,7 +130,7 @@ void watcher::on_event(void (*event)(void* arg, const watch_event_t& what), void
     inside_->event_arg = arg;
 }
 
-int watcher::start(error_t* error) noexcept {
+int watcher::start(failure_t* error) noexcept {
     if (!inside_ || !inside_->closed || !inside_->over) {
         media::tell(error, "no memory");
         return 0;
@@ -144,7 +144,7 @@ int watcher::start(error_t* error) noexcept {
     return inside_->begin(error) ? 1 : 0;
 }
 
-bool watcher::inside::begin(error_t* error) noexcept {
+bool watcher::inside::begin(failure_t* error) noexcept {
     nt = settings.nt;
     if (!nt) {
         own.start();

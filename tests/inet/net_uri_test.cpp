@@ -1,13 +1,8 @@
-// URIs and their parts. That nothing is lost, cut or starved, is for the fuzz target.
 #include "inet/net_uri.h"
 
-#include "support/exact.h"
-
-#include "core/memory.h"
 #include "core/owned.h"
 
 #include <gtest/gtest.h>
-#include <string>
 
 namespace {
 
@@ -15,54 +10,38 @@ std::string text(const char* value) { return value ? value : "-"; }
 
 /// "user|password|host|port|path|query", "-" for what is absent; "null" for no record.
 std::string parts_of(const std::string& input) {
-    net::uri_s* uri = uri_parse(test::exact_text(input).get(), CORE_HERE);
+    net::uri_s* uri = uri_parse(input.c_str(), CORE_HERE);
     if (!uri) return "null";
-    EXPECT_EQ(uri->text, input);
-    std::string parts = text(uri->user) + "|" + text(uri->password) + "|" + text(uri->host) + "|" +
-                        std::to_string(uri->port) + "|" + text(uri->path) + "|" + text(uri->query);
+    const std::string parts = text(uri->user) + "|" + text(uri->password) + "|" + text(uri->host) + "|" +
+                              std::to_string(uri->port) + "|" + text(uri->path) + "|" + text(uri->query);
     uri_free(uri);
     return parts;
 }
 
 /// "name=value;" for each argument, without '=' when it has no value.
 std::string args_of(const std::string& query) {
-    net::uri_arg_s** args = uri_parse_args(test::exact_text(query).get(), CORE_HERE);
-    if (!args) return "null";
+    net::uri_arg_s** args = uri_parse_args(query.c_str(), CORE_HERE);
     std::string all;
-    for (net::uri_arg_s** arg = args; *arg; ++arg)
+    for (net::uri_arg_s** arg = args; arg && *arg; ++arg)
         all += text((*arg)->name) + ((*arg)->value ? "=" + text((*arg)->value) : "") + ";";
     uri_free_args(args);
     return all;
 }
 
-std::string decode(const std::string& input) {
-    const test::exact_bytes exact(input);
-    return core::owned_text(uri_decode(exact.data(), exact.data() + exact.size(), CORE_HERE)).get();
-}
-
 }  // namespace
 
 TEST(Uri, IsSplitIntoItsParts) {
-    const std::string longest_host(255, 'h');
+    const std::string longest(255, 'h');
     const std::pair<std::string, std::string> cases[] = {
-        {"rtsp://admin:pw@10.1.2.3:554/stream1?x=1", "admin|pw|10.1.2.3|554|stream1|?x=1"},
-        {"http://user@host/", "user|-|host|0||-"},
-        {"http://u:p:q@host/a", "u|p:q|host|0|a|-"},
-        {"http://:@host/a", "||host|0|a|-"},
+        {"rtsp://admin:p:w@10.1.2.3:554/stream1?x=1", "admin|p:w|10.1.2.3|554|stream1|?x=1"},
         {"http://host/a@b/c", "host/a|-|b|0|c|-"},
-        {"x://host:65535/a", "-|-|host|65535|a|-"},
+        {"x://:@host:65535/a", "||host|65535|a|-"},
         {"x://host:65536/a", "-|-|host|0|a|-"},
-        {"x://host:99999999999999999999/a", "-|-|host|0|a|-"},
-        {"x://h" + longest_host + "/a?b", "-|-|-|0|a|?b"},
-        {"x://" + longest_host + "/a", "-|-|" + longest_host + "|0|a|-"},
-        {"x://host", "-|-|host|0|-|-"},
-        {"x://host:8?a=b", "-|-|host|8|-|-"},
+        {"x://h" + longest + "/a?b", "-|-|-|0|a|?b"},
+        {"x://" + longest + "/a", "-|-|" + longest + "|0|a|-"},
         {"x://host?a=/b", "-|-|host?a=|0|-|?a=/b"},
-        {"x://u@", "u|-||0|-|-"},
         {"x://", "null"},
-        {"/a/b/c", "-|-|-|0|a/b/c|-"},
         {"a/b?c?d", "-|-|-|0|b|?c?d"},
-        {"?a", "-|-|-|0||?a"},
         {"", "-|-|-|0||-"},
     };
     for (const auto& [input, parts] : cases)
@@ -70,47 +49,26 @@ TEST(Uri, IsSplitIntoItsParts) {
 }
 
 TEST(UriSubpath, CopiesWhatFits) {
-    constexpr struct {
-        const char* path;
-        int index, size;
-        const char* out;
-    } segments[] = {
-        {"a/b/c", 0, 9, "a"}, {"a/b/c", 1, 9, "b"},      {"a/b/c", 2, 9, "c"}, {"a/b/c", 3, 9, "-"}, {"/x", 0, 9, ""},
-        {"x/", 1, 9, ""},     {"long/path", 1, 3, "pa"}, {"a", 0, 1, ""},      {"a", 0, 0, "-"},     {"a", -1, 9, "-"},
-    };
     char out[10];
-    for (const auto& each : segments)
-        EXPECT_EQ(text(uri_subpath(each.path, each.index, out, each.size)), each.out) << each.path << each.index;
-    constexpr struct {
-        const char *path, *prefix;
-        int size;
-        const char* out;
-    } rests[] = {
-        {"api/v1/cam", "api", 9, "v1/cam"},
-        {"api/v1", "api/", 9, "v1"},
-        {"x/api//v1", "api", 9, "/v1"},
-        {"api", "api", 9, "-"},
-        {"api/", "api", 9, "-"},
-        {"abc", "x", 9, "-"},
-        {"abc", "", 3, "ab"},
-        {"abc", "a", 0, "-"},
+    std::string segments, sizes;
+    for (int i = -1; i < 4; ++i) {
+        segments += text(uri_subpath("a/b/", i, out, 9)) + ";";
+        sizes += text(uri_subpath("x/long", 1, out, i)) + ";" + text(uri_get_subpath("abc", "", out, i)) + ";";
+    }
+    EXPECT_EQ(segments, "-;a;b;;-;");
+    EXPECT_EQ(sizes, "-;-;-;-;;;l;a;lo;ab;");
+    constexpr const char* rests[][3] = {
+        {"api/v1/cam", "api", "v1/cam"}, {"api/", "api", "-"}, {"x/api//v1", "api", "/v1"},
+        {"api/v1", "api/", "v1"},        {"abc", "x", "-"},
     };
-    for (const auto& each : rests)
-        EXPECT_EQ(text(uri_get_subpath(each.path, each.prefix, out, each.size)), each.out) << each.path << each.prefix;
+    for (const auto& [path, prefix, rest] : rests)
+        EXPECT_EQ(text(uri_get_subpath(path, prefix, out, 9)), rest) << path << prefix;
 }
 
 TEST(UriArgs, AreReadInOrder) {
     const std::string longest(uri_max_arg, 'n');
-    const std::pair<std::string, std::string> cases[] = {
-        {"??a=1&b=x+%41&flag", "a=1;b=x A;flag;"},
-        {"&a", ";a;"},
-        {"a=1&" + longest + "x&b=2", "a=1;b=2;"},
-        {longest, longest + ";"},
-        {"?", "null"},
-        {"", "null"},
-    };
-    for (const auto& [query, args] : cases)
-        EXPECT_EQ(args_of(query), args) << query;
+    EXPECT_EQ(args_of("??&a=1&b=x+%41&flag&"), ";a=1;b=x A;flag;");
+    EXPECT_EQ(args_of("a=1&" + longest + "x&" + longest), "a=1;" + longest + ";");
     std::string many;
     for (uint32_t i = 0; i <= uri_max_args; ++i)
         many += "a&";
@@ -118,26 +76,14 @@ TEST(UriArgs, AreReadInOrder) {
 }
 
 TEST(UriCoding, DecodesWhatIsCoded) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"%41%u00e9+%zz", "A\xc3\xa9 %zz"},
-        {"%u20AC", "\xe2\x82\xac"},
-        {"%u12", "%u12"},
-        {"%u41xx", "A"},
-        {"%", "%"},
-        {"%u004", "%u004"},
-        {"\xff+", "\xff "},
-        {"%ud800", "\xef\xbf\xbd"},
-        {"", ""},
+    constexpr std::pair<const char*, const char*> cases[] = {
+        {"%41%u00e9+%zz", "A\xc3\xa9 %zz"}, {"%u004", "%u004"}, {"%u41xx", "A"}, {"%u12", "%u12"},
+        {"%u20AC\xff", "\xe2\x82\xac\xff"}, {"%", "%"},         {"", ""},        {"%ud800", "\xef\xbf\xbd"},
     };
     for (const auto& [input, decoded] : cases)
-        EXPECT_EQ(decode(input), decoded) << input;
+        EXPECT_STREQ(core::owned_text(uri_decode(input, nullptr, CORE_HERE)).get(), decoded);
     const core::owned_text nul(uri_decode("a%00b%uzzzzc", nullptr, CORE_HERE));
     EXPECT_EQ(std::string(nul.get(), 5), std::string("a\0b\0c", 5));
-}
-
-TEST(UriCoding, EncodesAllButASmallAlphabet) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"a-b_c", "a%2Db%5Fc"}, {"AZaz09!'()*.~", "AZaz09!'()*.~"}, {" \xff/%@[`{", "%20%FF%2F%25%40%5B%60%7B"}};
-    for (const auto& [input, encoded] : cases)
-        EXPECT_STREQ(core::owned_text(uri_encode(input, CORE_HERE)).get(), encoded);
+    const core::owned_text encoded(uri_encode("AZaz09!'()*.~-_ \xff/%@[`{", CORE_HERE));
+    EXPECT_STREQ(encoded.get(), "AZaz09!'()*.~%2D%5F%20%FF%2F%25%40%5B%60%7B");
 }

@@ -12,7 +12,7 @@ using rtsp3::event_t;
 using test::rtsp_owner;
 using test::rtsp_viewer;
 
-class RtspLate : public test::at_fixed_time {};
+class RtspLate : public testing::Test {};
 
 /// Answers nothing in an event, but when it is told to.
 class late_owner : public rtsp3::IRtsp {

@@ -16,7 +16,7 @@ const std::string date = "Date: Tue, 14 Nov 2023 22:13:20 GMT\r\n";
 
 TEST(RtspServer, AnswersAPlayerOverTcp) {
     rtsp_owner owner;
-    owner.feed(test::dialog("rtsp_server/tcp-whole"));
+    owner.feed(test::dialog("rtsp_server/tcp-cut"));
     const std::string ok = "RTSP/1.0 200 OK\r\nCSeq: ";
     const std::string sdp =
         "v=0\r\no=- 0 0 IN IP4 0.0.0.0\r\ns=inet test camera\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\na=recvonly\r\n"
@@ -125,6 +125,8 @@ TEST(RtspServer, RefusesWhatItCannotServe) {
     EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", tcp + "Session: {session}\r\n"), 200);
     EXPECT_EQ(owner.status("TEARDOWN rtsp://h/live/", "Session: {session}0\r\n"), 454);
     EXPECT_TRUE(owner.session->playing());
+    EXPECT_EQ(owner.status("TEARDOWN rtsp://h/live/", "Session: {session}\r\n"), 200);
+    EXPECT_STREQ(owner.session->session(), "");
 }
 
 TEST(RtspServer, FindsTrackAndTransport) {
@@ -159,7 +161,9 @@ TEST(RtspServer, ServesMulticastWhenTheOwnerNamesAGroup) {
     shared.seq = 4711;
     rtsp_owner owner;
     owner.status("DESCRIBE rtsp://h/live");
+    EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP\r\n"), 200);
     EXPECT_EQ(owner.status("SETUP rtsp://h/live/video", multicast), 461);
+    EXPECT_EQ(owner.status("PLAY rtsp://h/live/"), 455);  // nor is it set up as it was
     owner.group = "239.1.2.3";
     owner.before = [&](event_t::enum_t event) {
         if (event == event_t::rtsp_setup) owner.session->share_stream(&shared);
@@ -251,6 +255,11 @@ TEST(RtspServer, BoundsWhatAPeerMakesItHold) {
         const std::string header = options + std::string(size - options.size() - 4, 'x') + "\r\n\r\n";
         EXPECT_EQ(owner.ask(header).empty(), size > 4098);
         EXPECT_EQ(owner.session->closed(), size > 4098);
+    }
+    for (const size_t size : {23U, 24U}) {
+        const std::string cseq = "CSeq: " + std::string(size, '1');
+        EXPECT_EQ(rtsp_owner().ask("OPTIONS * RTSP/1.0\r\n" + cseq + "\r\n\r\n").find(cseq.substr(0, 10)),
+                  size == 23 ? 17 : std::string::npos);
     }
     rtsp_owner body;
     body.feed("SET_PARAMETER * RTSP/1.0\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, '$') +

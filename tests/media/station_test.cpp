@@ -55,7 +55,7 @@ public:
         if (!word.starts_with(text.substr(0, word.size()))) return claim_t::no;
         return text.size() < word.size() ? claim_t::more : claim_t::yes;
     }
-    media::part* make_part(media::thread&, media::error_t*) noexcept override {
+    media::part* make_part(media::thread&, media::failure_t*) noexcept override {
         struct nothing final : media::part {};
         return core::create<nothing>(CORE_HERE);
     }
@@ -91,7 +91,7 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
     auto* echo = core::create<echo_service>(CORE_HERE);
     echo->port_ = test::free_port();
     const uint16_t port = echo->port_;
-    media::error_t why;
+    media::failure_t why;
     ASSERT_TRUE(station.add(media::rtsp_service({.port = port}), &why));
     ASSERT_TRUE(station.add(echo, &why));
     ASSERT_TRUE(station.start(&why)) << why.text;
@@ -113,7 +113,7 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
 
 TEST(Station, TakenPortAndNameAreTold) {
     media::station first;
-    media::error_t why;
+    media::failure_t why;
     ASSERT_TRUE(first.add(media::rtsp_service({.port = 0}), &why));
     auto* named = media::rtsp_service({.port = 0});
     ASSERT_TRUE(first.add(named, &why));

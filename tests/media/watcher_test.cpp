@@ -69,7 +69,7 @@ protected:
     }
 
     void start_source() {
-        media::error_t error;
+        media::failure_t error;
         ASSERT_EQ(source_.start(&error), 1) << error.text;
         push_all();
         url_ = "rtsp://127.0.0.1:" + std::to_string(service_->port()) + "/live";
@@ -248,7 +248,7 @@ TEST_F(Watcher, RetriesWhatCanPassAndTellsWhatCannot) {
     }
     for (const char* none : {"", "http://h/x", "rtsp://", "rtsp://h:0/x", "rtsp://u:p@[::1]/x"}) {
         media::watcher watcher(none);
-        media::error_t error;
+        media::failure_t error;
         EXPECT_EQ(watcher.start(&error), 0) << none;
         EXPECT_STRNE(error.text, "");
     }

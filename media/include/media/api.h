@@ -17,11 +17,11 @@
 namespace media {
 
 /// Why a call failed, in words for people; "" when it did not.
-struct error_t {
+struct failure_t {
     char text[256] = "";
 };
 
 /// Fills an error, cut to its room; a null error is ignored.
-INET_PRINTF(2, 3) MEDIA_API void tell(error_t* error, const char* format, ...) noexcept;
+INET_PRINTF(2, 3) MEDIA_API void tell(failure_t* error, const char* format, ...) noexcept;
 
 }  // namespace media

@@ -118,9 +118,9 @@ public:
     /// port is not asked.
     virtual claim_t claims(buffer_t first) const noexcept = 0;
     /// Before the threads start. @return 1, or 0 with a reason in `error`
-    virtual int open(station& of, error_t* error) noexcept;
+    virtual int open(station& of, failure_t* error) noexcept;
     /// @return null when memory is out, with a reason in `error`
-    virtual part* make_part(thread& on, error_t* error) noexcept = 0;
+    virtual part* make_part(thread& on, failure_t* error) noexcept = 0;
     /// Makes a client of a connection. The handler of the connection is the client's to set; it then calls
     /// Tcp::show_received().
     /// @param from  becomes the client's; null on return when it was taken

@@ -33,7 +33,7 @@ public:
     station& operator=(const station&) = delete;
 
     /// A new stream, the station's. @return null for a name that is taken, null or empty, or when memory is out
-    stream* add_stream(const char* name, const limits_t& limits = {}, error_t* error = nullptr) noexcept;
+    stream* add_stream(const char* name, const limits_t& limits = {}, failure_t* error = nullptr) noexcept;
     /// Ends a stream; its readers are told. Valid until the last of them has let go of it.
     void remove_stream(stream* which) noexcept;
     /// The stream of that name, held once more: the caller lets go of it with stream::drop(). Null when there is none.
@@ -43,9 +43,9 @@ public:
     void streams(void (*each)(void* arg, stream& which), void* arg) noexcept;
 
     /// Takes a service over, before start(). @return 1, or 0 for null or when memory is out: it is then deleted
-    int add(service* taken, error_t* error = nullptr) noexcept;
+    int add(service* taken, failure_t* error = nullptr) noexcept;
     /// Starts threads and listens. @return 1, or 0 with a reason in `error`; then nothing runs
-    int start(error_t* error = nullptr) noexcept;
+    int start(failure_t* error = nullptr) noexcept;
     /// Ends all clients and threads. Streams and services stay, for another start().
     void stop() noexcept;
 

@@ -146,7 +146,7 @@ public:
     void on_event(void (*event)(void* arg, const watch_event_t& what), void* arg) noexcept;
 
     /// Begins, and again after stop() or when it has ended. @return 1, also when it runs; 0 with a reason in `error`
-    int start(error_t* error = nullptr) noexcept;
+    int start(failure_t* error = nullptr) noexcept;
     /// Ends now. A source that plays is told, its answer is not awaited.
     void stop() noexcept;
     /// Has it take leave of the source and end within a second or so, which event `ended` tells. Any thread.

@@ -97,7 +97,7 @@ claim_t service_t::claims(buffer_t first) const noexcept {
     return end == std::string_view::npos ? claim_t::more : claim_t::no;
 }
 
-int service_t::open(media::station& of, error_t* error) noexcept {
+int service_t::open(media::station& of, failure_t* error) noexcept {
     station_ = &of;
     groups_.clear();  // of an earlier start
     next_group_port_ = settings_.multicast_port;
@@ -114,7 +114,7 @@ int service_t::open(media::station& of, error_t* error) noexcept {
     return fd < 0 ? 0 : 1;
 }
 
-part* service_t::make_part(thread& on, error_t* error) noexcept {
+part* service_t::make_part(thread& on, failure_t* error) noexcept {
     auto* made = core::create<part_t>(CORE_HERE, on, *this);
     if (!made) tell(error, "no memory");
     return made;

@@ -47,8 +47,8 @@ public:
     uint16_t port() const noexcept override { return port_; }
     void set_port(uint16_t port) noexcept override { port_ = port; }
     claim_t claims(buffer_t first) const noexcept override;
-    int open(station& of, error_t* error) noexcept override;
-    part* make_part(thread& on, error_t* error) noexcept override;
+    int open(station& of, failure_t* error) noexcept override;
+    part* make_part(thread& on, failure_t* error) noexcept override;
     client* take(thread& on, net::Tcp*& from) noexcept override;
     void addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
                    void* arg) const noexcept override;

@@ -36,13 +36,13 @@ void client::operator delete(void* block) noexcept { core_mfree(block); }
 void part::operator delete(void* block) noexcept { core_mfree(block); }
 void service::operator delete(void* block) noexcept { core_mfree(block); }
 
-int service::open(media::station&, error_t*) noexcept { return 1; }
+int service::open(media::station&, failure_t*) noexcept { return 1; }
 
 thread::inside::inside(class station& of, unsigned number) noexcept : owner(of), index(number), face(this) {}
 
 thread::inside::~inside() { inside::stop(); }
 
-bool thread::inside::begin(service* const* services, size_t count, error_t* error) noexcept {
+bool thread::inside::begin(service* const* services, size_t count, failure_t* error) noexcept {
     net::Thread::start();
     if (!nt || !open_wake()) {
         media::tell(error, "cannot start a network thread");
@@ -59,7 +59,7 @@ bool thread::inside::begin(service* const* services, size_t count, error_t* erro
     }
     struct {
         inside* self;
-        error_t* error;
+        failure_t* error;
         event_ctx* done;
     } making{this, error, _event_create(CORE_HERE)};
     const auto make = [](void* arg) {
@@ -81,7 +81,7 @@ bool thread::inside::begin(service* const* services, size_t count, error_t* erro
     return true;
 }
 
-void thread::inside::make_parts(error_t* error) noexcept {
+void thread::inside::make_parts(failure_t* error) noexcept {
     for (part_record& each : parts) {
         each.made.reset(each.of->make_part(face, error));
         if (!each.made) return;

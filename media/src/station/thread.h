@@ -27,7 +27,7 @@ struct thread::inside final : net::Thread {
     ~inside() override;
 
     /// @return whether it runs, with its parts
-    bool begin(service* const* services, size_t count, error_t* error) noexcept;
+    bool begin(service* const* services, size_t count, failure_t* error) noexcept;
     // The three steps of stopping. A station takes each for all of its threads before the next: until all loops have
     // ended, one thread may still call another.
     void close() noexcept;
@@ -44,7 +44,7 @@ struct thread::inside final : net::Thread {
     static void on_close(void* arg, net::command_ctx* command) noexcept;
     static void on_second(void* arg, net::timer_ctx* timer) noexcept;
     bool open_wake() noexcept;
-    void make_parts(error_t* error) noexcept;
+    void make_parts(failure_t* error) noexcept;
     void close_all() noexcept;
     void read_feeds() noexcept;
     bool read(feed& of) noexcept;
