@@ -83,21 +83,23 @@ void note_interrupts(std::atomic<bool>& flag) {
     SetConsoleCtrlHandler(on_control, TRUE);
 }
 
-// A pipe cannot be waited for: it is asked how much is there. Of a file, always something is.
+// A pipe cannot be waited for: it is asked how much is there. What cannot be asked is read as it is, a file or a pipe
+// of another system.
 int read_input(std::span<uint8_t> room, int milliseconds) {
     const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
-    DWORD there = static_cast<DWORD>(room.size());
-    if (GetFileType(input) == FILE_TYPE_PIPE) {
-        if (!PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr)) return -1;
-        for (constexpr int step = 2; there == 0 && milliseconds > 0; milliseconds -= step) {
-            Sleep(step);
-            if (!PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr)) return -1;
-        }
-        if (there == 0) return 0;
+    constexpr int step = 2;
+    DWORD there = 0;
+    bool asked = PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr);
+    for (; asked && there == 0 && milliseconds > 0; milliseconds -= step) {
+        Sleep(step);
+        asked = PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr);
     }
+    if (asked && there == 0) return 0;
+    if (!asked && GetLastError() == ERROR_BROKEN_PIPE) return -1;
+    const auto most = static_cast<DWORD>(room.size());
     DWORD count = 0;
-    const DWORD wanted = std::min(there, static_cast<DWORD>(room.size()));
-    return ReadFile(input, room.data(), wanted, &count, nullptr) && count > 0 ? static_cast<int>(count) : -1;
+    const bool read = ReadFile(input, room.data(), asked ? std::min(there, most) : most, &count, nullptr);
+    return read && count > 0 ? static_cast<int>(count) : -1;
 }
 
 }  // namespace apps::platform
