@@ -40,6 +40,15 @@ inline std::string access_unit(size_t size) {
     return "\0\0\0\1\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20\0\0\0\1\x68\xce\x3c\x80\0\0\0\1\x65"s + std::string(size, 'Z');
 }
 
+inline av::frame_t frame_of(std::string_view data, uint32_t fcc = av::fcc_h264) {
+    av::frame_t frame{};
+    frame.fcc = fcc;
+    frame.time = fixed_clock();
+    frame.data = reinterpret_cast<const uint8_t*>(data.data());
+    frame.size = static_cast<uint32_t>(data.size());
+    return frame;
+}
+
 /// What the owners of both roles have.
 class rtsp_end : public rtsp3::IRtsp {
 public:
@@ -106,19 +115,15 @@ public:
         const std::string answer = ask(line + " RTSP/1.0\r\nCSeq: 1\r\n" + fields + "\r\n");
         return answer.size() < 12 ? 0 : std::atoi(answer.substr(9, 3).c_str());
     }
-    /// Up to the first frame, all tracks over TCP unless told otherwise.
-    void play(const std::string& transport = "RTP/AVP/TCP;unicast") {
+    /// Up to the first frame, all tracks over TCP.
+    void play() {
         status("DESCRIBE rtsp://h/live");
         for (const char* control : {"video", "audio", "application"})
-            status(std::string("SETUP rtsp://h/live/") + control, "Transport: " + transport + "\r\n");
+            status(std::string("SETUP rtsp://h/live/") + control, "Transport: RTP/AVP/TCP;unicast\r\n");
         status("PLAY rtsp://h/live/");
     }
     int send(const std::string& data, uint32_t fcc = av::fcc_h264) {
-        av::frame_t frame{};
-        frame.fcc = fcc;
-        frame.time = fixed_clock();
-        frame.data = reinterpret_cast<const uint8_t*>(data.data());
-        frame.size = static_cast<uint32_t>(data.size());
+        av::frame_t frame = frame_of(data, fcc);
         return session->send_frame(&frame);
     }
     /// What waits to be sent.
@@ -148,11 +153,9 @@ public:
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
         using rtsp3::event_t;
         note(event);
-        if (event == event_t::open_server || event == event_t::rtsp_setup || event == event_t::rtsp_play) {
-            owed = event;
-            if (!late) answer();
-            if (!late && event == event_t::rtsp_play) send(access_unit(2000));
-        }
+        if (event == event_t::open_server || event == event_t::rtsp_setup || event == event_t::rtsp_play) owed = event;
+        if (owed == event && !late) answer();
+        if (event == event_t::rtsp_play && !late) send(access_unit(2000));
         if (event == event_t::rtsp_send) take();
         if (event == event_t::send_rtp) keep(port_of(*rtsp->trak()));
         if (event == event_t::rtsp_rtcp) keep(port_of(*rtsp->trak()) + 1U);
