@@ -152,6 +152,13 @@ TEST(RtspServer, SetsUpTracksOfOneMediumInTurn) {
     EXPECT_NE(owner.session->trak(0U)->rtp->ssrc, owner.session->trak(1)->rtp->ssrc);
 }
 
+TEST(RtspServer, DescribesTheRangeInSeconds) {
+    rtsp_owner owner;
+    owner.session->send_sdp("a", "b", "c", 1000000, 61999999);
+    EXPECT_NE(owner.sent.find("s=a b c\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\na=recvonly\r\na=range:npt=0-60\r\n"),
+              std::string::npos);
+}
+
 std::string challenge_of(const std::string& answer) {
     std::smatch found;
     return std::regex_search(answer, found, std::regex("WWW-Authenticate: ([^\r]*)\r\n")) ? found[1].str() : "";

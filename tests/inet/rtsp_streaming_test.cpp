@@ -61,6 +61,12 @@ TEST(RtspStreaming, LeavesWholePicturesOutForAReaderThatStalls) {
     EXPECT_EQ(owner.session->send_buffer()->length, 10000U);
     core_buf_ignore(owner.session->send_buffer(), 1);
     EXPECT_EQ(owner.send(access_unit(9000)), 1);
+    for (int i = 0; i < 1500; ++i) {  // a slow one still gets answers and pictures
+        core_buf_ignore(owner.session->send_buffer(), owner.session->send_buffer()->length - 1);
+        owner.feed("OPTIONS * RTSP/1.0\r\n\r\n");
+        EXPECT_EQ(owner.send(access_unit(10)), 1);
+    }
+    EXPECT_FALSE(owner.session->closed());
 }
 
 TEST(RtspStreaming, SendsTracksByTheirOwnTransportAndReportsOnThePacketsClock) {
@@ -81,6 +87,12 @@ TEST(RtspStreaming, SendsTracksByTheirOwnTransportAndReportsOnThePacketsClock) {
     EXPECT_EQ(report.substr(16, 4), owner.packets[0].bytes.substr(4, 4));
     EXPECT_EQ(report.substr(4, 4), owner.packets[0].bytes.substr(8, 4));
     EXPECT_EQ(owner.session->trak(), nullptr);
+    // Set up anew it plays on as a stream of its own: three NAL units and the first report.
+    owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP;unicast\r\n");
+    owner.packets.clear();
+    EXPECT_EQ(owner.send(access_unit(10)), 1);
+    ASSERT_EQ(owner.packets.size(), 4U);
+    EXPECT_TRUE(owner.packets.front().port == 0 && owner.packets.back().port == 1);
 }
 
 std::string without_stamps(std::string stream) {
