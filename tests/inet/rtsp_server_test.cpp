@@ -92,11 +92,7 @@ TEST(RtspServer, RefusesWhatItCannotServe) {
 }
 
 TEST(RtspServer, FindsTrackAndTransport) {
-    const struct {
-        const char* uri;
-        const char* transport;
-        const char* answer;
-    } cases[] = {
+    const char* const cases[][3] = {
         {"rtsp://h/live//audio/", "RTP/AVP/TCP;unicast", "RTP/AVP/TCP;unicast;interleaved=2-3"},
         {"rtsp://h/live/video", "RTP/AVP/TCP;unicast;interleaved=254-255", "RTP/AVP/TCP;unicast;interleaved=254-255"},
         {"audio", "RTP/AVP/TCP;interleaved=255-256", "RTP/AVP/TCP;unicast;interleaved=2-3"},
@@ -105,14 +101,11 @@ TEST(RtspServer, FindsTrackAndTransport) {
         {"rtsp://h/live/video", "RTP/AVP;multicast, RTP/AVP/UDP;unicast;client_port=7000-7001,RTP/AVP/TCP",
          "RTP/AVP/UDP;unicast;client_port=7000-7001;server_port=6000-6001;"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.uri);
+    for (const auto& [uri, transport, answer] : cases) {
         rtsp_owner owner;
         owner.status("DESCRIBE rtsp://h/live");
-        const std::string answer =
-            owner.ask(std::string("SETUP ") + c.uri + " RTSP/1.0\r\nTransport: " + c.transport + "\r\n\r\n");
-        EXPECT_EQ(test::normal(answer),
-                  std::string("RTSP/1.0 200 OK\r\nSession: N\r\nTransport: ") + c.answer + "\r\n\r\n");
+        owner.status(std::string("SETUP ") + uri, std::string("Transport: ") + transport + "\r\n");
+        EXPECT_TRUE(owner.sent.ends_with(std::string("\r\nTransport: ") + answer + "\r\n\r\n")) << owner.sent;
     }
 }
 
