@@ -213,10 +213,7 @@ void send_a_picture() {
 
 void share_a_picture() {
     const std::string picture = test::access_unit(30000);
-    av::frame_t frame{};
-    frame.fcc = av::fcc_h264;
-    frame.data = reinterpret_cast<const uint8_t*>(picture.data());
-    frame.size = static_cast<uint32_t>(picture.size());
+    av::frame_t frame = test::frame_of(picture);
     for (const uint32_t taken : {0U, 100U, UINT32_MAX}) {
         test::rtsp_owner owner;
         if (!owner.session) return;

@@ -13,6 +13,7 @@
 #include <regex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -39,7 +40,54 @@ inline std::string access_unit(size_t size) {
     return "\0\0\0\1\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20\0\0\0\1\x68\xce\x3c\x80\0\0\0\1\x65"s + std::string(size, 'Z');
 }
 
-class rtsp_owner : public rtsp3::IRtsp {
+inline av::frame_t frame_of(std::string_view data, uint32_t fcc = av::fcc_h264) {
+    av::frame_t frame{};
+    frame.fcc = fcc;
+    frame.time = fixed_clock();
+    frame.data = reinterpret_cast<const uint8_t*>(data.data());
+    frame.size = static_cast<uint32_t>(data.size());
+    return frame;
+}
+
+/// What the owners of both roles have.
+class rtsp_end : public rtsp3::IRtsp {
+public:
+    rtsp3::Rtsp* session = rtsp3::Rtsp::create(CORE_HERE);
+    buf_t received;
+    std::function<void(rtsp3::event_t::enum_t)> before;  ///< called first for each event
+    bool reading = true;                                 ///< false: the peer takes nothing that waits
+    std::string events;                                  ///< numbers, each followed by a blank; rtsp_send left out
+
+    rtsp_end() {
+        core_time_set_clock(fixed_clock);
+        if (session) session->set_handler(this);
+    }
+    virtual ~rtsp_end() {
+        rtsp3::Rtsp::destroy(session);
+        core_buf_free(&received);
+    }
+    rtsp_end(const rtsp_end&) = delete;
+    rtsp_end& operator=(const rtsp_end&) = delete;
+
+    void feed(std::string_view bytes) {
+        core_buf_read(&received, bytes.data(), static_cast<uint32_t>(bytes.size()));
+        session->process(&received);
+    }
+
+protected:
+    void note(rtsp3::event_t::enum_t event) {
+        if (event != rtsp3::event_t::rtsp_send) events += std::to_string(event) + " ";
+        if (before) before(event);
+    }
+    std::string take_all() {
+        buf_t* const out = session->send_buffer();
+        std::string bytes(reinterpret_cast<char*>(out->data), out->length);
+        core_buf_ignore(out, out->length);
+        return bytes;
+    }
+};
+
+class rtsp_owner : public rtsp_end {
 public:
     struct packet_t {
         uint32_t port;
@@ -47,31 +95,15 @@ public:
     };
 
     std::vector<uint32_t> formats{av::fcc_h264, av::fcc_pcmu, av::fcc_meta};
-    std::function<void(rtsp3::event_t::enum_t)> before;  ///< called first for each event
-    bool reading = true;                                 ///< false: the peer takes nothing that waits,
-    uint32_t takes_lent = 0;                             ///< and so much of what is lent
-    std::string events;                                  ///< numbers, each followed by a blank; rtsp_send left out
-    std::string sent;                                    ///< the stream, interleaved packets as "[channel]"
-    std::string lent;                                    ///< what was taken of that
-    std::vector<packet_t> packets;                       ///< interleaved, and UDP by port
-    const char* group = nullptr;                         ///< for multicast, port 7000 and those 10 apart
+    bool late = false;              ///< answers nothing in an event, but when it is told to
+    int owed = -1;                  ///< the event that waits for that
+    uint32_t takes_lent = 0;        ///< of what is lent
+    std::string sent;               ///< the stream, interleaved packets as "[channel]"
+    std::string lent;               ///< what was taken of that
+    std::vector<packet_t> packets;  ///< interleaved, and UDP by port
+    const char* group = nullptr;    ///< for multicast, port 7000 and those 10 apart
     size_t sends = 0;
 
-    rtsp_owner() : session(rtsp3::Rtsp::create(CORE_HERE)) {
-        core_time_set_clock(fixed_clock);
-        if (session) session->set_handler(this);
-    }
-    virtual ~rtsp_owner() {
-        rtsp3::Rtsp::destroy(session);
-        core_buf_free(&received);
-    }
-    rtsp_owner(const rtsp_owner&) = delete;
-    rtsp_owner& operator=(const rtsp_owner&) = delete;
-
-    void feed(std::string_view bytes) {
-        core_buf_read(&received, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        session->process(&received);
-    }
     /// What is sent in answer; "{session}" stands for the session's identifier.
     std::string ask(const std::string& text) {
         sent.clear();
@@ -83,19 +115,15 @@ public:
         const std::string answer = ask(line + " RTSP/1.0\r\nCSeq: 1\r\n" + fields + "\r\n");
         return answer.size() < 12 ? 0 : std::atoi(answer.substr(9, 3).c_str());
     }
-    /// Up to the first frame, all tracks over TCP unless told otherwise.
-    void play(const std::string& transport = "RTP/AVP/TCP;unicast") {
+    /// Up to the first frame, all tracks over TCP.
+    void play() {
         status("DESCRIBE rtsp://h/live");
         for (const char* control : {"video", "audio", "application"})
-            status(std::string("SETUP rtsp://h/live/") + control, "Transport: " + transport + "\r\n");
+            status(std::string("SETUP rtsp://h/live/") + control, "Transport: RTP/AVP/TCP;unicast\r\n");
         status("PLAY rtsp://h/live/");
     }
     int send(const std::string& data, uint32_t fcc = av::fcc_h264) {
-        av::frame_t frame{};
-        frame.fcc = fcc;
-        frame.time = fixed_clock();
-        frame.data = reinterpret_cast<const uint8_t*>(data.data());
-        frame.size = static_cast<uint32_t>(data.size());
+        av::frame_t frame = frame_of(data, fcc);
         return session->send_frame(&frame);
     }
     /// What waits to be sent.
@@ -104,35 +132,40 @@ public:
         return {reinterpret_cast<char*>(out->data), out->length};
     }
 
-    void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
+    int answer() {
         using rtsp3::event_t;
-        if (event != event_t::rtsp_send) events += std::to_string(event) + " ";
-        if (before) before(event);
-        if (event == event_t::open_server) {
-            const bool all = std::all_of(formats.begin(), formats.end(), [&](uint32_t fcc) {
-                return rtsp->add_trak(fcc, nullptr, CORE_HERE) != nullptr;
-            });
-            if (all) rtsp->send_sdp("inet", "test", "camera", 0, 0);
-            if (!all) rtsp->send_error(500);
+        switch (std::exchange(owed, -1)) {
+            case event_t::open_server: {
+                const bool all = std::all_of(formats.begin(), formats.end(), [&](uint32_t fcc) {
+                    return session->add_trak(fcc, nullptr, CORE_HERE) != nullptr;
+                });
+                return all ? session->send_sdp("inet", "test", "camera", 0, 0) : session->send_error(500);
+            }
+            case event_t::rtsp_setup:
+                return session->send_setup(group, group ? 7000U + session->trak()->channel * 5U : 6000U);
+            case event_t::rtsp_play:
+                return session->send_play(fixed_clock());
+            default:
+                return 0;
         }
-        if (event == event_t::rtsp_setup) rtsp->send_setup(group, group ? 7000U + rtsp->trak()->channel * 5U : 6000U);
-        if (event == event_t::rtsp_play) {
-            rtsp->send_play(fixed_clock());
-            send(access_unit(2000));
-        }
-        if (event == event_t::rtsp_send) take();
-        if (event == event_t::send_rtp) note(port_of(*rtsp->trak()));
-        if (event == event_t::rtsp_rtcp) note(port_of(*rtsp->trak()) + 1U);
     }
 
-    rtsp3::Rtsp* session;
-    buf_t received;
+    void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
+        using rtsp3::event_t;
+        note(event);
+        if (event == event_t::open_server || event == event_t::rtsp_setup || event == event_t::rtsp_play) owed = event;
+        if (owed == event && !late) answer();
+        if (event == event_t::rtsp_play && !late) send(access_unit(2000));
+        if (event == event_t::rtsp_send) take();
+        if (event == event_t::send_rtp) keep(port_of(*rtsp->trak()));
+        if (event == event_t::rtsp_rtcp) keep(port_of(*rtsp->trak()) + 1U);
+    }
 
 private:
     static uint32_t port_of(const rtsp3::trak_t& trak) {
         return trak.protocol == rtsp3::protocol_t::rtp_multicast ? trak.server_port : trak.client_port;
     }
-    void note(uint32_t port) {
+    void keep(uint32_t port) {
         const buf_t& packet = session->rtp()->packet;
         packets.push_back({port, std::string(reinterpret_cast<char*>(packet.data), packet.length)});
     }
@@ -142,7 +175,7 @@ private:
         lent.append(reinterpret_cast<const char*>(session->lent().data), count);
         session->take_lent(count);
         if (!reading) return;
-        std::string bytes = waiting();
+        std::string bytes = take_all();
         while (bytes.starts_with('$')) {
             const auto at = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
             const auto length = static_cast<size_t>(at(2) << 8 | at(3));
@@ -151,7 +184,6 @@ private:
             bytes.erase(0, 4 + length);
         }
         sent += bytes;
-        core_buf_ignore(session->send_buffer(), session->send_buffer()->length);
     }
 };
 

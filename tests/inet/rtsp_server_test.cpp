@@ -2,7 +2,6 @@
 #include "rtsp_dialog.h"
 #include "rtsp_owner.h"
 
-#include "core/memory.h"
 #include "inet/net_http_auth.h"
 
 #include <gtest/gtest.h>
@@ -45,40 +44,6 @@ TEST(RtspServer, AnswersAPlayerOverTcp) {
     EXPECT_EQ(owner.events, "1 3 3 6 7 6 8 ");
 }
 
-TEST(RtspServer, ChangesTheTransportOnTheSameConnection) {
-    rtsp_owner owner;
-    owner.feed(test::dialog("rtsp_server/udp-whole"));
-    EXPECT_NE(owner.sent.find("RTP/AVP/UDP;unicast;client_port=50120-50121;server_port=6000-6001;\r\n"),
-              std::string::npos);
-    EXPECT_NE(owner.sent.find("\r\n\r\n[0][0][0][0][1]"), std::string::npos);
-    EXPECT_EQ(owner.events, "1 3 6 11 11 11 11 13 8 3 6 ");
-    EXPECT_EQ(owner.packets.front().port, 50120U);
-}
-
-TEST(RtspServer, KeepsTheFramingOverBodiesUnknownMethodsAndReplies) {
-    rtsp_owner owner;
-    owner.feed(test::dialog("rtsp_server/recorder-cut"));
-    std::string statuses;
-    const std::regex line("RTSP/1.0 (\\d+) [^\r]*\r\nCSeq: (\\d+)");
-    for (std::sregex_iterator it(owner.sent.begin(), owner.sent.end(), line), end; it != end; ++it)
-        statuses += (*it)[2].str() + ":" + (*it)[1].str() + " ";
-    EXPECT_EQ(statuses, "2:200 3:200 4:200 5:200 7:454 9:200 ");
-    EXPECT_NE(owner.sent.find("interleaved=4-5"), std::string::npos);
-}
-
-TEST(RtspServer, ServesWhatWaitedForMemoryWhenItIsBack) {
-    rtsp_owner owner;
-    core_mem_set_fault([](size_t size, const char*, int) { return size == sizeof(net::http::header_s); });
-    for (int i = 0; i < 20; ++i)
-        owner.feed("OPTIONS * RTSP/1.0\r\nPad: " + std::string(4000, 'x') + "\r\n\r\n");
-    core_mem_set_fault(nullptr);
-    EXPECT_EQ(owner.sent, "");
-    EXPECT_GT(owner.received.length, 0U);  // not taken in without an end
-    owner.feed("");
-    EXPECT_EQ(owner.sends, 20U);
-    EXPECT_EQ(owner.received.length, 0U);
-}
-
 TEST(RtspServer, RefusesWhatItCannotServe) {
     const std::string tcp = "Transport: RTP/AVP/TCP;unicast\r\n";
     const struct {
@@ -86,13 +51,10 @@ TEST(RtspServer, RefusesWhatItCannotServe) {
         std::string fields;
         int status;
     } cases[] = {
-        {"SETUP rtsp://h/live/video", "", 400},
         {"SETUP rtsp://h/live/video", "Transport: \r\n", 400},
         {"SETUP rtsp://h/live/video", "Transport: by pigeon;client_port=1-2\r\n", 400},
         {"SETUP rtsp://h/live/other", tcp, 404},
-        {"SETUP rtsp://h/live", tcp, 404},
         {"SETUP rtsp://h/live/novideo", tcp, 404},
-        {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast\r\n", 461},
         {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=0-1\r\n", 461},
         {"SETUP rtsp://h/live/video", "Transport: RTP/AVP;unicast;client_port=65535\r\n", 461},
         {"SETUP rtsp://h/live/video", "Transport: RTP/SAVP/TCP;unicast\r\n", 461},
@@ -130,12 +92,7 @@ TEST(RtspServer, RefusesWhatItCannotServe) {
 }
 
 TEST(RtspServer, FindsTrackAndTransport) {
-    const struct {
-        const char* uri;
-        const char* transport;
-        const char* answer;
-    } cases[] = {
-        {"rtsp://h/live/video", "RTP/AVP/TCP;unicast;interleaved=6-7", "RTP/AVP/TCP;unicast;interleaved=6-7"},
+    const char* const cases[][3] = {
         {"rtsp://h/live//audio/", "RTP/AVP/TCP;unicast", "RTP/AVP/TCP;unicast;interleaved=2-3"},
         {"rtsp://h/live/video", "RTP/AVP/TCP;unicast;interleaved=254-255", "RTP/AVP/TCP;unicast;interleaved=254-255"},
         {"audio", "RTP/AVP/TCP;interleaved=255-256", "RTP/AVP/TCP;unicast;interleaved=2-3"},
@@ -144,14 +101,11 @@ TEST(RtspServer, FindsTrackAndTransport) {
         {"rtsp://h/live/video", "RTP/AVP;multicast, RTP/AVP/UDP;unicast;client_port=7000-7001,RTP/AVP/TCP",
          "RTP/AVP/UDP;unicast;client_port=7000-7001;server_port=6000-6001;"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.uri);
+    for (const auto& [uri, transport, answer] : cases) {
         rtsp_owner owner;
         owner.status("DESCRIBE rtsp://h/live");
-        const std::string answer =
-            owner.ask(std::string("SETUP ") + c.uri + " RTSP/1.0\r\nTransport: " + c.transport + "\r\n\r\n");
-        EXPECT_EQ(test::normal(answer),
-                  std::string("RTSP/1.0 200 OK\r\nSession: N\r\nTransport: ") + c.answer + "\r\n\r\n");
+        owner.status(std::string("SETUP ") + uri, std::string("Transport: ") + transport + "\r\n");
+        EXPECT_TRUE(owner.sent.ends_with(std::string("\r\nTransport: ") + answer + "\r\n\r\n")) << owner.sent;
     }
 }
 
@@ -174,11 +128,6 @@ TEST(RtspServer, ServesMulticastWhenTheOwnerNamesAGroup) {
     owner.status("PLAY rtsp://h/live/");
     EXPECT_NE(owner.sent.find("video;seq=4711"), std::string::npos) << owner.sent;
     EXPECT_TRUE(owner.packets.empty());  // the packets are the shared packetizer's
-    owner.before = nullptr;
-    owner.status("SETUP rtsp://h/live/video", multicast);
-    owner.status("PLAY rtsp://h/live/");
-    ASSERT_FALSE(owner.packets.empty());
-    EXPECT_EQ(owner.packets.front().port, 7000U);
 }
 
 TEST(RtspServer, SetsUpTracksOfOneMediumInTurn) {
@@ -196,10 +145,8 @@ TEST(RtspServer, SetsUpTracksOfOneMediumInTurn) {
     EXPECT_NE(owner.session->trak(0U)->rtp->ssrc, owner.session->trak(1)->rtp->ssrc);
 }
 
-TEST(RtspServer, DescribesTheRangeAndRefusesWithoutATitle) {
+TEST(RtspServer, DescribesTheRangeInSeconds) {
     rtsp_owner owner;
-    EXPECT_EQ(owner.session->send_sdp("a", nullptr, "c", 0, 0), 1);
-    EXPECT_TRUE(owner.sent.starts_with("RTSP/1.0 404 Not Found\r\n")) << owner.sent;
     owner.session->send_sdp("a", "b", "c", 1000000, 61999999);
     EXPECT_NE(owner.sent.find("s=a b c\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\na=recvonly\r\na=range:npt=0-60\r\n"),
               std::string::npos);
@@ -261,10 +208,10 @@ TEST(RtspServer, BoundsWhatAPeerMakesItHold) {
         EXPECT_EQ(rtsp_owner().ask("OPTIONS * RTSP/1.0\r\n" + cseq + "\r\n\r\n").find(cseq.substr(0, 10)),
                   size == 23 ? 17 : std::string::npos);
     }
-    rtsp_owner body;
+    rtsp_owner body;  // the longest one, and the longest packet
     body.feed("SET_PARAMETER * RTSP/1.0\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, '$') +
               std::string("$\0\xff\xff", 4) + std::string(65535, '\r') + options + "\r\n\r\n");
-    EXPECT_EQ(body.sent.find("RTSP/1.0 200 OK", 20), body.sent.rfind("RTSP/1.0 200 OK"));
+    EXPECT_EQ(body.sends, 2U);
     EXPECT_NE(body.sent.rfind("Public"), std::string::npos);
 
     rtsp_owner deaf;

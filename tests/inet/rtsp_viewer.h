@@ -22,31 +22,12 @@ inline void put(std::string& out, uint64_t value, int bytes) {
         out += static_cast<char>(value >> (8 * bytes));
 }
 
-class rtsp_viewer : public rtsp3::IRtsp {
+class rtsp_viewer : public rtsp_end {
 public:
-    std::function<void(rtsp3::event_t::enum_t)> before;
-    uint16_t port = 7000;  ///< UDP: of the first track, those of the others 10 apart; 0 for none to give
-    bool reading = true;   ///< false: the peer takes nothing
-    std::string events;    ///< numbers, each followed by a blank; rtsp_send left out
-    std::string asked;     ///< all that was sent but reports
+    std::string asked;  ///< all that was sent but reports
     std::vector<received_t> frames;
     std::vector<std::string> reports;  ///< receiver reports, without framing
 
-    rtsp_viewer() : session(rtsp3::Rtsp::create(CORE_HERE)) {
-        core_time_set_clock(fixed_clock);
-        if (session) session->set_handler(this);
-    }
-    virtual ~rtsp_viewer() {
-        rtsp3::Rtsp::destroy(session);
-        core_buf_free(&received);
-    }
-    rtsp_viewer(const rtsp_viewer&) = delete;
-    rtsp_viewer& operator=(const rtsp_viewer&) = delete;
-
-    void feed(std::string_view bytes) {
-        core_buf_read(&received, bytes.data(), static_cast<uint32_t>(bytes.size()));
-        session->process(&received);
-    }
     /// The answer to the last request.
     void answer(const std::string& status, const std::string& fields = "", const std::string& body = "") {
         const size_t at = asked.rfind("CSeq: ");
@@ -86,10 +67,13 @@ public:
 
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
         using rtsp3::event_t;
-        if (event != event_t::rtsp_send) events += std::to_string(event) + " ";
-        if (before) before(event);
-        if (event == event_t::rtsp_setup && port) rtsp->send_setup(nullptr, port + rtsp->trak()->channel * 5U);
-        if (event == event_t::rtsp_send && reading) take();
+        note(event);
+        if (event == event_t::rtsp_setup) rtsp->send_setup(nullptr, 7000U + rtsp->trak()->channel * 5U);
+        if (event == event_t::rtsp_send && reading) {
+            const std::string bytes = take_all();
+            if (bytes.starts_with('$')) reports.push_back(bytes.substr(4));
+            if (!bytes.starts_with('$')) asked += bytes;
+        }
         if (event == event_t::rtsp_rtcp) {
             const buf_t& packet = rtsp->rtp()->packet;
             reports.emplace_back(reinterpret_cast<char*>(packet.data), packet.length);
@@ -100,18 +84,6 @@ public:
                               f.complete != 0, f.time, rtsp->trak()->media_time, rtsp->trak()->ntp_time, f.rate,
                               f.channels});
         }
-    }
-
-    rtsp3::Rtsp* session;
-    buf_t received;
-
-private:
-    void take() {
-        buf_t* out = session->send_buffer();
-        const std::string bytes(reinterpret_cast<char*>(out->data), out->length);
-        if (bytes.starts_with('$')) reports.push_back(bytes.substr(4));
-        if (!bytes.starts_with('$')) asked += bytes;
-        core_buf_ignore(out, out->length);
     }
 };
 
