@@ -18,7 +18,7 @@ namespace {
 
 using media::claim_t;
 
-/// A service of a few lines: what begins with "ECHO" comes back.
+/// What begins with "ECHO" comes back.
 struct echo_client final : media::client, net::ITcp {
     echo_client(media::thread& on, net::Tcp* connection) : thread_(on), tcp_(connection) { tcp_->set_handler(this); }
     ~echo_client() override { net::Tcp::destroy(tcp_); }
@@ -89,10 +89,9 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
     auto* echo = core::create<echo_service>(CORE_HERE);
     echo->port_ = test::free_port();
     const uint16_t port = echo->port_;
-    media::failure_t why;
-    ASSERT_TRUE(station.add(media::rtsp_service({.port = port}), &why));
-    ASSERT_TRUE(station.add(echo, &why));
-    ASSERT_TRUE(station.start(&why)) << why.text;
+    ASSERT_TRUE(station.add(media::rtsp_service({.port = port})));
+    ASSERT_TRUE(station.add(echo));
+    ASSERT_TRUE(station.start());
     const std::string much(5000, 'x');
     for (int round = 0; round < 3; ++round) {
         EXPECT_EQ(answer(port, {"ECHO one"}), "ECHO one");
@@ -105,23 +104,21 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
         EXPECT_EQ(answer(port, {much}), "closed");
     }
     station.stop();
-    ASSERT_TRUE(station.start(&why)) << why.text;
+    ASSERT_TRUE(station.start());
     EXPECT_EQ(answer(port, {"ECHO again"}), "ECHO again");
 }
 
 TEST(Station, TakenPortAndNameAreTold) {
     media::station first;
-    media::failure_t why;
-    ASSERT_TRUE(first.add(media::rtsp_service({.port = 0}), &why));
     auto* named = media::rtsp_service({.port = 0});
-    ASSERT_TRUE(first.add(named, &why));
-    ASSERT_TRUE(first.start(&why));
+    ASSERT_TRUE(first.add(media::rtsp_service({.port = 0})) && first.add(named) && first.start());
     media::station second;
-    ASSERT_TRUE(second.add(media::rtsp_service({.port = named->port()}), &why));
+    ASSERT_TRUE(second.add(media::rtsp_service({.port = named->port()})));
+    media::failure_t why;
     EXPECT_FALSE(second.start(&why));
     EXPECT_EQ(why.text, "cannot listen on 127.0.0.1:" + std::to_string(named->port()));
     ASSERT_TRUE(first.add_stream("live"));
-    EXPECT_FALSE(first.add_stream("live", {}, &why));
+    EXPECT_FALSE(first.add_stream("live"));
 }
 
 /// Counts the frames of a stream on a thread.
@@ -131,8 +128,7 @@ struct follower final : media::reader {
         if (entry.number != next++) ++missed;
         if (next == wanted) all.set();
     }
-    uint64_t next = 0;
-    uint64_t wanted = 0;
+    uint64_t next = 0, wanted = 2000;
     std::atomic<int> missed = 0;
     test::event all;
 };
@@ -154,10 +150,8 @@ void run_on_thread(media::station& station, std::function<void(media::thread&)> 
 TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     media::station station;
     media::stream* const stream = station.add_stream("live");
-    ASSERT_TRUE(station.add(media::rtsp_service({.port = 0})));
     ASSERT_TRUE(station.start());
     follower by;
-    by.wanted = 2000;
     run_on_thread(station, [&](media::thread& on) { on.follow(*stream, by); });
     std::atomic<uint64_t> pushed = 0;
     const auto push = [&] {
@@ -185,19 +179,16 @@ TEST(Station, WorkRunsOffTheLoopAndIsDoneOnItsThread) {
         net::nt_ctx* nt;
         std::string steps;
         test::event done;
+        void step() { steps += net::net_nt_need_invoke(nt) ? "off " : "on "; }
     } common{station.thread_at(0).nt(), "", {}};
-    const auto work = [](void* arg) {
-        auto* in = static_cast<context*>(arg);
-        in->steps += net::net_nt_need_invoke(in->nt) ? "off " : "on ";
-    };
+    const auto work = [](void* arg) { static_cast<context*>(arg)->step(); };
     const auto done = [](media::thread&, void* arg) {
-        auto* in = static_cast<context*>(arg);
-        in->steps += net::net_nt_need_invoke(in->nt) ? "off" : "on";
-        in->done.set();
+        static_cast<context*>(arg)->step();
+        static_cast<context*>(arg)->done.set();
     };
     ASSERT_TRUE(station.run(work, done, &common, station.thread_at(0)));
     EXPECT_TRUE(common.done.wait());
-    EXPECT_EQ(common.steps, "off on");
+    EXPECT_EQ(common.steps, "off on ");
 }
 
 }  // namespace
