@@ -4,14 +4,8 @@
 
 #include "avc/access_units.h"
 #include "common/h264.h"
-#include "core/memory.h"
-
-#include <algorithm>
-#include <vector>
 
 namespace {
-
-using fuzz::require;
 using bytes_t = std::vector<uint8_t>;
 
 struct units_t {

@@ -1,13 +1,7 @@
 // Detector reports turned into metadata documents.
 #include "fuzz.h"
 
-#include "core/owned.h"
 #include "inet/net_analytics.h"
-
-#include <cstring>
-#include <string_view>
-
-using fuzz::require;
 
 void fuzz_target(std::span<const uint8_t> input) {
     if (input.size() < sizeof(uint64_t)) return;

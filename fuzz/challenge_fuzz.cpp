@@ -1,11 +1,8 @@
 // Authentication: challenges that a server sends to a client, answers that a client sends to a server.
 #include "fuzz.h"
-#include "support/held.h"
 
-#include "core/owned.h"
 #include "inet/net_http_auth.h"
 
-using fuzz::require;
 using owned_answer = test::held<authenticate_ctx, net_http_authenticate_free>;
 
 namespace {

@@ -5,8 +5,6 @@
 #include "avc/mp4.h"
 #include "common/h264.h"
 
-using fuzz::require;
-
 namespace {
 
 void split(std::span<const uint8_t> stream) {

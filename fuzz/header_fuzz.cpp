@@ -1,14 +1,8 @@
 // Heads of HTTP, RTSP and SIP messages: found, read by both parsers, printed and read again.
 #include "fuzz.h"
-#include "support/held.h"
 
-#include "core/owned.h"
 #include "inet/net_http_header.h"
 
-#include <cstring>
-#include <vector>
-
-using fuzz::require;
 using net::http::header_s;
 using owned_header = test::held<header_s, http_header_free>;
 

@@ -3,10 +3,6 @@
 
 #include "avc/jpeg.h"
 
-#include <algorithm>
-
-using fuzz::require;
-
 namespace {
 
 /// The fields in the order of RFC 2435, 3.1, but wider than it has them: type, width and height, restart interval,

@@ -3,12 +3,6 @@
 #include "fuzz.h"
 
 #include "core/json_print.h"
-#include "core/memory.h"
-
-#include <cstdint>
-#include <string>
-
-using fuzz::require;
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);

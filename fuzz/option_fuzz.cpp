@@ -4,14 +4,7 @@
 #include "support/scratch.h"
 
 #include "core/file.h"
-#include "core/memory.h"
 #include "core/option.h"
-#include "core/owned.h"
-
-#include <cstdint>
-#include <string>
-
-using fuzz::require;
 
 namespace {
 

@@ -5,12 +5,8 @@
 #include "replay_targets.h"
 #include "support/files.h"
 
-#include "core/memory.h"
-
 #include <csignal>
 #include <cstdio>
-#include <string_view>
-#include <vector>
 
 namespace {
 

@@ -7,11 +7,7 @@
 #include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
-#include <vector>
-
 namespace {
-
-using fuzz::require;
 
 uint32_t be16(const uint8_t* at) { return uint32_t{at[0]} << 8 | at[1]; }
 uint32_t be32(const uint8_t* at) { return be16(at) << 16 | be16(at + 2); }

@@ -7,15 +7,11 @@
 #include "inet/rtp_protocol.h"
 #include "inet/rtp_reorder.h"
 
-#include <algorithm>
 #include <memory>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 namespace {
-
-using fuzz::require;
 
 constexpr std::tuple<uint8_t, uint32_t, double> formats[] = {
     {0, av::fcc_pcmu, 8000},    {2, av::fcc_g726, 8000},    {8, av::fcc_pcma, 8000},

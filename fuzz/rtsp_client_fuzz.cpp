@@ -6,11 +6,7 @@
 
 #include "inet/rtsp_viewer.h"
 
-#include <numeric>
-
 namespace {
-
-using fuzz::require;
 
 using rtsp3::event_t;
 using rtsp3::protocol_t;
@@ -20,7 +16,6 @@ constexpr uint32_t most_waiting = (64 + 16) * 1024;
 
 class viewer final : public test::rtsp_viewer {
 public:
-    /// @param ends_at  the event from inside which the session is closed, or, if even, its tracks go; 0 for none
     explicit viewer(uint8_t mode, size_t ends_at = 0)
         : ends_at_(ends_at), tunnelled_(mode & 0x80), takes_datagrams_(mode & 0x20) {
         if (!session) return;
@@ -95,12 +90,10 @@ void fuzz_target(std::span<const uint8_t> input) {
     if (input.empty()) return;
     const uint8_t mode = input[0];
     const std::string dialog = fuzz::text_of(input.subspan(1));
-    const size_t piece = 1 + (mode & 0x0fU) * (mode & 0x0fU) * 8;
-    const size_t sum = std::accumulate(input.begin(), input.end(), size_t{0});
-    const bool in_one_piece = piece >= dialog.size();
+    const fuzz::cuts_t cuts(input, 1 + (mode & 0x0fU) * (mode & 0x0fU) * 8);
     viewer cut(mode);
-    cut.watch(dialog, piece, in_one_piece ? piece : 1 + sum % piece);
-    viewer other(mode, in_one_piece ? 1 + sum % 64 : 0);
+    cut.watch(dialog, cuts.piece, cuts.first);
+    viewer other(mode, cuts.ends_at);
     other.watch(dialog, dialog.size(), dialog.size());
-    require(in_one_piece || fuzz::starved || cut.story() == other.story());
+    require(cuts.in_one_piece || fuzz::starved || cut.story() == other.story());
 }

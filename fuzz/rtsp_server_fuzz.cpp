@@ -12,15 +12,12 @@
 
 namespace {
 
-using fuzz::require;
-
 using rtsp3::event_t;
 
 constexpr uint32_t most_waiting = (64 + 64 + 256 + 16) * 1024;  // replies and the longest one, the limit, a frame
 
 class camera final : public test::rtsp_owner {
 public:
-    /// @param ends_at  the event from inside which the session is closed, or, if even, its tracks go; 0 for none
     camera(uint8_t mode, std::string_view dialog, size_t ends_at = 0)
         : dialog_(dialog), ends_at_(ends_at), gated_(mode & 0x80) {
         require(session || fuzz::starved);
@@ -83,14 +80,12 @@ void fuzz_target(std::span<const uint8_t> input) {
     if (input.empty()) return;
     const uint8_t mode = input[0];
     const std::string dialog = fuzz::text_of(input.subspan(1));
-    const size_t piece = 1 + (mode & 0x1fU) * (mode & 0x1fU);
-    const size_t sum = std::accumulate(input.begin(), input.end(), size_t{0});
-    const bool in_one_piece = piece >= dialog.size();
+    const fuzz::cuts_t cuts(input, 1 + (mode & 0x1fU) * (mode & 0x1fU));
     camera cut(mode, dialog);
-    cut.serve(piece, in_one_piece ? piece : 1 + sum % piece);
-    camera other(mode, dialog, in_one_piece ? 1 + sum % 64 : 0);
+    cut.serve(cuts.piece, cuts.first);
+    camera other(mode, dialog, cuts.ends_at);
     other.serve(dialog.size(), dialog.size());
     const bool comparable =
-        !in_one_piece && !(mode & 0x20) && mode & 0x40 && !fuzz::starved && !cut.guessed() && !other.guessed();
+        !cuts.in_one_piece && !(mode & 0x20) && mode & 0x40 && !fuzz::starved && !cut.guessed() && !other.guessed();
     require(!comparable || cut.told() == other.told());
 }

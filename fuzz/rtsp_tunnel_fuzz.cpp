@@ -4,15 +4,9 @@
 #include "rtsp/tunnel.h"
 
 #include "common/digest.h"
-#include "core/owned.h"
 #include "inet/rtsp_owner.h"
 
-#include <algorithm>
-#include <cstring>
-
 namespace {
-
-using fuzz::require;
 
 constexpr size_t most_input = 32 * 1024;  // what a POST connection may hold before its GET is there
 
@@ -81,11 +75,9 @@ void fuzz_target(std::span<const uint8_t> input) {
     const decoded_t back(encoded, piece);
     require(fuzz::starved || (back.result == 1 && std::ranges::equal(back.content(), input)));
 
-    const auto as_text = [](std::span<const uint8_t> bytes) {
-        return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    };
+    const std::string requests = fuzz::text_of(input);
     owner plain;
-    if (plain.session) plain.feed(as_text(input));
+    if (plain.session) plain.feed(requests);
     serve(text.get(), piece, &plain);
-    serve(as_text(input), piece, nullptr);
+    serve(requests, piece, nullptr);
 }

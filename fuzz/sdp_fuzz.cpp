@@ -1,14 +1,8 @@
 // Session descriptions by both faces, and the texts in them that set up a decoder.
 #include "fuzz.h"
-#include "support/held.h"
 
 #include "core/array.h"
 #include "inet/net_sdp.h"
-
-#include <algorithm>
-#include <cstring>
-
-using fuzz::require;
 
 namespace {
 

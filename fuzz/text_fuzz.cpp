@@ -2,21 +2,10 @@
 // separators, its last byte the pair separator.
 #include "fuzz.h"
 
-#include "core/memory.h"
-#include "core/owned.h"
 #include "core/template.h"
-#include "core/text.h"
 #include "core/value.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <string_view>
-
 namespace {
-
-using fuzz::require;
 
 bool is_trimmed(std::string_view text) {
     return text.find_first_not_of(" \t") == 0 && text.find_last_not_of(" \t") == text.size() - 1;
@@ -56,13 +45,7 @@ void widen(const char* text) {
     const core::owned_text twice(core_utf8(wide_again.get(), CORE_HERE));
     if (fuzz::starved) return;
     require(std::strcmp(once.get(), twice.get()) == 0);
-    for (size_t at = 0, left = std::strlen(once.get()); left > 0;) {
-        uint32_t code = 0;
-        const size_t used = utf8_decode(once.get() + at, left, &code);
-        require(used != 0);
-        at += used;
-        left -= used;
-    }
+    fuzz::require_utf8(once.get());
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 // The RTSP fields Transport and RTP-Info.
 #include "fuzz.h"
-#include "support/held.h"
 
 #include "core/array.h"
 #include "inet/net_sdp.h"
-
-using fuzz::require;
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);

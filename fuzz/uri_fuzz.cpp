@@ -1,13 +1,7 @@
 // URIs, their paths, query arguments and percent-coding.
 #include "fuzz.h"
 
-#include "core/memory.h"
-#include "core/owned.h"
 #include "inet/net_uri.h"
-
-#include <cstring>
-
-using fuzz::require;
 
 namespace {
 

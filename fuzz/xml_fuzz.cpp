@@ -3,29 +3,12 @@
 #include "fuzz.h"
 
 #include "common/xml.h"
-#include "core/memory.h"
-#include "core/text.h"
-
-#include <algorithm>
-#include <cstring>
-#include <string_view>
-
-using fuzz::require;
 
 namespace {
 
-void require_utf8(std::string_view text) {
-    while (!text.empty()) {
-        uint32_t code = 0;
-        const size_t size = utf8_decode(text.data(), text.size(), &code);
-        require(size > 0);
-        text.remove_prefix(size);
-    }
-}
-
 /// A text in which every character that could mean something is a reference.
 std::string escaped(std::string_view text) {
-    require_utf8(text);
+    fuzz::require_utf8(text);
     std::string out;
     for (const char c : text)
         out += (c & 0x80) || (c >= '0' && c <= '9') || (c >= '@' && c <= 'Z') ? std::string(1, c)
@@ -40,7 +23,7 @@ std::string content_of(node* n) {
     const std::string_view whole(text ? text : "", static_cast<size_t>(length));
     char cut[6];
     for (int size = 1; size <= 6 && text; ++size) {
-        require_utf8(roxml_get_content(n, cut, size, &length));
+        fuzz::require_utf8(roxml_get_content(n, cut, size, &length));
         require(whole.starts_with(cut) && std::strlen(cut) == static_cast<size_t>(length));
         require(length + 4 >= std::min(size, static_cast<int>(whole.size()) + 4));
     }
@@ -50,7 +33,7 @@ std::string content_of(node* n) {
 std::string print(node* n) {
     const std::string name = roxml_get_name(n, nullptr, 0);
     require(!name.empty());
-    require_utf8(name);
+    fuzz::require_utf8(name);
     std::string out = '<' + name + " xmlns='" + content_of(roxml_get_ns(n)) + "'>" + content_of(n);
     node* next = roxml_get_chld(n, nullptr, 0);
     for (int i = 0; i < roxml_get_chld_nb(n); ++i, next = roxml_get_next_sibling(next)) {

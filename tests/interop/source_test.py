@@ -16,9 +16,7 @@ PIPE = ("bash", "-c", 'exec "$@" < <(ffmpeg -nostdin -loglevel quiet -re -t 5 -i
 class Connections(Relay):
     """Passes everything on, and counts who is connected."""
 
-    def __init__(self, url):
-        super().__init__(url, 0.0)
-        self.accepted = self.open = 0
+    accepted = open = 0
 
     def talk(self, viewer):
         self.accepted += 1
@@ -44,8 +42,7 @@ class Fetched(ViewerCase, CameraCase):
             with self.subTest(way):
                 self.assertEqual(messages, "")
                 self.assertEqual({name: track["lost"] for name, track in tracks.items()},
-                                 {"H264": "0", "PCMU": "0", "META": "0"})
-                self.assertEqual(tracks["H264"]["frames"], "100")
+                                 dict.fromkeys(("H264", "PCMU", "META"), "0"))
                 self.check_pictures(f"{way}.h264", 100)
                 with open(self.path(f"{way}.wav"), "rb") as sound:
                     self.assertIn(sound.read()[58:], clip_sound() * 2)
@@ -57,31 +54,28 @@ class Fetched(ViewerCase, CameraCase):
 
 class Several(ViewerCase, CameraCase):
     def test_each_has_a_path_and_jpeg_stays_as_it_is(self):
-        named = (f"door={self.camera.url()}", f"yard={self.camera.url('jpeg')}")
-        with Camera("--source", named[0], "--source", named[1]) as second:
-            self.assertEqual(set(second.urls), {"door", "yard"})
+        door, yard = f"door={self.camera.url()}", f"yard={self.camera.url('jpeg')}"
+        with Camera("--source", door, "--source", yard) as second:
             self.view(second.url("door"), "--duration", "1", "-o", "a.h264")
             self.view(second.url("yard"), "--duration", "2", "-o", "a.jpg")
         self.check_pictures("a.h264", 25)
         seen = picture_hashes("-i", self.path("a_%05d.jpg"))
-        self.assertEqual(len(seen), 10)
         self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip_%02d.jpg"))))
 
     def test_on_demand_is_fetched_only_while_somebody_watches(self):
-        with Connections(self.camera.url()) as between:
-            with Camera("--source", between.url, "--on-demand") as second:
-                with Player(second.url()) as player:
-                    player.request("OPTIONS")
-                self.assertEqual(between.accepted, 0)
-                for accepted in (1, 2):
-                    name = f"{accepted}.h264"
-                    self.view(second.url(), "--duration", "2", "-o", name)
-                    self.assertEqual((between.accepted, between.open), (accepted, 1))
-                    self.check_pictures(name, 50)
-                    deadline = time.monotonic() + 30
-                    while between.open:
-                        self.assertLess(time.monotonic(), deadline, "still fetched")
-                        time.sleep(0.05)
+        with Connections(self.camera.url(), 0.0) as between, \
+                Camera("--source", between.url, "--on-demand") as second:
+            with Player(second.url()) as player:
+                player.request("OPTIONS")
+            self.assertEqual(between.accepted, 0)
+            for accepted in (1, 2):
+                self.view(second.url(), "--duration", "2", "-o", "b.h264")
+                self.assertEqual((between.accepted, between.open), (accepted, 1))
+                self.check_pictures("b.h264", 50)
+                deadline = time.monotonic() + 30
+                while between.open:
+                    self.assertLess(time.monotonic(), deadline, "still fetched")
+                    time.sleep(0.05)
 
 
 class Returning(ViewerCase):
@@ -97,7 +91,6 @@ class Returning(ViewerCase):
         self.assertEqual(messages, "")
         self.assertIn("live: 127.0.0.1 closed the connection, trying again", told)
         self.assertIn("live: is there again", told)
-        self.assertLessEqual(set(nal_units(self.path("a.h264"))), set(self.clip))
         seen = picture_hashes("-i", self.path("a.h264"))
         self.assertGreater(len(seen), 60)
         self.assertLessEqual(set(seen), set(picture_hashes("-i", clip_file("clip.h264"))))
@@ -106,11 +99,9 @@ class Returning(ViewerCase):
 class Pipe(ViewerCase):
     def test_an_encoder_writes_into_a_pipe(self):
         with Camera("--source", "-", prefix=PIPE) as camera:
-            viewer = self.start(camera.url(), "--stats", "-o", "a.h264")
-            tracks, messages = self.end(viewer, LOST)
+            _, messages = self.view(camera.url(), "-o", "a.h264", status=LOST)
             camera.process.wait(timeout=10)  # the pipe has ended, and everybody has seen it
         self.assertIn("closed the connection", messages)
         units = nal_units(self.path("a.h264"))
         self.assertGreater(len(units), 115)
         self.assertEqual(units, self.clip[:len(units)])
-        self.assertAlmostEqual(float(tracks["H264"]["seconds"]), 5, delta=1.5)

@@ -8,20 +8,20 @@
 #include "media/rtsp_service.h"
 
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
 using media::claim_t;
 
-/// A service of a few lines: what begins with "ECHO" comes back.
-class echo_client final : public media::client, public net::ITcp {
-public:
+/// What begins with "ECHO" comes back.
+struct echo_client final : media::client, net::ITcp {
     echo_client(media::thread& on, net::Tcp* connection) : thread_(on), tcp_(connection) { tcp_->set_handler(this); }
     ~echo_client() override { net::Tcp::destroy(tcp_); }
-    void begin() { tcp_->show_received(); }
 
     uint64_t serve(uint64_t) noexcept override { return 0; }
     void second() noexcept override {}
@@ -33,7 +33,6 @@ public:
     bool idle() const noexcept override { return true; }
     bool watching() const noexcept override { return false; }
 
-private:
     void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override {
         tcp->send({received->data, received->length});
         core_buf_ignore(received, received->length);
@@ -45,8 +44,7 @@ private:
     bool finished_ = false;
 };
 
-class echo_service final : public media::service {
-public:
+struct echo_service final : media::service {
     uint16_t port() const noexcept override { return port_; }
     void set_port(uint16_t port) noexcept override { port_ = port; }
     claim_t claims(buffer_t first) const noexcept override {
@@ -63,7 +61,7 @@ public:
         auto* made = core::create<echo_client>(CORE_HERE, on, from);
         if (!made) return nullptr;
         from = nullptr;
-        made->begin();
+        made->tcp_->show_received();
         return made;
     }
     void addresses(const media::stream&, const char*, void (*)(void*, const char*), void*) const noexcept override {}
@@ -91,10 +89,9 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
     auto* echo = core::create<echo_service>(CORE_HERE);
     echo->port_ = test::free_port();
     const uint16_t port = echo->port_;
-    media::failure_t why;
-    ASSERT_TRUE(station.add(media::rtsp_service({.port = port}), &why));
-    ASSERT_TRUE(station.add(echo, &why));
-    ASSERT_TRUE(station.start(&why)) << why.text;
+    ASSERT_TRUE(station.add(media::rtsp_service({.port = port})));
+    ASSERT_TRUE(station.add(echo));
+    ASSERT_TRUE(station.start());
     const std::string much(5000, 'x');
     for (int round = 0; round < 3; ++round) {
         EXPECT_EQ(answer(port, {"ECHO one"}), "ECHO one");
@@ -106,24 +103,14 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
         EXPECT_EQ(answer(port, {"EC", much}), "closed");
         EXPECT_EQ(answer(port, {much}), "closed");
     }
-    station.stop();
-    ASSERT_TRUE(station.start(&why)) << why.text;
-    EXPECT_EQ(answer(port, {"ECHO again"}), "ECHO again");
-}
-
-TEST(Station, TakenPortAndNameAreTold) {
-    media::station first;
+    media::station late;
+    ASSERT_TRUE(late.add(media::rtsp_service({.port = port})));
     media::failure_t why;
-    ASSERT_TRUE(first.add(media::rtsp_service({.port = 0}), &why));
-    auto* named = media::rtsp_service({.port = 0});
-    ASSERT_TRUE(first.add(named, &why));
-    ASSERT_TRUE(first.start(&why));
-    media::station second;
-    ASSERT_TRUE(second.add(media::rtsp_service({.port = named->port()}), &why));
-    EXPECT_FALSE(second.start(&why));
-    EXPECT_EQ(why.text, "cannot listen on 127.0.0.1:" + std::to_string(named->port()));
-    ASSERT_TRUE(first.add_stream("live"));
-    EXPECT_FALSE(first.add_stream("live", {}, &why));
+    EXPECT_FALSE(late.start(&why));
+    EXPECT_EQ(why.text, "cannot listen on 127.0.0.1:" + std::to_string(port));
+    station.stop();
+    ASSERT_TRUE(station.start());
+    EXPECT_EQ(answer(port, {"ECHO again"}), "ECHO again");
 }
 
 /// Counts the frames of a stream on a thread.
@@ -132,86 +119,69 @@ struct follower final : media::reader {
         if (what != media::read_t::frame) return;
         if (entry.number != next++) ++missed;
         if (next == wanted) all.set();
-        // What is pushed while the thread reads is read, too.
-        if (entry.number % 10 == 0 && next < wanted) more.set();
     }
-    uint64_t next = 0;
-    uint64_t wanted = 0;
+    uint64_t next = 0, wanted = 2000;
     std::atomic<int> missed = 0;
-    test::event more;
     test::event all;
 };
+
+/// Runs a function on the first thread of a station and waits for its end.
+void run_on_thread(media::station& station, std::function<void(media::thread&)> run) {
+    struct call_t {
+        std::function<void(media::thread&)> run;
+        test::event done;
+    } call{std::move(run), {}};
+    const auto body = [](media::thread& on, void* arg) {
+        static_cast<call_t*>(arg)->run(on);
+        static_cast<call_t*>(arg)->done.set();
+    };
+    ASSERT_TRUE(station.thread_at(0).call(body, &call));
+    EXPECT_TRUE(call.done.wait());
+}
 
 TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     media::station station;
     media::stream* const stream = station.add_stream("live");
-    ASSERT_TRUE(station.add(media::rtsp_service({.port = 0})));
+    EXPECT_FALSE(station.add_stream("live"));
     ASSERT_TRUE(station.start());
-    constexpr uint64_t frames = 2000;
-    struct context {
-        media::stream* of;
-        follower by;
-        test::event followed;
-        test::event left;
-    } common{stream, {}, {}, {}};
-    common.by.wanted = frames;
-    const auto follow = [](media::thread& on, void* arg) {
-        auto* in = static_cast<context*>(arg);
-        on.follow(*in->of, in->by);
-        in->followed.set();
+    follower by;
+    run_on_thread(station, [&](media::thread& on) { on.follow(*stream, by); });
+    std::atomic<uint64_t> pushed = 0;
+    const auto push = [&] {
+        constexpr uint8_t sound[4] = {};
+        av::frame_t frame{};
+        frame.fcc = av::fcc_pcmu;
+        frame.data = sound;
+        frame.size = sizeof sound;
+        frame.key = 1;
+        while (pushed++ < by.wanted) {
+            frame.time = pushed;
+            EXPECT_EQ(stream->push(frame), 1);
+        }
     };
-    ASSERT_TRUE(station.thread_at(0).call(follow, &common));
-    ASSERT_TRUE(common.followed.wait());
-    {
-        std::atomic<uint64_t> pushed = 0;
-        const auto push = [&] {
-            constexpr uint8_t sound[4] = {};
-            av::frame_t frame{};
-            frame.fcc = av::fcc_pcmu;
-            frame.data = sound;
-            frame.size = sizeof sound;
-            frame.key = 1;
-            while (pushed++ < frames) {
-                frame.time = pushed;
-                EXPECT_EQ(stream->push(frame), 1);
-            }
-        };
-        const test::side_thread a(push), b(push);
-        EXPECT_TRUE(common.by.all.wait());
-    }
-    EXPECT_EQ(common.by.missed, 0);
-    const auto leave = [](media::thread& on, void* arg) {
-        auto* in = static_cast<context*>(arg);
-        on.unfollow(*in->of, in->by);
-        in->left.set();
-    };
-    ASSERT_TRUE(station.thread_at(0).call(leave, &common));
-    EXPECT_TRUE(common.left.wait());
+    test::on_four_threads(push);
+    EXPECT_TRUE(by.all.wait());
+    EXPECT_EQ(by.missed, 0);
+    run_on_thread(station, [&](media::thread& on) { on.unfollow(*stream, by); });
 }
 
 TEST(Station, WorkRunsOffTheLoopAndIsDoneOnItsThread) {
     media::station station;
     ASSERT_TRUE(station.start());
     struct context {
-        media::station* of;
-        int on_loop = -1;
-        int steps = 0;
+        net::nt_ctx* nt;
+        std::string steps;
         test::event done;
-    } common{&station, -1, 0, {}};
-    const auto work = [](void* arg) {
-        auto* in = static_cast<context*>(arg);
-        in->on_loop = !net::net_nt_need_invoke(in->of->thread_at(0).nt());
-        ++in->steps;
-    };
-    const auto done = [](media::thread& on, void* arg) {
-        auto* in = static_cast<context*>(arg);
-        in->steps += net::net_nt_need_invoke(on.nt()) ? 10 : 1;
-        in->done.set();
+        void step() { steps += net::net_nt_need_invoke(nt) ? "off " : "on "; }
+    } common{station.thread_at(0).nt(), "", {}};
+    const auto work = [](void* arg) { static_cast<context*>(arg)->step(); };
+    const auto done = [](media::thread&, void* arg) {
+        static_cast<context*>(arg)->step();
+        static_cast<context*>(arg)->done.set();
     };
     ASSERT_TRUE(station.run(work, done, &common, station.thread_at(0)));
     EXPECT_TRUE(common.done.wait());
-    EXPECT_EQ(common.on_loop, 0);
-    EXPECT_EQ(common.steps, 2);
+    EXPECT_EQ(common.steps, "off on ");
 }
 
 }  // namespace
