@@ -33,7 +33,7 @@ public:
             size_t taken = std::min(next, dialog.size());
             if (takes_datagrams_ && dialog[0] == '$' && dialog.size() > 4) {
                 const auto at = [&](size_t i) { return static_cast<uint8_t>(dialog[i]); };
-                taken = std::min<size_t>(4U + (at(2) << 8U | at(3)), dialog.size());
+                taken = std::min(size_t{4} + (size_t{at(2)} << 8U | at(3)), dialog.size());
                 rtp(at(1), std::string(dialog.substr(4, taken - 4)));
             } else {
                 if (takes_datagrams_) taken = std::min(dialog.find('$', 1), taken);

@@ -192,7 +192,7 @@ void client_t::answer_play(uint64_t now) noexcept {
 
 void client_t::tell_play(uint64_t first) noexcept {
     for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
-        if (!trak->shared) continue;
+        if (!trak->shared || !shared_) continue;
         shared_traks_[i].seq = shared_->next_seq(static_cast<size_t>(shared_->index_of(trak->fcc)));
         if (shared_->next_time()) first = shared_->next_time();
     }
