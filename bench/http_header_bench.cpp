@@ -14,7 +14,7 @@ constexpr std::string_view request =
     "DESCRIBE rtsp://127.0.0.1:8554/live RTSP/1.0\r\n"
     "Accept: application/sdp\r\n"
     "CSeq: 2\r\n"
-    "User-Agent: Lavf59.27.100\r\n"
+    "User-Agent: a player/59.27.100\r\n"
     "\r\n";
 constexpr std::string_view reply =
     "RTSP/1.0 200 OK\r\n"
