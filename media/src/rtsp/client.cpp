@@ -57,7 +57,6 @@ void client_t::finish() noexcept {
     if (finished_) return;
     finished_ = true;
     if (live_) live_->remove(*this);
-    is_live_ = false;
     owner_.on().sweep();
     if (partner_) partner_->finish();
 }
@@ -164,7 +163,6 @@ uint64_t client_t::come_up(uint64_t now) noexcept {
 bool client_t::go_live() noexcept {
     if (!live_ || approach_.position() < owner_.on().position(*stream_)) return false;
     if (!live_->add(*this, approach_.position())) return false;
-    is_live_ = true;
     approach_.end();
     return true;
 }
@@ -174,7 +172,6 @@ void client_t::stop_playing() noexcept {
     playing_since_ = 0;
     approach_.end();
     if (live_) live_->remove(*this);
-    is_live_ = false;
     owner_.leave(live_);
 }
 

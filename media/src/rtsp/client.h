@@ -92,7 +92,6 @@ private:
     cursor wanting_;              ///< counts as a reader while nothing else does
     approach approach_;
     live* live_ = nullptr;
-    bool is_live_ = false;
     whole_pictures pictures_;
 
     group* shared_ = nullptr;                         ///< of the stream, with multicast
