@@ -13,8 +13,6 @@ namespace media::rtsp {
 
 namespace {
 
-constexpr uint32_t longest_report = 1500;
-constexpr int reports_at_once = 64;
 constexpr uint64_t soon = 10'000;  // microseconds
 
 struct session_destroy {
@@ -131,13 +129,10 @@ void group::hear_reports(size_t track) noexcept {
 void group::on_report(void* arg, uint32_t) noexcept {
     constexpr uint8_t receiver_report = 201;  // RFC 3550, 6.4.2
     const auto* port = static_cast<report_port*>(arg);
-    uint8_t bytes[longest_report];
-    buf_t report{bytes, sizeof bytes, 0};
-    sockaddr_in from{};
-    for (int i = 0; i < reports_at_once && net_udp_recv(port->fd, report, &from) >= 0; ++i) {
-        if (report.length >= 8 && bytes[0] >> 6 == 2 && bytes[1] == receiver_report)
+    take_reports(port->fd, [&](const sockaddr_in& from, buffer_t report) {
+        if (report.size >= 8 && report.data[0] >> 6 == 2 && report.data[1] == receiver_report)
             ++port->of->reports_[place_of(from.sin_addr)];
-    }
+    });
 }
 
 void group::add_player() noexcept {

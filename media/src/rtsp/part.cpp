@@ -10,13 +10,6 @@
 
 namespace media::rtsp {
 
-namespace {
-
-constexpr uint32_t longest_report = 1500;
-constexpr int reports_at_once = 64;
-
-}  // namespace
-
 bool live::begin() noexcept {
     following_ = owner_.on().follow(stream_, *this) != 0;
     return following_;
@@ -115,15 +108,11 @@ uint16_t part_t::udp_port() noexcept {
 // A report keeps the session of the player alive that it comes from.
 void part_t::on_report(void* arg, uint32_t) noexcept {
     auto* self = static_cast<part_t*>(arg);
-    uint8_t bytes[longest_report];
-    buf_t report{bytes, sizeof bytes, 0};
-    sockaddr_in from{};
-    for (int i = 0; i < reports_at_once && net_udp_recv(self->rtcp_fd_, report, &from) >= 0; ++i) {
-        const buffer_t bytes_of_it{report.data, report.length};
+    take_reports(self->rtcp_fd_, [&](const sockaddr_in& from, buffer_t report) {
         for (client_t* each : self->clients_) {
-            if (each->take_report(from, bytes_of_it)) break;
+            if (each->take_report(from, report)) break;
         }
-    }
+    });
 }
 
 bool part_t::enter(client_t& one) noexcept {

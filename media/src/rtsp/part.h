@@ -5,6 +5,7 @@
 
 #include "core/memory.h"
 #include "inet/net_datagrams.h"
+#include "inet/net_socket.h"
 #include "inet/rtp_packets.h"
 
 #include <array>
@@ -13,6 +14,17 @@ namespace media::rtsp {
 
 class client_t;
 class part_t;
+
+/// Calls `take` for the datagrams that wait on a socket for reports: some at a time, then others get their turn.
+template <class Take>
+void take_reports(int fd, Take take) noexcept {
+    constexpr int most_at_once = 64;
+    uint8_t bytes[1500];
+    buf_t report{bytes, sizeof bytes, 0};
+    sockaddr_in from{};
+    for (int i = 0; i < most_at_once && net_udp_recv(fd, report, &from) >= 0; ++i)
+        take(from, buffer_t{report.data, report.length});
+}
 
 /// The players of a thread that have come up to the present of one stream: each frame is cut once for all of them.
 class live final : public reader {
