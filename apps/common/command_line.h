@@ -1,9 +1,12 @@
 // A command line read by a table of options, and its help text.
 #pragma once
 
+#include "media/watcher.h"
+
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string>
@@ -28,6 +31,17 @@ bool take_number(T& out, std::string_view text, unsigned lowest, unsigned highes
     if (error != std::errc() || end != text.data() + text.size() || number < lowest || number > highest) return false;
     out = static_cast<T>(number);
     return true;
+}
+
+/// How the media of a source travels, by its name.
+inline bool take_transport(media::transport_t& out, std::string_view text) {
+    constexpr std::string_view names[] = {"tcp", "udp", "multicast", "http"};
+    for (size_t i = 0; i < std::size(names); ++i) {
+        if (text != names[i]) continue;
+        out = static_cast<media::transport_t>(i);
+        return true;
+    }
+    return false;
 }
 
 template <class Options>

@@ -1,7 +1,6 @@
 #include "options.h"
 
 #include "command_line.h"
-#include "transport.h"
 #include "writer.h"
 
 #include <algorithm>

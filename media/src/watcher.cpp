@@ -4,7 +4,6 @@
 #include "media/watcher.h"
 
 #include "watcher/address.h"
-#include "watcher/name_lookup.h"
 #include "watcher/rtsp.h"
 
 #include "core/thread.h"

@@ -1,9 +1,10 @@
-// Where a source is, by its URL.
+// Where a source is: its URL, and the address of its host, looked up without keeping a network thread waiting.
 #pragma once
 
 #include "core/owned.h"
 
 #include <cstdint>
+#include <memory>
 
 namespace media::fetch {
 
@@ -15,6 +16,25 @@ struct address_t {
     /// @param user, password  instead of those in the URL; null for them
     /// @return false for what cannot be fetched, or when memory is out
     bool set(const char* url, const char* user, const char* password) noexcept;
+};
+
+/// The look-up runs on a thread of its own. When nobody is interested any more that thread is left behind, and ends
+/// when the system gives up. One look-up runs at a time.
+class name_lookup {
+public:
+    enum class state_t { none, running, found, failed };
+
+    /// Begins, unless one runs. A dotted address is found at once.
+    void begin(const char* host) noexcept;
+    state_t state() const noexcept;
+    /// The dotted address, once it is found.
+    const char* address() const noexcept;
+
+private:
+    struct job_t;
+    static void run(void* arg) noexcept;
+
+    std::shared_ptr<job_t> job_;
 };
 
 }  // namespace media::fetch

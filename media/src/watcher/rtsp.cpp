@@ -3,7 +3,6 @@
 #include "watcher/rtsp.h"
 
 #include "watcher/address.h"
-#include "watcher/name_lookup.h"
 
 #include "core/time.h"
 #include "inet/net_socket.h"

@@ -1,4 +1,4 @@
-#include "rtsp/approach.h"
+#include "rtsp_service/approach.h"
 
 namespace media::rtsp {
 

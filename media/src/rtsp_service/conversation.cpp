@@ -1,6 +1,6 @@
 // What a client answers its player, and the two ends of a tunnel.
-#include "rtsp/client.h"
-#include "rtsp/group.h"
+#include "rtsp_service/client.h"
+#include "rtsp_service/group.h"
 
 #include "avc/fcc.h"
 #include "core/time.h"

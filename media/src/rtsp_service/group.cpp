@@ -1,4 +1,4 @@
-#include "rtsp/group.h"
+#include "rtsp_service/group.h"
 
 #include "common/digest.h"
 #include "core/memory.h"

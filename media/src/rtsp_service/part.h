@@ -1,7 +1,7 @@
 // What RTSP has on a network thread: the pair of ports for UDP, frames cut into packets, and the players that are live.
 #pragma once
 
-#include "rtsp/service.h"
+#include "rtsp_service/inside.h"
 
 #include "core/memory.h"
 #include "inet/net_datagrams.h"

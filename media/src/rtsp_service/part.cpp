@@ -1,6 +1,6 @@
-#include "rtsp/part.h"
+#include "rtsp_service/part.h"
 
-#include "rtsp/client.h"
+#include "rtsp_service/client.h"
 
 #include "inet/net_socket.h"
 

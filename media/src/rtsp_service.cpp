@@ -1,7 +1,6 @@
-#include "rtsp/service.h"
-
-#include "rtsp/client.h"
-#include "rtsp/group.h"
+#include "rtsp_service/client.h"
+#include "rtsp_service/group.h"
+#include "rtsp_service/inside.h"
 
 #include "core/text.h"
 #include "inet/net_socket.h"

@@ -1,6 +1,6 @@
-#include "rtsp/client.h"
+#include "rtsp_service/client.h"
 
-#include "rtsp/group.h"
+#include "rtsp_service/group.h"
 
 #include "core/memory.h"
 #include "core/time.h"
