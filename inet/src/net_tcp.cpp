@@ -6,6 +6,7 @@
 #include "inet/net_socket.h"
 
 #include <algorithm>
+#include <mutex>
 #include <utility>
 
 namespace net {
@@ -80,6 +81,8 @@ void net_tcp_close(tcp_ctx*& t) noexcept {
 
 void ITcp::on_tcp_connected(Tcp*) noexcept {}
 void ITcp::on_tcp_writable(Tcp*) noexcept {}
+void ITcp::on_tcp_signalled(Tcp*) noexcept {}
+int ITcp::on_tcp_ended(Tcp*, buf_t*) noexcept { return 0; }
 
 struct Tcp::inside {
     inside(const char* caller_file, int caller_line) noexcept : file(caller_file), line(caller_line) {}
@@ -89,10 +92,12 @@ struct Tcp::inside {
 
     static void on_socket(void* arg, uint32_t events) noexcept;
     bool watch(nt_ctx* on, int flags) noexcept;
+    void unwatch() noexcept;
     void connected() noexcept;
     void receive() noexcept;
     void show() noexcept;
     void write() noexcept;
+    void end() noexcept;
     void lose(int error) noexcept;
     void watch_writability(bool wanted) noexcept;
     bool count(int result) noexcept;
@@ -103,7 +108,8 @@ struct Tcp::inside {
     ITcp* handler = nullptr;
     nt_ctx* nt = nullptr;
     int fd = -1;
-    socket_ctx* socket = nullptr;
+    std::mutex watched;            ///< of `socket`, for signal()
+    socket_ctx* socket = nullptr;  ///< changed by the network thread, or by whoever makes or destroys the connection
     sockaddr_in peer{};
     uint32_t room = 64 * 1024;
     uint32_t output_limit = 1024 * 1024;
@@ -111,6 +117,7 @@ struct Tcp::inside {
     buf_t out;
     uint32_t left = 0;  ///< by the last flush()
     bool up = false;
+    bool reading = true;
     bool writing = false;
     int failure = 0;
     uint32_t running = 0;  ///< calls of the handler
@@ -130,7 +137,7 @@ constexpr uint32_t least_progress = 64 * 1024;
 }  // namespace
 
 Tcp::inside::~inside() {
-    net_nt_socket_rem(nt, socket);
+    unwatch();
     if (fd >= 0) net_socket_close(fd);
     core_buf_free(&in);
     core_buf_free(&out);
@@ -144,15 +151,16 @@ Tcp* Tcp::create(const char* file, int line) noexcept {
     return made.release()->face;
 }
 
-// From inside a call of the handler, what runs below it on the stack is left alive until it returns.
+// From inside a call of the handler, what runs below it on the stack is left alive until it returns. On another thread
+// such a call is waited for first.
 void Tcp::destroy(Tcp* tcp) noexcept {
     if (!tcp) return;
     inside* const in = tcp->inside_;
+    in->unwatch();
     core_mfree(tcp);
     in->face = nullptr;
     in->handler = nullptr;
     in->up = false;
-    net_nt_socket_rem(in->nt, in->socket);
     if (in->running == 0) core::destroy(in);
 }
 
@@ -160,15 +168,39 @@ void Tcp::set_handler(ITcp* handler) noexcept { inside_->handler = handler; }
 void Tcp::set_room(uint32_t bytes) noexcept {
     inside& in = *inside_;
     in.room = bytes;
-    if (in.in.data && bytes > in.in.size) core_buf_respace(&in.in, bytes - in.in.length, in.file, in.line);
+    if (!in.in.data) return;
+    if (bytes > in.in.size) core_buf_respace(&in.in, bytes - in.in.length, in.file, in.line);
+    if (bytes < in.in.size && in.in.length == 0) core_buf_resize(&in.in, bytes, in.file, in.line);
+}
+void Tcp::set_reading(int wanted) noexcept {
+    inside& in = *inside_;
+    if (in.reading == (wanted != 0)) return;
+    in.reading = wanted != 0;
+    if (in.socket) net_nt_socket_set(in.nt, in.socket, in.reading, in.writing);
 }
 void Tcp::set_output_limit(uint32_t bytes) noexcept { inside_->output_limit = bytes; }
 
 bool Tcp::inside::watch(nt_ctx* on, int flags) noexcept {
     if (!in.data && !core_buf_resize(&in, room, file, line)) return false;
     nt = on;
+    const std::lock_guard held(watched);
     net_nt_socket_add(nt, socket, fd, flags, this, on_socket);
     return socket != nullptr;
+}
+
+// The lock is not held while a callback that runs elsewhere is waited for: it may want the lock itself.
+void Tcp::inside::unwatch() noexcept {
+    socket_ctx* taken = nullptr;
+    {
+        const std::lock_guard held(watched);
+        taken = std::exchange(socket, nullptr);
+    }
+    net_nt_socket_rem(nt, taken);
+}
+
+void Tcp::signal() noexcept {
+    const std::lock_guard held(inside_->watched);
+    if (inside_->socket) net_nt_command(inside_->nt, inside_->socket);
 }
 
 int Tcp::connect(nt_ctx* nt, const char* address, unsigned short port) noexcept {
@@ -202,12 +234,13 @@ int Tcp::take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept {
     return in.up ? 0 : -1;
 }
 
-void Tcp::detach() noexcept { net_nt_socket_rem(inside_->nt, inside_->socket); }
+void Tcp::detach() noexcept { inside_->unwatch(); }
 
 int Tcp::attach(nt_ctx* nt) noexcept {
     inside& in = *inside_;
     if (!in.up || in.socket) return 0;
-    return in.watch(nt, in.writing ? nt_flag_read | nt_flag_write : nt_flag_read) ? 1 : 0;
+    const int read = in.reading ? int{nt_flag_read} : 0;
+    return in.watch(nt, in.writing ? read | nt_flag_write : read) ? 1 : 0;
 }
 
 void Tcp::inside::on_socket(void* arg, uint32_t events) noexcept {
@@ -218,6 +251,7 @@ void Tcp::inside::on_socket(void* arg, uint32_t events) noexcept {
     } else if (self.up) {
         if (events & nt_event_read) self.receive();
         if (self.up && (events & nt_event_write)) self.write();
+        if (self.up && (events & nt_event_signal) && self.handler) self.handler->on_tcp_signalled(self.face);
     }
     if (--self.running == 0 && !self.face) core::destroy(&self);
 }
@@ -231,14 +265,21 @@ void Tcp::inside::connected() noexcept {
 
 void Tcp::inside::lose(int error) noexcept {
     up = false;
-    net_nt_socket_rem(nt, socket);
+    unwatch();
     if (handler) handler->on_tcp_closed(face, error);
 }
 
+void Tcp::inside::end() noexcept {
+    if (!handler || !handler->on_tcp_ended(face, &in)) return lose(0);
+    if (face) face->set_reading(0);
+}
+
 void Tcp::inside::receive() noexcept {
+    // What does not read is told of nothing but a reset.
+    if (!reading) return lose(net_socket_get_error(fd));
     if (in.length == in.size) return lose(socket_error_no_buffers);
     const int result = net_tcp_recv(fd, in);
-    if (result == 0) return lose(0);
+    if (result == 0) return end();
     if (result < 0) {
         const int error = socket_get_error_code();
         if (error != socket_error_would_block) lose(error);
@@ -266,7 +307,7 @@ bool Tcp::inside::count(int result) noexcept {
 void Tcp::inside::watch_writability(bool wanted) noexcept {
     if (writing == wanted) return;
     writing = wanted;
-    net_nt_socket_set(nt, socket, 1, wanted);
+    net_nt_socket_set(nt, socket, reading, wanted);
 }
 
 void Tcp::inside::write() noexcept {
@@ -301,6 +342,20 @@ void Tcp::flush(buf_t& own) noexcept {
     in.watch_writability(in.left != 0 || in.out.length != 0);
 }
 
+uint32_t Tcp::offer(buffer_t first, buffer_t second) noexcept {
+    inside& in = *inside_;
+    if (!in.up) return 0;
+    const int result = platform::send_pieces(in.fd, first, second);
+    const uint32_t went = in.count(result) ? static_cast<uint32_t>(result) : 0;
+    in.left = first.size + second.size - went;
+    in.watch_writability(in.left != 0);
+    return went;
+}
+
+void Tcp::end_output() noexcept {
+    if (inside_->up) platform::end_output(inside_->fd);
+}
+
 unsigned Tcp::second() noexcept {
     inside& in = *inside_;
     const uint32_t waits = waiting();
@@ -315,6 +370,7 @@ unsigned Tcp::second() noexcept {
 }
 
 bool Tcp::is_connected() const noexcept { return inside_->up; }
+int Tcp::descriptor() const noexcept { return inside_->fd; }
 uint32_t Tcp::waiting() const noexcept { return inside_->out.length + inside_->left; }
 uint64_t Tcp::sent() const noexcept { return inside_->sent; }
 uint64_t Tcp::received() const noexcept { return inside_->received; }

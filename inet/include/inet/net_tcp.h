@@ -54,6 +54,11 @@ public:
     virtual void on_tcp_received(Tcp* tcp, buf_t* received) noexcept = 0;
     /// The system takes bytes again, and nothing that was given to send() waits any more.
     virtual void on_tcp_writable(Tcp* tcp) noexcept;
+    /// Tcp::signal() was called, once or more.
+    virtual void on_tcp_signalled(Tcp* tcp) noexcept;
+    /// The peer has ended its sending half. @param received  what was not taken
+    /// @return 1 to go on sending, with nothing more received; 0 to have the connection closed, as ITcp does by itself
+    virtual int on_tcp_ended(Tcp* tcp, buf_t* received) noexcept;
     /// The last call: connect() has failed, or the peer has closed or reset the connection.
     /// @param error  a socket_error_t of inet/net_socket.h; socket_error_no_buffers when the owner took nothing of a
     ///               full buffer; 0 when the peer closed
@@ -63,7 +68,8 @@ protected:
     ~ITcp() = default;
 };
 
-/// A TCP connection, made by connect() or accepted elsewhere. Used on its network thread alone, but for its making.
+/// A TCP connection, made by connect() or accepted elsewhere. Used on its network thread alone, but for its making,
+/// signal() and destroy().
 ///
 /// Bounds:
 ///     received, not taken by the owner    set_room(), 64 KiB
@@ -72,14 +78,17 @@ class INET_API Tcp final {
 public:
     /// @return null when memory is out
     static Tcp* create(const char* file, int line) noexcept;
-    /// Closes the connection without a word and releases it; null is ignored.
+    /// Closes the connection without a word and releases it; null is ignored. After the call no function of the handler
+    /// runs (called in one of them: not after it returns).
     static void destroy(Tcp* tcp) noexcept;
     Tcp(const Tcp&) = delete;
     Tcp& operator=(const Tcp&) = delete;
 
     void set_handler(ITcp* handler) noexcept;
-    /// Bytes of the receive buffer. Later calls only enlarge it.
+    /// Bytes of the receive buffer. Later calls enlarge it, and make it smaller while it holds nothing.
     void set_room(uint32_t bytes) noexcept;
+    /// Whether more is received; 1 until set. While it is off, a connection that is lost may be noticed late.
+    void set_reading(int wanted) noexcept;
     void set_output_limit(uint32_t bytes) noexcept;
 
     /// Starts to connect. @param address  a dotted address, or a name, whose look-up blocks
@@ -108,10 +117,22 @@ public:
     /// on_tcp_writable() tells when to go on. For an owner that keeps what waits itself and does not use send().
     void flush(buf_t& own) noexcept;
 
+    /// Sends two runs of bytes, one behind the other, without copying them. When something is left, on_tcp_writable()
+    /// tells when to go on, with the rest. For an owner that does not use send().
+    /// @return how many bytes the system took
+    uint32_t offer(buffer_t first, buffer_t second) noexcept;
+    /// Ends the sending half (RFC 9293, 3.6): the peer reads to the end of what was sent, and may still send.
+    void end_output() noexcept;
+
+    /// Has on_tcp_signalled() called. Any thread; nothing when there is no connection.
+    void signal() noexcept;
+
     /// Once a second. @return seconds for which the peer has taken neither 64 KiB nor all of what waits for it
     unsigned second() noexcept;
 
     bool is_connected() const noexcept;
+    /// For logs; -1 when there is none.
+    int descriptor() const noexcept;
     /// Bytes given to send() or left by flush() that wait for the peer.
     uint32_t waiting() const noexcept;
     uint64_t sent() const noexcept;

@@ -6,9 +6,11 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace net::platform {
@@ -175,6 +177,16 @@ int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) no
     return transfer(
         [&] { return sendto(fd, bytes.data(), transfer_size(bytes.size()), MSG_NOSIGNAL, generic(to), size); });
 }
+
+int send_pieces(int fd, buffer_t first, buffer_t second) noexcept {
+    iovec pieces[] = {{first.data, first.size}, {second.data, second.size}};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = std::size(pieces);
+    return transfer([&] { return sendmsg(fd, &message, MSG_NOSIGNAL); });
+}
+
+void end_output(int fd) noexcept { shutdown(fd, SHUT_WR); }
 
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept {
     return transfer([&] {

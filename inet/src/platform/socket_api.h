@@ -53,6 +53,10 @@ bool set_multicast_interface(int fd, in_addr via) noexcept;
 
 /// Transfer; a null address is the connected peer. A peer that is gone gives an error, never a signal.
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept;
+/// Sends two runs of bytes to the connected peer, one behind the other.
+int send_pieces(int fd, buffer_t first, buffer_t second) noexcept;
+/// Ends the sending half of a connection.
+void end_output(int fd) noexcept;
 /// Sends each as one datagram, in their order. @return how many went before one was refused, -1 when the first was.
 int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept;
 /// Receives those that are there. @return how many, -1 when there is none.

@@ -206,6 +206,15 @@ int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) no
                   generic(to), to ? sizeof *to : 0);
 }
 
+int send_pieces(int fd, buffer_t first, buffer_t second) noexcept {
+    WSABUF pieces[] = {{first.size, reinterpret_cast<char*>(first.data)},
+                       {second.size, reinterpret_cast<char*>(second.data)}};
+    DWORD went = 0;
+    return WSASend(handle_of(fd), pieces, 2, &went, 0, nullptr, nullptr) == 0 ? static_cast<int>(went) : -1;
+}
+
+void end_output(int fd) noexcept { shutdown(handle_of(fd), SD_SEND); }
+
 // A datagram that is longer than the room for it is cut, as elsewhere, and is no error.
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept {
     int size = sizeof *from;
