@@ -449,8 +449,9 @@ http_ctx* net_http_open(net::http_info info, net::nt_ctx* nt, const char* file, 
 }
 
 int net_http_listen(http_ctx* ctx, const char* address, unsigned port) noexcept {
-    if (!ctx || ctx->fd >= 0) return -5;
+    if (!ctx) return -5;
     if (!address || port == 0) return -2;
+    if (ctx->fd >= 0) return -5;
     auto& in = *ctx->in;
     if (const int result = net_tcp_create(in.listener, ctx->nt, in.file, in.line)) return result;
     ctx->fd = in.listener->fd;

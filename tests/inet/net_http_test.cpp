@@ -1,0 +1,227 @@
+// HTTP connections over real sockets. What one message is is the fuzz target's; here they travel.
+#include "inet/net_http.h"
+
+#include "support/files.h"
+#include "support/network_thread.h"
+#include "support/scratch.h"
+#include "support/sockets.h"
+
+#include "avc/fcc.h"
+#include "inet/net_tcp.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+
+namespace {
+
+using net::http_ctx;
+using net::http::header_s;
+
+/// An owner of a connection that notes what it is told. What to do about it is added by `then`.
+class owner {
+public:
+    explicit owner(net::nt_ctx* nt) {
+        net::http_info info;
+        info.arg = this;
+        info.on_connect = [](void* arg, http_ctx*) { of(arg).note("connect "); };
+        info.on_close = [](void* arg, http_ctx*) { of(arg).note("close "); };
+        info.on_drained = [](void* arg, http_ctx*) { ++of(arg).drained; };
+        info.on_accept = [](void* arg, http_ctx*, int fd, const sockaddr_in*, int* keep) {
+            *keep = of(arg).accepts && net_http_accept(of(arg).accepts, fd) == 0;
+        };
+        info.on_frame = [](void* arg, http_ctx*, const av::frame_t* frame) {
+            char fcc[5];
+            of(arg).note(fcc_str(frame->fcc, fcc) + std::to_string(frame->size) + " ");
+        };
+        info.on_message = [](void* arg, http_ctx*, int status, header_s* header, const buffer_t* body) {
+            const std::string text = body ? std::string(reinterpret_cast<char*>(body->data), body->size) : "";
+            of(arg).note(std::to_string(status) + (body ? ":" + text : "") + " ");
+            if (of(arg).then) of(arg).then(status, header, text);
+        };
+        ctx = net_http_open(info, nt, CORE_HERE);
+    }
+    ~owner() { net_http_close(ctx); }
+
+    void note(const std::string& text) {
+        {
+            const std::lock_guard held(mutex_);
+            told_ += text;
+        }
+        changed_.notify_all();
+    }
+    bool hears(const std::string& text) {
+        std::unique_lock held(mutex_);
+        return changed_.wait_for(held, std::chrono::seconds(5), [&] { return told_.find(text) != std::string::npos; });
+    }
+    std::string told() {
+        const std::lock_guard held(mutex_);
+        return told_;
+    }
+
+    http_ctx* ctx = nullptr;
+    std::atomic<int> drained = 0;
+    http_ctx* accepts = nullptr;  ///< takes what this one accepts
+    std::function<void(int status, header_s* header, const std::string& body)> then;
+
+private:
+    static owner& of(void* arg) { return *static_cast<owner*>(arg); }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::string told_;
+};
+
+int answer(http_ctx* ctx, unsigned status, const std::string& body, const char* type = "text/plain") {
+    header_s* header = http_header_error("HTTP/1.1", status, static_cast<unsigned>(body.size()), type);
+    const int result = net_http_send_message(ctx, header, body.data(), static_cast<unsigned>(body.size()));
+    http_header_free(header);
+    return result;
+}
+
+std::string answer_text(int status, const std::string& reason, const std::string& body, size_t length) {
+    return "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\nContent-Length: " + std::to_string(length) +
+           "\r\nContent-Type: text/plain\r\n\r\n" + body;
+}
+
+TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
+    const std::string header_flood = "GET / HTTP/1.1\r\nX: " + std::string(5000, 'x');
+    const struct {
+        std::string request, told, reply;
+    } cases[] = {
+        {"GET /a HTTP/1.1\r\n\r\nHEAD /b HTTP/1.1\r\n\r\nPOST /c HTTP/1.1\r\nContent-Length: 3\r\nExpect: "
+         "100-continue\r\n\r\nxyz",
+         "0 0 0 0 0 0:xyz ",
+         answer_text(200, "OK", "/a", 2) + answer_text(200, "OK", "", 2) + "HTTP/1.1 100 Continue\r\n\r\n" +
+             answer_text(200, "OK", "/cxyz", 5)},
+        {"POST /early HTTP/1.1\r\nContent-Length: 3\r\n\r\nabcGET /later HTTP/1.1\r\n\r\nGET /a HTTP/1.1\r\n\r\n",
+         "0 0 0 later 0 0 ",
+         answer_text(403, "Forbidden", "", 0) + answer_text(200, "OK", "later", 5) + answer_text(200, "OK", "/a", 2)},
+        {"POST / HTTP/1.1\r\nContent-Length: 301\r\n\r\n", "0 -4 ", answer_text(400, "Bad Request", "", 0)},
+        {"GET / HTTP/1.1\r\nContent-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n", "-1 ",
+         answer_text(400, "Bad Request", "", 0)},
+        {header_flood, "-2 ", answer_text(400, "Bad Request", "", 0)},
+        {"POST / HTTP/1.1\r\nContent-Type: a/b\r\nContent-Length: 2\r\n\r\nab", "0 -3 ",
+         answer_text(400, "Bad Request", "", 0)},
+    };
+    for (const auto& [request, told, reply] : cases) {
+        const test::network_thread nt;
+        owner server(nt);
+        net_http_set_limit(server.ctx, 300);
+        std::string target;
+        bool announced = false;
+        server.then = [&](int status, header_s* header, const std::string& body) {
+            if (status != 0) {
+                answer(server.ctx, 400, "");
+                return net_http_finish(server.ctx);
+            }
+            announced = !announced;
+            target = header->uri;
+            if (announced && target == "/early") {
+                announced = false;
+                answer(server.ctx, 403, "");
+            }
+            if (!announced && target == "/later") server.note("later ");
+            if (!announced && target.size() == 2) answer(server.ctx, 200, target + body);
+        };
+        std::pair<int, int> fds = test::socket_pair::open();
+        test::tcp_socket peer(fds.first);
+        socket_options(fds.second);
+        ASSERT_EQ(net_http_accept(server.ctx, fds.second), 0);
+        buf_t out;
+        core_buf_read(&out, request.data(), static_cast<uint32_t>(request.size()));
+        net_tcp_send(peer, out);
+        core_buf_free(&out);
+        net::platform::end_output(peer);
+        if (reply.find("later") != std::string::npos) {
+            EXPECT_TRUE(server.hears("later "));
+            answer(server.ctx, 200, "later");
+        }
+        EXPECT_TRUE(server.hears("close ")) << request;
+        std::string received;
+        char bytes[4096];
+        for (int size = 1; size > 0; received.append(bytes, static_cast<size_t>(std::max(size, 0))))
+            size = net::platform::receive_bytes(peer, {reinterpret_cast<uint8_t*>(bytes), sizeof bytes}, nullptr);
+        EXPECT_EQ(received, reply);
+        EXPECT_EQ(server.told(), told + "close ");
+    }
+}
+
+class NetHttp : public testing::Test {
+protected:
+    NetHttp() {
+        listener.accepts = server.ctx;
+        port = test::free_port();
+        EXPECT_EQ(net_http_listen(listener.ctx, "127.0.0.1", port), 0);
+    }
+
+    test::network_thread nt;
+    owner server{nt}, listener{nt}, client{nt};
+    unsigned short port = 0;
+};
+
+TEST_F(NetHttp, DownloadsToAFileAndSplitsMultipartBodies) {
+    const std::string content(3'000'000, 'f');
+    const std::string parts =
+        "--b\r\nContent-Type: image/jpeg\r\nContent-Length: 4\r\n\r\n\xff\xd8\xff\xd9\r\n--b\r\nContent-Type: "
+        "audio/pcmu\r\n\r\nab--b--";
+    static std::atomic<int> released;
+    released = 0;
+    server.then = [&, announced = false](int, header_s* header, const std::string&) mutable {
+        announced = !announced;
+        const std::string target = header->uri;
+        if (announced) return;
+        if (target == "/parts") answer(server.ctx, 200, parts, "multipart/x-mixed-replace; boundary=b");
+        if (target != "/file") return;
+        header_s* head = http_header_error("HTTP/1.1", 200, static_cast<unsigned>(content.size()), "image/png");
+        void* const bytes = const_cast<char*>(content.data());
+        net_http_send_share(
+            server.ctx, head, {static_cast<uint8_t*>(bytes), static_cast<uint32_t>(content.size())},
+            [](void*) { ++released; }, nullptr);
+        http_header_free(head);
+    };
+    const test::scratch room;
+    const std::string directory = room / "in";
+    for (const char* name : {"", "..", "a/b", "a\\b", "c:x", "a\nb", "dot."})
+        EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), -2) << name;
+    EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), "f.bin"), 1);
+    net_http_connect(client.ctx, "127.0.0.1", port);
+    EXPECT_TRUE(client.hears("connect 0 0 "));
+    EXPECT_EQ(test::read_file(directory + "/f.bin"), content);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(client.drained, 1);
+    EXPECT_EQ(net_http_recv(client.ctx, "/parts"), 1);
+    EXPECT_TRUE(client.hears("0 JPEG4 PCMU2 0 ")) << client.told();
+    // Half a file is none.
+    EXPECT_EQ(net_http_download(client.ctx, "/none", directory.c_str(), "half"), 1);
+    nt.run([&] {
+        server.then = nullptr;
+        constexpr std::string_view begun = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf";
+        net_http_send_message(server.ctx, nullptr, begun.data(), static_cast<unsigned>(begun.size()));
+        net_http_finish(server.ctx);
+    });
+    EXPECT_TRUE(client.hears("close "));
+    net_http_close(client.ctx);
+    EXPECT_FALSE(std::filesystem::exists(directory + "/half"));
+}
+
+TEST_F(NetHttp, TellsOfEveryEndOnceAndMayBeClosedInEveryCallback) {
+    net_http_connect(client.ctx, "no such host.invalid", 80);
+    EXPECT_TRUE(client.hears("close "));
+    EXPECT_EQ(client.told(), "close ");
+    net_http_connect(client.ctx, "127.0.0.1", test::free_port());
+    EXPECT_TRUE(client.hears("close close "));
+    nt.run([&] { listener.accepts = nullptr; });
+    net_http_connect(client.ctx, "127.0.0.1", port);
+    EXPECT_TRUE(client.hears("close close connect close "));
+    nt.run([&] { listener.accepts = server.ctx; });
+    server.then = [&](int, header_s*, const std::string&) { net_http_close(server.ctx); };
+    net_http_connect(client.ctx, "127.0.0.1", port);
+    EXPECT_EQ(net_http_post(client.ctx, "/", "x", 1), 1);
+    EXPECT_TRUE(client.hears("connect close connect close "));
+    EXPECT_EQ(net_http_accept(nullptr, 5), -5);
+    EXPECT_EQ(net_http_listen(client.ctx, nullptr, 80), -2);
+    EXPECT_EQ(net_http_listen(client.ctx, "127.0.0.1", 0), -2);
+}
+
+}  // namespace
