@@ -111,7 +111,7 @@ struct http_ctx::inside final : ITcp, http::message_owner {
     log_ctx* log;
     slist* queue;
     http::message_reader reader;
-    std::mutex connection;  ///< of `tcp`, for signals from other threads
+    std::mutex connection;  ///< of `tcp`, for what other threads do with it
     Tcp* tcp = nullptr;
     tcp_ctx* listener = nullptr;
     socket_ctx* failed = nullptr;  ///< tells of a connect that failed at once
@@ -497,15 +497,16 @@ void net_http_connect(http_ctx* ctx, const char* host, unsigned port) noexcept {
     if (!ctx) return;
     auto& in = *ctx->in;
     in.leave_old();
-    net::Tcp* made = net::Tcp::create(in.file, in.line);
     int result = -1;
-    if (made) {
+    if (net::Tcp* made = net::Tcp::create(in.file, in.line)) {
         made->set_handler(&in);
         made->set_room(net::smallest_room);
         in.set_tcp(made);
+        // The loop may find at once that it failed, and lets go of it when this is done.
+        const std::lock_guard held(in.connection);
         result = port > 0xffff ? -2 : made->connect(ctx->nt, host, static_cast<unsigned short>(port));
+        core_log_print(in.log, "%d: connect to %s:%u", made->descriptor(), host ? host : "", port);
     }
-    core_log_print(in.log, "%d: connect to %s:%u", made ? made->descriptor() : -1, host ? host : "", port);
     if (result == 0) return;
     // The loop tells the owner, as it does of a connection that fails later.
     in.set_tcp(nullptr);
