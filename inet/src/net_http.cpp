@@ -525,8 +525,8 @@ int net_http_send_message(http_ctx* ctx, const net::http::header_s* header, cons
     return in.send(header, std::move(message));
 }
 
-int net_http_send_share(http_ctx* ctx, const net::http::header_s* header, buffer_t body, void (*release)(void* owner),
-                        void* owner) noexcept {
+int net_http_send_share(http_ctx* ctx, const net::http::header_s* header, buffer_t text, buffer_t body,
+                        void (*release)(void* owner), void* owner) noexcept {
     net::owned_outgoing message(ctx ? core::create<net::outgoing>(ctx->in->file, ctx->in->line) : nullptr);
     if (!message) {
         if (release) release(owner);
@@ -535,6 +535,7 @@ int net_http_send_share(http_ctx* ctx, const net::http::header_s* header, buffer
     message->body = body;
     message->release = release;
     message->owner = owner;
+    if (text.size > 0 && !core_buf_read(&message->own, text.data, text.size)) return 0;
     return ctx->in->send(header, std::move(message));
 }
 
@@ -569,6 +570,8 @@ void net_http_finish(http_ctx* ctx) noexcept {
 }
 
 unsigned net_http_second(http_ctx* ctx) noexcept { return ctx && ctx->in->tcp ? ctx->in->tcp->second() : 0; }
+
+uint64_t net_http_sent(const http_ctx* ctx) noexcept { return ctx && ctx->in->tcp ? ctx->in->tcp->sent() : 0; }
 
 void net_http_close(http_ctx*& ctx) noexcept {
     if (!ctx) return;

@@ -121,9 +121,9 @@ INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned po
 INET_API int net_http_send_message(net::http_ctx* ctx, const net::http::header_s* header, const void* body,
                                    unsigned size) noexcept;
 
-/// The same without copying the body. @param release  called once with `owner` when the body is no longer needed, on
+/// The same without copying the body, behind `text`, which is copied. @param release  called once with `owner` when the body is no longer needed, on
 /// any thread, also when 0 is returned
-INET_API int net_http_send_share(net::http_ctx* ctx, const net::http::header_s* header, buffer_t body,
+INET_API int net_http_send_share(net::http_ctx* ctx, const net::http::header_s* header, buffer_t text, buffer_t body,
                                  void (*release)(void* owner), void* owner) noexcept;
 
 /// Queues a request without fields: "GET", HTTP/1.1. A multipart body that is being received is given up.
@@ -151,6 +151,9 @@ INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 
 /// Once a second. @return seconds for which the peer has taken next to nothing of what waits for it
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
+
+/// Bytes that the system has taken of this connection.
+INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 
 /// Closes the connection without a word, releases what was queued and the context, and nulls the pointer. After the call
 /// no callback runs (called in one of them: not after it returns).
