@@ -13,8 +13,8 @@
 
 #include "net_thread/callback_watch.h"
 #include "net_thread/guard.h"
+#include "report.h"
 
-#include "core/log.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 
@@ -177,7 +177,7 @@ uint32_t socket_events(socket_ctx& socket, uint8_t found) noexcept {
 void give_up_closed(socket_ctx& socket) noexcept {
     if (socket.flags & (nt_flag_removed | nt_flag_closed)) return;
     socket.flags |= nt_flag_closed;
-    core_log_err("network thread: socket %d was closed before it was removed", socket.fd.load());
+    report("network thread: socket %d was closed before it was removed", socket.fd.load());
 }
 
 void service_socket(socket_ctx& socket, uint8_t found) noexcept {
@@ -215,7 +215,7 @@ void watch_socket(nt_ctx& nt, const socket_ctx& socket) noexcept {
     nt.sets.set(socket.fd, flags & (nt_flag_read | nt_flag_listening), flags & (nt_flag_write | nt_flag_connecting));
 }
 
-// Tried again once a second until it is there: each try may cost the tenth of a second.
+// Tried again once a second until it is there: a try costs a tenth of a second at the most.
 void open_wake_pair(nt_ctx& nt) noexcept {
     if (nt.wake_rd >= 0 || now_us() < nt.wake_retry) return;
     nt.wake_retry = now_us() + second;
