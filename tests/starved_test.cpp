@@ -220,7 +220,7 @@ void play_a_stream(bool tunnel) {
 
 constexpr scenario_t scenarios[] = {
     {"Containers", fill_containers, 13},
-    {"Texts", write_texts, 19},
+    {"Texts", write_texts, 17},
     {"Runtime", meet_on_threads, 15},
     {"Frame", make_frames, 7},  // the shared one takes its record alone, the others their bytes, too
     {"Sockets", open_sockets, 6},

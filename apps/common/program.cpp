@@ -27,6 +27,7 @@ bool nothing_held(const char* program) {
 
 std::vector<std::string> start(int argc, const char* const* argv) {
     platform::prepare_console();
+    platform::ask_for_short_ticks();
     std::vector<std::string> arguments = platform::arguments(argc, argv);
     if (!arguments.empty()) arguments.erase(arguments.begin());
     return arguments;

@@ -1,6 +1,5 @@
 #include "common/xml.h"
 
-#include "xml/reader.h"
 #include "xml/tree.h"
 
 #include "core/text_error.h"

@@ -1,7 +1,5 @@
 #include "core/array.h"
 
-#include "array_append.h"
-
 #include "core/memory.h"
 #include "core/text.h"
 
@@ -22,9 +20,8 @@ char* append(char* out, const char* text, size_t size) noexcept {
     return out + size;
 }
 
-}  // namespace
-
-bool core::array_append(void**& array, size_t length, void* item, const char* file, int line) noexcept {
+/// Room grows geometrically. @return false, with the array as it was, when memory is out.
+bool make_room(void**& array, size_t length, const char* file, int line) noexcept {
     const size_t places = core_mem_size(array) / sizeof(void*);
     if (length + 2 > places) {
         const size_t more = std::max<size_t>(4, places * 2);
@@ -32,13 +29,16 @@ bool core::array_append(void**& array, size_t length, void* item, const char* fi
         if (!moved) return false;
         array = static_cast<void**>(moved);
     }
-    array[length] = item;
-    array[length + 1] = nullptr;
     return true;
 }
 
+}  // namespace
+
 void** core_array_add(void** array, void* item, const char* file, int line) noexcept {
-    if (item) core::array_append(array, core_array_length(array), item, file, line);
+    const uint32_t length = core_array_length(array);
+    if (!item || !make_room(array, length, file, line)) return array;
+    array[length] = item;
+    array[length + 1] = nullptr;
     return array;
 }
 

@@ -19,6 +19,7 @@
 namespace {
 
 constexpr size_t largest_text = size_t{64} << 20;
+constexpr size_t largest_tree = largest_text;
 constexpr size_t deepest = 128;
 
 /// What a byte means outside strings and numbers.
@@ -60,9 +61,11 @@ bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
 class survey {
 public:
     explicit survey(const char* text) {
-        for (const char* at = text; walk(text, at); ++at) {
+        for (const char* at = text; walk(text, at) && !too_large(); ++at) {
         }
     }
+
+    bool too_large() const noexcept { return value_bytes + string_bytes > largest_tree; }
 
     core::vector<uint32_t> slots;  ///< children of each array and object, in the order in which they open
     size_t value_bytes = 0;
@@ -409,6 +412,10 @@ json_t* read_text(std::string_view text, char* error, size_t error_size) {
     constexpr std::string_view byte_order_mark = "\xef\xbb\xbf";
     const std::string_view body = text.starts_with(byte_order_mark) ? text.substr(byte_order_mark.size()) : text;
     const survey found(body.data());
+    if (found.too_large()) {
+        core::write_error(error, error_size, "tree too large");
+        return nullptr;
+    }
     auto* block =
         static_cast<std::byte*>(core_malloc(sizeof(json_t) + found.value_bytes + found.string_bytes, CORE_HERE));
     if (!block) throw std::bad_alloc();

@@ -1,3 +1,13 @@
+// A log is a name and a word with a bit for each of the 32 places of sinks: set where the sink wants the log. Printing
+// loads that word, and does nothing more when no bit is set. The library's own two logs are constants; the others stand
+// in a list, each once for its name. One lock guards that list and the places, never a write.
+//
+// Each sink has a lock of its own, its turn, which is held while it writes a line. What a sink prints while it writes is
+// put aside and delivered after its turn, to the sinks that had no part in causing it: a thread never waits for one turn
+// while it holds another, and no line causes itself. A sink that is removed first loses its bit in every log, then its
+// running write is waited for, then it is closed; a sink that removes itself is closed when that write has returned.
+//
+// Console messages that no sink wants go to the standard error stream.
 #include "core/log.h"
 
 #include "log/sinks.h"
@@ -201,15 +211,23 @@ size_t line_length(const char* text, size_t length) noexcept {
     return length;
 }
 
+core::log::terminal_t& error_stream() noexcept {
+    static core::log::terminal_t terminal{stderr, core::platform::is_terminal(stderr)};
+    return terminal;
+}
+
 // Kept apart from the callers, so that the 16 KiB of stack are touched only for a line that somebody wants.
 [[gnu::noinline]] INET_PRINTF(3, 0) void print(log_ctx& log, int color, const char* format, va_list args) noexcept {
-    const uint32_t mask = log.wanted.load(std::memory_order_acquire) & ~here.sources;
-    if (!mask || !format) return;
+    const uint32_t wanted = log.wanted.load(std::memory_order_acquire);
+    const uint32_t mask = wanted & ~here.sources;
+    const bool unclaimed = wanted == 0 && &log == &console_log;
+    if ((!mask && !unclaimed) || !format) return;
     char text[line_limit + 2];  // one byte past the limit shows whether the cut splits a character
     const int length = std::vsnprintf(text, sizeof text, format, args);
     if (length < 0) return;
     text[line_length(text, static_cast<size_t>(length))] = 0;
     const log_line_t line{time_now(), log.name, text, color};
+    if (unclaimed) return core::log::write_terminal(&error_stream(), &line);
     if (here.sources) {
         defer(log, line);
         return;
@@ -219,7 +237,9 @@ size_t line_length(const char* text, size_t length) noexcept {
 }
 
 // The exported core_log_wanted() can be replaced by a program and is therefore called, not inlined.
-bool is_wanted(const log_ctx& log) noexcept { return log.wanted.load(std::memory_order_relaxed) != 0; }
+bool is_wanted(const log_ctx& log) noexcept {
+    return log.wanted.load(std::memory_order_relaxed) != 0 || &log == &console_log;
+}
 
 /// Takes a free slot; -1 when there is none.
 int take_slot() noexcept {
@@ -300,7 +320,6 @@ void core_log_err(const char* format, ...) noexcept {
 }
 
 void core_con_printf(int color, const char* format, ...) noexcept {
-    if (!is_wanted(console_log)) return;
     va_list args;
     va_start(args, format);
     print(console_log, color, format, args);
@@ -324,8 +343,7 @@ uint32_t core_log_sink_file(const char* logs, const char* path) noexcept {
 }
 
 uint32_t core_log_sink_console(const char* logs) noexcept {
-    static core::log::terminal_t terminal{stderr, core::platform::is_terminal(stderr)};
-    return add_sink(logs, core::log::write_terminal, nullptr, &terminal);
+    return add_sink(logs, core::log::write_terminal, nullptr, &error_stream());
 }
 
 int core_con_is_terminal(int stream) noexcept {

@@ -1,7 +1,16 @@
+// A block is a head and the caller's bytes. The head holds the size, the number of the allocating line (its site), and a
+// mark made of both and the address, by which a block that is not ours, or was released before, is known.
+//
+// A site is made at the first allocation of its line, under a lock, and found through a hash without one. Blocks and
+// bytes held are counted by site, and each thread counts in cells of its own (a counter: pages of cells, one a site), so
+// that neither allocating nor releasing needs a lock or a locked instruction. A block released by another thread than
+// its allocator's leaves cells that are right in their sum alone, modulo 2^64, and only the sum is ever asked for. A
+// thread that ends leaves its counter, with what it counted, to the next one; threads beyond the 64th share one.
+//
+// Everything global is ready before any constructor and never destroyed: blocks come and go before main() and after it.
 #include "core/memory.h"
 
-#include "platform/sanitizer.h"
-#include "platform/thread_local.h"
+#include "platform/toolchain.h"
 
 #include "core/owned.h"
 
@@ -13,12 +22,6 @@
 #include <mutex>
 #include <utility>
 
-// A block is a head and the caller's bytes. The head names its allocating line by number; blocks and bytes held are
-// counted by line, and each thread counts in cells of its own, so that neither allocating nor releasing needs a lock
-// or a locked instruction. A block released by another thread than its allocator's leaves cells that are only right
-// in their sum, modulo 2^64, which is all anybody asks for.
-//
-// Everything global is ready before any constructor and never destroyed: blocks come and go before main() and after it.
 namespace {
 
 struct alignas(std::max_align_t) head_t {

@@ -17,8 +17,18 @@ struct unloader {
 };
 using owned_library = std::unique_ptr<void, unloader>;
 
+/// "reader.so", or "reader.so.6", where a version follows.
+bool is_complete(std::string_view name) noexcept {
+    const std::string_view suffix = platform::library_suffix;
+    for (size_t at = name.find(suffix); at != std::string_view::npos; at = name.find(suffix, at + 1)) {
+        const std::string_view rest = name.substr(at + suffix.size());
+        if (rest.empty() || rest.starts_with('.')) return true;
+    }
+    return false;
+}
+
 owned_library open_bare(const char* name, const char* file, int line) noexcept {
-    const bool complete = std::string_view(name).ends_with(platform::library_suffix);
+    const bool complete = is_complete(name);
     const core::owned_text full(
         complete ? core_strdup(name, file, line)
                  : core_sprintf(file, line, "%s%s%s", platform::library_prefix, name, platform::library_suffix));

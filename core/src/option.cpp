@@ -97,20 +97,22 @@ struct closer {
 };
 using owned_file = std::unique_ptr<std::FILE, closer>;
 
-/// Reads the file if it is there; one above the limit counts as missing. @return false when it cannot be opened or read
-/// for another reason, such as a lack of descriptors: as for a missing file, the next save would replace what is there.
-bool read_file(values_t& values, const char* path) {
+/// `failed` is a file that is there but cannot be opened or read, as for a lack of descriptors: were it taken for a
+/// missing one, the next save would replace what is there.
+enum class file_state { read, missing, too_large, failed };
+
+file_state read_file(values_t& values, const char* path) {
     const owned_file file(core::platform::open_file(path, "rb"));
-    if (!file) return errno == ENOENT;
+    if (!file) return errno == ENOENT ? file_state::missing : file_state::failed;
     core::string text{core::allocator<char>(values.get_allocator())};
     char piece[4096];
     while (const size_t read = std::fread(piece, 1, sizeof piece, file.get())) {
         text.append(piece, read);
-        if (text.size() > file_limit) return true;
+        if (text.size() > file_limit) return file_state::too_large;
     }
-    if (std::ferror(file.get())) return false;
+    if (std::ferror(file.get())) return file_state::failed;
     read_lines(values, text);
-    return true;
+    return file_state::read;
 }
 
 core::string to_text(const values_t& values) {
@@ -134,6 +136,21 @@ bool write_file(const char* path, const char* rights_of, std::string_view text) 
     return std::fclose(file.release()) == 0 && written;
 }
 
+/// Writes a new file beside the one that the path leads to, and replaces that.
+bool replace_file(const char* path, std::string_view text) noexcept {
+    constexpr char addition[] = ".new";
+    char target[4096], beside[sizeof target + sizeof addition];
+    if (!core::platform::follow_links(path, target, sizeof target)) return false;
+    std::snprintf(beside, sizeof beside, "%s%s", target, addition);
+    if (!write_file(beside, target, text) || !core::platform::rename_file(beside, target)) {
+        core::platform::remove_file(beside);
+        return false;
+    }
+    // Without this a power cut may bring the old name back; it is still one of the two files.
+    core::platform::sync_entry(target);
+    return true;
+}
+
 template <class Number>
 bool read_number(std::string_view text, Number& number) noexcept {
     const char* const end = text.data() + text.size();
@@ -145,12 +162,10 @@ bool read_number(std::string_view text, Number& number) noexcept {
 
 struct opt_ctx {
     opt_ctx(const char* p, const char* file, int line)
-        : path(p, core::allocator<char>(file, line)),
-          new_path(path + ".new"),
-          values(values_t::allocator_type(file, line)) {}
+        : path(p, core::allocator<char>(file, line)), values(values_t::allocator_type(file, line)) {}
 
     const core::string path;
-    const core::string new_path;
+    file_state found = file_state::missing;
     std::mutex lock;
     values_t values;
     std::mutex saving;  ///< held around a save, which may wait for the disk, so that readers need not
@@ -174,7 +189,8 @@ opt_ctx* core_opt_create(const char* path, const char* file, int line) noexcept 
     if (!path) return nullptr;
     core::owned_object<opt_ctx> opt(core::create<opt_ctx>(file, line, path, file, line));
     try {
-        return opt && read_file(opt->values, path) ? opt.release() : nullptr;
+        if (opt) opt->found = read_file(opt->values, path);
+        return opt && opt->found != file_state::failed ? opt.release() : nullptr;
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -226,25 +242,16 @@ int core_opt_set_int64(opt_ctx* opt, const char* key, int64_t value) noexcept {
 }
 
 int core_opt_save(opt_ctx* opt) noexcept {
-    if (!opt) return 0;
+    if (!opt || opt->found == file_state::too_large) return 0;
     const std::lock_guard saving(opt->saving);
-    const char* const path = opt->path.c_str();
-    const char* const new_path = opt->new_path.c_str();
     try {
         std::unique_lock guard(opt->lock);
         const core::string text = to_text(opt->values);
         guard.unlock();
-        if (text.size() > file_limit) return 0;
-        if (!write_file(new_path, path, text) || !core::platform::rename_file(new_path, path)) {
-            core::platform::remove_file(new_path);
-            return 0;
-        }
+        return text.size() <= file_limit && replace_file(opt->path.c_str(), text);
     } catch (const std::bad_alloc&) {
         return 0;
     }
-    // Without this a power cut may bring the old name back; it is still one of the two files.
-    core::platform::sync_entry(path);
-    return 1;
 }
 
 void core_opt_free(opt_ctx*& opt) noexcept {

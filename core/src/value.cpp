@@ -1,7 +1,5 @@
 #include "core/value.h"
 
-#include "array_append.h"
-
 #include "core/array.h"
 #include "core/memory.h"
 #include "core/text.h"
@@ -67,10 +65,10 @@ size_t count_pieces(std::string_view text, std::string_view separator) noexcept 
 }
 
 value_t** append(value_t** list, value_t* pair, const char* file, int line) noexcept {
-    auto** array = reinterpret_cast<void**>(list);
-    if (!pair || core::array_append(array, value_count(list), pair, file, line))
-        return reinterpret_cast<value_t**>(array);
-    core_mfree(pair);
+    if (!pair) return list;
+    const uint32_t count = value_count(list);
+    list = reinterpret_cast<value_t**>(core_array_add(reinterpret_cast<void**>(list), pair, file, line));
+    if (!list || list[count] != pair) core_mfree(pair);
     return list;
 }
 

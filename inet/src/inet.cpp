@@ -1,6 +1,7 @@
 #include "inet/inet.h"
 
 #include "core/log.h"
+#include "core/owned.h"
 #include "core/param.h"
 #include "core/profile.h"
 #include "core/thread.h"
@@ -13,13 +14,14 @@
 
 namespace {
 
-/// Formed when the library is loaded. The stamp is that of the interface, not of the compiler's run: builds reproduce.
+/// Formed when it is first asked for, which may be before main(). The stamp is that of the interface, not of the
+/// compiler's run: builds reproduce.
 struct version_text {
     version_text() noexcept { core_get_version("Nov 25 2015", "15:47:30", text); }
     char text[32];
 };
 
-const version_text version;
+const char* version() noexcept { return core::process_wide<version_text>().text; }
 
 // Starts are counted together with the number of the life they belong to, in one word: a start that meets the last stop
 // of the old life must know that it waits for another one.
@@ -28,8 +30,8 @@ struct life_count {
     uint32_t starts = 0;
 };
 
-std::atomic<life_count> count;
-std::atomic<uint32_t> running_life;  // 0 while the library is down
+constinit std::atomic<life_count> count;
+constinit std::atomic<uint32_t> running_life;  // 0 while the library is down
 
 log_ctx* library_log = nullptr;
 profile_ctx* library_profile = nullptr;
@@ -97,12 +99,12 @@ const char* net_init() noexcept {
     const life_count joined = count_start();
     if (joined.starts != 1) {
         wait_until_running(joined.life);
-        return version.text;
+        return version();
     }
     wait_until_running(0);
     bring_up();
     running_life = joined.life;
-    return version.text;
+    return version();
 }
 
 void net_free() noexcept {

@@ -44,6 +44,7 @@ int Datagrams::open(nt_ctx* nt, int fd) noexcept {
     if (!made) return 0;
     made->nt = nt;
     made->fd = fd;
+    made->socket = nullptr;
     made->sent = made->waiting = 0;
     net_nt_socket_add(nt, made->socket, fd, 0, made, &inside::on_writable);
     if (made->socket) {

@@ -7,6 +7,7 @@
 #include "core/text.h"
 #include "core/time.h"
 
+#include <algorithm>
 #include <cstdarg>
 
 namespace net {
@@ -103,8 +104,9 @@ void net_nt_set_name(nt_ctx* nt, const char* format, ...) noexcept {
 }
 
 void net_nt_socket_add(nt_ctx* nt, socket_ctx*& out, int fd, int flags, void* arg, socket_callback callback) noexcept {
+    if (!nt) return;
     out = nullptr;
-    if (!nt || fd < 0) return;
+    if (fd < 0) return;
     auto* record = core::create<socket_ctx>(nt->file, nt->line);
     if (!record) return;
     record->fd = fd;
@@ -200,7 +202,7 @@ void net_nt_command_exec(command_ctx* c) noexcept {
 void net_nt_command_at(command_ctx* c, uint64_t us) noexcept {
     if (!c) return;
     nt_ctx& owner = *c->owner;
-    c->due = static_cast<int64_t>(us);
+    c->due = static_cast<int64_t>(std::min<uint64_t>(us, INT64_MAX));
     notify_loop(owner);
 }
 
@@ -217,7 +219,9 @@ void Thread::start() noexcept {
     if (nt) return;
     net_nt_start(nt, CORE_HERE);
     command = net_nt_command_create(nt, this, on_nt_command);
-    if (!command) Thread::stop();
+    if (!command) return Thread::stop();
+    // For what was posted while the thread was stopped, when there was no command to order.
+    net_nt_command_exec(command);
 }
 
 void Thread::stop() noexcept {

@@ -110,7 +110,10 @@ TEST_F(Option, IsSavedWholeOrNotAtAll) {
     EXPECT_EQ(core_opt_save(o.get()), 0) << "it could not be read again";
     EXPECT_EQ(test::read_file(path), full);
     store(path, full + "\n");
-    EXPECT_EQ(core_opt_get_int(open(path).get(), "a", 7), 7) << "above the limit";
+    const options beyond = open(path);
+    EXPECT_EQ(core_opt_get_int(beyond.get(), "a", 7), 7);
+    EXPECT_EQ(core_opt_save(beyond.get()), 0);
+    EXPECT_EQ(test::read_file(path), full + "\n") << "above the limit it is left alone";
     EXPECT_EQ(core_fremove(path.c_str()), 1);
     EXPECT_EQ(core_mkdir(path.c_str()), 1);
     core_opt_set(o.get(), "b", nullptr);

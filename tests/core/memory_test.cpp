@@ -1,7 +1,7 @@
 // Blocks of memory and what holds them: buffers, lists, queues, posted calls, pairs and arrays.
 #include "core/memory.h"
 
-#include "platform/thread_local.h"
+#include "platform/toolchain.h"
 #include "support/fault.h"
 #include "support/held.h"
 #include "support/side_thread.h"

@@ -6,6 +6,7 @@
 
 #include "core/file.h"
 #include "core/memory.h"
+#include "core/module.h"
 #include "core/option.h"
 #include "core/owned.h"
 #include "core/time.h"
@@ -25,9 +26,21 @@ TEST(Option, SaveKeepsTheAccessRightsAndWhatCannotBeOpenedIsNotMissing) {
     const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
     EXPECT_EQ(core_opt_save(opt.get()), 1);
     EXPECT_EQ(std::filesystem::status(path).permissions(), own);
+    for (const char* target : {"options", "not there yet"}) {
+        std::filesystem::create_symlink(target, dir / "link");
+        const test::held<opt_ctx, core_opt_free> linked(core_opt_create((dir / "link").c_str(), CORE_HERE));
+        core_opt_set(linked.get(), "by", "link");
+        EXPECT_EQ(core_opt_save(linked.get()), 1);
+        EXPECT_TRUE(test::read_file(dir / target).starts_with("by=link\n")) << target;
+        EXPECT_TRUE(std::filesystem::remove(dir / "link"));
+    }
     std::filesystem::remove(path);
     std::filesystem::create_symlink(path, path);
     EXPECT_EQ(core_opt_create(path.c_str(), CORE_HERE), nullptr);
+}
+
+TEST(Module, ANameWithItsVersionIsComplete) {
+    EXPECT_TRUE((test::held<dll_ctx, core_dll_close>(core_dll_open("libm.so.6", nullptr, CORE_HERE))));
 }
 
 TEST(File, LostBytesShowWhenItIsSyncedOrClosed) {

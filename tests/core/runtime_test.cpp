@@ -130,6 +130,19 @@ TEST(Log, SinksChooseLogsByNameAndTheSameNameIsOneLog) {
     EXPECT_EQ(core_log_wanted(before.get()), 0);
 }
 
+TEST(Log, ConsoleIsTheErrorStreamUntilASinkTakesItOver) {
+    const std::pair<const char*, bool> cases[] = {{"", true}, {"error", true}, {"console", false}, {"*", false}};
+    for (const auto& [logs, shown] : cases) {
+        keeper sink(logs);
+        sink.then = [] { core_con_printf(1, "from a sink"); };
+        testing::internal::CaptureStderr();
+        core_con_printf(1, "%s", "port\x1b taken");
+        const std::string text = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(text.ends_with(" [console] port\\x1b taken\n"), shown) << logs << text;
+        EXPECT_EQ(text.empty(), !shown);
+    }
+}
+
 TEST(Log, LongLinesAreCutBetweenCharacters) {
     const log_handle log = open_log("long");
     constexpr size_t limit = 16 * 1024;

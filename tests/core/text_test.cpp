@@ -141,6 +141,14 @@ TEST(Json, KeepsNumbersAsExactlyAsTheyFit) {
     }
 }
 
+/// An array of so many numbers.
+std::string values(size_t count) {
+    std::string text = "[0";
+    while (--count)
+        text += ",0";
+    return text + ']';
+}
+
 TEST(Json, RefusesWithThePlaceAndTheReason) {
     const std::pair<const char*, std::vector<std::string>> cases[] = {
         {"1:1: value expected", {"", ",", "]", "tru", "NaN", "+1", "-", ".5"}},
@@ -162,7 +170,8 @@ TEST(Json, RefusesWithThePlaceAndTheReason) {
         {"1:3: control character in a string", {"\"a\nb\"", "\"a\x1f\""}},
         {"1:2: not UTF-8", {"\"\xc0\x80\"", "\"\xe2\x82"}},
         {"1:129: nested too deep", {std::string(129, '[')}},
-        {"text too large", {std::string((64 << 20) + 1, ' ')}}};
+        {"text too large", {std::string((64 << 20) + 1, ' ')}},
+        {"tree too large", {values((64 << 20) / sizeof(json_t) + 1)}}};
     for (const auto& [expected, texts] : cases) {
         for (const std::string& text : texts) {
             char error[100] = "untouched";
@@ -171,7 +180,10 @@ TEST(Json, RefusesWithThePlaceAndTheReason) {
         }
     }
     EXPECT_NE(parse(std::string(128, '[') + std::string(128, ']')), nullptr);
-    EXPECT_NE(parse('1' + std::string((64 << 20) - 1, ' ')), nullptr);
+    for (const std::string& largest :
+         {'1' + std::string((64 << 20) - 1, ' '), '"' + std::string((64 << 20) - 2, 'x') + '"',
+          values((64 << 20) / sizeof(json_t))})
+        EXPECT_NE(parse(largest), nullptr) << largest.size();
 }
 
 TEST(Json, KeepsTheFirstOfAMemberAndZerosAndEncodesWhatHasToBeEscaped) {

@@ -1,8 +1,10 @@
 // Paths that the system's calls would not take as they are, files that are open elsewhere, option files that not
 // everybody may read, and local time by the rules that the system has for each year. Runs with the zone of Berlin.
+#include "platform/windows_path.h"
 #include "support/files.h"
 #include "support/held.h"
 #include "support/scratch.h"
+#include "support/side_thread.h"
 
 #include "core/file.h"
 #include "core/memory.h"
@@ -33,6 +35,34 @@ TEST(File, PathsBeyondTheOldBound) {
     EXPECT_FALSE(core_fopen((dir / "\xff").c_str(), "w", CORE_HERE)) << "not UTF-8";
 }
 
+TEST(File, ARelativePathInADeepFolderGetsTheLongForm) {
+    const test::scratch dir;
+    const std::string deep = dir / std::string(150, 'd').c_str();
+    wchar_t before[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, before);
+    ASSERT_EQ(core_mkdir(deep.c_str()), 1);
+    ASSERT_TRUE(SetCurrentDirectoryW(core::platform::wide_path(deep.c_str()).get()));
+    const std::string name(150, 'n');
+    EXPECT_STREQ(core::platform::wide_path("short").get(), L"short");
+    EXPECT_EQ(std::wstring_view(core::platform::wide_path(name.c_str()).get()).substr(0, 4), L"\\\\?\\");
+    test::write_file(name, {});
+    EXPECT_EQ(core_fremove(name.c_str()), 1);
+    SetCurrentDirectoryW(before);
+}
+
+/// As a scanner would: shared with nobody, for a moment.
+TEST(File, AFileThatIsHeldForAMomentIsReplacedThereafter) {
+    const test::scratch dir;
+    const std::string path = dir / "options";
+    test::write_file(path, test::bytes_of("a=1\n"));
+    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    core_opt_set(opt.get(), "a", "2");
+    const HANDLE scanner = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    const test::side_thread done([&] { Sleep(30), CloseHandle(scanner); });
+    EXPECT_EQ(core_opt_save(opt.get()), 1);
+    EXPECT_EQ(test::read_file(path), "a=2\n");
+}
+
 TEST(File, OpenFileIsReplacedAndRemovedAllTheSame) {
     const test::scratch dir;
     const std::string path = dir / "log", moved = dir / "log.1";
@@ -43,6 +73,11 @@ TEST(File, OpenFileIsReplacedAndRemovedAllTheSame) {
     core_fclose(writer);
     char text[16] = {};
     EXPECT_EQ(core_fread(reader, text, sizeof text), 12U);
+    for (const char* content : {"third", "fourth"}) {
+        test::write_file(moved, test::bytes_of(content));
+        EXPECT_EQ(core_frename(moved.c_str(), path.c_str()), 1);
+        EXPECT_EQ(test::read_file(path), content);
+    }
     EXPECT_EQ(core_frename(path.c_str(), moved.c_str()), 1);
     EXPECT_EQ(core_fremove(moved.c_str()), 1);
     core_fclose(reader);

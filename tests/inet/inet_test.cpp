@@ -10,6 +10,15 @@
 
 namespace {
 
+/// As a constructor of a static object would call it.
+const std::string before_main = [] {
+    const std::string text = net_init();
+    net_free();
+    return text;
+}();
+
+TEST(Lifecycle, TheVersionIsThereBeforeMain) { EXPECT_EQ(before_main, "2015.11.25.154730"); }
+
 /// Whether the library is up, asked as a program would: over the bus.
 bool is_up() {
     const test::held<profile_ctx, profile_close> profile(core_profile_open("graph", CORE_HERE));

@@ -61,7 +61,13 @@ TEST(Refusals, AreToldAndClosingLeavesStandardStreamsOpen) {
     const test::tcp_socket tcp;
     const test::udp_socket udp;
     EXPECT_EQ(net_socket_create(2, 1, 17, CORE_HERE), -1);
-    EXPECT_EQ(net_tcp_connect(tcp, "no.such.host.invalid", 80), -2);
+    for (const char* name : {"no.such.host.invalid", "", "10.0.0.256"}) {
+        sockaddr_in address = receiver_t().address;
+        const auto before = address.sin_addr.s_addr;
+        EXPECT_EQ(net_tcp_connect(tcp, name, 80), -2);
+        EXPECT_EQ(net_addr_setup(address, name, 80), -1);
+        EXPECT_EQ(address.sin_addr.s_addr, before) << name;
+    }
     EXPECT_EQ(net_tcp_listen(udp, "127.0.0.1", 0), -1);
     EXPECT_FALSE(socket_joinGroup(udp, "127.0.0.1", "127.0.0.1"));
     EXPECT_EQ(net_udp_listen(udp, "127.0.0.1", 4242), -1) << "a second time";

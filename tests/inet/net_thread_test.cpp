@@ -93,6 +93,12 @@ TEST(Socket, EachKindOfReadinessHasItsEvent) {
     }
 }
 
+TEST(Socket, WithoutAThreadNothingIsDone) {
+    socket_ctx record, *handle = &record;
+    net_nt_socket_add(nullptr, handle, 5, nt_flag_read, nullptr, callback::run);
+    EXPECT_EQ(handle, &record);
+}
+
 TEST(Socket, RemovedByAnotherCallbackItIsNotCalledThoughItIsReady) {
     scene s;
     s.called.then = s.giving.then = [&] { net_nt_socket_rem(s.nt, s.quiet), net_nt_socket_rem(s.nt, s.later); };
@@ -251,7 +257,8 @@ TEST(Command, ComesAtItsTimeAndNotBefore) {
         uint64_t set;
         int runs;
     } steps[] = {{"not yet", 50, 50'000'001, 0},           {"taken back", 51, 0, 0},  {"set anew", 51, 51'000'000, 1},
-                 {"a replaced time", 51.5, 53'000'000, 1}, {"it", 53, 53'000'000, 2}, {"once", 54, 0, 2}};
+                 {"a replaced time", 51.5, 53'000'000, 1}, {"it", 53, 53'000'000, 2}, {"once", 54, 0, 2},
+                 {"the farthest", 54, UINT64_MAX, 2}};
     for (const auto& [why, now, set, runs] : steps) {
         test_clock::set(now);
         net_nt_command_at(s.command, set);
@@ -266,7 +273,11 @@ TEST(Thread, RunsWhatIsPostedOnItsOwnThreadAndMissesNothing) {
     callback called([&] { EXPECT_EQ(net_nt_need_invoke(thread.nt), 0); });
     thread.start();
     const auto call = [](void*, void* arg) { callback::run(arg); };
-    for (int posts = 1; posts <= 5000; ++posts) {
+    thread.stop();
+    core_cmd_exec(thread.queue, call, &called);
+    thread.start();
+    ASSERT_TRUE(called.reaches(1)) << "posted while it was stopped";
+    for (int posts = 2; posts <= 5000; ++posts) {
         core_cmd_exec(thread.queue, call, &called);
         net_nt_command_exec(thread.command);
         ASSERT_TRUE(called.reaches(posts));

@@ -1,9 +1,12 @@
 // The bounds of a process's descriptors, which only POSIX systems have.
+#include "net_thread/loop.h"
 #include "support/network_thread.h"
 #include "support/sockets.h"
 
+#include "core/time.h"
 #include "inet/net_tcp.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -34,6 +37,21 @@ TEST(Descriptors, AreNotInheritedAndThoseAbove1023AreWatched) {
     net_nt_socket_rem(nt, socket);
     EXPECT_EQ(close(1100), 0);
     bound_descriptors(before);
+}
+
+TEST(Descriptors, AWakePairThatCannotBeMadeIsTriedAgainAfterASecond) {
+    static std::atomic<uint64_t> now = 7'000'000;
+    core_time_set_clock([] { return now.load(); });
+    const rlim_t before = bound_descriptors(3);
+    const test::network_thread nt;
+    nt.pass();
+    bound_descriptors(before);
+    nt.pass();
+    EXPECT_EQ(nt.nt->wake_rd, -1);
+    now += 1'000'000;
+    nt.pass();
+    EXPECT_GE(nt.nt->wake_rd, 0);
+    core_time_set_clock(nullptr);
 }
 
 TEST(Descriptors, WhenTheyRunOutConnectionsAreTurnedAway) {

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # The shared library exports what the public headers mark INET_API, all of it, and nothing else. What is built for Windows
-# depends on DLLs that every Windows has, and on no other.
+# depends on DLLs that every Windows has and takes from its own folder alone, and on no other.
 #   symbols.sh SOURCE-DIR BUILD-DIR
 set -euo pipefail
 source_dir=$1 build_dir=$2
-system='KERNEL32|msvcrt|WS2_32|SHELL32|bcrypt|ADVAPI32|inet'
+system='KERNEL32|msvcrt|WS2_32|SHELL32|ADVAPI32|inet'
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0

@@ -20,6 +20,8 @@ void on_signal(int number) {
 
 std::vector<std::string> arguments(int argc, const char* const* argv) { return {argv, argv + argc}; }
 
+void ask_for_short_ticks() {}
+
 void prepare_console() {}
 
 void note_interrupts(std::atomic<bool>& flag) {

@@ -16,6 +16,9 @@ std::vector<std::string> arguments(int argc, const char* const* argv);
 /// Has the console show UTF-8 and follow escape sequences, until the program ends.
 void prepare_console();
 
+/// Has waits end within a millisecond of their time, until the program ends: media is paced by them.
+void ask_for_short_ticks();
+
 /// Sets `flag` when the user or the system asks the program to end. The second request ends it at once.
 void note_interrupts(std::atomic<bool>& flag);
 

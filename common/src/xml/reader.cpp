@@ -1,7 +1,6 @@
-#include "xml/reader.h"
-
 #include "xml/characters.h"
 #include "xml/namespaces.h"
+#include "xml/tree.h"
 
 #include "core/text.h"
 

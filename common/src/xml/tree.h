@@ -1,11 +1,14 @@
-// What a read document is made of. Everything stands in the document's arena and ends with it.
+// What a read document is made of, and how a text becomes one. Everything stands in the document's arena and ends with
+// it.
 #pragma once
 
 #include "xml/arena.h"
 
 #include "common/xml.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace common::xml {
 
@@ -37,5 +40,14 @@ struct document : node {
 
     arena memory;
 };
+
+/// Why and where a text is refused.
+struct refusal {
+    const char* reason;
+    size_t offset;
+};
+
+/// Reads a text into an empty document. Throws std::bad_alloc. @return false when it is refused.
+bool read(std::string_view text, document* out, refusal* why);
 
 }  // namespace common::xml

@@ -1,7 +1,11 @@
-/// JSON (RFC 8259): a tree read in one go. A text must be UTF-8, with or without a byte order mark; nesting above 128
-/// levels and texts above 64 MiB are refused. So is a \u escape of half a surrogate pair, which is no character. Time
-/// grows with the text; a tree is one block of at most 32 times the bytes of its text and a root. A tree is read-only:
-/// any thread.
+/// JSON (RFC 8259): a tree read in one go. A text must be UTF-8, with or without a byte order mark. A \u escape of half
+/// a surrogate pair is refused, as it is no character. Time grows with the text. A tree is one block and read-only: any
+/// thread.
+///
+/// Bounds, above which a text is refused:
+///     nesting    128 levels
+///     text       64 MiB
+///     tree       64 MiB beside its root: at most 32 times the bytes of its text
 #pragma once
 
 #include "core/api.h"

@@ -1,5 +1,13 @@
 /// Logs by name. The library prints to named logs; the host program decides where lines go by setting sinks. A line
 /// that no sink wants costs one atomic load and formats nothing. Any thread.
+///
+/// The console is the exception. Its lines are those of core_con_printf(), among them every error of the library, which
+/// prints each twice: with core_log_err(), and to the console in red. While no sink wants "console" they go to the
+/// standard error stream, as core_log_sink_console() writes them, so a program sees errors without setting anything.
+/// - To take them over, add a sink that wants "console" (or "*").
+/// - To turn them off, add one that does nothing with them.
+/// - To have them in a file and on the screen, add that file's sink and core_log_sink_console("console").
+/// They go there again when the last such sink is removed.
 #pragma once
 
 #include "core/api.h"
@@ -32,8 +40,8 @@ INET_API void core_log_free(log_ctx*& log) noexcept;
 /// Prints to the log named "error".
 INET_PRINTF(1, 2) INET_API void core_log_err(const char* format, ...) noexcept;
 
-/// Prints a console message: to the sinks that want "console"; the console sink shows it in the colour. Colour codes:
-/// 0 none, 1 red, 2 green, 3 yellow, 4 blue.
+/// Prints a console message: to the sinks that want "console", without one to the standard error stream. A terminal
+/// shows it in the colour. Colour codes: 0 none, 1 red, 2 green, 3 yellow, 4 blue.
 INET_PRINTF(2, 3) INET_API void core_con_printf(int color, const char* format, ...) noexcept;
 
 /// Adds a sink: `write(arg, line)` is called for every line of the logs it wants, on the printing thread, one line at a

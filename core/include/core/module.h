@@ -12,7 +12,8 @@ struct dll_entry_t {
 };
 
 /// Loads a library and looks entry points up. A bare name ("reader") is completed as the system does ("libreader.so",
-/// "reader.dll") and sought beside this library first; a path is taken as it is.
+/// "reader.dll") unless it is complete ("libm.so.6"), and sought beside this library first, then where the system looks.
+/// A path is taken as it is.
 /// @param entries  ends with a null name; may be null
 /// @return the handle, or null when memory is out, the library cannot be loaded or lacks an entry; what it lacks is
 /// then null, and the other entries may not be called. Close with core_dll_close().

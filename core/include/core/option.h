@@ -8,9 +8,10 @@
 
 struct opt_ctx;
 
-/// Opens the options of a file, reading it when it is there; a file above 1 MiB counts as missing. Keys are 1 to 255
-/// bytes without '=' or line ends; values may hold anything (line ends and backslashes are escaped in the file). Of
-/// equal keys in the file the last one counts; lines of another form are passed over, and gone with the next save.
+/// Opens the options of a file, reading it when it is there. Of one above 1 MiB nothing is read, and the handle does not
+/// save. Keys are 1 to 255 bytes without '=' or line ends; values may hold anything (line ends and backslashes are
+/// escaped in the file). Of equal keys in the file the last one counts; lines of another form are passed over, and gone
+/// with the next save.
 /// @return null for a null path, when memory is out, or when the file cannot be read for any other reason than that it
 /// is missing. Release with core_opt_free().
 INET_API opt_ctx* core_opt_create(const char* path, const char* file, int line) noexcept;
@@ -31,8 +32,8 @@ INET_API int core_opt_set_int(opt_ctx* opt, const char* key, int32_t value) noex
 INET_API int core_opt_set_int64(opt_ctx* opt, const char* key, int64_t value) noexcept;
 
 /// Writes the file: a new one beside it ("<path>.new"), flushed to the disk, then renamed over it; it keeps the access
-/// rights. One handle at a time saves to a path. @return 1, or 0 when that failed or the file would pass 1 MiB; the old
-/// file is then untouched.
+/// rights. Where the path is a symbolic link, "it" is the file that the link leads to. One handle at a time saves to a
+/// path. @return 1, or 0 when that failed or the file was or would be above 1 MiB; the old file is then untouched.
 INET_API int core_opt_save(opt_ctx* opt) noexcept;
 
 /// Releases the handle without saving and nulls it.

@@ -1,4 +1,5 @@
-/// Thread-safe FIFO of pointers: any threads enqueue and pop without a lock of their own. The list owns no item.
+/// Thread-safe FIFO of pointers: any threads enqueue and pop. It takes no lock: a thread that is stopped inside a call
+/// holds nobody up. The list owns no item. One entry that was taken stays allocated until the list is released.
 #pragma once
 
 #include "core/api.h"

@@ -9,7 +9,9 @@
 /// Microseconds of a monotonic clock with an arbitrary start, for measuring spans.
 INET_API uint64_t core_timer() noexcept;
 
-/// Microseconds since 1970-01-01 UTC; never below what it returned before, also when the system clock is set back.
+/// Microseconds since 1970-01-01 UTC, never below what it returned before. When the system clock is set back, it returns
+/// the last time again and again until the clock has come up to that. Spans are measured with core_timer(), which goes
+/// on.
 INET_API uint64_t time_now() noexcept;
 
 /// The same shifted by the local offset from UTC, so that core_timeUtc() gives local calendar fields.

@@ -38,6 +38,26 @@ bool remove_file(const char* path) noexcept { return unlink(path) == 0; }
 
 bool rename_file(const char* from, const char* to) noexcept { return std::rename(from, to) == 0; }
 
+bool follow_links(const char* path, char* out, size_t size) noexcept {
+    constexpr int most_links = 40;  // as many as the kernel follows
+    const auto put = [&](size_t at, const char* text, size_t length) {
+        if (at + length >= size) return false;
+        std::memcpy(out + at, text, length);
+        out[at + length] = 0;
+        return true;
+    };
+    if (!put(0, path, std::strlen(path))) return false;
+    char target[4096];
+    for (int links = 0; links < most_links; ++links) {
+        const ssize_t length = readlink(out, target, sizeof target);
+        if (length < 0) return true;
+        const char* const slash = std::strrchr(out, '/');
+        const size_t directory = slash && target[0] != '/' ? static_cast<size_t>(slash - out) + 1 : 0;
+        if (!put(directory, target, static_cast<size_t>(length))) return false;
+    }
+    return false;
+}
+
 void sync_entry(const char* path) noexcept {
     const char* slash = std::strrchr(path, '/');
     char directory[4096] = ".";

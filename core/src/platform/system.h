@@ -34,6 +34,9 @@ bool is_terminal(std::FILE* file) noexcept;
 bool remove_file(const char* path) noexcept;
 /// Replaces `to` in one step.
 bool rename_file(const char* from, const char* to) noexcept;
+/// The file that a path leads to when it is a symbolic link, also one that is not there yet; else the path as it is.
+/// @return false when links lead in a circle or the result does not fit
+bool follow_links(const char* path, char* out, size_t size) noexcept;
 /// Puts the directory entry of `path` onto the disk, where the file system can.
 void sync_entry(const char* path) noexcept;
 /// True also when the directory is there already.

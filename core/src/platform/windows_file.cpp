@@ -4,6 +4,7 @@
 #include <aclapi.h>
 #include <cerrno>
 #include <cstring>
+#include <cwchar>
 #include <fcntl.h>
 #include <io.h>
 #include <iterator>
@@ -71,6 +72,59 @@ const open_mode* find_mode(std::string_view mode) noexcept {
     return nullptr;
 }
 
+bool is_directory(const wchar_t* path) noexcept {
+    const DWORD attributes = GetFileAttributesW(path);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+// FILE_RENAME_INFO and its class as of Windows 10 1607: MinGW-w64's headers declare them for later systems alone.
+struct rename_request {
+    static constexpr auto information = static_cast<FILE_INFO_BY_HANDLE_CLASS>(22);  // FileRenameInfoEx
+    static constexpr DWORD replace_if_exists = 1;
+    static constexpr DWORD posix_semantics = 2;
+
+    DWORD flags;
+    HANDLE root;
+    DWORD bytes;
+    wchar_t name[wide_path::room];
+};
+
+/// Replaces a file that others have open: they keep what they had, under no name. Older systems, and file systems that
+/// cannot do so, refuse with ERROR_INVALID_PARAMETER and the like.
+bool replace_in_use(const wchar_t* from, const wchar_t* to) noexcept {
+    constexpr DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_WRITE_THROUGH;
+    const owned_handle file =
+        own(CreateFileW(from, DELETE | SYNCHRONIZE, share_all, nullptr, OPEN_EXISTING, flags, nullptr));
+    rename_request request{.flags = rename_request::replace_if_exists | rename_request::posix_semantics,
+                           .root = nullptr,
+                           .bytes = static_cast<DWORD>(std::wcslen(to) * sizeof(wchar_t)),
+                           .name = {}};
+    std::wcscpy(request.name, to);
+    return file && SetFileInformationByHandle(file.get(), rename_request::information, &request, sizeof request);
+}
+
+bool move_file(const wchar_t* from, const wchar_t* to) noexcept {
+    return MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+}
+
+/// The same in two steps, where there is no better way: a file that others have open can be moved aside. A crash between
+/// the two leaves it under that name.
+bool replace_moved_aside(const wchar_t* from, const wchar_t* to) noexcept {
+    wchar_t aside[wide_path::room + 16];
+    std::swprintf(aside, std::size(aside), L"%ls.%08lx", to, GetTickCount());
+    if (!move_file(to, aside)) return false;
+    const bool moved = move_file(from, to);
+    if (moved)
+        DeleteFileW(aside);
+    else
+        move_file(aside, to);
+    return moved;
+}
+
+bool may_pass(DWORD error) noexcept {
+    return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION || error == ERROR_ACCESS_DENIED;
+}
+
 int errno_of(DWORD error) noexcept {
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? ENOENT : EACCES;
 }
@@ -134,8 +188,36 @@ bool remove_file(const char* path) noexcept {
 bool rename_file(const char* from, const char* to) noexcept {
     const wide_path wide_from(from);
     const wide_path wide_to(to);
-    return wide_from.get() && wide_to.get() &&
-           MoveFileExW(wide_from.get(), wide_to.get(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    if (!wide_from.get() || !wide_to.get()) return false;
+    // Who opened the target without sharing it, such as a scanner, is done with it soon.
+    constexpr int tries = 20;
+    constexpr DWORD pause = 10;  // milliseconds
+    for (int tried = 1;; ++tried) {
+        if (replace_in_use(wide_from.get(), wide_to.get())) return true;
+        const bool known = may_pass(GetLastError());
+        if (move_file(wide_from.get(), wide_to.get())) return true;
+        if (!may_pass(GetLastError()) || is_directory(wide_to.get())) return false;
+        if (!known && replace_moved_aside(wide_from.get(), wide_to.get())) return true;
+        if (tried == tries) return false;
+        Sleep(pause);
+    }
+}
+
+bool follow_links(const char* path, char* out, size_t size) noexcept {
+    const size_t length = std::strlen(path);
+    if (length >= size) return false;
+    std::memcpy(out, path, length + 1);
+    const wide_path wide(path);
+    const DWORD attributes = wide.get() ? GetFileAttributesW(wide.get()) : INVALID_FILE_ATTRIBUTES;
+    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) return true;
+    const owned_handle target =
+        own(CreateFileW(wide.get(), 0, share_all, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    wchar_t full[4096];
+    const auto room = static_cast<DWORD>(std::size(full));
+    if (!target) return false;
+    const DWORD written = GetFinalPathNameByHandleW(target.get(), full, room, FILE_NAME_NORMALIZED);
+    return written != 0 && written < room &&
+           WideCharToMultiByte(CP_UTF8, 0, full, -1, out, static_cast<int>(size), nullptr, nullptr) > 0;
 }
 
 // rename_file() has waited for it.
@@ -146,8 +228,7 @@ bool make_directory(const char* path) noexcept {
     if (!wide.get()) return false;
     if (CreateDirectoryW(wide.get(), nullptr)) return true;
     if (GetLastError() != ERROR_ALREADY_EXISTS) return false;
-    const DWORD attributes = GetFileAttributesW(wide.get());
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+    return is_directory(wide.get());
 }
 
 bool remove_directory(const char* path) noexcept {

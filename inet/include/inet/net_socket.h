@@ -5,7 +5,8 @@
 /// argument or an unresolvable host. Descriptors are not inherited by child processes; a peer that is gone never raises
 /// a signal. What is logged goes to core_log_err() and, in red, to core_con_printf().
 ///
-/// Host names are dotted IPv4 addresses or names; of a name the first address is used. Looking a name up blocks.
+/// Host names are dotted IPv4 addresses or names; of a name the first address is used, and an empty one is none. Looking
+/// a name up blocks.
 #pragma once
 
 #include "core/api.h"
@@ -61,7 +62,8 @@ INET_API void socket_free() noexcept;
 /// @return the descriptor, or -1. Close it with net_socket_close().
 INET_API int net_socket_create(int family, int type, int protocol, const char* file, int line) noexcept;
 
-/// Accepts one connection, with socket_options() applied, and registers it.
+/// Accepts one connection that is there, with socket_options() applied, and registers it. The listening socket is
+/// non-blocking, as net_socket_create() leaves it.
 /// @param peer  receives the remote address; may be null
 /// @return the descriptor, to be closed with net_socket_close(), or -1.
 INET_API int net_socket_accept(int fd, sockaddr_in* peer, const char* file, int line) noexcept;
@@ -71,7 +73,8 @@ INET_API int net_socket_accept(int fd, sockaddr_in* peer, const char* file, int 
 /// A socket that a network thread watches is first removed there (net::net_nt_socket_rem()).
 INET_API void net_socket_close(int fd) noexcept;
 
-/// Opens two connected, blocking TCP sockets over 127.0.0.1, whatever the first three arguments say.
+/// Opens two connected, blocking TCP sockets over 127.0.0.1, whatever the first three arguments say. Waits a tenth of a
+/// second at the most, should others get in between.
 /// @param fds  receives the connecting and the accepted end, both registered
 /// @return 0, or -1 (for null `fds` the error is socket_error_invalid_argument); then nothing stays open.
 INET_API int net_socket_pair(int family, int type, int protocol, int fds[2], const char* file, int line) noexcept;
@@ -134,9 +137,9 @@ INET_API int net_udp_connect(int fd, const char* host, unsigned short port) noex
 /// -2 for a negative descriptor or an unresolvable host.
 INET_API int net_tcp_connect(int fd, const char* host, unsigned short port) noexcept;
 
-/// Binds and listens with a backlog of 1000. The result of the bind is not checked: when the port is taken the system
-/// may listen on a port of its own choice. Ask net_socket_get_near_port() where that matters. On Windows sockets that
-/// carry the reuse option may listen on one port, and which of them gets a connection is open. A failed listen logs
+/// Binds and listens with a backlog of 1000. The port is the socket's alone, also on Windows, where the reuse option is
+/// taken off it for that. The result of the bind is not checked: when the port is taken the system may listen on a port
+/// of its own choice. Ask net_socket_get_near_port() where that matters. A failed listen logs
 /// "Unable to put the socket in listening mode: %s:%hu".
 /// @return 0, -1 when it cannot listen, -2 when the address cannot be resolved.
 INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept;
@@ -197,7 +200,8 @@ INET_API int net_udp_recv_batch(int fd, received_t* datagrams, uint32_t count) n
 /// Bytes that hold any dotted address and its terminator.
 inline constexpr size_t net_addr_size = 16;
 
-/// Zeroes and fills an address. @param port in host order. @return 0, or -1 when the host cannot be resolved.
+/// Zeroes and fills an address. @param port in host order. @return 0, or -1 when the host cannot be resolved: the
+/// address is then as it was.
 INET_API int net_addr_setup(sockaddr_in& addr, const char* host, unsigned short port) noexcept;
 
 /// Dotted text of an address, cut to `n` bytes with its terminator.

@@ -4,7 +4,7 @@
 /// thread needs no lock. Every net_nt_ function below may be called on any thread, in callbacks too; a change made on
 /// another thread waits while a callback of the very same record runs (so never hold a lock there that the callback
 /// takes). A handle is dead with the call that nulls it; the loop releases the record itself. A null context, or a null
-/// handle where one is needed, makes a call do nothing.
+/// handle where one is needed, makes a call do nothing: a handle that the call would set is left alone.
 ///
 /// A thread watches at most 512 sockets for reading, one of them its own, and 512 for writing; what does not fit is not
 /// watched. A program with more connections opens more threads. Each wait ends after five seconds at the latest. After
@@ -165,7 +165,8 @@ public:
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    /// Starts the thread; `nt` and `command` stay null when it cannot be started. Nothing happens when it runs.
+    /// Starts the thread and runs what was posted while it was stopped. `nt` and `command` stay null when it cannot be
+    /// started. Nothing happens when it runs.
     virtual void start() noexcept;
     /// Stops it; calls still queued wait for the next start. Not in a callback of this very thread.
     virtual void stop() noexcept;

@@ -1,9 +1,20 @@
+// A pass serves ordered commands, waits, serves timers, commands and sockets, and rebuilds: queued calls run, new records
+// come in, dead ones are released, and the sets of the next wait are filled.
+//
+// No wake is lost. Another thread first makes its change (an entry of a list, a count of signals, a time), then sets
+// `wake_ordered`, and writes a byte into the wake pair if the flag was clear. The loop reads the byte, then clears the
+// flag, and only then looks at what others change. So a change is made either
+// - before the flag is cleared: this pass finds it, in the services or in the rebuild; or
+// - after that: its waker finds the flag clear and writes a byte, which ends the next wait. next_wait() does not wait at
+//   all while the flag is set, so the byte may come late, or never, as when there is no pair yet.
+// A callback on the loop's own thread needs no wake: the rebuild comes after every callback and before every wait, and
+// `pass_due` tells that pass what no descriptor will.
 #include "net_thread/loop.h"
 
 #include "net_thread/callback_watch.h"
 #include "net_thread/guard.h"
+#include "report.h"
 
-#include "core/log.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 
@@ -166,7 +177,7 @@ uint32_t socket_events(socket_ctx& socket, uint8_t found) noexcept {
 void give_up_closed(socket_ctx& socket) noexcept {
     if (socket.flags & (nt_flag_removed | nt_flag_closed)) return;
     socket.flags |= nt_flag_closed;
-    core_log_err("network thread: socket %d was closed before it was removed", socket.fd.load());
+    report("network thread: socket %d was closed before it was removed", socket.fd.load());
 }
 
 void service_socket(socket_ctx& socket, uint8_t found) noexcept {
@@ -204,9 +215,10 @@ void watch_socket(nt_ctx& nt, const socket_ctx& socket) noexcept {
     nt.sets.set(socket.fd, flags & (nt_flag_read | nt_flag_listening), flags & (nt_flag_write | nt_flag_connecting));
 }
 
-// Tried again on every pass until it is there.
+// Tried again once a second until it is there: a try costs a tenth of a second at the most.
 void open_wake_pair(nt_ctx& nt) noexcept {
-    if (nt.wake_rd >= 0) return;
+    if (nt.wake_rd >= 0 || now_us() < nt.wake_retry) return;
+    nt.wake_retry = now_us() + second;
     int fds[2];
     if (net_socket_pair(2, 1, 6, fds, nt.file, nt.line) != 0) return;
     socket_options(fds[0]);

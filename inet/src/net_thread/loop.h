@@ -9,6 +9,7 @@
 #include "inet/net_thread.h"
 
 #include <atomic>
+#include <cstdint>
 
 namespace net {
 
@@ -41,6 +42,7 @@ struct nt_ctx {
     std::atomic<int> wake_rd = -1;
     std::atomic<int> wake_wr = -1;
     std::atomic<bool> wake_ordered = false;
+    int64_t wake_retry = INT64_MIN;  // the loop's own: when it may try to make the pair, in microseconds
 
     // From any thread to the loop.
     slist* new_sockets;

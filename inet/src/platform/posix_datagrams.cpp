@@ -1,6 +1,6 @@
 // Many datagrams with few calls: recvmmsg(2), and sendmmsg(2) with segmentation offload (UDP_SEGMENT, udp(7)) where the
 // kernel has it.
-#include "platform/socket_api.h"
+#include "platform/datagram_runs.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,38 +15,25 @@ namespace {
 
 constexpr size_t max_messages = 64;  // of one call
 constexpr size_t max_pieces = 256;   // datagrams of one call
-constexpr size_t max_segments = 64;  // the kernel's bound for one message
-constexpr size_t max_bytes = 65000;  // of one message, with headers below 64 KiB
 
 // An interface without checksum offload refuses segments. Told once, it is not asked again.
 std::atomic<bool> segments_refused{false};
 
+bool read_option(int fd, int level, int name, int& value) noexcept {
+    socklen_t size = sizeof value;
+    return getsockopt(fd, level, name, &value, &size) == 0;
+}
+
+/// Asked once, of the first UDP socket that comes: another one knows nothing of it.
 bool kernel_cuts_segments(int fd) noexcept {
-    static const bool known = [fd] {
-        int size = 0;
-        socklen_t length = sizeof size;
-        return getsockopt(fd, IPPROTO_UDP, UDP_SEGMENT, &size, &length) == 0;
-    }();
-    return known && !segments_refused;
-}
-
-bool same_address(const sockaddr_in* a, const sockaddr_in* b) noexcept {
-    return a == b || (a && b && a->sin_addr.s_addr == b->sin_addr.s_addr && a->sin_port == b->sin_port);
-}
-
-/// Datagrams from the front that one message carries: all of the first one's size, but for the last.
-size_t run_length(std::span<const datagram_t> datagrams) noexcept {
-    const datagram_t& first = datagrams.front();
-    size_t bytes = first.size;
-    size_t count = 1;
-    while (first.size && count < std::min(datagrams.size(), max_segments)) {
-        const datagram_t& next = datagrams[count];
-        bytes += next.size;
-        if (next.size > first.size || next.size == 0 || bytes > max_bytes || !same_address(next.to, first.to)) break;
-        ++count;
-        if (next.size < first.size) break;
+    static std::atomic<bool> asked{false}, known{false};
+    if (!asked) {
+        int value = 0;
+        if (!read_option(fd, SOL_SOCKET, SO_PROTOCOL, value) || value != IPPROTO_UDP) return false;
+        known = read_option(fd, IPPROTO_UDP, UDP_SEGMENT, value);
+        asked = true;
     }
-    return count;
+    return known && !segments_refused;
 }
 
 /// The messages of one call.

@@ -152,14 +152,17 @@ bool set_option(int fd, option which, int value) noexcept {
     return setsockopt(fd, place.level, place.name, &value, sizeof value) == 0;
 }
 
-bool set_non_blocking(int fd) noexcept {
+bool set_blocking(int fd, bool on) noexcept {
     const int flags = fcntl(fd, F_GETFL);
-    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) >= 0;
+    return flags >= 0 && fcntl(fd, F_SETFL, on ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) >= 0;
 }
 
 // Two sockets share a UDP port only when both carry the option, and the system's choice of a free port, too, takes
 // ports of sockets that carry it for free.
 bool set_exclusive(int fd) noexcept { return set_option(fd, option::reuse_address, 0); }
+
+// Two listeners share a port by another option, which is not set here.
+bool set_listener(int fd) noexcept { return set_option(fd, option::reuse_address, 1); }
 
 bool join_group(int fd, in_addr group, in_addr via) noexcept {
     ip_mreq request = {};

@@ -24,7 +24,7 @@ const char* system_error_text(int error) noexcept;
 /// Error pending on a socket, in the numbers of Winsock; reading takes it off.
 int pending_error(int fd) noexcept;
 
-/// A new or accepted socket that child processes do not inherit; -1 when refused.
+/// A new or accepted socket that child processes do not inherit; -1 when refused. The listener does not block.
 int open_socket(int family, int type, int protocol) noexcept;
 int accept_socket(int fd, sockaddr_in* peer) noexcept;
 
@@ -40,10 +40,12 @@ bool peer_address(int fd, sockaddr_in& address) noexcept;
 enum class option { keep_alive, no_delay, reuse_address, receive_buffer, ttl, multicast_ttl, multicast_loop };
 
 bool set_option(int fd, option which, int value) noexcept;
-bool set_non_blocking(int fd) noexcept;
+bool set_blocking(int fd, bool on) noexcept;
 
-/// Before bind: nobody else will share the port, whatever options they set.
+/// Before bind: nobody else will share the port, whatever options they set. The second is for TCP listeners, whose port
+/// can be bound again while connections of the one before are fading away.
 bool set_exclusive(int fd) noexcept;
+bool set_listener(int fd) noexcept;
 
 /// Joins a multicast group on the interface of that address; 0.0.0.0 for the system's choice.
 bool join_group(int fd, in_addr group, in_addr via) noexcept;
@@ -63,11 +65,11 @@ int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept;
 int receive_datagrams(int fd, std::span<received_t> datagrams) noexcept;
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept;
 
-/// Dotted address from text and back.
+/// Dotted address from text and back. A text that is none leaves the address as it was.
 bool parse_address(const char* text, in_addr& address) noexcept;
 void print_address(in_addr address, char (&text)[net_addr_size]) noexcept;
 
-/// First IPv4 address of a host name or dotted address. Blocks. Thread-safe.
+/// First IPv4 address of a host name or dotted address; an empty name is none. Blocks. Thread-safe.
 bool resolve(const char* host, in_addr& address) noexcept;
 
 /// Calls `visit` for every IPv4 interface that is up and not loopback, until it answers false.

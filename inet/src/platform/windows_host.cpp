@@ -6,7 +6,13 @@
 
 namespace net::platform {
 
-bool parse_address(const char* text, in_addr& address) noexcept { return inet_pton(AF_INET, text, &address) == 1; }
+// What the system has read of a text that it then refuses would stay in the record.
+bool parse_address(const char* text, in_addr& address) noexcept {
+    in_addr parsed = {};
+    if (inet_pton(AF_INET, text, &parsed) != 1) return false;
+    address = parsed;
+    return true;
+}
 
 void print_address(in_addr address, char (&text)[net_addr_size]) noexcept {
     if (!inet_ntop(AF_INET, &address, text, sizeof text)) text[0] = '\0';
@@ -14,6 +20,7 @@ void print_address(in_addr address, char (&text)[net_addr_size]) noexcept {
 
 bool resolve(const char* host, in_addr& address) noexcept {
     if (parse_address(host, address)) return true;
+    if (!*host) return false;  // for the system it is this host
     wchar_t name[NI_MAXHOST];
     if (!MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, host, -1, name, NI_MAXHOST)) return false;
     ADDRINFOW hints = {};

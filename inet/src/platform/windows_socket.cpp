@@ -3,6 +3,8 @@
 #include "platform/socket_api.h"
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <mswsock.h>
 #include <ws2tcpip.h>
 
@@ -59,12 +61,62 @@ void adapt(int fd, int type) noexcept {
     }
 }
 
+/// Whether the next call on the socket has something to tell; otherwise the error is "would block", or why not.
+bool is_readable(int fd) noexcept {
+    fd_set one = {.fd_count = 1, .fd_array = {handle_of(fd)}};
+    timeval now{};
+    const int ready = select(0, &one, nullptr, nullptr, &now);
+    if (ready == 0) WSASetLastError(WSAEWOULDBLOCK);
+    return ready > 0;
+}
+
+LPFN_ACCEPTEX find_accept(SOCKET listener) noexcept {
+    GUID id = WSAID_ACCEPTEX;
+    LPFN_ACCEPTEX found = nullptr;
+    DWORD written = 0;
+    WSAIoctl(listener, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &found, sizeof found, &written, nullptr,
+             nullptr);
+    return found;
+}
+
+struct handle_closer {
+    void operator()(void* handle) const noexcept { CloseHandle(handle); }
+};
+
+/// Takes a waiting connection into a socket. Should it have gone meanwhile, the next one is not waited for: "would
+/// block".
+bool accept_into(SOCKET listener, SOCKET accepted) noexcept {
+    static std::atomic<LPFN_ACCEPTEX> known{nullptr};
+    const LPFN_ACCEPTEX accept_ex = known ? known.load() : find_accept(listener);
+    const std::unique_ptr<void, handle_closer> done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!accept_ex || !done) return false;
+    known = accept_ex;
+    constexpr DWORD address = sizeof(sockaddr_in) + 16;
+    constexpr DWORD longest_wait = 50;  // milliseconds
+    char addresses[2 * address];
+    OVERLAPPED call = {};
+    call.hEvent = done.get();
+    DWORD count = 0;
+    if (accept_ex(listener, accepted, addresses, 0, address, address, &count, &call)) return true;
+    if (WSAGetLastError() != WSA_IO_PENDING) return false;
+    if (WaitForSingleObject(done.get(), longest_wait) != WAIT_OBJECT_0) {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a socket is a handle
+        CancelIoEx(reinterpret_cast<HANDLE>(listener), &call);
+    }
+    DWORD flags = 0;
+    if (WSAGetOverlappedResult(listener, &call, &count, TRUE, &flags)) return true;
+    if (WSAGetLastError() == WSA_OPERATION_ABORTED) WSASetLastError(WSAEWOULDBLOCK);
+    return false;
+}
+
 int transfer_size(size_t size) noexcept { return static_cast<int>(std::min<size_t>(size, INT_MAX)); }
 
 bool is_closed(int fd) noexcept {
     int type = 0;
     return get(fd, SO_TYPE, type) != 0 && WSAGetLastError() == WSAENOTSOCK;
 }
+
+static_assert(FD_SETSIZE >= 512, "a network thread watches 512 readers and 512 writers");
 
 /// One of the three sets of a select().
 class descriptor_set {
@@ -150,14 +202,18 @@ int open_socket(int family, int type, int protocol) noexcept {
     return fd;
 }
 
+// Not by accept(): its socket could be inherited by a child that another thread starts before that is forbidden.
 int accept_socket(int fd, sockaddr_in* peer) noexcept {
-    int size = sizeof *peer;
-    const int accepted = descriptor_of(accept(handle_of(fd), generic(peer), peer ? &size : nullptr));
+    if (!is_readable(fd)) return -1;
+    const int accepted = open_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     if (accepted < 0) return -1;
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): a socket is a handle
-    SetHandleInformation(reinterpret_cast<HANDLE>(handle_of(accepted)), HANDLE_FLAG_INHERIT, 0);
-    adapt(accepted, SOCK_STREAM);
-    return accepted;
+    const SOCKET listener = handle_of(fd);
+    if (accept_into(listener, handle_of(accepted)) && set(accepted, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT, listener)) {
+        if (peer) peer_address(accepted, *peer);
+        return accepted;
+    }
+    close_socket(accepted);
+    return -1;
 }
 
 void close_socket(int fd) noexcept {
@@ -170,7 +226,11 @@ bool bind_socket(int fd, const sockaddr_in& address) noexcept {
     return bind(handle_of(fd), generic(&address), sizeof address) == 0;
 }
 
-bool listen_socket(int fd, int backlog) noexcept { return listen(handle_of(fd), backlog) == 0; }
+// A plain backlog is cut to 200.
+bool listen_socket(int fd, int backlog) noexcept {
+    constexpr int largest_plain = 200;
+    return listen(handle_of(fd), backlog > largest_plain ? -backlog : backlog) == 0;  // SOMAXCONN_HINT()
+}
 
 bool connect_socket(int fd, const sockaddr_in& address) noexcept {
     return connect(handle_of(fd), generic(&address), sizeof address) == 0;
@@ -184,15 +244,18 @@ bool set_option(int fd, option which, int value) noexcept {
     return set(fd, place.level, place.name, value);
 }
 
-bool set_non_blocking(int fd) noexcept {
-    u_long on = 1;
-    return ioctlsocket(handle_of(fd), static_cast<long>(FIONBIO), &on) == 0;
+bool set_blocking(int fd, bool on) noexcept {
+    u_long non_blocking = !on;
+    return ioctlsocket(handle_of(fd), static_cast<long>(FIONBIO), &non_blocking) == 0;
 }
 
 // Sharing would let anybody take the port over; the option is refused while reuse is on.
 bool set_exclusive(int fd) noexcept {
     return set_option(fd, option::reuse_address, 0) && set(fd, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, BOOL{TRUE});
 }
+
+// Fading connections do not hinder the next bind here.
+bool set_listener(int fd) noexcept { return set_exclusive(fd); }
 
 bool join_group(int fd, in_addr group, in_addr via) noexcept {
     const ip_mreq request = {.imr_multiaddr = group, .imr_interface = via};

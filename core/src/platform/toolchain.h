@@ -1,4 +1,4 @@
-/// What the address checker of a test build must know about the heads of our blocks; nothing in any other build.
+/// Where compilers and their runtimes differ: the address checker of a test build, the end of thread-local objects.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +17,15 @@
 
 namespace core::platform {
 
+/// Whether the destructor of a thread-local object finds it whole. MinGW-w64's GCC keeps such objects in blocks that it
+/// releases first and runs the destructors afterwards.
+#if defined(__MINGW32__)
+inline constexpr bool thread_locals_end_whole = false;
+#else
+inline constexpr bool thread_locals_end_whole = true;
+#endif
+
+// The heads of our blocks: no other code may touch them.
 #if defined(CORE_ADDRESS_CHECKER)
 inline constexpr bool address_checker = true;
 /// Touching these bytes is a fault from now on.
