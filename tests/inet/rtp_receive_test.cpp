@@ -110,9 +110,9 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpeg) {
         {64, 255, join({{0, 9, 0xFF, 0xFF, 0, 0, 0, 64}, tables}), true, 9, 0},  // one table; the rest is scan
         {1, 255, join({{0, 1, 0, 128}, tables}), true, 0, 0},                    // of 16 bits, taken as of 8
         {0, 50, {}, true, 0, 0},                                                 // tables of appendix A
-        {1, 255, {0, 0, 0, 0, 1}, false, 0, 0},                                  // none
-        {1, 255, {0, 0, 0, 3, 1, 2}, false, 0, 0},
-        {1, 255, {0, 0, 0}, false, 0, 0},
+        {1, 128, {0, 0, 0, 0, 1}, false, 0, 1},                                  // none
+        {1, 255, {0, 0, 0, 3, 1, 2}, false, 0, 1},
+        {1, 255, {0, 0, 0}, false, 0, 1},
         {65, 50, {0, 0, 0}, false, 0, 0},
         {2, 50, {}, false, 0, 1},  // unknown type
     };
@@ -129,6 +129,18 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpeg) {
         EXPECT_EQ(info.restart_interval, restart);
         EXPECT_EQ(be16(owner.media[0], owner.media[0].size() - 2), 0xFFD9U);
     }
+    // Without tables those hold that came with the same Q; 255 has its own in each picture.
+    rtp_owner kept(av::fcc_jpeg);
+    const auto picture_of = [&](uint32_t seq, uint8_t q, const bytes& table) {
+        return packet(seq, join({{0, 0, 0, 0, 1, q}, sizes, {0, 0, 0, uint8_t(table.size())}, table, {'x'}}), true,
+                      seq);
+    };
+    kept.take({picture_of(1, 200, tables), picture_of(2, 200, {}), picture_of(3, 201, {}), picture_of(4, 255, tables),
+               picture_of(5, 255, {})});
+    EXPECT_EQ(kept.order, "FRFF");
+    EXPECT_EQ(kept.media[0], kept.media[1]);
+    EXPECT_EQ(kept.track->discarded, 2U);
+
     rtp_owner owner(av::fcc_jpeg);
     owner.take({packet(1, {0, 0, 0, 0, 2, 50, 80, 45}, false), packet(2, {0, 0, 0, 8, 2, 50, 80, 45, 'x'}),
                 packet(3, {0, 0, 0, 0, 1, 50, 80, 45}, false), packet(4, {0, 1, 0, 0, 1, 50, 80, 45, 'y'})});

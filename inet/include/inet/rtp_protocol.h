@@ -22,7 +22,8 @@
 ///            (types 24 to 27) come as they are. Types 29 to 31 are dropped
 ///   "JPEG"   a picture piece by piece, one a packet: the first with the header that RTP leaves out, the last (marker)
 ///            with EOI. Or the pieces of a file in header extensions, with SOI before the first. Quantisation tables
-///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99
+///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99. A picture of Q 128 to 254
+///            without tables has those that came last with its Q. A picture whose tables are missing is left out
 ///   "PCMU"   "PCMA" "G726": the payload of one packet
 ///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1)
 ///   "META"   a document, ended by the marker bit
@@ -112,7 +113,7 @@ struct trak_t {
                          ///< has grown before the first data behind a gap is handed over, so an owner that wants whole
                          ///< pictures only compares it with its value at the picture's start
     uint32_t late;       ///< packets dropped for an old or repeated number; they stay counted as lost
-    uint32_t discarded;  ///< frames given up: past max_frame, out of memory, or JPEG of an unknown type
+    uint32_t discarded;  ///< frames given up: past max_frame, out of memory, JPEG of unknown type or without its tables
     uint32_t restarts;   ///< steps of the numbers too wide for loss or disorder, which give up what was put together
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
     uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit

@@ -8,6 +8,15 @@
 
 namespace rtp {
 
+/// Quantisation tables that came with a picture (RFC 2435, 3.1.8).
+struct jpeg_tables_t {
+    static constexpr size_t room = 128;
+
+    uint8_t q;  ///< that they belong to; 0 before any came
+    uint8_t size;
+    uint8_t bytes[room];
+};
+
 /// A track with what its counters need from packet to packet. Every track of an Rtp is one.
 struct track_t final : trak_t {
     uint64_t jitter_sum;  ///< in sixteenths of a tick
@@ -16,6 +25,7 @@ struct track_t final : trak_t {
     uint16_t last;        ///< number of the last packet taken
     bool timed;           ///< `transit` is known
     bool skipping;        ///< up to the end of a frame that was given up
+    jpeg_tables_t jpeg_tables;
 };
 
 struct jpeg_header_t;
@@ -44,7 +54,7 @@ private:
     void unpack_h264(std::span<const uint8_t> payload) noexcept;
     void unpack_h264fua(std::span<const uint8_t> payload) noexcept;
     void unpack_jpeg(std::span<const uint8_t> payload) noexcept;
-    bool take_jpeg_tables(std::span<const uint8_t>& scan, std::span<const uint8_t>& tables) noexcept;
+    std::span<const uint8_t> take_jpeg_tables(uint8_t q, std::span<const uint8_t>& scan) noexcept;
     void unpack_jpeg_large(std::span<const uint8_t> payload) noexcept;
     bool begin_jpeg(const jpeg_header_t& header, std::span<const uint8_t>& scan) noexcept;
     void unpack_pcmu(std::span<const uint8_t> payload) noexcept;
