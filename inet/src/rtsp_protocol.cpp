@@ -62,6 +62,8 @@ void Rtsp::set_frame_limit(uint32_t bytes) noexcept { session::of(*this).setting
 
 void Rtsp::set_parameter_sets(parameter_sets_t where) noexcept { session::of(*this).settings.parameter_sets = where; }
 
+void Rtsp::set_prompt(bool on) noexcept { session::of(*this).settings.prompt = on; }
+
 int Rtsp::open(const char* uri) noexcept { return session::of(*this).begin(uri); }
 
 int Rtsp::set_uri(const char* uri) noexcept { return session::of(*this).talk.set_location(uri); }
