@@ -171,6 +171,28 @@ TEST_F(Stream, KeyPicturesCarryTheParameterSetsThatAreKnown) {
     EXPECT_TRUE(std::ranges::equal(key_picture, std::span(entry.frame.data, entry.frame.size)));
 }
 
+TEST_F(Stream, ReportsAreConvertedOnceAndDocumentsStay) {
+    const std::string report =
+        R"( [{"objects":[{"rectangle":{"type_graphic":3,"id":7,"points":[{"x":1,"y":2},{"x":3,"y":4}]}}]}])";
+    const std::string document = "<tt:MetadataStream/>";
+    const auto pushed = [&](const std::string& text) {
+        return push(av::fcc_meta, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), true);
+    };
+    ASSERT_EQ(cursor_.open(*stream_, {}), 1);
+    EXPECT_EQ(pushed("[]"), 1);  // names nothing
+    EXPECT_EQ(stream_->ready() * 10 + static_cast<int>(stream_->status().held), 10);
+    EXPECT_EQ(pushed(report), 1);
+    EXPECT_EQ(pushed(document), 1);
+    media::entry_t entry;
+    ASSERT_EQ(cursor_.next(entry), read_t::format);
+    ASSERT_EQ(cursor_.next(entry), read_t::frame);
+    const auto text = [&] { return std::string(entry.frame.data, entry.frame.data + entry.frame.size); };
+    EXPECT_TRUE(text().starts_with("<?xml") && text().ends_with("</tt:MetadataStream>")) << text();
+    ASSERT_EQ(cursor_.next(entry), read_t::frame);
+    EXPECT_EQ(text(), document);
+    EXPECT_EQ(entry.frame.fcc, av::fcc_meta);
+}
+
 TEST_F(Stream, MediaTimeRunsOnWhereTheSourceJumps) {
     ASSERT_EQ(cursor_.open(*stream_, {}), 1);
     constexpr int64_t hour = 3600 * int64_t{second};

@@ -26,6 +26,9 @@ public:
     Packets(const Packets&) = delete;
     Packets& operator=(const Packets&) = delete;
 
+    /// As Rtp::set_all_sound().
+    void set_all_sound(bool on) noexcept;
+
     /// Cuts a frame of one of the formats that Rtp::pack() takes. Drops what was cut before.
     /// @return 1; 0 for null, for a frame that makes no packet, or when memory is out: there are no packets then
     int cut(const av::frame_t* frame) noexcept;

@@ -14,7 +14,12 @@
 ///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band. Above 2040 pixels either way, the whole
 ///            file in a header extension
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
-///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"; nothing when it names no object
+///   "PCMA"   the same, with Rtp::set_all_sound()
+///   "mp4a"   AAC, with Rtp::set_all_sound(): an access unit in a packet, or in pieces of at most 1384 bytes, behind
+///            one AU header of 13 bits size and 3 bits index (RFC 3640, 3.3.6). Nothing for one above 8191 bytes. The
+///            marker bit on the last
+///   "META"   sent like "UNIV". A report (net_analytics_is_report()) is converted by net_analytics_convert(): nothing
+///            when it names no object. Anything else is a document, which is sent as it is
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
 ///
 ///   format   what event 3 brings of received packets
@@ -25,7 +30,8 @@
 ///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99. A picture of Q 128 to 254
 ///            without tables has those that came last with its Q. A picture whose tables are missing is left out
 ///   "PCMU"   "PCMA" "G726": the payload of one packet
-///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1)
+///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1). With trak_t::au_size_bits, each access
+///            unit by itself, put together from its pieces, with the time that follows from its place in the packet
 ///   "META"   a document, ended by the marker bit
 ///
 /// Every byte received counts as hostile. Bounds for one peer:
@@ -118,6 +124,11 @@ struct trak_t {
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
     uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
     uint8_t bye;         ///< 1 when the sender said BYE (RFC 3550, 6.6) and no packet has been taken since
+
+    // Received "mp4a" (RFC 3640, 4.1), set by the owner, each at most 32.
+    uint8_t au_size_bits;   ///< sizeLength; 0: access units are not told apart
+    uint8_t au_index_bits;  ///< indexLength
+    uint8_t au_delta_bits;  ///< indexDeltaLength. Interleaved units come in the order in which they were sent
 };
 
 class Rtp;
@@ -167,6 +178,9 @@ public:
     /// force until the next call, which may come from inside on_rtp_event() for events 0 and 2 to move on.
     /// @param room  packet_size writable bytes of any alignment, valid until the next call; null for the object's own
     void set_packet_room(uint8_t* room) noexcept;
+
+    /// Whether "PCMA" and "mp4a" are sent as well; off until set.
+    void set_all_sound(bool on) noexcept;
 
     /// Clock of the RTP time in sender reports; report_clock_t::ntp until set.
     void set_report_clock(report_clock_t clock) noexcept;

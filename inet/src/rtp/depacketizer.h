@@ -17,6 +17,16 @@ struct jpeg_tables_t {
     uint8_t bytes[room];
 };
 
+/// How far the access units of a packet are apart, learned from packet to packet.
+struct unit_pace_t {
+    static constexpr uint32_t usual = 1024;  ///< samples of an AAC access unit
+
+    uint32_t ticks;      ///< 0 before it is known
+    uint32_t count;      ///< whole units of the last packet
+    uint32_t timestamp;  ///< of the last packet, as is
+    uint16_t seq;
+};
+
 /// A track with what its counters need from packet to packet. Every track of an Rtp is one.
 struct track_t final : trak_t {
     uint64_t jitter_sum;  ///< in sixteenths of a tick
@@ -26,6 +36,7 @@ struct track_t final : trak_t {
     bool timed;           ///< `transit` is known
     bool skipping;        ///< up to the end of a frame that was given up
     jpeg_tables_t jpeg_tables;
+    unit_pace_t unit_pace;
 };
 
 struct jpeg_header_t;
@@ -60,6 +71,9 @@ private:
     void unpack_pcmu(std::span<const uint8_t> payload) noexcept;
     void unpack_univ(std::span<const uint8_t> payload) noexcept;
     void unpack_mp4a(std::span<const uint8_t> payload) noexcept;
+    void take_units(std::span<const uint8_t> headers, size_t header_bits, std::span<const uint8_t> units) noexcept;
+    void take_unit_piece(size_t size, std::span<const uint8_t> piece) noexcept;
+    void learn_pace() noexcept;
 
     Rtp& rtp_;
     track_t* trak_ = nullptr;  // of the packet at hand

@@ -110,7 +110,9 @@ public:
     int declare(kind_t kind, const format_t& format) noexcept;
 
     /// Takes a frame. The payload is shared, not copied, unless the frame borrows it. A track that was not declared
-    /// begins with its first frame. A key picture without parameter sets gets those that are known.
+    /// begins with its first frame. A key picture without parameter sets gets those that are known. A report of "META"
+    /// (inet/net_analytics.h) is converted to its document, once for all readers; it leaves nothing when it names no
+    /// object.
     /// @return 1; 0 when it is not taken: a picture before the first key picture, or the first after a gap; no data; a
     ///         format other than the track's; a stream that has ended; a frame above a bound; memory is out
     int push(const av::frame_t& frame, const timing_t& timing = {}) noexcept;
@@ -144,6 +146,7 @@ private:
     friend class cursor;
     explicit stream(inside* made) noexcept : inside_(made) {}
     int take(const av::frame_t& frame, const timing_t& timing) noexcept;
+    int take_report(const av::frame_t& frame, const timing_t& timing) noexcept;
     ~stream() = default;
 
     inside* inside_;
