@@ -200,7 +200,14 @@ int stream::take(const av::frame_t& frame, const timing_t& timing) noexcept {
             return 0;
         }
         taken.kind = kind;
-        taken.frame.time = in.clock.take(kind, frame.time, now);
+        uint64_t time = frame.time;
+        if (timing.of_display && frame.fcc == av::fcc_h264) {
+            const auto shown = static_cast<int64_t>(frame.time);
+            const int64_t decoded = in.decoding.take(shown, taken.format->reordered);
+            time = static_cast<uint64_t>(decoded);
+            taken.frame.shown_after = static_cast<uint32_t>(std::max<int64_t>(shown - decoded, 0));
+        }
+        taken.frame.time = in.clock.take(kind, time, now);
         taken.utc = timing.utc;
         taken.arrival = now;
         taken.gaps = in.gaps;
@@ -223,6 +230,7 @@ void stream::gap() noexcept {
     inside_->wants_key = true;
     inside_->key = no_number;
     inside_->clock.gap();
+    inside_->decoding.gap();
 }
 
 void stream::end() noexcept {

@@ -218,6 +218,30 @@ TEST_F(Stream, MediaTimeRunsOnWhereTheSourceJumps) {
     }
 }
 
+// In pictures of 40 ms.
+TEST(DecodingClock, NeverRunsBackAndIsNoLaterThanTheDisplay) {
+    const struct {
+        const char* what;
+        uint32_t told;
+        std::vector<int64_t> shown, decoded;
+    } cases[] = {
+        {"in order", 0, {0, 1, 2, 5}, {0, 1, 2, 5}},
+        {"one ahead", 1, {0, 3, 1, 2, 6, 4, 5, 9}, {-1, 0, 1, 2, 3, 4, 5, 6}},
+        {"two ahead", 2, {0, 4, 2, 1, 3, 8, 6, 5}, {-2, -1, 0, 1, 2, 3, 4, 5}},
+        {"learned", 0, {0, 3, 1, 2, 6, 4, 5, 9, 7}, {0, 3, 3, 3, 3, 4, 5, 6, 7}},
+        {"told more than is", 2, {0, 1, 2, 3, 4}, {-2, -1, 0, 1, 2}},
+        {"another clock", 1, {0, 3, 1, 1000, 1003, 1001, 500}, {-1, 0, 1, 999, 1000, 1001, 499}},
+    };
+    constexpr int64_t step = 40'000;
+    for (const auto& [what, told, shown, decoded] : cases) {
+        media::decoding_clock clock;
+        std::vector<int64_t> found;
+        for (const int64_t each : shown)
+            found.push_back(clock.take(each * step, told) / step);
+        EXPECT_EQ(found, decoded) << what;
+    }
+}
+
 TEST_F(Stream, DemandIsToldWhenReadersComeAndStayAway) {
     std::string told;
     const auto tell_it = [](void* arg, int yes) { *static_cast<std::string*>(arg) += yes ? '+' : '-'; };

@@ -16,8 +16,8 @@
 /// status_t::key is 0. A stream without video is held for two seconds; its readers begin at the present.
 ///
 /// Two clocks. The media time of a frame is steady and never runs back in decoding order: the time that its source
-/// gave (av::frame_t::time, microseconds since 1970), corrected where that time jumps. The wall clock is the source's
-/// own, where it is known.
+/// gave (av::frame_t::time, microseconds since 1970), corrected where that time jumps. A picture is shown
+/// av::frame_t::shown_after behind its media time. The wall clock is the source's own, where it is known.
 ///
 /// Any thread may use a stream. A cursor belongs to one thread. No call of these throws.
 #pragma once
@@ -56,6 +56,9 @@ struct format_t {
 /// What a source knows of a frame beside av::frame_t.
 struct timing_t {
     uint64_t utc = 0;  ///< wall clock of the source in microseconds since 1970; 0 for not known
+    bool of_display = false;  ///< the time of an H.264 picture is that of its display: when it is decoded follows from
+                              ///< the order of these times. The SPS tells how far pictures change places. Where it does
+                              ///< not, the first ones that do are shown with the one before them
 };
 
 /// A frame as a cursor shows it. Valid until the cursor's next call.
