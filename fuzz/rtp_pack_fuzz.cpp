@@ -17,6 +17,7 @@ struct stream_t : rtp::IRtp {
     template <class Pack>
     stream_t(uint32_t fcc, uint32_t source, Pack pack) : ssrc(source) {
         object.set_handler(this);
+        object.set_all_sound(true);
         rtp::trak_t* const track = object.add_trak(26, fcc);
         require(track || fuzz::starved);
         if (!track) return;
@@ -57,7 +58,8 @@ struct stream_t : rtp::IRtp {
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
-    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ, av::fcc_meta};
+    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ,
+                                    av::fcc_meta, av::fcc_pcma, av::fcc_mp4a};
     if (input.empty()) return;
     av::frame_t frame{};
     frame.fcc = formats[input[0] % std::size(formats)];
@@ -65,6 +67,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     frame.data = input.data() + 1;
     frame.size = static_cast<uint32_t>(input.size() - 1);
     rtp::Packets packets(CORE_HERE);
+    packets.set_all_sound(true);
     packets.cut(&frame);
     const uint32_t before = packets.count();
     packets.cut(&frame);  // what was cut before is gone

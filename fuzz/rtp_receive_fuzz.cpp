@@ -14,9 +14,9 @@
 namespace {
 
 constexpr std::tuple<uint8_t, uint32_t, double> formats[] = {
-    {0, av::fcc_pcmu, 8000},    {2, av::fcc_g726, 8000},    {8, av::fcc_pcma, 8000},
-    {26, av::fcc_jpeg, 90000},  {96, av::fcc_h264, 90000},  {97, av::fcc_mp4a, 44100},
-    {107, av::fcc_meta, 90000}, {108, av::fcc_univ, 90000}, {109, av::fcc_h264, 0}};
+    {0, av::fcc_pcmu, 8000},    {2, av::fcc_g726, 8000},   {8, av::fcc_pcma, 8000},   {26, av::fcc_jpeg, 90000},
+    {96, av::fcc_h264, 90000},  {97, av::fcc_mp4a, 44100}, {98, av::fcc_mp4a, 48000}, {107, av::fcc_meta, 90000},
+    {108, av::fcc_univ, 90000}, {109, av::fcc_h264, 0}};
 
 struct stream_t : rtp::IRtp {
     void on_rtp_event(rtp::Rtp* from, rtp::event_t::enum_t event) noexcept override {
@@ -54,6 +54,9 @@ void fuzz_target(std::span<const uint8_t> input) {
         rtp::trak_t* const track = stream.rtp.add_trak(pt, fcc);
         if (!track || !stream.order) return require(fuzz::starved);
         track->clock_rate = rate;
+        if (pt != 98) continue;
+        track->au_size_bits = 13;
+        track->au_index_bits = track->au_delta_bits = 3;
     }
     uint32_t packets = 0;
     uint64_t now = 1;

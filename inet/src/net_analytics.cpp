@@ -143,6 +143,13 @@ char* convert(const char* json, std::string_view time, const char* file, int lin
 
 }  // namespace
 
+int net_analytics_is_report(const uint8_t* data, uint32_t size) noexcept {
+    constexpr std::string_view blanks = " \t\r\n";
+    const std::string_view text(reinterpret_cast<const char*>(data), data ? size : 0);
+    const size_t first = text.find_first_not_of(blanks);
+    return first != std::string_view::npos && text[first] == '[' ? 1 : 0;
+}
+
 char* net_analytics_convert(const char* json, uint64_t time, const char* file, int line) noexcept {
     char text[64];
     const uint32_t size = time_format(time, "%Y-%m-%dT%H:%M:%S.%sZ", text, sizeof(text));

@@ -62,6 +62,14 @@ void Rtsp::set_frame_limit(uint32_t bytes) noexcept { session::of(*this).setting
 
 void Rtsp::set_parameter_sets(parameter_sets_t where) noexcept { session::of(*this).settings.parameter_sets = where; }
 
+void Rtsp::set_all_sound(bool on) noexcept {
+    conversation& talk = session::of(*this).talk;
+    talk.all_sound = on;
+    talk.rtp.set_all_sound(on);
+}
+
+void Rtsp::set_prompt(bool on) noexcept { session::of(*this).settings.prompt = on; }
+
 int Rtsp::open(const char* uri) noexcept { return session::of(*this).begin(uri); }
 
 int Rtsp::set_uri(const char* uri) noexcept { return session::of(*this).talk.set_location(uri); }
@@ -75,9 +83,9 @@ void Rtsp::set_send_limit(uint32_t bytes) noexcept {
     if (server* const to = session::of(*this).as_server()) to->frames().set_limit(bytes);
 }
 
-trak_t* Rtsp::add_trak(uint32_t fcc, const char* name, const char* file, int line) noexcept {
+trak_t* Rtsp::add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept {
     server* const to = session::of(*this).as_server();
-    return to ? to->add_trak(fcc, name, file, line) : nullptr;
+    return to ? to->add_trak(fcc, name, sound, file, line) : nullptr;
 }
 
 // Answers

@@ -5,6 +5,7 @@
 #include "avc/fcc.h"
 #include "core/text.h"
 #include "core/time.h"
+#include "inet/net_analytics.h"
 
 #include <algorithm>
 #include <bit>
@@ -156,12 +157,30 @@ bool stream::inside::shape(const av::frame_t& frame, kind_t kind, slot_t& out) n
 }
 
 int stream::push(const av::frame_t& frame, const timing_t& timing) noexcept {
+    const bool fits = frame.data && frame.size <= inside_->limits.bytes;
+    if (fits && frame.fcc == av::fcc_meta && net_analytics_is_report(frame.data, frame.size))
+        return take_report(frame, timing);
     if (frame.payload || !frame.data || frame.size > inside_->limits.bytes) return take(frame, timing);
     // Borrowed bytes are copied before anybody waits.
     av::frame_t own;
     if (!avc_frame_share(&own, &frame, inside_->file, inside_->line)) return 0;
     const int taken = take(own, timing);
     avc_frame_drop(&own);
+    return taken;
+}
+
+int stream::take_report(const av::frame_t& frame, const timing_t& timing) noexcept {
+    const inside& in = *inside_;
+    const core::owned_text json(core_strndup(reinterpret_cast<const char*>(frame.data), frame.size, in.file, in.line));
+    if (!json) return 0;
+    const core::owned_text text(net_analytics_convert(json.get(), frame.time, in.file, in.line));
+    format_t known;
+    if (!text && format(kind_t::meta, &known, nullptr)) return known.fcc == frame.fcc ? 1 : 0;
+    if (!text) return declare(kind_t::meta, {.fcc = frame.fcc});
+    av::frame_t* document = avc_frame_create(frame.fcc, frame.time, text.get(),
+                                             static_cast<uint32_t>(core_strlen(text.get())), in.file, in.line);
+    const int taken = document ? take(*document, timing) : 0;
+    avc_frame_need(document);
     return taken;
 }
 
@@ -181,7 +200,14 @@ int stream::take(const av::frame_t& frame, const timing_t& timing) noexcept {
             return 0;
         }
         taken.kind = kind;
-        taken.frame.time = in.clock.take(kind, frame.time, now);
+        uint64_t time = frame.time;
+        if (timing.of_display && frame.fcc == av::fcc_h264) {
+            const auto shown = static_cast<int64_t>(frame.time);
+            const int64_t decoded = in.decoding.take(shown, taken.format->reordered);
+            time = static_cast<uint64_t>(decoded);
+            taken.frame.shown_after = static_cast<uint32_t>(std::max<int64_t>(shown - decoded, 0));
+        }
+        taken.frame.time = in.clock.take(kind, time, now);
         taken.utc = timing.utc;
         taken.arrival = now;
         taken.gaps = in.gaps;
@@ -204,6 +230,7 @@ void stream::gap() noexcept {
     inside_->wants_key = true;
     inside_->key = no_number;
     inside_->clock.gap();
+    inside_->decoding.gap();
 }
 
 void stream::end() noexcept {

@@ -350,7 +350,7 @@ void watcher::inside::count() noexcept {
 
 // Into the stream goes one track of each kind, the first.
 int watcher::inside::take(const watched_t& got) noexcept {
-    if (into) into->push(got.frame, {.utc = got.utc});
+    if (into) into->push(got.frame, {.utc = got.utc, .of_display = true});
     return frame ? frame(frame_arg, got) : 1;
 }
 

@@ -35,22 +35,33 @@ TEST(RtpPack, CutsAtTheLimitAndMarksByFormat) {
         {av::fcc_h264, 2773, {1399, 1400, 15}, {96, 96, 224}, {0x85, 0x05, 0x45}},
         {av::fcc_pcmu, 0, {}, {}, {}},
         {av::fcc_pcmu, 2777, {1400, 1400, 13}, {224, 224, 224}, {}},
+        {av::fcc_pcma, 1389, {1400, 13}, {224, 224}, {}},
+        {av::fcc_mp4a, 1384, {1400}, {224}, {}},
+        {av::fcc_mp4a, 1385, {1400, 17}, {96, 224}, {}},
+        {av::fcc_mp4a, 8192, {}, {}, {}},  // no AU header can tell its size
         {av::fcc_univ, 1388, {1400}, {224}, {}},
         {av::fcc_univ, 1389, {1400, 13}, {96, 224}, {}},
     };
     for (const auto& [fcc, size, sizes, types, fu] : cases) {
         rtp_owner owner(fcc);
-        const bool h264 = fcc == av::fcc_h264;
+        const bool h264 = fcc == av::fcc_h264, aac = fcc == av::fcc_mp4a;
         const bytes media = h264 ? join({{0xE5}, noise(size - 1)}) : noise(size);
+        if (aac || fcc == av::fcc_pcma) {
+            owner.send(media);
+            EXPECT_EQ(owner.order, "");  // not before it is asked for
+            owner.object.set_all_sound(true);
+        }
         owner.send(h264 ? annex_b({media}) : media);
         ASSERT_EQ(owner.packets.size(), sizes.size()) << size;
         for (size_t i = 0; i < sizes.size(); ++i) {
             EXPECT_EQ(owner.packets[i].size(), sizes[i]);
             EXPECT_EQ(owner.packets[i][1], types[i]);
             EXPECT_TRUE(fu.empty() || be16(owner.packets[i], 12) == (0xFC00U | fu[i]));
+            EXPECT_TRUE(!aac || (be16(owner.packets[i], 12) == 16 && be16(owner.packets[i], 14) == size << 3));
         }
+        if (sizes.empty()) continue;
         const bytes header = fu.empty() ? bytes{} : bytes{0xE5};
-        EXPECT_EQ(join({header, join(payloads(owner, fu.empty() ? 12 : 14))}), media);
+        EXPECT_EQ(join({header, join(payloads(owner, aac ? 16 : fu.empty() ? 12 : 14))}), media);
     }
 }
 
@@ -81,14 +92,16 @@ TEST(RtpPack, SendsMetadataAsItIsAndAnalyticsConvertedAndNothingWithoutAnActiveT
     const bytes data(json.begin(), json.end());  // no NUL behind it
     const core::owned_text text(net_analytics_convert(json.c_str(), some_time, CORE_HERE));
     const bytes converted(text.get(), text.get() + std::strlen(text.get()));
-    for (const auto& [fcc, expected] : {std::pair{av::fcc_meta, converted}, {av::fcc_univ, data}}) {
+    const std::tuple<uint32_t, bytes, bytes> cases[] = {
+        {av::fcc_meta, data, converted}, {av::fcc_univ, data, data}, {av::fcc_meta, converted, converted}};
+    for (const auto& [fcc, given, expected] : cases) {
         rtp_owner frame(fcc), record(fcc);
-        frame.send(data);
-        const auto meta = record_of<av::meta_t>(fcc, data), other = record_of<av::meta_t>(av::fcc_pcmu, data);
+        frame.send(given);
+        const auto meta = record_of<av::meta_t>(fcc, given), other = record_of<av::meta_t>(av::fcc_pcmu, given);
         record.object.pack_meta(&meta);
         record.object.pack_meta(&other);
         record.track->active = 0;
-        record.send(data);
+        record.send(given);
         EXPECT_EQ(join(payloads(frame)), expected);
         EXPECT_TRUE(record.packets == frame.packets && record.reports == frame.reports);
     }

@@ -61,6 +61,46 @@ TEST(RtpReceive, HandsOverWhatThePacketsHold) {
     }
 }
 
+// Sizes of 13 bits and indices of 3, and once 6 and 2: of each access unit, its bytes and its time.
+TEST(RtpReceive, TellsAccessUnitsApart) {
+    struct unit_owner : rtp_owner {
+        unit_owner() : rtp_owner(av::fcc_mp4a, 48000) {}
+        void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override {
+            const buf_t& data = rtp->current->frame;
+            if (event != rtp::event_t::frame) return;
+            units += std::string(data.data, data.data + data.length) + '@' + std::to_string(rtp->current->rtp_time);
+            units += ' ';
+        }
+        std::string units;
+    };
+    const bytes two{0, 32, 0, 0x10, 0, 0x08, 'a', 'b', 'c'}, half{0, 16, 0, 0x20, 'd', 'e'};
+    const std::tuple<const char*, uint8_t, std::vector<bytes>, const char*, uint32_t> cases[] = {
+        {"two in a packet",
+         13,
+         {packet(1, two, true, 0), packet(2, two, true, 4096), packet(3, two, true, 8192)},
+         "ab@0 c@1024 ab@4096 c@6144 ab@8192 c@10240 ",
+         0},  // the second packet tells how long they are
+        {"pieces", 13, {packet(1, half, false), packet(2, half), packet(3, two, true, 9)}, "dede@0 ab@9 c@1033 ", 0},
+        {"a piece lost", 13, {packet(1, half, false), packet(3, half), packet(4, two, true, 9)}, "ab@9 c@1033 ", 1},
+        {"pieces without an end",
+         13,
+         {packet(1, half, false), packet(2, half, false, 9), packet(3, half, true, 9)},
+         "dede@9 ",
+         0},
+        {"more than there is", 13, {packet(1, {0, 32, 0, 0x08, 0, 0x10, 'a', 'b'})}, "a@0 ", 1},
+        {"a header cut short", 13, {packet(1, {0, 31, 0, 0x08, 0, 0x08, 'a', 'b'})}, "a@0 ", 0},
+        {"other headers", 6, {packet(1, {0, 16, 0x08, 0x04, 'a', 'b', 'c'})}, "ab@0 c@1024 ", 0},
+    };
+    for (const auto& [name, size_bits, packets, units, discarded] : cases) {
+        unit_owner owner;
+        owner.track->au_size_bits = size_bits;
+        owner.track->au_index_bits = owner.track->au_delta_bits = size_bits == 6 ? 2 : 3;
+        owner.take(packets);
+        EXPECT_EQ(owner.units, units) << name;
+        EXPECT_EQ(owner.track->discarded, discarded) << name;
+    }
+}
+
 // What is late over the wrap is taken and no loss; a step of more than 3000 is another start of the sender.
 TEST(RtpReceive, TakesNumbersInOrderOnly) {
     const std::tuple<std::vector<uint16_t>, const char*, uint32_t, uint32_t> cases[] = {
@@ -110,9 +150,9 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpeg) {
         {64, 255, join({{0, 9, 0xFF, 0xFF, 0, 0, 0, 64}, tables}), true, 9, 0},  // one table; the rest is scan
         {1, 255, join({{0, 1, 0, 128}, tables}), true, 0, 0},                    // of 16 bits, taken as of 8
         {0, 50, {}, true, 0, 0},                                                 // tables of appendix A
-        {1, 255, {0, 0, 0, 0, 1}, false, 0, 0},                                  // none
-        {1, 255, {0, 0, 0, 3, 1, 2}, false, 0, 0},
-        {1, 255, {0, 0, 0}, false, 0, 0},
+        {1, 128, {0, 0, 0, 0, 1}, false, 0, 1},                                  // none
+        {1, 255, {0, 0, 0, 3, 1, 2}, false, 0, 1},
+        {1, 255, {0, 0, 0}, false, 0, 1},
         {65, 50, {0, 0, 0}, false, 0, 0},
         {2, 50, {}, false, 0, 1},  // unknown type
     };
@@ -129,6 +169,18 @@ TEST(RtpReceive, RebuildsTheHeaderOfAJpeg) {
         EXPECT_EQ(info.restart_interval, restart);
         EXPECT_EQ(be16(owner.media[0], owner.media[0].size() - 2), 0xFFD9U);
     }
+    // Without tables those hold that came with the same Q; 255 has its own in each picture.
+    rtp_owner kept(av::fcc_jpeg);
+    const auto picture_of = [&](uint32_t seq, uint8_t q, const bytes& table) {
+        return packet(seq, join({{0, 0, 0, 0, 1, q}, sizes, {0, 0, 0, uint8_t(table.size())}, table, {'x'}}), true,
+                      seq);
+    };
+    kept.take({picture_of(1, 200, tables), picture_of(2, 200, {}), picture_of(3, 201, {}), picture_of(4, 255, tables),
+               picture_of(5, 255, {})});
+    EXPECT_EQ(kept.order, "FRFF");
+    EXPECT_EQ(kept.media[0], kept.media[1]);
+    EXPECT_EQ(kept.track->discarded, 2U);
+
     rtp_owner owner(av::fcc_jpeg);
     owner.take({packet(1, {0, 0, 0, 0, 2, 50, 80, 45}, false), packet(2, {0, 0, 0, 8, 2, 50, 80, 45, 'x'}),
                 packet(3, {0, 0, 0, 0, 1, 50, 80, 45}, false), packet(4, {0, 1, 0, 0, 1, 50, 80, 45, 'y'})});

@@ -321,6 +321,52 @@ TEST(RtspClient, PutsFramesTogetherAndTellsTornOnes) {
     }
 }
 
+// '!' is the marker, as above.
+TEST(RtspClient, HandsOverPromptlyOnceItKnowsWhereTheSendersFramesEnd) {
+    using units = std::vector<std::string>;
+    const units slice{"!A"}, key{"!gs", "!hp", "!e"}, other_key{"!gt", "!hp", "!e"}, ended{" A", " A", "!A"};
+    const units two{"!A", "!A"}, filled{"!A", "!\x0c"};
+    const struct {
+        const char* what;
+        units first, usual, then;
+        const char* handed_over;  ///< frames, after: 32 pictures, one more, "then", one more, 40 more; torn ones
+    } cases[] = {
+        {"a marker on every unit", key, slice, key, "31 33 34 35 75 0"},
+        {"a marker at the end", ended, ended, ended, "31 33 34 35 75 0"},
+        {"always two slices", two, two, two, "31 33 34 35 75 0"},
+        {"filler behind the slice", filled, filled, filled, "31 33 34 35 75 0"},
+        {"other parameter sets", key, slice, other_key, "31 33 33 34 75 0"},
+        {"a slice behind the last one", slice, slice, two, "31 33 34 35 75 1"},
+        {"filler that was not expected", slice, slice, filled, "31 33 34 35 75 0"},
+    };
+    for (const auto& c : cases) {
+        rtsp_viewer viewer;
+        viewer.session->set_prompt(true);
+        viewer.play(sdp);
+        uint32_t time = 0;
+        uint16_t seq = 0;
+        const auto send = [&](const units& picture) {
+            ++time;
+            for (const std::string& unit : picture)
+                viewer.rtp(0, rtp_packet(96, ++seq, time, unit.substr(1), unit[0] == '!'));
+            return std::to_string(viewer.frames.size());
+        };
+        send(c.first);
+        for (int i = 0; i < 30; ++i)
+            send(c.usual);
+        std::string story = send(c.usual);
+        story += " " + send(c.usual);
+        story += " " + send(c.then);
+        story += " " + send(c.usual);
+        for (int i = 0; i < 39; ++i)
+            send(c.usual);
+        story += " " + send(c.usual) + " ";
+        EXPECT_EQ(story + std::to_string(std::ranges::count(viewer.frames, false, &test::received_t::complete)),
+                  c.handed_over)
+            << c.what;
+    }
+}
+
 TEST(RtspClient, KeepsItsTimeWithinRangeWhateverTheTimestampsClaim) {
     rtsp_viewer viewer;
     viewer.play("v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/1\r\n");

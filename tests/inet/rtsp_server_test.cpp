@@ -9,6 +9,7 @@
 namespace {
 
 using rtsp3::event_t;
+using namespace std::string_literals;
 using test::rtsp_owner;
 
 const std::string date = "Date: Tue, 14 Nov 2023 22:13:20 GMT\r\n";
@@ -143,6 +144,40 @@ TEST(RtspServer, SetsUpTracksOfOneMediumInTurn) {
         owner.status("SETUP rtsp://h/live/video", "Transport: RTP/AVP/TCP\r\n");
     EXPECT_TRUE(owner.session->trak(0U)->set_up && owner.session->trak(1)->set_up && owner.session->trak(3)->set_up);
     EXPECT_NE(owner.session->trak(0U)->rtp->ssrc, owner.session->trak(1)->rtp->ssrc);
+}
+
+TEST(RtspServer, DescribesMoreSoundWhenItIsAskedFor) {
+    uint8_t config[] = {0x11, 0x90};
+    const struct {
+        uint32_t fcc;
+        rtsp3::sound_t sound;
+        const char* described;  ///< behind the payload type; null for not
+    } cases[] = {
+        {av::fcc_pcmu, {}, "97\r\na=recvonly\r\na=control:audio\r\na=rtpmap:97 PCMU/8000/1\r\n"},
+        {av::fcc_pcmu, {16000, 2}, "97\r\na=recvonly\r\na=control:audio\r\na=rtpmap:97 PCMU/16000/2\r\n"},
+        {av::fcc_pcma, {8000, 1}, "8\r\na=recvonly\r\na=control:audio\r\na=rtpmap:8 PCMA/8000/1\r\n"},
+        {av::fcc_pcma, {16000, 1}, "97\r\na=recvonly\r\na=control:audio\r\na=rtpmap:97 PCMA/16000/1\r\n"},
+        {av::fcc_mp4a,
+         {48000, 2, {config, 2}},
+         "97\r\na=recvonly\r\na=control:audio\r\na=rtpmap:97 mpeg4-generic/48000/2\r\na=fmtp:97 streamtype=5;"
+         "profile-level-id=254;mode=AAC-hbr;sizelength=13;indexlength=3;indexdeltalength=3;config=1190\r\n"},
+        {av::fcc_mp4a, {0, 2, {config, 2}}, nullptr},
+        {av::fcc_mp4a, {48000, 2, {}}, nullptr},
+        {av::fcc_g726, {8000, 1}, nullptr},
+    };
+    for (const auto& [fcc, sound, described] : cases) {
+        rtsp_owner owner;
+        owner.session->add_trak(av::fcc_h264, nullptr, CORE_HERE);
+        const bool usual = fcc == av::fcc_pcmu;
+        EXPECT_TRUE(usual || !owner.session->add_trak(fcc, nullptr, sound, CORE_HERE));
+        owner.session->set_all_sound(true);
+        const rtsp3::trak_t* const track = owner.session->add_trak(fcc, nullptr, sound, CORE_HERE);
+        ASSERT_EQ(track != nullptr, described != nullptr);
+        if (!track) continue;
+        EXPECT_EQ(track->rtp->clock_rate, sound.rate ? sound.rate : 8000);
+        owner.session->send_sdp("a", "b", "c", 0, 0);
+        EXPECT_TRUE(owner.sent.ends_with("m=audio 0 RTP/AVP "s + described)) << owner.sent;
+    }
 }
 
 TEST(RtspServer, DescribesTheRangeInSeconds) {

@@ -5,6 +5,8 @@ import re
 import select
 import socket
 import socketserver
+import struct
+import subprocess
 import threading
 from urllib.parse import urlsplit
 
@@ -126,3 +128,55 @@ class Server(LocalServer):
         if method == "SETUP":
             fields.append("Transport: RTP/AVP/TCP;unicast;interleaved=0-1")
         return ("\r\n".join(fields) + "\r\n\r\n" + content).encode()
+
+
+class Sender(Server):
+    """ffmpeg sends a file to each viewer, from its beginning and at its pace; what it sends goes over the viewer's
+    connection. `tracks` has the lines of each in the description, and what ffmpeg is told of it."""
+
+    def __init__(self, path, *tracks):
+        super().__init__()
+        self.path, self.tracks = path, tracks
+
+    def answer(self, request):
+        if request.startswith("DESCRIBE"):
+            media = "".join(f"{lines}a=control:{number}\r\n" for number, (lines, _) in enumerate(self.tracks))
+            content = "v=0\r\no=- 0 0 IN IP4 0.0.0.0\r\ns=x\r\nt=0 0\r\n" + media
+            head = f"RTSP/1.0 200 X\r\nCSeq: 2\r\nContent-Length: {len(content)}\r\n\r\n"
+            self.answers["DESCRIBE"] = (head + content).encode()
+        if request.startswith("SETUP"):
+            granted = re.search(r"CSeq: *\d+", request).group(0) + "\r\n" + re.search(r"Transport:.*", request).group(0)
+            self.answers["SETUP"] = f"RTSP/1.0 200 X\r\nSession: 1\r\n{granted}\r\n\r\n".encode()
+        if request.startswith("PLAY"):
+            self.playing.set()
+        return super().answer(request)
+
+    def talk(self, viewer):
+        self.playing = threading.Event()
+        sender = threading.Thread(target=self.send, args=(viewer, self.playing))
+        sender.start()
+        try:
+            super().talk(viewer)
+        finally:
+            self.over = True
+            self.playing.set()
+            sender.join()
+
+    def send(self, viewer, playing):
+        self.over = False
+        playing.wait()
+        pairs = [udp_pair() for _ in self.tracks]
+        outputs = []
+        for (_, arguments), pair in zip(self.tracks, pairs):
+            outputs += [*arguments, "-f", "rtp", f"rtp://127.0.0.1:{pair[0].getsockname()[1]}?pkt_size=1400"]
+        channels = {each: channel for channel, each in enumerate(sum(pairs, []))}
+        command = ["ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-i", self.path, *outputs]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL) as process, contextlib.suppress(OSError):
+            while not self.over:
+                for each in select.select([*channels], [], [], 0.1)[0]:
+                    packet = each.recv(65536)
+                    viewer.sendall(struct.pack(">cBH", b"$", channels[each], len(packet)) + packet)
+            process.terminate()
+        process.wait()
+        for each in channels:
+            each.close()

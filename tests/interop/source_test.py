@@ -2,9 +2,10 @@
 import re
 import time
 
-from peers import Camera, CameraCase, at_once, clip_file, clip_sound, free_group, picture_hashes, position_in_loop
+from peers import (CODED, Camera, CameraCase, at_once, clip_file, clip_sound, ffmpeg, free_group, picture_hashes,
+                   position_in_loop, tracks_of)
 from player import Player
-from relay import Relay
+from relay import Relay, Sender
 from viewer import ViewerCase, nal_units
 
 LOST = 8
@@ -105,3 +106,35 @@ class Pipe(ViewerCase):
         units = nal_units(self.path("a.h264"))
         self.assertGreater(len(units), 115)
         self.assertEqual(units, self.clip[:len(units)])
+
+
+class Formats(ViewerCase):
+    video = ("m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", ("-map", "0:v", "-c", "copy", "-payload_type", "96"))
+    aac = ("m=audio 0 RTP/AVP 97\r\na=rtpmap:97 MPEG4-GENERIC/48000/2\r\na=fmtp:97 mode=AAC-hbr;sizeLength=13;"
+           "indexLength=3;indexDeltaLength=3;config=1190\r\n", ("-map", "0:a", "-c", "copy", "-payload_type", "97"))
+    alaw = ("m=audio 0 RTP/AVP 8\r\n", ("-map", "0:a", "-c", "copy", "-payload_type", "8"))
+
+    def relayed(self, sound, *encoded):
+        path = self.path(f"{encoded[1]}.mkv")
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25", "-f", "lavfi", "-i", "aevalsrc=random(0)|random(1):s=48000",
+               "-t", "12", "-c:v", "libx264", "-bf", "2", "-g", "25", "-x264-params", "repeat-headers=1", *encoded, path)
+        with Sender(path, self.video, sound) as sender, Camera("--source", f"live={sender.url}") as camera:
+            seen = tracks_of(ffmpeg("-rtsp_transport", "tcp", "-i", camera.url(), "-t", "5", "-map", "0", *CODED))
+        return seen, tracks_of(ffmpeg("-i", path, "-map", "0", *CODED))
+
+    def test_pictures_that_change_places_and_sound_arrive_untouched_and_in_step(self):
+        cases = (self.aac, "-c:a", "aac"), (self.alaw, "-c:a", "pcm_alaw", "-ar", "8000", "-ac", "1")
+        for sound, (seen, sent) in zip(("aac", "alaw"), at_once(lambda case: self.relayed(*case), cases)):
+            offsets = []
+            for stream, least in ("0", 100), ("1", 200 if sound == "aac" else 5):
+                items = [item for item, _ in sent[stream]]
+                first = items.index(seen[stream][0][0])
+                count = len(seen[stream])
+                self.assertGreater(count, least)
+                self.assertEqual([item for item, _ in seen[stream]], items[first:first + count], sound)
+                # Of the first picture the player does not know the time, from whomever it comes.
+                own = [time - sent[stream][first + i][1] for i, (_, time) in enumerate(seen[stream]) if i > 0]
+                self.assertLess(max(own) - min(own), 0.002, (sound, stream))
+                offsets.append(own[0])
+            # The sender leaves out the 21 ms that an encoder of AAC puts in front.
+            self.assertLess(abs(offsets[0] - offsets[1]), 0.025, sound)

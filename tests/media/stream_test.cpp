@@ -171,6 +171,28 @@ TEST_F(Stream, KeyPicturesCarryTheParameterSetsThatAreKnown) {
     EXPECT_TRUE(std::ranges::equal(key_picture, std::span(entry.frame.data, entry.frame.size)));
 }
 
+TEST_F(Stream, ReportsAreConvertedOnceAndDocumentsStay) {
+    const std::string report =
+        R"( [{"objects":[{"rectangle":{"type_graphic":3,"id":7,"points":[{"x":1,"y":2},{"x":3,"y":4}]}}]}])";
+    const std::string document = "<tt:MetadataStream/>";
+    const auto pushed = [&](const std::string& text) {
+        return push(av::fcc_meta, std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), true);
+    };
+    ASSERT_EQ(cursor_.open(*stream_, {}), 1);
+    EXPECT_EQ(pushed("[]"), 1);  // names nothing
+    EXPECT_EQ(stream_->ready() * 10 + static_cast<int>(stream_->status().held), 10);
+    EXPECT_EQ(pushed(report), 1);
+    EXPECT_EQ(pushed(document), 1);
+    media::entry_t entry;
+    ASSERT_EQ(cursor_.next(entry), read_t::format);
+    ASSERT_EQ(cursor_.next(entry), read_t::frame);
+    const auto text = [&] { return std::string(entry.frame.data, entry.frame.data + entry.frame.size); };
+    EXPECT_TRUE(text().starts_with("<?xml") && text().ends_with("</tt:MetadataStream>")) << text();
+    ASSERT_EQ(cursor_.next(entry), read_t::frame);
+    EXPECT_EQ(text(), document);
+    EXPECT_EQ(entry.frame.fcc, av::fcc_meta);
+}
+
 TEST_F(Stream, MediaTimeRunsOnWhereTheSourceJumps) {
     ASSERT_EQ(cursor_.open(*stream_, {}), 1);
     constexpr int64_t hour = 3600 * int64_t{second};
@@ -193,6 +215,30 @@ TEST_F(Stream, MediaTimeRunsOnWhereTheSourceJumps) {
         ASSERT_EQ(cursor_.next(entry), read_t::frame);
         EXPECT_EQ(entry.frame.time - last, expected) << step;
         last = entry.frame.time;
+    }
+}
+
+// In pictures of 40 ms.
+TEST(DecodingClock, NeverRunsBackAndIsNoLaterThanTheDisplay) {
+    const struct {
+        const char* what;
+        uint32_t told;
+        std::vector<int64_t> shown, decoded;
+    } cases[] = {
+        {"in order", 0, {0, 1, 2, 5}, {0, 1, 2, 5}},
+        {"one ahead", 1, {0, 3, 1, 2, 6, 4, 5, 9}, {-1, 0, 1, 2, 3, 4, 5, 6}},
+        {"two ahead", 2, {0, 4, 2, 1, 3, 8, 6, 5}, {-2, -1, 0, 1, 2, 3, 4, 5}},
+        {"learned", 0, {0, 3, 1, 2, 6, 4, 5, 9, 7}, {0, 3, 3, 3, 3, 4, 5, 6, 7}},
+        {"told more than is", 2, {0, 1, 2, 3, 4}, {-2, -1, 0, 1, 2}},
+        {"another clock", 1, {0, 3, 1, 1000, 1003, 1001, 500}, {-1, 0, 1, 999, 1000, 1001, 499}},
+    };
+    constexpr int64_t step = 40'000;
+    for (const auto& [what, told, shown, decoded] : cases) {
+        media::decoding_clock clock;
+        std::vector<int64_t> found;
+        for (const int64_t each : shown)
+            found.push_back(clock.take(each * step, told) / step);
+        EXPECT_EQ(found, decoded) << what;
     }
 }
 

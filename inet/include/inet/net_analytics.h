@@ -16,6 +16,9 @@
 
 #include <cstdint>
 
+/// Whether bytes are a report document and no text that is sent as it is: 1 when the first that is no blank is '['.
+INET_API int net_analytics_is_report(const uint8_t* data, uint32_t size) noexcept;
+
 /// @param time  of the frame, microseconds since 1970-01-01 UTC, written as core_str_from_time() does with
 ///              "%Y-%m-%dT%H:%M:%S.%sZ"
 /// @return a new text for core_mfree(); null when `json` is null, is no JSON array or has no rectangle to show, or when

@@ -26,11 +26,14 @@ public:
     Packets(const Packets&) = delete;
     Packets& operator=(const Packets&) = delete;
 
+    /// As Rtp::set_all_sound().
+    void set_all_sound(bool on) noexcept;
+
     /// Cuts a frame of one of the formats that Rtp::pack() takes. Drops what was cut before.
     /// @return 1; 0 for null, for a frame that makes no packet, or when memory is out: there are no packets then
     int cut(const av::frame_t* frame) noexcept;
 
-    /// Format and time of the frame.
+    /// Format of the frame, and when it is shown.
     uint32_t fcc() const noexcept;
     uint64_t time() const noexcept;
 

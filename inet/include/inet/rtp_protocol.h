@@ -14,7 +14,12 @@
 ///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band. Above 2040 pixels either way, the whole
 ///            file in a header extension
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
-///   "META"   analytics JSON, converted by net_analytics_convert(), sent like "UNIV"; nothing when it names no object
+///   "PCMA"   the same, with Rtp::set_all_sound()
+///   "mp4a"   AAC, with Rtp::set_all_sound(): an access unit in a packet, or in pieces of at most 1384 bytes, behind
+///            one AU header of 13 bits size and 3 bits index (RFC 3640, 3.3.6). Nothing for one above 8191 bytes. The
+///            marker bit on the last
+///   "META"   sent like "UNIV". A report (net_analytics_is_report()) is converted by net_analytics_convert(): nothing
+///            when it names no object. Anything else is a document, which is sent as it is
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
 ///
 ///   format   what event 3 brings of received packets
@@ -22,9 +27,11 @@
 ///            (types 24 to 27) come as they are. Types 29 to 31 are dropped
 ///   "JPEG"   a picture piece by piece, one a packet: the first with the header that RTP leaves out, the last (marker)
 ///            with EOI. Or the pieces of a file in header extensions, with SOI before the first. Quantisation tables
-///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99
+///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99. A picture of Q 128 to 254
+///            without tables has those that came last with its Q. A picture whose tables are missing is left out
 ///   "PCMU"   "PCMA" "G726": the payload of one packet
-///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1)
+///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1). With trak_t::au_size_bits, each access
+///            unit by itself, put together from its pieces, with the time that follows from its place in the packet
 ///   "META"   a document, ended by the marker bit
 ///
 /// Every byte received counts as hostile. Bounds for one peer:
@@ -112,11 +119,16 @@ struct trak_t {
                          ///< has grown before the first data behind a gap is handed over, so an owner that wants whole
                          ///< pictures only compares it with its value at the picture's start
     uint32_t late;       ///< packets dropped for an old or repeated number; they stay counted as lost
-    uint32_t discarded;  ///< frames given up: past max_frame, out of memory, or JPEG of an unknown type
+    uint32_t discarded;  ///< frames given up: past max_frame, out of memory, JPEG of unknown type or without its tables
     uint32_t restarts;   ///< steps of the numbers too wide for loss or disorder, which give up what was put together
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
     uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
     uint8_t bye;         ///< 1 when the sender said BYE (RFC 3550, 6.6) and no packet has been taken since
+
+    // Received "mp4a" (RFC 3640, 4.1), set by the owner, each at most 32.
+    uint8_t au_size_bits;   ///< sizeLength; 0: access units are not told apart
+    uint8_t au_index_bits;  ///< indexLength
+    uint8_t au_delta_bits;  ///< indexDeltaLength. Interleaved units come in the order in which they were sent
 };
 
 class Rtp;
@@ -167,6 +179,9 @@ public:
     /// @param room  packet_size writable bytes of any alignment, valid until the next call; null for the object's own
     void set_packet_room(uint8_t* room) noexcept;
 
+    /// Whether "PCMA" and "mp4a" are sent as well; off until set.
+    void set_all_sound(bool on) noexcept;
+
     /// Clock of the RTP time in sender reports; report_clock_t::ntp until set.
     void set_report_clock(report_clock_t clock) noexcept;
 
@@ -178,8 +193,8 @@ public:
     trak_t* get_trak_fcc(unsigned fcc) const noexcept;
 
     /// Sends a frame on the active track with exactly its fcc. Its packets come first (event 0). A sender report (event
-    /// 2) follows when the track's media time has come to next_rtcp. The timestamp is that of the frame's time. Nothing
-    /// is sent:
+    /// 2) follows when the track's media time has come to next_rtcp. The timestamp is that of the time at which the
+    /// frame is shown (av::frame_t::shown_after). Nothing is sent:
     ///   - for null,
     ///   - without such a track,
     ///   - for a format that is not in the table above.

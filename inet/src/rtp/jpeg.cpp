@@ -244,8 +244,8 @@ void depacketizer::unpack_jpeg(std::span<const uint8_t> payload) noexcept {
     deliver();
 }
 
-// Writes the header of the file, and takes the tables that came with it off the scan. Without tables there is none and
-// the scan goes out as it came.
+// Writes the header of the file, and takes the tables that came with it off the scan. A picture whose tables are not
+// known is left out. Q 0, which is reserved, has none, and the scan goes out as it came.
 bool depacketizer::begin_jpeg(const jpeg_header_t& header, std::span<const uint8_t>& scan) noexcept {
     buf_t& frame = trak_->frame;
     frame.length = 0;
@@ -255,35 +255,43 @@ bool depacketizer::begin_jpeg(const jpeg_header_t& header, std::span<const uint8
         discard_frame();
         return false;
     }
-    uint8_t standard[128];
+    uint8_t standard[jpeg_tables_t::room];
     bytes_t tables;
-    if (header.q >= first_q_in_band) {
-        if (!take_jpeg_tables(scan, tables)) return false;
+    const bool in_band = header.q >= first_q_in_band;
+    if (in_band) {
+        tables = take_jpeg_tables(header.q, scan);
     } else if (jpeg_rtp_tables(header.q, standard)) {
         tables = standard;
     }
-    if (tables.empty() ||
-        jpeg_rtp_header(&frame, header.type, header.width, header.height, header.restart, tables, file_, line_)) {
+    if (tables.empty() ? !in_band
+                       : jpeg_rtp_header(&frame, header.type, header.width, header.height, header.restart, tables,
+                                         file_, line_) != 0) {
         return true;
     }
     discard_frame();
     return false;
 }
 
-// RFC 2435, 3.1.8.
-bool depacketizer::take_jpeg_tables(std::span<const uint8_t>& scan, std::span<const uint8_t>& tables) noexcept {
-    if (scan.size() >= table_header_size) {
-        if (scan[1] != 0) core_log_print(rtp_.log, "Only 8-bit precision is supported.");
-        const size_t length = get16(scan, 2);
-        if (length == 0) return false;
-        if (length <= scan.size() - table_header_size) {
-            tables = scan.subspan(table_header_size, length);
-            scan = scan.subspan(table_header_size + length);
-            return true;
-        }
+// RFC 2435, 3.1.8. Without a table those hold that came before with the same Q, unless it is 255, of which each picture
+// has its own. Empty when there are none.
+std::span<const uint8_t> depacketizer::take_jpeg_tables(uint8_t q, std::span<const uint8_t>& scan) noexcept {
+    jpeg_tables_t& known = trak_->jpeg_tables;
+    const size_t length = scan.size() < table_header_size ? SIZE_MAX : get16(scan, 2);
+    if (length > scan.size() - std::min(table_header_size, scan.size())) {
+        core_log_print(rtp_.log, "Too short RTP/JPEG packet.");
+        return {};
     }
-    core_log_print(rtp_.log, "Too short RTP/JPEG packet.");
-    return false;
+    if (scan[1] != 0) core_log_print(rtp_.log, "Only 8-bit precision is supported.");
+    const bytes_t tables = scan.subspan(table_header_size, length);
+    scan = scan.subspan(table_header_size + length);
+    if (!tables.empty()) {
+        known.q = q;
+        known.size = static_cast<uint8_t>(std::min<size_t>(length, jpeg_tables_t::room));
+        std::copy_n(tables.begin(), known.size, known.bytes);
+    } else if (known.q != q || q == q_in_band) {
+        return {};
+    }
+    return {known.bytes, known.size};
 }
 
 // The length is read two bytes before the place where pack_jpeg_large() writes it; each side stays as its peers know

@@ -34,7 +34,7 @@ void packetizer::set_room(uint8_t* room) noexcept {
 }
 
 void packetizer::pack(const av::frame_t& frame) noexcept {
-    if (!begin(frame.fcc, frame.time)) return;
+    if (!begin(frame.fcc, frame.time + frame.shown_after)) return;
     const uint16_t first_seq = rtp_.current->seq;
     const auto data = payload_of(frame);
     switch (fcc_unic(frame.fcc)) {
@@ -47,12 +47,19 @@ void packetizer::pack(const av::frame_t& frame) noexcept {
         case av::fcc_pcmu:
             pack_pieces(data, true);
             break;
+        case av::fcc_pcma:
+            if (!all_sound_) return log_unknown("fcc");
+            pack_pieces(data, true);
+            break;
+        case av::fcc_mp4a:
+            if (!all_sound_) return log_unknown("fcc");
+            pack_mp4a(data);
+            break;
         case av::fcc_univ:
             pack_pieces(data, false);
             break;
         case av::fcc_meta: {
-            const auto text = analytics_text(data, frame.time, file_, line_);
-            pack_pieces(bytes_of(text.get()), false);
+            const auto text = pack_document(data, frame.time);
             if (text) core_log_print(rtp_.log, "%s", text.get());
             break;
         }
@@ -70,8 +77,7 @@ void packetizer::pack_meta(const av::meta_t& meta) noexcept {
     const auto data = payload_of(meta);
     switch (meta.fcc) {
         case av::fcc_meta: {
-            const auto text = analytics_text(data, meta.time, file_, line_);
-            pack_pieces(bytes_of(text.get()), false);
+            const auto text = pack_document(data, meta.time);
             core_log_print(rtp_.log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%s", rtp_.id, trak.ssrc, trak.rtp_time,
                            first_seq, trak.seq, text ? text.get() : "");
             break;
@@ -84,6 +90,17 @@ void packetizer::pack_meta(const av::meta_t& meta) noexcept {
             return log_unknown("metadata fcc");
     }
     finish();
+}
+
+// A report is converted, which gives a text or nothing to send; anything else is sent as it is.
+core::owned_text packetizer::pack_document(std::span<const uint8_t> data, uint64_t time) noexcept {
+    if (!net_analytics_is_report(data.data(), static_cast<uint32_t>(data.size()))) {
+        pack_pieces(data, false);
+        return nullptr;
+    }
+    core::owned_text text = analytics_text(data, time, file_, line_);
+    pack_pieces(bytes_of(text.get()), false);
+    return text;
 }
 
 void packetizer::pack(Packets& packets) noexcept {

@@ -21,6 +21,7 @@ public:
     insides(const insides&) = delete;
     insides& operator=(const insides&) = delete;
 
+    void set_all_sound(bool on) noexcept { packer_.set_all_sound(on); }
     bool cut(const av::frame_t* frame) noexcept;
     void stamp(trak_t& trak) noexcept;
     void set_channel(uint8_t channel) noexcept;
@@ -78,7 +79,7 @@ bool Packets::insides::cut(const av::frame_t* frame) noexcept {
     clear();
     if (!frame) return false;
     trak_->fcc = frame->fcc;
-    trak_->time = frame->time;
+    trak_->time = frame->time + frame->shown_after;
     is_jpeg_ = fcc_unic(frame->fcc) == av::fcc_jpeg;
     channel_ = pt_ = 0;
     clock_rate_ = rtp_time_ = 0;
@@ -157,6 +158,10 @@ Packets::Packets(const char* file, int line) noexcept : insides_(core::create<in
 }
 
 Packets::~Packets() { core::destroy(insides_); }
+
+void Packets::set_all_sound(bool on) noexcept {
+    if (insides_) insides_->set_all_sound(on);
+}
 
 int Packets::cut(const av::frame_t* frame) noexcept { return insides_ && insides_->cut(frame) ? 1 : 0; }
 

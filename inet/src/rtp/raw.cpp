@@ -1,4 +1,4 @@
-// Payloads that are cut anywhere, sound samples and text, and AAC, whose framing is not looked into.
+// Payloads that are cut anywhere: sound samples and text.
 #include "rtp/depacketizer.h"
 #include "rtp/packetizer.h"
 
@@ -27,13 +27,6 @@ void depacketizer::unpack_univ(std::span<const uint8_t> payload) noexcept {
     if (!trak_->marker) return;
     trak_->skipping = false;
     if (whole) deliver();
-}
-
-// RFC 3640, 3.2.1: the AU headers are counted in bits and not looked into.
-void depacketizer::unpack_mp4a(std::span<const uint8_t> payload) noexcept {
-    if (payload.size() < 2) return;
-    const size_t skipped = 2 + (size_t{get16(payload, 0)} + 7) / 8;
-    if (skipped < payload.size()) unpack_pcmu(payload.subspan(skipped));
 }
 
 }  // namespace rtp

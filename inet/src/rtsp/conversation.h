@@ -19,6 +19,20 @@ inline constexpr uint32_t max_waiting = rtp::interleaved_header + 65535;  // the
 inline constexpr uint32_t max_port = 65534;                               // the next one is for RTCP
 inline constexpr uint32_t max_channel = 254;
 
+/// Where the frames of a received track end: the packets with which one may be over are counted.
+struct ends_t {
+    static constexpr uint32_t proof = 32;  ///< frames in a row that had the same number
+
+    uint32_t seen;   ///< in the frame at hand
+    uint32_t usual;  ///< in each of the last `alike` frames
+    uint32_t alike;
+    bool early;       ///< the frame at hand was handed over with its last expected packet
+    bool unknowable;  ///< one was, and was not over
+
+    void forget() noexcept { alike = 0; }
+    bool is_reached() const noexcept { return alike >= proof && !unknowable && seen == usual; }
+};
+
 /// The frame of a received track while it is put together.
 struct gathered_t {
     bool tried;  ///< SETUP was asked for, or left out for want of a port
@@ -41,6 +55,8 @@ struct gathered_t {
     uint32_t restarts;
     uint32_t received;
     uint32_t late;  ///< when the last packet was taken
+
+    ends_t ends;
 
     uint32_t before_play;  ///< packets taken when PLAY was asked for
     bool started;          ///< `last_rtp_time` is known
@@ -139,6 +155,7 @@ public:
     uint32_t trak_total = 0;
     const trak_t* event_trak = nullptr;  ///< of the event
     protocol_t::enum_t transport = protocol_t::rtp_tcp;
+    bool all_sound = false;
     core::owned_text location;      ///< what is served or asked for
     core::owned_text content_base;  ///< with "/" behind it
     char identifier[128] = {};      ///< of the RTSP session

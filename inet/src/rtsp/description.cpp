@@ -54,6 +54,25 @@ bool is_absolute(std::string_view uri) noexcept { return uri.find("://") != std:
 /// Where the path of an absolute URI starts, or its end.
 size_t path_start(std::string_view uri) noexcept { return std::min(uri.find('/', uri.find("://") + 3), uri.size()); }
 
+/// The layout of AU headers (RFC 3640, 4.1); that of AAC-hbr where it is not told.
+void take_unit_headers(std::string_view fmtp, rtp::trak_t& track) noexcept {
+    constexpr uint32_t longest = 32;
+    track.au_size_bits = 13;
+    track.au_index_bits = track.au_delta_bits = 3;
+    scan::for_each_element(fmtp, ';', [&](std::string_view parameter) {
+        const scan::pair one = scan::split(parameter, '=');
+        const auto take = [&](std::string_view name, uint8_t& bits) {
+            const auto value = scan::number(one.value);
+            const bool named = one.key.size() == name.size() &&
+                               core_strncasecmp(one.key.data(), name.data(), static_cast<uint32_t>(name.size())) == 0;
+            if (named && value) bits = static_cast<uint8_t>(std::min(*value, longest));
+        };
+        take("sizelength", track.au_size_bits);
+        take("indexlength", track.au_index_bits);
+        take("indexdeltalength", track.au_delta_bits);
+    });
+}
+
 bool is_group(std::string_view address) noexcept {
     const uint32_t first = scan::decimal(address);
     return first >= 224 && first <= 239;
@@ -113,6 +132,7 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
         track->fcc = encoding->fcc;
         if (!track->rate) track->rate = encoding->clock_rate;
         if (track->fcc == av::fcc_mp4a) sdp_parse_config(media.config, &track->config, talk_.file, talk_.line);
+        track->encoding = encoding->name;
         if (track->fcc == av::fcc_h264)
             sdp_parse_sprop_parameter_sets(media.sprop_parameter_sets, &track->parameter_sets, talk_.file, talk_.line);
         track->gathered->sets_changed = track->parameter_sets.length > 0;
@@ -122,6 +142,7 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
         track->rtp = talk_.rtp.add_trak(static_cast<uint8_t>(media.pt), track->fcc);
         if (!track->rtp) return false;
         track->rtp->clock_rate = track->rate;
+        if (track->fcc == av::fcc_mp4a && talk_.all_sound) take_unit_headers(scan::text(media.fmtp), *track->rtp);
         track->wanted = 1;
     }
     talk_.add(std::move(track));

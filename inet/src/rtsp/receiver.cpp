@@ -33,6 +33,9 @@ int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
     return seconds * us_per_second + ticks % rate * us_per_second / rate;
 }
 
+/// Formats whose frames travel in several packets, the last with the marker bit.
+bool is_picture(const track_t& track) noexcept { return track.fcc == av::fcc_h264 || track.fcc == av::fcc_jpeg; }
+
 /// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it.
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
@@ -103,7 +106,10 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
     const bytes_t data(from->frame.data, from->frame.length);
     const bool another = gathered.rtp_time != from->rtp_time;
     note_loss(track, another, data);
-    if (another) deliver(track);
+    if (another) {
+        learn_ends(track);
+        deliver(track);
+    }
     if (another || gathered.frame.length == 0) start_frame(track);
     // Pieces of a picture whose header did not come make no file.
     if (track.fcc == av::fcc_jpeg && gathered.frame.length == 0 && !stands_alone(track, data)) gathered.broken = true;
@@ -116,6 +122,38 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
         add(track, data);
         gathered.picture = true;
     }
+    if (note_end(track)) deliver(track);
+}
+
+// @return whether the frame at hand is over, by what this sender did so far
+bool receiver::note_end(track_t& track) noexcept {
+    const gathered_t& gathered = *track.gathered;
+    ends_t& ends = track.gathered->ends;
+    if (!gathered.picture) return false;  // parameter sets and the like stand before it
+    if (ends.early) ends.unknowable = true;
+    if (is_picture(track) && !gathered.marked) return false;
+    ++ends.seen;
+    if (!settings_.prompt || ends.early || !ends.is_reached()) return false;
+    ends.early = true;
+    return true;
+}
+
+// A frame is over because the next one has begun. One with a gap says nothing.
+void receiver::learn_ends(track_t& track) noexcept {
+    gathered_t& gathered = *track.gathered;
+    ends_t& ends = gathered.ends;
+    const bool whole = ends.early || (gathered.picture && !gathered.broken && !gathered.left_out);
+    if (whole && ends.seen == ends.usual) {
+        if (ends.alike < ends_t::proof) ++ends.alike;
+    } else if (whole) {
+        ends.usual = ends.seen;
+        ends.alike = 1;
+    }
+    // What came behind a picture that had been handed over.
+    if (ends.early && !gathered.picture) gathered.frame.length = 0;
+    if (ends.early && is_picture(track)) gathered.broken = true;
+    ends.seen = 0;
+    ends.early = false;
 }
 
 // A gap between two frames may have been in either, unless the marker says that the first was over (RFC 6184, 5.1).
@@ -128,7 +166,7 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
     gathered.restarts = track.rtp->restarts;
     if (!lost) return;
     const bool over = gathered.marked && !gathered.marks_units;
-    if (!another || (!over && (track.fcc == av::fcc_h264 || track.fcc == av::fcc_jpeg))) gathered.broken = true;
+    if (!another || (!over && is_picture(track))) gathered.broken = true;
     gathered.torn = another && !stands_alone(track, data);
 }
 
@@ -180,8 +218,13 @@ void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
 
 void receiver::keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept {
     buf_t& sets = track.parameter_sets;
-    if (restart) sets.length = 0;
     const auto size = static_cast<uint32_t>(sizeof start_code + nal.size());
+    if (restart) {
+        const bytes_t known(sets.data, sets.length);
+        const bool same = known.size() >= size && std::ranges::equal(known.subspan(sizeof start_code, nal.size()), nal);
+        if (!same) track.gathered->ends.forget();
+        sets.length = 0;
+    }
     if (!bounded::make_room(sets, size, max_parameter_sets, talk_.file, talk_.line)) return;
     core_buf_read(&sets, start_code, sizeof start_code);
     core_buf_read(&sets, nal.data(), static_cast<uint32_t>(nal.size()));

@@ -15,6 +15,7 @@ struct client_settings {
     bool tunnelled = false;
     uint32_t frame_limit = 8U << 20;
     parameter_sets_t parameter_sets = parameter_sets_t::slices;
+    bool prompt = false;
 };
 
 class receiver final : public rtp::IRtp {
@@ -47,6 +48,8 @@ private:
     void keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept;
     void add(track_t& track, std::span<const uint8_t> bytes) noexcept;
     void deliver(track_t& track) noexcept;
+    bool note_end(track_t& track) noexcept;
+    void learn_ends(track_t& track) noexcept;
     void send_report() noexcept;
     void raise(const track_t& track, event_t::enum_t event) noexcept;
 

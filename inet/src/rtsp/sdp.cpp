@@ -5,6 +5,7 @@
 #include "core/text.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 namespace rtsp3 {
@@ -16,6 +17,8 @@ const format_t* find_format(uint32_t fcc) noexcept {
         {av::fcc_jpeg, "video", 26, nullptr, 90000},
         {av::fcc_pcmu, "audio", 0, "PCMU/8000/1", 8000},
         {av::fcc_univ, "univ", 0, "univ.metadata/90000", 90000},
+        {av::fcc_pcma, "audio", 8, "PCMA/8000/1", 8000, true},
+        {av::fcc_mp4a, "audio", 0, "mpeg4-generic", 0, true},
     };
     const auto format =
         std::find_if(std::begin(formats), std::end(formats), [&](const format_t& known) { return known.fcc == fcc; });
@@ -25,6 +28,25 @@ const format_t* find_format(uint32_t fcc) noexcept {
 namespace {
 
 constexpr uint64_t us_per_second = 1000000;
+
+/// Of a format whose clock and channels the owner told, these stand behind its name.
+core::owned_text rtpmap(const conversation& talk, const track_t& track) noexcept {
+    const char* const usual = find_format(track.fcc)->rtpmap;
+    if (!usual || track.rate == 0) return core::owned_text(core_strdup(usual, talk.file, talk.line));
+    return core::owned_text(core_sprintf(talk.file, talk.line, "%.*s/%u/%u", static_cast<int>(std::strcspn(usual, "/")),
+                                         usual, track.rate, std::max(track.channels, 1U)));
+}
+
+/// RFC 3640, 4.1. The profile level is "not specified" (ISO/IEC 14496-3, table 1.14).
+core::owned_text fmtp(const conversation& talk, const track_t& track) noexcept {
+    core::owned_text line(core_sprintf(talk.file, talk.line,
+                                       "a=fmtp:%hhu streamtype=5;profile-level-id=254;mode=AAC-hbr;sizelength=13;"
+                                       "indexlength=3;indexdeltalength=3;config=",
+                                       track.rtp->pt));
+    for (uint32_t i = 0; line && i < track.config.length; ++i)
+        line.reset(core_sprintf(talk.file, talk.line, "%s%02x", line.get(), unsigned{track.config.data[i]}));
+    return line;
+}
 
 }  // namespace
 
@@ -50,9 +72,14 @@ core::owned_text describe(const conversation& talk, const char* name, uint64_t s
                                "a=recvonly\r\n"
                                "a=control:%s\r\n",
                                sdp.get(), each->media, each->rtp->pt, each->media));
-        const char* rtpmap = find_format(each->fcc)->rtpmap;
-        if (sdp && rtpmap)
-            sdp.reset(core_sprintf(talk.file, talk.line, "%sa=rtpmap:%hhu %s\r\n", sdp.get(), each->rtp->pt, rtpmap));
+        if (!sdp || !find_format(each->fcc)->rtpmap) continue;
+        const core::owned_text map = rtpmap(talk, *each);
+        sdp.reset(
+            map ? core_sprintf(talk.file, talk.line, "%sa=rtpmap:%hhu %s\r\n", sdp.get(), each->rtp->pt, map.get())
+                : nullptr);
+        if (!sdp || each->config.length == 0) continue;
+        const core::owned_text parameters = fmtp(talk, *each);
+        sdp.reset(parameters ? core_sprintf(talk.file, talk.line, "%s%s\r\n", sdp.get(), parameters.get()) : nullptr);
     }
     return sdp;
 }

@@ -1,5 +1,6 @@
 #include "rtsp/server.h"
 
+#include "avc/fcc.h"
 #include "common/digest.h"
 #include "core/text.h"
 #include "inet/net_http_auth.h"
@@ -18,6 +19,7 @@ std::atomic<uint32_t> next_session{0};
 
 constexpr uint32_t nonce_length = 46;
 constexpr uint8_t first_dynamic_pt = 96;
+constexpr uint32_t max_config = 64;
 
 }  // namespace
 
@@ -34,10 +36,16 @@ bool server::set_credentials(const char* user, const char* password) noexcept {
     return !gate_ || (user_ && password_ && nonce_);
 }
 
-trak_t* server::add_trak(uint32_t fcc, const char* name, const char* file, int line) noexcept {
+trak_t* server::add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept {
     const format_t* format = find_format(fcc);
     if (!format || talk_.ended || talk_.at_work || talk_.trak_total == max_traks) return nullptr;
-    const uint8_t pt = format->pt ? format->pt : next_pt_;
+    if (format->asked_for && !talk_.all_sound) return nullptr;
+    const uint32_t rate = sound.rate ? sound.rate : format->clock_rate;
+    const bool is_aac = fcc == av::fcc_mp4a;
+    if (is_aac && (rate == 0 || sound.config.size == 0 || sound.config.size > max_config)) return nullptr;
+    // A payload type of its own has PCMA of that clock and one channel alone (RFC 3551, 6).
+    const bool usual = rate == format->clock_rate && sound.channels <= 1;
+    const uint8_t pt = format->pt && (usual || !format->asked_for) ? format->pt : next_pt_;
     if (talk_.rtp.get_trak_pt(pt)) return nullptr;
 
     core::owned_object<track_t> track(core::create<track_t>(file, line));
@@ -48,8 +56,12 @@ trak_t* server::add_trak(uint32_t fcc, const char* name, const char* file, int l
     if (name && !track->name) return nullptr;
     track->rtp = talk_.rtp.add_trak(pt, fcc);
     if (!track->rtp) return nullptr;
-    track->rtp->clock_rate = format->clock_rate;
-    if (!format->pt) ++next_pt_;
+    if (is_aac && core_buf_read(&track->config, sound.config.data, sound.config.size) != sound.config.size)
+        return nullptr;
+    track->rtp->clock_rate = rate;
+    track->rate = sound.rate;
+    track->channels = sound.channels;
+    if (pt == next_pt_) ++next_pt_;
     talk_.add(std::move(track));
     return talk_.tracks().back();
 }

@@ -16,6 +16,7 @@ struct format_t {
     uint8_t pt;          ///< 0: the next dynamic one
     const char* rtpmap;  ///< null when the payload type is static
     uint32_t clock_rate;
+    bool asked_for = false;  ///< with Rtsp::set_all_sound() alone
 };
 
 /// The format of a track; null when it cannot be announced.
@@ -36,7 +37,7 @@ public:
     server& operator=(const server&) = delete;
 
     bool set_credentials(const char* user, const char* password) noexcept;
-    trak_t* add_trak(uint32_t fcc, const char* name, const char* file, int line) noexcept;
+    trak_t* add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept;
 
     void serve(header_s* header) noexcept;
     void take_rtp(unsigned channel, buffer_t packet) noexcept;

@@ -16,8 +16,8 @@
 /// status_t::key is 0. A stream without video is held for two seconds; its readers begin at the present.
 ///
 /// Two clocks. The media time of a frame is steady and never runs back in decoding order: the time that its source
-/// gave (av::frame_t::time, microseconds since 1970), corrected where that time jumps. The wall clock is the source's
-/// own, where it is known.
+/// gave (av::frame_t::time, microseconds since 1970), corrected where that time jumps. A picture is shown
+/// av::frame_t::shown_after behind its media time. The wall clock is the source's own, where it is known.
 ///
 /// Any thread may use a stream. A cursor belongs to one thread. No call of these throws.
 #pragma once
@@ -56,6 +56,9 @@ struct format_t {
 /// What a source knows of a frame beside av::frame_t.
 struct timing_t {
     uint64_t utc = 0;  ///< wall clock of the source in microseconds since 1970; 0 for not known
+    bool of_display = false;  ///< the time of an H.264 picture is that of its display: when it is decoded follows from
+                              ///< the order of these times. The SPS tells how far pictures change places. Where it does
+                              ///< not, the first ones that do are shown with the one before them
 };
 
 /// A frame as a cursor shows it. Valid until the cursor's next call.
@@ -110,7 +113,9 @@ public:
     int declare(kind_t kind, const format_t& format) noexcept;
 
     /// Takes a frame. The payload is shared, not copied, unless the frame borrows it. A track that was not declared
-    /// begins with its first frame. A key picture without parameter sets gets those that are known.
+    /// begins with its first frame. A key picture without parameter sets gets those that are known. A report of "META"
+    /// (inet/net_analytics.h) is converted to its document, once for all readers; it leaves nothing when it names no
+    /// object.
     /// @return 1; 0 when it is not taken: a picture before the first key picture, or the first after a gap; no data; a
     ///         format other than the track's; a stream that has ended; a frame above a bound; memory is out
     int push(const av::frame_t& frame, const timing_t& timing = {}) noexcept;
@@ -144,6 +149,7 @@ private:
     friend class cursor;
     explicit stream(inside* made) noexcept : inside_(made) {}
     int take(const av::frame_t& frame, const timing_t& timing) noexcept;
+    int take_report(const av::frame_t& frame, const timing_t& timing) noexcept;
     ~stream() = default;
 
     inside* inside_;

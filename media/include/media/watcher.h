@@ -55,7 +55,8 @@ enum class outcome_t : uint8_t {
 /// A frame that was fetched. Valid for the call.
 struct watched_t {
     /// Whole; `payload` is null: avc_frame_dup() keeps it. `time` is that of our clock at PLAY and `media_time`
-    /// together. A metadata document comes as it was sent, with the format "UNIV".
+    /// together. A metadata document comes as it was sent: with the format
+    /// "META" where the source announced vnd.onvif.metadata, else "UNIV".
     av::frame_t frame{};
     uint32_t track = 0;           ///< its place in `formats` of watch_event_t and among the tracks of status()
     bool first_of_format = true;  ///< no earlier track has this format

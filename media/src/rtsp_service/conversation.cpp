@@ -38,6 +38,16 @@ core::string name_of(const char* text) {
 
 }  // namespace
 
+const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) noexcept {
+    format_t format;
+    buf_t config{};
+    if (!what.format(kind, &format, &config)) return nullptr;
+    const rtsp3::sound_t sound{.rate = format.rate, .channels = format.channels, .config = format.config};
+    const rtsp3::trak_t* const made = by.add_trak(format.fcc, what.name(), sound, CORE_HERE);
+    core_buf_free(&config);
+    return made;
+}
+
 void client_t::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noexcept {
     using e = rtsp3::event_t;
     switch (event) {
@@ -110,10 +120,8 @@ void client_t::answer_describe(uint64_t now) noexcept {
 }
 
 void client_t::announce() noexcept {
-    for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta}) {
-        format_t format;
-        if (stream_->format(kind, &format, nullptr)) rtsp_->add_trak(format.fcc, stream_->name(), CORE_HERE);
-    }
+    for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta})
+        rtsp::announce(*rtsp_, *stream_, kind);
     rtsp_->send_sdp("inet", "camera", stream_->name(), 0, 0);
 }
 

@@ -80,18 +80,17 @@ bool group::add_tracks() noexcept {
     rtp_->set_handler(this);
     rtp_->set_report_clock(::rtp::report_clock_t::packets);
     const std::unique_ptr<rtsp3::Rtsp, session_destroy> session(rtsp3::Rtsp::create(CORE_HERE));
+    if (session) session->set_all_sound(true);
     for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta}) {
-        format_t format;
-        if (!stream_.format(kind, &format, nullptr)) continue;
-        const rtsp3::trak_t* announced = session ? session->add_trak(format.fcc, nullptr, CORE_HERE) : nullptr;
+        const rtsp3::trak_t* announced = session ? announce(*session, stream_, kind) : nullptr;
         if (!announced) continue;
-        ::rtp::trak_t* const added = rtp_->add_trak(announced->rtp->pt, format.fcc);
+        ::rtp::trak_t* const added = rtp_->add_trak(announced->rtp->pt, announced->fcc);
         if (!added) return false;
         added->clock_rate = announced->rtp->clock_rate;
         common_random(&added->ssrc, sizeof added->ssrc);
         common_random(&added->seq, sizeof added->seq);
         added->active = 1;
-        formats_[track_count_] = format.fcc;
+        formats_[track_count_] = announced->fcc;
         next_seq_[track_count_++] = added->seq;
     }
     return track_count_ != 0;

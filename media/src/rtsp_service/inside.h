@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/owned.h"
+#include "inet/rtsp_protocol.h"
 #include "inet/sockaddr.h"
 #include "media/rtsp_service.h"
 #include "media/station.h"
@@ -14,6 +15,9 @@ namespace media::rtsp {
 
 class group;
 class client_t;
+
+/// Announces what a stream has of a kind. @return null when it has nothing, or nothing that can be sent
+const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) noexcept;
 
 /// The open ends of RTSP over HTTP: on which thread the GET connection is that a POST connection belongs to. Any
 /// thread.

@@ -6,6 +6,7 @@
 #include "core/text.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <span>
 
 namespace media {
@@ -65,6 +66,9 @@ format_share make_format(const format_t& format, uint32_t generation, const char
     made->shown = format;
     made->shown.config = {made->config.data(), static_cast<uint32_t>(made->config.size())};
     made->shown.generation = generation;
+    h264_info_t info;
+    if (format.fcc == av::fcc_h264 && h264_parse(made->config, nullptr, nullptr, &info))
+        made->reordered = info.max_num_reorder_frames;
     return made;
 }
 
@@ -104,6 +108,28 @@ format_t complete(const format_t& told, const format_t& known, core::vector<uint
         format.height = known.height;
     }
     return format;
+}
+
+// A picture has changed places with those before it that are shown later.
+int64_t decoding_clock::take(int64_t shown, uint32_t reordered) noexcept {
+    const auto recent = std::span(last_shown_).first(std::min(seen_, most));
+    if (seen_ && std::abs(shown - std::ranges::max(recent)) > longest_jump) gap();
+    const bool first = seen_ == 0;
+    if (!first) {
+        const auto later = std::ranges::count_if(recent, [&](int64_t each) { return each > shown; });
+        depth_ = std::max(depth_, static_cast<uint32_t>(later));
+    }
+    depth_ = std::min(std::max(depth_, reordered), most);
+    last_shown_[seen_++ % most] = shown;
+
+    const auto place = std::upper_bound(times_.begin(), times_.begin() + waiting_, shown);
+    std::copy_backward(place, times_.begin() + waiting_, times_.begin() + waiting_ + 1);
+    *place = shown;
+    ++waiting_;
+    int64_t decoded = times_[0] - int64_t{depth_ + 1 - std::min(waiting_, depth_ + 1)} * usual_step;
+    if (waiting_ > depth_) std::copy(times_.begin() + 1, times_.begin() + waiting_--, times_.begin());
+    if (!first) decoded = std::max(decoded, last_);
+    return last_ = decoded;
 }
 
 // The correction changes where the source's time runs back, stands still, or runs away from the time in which its

@@ -15,6 +15,7 @@ namespace media {
 struct format_record {
     format_t shown{};
     core::vector<uint8_t> config;
+    uint32_t reordered = 0;  ///< pictures that may be decoded before one that is shown before them, by its SPS
     std::atomic<uint32_t> users{1};
 };
 
@@ -59,6 +60,28 @@ struct slot_t {
         avc_frame_drop(&frame);
         format.reset();
     }
+};
+
+/// When pictures are decoded whose times of display are known: the n-th at the n-th of these times, less by as many as
+/// change places.
+class decoding_clock {
+public:
+    /// @param reordered  how many change places, at least @return the time of decoding
+    int64_t take(int64_t shown, uint32_t reordered) noexcept;
+    /// The next time may be any.
+    void gap() noexcept { waiting_ = seen_ = 0; }
+
+private:
+    static constexpr uint32_t most = 16;  ///< ITU-T H.264, A.3.1
+    static constexpr int64_t longest_jump = 10'000'000;
+    static constexpr int64_t usual_step = 40'000;
+
+    uint32_t depth_ = 0;
+    std::array<int64_t, most + 1> times_{};  ///< of display that no picture was decoded at yet, in order
+    uint32_t waiting_ = 0;
+    std::array<int64_t, most> last_shown_{};
+    uint32_t seen_ = 0;
+    int64_t last_ = 0;
 };
 
 /// Turns the times of a source into media time, which never runs back. The tracks of a stream share the correction, so
@@ -131,6 +154,7 @@ struct stream::inside {
     uint32_t gaps = 0;      ///< so far
     bool wants_key = true;  ///< pictures are taken from the next key on
     std::array<format_share, kind_count> formats;
+    decoding_clock decoding;
     media_clock clock;
     core::vector<uint8_t> config;  ///< room for parameter sets at work
 

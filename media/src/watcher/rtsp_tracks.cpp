@@ -16,9 +16,10 @@ namespace {
 /// Sound and picture may end so much later than a track that has come to its end.
 constexpr int64_t longest_overrun = 1'000'000;
 
-/// As frames of it come: documents are not converted again.
+/// As frames of it come: "META" is what ONVIF describes, any other text stays what it is.
 uint32_t format_of(const rtsp3::trak_t& source) noexcept {
-    return source.fcc == av::fcc_meta ? av::fcc_univ : source.fcc;
+    if (source.fcc != av::fcc_meta) return source.fcc;
+    return std::string_view(source.encoding) == "vnd.onvif.metadata" ? av::fcc_meta : av::fcc_univ;
 }
 
 format_t describe(const rtsp3::trak_t& source) noexcept {
