@@ -165,10 +165,10 @@ sampling read_chroma_format(bit_reader& in, h264_info_t& info) noexcept {
     return {type, sub_width[type], sub_height[type]};
 }
 
-void skip_picture_order(bit_reader& in) noexcept {
-    const uint32_t type = in.ue(2);
-    if (type == 0) in.ue(12);  // log2_max_pic_order_cnt_lsb_minus4
-    if (type != 1) return;
+void read_picture_order(bit_reader& in, h264_info_t& info) noexcept {
+    info.picture_order_type = static_cast<uint8_t>(in.ue(2));
+    if (info.picture_order_type == 0) info.log2_max_picture_order = static_cast<uint8_t>(in.ue(12) + 4);
+    if (info.picture_order_type != 1) return;
     in.flag();  // delta_pic_order_always_zero_flag
     in.se();    // offset_for_non_ref_pic
     in.se();    // offset_for_top_to_bottom_field
@@ -236,8 +236,10 @@ void read_vui(bit_reader& in, h264_info_t& info) noexcept {
     in.flag();                          // pic_struct_present_flag
     if (in.flag()) {                    // bitstream_restriction
         in.flag();
-        for (int i = 0; i < 6; ++i)
-            in.ue();
+        for (int i = 0; i < 4; ++i)
+            in.ue();  // bounds of bytes, bits and vectors
+        info.max_num_reorder_frames = static_cast<uint8_t>(in.ue(16));
+        in.ue();  // max_dec_frame_buffering
     }
 }
 
@@ -248,8 +250,8 @@ h264_info_t read_sps(bit_reader& in) noexcept {
     info.level_idc = static_cast<uint8_t>(in.bits(8));
     in.ue(31);  // seq_parameter_set_id
     const sampling chroma = read_chroma_format(in, info);
-    in.ue(12);  // log2_max_frame_num_minus4
-    skip_picture_order(in);
+    info.log2_max_frame_num = static_cast<uint8_t>(in.ue(12) + 4);
+    read_picture_order(in, info);
     info.max_num_ref_frames = in.ue(16);
     in.flag();  // gaps_in_frame_num_value_allowed_flag
     read_size(in, chroma, info);

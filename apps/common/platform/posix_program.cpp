@@ -22,6 +22,8 @@ std::vector<std::string> arguments(int argc, const char* const* argv) { return {
 
 void prepare_console() {}
 
+void make_output_binary() {}
+
 void note_interrupts(std::atomic<bool>& flag) {
     noted = &flag;
     std::signal(SIGINT, on_signal);

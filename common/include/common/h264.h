@@ -32,6 +32,11 @@ struct h264_info_t {
     uint32_t max_num_ref_frames;
     uint32_t num_units_in_tick;  ///< 0 without timing information
     uint32_t time_scale;
+    uint8_t max_num_reorder_frames;  ///< pictures that may be decoded before one that is shown before them; 0 when the
+                                     ///< stream does not say
+    uint8_t log2_max_frame_num;
+    uint8_t picture_order_type;      ///< 0 to 2
+    uint8_t log2_max_picture_order;  ///< of type 0
 };
 
 /// Takes the next NAL unit off the front of an Annex B stream; three- and four-byte start codes, trailing zero bytes
