@@ -30,7 +30,7 @@ public:
     /// @return 1; 0 for null, for a frame that makes no packet, or when memory is out: there are no packets then
     int cut(const av::frame_t* frame) noexcept;
 
-    /// Format and time of the frame.
+    /// Format of the frame, and when it is shown.
     uint32_t fcc() const noexcept;
     uint64_t time() const noexcept;
 

@@ -178,8 +178,8 @@ public:
     trak_t* get_trak_fcc(unsigned fcc) const noexcept;
 
     /// Sends a frame on the active track with exactly its fcc. Its packets come first (event 0). A sender report (event
-    /// 2) follows when the track's media time has come to next_rtcp. The timestamp is that of the frame's time. Nothing
-    /// is sent:
+    /// 2) follows when the track's media time has come to next_rtcp. The timestamp is that of the time at which the
+    /// frame is shown (av::frame_t::shown_after). Nothing is sent:
     ///   - for null,
     ///   - without such a track,
     ///   - for a format that is not in the table above.

@@ -34,7 +34,7 @@ void packetizer::set_room(uint8_t* room) noexcept {
 }
 
 void packetizer::pack(const av::frame_t& frame) noexcept {
-    if (!begin(frame.fcc, frame.time)) return;
+    if (!begin(frame.fcc, frame.time + frame.shown_after)) return;
     const uint16_t first_seq = rtp_.current->seq;
     const auto data = payload_of(frame);
     switch (fcc_unic(frame.fcc)) {

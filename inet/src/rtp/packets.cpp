@@ -78,7 +78,7 @@ bool Packets::insides::cut(const av::frame_t* frame) noexcept {
     clear();
     if (!frame) return false;
     trak_->fcc = frame->fcc;
-    trak_->time = frame->time;
+    trak_->time = frame->time + frame->shown_after;
     is_jpeg_ = fcc_unic(frame->fcc) == av::fcc_jpeg;
     channel_ = pt_ = 0;
     clock_rate_ = rtp_time_ = 0;

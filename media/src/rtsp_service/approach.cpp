@@ -16,7 +16,7 @@ void approach::end() noexcept {
 }
 
 void approach::anchor(uint64_t now) noexcept {
-    if (!first_) first_ = entry_.frame.time;
+    if (!first_) first_ = entry_.frame.time + entry_.frame.shown_after;
     anchored_ = true;
     start_ = entry_.frame.time;
     began_ = now;

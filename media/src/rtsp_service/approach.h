@@ -38,10 +38,10 @@ public:
 
     /// Number of the frame that is shown next.
     uint64_t position() const noexcept { return waiting_ ? entry_.number : place_.position(); }
-    /// Media time of the first frame; 0 when none has been held.
+    /// When the first frame is shown, by media time; 0 when none has been held.
     uint64_t first_time() const noexcept { return first_; }
-    /// Media time of the frame that is shown; 0 for none.
-    uint64_t next_time() const noexcept { return waiting_ ? entry_.frame.time : 0; }
+    /// The same of the frame at hand; 0 for none.
+    uint64_t next_time() const noexcept { return waiting_ ? entry_.frame.time + entry_.frame.shown_after : 0; }
 
 private:
     void anchor(uint64_t now) noexcept;
