@@ -18,6 +18,7 @@
 #include <span>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace camera {
 namespace {
@@ -68,6 +69,68 @@ pace video_pace(std::span<const uint8_t> stream) {
     return {frames / common, seconds / common};
 }
 
+/// Where each picture stands among those that are shown (ITU-T H.264, 8.2.1): an IDR picture and what follows it up to
+/// the next one change places only with each other.
+class display_order {
+public:
+    void add(const av::frame_t& picture);
+    std::vector<size_t> places() &&;
+
+private:
+    void end_sequence();
+
+    h264_info_t sps_{};
+    std::vector<std::pair<int64_t, size_t>> sequence_;  ///< order of display and of decoding, from the last IDR on
+    std::vector<size_t> places_;
+    int64_t reference_ = 0;  ///< order of the last picture that others build on
+    int64_t previous_ = 0;
+};
+
+void display_order::add(const av::frame_t& picture) {
+    const std::span bytes(picture.data, picture.size);
+    const auto slices = h264_first_slice(bytes);
+    h264_parse_sps(h264_find(bytes.first(bytes.size() - slices.size()), h264_sps), &sps_);
+    h264_slice_t slice{};
+    h264_parse_slice(slices, sps_, &slice);
+    if (slice.idr) {
+        end_sequence();
+        reference_ = previous_ = 0;
+    }
+    int64_t order = previous_ + 1;  // of the types whose order is that of decoding
+    if (sps_.picture_order_type == 0) {
+        const int64_t range = int64_t{1} << sps_.log2_max_picture_order;
+        const int64_t low = reference_ & (range - 1);
+        order = reference_ - low + slice.picture_order;
+        if (order - reference_ > range / 2) order -= range;
+        if (reference_ - order >= range / 2) order += range;
+    } else if (sps_.picture_order_type == 1 && slice.b) {
+        throw std::runtime_error("its B-pictures have an order that is not read");
+    }
+    if (slice.reference) reference_ = order;
+    previous_ = order;
+    sequence_.emplace_back(order, sequence_.size());
+}
+
+void display_order::end_sequence() {
+    std::ranges::stable_sort(sequence_);
+    const size_t begin = places_.size();
+    places_.resize(begin + sequence_.size());
+    for (size_t i = 0; i < sequence_.size(); ++i)
+        places_[begin + sequence_[i].second] = begin + i;
+    sequence_.clear();
+}
+
+std::vector<size_t> display_order::places() && {
+    end_sequence();
+    return std::move(places_);
+}
+
+/// What makes a file that can be played of another one.
+std::string conversion_of(const std::string& path) {
+    const std::filesystem::path made = apps::utf8_path(path).replace_extension(".h264");
+    return "; try: ffmpeg -i " + path + " -an -c:v libx264 " + apps::utf8_text(made);
+}
+
 track load_video(const std::string& path) {
     const file_bytes file(path);
     std::vector<frame_ptr> pictures;
@@ -78,9 +141,18 @@ track load_video(const std::string& path) {
     units.take(file.buffer(), keep, &pictures);
     units.end(keep, &pictures);
     if (pictures.empty() || !pictures.front()->key)
-        throw std::runtime_error(path + ": no H.264 stream that begins with a key picture");
-    const pace rate = video_pace(file.bytes());
-    return {std::move(pictures), rate};
+        throw std::runtime_error(path + ": no H.264 stream in Annex B form that begins with a key picture" +
+                                 conversion_of(path));
+    display_order order;
+    try {
+        for (const frame_ptr& each : pictures)
+            order.add(*each);
+    } catch (const std::runtime_error& reason) {
+        throw std::runtime_error(path + ": " + reason.what() + conversion_of(path) + " with -bf 0");
+    }
+    track result(std::move(pictures), video_pace(file.bytes()));
+    result.set_order(std::move(order).places());
+    return result;
 }
 
 uint32_t little_endian(std::span<const uint8_t> bytes, size_t at, size_t count) {
@@ -217,6 +289,15 @@ clip load(options wanted) {
 }
 
 }  // namespace
+
+void track::set_order(const std::vector<size_t>& places) {
+    size_t furthest = 0;
+    for (size_t i = 0; i < places.size(); ++i)
+        furthest = std::max(furthest, i - std::min(i, places[i]));
+    for (size_t i = 0; i < places.size(); ++i)
+        frames_[i]->shown_after = static_cast<uint32_t>(time(places[i] + furthest) - time(i));
+    delay_ = time(furthest);
+}
 
 std::optional<clip> load_clip(const options& wanted, std::string& error) {
     try {

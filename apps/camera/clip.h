@@ -24,6 +24,11 @@ class track {
 public:
     track(std::vector<frame_ptr> frames, pace rate) : frames_(std::move(frames)), rate_(rate) {}
 
+    /// Pictures that are shown in another order. @param places  of each picture among those that are shown
+    void set_order(const std::vector<size_t>& places);
+    /// Microseconds from the decoding of a picture to its display, where it keeps its place.
+    uint64_t delay() const { return delay_; }
+
     const av::frame_t& frame(uint64_t number) const { return *frames_[number % frames_.size()]; }
     size_t size() const { return frames_.size(); }
 
@@ -39,6 +44,7 @@ public:
 private:
     std::vector<frame_ptr> frames_;
     pace rate_;
+    uint64_t delay_ = 0;
 };
 
 /// One address of the camera and what it sends.

@@ -44,7 +44,7 @@ void clip_source::on_tick(void* arg, net::command_ctx* command) {
 
 void clip_source::push(next_frame& next, uint64_t base) {
     av::frame_t frame = next.of->frame(next.number);
-    frame.time = base + next.time;
+    frame.time = base + next.time - next.of->delay();
     next.into->push(frame);
     ++next.number;
     next.time = next.of->time(next.number);

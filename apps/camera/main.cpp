@@ -71,14 +71,17 @@ void show_status(const media::station& station, const camera::sources& sources) 
     }
 }
 
+/// Seconds between two signs of life of ordinary players.
+constexpr unsigned players_patience = 60;
+
 /// The payloads are the clip's: long groups of pictures cost no memory to hold.
 constexpr media::limits_t whole_groups{.bytes = 1U << 30, .frames = 8192, .time = 600'000'000};
 
 media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     return {.port = settings.rtsp_port,
-            .user = text(settings.user),
-            .password = text(settings.password),
+            .user = text(settings.login.user),
+            .password = text(settings.login.password),
             .at_key = settings.start == camera::start_t::key,
             .backlog = settings.backlog,
             .stall = settings.stall,
@@ -118,6 +121,10 @@ int serve(const camera::options& settings) {
     if (!played->channels.empty()) source.start();
     if (!played->channels.empty() && !source.nt) return fail("cannot start a network thread");
     print_addresses(paths, settings, rtsp->port());
+    if (settings.timeout < players_patience) {
+        apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
+                                                 ": players that show life once a minute, as most do, will be cut");
+    }
     show_status(station, fetched);
     station.stop();
     fetched.stop();
@@ -131,10 +138,11 @@ int main(int argc, char** argv) {
     const std::vector<std::string> arguments = apps::start(argc, argv);
     std::string error;
     const auto settings = camera::parse_options(arguments, error);
-    if (!settings) return fail(error + "; see inet-camera --help");
-    if (settings->help) {
-        std::fputs(camera::usage().c_str(), stdout);
-        return 0;
+    if (!settings) {
+        apps::complain(camera::program_name, error + "; see inet-camera --help");
+        return apps::status_usage;
     }
+    if (settings->about != apps::about_t::nothing)
+        return apps::tell_about(camera::program_name, settings->about, camera::usage());
     return apps::run(camera::program_name, settings->log, [&] { return serve(*settings); });
 }

@@ -84,8 +84,11 @@ std::span<const option> table() {
         {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},
         {"--ttl", "N", "hops that multicast goes (1)",
          [](options& o, std::string_view text) { return take_number(o.ttl, text, 0, 255); }},
-        {"--user", "NAME", "ask viewers for this user (Digest)", take_text(&options::user)},
-        {"--password", "TEXT", "and this password", take_text(&options::password)},
+        {"--user", "NAME", "ask viewers for this user (Digest)",
+         apps::take_credential<options>(&apps::credentials::user)},
+        {"--password", "TEXT", "and this password", apps::take_credential<options>(&apps::credentials::password)},
+        {"--password-file", "FILE", "or the first line of a file; without both, the variable INET_PASSWORD",
+         apps::take_credential<options>(&apps::credentials::password_file)},
         {"--threads", "N", "network threads that share the viewers (1)",
          [](options& o, std::string_view text) { return take_number(o.threads, text, 1, 64); }},
         {"--start", "key|next", "a viewer begins with the last key picture (key) or waits for the next", take_start},
@@ -113,13 +116,10 @@ after 1, 2, 4, ... 30 s. "--source -" reads H.264 in Annex B form from the stand
 
 std::optional<options> parse_options(std::span<const std::string> arguments, std::string& error) {
     options result;
-    result.help = apps::asks_for_help(arguments);
-    if (result.help) return result;
-    if (!apps::parse_command_line(table(), arguments, result, error)) return std::nullopt;
-    if (result.user.empty() != result.password.empty()) {
-        error = "--user and --password go together";
+    result.about = apps::asks_about(arguments);
+    if (result.about != apps::about_t::nothing) return result;
+    if (!apps::parse_command_line(table(), arguments, result, error) || !result.login.complete(error))
         return std::nullopt;
-    }
     return result;
 }
 

@@ -1,6 +1,9 @@
 // What the command line of inet-camera says.
 #pragma once
 
+#include "credentials.h"
+#include "program.h"
+
 #include "media/watcher.h"
 
 #include <cstdint>
@@ -39,8 +42,7 @@ struct options {
     std::string multicast;           ///< group; empty for no multicast
     uint16_t multicast_port = 5004;  ///< of the first track's RTP; the others follow
     uint8_t ttl = 1;                 ///< hops that multicast goes
-    std::string user;
-    std::string password;
+    apps::credentials login;         ///< that viewers need
     unsigned threads = 1;
     start_t start = start_t::key;
     std::optional<uint16_t> http_port;
@@ -48,7 +50,7 @@ struct options {
     unsigned stall = 10;                 ///< seconds after which a viewer that takes next to nothing is dropped
     unsigned timeout = 60;               ///< seconds without request or report after which a session ends
     std::string log;
-    bool help = false;
+    apps::about_t about = apps::about_t::nothing;
 };
 
 /// The options; on a mistake nothing, with the reason in `error`.

@@ -1,6 +1,9 @@
 // A command line read by a table of options, and its help text.
 #pragma once
 
+#include "credentials.h"
+#include "program.h"
+
 #include "media/watcher.h"
 
 #include <algorithm>
@@ -52,7 +55,16 @@ auto take_text(std::string Options::*field) {
     };
 }
 
-inline bool is_option(std::string_view argument) { return argument.starts_with('-'); }
+/// The options of a user and a password.
+template <class Options>
+auto take_credential(std::string credentials::*field) {
+    return [field](Options& o, std::string_view text) {
+        (o.login.*field) = text;
+        return !text.empty();
+    };
+}
+
+inline bool is_option(std::string_view argument) { return argument.starts_with('-') && argument.size() > 1; }
 
 /// "--name=value" in its parts.
 inline std::pair<std::string_view, std::optional<std::string_view>> split_option(std::string_view argument) {
@@ -70,8 +82,13 @@ const option<Options>* find_option(std::span<const option<Options>> table, std::
     return found == table.end() ? nullptr : &*found;
 }
 
-inline bool asks_for_help(std::span<const std::string> arguments) {
-    return std::ranges::any_of(arguments, [](const std::string& each) { return each == "--help" || each == "-h"; });
+/// What is asked for instead of work.
+inline about_t asks_about(std::span<const std::string> arguments) {
+    for (const std::string& each : arguments) {
+        if (each == "--help" || each == "-h") return about_t::help;
+        if (each == "--version") return about_t::version;
+    }
+    return about_t::nothing;
 }
 
 /// Reads the arguments into `out`. @return false on a mistake, which `error` tells.

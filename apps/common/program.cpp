@@ -33,6 +33,15 @@ std::vector<std::string> start(int argc, const char* const* argv) {
     return arguments;
 }
 
+int tell_about(const char* program, about_t what, const std::string& usage) {
+    if (what == about_t::version) {
+        std::printf("%s %s\n", program, INET_VERSION);
+    } else {
+        std::fputs(usage.c_str(), stdout);
+    }
+    return std::fflush(stdout) == 0 ? 0 : status_failed;
+}
+
 void complain(const char* program, const std::string& message) {
     // Not behind what stands in the status line.
     if (core_con_is_terminal(1)) std::fputs("\r\x1b[K", stdout);

@@ -1,6 +1,7 @@
 // What every program of ours does around its work.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -9,6 +10,14 @@ namespace apps {
 
 /// Exit status for what a program could not do.
 inline constexpr int status_failed = 1;
+/// And for a command line that cannot be used.
+inline constexpr int status_usage = 2;
+
+/// What a command line may ask for instead of work.
+enum class about_t : uint8_t { nothing, help, version };
+
+/// Prints it. @return the exit status
+int tell_about(const char* program, about_t what, const std::string& usage);
 
 /// The first call of main(): from here on the console shows the UTF-8 and follows the sequences that are printed.
 /// @return the arguments behind the program's name, as UTF-8

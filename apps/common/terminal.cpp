@@ -7,7 +7,7 @@
 
 namespace apps {
 
-status_line::status_line() : terminal_(core_con_is_terminal(1) != 0) {}
+status_line::status_line(bool shows) : terminal_(shows && core_con_is_terminal(1) != 0) {}
 
 status_line::~status_line() {
     if (shown_) std::fputs("\n", stdout);

@@ -8,7 +8,8 @@ namespace apps {
 /// One line at the bottom of the terminal, written over itself; nothing when the output is no terminal.
 class status_line {
 public:
-    status_line();
+    /// @param shows  false has it print nothing
+    explicit status_line(bool shows = true);
     ~status_line();
     status_line(const status_line&) = delete;
     status_line& operator=(const status_line&) = delete;

@@ -1,12 +1,13 @@
 // inet-viewer: receives a stream over RTSP, writes it to files and tells how it came.
 #include "options.h"
 #include "outcome.h"
+#include "platform/system.h"
 #include "program.h"
-#include "recording.h"
 #include "terminal.h"
 #include "track_report.h"
 
 #include "core/time.h"
+#include "media/recorder.h"
 #include "media/watcher.h"
 
 #include <algorithm>
@@ -48,38 +49,45 @@ outcome outcome_of(media::outcome_t what) {
 /// What the watcher calls on its thread.
 struct receiver {
     media::watcher watcher;
-    viewer::recording& files;
+    media::recorder& files;
+    media::failure_t why;  ///< of the files
 
-    receiver(const viewer::options& settings, viewer::recording& into)
+    receiver(const viewer::options& settings, media::recorder& into)
         : watcher(settings.uri.c_str(), {.transport = settings.way,
+                                         .user = settings.user(),
+                                         .password = settings.password(),
                                          .timeout = settings.timeout,
                                          .reconnect = settings.reconnect,
                                          .duration = settings.duration}),
           files(into) {
         watcher.on_frame(&receiver::on_frame, this);
         watcher.on_event(&receiver::on_event, this);
+        files.on_note([](void*, const char* text) { apps::complain(viewer::name, text); }, nullptr);
     }
 
     /// The files get the first track of each format.
     static int on_frame(void* arg, const media::watched_t& got) {
-        return !got.first_of_format || static_cast<receiver*>(arg)->files.take(got.frame) ? 1 : 0;
+        auto* self = static_cast<receiver*>(arg);
+        return !got.first_of_format || self->files.take(got.frame, &self->why) ? 1 : 0;
     }
 
     static void on_event(void* arg, const media::watch_event_t& event) {
         auto* self = static_cast<receiver*>(arg);
         const std::string text = event.text;
         using e = media::watch_event_t;
+        for (uint32_t i = 0; event.what == e::tracks && i < event.format_count; ++i)
+            self->files.declare(event.formats[i]);
         if (event.what == e::track_refused) apps::complain(viewer::name, text + ", going on without that track");
         if (event.what == e::falls_back) apps::complain(viewer::name, text + ", trying tcp");
         if (event.what != e::pausing) return;
-        if (!self->files.flush()) return self->watcher.end();
+        if (!self->files.pause(&self->why)) return self->watcher.end();
         apps::complain(viewer::name, text + "; connecting again in " + std::to_string(event.pause) + " s");
     }
 };
 
 /// Shows the live line until the end.
-void follow(media::watcher& watcher) {
-    apps::status_line line;
+void follow(media::watcher& watcher, bool shows) {
+    apps::status_line line(shows);
     uint64_t shown = core_timer();
     uint64_t bytes = 0;
     while (!watcher.wait(50)) {
@@ -102,29 +110,33 @@ void follow(media::watcher& watcher) {
     }
 }
 
-bool print(std::span<const media::track_counts_t> tracks) {
+/// @param out  the standard output, or another one where that holds media
+bool print(std::span<const media::track_counts_t> tracks, std::FILE* out) {
     for (size_t i = 0; i < tracks.size(); ++i)
-        std::printf("%s\n", viewer::report_of(tracks[i], i).c_str());
-    return std::fflush(stdout) == 0 && !std::ferror(stdout);  // an earlier part may have failed, too
+        std::fprintf(out, "%s\n", viewer::report_of(tracks[i], i).c_str());
+    return std::fflush(out) == 0 && !std::ferror(out);  // an earlier part may have failed, too
 }
 
 int receive(const viewer::options& settings) {
-    viewer::recording files;
-    if (!files.open(settings.outputs)) return fail({outcome::cannot_write, "cannot write " + files.failed()});
-    receiver received(settings, files);
+    media::recorder files;
     media::failure_t why;
+    const bool to_output = settings.writes_to_output();
+    if (to_output) apps::platform::make_output_binary();
+    for (const std::string& path : settings.outputs) {
+        if (!files.add(path.c_str(), &why)) return fail({outcome::cannot_write, why.text});
+    }
+    receiver received(settings, files);
     if (!received.watcher.start(&why)) return fail({outcome::failed, why.text});
-    follow(received.watcher);
+    follow(received.watcher, !to_output);
     received.watcher.stop();
     const media::watcher::status_t status = received.watcher.status();
     viewer::ending result{outcome_of(status.outcome), status.text};
-    if (!files.finish() || !files.failed().empty()) {
-        result = {outcome::cannot_write, "cannot write " + files.failed()};
+    if (!files.finish(&why)) result = {outcome::cannot_write, why.text};
+    if (result.what == outcome::ok && files.untouched()) {
+        result = {outcome::nothing_received, std::string("nothing came for ") + files.untouched()};
     }
-    if (result.what == outcome::ok && !files.untouched().empty()) {
-        result = {outcome::nothing_received, "nothing came for " + files.untouched()};
-    }
-    if (settings.stats && !print({status.tracks, status.track_count}) && result.what == outcome::ok) {
+    if (settings.stats && !print({status.tracks, status.track_count}, to_output ? stderr : stdout) &&
+        result.what == outcome::ok) {
         result = {outcome::cannot_write, "cannot write to the standard output"};
     }
     return fail(result);
@@ -137,9 +149,7 @@ int main(int argc, char** argv) {
     std::string error;
     const auto settings = viewer::parse_options(arguments, error);
     if (!settings) return fail({outcome::usage, error + "; see inet-viewer --help"});
-    if (settings->help) {
-        std::fputs(viewer::usage().c_str(), stdout);
-        return 0;
-    }
+    if (settings->about != apps::about_t::nothing)
+        return apps::tell_about(viewer::name, settings->about, viewer::usage());
     return apps::run(viewer::name, settings->log, [&] { return receive(*settings); });
 }

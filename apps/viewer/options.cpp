@@ -1,7 +1,8 @@
 #include "options.h"
 
 #include "command_line.h"
-#include "writer.h"
+
+#include "media/recorder.h"
 
 #include <algorithm>
 #include <charconv>
@@ -21,9 +22,9 @@ bool take_uri(options& o, std::string_view text) {
 }
 
 bool take_output(options& o, std::string_view text) {
-    if (!can_write(text) || std::ranges::find(o.outputs, text) != o.outputs.end()) return false;
+    if (std::ranges::find(o.outputs, text) != o.outputs.end()) return false;
     o.outputs.emplace_back(text);
-    return true;
+    return media::recorder::takes(o.outputs.back().c_str()) != 0;
 }
 
 bool take_duration(options& o, std::string_view text) {
@@ -46,9 +47,15 @@ std::span<const option> table() {
         {"URI", "", "one rtsp://[user:password@]host[:port]/path; user and password percent-coded, no IPv6", take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
-        {"-o", "FILE", "write to a .h264, .mp4, .wav, .jpg or .txt file; may be given again for another file",
+        {"-o", "FILE",
+         "write to a .mp4, .h264, .wav, .jpg or .txt file, or with - to the standard output; may be given "
+         "again for another file",
          take_output},
-        {"--duration", "SECONDS", "end after so much media", take_duration},
+        {"--duration", "SECONDS", "end after so much media, counted from the first picture", take_duration},
+        {"--user", "NAME", "user, where the URI names none", apps::take_credential<options>(&apps::credentials::user)},
+        {"--password", "TEXT", "and password, as it is", apps::take_credential<options>(&apps::credentials::password)},
+        {"--password-file", "FILE", "or the first line of a file; without both, the variable INET_PASSWORD",
+         apps::take_credential<options>(&apps::credentials::password_file)},
         {"--reconnect", "N", "connect again, up to N times in a row, or \"forever\" (0)", take_reconnect},
         {"--timeout", "SECONDS", "longest wait for the server and for media (10)",
          [](options& o, std::string_view text) { return take_number(o.timeout, text, 1, 3600); }},
@@ -61,18 +68,20 @@ std::span<const option> table() {
 
 constexpr std::string_view explanations = R"(
 Files, by the end of their name:
+  .mp4          H.264 pictures with AAC or G.711 sound, as fragmented MP4, which can be read while it grows
   .h264 .264    pictures, an H.264 stream in Annex B form
-  .mp4          H.264 pictures as fragmented MP4, which can be read while it grows
   .wav          G.711 sound as it came; its header is right once the program has ended
   .jpg .jpeg    JPEG pictures, a file each: x.jpg gives x_00001.jpg, ...
   .txt .xml     metadata, one document behind the other
+  -             MP4 to the standard output; -.h264, -.wav and -.txt are those
 Each takes the first track of its format. Only whole pictures are written: after a loss nothing until the next key
-picture.
+picture. Sound starts where the picture starts; what was lost, and the time between two connections, is silence. A file
+begins with its first frame: an earlier one of that name stays until then.
 
 Over udp, when nothing arrives in 3 s or the server refuses it, the stream is asked for again over tcp. Over http both
 connections go to the port of the URI. Between attempts to connect again pass 1, 2, 4, ... 30 s.
 
-With --stats, on the standard output, a line for each track:
+With --stats, on the standard output (with -o - on the error stream), a line for each track:
   track=0 format=H264 frames=250 bytes=705672 seconds=10.000 mbit/s=0.565 packets=640 lost=0 left_out=0 jitter_ms=0.214
 
 Exit status:
@@ -87,9 +96,10 @@ Exit status:
 
 std::optional<options> parse_options(std::span<const std::string> arguments, std::string& error) {
     options result;
-    result.help = apps::asks_for_help(arguments);
-    if (result.help) return result;
-    if (!apps::parse_command_line(table(), arguments, result, error)) return std::nullopt;
+    result.about = apps::asks_about(arguments);
+    if (result.about != apps::about_t::nothing) return result;
+    if (!apps::parse_command_line(table(), arguments, result, error) || !result.login.complete(error))
+        return std::nullopt;
     if (result.uri.empty()) {
         error = "which stream? rtsp://...";
         return std::nullopt;

@@ -1,8 +1,12 @@
 // What the command line of inet-viewer says.
 #pragma once
 
+#include "credentials.h"
+#include "program.h"
+
 #include "media/watcher.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -14,13 +18,22 @@ namespace viewer {
 struct options {
     std::string uri;
     media::transport_t way = media::transport_t::tcp;
+    apps::credentials login;  ///< beside that of the URI
     std::vector<std::string> outputs;
     uint64_t duration = 0;   ///< microseconds of media; 0 is without end
     unsigned reconnect = 0;  ///< attempts in a row, or media::watcher::forever
     unsigned timeout = 10;   ///< seconds
     bool stats = false;
     std::string log;
-    bool help = false;
+    apps::about_t about = apps::about_t::nothing;
+
+    const char* user() const { return login.user.empty() ? nullptr : login.user.c_str(); }
+    const char* password() const { return login.password.empty() ? nullptr : login.password.c_str(); }
+    /// "-" and "-.h264": media go to the standard output.
+    bool writes_to_output() const {
+        return std::ranges::any_of(outputs,
+                                   [](const std::string& each) { return each == "-" || each.starts_with("-."); });
+    }
 };
 
 /// The options; on a mistake nothing, with the reason in `error`.

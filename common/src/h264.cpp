@@ -302,6 +302,27 @@ int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noexcept {
     return 1;
 }
 
+int h264_parse_slice(std::span<const uint8_t> nal, const h264_info_t& sps, h264_slice_t* out) noexcept {
+    constexpr uint32_t slice_types = 5;  // the second time they hold for all slices of the picture
+    constexpr uint32_t b_slice = 1;
+    const uint8_t type = h264_nal_type(nal);
+    if (!out || (type != h264_slice && type != h264_slice_idr)) return 0;
+    bit_reader in(nal.subspan(1));
+    h264_slice_t found{};
+    found.idr = type == h264_slice_idr;
+    found.reference = (nal[0] & 0x60) != 0;
+    in.ue();  // first_mb_in_slice
+    found.b = in.ue(2 * slice_types - 1) % slice_types == b_slice;
+    in.ue(255);  // pic_parameter_set_id
+    in.bits(sps.log2_max_frame_num);
+    if (!sps.frame_mbs_only && in.flag()) in.flag();  // bottom_field_flag
+    if (found.idr) in.ue(65535);                      // idr_pic_id
+    if (sps.picture_order_type == 0) found.picture_order = in.bits(sps.log2_max_picture_order);
+    if (in.failed()) return 0;
+    *out = found;
+    return 1;
+}
+
 int h264_parse(std::span<const uint8_t> stream, std::span<const uint8_t>* sps, std::span<const uint8_t>* pps,
                h264_info_t* info) noexcept {
     bytes first_sps;

@@ -24,6 +24,8 @@ void ask_for_short_ticks() {}
 
 void prepare_console() {}
 
+void make_output_binary() {}
+
 void note_interrupts(std::atomic<bool>& flag) {
     noted = &flag;
     std::signal(SIGINT, on_signal);

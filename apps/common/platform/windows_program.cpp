@@ -1,7 +1,10 @@
 #include "system.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
+#include <io.h>
 #include <iterator>
 #include <memory>
 #include <windows.h>
@@ -87,6 +90,8 @@ void prepare_console() {
     SetConsoleOutputCP(CP_UTF8);
     std::atexit(restore_console);
 }
+
+void make_output_binary() { _setmode(_fileno(stdout), _O_BINARY); }
 
 void note_interrupts(std::atomic<bool>& flag) {
     noted = &flag;

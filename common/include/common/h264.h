@@ -68,6 +68,18 @@ INET_API int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noex
 INET_API int h264_parse(std::span<const uint8_t> stream, std::span<const uint8_t>* sps, std::span<const uint8_t>* pps,
                         h264_info_t* info) noexcept;
 
+/// What the head of a slice says of its picture's place in the order of display.
+struct h264_slice_t {
+    bool idr;
+    bool reference;          ///< others build on the picture
+    bool b;                  ///< the slice may build on pictures that are shown later
+    uint32_t picture_order;  ///< its low bits, of picture order type 0; else 0
+};
+
+/// Reads the head of a slice (7.3.3). @param sps  of its sequence
+/// @return 1, or 0 when it is none, or cut short; `out` is then as before.
+INET_API int h264_parse_slice(std::span<const uint8_t> nal, const h264_info_t& sps, h264_slice_t* out) noexcept;
+
 /// 1 when the NAL unit begins a new access unit after one that holds a slice (7.4.1.2.3): an AUD, SPS, PPS, SEI or one
 /// of the types 14 to 18, or a slice whose first_mb_in_slice is 0.
 INET_API int h264_starts_access_unit(std::span<const uint8_t> nal) noexcept;

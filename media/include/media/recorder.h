@@ -1,0 +1,79 @@
+/// Recorders: write what a watcher fetches, a stream holds or an encoder makes to files.
+///
+///     media::recorder film;
+///     if (!film.add("film.mp4", &error)) ...
+///     film.declare(format);                  // of each track, before its frames
+///     if (!film.take(frame, &error)) ...     // from a callback of a watcher, or
+///     if (!film.take(found, entry, &error))  // what a cursor found
+///     film.finish(&error);
+///
+/// Files, by the end of their name:
+///     .mp4          H.264 pictures and sound as fragmented MP4, which can be read while it grows: AAC as it is, G.711 as
+///                   16-bit PCM. It ends when the stream changes its parameter sets
+///     .h264 .264    H.264 pictures in Annex B form
+///     .wav          G.711 sound as it came; the header is right after finish()
+///     .jpg .jpeg    JPEG pictures, a file each: x.jpg gives x_00001.jpg, ...; "%05d" in the name is the place of the
+///                   number
+///     .txt .xml     metadata, one document behind the other
+/// "-" is MP4 to the standard output; "-.h264", "-.wav" and "-.txt" are those. A file begins with its first frame: until
+/// then an earlier file of that name stays as it was.
+///
+/// The files of a recorder have one time base. Sound starts where the picture starts. What was lost, a pause of the
+/// source and the time between two connections keep their length: the last picture stays, the sound is silent. In MP4
+/// silence beyond ten minutes is a step of the times. Pictures come in decoding order: their order of display is found
+/// from their times.
+///
+/// Bounds:
+///     pictures held     two seconds, and 4 MiB and one picture
+///     sound held        three seconds; before the first picture two seconds, at most 512 frames
+///
+/// One thread at a time. Nothing here throws.
+#pragma once
+
+#include "avc/frame.h"
+#include "media/api.h"
+#include "media/stream.h"
+
+namespace media {
+
+class MEDIA_API recorder final {
+public:
+    recorder() noexcept;
+    /// finish()
+    ~recorder();
+    recorder(const recorder&) = delete;
+    recorder& operator=(const recorder&) = delete;
+
+    /// 1 for the name of a file that can be recorded to. Any thread.
+    static int takes(const char* path) noexcept;
+
+    /// Adds a file, before the first frame. @param path  UTF-8, copied
+    /// @return 1; 0 with a reason in `error` when it cannot be written: its folder is missing, it is a folder, ...
+    int add(const char* path, failure_t* error = nullptr) noexcept;
+    /// Says what a track is; of each kind the first counts. A recorder that is told of pictures has the sound wait for
+    /// them. What is not told is learned from the frames, for MP4 from those up to the first key picture.
+    void declare(const format_t& format) noexcept;
+
+    /// Writes a whole frame to the files of its format. H.264 begins with a key picture.
+    /// @return 1; 0 with a reason in `error` once a file cannot be written: then it takes nothing more
+    int take(const av::frame_t& frame, failure_t* error = nullptr) noexcept;
+    /// The same for what a cursor found: frames, formats, gaps.
+    int take(read_t found, const entry_t& entry, failure_t* error = nullptr) noexcept;
+    /// The source has gone away: writes what is held. What comes next stands behind it, on a clock of its own.
+    /// @return as take()
+    int pause(failure_t* error = nullptr) noexcept;
+    /// Completes the files. @return as take()
+    int finish(failure_t* error = nullptr) noexcept;
+
+    /// The first file for which nothing came; null when there is none. Valid until the recorder ends.
+    const char* untouched() const noexcept;
+    /// Has `note` called, from inside take(), when a file ends before the recording.
+    void on_note(void (*note)(void* arg, const char* text), void* arg) noexcept;
+
+    struct inside;
+
+private:
+    inside* inside_;
+};
+
+}  // namespace media
