@@ -2,10 +2,13 @@
 #include "rtsp/server.h"
 
 #include "avc/fcc.h"
+#include "common/digest.h"
+#include "common/h264.h"
 #include "core/text.h"
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace rtsp3 {
 
@@ -25,6 +28,25 @@ const format_t* find_format(uint32_t fcc) noexcept {
 namespace {
 
 constexpr uint64_t us_per_second = 1000000;
+
+/// The description with the parameter sets of a track behind it (RFC 6184, 8.1); null when memory is out.
+core::owned_text add_parameter_sets(core::owned_text sdp, const track_t& track, const char* file, int line) noexcept {
+    std::span<const uint8_t> sets(track.parameter_sets.data, track.parameter_sets.length);
+    const auto sps = h264_find(sets, h264_sps);
+    if (!sdp || sps.size() < 4) return sdp;
+    sdp.reset(core_sprintf(file, line,
+                           "%sa=fmtp:%hhu packetization-mode=1;profile-level-id=%02x%02x%02x;sprop-parameter-sets",
+                           sdp.get(), track.rtp->pt, unsigned{sps[1]}, unsigned{sps[2]}, unsigned{sps[3]}));
+    const char* before = "=";
+    for (auto set = h264_next_nal(sets); sdp && !set.empty(); set = h264_next_nal(sets)) {
+        if (h264_nal_type(set) != h264_sps && h264_nal_type(set) != h264_pps) continue;
+        const core::owned_text coded(b64(set.data(), set.size(), file, line));
+        sdp.reset(coded ? core_sprintf(file, line, "%s%s%s", sdp.get(), before, coded.get()) : nullptr);
+        before = ",";
+    }
+    if (sdp) sdp.reset(core_sprintf(file, line, "%s\r\n", sdp.get()));
+    return sdp;
+}
 
 }  // namespace
 
@@ -53,6 +75,7 @@ core::owned_text describe(const conversation& talk, const char* name, uint64_t s
         const char* rtpmap = find_format(each->fcc)->rtpmap;
         if (sdp && rtpmap)
             sdp.reset(core_sprintf(talk.file, talk.line, "%sa=rtpmap:%hhu %s\r\n", sdp.get(), each->rtp->pt, rtpmap));
+        sdp = add_parameter_sets(std::move(sdp), *each, talk.file, talk.line);
     }
     return sdp;
 }

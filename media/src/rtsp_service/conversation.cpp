@@ -112,7 +112,12 @@ void client_t::answer_describe(uint64_t now) noexcept {
 void client_t::announce() noexcept {
     for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta}) {
         format_t format;
-        if (stream_->format(kind, &format, nullptr)) rtsp_->add_trak(format.fcc, stream_->name(), CORE_HERE);
+        buf_t config;
+        if (!stream_->format(kind, &format, &config)) continue;
+        const rtsp3::trak_t* const made = rtsp_->add_trak(format.fcc, stream_->name(), CORE_HERE);
+        // Without them the player waits for the first key picture to know what it gets.
+        if (made) rtsp_->describe_trak(made, {config.data, config.length});
+        core_buf_free(&config);
     }
     rtsp_->send_sdp("inet", "camera", stream_->name(), 0, 0);
 }
