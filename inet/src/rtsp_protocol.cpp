@@ -74,6 +74,8 @@ int Rtsp::open(const char* uri) noexcept { return session::of(*this).begin(uri);
 
 int Rtsp::set_uri(const char* uri) noexcept { return session::of(*this).talk.set_location(uri); }
 
+void Rtsp::set_unknown_methods(bool answered) noexcept { session::of(*this).out.set_refuses_methods(answered); }
+
 int Rtsp::set_credentials(const char* user, const char* password) noexcept {
     server* const to = session::of(*this).as_server();
     return to && to->set_credentials(user, password);
@@ -86,6 +88,11 @@ void Rtsp::set_send_limit(uint32_t bytes) noexcept {
 trak_t* Rtsp::add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept {
     server* const to = session::of(*this).as_server();
     return to ? to->add_trak(fcc, name, sound, file, line) : nullptr;
+}
+
+int Rtsp::describe_trak(const trak_t* trak, buffer_t parameter_sets) noexcept {
+    server* const to = session::of(*this).as_server();
+    return to && to->describe_trak(trak, parameter_sets);
 }
 
 // Answers
@@ -212,8 +219,10 @@ void process(session& to, header_s* header, Ask ask, Take take, Serve serve) noe
     const conversation::call running(to.talk);
     if (!header) {
         if (asks) ask(*asks);
+    } else if (asks && header->status) {
+        take(*asks);
     } else if (asks) {
-        header->status ? take(*asks) : asks->serve(header);
+        asks->serve(header);
     } else if (server* const serves = header->status ? nullptr : to.serving()) {
         serve(*serves);
     }
