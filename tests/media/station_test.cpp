@@ -1,50 +1,24 @@
 #include "media/station.h"
 
-#include "support/side_thread.h"
+#include "support/frames.h"
 #include "support/sockets.h"
+#include "support/threads.h"
 
 #include "avc/fcc.h"
 #include "core/owned.h"
 #include "media/rtsp_service.h"
 
 #include <atomic>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace {
 
 using media::claim_t;
 
-/// What begins with "ECHO" comes back.
-struct echo_client final : media::client, net::ITcp {
-    echo_client(media::thread& on, net::Tcp* connection) : thread_(on), tcp_(connection) { tcp_->set_handler(this); }
-    ~echo_client() override { net::Tcp::destroy(tcp_); }
-
-    uint64_t serve(uint64_t) noexcept override { return 0; }
-    void second() noexcept override {}
-    void finish() noexcept override {
-        finished_ = true;
-        thread_.sweep();
-    }
-    bool finished() const noexcept override { return finished_; }
-    bool idle() const noexcept override { return true; }
-    bool watching() const noexcept override { return false; }
-
-    void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override {
-        tcp->send({received->data, received->length});
-        core_buf_ignore(received, received->length);
-    }
-    void on_tcp_closed(net::Tcp*, int) noexcept override { finish(); }
-
-    media::thread& thread_;
-    net::Tcp* tcp_;
-    bool finished_ = false;
-};
-
-struct echo_service final : media::service {
+/// What begins with "ECHO" comes back, and the connection ends.
+struct echo_service final : media::service, net::ITcp {
     uint16_t port() const noexcept override { return port_; }
     void set_port(uint16_t port) noexcept override { port_ = port; }
     claim_t claims(buffer_t first) const noexcept override {
@@ -57,13 +31,15 @@ struct echo_service final : media::service {
         struct nothing final : media::part {};
         return core::create<nothing>(CORE_HERE);
     }
-    media::client* take(media::thread& on, net::Tcp*& from) noexcept override {
-        auto* made = core::create<echo_client>(CORE_HERE, on, from);
-        if (!made) return nullptr;
-        from = nullptr;
-        made->tcp_->show_received();
-        return made;
+    media::client* take(media::thread&, net::Tcp*& from) noexcept override {
+        from->set_handler(this);
+        from->show_received();
+        return nullptr;
     }
+    void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override {
+        tcp->send({received->data, received->length});
+    }
+    void on_tcp_closed(net::Tcp*, int) noexcept override {}
     void addresses(const media::stream&, const char*, void (*)(void*, const char*), void*) const noexcept override {}
 
     uint16_t port_ = 0;
@@ -120,24 +96,18 @@ struct follower final : media::reader {
         if (entry.number != next++) ++missed;
         if (next == wanted) all.set();
     }
+    /// On the thread: begins, and ends the next time.
+    static void change(media::thread& on, void* arg) {
+        auto& self = *static_cast<follower*>(arg);
+        if (self.next == 0) on.follow(*self.of, self);
+        if (self.next != 0) on.unfollow(*self.of, self);
+        self.changed.set();
+    }
+    media::stream* of = nullptr;
     uint64_t next = 0, wanted = 2000;
     std::atomic<int> missed = 0;
-    test::event all;
+    test::event all, changed;
 };
-
-/// Runs a function on the first thread of a station and waits for its end.
-void run_on_thread(media::station& station, std::function<void(media::thread&)> run) {
-    struct call_t {
-        std::function<void(media::thread&)> run;
-        test::event done;
-    } call{std::move(run), {}};
-    const auto body = [](media::thread& on, void* arg) {
-        static_cast<call_t*>(arg)->run(on);
-        static_cast<call_t*>(arg)->done.set();
-    };
-    ASSERT_TRUE(station.thread_at(0).call(body, &call));
-    EXPECT_TRUE(call.done.wait());
-}
 
 TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     media::station station;
@@ -145,15 +115,12 @@ TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     EXPECT_FALSE(station.add_stream("live"));
     ASSERT_TRUE(station.start());
     follower by;
-    run_on_thread(station, [&](media::thread& on) { on.follow(*stream, by); });
+    by.of = stream;
+    ASSERT_TRUE(station.thread_at(0).call(follower::change, &by) && by.changed.wait());
     std::atomic<uint64_t> pushed = 0;
     const auto push = [&] {
         constexpr uint8_t sound[4] = {};
-        av::frame_t frame{};
-        frame.fcc = av::fcc_pcmu;
-        frame.data = sound;
-        frame.size = sizeof sound;
-        frame.key = 1;
+        av::frame_t frame = test::borrowed(av::fcc_pcmu, sound);
         while (pushed++ < by.wanted) {
             frame.time = pushed;
             EXPECT_EQ(stream->push(frame), 1);
@@ -162,7 +129,7 @@ TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     test::on_four_threads(push);
     EXPECT_TRUE(by.all.wait());
     EXPECT_EQ(by.missed, 0);
-    run_on_thread(station, [&](media::thread& on) { on.unfollow(*stream, by); });
+    EXPECT_TRUE(station.thread_at(0).call(follower::change, &by) && by.changed.wait());
 }
 
 TEST(Station, WorkRunsOffTheLoopAndIsDoneOnItsThread) {
