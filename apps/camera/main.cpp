@@ -11,7 +11,6 @@
 #include "core/thread.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
-#include "media/http_service.h"
 #include "media/rtsp_service.h"
 #include "media/station.h"
 
@@ -109,15 +108,7 @@ int serve(const camera::options& settings) {
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
-    media::http_service_t* web = nullptr;
-    if (settings.http_port) {
-        const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
-        web = media::http_service({.port = *settings.http_port, .user = text(settings.user), .password = text(settings.password)});
-        web->serve("/healthz", [](void*, media::http_exchange& x) { char ok[] = "ok\n"; x.answer({}, {reinterpret_cast<uint8_t*>(ok), 3}); }, nullptr, "GET, HEAD", true);
-        static uint8_t page[] = "<html><img src=jpeg.mjpeg></html>";
-        web->serve("/", {.bytes = {page, sizeof page - 1}, .type = "text/html; charset=utf-8", .etag = "\"1\""});
-    }
-    if (!station.add(rtsp, &why) || (web && !station.add(web, &why)) || !station.start(&why) || !fetched.start(why)) return fail(why.text);
+    if (!station.add(rtsp, &why) || !station.start(&why) || !fetched.start(why)) return fail(why.text);
     if (!played->channels.empty()) source.start();
     if (!played->channels.empty() && !source.nt) return fail("cannot start a network thread");
     print_addresses(paths, settings, rtsp->port());

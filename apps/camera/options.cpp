@@ -74,13 +74,6 @@ std::span<const option> table() {
         {"--bind", "ADDRESS", "address to listen on (127.0.0.1)", take_text(&options::bind)},
         {"--rtsp", "PORT", "RTSP port (8554); 0 takes a free one",
          [](options& o, std::string_view text) { return take_number(o.rtsp_port, text, 0, 65535); }},
-        {"--http", "PORT", "HTTP port: JPEG streams for browsers; 0 takes a free one (none)",
-         [](options& o, std::string_view text) {
-             uint16_t port = 0;
-             if (!take_number(port, text, 0, 65535)) return false;
-             o.http_port = port;
-             return true;
-         }},
         {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},
         {"--ttl", "N", "hops that multicast goes (1)",
          [](options& o, std::string_view text) { return take_number(o.ttl, text, 0, 255); }},

@@ -45,7 +45,6 @@ struct options {
     apps::credentials login;         ///< that viewers need
     unsigned threads = 1;
     start_t start = start_t::key;
-    std::optional<uint16_t> http_port;
     uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a viewer
     unsigned stall = 10;                 ///< seconds after which a viewer that takes next to nothing is dropped
     unsigned timeout = 60;               ///< seconds without request or report after which a session ends

@@ -176,7 +176,7 @@ TEST_F(NetHttp, DownloadsToAFileAndSplitsMultipartBodies) {
         header_s* head = http_header_error("HTTP/1.1", 200, static_cast<unsigned>(content.size()), "image/png");
         void* const bytes = const_cast<char*>(content.data());
         net_http_send_share(
-            server.ctx, head, {static_cast<uint8_t*>(bytes), static_cast<uint32_t>(content.size())},
+            server.ctx, head, {}, {static_cast<uint8_t*>(bytes), static_cast<uint32_t>(content.size())},
             [](void*) { ++released; }, nullptr);
         http_header_free(head);
     };
