@@ -34,7 +34,7 @@ INET_API uint8_t* core_file_load(const char* path, size_t limit, size_t* size, c
 /// Each returns 1, or 0 when it failed. core_mkdir is content with a directory that is there already. core_frename
 /// replaces its target in one step, also one that somebody has open: who has it keeps what was in it. On Windows whoever
 /// opened it must have shared it for deletion, as this family does; for one who has not it waits 0.2 seconds. On file
-/// systems there that know no such step (FAT, or Windows before 10) an open target takes two.
+/// systems there that know no such step (FAT, or Windows before 10 1709) an open target takes two.
 INET_API int core_fremove(const char* path) noexcept;
 INET_API int core_frename(const char* from, const char* to) noexcept;
 INET_API int core_mkdir(const char* path) noexcept;

@@ -77,7 +77,7 @@ bool is_directory(const wchar_t* path) noexcept {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
-// FILE_RENAME_INFO and its class as of Windows 10 1607: MinGW-w64's headers declare them for later systems alone.
+// FILE_RENAME_INFO and its class as of Windows 10 1709: MinGW-w64's headers declare them for later systems alone.
 struct rename_request {
     static constexpr auto information = static_cast<FILE_INFO_BY_HANDLE_CLASS>(22);  // FileRenameInfoEx
     static constexpr DWORD replace_if_exists = 1;

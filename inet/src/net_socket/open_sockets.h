@@ -23,6 +23,10 @@ public:
     }
     descriptor(const descriptor&) = delete;
     descriptor& operator=(const descriptor&) = delete;
+    descriptor& operator=(descriptor&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
 
     int get() const noexcept { return fd_; }
     int release() noexcept { return std::exchange(fd_, -1); }

@@ -1,5 +1,6 @@
+#include "net_socket/pairs.h"
+
 #include "net_socket/addresses.h"
-#include "net_socket/open_sockets.h"
 
 namespace platform = net::platform;
 
@@ -9,9 +10,9 @@ using net::descriptor;
 
 constexpr int rtp_pair_attempts = 10;
 
-// Making a pair over loopback may be held up by others: a tenth of a second, then it has failed.
-constexpr int accept_attempts = 20;
-constexpr int64_t accept_wait = 5'000;  // microseconds
+// For one who waits for a loopback pair: in all a tenth of a second.
+constexpr int waits = 20;
+constexpr int64_t longest_wait = 5'000;  // microseconds
 
 descriptor open_stream() noexcept {
     descriptor opened(platform::open_socket(net::family_ipv4, net::type_stream, net::protocol_tcp));
@@ -23,26 +24,6 @@ bool listen_on_loopback(int listener, sockaddr_in& chosen) noexcept {
     const sockaddr_in loopback = net::make_address(net::make_host(INADDR_LOOPBACK), 0);
     return platform::set_listener(listener) && platform::bind_socket(listener, loopback) &&
            platform::near_address(listener, chosen) && platform::listen_socket(listener, 1);
-}
-
-bool connect(int fd, const sockaddr_in& address) noexcept {
-    return platform::connect_socket(fd, address) || platform::last_error() == socket_error_would_block;
-}
-
-// The accepted socket whose other end is `near_end`: anybody on this host may have come in between.
-descriptor accept_from(int listener, int near_end) noexcept {
-    for (int attempt = 0; attempt < accept_attempts; ++attempt) {
-        sockaddr_in peer = {};
-        descriptor accepted(platform::accept_socket(listener, &peer));
-        const bool is_local = peer.sin_addr.s_addr == net::make_host(INADDR_LOOPBACK).s_addr;
-        if (accepted && is_local && peer.sin_port == net_socket_near(near_end).sin_port) return accepted;
-        if (accepted) continue;
-        if (platform::last_error() != socket_error_would_block) return descriptor();
-        platform::watch_t waited = {.fd = listener, .wanted = platform::watch_t::read, .found = 0};
-        platform::wait_sockets({&waited, 1}, accept_wait);
-    }
-    platform::set_last_error(socket_error_timed_out);
-    return descriptor();
 }
 
 bool try_rtp_pair(int (&fds)[2]) noexcept {
@@ -66,23 +47,78 @@ void close_pair(int (&fds)[2]) noexcept {
 
 }  // namespace
 
+namespace net {
+
+bool loopback_pair::begin() noexcept {
+    sockaddr_in address = {};
+    near_end_ = descriptor();
+    listener_ = open_stream();
+    if (listener_ && listen_on_loopback(listener_.get(), address)) {
+        near_end_ = open_stream();
+        if (near_end_ &&
+            (platform::connect_socket(near_end_.get(), address) || platform::last_error() == socket_error_would_block))
+            return true;
+    }
+    end();
+    return false;
+}
+
+// Anybody on this host may have come in between: the end that was accepted is ours if its peer is the other one.
+int loopback_pair::accept() noexcept {
+    constexpr int most_at_once = 16;
+    for (int count = 0; count < most_at_once; ++count) {
+        sockaddr_in peer = {};
+        descriptor accepted(platform::accept_socket(listener_.get(), &peer));
+        if (!accepted) return platform::last_error() == socket_error_would_block ? 0 : -1;
+        const bool is_local = peer.sin_addr.s_addr == make_host(INADDR_LOOPBACK).s_addr;
+        if (!is_local || peer.sin_port != net_socket_near(near_end_.get()).sin_port) continue;
+        far_end_ = std::move(accepted);
+        return 1;
+    }
+    return 0;
+}
+
+int loopback_pair::finish(int* fds, const char* file, int line) noexcept {
+    int result = accept();
+    if (result == 1 &&
+        !(platform::set_blocking(near_end_.get(), true) && platform::set_blocking(far_end_.get(), true) &&
+          enter_sockets(near_end_.get(), far_end_.get(), file, line)))
+        result = -1;
+    if (result == 1) {
+        fds[0] = near_end_.release();
+        fds[1] = far_end_.release();
+    }
+    if (result != 0) end();
+    return result;
+}
+
+void loopback_pair::wait() const noexcept {
+    platform::watch_t waited = {.fd = listener_.get(), .wanted = platform::watch_t::read, .found = 0};
+    platform::wait_sockets({&waited, 1}, longest_wait);
+}
+
+// Each closes without a change of the error.
+void loopback_pair::end() noexcept {
+    for (descriptor* each : {&listener_, &near_end_, &far_end_})
+        *each = descriptor();
+}
+
+}  // namespace net
+
 int net_socket_pair(int, int, int, int fds[2], const char* file, int line) noexcept {
     if (!fds) {
         platform::set_last_error(socket_error_invalid_argument);
         return -1;
     }
-    sockaddr_in address = {};
-    const descriptor listener = open_stream();
-    if (!listener || !listen_on_loopback(listener.get(), address)) return -1;
-    descriptor near_end = open_stream();
-    if (!near_end || !connect(near_end.get(), address)) return -1;
-    descriptor far_end = accept_from(listener.get(), near_end.get());
-    if (!far_end || !platform::set_blocking(near_end.get(), true) || !platform::set_blocking(far_end.get(), true))
-        return -1;
-    if (!net::enter_sockets(near_end.get(), far_end.get(), file, line)) return -1;
-    fds[0] = near_end.release();
-    fds[1] = far_end.release();
-    return 0;
+    net::loopback_pair pair;
+    if (!pair.begin()) return -1;
+    for (int waited = 0; waited < waits; ++waited) {
+        const int result = pair.finish(fds, file, line);
+        if (result != 0) return result == 1 ? 0 : -1;
+        pair.wait();
+    }
+    platform::set_last_error(socket_error_timed_out);
+    return -1;
 }
 
 int socket_rtp_pair(int* rtp, int* rtcp) noexcept {

@@ -215,12 +215,15 @@ void watch_socket(nt_ctx& nt, const socket_ctx& socket) noexcept {
     nt.sets.set(socket.fd, flags & (nt_flag_read | nt_flag_listening), flags & (nt_flag_write | nt_flag_connecting));
 }
 
-// Tried again once a second until it is there: a try costs a tenth of a second at the most.
+// Begun again once a second until it is there; a pass never waits for it.
 void open_wake_pair(nt_ctx& nt) noexcept {
-    if (nt.wake_rd >= 0 || now_us() < nt.wake_retry) return;
-    nt.wake_retry = now_us() + second;
+    if (nt.wake_rd >= 0) return;
+    if (now_us() >= nt.wake_retry) {
+        nt.wake_retry = now_us() + second;
+        nt.wake_pair.begin();
+    }
     int fds[2];
-    if (net_socket_pair(2, 1, 6, fds, nt.file, nt.line) != 0) return;
+    if (!nt.wake_pair.has_begun() || nt.wake_pair.finish(fds, nt.file, nt.line) != 1) return;
     socket_options(fds[0]);
     socket_options(fds[1]);
     nt.wake_rd = fds[0];

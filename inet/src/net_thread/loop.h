@@ -1,6 +1,7 @@
 // The context of a network thread and the loop that runs on it.
 #pragma once
 
+#include "net_socket/pairs.h"
 #include "net_thread/watch_sets.h"
 
 #include "core/owned.h"
@@ -42,7 +43,8 @@ struct nt_ctx {
     std::atomic<int> wake_rd = -1;
     std::atomic<int> wake_wr = -1;
     std::atomic<bool> wake_ordered = false;
-    int64_t wake_retry = INT64_MIN;  // the loop's own: when it may try to make the pair, in microseconds
+    loopback_pair wake_pair;         // the loop's own, until the two are there
+    int64_t wake_retry = INT64_MIN;  // when the loop may begin to make it again, in microseconds
 
     // From any thread to the loop.
     slist* new_sockets;
