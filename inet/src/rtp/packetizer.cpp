@@ -7,6 +7,10 @@
 #include "core/time.h"
 #include "inet/net_analytics.h"
 
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
 namespace {
 
 template <class Record>
@@ -18,6 +22,20 @@ std::span<const uint8_t> payload_of(const Record& record) noexcept {
 core::owned_text analytics_text(std::span<const uint8_t> json, uint64_t time, const char* file, int line) noexcept {
     const core::owned_text copy(core_strndup(reinterpret_cast<const char*>(json.data()), json.size(), file, line));
     return core::owned_text(copy ? net_analytics_convert(copy.get(), time, file, line) : nullptr);
+}
+
+/// Whether frames of that format become packets.
+bool is_sent(uint32_t fcc) noexcept {
+    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ, av::fcc_meta};
+    return std::ranges::find(formats, fcc_unic(fcc)) != std::end(formats);
+}
+
+/// Whether a record is an array of detector reports, and not a document that stands as it is.
+bool is_report(std::span<const uint8_t> record) noexcept {
+    constexpr std::string_view blanks = " \t\r\n";
+    const auto first = std::ranges::find_if(
+        record, [&](uint8_t byte) { return blanks.find(static_cast<char>(byte)) == std::string_view::npos; });
+    return first != record.end() && *first == '[';
 }
 
 std::span<const uint8_t> bytes_of(const char* text) noexcept {
@@ -70,10 +88,13 @@ void packetizer::pack_meta(const av::meta_t& meta) noexcept {
     const auto data = payload_of(meta);
     switch (meta.fcc) {
         case av::fcc_meta: {
-            const auto text = analytics_text(data, meta.time, file_, line_);
-            pack_pieces(bytes_of(text.get()), false);
-            core_log_print(rtp_.log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%s", rtp_.id, trak.ssrc, trak.rtp_time,
-                           first_seq, trak.seq, text ? text.get() : "");
+            const bool converts = is_report(data);
+            const auto text = converts ? analytics_text(data, meta.time, file_, line_) : nullptr;
+            const auto sent = converts ? bytes_of(text.get()) : data;
+            pack_pieces(sent, false);
+            core_log_print(rtp_.log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%.*s", rtp_.id, trak.ssrc, trak.rtp_time,
+                           first_seq, trak.seq, static_cast<int>(sent.size()),
+                           sent.empty() ? "" : reinterpret_cast<const char*>(sent.data()));
             break;
         }
         case av::fcc_univ:
@@ -86,14 +107,18 @@ void packetizer::pack_meta(const av::meta_t& meta) noexcept {
     finish();
 }
 
+// As the frame itself, also when no packet was made of it.
 void packetizer::pack(Packets& packets) noexcept {
     trak_t* const trak = find(packets.fcc(), packets.time());
-    if (!trak || packets.count() == 0) return;
+    if (!trak) return;
     const uint16_t first_seq = trak->seq;
     packets.stamp(*trak);
-    rtp_.cut = &packets;
-    hand_over(rtp_, event_t::packets, 0);
-    rtp_.cut = nullptr;
+    if (!is_sent(trak->fcc)) return log_unknown("fcc");
+    if (packets.count() != 0) {
+        rtp_.cut = &packets;
+        hand_over(rtp_, event_t::packets, 0);
+        rtp_.cut = nullptr;
+    }
     log_frame(first_seq);
     finish();
 }
