@@ -1,11 +1,13 @@
 #include "rtsp/framing.h"
 
 #include "rtsp/tunnel.h"
+#include "scan.h"
 
 #include "core/text.h"
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 #include <utility>
 
 namespace rtsp3 {
@@ -18,14 +20,7 @@ constexpr uint32_t max_header = 4098;
 constexpr uint32_t max_body = 64 * 1024;
 constexpr uint32_t slice = 16 * 1024;  // what is taken of the owner's bytes at a time
 
-std::string_view trim(std::string_view text) noexcept {
-    const auto blank = [](char c) { return c == ' ' || c == '\t'; };
-    while (!text.empty() && blank(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && blank(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
+std::string_view trim(std::string_view text) noexcept { return scan::trim(text, " \t"); }
 
 /// Names and values lose the blanks behind them.
 void trim_fields(header_s* header) noexcept {
@@ -41,11 +36,11 @@ void trim_fields(header_s* header) noexcept {
 
 /// Whether the head says one thing only of what follows it.
 bool is_definite(const header_s* header) noexcept {
-    const char* length = nullptr;
+    std::optional<std::string_view> length;
     for (value_t* const* field = header->fields; field && *field; ++field) {
         if (core_strcasecmp((*field)->key, "Content-Length") != 0) continue;
-        const char* const value = (*field)->value ? (*field)->value : "";
-        if (length && trim(value) != trim(length)) return false;
+        const std::string_view value = trim(scan::text((*field)->value));
+        if (length && value != *length) return false;
         length = value;
     }
     return true;
