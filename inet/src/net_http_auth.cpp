@@ -207,7 +207,7 @@ std::optional<credentials> read_credentials(char* text) noexcept {
         const std::optional<auth::parameter_t> parameter = in.parameter();
         if (!parameter) return std::nullopt;
         for (const auto& known : credentials_parameters) {
-            if (!auth::same_name(known.name, parameter->name)) continue;
+            if (!scan::same_name(known.name, parameter->name)) continue;
             if (read.*known.field) return std::nullopt;
             read.*known.field = parameter->value;
         }
@@ -241,7 +241,7 @@ bool same_target(std::string_view a, std::string_view b) noexcept {
 /// Whether the answer is one that can be checked here at all.
 bool is_usable(const credentials& given) noexcept {
     if (!given.username || !given.realm || !given.nonce || !given.uri || !given.response) return false;
-    if (given.algorithm && !auth::same_name(*given.algorithm, "MD5")) return false;
+    if (given.algorithm && !scan::same_name(*given.algorithm, "MD5")) return false;
     return !given.qop || (*given.qop == "auth" && given.nc && given.cnonce);
 }
 

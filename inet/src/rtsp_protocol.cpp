@@ -217,6 +217,7 @@ template <class Ask, class Take, class Serve>
 void process(session& to, header_s* header, Ask ask, Take take, Serve serve) noexcept {
     client* const asks = header ? to.as_client() : to.asking();  // a session at work stays what it is
     const conversation::call running(to.talk);
+    if (header) framing::trim(header);
     if (!header) {
         if (asks) ask(*asks);
     } else if (asks && header->status) {

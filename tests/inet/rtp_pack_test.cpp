@@ -1,5 +1,6 @@
 #include "core/owned.h"
 #include "inet/net_analytics.h"
+#include "inet/rtp_packets.h"
 #include "inet/rtp_owner.h"
 
 #include <algorithm>
@@ -101,6 +102,25 @@ TEST(RtpPack, SendsMetadataAsItIsAndAnalyticsConvertedAndNothingWithoutAnActiveT
         record.send(given);
         EXPECT_EQ(join(payloads(frame)), expected);
         EXPECT_TRUE(record.packets == frame.packets && record.reports == frame.reports);
+    }
+    for (const std::string document : {" <tt:MetadataStream/>", "", "{[]}"}) {
+        rtp_owner owner(av::fcc_meta);
+        const bytes record(document.begin(), document.end());
+        const auto meta = record_of<av::meta_t>(av::fcc_meta, record);
+        owner.object.pack_meta(&meta);
+        EXPECT_EQ(join(payloads(owner)), record);
+    }
+}
+
+TEST(RtpPack, SendsNothingOfWhatWasCutButTheReportWhereTheFrameMakesNoPacket) {
+    for (const auto& [fcc, reports] : {std::pair{av::fcc_pcma, 0U}, {av::fcc_meta, 1U}}) {
+        rtp_owner owner(fcc);
+        rtp::Packets packets(CORE_HERE);
+        const bytes data{'x'};
+        const auto frame = record_of<av::frame_t>(fcc, data);
+        packets.cut(&frame);
+        owner.object.pack(packets);
+        EXPECT_TRUE(owner.packets.empty() && owner.reports.size() == reports && owner.track->time == frame.time);
     }
 }
 

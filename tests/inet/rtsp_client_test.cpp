@@ -213,7 +213,7 @@ TEST(RtspClient, AnswersAChallengeOnceForEachRequest) {
         EXPECT_TRUE(viewer.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\n"));
         for (int i = 0; i < 3; ++i)
             viewer.answer("401 Unauthorized", "www-authenticate: " + c.challenge + "\r\n");
-        EXPECT_EQ(viewer.events, "9 ");
+        EXPECT_EQ(viewer.events + std::to_string(viewer.session->status()), "9 401");
         EXPECT_EQ(viewer.asked.find("Authorization: "s + (c.answer ? c.answer : "")) == std::string::npos, !c.answer);
         // A password that can be read back is in no line of the log.
         EXPECT_EQ(log.lines.find("dT"), std::string::npos) << log.lines;

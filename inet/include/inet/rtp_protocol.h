@@ -200,11 +200,12 @@ public:
     ///   - for a format that is not in the table above.
     void pack(const av::frame_t* frame) noexcept;
 
-    /// The same for a frame that was cut before (inet/rtp_packets.h), by one event 1 for all of its packets. They are
-    /// stamped for this stream until another one packs them.
+    /// The same for a frame that was cut before (inet/rtp_packets.h), by one event 1 for all of its packets, unless there
+    /// is none. They are stamped for this stream until another one packs them.
     void pack(Packets& packets) noexcept;
 
-    /// The same for a metadata record: "META" or "UNIV".
+    /// The same for a metadata record: "META" or "UNIV". A "META" record is converted when its first character that is
+    /// no blank is '['; any other is a document, which is sent as it stands.
     void pack_meta(const av::meta_t* meta) noexcept;
 
     /// Sends one sender report (RFC 3550, 6.4.1; 28 bytes, no report block) on the track's current time: event 2.

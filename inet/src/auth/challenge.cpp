@@ -1,6 +1,7 @@
 #include "auth/challenge.h"
 
 #include "auth/grammar.h"
+#include "scan.h"
 
 #include "common/digest.h"
 #include "core/memory.h"
@@ -68,7 +69,7 @@ struct challenge::said_t {
             {"algorithm", &said_t::algorithm}, {"qop", &said_t::qop},     {"stale", &said_t::stale},
         };
         for (const auto& [each, field] : known) {
-            if (same_name(each, name) && !(this->*field)) this->*field = value;
+            if (scan::same_name(each, name) && !(this->*field)) this->*field = value;
         }
     }
 };
@@ -124,8 +125,8 @@ bool challenge::take(const net::http::header_s* header) noexcept {
         fields_reader in(made.text_.get());
         bool offers_basic = false;
         for (said_t said; in.next(&said);) {
-            if (same_name(said.scheme, "Basic")) offers_basic = true;
-            if (!same_name(said.scheme, "Digest") || !made.choose(said)) continue;
+            if (scan::same_name(said.scheme, "Basic")) offers_basic = true;
+            if (!scan::same_name(said.scheme, "Digest") || !made.choose(said)) continue;
             made.cnonce_.reset(common_srand(cnonce_length, CORE_HERE));
             if (!made.cnonce_) return false;
             *this = std::move(made);
@@ -145,7 +146,7 @@ bool challenge::choose(const said_t& said) noexcept {
         return false;
     const std::string_view name = said.algorithm && !said.algorithm->empty() ? *said.algorithm : "MD5";
     const auto* const found =
-        std::ranges::find_if(algorithms, [&](const algorithm_t& known) { return same_name(known.name, name); });
+        std::ranges::find_if(algorithms, [&](const algorithm_t& known) { return scan::same_name(known.name, name); });
     const bool has_qop = said.qop && !said.qop->empty();
     const qop_t* const qop = has_qop ? find_qop(*said.qop) : nullptr;
     if (found == std::end(algorithms) || (has_qop && !qop)) return false;
@@ -155,7 +156,7 @@ bool challenge::choose(const said_t& said) noexcept {
     nonce_ = *said.nonce;
     opaque_ = said.opaque.value_or("");
     has_opaque_ = said.opaque.has_value();
-    stale_ = said.stale && same_name(*said.stale, "true");
+    stale_ = said.stale && scan::same_name(*said.stale, "true");
     return true;
 }
 

@@ -25,8 +25,7 @@ std::string_view between(const char* begin, const char* end) noexcept {
 
 bool lists(std::string_view list, std::string_view name) noexcept {
     while (!list.empty()) {
-        const std::string_view each = scan::skip(scan::take(list, ','), blanks);
-        if (same_name(each.substr(0, each.find_first_of(blanks)), name)) return true;
+        if (scan::same_name(scan::trim(scan::take(list, ','), blanks), name)) return true;
     }
     return false;
 }
@@ -71,13 +70,9 @@ std::optional<std::string_view> reader::quoted() noexcept {
 }
 
 std::string_view reader::rest_of_element() noexcept {
-    skip(blanks);
     const char* const begin = at_;
     at_ += std::strcspn(at_, ",");
-    const char* end = at_;
-    while (end != begin && blanks.find(end[-1]) != std::string_view::npos)
-        --end;
-    return between(begin, end);
+    return scan::trim(between(begin, at_), blanks);
 }
 
 std::optional<parameter_t> reader::parameter() noexcept {

@@ -1,8 +1,6 @@
 // The grammar of challenges and of answers to them (RFC 7235, 2.1).
 #pragma once
 
-#include "core/text.h"
-
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -10,10 +8,6 @@
 namespace auth {
 
 inline constexpr std::string_view blanks = " \t";
-
-inline bool same_name(std::string_view a, std::string_view b) noexcept {
-    return a.size() == b.size() && core_strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
 
 /// Whether a list has that name among its elements.
 bool lists(std::string_view list, std::string_view name) noexcept;

@@ -7,6 +7,10 @@
 #include "core/time.h"
 #include "inet/net_analytics.h"
 
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
 namespace {
 
 template <class Record>
@@ -18,6 +22,15 @@ std::span<const uint8_t> payload_of(const Record& record) noexcept {
 core::owned_text analytics_text(std::span<const uint8_t> json, uint64_t time, const char* file, int line) noexcept {
     const core::owned_text copy(core_strndup(reinterpret_cast<const char*>(json.data()), json.size(), file, line));
     return core::owned_text(copy ? net_analytics_convert(copy.get(), time, file, line) : nullptr);
+}
+
+/// Whether frames of that format become packets.
+bool is_sent(uint32_t fcc, bool all_sound) noexcept {
+    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ,
+                                    av::fcc_meta, av::fcc_pcma, av::fcc_mp4a};  // the last two by a setting
+    const size_t count = std::size(formats) - (all_sound ? 0 : 2);
+    const auto sent = std::span(formats).first(count);
+    return std::ranges::find(sent, fcc_unic(fcc)) != sent.end();
 }
 
 std::span<const uint8_t> bytes_of(const char* text) noexcept {
@@ -103,14 +116,18 @@ core::owned_text packetizer::pack_document(std::span<const uint8_t> data, uint64
     return text;
 }
 
+// As the frame itself, also when no packet was made of it.
 void packetizer::pack(Packets& packets) noexcept {
     trak_t* const trak = find(packets.fcc(), packets.time());
-    if (!trak || packets.count() == 0) return;
+    if (!trak) return;
     const uint16_t first_seq = trak->seq;
     packets.stamp(*trak);
-    rtp_.cut = &packets;
-    hand_over(rtp_, event_t::packets, 0);
-    rtp_.cut = nullptr;
+    if (!is_sent(trak->fcc, all_sound_)) return log_unknown("fcc");
+    if (packets.count() != 0) {
+        rtp_.cut = &packets;
+        hand_over(rtp_, event_t::packets, 0);
+        rtp_.cut = nullptr;
+    }
     log_frame(first_seq);
     finish();
 }

@@ -77,8 +77,8 @@ Packets::insides::~insides() {
 
 bool Packets::insides::cut(const av::frame_t* frame) noexcept {
     clear();
+    trak_->fcc = frame ? frame->fcc : 0;
     if (!frame) return false;
-    trak_->fcc = frame->fcc;
     trak_->time = frame->time + frame->shown_after;
     is_jpeg_ = fcc_unic(frame->fcc) == av::fcc_jpeg;
     channel_ = pt_ = 0;

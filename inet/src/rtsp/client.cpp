@@ -344,7 +344,9 @@ bool client::take_session(const header_s* header) noexcept {
     talk_.identifier[id.size()] = 0;
     scan::for_each_element(rest, ';', [&](std::string_view parameter) {
         const scan::pair pair = scan::split(parameter, '=');
-        if (pair.key == "timeout") timeout_ = scan::decimal(pair.value);
+        constexpr std::string_view timeout = "timeout";
+        if (core_strncasecmp(pair.key.data(), timeout.data(), timeout.size()) == 0)
+            timeout_ = scan::decimal(pair.value);
     });
     return true;
 }

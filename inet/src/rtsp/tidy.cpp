@@ -3,7 +3,6 @@
 #include "scan.h"
 
 #include "core/memory.h"
-#include "core/text.h"
 
 #include <algorithm>
 
@@ -13,10 +12,7 @@ namespace {
 
 constexpr std::string_view blanks = " \t\v\f";
 
-std::string_view trim(std::string_view text) noexcept {
-    text = scan::skip(text, blanks);
-    return text.substr(0, text.find_last_not_of(blanks) + 1);
-}
+std::string_view trim(std::string_view text) noexcept { return scan::trim(text, blanks); }
 
 /// Takes the next word off the front; empty when there is none.
 std::string_view take_word(std::string_view& rest) noexcept {
@@ -24,10 +20,6 @@ std::string_view take_word(std::string_view& rest) noexcept {
     const std::string_view word = rest.substr(0, rest.find_first_of(blanks));
     rest.remove_prefix(word.size());
     return word;
-}
-
-bool same(std::string_view a, std::string_view b) noexcept {
-    return a.size() == b.size() && core_strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 /// Writes lines into room that is known to be there: a tidied line is at most one character longer than it was.
@@ -57,8 +49,8 @@ private:
         put_small(trim(attribute.key));
         put(":");
         std::string_view rest = trim(attribute.value);
-        const bool is_map = same(trim(attribute.key), "rtpmap");
-        if (!is_map && !same(trim(attribute.key), "fmtp")) return put(rest);
+        const bool is_map = scan::same_name(trim(attribute.key), "rtpmap");
+        if (!is_map && !scan::same_name(trim(attribute.key), "fmtp")) return put(rest);
         put(take_word(rest));
         rest = trim(rest);
         if (!rest.empty()) put(" ");
@@ -116,7 +108,7 @@ core::owned_text tidy(std::string_view text, std::string_view* control, const ch
         of_session = of_session && !each.starts_with("m=");
         if (!of_session || !each.starts_with("a=")) continue;
         const scan::pair attribute = scan::split(each.substr(2), ':');
-        if (same(trim(attribute.key), "control")) *control = trim(attribute.value);
+        if (scan::same_name(trim(attribute.key), "control")) *control = trim(attribute.value);
     }
     out.end();
     return tidied;
