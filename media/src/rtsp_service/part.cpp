@@ -95,6 +95,21 @@ void part_t::second() noexcept {
     std::erase_if(live_, [](const auto& each) { return each->users == 0; });
 }
 
+void part_t::on_news(void* arg) noexcept {
+    auto* self = static_cast<part_t*>(arg);
+    if (!self->told_.exchange(true) && !self->thread_.call(on_told, &self->service_)) self->told_ = false;
+}
+
+// The part may have gone on the way.
+void part_t::on_told(thread& on, void* arg) noexcept {
+    auto* self = static_cast<part_t*>(on.part(*static_cast<service_t*>(arg)));
+    if (!self) return;
+    self->told_ = false;
+    for (client_t* each : self->clients_) {
+        if (each->owes_answer()) on.wake(*each);
+    }
+}
+
 uint16_t part_t::udp_port() noexcept {
     // The pair of a last attempt that failed is left open.
     if (!datagrams_.is_open() &&
