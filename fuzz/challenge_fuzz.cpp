@@ -1,4 +1,5 @@
 // Authentication: challenges that a server sends to a client, answers that a client sends to a server.
+#include "auth/challenge.h"
 #include "fuzz.h"
 
 #include "inet/net_http_auth.h"
@@ -18,11 +19,27 @@ void answer(const char* to) {
     require((answered == 1 && value_count(header->fields) == 1) || fuzz::starved);
 }
 
+/// A session's client answers with one line of text what it says it can answer.
+void answer_as_meant(const char* to) {
+    const test::held<net::http::header_s, http_header_free> header(http_header_respond("RTSP/1.0", 401, "No"));
+    if (!http_header_put(header.get(), "WWW-Authenticate", to)) return;
+    auth::challenge taken;
+    const bool is_taken = taken.take(header.get());
+    require(is_taken == taken.is_taken());
+    for (int i = 0; taken.is_taken() && i < 2; ++i) {
+        const core::owned_text value(taken.answer("us\"er", "pw", "PLAY", "rtsp://h/a"));
+        require(value || fuzz::starved);
+        const std::string_view text(value ? value.get() : "");
+        require(std::none_of(text.begin(), text.end(), [](char c) { return c >= 0 && c < ' '; }));
+    }
+}
+
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);
     answer(text.c_str());
+    answer_as_meant(text.c_str());
     // Whoever does not know the password does not come in.
     for (const char* start : {"", "Digest username=\"user\", realm=\"inet\", nonce=\"5d1f0c\", uri=\"/\","}) {
         const std::string value = start + text;

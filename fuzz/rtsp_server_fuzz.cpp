@@ -1,7 +1,7 @@
 // The RTSP server session fed bytes, with an owner that answers as a camera's service does and sends frames with every
-// reply. The first byte of the input says how the rest is cut, whether there is a password, whether the peer reads, and
-// whether the owner answers in the event or only when more has come;
-// the sum of all bytes, where the first piece ends. A peer is told the same however its bytes are cut, and makes
+// reply. The first byte of the input says how the rest is cut, whether there is a password, whether the peer reads,
+// whether the owner answers in the event or only when more has come, and whether methods that are not known are
+// answered and parameter sets described; the sum of all bytes, where the first piece ends. A peer is told the same however its bytes are cut, and makes
 // nothing happen while it has not given the password. Input that comes in one piece is taken once more by a session
 // that is closed, or loses its tracks, from inside the event that the sum picks.
 #include "fuzz.h"
@@ -24,6 +24,8 @@ public:
         if (!session) return;
         formats = {av::fcc_h264, av::fcc_pcmu, av::fcc_univ, av::fcc_h264, av::fcc_jpeg};
         late = mode & 0x20;
+        if (mode & 0x10) sets = test::access_unit(0);
+        session->set_unknown_methods(mode & 0x10);
         reading = mode & 0x40;
         session->set_send_limit(256 * 1024);
         if (gated_) session->set_credentials("admin", "secret");

@@ -1,6 +1,7 @@
 #include "common/h264.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace {
 
@@ -210,7 +211,7 @@ void skip_hrd(bit_reader& in) noexcept {
     in.bits(20);  // lengths of delays and offsets
 }
 
-/// E.1.1.
+/// E.1.1. Where it is cut short, what was read before stands.
 void read_vui(bit_reader& in, h264_info_t& info) noexcept {
     constexpr uint32_t extended_sar = 255;
     if (in.flag() && in.bits(8) == extended_sar) in.bits(32);
@@ -224,8 +225,11 @@ void read_vui(bit_reader& in, h264_info_t& info) noexcept {
         in.ue(5);
     }
     if (in.flag()) {
-        info.num_units_in_tick = in.bits(32);
-        info.time_scale = in.bits(32);
+        const uint32_t num_units_in_tick = in.bits(32);
+        const uint32_t time_scale = in.bits(32);
+        if (in.failed()) return;
+        info.num_units_in_tick = num_units_in_tick;
+        info.time_scale = time_scale;
         in.flag();  // fixed_frame_rate_flag
     }
     const bool nal_hrd = in.flag();
@@ -243,7 +247,8 @@ void read_vui(bit_reader& in, h264_info_t& info) noexcept {
     }
 }
 
-h264_info_t read_sps(bit_reader& in) noexcept {
+/// Not set when the set is cut short before its VUI, or says what the standard forbids there.
+std::optional<h264_info_t> read_sps(bit_reader& in) noexcept {
     h264_info_t info{};
     info.profile_idc = static_cast<uint8_t>(in.bits(8));
     info.constraints = static_cast<uint8_t>(in.bits(8));
@@ -255,8 +260,13 @@ h264_info_t read_sps(bit_reader& in) noexcept {
     info.max_num_ref_frames = in.ue(16);
     in.flag();  // gaps_in_frame_num_value_allowed_flag
     read_size(in, chroma, info);
-    if (in.flag()) read_vui(in, info);
+    if (in.flag()) {
+        if (in.failed()) return std::nullopt;
+        read_vui(in, info);
+        return info;
+    }
     if (!in.flag()) in.fail();  // the stop bit: without it the end is missing
+    if (in.failed()) return std::nullopt;
     return info;
 }
 
@@ -296,9 +306,9 @@ std::span<const uint8_t> h264_first_slice(std::span<const uint8_t> stream) noexc
 int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noexcept {
     if (!out || nal.empty() || (nal[0] & 0x9f) != h264_sps) return 0;
     bit_reader in(nal.subspan(1));
-    const h264_info_t info = read_sps(in);
-    if (in.failed()) return 0;
-    *out = info;
+    const std::optional<h264_info_t> info = read_sps(in);
+    if (!info) return 0;
+    *out = *info;
     return 1;
 }
 

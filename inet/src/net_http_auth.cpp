@@ -1,5 +1,7 @@
 #include "inet/net_http_auth.h"
 
+#include "auth/digest.h"
+#include "auth/grammar.h"
 #include "scan.h"
 
 #include "common/digest.h"
@@ -27,57 +29,22 @@ constexpr size_t max_value = 4096;
 int width(std::string_view text) noexcept { return static_cast<int>(text.size()); }
 const char* start(std::string_view text) noexcept { return text.data() ? text.data() : ""; }
 
-/// Texts with ':' between them; null when memory is out.
-owned_text join(std::initializer_list<std::string_view> parts) noexcept {
-    size_t size = 0;
-    for (const std::string_view part : parts)
-        size += part.size() + 1;
-    owned_text joined(static_cast<char*>(core_malloc(size, CORE_HERE)));
-    if (!joined) return joined;
-    char* out = joined.get();
-    for (const std::string_view part : parts) {
-        out += part.copy(out, part.size());
-        *out++ = ':';
-    }
-    out[-1] = '\0';
-    return joined;
-}
-
-/// MD5 of texts with ':' between them, in hexadecimal; null when memory is out.
-owned_text hash(std::initializer_list<std::string_view> parts) noexcept {
-    const owned_text joined = join(parts);
-    return owned_text(joined ? common_md5(joined.get(), CORE_HERE) : nullptr);
-}
-
-/// What a Digest response is computed from (RFC 2617, 3.2.2.1).
-struct digest_input {
-    std::string_view user;
-    std::string_view password;
-    std::string_view realm;
-    std::string_view nonce;
-    std::string_view method;
-    std::string_view uri;
-    std::optional<std::string_view> qop;
-    std::string_view nc;
-    std::string_view cnonce;
-};
-
-owned_text digest_response(const digest_input& in) noexcept {
-    const owned_text secret = hash({in.user, in.realm, in.password});
-    const owned_text request = hash({in.method, in.uri});
-    if (!secret || !request) return nullptr;
-    if (!in.qop) return hash({secret.get(), in.nonce, request.get()});
-    return hash({secret.get(), in.nonce, in.nc, in.cnonce, *in.qop, request.get()});
-}
-
 // The simple reading of challenges
 
-/// Calls `use` with name and value of each parameter behind the scheme word.
+/// Calls `use` with name and value of each parameter behind the scheme word. Values stay as they stand in quotes.
 template <class Use>
-void for_each_parameter(std::string_view text, Use use) {
-    std::string_view rest = text.substr(std::min(scheme_length, text.size()));
-    while (!(rest = scan::skip(rest, ", ")).empty()) {
-        scan::pair parameter = scan::split(scan::take(rest, ','), '=');
+void for_each_parameter(const char* text, Use use) noexcept {
+    const char* rest = text + std::min(scheme_length, std::strlen(text));
+    while (*(rest += std::strspn(rest, ", ")) != '\0') {
+        const char* const name_end = rest + std::strcspn(rest, ",=");
+        const char* const end = *name_end == '=' ? auth::end_of_quoted(name_end + 1) : nullptr;
+        if (end && auth::ends_element(end + 1)) {
+            use(std::string_view(rest, name_end), std::string_view(name_end + 2, end));
+            rest = end + 1 + std::strcspn(end + 1, ",");
+            continue;
+        }
+        scan::pair parameter = scan::split({rest, std::strcspn(rest, ",")}, '=');
+        rest += std::strcspn(rest, ",");
         std::string_view& value = parameter.value;
         // A closing quote is taken for granted, whatever stands there.
         if (value.starts_with('"')) value = value.substr(1, std::max<size_t>(value.size(), 2) - 2);
@@ -121,12 +88,15 @@ constexpr answer_parameter answer_parameters[] = {
 };
 
 /// @return not set when the challenge has no realm or no nonce.
-std::optional<challenge> read_challenge(std::string_view text) noexcept {
+std::optional<challenge> read_challenge(const char* text) noexcept {
     challenge read;
     for_each_parameter(text, [&](std::string_view name, std::string_view value) {
         if (const auto* known = find_parameter(challenge_parameters, name)) read.*known->field = value;
     });
     if (!read.realm || !read.nonce) return std::nullopt;
+    // Of a list the one that is answered, a single one as it was received.
+    constexpr std::string_view plain = "auth";
+    if (read.qop && read.qop->find(',') != std::string_view::npos && auth::lists(*read.qop, plain)) read.qop = plain;
     return read;
 }
 
@@ -147,10 +117,10 @@ scheme_t scheme_of(std::string_view challenge) noexcept {
     return challenge.find("Digest") != std::string_view::npos ? scheme_t::digest : scheme_t::none;
 }
 
-std::string_view challenge_or_basic(const char* challenge) noexcept { return challenge ? challenge : "Basic "; }
+const char* challenge_or_basic(const char* challenge) noexcept { return challenge ? challenge : "Basic "; }
 
 char* basic_value(std::string_view user, std::string_view password, const char* file, int line) noexcept {
-    const owned_text pair = join({user, password});
+    const owned_text pair = auth::join({user, password});
     const owned_text coded(pair ? b64(pair.get(), std::strlen(pair.get()), CORE_HERE) : nullptr);
     return coded ? core_sprintf(file, line, "Basic %s", coded.get()) : nullptr;
 }
@@ -164,24 +134,24 @@ char* digest_value(const client& who, const challenge& to, const char* response,
 }
 
 char* answer_without_qop(const client& who, const challenge& to, const char* file, int line) noexcept {
-    const owned_text response =
-        digest_response({who.user, who.password, *to.realm, *to.nonce, who.method, who.uri, {}, {}, {}});
-    return response ? digest_value(who, to, response.get(), "", file, line) : nullptr;
+    const auth::hex_t response =
+        auth::digest_response({who.user, who.password, *to.realm, *to.nonce, who.method, who.uri, {}, {}, {}});
+    return response ? digest_value(who, to, response.text, "", file, line) : nullptr;
 }
 
 char* answer_with_qop(const client& who, const challenge& to, const char* file, int line) noexcept {
     const owned_text cnonce(common_srand(cnonce_length, CORE_HERE));
     if (!cnonce) return nullptr;
-    const owned_text response = digest_response(
+    const auth::hex_t response = auth::digest_response(
         {who.user, who.password, *to.realm, *to.nonce, who.method, who.uri, to.qop, nonce_count, cnonce.get()});
     const std::string_view opaque = to.opaque.value_or("");
     const owned_text tail(core_sprintf(CORE_HERE, R"(, opaque="%.*s", cnonce="%s", qop=%.*s, nc=%s)", width(opaque),
                                        start(opaque), cnonce.get(), width(*to.qop), start(*to.qop),
                                        nonce_count.data()));
-    return response && tail ? digest_value(who, to, response.get(), tail.get(), file, line) : nullptr;
+    return response && tail ? digest_value(who, to, response.text, tail.get(), file, line) : nullptr;
 }
 
-char* digest_answer(const client& who, std::string_view text, bool with_qop, const char* file, int line) noexcept {
+char* digest_answer(const client& who, const char* text, bool with_qop, const char* file, int line) noexcept {
     const std::optional<challenge> to = read_challenge(text);
     if (!to) return nullptr;
     return to->qop && with_qop ? answer_with_qop(who, *to, file, line) : answer_without_qop(who, *to, file, line);
@@ -193,21 +163,6 @@ int put_answer(header_s* header, const char* name, const char* value) noexcept {
 }
 
 // The strict reading of answers, for those who decide by them
-
-constexpr std::string_view blanks = " \t";
-
-bool is_token_character(char c) noexcept {
-    constexpr std::string_view marks = "!#$%&'*+-.^_`|~";
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           marks.find(c) != std::string_view::npos;
-}
-
-/// What may not stand in quotes; the end of the text is one of them.
-bool is_control(char c) noexcept { return (c >= '\0' && c < ' ' && c != '\t') || c == '\x7f'; }
-
-bool same_name(std::string_view a, std::string_view b) noexcept {
-    return a.size() == b.size() && core_strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
 
 /// Compares in a time that depends on the lengths alone.
 bool same_secret(std::string_view a, std::string_view b) noexcept {
@@ -242,65 +197,24 @@ constexpr credentials_parameter credentials_parameters[] = {
     {"cnonce", &credentials::cnonce},
 };
 
-/// Reads the parameters of a working copy, in which it takes the escapes out of quoted values.
-class credentials_reader {
-public:
-    explicit credentials_reader(char* text) noexcept : at_(text) {}
-
-    std::optional<credentials> read() noexcept {
-        credentials read;
-        for (;;) {
-            skip(" \t,");
-            if (*at_ == '\0') return read;
-            if (!read_parameter(read)) return std::nullopt;
-            skip(blanks);
-            if (*at_ != '\0' && *at_ != ',') return std::nullopt;
-        }
-    }
-
-private:
-    void skip(std::string_view characters) noexcept {
-        while (*at_ != '\0' && characters.find(*at_) != std::string_view::npos)
-            ++at_;
-    }
-
-    bool read_parameter(credentials& out) noexcept {
-        const std::string_view name = read_token();
-        skip(blanks);
-        if (name.empty() || *at_ != '=') return false;
-        ++at_;
-        skip(blanks);
-        const std::optional<std::string_view> value = *at_ == '"' ? read_quoted() : read_token();
-        if (!value || value->data() == nullptr) return false;
+/// Reads the parameters of a working copy; not set for anything outside the grammar, or a parameter given twice.
+std::optional<credentials> read_credentials(char* text) noexcept {
+    auth::reader in(text);
+    credentials read;
+    for (;;) {
+        in.skip(" \t,");
+        if (in.ends()) return read;
+        const std::optional<auth::parameter_t> parameter = in.parameter();
+        if (!parameter) return std::nullopt;
         for (const auto& known : credentials_parameters) {
-            if (!same_name(known.name, name)) continue;
-            if (out.*known.field) return false;
-            out.*known.field = value;
+            if (!scan::same_name(known.name, parameter->name)) continue;
+            if (read.*known.field) return std::nullopt;
+            read.*known.field = parameter->value;
         }
-        return true;
+        in.skip(auth::blanks);
+        if (!in.ends() && *in.at() != ',') return std::nullopt;
     }
-
-    std::string_view read_token() noexcept {
-        const char* begin = at_;
-        while (is_token_character(*at_))
-            ++at_;
-        return begin == at_ ? std::string_view() : std::string_view(begin, static_cast<size_t>(at_ - begin));
-    }
-
-    std::optional<std::string_view> read_quoted() noexcept {
-        const char* begin = ++at_;
-        char* out = at_;
-        for (; *at_ != '"'; ++at_) {
-            if (*at_ == '\\') ++at_;
-            if (is_control(*at_)) return std::nullopt;
-            *out++ = *at_;
-        }
-        ++at_;
-        return std::string_view(begin, static_cast<size_t>(out - begin));
-    }
-
-    char* at_;
-};
+}
 
 /// What follows the scheme word, which is compared without case; null when it is another scheme.
 const char* behind_scheme(const char* value, const char* scheme) noexcept {
@@ -327,7 +241,7 @@ bool same_target(std::string_view a, std::string_view b) noexcept {
 /// Whether the answer is one that can be checked here at all.
 bool is_usable(const credentials& given) noexcept {
     if (!given.username || !given.realm || !given.nonce || !given.uri || !given.response) return false;
-    if (given.algorithm && !same_name(*given.algorithm, "MD5")) return false;
+    if (given.algorithm && !scan::same_name(*given.algorithm, "MD5")) return false;
     return !given.qop || (*given.qop == "auth" && given.nc && given.cnonce);
 }
 
@@ -336,7 +250,7 @@ bool is_usable(const credentials& given) noexcept {
 char* net_http_authenticate(const char* user, const char* password, const char* method, const char* uri,
                             const char* challenge, const char* file, int line) noexcept {
     const client who{scan::text(user), scan::text(password), scan::text(method), scan::text(uri)};
-    const std::string_view text = challenge_or_basic(challenge);
+    const char* const text = challenge_or_basic(challenge);
     switch (scheme_of(text)) {
         case scheme_t::basic:
             return basic_value(who.user, who.password, file, line);
@@ -356,7 +270,7 @@ int http_header_authenticate_base(header_s* header, const char* user, const char
 int http_header_authenticate(header_s* header, const char* user, const char* password, const char* method,
                              const char* uri, const char* challenge) noexcept {
     const client who{scan::text(user), scan::text(password), scan::text(method), scan::text(uri)};
-    const std::string_view text = challenge_or_basic(challenge);
+    const char* const text = challenge_or_basic(challenge);
     const scheme_t scheme = scheme_of(text);
     if (scheme == scheme_t::basic) return http_header_authenticate_base(header, user, password);
     if (scheme == scheme_t::none) return 0;
@@ -395,15 +309,15 @@ int net_http_authenticate_check(const char* value, const char* method, const cha
     const char* parameters = behind_scheme(value, "Digest");
     if (!parameters || std::string_view(value).size() > max_value) return 0;
     const owned_text copy(core_strdup(parameters, CORE_HERE));
-    const std::optional<credentials> given = copy ? credentials_reader(copy.get()).read() : std::nullopt;
+    const std::optional<credentials> given = copy ? read_credentials(copy.get()) : std::nullopt;
     if (!given || !is_usable(*given) || !same_target(*given->uri, target)) return 0;
     if (*given->realm != realm || *given->nonce != nonce) return 0;
 
-    const owned_text expected = digest_response({user, password, realm, nonce, method, *given->uri, given->qop,
-                                                 given->nc.value_or(""), given->cnonce.value_or("")});
+    const auth::hex_t expected = auth::digest_response({user, password, realm, nonce, method, *given->uri, given->qop,
+                                                        given->nc.value_or(""), given->cnonce.value_or("")});
     if (!expected) return 0;
     const bool is_user = same_secret(*given->username, user);
-    return same_secret(*given->response, expected.get()) && is_user;
+    return same_secret(*given->response, expected) && is_user;
 }
 
 int net_http_authenticate_check_base(const char* value, const char* user, const char* password) noexcept {

@@ -284,24 +284,35 @@ void sdp_free(sdp_t* sdp) noexcept {
     core::destroy(sdp);
 }
 
+namespace {
+
+/// Calls `read` with a copy of a value, which may be a text of the record that it is read into.
+template <class Read>
+void read_value(trak_t* trak, const char* value, core::place where, Read read) noexcept {
+    const core::owned_text copy(trak ? core_strdup(value, where.file, where.line) : nullptr);
+    if (copy) read(*trak, copy.get(), where);
+}
+
+}  // namespace
+
 void sdp_parse_media(trak_t* trak, const char* value, const char* file, int line) noexcept {
-    if (trak && value) read_media(*trak, value, {file, line});
+    read_value(trak, value, {file, line}, read_media<trak_t>);
 }
 
 void sdp_parse_attribute(trak_t* trak, char* value, const char* file, int line) noexcept {
-    if (trak && value) read_trak_attribute(*trak, value, {file, line});
+    read_value(trak, value, {file, line}, read_trak_attribute);
 }
 
 void sdp_parse_connection(trak_t* trak, char* value, const char* file, int line) noexcept {
-    if (trak && value) read_connection(*trak, value, {file, line});
+    read_value(trak, value, {file, line}, read_connection);
 }
 
 void sdp_parse_rtpmap(trak_t* trak, char* value, const char* file, int line) noexcept {
-    if (trak && value) read_rtpmap(*trak, value, {file, line});
+    read_value(trak, value, {file, line}, read_rtpmap<trak_t>);
 }
 
 void sdp_parse_fmtp(trak_t* trak, const char* params, const char* file, int line) noexcept {
-    if (trak && params) read_fmtp(*trak, params, {file, line});
+    read_value(trak, params, {file, line}, read_fmtp<trak_t>);
 }
 
 rtp_info_s** sdp_parse_rtp_info(const char* header_value, const char* file, int line) noexcept {
@@ -354,10 +365,11 @@ Sdp& Sdp::operator=(const Sdp& other) noexcept {
 }
 
 void Sdp::parse(const char* description) noexcept {
-    if (!description) return;
+    text = core_strdup(description, CORE_HERE);
+    if (!text) return;
     // The attributes of this session are not those of the last one's last track.
     current = nullptr;
-    for_each_line(description, [this](char type, std::string_view value) {
+    for_each_line(text, [this](char type, std::string_view value) {
         if (type == 'a' && current) parse_attribute(value);
         if (type != 'm') return true;
         const uint32_t count = length(medias);
@@ -366,6 +378,8 @@ void Sdp::parse(const char* description) noexcept {
         if (current) parse_media(value);
         return true;
     });
+    core_mfree(text);
+    text = nullptr;
 }
 
 void Sdp::clear() noexcept {

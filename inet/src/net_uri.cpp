@@ -121,20 +121,38 @@ uri_arg_s* make_arg(std::string_view text, const char* file, int line) noexcept 
 
 // Percent-coding
 
-/// Reads one character at the front of `rest`, which is not empty, as UTF-8. @return the bytes written, at most 3.
+/// Takes "%uXXXX" off the front: as many of its four digits as are hexadecimal.
+std::optional<uint32_t> take_unit(std::string_view& rest) noexcept {
+    if (!rest.starts_with("%u") || rest.size() < 6) return std::nullopt;
+    uint32_t code = 0;
+    for (size_t i = 2; i < 6 && scan::hex_digit(rest[i]) >= 0; ++i)
+        code = code * 16 + static_cast<uint32_t>(scan::hex_digit(rest[i]));
+    rest.remove_prefix(6);
+    return code;
+}
+
+/// Takes the character of one unit, or of the two halves of UTF-16 for one above U+FFFF.
+std::optional<uint32_t> take_character(std::string_view& rest) noexcept {
+    constexpr uint32_t halves = 0x400;
+    constexpr uint32_t first_high = 0xd800;
+    constexpr uint32_t first_low = first_high + halves;
+    const std::optional<uint32_t> high = take_unit(rest);
+    if (!high || *high < first_high || *high >= first_low) return high;
+    std::string_view behind = rest;
+    const uint32_t low = take_unit(behind).value_or(0);
+    if (low < first_low || low >= first_low + halves) return high;
+    rest = behind;
+    return 0x10000 + (*high - first_high) * halves + (low - first_low);
+}
+
+/// Reads one character at the front of `rest`, which is not empty, as UTF-8. @return the bytes written, at most 4.
 size_t decode_one(std::string_view& rest, char out[4]) noexcept {
+    if (const std::optional<uint32_t> code = take_character(rest)) return utf8_encode(*code, out);
     const auto take = [&](size_t count) {
         const std::string_view taken = rest.substr(0, count);
         rest.remove_prefix(count);
         return taken;
     };
-    if (rest[0] == '%' && rest.size() >= 6 && rest[1] == 'u') {
-        const std::string_view digits = take(6).substr(2);
-        uint32_t code = 0;
-        for (size_t i = 0; i < digits.size() && scan::hex_digit(digits[i]) >= 0; ++i)
-            code = code * 16 + static_cast<uint32_t>(scan::hex_digit(digits[i]));
-        return utf8_encode(code, out);
-    }
     if (rest[0] == '%' && rest.size() >= 3 && scan::hex_digit(rest[1]) >= 0 && scan::hex_digit(rest[2]) >= 0) {
         const std::string_view digits = take(3).substr(1);
         out[0] = static_cast<char>(scan::hex_digit(digits[0]) * 16 + scan::hex_digit(digits[1]));

@@ -62,10 +62,10 @@ void Rtsp::set_frame_limit(uint32_t bytes) noexcept { session::of(*this).setting
 
 void Rtsp::set_parameter_sets(parameter_sets_t where) noexcept { session::of(*this).settings.parameter_sets = where; }
 
-void Rtsp::set_all_sound(bool on) noexcept {
+void Rtsp::set_all_formats(bool on) noexcept {
     conversation& talk = session::of(*this).talk;
-    talk.all_sound = on;
-    talk.rtp.set_all_sound(on);
+    talk.all_formats = on;
+    talk.rtp.set_all_formats(on);
 }
 
 void Rtsp::set_prompt(bool on) noexcept { session::of(*this).settings.prompt = on; }
@@ -73,6 +73,8 @@ void Rtsp::set_prompt(bool on) noexcept { session::of(*this).settings.prompt = o
 int Rtsp::open(const char* uri) noexcept { return session::of(*this).begin(uri); }
 
 int Rtsp::set_uri(const char* uri) noexcept { return session::of(*this).talk.set_location(uri); }
+
+void Rtsp::set_unknown_methods(bool answered) noexcept { session::of(*this).out.set_refuses_methods(answered); }
 
 int Rtsp::set_credentials(const char* user, const char* password) noexcept {
     server* const to = session::of(*this).as_server();
@@ -86,6 +88,11 @@ void Rtsp::set_send_limit(uint32_t bytes) noexcept {
 trak_t* Rtsp::add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept {
     server* const to = session::of(*this).as_server();
     return to ? to->add_trak(fcc, name, sound, file, line) : nullptr;
+}
+
+int Rtsp::describe_trak(const trak_t* trak, buffer_t parameter_sets) noexcept {
+    server* const to = session::of(*this).as_server();
+    return to && to->describe_trak(trak, parameter_sets);
 }
 
 // Answers
@@ -210,10 +217,13 @@ template <class Ask, class Take, class Serve>
 void process(session& to, header_s* header, Ask ask, Take take, Serve serve) noexcept {
     client* const asks = header ? to.as_client() : to.asking();  // a session at work stays what it is
     const conversation::call running(to.talk);
+    if (header) framing::trim(header);
     if (!header) {
         if (asks) ask(*asks);
+    } else if (asks && header->status) {
+        take(*asks);
     } else if (asks) {
-        header->status ? take(*asks) : asks->serve(header);
+        asks->serve(header);
     } else if (server* const serves = header->status ? nullptr : to.serving()) {
         serve(*serves);
     }

@@ -1,6 +1,8 @@
 // Cutting and reading of borrowed text, shared by the text protocols.
 #pragma once
 
+#include "core/text.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
@@ -19,6 +21,17 @@ inline std::string_view text(const char* text) noexcept { return text ? std::str
 /// What is left is a part of `text` also when it is empty, so that it can be told from nothing.
 inline std::string_view skip(std::string_view text, std::string_view characters) noexcept {
     return text.substr(std::min(text.find_first_not_of(characters), text.size()));
+}
+
+/// Without the characters at both ends.
+inline std::string_view trim(std::string_view text, std::string_view characters) noexcept {
+    text = skip(text, characters);
+    return text.substr(0, text.find_last_not_of(characters) + 1);
+}
+
+/// Whether two names are the same without regard to the case of A-Z.
+inline bool same_name(std::string_view a, std::string_view b) noexcept {
+    return a.size() == b.size() && core_strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 /// Takes the text before the first `end` off the front of `rest`, and the `end` itself; all of it when there is none.

@@ -36,6 +36,7 @@ TEST(Authenticate, AnswersWhatItReadsOfTheChallenge) {
         {challenge + ", Basic", "Basic TXVmYXNhOkNpcmNsZSBPZiBMaWZl"},
         {"DigestX" + parts, "-"},  // the word has six characters
         {"Digest stale=FALSE," + parts + ",algorithm=MD5", plain_answer},
+        {"Digest x=\"realm=\\\",\"," + parts, plain_answer},
         {"Digest re=" + realm + ",n=" + nonce, plain_answer},  // the beginning of a name is enough
         {"Digest realm=\"" + realm + "x,nonce=\"" + nonce + "'", plain_answer},
     };
@@ -44,7 +45,7 @@ TEST(Authenticate, AnswersWhatItReadsOfTheChallenge) {
 }
 
 TEST(Authenticate, AnswersQop) {
-    const std::string value = answer(challenge + ", qop=\"auth\", opaque=\"5ccc\"");
+    const std::string value = answer(challenge + ", qop=\"auth-int, Auth\", opaque=\"5ccc\"");
     EXPECT_TRUE(passes(value));
     EXPECT_EQ(value.find(", opaque=\"5ccc\", cnonce=\""), value.size() - 65);
     EXPECT_TRUE(value.ends_with("\", qop=auth, nc=00000001"));
@@ -65,8 +66,8 @@ TEST(Authenticate, GoesIntoTheHeader) {
 
 TEST(AuthenticateParse, GivesTheParametersOfAnAnswer) {
     authenticate_ctx* ctx = net_http_authenticate_parse(
-        "Digest username=\"a\", realm=b, nonce=\"c\",uri=\"rtsp://h/x?y=1\", response=\"d\", r=e, x=y", CORE_HERE);
-    EXPECT_EQ(ctx->username + std::string(ctx->realm) + ctx->nonce + ctx->uri + ctx->response, "aecrtsp://h/x?y=1d");
+        "Digest username=\"a\", realm=b, nonce=\"c\",uri=\"rtsp://h/x,y=1\", response=\"d\", r=e, x=y", CORE_HERE);
+    EXPECT_EQ(ctx->username + std::string(ctx->realm) + ctx->nonce + ctx->uri + ctx->response, "aecrtsp://h/x,y=1d");
     net_http_authenticate_free(ctx);
 }
 

@@ -66,6 +66,7 @@ TEST(Sdp, IsReadIntoTracks) {
 TEST(Sdp, ObjectReadsItsOwnKeysIsCopiedAndBounded) {
     Sdp sdp, copy;
     sdp.parse(session);
+    EXPECT_EQ(sdp.text, nullptr);
     sdp.parse("a=control:session\r\nm=application 0 RTP/AVP 107\r\n");
     EXPECT_EQ(sdp.medias[0]->packetization_mode * 100 + sdp.medias[0]->profile_level_id, 142U);
     EXPECT_STREQ(sdp.medias[1]->control, "sound");
@@ -78,6 +79,19 @@ TEST(Sdp, ObjectReadsItsOwnKeysIsCopiedAndBounded) {
     copy.free_configs();
     copy.parse(repeated(sdp_max_traks + 1, "m=\r\n").c_str());
     EXPECT_EQ(core_array_length(reinterpret_cast<void* const*>(copy.medias)), sdp_max_traks);
+}
+
+TEST(Sdp, ReadsTextsOfTheRecordItself) {
+    sdp_t* sdp =
+        sdp_parse("m=a 1 x 96\r\na=rtpmap:96 config=2;x/7\r\na=fmtp:96 config=3\r\na=control:fmtp:1 m\r\n", CORE_HERE);
+    trak_t* const of = sdp->traks[0];
+    sdp_parse_fmtp(of, of->encoding, CORE_HERE);
+    sdp_parse_rtpmap(of, of->fmtp, CORE_HERE);
+    sdp_parse_rtpmap(of, of->encoding, CORE_HERE);
+    sdp_parse_media(of, of->control, CORE_HERE);
+    sdp_parse_media(of, of->media, CORE_HERE);
+    EXPECT_EQ(text(of->config) + text(of->encoding) + text(of->media), "2config=3fmtp:1");
+    sdp_free(sdp);
 }
 
 TEST(SdpTransport, ReadsItsKeys) {

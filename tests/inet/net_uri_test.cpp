@@ -77,8 +77,18 @@ TEST(UriArgs, AreReadInOrder) {
 
 TEST(UriCoding, DecodesWhatIsCoded) {
     constexpr std::pair<const char*, const char*> cases[] = {
-        {"%41%u00e9+%zz", "A\xc3\xa9 %zz"}, {"%u004", "%u004"}, {"%u41xx", "A"}, {"%u12", "%u12"},
-        {"%u20AC\xff", "\xe2\x82\xac\xff"}, {"%", "%"},         {"", ""},        {"%ud800", "\xef\xbf\xbd"},
+        {"%41%u00e9+%zz", "A\xc3\xa9 %zz"},
+        {"%u004", "%u004"},
+        {"%u41xx", "A"},
+        {"%u12", "%u12"},
+        {"%u20AC\xff", "\xe2\x82\xac\xff"},
+        {"%", "%"},
+        {"", ""},
+        {"%ud800", "\xef\xbf\xbd"},
+        {"%uD83D%uDE00%uDE00", "\xf0\x9f\x98\x80\xef\xbf\xbd"},
+        {"%ud83d%u0041",
+         "\xef\xbf\xbd"
+         "A"},
     };
     for (const auto& [input, decoded] : cases)
         EXPECT_STREQ(core::owned_text(uri_decode(input, nullptr, CORE_HERE)).get(), decoded);

@@ -3,6 +3,7 @@
 #include "core/owned.h"
 #include "inet/net_analytics.h"
 #include "inet/rtp_owner.h"
+#include "inet/rtp_packets.h"
 
 #include <algorithm>
 #include <cstring>
@@ -49,7 +50,7 @@ TEST(RtpPack, CutsAtTheLimitAndMarksByFormat) {
         if (aac || fcc == av::fcc_pcma) {
             owner.send(media);
             EXPECT_EQ(owner.order, "");  // not before it is asked for
-            owner.object.set_all_sound(true);
+            owner.object.set_all_formats(true);
         }
         owner.send(h264 ? annex_b({media}) : media);
         ASSERT_EQ(owner.packets.size(), sizes.size()) << size;
@@ -96,6 +97,8 @@ TEST(RtpPack, SendsMetadataAsItIsAndAnalyticsConvertedAndNothingWithoutAnActiveT
         {av::fcc_meta, data, converted}, {av::fcc_univ, data, data}, {av::fcc_meta, converted, converted}};
     for (const auto& [fcc, given, expected] : cases) {
         rtp_owner frame(fcc), record(fcc);
+        const bool document = fcc == av::fcc_meta && given == converted;
+        if (document) frame.object.set_all_formats(true);
         frame.send(given);
         const auto meta = record_of<av::meta_t>(fcc, given), other = record_of<av::meta_t>(av::fcc_pcmu, given);
         record.object.pack_meta(&meta);
@@ -104,6 +107,25 @@ TEST(RtpPack, SendsMetadataAsItIsAndAnalyticsConvertedAndNothingWithoutAnActiveT
         record.send(given);
         EXPECT_EQ(join(payloads(frame)), expected);
         EXPECT_TRUE(record.packets == frame.packets && record.reports == frame.reports);
+    }
+    for (const std::string document : {" <tt:MetadataStream/>", "", "{[]}"}) {
+        rtp_owner owner(av::fcc_meta);
+        const bytes record(document.begin(), document.end());
+        const auto meta = record_of<av::meta_t>(av::fcc_meta, record);
+        owner.object.pack_meta(&meta);
+        EXPECT_EQ(join(payloads(owner)), record);
+    }
+}
+
+TEST(RtpPack, SendsNothingOfWhatWasCutButTheReportWhereTheFrameMakesNoPacket) {
+    for (const auto& [fcc, reports] : {std::pair{av::fcc_pcma, 0U}, {av::fcc_meta, 1U}}) {
+        rtp_owner owner(fcc);
+        rtp::Packets packets(CORE_HERE);
+        const bytes data{'x'};
+        const auto frame = record_of<av::frame_t>(fcc, data);
+        packets.cut(&frame);
+        owner.object.pack(packets);
+        EXPECT_TRUE(owner.packets.empty() && owner.reports.size() == reports && owner.track->time == frame.time);
     }
 }
 

@@ -4,6 +4,8 @@
 #include "support/fault.h"
 #include "support/log_lines.h"
 
+#include "common/digest.h"
+#include "core/text.h"
 #include "inet/net_http_auth.h"
 
 #include <gtest/gtest.h>
@@ -70,7 +72,8 @@ TEST(RtspClient, AsksForWhatIsDescribed) {
         const char* play = "rtsp://h/live";
     } cases[] = {
         {"video", 96, "h264/90000", "rtsp://a:b@c:1/x@y", "", "H264", "rtsp://c:1/x@y"},
-        {"video", 26, nullptr, "/top", "", "JPEG", "rtsp://h/top"},
+        {"video", 26, "MJPEG/90000", "/top", "", "JPEG", "rtsp://h/live//top"},
+        {"audio", 0, "x/8000", "?t=a://b", "", "PCMU", "rtsp://h/live/?t=a://b"},
         {"audio", 0, nullptr, nullptr, "", "PCMU", "rtsp://h/live"},
         {"audio", 8, nullptr, "*", "", "PCMA", "rtsp://h/live"},
         {"audio", 97, "G726-32/8000", "a?b=c", "", "G726", "rtsp://h/live/a?b=c"},
@@ -83,6 +86,7 @@ TEST(RtspClient, AsksForWhatIsDescribed) {
         {"video", 26, nullptr, "t", "Content-Base: rtsp://o/b/\r\nContent-Location: rtsp://x/\r\n", "JPEG",
          "rtsp://o/b/t", "rtsp://o/b/"},
         {"video", 26, nullptr, "t", "Content-Location: rtsp://o/b\r\n", "JPEG", "rtsp://o/b/t", "rtsp://o/b"},
+        {"video", 26, nullptr, "/t", "content-base : rtsp://o/b \t\r\n", "JPEG", "rtsp://o/b/t", "rtsp://o/b"},
         {"video", 26, nullptr, "t", "Content-Base: /b/\r\n", "JPEG", "rtsp://h/live/t"},
     };
     for (const auto& c : cases) {
@@ -94,12 +98,69 @@ TEST(RtspClient, AsksForWhatIsDescribed) {
         rtsp_viewer viewer;
         viewer.play(description, "", c.base);
         EXPECT_EQ(viewer.events, c.fcc ? "0 3 5 6 " : "0 9 ");
+        EXPECT_EQ(viewer.session->send_sdp("a", "b", "c", 0, 0) + viewer.session->send_play(1), 0);  // of a server
         if (!c.fcc) continue;
         char text[5];
         EXPECT_STREQ(fcc_str(viewer.session->trak(0U)->fcc, text), c.fcc);
         EXPECT_NE(viewer.asked.find("SETUP "s + c.setup + " RTSP"), std::string::npos) << viewer.asked;
         EXPECT_NE(viewer.asked.find("PLAY "s + c.play + " RTSP"), std::string::npos) << viewer.asked;
         EXPECT_EQ(viewer.session->trak(0U)->config.length, "mp4a"s == c.fcc ? 2U : 0U);
+    }
+}
+
+TEST(RtspClient, AsksByAnotherUriWhereNothingIsFound) {
+    const char* const cases[][3] = {
+        {"t", "", "rtsp://h/live/t rtsp://h/t "},
+        {"/a/../t", "", "rtsp://h/live//a/../t rtsp://h/t rtsp://h/live/a/../t "},
+        {"/t", "Content-Base: rtsp://o/cam/\r\n", "rtsp://o/cam//t rtsp://o/t "},
+        {"?t", "Content-Base: rtsp://o/cam/?x\r\n", "rtsp://o/cam/?x?t rtsp://o/cam/?t "},
+        {"t", "Content-Base: rtsp://o\r\n", "rtsp://o/t "},
+        {"rtsp://x/t", "", "rtsp://x/t "},
+    };
+    for (const auto& [control, base, asked] : cases) {
+        rtsp_viewer viewer;
+        viewer.describe("m=video 0 RTP/AVP 26\r\na=control:"s + control + "\r\n", base);
+        for (int i = 0; i < 4 && viewer.events == "0 3 "; ++i)
+            viewer.answer("404 Not Found");
+        EXPECT_EQ(viewer.events, "0 3 9 ");
+        std::string uris;
+        const std::regex setup("SETUP ([^ ]*)");
+        for (std::sregex_iterator at(viewer.asked.begin(), viewer.asked.end(), setup), end; at != end; ++at)
+            uris += (*at)[1].str() + " ";
+        EXPECT_EQ(uris, asked);
+    }
+}
+
+TEST(RtspClient, ReadsDescriptionsAsTheyAreFound) {
+    const struct {
+        std::string sdp;
+        std::string tracks;  ///< media, format, control, channels; bytes of the configuration and parameter sets
+        const char* play = "rtsp://h/live";
+    } cases[] = {
+        {"v=0\n\na=control:*\nm=video \t0  RTP/AVP 96 \na=rtpmap: 96  H264 / 90000 \nA=x\n"
+         "a=fmtp:96 ;; Sprop-Parameter-Sets = Z0I= ; x\na=control: t \nm=audio 0 RTP/AVP 97\r\n"
+         "a=rtpmap:97 MPEG4-GENERIC/16000/2\r\na=fmtp:97 x; ;config=1410",
+         "video H264 t 0 |gB;audio mp4a - 2 1410;"},
+        {"a=control:rtsp://u:p@o/s/\rm=audio 0 RTP/AVP 8\ra=rtpmap:8 \ra=fmtp:8\ra=control:t", "audio PCMA t 0 ;",
+         "rtsp://o/s/"},
+        {"m=video 0 RTP/AVP 96\na=rtpmap:96 H264/90000\na=fmtp:96 sprop-parameter-sets=Z0I=,aM4=,aAE=,\n",
+         "video H264 - 0 |gB|h\xce|h\1;"},
+    };
+    for (const auto& c : cases) {
+        rtsp_viewer viewer;
+        viewer.play(c.sdp);
+        std::string tracks;
+        for (uint32_t i = 0; const rtsp3::trak_t* trak = viewer.session->trak(i); ++i) {
+            char fcc[5];
+            tracks += trak->media + " "s + fcc_str(trak->fcc, fcc) + " " + (trak->control ? trak->control.get() : "-") +
+                      " " + std::to_string(trak->channels) + " ";
+            const core::owned_text config(core_strhex(trak->config.data, trak->config.length, CORE_HERE));
+            tracks += (trak->config.length ? config.get() : "") +
+                      std::string(trak->parameter_sets.data, trak->parameter_sets.data + trak->parameter_sets.length) +
+                      ";";
+        }
+        EXPECT_EQ(std::regex_replace(tracks, std::regex(R"(\0\0\x01)"), "|"), c.tracks);
+        EXPECT_NE(viewer.asked.find("PLAY "s + c.play + " RTSP"), std::string::npos) << viewer.asked;
     }
 }
 
@@ -136,8 +197,14 @@ TEST(RtspClient, AnswersAChallengeOnceForEachRequest) {
         {"u:p@", basic, "Basic dTpw\r\n"},
         {"u:p@q@", basic, "Basic dTpwQHE=\r\n"},
         {"u:p@", "", nullptr},
-        {"u:p@", digest + ", algorithm=SHA-256", nullptr},
+        {"u:p@", digest + ", algorithm=SHA-512-256", nullptr},
+        {"u:p@", digest + ", qop=\"auth-conf\"", nullptr},
         {"", digest, nullptr},
+        {"u:p@", digest + ", algorithm=X, " + basic, "Basic dTpw\r\n"},
+        {"u:p@", digest + ", algorithm=X\r\nWWW-Authenticate: NTLM a==, " + digest, "Digest username=\"u\""},
+        {"u:p@", R"(DIGEST  REALM = "Basic, \"x\" Digest" , nonce=n,stale=FALSE)",
+         R"(Digest username="u", realm="Basic, \"x\" Digest", nonce="n")"},
+        {R"(u"\:p@)", digest, R"(Digest username="u\"\\")"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.user + c.challenge);
@@ -147,7 +214,7 @@ TEST(RtspClient, AnswersAChallengeOnceForEachRequest) {
         EXPECT_TRUE(viewer.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\n"));
         for (int i = 0; i < 3; ++i)
             viewer.answer("401 Unauthorized", "www-authenticate: " + c.challenge + "\r\n");
-        EXPECT_EQ(viewer.events, "9 ");
+        EXPECT_EQ(viewer.events + std::to_string(viewer.session->status()), "9 401");
         EXPECT_EQ(viewer.asked.find("Authorization: "s + (c.answer ? c.answer : "")) == std::string::npos, !c.answer);
         // A password that can be read back is in no line of the log.
         size_t masked = 0;
@@ -156,6 +223,55 @@ TEST(RtspClient, AnswersAChallengeOnceForEachRequest) {
             masked += line.find("\r\nAuthorization: Basic ***") != std::string::npos;
         }
         EXPECT_EQ(masked, c.answer && *c.answer == 'B' ? 1U : 0U);
+    }
+}
+
+std::string digest_of(bool sha, const std::string& text) {
+    uint8_t bytes[32];
+    sha ? common_sha256(text.data(), text.size(), bytes) : common_md5_bytes(text.data(), text.size(), bytes);
+    std::string hex(core::owned_text(core_strhex(bytes, sha ? 32 : 16, CORE_HERE)).get());
+    std::ranges::transform(hex, hex.begin(), [](char c) { return static_cast<char>(std::tolower(c)); });
+    return hex;
+}
+
+// RFC 7616, 3.4. A nonce that is too old is followed by another one, whatever the request has cost until then.
+TEST(RtspClient, ComputesEveryFormOfDigest) {
+    const struct {
+        std::string said;
+        bool sha, session;
+        const char* qop;
+        const char* body = "";  ///< what counts of it, with ':' before it
+    } cases[] = {
+        {"", false, false, ""},
+        {", algorithm=\"md5\", qop=\"auth-int , AUTH\", opaque=\"\"", false, false, "auth"},
+        {", qop=auth-int", false, false, "auth-int", ":d41d8cd98f00b204e9800998ecf8427e"},
+        {", algorithm=MD5-sess, qop=auth", false, true, "auth"},
+        {", algorithm=SHA-256, qop=\"auth\"", true, false, "auth"},
+        {", algorithm=SHA-256-sess, qop=\"auth\"", true, true, "auth"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.said);
+        rtsp_viewer viewer;
+        viewer.session->open("rtsp://us:p:w@h/live");
+        for (const char* nonce : {"n1", "n2"})
+            viewer.answer("401 Unauthorized", R"(WWW-Authenticate: Digest realm="a, \"b\"", stale=true, nonce=)" +
+                                                  std::string(nonce) + c.said + "\r\n");
+        EXPECT_EQ(viewer.events, "");
+        viewer.answer("200 OK");  // the next request counts on
+        const std::string asked = viewer.asked.substr(viewer.asked.rfind("Authorization: "));
+        std::smatch in;
+        ASSERT_TRUE(std::regex_search(asked, in,
+                                      std::regex(R"re(response="(\w*)", algorithm=([A-Z0-9]*(-256)?)(-sess)?)re"
+                                                 R"re((, opaque="")?(, cnonce="(\w{16})", qop=([^,]*), nc=(\d*))?)re"
+                                                 "\r\n")))
+            << asked;
+        std::string secret = digest_of(c.sha, "us:a, \"b\":p:w");
+        if (c.session) secret = digest_of(c.sha, secret + ":n2:" + in[7].str());
+        const std::string request = digest_of(c.sha, "DESCRIBE:rtsp://h/live"s + c.body);
+        const std::string between = *c.qop ? ":00000002:" + in[7].str() + ":" + c.qop + ":" : ":";
+        EXPECT_EQ(in[1].str(), digest_of(c.sha, secret + ":n2" + between + request));
+        EXPECT_EQ(in[2].str() + in[4].str(), (c.sha ? "SHA-256"s : "MD5"s) + (c.session ? "-sess" : ""));
+        EXPECT_EQ(in[5].matched, c.said.find("opaque") != std::string::npos);
     }
 }
 
@@ -186,6 +302,8 @@ TEST(RtspClient, EndsOrGoesOnWhenTheServerLies) {
         {"no description", ok + "\r\n", "", "9 "},
         {"description of nothing", ok + "Content-Length: 5\r\n\r\nm=\r\n\0"s, "", "0 9 "},
         {"refusal", "RTSP/1.0 404 Not Found\r\n\r\n", "", "9 "},
+        {"NUL in a head", "RTSP/1.0 404 Not\0Found\r\n\r\n"s, "", "2 "},
+        {"lengths that differ", ok + "Content-Length: 4\r\ncontent-length : 5\r\n\r\nbody", "", "2 "},
         {"status that is none", "RTSP/1.0 what\r\n\r\n", "", ""},
         {"requests of a server's", "DESCRIBE * RTSP/1.0\r\nCSeq: 9\r\n\r\n", "", ""},
         {"session too long", "", "Session: " + std::string(128, 'x') + "\r\n", "0 3 9 "},
@@ -294,6 +412,14 @@ TEST(RtspClient, PutsFramesTogetherAndTellsTornOnes) {
         {"markers on every unit tell nothing", h264, {"1!A", "1!A", "-", "2!A", "3!A"}, "|A|A- |A- |A "},
         {"the numbers begin anew in a picture", h264, {"1 A", "^", "1!A", "2!A"}, "|A|A- |A "},
         {"delimiter alone", h264, {"1!\x09", "2!A"}, "|\x09- |A "},
+        {"sets repeated, and one in the place of another",
+         h264,
+         {"1 \x67\x61", "1 \x68\xe1", "1 \x68\x41", "1!A", "2 \x67\x61", "2 \x68\xe1\0"s, "2 \x68\xe2", "2!A"},
+         "|ga|h\xe1|hA|A |ga|hA|h\xe2|A "},
+        {"start codes within a unit",
+         h264,
+         {"1!\x67\x61\0\0\0\1\x68\xe1\0\0\1\x65k\0"s, "2!A"},
+         "|ga|h\xe1|ekK |ga|h\xe1|A "},
         {"sets before every slice",
          h264,
          {sets, "1!A", "2!A", "3 e", "3!e"},
@@ -419,6 +545,11 @@ TEST(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
     // So does PLAY after PAUSE, when the server goes on elsewhere.
     viewer.session->process_pause(nullptr);
     viewer.answer("200 OK");
+    const size_t before = viewer.frames.size();
+    for (uint16_t seq = 201; seq < 205; ++seq)
+        viewer.rtp(0, rtp_packet(96, seq, seq, "\x65"));
+    viewer.session->flush();
+    EXPECT_EQ(viewer.frames.size(), before);
     viewer.session->process_play(nullptr);
     viewer.answer("200 OK", "RTP-Info: url=rtsp://h/live/video;seq=20;rtptime=100\r\n");
     const int64_t reached = viewer.frames.back().media_time;
@@ -438,6 +569,21 @@ TEST(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {
     ASSERT_EQ(viewer.frames.size(), 2U);
     EXPECT_EQ(viewer.frames[0].ntp_time, time_ntp_to_core(0xe8b8a680, 0));
     EXPECT_EQ(viewer.frames[1].ntp_time, time_ntp_to_core(0xe8b8a690, 0));
+}
+
+TEST(RtspClient, TellsMediaOfOnePayloadTypeApart) {
+    for (const protocol_t::enum_t by : {protocol_t::rtp_tcp, protocol_t::rtp_udp}) {
+        rtsp_viewer viewer;
+        viewer.session->set_protocol(by);
+        const std::string media = "m=audio 0 RTP/AVP 127\r\na=control:a\r\na=rtpmap:127 ";
+        viewer.play(media + "PCMU/8000\r\n" + media +
+                    "PCMA/16000\r\nm=audio 0 RTP/AVP 126\r\na=rtpmap:126 PCMU/9000\r\n");
+        ASSERT_TRUE(viewer.session->playing()) << viewer.events;
+        viewer.rtp(2, rtp_packet(127, 1, 1, "second"));
+        viewer.rtp(0, rtp_packet(127, 1, 1, "first"));
+        viewer.rtp(4, rtp_packet(126, 1, 1, "third"));
+        EXPECT_EQ(viewer.seen(), "first@8000/0K second@16000/0K third@9000/0K ");
+    }
 }
 
 TEST(RtspClient, SetsUpOnlyWhatIsWantedAndGoesOnWhenToldTo) {

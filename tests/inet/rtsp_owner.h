@@ -95,6 +95,7 @@ public:
     };
 
     std::vector<uint32_t> formats{av::fcc_h264, av::fcc_pcmu, av::fcc_meta};
+    std::string sets;               ///< parameter sets that the first track is described with
     bool late = false;              ///< answers nothing in an event, but when it is told to
     int owed = -1;                  ///< the event that waits for that
     uint32_t takes_lent = 0;        ///< of what is lent
@@ -139,6 +140,7 @@ public:
                 const bool all = std::all_of(formats.begin(), formats.end(), [&](uint32_t fcc) {
                     return session->add_trak(fcc, nullptr, CORE_HERE) != nullptr;
                 });
+                session->describe_trak(session->trak(0U), {reinterpret_cast<uint8_t*>(sets.data()), size_of(sets)});
                 return all ? session->send_sdp("inet", "test", "camera", 0, 0) : session->send_error(500);
             }
             case event_t::rtsp_setup:
@@ -162,6 +164,7 @@ public:
     }
 
 private:
+    static uint32_t size_of(const std::string& text) { return static_cast<uint32_t>(text.size()); }
     static uint32_t port_of(const rtsp3::trak_t& trak) {
         return trak.protocol == rtsp3::protocol_t::rtp_multicast ? trak.server_port : trak.client_port;
     }

@@ -40,6 +40,15 @@ class Multicast(CameraCase):
             self.check_live(table, 4)
 
 
+    def test_hosts_that_vanish_keep_nobody_waiting(self):
+        for number in (3, 4):
+            run("ip", "-n", self.far, "address", "add", f"10.81.7.{number}/24", "dev", "end")
+        camera = self.enterContext(Camera("--bind", "10.81.7.1", prefix=("ip", "netns", "exec", self.near)))
+        script = os.path.join(os.path.dirname(__file__), "vanish.py")
+        # The system keeps what goes to them for three seconds.
+        self.assertLess(float(run("ip", "netns", "exec", self.far, "python3", script, camera.url(), self.near)), 2)
+
+
 class Offer(CameraCase):
     group = free_group()
     arguments = ("--multicast", group, "--threads", "3")

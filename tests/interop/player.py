@@ -19,13 +19,14 @@ def nal_type(packet):
 class Player:
     """One RTSP conversation over TCP. `receive_buffer` bounds what the system takes in while nothing is read."""
 
-    def __init__(self, url, receive_buffer=0):
+    def __init__(self, url, receive_buffer=0, source=""):
         self.url = url
         self.address = urlsplit(url).hostname, urlsplit(url).port
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.socket.settimeout(10)
+        self.socket.bind((source, 0))
         self.socket.connect(self.address)
         self.received = self.socket.makefile("rb")
         self.cseq = 0

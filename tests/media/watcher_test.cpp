@@ -145,7 +145,7 @@ TEST_F(Watcher, ASourceThatDiesAndReturnsLeavesAGapAndNothingElse) {
     ASSERT_EQ(into_->format(kind_t::audio, &format, nullptr), 1);
     EXPECT_EQ(std::pair(format.rate, format.channels), std::pair(8000U, 1U));
     ASSERT_EQ(into_->format(kind_t::video, &format, nullptr), 1);
-    EXPECT_EQ(format.generation, 2U) << "of the first picture; who comes back changes nothing";
+    EXPECT_EQ(format.generation, 1U) << "that of the description; who comes back changes nothing";
 }
 
 TEST_F(Watcher, FramesOfTheWantedKindsUntilTheCallbackHasEnough) {

@@ -58,8 +58,9 @@ INET_API std::span<const uint8_t> h264_find(std::span<const uint8_t> stream, uin
 /// not cost a pass over its slices.
 INET_API std::span<const uint8_t> h264_first_slice(std::span<const uint8_t> stream) noexcept;
 
-/// Reads a sequence parameter set (NAL header included, emulation prevention bytes in place).
-/// @return 1, or 0 when it is cut short or says what the standard forbids; `out` is then as before.
+/// Reads a sequence parameter set (NAL header included, emulation prevention bytes in place). Of one whose VUI is cut
+/// short, or is not what the standard says, what was read before stands.
+/// @return 1, or 0 when it is cut short before, or says there what the standard forbids; `out` is then as before.
 INET_API int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noexcept;
 
 /// Parameter sets of an access unit or an extradata stream: sets the spans to the first SPS and PPS (empty when

@@ -33,7 +33,8 @@ public:
     /// Whether so many find room, should they have to wait.
     bool has_room(uint32_t datagrams) const noexcept;
     /// Gives them to the system, in their order. One that is refused, as its host is out of reach, is lost; the others
-    /// go on. The bytes and addresses need not outlive the call.
+    /// go on. So are those to a host that has vanished from the network, once they fill the room of the socket: one a
+    /// second goes to it until it answers again. The bytes and addresses need not outlive the call.
     void send(const datagram_t* datagrams, uint32_t count) noexcept;
 
 private:

@@ -6,12 +6,15 @@
 #include "inet/net_http_header.h"
 
 // Client. A challenge is the value of a WWW-Authenticate or Proxy-Authenticate field. One that contains "Basic"
-// anywhere is answered with Basic, else one that contains "Digest" with Digest. Its parameters are read from the
-// seventh character on and end at a ',' also inside quotes. A null user or password counts as empty, a null challenge
-// as "Basic ". Every answer is computed afresh: a new client nonce of 16 letters and digits, nonce count 00000001.
+// anywhere is answered with Basic, else one that contains "Digest" with Digest (MD5, whatever algorithm it names). Its
+// parameters are read from the seventh character on. A name counts when one of the known ones begins with it. A quoted
+// value may hold commas, and is taken as it stands between the quotes; one that does not end as it should ends before
+// the last character in front of the next ','. A null user or password counts as empty, a null challenge as "Basic ".
+// Every answer is computed afresh: a new client nonce of 16 letters and digits, nonce count 00000001. The RTSP session
+// reads challenges as RFC 7235 and RFC 7616 mean them, see inet/rtsp_protocol.h.
 
-/// The value for an Authorization field, with qop when the challenge has it (its value as received; a missing opaque
-/// is answered with an empty one).
+/// The value for an Authorization field, with qop when the challenge has it: "auth" of a list that has it, else the
+/// value as received. A missing opaque is then answered with an empty one.
 /// @return a new text for core_mfree(); null when the challenge names neither scheme, is a Digest one without realm or
 ///         nonce, or memory is out.
 INET_API char* net_http_authenticate(const char* user, const char* password, const char* method, const char* uri,

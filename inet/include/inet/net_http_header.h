@@ -3,8 +3,9 @@
 ///
 /// Reading never fails on what a peer sends: missing parts stay null or 0, lines that make no sense are left out. A
 /// block is text and ends at its first NUL. A record holds at most http_max_fields fields, and 64 bytes for each beside
-/// its text; time is linear in the size of the block. Field values are printed as they are: whoever builds a header
-/// keeps CR and LF out of them.
+/// its text. Callers that act on a message refuse two kinds of heads, in which another reader finds something else: one
+/// with a NUL, and one with Content-Length fields that differ. Field values are printed as they are: callers keep CR
+/// and LF out of them.
 ///
 /// A record belongs to one thread at a time. Calls that build return 1, or 0 when memory is out; the record is then as
 /// before.
@@ -29,8 +30,9 @@ struct header_s {
 
 }  // namespace net::http
 
-/// Fields that the parser keeps of one header; those after them are left out.
-inline constexpr uint32_t http_max_fields = 512;
+/// Fields that the parser keeps of one header: all that stand in what http_header_find() finds, as the shortest has
+/// three bytes. Of a longer block those after them are left out.
+inline constexpr uint32_t http_max_fields = 1366;
 
 // Reading
 

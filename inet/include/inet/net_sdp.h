@@ -99,6 +99,7 @@ struct media_s {
 
 class INET_API Sdp {
 public:
+    char* text = nullptr;        ///< working copy of the text; null but while parse() runs
     media_s* current = nullptr;  ///< of the last m= line of the last text; null before it or when memory was out for it
     media_s** medias = nullptr;  ///< null-terminated array in the order of the text; null for none
 
@@ -109,7 +110,8 @@ public:
     /// memory is out.
     Sdp& operator=(const Sdp& other) noexcept;
 
-    /// Reads a description; its media are appended to the list. Null is ignored.
+    /// Reads a description; its media are appended to the list. Null is ignored. Nothing is read when memory is out for
+    /// the working copy.
     void parse(const char* description) noexcept;
     /// Releases the list and its texts, except `config` of each record.
     void clear() noexcept;
@@ -143,7 +145,8 @@ private:
 INET_API net::sdp::sdp_t* sdp_parse(const char* text, const char* file, int line) noexcept;
 INET_API void sdp_free(net::sdp::sdp_t* sdp) noexcept;
 
-/// The value of one line, without "m=", "a=", "c=", "rtpmap:PT " and "fmtp:PT ". Values are not changed.
+/// The value of one line, without "m=", "a=", "c=", "rtpmap:PT " and "fmtp:PT ". Values are not changed. They may be
+/// texts of the record itself.
 INET_API void sdp_parse_media(net::sdp::trak_t* trak, const char* value, const char* file, int line) noexcept;
 INET_API void sdp_parse_attribute(net::sdp::trak_t* trak, char* value, const char* file, int line) noexcept;
 INET_API void sdp_parse_connection(net::sdp::trak_t* trak, char* value, const char* file, int line) noexcept;

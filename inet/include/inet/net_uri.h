@@ -57,8 +57,9 @@ INET_API net::uri_arg_s** uri_parse_args(const char* query, const char* file, in
 INET_API void uri_free_args(net::uri_arg_s** args) noexcept;
 
 /// Decodes a range, to the end of the text when `end` is null: '+' is a space, %XX a byte, %uXXXX a character as UTF-8
-/// (as many of its four digits as are hexadecimal; a surrogate is U+FFFD); any other '%' stays as it is. %00 gives a
-/// NUL, which ends the result for its reader.
+/// (as many of its four digits as are hexadecimal). %uD83D%uDE00, the two halves of a character in UTF-16, are one
+/// character, a half alone is U+FFFD. Any other '%' stays as it is. %00 gives a NUL, which ends the result for its
+/// reader.
 /// @return a new text for core_mfree(); null for null.
 INET_API char* uri_decode(const char* begin, const char* end, const char* file, int line) noexcept;
 

@@ -1,6 +1,7 @@
 #include "platform/socket_api.h"
 
 #include <arpa/inet.h>
+#include <cstdio>
 #include <cstring>
 #include <ifaddrs.h>
 #include <memory>
@@ -42,6 +43,29 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void
         std::memcpy(&address, entry->ifa_addr, sizeof address);
         if (!visit(arg, address)) return;
     }
+}
+
+// A line of the table (arp(7), proc(5)) is "10.0.0.7 0x1 0x0 00:00:00:00:00:00 * eth0"; flags of 0 are those of an
+// address that is not known.
+size_t unanswering_hosts(std::span<in_addr> out) noexcept {
+    const std::unique_ptr<FILE, decltype(&std::fclose)> table(std::fopen("/proc/net/arp", "re"), std::fclose);
+    size_t count = 0;
+    char line[256];
+    while (table && count < out.size() && std::fgets(line, sizeof line, table.get())) {
+        char host[32];
+        unsigned flags = 1;
+        if (std::sscanf(line, "%31s %*s %x", host, &flags) == 2 && flags == 0 && parse_address(host, out[count]))
+            ++count;
+    }
+    return count;
+}
+
+// What is set is doubled by the system, for its own records.
+void widen_send_room(int fd) noexcept {
+    int size = 0;
+    socklen_t length = sizeof size;
+    if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
 }
 
 bool host_name(std::span<char> out) noexcept {

@@ -69,6 +69,12 @@ bool resolve(const char* host, in_addr& address) noexcept;
 /// Calls `visit` for every IPv4 interface that is up and not loopback, until it answers false.
 void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept;
 
+/// Hosts of the neighbourhood whose hardware address the system asks for in vain, where it keeps what is sent to them
+/// until it gives up. @return how many; 0 where it does not, or does not tell
+size_t unanswering_hosts(std::span<in_addr> out) noexcept;
+/// Doubles the room of a socket for what is being sent, as far as the system allows.
+void widen_send_room(int fd) noexcept;
+
 /// The host name in UTF-8, terminated.
 bool host_name(std::span<char> out) noexcept;
 

@@ -43,6 +43,11 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void
     }
 }
 
+// Here the system keeps one datagram for a host that does not answer, in no room of the socket's.
+size_t unanswering_hosts(std::span<in_addr>) noexcept { return 0; }
+
+void widen_send_room(int) noexcept {}
+
 // The system tells the name in its code page.
 bool host_name(std::span<char> out) noexcept {
     char name[256];

@@ -5,7 +5,6 @@
 
 #include "core/text.h"
 #include "core/time.h"
-#include "inet/net_http_auth.h"
 #include "inet/net_uri.h"
 
 #include <algorithm>
@@ -36,26 +35,6 @@ core::owned_text decode_user_info(std::string_view text, const char* file, int l
     }
     *to = 0;
     return out;
-}
-
-/// The Digest challenge of a field, which may hold others in front of it; null for none.
-const char* digest_of(const char* value) noexcept {
-    if (core_strncasecmp(value, "Digest", 6) == 0) return value;
-    const char* const behind = std::strstr(value, ", Digest ");
-    return behind ? behind + 2 : nullptr;
-}
-
-/// Of the challenges the one that tells a listener least: Digest with MD5 before Basic. Null when none can be answered.
-const char* choose_challenge(const header_s* header) noexcept {
-    const char* basic = nullptr;
-    for (value_t* const* field = header->fields; field && *field; ++field) {
-        const char* value = (*field)->value;
-        if (core_strcasecmp((*field)->key, "WWW-Authenticate") != 0 || !value || !is_printable(value)) continue;
-        const char* const digest = digest_of(value);
-        if (digest && !std::strstr(digest, "SHA-")) return digest;
-        if (core_strncasecmp(value, "Basic", 5) == 0 && !basic) basic = value;
-    }
-    return basic;
 }
 
 /// The part of an absolute URI that an HTTP request names.
@@ -125,10 +104,9 @@ bool client::may_ask() noexcept {
     return !talk_.ended;
 }
 
-void client::add_credentials(request& request, const char* method, const char* uri) const noexcept {
-    if (!challenge_) return;
-    const core::owned_text value(net_http_authenticate(login_.user.get(), login_.password.get(), method, uri,
-                                                       challenge_.get(), talk_.file, talk_.line));
+void client::add_credentials(request& request, const char* method, const char* uri) noexcept {
+    if (!challenge_.is_taken() || !login_.user) return;
+    const core::owned_text value = challenge_.answer(login_.user.get(), scan::text(login_.password.get()), method, uri);
     request.put("Authorization", value.get());
 }
 
@@ -221,11 +199,15 @@ bool client::take_pending(const header_s* header, pending_t* out) noexcept {
 
 bool client::take_response(header_s* header) noexcept {
     constexpr uint32_t unauthorized = 401;
+    constexpr uint32_t not_found = 404;
     constexpr uint32_t no_session = 454;
     if (!take_pending(header, &response_to_)) return false;
     const asked_t& method = *response_to_.method;
     if (header->status == unauthorized && repeat_with_credentials(header)) {
         core_log_print(talk_.log, "%d: %s again with credentials", talk_.number, method.name);
+    } else if (header->status == not_found && &method == &setup && response_to_.track &&
+               stream_.try_next_uri(*response_to_.track)) {
+        ask_setup(response_to_.track);
     } else if (header->status != 200) {
         if (&method == &get_parameter && header->status != no_session) has_get_parameter_ = false;
         failed(method.name, header->status, "the server refused");
@@ -237,12 +219,14 @@ bool client::take_response(header_s* header) noexcept {
 }
 
 // Other requests of servers are not served.
-void client::serve(header_s* header) noexcept {
+bool client::serve(header_s* header) noexcept {
     const std::string_view name(header->method);
     const bool asks_methods = name == "OPTIONS";
     if (!asks_methods && name != "GET_PARAMETER" && name != "SET_PARAMETER") {
-        core_log_print(talk_.log, "%d: method is not served: %s", talk_.number, header->method);
-    } else if (!header->uri || !is_printable(header->uri)) {
+        out_.refuse_method(header);
+        return false;
+    }
+    if (!header->uri || !is_printable(header->uri)) {
         out_.send_error(400);
     } else if (asks_methods) {
         out_.send_methods();
@@ -251,21 +235,18 @@ void client::serve(header_s* header) noexcept {
     } else {
         out_.send_ok();
     }
+    return true;
 }
 
+// A request is refused once for want of credentials. A nonce that is too old says nothing of the password.
 bool client::repeat_with_credentials(const header_s* header) noexcept {
+    constexpr uint32_t most_repeated = 3;
     const pending_t refused = response_to_;
-    const char* challenge = choose_challenge(header);
-    if (!refused.method || refused.repeated || !login_.user || !challenge) return false;
-    // A Basic challenge in the same field would be answered first, with the password.
-    const std::string_view text(challenge);
-    const size_t size = std::min(text.find(", Basic "), text.size());
-    core::owned_text copy(core_strndup(challenge, size, talk_.file, talk_.line));
-    if (!copy) return false;
-    challenge_ = std::move(copy);
-    repeating_ = true;
+    if (!refused.method || !login_.user || refused.repeated == most_repeated || !challenge_.take(header)) return false;
+    if (refused.repeated && !challenge_.is_stale()) return false;
+    repeating_ = refused.repeated + 1;
     (this->*refused.method->ask)(refused.track);
-    repeating_ = false;
+    repeating_ = 0;
     return true;
 }
 
@@ -363,7 +344,9 @@ bool client::take_session(const header_s* header) noexcept {
     talk_.identifier[id.size()] = 0;
     scan::for_each_element(rest, ';', [&](std::string_view parameter) {
         const scan::pair pair = scan::split(parameter, '=');
-        if (pair.key == "timeout") timeout_ = scan::decimal(pair.value);
+        constexpr std::string_view timeout = "timeout";
+        if (core_strncasecmp(pair.key.data(), timeout.data(), timeout.size()) == 0)
+            timeout_ = scan::decimal(pair.value);
     });
     return true;
 }
@@ -378,6 +361,7 @@ void client::take_play(header_s* header) noexcept {
 void client::take_pause(header_s*) noexcept {
     talk_.playing = false;
     frames_.flush();
+    frames_.pause();
     talk_.raise(event_t::rtsp_pause);
 }
 

@@ -1,6 +1,7 @@
 // The client's role: asks for a stream, from OPTIONS to PLAY, and keeps it (RFC 2326, 10).
 #pragma once
 
+#include "auth/challenge.h"
 #include "rtsp/receiver.h"
 #include "rtsp/tunnel.h"
 
@@ -24,18 +25,24 @@ public:
     /// Makes the tracks. False when memory is out. A description that says nothing leaves none.
     bool take(const net::http::header_s* header) noexcept;
     /// What PLAY and what follows it ask for (RFC 2326, C.3).
-    const char* aggregate_uri() const noexcept { return base_ ? base_.get() : talk_.location.get(); }
+    const char* aggregate_uri() const noexcept { return aggregate_ ? aggregate_.get() : base(); }
+    /// Has a track asked for by the next of the URIs that its control may mean. False when there is no other.
+    bool try_next_uri(track_t& track) noexcept;
     /// RTP-Info; tracks that nothing has come for begin at `play_time`.
     void take_start(const char* rtp_info, uint64_t play_time) noexcept;
 
 private:
     bool take_base(const net::http::header_s* header) noexcept;
+    bool take_aggregate(std::string_view control) noexcept;
     bool add(const net::sdp::trak_t& media) noexcept;
-    core::owned_text control_uri(const char* control) const noexcept;
+    uint8_t inside_pt(uint8_t pt) const noexcept;
+    const char* base() const noexcept { return base_ ? base_.get() : talk_.location.get(); }
+    core::owned_text control_uri(const char* control, uint32_t form) const noexcept;
     track_t* track_of_url(std::string_view url, bool exact, const bool* taken) const noexcept;
 
     conversation& talk_;
-    core::owned_text base_;  // content base that the server named
+    core::owned_text base_;       // that the server named
+    core::owned_text aggregate_;  // control of the session, when it is a URI
 };
 
 /// User and password of a URI, decoded; null for none.
@@ -57,8 +64,8 @@ public:
     static bool read_uri(conversation& talk, const char* uri, login_t* login) noexcept;
     int open(login_t login) noexcept;
 
-    /// A request of the server's.
-    void serve(header_s* header) noexcept;
+    /// A request of the server's. False for a method that is not known.
+    bool serve(header_s* header) noexcept;
     /// False for a response that answers nothing.
     bool take_response(header_s* header) noexcept;
     /// Whether the next response may be the beginning of a tunnel, which has no body that ends.
@@ -116,7 +123,7 @@ private:
         uint32_t cseq;
         const asked_t* method;  ///< null for none
         track_t* track;
-        bool repeated;  ///< with credentials, after a 401
+        uint32_t repeated;  ///< with credentials, after so many 401s
     };
     static const asked_t options, describe, setup, play, pause, get_parameter, set_parameter, teardown, get;
 
@@ -124,7 +131,7 @@ private:
     int ask(const asked_t& method, const char* uri, track_t* track = nullptr, const char* name = nullptr,
             const char* value = nullptr) noexcept;
     int send_pending(const asked_t& method, request& request, const char* uri, track_t* track) noexcept;
-    void add_credentials(request& request, const char* method, const char* uri) const noexcept;
+    void add_credentials(request& request, const char* method, const char* uri) noexcept;
     bool take_pending(const header_s* header, pending_t* out) noexcept;
     void failed(const char* method, unsigned status, const char* why) noexcept;
     void set_up_done() noexcept;
@@ -145,12 +152,12 @@ private:
     bool names_requests_ = false;  // the server has named two
     pending_t pending_[8] = {};
     pending_t response_to_ = {};  // the request whose response is being served
-    bool repeating_ = false;
+    uint32_t repeating_ = 0;
     const char* method_ = "";
     unsigned status_ = 0;
     const char* failure_ = "";
     login_t login_;
-    core::owned_text challenge_;
+    auth::challenge challenge_;
     bool has_get_parameter_ = false;
     uint32_t timeout_ = 0;  // seconds, 0 for none given
 };

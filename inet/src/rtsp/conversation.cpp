@@ -62,10 +62,10 @@ bool conversation::is_named(const net::http::header_s* header) const noexcept {
     return !id.empty() && id == identifier;
 }
 
-void conversation::remember_cseq(const net::http::header_s* header) noexcept {
+bool conversation::remember_cseq(const net::http::header_s* header) noexcept {
     const char* value = field(header, "CSeq");
-    const bool usable = value && core_strlen(value) < sizeof cseq && is_printable(value);
-    std::snprintf(cseq, sizeof cseq, "%s", usable ? value : "");
+    cseq_.reset(value && is_printable(value) ? core_strdup(value, file, line) : nullptr);
+    return cseq_ || !value || !is_printable(value);
 }
 
 bool conversation::set_location(const char* text) noexcept {

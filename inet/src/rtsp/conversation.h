@@ -18,6 +18,7 @@ namespace rtsp3 {
 inline constexpr uint32_t max_waiting = rtp::interleaved_header + 65535;  // the longest of what may be awaited
 inline constexpr uint32_t max_port = 65534;                               // the next one is for RTCP
 inline constexpr uint32_t max_channel = 254;
+inline constexpr uint32_t max_parameter_sets = 64 * 1024;
 
 /// Where the frames of a received track end: the packets with which one may be over are counted.
 struct ends_t {
@@ -35,7 +36,9 @@ struct ends_t {
 
 /// The frame of a received track while it is put together.
 struct gathered_t {
-    bool tried;  ///< SETUP was asked for, or left out for want of a port
+    bool tried;     ///< SETUP was asked for, or left out for want of a port
+    uint32_t form;  ///< of the URIs that its control may mean, the one that is asked for
+    uint8_t pt;     ///< of its packets; that of its trak_t::rtp is another one when two media have the same
 
     buf_t frame;
     uint32_t rtp_time;
@@ -117,7 +120,9 @@ public:
     /// Whether a Session field names this session. The conversation has one at a time, so a request that names none
     /// means that one.
     bool is_named(const net::http::header_s* header) const noexcept;
-    void remember_cseq(const net::http::header_s* header) noexcept;
+    /// False when memory is out: the request cannot be answered.
+    bool remember_cseq(const net::http::header_s* header) noexcept;
+    const char* cseq() const noexcept { return cseq_ ? cseq_.get() : ""; }
     bool set_location(const char* text) noexcept;
 
     std::span<track_t* const> tracks() const noexcept { return {traks, trak_total}; }
@@ -155,11 +160,10 @@ public:
     uint32_t trak_total = 0;
     const trak_t* event_trak = nullptr;  ///< of the event
     protocol_t::enum_t transport = protocol_t::rtp_tcp;
-    bool all_sound = false;
+    bool all_formats = false;
     core::owned_text location;      ///< what is served or asked for
     core::owned_text content_base;  ///< with "/" behind it
     char identifier[128] = {};      ///< of the RTSP session
-    char cseq[24] = {};             ///< of the request being served
     buffer_t body;                  ///< of the message being served
     uint32_t received = 0;          ///< requests and reports
 
@@ -171,6 +175,7 @@ public:
 
 private:
     settler& settler_;
+    core::owned_text cseq_;  // of the request being served
 };
 
 }  // namespace rtsp3

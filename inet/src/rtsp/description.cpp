@@ -1,7 +1,11 @@
+#include "bounded.h"
 #include "rtsp/client.h"
+#include "rtsp/control.h"
+#include "rtsp/tidy.h"
 #include "scan.h"
 
 #include "avc/fcc.h"
+#include "common/digest.h"
 #include "core/text.h"
 #include "inet/net_sdp.h"
 
@@ -41,18 +45,30 @@ constexpr encoding_t encodings[] = {
     {"univ.metadata", nullptr, 0, av::fcc_meta, 90000}, {"vnd.onvif.metadata", nullptr, 0, av::fcc_meta, 90000},
 };
 
+/// A static payload type means its encoding whatever an rtpmap calls it.
 const encoding_t* find_encoding(const net::sdp::trak_t& media) noexcept {
     const auto* found = std::ranges::find_if(encodings, [&](const encoding_t& known) {
-        if (media.encoding) return core_strcasecmp(media.encoding, known.name) == 0;
+        return media.encoding && core_strcasecmp(media.encoding, known.name) == 0;
+    });
+    if (found != std::end(encodings)) return found;
+    found = std::ranges::find_if(encodings, [&](const encoding_t& known) {
         return known.media && media.pt == known.pt && core_strcasecmp(media.media, known.media) == 0;
     });
     return found == std::end(encodings) ? nullptr : found;
 }
 
-bool is_absolute(std::string_view uri) noexcept { return uri.find("://") != std::string_view::npos; }
-
-/// Where the path of an absolute URI starts, or its end.
-size_t path_start(std::string_view uri) noexcept { return std::min(uri.find('/', uri.find("://") + 3), uri.size()); }
+/// Appends the parameter sets of "SPS,PPS", however many there are, in Annex B form.
+void read_parameter_sets(std::string_view text, buf_t& out, const char* file, int line) noexcept {
+    constexpr uint8_t start_code[] = {0, 0, 1};
+    while (!text.empty()) {
+        const std::string_view set = scan::take(text, ',');
+        const auto room = static_cast<uint32_t>(set.size() / 4 * 3 + 3 + sizeof start_code);
+        if (!bounded::make_room(out, room, max_parameter_sets, file, line)) return;
+        const uint32_t before = out.length;
+        core_buf_read(&out, start_code, sizeof start_code);
+        if (b64_decode(set.data(), set.size(), &out, file, line) == 0) out.length = before;
+    }
+}
 
 /// The layout of AU headers (RFC 3640, 4.1); that of AAC-hbr where it is not told.
 void take_unit_headers(std::string_view fmtp, rtp::trak_t& track) noexcept {
@@ -81,11 +97,12 @@ bool is_group(std::string_view address) noexcept {
 }  // namespace
 
 bool description::take(const header_s* header) noexcept {
-    const core::owned_text text(
-        core_strndup(reinterpret_cast<const char*>(talk_.body.data), talk_.body.size, talk_.file, talk_.line));
-    core_log_print(talk_.log, "%u: sdp:\n%s", static_cast<unsigned>(talk_.number), text ? text.get() : "");
-    if (!take_base(header) || (talk_.body.size && !text)) return false;
-    if (!text) return true;
+    const std::string_view body(reinterpret_cast<const char*>(talk_.body.data), talk_.body.size);
+    core_log_print(talk_.log, "%u: sdp:\n%.*s", static_cast<unsigned>(talk_.number), static_cast<int>(body.size()),
+                   body.data() ? body.data() : "");
+    std::string_view control;
+    const core::owned_text text = tidy(body, &control, talk_.file, talk_.line);
+    if (!text || !take_base(header) || !take_aggregate(control)) return false;
     const std::unique_ptr<net::sdp::sdp_t, sdp_deleter> sdp(sdp_parse(text.get(), talk_.file, talk_.line));
     if (!sdp) return false;
     for (net::sdp::trak_t** media = sdp->traks; media && *media; ++media) {
@@ -109,13 +126,22 @@ bool description::take_base(const header_s* header) noexcept {
     return true;
 }
 
+// Without a base that the server named, this is where the session's tracks stand, too.
+bool description::take_aggregate(std::string_view control) noexcept {
+    aggregate_.reset();
+    if (!is_absolute(control) || !is_request_uri(control)) return true;
+    aggregate_ = without_login(control, talk_.file, talk_.line);
+    if (aggregate_ && !base_) base_.reset(core_strdup(aggregate_.get(), talk_.file, talk_.line));
+    return aggregate_ && base_;
+}
+
 bool description::add(const net::sdp::trak_t& media) noexcept {
     core::owned_object<track_t> track(core::create<track_t>(talk_.file, talk_.line));
     if (!track) return false;
     track->gathered.reset(core::create<gathered_t>(talk_.file, talk_.line));
     track->name.reset(core_strdup(media.media ? media.media : "", talk_.file, talk_.line));
     track->control.reset(core_strdup(media.control, talk_.file, talk_.line));
-    track->uri = control_uri(media.control);
+    track->uri = control_uri(media.control, 0);
     if (!track->gathered || !track->name || (media.control && !track->control) || !track->uri) return false;
     track->media = track->name.get();
     track->channel = static_cast<uint8_t>(2 * talk_.trak_total);
@@ -134,38 +160,58 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
         if (track->fcc == av::fcc_mp4a) sdp_parse_config(media.config, &track->config, talk_.file, talk_.line);
         track->encoding = encoding->name;
         if (track->fcc == av::fcc_h264)
-            sdp_parse_sprop_parameter_sets(media.sprop_parameter_sets, &track->parameter_sets, talk_.file, talk_.line);
+            read_parameter_sets(scan::text(media.sprop_parameter_sets), track->parameter_sets, talk_.file, talk_.line);
         track->gathered->sets_changed = track->parameter_sets.length > 0;
     }
-    if (encoding && media.pt < 128 && !talk_.rtp.get_trak_pt(static_cast<uint8_t>(media.pt)) &&
-        is_request_uri(track->uri.get())) {
-        track->rtp = talk_.rtp.add_trak(static_cast<uint8_t>(media.pt), track->fcc);
+    if (encoding && media.pt < 128 && is_request_uri(track->uri.get())) {
+        track->gathered->pt = static_cast<uint8_t>(media.pt);
+        track->rtp = talk_.rtp.add_trak(inside_pt(track->gathered->pt), track->fcc);
         if (!track->rtp) return false;
         track->rtp->clock_rate = track->rate;
-        if (track->fcc == av::fcc_mp4a && talk_.all_sound) take_unit_headers(scan::text(media.fmtp), *track->rtp);
+        if (track->fcc == av::fcc_mp4a && talk_.all_formats) take_unit_headers(scan::text(media.fmtp), *track->rtp);
         track->wanted = 1;
     }
     talk_.add(std::move(track));
     return true;
 }
 
-// Appended to the base, as servers mean it, and not resolved against it (RFC 3986, 5.2): bases often lack the last '/'.
-core::owned_text description::control_uri(const char* control) const noexcept {
-    const std::string_view base = scan::text(base_ ? base_.get() : talk_.content_base.get());
+// Packets of media that have one payload type are told apart by where they come, and by another one inside.
+uint8_t description::inside_pt(uint8_t pt) const noexcept {
+    for (uint8_t other = 127; talk_.rtp.get_trak_pt(pt); --other)
+        pt = other;
+    return pt;
+}
+
+// The content base is what the server named, or the session's URI with a '/' behind it.
+core::owned_text description::control_uri(const char* control, uint32_t form) const noexcept {
     const std::string_view value = scan::text(control);
-    const auto print = [&](std::string_view front, const char* between, std::string_view back) {
-        return core::owned_text(core_sprintf(talk_.file, talk_.line, "%.*s%s%.*s", static_cast<int>(front.size()),
-                                             front.data(), between, static_cast<int>(back.size()), back.data()));
-    };
-    if (value.empty() || value == "*") return print(aggregate_uri(), "", "");
-    if (is_absolute(value)) {
-        const size_t host = value.find("://") + 3;
-        const size_t at = value.substr(0, path_start(value)).rfind('@');
-        return at == std::string_view::npos || at < host ? print(value, "", "")
-                                                         : print(value.substr(0, host), "", value.substr(at + 1));
+    const auto copy = [&](const char* text) { return core::owned_text(core_strdup(text, talk_.file, talk_.line)); };
+    if (value.empty() || value == "*") return form == 0 ? copy(aggregate_uri()) : nullptr;
+    if (is_absolute(value)) return form == 0 ? without_login(value, talk_.file, talk_.line) : nullptr;
+    const std::string_view named(base());
+    switch (form) {
+        case 0:
+            return append_control(base_ || named.ends_with('/') ? named : talk_.content_base.get(), value, talk_.file,
+                                  talk_.line);
+        case 1:
+            return resolve(named, value, talk_.file, talk_.line);
+        case 2:  // as others read it who put no '/' behind the session's URI
+            if (base_ || !(value.starts_with('/') || value.starts_with('?'))) return nullptr;
+            return append_control(named, value, talk_.file, talk_.line);
+        default:
+            return nullptr;
     }
-    if (value.starts_with('/')) return print(base.substr(0, path_start(base)), "", value);
-    return print(base, base.ends_with('/') ? "" : "/", value);
+}
+
+bool description::try_next_uri(track_t& track) noexcept {
+    constexpr uint32_t forms = 3;
+    while (++track.gathered->form < forms) {
+        core::owned_text next = control_uri(track.control.get(), track.gathered->form);
+        if (!next || std::string_view(next.get()) == track.uri.get()) continue;
+        track.uri = std::move(next);
+        return true;
+    }
+    return false;
 }
 
 // Each entry goes to a track of its own, the one named exactly first: tracks of one medium may have one control value.

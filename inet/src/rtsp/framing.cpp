@@ -1,9 +1,13 @@
 #include "rtsp/framing.h"
 
 #include "rtsp/tunnel.h"
+#include "scan.h"
+
+#include "core/text.h"
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 #include <utility>
 
 namespace rtsp3 {
@@ -16,21 +20,26 @@ constexpr uint32_t max_header = 4098;
 constexpr uint32_t max_body = 64 * 1024;
 constexpr uint32_t slice = 16 * 1024;  // what is taken of the owner's bytes at a time
 
-std::string_view trim(std::string_view text) noexcept {
-    const auto blank = [](char c) { return c == ' ' || c == '\t'; };
-    while (!text.empty() && blank(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && blank(text.back()))
-        text.remove_suffix(1);
-    return text;
+constexpr std::string_view blanks = " \t";
+
+/// Whether the head says one thing only of what follows it.
+bool is_definite(const header_s* header) noexcept {
+    std::optional<std::string_view> length;
+    for (value_t* const* field = header->fields; field && *field; ++field) {
+        if (core_strcasecmp((*field)->key, "Content-Length") != 0) continue;
+        const std::string_view value = scan::trim(scan::text((*field)->value), blanks);
+        if (length && value != *length) return false;
+        length = value;
+    }
+    return true;
 }
 
 /// Bytes of the body that follows a header; 0 without a Content-Length. False when it cannot be told or is too long.
 bool body_length(const header_s* header, uint32_t* length) noexcept {
     *length = 0;
-    const char* value = value_geti(header->fields, "Content-Length");
+    const char* value = field(header, "Content-Length");
     if (!value) return true;
-    const std::string_view digits = trim(value);
+    const std::string_view digits = scan::trim(value, blanks);
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), *length);
     return error == std::errc() && end == digits.data() + digits.size() && *length <= max_body;
 }
@@ -97,6 +106,13 @@ bool framing::cut_header() noexcept {
     if (!header) return false;  // no memory: the next bytes try again
     core_log_print(talk_.log, "%u: recv\n%.*s", static_cast<unsigned>(talk_.number), size, waiting.data());
     used_ += static_cast<uint32_t>(size);
+    // What is behind a NUL was not read: a body could be taken for the next request.
+    if (waiting.substr(0, end).find('\0') != std::string_view::npos) {
+        taker_.refuse(header);
+        http_header_free(header);
+        talk_.fail("header with a NUL");
+        return false;
+    }
     if (!header->method && !header->status) {
         core_log_print(talk_.log, "rtsp header parse failed:\n%.*s", size, waiting.data());
         core_con_printf(0, "rtsp header parse failed:\n%.*s", size, waiting.data());
@@ -114,12 +130,24 @@ bool framing::serve_held() noexcept {
     return true;
 }
 
+void framing::trim(header_s* header) noexcept {
+    const auto trim_end = [](char* text) {
+        for (size_t size = core_strlen(text); size != 0 && (text[size - 1] == ' ' || text[size - 1] == '\t');)
+            text[--size] = '\0';
+    };
+    for (value_t* const* field = header->fields; field && *field; ++field) {
+        trim_end((*field)->key);
+        trim_end((*field)->value);
+    }
+}
+
 bool framing::take_header(header_s* header) noexcept {
     if (!header || talk_.ended) return true;
     if (!taker_.is_ready()) return false;
     const conversation::call running(talk_);
+    trim(header);
     uint32_t size = 0;
-    if (!taker_.has_no_body(header) && !body_length(header, &size)) {
+    if (!is_definite(header) || (!taker_.has_no_body(header) && !body_length(header, &size))) {
         taker_.refuse(header);
         talk_.fail("body without a usable length");
         return true;

@@ -36,6 +36,8 @@ public:
     void take(buf_t* data) noexcept;
     /// Serves what waits.
     void resume() noexcept;
+    /// Names and values lose the blanks behind them.
+    static void trim(net::http::header_s* header) noexcept;
     /// As Rtsp::process_header().
     bool take_header(net::http::header_s* header) noexcept;
 

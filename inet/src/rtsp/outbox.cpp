@@ -69,17 +69,24 @@ bool outbox::add_packet(uint8_t channel, const buf_t& packet) noexcept {
 }
 
 int outbox::send_ok() noexcept {
-    reply ok(200, "OK", talk_.cseq);
+    reply ok(200, "OK", talk_.cseq());
     ok.put("Session", talk_.identifier);
     ok.put_date();
     return send(ok.header(), nullptr);
 }
 
-int outbox::send_methods() noexcept {
-    reply ok(200, "OK", talk_.cseq);
-    ok.put("Public", "OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE");
-    ok.put_date();
-    return send(ok.header(), nullptr);
+int outbox::send_methods() noexcept { return send_methods(200, "OK"); }
+
+int outbox::send_methods(unsigned status, const char* reason) noexcept {
+    reply methods(status, reason, talk_.cseq());
+    methods.put("Public", "OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE");
+    methods.put_date();
+    return send(methods.header(), nullptr);
+}
+
+void outbox::refuse_method(const header_s* header) noexcept {
+    core_log_print(talk_.log, "%d: method is not served: %s", talk_.number, header->method);
+    if (refuses_methods_) send_methods(501, "Not Implemented");
 }
 
 int outbox::send_error(unsigned code, const char* nonce) noexcept {
@@ -89,7 +96,7 @@ int outbox::send_error(unsigned code, const char* nonce) noexcept {
     const char* reason = code == 454   ? "Session Not Found"
                          : code == 455 ? "Method Not Valid in This State"
                                        : http_error(code);
-    reply error(code, reason, talk_.cseq);
+    reply error(code, reason, talk_.cseq());
     if (code == 401) {
         const core::owned_text challenge(core_sprintf(
             talk_.file, talk_.line, "Digest realm=\"inet\", nonce=\"%s\", stale=FALSE", nonce ? nonce : fixed_nonce));

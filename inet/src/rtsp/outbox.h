@@ -67,6 +67,9 @@ public:
     /// Answers to the request being served.
     int send_ok() noexcept;
     int send_methods() noexcept;
+    /// To a request of a method that is not known: nothing, unless the owner wants it told.
+    void refuse_method(const net::http::header_s* header) noexcept;
+    void set_refuses_methods(bool on) noexcept { refuses_methods_ = on; }
     /// @param nonce  of the challenge of a 401; null for the one that is the same for all
     int send_error(unsigned code, const char* nonce = nullptr) noexcept;
 
@@ -80,6 +83,7 @@ public:
 private:
     static constexpr uint32_t max_unread = 64 * 1024;
 
+    int send_methods(unsigned status, const char* reason) noexcept;
     bool encode(uint32_t start) noexcept;
     void log_sent(std::string_view text) noexcept;
     int announce(uint32_t start) noexcept;
@@ -88,6 +92,7 @@ private:
     buf_t bytes_;
     uint32_t replies_ = 0;  // bytes of replies added since nothing waited or a picture was taken
     bool base64_ = false;
+    bool refuses_methods_ = false;
 };
 
 }  // namespace rtsp3

@@ -3,9 +3,11 @@
 #include "bounded.h"
 
 #include "avc/fcc.h"
+#include "common/h264.h"
 #include "core/time.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 namespace rtsp3 {
@@ -15,7 +17,6 @@ namespace {
 using bytes_t = std::span<const uint8_t>;
 
 constexpr uint8_t start_code[] = {0, 0, 1};
-constexpr uint32_t max_parameter_sets = 64 * 1024;
 // Packets in a row that are dropped as late before their numbering is believed.
 constexpr uint32_t max_late = 100;
 constexpr int64_t us_per_second = 1000000;
@@ -36,6 +37,37 @@ int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
 /// Formats whose frames travel in several packets, the last with the marker bit.
 bool is_picture(const track_t& track) noexcept { return track.fcc == av::fcc_h264 || track.fcc == av::fcc_jpeg; }
 
+/// pic_parameter_set_id, which a PPS begins with (ITU-T H.264, 7.3.2.2), as ue(v) of 0 to 255.
+uint32_t pps_id(bytes_t nal) noexcept {
+    uint32_t bits = 0;
+    for (size_t i = 1; i < 5; ++i)
+        bits = bits << 8 | (i < nal.size() ? nal[i] : 0U);
+    const int zeros = std::countl_zero(bits);
+    return zeros > 8 ? UINT32_MAX : (bits >> (31 - 2 * zeros)) - 1;
+}
+
+/// Takes the PPS out whose place another one takes. @return true when that very set is held already
+bool make_place(buf_t& sets, bytes_t nal) noexcept {
+    bytes_t rest(sets.data, sets.length);
+    bytes_t old;
+    for (bytes_t each = h264_next_nal(rest); !each.empty(); each = h264_next_nal(rest)) {
+        if (std::ranges::equal(each, nal)) return true;
+        if (h264_nal_type(each) == pps && h264_nal_type(nal) == pps && pps_id(each) == pps_id(nal)) old = each;
+    }
+    if (old.empty()) return false;
+    const uint8_t* const end = old.data() + old.size();
+    uint8_t* const begin = sets.data + (old.data() - sets.data) - sizeof start_code;
+    std::copy<const uint8_t*>(end, sets.data + sets.length, begin);
+    sets.length -= static_cast<uint32_t>(end - begin);
+    return false;
+}
+
+bytes_t without_trailing_zeros(bytes_t nal) noexcept {
+    while (!nal.empty() && nal.back() == 0)
+        nal = nal.first(nal.size() - 1);
+    return nal;
+}
+
 /// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it.
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
@@ -54,13 +86,29 @@ void receiver::take(unsigned channel, buffer_t packet) noexcept {
         talk_.rtp.unpack_rtc(packet);
     } else {
         talk_.rtp.set_arrival(core_timer());
-        talk_.rtp.unpack_rtp(packet);
+        unpack(channel, packet);
         if (talk_.rtp.current) resume_numbering(*talk_.rtp.current);
     }
 }
 
+// Of media with one payload type the one of that channel is meant, which has another type inside.
+void receiver::unpack(unsigned channel, buffer_t packet) noexcept {
+    constexpr uint8_t marker = 0x80;
+    if (packet.size < rtp::header_size) return;
+    const auto pt = static_cast<uint8_t>(packet.data[1] & ~marker);
+    const auto all = talk_.tracks();
+    const auto found = std::ranges::find_if(all, [&](const track_t* each) {
+        return each->rtp && each->set_up && each->channel == channel && each->gathered->pt == pt;
+    });
+    const bool renamed = found != all.end() && (*found)->rtp->pt != pt;
+    if (renamed) packet.data[1] = static_cast<uint8_t>((packet.data[1] & marker) | (*found)->rtp->pt);
+    talk_.rtp.unpack_rtp(packet);
+    if (renamed) packet.data[1] = static_cast<uint8_t>((packet.data[1] & marker) | pt);
+}
+
 void receiver::begin(uint64_t now) noexcept {
     play_time_ = now;
+    paused_ = false;
     for (track_t* each : talk_.tracks()) {
         if (each->rtp) each->gathered->before_play = each->rtp->received;
     }
@@ -106,6 +154,10 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
     const bytes_t data(from->frame.data, from->frame.length);
     const bool another = gathered.rtp_time != from->rtp_time;
     note_loss(track, another, data);
+    if (paused_) {
+        gathered.torn = true;
+        return;
+    }
     if (another) {
         learn_ends(track);
         deliver(track);
@@ -189,13 +241,25 @@ void receiver::start_frame(track_t& track) noexcept {
 // Aggregates (RFC 6184, 5.7.1), in which encoders send parameter sets, are taken apart.
 void receiver::add_h264(track_t& track, std::span<const uint8_t> nal) noexcept {
     if (nal.empty()) return;
-    if ((nal[0] & 0x1f) != stap_a) return add_nal(track, nal);
+    if ((nal[0] & 0x1f) != stap_a) return add_nals(track, nal);
     nal = nal.subspan(1);
     while (nal.size() > 2) {
         const size_t size = std::min<size_t>(get16(nal, 0), nal.size() - 2);
-        if (size > 0) add_nal(track, nal.subspan(2, size));
+        if (size > 0) add_nals(track, nal.subspan(2, size));
         nal = nal.subspan(2 + size);
     }
+}
+
+// Encoders that send byte streams as one NAL unit leave start codes in it.
+void receiver::add_nals(track_t& track, std::span<const uint8_t> nals) noexcept {
+    bytes_t rest = nals;
+    bytes_t next = h264_next_nal(rest);
+    if (next.empty()) return add_nal(track, nals);
+    const bytes_t first =
+        without_trailing_zeros(nals.first(static_cast<size_t>(next.data() - nals.data()) - sizeof start_code));
+    if (!first.empty()) add_nal(track, first);
+    for (; !next.empty(); next = h264_next_nal(rest))
+        add_nal(track, next);
 }
 
 void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
@@ -218,13 +282,13 @@ void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
 
 void receiver::keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept {
     buf_t& sets = track.parameter_sets;
-    const auto size = static_cast<uint32_t>(sizeof start_code + nal.size());
+    nal = without_trailing_zeros(nal);
+    if (nal.empty() || make_place(sets, nal)) return;
     if (restart) {
-        const bytes_t known(sets.data, sets.length);
-        const bool same = known.size() >= size && std::ranges::equal(known.subspan(sizeof start_code, nal.size()), nal);
-        if (!same) track.gathered->ends.forget();
+        track.gathered->ends.forget();
         sets.length = 0;
     }
+    const auto size = static_cast<uint32_t>(sizeof start_code + nal.size());
     if (!bounded::make_room(sets, size, max_parameter_sets, talk_.file, talk_.line)) return;
     core_buf_read(&sets, start_code, sizeof start_code);
     core_buf_read(&sets, nal.data(), static_cast<uint32_t>(nal.size()));

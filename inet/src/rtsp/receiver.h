@@ -34,16 +34,20 @@ public:
     /// PLAY is asked for: media time starts now.
     void begin(uint64_t now) noexcept;
     uint64_t play_time() const noexcept { return play_time_; }
+    /// PAUSE was answered: what still comes is no frame.
+    void pause() noexcept { paused_ = true; }
 
 private:
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
 
+    void unpack(unsigned channel, buffer_t packet) noexcept;
     void take_report(track_t* track, buffer_t packet) noexcept;
     void take_data(rtp::trak_t* from) noexcept;
     void start_frame(track_t& track) noexcept;
     void note_loss(track_t& track, bool another, std::span<const uint8_t> data) noexcept;
     void resume_numbering(rtp::trak_t& rtp) noexcept;
     void add_h264(track_t& track, std::span<const uint8_t> nal) noexcept;
+    void add_nals(track_t& track, std::span<const uint8_t> nals) noexcept;
     void add_nal(track_t& track, std::span<const uint8_t> nal) noexcept;
     void keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept;
     void add(track_t& track, std::span<const uint8_t> bytes) noexcept;
@@ -58,6 +62,7 @@ private:
     const client_settings& settings_;
     av::frame_t frame_ = {};
     uint64_t play_time_ = 0;
+    bool paused_ = false;
 };
 
 }  // namespace rtsp3

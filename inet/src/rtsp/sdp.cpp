@@ -2,11 +2,14 @@
 #include "rtsp/server.h"
 
 #include "avc/fcc.h"
+#include "common/digest.h"
+#include "common/h264.h"
 #include "core/text.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 namespace rtsp3 {
 
@@ -48,6 +51,25 @@ core::owned_text fmtp(const conversation& talk, const track_t& track) noexcept {
     return line;
 }
 
+/// The description with the parameter sets of a track behind it (RFC 6184, 8.1); null when memory is out.
+core::owned_text add_parameter_sets(core::owned_text sdp, const track_t& track, const char* file, int line) noexcept {
+    std::span<const uint8_t> sets(track.parameter_sets.data, track.parameter_sets.length);
+    const auto sps = h264_find(sets, h264_sps);
+    if (!sdp || sps.size() < 4) return sdp;
+    sdp.reset(core_sprintf(file, line,
+                           "%sa=fmtp:%hhu packetization-mode=1;profile-level-id=%02x%02x%02x;sprop-parameter-sets",
+                           sdp.get(), track.rtp->pt, unsigned{sps[1]}, unsigned{sps[2]}, unsigned{sps[3]}));
+    const char* before = "=";
+    for (auto set = h264_next_nal(sets); sdp && !set.empty(); set = h264_next_nal(sets)) {
+        if (h264_nal_type(set) != h264_sps && h264_nal_type(set) != h264_pps) continue;
+        const core::owned_text coded(b64(set.data(), set.size(), file, line));
+        sdp.reset(coded ? core_sprintf(file, line, "%s%s%s", sdp.get(), before, coded.get()) : nullptr);
+        before = ",";
+    }
+    if (sdp) sdp.reset(core_sprintf(file, line, "%s\r\n", sdp.get()));
+    return sdp;
+}
+
 }  // namespace
 
 core::owned_text describe(const conversation& talk, const char* name, uint64_t start_us, uint64_t end_us) noexcept {
@@ -72,11 +94,12 @@ core::owned_text describe(const conversation& talk, const char* name, uint64_t s
                                "a=recvonly\r\n"
                                "a=control:%s\r\n",
                                sdp.get(), each->media, each->rtp->pt, each->media));
-        if (!sdp || !find_format(each->fcc)->rtpmap) continue;
-        const core::owned_text map = rtpmap(talk, *each);
-        sdp.reset(
-            map ? core_sprintf(talk.file, talk.line, "%sa=rtpmap:%hhu %s\r\n", sdp.get(), each->rtp->pt, map.get())
-                : nullptr);
+        const core::owned_text map = sdp && find_format(each->fcc)->rtpmap ? rtpmap(talk, *each) : nullptr;
+        if (sdp && find_format(each->fcc)->rtpmap)
+            sdp.reset(
+                map ? core_sprintf(talk.file, talk.line, "%sa=rtpmap:%hhu %s\r\n", sdp.get(), each->rtp->pt, map.get())
+                    : nullptr);
+        sdp = add_parameter_sets(std::move(sdp), *each, talk.file, talk.line);
         if (!sdp || each->config.length == 0) continue;
         const core::owned_text parameters = fmtp(talk, *each);
         sdp.reset(parameters ? core_sprintf(talk.file, talk.line, "%s%s\r\n", sdp.get(), parameters.get()) : nullptr);

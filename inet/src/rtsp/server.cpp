@@ -2,6 +2,7 @@
 
 #include "avc/fcc.h"
 #include "common/digest.h"
+#include "common/h264.h"
 #include "core/text.h"
 #include "inet/net_http_auth.h"
 
@@ -39,7 +40,7 @@ bool server::set_credentials(const char* user, const char* password) noexcept {
 trak_t* server::add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept {
     const format_t* format = find_format(fcc);
     if (!format || talk_.ended || talk_.at_work || talk_.trak_total == max_traks) return nullptr;
-    if (format->asked_for && !talk_.all_sound) return nullptr;
+    if (format->asked_for && !talk_.all_formats) return nullptr;
     const uint32_t rate = sound.rate ? sound.rate : format->clock_rate;
     const bool is_aac = fcc == av::fcc_mp4a;
     if (is_aac && (rate == 0 || sound.config.size == 0 || sound.config.size > max_config)) return nullptr;
@@ -66,6 +67,24 @@ trak_t* server::add_trak(uint32_t fcc, const char* name, const sound_t& sound, c
     return talk_.tracks().back();
 }
 
+bool server::describe_trak(const trak_t* trak, buffer_t parameter_sets) noexcept {
+    constexpr uint32_t longest = 16 * 1024;
+    const auto all = talk_.tracks();
+    const auto found = std::ranges::find(all, trak);
+    if (found == all.end() || trak->fcc != av::fcc_h264 || !parameter_sets.data || parameter_sets.size > longest)
+        return false;
+    std::span<const uint8_t> sps;
+    std::span<const uint8_t> pps;
+    h264_parse({parameter_sets.data, parameter_sets.size}, &sps, &pps, nullptr);
+    buf_t& sets = (*found)->parameter_sets;
+    if (sps.size() < 4 || pps.empty()) return false;
+    if (sets.size < parameter_sets.size && !core_buf_resize(&sets, parameter_sets.size, talk_.file, talk_.line))
+        return false;
+    sets.length = 0;
+    core_buf_read(&sets, parameter_sets.data, parameter_sets.size);
+    return true;
+}
+
 void server::forget_tracks() noexcept {
     next_pt_ = first_dynamic_pt;
     owed_trak_ = nullptr;
@@ -85,7 +104,7 @@ struct server::method_t {
     bool in_session;  ///< a Session field must be that of this conversation
 };
 
-void server::serve(header_s* header) noexcept {
+bool server::serve(header_s* header) noexcept {
     static constexpr method_t methods[] = {
         {"OPTIONS", &server::options, false, false},
         {"DESCRIBE", &server::describe_stream, true, false},
@@ -102,16 +121,19 @@ void server::serve(header_s* header) noexcept {
     const auto* const method =
         std::ranges::find_if(methods, [&](const method_t& known) { return known.name == header->method; });
     if (method == std::end(methods)) {
-        core_log_print(talk_.log, "%d: method is not served: %s", talk_.number, header->method);
-    } else if (!header->uri || !is_printable(header->uri)) {
+        out_.refuse_method(header);
+        return false;
+    }
+    if (!header->uri || !is_printable(header->uri)) {
         out_.send_error(400);
     } else if (method->needs_admission && !admit(header)) {
-        return;
+        return true;
     } else if (method->in_session && !talk_.is_named(header)) {
         out_.send_error(454);
     } else {
         (this->*method->serve)(header);
     }
+    return true;
 }
 
 // Reports tell that somebody is there; nothing in them changes what a server does.
@@ -282,7 +304,7 @@ int server::send_sdp(const char* s1, const char* s2, const char* s3, uint64_t st
     const core::owned_text sdp(name ? describe(talk_, name.get(), start_us, end_us) : nullptr);
     if (!sdp) return 0;
     const std::string_view text(sdp.get());
-    reply ok(200, "OK", talk_.cseq);
+    reply ok(200, "OK", talk_.cseq());
     ok.put("Content-Base", talk_.content_base ? talk_.content_base.get() : "");
     ok.put("Content-Type", "application/sdp");
     ok.put_number("Content-Length", static_cast<uint32_t>(text.size()));
@@ -302,7 +324,7 @@ int server::send_setup(const char* destination, unsigned port) noexcept {
     if (!*talk_.identifier) std::snprintf(talk_.identifier, sizeof talk_.identifier, "%u", ++next_session);
     char transport[160];
     print_granted(*track, destination, port, transport);
-    reply ok(200, "OK", talk_.cseq);
+    reply ok(200, "OK", talk_.cseq());
     ok.put("Session", talk_.identifier);
     ok.put("Transport", transport);
     // The stream stands before the reply goes out: its event may already bring frames, or take the track away.
@@ -337,7 +359,7 @@ int server::send_play(uint64_t time_us) noexcept {
     const bool asked = owes_answer();
     if (!owes(owed_t::playing) || (asked && !talk_.is_set_up())) return 0;
     answered();
-    reply ok(200, "OK", talk_.cseq);
+    reply ok(200, "OK", talk_.cseq());
     ok.put("Session", talk_.identifier);
     ok.put("RTP-Info", rtp_info(time_us).get());
     ok.put_date();

@@ -16,7 +16,7 @@ struct format_t {
     uint8_t pt;          ///< 0: the next dynamic one
     const char* rtpmap;  ///< null when the payload type is static
     uint32_t clock_rate;
-    bool asked_for = false;  ///< with Rtsp::set_all_sound() alone
+    bool asked_for = false;  ///< with Rtsp::set_all_formats() alone
 };
 
 /// The format of a track; null when it cannot be announced.
@@ -38,8 +38,10 @@ public:
 
     bool set_credentials(const char* user, const char* password) noexcept;
     trak_t* add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept;
+    bool describe_trak(const trak_t* trak, buffer_t parameter_sets) noexcept;
 
-    void serve(header_s* header) noexcept;
+    /// False for a method that is not known.
+    bool serve(header_s* header) noexcept;
     void take_rtp(unsigned channel, buffer_t packet) noexcept;
     bool owes_answer() const noexcept { return owed_ != owed_t::nothing && owed_ != owed_t::anything; }
     /// The track whose SETUP is owed an answer; null for none.

@@ -68,7 +68,10 @@ void session::drop_tracks() noexcept {
 }
 
 void session::take_bytes(buf_t* data) noexcept {
-    if (data && pair.is_get()) core_buf_ignore(data, data->length);
+    if (data && pair.is_get() && data->length != 0) {
+        ++talk.received;  // some players show on this connection alone that they are there
+        core_buf_ignore(data, data->length);
+    }
     in.take(data);
     pair.take_waiting();
 }
@@ -105,9 +108,8 @@ void session::serve_request(header_s* header) noexcept {
     ++talk.received;
     client* const one = as_client();
     if (one ? out.has_unread_bytes() : out.has_unread_replies()) return talk.fail("replies are not read");
-    talk.remember_cseq(header);
-    if (one) return one->serve(header);
-    as_server()->serve(header);
+    if (!talk.remember_cseq(header)) return;
+    if (one ? one->serve(header) : as_server()->serve(header)) senseless_ = 0;
 }
 
 void session::take_response(header_s* header) noexcept {
@@ -129,9 +131,7 @@ void session::take_nonsense() noexcept {
 }
 
 void session::refuse(const header_s* header) noexcept {
-    if (header->status) return;
-    talk.remember_cseq(header);
-    out.send_error(400);
+    if (!header->status && talk.remember_cseq(header)) out.send_error(400);
 }
 
 }  // namespace rtsp3

@@ -32,7 +32,8 @@ client_t::client_t(part_t& owner, net::Tcp* connection, rtsp3::Rtsp* session) no
     if (!rtsp_ || !owner_.enter(*this)) return;
     rtsp_->set_handler(this);
     rtsp_->set_send_limit(settings().backlog);
-    rtsp_->set_all_sound(true);
+    rtsp_->set_all_formats(true);
+    rtsp_->set_unknown_methods(true);
     complete_ = session || !settings().user || rtsp_->set_credentials(settings().user, settings().password);
 }
 

@@ -44,6 +44,8 @@ const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) 
     if (!what.format(kind, &format, &config)) return nullptr;
     const rtsp3::sound_t sound{.rate = format.rate, .channels = format.channels, .config = format.config};
     const rtsp3::trak_t* const made = by.add_trak(format.fcc, what.name(), sound, CORE_HERE);
+    // Without them the player waits for the first key picture to know what it gets.
+    if (made) by.describe_trak(made, format.config);
     core_buf_free(&config);
     return made;
 }

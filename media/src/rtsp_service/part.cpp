@@ -62,7 +62,7 @@ void live::on_entry(read_t what, const entry_t& entry) noexcept {
     next_ = (next_ + 1) % cut_.size();
     oldest.from = from.id();
     oldest.number = entry.number;
-    oldest.packets.set_all_sound(true);
+    oldest.packets.set_all_formats(true);
     oldest.packets.cut(&entry.frame);
     return oldest.packets.count() != 0 ? &oldest.packets : nullptr;
 }
