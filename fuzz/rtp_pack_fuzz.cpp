@@ -18,7 +18,7 @@ struct stream_t : rtp::IRtp {
     template <class Pack>
     stream_t(uint32_t fcc, uint32_t source, Pack pack) : ssrc(source) {
         object.set_handler(this);
-        object.set_all_sound(true);
+        object.set_all_formats(true);
         rtp::trak_t* const track = object.add_trak(26, fcc);
         require(track || fuzz::starved);
         if (!track) return;
@@ -65,7 +65,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     const av::frame_t frame =
         test::borrowed(formats[input[0] % std::size(formats)], input.subspan(1), 1448466450042000);
     rtp::Packets packets(CORE_HERE);
-    packets.set_all_sound(true);
+    packets.set_all_formats(true);
     packets.cut(&frame);
     const uint32_t before = packets.count();
     packets.cut(&frame);  // what was cut before is gone

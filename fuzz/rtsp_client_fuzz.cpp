@@ -25,7 +25,7 @@ public:
         session->set_protocol(takes_datagrams_ ? protocol_t::rtp_udp : protocol_t::rtp_tcp);
         if (mode & 0x10) session->set_parameter_sets(rtsp3::parameter_sets_t::keys);
         session->set_prompt(mode & 0x10);
-        session->set_all_sound(mode & 0x10);
+        session->set_all_formats(mode & 0x10);
         session->open("rtsp://admin:p%40:s@10.0.0.7/live");
     }
 

@@ -82,8 +82,8 @@ void Rtp::set_report_clock(report_clock_t clock) noexcept {
     if (insides_) insides_->send.set_report_clock(clock);
 }
 
-void Rtp::set_all_sound(bool on) noexcept {
-    if (insides_) insides_->send.set_all_sound(on);
+void Rtp::set_all_formats(bool on) noexcept {
+    if (insides_) insides_->send.set_all_formats(on);
 }
 
 void Rtp::set_arrival(uint64_t us) noexcept {

@@ -62,10 +62,10 @@ void Rtsp::set_frame_limit(uint32_t bytes) noexcept { session::of(*this).setting
 
 void Rtsp::set_parameter_sets(parameter_sets_t where) noexcept { session::of(*this).settings.parameter_sets = where; }
 
-void Rtsp::set_all_sound(bool on) noexcept {
+void Rtsp::set_all_formats(bool on) noexcept {
     conversation& talk = session::of(*this).talk;
-    talk.all_sound = on;
-    talk.rtp.set_all_sound(on);
+    talk.all_formats = on;
+    talk.rtp.set_all_formats(on);
 }
 
 void Rtsp::set_prompt(bool on) noexcept { session::of(*this).settings.prompt = on; }

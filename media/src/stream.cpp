@@ -81,8 +81,8 @@ int stream::declare(kind_t kind, const format_t& format) noexcept {
     if (!format.fcc || kind_of(format.fcc) != kind) return 0;
     inside& in = *inside_;
     const auto index = static_cast<size_t>(kind);
-    const std::lock_guard held(in.lock);
     try {
+        const std::lock_guard held(in.lock);
         const format_share& before = in.formats[index];
         const format_t known = before ? before->shown : format_t{};
         const format_t wanted = complete(format, known, in.config);
@@ -90,10 +90,11 @@ int stream::declare(kind_t kind, const format_t& format) noexcept {
         format_share made = make_format(wanted, known.generation + 1, in.file, in.line);
         if (!made) return 0;
         in.formats[index] = std::move(made);
-        return 1;
     } catch (const std::bad_alloc&) {
         return 0;
     }
+    in.news();
+    return 1;
 }
 
 // What is held for nobody, and what is beyond the bounds.

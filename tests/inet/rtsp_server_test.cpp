@@ -153,7 +153,7 @@ TEST(RtspServer, DescribesMoreSoundWhenItIsAskedFor) {
         owner.session->add_trak(av::fcc_h264, nullptr, CORE_HERE);
         const bool usual = fcc == av::fcc_pcmu;
         EXPECT_TRUE(usual || !owner.session->add_trak(fcc, nullptr, sound, CORE_HERE));
-        owner.session->set_all_sound(true);
+        owner.session->set_all_formats(true);
         const rtsp3::trak_t* const track = owner.session->add_trak(fcc, nullptr, sound, CORE_HERE);
         ASSERT_EQ(track != nullptr, described != nullptr);
         if (!track) continue;

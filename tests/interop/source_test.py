@@ -104,23 +104,27 @@ class Pipe(ViewerCase):
 
 class Formats(ViewerCase):
     video = ("m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", ("-map", "0:v", "-c", "copy", "-payload_type", "96"))
-    aac = ("m=audio 0 RTP/AVP 97\r\na=rtpmap:97 MPEG4-GENERIC/48000/2\r\na=fmtp:97 mode=AAC-hbr;sizeLength=13;"
-           "indexLength=3;indexDeltaLength=3;config=1190\r\n", ("-map", "0:a", "-c", "copy", "-payload_type", "97"))
+    aac = ("m=audio 0 RTP/AVP 97\r\na=rtpmap:97 MPEG4-GENERIC/48000/{0}\r\na=fmtp:97 mode=AAC-hbr;sizeLength=13;"
+           "indexLength=3;indexDeltaLength=3;config={1}\r\n", ("-map", "0:a", "-c", "copy", "-payload_type", "97"))
     alaw = ("m=audio 0 RTP/AVP 8\r\n", ("-map", "0:a", "-c", "copy", "-payload_type", "8"))
 
-    def relayed(self, sound, *encoded):
-        path = self.path(f"{encoded[1]}.mkv")
-        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25", "-f", "lavfi", "-i", "aevalsrc=random(0)|random(1):s=48000",
+    def relayed(self, name, sound, channels, *encoded):
+        path = self.path(f"{name}.mkv")
+        noise = "|".join(f"random({each})" for each in range(channels))
+        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25", "-f", "lavfi", "-i", f"aevalsrc={noise}:s=48000",
                "-t", "12", "-c:v", "libx264", "-bf", "2", "-g", "25", "-x264-params", "repeat-headers=1", *encoded, path)
         with Sender(path, self.video, sound) as sender, Camera("--source", f"live={sender.url}") as camera:
             seen = tracks_of(ffmpeg("-rtsp_transport", "tcp", "-i", camera.url(), "-t", "5", "-map", "0", *CODED))
-        return seen, tracks_of(ffmpeg("-i", path, "-map", "0", *CODED))
+        return name, seen, tracks_of(ffmpeg("-i", path, "-map", "0", *CODED))
 
     def test_pictures_that_change_places_and_sound_arrive_untouched_and_in_step(self):
-        cases = (self.aac, "-c:a", "aac"), (self.alaw, "-c:a", "pcm_alaw", "-ar", "8000", "-ac", "1")
-        for sound, (seen, sent) in zip(("aac", "alaw"), at_once(lambda case: self.relayed(*case), cases)):
+        lines, arguments = self.aac
+        cases = (("aac", (lines.format(2, "1190"), arguments), 2, "-c:a", "aac"),  # several units in a packet
+                 ("pieces", (lines.format(6, "11B0"), arguments), 6, "-c:a", "aac", "-b:a", "1800k"),
+                 ("alaw", self.alaw, 1, "-c:a", "pcm_alaw", "-ar", "8000"))
+        for sound, seen, sent in at_once(lambda case: self.relayed(*case), cases):
             offsets = []
-            for stream, least in ("0", 100), ("1", 200 if sound == "aac" else 5):
+            for stream, least in ("0", 100), ("1", 5 if sound == "alaw" else 200):
                 items = [item for item, _ in sent[stream]]
                 first = items.index(seen[stream][0][0])
                 count = len(seen[stream])

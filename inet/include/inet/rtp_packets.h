@@ -26,8 +26,8 @@ public:
     Packets(const Packets&) = delete;
     Packets& operator=(const Packets&) = delete;
 
-    /// As Rtp::set_all_sound().
-    void set_all_sound(bool on) noexcept;
+    /// As Rtp::set_all_formats().
+    void set_all_formats(bool on) noexcept;
 
     /// Cuts a frame of one of the formats that Rtp::pack() takes. Drops what was cut before.
     /// @return 1; 0 for null, for a frame that makes no packet, or when memory is out: there are no packets then

@@ -14,12 +14,13 @@
 ///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band. Above 2040 pixels either way, the whole
 ///            file in a header extension
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
-///   "PCMA"   the same, with Rtp::set_all_sound()
-///   "mp4a"   AAC, with Rtp::set_all_sound(): an access unit in a packet, or in pieces of at most 1384 bytes, behind
+///   "PCMA"   the same, with Rtp::set_all_formats()
+///   "mp4a"   AAC, with Rtp::set_all_formats(): an access unit in a packet, or in pieces of at most 1384 bytes, behind
 ///            one AU header of 13 bits size and 3 bits index (RFC 3640, 3.3.6). Nothing for one above 8191 bytes. The
 ///            marker bit on the last
 ///   "META"   sent like "UNIV". A report (net_analytics_is_report()) is converted by net_analytics_convert(): nothing
-///            when it names no object. Anything else is a document, which is sent as it is
+///            when it names no object. Anything else is a document, which is sent as it is: of a record always, of a
+///            frame with Rtp::set_all_formats()
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
 ///
 ///   format   what event 3 brings of received packets
@@ -179,8 +180,8 @@ public:
     /// @param room  packet_size writable bytes of any alignment, valid until the next call; null for the object's own
     void set_packet_room(uint8_t* room) noexcept;
 
-    /// Whether "PCMA" and "mp4a" are sent as well; off until set.
-    void set_all_sound(bool on) noexcept;
+    /// Whether "PCMA", "mp4a" and frames of "META" that hold a document are sent as well; off until set.
+    void set_all_formats(bool on) noexcept;
 
     /// Clock of the RTP time in sender reports; report_clock_t::ntp until set.
     void set_report_clock(report_clock_t clock) noexcept;

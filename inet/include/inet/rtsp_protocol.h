@@ -159,7 +159,7 @@ inline constexpr uint32_t max_traks = 8;
 /// Client: made before open_client, valid until open(), clear_traks() or close().
 struct trak_t {
     uint32_t fcc;                 ///< server: "H264", "META", "JPEG", "PCMU" or "UNIV" (avc/fcc.h), with
-                                  ///< Rtsp::set_all_sound() "PCMA" or "mp4a", too. Client: "H264",
+                                  ///< Rtsp::set_all_formats() "PCMA" or "mp4a", too. Client: "H264",
                                   ///< "JPEG", "PCMU", "PCMA", "G726", "mp4a", "META" or "MP4A" (LATM, never delivered);
                                   ///< 0 for another encoding
     core::owned_text name;        ///< the owner's text for the track; null for none. Client: its media word
@@ -252,9 +252,10 @@ public:
     /// Client: parameter_sets_t::slices unless set.
     void set_parameter_sets(parameter_sets_t where) noexcept;
 
-    /// Off unless set. On, a server announces and sends "PCMA" and "mp4a" as well, and a client's frames of "mp4a" are
-    /// single access units, where they are else the payload of a packet. Before tracks are announced, or before open().
-    void set_all_sound(bool on) noexcept;
+    /// Off unless set. On, a server announces and sends "PCMA" and "mp4a" as well, and "META" as Rtp::set_all_formats()
+    /// says. A client's frames of "mp4a" are single access units, where they are else the payload of a packet. Before
+    /// tracks are announced, or before open().
+    void set_all_formats(bool on) noexcept;
 
     /// Client: whether frames are handed over as soon as they look complete; off unless set. Off, a frame is handed
     /// over when the next one begins, an interval later. On, the session learns where the frames of a track end:

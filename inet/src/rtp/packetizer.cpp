@@ -9,7 +9,7 @@
 
 #include <algorithm>
 #include <iterator>
-#include <string_view>
+#include <utility>
 
 namespace {
 
@@ -24,17 +24,25 @@ core::owned_text analytics_text(std::span<const uint8_t> json, uint64_t time, co
     return core::owned_text(copy ? net_analytics_convert(copy.get(), time, file, line) : nullptr);
 }
 
-/// Whether frames of that format become packets.
-bool is_sent(uint32_t fcc, bool all_sound) noexcept {
-    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ,
-                                    av::fcc_meta, av::fcc_pcma, av::fcc_mp4a};  // the last two by a setting
-    const size_t count = std::size(formats) - (all_sound ? 0 : 2);
-    const auto sent = std::span(formats).first(count);
-    return std::ranges::find(sent, fcc_unic(fcc)) != sent.end();
-}
-
 std::span<const uint8_t> bytes_of(const char* text) noexcept {
     return {reinterpret_cast<const uint8_t*>(text), core_strlen(text)};
+}
+
+bool is_report(std::span<const uint8_t> record) noexcept {
+    return net_analytics_is_report(record.data(), static_cast<uint32_t>(record.size())) != 0;
+}
+
+/// What is sent of a record of metadata: a report converted, which may give nothing, anything else as it is.
+struct document_t {
+    core::owned_text text;
+    std::span<const uint8_t> bytes;
+};
+
+document_t document_of(std::span<const uint8_t> data, uint64_t time, const char* file, int line) noexcept {
+    if (!is_report(data)) return {nullptr, data};
+    core::owned_text text = analytics_text(data, time, file, line);
+    const auto bytes = bytes_of(text.get());
+    return {std::move(text), bytes};
 }
 
 }  // namespace
@@ -48,6 +56,7 @@ void packetizer::set_room(uint8_t* room) noexcept {
 
 void packetizer::pack(const av::frame_t& frame) noexcept {
     if (!begin(frame.fcc, frame.time + frame.shown_after)) return;
+    if (!is_sent(frame.fcc)) return log_unknown("fcc");
     const uint16_t first_seq = rtp_.current->seq;
     const auto data = payload_of(frame);
     switch (fcc_unic(frame.fcc)) {
@@ -58,26 +67,24 @@ void packetizer::pack(const av::frame_t& frame) noexcept {
             pack_jpeg(data);
             break;
         case av::fcc_pcmu:
-            pack_pieces(data, true);
-            break;
         case av::fcc_pcma:
-            if (!all_sound_) return log_unknown("fcc");
             pack_pieces(data, true);
             break;
         case av::fcc_mp4a:
-            if (!all_sound_) return log_unknown("fcc");
             pack_mp4a(data);
             break;
         case av::fcc_univ:
             pack_pieces(data, false);
             break;
         case av::fcc_meta: {
-            const auto text = pack_document(data, frame.time);
-            if (text) core_log_print(rtp_.log, "%s", text.get());
+            if (!all_formats_ && !is_report(data)) break;
+            const document_t sent = document_of(data, frame.time, file_, line_);
+            pack_pieces(sent.bytes, false);
+            if (sent.text) core_log_print(rtp_.log, "%s", sent.text.get());
             break;
         }
         default:
-            return log_unknown("fcc");
+            break;
     }
     log_frame(first_seq);
     finish();
@@ -90,9 +97,11 @@ void packetizer::pack_meta(const av::meta_t& meta) noexcept {
     const auto data = payload_of(meta);
     switch (meta.fcc) {
         case av::fcc_meta: {
-            const auto text = pack_document(data, meta.time);
-            core_log_print(rtp_.log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%s", rtp_.id, trak.ssrc, trak.rtp_time,
-                           first_seq, trak.seq, text ? text.get() : "");
+            const document_t sent = document_of(data, meta.time, file_, line_);
+            pack_pieces(sent.bytes, false);
+            core_log_print(rtp_.log, "%d: META ssrc:%u: rtp:%u seq:%hu-%hu\n%.*s", rtp_.id, trak.ssrc, trak.rtp_time,
+                           first_seq, trak.seq, static_cast<int>(sent.bytes.size()),
+                           sent.bytes.empty() ? "" : reinterpret_cast<const char*>(sent.bytes.data()));
             break;
         }
         case av::fcc_univ:
@@ -105,15 +114,12 @@ void packetizer::pack_meta(const av::meta_t& meta) noexcept {
     finish();
 }
 
-// A report is converted, which gives a text or nothing to send; anything else is sent as it is.
-core::owned_text packetizer::pack_document(std::span<const uint8_t> data, uint64_t time) noexcept {
-    if (!net_analytics_is_report(data.data(), static_cast<uint32_t>(data.size()))) {
-        pack_pieces(data, false);
-        return nullptr;
-    }
-    core::owned_text text = analytics_text(data, time, file_, line_);
-    pack_pieces(bytes_of(text.get()), false);
-    return text;
+/// Whether frames of that format become packets.
+bool packetizer::is_sent(uint32_t fcc) const noexcept {
+    constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ,
+                                    av::fcc_meta, av::fcc_pcma, av::fcc_mp4a};
+    const auto known = std::span(formats).first(all_formats_ ? std::size(formats) : std::size(formats) - 2);
+    return std::ranges::find(known, fcc_unic(fcc)) != known.end();
 }
 
 // As the frame itself, also when no packet was made of it.

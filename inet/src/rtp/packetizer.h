@@ -3,7 +3,6 @@
 
 #include "rtp/packet.h"
 
-#include "core/owned.h"
 #include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
 
@@ -20,7 +19,7 @@ public:
 
     /// Null for the object's own room.
     void set_room(uint8_t* room) noexcept;
-    void set_all_sound(bool on) noexcept { all_sound_ = on; }
+    void set_all_formats(bool on) noexcept { all_formats_ = on; }
     void set_report_clock(report_clock_t clock) noexcept { report_clock_ = clock; }
 
     void pack(const av::frame_t& frame) noexcept;
@@ -31,6 +30,7 @@ public:
 private:
     trak_t* find(uint32_t fcc, uint64_t time) noexcept;
     bool begin(uint32_t fcc, uint64_t time) noexcept;
+    bool is_sent(uint32_t fcc) const noexcept;
     void finish() noexcept;
     void log_frame(uint16_t first_seq) noexcept;
     void log_unknown(const char* what) noexcept;
@@ -43,7 +43,6 @@ private:
     void pack_h264fua(std::span<const uint8_t> nal) noexcept;
     void pack_jpeg(std::span<const uint8_t> jpeg) noexcept;
     void pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept;
-    core::owned_text pack_document(std::span<const uint8_t> data, uint64_t time) noexcept;
     void pack_mp4a(std::span<const uint8_t> unit) noexcept;
     /// Payloads that are cut anywhere. The marker bit is on the last piece, or on every one.
     void pack_pieces(std::span<const uint8_t> bytes, bool mark_every) noexcept;
@@ -52,7 +51,7 @@ private:
     const char* file_;
     int line_;
     report_clock_t report_clock_ = report_clock_t::ntp;
-    bool all_sound_ = false;
+    bool all_formats_ = false;
     uint8_t* room_ = nullptr;  // where packets are built
     uint8_t own_room_[packet_size];
 };

@@ -21,7 +21,7 @@ public:
     insides(const insides&) = delete;
     insides& operator=(const insides&) = delete;
 
-    void set_all_sound(bool on) noexcept { packer_.set_all_sound(on); }
+    void set_all_formats(bool on) noexcept { packer_.set_all_formats(on); }
     bool cut(const av::frame_t* frame) noexcept;
     void stamp(trak_t& trak) noexcept;
     void set_channel(uint8_t channel) noexcept;
@@ -159,8 +159,8 @@ Packets::Packets(const char* file, int line) noexcept : insides_(core::create<in
 
 Packets::~Packets() { core::destroy(insides_); }
 
-void Packets::set_all_sound(bool on) noexcept {
-    if (insides_) insides_->set_all_sound(on);
+void Packets::set_all_formats(bool on) noexcept {
+    if (insides_) insides_->set_all_formats(on);
 }
 
 int Packets::cut(const av::frame_t* frame) noexcept { return insides_ && insides_->cut(frame) ? 1 : 0; }

@@ -160,7 +160,7 @@ public:
     uint32_t trak_total = 0;
     const trak_t* event_trak = nullptr;  ///< of the event
     protocol_t::enum_t transport = protocol_t::rtp_tcp;
-    bool all_sound = false;
+    bool all_formats = false;
     core::owned_text location;      ///< what is served or asked for
     core::owned_text content_base;  ///< with "/" behind it
     char identifier[128] = {};      ///< of the RTSP session

@@ -168,7 +168,7 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
         track->rtp = talk_.rtp.add_trak(inside_pt(track->gathered->pt), track->fcc);
         if (!track->rtp) return false;
         track->rtp->clock_rate = track->rate;
-        if (track->fcc == av::fcc_mp4a && talk_.all_sound) take_unit_headers(scan::text(media.fmtp), *track->rtp);
+        if (track->fcc == av::fcc_mp4a && talk_.all_formats) take_unit_headers(scan::text(media.fmtp), *track->rtp);
         track->wanted = 1;
     }
     talk_.add(std::move(track));

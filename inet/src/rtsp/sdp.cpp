@@ -94,17 +94,15 @@ core::owned_text describe(const conversation& talk, const char* name, uint64_t s
                                "a=recvonly\r\n"
                                "a=control:%s\r\n",
                                sdp.get(), each->media, each->rtp->pt, each->media));
-        if (sdp && find_format(each->fcc)->rtpmap) {
-            const core::owned_text map = rtpmap(talk, *each);
+        const core::owned_text map = sdp && find_format(each->fcc)->rtpmap ? rtpmap(talk, *each) : nullptr;
+        if (sdp && find_format(each->fcc)->rtpmap)
             sdp.reset(
                 map ? core_sprintf(talk.file, talk.line, "%sa=rtpmap:%hhu %s\r\n", sdp.get(), each->rtp->pt, map.get())
                     : nullptr);
-        }
-        if (sdp && each->config.length != 0) {
-            const core::owned_text parameters = fmtp(talk, *each);
-            sdp.reset(parameters ? core_sprintf(talk.file, talk.line, "%s%s\r\n", sdp.get(), parameters.get()) : nullptr);
-        }
         sdp = add_parameter_sets(std::move(sdp), *each, talk.file, talk.line);
+        if (!sdp || each->config.length == 0) continue;
+        const core::owned_text parameters = fmtp(talk, *each);
+        sdp.reset(parameters ? core_sprintf(talk.file, talk.line, "%s%s\r\n", sdp.get(), parameters.get()) : nullptr);
     }
     return sdp;
 }

@@ -40,7 +40,7 @@ bool server::set_credentials(const char* user, const char* password) noexcept {
 trak_t* server::add_trak(uint32_t fcc, const char* name, const sound_t& sound, const char* file, int line) noexcept {
     const format_t* format = find_format(fcc);
     if (!format || talk_.ended || talk_.at_work || talk_.trak_total == max_traks) return nullptr;
-    if (format->asked_for && !talk_.all_sound) return nullptr;
+    if (format->asked_for && !talk_.all_formats) return nullptr;
     const uint32_t rate = sound.rate ? sound.rate : format->clock_rate;
     const bool is_aac = fcc == av::fcc_mp4a;
     if (is_aac && (rate == 0 || sound.config.size == 0 || sound.config.size > max_config)) return nullptr;

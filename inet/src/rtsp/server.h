@@ -16,7 +16,7 @@ struct format_t {
     uint8_t pt;          ///< 0: the next dynamic one
     const char* rtpmap;  ///< null when the payload type is static
     uint32_t clock_rate;
-    bool asked_for = false;  ///< with Rtsp::set_all_sound() alone
+    bool asked_for = false;  ///< with Rtsp::set_all_formats() alone
 };
 
 /// The format of a track; null when it cannot be announced.

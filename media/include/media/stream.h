@@ -55,7 +55,7 @@ struct format_t {
 
 /// What a source knows of a frame beside av::frame_t.
 struct timing_t {
-    uint64_t utc = 0;  ///< wall clock of the source in microseconds since 1970; 0 for not known
+    uint64_t utc = 0;         ///< wall clock of the source in microseconds since 1970; 0 for not known
     bool of_display = false;  ///< the time of an H.264 picture is that of its display: when it is decoded follows from
                               ///< the order of these times. The SPS tells how far pictures change places. Where it does
                               ///< not, the first ones that do are shown with the one before them
@@ -202,8 +202,8 @@ public:
     /// Frames that it is behind the present.
     uint64_t behind() const noexcept;
 
-    /// Has `news` called, on the thread that pushes, when something is new. It may wake a thread, no more: it calls
-    /// nothing of the stream and waits for nothing. Null ends it. @return 1, or 0 when memory is out
+    /// Has `news` called, on the thread that pushes or declares, when something is new. It may wake a thread, no more:
+    /// it calls nothing of the stream and waits for nothing. Null ends it. @return 1, or 0 when memory is out
     int told(void (*news)(void* arg), void* arg) noexcept;
 
     struct inside;

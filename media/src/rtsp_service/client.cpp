@@ -20,8 +20,6 @@ constexpr unsigned first_request = 10;
 /// Longer than the sender report that may follow a frame.
 constexpr uint32_t report_room = 64;
 
-constexpr uint64_t soon = 10'000;  ///< microseconds
-
 }  // namespace
 
 client_t::client_t(part_t& owner, net::Tcp* connection, rtsp3::Rtsp* session) noexcept
@@ -34,7 +32,7 @@ client_t::client_t(part_t& owner, net::Tcp* connection, rtsp3::Rtsp* session) no
     if (!rtsp_ || !owner_.enter(*this)) return;
     rtsp_->set_handler(this);
     rtsp_->set_send_limit(settings().backlog);
-    rtsp_->set_all_sound(true);
+    rtsp_->set_all_formats(true);
     rtsp_->set_unknown_methods(true);
     complete_ = session || !settings().user || rtsp_->set_credentials(settings().user, settings().password);
 }
@@ -123,13 +121,13 @@ uint64_t client_t::serve(uint64_t now) noexcept {
         answer_describe(now);
         flush();
         count_sharing();
-        if (describing_) return now + soon;
+        if (describing_) return next_look(now);
     }
     if (playing_since_) {
         answer_play(now);
         flush();
         count_sharing();
-        if (playing_since_) return now + soon;
+        if (playing_since_) return next_look(now);
     }
     return watching() ? come_up(now) : 0;
 }
@@ -172,6 +170,7 @@ bool client_t::go_live() noexcept {
 void client_t::stop_playing() noexcept {
     begun_ = false;
     playing_since_ = 0;
+    await_news();
     approach_.end();
     if (live_) live_->remove(*this);
     owner_.leave(live_);

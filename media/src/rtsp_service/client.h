@@ -27,6 +27,8 @@ public:
     bool finished() const noexcept override { return finished_; }
     bool idle() const noexcept override { return !finished_ && !partner_ && !rtsp_->playing(); }
     bool watching() const noexcept override { return !finished_ && rtsp_ && rtsp_->playing(); }
+    /// An answer waits for what the stream brings.
+    bool owes_answer() const noexcept { return describing_ || playing_since_; }
 
     /// A frame of the present. @param packets  null for a frame that makes none
     void deliver(const entry_t& entry, ::rtp::Packets* packets) noexcept;
@@ -41,6 +43,8 @@ private:
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override;
 
     // Conversation: conversation.cpp
+    static constexpr uint64_t soon = 10'000;  ///< microseconds
+
     void describe() noexcept;
     void answer_describe(uint64_t now) noexcept;
     void announce() noexcept;
@@ -51,6 +55,8 @@ private:
     void tell_play(uint64_t first) noexcept;
     void count_sharing() noexcept;
     void leave_stream() noexcept;
+    void await_news() noexcept;
+    uint64_t next_look(uint64_t now) const noexcept;
 
     // Tunnel
     void find_get() noexcept;
@@ -90,6 +96,7 @@ private:
     uint64_t playing_since_ = 0;  ///< since when the first frame is waited for; 0 for not
     bool begun_ = false;          ///< what is set up plays, or will with the next frame
     cursor wanting_;              ///< counts as a reader while nothing else does
+    bool awaiting_ = false;       ///< it tells when there is something new
     approach approach_;
     live* live_ = nullptr;
     whole_pictures pictures_;

@@ -45,7 +45,7 @@ const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) 
     const rtsp3::sound_t sound{.rate = format.rate, .channels = format.channels, .config = format.config};
     const rtsp3::trak_t* const made = by.add_trak(format.fcc, what.name(), sound, CORE_HERE);
     // Without them the player waits for the first key picture to know what it gets.
-    if (made && kind == kind_t::video) by.describe_trak(made, {config.data, config.length});
+    if (made) by.describe_trak(made, format.config);
     core_buf_free(&config);
     return made;
 }
@@ -87,6 +87,7 @@ void client_t::leave_stream() noexcept {
     count_sharing();
     shared_ = nullptr;
     describing_ = 0;
+    await_news();
     wanting_.close();
     stream::drop(std::exchange(stream_, nullptr));
 }
@@ -107,16 +108,31 @@ void client_t::describe() noexcept {
     // Who asks for a description is going to watch: a source that is fetched on demand has to be there.
     wanting_.open(*stream_, {.at_key = false});
     describing_ = core_timer();
+    await_news();
     answer_describe(describing_);
+}
+
+/// Asks to be called for what the stream brings as long as an answer waits for it.
+void client_t::await_news() noexcept {
+    if (owes_answer() == awaiting_) return;
+    const bool told = wanting_.told(owes_answer() ? &part_t::on_news : nullptr, &owner_) != 0;
+    awaiting_ = told && owes_answer();
+}
+
+uint64_t client_t::next_look(uint64_t now) const noexcept {
+    if (!awaiting_) return now + soon;
+    return describing_ ? describing_ + longest_describe : playing_since_ + longest_play;
 }
 
 /// Once the formats are known, or will not be.
 void client_t::answer_describe(uint64_t now) noexcept {
-    if (stream_->ready()) {
-        describing_ = 0;
+    const bool ready = stream_->ready() != 0;
+    if (!ready && now - describing_ < longest_describe) return;
+    describing_ = 0;
+    await_news();
+    if (ready) {
         announce();
-    } else if (now - describing_ >= longest_describe) {
-        describing_ = 0;
+    } else {
         rtsp_->send_error(503);
     }
 }
@@ -191,10 +207,12 @@ void client_t::answer_play(uint64_t now) noexcept {
     const bool known = begun_ || approach_.first_time() != 0 || shared_;
     if (!known && playing_since_ == 0) {
         playing_since_ = now;
-        owner_.on().wake(*this);
+        await_news();
+        owner_.on().wake(*this);  // what was pushed meanwhile
     }
     if (!known && now - playing_since_ < longest_play) return;
     playing_since_ = 0;
+    await_news();
     uint64_t first = approach_.first_time();
     if (begun_) first = approach_.next_time();  // 0 when it is live: the present
     tell_play(first);

@@ -80,7 +80,8 @@ bool group::add_tracks() noexcept {
     rtp_->set_handler(this);
     rtp_->set_report_clock(::rtp::report_clock_t::packets);
     const std::unique_ptr<rtsp3::Rtsp, session_destroy> session(rtsp3::Rtsp::create(CORE_HERE));
-    if (session) session->set_all_sound(true);
+    rtp_->set_all_formats(true);
+    if (session) session->set_all_formats(true);
     for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta}) {
         const rtsp3::trak_t* announced = session ? announce(*session, stream_, kind) : nullptr;
         if (!announced) continue;

@@ -62,7 +62,7 @@ void live::on_entry(read_t what, const entry_t& entry) noexcept {
     next_ = (next_ + 1) % cut_.size();
     oldest.from = from.id();
     oldest.number = entry.number;
-    oldest.packets.set_all_sound(true);
+    oldest.packets.set_all_formats(true);
     oldest.packets.cut(&entry.frame);
     return oldest.packets.count() != 0 ? &oldest.packets : nullptr;
 }
@@ -93,6 +93,21 @@ void part_t::leave(live*& of) noexcept {
 
 void part_t::second() noexcept {
     std::erase_if(live_, [](const auto& each) { return each->users == 0; });
+}
+
+void part_t::on_news(void* arg) noexcept {
+    auto* self = static_cast<part_t*>(arg);
+    if (!self->told_.exchange(true) && !self->thread_.call(on_told, &self->service_)) self->told_ = false;
+}
+
+// The part may have gone on the way.
+void part_t::on_told(thread& on, void* arg) noexcept {
+    auto* self = static_cast<part_t*>(on.part(*static_cast<service_t*>(arg)));
+    if (!self) return;
+    self->told_ = false;
+    for (client_t* each : self->clients_) {
+        if (each->owes_answer()) on.wake(*each);
+    }
 }
 
 uint16_t part_t::udp_port() noexcept {

@@ -90,6 +90,9 @@ public:
     void exit(const client_t& one) noexcept;
     const core::vector<client_t*>& clients() const noexcept { return clients_; }
 
+    /// For cursor::told() of clients that owe an answer: has their thread look. `arg` is the part.
+    static void on_news(void* arg) noexcept;
+
     /// The live players of a stream, made at its first use: hold it with live::users. Null when memory is out.
     live* live_of(stream& which) noexcept;
     /// Lets go of it.
@@ -104,6 +107,7 @@ public:
 
 private:
     static void on_report(void* arg, uint32_t events) noexcept;
+    static void on_told(thread& on, void* arg) noexcept;
     void close_udp() noexcept;
 
     thread& thread_;
@@ -111,6 +115,7 @@ private:
     core::vector<client_t*> clients_;
     core::vector<core::owned_object<live>> live_;
     cut_frames cut_;
+    std::atomic<bool> told_ = false;  ///< on_told() is under way
     net::Datagrams datagrams_;
     int rtp_fd_ = -1;
     int rtcp_fd_ = -1;

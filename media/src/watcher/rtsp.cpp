@@ -73,7 +73,7 @@ void rtsp_attempt::start() noexcept {
     rtsp_->set_handler(this);
     rtsp_->set_parameter_sets(wanted_.sets_in_slices ? rtsp3::parameter_sets_t::slices : rtsp3::parameter_sets_t::keys);
     rtsp_->set_prompt(true);
-    rtsp_->set_all_sound(true);
+    rtsp_->set_all_formats(true);
     rtsp_->set_tunnel(wanted_.transport == transport_t::http);
     if (wanted_.transport == transport_t::udp) rtsp_->set_protocol(rtsp3::protocol_t::rtp_udp);
     if (wanted_.transport == transport_t::multicast) rtsp_->set_protocol(rtsp3::protocol_t::rtp_multicast);
