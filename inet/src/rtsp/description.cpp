@@ -170,7 +170,8 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
         if (!waits(*track)) continue;
         const auto seq = scan::number(scan::text((*info)->seq));
         const auto rtptime = scan::number(scan::text((*info)->rtptime));
-        if (seq) track->rtp->seq = static_cast<uint16_t>(*seq);
+        if (seq) track->rtp->seq = track->gathered->first_seq = static_cast<uint16_t>(*seq);
+        track->gathered->announced = seq.has_value();
         if (!rtptime) continue;
         track->rtp->rtp_time = track->gathered->last_rtp_time = *rtptime;
         track->gathered->started = true;

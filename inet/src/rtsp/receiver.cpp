@@ -33,8 +33,14 @@ int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
     return seconds * us_per_second + ticks % rate * us_per_second / rate;
 }
 
-/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it.
+/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. An
+/// SPS is sent before the slices of its picture, by itself or first in an aggregate.
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
+    constexpr size_t aggregate_head = 3;
+    if (track.fcc == av::fcc_h264 && !data.empty()) {
+        const bool aggregate = (data[0] & 0x1f) == stap_a && data.size() > aggregate_head;
+        return (data[aggregate ? aggregate_head : 0] & 0x1f) == sps;
+    }
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
     return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
 }
@@ -50,10 +56,19 @@ void receiver::take(unsigned channel, buffer_t packet) noexcept {
         take_report(track, packet);
         talk_.rtp.unpack_rtc(packet);
     } else {
+        if (track) note_first(*track, packet);
         talk_.rtp.set_arrival(core_timer());
         talk_.rtp.unpack_rtp(packet);
         if (talk_.rtp.current) resume_numbering(*talk_.rtp.current);
     }
+}
+
+// A group joined before its first packet is whole from there on.
+void receiver::note_first(track_t& track, buffer_t packet) noexcept {
+    constexpr uint32_t fixed_header = 12;
+    gathered_t& gathered = *track.gathered;
+    const bool first = gathered.announced && track.rtp->received == 0 && packet.size >= fixed_header;
+    if (first && get16({packet.data, packet.size}, 2) == gathered.first_seq) gathered.torn = false;
 }
 
 void receiver::begin(uint64_t now) noexcept {
@@ -104,7 +119,7 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
     const bool another = gathered.rtp_time != from->rtp_time;
     note_loss(track, another, data);
     if (another) deliver(track);
-    if (another || gathered.frame.length == 0) start_frame(track);
+    if (another || gathered.frame.length == 0) start_frame(track, data);
     // Pieces of a picture whose header did not come make no file.
     if (track.fcc == av::fcc_jpeg && gathered.frame.length == 0 && !stands_alone(track, data)) gathered.broken = true;
 
@@ -132,7 +147,7 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
     gathered.torn = another && !stands_alone(track, data);
 }
 
-void receiver::start_frame(track_t& track) noexcept {
+void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
     gathered_t& gathered = *track.gathered;
     if (!gathered.started) {
         gathered.started = true;
@@ -144,7 +159,7 @@ void receiver::start_frame(track_t& track) noexcept {
     gathered.ticks += static_cast<int32_t>(track.rtp->rtp_time - gathered.last_rtp_time);
     gathered.last_rtp_time = gathered.rtp_time = track.rtp->rtp_time;
     gathered.time = track.rtp->time;
-    gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, {}));
+    gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, data));
     gathered.torn = false;
 }
 

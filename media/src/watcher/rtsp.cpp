@@ -262,7 +262,7 @@ void rtsp_attempt::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noe
 void rtsp_attempt::play() noexcept {
     if (stage_ != stage_t::asking) return;
     stage_ = stage_t::playing;
-    last_packet_ = kept_alive_ = core_timer();
+    played_ = last_packet_ = kept_alive_ = core_timer();
     owner_.tell({.what = watch_event_t::playing});
 }
 

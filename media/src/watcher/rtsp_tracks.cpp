@@ -141,8 +141,30 @@ void rtsp_attempt::take_frame() noexcept {
     got.frame.fcc = format_of(source);
     // Exact, where the time of the session's frame advances by whole milliseconds.
     got.frame.time = play_time_ + static_cast<uint64_t>(source.media_time);
-    if (track.received.take(got.frame, got.media_time) && !owner_.take(got)) return leave({});
+    const bool begins = !track.received.has_begun();
+    const bool taken = track.received.take(got.frame, got.media_time);
+    if (taken && wanted_.duration) count_from_picture(track, begins, got.media_time);
+    if (taken && !owner_.take(got)) return leave({});
     if (is_complete()) leave({});
+}
+
+/// What is wanted of the other tracks counts from the first picture on.
+void rtsp_attempt::count_from_picture(track_t& taken, bool begins, int64_t media_time) noexcept {
+    if (kind_of(taken.source->fcc) != kind_t::video) {
+        if (waits_for_picture()) taken.received.count_from(media_time);
+    } else if (begins) {
+        for (track_t& each : tracks_) {
+            if (&each != &taken && each.received.has_begun()) each.received.count_from(media_time);
+        }
+    }
+}
+
+/// Pictures are to come, and the first one has not.
+bool rtsp_attempt::waits_for_picture() const noexcept {
+    const auto waits = [](const track_t& each) {
+        return each.source && kind_of(each.source->fcc) == kind_t::video && !each.received.has_begun();
+    };
+    return std::ranges::any_of(tracks_, waits) && core_timer() - played_ < wanted_.timeout;
 }
 
 /// Sound and picture have come to the end that was wanted.
