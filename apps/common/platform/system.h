@@ -16,8 +16,8 @@ std::vector<std::string> arguments(int argc, const char* const* argv);
 /// Has the console show UTF-8 and follow escape sequences, until the program ends.
 void prepare_console();
 
-/// Has the standard output pass bytes as they are.
-void make_output_binary();
+/// Has the standard output pass bytes as they are, and errors be told.
+void prepare_output();
 
 /// Sets `flag` when the user or the system asks the program to end. The second request ends it at once.
 void note_interrupts(std::atomic<bool>& flag);

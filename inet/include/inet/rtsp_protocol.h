@@ -168,6 +168,7 @@ struct trak_t {
     const rtp::trak_t* shared;    ///< server: see Rtsp::share_stream(); else null
 
     // Client
+    core::owned_text encoding;     ///< name of its rtpmap; null for none
     core::owned_text control;      ///< value of its control attribute; null for none
     core::owned_text uri;          ///< URI of its SETUP
     core::owned_text source;       ///< UDP: address that the server sends from, when it is not that of the connection

@@ -96,6 +96,7 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
     track->gathered.reset(core::create<gathered_t>(talk_.file, talk_.line));
     track->name.reset(core_strdup(media.media ? media.media : "", talk_.file, talk_.line));
     track->control.reset(core_strdup(media.control, talk_.file, talk_.line));
+    track->encoding.reset(core_strdup(media.encoding, talk_.file, talk_.line));
     track->uri = control_uri(media.control);
     if (!track->gathered || !track->name || (media.control && !track->control) || !track->uri) return false;
     track->media = track->name.get();

@@ -48,6 +48,7 @@ enum class outcome_t : uint8_t {
     refused,           ///< user and password, or none, are not let in: 401, 403
     not_found,         ///< no such stream: 404
     protocol_error,    ///< the source answers with another status, with nonsense, or not at all
+    no_transport,      ///< it does not send the way it was asked to: 461
     nothing_received,  ///< everything was agreed upon but no media came
     connection_lost,   ///< media came, then the connection or the stream ended or went silent
 };

@@ -72,6 +72,7 @@ private:
     void send() noexcept;
 
     void select_tracks() noexcept;
+    void note_unknown(const rtsp3::trak_t& source) noexcept;
     void set_up() noexcept;
     void make_ready() noexcept;
     void note_tracks() noexcept;

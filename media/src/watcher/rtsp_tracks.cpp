@@ -49,6 +49,7 @@ void rtsp_attempt::select_tracks() noexcept {
     constexpr uint32_t undelivered = av::fcc("MP4A");  // LATM
     uint32_t taken = 0;
     for (uint32_t i = 0; const rtsp3::trak_t* source = rtsp_->trak(i); ++i) {
+        note_unknown(*source);
         if (!source->wanted) continue;
         const uint32_t kind = only(kind_of(source->fcc));
         const bool surplus = wanted_.one_of_a_kind && ((taken & kind) != 0 || source->fcc == undelivered);
@@ -58,6 +59,16 @@ void rtsp_attempt::select_tracks() noexcept {
             taken |= kind;
         }
     }
+}
+
+/// Picture or sound in a format that cannot be received.
+void rtsp_attempt::note_unknown(const rtsp3::trak_t& source) noexcept {
+    const std::string_view media = source.media;
+    const bool picture = media == "video" && (wanted_.kinds & only(kind_t::video)) != 0;
+    const bool sound = media == "audio" && (wanted_.kinds & only(kind_t::audio)) != 0;
+    if (source.fcc || !source.encoding || !(picture || sound) || *refused_track_.text) return;
+    refused_track_ = {outcome_t::protocol_error, "the %s is %s, which cannot be received",
+                      picture ? "picture" : "sound", source.encoding.get()};
 }
 
 rtsp_attempt::track_t& rtsp_attempt::track_of(const rtsp3::trak_t* source) noexcept {
