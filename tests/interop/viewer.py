@@ -5,7 +5,7 @@ import tempfile
 import time
 import unittest
 
-from peers import ROOT, clip_file, command, position_in_loop
+from peers import ROOT, clip_file, command, position_in_loop, run
 
 VIEWER = command(os.environ.get("INET_VIEWER", f"{ROOT}/build/dev/apps/inet-viewer"))
 DELIMITER, SEI = 9, 6
@@ -53,6 +53,17 @@ class ViewerCase(unittest.TestCase):
         while not os.path.exists(self.path(name)) or os.path.getsize(self.path(name)) < size:
             self.assertIsNone(viewer.poll())
             time.sleep(0.02)
+
+    def check_step(self, name, least):
+        """Picture and sound of a film begin together and end together, after so many seconds at least."""
+        packets = run("ffprobe", "-v", "error", "-show_entries", "packet=codec_type,pts_time,duration_time", "-of",
+                      "csv=p=0", self.path(name)).decode().split()
+        times = {kind: [tuple(map(float, line.split(",")[1:3])) for line in packets if line.startswith(kind)]
+                 for kind in ("video", "audio")}
+        starts, ends = zip(*((min(each)[0], sum(max(each))) for each in times.values()))
+        self.assertEqual(starts[0], starts[1])
+        self.assertLess(abs(ends[0] - ends[1]), 0.04)
+        self.assertGreaterEqual(ends[0] - starts[0], least - 0.001)
 
     def check_pictures(self, name, least):
         units = nal_units(self.path(name))
