@@ -164,6 +164,31 @@ TEST(Recorder, SoundAndPictureOfAFilmHaveOneTimeBaseOverLossAndPauses) {
     }
 }
 
+TEST(Recorder, WritesWhatACursorFinds) {
+    const test::scratch dir;
+    const std::string path = dir / "made.mp4";
+    media::stream* const stream = media::stream::create("live", {}, CORE_HERE);
+    media::cursor cursor;
+    cursor.open(*stream, {});
+    media::recorder film;
+    ASSERT_EQ(film.add(path.c_str()), 1);
+    std::vector<piece_t> pieces;
+    add_pictures(pieces, dir, 0);
+    constexpr int64_t delay = 80'000;
+    for (const piece_t& each : pieces) {
+        each.frame->time = start + static_cast<uint64_t>(each.arrival);
+        each.frame->shown_after = static_cast<uint32_t>(each.at + delay - each.arrival);
+        EXPECT_EQ(stream->push(*each.frame), 1);
+    }
+    media::entry_t entry;
+    for (auto found = cursor.next(entry); found != media::read_t::nothing; found = cursor.next(entry))
+        EXPECT_EQ(film.take(found, entry), 1);
+    EXPECT_EQ(film.finish(), 1);
+    EXPECT_EQ(first_and_last(path, "v"), "0.08 2.1");
+    cursor.close();
+    media::stream::drop(stream);
+}
+
 TEST(Recorder, LeavesWhatWasThereUntilItBegins) {
     const test::scratch dir;
     const std::string path = dir / "a.h264";
