@@ -182,7 +182,8 @@ struct trak_t {
 
     // On rtsp_frame. Sender reports (RFC 3550, 6.4.1) tell which moment of the server's clock an RTP time is, so
     // ntp_time puts sound and picture on one clock.
-    int64_t media_time;  ///< exact microseconds since the RTP time of RTP-Info, or since the first frame without one
+    int64_t media_time;  ///< exact microseconds since the RTP time of RTP-Info; without one since the first frame of
+                         ///< all tracks, by the time at which its own first one came
     uint64_t ntp_time;   ///< the server's clock, microseconds since 1970-01-01; 0 before the first report of the track
 };
 

@@ -19,6 +19,8 @@ constexpr uint32_t max_parameter_sets = 64 * 1024;
 // Packets in a row that are dropped as late before their numbering is believed.
 constexpr uint32_t max_late = 100;
 constexpr int64_t us_per_second = 1000000;
+// Tracks whose first frames come within this time began together.
+constexpr uint64_t together = 200000;
 
 enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
 
@@ -73,6 +75,7 @@ void receiver::note_first(track_t& track, buffer_t packet) noexcept {
 
 void receiver::begin(uint64_t now) noexcept {
     play_time_ = now;
+    first_frame_ = 0;
     for (track_t* each : talk_.tracks()) {
         if (each->rtp) each->gathered->before_play = each->rtp->received;
     }
@@ -149,8 +152,12 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
 
 void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
     gathered_t& gathered = *track.gathered;
+    if (!first_frame_) first_frame_ = core_timer();
     if (!gathered.started) {
         gathered.started = true;
+        // A track that comes later, as pictures do that wait for a key, would be out of step with the others.
+        const uint64_t since = core_timer() - first_frame_;
+        if (since > together) gathered.ticks += static_cast<int64_t>(since) * track.rate / us_per_second;
         gathered.last_rtp_time = track.rtp->rtp_time;
         track.rtp->time = play_time_;
         // The packetizer, which did not know where time starts, may have put it off by nearly a minute.

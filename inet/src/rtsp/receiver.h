@@ -56,6 +56,7 @@ private:
     const client_settings& settings_;
     av::frame_t frame_ = {};
     uint64_t play_time_ = 0;
+    uint64_t first_frame_ = 0;  ///< core_timer() when the first frame of any track began, since PLAY
 };
 
 }  // namespace rtsp3
