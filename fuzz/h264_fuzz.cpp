@@ -39,6 +39,8 @@ void fuzz_target(std::span<const uint8_t> input) {
         h264_info_t info{};
         h264_parse_sps(nal, &info);
         require(info.width <= 16384 && info.height <= 16384 && (info.width > 0) == (info.height > 0));
+        h264_slice_t slice;
+        h264_parse_slice(h264_first_slice(input), info, &slice);
         require(info.chroma_format <= 3 && info.bit_depth <= 14 && info.bit_depth_chroma <= 14);
     }
     wrap(input);

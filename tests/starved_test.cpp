@@ -8,6 +8,7 @@
 #include "support/scratch.h"
 #include "support/sockets.h"
 
+#include "avc/fcc.h"
 #include "avc/frame.h"
 #include "common/digest.h"
 #include "core/cmd.h"
@@ -25,12 +26,15 @@
 #include "core/value.h"
 #include "inet/net_tcp.h"
 #include "inet/rtsp_viewer.h"
+#include "media/recorder.h"
 
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
 
 namespace {
+
+using namespace std::string_literals;
 
 struct scenario_t {
     const char* name;
@@ -215,11 +219,38 @@ void play_a_stream(bool tunnel) {
     EXPECT_TRUE(viewer.session->playing());
 }
 
+void record_a_film() {
+    const test::scratch dir;
+    const std::string key =
+        "\0\0\1\x67\x42\xc0\x0d\xd9\1\x41\xfb\1\x10\0\0\3\0\x10\0\0\3\3\x20\xf1\x42\xa4\x80"
+        "\0\0\1\x68\xcb\x83\xcb\x20\0\0\1\x65\x88\x84"s;
+    const std::string sound(160, 'x');
+    media::failure_t why;
+    media::recorder film;
+    bool all = film.add((dir / "a.mp4").c_str(), &why) && film.add((dir / "a.wav").c_str(), &why);
+    film.declare({.fcc = av::fcc_h264});
+    film.declare({.fcc = av::fcc_pcmu, .rate = 8000, .channels = 1});
+    for (uint64_t time = 1'000'000; all && time < 4'000'000; time += 500'000) {
+        for (const auto& [fcc, bytes] : {std::pair(av::fcc_pcmu, &sound), std::pair(av::fcc_h264, &key)}) {
+            av::frame_t frame{};
+            frame.fcc = fcc;
+            frame.time = time;
+            frame.data = reinterpret_cast<const uint8_t*>(bytes->data());
+            frame.size = static_cast<uint32_t>(bytes->size());
+            frame.key = 1;
+            all = all && film.take(frame, &why);
+        }
+    }
+    all = all && film.finish(&why);
+    EXPECT_EQ(all, std::string(why.text).empty()) << why.text;
+}
+
 constexpr scenario_t scenarios[] = {
     {"Containers", fill_containers, 13},
     {"Texts", write_texts, 17},
     {"Runtime", meet_on_threads, 15},
     {"Frame", make_frames, 7},  // the shared one takes its record alone, the others their bytes, too
+    {"Recorder", record_a_film, 20},
     {"Sockets", open_sockets, 6},
     {"Listener", accept_connections, 10},
     {"NetworkThread", use_a_network_thread, 12},

@@ -1,8 +1,11 @@
 #include "pipe_source.h"
 
+#include "options.h"
 #include "platform/system.h"
+#include "program.h"
 
 #include "avc/fcc.h"
+#include "common/h264.h"
 #include "core/memory.h"
 #include "core/time.h"
 
@@ -49,7 +52,17 @@ void pipe_source::run(void* arg, thread_ctx* self) {
 
 void pipe_source::on_unit(void* arg, buffer_t unit) { static_cast<pipe_source*>(arg)->push(unit); }
 
+/// Pictures have the time at which they come, in which those that change places cannot be shown.
+void pipe_source::check_order(buffer_t unit) {
+    h264_info_t info{};
+    if (!h264_parse({unit.data, unit.size}, nullptr, nullptr, &info)) return;
+    if (!checked_ && info.max_num_reorder_frames > 0)
+        apps::complain(program_name, "the pipe brings B-pictures, which will be shown out of order; encode with -bf 0");
+    checked_ = true;
+}
+
 void pipe_source::push(buffer_t unit) {
+    if (!checked_) check_order(unit);
     const uint32_t left_out = units_.left_out();
     if (left_out != left_out_) into_.gap();  // what follows builds on it
     left_out_ = left_out;

@@ -27,12 +27,14 @@ public:
 private:
     static void run(void* arg, thread_ctx* self);
     static void on_unit(void* arg, buffer_t unit);
+    void check_order(buffer_t unit);
     void push(buffer_t unit);
 
     media::stream& into_;  ///< held
     av::AccessUnits units_;
     thread_ctx* thread_ = nullptr;
     std::atomic<bool> ended_ = false;
+    bool checked_ = false;  ///< the order of the pictures
     uint32_t left_out_ = 0;
     uint64_t time_ = 0;  ///< of the picture that is coming
 };

@@ -135,7 +135,7 @@ std::string describe_options(std::span<const option<Options>> table) {
         line.resize(line.size() < column ? column : line.size() + 1, ' ');
         text += line + std::string(each.help) + "\n";
     }
-    return text;
+    return text + "  --help                  this text\n  --version               the version\n";
 }
 
 }  // namespace apps

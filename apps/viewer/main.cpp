@@ -34,6 +34,7 @@ outcome outcome_of(media::outcome_t what) {
             return outcome::refused;
         case media::outcome_t::not_found:
             return outcome::not_found;
+        case media::outcome_t::no_transport:
         case media::outcome_t::protocol_error:
             return outcome::protocol_error;
         case media::outcome_t::nothing_received:
@@ -121,7 +122,7 @@ int receive(const viewer::options& settings) {
     media::recorder files;
     media::failure_t why;
     const bool to_output = settings.writes_to_output();
-    if (to_output) apps::platform::make_output_binary();
+    if (to_output) apps::platform::prepare_output();
     for (const std::string& path : settings.outputs) {
         if (!files.add(path.c_str(), &why)) return fail({outcome::cannot_write, why.text});
     }
@@ -131,6 +132,11 @@ int receive(const viewer::options& settings) {
     received.watcher.stop();
     const media::watcher::status_t status = received.watcher.status();
     viewer::ending result{outcome_of(status.outcome), status.text};
+    if (status.outcome == media::outcome_t::no_transport) {
+        const bool tried_both = settings.way == media::transport_t::udp;
+        const bool tcp = status.transport == media::transport_t::tcp;
+        result.why += tried_both ? "; try --transport http" : tcp ? "; try --transport udp" : "; try --transport tcp";
+    }
     if (!files.finish(&why)) result = {outcome::cannot_write, why.text};
     if (result.what == outcome::ok && files.untouched()) {
         result = {outcome::nothing_received, std::string("nothing came for ") + files.untouched()};

@@ -47,9 +47,7 @@ std::span<const option> table() {
         {"URI", "", "one rtsp://[user:password@]host[:port]/path; user and password percent-coded, no IPv6", take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
-        {"-o", "FILE",
-         "write to a .mp4, .h264, .wav, .jpg or .txt file, or with - to the standard output; may be given "
-         "again for another file",
+        {"-o", "FILE", "write to a .mp4, .h264, .wav, .jpg or .txt file, or to - ; may be given again for another one",
          take_output},
         {"--duration", "SECONDS", "end after so much media, counted from the first picture", take_duration},
         {"--user", "NAME", "user, where the URI names none", apps::take_credential<options>(&apps::credentials::user)},

@@ -1,6 +1,7 @@
 """ffmpeg watches inet-camera: what arrives is the clip, picture by picture and sample by sample."""
 import os
 import re
+import socket
 import subprocess
 import tempfile
 import unittest
@@ -50,10 +51,11 @@ class Access(CameraCase):
 
 
 class CommandLine(unittest.TestCase):
-    def refuses(self, *arguments):
+    def refuses(self, status, *arguments):
         done = subprocess.run([*CAMERA, "--rtsp", "0", *arguments], capture_output=True, text=True, timeout=60)
-        self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stderr, r"^inet-camera: .+\n$")
+        self.assertEqual(done.returncode, status)
+        self.assertRegex(done.stderr, r"(?m)^inet-camera: .+\n\Z")
+        return done.stderr
 
     def test_mistakes_are_told(self):
         with tempfile.TemporaryDirectory() as directory:
@@ -62,7 +64,13 @@ class CommandLine(unittest.TestCase):
                                  ("64x64", "gray")):  # which RTP cannot carry
                 pictures.append(("--jpeg", os.path.join(directory, f"{size}-{pixels}.jpg")))
                 ffmpeg("-f", "lavfi", "-i", f"testsrc2=s={size}", "-frames:v", "1", "-pix_fmt", pixels, pictures[-1][1])
-            at_once(lambda arguments: self.refuses(*arguments), [
-                *pictures, ["--nonsense"], ["--rtsp"], ["--rtsp", "x"], ["--rtsp", "65536"], ["--user", "a"],
+            at_once(lambda arguments: self.refuses(1, *arguments), [
+                *pictures, ["--video", "/nowhere.h264"], ["--audio", clip_file("clip.h264")]])
+            at_once(lambda arguments: self.refuses(2, *arguments), [
+                ["--nonsense"], ["--rtsp"], ["--rtsp", "x"], ["--rtsp", "65536"], ["--user", "a"], ["--password", "a"],
                 ["--multicast", "223.255.255.255"], ["--multicast", "239.1.1.1:5003"], ["--stall", "0"],
-                ["--video", "/nowhere.h264"], ["--audio", clip_file("clip.h264")]])
+                ["--user", "a", "--password-file", "/nowhere"]])
+        with socket.create_server(("127.0.0.1", 0)) as taken:
+            self.assertIn("another program has that port", self.refuses(1, "--rtsp", str(taken.getsockname()[1])))
+        self.assertIn("does not have that address", self.refuses(1, "--bind", "192.0.2.1"))
+        self.assertIn("ffmpeg -i ", self.refuses(1, "--video", clip_file("clip.wav")))

@@ -6,7 +6,8 @@ import socket
 import struct
 import subprocess
 
-from peers import Camera, CameraCase, at_once, clip_file, ffmpeg, free_group, picture_hashes, position_in_loop, run
+from peers import (TABLE, Camera, CameraCase, at_once, clip_file, ffmpeg, free_group, picture_hashes,
+                   position_in_loop, run, tracks_of)
 from relay import Relay, Server
 from viewer import VIEWER, ViewerCase, nal_units
 
@@ -28,12 +29,12 @@ class Live(ViewerCase, CameraCase):
         self.assertEqual({track["lost"] for track in tracks.values()}, {"0"})
         self.assertGreater(float(tracks["H264"]["mbit/s"]), 0.3)
         self.assertLess(float(tracks["H264"]["jitter_ms"]), 1000)
-        if way == "multicast":  # joined anywhere: what comes before the next key picture is of no use
-            self.check_pictures(f"{way}.h264", 45)
-        else:
-            self.assertEqual([tracks[name][count] for name, count in (("H264", "frames"), ("H264", "left_out"),
-                                                                      ("PCMU", "frames"))], ["100", "0", "200"])
-            self.check_pictures(f"{way}.h264", 100)
+        self.assertEqual([tracks[name][count] for name, count in (("H264", "frames"), ("H264", "left_out"),
+                                                                  ("PCMU", "frames"))], ["100", "0", "200"])
+        self.check_pictures(f"{way}.h264", 100)
+        self.assertEqual(ffmpeg("-i", self.path(f"{way}.mp4"), "-map", "0:a", "-f", "s16le", "-"),
+                         ffmpeg("-i", self.path(f"{way}.wav"), "-f", "s16le", "-"))
+        self.check_step(f"{way}.mp4", 4)
 
     def test_everything_over_each_transport(self):
         ways = ("tcp", "udp", "http", "multicast")
@@ -54,6 +55,25 @@ class Files(ViewerCase, CameraCase):
         self.assertEqual(len(seen), 15)
         self.assertEqual(seen, picture_hashes("-i", self.path("b%02d.jpg")))
         self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip_%02d.jpg"))))
+
+    def test_pictures_shown_in_another_order_keep_their_times(self):
+        """Those of the camera's file, B-pictures among them."""
+        ffmpeg("-i", clip_file("clip.h264"), "-c:v", "libx264", "-bf", "3", "-b_strategy", "0", self.path("b.h264"))
+        loop = picture_hashes("-i", self.path("b.h264"))
+        with Camera("--video", self.path("b.h264"), "--audio", clip_file("clip.wav")) as camera:
+            self.view(camera.url(), "--duration", "3", "-o", "a.mp4")
+        seen = tracks_of(ffmpeg("-i", self.path("a.mp4"), "-map", "0:v", "-fps_mode", "passthrough", *TABLE))["0"]
+        self.assertIsNotNone(position_in_loop([item for item, _ in seen], loop))
+        self.assertEqual({round(b - a, 3) for (_, a), (_, b) in zip(seen, seen[1:])}, {0.04})
+        self.check_step("a.mp4", 2.8)
+
+    def test_standard_output(self):
+        done = subprocess.run([*VIEWER, self.camera.url(), "--duration", "1", "--stats", "-o", "-"],
+                              capture_output=True, timeout=60)
+        self.assertIn(b"frames=25", done.stderr)
+        with open(self.path("a.mp4"), "wb") as film:
+            film.write(done.stdout)
+        self.check_step("a.mp4", 1)
 
     def test_mp4_can_be_read_while_it_grows_and_ends_whole_by_ctrl_c(self):
         path = self.path("a.mp4")
@@ -115,6 +135,7 @@ class OtherWays(ViewerCase, CameraCase):
         self.assertIn("connecting again in 1 s", messages)
         self.assertGreater(len(picture_hashes("-i", self.path("a.h264"))), 40)
         self.assertEqual(picture_hashes("-i", self.path("a.mp4")), picture_hashes("-i", self.path("a.h264")))
+        self.check_step("a.mp4", 3)
 
 
 class Access(ViewerCase, CameraCase):
@@ -170,6 +191,11 @@ class Servers(ViewerCase):
                 self.refuse(status, server.url, "--timeout", "3")
             return server.methods
 
+        h265 = b"m=video 0 RTP/AVP 96\r\na=rtpmap:96 H265/90000\r\na=control:v\r\n"
+        for answers, cause in (({"SETUP": 461}, "not send over tcp; try --transport udp"),
+                               ({"DESCRIBE": description + b"%d\r\n\r\nv=0\r\n" % (len(h265) + 5) + h265}, "H265")):
+            with Server(**answers) as server:
+                self.assertIn(cause, self.refuse(PROTOCOL, server.url))
         methods = at_once(check, [
             (PROTOCOL, {"OPTIONS": None}),
             (PROTOCOL, {"OPTIONS": endless}),

@@ -83,7 +83,7 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
     ASSERT_TRUE(late.add(media::rtsp_service({.port = port})));
     media::failure_t why;
     EXPECT_FALSE(late.start(&why));
-    EXPECT_EQ(why.text, "cannot listen on 127.0.0.1:" + std::to_string(port));
+    EXPECT_EQ(why.text, "cannot listen on 127.0.0.1:" + std::to_string(port) + ": another program has that port");
     station.stop();
     ASSERT_TRUE(station.start());
     EXPECT_EQ(answer(port, {"ECHO again"}), "ECHO again");

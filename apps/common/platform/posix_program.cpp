@@ -24,7 +24,8 @@ void ask_for_short_ticks() {}
 
 void prepare_console() {}
 
-void make_output_binary() {}
+// What is written to a pipe that nobody reads is told as an error.
+void prepare_output() { std::signal(SIGPIPE, SIG_IGN); }
 
 void note_interrupts(std::atomic<bool>& flag) {
     noted = &flag;

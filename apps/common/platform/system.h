@@ -19,8 +19,8 @@ void prepare_console();
 /// Has waits end within a millisecond of their time, until the program ends: media is paced by them.
 void ask_for_short_ticks();
 
-/// Has the standard output pass bytes as they are.
-void make_output_binary();
+/// Has the standard output pass bytes as they are, and errors be told.
+void prepare_output();
 
 /// Sets `flag` when the user or the system asks the program to end. The second request ends it at once.
 void note_interrupts(std::atomic<bool>& flag);

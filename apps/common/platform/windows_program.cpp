@@ -91,7 +91,7 @@ void prepare_console() {
     std::atexit(restore_console);
 }
 
-void make_output_binary() { _setmode(_fileno(stdout), _O_BINARY); }
+void prepare_output() { _setmode(_fileno(stdout), _O_BINARY); }
 
 void note_interrupts(std::atomic<bool>& flag) {
     noted = &flag;

@@ -179,8 +179,8 @@ struct trak_t {
     buf_t config;                 ///< "mp4a": AudioSpecificConfig (ISO/IEC 14496-3, 1.6)
 
     // Client
+    core::owned_text encoding;     ///< name of its rtpmap; null for none
     core::owned_text control;      ///< value of its control attribute; null for none
-    const char* encoding;          ///< "H264", "vnd.onvif.metadata", ...; null for one that is not known
     core::owned_text uri;          ///< URI of its SETUP
     core::owned_text source;       ///< UDP: address that the server sends from, when it is not that of the connection
     core::owned_text destination;  ///< multicast: the group
@@ -191,7 +191,8 @@ struct trak_t {
 
     // On rtsp_frame. Sender reports (RFC 3550, 6.4.1) tell which moment of the server's clock an RTP time is, so
     // ntp_time puts sound and picture on one clock.
-    int64_t media_time;  ///< exact microseconds since the RTP time of RTP-Info, or since the first frame without one
+    int64_t media_time;  ///< exact microseconds since the RTP time of RTP-Info; without one since the first frame of
+                         ///< all tracks, by the time at which its own first one came
     uint64_t ntp_time;   ///< the server's clock, microseconds since 1970-01-01; 0 before the first report of the track
 };
 

@@ -128,7 +128,7 @@ void packetizer::pack(Packets& packets) noexcept {
     if (!trak) return;
     const uint16_t first_seq = trak->seq;
     packets.stamp(*trak);
-    if (!is_sent(trak->fcc, all_sound_)) return log_unknown("fcc");
+    if (!is_sent(trak->fcc)) return log_unknown("fcc");
     if (packets.count() != 0) {
         rtp_.cut = &packets;
         hand_over(rtp_, event_t::packets, 0);

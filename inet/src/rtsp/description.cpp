@@ -141,6 +141,7 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
     track->gathered.reset(core::create<gathered_t>(talk_.file, talk_.line));
     track->name.reset(core_strdup(media.media ? media.media : "", talk_.file, talk_.line));
     track->control.reset(core_strdup(media.control, talk_.file, talk_.line));
+    track->encoding.reset(core_strdup(media.encoding, talk_.file, talk_.line));
     track->uri = control_uri(media.control, 0);
     if (!track->gathered || !track->name || (media.control && !track->control) || !track->uri) return false;
     track->media = track->name.get();
@@ -158,7 +159,6 @@ bool description::add(const net::sdp::trak_t& media) noexcept {
         track->fcc = encoding->fcc;
         if (!track->rate) track->rate = encoding->clock_rate;
         if (track->fcc == av::fcc_mp4a) sdp_parse_config(media.config, &track->config, talk_.file, talk_.line);
-        track->encoding = encoding->name;
         if (track->fcc == av::fcc_h264)
             read_parameter_sets(scan::text(media.sprop_parameter_sets), track->parameter_sets, talk_.file, talk_.line);
         track->gathered->sets_changed = track->parameter_sets.length > 0;
@@ -237,7 +237,8 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
         if (!waits(*track)) continue;
         const auto seq = scan::number(scan::text((*info)->seq));
         const auto rtptime = scan::number(scan::text((*info)->rtptime));
-        if (seq) track->rtp->seq = static_cast<uint16_t>(*seq);
+        if (seq) track->rtp->seq = track->gathered->first_seq = static_cast<uint16_t>(*seq);
+        track->gathered->announced = seq.has_value();
         if (!rtptime) continue;
         track->rtp->rtp_time = track->gathered->last_rtp_time = *rtptime;
         track->gathered->started = true;

@@ -20,6 +20,8 @@ constexpr uint8_t start_code[] = {0, 0, 1};
 // Packets in a row that are dropped as late before their numbering is believed.
 constexpr uint32_t max_late = 100;
 constexpr int64_t us_per_second = 1000000;
+// Tracks whose first frames come within this time began together.
+constexpr uint64_t together = 200000;
 
 enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
 
@@ -68,8 +70,14 @@ bytes_t without_trailing_zeros(bytes_t nal) noexcept {
     return nal;
 }
 
-/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it.
+/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. An
+/// SPS is sent before the slices of its picture, by itself or first in an aggregate.
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
+    constexpr size_t aggregate_head = 3;
+    if (track.fcc == av::fcc_h264 && !data.empty()) {
+        const bool aggregate = (data[0] & 0x1f) == stap_a && data.size() > aggregate_head;
+        return (data[aggregate ? aggregate_head : 0] & 0x1f) == sps;
+    }
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
     return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
 }
@@ -85,6 +93,7 @@ void receiver::take(unsigned channel, buffer_t packet) noexcept {
         take_report(track, packet);
         talk_.rtp.unpack_rtc(packet);
     } else {
+        if (track) note_first(*track, packet);
         talk_.rtp.set_arrival(core_timer());
         unpack(channel, packet);
         if (talk_.rtp.current) resume_numbering(*talk_.rtp.current);
@@ -106,9 +115,18 @@ void receiver::unpack(unsigned channel, buffer_t packet) noexcept {
     if (renamed) packet.data[1] = static_cast<uint8_t>((packet.data[1] & marker) | pt);
 }
 
+// A group joined before its first packet is whole from there on.
+void receiver::note_first(track_t& track, buffer_t packet) noexcept {
+    constexpr uint32_t fixed_header = 12;
+    gathered_t& gathered = *track.gathered;
+    const bool first = gathered.announced && track.rtp->received == 0 && packet.size >= fixed_header;
+    if (first && get16({packet.data, packet.size}, 2) == gathered.first_seq) gathered.torn = false;
+}
+
 void receiver::begin(uint64_t now) noexcept {
     play_time_ = now;
     paused_ = false;
+    first_frame_ = 0;
     for (track_t* each : talk_.tracks()) {
         if (each->rtp) each->gathered->before_play = each->rtp->received;
     }
@@ -162,7 +180,7 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
         learn_ends(track);
         deliver(track);
     }
-    if (another || gathered.frame.length == 0) start_frame(track);
+    if (another || gathered.frame.length == 0) start_frame(track, data);
     // Pieces of a picture whose header did not come make no file.
     if (track.fcc == av::fcc_jpeg && gathered.frame.length == 0 && !stands_alone(track, data)) gathered.broken = true;
 
@@ -222,10 +240,14 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
     gathered.torn = another && !stands_alone(track, data);
 }
 
-void receiver::start_frame(track_t& track) noexcept {
+void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
     gathered_t& gathered = *track.gathered;
+    if (!first_frame_) first_frame_ = core_timer();
     if (!gathered.started) {
         gathered.started = true;
+        // A track that comes later, as pictures do that wait for a key, would be out of step with the others.
+        const uint64_t since = core_timer() - first_frame_;
+        if (since > together) gathered.ticks += static_cast<int64_t>(since) * track.rate / us_per_second;
         gathered.last_rtp_time = track.rtp->rtp_time;
         track.rtp->time = play_time_;
         // The packetizer, which did not know where time starts, may have put it off by nearly a minute.
@@ -234,7 +256,7 @@ void receiver::start_frame(track_t& track) noexcept {
     gathered.ticks += static_cast<int32_t>(track.rtp->rtp_time - gathered.last_rtp_time);
     gathered.last_rtp_time = gathered.rtp_time = track.rtp->rtp_time;
     gathered.time = track.rtp->time;
-    gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, {}));
+    gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, data));
     gathered.torn = false;
 }
 

@@ -43,7 +43,8 @@ private:
     void unpack(unsigned channel, buffer_t packet) noexcept;
     void take_report(track_t* track, buffer_t packet) noexcept;
     void take_data(rtp::trak_t* from) noexcept;
-    void start_frame(track_t& track) noexcept;
+    void start_frame(track_t& track, std::span<const uint8_t> data) noexcept;
+    void note_first(track_t& track, buffer_t packet) noexcept;
     void note_loss(track_t& track, bool another, std::span<const uint8_t> data) noexcept;
     void resume_numbering(rtp::trak_t& rtp) noexcept;
     void add_h264(track_t& track, std::span<const uint8_t> nal) noexcept;
@@ -63,6 +64,7 @@ private:
     av::frame_t frame_ = {};
     uint64_t play_time_ = 0;
     bool paused_ = false;
+    uint64_t first_frame_ = 0;  ///< core_timer() when the first frame of any track began, since PLAY
 };
 
 }  // namespace rtsp3

@@ -26,6 +26,7 @@
 /// Bounds:
 ///     pictures held     two seconds, and 4 MiB and one picture
 ///     sound held        three seconds; before the first picture two seconds, at most 512 frames
+///     silence           of ten minutes at once, until it is written (9.6 MB of G.711)
 ///
 /// One thread at a time. Nothing here throws.
 #pragma once

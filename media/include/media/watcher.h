@@ -48,6 +48,7 @@ enum class outcome_t : uint8_t {
     refused,           ///< user and password, or none, are not let in: 401, 403
     not_found,         ///< no such stream: 404
     protocol_error,    ///< the source answers with another status, with nonsense, or not at all
+    no_transport,      ///< it does not send the way it was asked to: 461
     nothing_received,  ///< everything was agreed upon but no media came
     connection_lost,   ///< media came, then the connection or the stream ended or went silent
 };
@@ -109,7 +110,8 @@ public:
         uint32_t reconnect = forever;  ///< attempts in a row that may follow one that failed
         bool insist = false;           ///< also after outcome_t::failed, and after refused and not_found, with the
                                        ///< longest pause
-        uint64_t duration = 0;         ///< ends after so many microseconds of media; 0 is without end
+        uint64_t duration = 0;         ///< ends after so many microseconds of media, counted from the first
+                                       ///< picture on; 0 is without end
         uint32_t kinds = all_kinds;    ///< that are fetched
         bool sets_in_slices = false;   ///< H.264 parameter sets stand before every slice, not before key pictures alone
         net::nt_ctx* nt = nullptr;     ///< runs longer than the watcher; null for a thread of its own

@@ -82,7 +82,8 @@ private:
         std::string digits = std::to_string(number);
         digits.insert(0, place_.digits - std::min(place_.digits, digits.size()), '0');
         core::string result(out().path());
-        return core::string(result.replace(place_.begin, place_.length, (place_.separator + digits).c_str()).c_str());
+        result.replace(place_.begin, place_.length, (place_.separator + digits).c_str());
+        return result;
     }
 
     number_place place_;

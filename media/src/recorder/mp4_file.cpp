@@ -57,7 +57,7 @@ private:
     bool open_with(const av::frame_t* key);
     bool put(buf_t& bytes) { return out().put(bytes.data, bytes.length) && out().flush(); }
     bool is_full(const av::frame_t& next, int64_t at) const noexcept;
-    bool write_pictures(int64_t end);
+    bool write_pictures(int64_t end, bool last = false);
     bool write_sound();
     bool write_all(bool last);
     bool write(const av::mp4_run_t* runs, size_t count);
@@ -190,9 +190,10 @@ void mp4_file::order(int64_t end) {
     }
 }
 
-/// The held pictures and the sound beside them.
-bool mp4_file::write_pictures(int64_t end) {
+/// The held pictures and the sound beside them. @param last  nothing follows: the sound ends with the picture
+bool mp4_file::write_pictures(int64_t end, bool last) {
     order(end);
+    if (sound_.is_open() && last) sound_.end_at(end_);
     av::mp4_run_t runs[2];
     runs[0] = {.track = 1, .annex_b = true, .start = static_cast<uint64_t>(ordered_.front()), .samples = samples_};
     if (sound_.is_open()) {
@@ -209,9 +210,9 @@ bool mp4_file::write_sound() {
     return run.samples.empty() || write(&run, 1);
 }
 
-/// @param last  nothing follows: the sound ends with the picture
+/// @param last  as above
 bool mp4_file::write_all(bool last) {
-    if (!held_.empty() && !write_pictures(unknown)) return false;
+    if (!held_.empty() && !write_pictures(unknown, last)) return false;
     if (!sound_.is_open()) return true;
     if (last && has_pictures_) sound_.end_at(end_);
     return write_sound();

@@ -104,7 +104,7 @@ void mp4_sound::take(const placed_t& placed) {
         if (place.skip <= unit_ / 2) add(block.data, block.size, unit_);
     } else if (duration > place.skip) {
         const uint32_t codes = (duration - place.skip) * track_.channels;
-        add_decoded(block.data + place.skip * track_.channels, codes);
+        add_decoded(block.data + size_t{place.skip} * track_.channels, codes);
     }
 }
 
@@ -118,7 +118,7 @@ void mp4_sound::add(const uint8_t* data, uint32_t size, uint32_t duration) {
 void mp4_sound::add_decoded(const uint8_t* data, uint32_t size) {
     const auto& table = law_ == av::fcc_pcmu ? mulaw_samples : alaw_samples;
     if (held_.empty()) start_ = line_.end();
-    bytes_.reserve(bytes_.size() + size * sample_size);
+    bytes_.reserve(bytes_.size() + size_t{size} * sample_size);
     for (const uint8_t code : std::span(data, size)) {
         const auto sample = static_cast<uint16_t>(table[code]);
         bytes_.push_back(static_cast<uint8_t>(sample));

@@ -30,8 +30,10 @@ core::string words_for(int error) {
             return "the disk is full";
         case EPIPE:
             return "nobody reads it any more";
-        default:
-            return core::string(std::generic_category().message(error).c_str());
+        default: {
+            const std::string text = std::generic_category().message(error);
+            return {text.begin(), text.end()};
+        }
     }
 }
 

@@ -12,13 +12,14 @@ receipt::receipt(uint32_t fcc, uint64_t limit) noexcept
 }
 
 bool receipt::take(const av::frame_t& frame, int64_t media_time) noexcept {
-    last_ = media_time;
-    if (!started_) first_ = last_;
-    started_ = true;
+    if (started_) last_ = std::max(last_, media_time);
     if (is_done()) return false;
     if (frame.complete && frame.key) wait_for_key_ = false;
     if (!frame.complete && frame.fcc == av::fcc_h264) wait_for_key_ = true;
-    if (!frame.complete || wait_for_key_) {
+    const bool whole = frame.complete && !wait_for_key_;
+    if (whole && !started_) first_ = last_ = media_time;
+    started_ = started_ || whole;
+    if (!whole) {
         ++counts_.left_out;
         return false;
     }

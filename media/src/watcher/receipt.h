@@ -18,7 +18,12 @@ public:
 
     /// Picture or sound, which come all the time.
     bool is_media() const noexcept { return media_; }
-    /// Microseconds from the first frame to the last.
+    /// Counts from there on: its length, and what is wanted.
+    void count_from(int64_t media_time) noexcept { first_ = media_time; }
+    /// A whole frame came.
+    bool has_begun() const noexcept { return started_; }
+
+    /// Microseconds from the first whole frame to the last.
     int64_t length() const noexcept { return last_ - first_; }
     /// All that is wanted of it has come.
     bool is_done() const noexcept { return limit_ && length() >= static_cast<int64_t>(limit_); }

@@ -39,7 +39,14 @@ const char* describe(int error) noexcept {
     }
 }
 
-ending_t refusal(const char* request, unsigned status) noexcept {
+constexpr unsigned unsupported_transport = 461;
+
+const char* name_of(transport_t way) noexcept {
+    constexpr const char* names[] = {"tcp", "udp", "multicast", "http"};
+    return names[static_cast<size_t>(way)];
+}
+
+ending_t refusal(const char* request, unsigned status, transport_t way) noexcept {
     constexpr const char* answered = "%s was answered with %u%s";
     switch (status) {
         case 401:
@@ -49,6 +56,9 @@ ending_t refusal(const char* request, unsigned status) noexcept {
             return {outcome_t::not_found, answered, request, status, ": no such stream"};
         case 454:
             return {outcome_t::connection_lost, answered, request, status, ": the server has ended the session"};
+        case unsupported_transport:
+            return {outcome_t::no_transport, "%s was answered with 461: the server does not send over %s", request,
+                    name_of(way)};
         default:
             return {outcome_t::protocol_error, answered, request, status, ""};
     }
@@ -264,7 +274,7 @@ void rtsp_attempt::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noe
 void rtsp_attempt::play() noexcept {
     if (stage_ != stage_t::asking) return;
     stage_ = stage_t::playing;
-    last_packet_ = kept_alive_ = core_timer();
+    played_ = last_packet_ = kept_alive_ = core_timer();
     owner_.tell({.what = watch_event_t::playing});
 }
 
@@ -273,13 +283,12 @@ void rtsp_attempt::take_error() noexcept {
     const unsigned status = rtsp_->status();
     if (stage_ == stage_t::leaving) return end(result_);
     if (stage_ == stage_t::playing && status != 454) return;  // a keep-alive; the stream goes on
-    constexpr unsigned unsupported_transport = 461;
     const bool is_setup = std::string_view(method) == "SETUP";
     if (is_setup && status == unsupported_transport && wanted_.transport == transport_t::udp) {
         return fall_back("the server does not send over UDP");
     }
-    const ending_t failure =
-        status ? refusal(method, status) : ending_t{outcome_t::protocol_error, "%s: %s", method, rtsp_->failure()};
+    const ending_t failure = status ? refusal(method, status, wanted_.transport)
+                                    : ending_t{outcome_t::protocol_error, "%s: %s", method, rtsp_->failure()};
     if (!is_setup) return end(failure);
     // The other tracks may do; when none does, the first one tells why.
     if (!*refused_track_.text) refused_track_ = failure;

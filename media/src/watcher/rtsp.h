@@ -72,6 +72,7 @@ private:
     void send() noexcept;
 
     void select_tracks() noexcept;
+    void note_unknown(const rtsp3::trak_t& source) noexcept;
     void set_up() noexcept;
     void make_ready() noexcept;
     void note_tracks() noexcept;
@@ -85,6 +86,8 @@ private:
     void keep_alive(uint64_t now) noexcept;
     void fall_back(const char* why) noexcept;
     bool is_complete() const noexcept;
+    void count_from_picture(track_t& taken, bool begins, int64_t media_time) noexcept;
+    bool waits_for_picture() const noexcept;
     bool make_port(track_t& track, const rtsp3::trak_t& source) noexcept;
     track_t& track_of(const rtsp3::trak_t* source) noexcept;
     track_t& track_of(const rtp::Port* port) noexcept;
@@ -102,6 +105,7 @@ private:
     bool wants_tcp_ = false;
     uint64_t deadline_ = 0;   ///< of the stage, by core_timer()
     uint64_t play_time_ = 0;  ///< wall clock of PLAY
+    uint64_t played_ = 0;     ///< the same by core_timer()
     uint64_t last_packet_ = 0;
     uint64_t packets_ = 0;
     uint64_t kept_alive_ = 0;

@@ -2,6 +2,7 @@
 #include "watcher/rtsp.h"
 
 #include "avc/fcc.h"
+#include "core/text.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 
@@ -19,7 +20,7 @@ constexpr int64_t longest_overrun = 1'000'000;
 /// As frames of it come: "META" is what ONVIF describes, any other text stays what it is.
 uint32_t format_of(const rtsp3::trak_t& source) noexcept {
     if (source.fcc != av::fcc_meta) return source.fcc;
-    return std::string_view(source.encoding) == "vnd.onvif.metadata" ? av::fcc_meta : av::fcc_univ;
+    return core_strcasecmp(source.encoding.get(), "vnd.onvif.metadata") == 0 ? av::fcc_meta : av::fcc_univ;
 }
 
 format_t describe(const rtsp3::trak_t& source) noexcept {
@@ -50,6 +51,7 @@ void rtsp_attempt::select_tracks() noexcept {
     constexpr uint32_t undelivered = av::fcc("MP4A");  // LATM
     uint32_t taken = 0;
     for (uint32_t i = 0; const rtsp3::trak_t* source = rtsp_->trak(i); ++i) {
+        note_unknown(*source);
         if (!source->wanted) continue;
         const uint32_t kind = only(kind_of(source->fcc));
         const bool surplus = wanted_.one_of_a_kind && ((taken & kind) != 0 || source->fcc == undelivered);
@@ -59,6 +61,16 @@ void rtsp_attempt::select_tracks() noexcept {
             taken |= kind;
         }
     }
+}
+
+/// Picture or sound in a format that cannot be received.
+void rtsp_attempt::note_unknown(const rtsp3::trak_t& source) noexcept {
+    const std::string_view media = source.media;
+    const bool picture = media == "video" && (wanted_.kinds & only(kind_t::video)) != 0;
+    const bool sound = media == "audio" && (wanted_.kinds & only(kind_t::audio)) != 0;
+    if (source.fcc || !source.encoding || !(picture || sound) || *refused_track_.text) return;
+    refused_track_ = {outcome_t::protocol_error, "the %s is %s, which cannot be received",
+                      picture ? "picture" : "sound", source.encoding.get()};
 }
 
 rtsp_attempt::track_t& rtsp_attempt::track_of(const rtsp3::trak_t* source) noexcept {
@@ -142,8 +154,30 @@ void rtsp_attempt::take_frame() noexcept {
     got.frame.fcc = format_of(source);
     // Exact, where the time of the session's frame advances by whole milliseconds.
     got.frame.time = play_time_ + static_cast<uint64_t>(source.media_time);
-    if (track.received.take(got.frame, got.media_time) && !owner_.take(got)) return leave({});
+    const bool begins = !track.received.has_begun();
+    const bool taken = track.received.take(got.frame, got.media_time);
+    if (taken && wanted_.duration) count_from_picture(track, begins, got.media_time);
+    if (taken && !owner_.take(got)) return leave({});
     if (is_complete()) leave({});
+}
+
+/// What is wanted of the other tracks counts from the first picture on.
+void rtsp_attempt::count_from_picture(track_t& taken, bool begins, int64_t media_time) noexcept {
+    if (kind_of(taken.source->fcc) != kind_t::video) {
+        if (waits_for_picture()) taken.received.count_from(media_time);
+    } else if (begins) {
+        for (track_t& each : tracks_) {
+            if (&each != &taken && each.received.has_begun()) each.received.count_from(media_time);
+        }
+    }
+}
+
+/// Pictures are to come, and the first one has not.
+bool rtsp_attempt::waits_for_picture() const noexcept {
+    const auto waits = [](const track_t& each) {
+        return each.source && kind_of(each.source->fcc) == kind_t::video && !each.received.has_begun();
+    };
+    return std::ranges::any_of(tracks_, waits) && core_timer() - played_ < wanted_.timeout;
 }
 
 /// Sound and picture have come to the end that was wanted.
