@@ -108,7 +108,7 @@ TEST(RtpPack, SendsMetadataAsItIsAndAnalyticsConvertedAndNothingWithoutAnActiveT
     for (const std::string document : {" <tt:MetadataStream/>", "", "{[]}"}) {
         rtp_owner owner(av::fcc_meta);
         const bytes record(document.begin(), document.end());
-        const auto meta = record_of<av::meta_t>(av::fcc_meta, record);
+        const auto meta = test::borrowed<av::meta_t>(av::fcc_meta, record);
         owner.object.pack_meta(&meta);
         EXPECT_EQ(join(payloads(owner)), record);
     }
