@@ -1,6 +1,7 @@
 // Frames of any bytes in every format, packed for one stream and cut once for all: no packet breaks the limits, every
 // header is whole, and both ways give the same packets.
 #include "fuzz.h"
+#include "support/frames.h"
 
 #include "avc/fcc.h"
 #include "inet/net_socket.h"
@@ -59,11 +60,8 @@ struct stream_t : rtp::IRtp {
 void fuzz_target(std::span<const uint8_t> input) {
     constexpr uint32_t formats[] = {av::fcc_h264, av::fcc_jpeg, av::fcc_pcmu, av::fcc_univ, av::fcc_meta};
     if (input.empty()) return;
-    av::frame_t frame{};
-    frame.fcc = formats[input[0] % std::size(formats)];
-    frame.time = 1448466450042000;
-    frame.data = input.data() + 1;
-    frame.size = static_cast<uint32_t>(input.size() - 1);
+    const av::frame_t frame =
+        test::borrowed(formats[input[0] % std::size(formats)], input.subspan(1), 1448466450042000);
     rtp::Packets packets(CORE_HERE);
     packets.cut(&frame);
     const uint32_t before = packets.count();

@@ -1,9 +1,9 @@
 // Scenarios in which each allocation fails in turn, for what no fuzz target reaches. A scenario checks what is promised
 // for lack of memory and releases everything it got.
 #include "support/fault.h"
-#include "support/files.h"
+#include "support/frames.h"
 #include "support/held.h"
-#include "support/log_lines.h"
+#include "support/log_keeper.h"
 #include "support/network_thread.h"
 #include "support/scratch.h"
 #include "support/sockets.h"
@@ -94,7 +94,7 @@ void meet_on_threads() {
     const auto body = [](void*, thread_ctx*) {};
     thread_ctx* thread = core_thread_start(nullptr, body, nullptr, CORE_HERE);
     core_thread_stop(thread);
-    const test::log_lines lines("starved");
+    const test::log_keeper lines("starved");
     const test::held<log_ctx, core_log_free> log(core_log_create(CORE_HERE, "starved"));
     core_log_print(log.get(), "%d", 1);
     const auto answer = [](void*, profile_ctx* profile, profile_event_t, const param_t*) {
@@ -110,12 +110,10 @@ void meet_on_threads() {
 
 /// A frame made, shared and copied, each whole or not at all.
 void make_frames() {
-    constexpr uint8_t lent[] = "lent";
+    constexpr uint8_t lent[] = {'l', 'e', 'n', 't'};
     av::frame_t* made = avc_frame_create(av::fcc_pcmu, 1, lent, 4, CORE_HERE);
     av::frame_t* shared = avc_frame_dup(made, CORE_HERE);
-    av::frame_t borrowed{};
-    borrowed.data = lent;
-    borrowed.size = 4;
+    const av::frame_t borrowed = test::borrowed(av::fcc_pcmu, lent);
     av::frame_t* copied = avc_frame_dup(&borrowed, CORE_HERE);
     for (av::frame_t** frame : {&made, &shared, &copied})
         avc_frame_need(*frame);
@@ -185,7 +183,7 @@ void serve_a_player() {
 /// A picture is sent whole or not at all, on its own or cut once for all players.
 void send_a_picture(bool shared) {
     const std::string picture = test::access_unit(30000);
-    av::frame_t frame = test::frame_of(picture);
+    const av::frame_t frame = test::borrowed(av::fcc_h264, test::bytes_of(picture), test::fixed_clock());
     for (const uint32_t taken : {0U, 100U, UINT32_MAX}) {
         test::rtsp_owner owner;
         if (!owner.session) return;

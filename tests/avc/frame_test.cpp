@@ -1,5 +1,7 @@
 #include "avc/frame.h"
 
+#include "support/frames.h"
+
 #include "avc/fcc.h"
 
 #include <array>
@@ -41,10 +43,7 @@ TEST(Frame, KnowsItsSizeAndWhetherDecodingCanStartThere) {
 
 TEST(Frame, SharesItsPayloadAndCopiesABorrowedOne) {
     std::string owner = "lent";
-    av::frame_t borrowed{};
-    borrowed.time = 7;
-    borrowed.data = reinterpret_cast<const uint8_t*>(owner.data());
-    borrowed.size = 4;
+    const av::frame_t borrowed = test::borrowed(av::fcc_univ, test::bytes_of(owner), 7);
     av::frame_t* copy = avc_frame_dup(&borrowed, CORE_HERE);
     owner = "gone";
     EXPECT_EQ(text(copy) + std::to_string(copy->time), "lent7");

@@ -1,6 +1,8 @@
 // What goes into a file and what does not. posix_mp4_test.cpp has files read by ffmpeg.
 #include "avc/mp4.h"
 
+#include "support/frames.h"
+
 #include "avc/fcc.h"
 
 #include <gtest/gtest.h>
@@ -18,11 +20,7 @@ const std::string unit =
 
 /// A frame that borrows its bytes, so long behind the base.
 av::frame_t frame_at(int64_t behind, const std::string& data = unit, uint32_t fcc = av::fcc_h264) {
-    av::frame_t frame{};
-    frame.fcc = fcc;
-    frame.time = base + static_cast<uint64_t>(behind);
-    frame.data = reinterpret_cast<const uint8_t*>(data.data());
-    frame.size = static_cast<uint32_t>(data.size());
+    av::frame_t frame = test::borrowed(fcc, test::bytes_of(data), base + static_cast<uint64_t>(behind));
     frame.key = 1;
     return frame;
 }

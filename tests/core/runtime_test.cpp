@@ -2,8 +2,9 @@
 #include "log/sinks.h"
 #include "support/files.h"
 #include "support/held.h"
+#include "support/log_keeper.h"
 #include "support/scratch.h"
-#include "support/side_thread.h"
+#include "support/threads.h"
 
 #include "core/log.h"
 #include "core/memory.h"
@@ -89,24 +90,7 @@ TEST(Time, IsFormattedAndCutToTheBuffer) {
     EXPECT_EQ(time_to_FileTime(1), 116'444'736'000'000'010U);
 }
 
-/// A sink that keeps what it gets as "log:text ", and may do something for each line.
-struct keeper {
-    explicit keeper(const char* logs) : sink(core_log_sink_add(logs, write, this)) {}
-    keeper(const keeper&) = delete;
-    keeper& operator=(const keeper&) = delete;
-    ~keeper() { core_log_sink_rem(sink); }
-
-    static void write(void* arg, const log_line_t* line) {
-        auto& self = *static_cast<keeper*>(arg);
-        self.lines += std::string(line->log) + ':' + line->text + ' ';
-        if (self.then) self.then();
-    }
-
-    std::string lines;
-    std::function<void()> then;
-    uint32_t sink;  // last: lines may come as soon as it is set
-};
-
+using keeper = test::log_keeper;
 using log_handle = test::held<log_ctx, core_log_free>;
 
 log_handle open_log(const char* name) { return log_handle(core_log_create(CORE_HERE, name)); }
@@ -169,7 +153,7 @@ TEST(Log, RemovedSinkIsNeitherRunningNorCalledAgain) {
             test::event().wait(20);  // time for the removal to come too early
             finished = true;
         };
-        const test::side_thread printer([&log] { core_log_print(log.get(), "one"); });
+        const std::jthread printer([&log] { core_log_print(log.get(), "one"); });
         ASSERT_TRUE(entered.wait());
         core_log_sink_rem(sink.sink);
         EXPECT_TRUE(finished) << leaves;
@@ -361,7 +345,7 @@ TEST(Profile, RingOfCallbacksThatWaitForEachOtherIsBroken) {
         meet(a, b, a_closes, b_closes);
         meet(b, a, b_closes, a_closes);
         {
-            const test::side_thread one([&a] { core_profile_put(a.bus.get(), nullptr); });
+            const std::jthread one([&a] { core_profile_put(a.bus.get(), nullptr); });
             core_profile_put(b.bus.get(), nullptr);
         }
         EXPECT_EQ(reached, a_closes ? 0U : 1U) << "one gave up, so the other came through";

@@ -41,4 +41,33 @@ TEST(Tcp, HandsOverEveryConnectionWithItsAddressUntilItIsClosedInTheCallback) {
     EXPECT_EQ(net_socket_get_error(late), socket_error_refused);
 }
 
+TEST(Tcp, CountsTheSecondsOfEachStallByThemselves) {
+    const auto [here, far] = test::socket_pair::open();
+    const test::tcp_socket there(far);
+    for (const int fd : {here, far})
+        socket_options(fd);
+    const test::network_thread nt;
+    nt.run([&, fd = here] {
+        Tcp* const tcp = Tcp::create(CORE_HERE);
+        ASSERT_EQ(tcp->take(nt, fd, {}), 0);
+        const std::string much(1 << 20, 'x');
+        buf_t own;
+        std::string seconds;
+        for (int stall = 0; stall < 2; ++stall) {
+            do {
+                core_buf_read(&own, much.data(), 1 << 20);
+                tcp->flush(own);
+            } while (own.length == 0);
+            for (int i = 0; i < 3; ++i)
+                seconds += std::to_string(tcp->second());
+            for (; own.length; tcp->flush(own))
+                test::drain(there);
+            seconds += std::to_string(tcp->second());
+        }
+        EXPECT_EQ(seconds, "01200120");
+        core_buf_free(&own);
+        Tcp::destroy(tcp);
+    });
+}
+
 }  // namespace

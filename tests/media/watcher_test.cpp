@@ -1,5 +1,6 @@
 #include "media/watcher.h"
 
+#include "support/frames.h"
 #include "support/sockets.h"
 
 #include "avc/fcc.h"
@@ -60,11 +61,7 @@ protected:
         const std::pair<uint32_t, std::span<const uint8_t>> all[] = {
             {av::fcc_h264, key_picture}, {av::fcc_pcmu, sound}, {av::fcc_univ, report}};
         for (const auto& [fcc, bytes] : all) {
-            av::frame_t frame{};
-            frame.fcc = fcc;
-            frame.time = time_now();
-            frame.data = bytes.data();
-            frame.size = static_cast<uint32_t>(bytes.size());
+            av::frame_t frame = test::borrowed(fcc, bytes, time_now());
             frame.key = 1;
             live_->push(frame);
         }

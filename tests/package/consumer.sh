@@ -27,6 +27,7 @@ number=0
 for name in camera watcher; do
     awk -v number=$((++number)) '/^```cpp/ {inside = ++block == number; next} /^```/ {inside = 0} inside' \
         "$source_dir/README.md" >"$work/consumer/$name.cpp"
+    cmp "$work/consumer/$name.cpp" "$source_dir/examples/$name.cpp"
 done
 clip=$source_dir/apps/camera/clip/clip.h264
 # A player begins with one of the key pictures.

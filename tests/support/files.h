@@ -6,6 +6,7 @@
 #include <iterator>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace test {
 
@@ -19,7 +20,7 @@ inline std::string read_file(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-inline std::span<const uint8_t> bytes_of(const std::string& text) {
+inline std::span<const uint8_t> bytes_of(std::string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 

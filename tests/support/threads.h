@@ -1,4 +1,4 @@
-// Threads and events of the runtime for tests that need a second thread.
+// Four threads at once, and events of the runtime.
 #pragma once
 
 #include "support/held.h"
@@ -8,26 +8,13 @@
 
 #include <cstdint>
 #include <functional>
-#include <utility>
+#include <thread>
 
 namespace test {
 
-/// Runs a function on a thread; its end waits for it.
-class side_thread {
-public:
-    explicit side_thread(std::function<void()> function)
-        : function_(std::move(function)), thread_(core_thread_start(this, run, nullptr, CORE_HERE)) {}
-
-private:
-    static void run(void* self, thread_ctx*) { static_cast<side_thread*>(self)->function_(); }
-
-    std::function<void()> function_;
-    held<thread_ctx, core_thread_stop> thread_;
-};
-
 /// Runs a function on four threads at once and waits for all of them.
 inline void on_four_threads(const std::function<void()>& function) {
-    const side_thread a(function), b(function), c(function), d(function);
+    const std::jthread a(function), b(function), c(function), d(function);
 }
 
 class event {
