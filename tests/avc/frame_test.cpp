@@ -71,15 +71,4 @@ TEST(Frame, IsSharedByThreadsThatReleaseItInAnyOrder) {
     avc_frame_need(origin);
 }
 
-TEST(Fcc, FamiliesAndSpellings) {
-    std::string said;  // of each the code; v for video, a for audio, c when compressed
-    for (const uint32_t fcc : {av::fcc("X264"), av::fcc("mjpg"), av::fcc("I420"), av::fcc("ulaw"), av::fcc("alaw"),
-                               av::fcc("aac "), av::fcc("PCM "), av::fcc("META"), 0xff00410aU}) {
-        char code[5];
-        said += fcc_str(fcc_unic(fcc), code) + (fcc_is_video(fcc) ? " v"s : " ") + (fcc_is_audio(fcc) ? "a" : "") +
-                (fcc_is_compress(fcc) ? "c;" : ";");
-    }
-    EXPECT_EQ(said, "H264 vc;JPEG vc;I420 v;PCMU ac;PCMA ac;mp4a ac;PCM  a;META ;.A.. ;");
-}
-
 }  // namespace

@@ -28,7 +28,7 @@ TEST(Base64, StopsAtPaddingAndAtForeignCharacters) {
     }
 }
 
-TEST(Random, HasEveryLetterAndEveryByteAboutAsOften) {
+TEST(Random, HasEveryLetterAboutAsOften) {
     constexpr uint32_t length = 620000;
     const core::owned_text text(common_srand(length, CORE_HERE));
     EXPECT_STRNE(core::owned_text(common_srand(length, CORE_HERE)).get(), text.get());
@@ -40,8 +40,4 @@ TEST(Random, HasEveryLetterAndEveryByteAboutAsOften) {
         letters += n;
     }
     EXPECT_EQ(letters, length);
-    std::vector<uint8_t> bytes(100000);  // more than a system gives at once
-    common_random(bytes.data(), bytes.size());
-    for (int byte = 0; byte < 256; ++byte)
-        EXPECT_NEAR(static_cast<double>(std::ranges::count(bytes, byte)), 390, 180);
 }

@@ -1,4 +1,4 @@
-// Text, UTF-8, templates, versions, digests, JSON.
+// Text, UTF-8, templates, digests, JSON.
 #include "core/text.h"
 
 #include "support/held.h"
@@ -7,7 +7,6 @@
 #include "core/json_print.h"
 #include "core/owned.h"
 #include "core/template.h"
-#include "core/version.h"
 
 #include <algorithm>
 #include <cfloat>
@@ -84,11 +83,6 @@ TEST(Template, FillsItsPlaces) {
                                                          {"${user ${n} ${user", " ${user"}};
     for (const auto& [text, expected] : cases)
         EXPECT_EQ(take(core_template_parse(text, params, CORE_HERE)), expected) << text;
-}
-
-TEST(Version, IsFormedFromTheBuildDateAndTime) {
-    char out[32];
-    EXPECT_STREQ(core_get_version("Jan  5 2026", "15:47:30", out), "2026.01.05.154730");
 }
 
 TEST(Gost, GivesTheVectorOfAnotherImplementation) {

@@ -71,41 +71,6 @@ TEST(Refusals, AreToldAndClosingLeavesStandardStreamsOpen) {
     EXPECT_NE(std::fputc('\n', stderr), EOF);
 }
 
-TEST(Transfer, ConsumesFromTheFrontAndAppendsAtTheEndUntilThePeerIsGone) {
-    test::socket_pair pair;
-    buffer out("hello, far end"), in("> ");
-    core_buf_resize(&in, 20, CORE_HERE);
-    expect_no_wait(net_tcp_recv(pair.there, in));
-    EXPECT_EQ(net_tcp_send(pair.here, out), 14);
-    EXPECT_EQ(out.length, 0u);
-    ASSERT_TRUE(test::await(pair.there, watch::read));
-    EXPECT_EQ(net_tcp_recv(pair.there, in), 14);
-    EXPECT_EQ(in.text(), "> hello, far end");
-
-    pair.there.close();
-    ASSERT_TRUE(test::await(pair.here, watch::read));
-    EXPECT_EQ(net_tcp_recv(pair.here, in), 0);
-    do
-        core_buf_read(&out, "y", 1);
-    while (net_tcp_send(pair.here, out) == 1);
-    EXPECT_EQ(out.text(), "y") << "and no signal";
-}
-
-// Some systems take a block of any size as long as they have room for a byte.
-TEST(Transfer, AStalledPeerLeavesTheRestInTheBuffer) {
-    const test::socket_pair pair;
-    constexpr uint32_t size = 1 << 20;
-    int sent = 0;
-    do {
-        buffer out(std::string(size, 'x'));
-        sent = net_tcp_send(pair.here, out);
-        ASSERT_NE(sent, 0);
-        EXPECT_EQ(out.length, size - static_cast<unsigned>(std::max(sent, 0)));
-    } while (sent > 0);
-    expect_no_wait(sent);
-    EXPECT_EQ(test::found(pair.here, watch::write, 20'000), 0);
-}
-
 TEST(Datagrams, EachSendIsOneEachReceiveTakesOneAndOneThatFindsNobodyDisturbsNone) {
     receiver_t sender, receiver;
     sockaddr_in nobody = receiver_t().address;
@@ -170,17 +135,6 @@ TEST(Batch, EveryDatagramArrivesAsItWasGivenAndInOrder) {
         EXPECT_EQ(net_udp_recv_batch(receivers[place], in.data(), 100), 1);
         EXPECT_EQ(rooms[0][0], 1 + place);
     }
-}
-
-TEST(Addresses, ConvertBothWays) {
-    sockaddr_in address = {};
-    ASSERT_EQ(net_addr_setup(address, "10.200.3.4", 554), 0);
-    EXPECT_EQ(address.sin_port, htons(554));
-    EXPECT_EQ(address.sin_addr.s_addr, htonl(0x0ac80304));
-    char cut[5];
-    net_addr_ip(address, cut, sizeof cut);
-    EXPECT_STREQ(cut, "10.2");
-    EXPECT_EQ(net_hostid("10.0.0.255", 5), 25505u);
 }
 
 }  // namespace
