@@ -51,10 +51,10 @@ public:
     std::string story() const {
         std::string all = (tunnelled_ ? "" : asked) + events;
         for (const test::received_t& f : frames) {
-            require(!f.data.empty() && f.data.size() <= frame_limit);
+            require(!f.bytes.empty() && f.bytes.size() <= frame_limit);
             for (const uint64_t value : {uint64_t{f.fcc}, f.time, static_cast<uint64_t>(f.media_time), f.ntp_time})
                 all += std::to_string(value) + " ";
-            all += f.data + (f.key ? "K" : "") + (f.complete ? " " : "- ");
+            all += f.bytes + (f.key ? "K" : "") + (f.complete ? " " : "- ");
         }
         return all;
     }

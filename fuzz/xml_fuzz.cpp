@@ -1,48 +1,38 @@
-// XML from any bytes: every part of what was read can be asked for and is well-formed UTF-8, and the tree, written as
-// XML, reads as the same again.
+// XML from any bytes: every part of what was read can be asked for and is well-formed UTF-8. That it is what another
+// reader reads is for posix_xml_test.cpp.
 #include "fuzz.h"
 
 #include "common/xml.h"
 
 namespace {
 
-/// A text in which every character that could mean something is a reference.
-std::string escaped(std::string_view text) {
-    fuzz::require_utf8(text);
-    std::string out;
-    for (const char c : text)
-        out += (c & 0x80) || (c >= '0' && c <= '9') || (c >= '@' && c <= 'Z') ? std::string(1, c)
-                                                                              : "&#" + std::to_string(c) + ';';
-    return out;
-}
-
-std::string content_of(node* n) {
+void check_content(node* n) {
     int length = -1;
     const char* text = roxml_get_content(n, nullptr, 0, &length);
     require(length >= 0 && (length > 0) == (text != nullptr));
     const std::string_view whole(text ? text : "", static_cast<size_t>(length));
+    fuzz::require_utf8(whole);
     char cut[6];
     for (int size = 1; size <= 6 && text; ++size) {
         fuzz::require_utf8(roxml_get_content(n, cut, size, &length));
         require(whole.starts_with(cut) && std::strlen(cut) == static_cast<size_t>(length));
         require(length + 4 >= std::min(size, static_cast<int>(whole.size()) + 4));
     }
-    return escaped(whole);
 }
 
-std::string print(node* n) {
+void check(node* n) {
     const std::string name = roxml_get_name(n, nullptr, 0);
     require(!name.empty());
     fuzz::require_utf8(name);
-    std::string out = '<' + name + " xmlns='" + content_of(roxml_get_ns(n)) + "'>" + content_of(n);
+    check_content(roxml_get_ns(n));
+    check_content(n);
     node* next = roxml_get_chld(n, nullptr, 0);
     for (int i = 0; i < roxml_get_chld_nb(n); ++i, next = roxml_get_next_sibling(next)) {
         require(next && next == roxml_get_chld(n, nullptr, i));
         require(roxml_get_chld(n, roxml_get_name(next, nullptr, 0), 0) != nullptr);
-        out += print(next);
+        check(next);
     }
     require(!next);
-    return out + "</" + name + '>';
 }
 
 }  // namespace
@@ -56,12 +46,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     if (!document) return;
     require(core_mem_bytes() <= 24 * input.size() + (2 << 20));
     node* root = roxml_get_chld(document, nullptr, 0);
-    const std::string printed = print(root);
+    check(root);
     (void)roxml_get_attr(root, "a");
     roxml_close(root);
-    document = roxml_load_buf(printed.c_str());
-    // Only a name of the reserved namespace cannot be written without its prefix.
-    require(document || printed.find("XML") != std::string::npos || fuzz::starved);
-    if (document) require(print(roxml_get_chld(document, nullptr, 0)).size() == printed.size());
-    roxml_close(document);
 }

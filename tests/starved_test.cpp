@@ -24,7 +24,6 @@
 #include "core/time.h"
 #include "core/value.h"
 #include "inet/net_tcp.h"
-#include "inet/rtsp_dialog.h"
 #include "inet/rtsp_viewer.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
 // What the RTSP session asks a server, and what it makes of answers and packets, true or not.
-#include "rtsp_dialog.h"
 #include "rtsp_viewer.h"
 #include "support/fault.h"
 #include "support/log_keeper.h"

@@ -22,6 +22,9 @@ namespace test {
 
 inline uint64_t fixed_clock() { return 1700000000000000; }
 
+/// A seed of a fuzz target, without the byte that says how it is to be fed.
+inline std::string dialog(const std::string& seed) { return read_file(INET_TEST_SEEDS + seed).substr(1); }
+
 /// What differs from session to session is made the same: its number, those of its packets, and the nonce.
 inline std::string normal(std::string sent) {
     for (const std::string_view name : {"Session: ", "seq=", "nonce=\""}) {

@@ -1,5 +1,4 @@
 // What the RTSP session answers, and what it does to bytes that are not as they should be.
-#include "rtsp_dialog.h"
 #include "rtsp_owner.h"
 
 #include "inet/net_http_auth.h"

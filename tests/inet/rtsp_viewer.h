@@ -5,16 +5,10 @@
 
 namespace test {
 
-struct received_t {
-    uint32_t fcc;
-    std::string data;
-    bool key;
-    bool complete;
-    uint64_t time;
+struct received_t : av::frame_t {
+    std::string bytes;
     int64_t media_time;
     uint64_t ntp_time;
-    uint32_t rate;
-    uint32_t channels;
 };
 
 inline void put(std::string& out, uint64_t value, int bytes) {
@@ -61,7 +55,7 @@ public:
         std::string all;
         for (const received_t& f : frames) {
             const std::string sound = "@" + std::to_string(f.rate) + "/" + std::to_string(f.channels);
-            all += f.data + (f.rate ? sound : "") + (f.key ? "K" : "") + (f.complete ? " " : "- ");
+            all += f.bytes + (f.rate ? sound : "") + (f.key ? "K" : "") + (f.complete ? " " : "- ");
         }
         return std::regex_replace(all, std::regex(R"(\0?\0\0\x01)"), "|");
     }
@@ -81,9 +75,8 @@ public:
         }
         if (event == event_t::rtsp_frame && rtsp->frame()) {
             const av::frame_t& f = *rtsp->frame();
-            frames.push_back({f.fcc, std::string(reinterpret_cast<const char*>(f.data), f.size), f.key != 0,
-                              f.complete != 0, f.time, rtsp->trak()->media_time, rtsp->trak()->ntp_time, f.rate,
-                              f.channels});
+            frames.push_back({f, std::string(reinterpret_cast<const char*>(f.data), f.size), rtsp->trak()->media_time,
+                              rtsp->trak()->ntp_time});
         }
     }
 };

@@ -9,11 +9,9 @@
 #include "media/rtsp_service.h"
 
 #include <atomic>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace {
 
@@ -98,24 +96,18 @@ struct follower final : media::reader {
         if (entry.number != next++) ++missed;
         if (next == wanted) all.set();
     }
+    /// On the thread: begins, and ends the next time.
+    static void change(media::thread& on, void* arg) {
+        auto& self = *static_cast<follower*>(arg);
+        if (self.next == 0) on.follow(*self.of, self);
+        if (self.next != 0) on.unfollow(*self.of, self);
+        self.changed.set();
+    }
+    media::stream* of = nullptr;
     uint64_t next = 0, wanted = 2000;
     std::atomic<int> missed = 0;
-    test::event all;
+    test::event all, changed;
 };
-
-/// Runs a function on the first thread of a station and waits for its end.
-void run_on_thread(media::station& station, std::function<void(media::thread&)> run) {
-    struct call_t {
-        std::function<void(media::thread&)> run;
-        test::event done;
-    } call{std::move(run), {}};
-    const auto body = [](media::thread& on, void* arg) {
-        static_cast<call_t*>(arg)->run(on);
-        static_cast<call_t*>(arg)->done.set();
-    };
-    ASSERT_TRUE(station.thread_at(0).call(body, &call));
-    EXPECT_TRUE(call.done.wait());
-}
 
 TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     media::station station;
@@ -123,7 +115,8 @@ TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     EXPECT_FALSE(station.add_stream("live"));
     ASSERT_TRUE(station.start());
     follower by;
-    run_on_thread(station, [&](media::thread& on) { on.follow(*stream, by); });
+    by.of = stream;
+    ASSERT_TRUE(station.thread_at(0).call(follower::change, &by) && by.changed.wait());
     std::atomic<uint64_t> pushed = 0;
     const auto push = [&] {
         constexpr uint8_t sound[4] = {};
@@ -136,7 +129,7 @@ TEST(Station, WhoFollowsMissesNothingThatIsPushedMeanwhile) {
     test::on_four_threads(push);
     EXPECT_TRUE(by.all.wait());
     EXPECT_EQ(by.missed, 0);
-    run_on_thread(station, [&](media::thread& on) { on.unfollow(*stream, by); });
+    EXPECT_TRUE(station.thread_at(0).call(follower::change, &by) && by.changed.wait());
 }
 
 TEST(Station, WorkRunsOffTheLoopAndIsDoneOnItsThread) {
