@@ -24,10 +24,7 @@ TEST(Tcp, HandsOverEveryConnectionWithItsAddressUntilItIsClosedInTheCallback) {
     const unsigned short port = test::free_port();
     const test::network_thread nt;
     ASSERT_EQ(net_tcp_create(server.tcp, nt, CORE_HERE), 0);
-    EXPECT_EQ(net_tcp_create(server.tcp, nt, CORE_HERE), -5);
-    EXPECT_EQ(net_tcp_listen2(server.tcp, "127.0.0.1", 65536, &server, on_accept), -2);
     ASSERT_EQ(net_tcp_listen2(server.tcp, "127.0.0.1", port, &server, on_accept), 0);
-    EXPECT_EQ(net_tcp_listen2(server.tcp, "127.0.0.1", port, &server, on_accept), -5) << "it listens already";
     for (int i = 1; i <= 3; ++i) {
         if (i == 3) server.then = [&] { net_tcp_close(server.tcp); };
         const test::tcp_socket client;

@@ -5,7 +5,7 @@ import socket
 import struct
 import time
 
-from peers import Camera, CameraCase, free_group
+from peers import CameraCase, free_group
 from player import Player
 
 FIRST_REQUEST = 10  # seconds that the first one is awaited

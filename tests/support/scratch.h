@@ -10,10 +10,8 @@ namespace test {
 class scratch {
 public:
     scratch() {
-        std::random_device random;
-        do
-            path_ = std::filesystem::temp_directory_path() / ("inet_test_" + std::to_string(random()));
-        while (!std::filesystem::create_directory(path_));
+        path_ = std::filesystem::temp_directory_path() / ("inet_test_" + std::to_string(std::random_device()()));
+        std::filesystem::create_directory(path_);
     }
     scratch(const scratch&) = delete;
     scratch& operator=(const scratch&) = delete;
