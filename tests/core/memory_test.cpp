@@ -4,7 +4,7 @@
 #include "platform/thread_local.h"
 #include "support/fault.h"
 #include "support/held.h"
-#include "support/threads.h"
+#include "support/side_thread.h"
 
 #include "core/array.h"
 #include "core/buf.h"

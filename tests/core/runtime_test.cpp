@@ -4,7 +4,7 @@
 #include "support/held.h"
 #include "support/log_keeper.h"
 #include "support/scratch.h"
-#include "support/threads.h"
+#include "support/side_thread.h"
 
 #include "core/log.h"
 #include "core/memory.h"
@@ -153,7 +153,7 @@ TEST(Log, RemovedSinkIsNeitherRunningNorCalledAgain) {
             test::event().wait(20);  // time for the removal to come too early
             finished = true;
         };
-        const std::jthread printer([&log] { core_log_print(log.get(), "one"); });
+        const test::side_thread printer([&log] { core_log_print(log.get(), "one"); });
         ASSERT_TRUE(entered.wait());
         core_log_sink_rem(sink.sink);
         EXPECT_TRUE(finished) << leaves;
@@ -345,7 +345,7 @@ TEST(Profile, RingOfCallbacksThatWaitForEachOtherIsBroken) {
         meet(a, b, a_closes, b_closes);
         meet(b, a, b_closes, a_closes);
         {
-            const std::jthread one([&a] { core_profile_put(a.bus.get(), nullptr); });
+            const test::side_thread one([&a] { core_profile_put(a.bus.get(), nullptr); });
             core_profile_put(b.bus.get(), nullptr);
         }
         EXPECT_EQ(reached, a_closes ? 0U : 1U) << "one gave up, so the other came through";

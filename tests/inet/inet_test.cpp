@@ -1,7 +1,7 @@
 #include "inet/inet.h"
 
 #include "platform/socket_api.h"
-#include "support/threads.h"
+#include "support/side_thread.h"
 
 #include "core/owned.h"
 #include "core/profile.h"

@@ -63,6 +63,13 @@ TEST(Authenticate, GoesIntoTheHeader) {
     }
 }
 
+TEST(AuthenticateParse, GivesTheParametersOfAnAnswer) {
+    authenticate_ctx* ctx = net_http_authenticate_parse(
+        "Digest username=\"a\", realm=b, nonce=\"c\",uri=\"rtsp://h/x?y=1\", response=\"d\", r=e, x=y", CORE_HERE);
+    EXPECT_EQ(ctx->username + std::string(ctx->realm) + ctx->nonce + ctx->uri + ctx->response, "aecrtsp://h/x?y=1d");
+    net_http_authenticate_free(ctx);
+}
+
 TEST(AuthenticateCheck, LetsTheRightAnswerPassAndNoOther) {
     const std::string begin = start + "uri=\"/dir/index.html\", ";
     const std::string whole = begin + right;

@@ -57,7 +57,15 @@ TEST(RtpPair, StandsOnAnEvenPortAndTheOddOneAboveItAndSharesThemWithNobody) {
     }
 }
 
-TEST(Socket, ClosingLeavesStandardStreamsOpen) {
+TEST(Refusals, AreToldAndClosingLeavesStandardStreamsOpen) {
+    const test::tcp_socket tcp;
+    const test::udp_socket udp;
+    EXPECT_EQ(net_socket_create(2, 1, 17, CORE_HERE), -1);
+    EXPECT_EQ(net_tcp_connect(tcp, "no.such.host.invalid", 80), -2);
+    EXPECT_EQ(net_tcp_listen(udp, "127.0.0.1", 0), -1);
+    EXPECT_FALSE(socket_joinGroup(udp, "127.0.0.1", "127.0.0.1"));
+    EXPECT_EQ(net_udp_listen(udp, "127.0.0.1", 4242), -1) << "a second time";
+    EXPECT_EQ(socket_get_error_code(), socket_error_invalid_argument) << "also after it was reported";
     for (const int fd : {-1, 0, 1, 2})
         net_socket_close(fd);
     EXPECT_NE(std::fputc('\n', stderr), EOF);

@@ -2,8 +2,8 @@
 
 #include "net_thread/loop.h"
 #include "support/network_thread.h"
+#include "support/side_thread.h"
 #include "support/sockets.h"
-#include "support/threads.h"
 
 #include "core/time.h"
 
@@ -181,7 +181,7 @@ TEST(Stop, ReleasesEveryRecordDropsQueuedCallsAndLeavesSocketsOpen) {
     net_nt_socket_add(s.nt, s.added, s.pair.here, nt_flag_read, &s.called, callback::run);
     nt_ctx* const stopped = s.nt;
     {
-        const std::jthread stopper([&] { net_nt_stop(s.nt.nt); });
+        const test::side_thread stopper([&] { net_nt_stop(s.nt.nt); });
         // What is queued after the stop began is not run; the call that holds the loop ends afterwards.
         while (!core_thread_iscancel(stopped->thread))
             std::this_thread::yield();

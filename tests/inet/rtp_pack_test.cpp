@@ -82,8 +82,9 @@ TEST(RtpPack, SendsMetadataAsItIsAndAnalyticsConvertedAndNothingWithoutAnActiveT
     for (const auto& [fcc, expected] : {std::pair{av::fcc_meta, converted}, {av::fcc_univ, data}}) {
         rtp_owner frame(fcc), record(fcc);
         frame.send(data);
-        const auto meta = test::borrowed<av::meta_t>(fcc, data, some_time);
+        const auto meta = record_of<av::meta_t>(fcc, data), other = record_of<av::meta_t>(av::fcc_pcmu, data);
         record.object.pack_meta(&meta);
+        record.object.pack_meta(&other);
         record.track->active = 0;
         record.send(data);
         EXPECT_EQ(join(payloads(frame)), expected);

@@ -40,6 +40,7 @@ TEST(RtspTunnel, AnswersOnTheGetWhatThePostAsks) {
     EXPECT_EQ(get.events, "14 1 ");
     EXPECT_LT(get.sent.find("Content-Base: "), get.sent.find("Public: "));
     EXPECT_EQ(post.sent, "");
+    EXPECT_EQ(get.session->activity(), 3U);
 }
 
 TEST(RtspTunnel, JoinsOnlyWhatBelongsTogether) {

@@ -1,8 +1,8 @@
 #include "media/station.h"
 
 #include "support/frames.h"
+#include "support/side_thread.h"
 #include "support/sockets.h"
-#include "support/threads.h"
 
 #include "avc/fcc.h"
 #include "core/owned.h"

@@ -3,7 +3,7 @@
 #include "stream/inside.h"
 #include "support/fault.h"
 #include "support/frames.h"
-#include "support/threads.h"
+#include "support/side_thread.h"
 
 #include "avc/fcc.h"
 #include "core/thread.h"
@@ -237,7 +237,7 @@ TEST_F(Stream, ReadersOnManyThreadsLoseNothingWhileOthersComeAndGo) {
     core_time_set_clock(nullptr);
     constexpr int pictures = 500;
     std::atomic<int> ready = 0;
-    const std::jthread coming([&] {
+    const test::side_thread coming([&] {
         std::atomic<int> woken = 0;
         for (int i = 0; i < 200; ++i) {
             media::cursor one;
@@ -246,7 +246,7 @@ TEST_F(Stream, ReadersOnManyThreadsLoseNothingWhileOthersComeAndGo) {
             read(one);
         }
     });
-    const std::jthread pushing([&] {
+    const test::side_thread pushing([&] {
         while (ready != 4)
             core_sleep(1);
         for (int i = 0; i < pictures; ++i)

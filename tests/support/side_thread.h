@@ -1,4 +1,4 @@
-// Four threads at once, and events of the runtime.
+// Threads for tests that need a second one, and events of the runtime.
 #pragma once
 
 #include "support/held.h"
@@ -12,9 +12,12 @@
 
 namespace test {
 
+/// Runs a function on a thread; its end waits for it.
+using side_thread = std::jthread;
+
 /// Runs a function on four threads at once and waits for all of them.
 inline void on_four_threads(const std::function<void()>& function) {
-    const std::jthread a(function), b(function), c(function), d(function);
+    const side_thread a(function), b(function), c(function), d(function);
 }
 
 class event {
