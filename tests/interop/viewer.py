@@ -1,12 +1,11 @@
 """inet-viewer as the interop tests start it."""
 import os
-import re
 import subprocess
 import tempfile
 import time
 import unittest
 
-from peers import ROOT, clip_file, clip_sound, command, position_in_loop
+from peers import ROOT, clip_file, command, position_in_loop
 
 VIEWER = command(os.environ.get("INET_VIEWER", f"{ROOT}/build/dev/apps/inet-viewer"))
 DELIMITER, SEI = 9, 6
@@ -54,14 +53,6 @@ class ViewerCase(unittest.TestCase):
         while not os.path.exists(self.path(name)) or os.path.getsize(self.path(name)) < size:
             self.assertIsNone(viewer.poll())
             time.sleep(0.02)
-
-    def sound_and_documents(self, name):
-        """What was written of sound, which is the clip's, and of metadata."""
-        with open(self.path(f"{name}.wav"), "rb") as sound, open(self.path(f"{name}.txt")) as text:
-            sound, documents = sound.read(), re.findall(r"<\?xml.*?</tt:MetadataStream>\n", text.read(), re.DOTALL)
-        self.assertIn(sound[58:], clip_sound() * 2)
-        self.assertGreaterEqual(len(documents), 10)  # sound and pictures end it
-        return sound, documents
 
     def check_pictures(self, name, least):
         units = nal_units(self.path(name))

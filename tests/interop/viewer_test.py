@@ -1,12 +1,14 @@
 """inet-viewer receives from inet-camera, and from servers that fail: files, figures and exit status."""
 import os
 import random
+import re
 import signal
 import socket
 import struct
 import subprocess
 
-from peers import Camera, CameraCase, at_once, clip_file, ffmpeg, free_group, picture_hashes, position_in_loop, run
+from peers import (Camera, CameraCase, at_once, clip_file, clip_sound, ffmpeg, free_group, picture_hashes,
+                   position_in_loop, run)
 from relay import Relay, Server
 from viewer import VIEWER, ViewerCase, nal_units
 
@@ -19,12 +21,17 @@ class Live(ViewerCase, CameraCase):
     def check(self, way, tracks):
         pictures = picture_hashes("-i", self.path(f"{way}.h264"))
         self.assertEqual(picture_hashes("-i", self.path(f"{way}.mp4")), pictures)
-        sound, documents = self.sound_and_documents(way)
-        self.assertEqual(int.from_bytes(sound[4:8], "little"), len(sound) - 8)
-        self.assertEqual(ffmpeg("-i", self.path(f"{way}.wav"), "-c", "copy", "-f", "mulaw", "-"), sound[58:])
+        with open(self.path(f"{way}.wav"), "rb") as sound:
+            header, data = sound.read(58), sound.read()
+        self.assertEqual(int.from_bytes(header[4:8], "little"), 50 + len(data))
+        self.assertEqual(ffmpeg("-i", self.path(f"{way}.wav"), "-c", "copy", "-f", "mulaw", "-"), data)
+        self.assertIn(data, clip_sound() * 2)
+        with open(self.path(f"{way}.txt")) as text:
+            documents = re.findall(r"<\?xml.*?</tt:MetadataStream>\n", text.read(), re.DOTALL)
+        self.assertGreaterEqual(len(documents), 10)  # sound and pictures end it
         self.assertIn('<tt:Object ObjectId="1">', documents[0])
         self.assertEqual([int(tracks[name]["frames"]) for name in ("H264", "PCMU", "META")],
-                         [len(pictures), (len(sound) - 58) / 160, len(documents)])
+                         [len(pictures), len(data) / 160, len(documents)])
         self.assertEqual({track["lost"] for track in tracks.values()}, {"0"})
         self.assertGreater(float(tracks["H264"]["mbit/s"]), 0.3)
         self.assertLess(float(tracks["H264"]["jitter_ms"]), 1000)
@@ -152,10 +159,10 @@ class Status(ViewerCase, CameraCase):
     def test_what_is_no_command_line(self):
         url = "rtsp://127.0.0.1:1/x"
         at_once(lambda arguments: self.refuse(USAGE, *arguments), [
-            [], ["http://x"], ["rtsp://"], ["rtsp://:554/x"], ["rtsp://h:0/x"], ["rtsp://h:65536/x"], ["rtsp://h:/x"],
-            ["rtsp://u:p@/x"], ["rtsp://u:p@[::1]/x"], [url, url], [url, "-o"], [url, "-o", "a.avi"],
-            [url, "-o", "a.mp4", "-o", "a.mp4"], [url, "--duration", "-1"], [url, "--transport=pigeon"],
-            [url, "--nonsense"], [url, "--stats=1"], [url, "--reconnect"]])
+            [], ["http://x"], ["rtsp://"], ["rtsp://:554/x"], ["rtsp://h:/x"], ["rtsp://h:65536/x"], ["rtsp://u:p@/x"],
+            ["rtsp://u:p@[::1]/x"], [url, url], [url, "-o"], [url, "-o", "a.avi"], [url, "-o", "a.mp4", "-o", "a.mp4"],
+            [url, "--duration", "-1"], [url, "--transport=pigeon"], [url, "--nonsense"], [url, "--stats=1"],
+            [url, "--reconnect"]])
         self.assertEqual(os.listdir(self.folder), [])
 
 
