@@ -1,4 +1,4 @@
-// Blocks of memory and what holds them: buffers, lists, queues, posted calls, pairs and arrays.
+// Blocks of memory and what holds them: buffers, lists, queues, posted calls and pairs.
 #include "core/memory.h"
 
 #include "platform/toolchain.h"
@@ -6,7 +6,6 @@
 #include "support/held.h"
 #include "support/threads.h"
 
-#include "core/array.h"
 #include "core/buf.h"
 #include "core/cmd.h"
 #include "core/list.h"
@@ -243,18 +242,6 @@ TEST(Value, IsSplitAtAnyOfTheSeparators) {
     for (value_t** pair = list.get(); *pair; ++pair)
         pairs += std::string((*pair)->key) + '>' + ((*pair)->value ? (*pair)->value : "(null)") + '|';
     EXPECT_EQ(pairs, "a>1|b>=2|c>(null)|>|");
-}
-
-TEST(Array, KeepsItsOrderAndJoins) {
-    char a[] = "a", b[] = "b", c[] = "c";
-    void** array = nullptr;
-    for (char* item : {a, b, c, a, b, a})
-        array = core_array_add(array, item, CORE_HERE);
-    for (char* item : {a, b, b, b})
-        array = core_array_rem(array, item, CORE_HERE);
-    char* const* texts = reinterpret_cast<char**>(array);
-    EXPECT_STREQ(core::owned_text(core_array_to_sstring(texts, ", ", CORE_HERE)).get(), "c, a, a");
-    core_array_free(array);
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include "support/files.h"
 #include "support/held.h"
 #include "support/scratch.h"
-#include "support/side_thread.h"
+#include "support/threads.h"
 
 #include "core/file.h"
 #include "core/memory.h"
@@ -58,7 +58,7 @@ TEST(File, AFileThatIsHeldForAMomentIsReplacedThereafter) {
     const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
     core_opt_set(opt.get(), "a", "2");
     const HANDLE scanner = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    const test::side_thread done([&] { Sleep(30), CloseHandle(scanner); });
+    const std::jthread done([&] { Sleep(30), CloseHandle(scanner); });
     EXPECT_EQ(core_opt_save(opt.get()), 1);
     EXPECT_EQ(test::read_file(path), "a=2\n");
 }

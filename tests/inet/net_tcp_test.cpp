@@ -39,12 +39,12 @@ TEST(Tcp, HandsOverEveryConnectionWithItsAddressUntilItIsClosedInTheCallback) {
 }
 
 TEST(Tcp, CountsTheSecondsOfEachStallByThemselves) {
-    const auto [here, far] = test::socket_pair::open();
-    const test::tcp_socket there(far);
-    for (const int fd : {here, far})
+    const auto [ours, theirs] = test::socket_pair::open();
+    const test::tcp_socket there(theirs);
+    for (const int fd : {ours, theirs})
         socket_options(fd);
     const test::network_thread nt;
-    nt.run([&, fd = here] {
+    nt.run([&, fd = ours] {
         Tcp* const tcp = Tcp::create(CORE_HERE);
         ASSERT_EQ(tcp->take(nt, fd, {}), 0);
         const std::string much(1 << 20, 'x');

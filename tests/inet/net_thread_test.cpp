@@ -134,7 +134,8 @@ TEST(Loop, LeavesNothingThatIsOrderedForAWholeWait) {
     };
     const std::pair<const char*, void (*)(scene&)> moments[] = {
         {"while it starts", [](scene& s) { s.giving.then(); }},
-        {"while it waits", [](scene& s) { s.nt.pass(), s.giving.then(); }},
+        {"while it waits",
+         [](scene& s) { s.nt.pass(), core_sleep(1), s.giving.then(); }},  // nothing tells that it does
         {"in a call", [](scene& s) { net_nt_sync_call(s.nt, nullptr, &s.giving, callback::run); }},
         {"when the socket was served", [](scene& s) { net_nt_command(s.nt, s.later); }},
         {"just before it waits", [](scene& s) { s.nt.pass(), s.nt.run([&] { net_nt_command_exec(s.giver); }); }},

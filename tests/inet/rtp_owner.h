@@ -34,6 +34,12 @@ inline bytes join(const std::vector<bytes>& parts) {
     return out;
 }
 
+// A borrowed av::frame_t or av::meta_t.
+template <class Record = av::frame_t>
+Record record_of(uint32_t fcc, const bytes& data, uint64_t time = some_time) {
+    return test::borrowed<Record>(fcc, data, time);
+}
+
 inline bytes packet(uint32_t seq, const bytes& payload, bool marked = true, uint32_t time = 0, uint8_t first = 0x80) {
     const auto byte = [](uint32_t of, int shift) { return static_cast<uint8_t>(of >> shift); };
     return join({{first, uint8_t(marked ? 0x80 | any_pt : any_pt), byte(seq, 8), byte(seq, 0)},

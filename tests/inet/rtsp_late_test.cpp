@@ -154,10 +154,8 @@ TEST(RtspLate, MayEndOrLoseItsTracksWhileAnAnswerIsOwed) {
         EXPECT_EQ(closed.answer() + closed.session->send_error(404), 0);
         EXPECT_EQ(closed.sent, "");
 
-        late_owner destroyed;  // at the end of its scope
+        late_owner cleared, destroyed;  // at the end of its scope
         up_to(destroyed);
-
-        late_owner cleared;
         up_to(cleared);
         cleared.session->clear_traks();
         EXPECT_EQ(cleared.session->trak(), nullptr);

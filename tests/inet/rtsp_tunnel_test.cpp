@@ -113,15 +113,7 @@ TEST(RtspTunnel, IsOpenedByAClientOnceTheServerGrantsIt) {
     for (const char* body : {"", "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", "", ""})
         viewer.feed("RTSP/1.0 200 OK\r\nContent-Length: " + std::to_string(std::string(body).size()) + "\r\n\r\n" +
                     body);
-    ASSERT_TRUE(viewer.session->playing());
-
-    // Reports are Base64, too.
-    viewer.reading = false;
-    viewer.rtp(0, test::rtp_packet(96, 1, 1, "\x41"));
-    viewer.rtp(1, test::sender_report(7, 0, 0));
-    viewer.session->send_buffer()->length = 0;
-    viewer.rtp(1, test::sender_report(7, 0, 0));
-    EXPECT_EQ(viewer.session->send_buffer()->length, 36U / 3 * 4);
+    EXPECT_TRUE(viewer.session->playing());
 }
 
 }  // namespace

@@ -139,14 +139,16 @@ TEST(Station, WorkRunsOffTheLoopAndIsDoneOnItsThread) {
         net::nt_ctx* nt;
         std::string steps;
         test::event done;
-        void step() { steps += net::net_nt_need_invoke(nt) ? "off " : "on "; }
+        static void step(void* arg) {
+            auto& self = *static_cast<context*>(arg);
+            self.steps += net::net_nt_need_invoke(self.nt) ? "off " : "on ";
+        }
     } common{station.thread_at(0).nt(), "", {}};
-    const auto work = [](void* arg) { static_cast<context*>(arg)->step(); };
     const auto done = [](media::thread&, void* arg) {
-        static_cast<context*>(arg)->step();
+        context::step(arg);
         static_cast<context*>(arg)->done.set();
     };
-    ASSERT_TRUE(station.run(work, done, &common, station.thread_at(0)));
+    ASSERT_TRUE(station.run(context::step, done, &common, station.thread_at(0)));
     EXPECT_TRUE(common.done.wait());
     EXPECT_EQ(common.steps, "off on ");
 }

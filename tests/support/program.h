@@ -10,13 +10,9 @@
 
 namespace test {
 
-/// What a shell command writes to its standard output; a failure of the test when it does not end with 0.
+/// What a shell command writes to its standard output; the test fails when it does not end with 0.
 inline std::string run(const std::string& command) {
     std::FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) {
-        ADD_FAILURE() << "cannot start: " << command;
-        return {};
-    }
     std::string out;
     char chunk[65536];
     for (size_t n = 0; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)

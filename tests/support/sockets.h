@@ -74,7 +74,7 @@ inline int open_sockets() {
 
 /// Reads what has arrived on a socket that does not block.
 inline void drain(int fd) {
-    uint8_t bytes[64];
+    uint8_t bytes[64 * 1024];
     while (net::platform::receive_bytes(fd, bytes, nullptr) > 0) {
     }
 }
