@@ -1,5 +1,7 @@
 #include "inet/net_datagrams.h"
 
+#include "platform/socket_api.h"
+
 #include "core/owned.h"
 
 #include <algorithm>
@@ -15,6 +17,7 @@ struct Datagrams::inside {
     nt_ctx* nt;
     int fd;
     socket_ctx* socket;
+    platform::letters letters;
     uint32_t sent;     ///< of those that wait
     uint32_t waiting;  ///< with those that are sent
     std::array<datagram_t, most_waiting_datagrams> datagrams;
@@ -40,8 +43,9 @@ uint32_t send_up_to_full(int fd, const datagram_t* datagrams, uint32_t count) no
 int Datagrams::open(nt_ctx* nt, int fd) noexcept {
     close();
     // Not zeroed: only the rooms that are used are touched.
-    auto* made = static_cast<inside*>(core_malloc(sizeof(inside), CORE_HERE));
-    if (!made) return 0;
+    void* const block = core_malloc(sizeof(inside), CORE_HERE);
+    if (!block) return 0;
+    auto* const made = ::new (block) inside;
     made->nt = nt;
     made->fd = fd;
     made->sent = made->waiting = 0;
@@ -50,14 +54,14 @@ int Datagrams::open(nt_ctx* nt, int fd) noexcept {
         inside_ = made;
         return 1;
     }
-    core_mfree(made);
+    core::destroy(made);
     return 0;
 }
 
 void Datagrams::close() noexcept {
     if (!inside_) return;
     net_nt_socket_rem(inside_->nt, inside_->socket);
-    core_mfree(std::exchange(inside_, nullptr));
+    core::destroy(std::exchange(inside_, nullptr));
 }
 
 bool Datagrams::has_room(uint32_t datagrams) const noexcept {
@@ -69,6 +73,14 @@ void Datagrams::send(const datagram_t* datagrams, uint32_t count) noexcept {
     uint32_t done = inside_->waiting == 0 ? send_up_to_full(inside_->fd, datagrams, count) : 0;
     for (; done < count; ++done)
         inside_->keep(datagrams[done]);
+}
+
+void Datagrams::prepare(const datagram_t* datagrams, uint32_t count) noexcept {
+    if (inside_) inside_->letters.prepare({datagrams, count});
+}
+
+uint32_t Datagrams::send_prepared(const sockaddr_in& to) noexcept {
+    return inside_ && inside_->waiting == 0 ? inside_->letters.send(inside_->fd, to) : 0;
 }
 
 void Datagrams::inside::keep(const datagram_t& datagram) noexcept {

@@ -41,6 +41,7 @@ struct nt_ctx {
     std::atomic<int> wake_rd = -1;
     std::atomic<int> wake_wr = -1;
     std::atomic<bool> wake_ordered = false;
+    bool has_local_pair = false;  // by platform::open_local_pair()
 
     // From any thread to the loop.
     slist* new_sockets;
