@@ -4,7 +4,7 @@
 //
 // The set knows open files, and what is wanted are numbers. A number leaves the set before its owner may close it. Where
 // owners do otherwise, two things bring both together again:
-//   - all are told anew once a second, which finds numbers that were closed or are other files by now;
+//   - all are told anew every few seconds, which finds numbers that were closed or are other files by now;
 //   - an entry carries a ticket, so that what a file says whose number was given up is known for nobody's. Such a file
 //     cannot be taken out any more: the set is made anew.
 #include "platform/socket_api.h"
@@ -41,10 +41,13 @@ timespec timespec_of(int64_t microseconds) noexcept {
             .tv_nsec = static_cast<long>(microseconds % 1'000'000) * 1000};
 }
 
-time_t coarse_seconds() noexcept {
+constexpr int64_t told_for = 4;  // seconds
+
+/// In which of such times it is now.
+int64_t current_turn() noexcept {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec;
+    return now.tv_sec / told_for;
 }
 
 }  // namespace
@@ -75,9 +78,9 @@ waiter::~waiter() {
 
 bool waiter::begin_round() noexcept {
     if (set_ < 0) set_ = epoll_create1(EPOLL_CLOEXEC);
-    const int64_t second = coarse_seconds();
-    const bool all_anew = second != told_;
-    told_ = second;
+    const int64_t turn = current_turn();
+    const bool all_anew = turn != told_;
+    told_ = turn;
     return all_anew;
 }
 

@@ -139,7 +139,7 @@ private:
 
     std::atomic<int> set_ = -1;
     uint32_t tickets_ = 0;
-    int64_t told_ = 0;  ///< in which second all were told anew
+    int64_t told_ = 0;  ///< when all were told anew
 };
 
 }  // namespace net::platform
