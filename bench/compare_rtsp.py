@@ -1,9 +1,8 @@
-"""The table of bench/compare-rtsp. Both servers take turns, so that what else the machine does falls on both."""
+"""The table of bench/compare-rtsp. The servers take turns, so that what else the machine does falls on all of them."""
 import argparse
 
-from servers import GStreamer, Ours, clip_4m, cost, floor, load, median
+from servers import Floor, GStreamer, Ours, clip_4m, cost, load, median
 
-FLOOR = "floor"
 CASES = [(viewers, transport) for transport in ("tcp", "udp", "udp-gro") for viewers in (50, 400)]
 
 
@@ -11,34 +10,46 @@ def main():
     parser = argparse.ArgumentParser(prog="bench/compare-rtsp", description=__doc__)
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=8, help="measured in each run, after a warm-up of 2")
+    parser.add_argument("--no-peer", action="store_true", help="ours and bare sends alone")
     options = parser.parse_args()
+    kinds = [Ours, Floor] if options.no_peer else [Ours, Floor, GStreamer]
     video = clip_4m()
     results = {}
     for number in range(options.rounds):
         for case in CASES:
             # Who begins changes with the round.
-            for kind in (Ours, GStreamer) if number % 2 == 0 else (GStreamer, Ours):
+            for kind in kinds[number % len(kinds):] + kinds[:number % len(kinds)]:
                 with kind(video) as server:
                     results.setdefault((kind, case), []).append(load(server, *case, options.seconds))
-            results.setdefault((FLOOR, case), []).append(floor(*case, options.seconds))
         print(f"round {number + 1} of {options.rounds} done", flush=True)
-    print_table(results)
+    print_table(results, kinds)
 
 
-def print_table(results):
-    print("\nCPU seconds per GB served (RTP of a 4 Mbit/s stream), medians; in brackets what the system took of it.\n"
-          "Missed: packets lost, pictures missing, viewers that did not play, over all rounds.\n")
-    print("| Transport | Viewers | Ours | GStreamer | Ratio | Bare sends | Ours above them | GStreamer above them | "
-          "Picture delay p99, ms | Missed, ours | Missed, GStreamer |")
-    print("|---|---|---|---|---|---|---|---|---|---|---|")
+def print_table(results, kinds):
+    with open("/proc/sys/net/ipv4/tcp_congestion_control", encoding="ascii") as file:
+        congestion = file.read().strip()
+    print("\nCPU seconds per GB served (RTP of a 4 Mbit/s stream); in brackets what the system took of it. Figures and "
+          f"ratios are medians over\nthe rounds. Congestion control: {congestion}. Missed: packets lost, pictures "
+          "missing, viewers that did not play, over all rounds.\n")
+    names = {Ours: "ours", Floor: "bare sends", GStreamer: "GStreamer"}
+    heads = ["Transport", "Viewers", "Ours", "Bare sends", "Ours / bare sends"]
+    if GStreamer in kinds:
+        heads += ["GStreamer", "Ours / GStreamer"]
+    heads += [f"Picture delay p99, ms: {', '.join(names[each] for each in kinds)}"]
+    heads += [f"Missed, {names[each]}" for each in kinds if each is not Floor]
+    print_row(heads)
+    print_row(["---"] * len(heads))
     for viewers, transport in CASES:
-        ours, peer = (results[kind, (viewers, transport)] for kind in (Ours, GStreamer))
-        ratio = median(cost(a) / cost(b) for a, b in zip(ours, peer))
-        delay = " and ".join(f"{median(r['delay_p99_ms'] for r in each):.1f}" for each in (ours, peer))
-        bare = results[FLOOR, (viewers, transport)]
-        above = [median(cost(a) - b for a, b in zip(each, bare)) for each in (ours, peer)]
-        print(f"| {transport} | {viewers} | {costs(ours)} | {costs(peer)} | {ratio:.2f} | {median(bare):.2f} | "
-              f"{above[0]:.2f} | {above[1]:.2f} | {delay} | {missed(ours)} | {missed(peer)} |")
+        of = {kind: results[kind, (viewers, transport)] for kind in kinds}
+        row = [transport, str(viewers), costs(of[Ours])]
+        for kind in kinds[1:]:
+            row += [costs(of[kind]), f"{median(cost(a) / cost(b) for a, b in zip(of[Ours], of[kind])):.2f}"]
+        row += [", ".join(f"{median(each['delay_p99_ms'] for each in of[kind]):.1f}" for kind in kinds)]
+        print_row(row + [missed(of[kind]) for kind in kinds if kind is not Floor])
+
+
+def print_row(cells):
+    print(f"| {' | '.join(cells)} |")
 
 
 def costs(rounds):

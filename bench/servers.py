@@ -45,11 +45,11 @@ class Ours(Camera):
         self.address = self.url("live")
 
 
-class GStreamer:
-    """The peer on a clip, by the system's packages."""
+class Program:
+    """A server that prints its address, and "ready" when it serves."""
 
-    def __init__(self, path):
-        self.process = subprocess.Popen([GST_SERVER, path, "0", str(FPS)], stdout=subprocess.PIPE, text=True)
+    def __init__(self, *command):
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
         self.address = self.process.stdout.readline().strip()
         self.process.stdout.readline()
 
@@ -62,19 +62,26 @@ class GStreamer:
         self.process.stdout.close()
 
 
+class GStreamer(Program):
+    """The peer on a clip, by the system's packages."""
+
+    def __init__(self, path):
+        super().__init__(GST_SERVER, path, "0", str(FPS))
+
+
+class Floor(Program):
+    """A bare sender of a clip: what the system takes on the loopback, whoever sends."""
+
+    def __init__(self, path):
+        super().__init__(SEND_FLOOR, path, str(FPS))
+
+
 def load(server, viewers, transport, seconds, *arguments):
     """What rtsp_load counted, by name; its complaints go to the error stream."""
     done = subprocess.run([LOAD, server.address, "--viewers", str(viewers), "--transport", transport, "--fps", str(FPS),
                            "--seconds", str(seconds), "--pid", str(server.process.pid), *arguments],
                           stdout=subprocess.PIPE, text=True, timeout=seconds + 180, check=False)
     return {name: float(value) for name, value in (pair.split("=") for pair in done.stdout.split())}
-
-
-def floor(viewers, transport, seconds):
-    """Processor seconds for each GB of a bare sender: what the system takes on the loopback, whoever sends."""
-    done = subprocess.run([SEND_FLOOR, transport, str(viewers), str(seconds)], stdout=subprocess.PIPE, text=True,
-                          timeout=seconds + 60, check=True)
-    return float(done.stdout)
 
 
 def cost(result):

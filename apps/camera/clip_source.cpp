@@ -3,6 +3,7 @@
 #include "core/time.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace camera {
 
@@ -15,21 +16,15 @@ void clip_source::add(const channel& played, media::stream& into) {
     }
 }
 
-void clip_source::start() noexcept {
-    net::Thread::start();
-    if (!nt) return;
-    net::net_nt_set_name(nt, "clip");
+bool clip_source::start(net::nt_ctx* on) noexcept {
     base_ = time_now();
     began_ = core_timer();
-    tick_ = net::net_nt_command_create(nt, this, &clip_source::on_tick);
+    tick_ = net::net_nt_command_create(on, this, &clip_source::on_tick);
     net::net_nt_command_at(tick_, began_);
+    return tick_ != nullptr;
 }
 
-void clip_source::stop() noexcept {
-    net::net_nt_command_destroy(tick_);
-    tick_ = nullptr;
-    net::Thread::stop();
-}
+void clip_source::stop() noexcept { net::net_nt_command_destroy(std::exchange(tick_, nullptr)); }
 
 void clip_source::on_tick(void* arg, net::command_ctx* command) {
     auto* self = static_cast<clip_source*>(arg);

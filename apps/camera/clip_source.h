@@ -10,15 +10,21 @@
 
 namespace camera {
 
-/// Paces all channels on a thread of its own: the frames that come due together are pushed together.
-class clip_source final : public net::Thread {
+/// Paces all channels: the frames that come due together are pushed together.
+class clip_source {
 public:
-    ~clip_source() override { stop(); }
+    clip_source() = default;
+    ~clip_source() { stop(); }
+    clip_source(const clip_source&) = delete;
+    clip_source& operator=(const clip_source&) = delete;
 
     /// Before start(). @param played  outlives its use here, as does the stream
     void add(const channel& played, media::stream& into);
-    void start() noexcept override;
-    void stop() noexcept override;
+    /// @param on  paces it. On a thread of the station a push wakes nobody there, which a thread beside it has to.
+    /// @return whether it could be
+    bool start(net::nt_ctx* on) noexcept;
+    /// Before that thread ends. What it pushes is over when it returns.
+    void stop() noexcept;
 
 private:
     struct next_frame {

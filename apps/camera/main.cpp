@@ -57,9 +57,9 @@ void show_status(const media::station& station, const camera::sources& sources) 
     uint64_t shown = core_timer();
     uint64_t bytes = 0;
     while (!apps::interrupted()) {
-        core_sleep(100);
+        core_sleep(250);
         const uint64_t now = core_timer();
-        if (now - shown < 1'000'000) continue;
+        if (now - shown < 900'000) continue;
         const media::station::totals_t totals = station.totals();
         if (sources.are_over() && totals.watching == 0) return;
         line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu   sources %zu/%zu", totals.watching,
@@ -109,17 +109,16 @@ int serve(const camera::options& settings) {
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     if (!station.add(rtsp, &why) || !station.start(&why) || !fetched.start(why)) return fail(why.text);
-    if (!played->channels.empty()) source.start();
-    if (!played->channels.empty() && !source.nt) return fail("cannot start a network thread");
+    if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
     print_addresses(paths, settings, rtsp->port());
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");
     }
     show_status(station, fetched);
+    source.stop();
     station.stop();
     fetched.stop();
-    source.stop();
     return 0;
 }
 

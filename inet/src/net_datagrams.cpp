@@ -1,6 +1,7 @@
 #include "inet/net_datagrams.h"
 
 #include "datagrams/absent.h"
+#include "platform/socket_api.h"
 
 #include "core/owned.h"
 
@@ -20,6 +21,7 @@ struct Datagrams::inside {
     int fd;
     socket_ctx* socket;
     absent_hosts absent;
+    platform::letters letters;
     uint32_t sent;     ///< of those that wait
     uint32_t waiting;  ///< with those that are sent
     std::array<datagram_t, most_waiting_datagrams> datagrams;
@@ -53,8 +55,9 @@ uint32_t run_of_host(const datagram_t* datagrams, uint32_t count) noexcept {
 int Datagrams::open(nt_ctx* nt, int fd) noexcept {
     close();
     // Not zeroed: only the rooms that are used are touched.
-    auto* made = static_cast<inside*>(core_malloc(sizeof(inside), CORE_HERE));
-    if (!made) return 0;
+    void* const block = core_malloc(sizeof(inside), CORE_HERE);
+    if (!block) return 0;
+    auto* const made = ::new (block) inside;
     made->nt = nt;
     made->fd = fd;
     made->socket = nullptr;
@@ -65,14 +68,14 @@ int Datagrams::open(nt_ctx* nt, int fd) noexcept {
         inside_ = made;
         return 1;
     }
-    core_mfree(made);
+    core::destroy(made);
     return 0;
 }
 
 void Datagrams::close() noexcept {
     if (!inside_) return;
     net_nt_socket_rem(inside_->nt, inside_->socket);
-    core_mfree(std::exchange(inside_, nullptr));
+    core::destroy(std::exchange(inside_, nullptr));
 }
 
 bool Datagrams::has_room(uint32_t datagrams) const noexcept {
@@ -100,6 +103,15 @@ uint32_t Datagrams::inside::push(const datagram_t* from, uint32_t count) noexcep
         if (went < wanted && !absent.look(fd)) break;
     }
     return done;
+}
+
+void Datagrams::prepare(const datagram_t* datagrams, uint32_t count) noexcept {
+    if (inside_) inside_->letters.prepare({datagrams, count});
+}
+
+uint32_t Datagrams::send_prepared(const sockaddr_in& to) noexcept {
+    const bool free = inside_ && inside_->waiting == 0 && !inside_->absent.any();
+    return free ? inside_->letters.send(inside_->fd, to) : 0;
 }
 
 void Datagrams::inside::keep(const datagram_t& datagram) noexcept {

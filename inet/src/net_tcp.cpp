@@ -102,26 +102,29 @@ struct Tcp::inside {
     void watch_writability(bool wanted) noexcept;
     bool count(int result) noexcept;
 
+    // What every send looks at, in one line of the cache.
+    Tcp own{this};
+    int fd = -1;
+    uint32_t left = 0;  ///< by the last flush()
+    buf_t out;
+    uint64_t sent = 0;
+    bool up = false;
+
+    bool writing = false;
+    int failure = 0;
     const char* file;
     int line;
-    Tcp* face = nullptr;  ///< null once destroyed, from inside one of its own calls
+    Tcp* face = &own;  ///< null once destroyed, from inside one of its own calls
     ITcp* handler = nullptr;
     nt_ctx* nt = nullptr;
-    int fd = -1;
     std::mutex watched;            ///< of `socket`, for signal()
     socket_ctx* socket = nullptr;  ///< changed by the network thread, or by whoever makes or destroys the connection
     sockaddr_in peer{};
     uint32_t room = 64 * 1024;
     uint32_t output_limit = 1024 * 1024;
     buf_t in;
-    buf_t out;
-    uint32_t left = 0;  ///< by the last flush()
-    bool up = false;
     bool reading = true;
-    bool writing = false;
-    int failure = 0;
     uint32_t running = 0;  ///< calls of the handler
-    uint64_t sent = 0;
     uint64_t received = 0;
 
     unsigned stalled = 0;    ///< seconds
@@ -144,11 +147,8 @@ Tcp::inside::~inside() {
 }
 
 Tcp* Tcp::create(const char* file, int line) noexcept {
-    core::owned_object<inside> made(core::create<inside>(file, line, file, line));
-    void* block = made ? core_malloc(sizeof(Tcp), file, line) : nullptr;
-    if (!block) return nullptr;
-    made->face = ::new (block) Tcp(made.get());
-    return made.release()->face;
+    inside* const made = core::create<inside>(file, line, file, line);
+    return made ? made->face : nullptr;
 }
 
 // From inside a call of the handler, what runs below it on the stack is left alive until it returns. On another thread
@@ -157,7 +157,6 @@ void Tcp::destroy(Tcp* tcp) noexcept {
     if (!tcp) return;
     inside* const in = tcp->inside_;
     in->unwatch();
-    core_mfree(tcp);
     in->face = nullptr;
     in->handler = nullptr;
     in->up = false;
@@ -330,7 +329,7 @@ int Tcp::send(buffer_t bytes) noexcept {
 uint32_t Tcp::lend(buffer_t bytes) noexcept {
     inside& in = *inside_;
     if (!in.up || in.out.length != 0 || in.left != 0 || bytes.size == 0) return 0;
-    const int result = net_tcp_send_buffer(in.fd, bytes);
+    const int result = platform::send_bytes(in.fd, {bytes.data, bytes.size}, nullptr);
     return in.count(result) ? static_cast<uint32_t>(result) : 0;
 }
 

@@ -128,6 +128,7 @@ void net_nt_socket_rem(nt_ctx* nt, socket_ctx*& s) noexcept {
     {
         const record_change change(nt, s->guard);
         s->flags = nt_flag_removed;
+        nt->sets.leave(s->fd);
     }
     s = nullptr;
     notify_loop(*nt);

@@ -24,6 +24,7 @@ namespace rtsp {
 namespace {
 
 constexpr size_t most_tunnels = 4096;
+constexpr uint32_t most_ports = 65536;
 
 /// Whether a request of ours, or its beginning, stands there.
 bool begins_with_method(std::string_view text) noexcept {
@@ -144,9 +145,10 @@ group* service_t::group_of(stream& of) noexcept {
     const std::lock_guard held(groups_lock_);
     const auto found = std::ranges::find_if(groups_, [&](const auto& each) { return &each->of() == &of; });
     if (found != groups_.end()) return found->get();
+    if (next_group_port_ + 2 * kind_count > most_ports) return nullptr;
     thread& first = station_->thread_at(0);
     core::owned_object<group> made(
-        core::create<group>(CORE_HERE, *this, first, of, settings_.multicast, next_group_port_));
+        core::create<group>(CORE_HERE, *this, first, of, settings_.multicast, static_cast<uint16_t>(next_group_port_)));
     if (!made || !made->complete()) return nullptr;
     const auto open = [](thread& on, void* arg) {
         if (on.nt()) static_cast<group*>(arg)->open();
@@ -161,7 +163,7 @@ group* service_t::group_of(stream& of) noexcept {
         groups_.pop_back();
         return nullptr;
     }
-    next_group_port_ = added->port(added->tracks());
+    next_group_port_ += 2 * static_cast<uint32_t>(added->tracks());
     return added;
 }
 

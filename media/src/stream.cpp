@@ -116,7 +116,7 @@ void stream::inside::evict(uint64_t now) noexcept {
         const slot_t& oldest = slot(first);
         const uint64_t age = now - oldest.arrival;
         const bool beyond = bytes > limits.bytes || age > limits.time;
-        const bool wanted = first >= key || age < shortest_hold || is_reserved(first, age);
+        const bool wanted = first >= key || age < shortest_hold || (reserving != 0 && is_reserved(first, age));
         if (!beyond && wanted) return;
         evict_first();
     }

@@ -54,6 +54,34 @@ TEST(Descriptors, AWakePairThatCannotBeMadeIsTriedAgainAfterASecond) {
     core_time_set_clock(nullptr);
 }
 
+// A duplicate keeps the file behind a number that was given up, and the number is another file's at once.
+TEST(Descriptors, AreWatchedByTheirNumbersWhateverFilesAreBehindThem) {
+    constexpr int number = 900;
+    const test::socket_pair first, second;
+    const test::network_thread nt;
+    test::callback called;
+    socket_ctx* socket = nullptr;
+    const auto watch = [&](int fd) {
+        net_nt_socket_rem(nt, socket);
+        net_nt_socket_add(nt, socket, dup2(fd, number), nt_flag_read, &called, test::callback::run);
+    };
+    nt.run([&] { watch(first.here); });
+    nt.pass();
+    nt.run([&] { socket->fd = -1, socket = nullptr; });  // given up, but not out of the system's set
+    first.poke();
+    nt.pass();
+    nt.run([&] { watch(second.here); });
+    nt.pass();
+    EXPECT_EQ(called.runs(), 0);
+    second.poke();
+    EXPECT_TRUE(called.reaches(1));
+    const int always_ready = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    nt.run([&] { watch(always_ready), called.events.clear(); });
+    EXPECT_TRUE(called.reaches(called.runs() + 3)) << "no file that one can wait for";
+    nt.run([&] { net_nt_socket_rem(nt, socket); });
+    EXPECT_EQ(close(always_ready) + close(number), 0);
+}
+
 TEST(Descriptors, WhenTheyRunOutConnectionsAreTurnedAway) {
     const test::network_thread nt;
     nt.pass();  // it has opened its own descriptors: the client's is the highest

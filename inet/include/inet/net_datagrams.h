@@ -37,6 +37,13 @@ public:
     /// second goes to it until it answers again. The bytes and addresses need not outlive the call.
     void send(const datagram_t* datagrams, uint32_t count) noexcept;
 
+    /// Takes note of datagrams that go to many, one after another. They and their array outlive the sends; between two
+    /// of them their bytes may change, not their sizes. Their addresses are not looked at.
+    void prepare(const datagram_t* datagrams, uint32_t count) noexcept;
+    /// Gives what was prepared to the system, to one address. @return how many went, from the first on: the others are
+    /// to be given to send()
+    uint32_t send_prepared(const sockaddr_in& to) noexcept;
+
 private:
     struct inside;
     inside* inside_ = nullptr;

@@ -93,25 +93,25 @@ struct trak_t {
     uint8_t active;      ///< 1 when frames are packed; set by the owner once the stream is set up. Received packets are
                          ///< taken in any case
     uint8_t pt;          ///< RTP payload type; JPEG is sent as 26 in any case
-    uint32_t fcc;        ///< payload format (avc/fcc.h)
-    uint32_t ssrc;       ///< sent: of our packets, set by the owner. Received: of the last packet
     uint16_t seq;        ///< sent: the next sequence number. Received: the last one, 0 for none yet; may be set by the
                          ///< owner to the number announced for the next packet
+    uint32_t fcc;        ///< payload format (avc/fcc.h)
+    uint32_t ssrc;       ///< sent: of our packets, set by the owner. Received: of the last packet
+    uint32_t rtp_time;   ///< RTP timestamp of the current frame
     double clock_rate;   ///< RTP clock in Hz, 0 up to 2^32, set by the owner
     uint64_t time;       ///< microseconds since 1970-01-01 of the current frame. Received: from what the owner sets,
                          ///< advanced by the timestamps in whole milliseconds; an owner who needs exact intervals, or
                          ///< receives pictures that are not in the order of their times, reads `rtp_time`
-    uint32_t rtp_time;   ///< RTP timestamp of the current frame
+    uint64_t next_rtcp;  ///< frame time from which the next report is due; 0 at first, so that the first frame brings
+                         ///< one
+    uint32_t packets;    ///< RTP packets sent
+    uint32_t octets;     ///< bytes of them, RTP headers included
     buf_t frame;         ///< received: bytes of the frame being delivered
     buf_t fua;           ///< received: FU-A being put together
     uint8_t nal_type;    ///< received: H.264 NAL unit type of `frame`
     uint8_t nal_nri;     ///< received: NRI of that NAL unit, 0 to 3
     uint32_t lsr_sec;    ///< NTP seconds of the last sender report received
     uint32_t lsr_frac;   ///< NTP fraction of that report
-    uint64_t next_rtcp;  ///< frame time from which the next report is due; 0 at first, so that the first frame brings
-                         ///< one
-    uint32_t packets;    ///< RTP packets sent
-    uint32_t octets;     ///< bytes of them, RTP headers included
     uint16_t jpeg_seq;   ///< received: sequence number of the first packet of the JPEG frame
 
     // Received, honest beside the fixed figures of the receiver report. All count from the making of the track.

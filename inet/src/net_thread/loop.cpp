@@ -68,9 +68,14 @@ bool is_dead(command_ctx& command) noexcept {
 }
 
 // @return the number released
-template <class T>
-size_t release_dead(records<T>& known) noexcept {
-    return std::erase_if(known, [](const core::owned_object<T>& record) { return is_dead(*record); });
+template <class T, class Before = void (*)(const T&)>
+size_t release_dead(
+    records<T>& known, Before before = [](const T&) {}) noexcept {
+    return std::erase_if(known, [&](const core::owned_object<T>& record) {
+        if (!is_dead(*record)) return false;
+        before(*record);
+        return true;
+    });
 }
 
 // @return true when its callback ran
@@ -206,26 +211,39 @@ void run_calls(nt_ctx& nt) noexcept {
     }
 }
 
-void watch_socket(nt_ctx& nt, const socket_ctx& socket) noexcept {
+// The guard keeps the socket open meanwhile: who removes it waits for that. Another time will do when it is taken.
+void tell_system(nt_ctx& nt, socket_ctx& socket) noexcept {
+    if (!take_for_loop(socket.guard)) return;
+    if (!(socket.flags & nt_flag_removed)) nt.sets.tell(socket.fd);
+    release_guard(socket.guard);
+}
+
+void watch_socket(nt_ctx& nt, socket_ctx& socket) noexcept {
     const uint32_t flags = socket.flags;
     if (!socket.callback || (flags & nt_flag_removed)) return;
     // Signalled where no wait of this thread will tell: before its record came in, or by a callback of this pass.
     if (socket.signals != 0) nt.pass_due = true;
     if (flags & nt_flag_closed) return;
-    nt.sets.set(socket.fd, flags & (nt_flag_read | nt_flag_listening), flags & (nt_flag_write | nt_flag_connecting));
+    const bool read = flags & (nt_flag_read | nt_flag_listening);
+    const bool write = flags & (nt_flag_write | nt_flag_connecting);
+    if (nt.sets.set(socket.fd, read, write)) tell_system(nt, socket);
 }
 
 // Begun again once a second until it is there; a pass never waits for it.
 void open_wake_pair(nt_ctx& nt) noexcept {
     if (nt.wake_rd >= 0) return;
+    int fds[2];
+    nt.has_local_pair = false;
     if (now_us() >= nt.wake_retry) {
         nt.wake_retry = now_us() + second;
-        nt.wake_pair.begin();
+        nt.has_local_pair = platform::open_local_pair(fds);
+        if (!nt.has_local_pair) nt.wake_pair.begin();
     }
-    int fds[2];
-    if (!nt.wake_pair.has_begun() || nt.wake_pair.finish(fds, nt.file, nt.line) != 1) return;
-    socket_options(fds[0]);
-    socket_options(fds[1]);
+    if (!nt.has_local_pair) {
+        if (!nt.wake_pair.has_begun() || nt.wake_pair.finish(fds, nt.file, nt.line) != 1) return;
+        socket_options(fds[0]);
+        socket_options(fds[1]);
+    }
     nt.wake_rd = fds[0];
     nt.wake_wr = fds[1];
 }
@@ -234,11 +252,14 @@ void rebuild(nt_ctx& nt) noexcept {
     assert(on_loop_thread(nt));
     open_wake_pair(nt);
     run_calls(nt);
+    const size_t known = nt.sockets.size();
     take_in(nt.new_sockets, nt.sockets);
-    release_dead(nt.sockets);
+    for (size_t i = known; i < nt.sockets.size(); ++i)
+        nt.sets.renew(nt.sockets[i]->fd);
+    release_dead(nt.sockets, [&](const socket_ctx& gone) { nt.sets.renew(gone.fd); });
     nt.pass_due = slist_count(nt.calls) != 0;
     nt.sets.clear();
-    if (nt.wake_rd >= 0) nt.sets.set(nt.wake_rd, true, false);
+    if (nt.wake_rd >= 0 && nt.sets.set(nt.wake_rd, true, false)) nt.sets.tell(nt.wake_rd);
     for (const auto& socket : nt.sockets)
         watch_socket(nt, *socket);
 }
@@ -280,7 +301,7 @@ nt_ctx::~nt_ctx() {
     release_pending<command_ctx>(new_commands);
     release_pending<queued_call>(calls);
     for (const int fd : {wake_rd.load(), wake_wr.load()}) {
-        if (fd >= 0) net_socket_close(fd);
+        if (fd >= 0) has_local_pair ? platform::close_socket(fd) : net_socket_close(fd);
     }
 }
 

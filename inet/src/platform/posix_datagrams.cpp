@@ -2,6 +2,8 @@
 // kernel has it.
 #include "platform/datagram_runs.h"
 
+#include "core/owned.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -39,8 +41,8 @@ bool kernel_cuts_segments(int fd) noexcept {
 /// The messages of one call.
 class batch {
 public:
-    /// Takes datagrams from the front, as many as there is room for.
-    void fill(std::span<const datagram_t> datagrams, bool in_segments) noexcept {
+    /// Takes datagrams from the front, as many as there is room for. @return those that are left
+    std::span<const datagram_t> fill(std::span<const datagram_t> datagrams, bool in_segments) noexcept {
         messages_ = 0;
         size_t used = 0;
         while (messages_ < max_messages && !datagrams.empty()) {
@@ -49,6 +51,15 @@ public:
             add(datagrams.first(run), pieces_ + used);
             used += run;
             datagrams = datagrams.subspan(run);
+        }
+        return datagrams;
+    }
+
+    /// Has all of them go to one address, which outlives the calls.
+    void address(const sockaddr_in& to) noexcept {
+        for (size_t i = 0; i < messages_; ++i) {
+            headers_[i].msg_hdr.msg_name = const_cast<sockaddr_in*>(&to);  // the kernel reads it
+            headers_[i].msg_hdr.msg_namelen = sizeof to;
         }
     }
 
@@ -128,6 +139,29 @@ int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept {
         singly -= std::min(singly, went);
     }
     return sent || datagrams.empty() ? static_cast<int>(sent) : -1;
+}
+
+struct letters::inside {
+    batch messages;
+    sockaddr_in to{};
+    bool ready = false;
+};
+
+letters::~letters() { core::destroy(inside_); }
+
+void letters::prepare(std::span<const datagram_t> datagrams) noexcept {
+    if (!inside_) inside_ = core::create<inside>(CORE_HERE);
+    if (!inside_) return;
+    // Those that take more than a call, and a system that does not cut, have the usual way.
+    inside_->ready = !segments_refused && inside_->messages.fill(datagrams, true).empty();
+    inside_->messages.address(inside_->to);
+}
+
+uint32_t letters::send(int fd, const sockaddr_in& to) noexcept {
+    if (!inside_ || !inside_->ready || !kernel_cuts_segments(fd)) return 0;
+    inside_->to = to;
+    const int messages = inside_->messages.send(fd);
+    return messages > 0 ? static_cast<uint32_t>(inside_->messages.datagrams(messages)) : 0;
 }
 
 int receive_datagrams(int fd, std::span<received_t> datagrams) noexcept {

@@ -1,14 +1,12 @@
 #include "platform/socket_api.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -86,19 +84,6 @@ int transfer(Call call) noexcept {
 
 size_t transfer_size(size_t size) noexcept { return std::min<size_t>(size, INT_MAX); }
 
-short poll_events(uint8_t wanted) noexcept {
-    return static_cast<short>((wanted & watch_t::read ? POLLIN : 0) | (wanted & watch_t::write ? POLLOUT : 0));
-}
-
-// A hang-up or an error stands in both sets: the next call on the socket returns at once and tells it.
-uint8_t found_from_poll(short events, uint8_t wanted) noexcept {
-    if (events & POLLNVAL) return watch_t::closed;
-    const bool ended = events & (POLLERR | POLLHUP);
-    const bool readable = ended || (events & POLLIN);
-    const bool writable = ended || (events & POLLOUT);
-    return static_cast<uint8_t>(wanted & ((readable ? watch_t::read : 0) | (writable ? watch_t::write : 0)));
-}
-
 }  // namespace
 
 void start_sockets() noexcept {}
@@ -157,6 +142,10 @@ bool set_blocking(int fd, bool on) noexcept {
     return flags >= 0 && fcntl(fd, F_SETFL, on ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) >= 0;
 }
 
+bool open_local_pair(int fds[2]) noexcept {
+    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds) == 0;
+}
+
 // Two sockets share a UDP port only when both carry the option, and the system's choice of a free port, too, takes
 // ports of sockets that carry it for free.
 bool set_exclusive(int fd) noexcept { return set_option(fd, option::reuse_address, 0); }
@@ -196,24 +185,6 @@ int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept 
         socklen_t size = sizeof *from;
         return recvfrom(fd, bytes.data(), transfer_size(bytes.size()), 0, generic(from), from ? &size : nullptr);
     });
-}
-
-int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept {
-    assert(watches.size() <= max_watches);
-    pollfd polled[max_watches];
-    for (size_t i = 0; i < watches.size(); ++i) {
-        const watch_t& watch = watches[i];
-        polled[i] = {.fd = watch.wanted ? watch.fd : -1, .events = poll_events(watch.wanted), .revents = 0};
-    }
-    // poll() in all but the unit of time: media is paced by less than milliseconds.
-    const timespec longest{.tv_sec = static_cast<time_t>(microseconds / 1'000'000),
-                           .tv_nsec = static_cast<long>(microseconds % 1'000'000) * 1000};
-    int ready = ppoll(polled, watches.size(), &longest, nullptr);
-    if (ready < 0 && errno == EINTR) ready = 0;
-    for (size_t i = 0; i < watches.size(); ++i) {
-        watches[i].found = ready > 0 ? found_from_poll(polled[i].revents, watches[i].wanted) : 0;
-    }
-    return ready;
 }
 
 }  // namespace net::platform

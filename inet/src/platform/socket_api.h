@@ -4,6 +4,7 @@
 
 #include "inet/net_socket.h"
 
+#include <atomic>
 #include <cstdint>
 #include <span>
 
@@ -42,6 +43,10 @@ enum class option { keep_alive, no_delay, reuse_address, receive_buffer, ttl, mu
 bool set_option(int fd, option which, int value) noexcept;
 bool set_blocking(int fd, bool on) noexcept;
 
+/// A connected, non-blocking pair within the process that costs less than one by way of the network; false where the
+/// system has none.
+bool open_local_pair(int fds[2]) noexcept;
+
 /// Before bind: nobody else will share the port, whatever options they set. The second is for TCP listeners, whose port
 /// can be bound again while connections of the one before are fading away.
 bool set_exclusive(int fd) noexcept;
@@ -61,6 +66,24 @@ int send_pieces(int fd, buffer_t first, buffer_t second) noexcept;
 void end_output(int fd) noexcept;
 /// Sends each as one datagram, in their order. @return how many went before one was refused, -1 when the first was.
 int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept;
+/// Datagrams to be sent to one address after another: what their messages are is found out once.
+class letters {
+public:
+    letters() noexcept = default;
+    ~letters();
+    letters(const letters&) = delete;
+    letters& operator=(const letters&) = delete;
+
+    /// Takes note of them; their bytes may change from one send() to the next. Addresses are not looked at.
+    void prepare(std::span<const datagram_t> datagrams) noexcept;
+    /// @return how many went, from the first on; what did not go is left to send_datagrams()
+    uint32_t send(int fd, const sockaddr_in& to) noexcept;
+
+private:
+    struct inside;
+    inside* inside_ = nullptr;
+};
+
 /// Receives those that are there. @return how many, -1 when there is none.
 int receive_datagrams(int fd, std::span<received_t> datagrams) noexcept;
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept;
@@ -91,15 +114,44 @@ struct watch_t {
     static constexpr uint8_t closed = 4;
 
     int fd;
-    uint8_t wanted;  ///< read and write; 0 is not waited for
-    uint8_t found;   ///< what of the wanted can be done without blocking, an error included; closed: no such socket
+    uint8_t wanted;    ///< read and write; 0 is not waited for
+    uint8_t found;     ///< what of the wanted can be done without blocking, an error included; closed: no such socket
+    uint8_t held = 0;  ///< the waiter's: what the system knows to be wanted
+    uint32_t ticket = 0;  ///< the waiter's
 };
 
-/// The most descriptors one wait takes.
+/// The most descriptors that one wait may want something of.
 inline constexpr uint32_t max_watches = 1024;
 
 /// Waits until one of the descriptors is found ready or that time has passed, which may be rounded up.
 /// @return the number of ready ones, 0 also when a signal came, -1 when the system refused; then nothing is found.
 int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept;
+
+/// Does the same again and again for much the same descriptors, by the way that the system has for that. One thread's
+/// but for leave().
+class waiter {
+public:
+    waiter() noexcept = default;
+    ~waiter();
+    waiter(const waiter&) = delete;
+    waiter& operator=(const waiter&) = delete;
+
+    /// Before the watches of the next wait are told. @return whether all are to be told anew
+    bool begin_round() noexcept;
+    /// Tells the system what is wanted of a watch, where `held` differs. The descriptor is not closed meanwhile.
+    /// @param place  of the watch in the waits to come
+    void tell(watch_t& watch, uint32_t place) noexcept;
+    /// A descriptor may be closed from now on, or be somebody else's. Any thread.
+    void leave(int fd) noexcept;
+    /// As wait_sockets(). @param watches  those that want nothing may be among them
+    int wait(std::span<watch_t> watches, int64_t microseconds) noexcept;
+
+private:
+    void start_anew(std::span<watch_t> watches) noexcept;
+
+    std::atomic<int> set_ = -1;
+    uint32_t tickets_ = 0;
+    int64_t told_ = 0;  ///< when all were told anew
+};
 
 }  // namespace net::platform

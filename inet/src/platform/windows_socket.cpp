@@ -250,6 +250,8 @@ bool set_blocking(int fd, bool on) noexcept {
 }
 
 // Sharing would let anybody take the port over; the option is refused while reuse is on.
+bool open_local_pair(int[2]) noexcept { return false; }
+
 bool set_exclusive(int fd) noexcept {
     return set_option(fd, option::reuse_address, 0) && set(fd, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, BOOL{TRUE});
 }
@@ -308,6 +310,14 @@ int wait_sockets(std::span<watch_t> watches, int64_t microseconds) noexcept {
     writers.mark(watches, watch_t::write);
     failed.mark(watches, watch_t::read | watch_t::write);
     return static_cast<int>(std::ranges::count_if(watches, [](const watch_t& watch) { return watch.found != 0; }));
+}
+
+waiter::~waiter() = default;
+bool waiter::begin_round() noexcept { return false; }
+void waiter::tell(watch_t& watch, uint32_t) noexcept { watch.held = watch.wanted; }
+void waiter::leave(int) noexcept {}
+int waiter::wait(std::span<watch_t> watches, int64_t microseconds) noexcept {
+    return wait_sockets(watches, microseconds);
 }
 
 }  // namespace net::platform

@@ -70,8 +70,10 @@ void client_t::on_tcp_received(net::Tcp*, buf_t* received) noexcept {
         partner_->flush();
         owner_.on().wake(*partner_);
         partner_->count_sharing();
+        if (partner_->live_) partner_->live_->look_again(*partner_);
     }
     count_sharing();
+    if (live_) live_->look_again(*this);
     if (!finished_) owner_.on().wake(*this);
 }
 
@@ -178,6 +180,30 @@ void client_t::stop_playing() noexcept {
 
 void client_t::deliver(const entry_t& entry, ::rtp::Packets* packets) noexcept {
     if (watching()) send(entry, packets);
+}
+
+void client_t::look(place_t& out) noexcept {
+    out.direct = watching() && rtsp_->send_buffer()->length == 0 && tcp_->waiting() == 0;
+    if (!out.direct) return;
+    out.tcp = tcp_;
+    out.host = peer_.sin_addr;
+    std::ranges::fill(out.tracks, nullptr);
+    for (uint32_t i = 0; const rtsp3::trak_t* trak = rtsp_->trak(i); ++i) {
+        if (!trak->set_up || trak->shared || !trak->rtp->active) continue;
+        const auto kind = static_cast<size_t>(kind_of(trak->fcc));
+        out.tracks[kind] = trak->rtp;
+        out.channels[kind] = trak->channel;
+        out.ports[kind] = trak->protocol == rtsp3::protocol_t::rtp_udp ? trak->client_port : uint16_t{0};
+    }
+    if (out.tracks[static_cast<size_t>(kind_t::video)] && pictures_.wait()) out.direct = false;
+}
+
+void client_t::keep(buffer_t rest, bool begun) noexcept {
+    buf_t& out = *rtsp_->send_buffer();
+    if (core_buf_read(&out, rest.data, rest.size) == rest.size) return flush();
+    if (begun) return finish();  // a picture that lacks its end breaks the framing
+    ++owner_.on().count().dropped;
+    leave_out();
 }
 
 void client_t::send(const entry_t& entry, ::rtp::Packets* packets) noexcept {

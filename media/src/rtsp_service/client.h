@@ -33,6 +33,10 @@ public:
     /// A frame of the present. @param packets  null for a frame that makes none
     void deliver(const entry_t& entry, ::rtp::Packets* packets) noexcept;
     void leave_out() noexcept { pictures_.leave_out(); }
+    /// Tells what frames need that go straight to the system, when they may.
+    void look(place_t& out) noexcept;
+    /// The end of a picture that the system did not take. @param begun  it took the beginning
+    void keep(buffer_t rest, bool begun) noexcept;
     /// A datagram that came to the RTCP socket. @return whether it is this client's
     bool take_report(const sockaddr_in& from, buffer_t report) noexcept;
 

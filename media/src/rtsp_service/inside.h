@@ -75,7 +75,7 @@ private:
 
     std::mutex groups_lock_;
     core::vector<core::owned_object<group>> groups_;
-    uint16_t next_group_port_ = 0;
+    uint32_t next_group_port_ = 0;
 };
 
 }  // namespace media::rtsp

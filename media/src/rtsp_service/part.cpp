@@ -10,18 +10,39 @@
 
 namespace media::rtsp {
 
+namespace {
+
+/// While a send runs, what the next ones need comes from the memory: since the last frame it has left the caches.
+void fetch_ahead(const place_t& next, const place_t& after, size_t kind) noexcept {
+    __builtin_prefetch(next.tracks[kind]);
+    __builtin_prefetch(next.tcp);
+    __builtin_prefetch(&after);
+    __builtin_prefetch(&after.tracks);
+}
+
+sockaddr_in address_of(in_addr host, uint16_t port) noexcept {
+    sockaddr_in made{};
+    made.sin_family = AF_INET;
+    made.sin_addr = host;
+    made.sin_port = htons(port);
+    return made;
+}
+
+}  // namespace
+
+live::~live() {
+    if (following_) owner_.on().unfollow(stream_, *this);
+    core_log_free(log_);
+}
+
 bool live::begin() noexcept {
     following_ = owner_.on().follow(stream_, *this) != 0;
     return following_;
 }
 
-void live::end() noexcept {
-    if (std::exchange(following_, false)) owner_.on().unfollow(stream_, *this);
-}
-
 bool live::add(client_t& one, uint64_t from) noexcept {
     try {
-        places_.push_back({&one, from});
+        places_.push_back({.one = &one, .from = from});
         return true;
     } catch (const std::bad_alloc&) {
         return false;
@@ -30,27 +51,73 @@ bool live::add(client_t& one, uint64_t from) noexcept {
 
 void live::remove(const client_t& one) noexcept {
     for (place_t& each : places_) {
-        if (each.one == &one) each.one = nullptr;
+        if (each.one != &one) continue;
+        each = {};
+        left_ = true;
     }
-    if (!passing_) std::erase_if(places_, [](const place_t& each) { return !each.one; });
+    if (!passing_) drop_left();
 }
 
+void live::drop_left() noexcept {
+    if (std::exchange(left_, false)) std::erase_if(places_, [](const place_t& each) { return !each.one; });
+}
+
+void live::look_again(const client_t& one) noexcept {
+    for (place_t& each : places_) {
+        if (each.one == &one) each.direct = false;
+    }
+}
+
+// One pass over the players. What is not as usual is left to the client, which looks at all that it has.
 void live::on_entry(read_t what, const entry_t& entry) noexcept {
     ::rtp::Packets* const packets = what == read_t::frame ? owner_.cut().of(stream_, entry) : nullptr;
+    const bool usual = packets && !core_log_wanted(log_);
+    const auto kind = static_cast<size_t>(entry.kind);
+    prepared_ = false;
     passing_ = true;
     for (size_t i = 0; i < places_.size(); ++i) {
-        const auto [one, from] = places_[i];
+        place_t& place = places_[i];
+        if (usual && i + 2 < places_.size()) fetch_ahead(places_[i + 1], places_[i + 2], kind);
+        if (usual && place.direct && (!place.tracks[kind] || send(place, kind, *packets))) continue;
+        client_t* const one = place.one;
         if (!one) continue;
-        if (what == read_t::frame) {
-            if (entry.number >= from) one->deliver(entry, packets);
-        } else if (what == read_t::lost) {
+        if (what == read_t::ended) one->finish();
+        if (what == read_t::lost) {
             one->leave_out();
-        } else if (what == read_t::ended) {
-            one->finish();
+            place.direct = false;
         }
+        if (what != read_t::frame || entry.number < place.from) continue;
+        one->deliver(entry, packets);
+        if (place.one) one->look(place);
     }
     passing_ = false;
-    std::erase_if(places_, [](const place_t& each) { return !each.one; });
+    drop_left();
+}
+
+// False when nothing went: it is the client's then.
+bool live::send(place_t& to, size_t kind, ::rtp::Packets& packets) noexcept {
+    ::rtp::trak_t& track = *to.tracks[kind];
+    if (packets.time() >= track.next_rtcp || packets.fcc() != track.fcc) return false;
+    const bool udp = to.ports[kind] != 0;
+    net::Datagrams& out = owner_.datagrams();
+    const uint32_t count = packets.count();
+    if (udp && !out.has_room(count)) return false;
+    packets.stamp(track);
+    if (!udp) {
+        packets.set_channel(to.channels[kind]);
+        const buffer_t whole = packets.interleaved();
+        const uint32_t went = to.tcp->lend(whole);
+        if (went == whole.size) return true;
+        to.direct = false;
+        to.one->keep({whole.data + went, whole.size - went}, went != 0);
+        return true;
+    }
+    const sockaddr_in port = address_of(to.host, to.ports[kind]);
+    if (!std::exchange(prepared_, true)) out.prepare(packets.datagrams(port), count);
+    const uint32_t went = out.send_prepared(port);
+    if (went != count) out.send(packets.datagrams(port) + went, count - went);
+    owner_.on().count().bytes += packets.size();
+    return true;
 }
 
 ::rtp::Packets* cut_frames::of(const stream& from, const entry_t& entry) noexcept {

@@ -3,9 +3,11 @@
 
 #include "rtsp_service/inside.h"
 
+#include "core/log.h"
 #include "core/memory.h"
 #include "inet/net_datagrams.h"
 #include "inet/net_socket.h"
+#include "inet/net_tcp.h"
 #include "inet/rtp_packets.h"
 
 #include <array>
@@ -26,36 +28,50 @@ void take_reports(int fd, Take take) noexcept {
         take(from, buffer_t{report.data, report.length});
 }
 
+/// A live player in a line of the cache: what a frame needs that goes straight from where it was cut to the system.
+struct place_t {
+    client_t* one = nullptr;  ///< null: left while frames are passed on
+    uint64_t from = 0;        ///< number of the first frame that it is sent
+    net::Tcp* tcp = nullptr;  ///< of those tracks that travel in the RTSP connection
+    in_addr host{};           ///< of the others
+    uint16_t ports[kind_count]{};
+    uint8_t channels[kind_count]{};
+    /// The rest holds and nothing waits for the player; else the client looks after the frame.
+    bool direct = false;
+    ::rtp::trak_t* tracks[kind_count]{};  ///< null: not sent
+};
+
 /// The players of a thread that have come up to the present of one stream: each frame is cut once for all of them.
 class live final : public reader {
 public:
-    live(part_t& owner, stream& of) noexcept : owner_(owner), stream_(of) {}
-    ~live() { end(); }
+    live(part_t& owner, stream& of) noexcept : owner_(owner), stream_(of), log_(core_log_create(CORE_HERE, "rtp")) {}
+    ~live();
     live(const live&) = delete;
     live& operator=(const live&) = delete;
 
     bool begin() noexcept;
-    void end() noexcept;
     const stream& of() const noexcept { return stream_; }
 
     /// @param from  number of the first frame that it is sent. @return false when memory is out
     bool add(client_t& one, uint64_t from) noexcept;
     void remove(const client_t& one) noexcept;
+    /// What its session has may have changed.
+    void look_again(const client_t& one) noexcept;
     uint32_t users = 0;  ///< players that are here or on the way
 
 private:
     void on_entry(read_t what, const entry_t& entry) noexcept override;
-
-    struct place_t {
-        client_t* one;  ///< null: left while frames are passed on
-        uint64_t from;
-    };
+    bool send(place_t& to, size_t kind, ::rtp::Packets& packets) noexcept;
+    void drop_left() noexcept;
 
     part_t& owner_;
     stream& stream_;
+    log_ctx* log_;  ///< of what sessions write about frames: while somebody reads it, they do the sending
     core::vector<place_t> places_;
     bool following_ = false;
-    bool passing_ = false;  ///< a frame is passed on now
+    bool passing_ = false;   ///< a frame is passed on now
+    bool prepared_ = false;  ///< as datagrams
+    bool left_ = false;      ///< there are places of nobody
 };
 
 /// Remembers the frames that were cut last: players that come up are sent the same ones.

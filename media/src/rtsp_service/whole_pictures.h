@@ -14,6 +14,9 @@ public:
     /// Pictures were left out.
     void leave_out() noexcept { waits_for_key_ = true; }
 
+    /// Whether none may go but a key picture.
+    bool wait() const noexcept { return waits_for_key_; }
+
     /// Calls `send` for a frame that may go, which answers whether it went. @return false for a picture that did not
     template <class Send>
     bool pass(const entry_t& entry, Send send) noexcept {

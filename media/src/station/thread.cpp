@@ -155,33 +155,22 @@ void thread::inside::on_news(void* arg) noexcept {
 void thread::inside::on_wake(void* arg, uint32_t) noexcept {
     auto* self = static_cast<inside*>(arg);
     self->news = false;
-    self->read_feeds();
-}
-
-void thread::inside::read_feeds() noexcept {
     bool more = false;
-    for (size_t i = 0; i < feeds.size(); ++i)
-        more |= read(*feeds[i]);
-    drop_unread();
-    if (more) on_news(this);
-}
-
-/// @return whether something is left
-bool thread::inside::read(feed& of) noexcept {
     entry_t entry;
-    for (int i = 0; i < most_at_once; ++i) {
-        const read_t what = of.place.next(entry);
-        if (what == read_t::nothing) return false;
-        tell(of, what, entry);
-        if (what == read_t::ended) return false;
+    for (size_t i = 0; i < self->feeds.size(); ++i) {
+        feed& of = *self->feeds[i];
+        int left = most_at_once;
+        read_t what = read_t::frame;
+        while (what != read_t::ended && left != 0 && (what = of.place.next(entry)) != read_t::nothing) {
+            --left;
+            for (size_t k = 0; k < of.readers.size(); ++k) {
+                if (of.readers[k]) of.readers[k]->on_entry(what, entry);
+            }
+        }
+        more = more || left == 0;
     }
-    return true;
-}
-
-void thread::inside::tell(feed& of, read_t what, const entry_t& entry) noexcept {
-    for (size_t i = 0; i < of.readers.size(); ++i) {
-        if (of.readers[i]) of.readers[i]->on_entry(what, entry);
-    }
+    self->drop_unread();
+    if (more) on_news(self);
 }
 
 void thread::inside::drop_unread() noexcept {

@@ -46,9 +46,6 @@ struct thread::inside final : net::Thread {
     bool open_wake() noexcept;
     void make_parts(failure_t* error) noexcept;
     void close_all() noexcept;
-    void read_feeds() noexcept;
-    bool read(feed& of) noexcept;
-    void tell(feed& of, read_t what, const entry_t& entry) noexcept;
     void drop_unread() noexcept;
     void serve_due(uint64_t now) noexcept;
     void erase_finished() noexcept;

@@ -89,6 +89,7 @@ int cursor::open(stream& from, const settings_t& settings) noexcept {
         } catch (const std::bad_alloc&) {
             return 0;
         }
+        in.reserving += settings.reserve != 0;
         made->next = settings.at_key && in.key != no_number ? in.key : in.next;
         made->wants_key = !settings.any;
         made->gaps_told = made->next == in.next ? in.gaps : in.slot(made->next).gaps;
@@ -106,6 +107,7 @@ void cursor::close() noexcept {
     {
         const std::lock_guard held(from.lock);
         std::erase(from.cursors, inside_);
+        from.reserving -= inside_->settings.reserve != 0;
         if (inside_->settings.counts && from.readers.fetch_sub(1) == 1) {
             from.demand.idle_since = core_timer();
             stir(from);

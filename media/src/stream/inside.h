@@ -159,6 +159,7 @@ struct stream::inside {
     core::vector<uint8_t> config;  ///< room for parameter sets at work
 
     core::vector<cursor::inside*> cursors;
+    uint32_t reserving = 0;  ///< of them, those with a reserve
     std::mutex demand_lock;  ///< held while demand_t::wanted runs
     demand_t demand;
     std::atomic<uint32_t> readers = 0;     ///< cursors that count as demand
