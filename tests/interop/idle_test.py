@@ -51,6 +51,7 @@ class SignsOfLife(CameraCase):
             with self.assertRaises((EOFError, ConnectionError), msg="without any it ends"):
                 for _ in range(3000):
                     player.packet()
+        self.assertIn("--timeout 3", self.camera.told())
 
 
 def turned_away(waiting, least):
