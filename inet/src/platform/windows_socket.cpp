@@ -222,8 +222,11 @@ void close_socket(int fd) noexcept {
     set_last_error(error);
 }
 
+// A port that another socket has for itself is refused as one that may not be used. No port needs a privilege here.
 bool bind_socket(int fd, const sockaddr_in& address) noexcept {
-    return bind(handle_of(fd), generic(&address), sizeof address) == 0;
+    if (bind(handle_of(fd), generic(&address), sizeof address) == 0) return true;
+    if (last_error() == WSAEACCES) set_last_error(WSAEADDRINUSE);
+    return false;
 }
 
 // A plain backlog is cut to 200.
