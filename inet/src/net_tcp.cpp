@@ -228,9 +228,11 @@ int Tcp::take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept {
     if (in.fd >= 0) return -5;
     in.fd = fd;
     in.peer = peer;
-    in.up = in.watch(nt, nt_flag_read);
-    if (!in.up) in.fd = -1;
-    return in.up ? 0 : -1;
+    in.up = true;  // from when it is watched on, it is the loop's
+    if (in.watch(nt, nt_flag_read)) return 0;
+    in.up = false;
+    in.fd = -1;
+    return -1;
 }
 
 void Tcp::detach() noexcept { inside_->unwatch(); }

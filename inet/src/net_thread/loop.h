@@ -45,7 +45,7 @@ struct nt_ctx {
     std::atomic<bool> wake_ordered = false;
     loopback_pair wake_pair;         // the loop's own, until the two are there
     int64_t wake_retry = INT64_MIN;  // when the loop may begin to make it again, in microseconds
-    bool has_local_pair = false;  // by platform::open_local_pair()
+    bool has_local_pair = false;     // by platform::open_local_pair()
 
     // From any thread to the loop.
     slist* new_sockets;
