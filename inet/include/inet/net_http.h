@@ -1,14 +1,13 @@
-/// One HTTP connection (RFC 9112), server or client, on a network thread. It frames what is received, hands each message
-/// with its body to its owner, splits a multipart body into media frames, or writes a body to a file. The log is named
-/// "http".
+/// One HTTP connection (RFC 9112), server or client, on a network thread. It takes received bytes apart into messages.
+/// The body of a message is handed to the owner, split into media frames (multipart), or written to a file. The log is
+/// named "http".
 ///
 /// A message comes in two calls of on_message with status 0:
-///     1. its header is there; nothing of the body has been read. An owner that answers a request here has answered it:
-///        the body is dropped, and there is no second call
-///     2. it is whole, with its body
-/// From the second call on nothing more is parsed until the owner has queued an answer to the request, which may take
-/// any time. Requests that come meanwhile wait, and so do their senders. "Expect: 100-continue" is answered between the
-/// calls.
+///     1. The header is there; nothing of the body has been read. When the owner answers a request here, the body is
+///        dropped, and there is no second call
+///     2. The message is whole, with its body
+/// After the second call nothing more is parsed until the owner has queued an answer to the request. It may take any
+/// time. Later requests wait. "Expect: 100-continue" is answered between the two calls.
 ///
 /// How a body is framed:
 ///     Content-Length             of all messages
@@ -16,13 +15,14 @@
 ///     the end of the connection  of a response with "Connection: close" and neither of the two, and of a download
 ///     none                       of everything else: the second call has no body
 ///
-/// What becomes of it, by its Content-Type ("text/plain" when there is none):
+/// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
 ///     "multipart/"                                       part by part to on_frame, then a second call without a body
 ///     anything else                                      dropped, then on_message with status -3
 ///
-/// A part of a multipart body ends behind its Content-Length, else where the next boundary begins. The frame's data is
-/// what stands behind the part's header, borrowed for the call; its time is time_now().
+/// A part of a multipart body ends after its Content-Length, else where the next boundary begins. The frame's data is
+/// the body of the part, valid until the callback returns. Its time is time_now(). Its format follows from the part's
+/// Content-Type:
 ///     "image/jpeg"   "JPEG"
 ///     "video/h264"   "H264"
 ///     "audio/pcmu"   "PCMU", 8000 samples of 16 bits, one channel
@@ -33,10 +33,10 @@
 ///     body, part  net_http_set_limit(), 8 MiB; downloads and dropped bodies have none
 ///     chunk line  256 bytes, trailers 4096
 ///     input       a header and a body
-/// The queue of what is sent has no bound: on_drained tells when to queue more.
+/// The output queue has no bound. on_drained tells when to queue more.
 ///
-/// Queueing may be done on any thread. All else, and every callback, belongs to the network thread, but for the calls
-/// before a connection is there, and for net_http_close().
+/// Any thread may queue, call net_http_close(), and call what comes before there is a connection. All other calls, and
+/// every callback, belong to the network thread.
 #pragma once
 
 #include "avc/frame.h"
@@ -60,26 +60,26 @@ enum http_status_t : int {
     http_message = 0,
     http_malformed = -1,     ///< no way to tell where the message ends, or a NUL in its header (400)
     http_header_large = -2,  ///< what was received is dropped (431)
-    http_unknown_type = -3,  ///< once the body was dropped (415)
-    http_body_large = -4,    ///< (413)
-    http_not_written = -5,   ///< the file of a download; it is removed
+    http_unknown_type = -3,  ///< the body was dropped for its Content-Type (415)
+    http_body_large = -4,    ///< the body is above net_http_set_limit() (413)
+    http_not_written = -5,   ///< the file of a download could not be written; it is removed
 };
 
-/// Callbacks of an owner; each may be null. Inside each every function below may be called.
+/// Callbacks of an owner. Each may be null. Every function below may be called inside a callback.
 struct http_info {
     void* arg = nullptr;
     /// The connection of net_http_connect() is established.
     void (*on_connect)(void* arg, http_ctx* ctx) = nullptr;
-    /// A listening connection accepted `fd`. @param keep  1; 0 has the new socket closed
+    /// A listening connection accepted `fd`. @param keep  1; set it to 0 to have the new socket closed
     void (*on_accept)(void* arg, http_ctx* ctx, int fd, const sockaddr_in* peer, int* keep) = nullptr;
     /// The peer closed the connection, reading failed, or net_http_connect() did.
     void (*on_close)(void* arg, http_ctx* ctx) = nullptr;
-    /// A message, or an error. @param header, body  valid for the call; null when there is none. After -1 and -4 nothing
-    /// more is read
+    /// A message, or an error. After -1 and -4 nothing more is read.
+    /// @param header, body  valid until the callback returns; null when there is none
     void (*on_message)(void* arg, http_ctx* ctx, int status, http::header_s* header, const buffer_t* body) = nullptr;
     /// All that was queued has gone to the system.
     void (*on_drained)(void* arg, http_ctx* ctx) = nullptr;
-    /// A part of a multipart body. @param frame  valid for the call
+    /// A part of a multipart body. @param frame  valid until the callback returns
     void (*on_frame)(void* arg, http_ctx* ctx, const av::frame_t* frame) = nullptr;
 };
 
@@ -102,11 +102,12 @@ INET_API net::http_ctx* net_http_open(net::http_info info, net::nt_ctx* nt, cons
 /// net::net_tcp_create() and net::net_tcp_listen2()
 INET_API int net_http_listen(net::http_ctx* ctx, const char* address, unsigned port) noexcept;
 
-/// Serves an accepted socket, which becomes the context's. One that it had before is closed.
-/// @return 0; -5 for a null context; -1 when memory is out: the socket is then the caller's still
+/// Serves an accepted socket, which then belongs to the context. The context's earlier socket is closed.
+/// @return 0; -5 for a null context; -1 when memory is out: the socket then still belongs to the caller
 INET_API int net_http_accept(net::http_ctx* ctx, int fd) noexcept;
 
-/// The same for a connection that was taken elsewhere, with what it has received. Its handler is replaced.
+/// As net_http_accept(), for a connection that was accepted elsewhere, with the bytes that it has received. Its handler
+/// is replaced.
 /// @param from  null on return
 INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
 
@@ -116,45 +117,49 @@ INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned po
 // Queueing. Each returns 1, or 0 when memory is out: nothing was queued then. A header of 8192 bytes or more is sent as
 // a 500 without a body, and the connection then ends.
 
-/// Queues a message. A response with a status of 200 or more is the answer to the request at hand; to a HEAD request it
-/// goes without the body. @param header  may be null: more bytes of the message before
+/// Queues a message. A response with a status of 200 or more answers the current request. To a HEAD request it is sent
+/// without the body.
+/// @param header  null to queue more bytes of the message before
 INET_API int net_http_send_message(net::http_ctx* ctx, const net::http::header_s* header, const void* body,
                                    unsigned size) noexcept;
 
-/// The same without copying the body, behind `text`, which is copied. @param release  called once with `owner` when the body is no longer needed, on
-/// any thread, also when 0 is returned
+/// As net_http_send_message(), with `text` and then `body` as its bytes. `text` is copied, `body` is not.
+/// @param body     valid until `release` is called
+/// @param release  called once with `owner`, on any thread, also when 0 is returned
 INET_API int net_http_send_share(net::http_ctx* ctx, const net::http::header_s* header, buffer_t text, buffer_t body,
                                  void (*release)(void* owner), void* owner) noexcept;
 
-/// Queues a request without fields: "GET", HTTP/1.1. A multipart body that is being received is given up.
+/// Queues a request without fields: "GET", HTTP/1.1. A multipart body that is being received is dropped.
 INET_API int net_http_recv(net::http_ctx* ctx, const char* uri) noexcept;
 
-/// The same for "POST". With data, "Content-Length" and "Content-Type: text/plain" are added.
+/// As net_http_recv(), for "POST". With data, "Content-Length" and "Content-Type: text/plain" are added.
 INET_API int net_http_post(net::http_ctx* ctx, const char* uri, const void* data, size_t size) noexcept;
 
-/// As net_http_recv(), and the body of a response with a status of 200 to 299 goes to the file `directory`/`name`, which
-/// is replaced. It is complete with the second call of on_message, which has no body. A download that breaks off is
-/// removed. The directory is made when it is missing; one that begins with "./" is relative to lib_path().
-/// @return as net_http_recv(); -2 for a null argument, and for a name that is empty, "." or "..", or has a separator, a
-/// ':' or a control character
+/// As net_http_recv(). The body of a response with a status of 200 to 299 is written to the file `directory`/`name`,
+/// which is replaced. The file is complete at the second call of on_message, which has no body. The file of a broken
+/// download is removed. A missing directory is made. A directory that begins with "./" is relative to lib_path().
+/// @return as net_http_recv(); -2 for:
+///   - a null argument,
+///   - a name that is empty, "." or "..", or
+///   - a name with a separator, a ':' or a control character
 INET_API int net_http_download(net::http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept;
 
-/// Beginnings of further content types that are handed over whole, separated by ','; null for none.
+/// Sets the beginnings of further content types whose bodies are handed over whole, separated by ','. Null is none.
 INET_API void net_http_set_type(net::http_ctx* ctx, const char* type) noexcept;
 
-/// Bytes of the longest body, and of the longest part of a multipart body.
+/// Sets the bytes of the longest body, and of the longest part of a multipart body.
 INET_API void net_http_set_limit(net::http_ctx* ctx, uint32_t bytes) noexcept;
 
-/// Ends the connection when all that was queued has gone: the peer reads to its end, what it still sends is dropped, and
-/// on_close comes when it closes its end too. Who has no patience calls net_http_close().
+/// Ends the sending half once all queued bytes have been sent. What the peer sends afterwards is dropped. When the peer
+/// closes its end, too, on_close comes. net_http_close() ends the connection at once.
 INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 
-/// Once a second. @return seconds for which the peer has taken next to nothing of what waits for it
+/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
 
-/// Bytes that the system has taken of this connection.
+/// Bytes of this connection that were given to the system.
 INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 
-/// Closes the connection without a word, releases what was queued and the context, and nulls the pointer. After the call
-/// no callback runs (called in one of them: not after it returns).
+/// Closes the connection at once, releases the queue and the context, and nulls the pointer. After the call no callback
+/// runs. Called inside a callback, none runs after that one has returned.
 INET_API void net_http_close(net::http_ctx*& ctx) noexcept;
