@@ -27,14 +27,19 @@ inline constexpr uint32_t fcc_univ = fcc("UNIV");
 /// Four characters and a terminator; bytes that are not printable become '.'. @return out
 INET_API const char* fcc_str(uint32_t code, char out[5]) noexcept;
 
-/// The code of the family for its other spellings: "avc1", "h264", "x264", "X264" give "H264"; "jpeg", "mjpg", "MJPG"
-/// give "JPEG"; "ulaw", "pcmu" give "PCMU"; "alaw", "pcma" give "PCMA"; "MP4A" and "aac " give "mp4a"; anything else is
-/// itself.
+/// The usual code of a format for its other spellings:
+///     "avc1" "h264" "x264" "X264"  give "H264"
+///     "jpeg" "mjpg" "MJPG"  give "JPEG"
+///     "ulaw" "pcmu"  give "PCMU"
+///     "alaw" "pcma"  give "PCMA"
+///     "MP4A" "aac "  give "mp4a"
+///     anything else  gives itself
 INET_API uint32_t fcc_unic(uint32_t code) noexcept;
 
-/// 1 for the audio codes (PCMU, PCMA, G726, mp4a, "mp3 " and raw "PCM "), 1 for the video codes (H264, JPEG, MP4V and
-/// the raw pictures I420, YV12, NV12, YUY2, UYVY, Y800, RGB3, BGR3, RGB4, BGR4), 1 for what is compressed, else 0; each
-/// after fcc_unic().
+/// Each takes a code through fcc_unic() first. @return 1 for these codes, else 0:
+///   - audio: PCMU, PCMA, G726, mp4a, "mp3 " and raw "PCM "
+///   - video: H264, JPEG, MP4V and the raw pictures I420, YV12, NV12, YUY2, UYVY, Y800, RGB3, BGR3, RGB4, BGR4
+///   - compress: those of both that are not raw
 INET_API int fcc_is_audio(uint32_t code) noexcept;
 INET_API int fcc_is_video(uint32_t code) noexcept;
 INET_API int fcc_is_compress(uint32_t code) noexcept;

@@ -1,4 +1,4 @@
-/// JPEG inspection and the header that RTP leaves out (RFC 2435, appendix B). Any thread.
+/// Inspection of JPEG pictures, and the header that RTP leaves out (RFC 2435, appendix B). Any thread.
 #pragma once
 
 #include "core/api.h"
@@ -12,7 +12,7 @@ struct jpeg_info_t {
     uint32_t width;
     uint32_t height;
     uint32_t components;
-    uint8_t sampling[3];        ///< of the first ones: horizontal factor in the high half, vertical in the low; else 0
+    uint8_t sampling[3];        ///< of the first three: horizontal factor in the high half, vertical in the low; else 0
     uint32_t restart_interval;  ///< 0 without DRI
     bool progressive;
 };

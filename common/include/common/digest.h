@@ -18,17 +18,17 @@ INET_API void HMACsha256(const void* key, size_t key_size, const void* data, siz
 
 /// Bytes as Base64 with padding, without line ends.
 INET_API char* b64(const void* data, size_t size, const char* file, int line) noexcept;
-/// The same into room of the caller's: (size + 2) / 3 * 4 characters, without an end. `text` may be `data`.
+/// The same into the caller's `text`: (size + 2) / 3 * 4 characters, without a terminator. `text` may be `data`.
 INET_API void b64_encode(const void* data, size_t size, char* text) noexcept;
 
 /// Appends decoded bytes to `out`, stopping at the padding or at the first character that is neither Base64 nor blank
-/// (space, tab, CR, LF). Bits left over that make no whole byte are dropped.
+/// (space, tab, CR, LF). Bits at the end that make no whole byte are dropped.
 /// @return the bytes appended; 0, with `out` as before, also when memory is out
 INET_API uint32_t b64_decode(const char* text, size_t size, buf_t* out, const char* file, int line) noexcept;
 
-/// Random letters and digits from the system's generator, `length` of them, each of the 62 as likely.
+/// Text of `length` random letters and digits from the system's generator. Each of the 62 is equally likely.
 INET_API char* common_srand(uint32_t length, const char* file, int line) noexcept;
 
-/// Fills bytes from the system's generator. A system that has no random bytes to give ends the process: nonces and keys
-/// that an attacker can guess are worse than none.
+/// Fills bytes from the system's generator. The process ends when the system has no random bytes, so no nonce or key is
+/// ever predictable.
 INET_API void common_random(void* out, size_t size) noexcept;

@@ -1,5 +1,5 @@
-/// H.264 byte streams and parameter sets (ITU-T H.264, Annex B and 7.3.2). No allocation. Any thread.
-/// Spans that come back point into the stream that was given.
+/// H.264 byte streams and parameter sets (ITU-T H.264, Annex B and 7.3.2). No allocation. Any thread. Returned spans
+/// point into the given stream, and are valid until its bytes end or change.
 #pragma once
 
 #include "core/api.h"
@@ -32,16 +32,16 @@ struct h264_info_t {
     uint32_t max_num_ref_frames;
     uint32_t num_units_in_tick;  ///< 0 without timing information
     uint32_t time_scale;
-    uint8_t max_num_reorder_frames;  ///< pictures that may be decoded before one that is shown before them; 0 when the
-                                     ///< stream does not say
+    uint8_t max_num_reorder_frames;  ///< pictures that may precede one in decoding order and follow it in display
+                                     ///< order; 0 when the stream does not say
     uint8_t log2_max_frame_num;
     uint8_t picture_order_type;      ///< 0 to 2
     uint8_t log2_max_picture_order;  ///< of type 0
 };
 
-/// Takes the next NAL unit off the front of an Annex B stream; three- and four-byte start codes, trailing zero bytes
-/// left out, and NAL units without a byte passed over. Bytes before the first start code are skipped. A stream taken
-/// to its end in this way is read once. @return the NAL unit, empty when there is none left.
+/// Takes the next NAL unit off the front of an Annex B stream. Start codes have three or four bytes. Trailing zero
+/// bytes are left out. Bytes before the first start code, and empty NAL units, are skipped. Calls until the end read
+/// the stream once. @return the NAL unit, empty when there is none left.
 INET_API std::span<const uint8_t> h264_next_nal(std::span<const uint8_t>& stream) noexcept;
 
 /// Type of a NAL unit; 0 for an empty one.
@@ -50,17 +50,17 @@ INET_API uint8_t h264_nal_type(std::span<const uint8_t> nal) noexcept;
 /// 1 for the types that carry slices of the picture (1 to 5), else 0.
 INET_API int h264_is_slice(uint8_t type) noexcept;
 
-/// First NAL unit of a type in an Annex B stream, read no further than its end; empty when there is none.
+/// First NAL unit of a type in an Annex B stream; empty when there is none. The stream is read up to the end of that
+/// unit.
 INET_API std::span<const uint8_t> h264_find(std::span<const uint8_t> stream, uint8_t type) noexcept;
 
 /// The stream from its first slice on, starting at the NAL header, with all that follows; empty when there is none.
-/// What stands before (delimiter, parameter sets, SEI) is all that is read, so that asking a picture for its kind does
-/// not cost a pass over its slices.
+/// Only what stands before it (delimiter, parameter sets, SEI) is read. The slices are not.
 INET_API std::span<const uint8_t> h264_first_slice(std::span<const uint8_t> stream) noexcept;
 
-/// Reads a sequence parameter set (NAL header included, emulation prevention bytes in place). Of one whose VUI is cut
-/// short, or is not what the standard says, what was read before stands.
-/// @return 1, or 0 when it is cut short before, or says there what the standard forbids; `out` is then as before.
+/// Reads a sequence parameter set (NAL header included, emulation prevention bytes in place). When the VUI is cut short
+/// or malformed, what was read before it is kept.
+/// @return 1; 0 when it is cut short or malformed before the VUI: `out` is then as before.
 INET_API int h264_parse_sps(std::span<const uint8_t> nal, h264_info_t* out) noexcept;
 
 /// Parameter sets of an access unit or an extradata stream: sets the spans to the first SPS and PPS (empty when
@@ -78,7 +78,7 @@ struct h264_slice_t {
 };
 
 /// Reads the head of a slice (7.3.3). @param sps  of its sequence
-/// @return 1, or 0 when it is none, or cut short; `out` is then as before.
+/// @return 1; 0 when the NAL unit is no slice or is cut short: `out` is then as before.
 INET_API int h264_parse_slice(std::span<const uint8_t> nal, const h264_info_t& sps, h264_slice_t* out) noexcept;
 
 /// 1 when the NAL unit begins a new access unit after one that holds a slice (7.4.1.2.3): an AUD, SPS, PPS, SEI or one

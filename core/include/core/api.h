@@ -1,4 +1,4 @@
-/// The macros of the house: what is exported, what is checked as printf() is, and where a call stands.
+/// Macros of all libraries: INET_API exports, INET_PRINTF checks a format, CORE_HERE names the line of a call.
 #pragma once
 
 #if defined(_WIN32) && defined(INET_SHARED_BUILD)
@@ -15,8 +15,8 @@
 #if defined(__MINGW32__)
 #define INET_PRINTF(text, first) [[gnu::format(gnu_printf, text, first)]]
 #elif defined(__GNUC__)
-/// Lets the compiler hold a call's arguments against its format: the positions of the format text and of the first
-/// argument to check (0 for a va_list), counted from 1.
+/// Lets the compiler check a call's arguments against its format. `text` is the position of the format, `first` that of
+/// the first argument to check (0 for a va_list). Positions count from 1.
 #define INET_PRINTF(text, first) [[gnu::format(printf, text, first)]]
 #else
 #define INET_PRINTF(text, first)

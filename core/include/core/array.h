@@ -1,6 +1,6 @@
-/// Null-terminated arrays of pointers. An empty array is null; calls that change one may move it, so callers keep what
-/// they return: `items = core_array_add(items, item, CORE_HERE)`. The array owns itself, not its items. One thread at a
-/// time.
+/// Null-terminated arrays of pointers. An empty array is null. A call that changes an array may move it, so callers
+/// keep what it returns: `items = core_array_add(items, item, CORE_HERE)`. The array owns itself, not its items. One
+/// thread at a time.
 #pragma once
 
 #include "core/api.h"

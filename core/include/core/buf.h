@@ -1,5 +1,5 @@
-/// Bytes: `buf_t` grows and is consumed from the front, `buffer_t` is a data-and-size span that may own what it shows.
-/// Records are plain and start zeroed; they belong to one thread at a time.
+/// Bytes. A `buf_t` grows at its end and is consumed from its front. A `buffer_t` is a span of data and size, and may
+/// own its bytes. Records are plain and start zeroed. A record belongs to one thread at a time.
 #pragma once
 
 #include "core/api.h"
@@ -14,14 +14,17 @@ struct buf_t {
     uint32_t length = 0;      ///< bytes held from `data`
 };
 
-/// Span of bytes. Functions that copy into it own the copy through `core_buffer_free`.
+/// Span of bytes. Functions that copy bytes into it make it own them: release these with core_buffer_free().
 struct buffer_t {
     uint8_t* data = nullptr;
     uint32_t size = 0;
 };
 
-/// Appends `n` bytes, growing as needed (growth is geometric). @return n, or 0 when nothing was appended because memory
-/// is out, an argument is null or the buffer would pass 2^32 - 1 bytes. `src` may not lie in the buffer.
+/// Appends `n` bytes. The buffer grows as needed (growth is geometric). `src` may not lie in the buffer. @return n; 0
+/// when nothing was appended:
+///   - memory is out,
+///   - an argument is null, or
+///   - the buffer would pass 2^32 - 1 bytes.
 INET_API uint32_t core_buf_read(buf_t* buf, const void* src, uint32_t n) noexcept;
 
 /// Drops `n` bytes from the front (all of them when fewer are held); what remains starts at `data`.
@@ -55,8 +58,8 @@ INET_API uint8_t* core_buffer_find(const buffer_t* hay, const buffer_t* needle) 
 /// The bytes as lower-case hexadecimal text, for the caller to release with core_mfree(); null when memory is out.
 INET_API char* core_buffer_hex(const buffer_t* b, const char* file, int line) noexcept;
 
-/// Reads hexadecimal text (either case) into the span. @return 1, or 0 when the text has an odd length or another
-/// character, or memory is out; the span is then as before.
+/// Reads hexadecimal text (either case) into the span. @return 1; 0 when the text has an odd length, when it has
+/// another character, or when memory is out. After 0 the span is as before.
 INET_API int core_buffer_unhex(buffer_t* b, const char* text, const char* file, int line) noexcept;
 
 /// Releases bytes that core_buffer_set(), _copy(), _unhex() or buffer_resize() put in; null is ignored.

@@ -13,9 +13,9 @@ INET_API cmd_ctx* core_cmd_open(void* owner, const char* file, int line) noexcep
 /// Posts `function(owner, arg)`. Any thread. @return 1, or 0 for a null queue or function, or when memory is out.
 INET_API int core_cmd_exec(cmd_ctx* cmd, void (*function)(void* owner, void* arg), void* arg) noexcept;
 
-/// Runs what was posted before the call, in order, on the calling thread; what the calls post themselves waits for the
-/// next time. @return the number of calls run.
+/// Runs the calls posted so far, in order, on the calling thread. Calls that they post themselves wait for the next
+/// core_cmd_process(). @return the number of calls run.
 INET_API uint32_t core_cmd_process(cmd_ctx* cmd) noexcept;
 
-/// Drops what was not run, releases the queue and nulls the handle. Not from within a posted call.
+/// Drops the calls not yet run, releases the queue and nulls the handle. Not from within a posted call.
 INET_API void core_cmd_close(cmd_ctx*& cmd) noexcept;

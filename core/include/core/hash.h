@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Hashes `size` bytes; `data` may be null when there are none. Message and digest are in the order of transmission:
-/// the first byte is the one that RFC 6986, which writes numbers, prints last.
-/// @return 1; 0, with `out` as before, when `out` is null or bytes are missing.
+/// Hashes `size` bytes; `data` may be null when there are none. Message and digest are in the order of transmission.
+/// RFC 6986 prints them as numbers: the first byte here is the last one there.
+/// @return 1; 0 when `out` is null, or when `data` is null and `size` is not 0. After 0 `out` is as before.
 INET_API int core_hash_gost(const void* data, size_t size, uint8_t out[32]) noexcept;

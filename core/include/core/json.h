@@ -1,8 +1,8 @@
-/// JSON (RFC 8259): a tree read in one go. A text must be UTF-8, with or without a byte order mark. A \u escape of half
-/// a surrogate pair is refused, as it is no character. Time grows with the text. A tree is one block and read-only: any
-/// thread.
+/// JSON reader (RFC 8259). A text becomes a tree. A text must be UTF-8, with or without a byte order mark. A \u escape
+/// of half a surrogate pair is refused. Reading takes time linear in the text. A tree is read-only: any thread may use
+/// it.
 ///
-/// Bounds, above which a text is refused:
+/// Bounds (a text above one is refused):
 ///     nesting    128 levels
 ///     text       64 MiB
 ///     tree       64 MiB beside its root: at most 32 times the bytes of its text
@@ -17,13 +17,13 @@ enum json_type_t : uint8_t { json_null, json_false, json_true, json_number, json
 
 struct json_member_t;
 
-/// One value. Members and items keep the order of the text; repeated names are kept, the first is found.
+/// One value. Members and items keep the order of the text. Repeated names are kept; json_get() finds the first.
 struct json_t {
     json_type_t type;
     bool is_integer;   ///< the number had no fraction or exponent and fits 64 bits: `integer` holds it exactly
     uint32_t count;    ///< items of an array, members of an object
     int64_t integer;   ///< number cut to an integer, within the range of 64 bits
-    double number;     ///< the nearest there is; what is too large becomes the largest of its sign
+    double number;     ///< the nearest double; a number that is too large becomes the largest of its sign
     const char* text;  ///< string, unescaped and NUL-terminated; \u0000 inside is kept and counted in `length`
     size_t length;
     const json_t* items;
@@ -35,19 +35,20 @@ struct json_member_t {
     json_t value;
 };
 
-/// Reads a text. @param error receives "line:column: reason" when the text is refused, "out of memory" when that is the
-/// reason, cut to `error_size`; may be null.
+/// Reads a text. A refused text puts "line:column: reason" or "out of memory" into `error`, cut to `error_size`.
+/// `error` may be null.
 /// @return the root, or null. Release the root with yajl_tree_free().
 INET_API json_t* yajl_tree_parse(const char* text, char* error, size_t error_size) noexcept;
 INET_API void yajl_tree_free(json_t* root) noexcept;
 
-/// Member of an object by exact name; null when missing or `value` is null or no object.
+/// Member of an object by exact name; null when it is missing, when `value` is null, or when `value` is no object.
 INET_API const json_t* json_get(const json_t* value, const char* name) noexcept;
 
-/// String as text, null for anything else; number as integer, `missing` for anything else.
+/// json_text() gives a string's text, and null for anything else. json_integer() gives a number as an integer, and
+/// `missing` for anything else.
 INET_API const char* json_text(const json_t* value) noexcept;
 INET_API int64_t json_integer(const json_t* value, int64_t missing) noexcept;
 
-/// A text with everything escaped that may not stand between the quotes of a JSON string; bytes that are not UTF-8
-/// become U+FFFD. @return a new text for core_mfree(), or null.
+/// Escapes a text for use between the quotes of a JSON string. Bytes that are not UTF-8 become U+FFFD. @return a new
+/// text for core_mfree(), or null.
 INET_API char* core_json_encode(const char* text, const char* file, int line) noexcept;

@@ -20,8 +20,8 @@ INET_API void* list_pop(list_ctx* list) noexcept;
 /// First item for which `compare(item, key)` is 0; null when there is none. A null `compare` compares the pointers.
 INET_API void* list_find(list_ctx* list, const void* key, int (*compare)(const void* item, const void* key)) noexcept;
 
-/// Walks the list: `list_iterate_start` puts the cursor before the first item, `list_next` moves on and returns the
-/// item, null after the last. Any item may be deleted and added during the walk.
+/// Walk the list. list_iterate_start() puts the cursor before the first item. list_next() moves on and returns the
+/// item; null after the last. Items may be deleted and added during the walk.
 INET_API void list_iterate_start(list_ctx* list) noexcept;
 INET_API void* list_next(list_ctx* list) noexcept;
 

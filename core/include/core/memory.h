@@ -1,5 +1,5 @@
-/// Memory that knows where it was asked for. Every block carries the file and line of its allocation, so that whatever
-/// is still held at the end can be named. Any thread. A failed allocation returns null; nothing here throws.
+/// Memory with the place of its allocation. Every block carries the file and line that asked for it, so blocks still
+/// held at the end can be named. Any thread. A failed allocation returns null; nothing here throws.
 #pragma once
 
 #include "core/api.h"
@@ -8,19 +8,19 @@
 #include <cstdint>
 
 /// Allocates `size` bytes (0 gives a valid empty block), aligned for any type.
-/// @param file  must outlive the block: __FILE__, not a temporary
+/// @param file  valid until the block is released: __FILE__, not a temporary
 /// @return the block, or null when memory is out. Release with core_mfree().
 INET_API void* core_malloc(size_t size, const char* file, int line) noexcept;
 
 /// As core_malloc(), for `count` zeroed items of `size` bytes; null when the product overflows.
 INET_API void* core_calloc(size_t count, size_t size, const char* file, int line) noexcept;
 
-/// Changes the size of a block, keeping its content up to the smaller size; the block now belongs to `file` and `line`.
-/// A null block is a new one. On failure returns null and leaves the old block as it was.
+/// Changes the size of a block. The content is kept up to the smaller size. The block is then named after `file` and
+/// `line`. A null block makes a new one. @return the block; null when memory is out: the old block is then as it was.
 INET_API void* core_realloc(void* block, size_t size, const char* file, int line) noexcept;
 
-/// Releases a block; null is ignored. A block that is not of this allocator, or is released twice, ends the process
-/// with a message, as anything else would corrupt somebody's data.
+/// Releases a block; null is ignored. A block of another allocator, or one that is released twice, ends the process
+/// with a message.
 INET_API void core_mfree(void* block) noexcept;
 
 /// Bytes that were asked for; 0 for a null block.

@@ -11,13 +11,13 @@ struct dll_entry_t {
     void* function;
 };
 
-/// Loads a library and looks entry points up. A bare name ("reader") is completed as the system does ("libreader.so",
-/// "reader.dll") unless it is complete ("libm.so.6"), and sought beside this library first, then where the system looks.
-/// A path is taken as it is.
+/// Loads a library and looks entry points up. `name` is a path, which is taken as it is, or a bare name ("reader"). A
+/// bare name is completed as the system does ("libreader.so", "reader.dll"), unless it is complete ("libm.so.6"). It is
+/// sought beside this library first, then where the system looks.
 /// @param entries  ends with a null name; may be null
-/// @return the handle, or null when memory is out, the library cannot be loaded or lacks an entry; what it lacks is
-/// then null, and the other entries may not be called. Close with core_dll_close().
+/// @return the handle; null when memory is out, when the library cannot be loaded, or when it lacks an entry. A missing
+/// entry is then null, and the other entries may not be called. Close with core_dll_close().
 INET_API dll_ctx* core_dll_open(const char* name, dll_entry_t* entries, const char* file, int line) noexcept;
 
-/// Unloads the library and nulls the handle. Nobody may run in it any more.
+/// Unloads the library and nulls the handle. No thread may be running in the library.
 INET_API void core_dll_close(dll_ctx*& dll) noexcept;

@@ -1,5 +1,5 @@
-/// RAII over the runtime's allocator, for the insides of the libraries and for C++ callers: unique pointers that end
-/// with core_mfree() and standard containers whose storage is tagged.
+/// RAII over core/memory.h for C++: unique pointers that release with core_mfree(), and standard containers whose
+/// blocks carry the place of their allocation.
 #pragma once
 
 #include "core/memory.h"
@@ -64,8 +64,8 @@ private:
     place where_;
 };
 
-/// Standard containers with tagged storage. They differ from their bases in one thing: an empty one is named after the
-/// line that made it and not after a line of the standard library.
+/// Standard containers with tagged storage. They differ from their bases in one thing: the blocks of an empty one are
+/// named after the line that made it.
 template <class T>
 class vector : public std::vector<T, allocator<T>> {
     using base = std::vector<T, allocator<T>>;
@@ -124,8 +124,8 @@ struct destroy_deleter {
 template <class T>
 using owned_object = std::unique_ptr<T, destroy_deleter<T>>;
 
-/// The one T of the process: made by the first who asks and never destroyed, so that whatever runs before main() or
-/// after it may use it. For what a constant initializer cannot make everywhere: not every system's std::mutex has one.
+/// The one T of the process. The first call makes it. It is never destroyed, so code that runs before main() or after
+/// it may use it. For types without a constant initializer on every system, such as std::mutex.
 template <class T>
 T& process_wide() noexcept {
     alignas(T) static std::byte room[sizeof(T)];

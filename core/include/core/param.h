@@ -1,4 +1,5 @@
-/// Named parameters: the lists that fill templates, travel over the profile bus and reach plug-ins.
+/// Named parameters. Lists of them fill templates (core/template.h), travel over the profile bus (core/profile.h) and
+/// are given to plug-ins.
 #pragma once
 
 #include "core/api.h"
@@ -10,7 +11,7 @@ enum param_type_t : uint32_t {
     param_end = 0,      ///< ends a list
     param_text = 2,     ///< `text`
     param_integer = 4,  ///< `integer`
-    param_data = 8,     ///< `data`, for what does not go into text, such as a media frame
+    param_data = 8,     ///< `data`: what is no text, such as a media frame
 };
 
 /// One named parameter. A list is an array whose last entry has type 0. The record owns nothing.

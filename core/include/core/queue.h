@@ -1,6 +1,6 @@
-/// A fixed number of equal items that travel between a producer and a consumer: the producer takes a free item, fills
-/// and puts it; the consumer gets it, uses it and puts it back free. Nothing is allocated after the opening. Any
-/// threads.
+/// A fixed number of equal items that travel between a producer and a consumer. The producer takes a free item, fills
+/// it and puts it. The consumer gets it, uses it and puts it back as free. Only core_queue_open() allocates. Any
+/// thread.
 #pragma once
 
 #include "core/api.h"
@@ -16,7 +16,7 @@ INET_API queue_ctx* core_queue_open(uint32_t count, uint32_t item_size, const ch
 /// Takes the item that has been free longest; null when none is free.
 INET_API void* core_queue_get_free(queue_ctx* queue) noexcept;
 
-/// Hands a filled item to the consumer. @return 1, or 0 for a null argument or an item that is not out.
+/// Hands a filled item to the consumer. @return 1, or 0 for a null argument or an item that is not taken.
 INET_API int core_queue_put_full(queue_ctx* queue, void* item) noexcept;
 
 /// Takes the oldest filled item; null when there is none.

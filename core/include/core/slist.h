@@ -1,5 +1,6 @@
-/// Thread-safe FIFO of pointers: any threads enqueue and pop. It takes no lock: a thread that is stopped inside a call
-/// holds nobody up. The list owns no item. One entry that was taken stays allocated until the list is released.
+/// Thread-safe FIFO of pointers: any threads enqueue and pop. It takes no lock, so a thread that is stopped inside a
+/// call does not hold up another. The list owns no item. One entry stays allocated until the list is released, even
+/// when the list is empty.
 #pragma once
 
 #include "core/api.h"

@@ -4,8 +4,8 @@
 #include "core/api.h"
 #include "core/param.h"
 
-/// Copies a template, replacing each `${key}` with the entry of that name: text as it is, integers in decimal, a
-/// missing or null value as nothing. A "${" without its "}" is copied as it stands; nothing inside a value is replaced
+/// Copies a template. Each `${key}` is replaced by the entry of that name: a text as it is, an integer in decimal, a
+/// missing or null value by nothing. A "${" without its "}" is copied unchanged. Values are not searched for `${key}`
 /// again.
 /// @param params  ends at an entry of type 0; null is an empty list
 /// @return a new text, for the caller to release with core_mfree(); null for a null template or when memory is out.

@@ -18,8 +18,8 @@ INET_API char* core_strndup(const char* text, size_t n, const char* file, int li
 INET_PRINTF(3, 4) INET_API char* core_sprintf(const char* file, int line, const char* format, ...) noexcept;
 INET_PRINTF(3, 0) INET_API char* core_vsprintf(const char* file, int line, const char* format, va_list args) noexcept;
 
-/// Compares without regard to the case of A-Z, in any locale: below, at or above 0. A null text sorts before all
-/// others.
+/// Compares without regard to the case of A-Z, in any locale. @return a number below, at or above 0. A null text sorts
+/// before all others.
 INET_API int core_strcasecmp(const char* a, const char* b) noexcept;
 INET_API int core_strncasecmp(const char* a, const char* b, size_t n) noexcept;
 
@@ -29,11 +29,11 @@ INET_API size_t core_strlen(const char* text) noexcept;
 /// Bytes as lower-case hexadecimal text, two digits each; null for null.
 INET_API char* core_strhex(const void* data, size_t size, const char* file, int line) noexcept;
 
-/// Reads one character of UTF-8 (RFC 3629) from the first `size` bytes. @return the bytes it takes, 1 to 4, with its
-/// code point in `code`; 0, with `code` untouched, when they do not start with a whole character.
+/// Reads one character of UTF-8 (RFC 3629) from the first `size` bytes. @return the bytes that it takes, 1 to 4: `code`
+/// is then its code point. 0 when the bytes do not start with a whole character: `code` is then untouched.
 INET_API size_t utf8_decode(const char* text, size_t size, uint32_t* code) noexcept;
 
-/// Writes a code point as UTF-8, without a terminator; what is no character (a surrogate, above U+10FFFF) as U+FFFD.
+/// Writes a code point as UTF-8, without a terminator. A surrogate, or a value above U+10FFFF, is written as U+FFFD.
 /// @return the bytes written, 1 to 4.
 INET_API size_t utf8_encode(uint32_t code, char out[4]) noexcept;
 

@@ -22,14 +22,14 @@ INET_API void core_thread_cancel(thread_ctx* thread) noexcept;
 /// 1 once the thread was asked to end, else 0.
 INET_API int core_thread_iscancel(thread_ctx* thread) noexcept;
 
-/// Cancels, waits for the end of the body, releases the handle and nulls it. Called by the body itself it only cancels
-/// and detaches: the handle is released when the body returns.
+/// Cancels, waits for the end of the body, releases the handle and nulls it. Called by the body itself it does not
+/// wait: the handle is released when the body returns.
 INET_API void core_thread_stop(thread_ctx*& thread) noexcept;
 
 /// 1 when the caller runs on this thread; 0 otherwise and for null.
 INET_API int core_thread_iscurrent(const thread_ctx* thread) noexcept;
 
-/// A number that tells the calling thread from every other that runs now; never 0.
+/// Number of the calling thread, never 0. No other running thread has it.
 INET_API uint64_t core_thread_id() noexcept;
 
 /// Names the thread for debuggers and logs, cut to what the system holds (15 bytes on Linux, 255 on Windows). Null is
@@ -39,7 +39,7 @@ INET_API void core_thread_setname(thread_ctx* thread, const char* name) noexcept
 /// Sleeps until `milliseconds` have passed or the thread is cancelled. @return 1 when it was cancelled, else 0.
 INET_API int core_thread_sleep(thread_ctx* thread, uint32_t milliseconds) noexcept;
 
-/// Runs `function(arg)` on a thread of its own that nobody waits for. @return 1, or 0 when it cannot be made.
+/// Runs `function(arg)` on a thread of its own. Nothing waits for that thread. @return 1, or 0 when it cannot be made.
 INET_API int core_thread_invoke(void (*function)(void* arg), void* arg, const char* file, int line) noexcept;
 
 /// Sleeps for `milliseconds`; 0 yields the processor.
@@ -51,8 +51,8 @@ INET_API void lock_enter(lock_ctx* lock) noexcept;
 INET_API void lock_leave(lock_ctx* lock) noexcept;
 INET_API void core_lock_delete(lock_ctx*& lock) noexcept;
 
-/// Auto-reset event: event_set() releases one waiter, now or when the next one comes; setting it twice is setting it
-/// once.
+/// Auto-reset event. event_set() releases one waiter: one that waits now, else the next one. Setting an event that is
+/// set has no effect.
 INET_API event_ctx* _event_create(const char* file, int line) noexcept;
 INET_API void event_set(event_ctx* event) noexcept;
 

@@ -9,9 +9,8 @@
 /// Microseconds of a monotonic clock with an arbitrary start, for measuring spans.
 INET_API uint64_t core_timer() noexcept;
 
-/// Microseconds since 1970-01-01 UTC, never below what it returned before. When the system clock is set back, it returns
-/// the last time again and again until the clock has come up to that. Spans are measured with core_timer(), which goes
-/// on.
+/// Microseconds since 1970-01-01 UTC. It never runs backwards: when the system clock is set back, it returns its last
+/// value until the clock has reached that value. Measure spans with core_timer(), which goes on meanwhile.
 INET_API uint64_t time_now() noexcept;
 
 /// The same shifted by the local offset from UTC, so that core_timeUtc() gives local calendar fields.
@@ -33,5 +32,5 @@ INET_API uint32_t time_format(uint64_t us, const char* pattern, char* out, uint3
 /// 100-nanosecond intervals since 1601-01-01 UTC, the file time of Windows.
 INET_API uint64_t time_to_FileTime(uint64_t us) noexcept;
 
-/// For tests: replaces the clocks behind core_timer() and time_now(); null gives the system's back.
+/// For tests: replaces the clocks behind core_timer() and time_now(); null restores the system's.
 INET_API void core_time_set_clock(uint64_t (*clock)()) noexcept;

@@ -1,5 +1,6 @@
-/// Ordered key/value texts. A list is handled as a `value_t**`, null while empty, ending with a null entry; calls that
-/// add may move it, so callers keep what they return: `fields = core_value_put(fields, ...)`. One thread at a time.
+/// Ordered key/value texts. A list is a `value_t**` that ends with a null entry. An empty list is null. A call that
+/// adds may move the list, so callers keep what it returns: `fields = core_value_put(fields, ...)`. One thread at a
+/// time.
 #pragma once
 
 #include "core/api.h"
@@ -20,8 +21,8 @@ INET_API value_t** core_value_set(value_t** list, const char* key, const char* v
                                   int line) noexcept;
 
 /// Builds a list from text such as "a=1; b=2": pairs end at any character of `separator`, keys at the first character
-/// of `pair_separator`. Blanks around keys and values are dropped, empty pieces skipped, a pair without a separator has
-/// a null value. @return the list, null when there is none or memory is out.
+/// of `pair_separator`. Blanks around keys and values are dropped. Empty pieces are skipped. A pair without a separator
+/// has a null value. @return the list, null when there is none or memory is out.
 INET_API value_t** core_value_split(const char* text, const char* separator, const char* pair_separator,
                                     const char* file, int line) noexcept;
 

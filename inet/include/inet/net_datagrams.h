@@ -1,8 +1,8 @@
-/// UDP datagrams on their way out, many with one call of the system. What the system does not take at once waits as a
-/// copy and goes when there is room. One network thread's.
+/// Sends UDP datagrams, many with one system call. A datagram that the system does not take at once waits as a copy and
+/// is sent when there is room. An object belongs to one network thread.
 ///
-/// Bound: 2048 datagrams of at most 1500 bytes wait, 3 MiB, of which only what is used is touched. What comes beyond is
-/// lost, as datagrams are; ask has_room() first where that matters.
+/// Bound: 2048 waiting datagrams of at most 1500 bytes each, 3 MiB in all. Only the part in use is touched. A datagram
+/// beyond the bound is lost. Where that matters, ask has_room() first.
 #pragma once
 
 #include "core/api.h"
@@ -23,25 +23,27 @@ public:
     Datagrams(const Datagrams&) = delete;
     Datagrams& operator=(const Datagrams&) = delete;
 
-    /// @param fd  an UDP socket, which stays the caller's and is closed after close()
+    /// @param fd  a UDP socket. It stays the caller's, who closes it after close()
     /// @return 1, or 0 when memory is out
     int open(nt_ctx* nt, int fd) noexcept;
-    /// Drops what waits. Before the network thread is stopped.
+    /// Drops waiting datagrams. Call it before the network thread is stopped.
     void close() noexcept;
     bool is_open() const noexcept { return inside_ != nullptr; }
 
-    /// Whether so many find room, should they have to wait.
+    /// True when there is room for so many more waiting datagrams.
     bool has_room(uint32_t datagrams) const noexcept;
-    /// Gives them to the system, in their order. One that is refused, as its host is out of reach, is lost; the others
-    /// go on. So are those to a host that has vanished from the network, once they fill the room of the socket: one a
-    /// second goes to it until it answers again. The bytes and addresses need not outlive the call.
+    /// Sends datagrams in their order. The bytes and addresses are valid until the call returns. Lost are:
+    ///   - a datagram that the system refuses, for example because its host is unreachable; the others are sent,
+    ///   - datagrams to a host that has vanished from the network, once they fill the socket's buffer. One a second is
+    ///     still sent to it until it answers again.
     void send(const datagram_t* datagrams, uint32_t count) noexcept;
 
-    /// Takes note of datagrams that go to many, one after another. They and their array outlive the sends; between two
-    /// of them their bytes may change, not their sizes. Their addresses are not looked at.
+    /// Prepares datagrams that are sent to several addresses, one after the other. The datagrams and their array are
+    /// valid until the last send_prepared() has returned. Between two sends their bytes may change, but not their
+    /// sizes. Their `to` is not read.
     void prepare(const datagram_t* datagrams, uint32_t count) noexcept;
-    /// Gives what was prepared to the system, to one address. @return how many went, from the first on: the others are
-    /// to be given to send()
+    /// Sends the prepared datagrams to one address. @return how many were sent, from the first on. Give the others to
+    /// send()
     uint32_t send_prepared(const sockaddr_in& to) noexcept;
 
 private:

@@ -5,16 +5,18 @@
 #include "core/api.h"
 #include "inet/net_http_header.h"
 
-// Client. A challenge is the value of a WWW-Authenticate or Proxy-Authenticate field. One that contains "Basic"
-// anywhere is answered with Basic, else one that contains "Digest" with Digest (MD5, whatever algorithm it names). Its
-// parameters are read from the seventh character on. A name counts when one of the known ones begins with it. A quoted
-// value may hold commas, and is taken as it stands between the quotes; one that does not end as it should ends before
-// the last character in front of the next ','. A null user or password counts as empty, a null challenge as "Basic ".
-// Every answer is computed afresh: a new client nonce of 16 letters and digits, nonce count 00000001. The RTSP session
-// reads challenges as RFC 7235 and RFC 7616 mean them, see inet/rtsp_protocol.h.
+// Client. A challenge is the value of a WWW-Authenticate or Proxy-Authenticate field. It is read in a simple way:
+//   - A challenge that contains "Basic" anywhere is answered with Basic. Else one that contains "Digest" is answered
+//     with Digest (MD5, whatever algorithm it names).
+//   - Parameters are read from the seventh character on. A name is known when a known name begins with it.
+//   - A quoted value may hold commas. It is taken unchanged from between the quotes. Without a proper end it ends
+//     before the last character in front of the next ','.
+//   - A null user or password counts as empty, a null challenge as "Basic ".
+//   - Each answer has a new client nonce of 16 letters and digits, and the nonce count 00000001.
+// The RTSP session reads challenges by RFC 7235 and RFC 7616, see inet/rtsp_protocol.h.
 
-/// The value for an Authorization field, with qop when the challenge has it: "auth" of a list that has it, else the
-/// value as received. A missing opaque is then answered with an empty one.
+/// The value for an Authorization field. When the challenge has a qop, the answer has it, too: "auth" when the list has
+/// it, else the value as received. The answer then also has an opaque, which is empty when the challenge has none.
 /// @return a new text for core_mfree(); null when the challenge names neither scheme, is a Digest one without realm or
 ///         nonce, or memory is out.
 INET_API char* net_http_authenticate(const char* user, const char* password, const char* method, const char* uri,
@@ -46,19 +48,22 @@ struct authenticate_ctx {
 INET_API authenticate_ctx* net_http_authenticate_parse(const char* value, const char* file, int line) noexcept;
 INET_API void net_http_authenticate_free(authenticate_ctx* ctx) noexcept;
 
-/// Checks the value of an Authorization field against the one user that may pass. The value is read by the grammar of
-/// RFC 7616, 3.4: quoted values may hold commas and escaped characters, names are compared without case; a parameter
-/// given twice, or bytes outside the grammar, refuse it. Values above 4096 bytes are refused.
+/// Checks the value of an Authorization field against one user. The value is read by the grammar of RFC 7616, 3.4:
+/// quoted values may hold commas and escaped characters, and names are compared without case. Refused are values above
+/// 4096 bytes, a parameter given twice, and bytes outside the grammar.
 ///
-/// It passes when username is `user`, realm and nonce are those issued, uri is `target` (or one is the absolute form of
-/// the other), algorithm is MD5 or missing, and the response is right: as RFC 2617 computes it without qop, or with
-/// qop=auth, nc and cnonce. The time taken does not tell how much of the response was right.
+/// The request passes when all of these hold:
+///   - username is `user`; realm and nonce are those issued,
+///   - uri is `target`, or one is the absolute form of the other,
+///   - algorithm is MD5 or missing,
+///   - the response is right by RFC 2617: without qop, or with qop=auth, nc and cnonce.
+/// The time taken does not depend on how much of the response is right.
 /// @param method  of the request, as received
 /// @param target  of the request, as received
-/// @param nonce   as issued in the challenge; how long it is good is the caller's rule
+/// @param nonce   as issued in the challenge; the caller decides how long it is accepted
 /// @return 1 to let the request pass; else 0, also when an argument is null or memory is out.
 INET_API int net_http_authenticate_check(const char* value, const char* method, const char* target, const char* user,
                                          const char* password, const char* realm, const char* nonce) noexcept;
 
-/// The same for a Basic answer (RFC 7617). A server that issued a Digest challenge does not offer this.
+/// Checks a Basic answer (RFC 7617). Not for a server that issued a Digest challenge.
 INET_API int net_http_authenticate_check_base(const char* value, const char* user, const char* password) noexcept;

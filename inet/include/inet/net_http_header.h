@@ -1,11 +1,11 @@
 /// Head of an HTTP (RFC 9112), RTSP (RFC 2326) or SIP (RFC 3261) message: start line and fields, read from received
 /// bytes or built to be sent. The start line tells the protocol.
 ///
-/// Reading never fails on what a peer sends: missing parts stay null or 0, lines that make no sense are left out. A
-/// block is text and ends at its first NUL. A record holds at most http_max_fields fields, and 64 bytes for each beside
-/// its text. Callers that act on a message refuse two kinds of heads, in which another reader finds something else: one
-/// with a NUL, and one with Content-Length fields that differ. Field values are printed as they are: callers keep CR
-/// and LF out of them.
+/// Reading never fails on what a peer sends: missing parts stay null or 0, malformed lines are left out. A block is
+/// text and ends at its first NUL. A record holds at most http_max_fields fields, and 64 bytes for each beside its
+/// text. Field values are printed unchanged: callers keep CR and LF out of them. Another reader may read two kinds of
+/// heads differently, so callers that act on a message refuse them: a head with a NUL, and one with Content-Length
+/// fields that differ.
 ///
 /// A record belongs to one thread at a time. Calls that build return 1, or 0 when memory is out; the record is then as
 /// before.
@@ -30,27 +30,27 @@ struct header_s {
 
 }  // namespace net::http
 
-/// Fields that the parser keeps of one header: all that stand in what http_header_find() finds, as the shortest has
-/// three bytes. Of a longer block those after them are left out.
+/// Fields that the parser keeps of one header. Further fields are left out. A header that http_header_find() accepts
+/// has no more.
 inline constexpr uint32_t http_max_fields = 1366;
 
 // Reading
 
-/// Length of the header block at the start of `data`, blank line included; 0 when its end is not there yet; -1 when
-/// none of the first 4096 positions starts the CR LF CR LF, so that the header is too large.
+/// @return the length of the header block at the start of `data`, blank line included; 0 when its end has not come yet;
+/// -1 when it is too large: no CR LF CR LF starts at one of the first 4096 positions.
 INET_API int http_header_find(buffer_t data) noexcept;
 INET_API int http_find_header(const char* data, unsigned size) noexcept;
 
-/// Reads a block. CR and LF before the start line are skipped, a last line without CR LF is ignored, continuation lines
+/// Reads a block. CR and LF before the start line are skipped. A last line without CR LF is ignored. Continuation lines
 /// are not joined. "RTSP/1.0 200 OK", and the same for HTTP and SIP, is a response: only `status` is set, to 0 when the
 /// number does not fit 32 bits. Anything else is a request: the method up to the first space, the target up to the
-/// next, and the protocol when the rest is one of the four texts exactly; what a line with fewer spaces lacks stays
-/// null. Field names are unchanged, values lose their leading spaces.
+/// next. The rest is the protocol when it is exactly one of the four texts. A line with fewer spaces leaves the missing
+/// parts null. Field names are unchanged, values lose their leading spaces.
 /// @return a new record for http_header_free(); null only when memory is out.
 INET_API net::http::header_s* http_header_parse(const char* data, unsigned size, const char* file, int line) noexcept;
 
-/// The same into a caller's record, which is cleared first; SIP is not known to it, neither as the protocol of a
-/// request nor as a response. @return 1, or 0 with a cleared record when memory is out.
+/// As http_header_parse(), into a caller's record, which is cleared first. SIP is not recognized, neither in requests
+/// nor in responses. @return 1, or 0 with a cleared record when memory is out.
 INET_API int http_parse_header(net::http::header_s* header, const char* data, unsigned size) noexcept;
 
 /// Releases what a caller's record owns and zeroes it; null is ignored.
@@ -95,15 +95,14 @@ INET_API int http_header_copy(net::http::header_s* to, const char* name, value_t
 
 // Printing
 
-/// Prints the head, blank line included, cut to `size` - 1 bytes and terminated. A request line has exactly one '/'
-/// before its target, whether `uri` starts with one or not; an absolute target is not for this call. What is null
-/// prints as nothing.
+/// Prints the head, blank line included, cut to `size` - 1 bytes and terminated. The target of a request line is
+/// printed with exactly one '/' in front, whether `uri` starts with one or not. Absolute targets cannot be printed.
+/// Null parts print as nothing.
 /// @return the bytes written, the terminator not counted
 INET_API int http_header_sprintf(const net::http::header_s* header, char* out, int size) noexcept;
 
 /// The same as a new text for core_mfree(); null when memory is out.
-/// @param target  stands in the request line, without a '/' before it, when the record has no uri; null is
-///                nothing
+/// @param target  printed in the request line when the record has no uri, without a '/' in front; null is nothing
 INET_API char* http_header_str(const net::http::header_s* header, const char* target, const char* file,
                                int line) noexcept;
 
@@ -112,8 +111,8 @@ INET_API char* http_header_str(const net::http::header_s* header, const char* ta
 /// Reason phrase of 200, 400, 401, 403, 404, 461 and 500; "Unknown error" for any other.
 INET_API const char* http_error(unsigned status) noexcept;
 
-/// The delimiter "--boundary" of a multipart Content-Type (RFC 2046, 5.1.1) as a new text for core_mfree(), however
-/// many '-' the parameter starts with; null when there is no parameter named exactly "boundary".
+/// The delimiter "--boundary" of a multipart Content-Type (RFC 2046, 5.1.1), also when the parameter itself starts with
+/// '-'. @return a new text for core_mfree(); null when there is no parameter named exactly "boundary".
 INET_API char* http_get_boundary(const char* content_type) noexcept;
 
 /// Content type by the extension of a file name, in either case; "application/octet-stream" when it is not known.

@@ -1,5 +1,5 @@
-/// Rate meters: a bit rate and a frame rate since a start, a sliding number of units per second, and a budget of bytes
-/// per second for senders that pace themselves. All times are microseconds of time_now().
+/// Rate meters: the mean bit rate and frame rate since a start, a sliding rate, and a budget of bytes per second for
+/// pacing. All times are microseconds of time_now().
 ///
 /// Plain values, one thread at a time.
 #pragma once
@@ -74,8 +74,8 @@ struct bandwidth_t {
 INET_API void bandwidth_set(net::bandwidth_t& budget, unsigned bits_per_second) noexcept;
 
 /// Bytes that may be sent now; 0xffffffff without a limit. The first call starts the period and returns a second's
-/// budget. A period that is over moves on by one second for each call, and only when its budget was used up: what was
-/// not used stays available.
+/// budget. A later call moves a period that is over on by one second, but only when its budget was used up. Unused
+/// budget stays available.
 INET_API unsigned bandwidth_available(net::bandwidth_t& budget) noexcept;
 /// Counts bytes that were sent.
 INET_API void bandwidth_commit(net::bandwidth_t& budget, unsigned n) noexcept;

@@ -1,15 +1,17 @@
 /// Session descriptions (SDP, RFC 4566) read into flat records of media tracks, and the two RTSP header fields that
 /// carry the state of a track: Transport and RTP-Info (RFC 2326, 12.39 and 12.33).
 ///
-/// Reading never fails and reports nothing: unknown lines, attributes and keys are skipped, malformed ones leave their
-/// fields at 0 or null. Lines end with CR LF alone; what follows the last one is not read. Numbers are read as decimal
-/// digits at the start of a text, behind blanks and a '+'; a missing or negative one, or one above 32 bits, is 0. When
-/// memory is out, what could not be held is left out. A text that comes twice replaces the first.
+/// Reading never fails and reports nothing. Unknown lines, attributes and keys are skipped. Malformed ones leave their
+/// fields at 0 or null. Only CR LF ends a line. Text after the last CR LF is not read. A number is the decimal digits
+/// at the start of a text, after blanks and a '+'. A number that is missing, negative or above 32 bits is 0. Texts for
+/// which there is no memory are left out. A text that comes twice replaces the first.
 ///
-/// What a peer can make a record hold: sdp_max_traks tracks (reading stops before the next), their texts, of which an
-/// fmtp line counts twice, and sdp_max_rtp_infos stream entries.
+/// Bounds for one text:
+///     tracks          sdp_max_traks; reading stops before the next
+///     track texts     the bytes of the text; an fmtp line counts twice
+///     stream entries  sdp_max_rtp_infos
 ///
-/// There are two faces over one grammar, for callers that hold records and for those that hold an object:
+/// Two interfaces read one grammar, into records or into an object:
 ///
 ///   line                      sdp_parse()                              net::sdp::Sdp
 ///   m=                        media, port, pt                          the same
@@ -94,13 +96,13 @@ struct media_s {
     uint32_t packetization_mode;  ///< RFC 6184, 8.1
     uint32_t profile_level_id;    ///< the leading decimal digits of the value: 42 for "42e01f"
     char* sprop_parameter_sets;
-    char* config;  ///< left by Sdp::clear(): whoever parses releases it, see Sdp::free_configs()
+    char* config;  ///< not released by Sdp::clear(): see Sdp::free_configs()
 };
 
 class INET_API Sdp {
 public:
     char* text = nullptr;        ///< working copy of the text; null but while parse() runs
-    media_s* current = nullptr;  ///< of the last m= line of the last text; null before it or when memory was out for it
+    media_s* current = nullptr;  ///< of the last m= line of the last text; null before it, or when memory was out
     media_s** medias = nullptr;  ///< null-terminated array in the order of the text; null for none
 
     Sdp() noexcept = default;
@@ -115,16 +117,16 @@ public:
     void parse(const char* description) noexcept;
     /// Releases the list and its texts, except `config` of each record.
     void clear() noexcept;
-    /// Releases `config` of each record; before clear(), unless somebody else took them over.
+    /// Releases `config` of each record. Call it before clear(), unless another owner took the texts over.
     void free_configs() noexcept;
 
     /// As sdp_parse_rtp_info().
     rtp_info_s** parse_rtp_info(const char* header_value) noexcept;
-    /// Reads ssrc= (hexadecimal) and interleaved= (both channels) of a Transport value; what is not there stays as it
-    /// is. Null pointers are allowed.
+    /// Reads ssrc= (hexadecimal) and interleaved= (both channels) of a Transport value. The results of missing keys
+    /// stay unchanged. Null pointers are allowed.
     void parse_transport(const char* header_value, unsigned* ssrc, unsigned* channel_a, unsigned* channel_b) noexcept;
-    /// Decodes "SPS,PPS" (Base64) into two buffers, without start codes; both stay as they are without a ',' or when
-    /// memory is out.
+    /// Decodes "SPS,PPS" (Base64) into two buffers, without start codes. Without a ',', or when memory is out, both
+    /// stay unchanged.
     void parse_sprop_parameter_sets(char* value, buffer_t& sps, buffer_t& pps) noexcept;
     /// Hexadecimal text to bytes, as sdp_parse_config().
     void parse_config(char* value, buffer_t& out) noexcept;
@@ -153,7 +155,8 @@ INET_API void sdp_parse_connection(net::sdp::trak_t* trak, char* value, const ch
 INET_API void sdp_parse_rtpmap(net::sdp::trak_t* trak, char* value, const char* file, int line) noexcept;
 INET_API void sdp_parse_fmtp(net::sdp::trak_t* trak, const char* params, const char* file, int line) noexcept;
 
-/// Reads "url=..;seq=..;rtptime=..,url=..". Entries without a known key are kept, empty; an empty entry ends the list.
+/// Reads "url=..;seq=..;rtptime=..,url=..". An entry without a known key is kept with null texts. An empty entry ends
+/// the list.
 /// @return a null-terminated array for sdp_free_rtp_info(); null when there is none.
 INET_API net::sdp::rtp_info_s** sdp_parse_rtp_info(const char* header_value, const char* file, int line) noexcept;
 INET_API void sdp_free_rtp_info(net::sdp::rtp_info_s** infos) noexcept;
@@ -163,11 +166,11 @@ INET_API void sdp_free_rtp_info(net::sdp::rtp_info_s** infos) noexcept;
 INET_API net::sdp::transport_t* sdp_parse_transport(const char* header_value, const char* file, int line) noexcept;
 INET_API void sdp_free_transport(net::sdp::transport_t* transport) noexcept;
 
-/// Decodes "SPS,PPS" (Base64) and replaces the content of `out` by 00 00 01 SPS 00 00 01 PPS; `out` stays as it is
-/// without a ',' or when memory is out.
+/// Decodes "SPS,PPS" (Base64) and replaces the content of `out` by 00 00 01 SPS 00 00 01 PPS. Without a ',', or when
+/// memory is out, `out` stays unchanged.
 INET_API void sdp_parse_sprop_parameter_sets(char* value, buf_t* out, const char* file, int line) noexcept;
 
-/// Hexadecimal text to bytes, replacing the content of `out`: blanks and line ends between digits are skipped, reading
-/// stops at any other character, an odd last digit is dropped. `out` stays as it is when no byte comes out or memory is
-/// out.
+/// Decodes hexadecimal text and replaces the content of `out`. Blanks and line ends between digits are skipped. Any
+/// other character ends the text. An odd last digit is dropped. When there is no byte, or memory is out, `out` stays
+/// unchanged.
 INET_API void sdp_parse_config(const char* value, buf_t* out, const char* file, int line) noexcept;

@@ -1,12 +1,15 @@
-/// IPv4 sockets: the registry of open descriptors, RTP port pairs, non-blocking transfer on `buf_t`, addresses and the
-/// host. Every socket of the library is opened and closed here. Any thread may call any function.
+/// IPv4 sockets: a registry of open descriptors, RTP port pairs, non-blocking transfer on `buf_t`, addresses, and the
+/// host's name and interfaces. The library opens and closes every socket here. Any thread may call any function.
 ///
-/// Results, where nothing else is said: 0 success, -1 the system refused (socket_get_error_code() says why), -2 a bad
-/// argument or an unresolvable host. Descriptors are not inherited by child processes; a peer that is gone never raises
-/// a signal. What is logged goes to core_log_err() and, in red, to core_con_printf().
+/// Results, where nothing else is said:
+///     0   success
+///     -1  the system refused; socket_get_error_code() tells why
+///     -2  a bad argument, or a host that cannot be resolved
+/// Child processes do not inherit descriptors. Sending to a peer that is gone raises no signal. Log lines go to
+/// core_log_err() and, in red, to core_con_printf().
 ///
-/// Host names are dotted IPv4 addresses or names; of a name the first address is used, and an empty one is none. Looking
-/// a name up blocks.
+/// A host is a dotted IPv4 address or a name. Of a name the first address is used. An empty host cannot be resolved.
+/// Looking up a name blocks.
 #pragma once
 
 #include "core/api.h"
@@ -15,7 +18,7 @@
 
 #include <cstddef>
 
-/// The socket errors that callers tell apart, in the numbers of Winsock, which socket_get_error_code() speaks on every
+/// The socket errors that callers tell apart. socket_get_error_code() returns these numbers, those of Winsock, on every
 /// system.
 enum socket_error_t : int {
     socket_error_bad_descriptor = 10009,
@@ -42,8 +45,8 @@ enum socket_error_t : int {
 /// none.
 INET_API int socket_get_error_code() noexcept;
 
-/// Takes the pending error off a socket, in the same numbers: 0 when there is none, which after a non-blocking connect
-/// means connected. A failed connect shows as writable too, so ask before believing the event.
+/// Takes the pending error off a socket, in the same numbers; 0 when there is none. After a non-blocking connect 0
+/// means connected. A failed connect is reported as writable, too, so call this on that event.
 INET_API int net_socket_get_error(int fd) noexcept;
 
 // Registry and lifetime
@@ -52,39 +55,39 @@ INET_API int net_socket_get_error(int fd) noexcept;
 /// Starts the socket layer, without which Windows opens no socket. net_init() calls it.
 INET_API void socket_init() noexcept;
 
-/// Logs "not closed socket: %d" for every descriptor still in the registry, empties the registry (the sockets stay
-/// open, but for those that Winsock then closes itself) and stops the socket layer. The last net_free() calls it.
+/// Logs "not closed socket: %d" for every descriptor still in the registry, empties the registry, and stops the socket
+/// layer. The sockets stay open, except that Winsock may close them itself. The last net_free() calls it.
 INET_API void socket_free() noexcept;
 
-/// Opens a socket with socket_options() applied and registers it; its record is held in the name of `file` and `line`.
-/// A descriptor below 3 draws "warning: open socket fd: %d".
+/// Opens a socket with socket_options() applied and registers it. `file` and `line` name its record. For a descriptor
+/// below 3, "warning: open socket fd: %d" is logged.
 /// @param family, type, protocol  as the system's socket(): 2, 1, 6 for TCP; 2, 2, 17 for UDP
 /// @return the descriptor, or -1. Close it with net_socket_close().
 INET_API int net_socket_create(int family, int type, int protocol, const char* file, int line) noexcept;
 
-/// Accepts one connection that is there, with socket_options() applied, and registers it. The listening socket is
-/// non-blocking, as net_socket_create() leaves it.
+/// Accepts one waiting connection, with socket_options() applied, and registers it. The listening socket is
+/// non-blocking, as net_socket_create() makes it.
 /// @param peer  receives the remote address; may be null
 /// @return the descriptor, to be closed with net_socket_close(), or -1.
 INET_API int net_socket_accept(int fd, sockaddr_in* peer, const char* file, int line) noexcept;
 
-/// Takes a socket out of the registry and closes it. Descriptors below 3 are left alone. One that was not registered
-/// draws "socket_close: unknown socket: %d" and is closed all the same.
-/// A socket that a network thread watches is first removed there (net::net_nt_socket_rem()).
+/// Takes a socket out of the registry and closes it. A descriptor below 3 is not closed. For one that was not
+/// registered, "socket_close: unknown socket: %d" is logged, and it is closed. A socket that a network thread watches
+/// is first removed there (net::net_nt_socket_rem()).
 INET_API void net_socket_close(int fd) noexcept;
 
-/// Opens two connected, blocking TCP sockets over 127.0.0.1, whatever the first three arguments say. Waits a tenth of a
-/// second at the most, should others get in between.
+/// Opens two connected, blocking TCP sockets over 127.0.0.1. The first three arguments are not used. Waits at most 0.1
+/// seconds, when other connections arrive in between.
 /// @param fds  receives the connecting and the accepted end, both registered
 /// @return 0, or -1 (for null `fds` the error is socket_error_invalid_argument); then nothing stays open.
 INET_API int net_socket_pair(int family, int type, int protocol, int fds[2], const char* file, int line) noexcept;
 
-/// Opens an even/odd pair of UDP sockets for RTP and RTCP (RFC 3550, section 11), bound to 0.0.0.0. Nobody shares their
-/// ports: the reuse option, which every other socket carries, is taken off them before they are bound.
+/// Opens an even/odd pair of UDP sockets for RTP and RTCP (RFC 3550, section 11), bound to 0.0.0.0. No other socket can
+/// share their ports: their reuse option is off, unlike that of other sockets.
 /// @param rtp   receives the descriptor on the even port
 /// @param rtcp  receives the descriptor on the odd port next to it
-/// @return 1 on success, 0 after ten failed attempts, -1 if a pointer is null. After 0 the two hold what the last
-/// attempt left open, -1 for nothing. The caller closes both with net_socket_close().
+/// @return 1 on success, 0 after ten failed attempts, -1 if a pointer is null. After 0 each holds a descriptor that the
+/// last attempt left open, or -1. The caller closes both with net_socket_close().
 INET_API int socket_rtp_pair(int* rtp, int* rtcp) noexcept;
 
 // Options
@@ -106,10 +109,11 @@ INET_API bool socket_multicastInterface(int fd, const char* address) noexcept;
 /// address that is no group, or when the call fails.
 INET_API bool socket_joinGroup(int fd, const char* group, const char* via) noexcept;
 
-/// Non-blocking (false at once when that fails), keep-alive, no-Nagle and reuse-address. @return that of the last one.
+/// Non-blocking (false at once when that fails), keep-alive, no-Nagle and reuse-address.
+/// @return the result of reuse-address.
 INET_API bool socket_options(int fd) noexcept;
 
-/// Sets the size of the receive buffer in bytes: each value that is not 0 is applied, first then second, so that the
+/// Sets the size of the receive buffer in bytes: each value other than 0 is applied, `first` and then `second`, so the
 /// second wins. The send buffer is never changed. @return 0, or -1 when a value was refused.
 INET_API int net_socket_set_size(int fd, int first, int second) noexcept;
 
@@ -137,44 +141,44 @@ INET_API int net_udp_connect(int fd, const char* host, unsigned short port) noex
 /// -2 for a negative descriptor or an unresolvable host.
 INET_API int net_tcp_connect(int fd, const char* host, unsigned short port) noexcept;
 
-/// Binds and listens with a backlog of 1000. The port is the socket's alone, also on Windows, where the reuse option is
-/// taken off it for that. The result of the bind is not checked: when the port is taken the system may listen on a port
-/// of its own choice. Ask net_socket_get_near_port() where that matters. A failed listen logs
-/// "Unable to put the socket in listening mode: %s:%hu".
+/// Binds and listens with a backlog of 1000. No other socket can share the port: on Windows the socket's reuse option
+/// is taken off for that. The result of the bind is not checked. When the port is taken, the system may listen on
+/// another port: net_socket_get_near_port() tells which. A failed listen logs "Unable to put the socket in listening
+/// mode: %s:%hu".
 /// @return 0, -1 when it cannot listen, -2 when the address cannot be resolved.
 INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept;
 
 // Transfer
-// ------------------------------------------------------------------------------------------------------------- Results
-// are those of the system's call: a count, 0, or -1 with the error set (socket_error_would_block: later).
+// -------------------------------------------------------------------------------------------------------------
+// Results are those of the system's call: a count, 0, or -1 with the error set (socket_error_would_block: try later).
 
-/// Sends the held bytes and drops what went from the front of the buffer.
+/// Sends the held bytes, and drops the sent ones from the front of the buffer.
 INET_API int net_tcp_send(int fd, buf_t& buf) noexcept;
 
-/// Sends bytes that stay where they are.
+/// Sends bytes. `data` is not changed.
 INET_API int net_tcp_send_buffer(int fd, buffer_t data) noexcept;
 
-/// Receives into the free space behind the held bytes. 0 means the peer has ended its direction; make room first
-/// (core_buf_respace()), for with none the result tells nothing.
+/// Receives into the free space behind the held bytes. 0 means that the peer has ended its sending half. Make room
+/// first (core_buf_respace()): without room 0 means nothing.
 INET_API int net_tcp_recv(int fd, buf_t& buf) noexcept;
 
-/// Sends the held bytes as one datagram and drops what went from the front.
+/// Sends the held bytes as one datagram, and drops the sent ones from the front of the buffer.
 INET_API int net_udp_send(int fd, buf_t& buf, sockaddr_in* to) noexcept;
 
 /// Sends the bytes as one datagram; -2 for a null buffer.
 INET_API int net_udp_send_buffer(int fd, buffer_t* data, sockaddr_in* to) noexcept;
 
-/// One datagram of a batch; the bytes and the address are borrowed.
+/// One datagram of a batch. The bytes and the address are valid until the call returns.
 struct datagram_t {
     const uint8_t* data;
     uint32_t size;
     const sockaddr_in* to;
 };
 
-/// Sends datagrams in their order with as few calls of the system as it allows (one for a hundred is usual): where it
-/// cuts segments itself, neighbours that have one size and one address, the last perhaps shorter, go through it as one.
-/// @return how many went; fewer than `count` when the next one was refused, which the error tells, so that the caller
-/// may go on behind it. -1 when the first was; -2 for a null array with a count.
+/// Sends datagrams in their order, with as few system calls as possible (usually one for a hundred). Where the system
+/// can cut segments, neighbours of one size to one address are given to it as one; the last of them may be shorter.
+/// @return how many were sent; -1 when the first was refused; -2 for a null array with a count. Fewer than `count`: the
+/// next one was refused, with the error set. The caller may go on with the one after it.
 INET_API int net_udp_send_batch(int fd, const datagram_t* datagrams, uint32_t count) noexcept;
 
 /// Sends a text without its terminator as one datagram; -2 for a null text.
@@ -184,14 +188,14 @@ INET_API int net_udp_send_msg(int fd, const char* text, sockaddr_in* to) noexcep
 /// @param from  receives the sender's address; may be null
 INET_API int net_udp_recv(int fd, buf_t& buf, sockaddr_in* from) noexcept;
 
-/// One received datagram of a batch: goes into `bytes` as net_udp_recv() has it.
+/// One received datagram of a batch. `bytes` is filled as by net_udp_recv().
 struct received_t {
     buf_t bytes;
     sockaddr_in from;
 };
 
-/// Receives the datagrams that are there, in their order and at most `count`, with as few calls of the system as it
-/// allows. @return how many; -1 when there is none, with the error set; -2 for a null array with a count.
+/// Receives the waiting datagrams, at most `count`, in their order, with as few system calls as possible. @return how
+/// many; -1 when there is none, with the error set; -2 for a null array with a count.
 INET_API int net_udp_recv_batch(int fd, received_t* datagrams, uint32_t count) noexcept;
 
 // Addresses
@@ -210,11 +214,11 @@ INET_API void net_addr_ip(const sockaddr_in& addr, char* out, size_t n) noexcept
 /// Port in host order.
 INET_API unsigned short net_addr_port(const sockaddr_in& addr) noexcept;
 
-/// Both at once.
+/// The text of net_addr_ip() and the port in host order.
 INET_API void net_addr_str(sockaddr_in addr, char* out, size_t n, unsigned& port) noexcept;
 
-/// Dotted text in a buffer of the calling thread, good until its next call and not to be released, and the port in host
-/// order. Null and 0 for a null address.
+/// Dotted text of an address, and its port in host order; null and 0 for a null address. The text is valid until the
+/// thread's next call; it is not to be released.
 INET_API const char* net_socket_straddr(const sockaddr_in* addr, unsigned& port) noexcept;
 
 /// Dotted text of an address; release it with core_mfree(). Null when memory is out.
@@ -241,7 +245,7 @@ INET_API sockaddr_in** net_socket_get_if_addr(const char* file, int line) noexce
 /// The first text of net_socket_get_if(), for core_mfree(); null when there is none.
 INET_API char* net_hostip(const char* file, int line) noexcept;
 
-/// The host name in UTF-8, at most 255 bytes, for core_mfree(); null when it cannot be told.
+/// The host name in UTF-8, at most 255 bytes, for core_mfree(); null when it is not known.
 INET_API char* net_hostname(const char* file, int line) noexcept;
 
 /// A number for a host: (last octet of the dotted address) * 100 + `base`. 0 for null and for a text that is no

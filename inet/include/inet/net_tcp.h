@@ -1,4 +1,4 @@
-/// TCP on a network thread: listening sockets, and one connection for every protocol that needs one.
+/// TCP on a network thread: listening sockets, and the connection that all protocols use.
 #pragma once
 
 #include "core/api.h"
@@ -22,7 +22,7 @@ struct tcp_ctx {
     sockaddr_in peer = {};  ///< remote address of the last accepted connection
     void* arg = nullptr;
     accept_callback callback = nullptr;
-    int spare = -1;  ///< held back, to turn connections away when descriptors have run out
+    int spare = -1;  ///< kept free to refuse connections when descriptors have run out
 };
 
 /// Makes a record with a TCP socket, for `nt`.
@@ -37,8 +37,9 @@ INET_API int net_tcp_create(tcp_ctx*& t, nt_ctx* nt, const char* file, int line)
 INET_API int net_tcp_listen2(tcp_ctx*& t, const char* address, unsigned port, void* arg,
                              accept_callback callback) noexcept;
 
-/// Stops listening, closes the socket, releases the record and nulls it. After the call the callback does not run
-/// (called in that callback: not after it returns). Any thread, but before the network thread is stopped.
+/// Stops listening, closes the socket, releases the record and nulls it. After the call the callback does not run.
+/// Called inside the callback, it does not run again once it has returned. Any thread, before the network thread is
+/// stopped.
 INET_API void net_tcp_close(tcp_ctx*& t) noexcept;
 
 class Tcp;
@@ -49,15 +50,15 @@ class INET_API ITcp {
 public:
     /// connect() has succeeded.
     virtual void on_tcp_connected(Tcp* tcp) noexcept;
-    /// Takes bytes off the front of `received`, with core_buf_ignore(); the rest is shown again with what comes next.
-    /// A buffer that is full and of which nothing is taken closes the connection.
+    /// Takes bytes off the front of `received` with core_buf_ignore(). The rest is shown again with the next bytes.
+    /// When the buffer is full and the owner takes nothing, the connection is closed.
     virtual void on_tcp_received(Tcp* tcp, buf_t* received) noexcept = 0;
-    /// The system takes bytes again, and nothing that was given to send() waits any more.
+    /// The system takes bytes again, and no bytes of send() wait.
     virtual void on_tcp_writable(Tcp* tcp) noexcept;
     /// Tcp::signal() was called, once or more.
     virtual void on_tcp_signalled(Tcp* tcp) noexcept;
-    /// The peer has ended its sending half. @param received  what was not taken
-    /// @return 1 to go on sending, with nothing more received; 0 to have the connection closed, as ITcp does by itself
+    /// The peer has ended its sending half. @param received  the bytes not taken yet
+    /// @return 1 to go on sending; 0, as ITcp itself returns, to have the connection closed
     virtual int on_tcp_ended(Tcp* tcp, buf_t* received) noexcept;
     /// The last call: connect() has failed, or the peer has closed or reset the connection.
     /// @param error  a socket_error_t of inet/net_socket.h; socket_error_no_buffers when the owner took nothing of a
@@ -68,8 +69,8 @@ protected:
     ~ITcp() = default;
 };
 
-/// A TCP connection, made by connect() or accepted elsewhere. Used on its network thread alone, but for its making,
-/// signal() and destroy().
+/// A TCP connection, made by connect() or accepted elsewhere. Any thread may make one, signal() it and destroy() it.
+/// All else belongs to its network thread.
 ///
 /// Bounds:
 ///     received, not taken by the owner    set_room(), 64 KiB
@@ -78,16 +79,16 @@ class INET_API Tcp final {
 public:
     /// @return null when memory is out
     static Tcp* create(const char* file, int line) noexcept;
-    /// Closes the connection without a word and releases it; null is ignored. After the call no function of the handler
-    /// runs (called in one of them: not after it returns).
+    /// Closes the connection at once and releases it. Null is ignored. After the call no function of the handler runs.
+    /// Called inside one, none runs after that one has returned.
     static void destroy(Tcp* tcp) noexcept;
     Tcp(const Tcp&) = delete;
     Tcp& operator=(const Tcp&) = delete;
 
     void set_handler(ITcp* handler) noexcept;
-    /// Bytes of the receive buffer. Later calls enlarge it, and make it smaller while it holds nothing.
+    /// Sets the bytes of the receive buffer. Later calls may enlarge it, and shrink it while it is empty.
     void set_room(uint32_t bytes) noexcept;
-    /// Whether more is received; 1 until set. While it is off, a connection that is lost may be noticed late.
+    /// 1 to receive, 0 to pause; 1 until set. During a pause a lost connection may be noticed late.
     void set_reading(int wanted) noexcept;
     void set_output_limit(uint32_t bytes) noexcept;
 
@@ -95,39 +96,40 @@ public:
     /// @return 0 when it is under way; -1 when the system refused, see error(), or memory is out; -2 when the host
     ///         cannot be resolved; -5 when there is a connection already
     int connect(nt_ctx* nt, const char* address, unsigned short port) noexcept;
-    /// Takes over an accepted descriptor. @return 0; -1 when memory is out, -5 when there is a connection already: the
-    /// descriptor is then the caller's still
+    /// Takes over an accepted descriptor. @return 0; -1 when memory is out; -5 when there is a connection already.
+    /// After -1 and -5 the descriptor still belongs to the caller
     int take(nt_ctx* nt, int fd, const sockaddr_in& peer) noexcept;
 
-    /// Once it is connected: leaves its thread, without closing. Then attach(), on another thread, takes it up again
-    /// there. What was received and not taken stays.
+    /// Moves a connected connection to another thread: detach() on the old thread, then attach() on the new one.
+    /// Received bytes that were not taken are kept.
     /// @return attach(): 1, or 0 when memory is out: nothing is watched then
     void detach() noexcept;
     int attach(nt_ctx* nt) noexcept;
-    /// Shows the owner what was received and not taken, as after set_handler() of another owner.
+    /// Shows the owner the received bytes not taken yet, for example after set_handler() of another owner.
     void show_received() noexcept;
 
-    /// Sends bytes: what the system does not take at once is copied and sent later.
-    /// @return 1; 0 when there is no connection, memory is out, or the bytes would go beyond the output limit: then
-    ///         none of them was sent
+    /// Sends bytes. Those that the system does not take at once are copied and sent later.
+    /// @return 1; 0 when there is no connection, memory is out, or the bytes would exceed the output limit: none of
+    ///         them was sent then
     int send(buffer_t bytes) noexcept;
     /// Sends bytes without copying them. @return how many the system took; 0 while other bytes wait
     uint32_t lend(buffer_t bytes) noexcept;
-    /// Sends from a buffer of the owner's and drops what went from its front. When something is left,
-    /// on_tcp_writable() tells when to go on. For an owner that keeps what waits itself and does not use send().
+    /// Sends from the owner's buffer, and drops the sent bytes from its front. When bytes are left, on_tcp_writable()
+    /// tells when to go on. For an owner that queues output itself and does not use send().
     void flush(buf_t& own) noexcept;
 
-    /// Sends two runs of bytes, one behind the other, without copying them. When something is left, on_tcp_writable()
-    /// tells when to go on, with the rest. For an owner that does not use send().
+    /// Sends two runs of bytes, one after the other, without copying them. When bytes are left, on_tcp_writable() tells
+    /// when to go on with them. For an owner that does not use send().
     /// @return how many bytes the system took
     uint32_t offer(buffer_t first, buffer_t second) noexcept;
     /// Ends the sending half (RFC 9293, 3.6): the peer reads to the end of what was sent, and may still send.
     void end_output() noexcept;
 
-    /// Has on_tcp_signalled() called. Any thread; nothing when there is no connection.
+    /// Has on_tcp_signalled() called. Any thread. Without a connection it does nothing.
     void signal() noexcept;
 
-    /// Once a second. @return seconds for which the peer has taken neither 64 KiB nor all of what waits for it
+    /// To be called once a second. @return seconds for which the peer has taken neither 64 KiB nor all of the waiting
+    /// bytes
     unsigned second() noexcept;
 
     bool is_connected() const noexcept;

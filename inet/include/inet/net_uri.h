@@ -1,8 +1,8 @@
-/// URIs of any scheme: splitting, path segments, query arguments and percent-coding. The splitter is deliberately
-/// simple: it knows no scheme and no default port and never validates. Any thread.
+/// URIs of any scheme: splitting, path segments, query arguments and percent-coding. The splitter knows no scheme and
+/// no default port, and does not validate. Any thread.
 ///
-/// Every text is a block of its own. Memory is linear in the input: a record takes at most twice its text, the
-/// arguments of a query at most 128 bytes each beside their texts. When memory is out the result is null.
+/// Every text is a block of its own. A record takes at most twice the bytes of its text. A query argument takes at most
+/// 128 bytes beside its texts. When memory is out the result is null.
 #pragma once
 
 #include "core/api.h"
@@ -35,19 +35,20 @@ inline constexpr uint32_t uri_max_arg = 1023;
 /// Query arguments that are read; those after them are left out.
 inline constexpr uint32_t uri_max_args = 1024;
 
-/// Splits a URI. The user-info ends at the first '@' behind "://", wherever that stands, the host at the first ':' or
-/// '/'. Without '/' behind the host, path and query stay null; so does the path when the first '?' stands before it.
-/// Without "://" there is only a path, from behind the first '/' or from the start, and a query.
+/// Splits a URI. The user-info ends at the first '@' anywhere after "://". The host ends at the first ':' or '/'.
+/// Without a '/' after the host, path and query stay null. When the first '?' stands before that '/', the path stays
+/// null. Without "://" there are only a path, after the first '/' or from the start, and a query.
 /// @return a new record for uri_free(); null for null and when nothing follows "://".
 INET_API net::uri_s* uri_parse(const char* text, const char* file, int line) noexcept;
 INET_API void uri_free(net::uri_s* uri) noexcept;
 
-/// Copies what follows the first `prefix` in `path`, and one '/' directly behind it, cut to `size` - 1 characters and
-/// terminated. @return `out`; null when an argument is null, `size` is below 1, the prefix does not occur or nothing
-/// follows it.
+/// Copies the part of `path` after the first `prefix` and one '/' directly behind that. It is cut to `size` - 1
+/// characters and terminated. @return `out`; null when an argument is null, `size` is below 1, the prefix does not
+/// occur or nothing follows it.
 INET_API char* uri_get_subpath(const char* path, const char* prefix, char* out, int size) noexcept;
 
-/// Copies the segment behind the index-th '/' (0: before the first) up to the next one, cut and terminated likewise.
+/// Copies the segment after the index-th '/' (0: before the first) up to the next '/'. It is cut and terminated in the
+/// same way.
 /// @return `out`; null when an argument is null, `size` is below 1 or there is no such segment.
 INET_API char* uri_subpath(const char* path, int index, char* out, int size) noexcept;
 

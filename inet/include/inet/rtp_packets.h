@@ -1,9 +1,9 @@
-/// The RTP packets of one frame, cut once for any number of receivers. What differs between two streams of the frame
-/// stands in the first bytes of each packet. A stream writes these bytes in place (Rtp::pack()), so the payload is
-/// copied once for all streams, and the packets are those of the last stream that packed them.
+/// The RTP packets of one frame, cut once for any number of receivers. Only the first bytes of a packet differ between
+/// streams. Rtp::pack() writes these bytes in place for its stream. The payload is copied once for all streams, and the
+/// packets are those of the stream that packed them last.
 ///
-/// An object belongs to one thread. It allocates nothing once it has grown to the longest frame. When memory is out at
-/// its making, it cuts nothing.
+/// An object belongs to one thread. Once it has grown to the longest frame, it allocates nothing. An object for which
+/// there was no memory cuts nothing.
 #pragma once
 
 #include "avc/frame.h"
@@ -33,7 +33,7 @@ public:
     /// @return 1; 0 for null, for a frame that makes no packet, or when memory is out: there are no packets then
     int cut(const av::frame_t* frame) noexcept;
 
-    /// Format of the frame, and when it is shown.
+    /// Format of the frame, and the time at which it is shown.
     uint32_t fcc() const noexcept;
     uint64_t time() const noexcept;
 

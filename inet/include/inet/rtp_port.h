@@ -1,8 +1,10 @@
-/// The UDP side of a received RTP stream: a port for RTP and the next one for RTCP (RFC 3550, section 11), packets put
-/// back into order, and only those of the sender. One network thread's.
+/// Receives an RTP stream over UDP, on a port for RTP and the next one for RTCP (RFC 3550, section 11). It puts packets
+/// back into order, and takes only those of the sender. An object belongs to one network thread.
 ///
-/// Bounds: the packets of one reorder window (rtp_reorder.h), and one batch of 16 datagrams, 1 MiB, of which only what
-/// datagrams fill is touched. At most 16 batches are taken at a time, then other sockets get their turn.
+/// Bounds:
+///     waiting packets  one reorder window (inet/rtp_reorder.h)
+///     one batch        16 datagrams, 1 MiB; only the part that datagrams fill is touched
+///     one turn         16 batches; then other sockets have their turn
 #pragma once
 
 #include "core/api.h"
@@ -16,10 +18,11 @@ namespace rtp {
 
 class Port;
 
-/// Takes what has come. From inside, every function of Port may be called but destroy().
+/// Takes received packets. From inside, every function of Port but destroy() may be called.
 class INET_API IPort {
 public:
-    /// A packet in its turn. @param restarted  true for the first one of a sender that has started its numbers anew
+    /// The next packet in order. The bytes are valid until the call returns.
+    /// @param restarted  true for the first packet after the sender has restarted its numbers
     virtual void on_rtp_packet(Port* port, buffer_t packet, bool restarted) noexcept = 0;
     /// A packet that came to the RTCP port.
     virtual void on_rtcp_packet(Port* port, buffer_t packet) noexcept = 0;
@@ -36,10 +39,10 @@ public:
     Port(const Port&) = delete;
     Port& operator=(const Port&) = delete;
 
-    /// Takes packets of this address alone, whatever the port. Up to two addresses; before any, none is taken.
+    /// Takes packets from this address, from any port. At most two addresses. Until the first call no packet is taken.
     void add_source(in_addr address) noexcept;
 
-    /// Opens a pair of ports. @return 1, or 0 when there is none, or memory is out
+    /// Opens a pair of ports. @return 1; 0 when no pair is free, or when memory is out
     int open() noexcept;
     /// Joins a multicast group instead, RTP on `port`, RTCP on the next one.
     /// @param via  dotted address of the interface
@@ -49,9 +52,10 @@ public:
 
     /// Sends a packet from the RTCP port.
     void send_rtcp(buffer_t packet, const sockaddr_in& to) noexcept;
-    /// To be called about ten times a second: gives up what has been waited for too long. @param now  core_timer()
+    /// To be called about ten times a second: gives up packets that have been waited for too long.
+    /// @param now  core_timer()
     void expire(uint64_t now) noexcept;
-    /// Takes nothing any more, also not the rest of what is being taken.
+    /// Takes no further packets, also not the rest of the current batch.
     void stop() noexcept;
 
 private:

@@ -1,7 +1,7 @@
-/// RTP packetizer and depacketizer. Media frames become RTP packets (RFC 3550) with a sender report every two seconds
-/// of media time, and packets become frames again with receiver reports. An object touches no socket: it hands every
-/// packet that it builds and all media that it received to its owner through rtp::IRtp, and the owner brings what it
-/// received. The conversions between the library's clock and NTP time stand here, too.
+/// RTP packetizer and depacketizer (RFC 3550), and conversions between the library's clock and NTP time. Media frames
+/// become RTP packets, with a sender report every two seconds of media time. Received packets become frames, with
+/// receiver reports. An object uses no socket. The owner gives it received packets, and gets through rtp::IRtp every
+/// packet to send and all received media.
 ///
 /// An object, its tracks and its handler belong to one thread, the network thread of the owner. No packet is longer
 /// than rtp::packet_size bytes, and none is kept. After set-up, pack() allocates nothing, except that "META" makes a
@@ -9,38 +9,38 @@
 ///
 ///   format   on the wire
 ///   "H264"   single NAL unit packets and FU-A (RFC 6184). The parameter sets of an access unit go first. Delimiters
-///   and
-///            SEI are left out. The marker bit ends every NAL unit
+///            and SEI are left out. The marker bit ends every NAL unit
 ///   "JPEG"   payload type 26 (RFC 2435) with its quantisation tables in band. Above 2040 pixels either way, the whole
 ///            file in a header extension
 ///   "PCMU"   pieces of at most 1388 bytes, each with the marker bit
 ///   "PCMA"   the same, with Rtp::set_all_formats()
 ///   "mp4a"   AAC, with Rtp::set_all_formats(): an access unit in a packet, or in pieces of at most 1384 bytes, behind
-///            one AU header of 13 bits size and 3 bits index (RFC 3640, 3.3.6). Nothing for one above 8191 bytes. The
-///            marker bit on the last
-///   "META"   sent like "UNIV". A report (net_analytics_is_report()) is converted by net_analytics_convert(): nothing
-///            when it names no object. Anything else is a document, which is sent as it is: of a record always, of a
-///            frame with Rtp::set_all_formats()
+///            one AU header of 13 bits size and 3 bits index (RFC 3640, 3.3.6), with the marker bit on the last. An
+///            access unit above 8191 bytes is not sent
+///   "META"   sent like "UNIV". A report (net_analytics_is_report()) is converted by net_analytics_convert(). One that
+///            names no object is not sent. Anything else is a document, which is sent unchanged: of a meta_t always, of
+///            a frame_t with Rtp::set_all_formats()
 ///   "UNIV"   pieces of at most 1388 bytes, the marker bit on the last
 ///
 ///   format   what event 3 brings of received packets
-///   "H264"   a NAL unit without start code, of a single NAL unit packet or put together from FU-A. Aggregation packets
-///            (types 24 to 27) come as they are. Types 29 to 31 are dropped
-///   "JPEG"   a picture piece by piece, one a packet: the first with the header that RTP leaves out, the last (marker)
-///            with EOI. Or the pieces of a file in header extensions, with SOI before the first. Quantisation tables
-///            come in band for a Q from 128, and from RFC 2435, appendix A, for 1 to 99. A picture of Q 128 to 254
-///            without tables has those that came last with its Q. A picture whose tables are missing is left out
-///   "PCMU"   "PCMA" "G726": the payload of one packet
-///   "mp4a"   what stands behind the AU headers of one packet (RFC 3640, 3.2.1). With trak_t::au_size_bits, each access
-///            unit by itself, put together from its pieces, with the time that follows from its place in the packet
+///   "H264"   a NAL unit without start code, from a single NAL unit packet or from FU-A. Aggregation packets (types 24
+///            to 27) come unchanged. Types 29 to 31 are dropped
+///   "JPEG"   a picture in pieces, one for each packet. The first has the header that RTP leaves out, the last (marker)
+///            has EOI. Or the pieces of a file in header extensions, with SOI before the first. Quantisation tables, by
+///            their Q: 1 to 99, RFC 2435, appendix A; from 128 on, those in the packets; 128 to 254 without tables in
+///            the packets, the last ones received with that Q. A picture whose tables are missing is left out
+///   "PCMU"   the payload of one packet
+///   "PCMA"   the same
+///   "G726"   the same
+///   "mp4a"   the bytes behind the AU headers of one packet (RFC 3640, 3.2.1). With trak_t::au_size_bits, each access
+///            unit alone, put together from its pieces, with the time that its place in the packet gives it
 ///   "META"   a document, ended by the marker bit
 ///
-/// Every byte received counts as hostile. Bounds for one peer:
+/// Received bytes are not trusted. Bounds for one peer:
 ///     trak_t::frame, trak_t::fua   rtp::max_frame bytes each; a longer frame is given up whole
 /// Once both have grown, receiving allocates nothing.
 ///
-/// Packets are taken in the order in which they are brought. A track that is received by UDP needs an rtp::Reorder
-/// (inet/rtp_reorder.h) in front of it.
+/// Packets are not reordered. A track that is received over UDP needs an rtp::Reorder (inet/rtp_reorder.h) in front.
 #pragma once
 
 #include "avc/frame.h"
@@ -56,14 +56,14 @@
 /// @param frac  receives the fraction; may be null
 INET_API uint64_t time_core_to_ntp(uint64_t us, unsigned* sec, unsigned* frac) noexcept;
 
-/// Microseconds since 1970-01-01 of an NTP time, truncated; seconds before 1970 count as those after the NTP era's end
-/// in 2036. Any thread.
+/// Microseconds since 1970-01-01 of an NTP time, truncated. NTP seconds below those of 1970 belong to the next NTP era,
+/// which begins in 2036. Any thread.
 INET_API uint64_t time_ntp_to_core(unsigned sec, unsigned frac) noexcept;
 
 namespace rtp {
 
 /// The RTP timestamp (RFC 3550, 5.1) of microseconds since 1970-01-01 on a clock of `clock_rate` Hz: truncated, modulo
-/// 2^32, exact for whole rates at any length of stream; 0 for a rate outside 0 up to 2^32. Any thread.
+/// 2^32. It is exact for whole rates at any length of stream. It is 0 for a rate outside 0 up to 2^32. Any thread.
 INET_API uint32_t timestamp(uint64_t us, double clock_rate) noexcept;
 
 /// Bytes of the longest packet, headers included.
@@ -85,25 +85,24 @@ struct event_t {
 /// The clock behind the RTP time in sender reports.
 enum class report_clock_t : uint8_t {
     ntp,      ///< NTP seconds since 1900 times the clock rate
-    packets,  ///< the timestamps of the packets, which a player needs to keep tracks in step (RFC 3550, 6.4.1)
+    packets,  ///< the timestamps of the packets: receivers need it to keep tracks in step (RFC 3550, 6.4.1)
 };
 
-/// One stream. Made by Rtp::add_trak(), valid until Rtp::close().
+/// One stream, made by Rtp::add_trak(). Valid until Rtp::close().
 struct trak_t {
     uint8_t active;      ///< 1 when frames are packed; set by the owner once the stream is set up. Received packets are
                          ///< taken in any case
     uint8_t pt;          ///< RTP payload type; JPEG is sent as 26 in any case
-    uint16_t seq;        ///< sent: the next sequence number. Received: the last one, 0 for none yet; may be set by the
-                         ///< owner to the number announced for the next packet
+    uint16_t seq;        ///< sent: the next sequence number. Received: the last one, 0 for none yet. The owner may set
+                         ///< it to the number announced for the next packet
     uint32_t fcc;        ///< payload format (avc/fcc.h)
     uint32_t ssrc;       ///< sent: of our packets, set by the owner. Received: of the last packet
     uint32_t rtp_time;   ///< RTP timestamp of the current frame
     double clock_rate;   ///< RTP clock in Hz, 0 up to 2^32, set by the owner
-    uint64_t time;       ///< microseconds since 1970-01-01 of the current frame. Received: from what the owner sets,
-                         ///< advanced by the timestamps in whole milliseconds; an owner who needs exact intervals, or
-                         ///< receives pictures that are not in the order of their times, reads `rtp_time`
-    uint64_t next_rtcp;  ///< frame time from which the next report is due; 0 at first, so that the first frame brings
-                         ///< one
+    uint64_t time;       ///< microseconds since 1970-01-01 of the current frame. Received: the value that the owner
+                         ///< sets, advanced by the timestamps in whole milliseconds. For exact intervals, and for
+                         ///< pictures that are not in the order of their times, read `rtp_time`
+    uint64_t next_rtcp;  ///< frame time from which the next report is due; 0 at first, so the first frame brings one
     uint32_t packets;    ///< RTP packets sent
     uint32_t octets;     ///< bytes of them, RTP headers included
     buf_t frame;         ///< received: bytes of the frame being delivered
@@ -114,16 +113,16 @@ struct trak_t {
     uint32_t lsr_frac;   ///< NTP fraction of that report
     uint16_t jpeg_seq;   ///< received: sequence number of the first packet of the JPEG frame
 
-    // Received, honest beside the fixed figures of the receiver report. All count from the making of the track.
+    // Received: true counts (those of a receiver report are fixed). All begin at 0 when the track is made.
     uint32_t received;   ///< packets taken
-    uint32_t lost;       ///< numbers of the sequence that were passed over (RFC 3550, A.3: expected less received). It
-                         ///< has grown before the first data behind a gap is handed over, so an owner that wants whole
-                         ///< pictures only compares it with its value at the picture's start
+    uint32_t lost;       ///< sequence numbers passed over (RFC 3550, A.3: expected less received). It grows before the
+                         ///< first data behind a gap is handed over: a picture is whole when `lost` is the same at its
+                         ///< start and at its end
     uint32_t late;       ///< packets dropped for an old or repeated number; they stay counted as lost
     uint32_t discarded;  ///< frames given up: past max_frame, out of memory, JPEG of unknown type or without its tables
-    uint32_t restarts;   ///< steps of the numbers too wide for loss or disorder, which give up what was put together
+    uint32_t restarts;   ///< steps of the numbers too wide for loss or disorder; the frame in progress is given up
     uint32_t jitter;     ///< interarrival jitter in clock ticks (RFC 3550, A.8); needs Rtp::set_arrival()
-    uint8_t marker;      ///< 1 when the packet that the data at hand ends with had the marker bit
+    uint8_t marker;      ///< 1 when the packet that ends the current data had the marker bit
     uint8_t bye;         ///< 1 when the sender said BYE (RFC 3550, 6.6) and no packet has been taken since
 
     // Received "mp4a" (RFC 3640, 4.1), set by the owner, each at most 32.
@@ -135,9 +134,8 @@ struct trak_t {
 class Rtp;
 class Packets;
 
-/// Takes what an Rtp has ready. The data is valid until the call returns: the next packet overwrites the packet, and
-/// `frame` is emptied. From inside, the owner may read the object and call set_packet_room(), but not close(),
-/// destroy(), pack() or unpack_rtp() and their kind.
+/// Takes what an Rtp has ready. The data is valid until the call returns. From inside, the owner may read the object
+/// and call set_packet_room(). It may not call close(), destroy(), or a function that packs or unpacks.
 class INET_API IRtp {
 public:
     virtual void on_rtp_event(Rtp* rtp, event_t::enum_t event) noexcept = 0;
@@ -151,9 +149,9 @@ public:
     int32_t id = 0;             ///< number of the owner, at the start of every log line
     uint64_t start_time = 0;    ///< the smallest frame time ever packed; 0 for none
     buf_t packet;               ///< the outgoing packet: `length` bytes at `data`
-    trak_t* current = nullptr;  ///< the track of the packet or frame at hand
+    trak_t* current = nullptr;  ///< the track of the current packet or frame
     IRtp* handler = nullptr;    ///< not owned; without one, packets are counted and dropped
-    log_ctx* log;               ///< the log named "rtp"; null when it could not be opened, which only costs the lines
+    log_ctx* log;               ///< the log named "rtp"; null when it could not be opened: nothing is logged then
     trak_t** traks = nullptr;   ///< null-terminated array; null when there is no track
     Packets* cut = nullptr;     ///< event `packets`: the frame that was cut before; else null
 
@@ -167,7 +165,7 @@ public:
 
     /// @return null when memory is out. End it with destroy().
     static Rtp* create(const char* file, int line) noexcept;
-    /// Closes and releases the object, never the packet room of its owner; null is ignored.
+    /// Closes and releases the object, but not the owner's packet room. Null is ignored.
     static void destroy(Rtp* rtp) noexcept;
 
     /// Releases every track and empties the list.
@@ -175,8 +173,8 @@ public:
 
     void set_handler(IRtp* value) noexcept { handler = value; }
 
-    /// Where the next packets are built, so that a payload is copied once, straight to where it is sent from. Stays in
-    /// force until the next call, which may come from inside on_rtp_event() for events 0 and 2 to move on.
+    /// Sets where the next packets are built, so that a payload is copied once, to where it is sent from. It holds
+    /// until the next call. The next call may come from inside on_rtp_event(), on events 0 and 2.
     /// @param room  packet_size writable bytes of any alignment, valid until the next call; null for the object's own
     void set_packet_room(uint8_t* room) noexcept;
 
@@ -186,48 +184,50 @@ public:
     /// Clock of the RTP time in sender reports; report_clock_t::ntp until set.
     void set_report_clock(report_clock_t clock) noexcept;
 
-    /// The track with that payload type when there is one, else a new one, zeroed but for `pt` and `fcc`, at the end of
-    /// the list. @return null when memory is out. Valid until close().
+    /// The track with that payload type. When there is none, a new one is added at the end of the list, zeroed but for
+    /// `pt` and `fcc`. @return the track, valid until close(); null when memory is out.
     trak_t* add_trak(unsigned char pt, unsigned fcc) noexcept;
     /// The first track with that payload type or format; null when there is none.
     trak_t* get_trak_pt(unsigned char pt) const noexcept;
     trak_t* get_trak_fcc(unsigned fcc) const noexcept;
 
     /// Sends a frame on the active track with exactly its fcc. Its packets come first (event 0). A sender report (event
-    /// 2) follows when the track's media time has come to next_rtcp. The timestamp is that of the time at which the
+    /// 2) follows when the track's media time has reached next_rtcp. The timestamp is that of the time at which the
     /// frame is shown (av::frame_t::shown_after). Nothing is sent:
     ///   - for null,
     ///   - without such a track,
     ///   - for a format that is not in the table above.
     void pack(const av::frame_t* frame) noexcept;
 
-    /// The same for a frame that was cut before (inet/rtp_packets.h), by one event 1 for all of its packets, unless there
-    /// is none. They are stamped for this stream until another one packs them.
+    /// As pack(), for a frame that was cut before (inet/rtp_packets.h). One event 1 is raised for all of its packets,
+    /// none without packets. The packets are valid for this stream until another stream packs them.
     void pack(Packets& packets) noexcept;
 
-    /// The same for a metadata record: "META" or "UNIV". A "META" record is converted when its first character that is
-    /// no blank is '['; any other is a document, which is sent as it stands.
+    /// As pack(), for a metadata record: "META" or "UNIV". A "META" record is converted when its first character that
+    /// is no blank is '['. Any other is a document, which is sent unchanged.
     void pack_meta(const av::meta_t* meta) noexcept;
 
     /// Sends one sender report (RFC 3550, 6.4.1; 28 bytes, no report block) on the track's current time: event 2.
     void pack_rtcp_sr(trak_t* trak) noexcept;
 
-    /// Takes one received RTP packet for the track of its payload type. Its SSRC becomes the track's. Data that is
-    /// complete is handed over (event 3). A receiver report (event 2) follows when the track's media time has come to
-    /// next_rtcp, which it has at the first packet. Dropped are:
+    /// Takes one received RTP packet for the track of its payload type. Its SSRC becomes the track's. Complete data is
+    /// handed over (event 3). A receiver report (event 2) follows when the track's media time has reached next_rtcp,
+    /// and at the first packet. Dropped are:
     ///   - what is no RTP of version 2,
     ///   - a payload type without a track,
-    ///   - a number equal to the last or older; behind 65000, one up to 100 is newer.
+    ///   - a sequence number equal to the last or below it. When the last is 65000 or above, one up to 100 is newer.
     /// A gap in the numbers empties `frame` and `fua`. A header extension counts as payload; "JPEG" reads it.
     void unpack_rtp(buffer_t packet) noexcept;
 
-    /// Takes one received RTCP packet of any type: the first of a compound. When its SSRC is that of a track, the NTP
-    /// time at the place of a sender report is kept, a BYE of that SSRC anywhere in the compound is noted, and a
-    /// receiver report is sent at once (event 2).
+    /// Takes one received RTCP packet, single or compound. Its first packet may have any type. When the SSRC of that
+    /// first packet is that of a track:
+    ///   - the NTP time is kept, read at its place in a sender report,
+    ///   - a BYE of that SSRC anywhere in the compound sets trak_t::bye,
+    ///   - a receiver report is sent at once (event 2).
     void unpack_rtc(buffer_t packet) noexcept;
 
-    /// When the next packets arrived, in microseconds of any steady clock such as core_timer(): for the jitter alone.
-    /// One value serves all packets of one read. 0 (the start) for not known.
+    /// Sets the arrival time of the next packets, for the jitter. It is in microseconds of any steady clock, such as
+    /// core_timer(). One value may serve all packets of one read. 0, as at the start, is not known.
     void set_arrival(uint64_t us) noexcept;
 
     /// Hands over the current track's `frame` (event 3) when it is not empty, then empties it.

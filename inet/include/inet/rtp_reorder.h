@@ -1,6 +1,6 @@
-/// Puts RTP packets that UDP has delivered out of order back into order, in front of rtp::Rtp::unpack_rtp(). One object
-/// for each track, on one thread. A packet that is next in turn passes straight through. A packet that comes early is
-/// copied and waits until those before it:
+/// Puts RTP packets received over UDP back into order, for rtp::Rtp::unpack_rtp(). Use one object for each track, on
+/// one thread. The next packet in order is delivered at once. An early packet is copied, and waits until those before
+/// it:
 ///   - have come,
 ///   - are too many to wait for, or
 ///   - have been waited for long enough.
@@ -19,7 +19,7 @@
 
 namespace rtp {
 
-/// Bytes of the longest packet that can wait. A longer one is not waited with: it ends the wait for those before it.
+/// Bytes of the longest packet that can wait. A longer one does not wait: it ends the wait for those before it.
 inline constexpr uint32_t reorder_packet = 2048;
 
 inline constexpr uint32_t max_reorder_window = 256;
@@ -32,14 +32,15 @@ public:
     };
 
     struct counts_t {
-        uint32_t late;      ///< dropped: the place was given up or passed before, or the number is far off
-        uint32_t repeated;  ///< dropped: waits already
+        uint32_t late;      ///< dropped: its place was passed or given up, or the number is far off
+        uint32_t repeated;  ///< dropped: the same packet waits already
         uint32_t given_up;  ///< numbers no longer waited for
-        uint32_t restarts;  ///< new starts of the sender; grown before the new sequence is delivered, so that the owner
-                            ///< can set trak_t::seq to 0 for it
+        uint32_t restarts;  ///< restarts of the sender; it grows before the new sequence is delivered, so that the
+                            ///< owner can set trak_t::seq to 0 for it
     };
 
-    /// Takes a packet in its turn; the bytes are valid until it returns. From inside, the Reorder may only be read.
+    /// Takes the next packet in order. The bytes are valid until the callback returns. From inside, the Reorder may
+    /// only be read.
     using deliver_t = void (*)(void* arg, buffer_t packet);
 
     /// @return null when memory is out or `deliver` is null. End it with destroy().
@@ -52,7 +53,8 @@ public:
     /// dropped.
     void push(buffer_t packet, uint64_t now) noexcept;
 
-    /// When expire() is due; 0 when nothing waits. push() sees to it too, so this is for a stream that has paused.
+    /// Time at which expire() is due; 0 when nothing waits. push() does the work of expire(), so this matters when a
+    /// stream has paused.
     uint64_t due() const noexcept;
 
     /// Delivers the packets that have waited since `now` - max_wait or longer. Gives up what they waited for.

@@ -127,8 +127,8 @@ void packetizer::pack(Packets& packets) noexcept {
     trak_t* const trak = find(packets.fcc(), packets.time());
     if (!trak) return;
     const uint16_t first_seq = trak->seq;
-    packets.stamp(*trak);
     if (!is_sent(trak->fcc)) return log_unknown("fcc");
+    packets.stamp(*trak);
     if (packets.count() != 0) {
         rtp_.cut = &packets;
         hand_over(rtp_, event_t::packets, 0);

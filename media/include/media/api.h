@@ -1,4 +1,4 @@
-/// What the media library exports, and how its calls tell why they failed.
+/// Export macro of the media library, and the reason of a failed call.
 #pragma once
 
 #include "core/api.h"
@@ -16,12 +16,12 @@
 
 namespace media {
 
-/// Why a call failed, in words for people; "" when it did not.
+/// Why a call failed, as text for people; "" when it succeeded.
 struct failure_t {
     char text[256] = "";
 };
 
-/// Fills an error, cut to its room; a null error is ignored.
+/// Formats a reason into `error`, cut to its size. A null `error` is ignored.
 INET_PRINTF(2, 3) MEDIA_API void tell(failure_t* error, const char* format, ...) noexcept;
 
 }  // namespace media

@@ -1,15 +1,15 @@
 /// RTSP as a service of a station: every stream at rtsp://host:port/NAME, over TCP interleaved, UDP, multicast and HTTP
 /// (inet/rtsp_protocol.h).
 ///
-/// A player begins with the last key picture, which comes with all that follows it at four times its pace until the
-/// player has come up to the present. A player that does not keep up loses whole pictures up to the next key picture.
+/// A client begins with the last key picture. It is sent that picture and all later frames at four times their pace,
+/// until it has reached the present. A client that does not keep up loses whole pictures up to the next key picture.
 ///
-/// Of a stream these formats are served: H.264, JPEG, G.711 u-law, metadata. A description waits up to five seconds
-/// for the formats of a stream, then it is answered with 503.
+/// Formats served: H.264, JPEG, G.711 u-law, metadata. DESCRIBE waits up to five seconds for the formats of a stream,
+/// then the answer is 503.
 ///
-/// Bounds for one player:
+/// Bounds for one client:
 ///     unsent        rtsp_settings_t::backlog and one frame
-///     unread        what rtsp3::Rtsp states
+///     unread        the bounds of rtsp3::Rtsp
 ///     silence       rtsp_settings_t::timeout; ten seconds before the first request
 ///     stall         rtsp_settings_t::stall
 #pragma once
@@ -26,13 +26,13 @@ struct rtsp_settings_t {
     uint16_t port = 8554;        ///< 0 lets the system choose
     const char* user = nullptr;  ///< with a password: every request but OPTIONS needs a Digest answer
     const char* password = nullptr;
-    bool at_key = true;                  ///< players begin with the last key picture, else with the next one
-    uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a player
-    unsigned stall = 10;                 ///< seconds after which a player that takes next to nothing is dropped
+    bool at_key = true;                  ///< clients begin with the last key picture, else with the next one
+    uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a client
+    unsigned stall = 10;                 ///< seconds after which a client that takes next to nothing is dropped
     unsigned timeout = 60;               ///< seconds without request or report after which a session ends
     const char* multicast = nullptr;     ///< group; null for no multicast
     uint16_t multicast_port = 5004;      ///< of the first track's RTP; RTCP and the other tracks follow
-    uint8_t ttl = 1;                     ///< hops that multicast goes
+    uint8_t ttl = 1;                     ///< time to live of multicast packets, in hops
 };
 
 /// @return a service for station::add(); null when memory is out

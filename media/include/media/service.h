@@ -1,32 +1,35 @@
-/// How a protocol becomes a service of a station. RTSP is one (media/rtsp_service.h); a page, RTMP or SIP stand beside
-/// it without a change to station, thread or stream.
+/// How a protocol becomes a service of a station. RTSP is one (media/rtsp_service.h). Another protocol needs no change
+/// to station, thread or stream.
 ///
 /// Three classes make a service:
-///     service    one for the station: its settings, which port it wants, which connections are its own
-///     part       one on each network thread: what all clients of that thread share (ports for UDP, packets cut once)
-///     client     one for each connection or call: lives on one thread and is deleted there
+///     service    one for the station: its settings, its port, the connections that it claims
+///     part       one on each network thread: what its clients there share (ports for UDP, packets cut once)
+///     client     one for each connection or call: belongs to one thread and is deleted there
 ///
 /// Life:
-///     1. station::add() takes the service over, station::start() calls make_part() on each thread.
-///     2. A connection to service::port() is accepted and given to the thread with the fewest clients. Where several
-///        services share a port, the station's door reads the first bytes and asks their claims() in the order in which
-///        they were added, until one answers yes.
-///     3. take() makes the client, on that thread. The thread drives it: serve() when it is new, when it is due and
-///        after thread::wake(); second() once a second. When finished() it is deleted, as soon as no callback runs.
-///     4. station::stop() deletes clients, then parts, on their threads, then ends the threads, then the services.
+///     1. station::add() takes the service over. station::start() calls make_part() on each thread.
+///     2. The station accepts a connection to service::port() and gives it to the thread with the fewest clients. Where
+///        several services share a port, the station reads the first bytes and asks their claims(), in the order in
+///        which they were added, until one answers yes.
+///     3. take() makes the client, on that thread. The thread calls serve() when the client is new, when it is due and
+///        after thread::wake(), and second() once a second. It deletes a client that is finished(), as soon as no
+///        callback runs.
+///     4. station::stop() deletes clients, then parts, on their threads. Then it ends the threads, then the services.
 ///
-/// Sending a stream: a client that comes up to the present reads with a cursor of its own. Then it follows: the part
-/// registers one reader per stream with thread::follow(), is called once for each frame of the stream, makes of the
-/// frame what the protocol sends (once for all clients) and passes over its live clients in one loop. A client may
-/// change from one to the other where cursor::position() is thread::position().
+/// Sending a stream, in two ways:
+///     - A client that has not reached the present reads with a cursor of its own.
+///     - A client at the present follows. The part registers one reader for each stream with thread::follow(). The
+///       reader is called once for each frame, makes what the protocol sends once for all clients, and sends it to all
+///       following clients in one loop.
+/// A client may change from one way to the other when cursor::position() equals thread::position().
 ///
 /// Bounds for one thread:
-///     clients        500, less what their places() take beyond one: the network thread watches 512 descriptors.
-///                    When one more comes, the oldest idle() client gives way
-///     first bytes    4096 for each connection in the door, and ten seconds
+///     clients        500, less the places() that clients take beyond one: the network thread watches 512 descriptors.
+///                    One client more replaces the oldest idle() client
+///     first bytes    4096 bytes and ten seconds for each connection that is not claimed yet
 ///
-/// All virtual calls come from the thread of the client or part, but for port(), claims() and addresses(), which come
-/// from any. None of them may throw.
+/// All virtual calls come from the thread of the client or part, except port(), claims() and addresses(), which come
+/// from any thread. None of them may throw.
 #pragma once
 
 #include "core/buf.h"
@@ -56,19 +59,19 @@ public:
     virtual ~client();
     static void operator delete(void* block) noexcept;
 
-    /// New, due, or woken: sends what has come. @param now  core_timer()
-    /// @return when it is to be called next, by core_timer(); 0 for after the next thread::wake()
+    /// The client is new, due or woken: it sends what there is to send. @param now  core_timer()
+    /// @return the core_timer() of its next call; 0 to be called only after thread::wake()
     virtual uint64_t serve(uint64_t now) noexcept = 0;
-    /// Once a second: ends what is silent or stalls.
+    /// Called once a second: ends the client when its peer is silent or stalls.
     virtual void second() noexcept = 0;
-    /// Has it ended: it is deleted as soon as no callback runs.
+    /// finish() ends the client. finished() is true once it has ended: it is deleted as soon as no callback runs.
     virtual void finish() noexcept = 0;
     virtual bool finished() const noexcept = 0;
-    /// It is sent nothing and may give way to another.
+    /// True when it is sent nothing, and may be replaced by another client.
     virtual bool idle() const noexcept = 0;
-    /// It is sent a stream.
+    /// True when it is sent a stream.
     virtual bool watching() const noexcept = 0;
-    /// Descriptors that it watches.
+    /// Number of descriptors that it watches.
     virtual uint32_t places() const noexcept { return 1; }
 
 protected:
@@ -94,7 +97,7 @@ protected:
 /// Follows a stream on a thread, for all clients of a part.
 class MEDIA_API reader {
 public:
-    /// A frame, or what a cursor tells beside frames. @param entry  holds for the call
+    /// A frame, or what a cursor tells beside frames. @param entry  valid until the call returns
     virtual void on_entry(read_t what, const entry_t& entry) noexcept = 0;
 
 protected:
@@ -109,25 +112,24 @@ public:
     virtual ~service();
     static void operator delete(void* block) noexcept;
 
-    /// The port that it listens on; 0 for none. Before station::start() 0 may also mean: any.
+    /// The port that it listens on; 0 for none. Before station::start() 0 may also stand for any port.
     virtual uint16_t port() const noexcept = 0;
-    /// Is told the port that was found for it.
+    /// Tells the service the port that the system chose.
     virtual void set_port(uint16_t port) noexcept = 0;
     virtual bool listens() const noexcept { return true; }
-    /// Judges a connection by its first bytes, `more` at most until 4096 are there. A service that stands alone on its
-    /// port is not asked.
+    /// Tells from the first bytes whether a connection is the service's. `more` asks for more bytes, up to 4096. It is
+    /// not called for a service that is alone on its port.
     virtual claim_t claims(buffer_t first) const noexcept = 0;
-    /// Before the threads start. @return 1, or 0 with a reason in `error`
+    /// Called before the threads start. @return 1, or 0 with a reason in `error`
     virtual int open(station& of, failure_t* error) noexcept;
     /// @return null when memory is out, with a reason in `error`
     virtual part* make_part(thread& on, failure_t* error) noexcept = 0;
-    /// Makes a client of a connection. The handler of the connection is the client's to set; it then calls
-    /// Tcp::show_received().
-    /// @param from  becomes the client's; null on return when it was taken
-    /// @return null when it cannot be
+    /// Makes a client for a connection. The client sets the handler of the connection, then calls Tcp::show_received().
+    /// @param from  null on return when the client has taken it
+    /// @return null when no client can be made
     virtual client* take(thread& on, net::Tcp*& from) noexcept = 0;
     /// Calls `each` with the address of a stream for every way in which this service offers it.
-    /// @param host  as the asker reaches the station
+    /// @param host  name or address by which the client reaches the station
     virtual void addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
                            void* arg) const noexcept = 0;
 
@@ -148,15 +150,16 @@ public:
     /// What the service made here; null before make_part() and after its end.
     media::part* part(const service& of) const noexcept;
 
-    /// Takes a client over and serves it. @return 1; 0 when there is no place for it, or memory is out: it is then the
-    /// caller's still
+    /// Takes a client over and serves it. @return 1; 0 when there is no place for it, or when memory is out: it then
+    /// still belongs to the caller
     int add(client* taken) noexcept;
     /// Has serve() called before the next wait.
     void wake(client& which) noexcept;
     /// Has finished clients deleted as soon as no callback runs.
     void sweep() noexcept;
 
-    /// Has `by` called for each frame of the stream from now on, before the next wait. The stream is held.
+    /// Has `by` called for each frame of the stream from now on, before the next wait. The stream is held until
+    /// unfollow().
     /// @return 1, or 0 when memory is out
     int follow(stream& which, reader& by) noexcept;
     void unfollow(stream& which, reader& by) noexcept;
@@ -165,10 +168,10 @@ public:
 
     // Any thread
 
-    /// Has `fn(arg)` called on this thread, in the order of the calls. What is left when the thread stops is called by
-    /// the thread that stops it: nt() is then null. @return 1, or 0 when memory is out: `fn` is then not called
+    /// Has `fn(arg)` called on this thread, in the order of the calls. Calls left when the thread stops are made by the
+    /// thread that stops it: nt() is then null. @return 1, or 0 when memory is out: `fn` is then not called
     int call(void (*fn)(thread& on, void* arg), void* arg) noexcept;
-    /// Clients here and on their way here.
+    /// Number of clients here and on their way here.
     uint32_t load() const noexcept;
 
     struct inside;

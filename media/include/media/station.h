@@ -6,7 +6,7 @@
 ///     if (!live || !station.start()) ...
 ///     live->push(frame);  // any thread
 ///
-/// A program may use any of these functions from its main thread. Streams and services are added and removed from one
+/// One thread at a time, such as the main thread, may call these functions. Those marked so may be called on any
 /// thread. Nothing here throws.
 #pragma once
 
@@ -27,22 +27,23 @@ public:
 
     station() noexcept : station(settings_t{}) {}
     explicit station(const settings_t& settings) noexcept;
-    /// stop(), and lets go of streams and services.
+    /// Calls stop(), and releases the services and the station's hold on its streams.
     ~station();
     station(const station&) = delete;
     station& operator=(const station&) = delete;
 
-    /// A new stream, the station's. @return null for a name that is taken, null or empty, or when memory is out
+    /// A new stream, held by the station. Valid until remove_stream() or the station's end. @return null when the name
+    /// is taken, null or empty, or when memory is out
     stream* add_stream(const char* name, const limits_t& limits = {}, failure_t* error = nullptr) noexcept;
-    /// Ends a stream; its readers are told. Valid until the last of them has let go of it.
+    /// Ends a stream, and tells its readers. It is valid until the last of them has released it.
     void remove_stream(stream* which) noexcept;
-    /// The stream of that name, held once more: the caller lets go of it with stream::drop(). Null when there is none.
-    /// Any thread.
+    /// The stream of that name, held once more: release it with stream::drop(). Null when there is none. Any thread.
     stream* find(const char* name) noexcept;
     /// Calls `each` with every stream, in the order of their making. Any thread.
     void streams(void (*each)(void* arg, stream& which), void* arg) noexcept;
 
-    /// Takes a service over, before start(). @return 1, or 0 for null or when memory is out: it is then deleted
+    /// Takes a service over. Call it before start(). @return 1; 0 for null, or when memory is out: the service is then
+    /// deleted
     int add(service* taken, failure_t* error = nullptr) noexcept;
     /// Starts threads and listens. @return 1, or 0 with a reason in `error`; then nothing runs
     int start(failure_t* error = nullptr) noexcept;
@@ -56,10 +57,10 @@ public:
     /// Gives a connection to the thread with the fewest clients.
     thread& least_loaded() noexcept;
 
-    /// Runs `work(arg)` on the control thread, off the network threads, for what may block: files, name look-up. One
-    /// after the other, in the order of the calls. Then runs `done(arg)` on the thread `back`.
-    /// @return 1, or 0 when memory is out or the station does not run: neither is then called. stop() runs what was
-    /// ordered to its end, and calls the `done` of what is left itself: thread::nt() is then null
+    /// Runs `work(arg)` on the control thread, then `done(back, arg)` on the thread `back`. For work that may block,
+    /// such as files and name look-up. Work runs one at a time, in the order of the calls.
+    /// stop() waits for all ordered work, and calls the remaining `done` itself: thread::nt() is then null.
+    /// @return 1; 0 when memory is out, or when the station does not run: neither is called then
     int run(void (*work)(void* arg), void (*done)(thread& on, void* arg), void* arg, thread& back) noexcept;
 
     struct totals_t {

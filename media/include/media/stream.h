@@ -1,25 +1,25 @@
-/// Streams: frames in motion. An encoder, a clip or a watcher pushes frames into a stream, services and recorders read
-/// them with cursors. Nobody waits for anybody: a push never waits for a reader, and a reader that falls behind loses
-/// whole pictures.
+/// Streams carry frames from a source to readers. An encoder, a clip or a watcher pushes frames into a stream. Services
+/// and recorders read them with cursors. A push never waits for a reader. A reader that falls behind loses whole
+/// pictures.
 ///
 /// A stream has at most one track of each kind: video, audio, metadata. Several qualities of one picture are several
-/// streams. It holds the payloads of its last frames by reference, for readers that come later or are slow:
-///     - from the last key picture on,
-///     - and for two seconds at least,
-///     - and what a cursor has reserved.
+/// streams. A stream holds its last frames, without copying them, for readers that begin later or are slow:
+///     - all from the last key picture on,
+///     - all of the last two seconds, and
+///     - those that a cursor has reserved.
 ///
 /// Bounds, set at its making (limits_t):
 ///     bytes     32 MiB
 ///     frames    2048
 ///     time      30 s
-/// A group of pictures that outgrows a bound loses its key picture: who comes then waits for the next one, and
-/// status_t::key is 0. A stream without video is held for two seconds; its readers begin at the present.
+/// A group of pictures that exceeds a bound loses its key picture. New readers then wait for the next one, and
+/// status_t::key is 0. Of a stream without video the last two seconds are held, and its readers begin at the present.
 ///
-/// Two clocks. The media time of a frame is steady and never runs back in decoding order: the time that its source
-/// gave (av::frame_t::time, microseconds since 1970), corrected where that time jumps. A picture is shown
-/// av::frame_t::shown_after behind its media time. The wall clock is the source's own, where it is known.
+/// A frame has two times. Its media time is the time that the source gave (av::frame_t::time, microseconds since 1970),
+/// corrected where that time jumps. It never runs backwards in decoding order. A picture is shown
+/// av::frame_t::shown_after after its media time. Its wall clock time is the source's own, where that is known.
 ///
-/// Any thread may use a stream. A cursor belongs to one thread. No call of these throws.
+/// Any thread may use a stream. A cursor belongs to one thread. Nothing here throws.
 #pragma once
 
 #include "avc/frame.h"
@@ -56,9 +56,9 @@ struct format_t {
 /// What a source knows of a frame beside av::frame_t.
 struct timing_t {
     uint64_t utc = 0;         ///< wall clock of the source in microseconds since 1970; 0 for not known
-    bool of_display = false;  ///< the time of an H.264 picture is that of its display: when it is decoded follows from
-                              ///< the order of these times. The SPS tells how far pictures change places. Where it does
-                              ///< not, the first ones that do are shown with the one before them
+    bool of_display = false;  ///< the time of an H.264 picture is that of its display; the time of its decoding follows
+                              ///< from the order of these times. The SPS tells how far pictures are reordered. Where it
+                              ///< does not, the first reordered ones are shown with the picture before them
 };
 
 /// A frame as a cursor shows it. Valid until the cursor's next call.
@@ -77,7 +77,7 @@ struct limits_t {
     uint64_t time = 30'000'000;
 };
 
-/// How a stream stands, for people and tests.
+/// State of a stream, for people and tests.
 struct status_t {
     uint64_t pushed;   ///< frames taken
     uint64_t refused;  ///< frames not taken: see stream::push()
@@ -92,10 +92,11 @@ class cursor;
 
 class MEDIA_API stream final {
 public:
-    /// @param name  what services call it in their addresses; copied
+    /// @param name  its name in the addresses of services; copied
     /// @return a stream that is held once; null when memory is out
     static stream* create(const char* name, const limits_t& limits, const char* file, int line) noexcept;
-    /// Holds the stream once more, or lets go of it; the last drop() releases it. A cursor holds its stream.
+    /// keep() holds the stream once more, drop() releases one hold. The stream is valid until its last hold is
+    /// released. A cursor holds its stream.
     void keep() noexcept;
     static void drop(stream* held) noexcept;
 
@@ -106,23 +107,27 @@ public:
     /// A number that no other stream of the process has.
     uint64_t id() const noexcept;
 
-    /// Says what a track is, before its frames come: readers, descriptions and manifests wait for the formats of all
-    /// declared tracks. The configuration is copied. A later call changes the format; readers are told in order. What
-    /// it leaves empty of the same format stays as it is known.
+    /// Declares the format of a track before its frames come. Readers and descriptions wait for the formats of all
+    /// declared tracks. The configuration is copied. A later call changes the format, and readers are told in order.
+    /// Fields that it leaves empty keep their known values when `fcc` is the same.
     /// @return 1; 0 for a format of another kind, or when memory is out
     int declare(kind_t kind, const format_t& format) noexcept;
 
     /// Takes a frame. The payload is shared, not copied, unless the frame borrows it. A track that was not declared
     /// begins with its first frame. A key picture without parameter sets gets those that are known. A report of "META"
-    /// (inet/net_analytics.h) is converted to its document, once for all readers; it leaves nothing when it names no
-    /// object.
-    /// @return 1; 0 when it is not taken: a picture before the first key picture, or the first after a gap; no data; a
-    ///         format other than the track's; a stream that has ended; a frame above a bound; memory is out
+    /// (inet/net_analytics.h) is converted to its document, once for all readers. A report that names no object is not
+    /// passed on.
+    /// @return 1; 0 when it is not taken:
+    ///   - a picture before the first key picture, or before the first one after a gap,
+    ///   - a frame without data, above a bound, or of another format than its track,
+    ///   - the stream has ended, or
+    ///   - memory is out.
     int push(const av::frame_t& frame, const timing_t& timing = {}) noexcept;
 
-    /// The source was away: the next picture taken is a key, and readers are told. Who comes before it waits for it.
+    /// The source was away. The next picture taken is a key, and readers are told. Readers that begin before it wait
+    /// for it.
     void gap() noexcept;
-    /// Nothing follows. Readers are told when they have read what is held.
+    /// Ends the stream. Readers are told when they have read all held frames.
     void end() noexcept;
 
     /// The format of a track now. Its configuration is copied into `config`, which may be null, for the caller to free
@@ -132,8 +137,8 @@ public:
     int ready() const noexcept;
 
     /// Has `wanted` called with 1 when the first cursor opens, and with 0 when the last one has been closed for
-    /// `linger` microseconds. The calls come from the station's control thread. Null ends it: when this returns, no
-    /// call runs any more. Not from inside such a call.
+    /// `linger` microseconds. The calls come from the station's control thread. Null ends the calls: after that
+    /// on_demand() no call runs. Not from inside `wanted`.
     void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
 
     /// Media time of this moment, by the frames so far; 0 before the first.
@@ -158,14 +163,14 @@ private:
 /// What a cursor found.
 enum class read_t : uint8_t {
     frame,    ///< a frame, in `entry`
-    nothing,  ///< it has come up to the present
-    lost,     ///< it fell behind: frames were passed over, the next picture is a key
+    nothing,  ///< it has reached the present
+    lost,     ///< it fell behind and frames were left out; the next picture is a key
     gap,      ///< the source was away; the next picture is a key
     format,   ///< entry.format of entry.kind holds from the next frame of that kind on
     ended,    ///< the stream has ended and all of it was read
 };
 
-/// A place in a stream. One thread's.
+/// A place in a stream. It belongs to one thread.
 class MEDIA_API cursor final {
 public:
     struct settings_t {
@@ -183,27 +188,27 @@ public:
     cursor(const cursor&) = delete;
     cursor& operator=(const cursor&) = delete;
 
-    /// Takes a place and holds the stream. An earlier place is given up. @return 1, or 0 when memory is out
+    /// Takes a place and holds the stream. Gives up an earlier place. @return 1, or 0 when memory is out
     int open(stream& from, const settings_t& settings) noexcept;
-    /// Gives the place up and lets go of the stream. When it returns, no call of told() runs any more.
+    /// Gives the place up and releases the stream. After the call `news` of told() does not run.
     void close() noexcept;
     bool is_open() const noexcept { return inside_ != nullptr; }
 
-    /// The next thing. read_t::nothing for a cursor that is not open.
+    /// Reads the next frame or event. @return read_t::nothing also for a cursor that is not open
     read_t next(entry_t& entry) noexcept;
-    /// The same, after waiting for it `milliseconds` at the most: for threads without a loop.
+    /// As next(), after waiting at most `milliseconds` for it. For threads without a loop.
     read_t wait(entry_t& entry, uint32_t milliseconds) noexcept;
-    /// Leaves out what is held and follows: the next picture is the last key picture, where it is ahead, or the next
-    /// one that comes.
+    /// Skips the held frames. The next picture is the last key picture, where the cursor has not read it yet, or else
+    /// the next key picture to come.
     void skip() noexcept;
 
-    /// Number of the entry that next() looks at first. Two cursors with one number read the same.
+    /// Number of the entry at which next() begins. Cursors with the same number read the same.
     uint64_t position() const noexcept;
-    /// Frames that it is behind the present.
+    /// Number of frames between it and the present.
     uint64_t behind() const noexcept;
 
-    /// Has `news` called, on the thread that pushes or declares, when something is new. It may wake a thread, no more:
-    /// it calls nothing of the stream and waits for nothing. Null ends it. @return 1, or 0 when memory is out
+    /// Has `news` called when there is something new, on the thread that pushes or declares. `news` may only wake a
+    /// thread: it may not call the stream, and may not wait. Null ends the calls. @return 1, or 0 when memory is out
     int told(void (*news)(void* arg), void* arg) noexcept;
 
     struct inside;

@@ -165,7 +165,9 @@ void mp4_sound::end_at(int64_t at) {
         const uint64_t begin = line_.end() - last.duration;
         const uint64_t kept = begin < until ? until - begin : 0;
         if (kept > 0 && unit_) break;
-        const auto size = static_cast<uint32_t>(kept) * track_.channels * sample_size;
+        // A long silence is a step of the times, without bytes.
+        const auto size =
+            static_cast<uint32_t>(std::min<uint64_t>(last.size, kept * track_.channels * uint64_t{sample_size}));
         bytes_.resize(bytes_.size() - (last.size - size));
         line_.set_end(begin + kept);
         last = {size, static_cast<uint32_t>(kept)};
