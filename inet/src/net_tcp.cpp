@@ -240,8 +240,9 @@ void Tcp::detach() noexcept { inside_->unwatch(); }
 int Tcp::attach(nt_ctx* nt) noexcept {
     inside& in = *inside_;
     if (!in.up || in.socket) return 0;
-    const int read = in.reading ? int{nt_flag_read} : 0;
-    return in.watch(nt, in.writing ? read | nt_flag_write : read) ? 1 : 0;
+    const int read = in.reading ? static_cast<int>(nt_flag_read) : 0;
+    const int write = in.writing ? static_cast<int>(nt_flag_write) : 0;
+    return in.watch(nt, read | write) ? 1 : 0;
 }
 
 void Tcp::inside::on_socket(void* arg, uint32_t events) noexcept {
