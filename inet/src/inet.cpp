@@ -25,7 +25,7 @@ const char* version() noexcept { return core::process_wide<version_text>().text;
 
 // Starts are counted together with the number of the life they belong to, in one word: a start that meets the last stop
 // of the old life must know that it waits for another one.
-struct life_count {
+struct alignas(uint64_t) life_count {  // as the atomic word is
     uint32_t life = 0;
     uint32_t starts = 0;
 };
