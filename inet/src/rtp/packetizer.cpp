@@ -127,7 +127,11 @@ void packetizer::pack(Packets& packets) noexcept {
     trak_t* const trak = find(packets.fcc(), packets.time());
     if (!trak) return;
     const uint16_t first_seq = trak->seq;
-    if (!is_sent(trak->fcc)) return log_unknown("fcc");
+    if (!is_sent(trak->fcc)) {
+        trak->time = packets.time();
+        trak->rtp_time = timestamp(trak->time, trak->clock_rate);
+        return log_unknown("fcc");
+    }
     packets.stamp(*trak);
     if (packets.count() != 0) {
         rtp_.cut = &packets;

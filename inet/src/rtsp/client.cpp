@@ -14,8 +14,6 @@
 
 namespace rtsp3 {
 
-using net::http::header_s;
-
 namespace {
 
 constexpr uint32_t default_timeout = 60;  // seconds (RFC 2326, 12.37)
