@@ -46,8 +46,10 @@ int net_socket_bind(int fd, const char* address, unsigned port) noexcept {
     if (!socket_reuseAddress(fd)) return -1;
     if (!platform::bind_socket(fd, own)) {
         const int error = platform::system_error();
+        const int told = platform::last_error();
         report("Unable to bind on address: %s:%u; Error was: %s (%d)", address, port,
                platform::system_error_text(error), error);
+        platform::set_last_error(told);  // the console may have set another
         return -1;
     }
     return multicast ? bind_multicast(fd, host) : 0;
