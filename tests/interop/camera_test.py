@@ -72,5 +72,5 @@ class CommandLine(unittest.TestCase):
                 ["--user", "a", "--password-file", "/nowhere"]])
         with socket.create_server(("127.0.0.1", 0)) as taken:
             self.assertIn("another program has that port", self.refuses(1, "--rtsp", str(taken.getsockname()[1])))
-        self.assertIn("does not have that address", self.refuses(1, "--bind", "192.0.2.1"))
+        self.assertIn("cannot listen on 192.0.2.1", self.refuses(1, "--bind", "192.0.2.1"))
         self.assertIn("ffmpeg -i ", self.refuses(1, "--video", clip_file("clip.wav")))
