@@ -1,7 +1,6 @@
 #include "clip.h"
 
-#include "mulaw.h"
-#include "utf8_path.h"
+#include "program.h"
 
 #include "avc/access_units.h"
 #include "avc/fcc.h"
@@ -11,6 +10,7 @@
 #include "core/memory.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -28,6 +28,18 @@ constexpr pace still_pictures{5, 1};
 constexpr pace detector_reports{5, 1};
 constexpr uint32_t audio_rate = 8000;
 constexpr size_t audio_block = 160;  // 20 ms, what telephones and cameras send
+
+/// ITU-T G.711, table 2.
+constexpr uint8_t mulaw_encode(int16_t sample) {
+    constexpr int bias = 0x84;
+    constexpr int clip = 32635;
+    const int sign = sample < 0 ? 0x80 : 0;
+    const int magnitude = std::min(sample < 0 ? -static_cast<int>(sample) : sample, clip) + bias;
+    // The segment is the position of the highest bit above the lowest segment's eight.
+    const int segment = static_cast<int>(std::bit_width(static_cast<unsigned>(magnitude))) - 8;
+    const int mantissa = magnitude >> (segment + 3) & 0x0f;
+    return static_cast<uint8_t>(~(sign | segment << 4 | mantissa));
+}
 
 struct mfree {
     void operator()(uint8_t* block) const { core_mfree(block); }

@@ -1,17 +1,22 @@
 // The clip that the camera plays: tracks of frames that repeat for ever without a jump in time.
 #pragma once
 
-#include "frame_ptr.h"
 #include "options.h"
 
+#include "avc/frame.h"
+
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace camera {
 
-using apps::frame_ptr;
+struct frame_deleter {
+    void operator()(av::frame_t* frame) const { avc_frame_need(frame); }
+};
+using frame_ptr = std::unique_ptr<av::frame_t, frame_deleter>;
 
 /// A length of time that a whole number of frames fills evenly.
 struct pace {

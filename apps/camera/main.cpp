@@ -4,7 +4,6 @@
 #include "options.h"
 #include "program.h"
 #include "sources.h"
-#include "terminal.h"
 
 #include "core/array.h"
 #include "core/memory.h"

@@ -1,7 +1,5 @@
 #include "options.h"
 
-#include "command_line.h"
-
 #include "inet/net_socket.h"
 
 #include <algorithm>

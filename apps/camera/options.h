@@ -1,7 +1,7 @@
 // What the command line of inet-camera says.
 #pragma once
 
-#include "credentials.h"
+#include "command_line.h"
 #include "program.h"
 
 #include "media/watcher.h"

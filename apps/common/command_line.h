@@ -1,7 +1,6 @@
-// A command line read by a table of options, and its help text.
+// A command line read by a table of options, its help text, and the user and password that it brings.
 #pragma once
 
-#include "credentials.h"
 #include "program.h"
 
 #include "media/watcher.h"
@@ -17,6 +16,19 @@
 #include <utility>
 
 namespace apps {
+
+/// The environment variable that holds the password when no option does.
+inline constexpr const char* password_variable = "INET_PASSWORD";
+
+struct credentials {
+    std::string user;
+    std::string password;
+    std::string password_file;
+
+    /// Finds the password of the user: that of the option, the first line of the file, or the variable.
+    /// @return false with the reason in `error`: a file that cannot be read, a password without user or the other way
+    bool complete(std::string& error);
+};
 
 /// One option: `take` reads its value and answers false when it cannot be used.
 template <class Options>

@@ -1,9 +1,13 @@
 // What every program of ours does around its work.
 #pragma once
 
+#include "core/api.h"
+
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace apps {
@@ -34,5 +38,29 @@ int run(const char* program, const std::string& log, const std::function<int()>&
 
 /// Ctrl-C or a request to terminate came. The second one ends the program at once.
 bool interrupted();
+
+/// One line at the bottom of the terminal, written over itself; nothing when the output is no terminal.
+class status_line {
+public:
+    /// @param shows  false has it print nothing
+    explicit status_line(bool shows = true);
+    ~status_line();
+    status_line(const status_line&) = delete;
+    status_line& operator=(const status_line&) = delete;
+
+    INET_PRINTF(2, 3) void show(const char* format, ...);
+
+private:
+    bool terminal_;
+    bool shown_ = false;
+};
+
+/// Paths are UTF-8 texts. A path that is made here finds the file on every system.
+inline std::filesystem::path utf8_path(std::string_view text) { return std::u8string(text.begin(), text.end()); }
+
+inline std::string utf8_text(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+}
 
 }  // namespace apps

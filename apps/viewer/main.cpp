@@ -1,11 +1,9 @@
 // inet-viewer: receives a stream over RTSP, writes it to files and tells how it came.
 #include "options.h"
-#include "outcome.h"
 #include "platform/system.h"
 #include "program.h"
-#include "terminal.h"
-#include "track_report.h"
 
+#include "avc/fcc.h"
 #include "core/time.h"
 #include "media/recorder.h"
 #include "media/watcher.h"
@@ -17,11 +15,49 @@
 
 namespace {
 
-using viewer::outcome;
+/// How the program is called in its messages.
+constexpr const char* program_name = "inet-viewer";
 
-int fail(const viewer::ending& result) {
-    if (!result.why.empty()) apps::complain(viewer::name, result.why);
+/// How a run ended, which is its exit status.
+enum class outcome : int {
+    ok = 0,                ///< as long as was asked for, or until Ctrl-C
+    failed = 1,            ///< no memory, no thread, or a fault of ours
+    usage = 2,             ///< the command line cannot be used
+    no_connection = 3,     ///< the server cannot be reached
+    refused = 4,           ///< user and password, or none, are not let in: 401, 403
+    not_found = 5,         ///< no such stream: 404
+    protocol_error = 6,    ///< the server answers with another status, with nonsense, or not at all
+    nothing_received = 7,  ///< everything was agreed upon but no media came, or none for one of the files
+    connection_lost = 8,   ///< media came, then the connection or the stream ended or went silent
+    cannot_write = 9,      ///< a file, or the standard output, cannot be written
+};
+
+struct ending {
+    outcome what = outcome::ok;
+    std::string why;  ///< in words; empty when all went well
+};
+
+int fail(const ending& result) {
+    if (!result.why.empty()) apps::complain(program_name, result.why);
     return static_cast<int>(result.what);
+}
+
+/// A line for people and scripts: name=value, separated by blanks.
+std::string report_of(const media::track_counts_t& track, size_t number) {
+    char format[5];
+    fcc_str(track.fcc == av::fcc_univ ? av::fcc_meta : track.fcc, format);  // metadata, whoever wrote it
+    std::replace(format, format + 4, ' ', '_');
+    const auto seconds = static_cast<double>(track.length) * 1e-6;
+    const double rate = seconds > 0 ? static_cast<double>(track.bytes) * 8e-6 / seconds : 0;
+    char line[320];
+    std::snprintf(line, sizeof line,
+                  "track=%zu format=%s frames=%llu bytes=%llu seconds=%.3f mbit/s=%.3f packets=%llu lost=%llu "
+                  "left_out=%llu jitter_ms=%.3f",
+                  number, format, static_cast<unsigned long long>(track.frames),
+                  static_cast<unsigned long long>(track.bytes), seconds, rate,
+                  static_cast<unsigned long long>(track.packets), static_cast<unsigned long long>(track.lost),
+                  static_cast<unsigned long long>(track.left_out), static_cast<double>(track.jitter) * 1e-3);
+    return line;
 }
 
 outcome outcome_of(media::outcome_t what) {
@@ -63,7 +99,7 @@ struct receiver {
           files(into) {
         watcher.on_frame(&receiver::on_frame, this);
         watcher.on_event(&receiver::on_event, this);
-        files.on_note([](void*, const char* text) { apps::complain(viewer::name, text); }, nullptr);
+        files.on_note([](void*, const char* text) { apps::complain(program_name, text); }, nullptr);
     }
 
     /// The files get the first track of each format.
@@ -78,11 +114,11 @@ struct receiver {
         using e = media::watch_event_t;
         for (uint32_t i = 0; event.what == e::tracks && i < event.format_count; ++i)
             self->files.declare(event.formats[i]);
-        if (event.what == e::track_refused) apps::complain(viewer::name, text + ", going on without that track");
-        if (event.what == e::falls_back) apps::complain(viewer::name, text + ", trying tcp");
+        if (event.what == e::track_refused) apps::complain(program_name, text + ", going on without that track");
+        if (event.what == e::falls_back) apps::complain(program_name, text + ", trying tcp");
         if (event.what != e::pausing) return;
         if (!self->files.pause(&self->why)) return self->watcher.end();
-        apps::complain(viewer::name, text + "; connecting again in " + std::to_string(event.pause) + " s");
+        apps::complain(program_name, text + "; connecting again in " + std::to_string(event.pause) + " s");
     }
 };
 
@@ -114,7 +150,7 @@ void follow(media::watcher& watcher, bool shows) {
 /// @param out  the standard output, or another one where that holds media
 bool print(std::span<const media::track_counts_t> tracks, std::FILE* out) {
     for (size_t i = 0; i < tracks.size(); ++i)
-        std::fprintf(out, "%s\n", viewer::report_of(tracks[i], i).c_str());
+        std::fprintf(out, "%s\n", report_of(tracks[i], i).c_str());
     return std::fflush(out) == 0 && !std::ferror(out);  // an earlier part may have failed, too
 }
 
@@ -131,7 +167,7 @@ int receive(const viewer::options& settings) {
     follow(received.watcher, !to_output);
     received.watcher.stop();
     const media::watcher::status_t status = received.watcher.status();
-    viewer::ending result{outcome_of(status.outcome), status.text};
+    ending result{outcome_of(status.outcome), status.text};
     if (status.outcome == media::outcome_t::no_transport) {
         const bool tried_both = settings.way == media::transport_t::udp;
         const bool tcp = status.transport == media::transport_t::tcp;
@@ -156,6 +192,6 @@ int main(int argc, char** argv) {
     const auto settings = viewer::parse_options(arguments, error);
     if (!settings) return fail({outcome::usage, error + "; see inet-viewer --help"});
     if (settings->about != apps::about_t::nothing)
-        return apps::tell_about(viewer::name, settings->about, viewer::usage());
-    return apps::run(viewer::name, settings->log, [&] { return receive(*settings); });
+        return apps::tell_about(program_name, settings->about, viewer::usage());
+    return apps::run(program_name, settings->log, [&] { return receive(*settings); });
 }

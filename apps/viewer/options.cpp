@@ -1,7 +1,5 @@
 #include "options.h"
 
-#include "command_line.h"
-
 #include "media/recorder.h"
 
 #include <algorithm>

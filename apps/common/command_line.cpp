@@ -1,6 +1,4 @@
-#include "credentials.h"
-
-#include "utf8_path.h"
+#include "command_line.h"
 
 #include <cstdlib>
 #include <fstream>
