@@ -358,6 +358,10 @@ void Tcp::end_output() noexcept {
     if (inside_->up) platform::end_output(inside_->fd);
 }
 
+void Tcp::give_up() noexcept {
+    if (inside_->fd >= 0) platform::reset_on_close(inside_->fd);
+}
+
 unsigned Tcp::second() noexcept {
     inside& in = *inside_;
     const uint32_t waits = waiting();

@@ -30,11 +30,11 @@ class Stall(CameraCase):
         video = os.path.join(cls.enterClassContext(tempfile.TemporaryDirectory()), "20mbit.h264")
         ffmpeg("-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25,noise=alls=60:allf=t", "-t", "4", "-c:v", "libx264",
                "-preset", "ultrafast", "-threads", "1", "-g", "25", "-bf", "0", "-b:v", "20M", video)
-        return Camera("--backlog", "262144", "--stall", "3", "--video", video, "--jpeg", clip_file("clip_01.jpg"))
+        return Camera("--backlog", "262144", "--stall", "5", "--video", video, "--jpeg", clip_file("clip_01.jpg"))
 
     def test_who_does_not_keep_up_loses_whole_pictures_or_is_dropped_and_nobody_waits(self):
         stalled = [self.watch(receive_buffer=8192) for _ in range(5)]
-        slow = self.watch(receive_buffer=8192)
+        slow = self.watch(receive_buffer=65536)
         reading = self.enterContext(Player(self.camera.url("jpeg")))
         reading.play()
         seen, kept = [], []
@@ -45,7 +45,7 @@ class Stall(CameraCase):
                 stalled[0].socket.recv(100)  # next to nothing
         self.assertEqual(set(steps(seen)), {STILL_PICTURE})
         for player in stalled:
-            with self.assertRaises((EOFError, ConnectionError)):
+            with self.assertRaises(ConnectionError):
                 for _ in range(20_000_000 // 1000):
                     player.take(1000)
         numbers = [struct.unpack_from(">H", packet, 2)[0] for packets in kept for packet in packets]

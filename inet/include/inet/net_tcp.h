@@ -124,6 +124,9 @@ public:
     uint32_t offer(buffer_t first, buffer_t second) noexcept;
     /// Ends the sending half (RFC 9293, 3.6): the peer reads to the end of what was sent, and may still send.
     void end_output() noexcept;
+    /// Has the connection end with a reset when it is destroyed (RFC 9293, 3.10.5). What the system still holds for a
+    /// peer that does not read, some MiB, is then given up at once, not after minutes.
+    void give_up() noexcept;
 
     /// Has on_tcp_signalled() called. Any thread. Without a connection it does nothing.
     void signal() noexcept;

@@ -180,6 +180,11 @@ int send_pieces(int fd, buffer_t first, buffer_t second) noexcept {
 
 void end_output(int fd) noexcept { shutdown(fd, SHUT_WR); }
 
+void reset_on_close(int fd) noexcept {
+    const linger none{.l_onoff = 1, .l_linger = 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+}
+
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept {
     return transfer([&] {
         socklen_t size = sizeof *from;

@@ -64,6 +64,8 @@ int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) no
 int send_pieces(int fd, buffer_t first, buffer_t second) noexcept;
 /// Ends the sending half of a connection.
 void end_output(int fd) noexcept;
+/// Closing will end the connection with a reset, and what waits for the peer is thrown away.
+void reset_on_close(int fd) noexcept;
 /// Sends each as one datagram, in their order. @return how many went before one was refused, -1 when the first was.
 int send_datagrams(int fd, std::span<const datagram_t> datagrams) noexcept;
 /// Datagrams to be sent to one address after another: what their messages are is found out once.

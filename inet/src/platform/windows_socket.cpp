@@ -283,6 +283,11 @@ int send_pieces(int fd, buffer_t first, buffer_t second) noexcept {
 
 void end_output(int fd) noexcept { shutdown(handle_of(fd), SD_SEND); }
 
+void reset_on_close(int fd) noexcept {
+    const linger none{.l_onoff = 1, .l_linger = 0};
+    setsockopt(handle_of(fd), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&none), sizeof none);
+}
+
 // A datagram that is longer than the room for it is cut, as elsewhere, and is no error.
 int receive_bytes(int fd, std::span<uint8_t> bytes, sockaddr_in* from) noexcept {
     int size = sizeof *from;

@@ -28,7 +28,7 @@ struct rtsp_settings_t {
     const char* password = nullptr;
     bool at_key = true;                  ///< clients begin with the last key picture, else with the next one
     uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a client
-    unsigned stall = 10;                 ///< seconds after which a client that takes next to nothing is dropped
+    unsigned stall = 10;                 ///< seconds after which a client that takes next to nothing is reset
     unsigned timeout = 60;               ///< seconds without request or report after which a session ends
     const char* multicast = nullptr;     ///< group; null for no multicast
     uint16_t multicast_port = 5004;      ///< of the first track's RTP; RTCP and the other tracks follow

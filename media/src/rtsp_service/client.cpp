@@ -99,7 +99,9 @@ void client_t::second() noexcept {
     activity_ = activity;
     // A POST end asks in the name of its GET end.
     const bool silent = !(is_post_ && partner_) && silent_ >= (activity ? settings().timeout : first_request);
-    if (silent || tcp_->second() >= settings().stall) finish();
+    const bool stalls = tcp_->second() >= settings().stall;
+    if (stalls) tcp_->give_up();
+    if (silent || stalls) finish();
 }
 
 bool client_t::take_report(const sockaddr_in& from, buffer_t report) noexcept {
