@@ -406,6 +406,11 @@ TEST(RtspClient, PutsFramesTogetherAndTellsTornOnes) {
         {"the middle lost", h264, {"1 A", "-", "1!A", "2!A"}, "|A|A- |A "},
         {"markers on every unit tell nothing", h264, {"1!A", "1!A", "-", "2!A", "3!A"}, "|A|A- |A- |A "},
         {"the numbers begin anew in a picture", h264, {"1 A", "^", "1!A", "2!A"}, "|A|A- |A "},
+        {"a picture lost before one with parameter sets",
+         h264,
+         {"1!A", "-", "3 \x67\x61", "3!A", "4!A", "-", "6 \x67\x61", "6!e"},
+         "|A |ga|A- |ga|A |ga|eK "},
+        {"half a picture at the end", h264, {"1!A", "2 A"}, "|A |A- "},
         {"delimiter alone", h264, {"1!\x09", "2!A"}, "|\x09- |A "},
         {"sets repeated, and one in the place of another",
          h264,
@@ -532,12 +537,13 @@ TEST(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
     }
     // A number that is not that of the packets to come costs some of them, not all.
     rtsp_viewer viewer;
-    viewer.play(sdp, "RTP-Info: url=rtsp://h/live/video;seq=40000\r\n");
+    viewer.play(two_tracks, "RTP-Info: url=rtsp://h/live/video;seq=40000\r\n");
+    viewer.rtp(2, rtp_packet(0, 1, 1, "sound"));
     for (uint16_t seq = 1; seq <= 200; ++seq)
         viewer.rtp(0, rtp_packet(96, seq, seq, "\x41"));
     EXPECT_GT(viewer.frames.size(), 90U);
 
-    // So does PLAY after PAUSE, when the server goes on elsewhere.
+    // So does PLAY after PAUSE, when the server goes on elsewhere. The tracks are then in step, announced or not.
     viewer.session->process_pause(nullptr);
     viewer.answer("200 OK");
     const size_t before = viewer.frames.size();
@@ -547,10 +553,13 @@ TEST(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
     EXPECT_EQ(viewer.frames.size(), before);
     viewer.session->process_play(nullptr);
     viewer.answer("200 OK", "RTP-Info: url=rtsp://h/live/video;seq=20;rtptime=100\r\n");
-    const int64_t reached = viewer.frames.back().media_time;
+    const int64_t reached = std::ranges::max(viewer.frames, {}, &test::received_t::media_time).media_time;
     viewer.rtp(0, rtp_packet(96, 20, 190, "\x65"));
     viewer.session->flush();
     EXPECT_EQ(viewer.frames.back().media_time, reached + 1000);
+    viewer.rtp(2, rtp_packet(0, 2, 77777, "sound"));
+    viewer.session->flush();
+    EXPECT_NEAR(static_cast<double>(viewer.frames.back().media_time - reached), 0, 125);  // a tick
 }
 
 TEST(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {

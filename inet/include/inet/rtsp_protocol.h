@@ -378,7 +378,8 @@ public:
     int send_keep_alive() noexcept;
 
     /// Raises rtsp_frame for the unfinished frame of each track. A frame is otherwise handed over when the first data
-    /// of the next one comes: this is for the last one before a stop.
+    /// of the next one comes: this is for the last one before a stop. A picture whose last packet had no marker bit is
+    /// then not complete, nor is what still comes of it.
     void flush() noexcept;
 
     /// On rtsp_frame: the frame, with a null payload. Valid until the event returns; avc_frame_dup() keeps it. Null

@@ -23,7 +23,7 @@ constexpr int64_t us_per_second = 1000000;
 // Tracks whose first frames come within this time began together.
 constexpr uint64_t together = 200000;
 
-enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
+enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, delimiter = 9, stap_a = 24 };
 
 using rtp::get16;
 using rtp::get32;
@@ -34,6 +34,12 @@ int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
     if (rate == 0) return 0;
     const int64_t seconds = std::clamp(ticks / rate, -max_seconds, max_seconds);
     return seconds * us_per_second + ticks % rate * us_per_second / rate;
+}
+
+int64_t us_to_ticks(int64_t us, uint32_t rate) noexcept {
+    if (rate == 0) return 0;
+    const int64_t seconds = std::min(us / us_per_second, INT64_MAX / 4 / rate);
+    return seconds * rate + us % us_per_second * rate / us_per_second;
 }
 
 /// Formats whose frames travel in several packets, the last with the marker bit.
@@ -70,16 +76,18 @@ bytes_t without_trailing_zeros(bytes_t nal) noexcept {
     return nal;
 }
 
-/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. An
-/// SPS is sent before the slices of its picture, by itself or first in an aggregate.
+/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. Of
+/// H.264 the first slice tells.
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
-    constexpr size_t aggregate_head = 3;
-    if (track.fcc == av::fcc_h264 && !data.empty()) {
-        const bool aggregate = (data[0] & 0x1f) == stap_a && data.size() > aggregate_head;
-        return (data[aggregate ? aggregate_head : 0] & 0x1f) == sps;
-    }
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
     return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
+}
+
+/// Before the first slice of an H.264 picture. A gap took nothing from a key picture whose first units came. Any other
+/// one refers to what was lost.
+void note_front(gathered_t& gathered, bool key) noexcept {
+    gathered.broken = gathered.broken || (gathered.torn && !(key && gathered.led));
+    gathered.torn = gathered.led = false;
 }
 
 }  // namespace
@@ -125,10 +133,21 @@ void receiver::note_first(track_t& track, buffer_t packet) noexcept {
 
 void receiver::begin(uint64_t now) noexcept {
     play_time_ = now;
-    paused_ = false;
+    if (std::exchange(paused_, false)) go_on();
     first_frame_ = 0;
     for (track_t* each : talk_.tracks()) {
         if (each->rtp) each->gathered->before_play = each->rtp->received;
+    }
+}
+
+// All tracks go on where the furthest one was, whatever their RTP times do.
+void receiver::go_on() noexcept {
+    int64_t reached = 0;
+    for (const track_t* each : talk_.tracks())
+        reached = std::max(reached, ticks_to_us(each->gathered->ticks, each->rate));
+    for (track_t* each : talk_.tracks()) {
+        each->gathered->ticks = std::max(each->gathered->ticks, us_to_ticks(reached, each->rate));
+        each->gathered->started = false;
     }
 }
 
@@ -174,6 +193,7 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
     note_loss(track, another, data);
     if (paused_) {
         gathered.torn = true;
+        gathered.led = false;
         return;
     }
     if (another) {
@@ -238,6 +258,7 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
     const bool over = gathered.marked && !gathered.marks_units;
     if (!another || (!over && is_picture(track))) gathered.broken = true;
     gathered.torn = another && !stands_alone(track, data);
+    gathered.led = false;
 }
 
 void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
@@ -256,6 +277,7 @@ void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexce
     gathered.ticks += static_cast<int32_t>(track.rtp->rtp_time - gathered.last_rtp_time);
     gathered.last_rtp_time = gathered.rtp_time = track.rtp->rtp_time;
     gathered.time = track.rtp->time;
+    if (track.fcc == av::fcc_h264) return;
     gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, data));
     gathered.torn = false;
 }
@@ -287,6 +309,7 @@ void receiver::add_nals(track_t& track, std::span<const uint8_t> nals) noexcept 
 void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
     gathered_t& gathered = *track.gathered;
     const uint8_t type = nal[0] & 0x1f;
+    gathered.led = gathered.led || type == sps || type == delimiter;
     if (type == sps || type == pps) return keep_parameter_set(track, nal, type == sps);
     constexpr uint8_t zero[] = {0};
     if (gathered.frame.length == 0) add(track, zero);
@@ -294,6 +317,7 @@ void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
         const bool due = (type == idr_slice || gathered.sets_changed) && !gathered.picture;
         if (due || settings_.parameter_sets == parameter_sets_t::slices)
             add(track, {track.parameter_sets.data, track.parameter_sets.length});
+        if (!gathered.picture) note_front(gathered, type == idr_slice);
         gathered.sets_changed = false;
         gathered.picture = true;
         gathered.key = gathered.key || type == idr_slice;
@@ -361,8 +385,13 @@ void receiver::deliver(track_t& track) noexcept {
 void receiver::flush() noexcept {
     if (talk_.at_work || talk_.ended) return;
     const conversation::call running(talk_);
-    for (track_t* each : talk_.tracks())
+    for (track_t* each : talk_.tracks()) {
+        gathered_t& gathered = *each->gathered;
+        const bool half = is_picture(*each) && gathered.picture && !gathered.marked;
+        gathered.broken = gathered.broken || half;
         deliver(*each);
+        gathered.broken = half;
+    }
 }
 
 // A report that is due; over TCP it is left out when those before it are not read.
