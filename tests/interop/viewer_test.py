@@ -208,6 +208,7 @@ class Servers(ViewerCase):
             (REFUSED, {"PLAY": 403}),
             (LOST, {"PLAY": b"close"}),
             (LOST, {"SETUP": 454}),
+            (NOTHING, {"OPTIONS": 501}),
             (NOTHING, {})])[-1]
         self.assertEqual([*methods[:4], methods[-1]], ["OPTIONS", "DESCRIBE", "SETUP", "PLAY", "TEARDOWN"])
         self.assertEqual(set(methods[4:-1]), {"GET_PARAMETER"}, "the session is kept alive")

@@ -57,6 +57,7 @@ const client::asked_t client::get{"GET", &client::ask_get, &client::take_get};
 client::client(conversation& of, outbox& out, tunnel& by, const client_settings& settings) noexcept
     : talk_(of), out_(out), tunnel_(by), settings_(settings), stream_(of), frames_(of, out, settings) {
     talk_.rtp.set_handler(&frames_);
+    talk_.rtp.skip_extensions(true);
 }
 
 // Splits off the user-info: up to the last '@' of the authority, as passwords are often written as they are.
@@ -344,7 +345,7 @@ bool client::take_session(const header_s* header) noexcept {
         const scan::pair pair = scan::split(parameter, '=');
         constexpr std::string_view timeout = "timeout";
         if (core_strncasecmp(pair.key.data(), timeout.data(), timeout.size()) == 0)
-            timeout_ = scan::decimal(pair.value);
+            timeout_ = scan::decimal(scan::skip(pair.value, " \t\""));
     });
     return true;
 }

@@ -224,7 +224,7 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
     for (track_t* each : talk_.tracks()) {
         if (!waits(*each)) continue;
         each->rtp->time = play_time;
-        each->gathered->started = false;
+        each->gathered->started = each->gathered->timed = each->gathered->announced = false;
     }
     const std::unique_ptr<net::sdp::rtp_info_s*, rtp_info_deleter> infos(
         sdp_parse_rtp_info(rtp_info, talk_.file, talk_.line));
@@ -241,7 +241,7 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
         track->gathered->announced = seq.has_value();
         if (!rtptime) continue;
         track->rtp->rtp_time = track->gathered->last_rtp_time = *rtptime;
-        track->gathered->started = true;
+        track->gathered->started = track->gathered->timed = true;
     }
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdlib>
 #include <utility>
 
 namespace rtsp3 {
@@ -90,6 +91,14 @@ void note_front(gathered_t& gathered, bool key) noexcept {
     gathered.torn = gathered.led = false;
 }
 
+/// Whether a track begins at about the RTP time that was announced, as far as it can: some servers tell any.
+bool is_near(const track_t& track, uint64_t since) noexcept {
+    constexpr int64_t farthest = 10 * us_per_second;
+    const auto ahead = static_cast<int32_t>(track.rtp->rtp_time - track.gathered->last_rtp_time);
+    const int64_t us = ticks_to_us(ahead, track.rate);
+    return us >= -farthest && us <= farthest + static_cast<int64_t>(since);
+}
+
 }  // namespace
 
 void receiver::take(unsigned channel, buffer_t packet) noexcept {
@@ -123,12 +132,16 @@ void receiver::unpack(unsigned channel, buffer_t packet) noexcept {
     if (renamed) packet.data[1] = static_cast<uint8_t>((packet.data[1] & marker) | pt);
 }
 
-// A group joined before its first packet is whole from there on.
+// A group joined before its first packet is whole from there on. Servers announce numbers that they do not send: over
+// TCP nothing can be missing before the first packet, and elsewhere not much.
 void receiver::note_first(track_t& track, buffer_t packet) noexcept {
-    constexpr uint32_t fixed_header = 12;
+    constexpr int most_missing = 100;
     gathered_t& gathered = *track.gathered;
-    const bool first = gathered.announced && track.rtp->received == 0 && packet.size >= fixed_header;
-    if (first && get16({packet.data, packet.size}, 2) == gathered.first_seq) gathered.torn = false;
+    const bool first = gathered.announced && track.rtp->received == gathered.before_play;
+    if (!first || packet.size < rtp::header_size) return;
+    const auto ahead = static_cast<int16_t>(get16({packet.data, packet.size}, 2) - gathered.first_seq);
+    if (ahead == 0 && track.rtp->received == 0) gathered.torn = false;
+    if (ahead != 0 && (track.protocol == protocol_t::rtp_tcp || std::abs(ahead) > most_missing)) track.rtp->seq = 0;
 }
 
 void receiver::begin(uint64_t now) noexcept {
@@ -147,7 +160,7 @@ void receiver::go_on() noexcept {
         reached = std::max(reached, ticks_to_us(each->gathered->ticks, each->rate));
     for (track_t* each : talk_.tracks()) {
         each->gathered->ticks = std::max(each->gathered->ticks, us_to_ticks(reached, each->rate));
-        each->gathered->started = false;
+        each->gathered->started = each->gathered->timed = false;
     }
 }
 
@@ -264,10 +277,12 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
 void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
     gathered_t& gathered = *track.gathered;
     if (!first_frame_) first_frame_ = core_timer();
+    const uint64_t since = core_timer() - first_frame_;
+    if (gathered.timed && !is_near(track, since)) gathered.started = false;
+    gathered.timed = false;
     if (!gathered.started) {
         gathered.started = true;
         // A track that comes later, as pictures do that wait for a key, would be out of step with the others.
-        const uint64_t since = core_timer() - first_frame_;
         if (since > together) gathered.ticks += static_cast<int64_t>(since) * track.rate / us_per_second;
         gathered.last_rtp_time = track.rtp->rtp_time;
         track.rtp->time = play_time_;
