@@ -84,7 +84,7 @@ TEST(RtspClient, AsksForWhatIsDescribed) {
         {"video", 96, "H264/90000", "a b", "", nullptr, ""},
         {"video", 26, nullptr, "t", "Content-Base: rtsp://o/b/\r\nContent-Location: rtsp://x/\r\n", "JPEG",
          "rtsp://o/b/t", "rtsp://o/b/"},
-        {"video", 26, nullptr, "t", "Content-Location: rtsp://o/b\r\n", "JPEG", "rtsp://o/b/t", "rtsp://o/b"},
+        {"video", 26, nullptr, "t", "Content-Location: rtsp://u:p@o/b\r\n", "JPEG", "rtsp://o/b/t", "rtsp://o/b"},
         {"video", 26, nullptr, "/t", "content-base : rtsp://o/b \t\r\n", "JPEG", "rtsp://o/b/t", "rtsp://o/b"},
         {"video", 26, nullptr, "t", "Content-Base: /b/\r\n", "JPEG", "rtsp://h/live/t"},
     };
@@ -166,7 +166,7 @@ TEST(RtspClient, ReadsDescriptionsAsTheyAreFound) {
 TEST(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
     const char* const cases[][3] = {
         {"", "Session: 5; timeout=0\r\n", "OPTIONS "},
-        {"Public: OPTIONS, GET_PARAMETER\r\n", "Session: 5;timeout=10\r\n", "GET_PARAMETER "},
+        {"Public: OPTIONS\r\nPublic: GET_PARAMETER\r\n", "Session: 5;timeout=10\r\n", "GET_PARAMETER "},
     };
     for (const auto& [methods, named, method] : cases) {
         rtsp_viewer viewer;
@@ -310,6 +310,7 @@ TEST(RtspClient, EndsOrGoesOnWhenTheServerLies) {
         rtsp_viewer viewer;
         viewer.session->open("rtsp://h/live");
         viewer.answer("200 OK");
+        viewer.feed("\r\n\r\n$\6\0\1x\n"s);  // nothing
         if (!c.bytes.empty()) viewer.feed(c.bytes);
         if (c.bytes.empty()) viewer.answer("200 OK", "", sdp);
         if (c.bytes.empty()) viewer.answer("200 OK", c.fields);

@@ -260,8 +260,10 @@ void client::failed(const char* method, unsigned status, const char* why) noexce
 
 void client::take_options(header_s* header) noexcept {
     if (step_ != step_t::options) return;
-    const char* methods = field(header, "Public");
-    has_get_parameter_ = methods && std::strstr(methods, "GET_PARAMETER");
+    for (value_t* const* each = header->fields; each && *each; ++each) {
+        const bool lists = core_strcasecmp((*each)->key, "Public") == 0 && (*each)->value;
+        has_get_parameter_ = has_get_parameter_ || (lists && std::strstr((*each)->value, "GET_PARAMETER"));
+    }
     ask_describe(nullptr);
 }
 

@@ -120,7 +120,7 @@ bool description::take_base(const header_s* header) noexcept {
     for (const char* name : {"Content-Base", "Content-Location"}) {
         const char* value = field(header, name);
         if (!value || !is_absolute(value) || !is_request_uri(value)) continue;
-        base_.reset(core_strdup(value, talk_.file, talk_.line));
+        base_ = without_login(value, talk_.file, talk_.line);
         return base_ != nullptr;
     }
     return true;
