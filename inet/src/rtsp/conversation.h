@@ -47,7 +47,6 @@ struct gathered_t {
     bool key;       ///< holds an IDR slice
     bool broken;    ///< packets are missing in it
     bool torn;      ///< packets are missing in front of what comes next
-    bool led;       ///< since then something came that stands before all slices of its picture
     bool left_out;  ///< it passed the limit, or memory was out
     bool orphaned;  ///< the one before it was left out
 

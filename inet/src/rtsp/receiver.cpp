@@ -24,7 +24,7 @@ constexpr int64_t us_per_second = 1000000;
 // Tracks whose first frames come within this time began together.
 constexpr uint64_t together = 200000;
 
-enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, delimiter = 9, stap_a = 24 };
+enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
 
 using rtp::get16;
 using rtp::get32;
@@ -84,11 +84,14 @@ bool stands_alone(const track_t& track, bytes_t data) noexcept {
     return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
 }
 
-/// Before the first slice of an H.264 picture. A gap took nothing from a key picture whose first units came. Any other
-/// one refers to what was lost.
-void note_front(gathered_t& gathered, bool key) noexcept {
-    gathered.broken = gathered.broken || (gathered.torn && !(key && gathered.led));
-    gathered.torn = gathered.led = false;
+/// The first slice that came of an H.264 picture. A gap took nothing from a key picture that begins with it, at its first
+/// macroblock (ITU-T H.264, 7.3.3). Any other picture refers to what was lost.
+void note_front(gathered_t& gathered, bytes_t nal) noexcept {
+    constexpr uint8_t zero = 0x80;  // as ue(v)
+    const bool begins = nal.size() > 1 && (nal[1] & zero) != 0;
+    const bool key = (nal[0] & 0x1f) == idr_slice;
+    gathered.broken = gathered.broken || (gathered.torn && !(key && begins));
+    gathered.torn = false;
 }
 
 /// Whether a track begins at about the RTP time that was announced, as far as it can: some servers tell any.
@@ -206,7 +209,6 @@ void receiver::take_data(rtp::trak_t* from) noexcept {
     note_loss(track, another, data);
     if (paused_) {
         gathered.torn = true;
-        gathered.led = false;
         return;
     }
     if (another) {
@@ -271,7 +273,6 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
     const bool over = gathered.marked && !gathered.marks_units;
     if (!another || (!over && is_picture(track))) gathered.broken = true;
     gathered.torn = another && !stands_alone(track, data);
-    gathered.led = false;
 }
 
 void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
@@ -324,7 +325,6 @@ void receiver::add_nals(track_t& track, std::span<const uint8_t> nals) noexcept 
 void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
     gathered_t& gathered = *track.gathered;
     const uint8_t type = nal[0] & 0x1f;
-    gathered.led = gathered.led || type == sps || type == delimiter;
     if (type == sps || type == pps) return keep_parameter_set(track, nal, type == sps);
     constexpr uint8_t zero[] = {0};
     if (gathered.frame.length == 0) add(track, zero);
@@ -332,7 +332,7 @@ void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
         const bool due = (type == idr_slice || gathered.sets_changed) && !gathered.picture;
         if (due || settings_.parameter_sets == parameter_sets_t::slices)
             add(track, {track.parameter_sets.data, track.parameter_sets.length});
-        if (!gathered.picture) note_front(gathered, type == idr_slice);
+        if (!gathered.picture) note_front(gathered, nal);
         gathered.sets_changed = false;
         gathered.picture = true;
         gathered.key = gathered.key || type == idr_slice;
