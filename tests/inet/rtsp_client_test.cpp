@@ -164,18 +164,18 @@ TEST(RtspClient, ReadsDescriptionsAsTheyAreFound) {
 }
 
 TEST(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
-    const char* const cases[][3] = {
-        {"", "Session: 5; timeout=0\r\n", "OPTIONS "},
-        {"Public: OPTIONS\r\nPublic: GET_PARAMETER\r\n", "Session: 5;timeout=10\r\n", "GET_PARAMETER "},
+    const char* const cases[][4] = {
+        {"", "Session: 5; timeout=0\r\n", "OPTIONS ", "GET_PARAMETER "},
+        {"Public: OPTIONS\r\nPublic: GET_PARAMETER\r\n", "Session: 5;timeout=10\r\n", "GET_PARAMETER ", "OPTIONS "},
     };
-    for (const auto& [methods, named, method] : cases) {
+    for (const auto& [methods, named, method, other] : cases) {
         rtsp_viewer viewer;
         viewer.describe(sdp, "", methods);
         EXPECT_EQ(viewer.session->send_keep_alive(), 0);
         viewer.answer("200 OK", named);
         viewer.answer("200 OK");
         EXPECT_EQ(viewer.session->keep_alive_interval(), *methods ? 5000000U : 30000000U);
-        for (const char* asked : {method, "OPTIONS "}) {  // the one that every server knows once it was refused
+        for (const char* asked : {method, other}) {  // once it was refused
             viewer.asked.clear();
             EXPECT_EQ(viewer.session->send_keep_alive(), 1);
             EXPECT_TRUE(viewer.asked.starts_with(asked) && viewer.asked.find("Session: 5\r\n") != std::string::npos);

@@ -374,7 +374,7 @@ public:
     uint64_t keep_alive_interval() const noexcept;
     /// Sends GET_PARAMETER when the server announced it, else OPTIONS. @return 1, or 0 when nothing was sent: no
     /// session, out of memory, or closed. A refusal raises rtsp_error. Unless it is 454, the stream goes on, and the
-    /// next keep-alive is OPTIONS.
+    /// next keep-alive is the other one.
     int send_keep_alive() noexcept;
 
     /// Raises rtsp_frame for the unfinished frame of each track. A frame is otherwise handed over when the first data

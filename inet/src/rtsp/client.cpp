@@ -208,7 +208,8 @@ bool client::take_response(header_s* header) noexcept {
                stream_.try_next_uri(*response_to_.track)) {
         ask_setup(response_to_.track);
     } else if (header->status != 200) {
-        if (&method == &get_parameter && header->status != no_session) has_get_parameter_ = false;
+        const bool keeps_alive = &method == &get_parameter || &method == &options;
+        if (keeps_alive && header->status != no_session) has_get_parameter_ = &method == &options;
         failed(method.name, header->status, "the server refused");
     } else if (method.take) {
         (this->*method.take)(header);
