@@ -398,6 +398,9 @@ public:
     const char* method() const noexcept;
     unsigned status() const noexcept;
     const char* failure() const noexcept;
+    /// On rtsp_error: the URI that an answer with 301, 302, 303 or 307 names instead; null for none. Valid until the
+    /// event returns.
+    const char* moved_to() const noexcept;
 
     // Tunnel, server side
 

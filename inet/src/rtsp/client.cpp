@@ -1,5 +1,6 @@
 #include "rtsp/client.h"
 
+#include "rtsp/control.h"
 #include "rtsp/transport.h"
 #include "scan.h"
 
@@ -210,12 +211,21 @@ bool client::take_response(header_s* header) noexcept {
     } else if (header->status != 200) {
         const bool keeps_alive = &method == &get_parameter || &method == &options;
         if (keeps_alive && header->status != no_session) has_get_parameter_ = &method == &options;
+        moved_to_ = find_moved(header);
         failed(method.name, header->status, "the server refused");
+        moved_to_ = nullptr;
     } else if (method.take) {
         (this->*method.take)(header);
     }
     response_to_ = {};
     return true;
+}
+
+const char* client::find_moved(const header_s* header) noexcept {
+    constexpr uint32_t statuses[] = {301, 302, 303, 307};
+    const char* const uri = field(header, "Location");
+    const bool moved = std::ranges::find(statuses, header->status) != std::end(statuses);
+    return moved && uri && is_absolute(uri) && is_request_uri(uri) ? uri : nullptr;
 }
 
 // Other requests of servers are not served.
