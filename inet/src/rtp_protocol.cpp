@@ -90,6 +90,10 @@ void Rtp::set_arrival(uint64_t us) noexcept {
     if (insides_) insides_->receive.set_arrival(us);
 }
 
+void Rtp::skip_extensions(bool on) noexcept {
+    if (insides_) insides_->receive.skip_extensions(on);
+}
+
 trak_t* Rtp::add_trak(unsigned char pt, unsigned fcc) noexcept {
     if (trak_t* known = get_trak_pt(pt)) return known;
     if (!insides_) return nullptr;

@@ -163,6 +163,11 @@ unsigned Rtsp::status() const noexcept {
     return to ? to->status() : 0;
 }
 
+const char* Rtsp::moved_to() const noexcept {
+    const client* const to = of(*this).as_client();
+    return to ? to->moved_to() : nullptr;
+}
+
 const char* Rtsp::failure() const noexcept {
     const client* const to = of(*this).as_client();
     return to ? to->failure() : "";

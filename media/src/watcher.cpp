@@ -23,7 +23,8 @@ namespace {
 
 constexpr uint64_t second = 1'000'000;
 constexpr uint32_t longest_pause = 30;  ///< seconds
-constexpr uint32_t doublings = 5;       ///< of the pause, up to the longest
+constexpr uint32_t most_moves = 5;
+constexpr uint32_t doublings = 5;  ///< of the pause, up to the longest
 
 bool can_pass(outcome_t what) noexcept {
     return what == outcome_t::no_connection || what == outcome_t::connection_lost ||
@@ -58,7 +59,9 @@ struct watcher::inside final : fetch::attempt_owner {
     void declare(const watch_event_t& event) noexcept;
 
     fetch::address_t address;
-    bool usable = false;  ///< the address
+    fetch::address_t elsewhere;  ///< where the source says that it is,
+    uint32_t moves = 0;          ///< after so many times; 0: where it was told
+    bool usable = false;         ///< the address
     settings_t settings;
     stream* into = nullptr;
     int (*frame)(void* arg, const watched_t& got) = nullptr;
@@ -152,7 +155,7 @@ bool watcher::inside::begin(failure_t* error) noexcept {
     }
     end_wanted = at_an_end = false;
     transport = settings.transport;
-    next_attempt = failures = 0;
+    next_attempt = failures = moves = 0;
     count_of_tracks = 0;
     {
         const std::lock_guard held(lock);
@@ -248,7 +251,7 @@ void watcher::inside::start_attempt() noexcept {
         wanted = wanted > had ? wanted - had : 1;
     }
     const fetch::order_t order{.nt = nt,
-                               .address = address,
+                               .address = moves ? elsewhere : address,
                                .lookup = lookup,
                                .transport = transport,
                                .timeout = std::max(settings.timeout, 1U) * second,
@@ -271,6 +274,9 @@ void watcher::inside::start_attempt() noexcept {
 void watcher::inside::end_attempt(uint64_t now) noexcept {
     const fetch::ending_t result = attempt->result();
     const bool wants_tcp = attempt->wants_tcp();
+    const bool moved =
+        moves < most_moves && attempt->moved_to() && elsewhere.move(moves ? elsewhere : address, attempt->moved_to());
+    moves = moved ? moves + 1 : wants_tcp ? moves : 0;
     std::array<track_counts_t, rtsp3::max_traks> more{};
     const size_t tracks = attempt->counts(more);
     if (std::any_of(more.begin(), more.begin() + tracks, [](const track_counts_t& each) { return each.frames > 0; }))
@@ -279,6 +285,8 @@ void watcher::inside::end_attempt(uint64_t now) noexcept {
     const bool is_over = end_wanted || result.what == outcome_t::ok;
     if (wants_tcp && !is_over) {
         transport = transport_t::tcp;
+        next_attempt = 0;
+    } else if (moved && !is_over) {
         next_attempt = 0;
     } else if (is_over) {
         finish(result);

@@ -29,6 +29,9 @@ TEST(RtpReceive, HandsOverWhatThePacketsHold) {
         {"padding of all", av::fcc_pcma, {headed(0xA0, {0, 2})}, {}},
         {"padding beyond all", av::fcc_pcma, {headed(0xA0, {0, 3})}, {}},
         {"extension counts as payload", av::fcc_pcma, {headed(0x90, hello)}, {hello}},
+        {"skipped extension", av::fcc_pcma, {headed(0x90, join({{0xAB, 0xAC, 0, 1, 1, 2, 3, 4}, hello}))}, {hello}},
+        {"skipped beyond all", av::fcc_pcma, {headed(0x90, {0xAB, 0xAC, 0, 9, 1})}, {}},
+        {"skipped, but not of a file", av::fcc_jpeg, {file_start}, {{0xFF, 0xD8, 'a', 'b', 'c', 'd'}}},
         {"version 1", av::fcc_pcma, {headed(0x40, hello)}, {}},
         {"sources that are not there", av::fcc_pcma, {headed(0x8F, hello)}, {}},
         {"a format that is only sent", av::fcc_univ, {packet(1, hello)}, {}},
@@ -49,6 +52,7 @@ TEST(RtpReceive, HandsOverWhatThePacketsHold) {
     for (const auto& [name, fcc, packets, media] : cases) {
         SCOPED_TRACE(name);
         rtp_owner owner(fcc);
+        owner.object.skip_extensions(std::string_view(name).starts_with("skipped"));
         for (const bool grown : {false, false, true}) {
             owner.media.clear();
             owner.track->seq = 0;

@@ -132,6 +132,15 @@ TEST(RtspStreaming, SharesAPictureThatWasCutOnce) {
     for (rtsp_owner* owner : {&whole, &part, &behind})
         EXPECT_EQ(owner->session->send_packets(packets), 1);
     EXPECT_EQ(allocations.value(), 0U);
+    // Of what such a session does not send, the report that is due goes alone.
+    const std::string text = "<tt:MetadataStream/>";
+    const av::frame_t document = test::borrowed(av::fcc_meta, test::bytes_of(text), frame.time);
+    packets.set_all_formats(true);
+    ASSERT_EQ(packets.cut(&document), 1);
+    whole.lent.clear();
+    core_buf_ignore(whole.session->send_buffer(), whole.session->send_buffer()->length);
+    whole.session->send_packets(packets);
+    EXPECT_TRUE(whole.lent.empty() && whole.waiting().size() == 4 + 28);
 }
 
 }  // namespace

@@ -208,10 +208,17 @@ class Servers(ViewerCase):
             (REFUSED, {"PLAY": 403}),
             (LOST, {"PLAY": b"close"}),
             (LOST, {"SETUP": 454}),
+            (NOTHING, {"OPTIONS": 501}),
             (NOTHING, {})])[-1]
         self.assertEqual([*methods[:4], methods[-1]], ["OPTIONS", "DESCRIBE", "SETUP", "PLAY", "TEARDOWN"])
         self.assertEqual(set(methods[4:-1]), {"GET_PARAMETER"}, "the session is kept alive")
         self.assertLess(len(methods), 12)
+        with Server() as server:  # from another port of the host, so with the user
+            moved = f"RTSP/1.0 302 X\r\nLocation: {server.url}\r\n\r\n".encode()
+            server.answers["DESCRIBE"] = b"RTSP/1.0 401 X\r\nWWW-Authenticate: Basic realm=x\r\n\r\n"
+            with Server(OPTIONS=moved, DESCRIBE=moved) as other:
+                self.refuse(REFUSED, other.url.replace("//", "//u:p@"))
+            self.assertEqual((other.methods, server.methods), (["OPTIONS"], ["OPTIONS", "DESCRIBE", "DESCRIBE"]))
 
     def view_media(self, packets, *arguments):
         """From a server that sends them all with its answer to PLAY."""

@@ -36,6 +36,8 @@ public:
     /// Format of the frame, and the time at which it is shown.
     uint32_t fcc() const noexcept;
     uint64_t time() const noexcept;
+    /// 1 for a frame of "META" that is no report: an Rtp without set_all_formats() sends nothing of it.
+    int is_document() const noexcept;
 
     uint32_t count() const noexcept;
     /// Bytes of all packets, without framing.

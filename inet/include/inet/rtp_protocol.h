@@ -230,6 +230,10 @@ public:
     /// core_timer(). One value may serve all packets of one read. 0, as at the start, is not known.
     void set_arrival(uint64_t us) noexcept;
 
+    /// Whether header extensions of received packets are left out of the payload, but for those that bring pieces of a
+    /// JPEG file; off until set.
+    void skip_extensions(bool on) noexcept;
+
     /// Hands over the current track's `frame` (event 3) when it is not empty, then empties it.
     void call_frame() noexcept;
 

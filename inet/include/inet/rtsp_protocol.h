@@ -374,11 +374,12 @@ public:
     uint64_t keep_alive_interval() const noexcept;
     /// Sends GET_PARAMETER when the server announced it, else OPTIONS. @return 1, or 0 when nothing was sent: no
     /// session, out of memory, or closed. A refusal raises rtsp_error. Unless it is 454, the stream goes on, and the
-    /// next keep-alive is OPTIONS.
+    /// next keep-alive is the other one.
     int send_keep_alive() noexcept;
 
     /// Raises rtsp_frame for the unfinished frame of each track. A frame is otherwise handed over when the first data
-    /// of the next one comes: this is for the last one before a stop.
+    /// of the next one comes: this is for the last one before a stop. A picture whose last packet had no marker bit is
+    /// then not complete, nor is what still comes of it.
     void flush() noexcept;
 
     /// On rtsp_frame: the frame, with a null payload. Valid until the event returns; avc_frame_dup() keeps it. Null
@@ -397,6 +398,9 @@ public:
     const char* method() const noexcept;
     unsigned status() const noexcept;
     const char* failure() const noexcept;
+    /// On rtsp_error: the URI that an answer with 301, 302, 303 or 307 names instead; null for none. Valid until the
+    /// event returns.
+    const char* moved_to() const noexcept;
 
     // Tunnel, server side
 

@@ -48,6 +48,15 @@ std::optional<packet_t> read_packet(bytes_t bytes) noexcept {
     };
 }
 
+/// What stands behind a header extension (RFC 3550, 5.3.1); the payload itself where it is a piece of a JPEG file.
+bytes_t skip_extension(bytes_t payload, uint32_t fcc) noexcept {
+    constexpr size_t head = 4;
+    if (payload.size() < head) return payload;
+    const uint32_t profile = rtp::get16(payload, 0);
+    if (fcc == av::fcc_jpeg && (profile == 0xffd8 || profile == 0xffff)) return payload;
+    return payload.subspan(std::min(payload.size(), head + size_t{4} * rtp::get16(payload, 2)));
+}
+
 rtp::trak_t* find_ssrc(rtp::trak_t* const* traks, uint32_t ssrc) noexcept {
     while (traks && *traks && (*traks)->ssrc != ssrc)
         ++traks;
@@ -74,7 +83,8 @@ void depacketizer::take(buffer_t received) noexcept {
     trak->seq = in->seq;
     trak->marker = in->marked;
     trak->bye = 0;
-    dispatch(in->payload, in->extension);
+    const bytes_t bare = in->extension && skips_extensions_ ? skip_extension(in->payload, trak->fcc) : in->payload;
+    dispatch(bare, in->extension && bare.data() == in->payload.data());
     if (report_due(*trak)) send_receiver_report(rtp_, *trak);
 }
 

@@ -48,6 +48,7 @@ public:
     depacketizer& operator=(const depacketizer&) = delete;
 
     void set_arrival(uint64_t us) noexcept { arrival_ = us; }
+    void skip_extensions(bool on) noexcept { skips_extensions_ = on; }
     void take(buffer_t packet) noexcept;
     void take_report(buffer_t packet) noexcept;
 
@@ -80,6 +81,7 @@ private:
     const char* file_;
     int line_;
     uint64_t arrival_ = 0;
+    bool skips_extensions_ = false;
 };
 
 }  // namespace rtp

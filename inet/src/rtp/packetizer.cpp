@@ -127,13 +127,13 @@ void packetizer::pack(Packets& packets) noexcept {
     trak_t* const trak = find(packets.fcc(), packets.time());
     if (!trak) return;
     const uint16_t first_seq = trak->seq;
-    if (!is_sent(trak->fcc)) {
+    const bool known = is_sent(trak->fcc);
+    if (!known || packets.count() == 0 || (packets.is_document() && !all_formats_)) {
         trak->time = packets.time();
         trak->rtp_time = timestamp(trak->time, trak->clock_rate);
-        return log_unknown("fcc");
-    }
-    packets.stamp(*trak);
-    if (packets.count() != 0) {
+        if (!known) return log_unknown("fcc");
+    } else {
+        packets.stamp(*trak);
         rtp_.cut = &packets;
         hand_over(rtp_, event_t::packets, 0);
         rtp_.cut = nullptr;

@@ -3,6 +3,7 @@
 #include "avc/fcc.h"
 #include "core/memory.h"
 #include "core/owned.h"
+#include "inet/net_analytics.h"
 #include "inet/net_socket.h"
 #include "inet/rtp_packets.h"
 #include "inet/sockaddr.h"
@@ -28,6 +29,7 @@ public:
     void set_address(const sockaddr_in& to) noexcept { address_ = to; }
 
     const trak_t* trak() const noexcept { return trak_; }
+    bool is_document() const noexcept { return is_document_; }
     const buf_t& bytes() const noexcept { return bytes_; }
     std::span<const datagram_t> messages() const noexcept {
         return {reinterpret_cast<const datagram_t*>(messages_.data), count_};
@@ -52,6 +54,7 @@ private:
     // What stands in the packets at present.
     uint8_t channel_ = 0;
     uint8_t pt_ = 0;
+    bool is_document_ = false;
     bool is_jpeg_ = false;  // its payload type is that of the cut
 
     // RTP time of the frame on the clock of the last stream; most streams have one clock.
@@ -81,6 +84,7 @@ bool Packets::insides::cut(const av::frame_t* frame) noexcept {
     if (!frame) return false;
     trak_->time = frame->time + frame->shown_after;
     is_jpeg_ = fcc_unic(frame->fcc) == av::fcc_jpeg;
+    is_document_ = fcc_unic(frame->fcc) == av::fcc_meta && !net_analytics_is_report(frame->data, frame->size);
     channel_ = pt_ = 0;
     clock_rate_ = rtp_time_ = 0;
     out_of_memory_ = !make_interleaved_room(bytes_, packer_, file_, line_);
@@ -168,6 +172,8 @@ int Packets::cut(const av::frame_t* frame) noexcept { return insides_ && insides
 uint32_t Packets::fcc() const noexcept { return insides_ ? insides_->trak()->fcc : 0; }
 
 uint64_t Packets::time() const noexcept { return insides_ ? insides_->trak()->time : 0; }
+
+int Packets::is_document() const noexcept { return insides_ && insides_->is_document() ? 1 : 0; }
 
 uint32_t Packets::count() const noexcept { return insides_ ? static_cast<uint32_t>(insides_->messages().size()) : 0; }
 

@@ -1,5 +1,6 @@
 #include "rtsp/client.h"
 
+#include "rtsp/control.h"
 #include "rtsp/transport.h"
 #include "scan.h"
 
@@ -57,6 +58,7 @@ const client::asked_t client::get{"GET", &client::ask_get, &client::take_get};
 client::client(conversation& of, outbox& out, tunnel& by, const client_settings& settings) noexcept
     : talk_(of), out_(out), tunnel_(by), settings_(settings), stream_(of), frames_(of, out, settings) {
     talk_.rtp.set_handler(&frames_);
+    talk_.rtp.skip_extensions(true);
 }
 
 // Splits off the user-info: up to the last '@' of the authority, as passwords are often written as they are.
@@ -207,13 +209,23 @@ bool client::take_response(header_s* header) noexcept {
                stream_.try_next_uri(*response_to_.track)) {
         ask_setup(response_to_.track);
     } else if (header->status != 200) {
-        if (&method == &get_parameter && header->status != no_session) has_get_parameter_ = false;
+        const bool keeps_alive = &method == &get_parameter || &method == &options;
+        if (keeps_alive && header->status != no_session) has_get_parameter_ = &method == &options;
+        moved_to_ = find_moved(header);
         failed(method.name, header->status, "the server refused");
+        moved_to_ = nullptr;
     } else if (method.take) {
         (this->*method.take)(header);
     }
     response_to_ = {};
     return true;
+}
+
+const char* client::find_moved(const header_s* header) noexcept {
+    constexpr uint32_t statuses[] = {301, 302, 303, 307};
+    const char* const uri = field(header, "Location");
+    const bool moved = std::ranges::find(statuses, header->status) != std::end(statuses);
+    return moved && uri && is_absolute(uri) && is_request_uri(uri) ? uri : nullptr;
 }
 
 // Other requests of servers are not served.
@@ -259,8 +271,10 @@ void client::failed(const char* method, unsigned status, const char* why) noexce
 
 void client::take_options(header_s* header) noexcept {
     if (step_ != step_t::options) return;
-    const char* methods = field(header, "Public");
-    has_get_parameter_ = methods && std::strstr(methods, "GET_PARAMETER");
+    for (value_t* const* each = header->fields; each && *each; ++each) {
+        const bool lists = core_strcasecmp((*each)->key, "Public") == 0 && (*each)->value;
+        has_get_parameter_ = has_get_parameter_ || (lists && std::strstr((*each)->value, "GET_PARAMETER"));
+    }
     ask_describe(nullptr);
 }
 
@@ -344,7 +358,7 @@ bool client::take_session(const header_s* header) noexcept {
         const scan::pair pair = scan::split(parameter, '=');
         constexpr std::string_view timeout = "timeout";
         if (core_strncasecmp(pair.key.data(), timeout.data(), timeout.size()) == 0)
-            timeout_ = scan::decimal(pair.value);
+            timeout_ = scan::decimal(scan::skip(pair.value, " \t\""));
     });
     return true;
 }

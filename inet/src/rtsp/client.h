@@ -107,6 +107,7 @@ public:
     const char* method() const noexcept { return method_; }
     unsigned status() const noexcept { return status_; }
     const char* failure() const noexcept { return failure_; }
+    const char* moved_to() const noexcept { return moved_to_; }
     receiver& frames() noexcept { return frames_; }
     const receiver& frames() const noexcept { return frames_; }
 
@@ -135,6 +136,7 @@ private:
     bool take_pending(const header_s* header, pending_t* out) noexcept;
     void failed(const char* method, unsigned status, const char* why) noexcept;
     void set_up_done() noexcept;
+    static const char* find_moved(const header_s* header) noexcept;
     bool take_session(const header_s* header) noexcept;
 
     conversation& talk_;
@@ -156,6 +158,7 @@ private:
     const char* method_ = "";
     unsigned status_ = 0;
     const char* failure_ = "";
+    const char* moved_to_ = nullptr;  // of the answer being served
     login_t login_;
     auth::challenge challenge_;
     bool has_get_parameter_ = false;

@@ -63,6 +63,7 @@ struct gathered_t {
 
     uint32_t before_play;  ///< packets taken when PLAY was asked for
     bool started;          ///< `last_rtp_time` is known
+    bool timed;            ///< and is that of RTP-Info
     bool announced;        ///< RTP-Info told the number of the first packet
     uint16_t first_seq;    ///< which is this
     uint32_t last_rtp_time;

@@ -120,7 +120,7 @@ bool description::take_base(const header_s* header) noexcept {
     for (const char* name : {"Content-Base", "Content-Location"}) {
         const char* value = field(header, name);
         if (!value || !is_absolute(value) || !is_request_uri(value)) continue;
-        base_.reset(core_strdup(value, talk_.file, talk_.line));
+        base_ = without_login(value, talk_.file, talk_.line);
         return base_ != nullptr;
     }
     return true;
@@ -224,7 +224,7 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
     for (track_t* each : talk_.tracks()) {
         if (!waits(*each)) continue;
         each->rtp->time = play_time;
-        each->gathered->started = false;
+        each->gathered->started = each->gathered->timed = each->gathered->announced = false;
     }
     const std::unique_ptr<net::sdp::rtp_info_s*, rtp_info_deleter> infos(
         sdp_parse_rtp_info(rtp_info, talk_.file, talk_.line));
@@ -241,7 +241,7 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
         track->gathered->announced = seq.has_value();
         if (!rtptime) continue;
         track->rtp->rtp_time = track->gathered->last_rtp_time = *rtptime;
-        track->gathered->started = true;
+        track->gathered->started = track->gathered->timed = true;
     }
 }
 

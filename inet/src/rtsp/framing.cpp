@@ -78,6 +78,9 @@ void framing::serve() noexcept {
 bool framing::serve_next() noexcept {
     if (held_) return serve_held();
     if (taker_.take_encoded()) return false;
+    // Empty lines before a message mean nothing (RFC 7230, 3.5), such as those of a body that is longer than told.
+    while (used_ != received_.length && (received_.data[used_] == '\r' || received_.data[used_] == '\n'))
+        ++used_;
     if (received_.length - used_ <= rtp::interleaved_header) return false;
     if (received_.data[used_] == '$') return cut_packet();
     if (taker_.is_ready()) return cut_header();

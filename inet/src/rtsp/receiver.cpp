@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdlib>
 #include <utility>
 
 namespace rtsp3 {
@@ -34,6 +35,12 @@ int64_t ticks_to_us(int64_t ticks, uint32_t rate) noexcept {
     if (rate == 0) return 0;
     const int64_t seconds = std::clamp(ticks / rate, -max_seconds, max_seconds);
     return seconds * us_per_second + ticks % rate * us_per_second / rate;
+}
+
+int64_t us_to_ticks(int64_t us, uint32_t rate) noexcept {
+    if (rate == 0) return 0;
+    const int64_t seconds = std::min(us / us_per_second, INT64_MAX / 4 / rate);
+    return seconds * rate + us % us_per_second * rate / us_per_second;
 }
 
 /// Formats whose frames travel in several packets, the last with the marker bit.
@@ -70,16 +77,29 @@ bytes_t without_trailing_zeros(bytes_t nal) noexcept {
     return nal;
 }
 
-/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. An
-/// SPS is sent before the slices of its picture, by itself or first in an aggregate.
+/// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. Of
+/// H.264 the first slice tells.
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
-    constexpr size_t aggregate_head = 3;
-    if (track.fcc == av::fcc_h264 && !data.empty()) {
-        const bool aggregate = (data[0] & 0x1f) == stap_a && data.size() > aggregate_head;
-        return (data[aggregate ? aggregate_head : 0] & 0x1f) == sps;
-    }
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
     return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
+}
+
+/// The first slice that came of an H.264 picture. A gap took nothing from a key picture that begins with it, at its first
+/// macroblock (ITU-T H.264, 7.3.3). Any other picture refers to what was lost.
+void note_front(gathered_t& gathered, bytes_t nal) noexcept {
+    constexpr uint8_t zero = 0x80;  // as ue(v)
+    const bool begins = nal.size() > 1 && (nal[1] & zero) != 0;
+    const bool key = (nal[0] & 0x1f) == idr_slice;
+    gathered.broken = gathered.broken || (gathered.torn && !(key && begins));
+    gathered.torn = false;
+}
+
+/// Whether a track begins at about the RTP time that was announced, as far as it can: some servers tell any.
+bool is_near(const track_t& track, uint64_t since) noexcept {
+    constexpr int64_t farthest = 10 * us_per_second;
+    const auto ahead = static_cast<int32_t>(track.rtp->rtp_time - track.gathered->last_rtp_time);
+    const int64_t us = ticks_to_us(ahead, track.rate);
+    return us >= -farthest && us <= farthest + static_cast<int64_t>(since);
 }
 
 }  // namespace
@@ -115,20 +135,35 @@ void receiver::unpack(unsigned channel, buffer_t packet) noexcept {
     if (renamed) packet.data[1] = static_cast<uint8_t>((packet.data[1] & marker) | pt);
 }
 
-// A group joined before its first packet is whole from there on.
+// A group joined before its first packet is whole from there on. Servers announce numbers that they do not send: over
+// TCP nothing can be missing before the first packet, and elsewhere not much.
 void receiver::note_first(track_t& track, buffer_t packet) noexcept {
-    constexpr uint32_t fixed_header = 12;
+    constexpr int most_missing = 100;
     gathered_t& gathered = *track.gathered;
-    const bool first = gathered.announced && track.rtp->received == 0 && packet.size >= fixed_header;
-    if (first && get16({packet.data, packet.size}, 2) == gathered.first_seq) gathered.torn = false;
+    const bool first = gathered.announced && track.rtp->received == gathered.before_play;
+    if (!first || packet.size < rtp::header_size) return;
+    const auto ahead = static_cast<int16_t>(get16({packet.data, packet.size}, 2) - gathered.first_seq);
+    if (ahead == 0 && track.rtp->received == 0) gathered.torn = false;
+    if (ahead != 0 && (track.protocol == protocol_t::rtp_tcp || std::abs(ahead) > most_missing)) track.rtp->seq = 0;
 }
 
 void receiver::begin(uint64_t now) noexcept {
     play_time_ = now;
-    paused_ = false;
+    if (std::exchange(paused_, false)) go_on();
     first_frame_ = 0;
     for (track_t* each : talk_.tracks()) {
         if (each->rtp) each->gathered->before_play = each->rtp->received;
+    }
+}
+
+// All tracks go on where the furthest one was, whatever their RTP times do.
+void receiver::go_on() noexcept {
+    int64_t reached = 0;
+    for (const track_t* each : talk_.tracks())
+        reached = std::max(reached, ticks_to_us(each->gathered->ticks, each->rate));
+    for (track_t* each : talk_.tracks()) {
+        each->gathered->ticks = std::max(each->gathered->ticks, us_to_ticks(reached, each->rate));
+        each->gathered->started = each->gathered->timed = false;
     }
 }
 
@@ -243,10 +278,12 @@ void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> 
 void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
     gathered_t& gathered = *track.gathered;
     if (!first_frame_) first_frame_ = core_timer();
+    const uint64_t since = core_timer() - first_frame_;
+    if (gathered.timed && !is_near(track, since)) gathered.started = false;
+    gathered.timed = false;
     if (!gathered.started) {
         gathered.started = true;
         // A track that comes later, as pictures do that wait for a key, would be out of step with the others.
-        const uint64_t since = core_timer() - first_frame_;
         if (since > together) gathered.ticks += static_cast<int64_t>(since) * track.rate / us_per_second;
         gathered.last_rtp_time = track.rtp->rtp_time;
         track.rtp->time = play_time_;
@@ -256,6 +293,7 @@ void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexce
     gathered.ticks += static_cast<int32_t>(track.rtp->rtp_time - gathered.last_rtp_time);
     gathered.last_rtp_time = gathered.rtp_time = track.rtp->rtp_time;
     gathered.time = track.rtp->time;
+    if (track.fcc == av::fcc_h264) return;
     gathered.broken = gathered.broken || (gathered.torn && !stands_alone(track, data));
     gathered.torn = false;
 }
@@ -294,6 +332,7 @@ void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
         const bool due = (type == idr_slice || gathered.sets_changed) && !gathered.picture;
         if (due || settings_.parameter_sets == parameter_sets_t::slices)
             add(track, {track.parameter_sets.data, track.parameter_sets.length});
+        if (!gathered.picture) note_front(gathered, nal);
         gathered.sets_changed = false;
         gathered.picture = true;
         gathered.key = gathered.key || type == idr_slice;
@@ -361,8 +400,13 @@ void receiver::deliver(track_t& track) noexcept {
 void receiver::flush() noexcept {
     if (talk_.at_work || talk_.ended) return;
     const conversation::call running(talk_);
-    for (track_t* each : talk_.tracks())
+    for (track_t* each : talk_.tracks()) {
+        gathered_t& gathered = *each->gathered;
+        const bool half = is_picture(*each) && gathered.picture && !gathered.marked;
+        gathered.broken = gathered.broken || half;
         deliver(*each);
+        gathered.broken = half;
+    }
 }
 
 // A report that is due; over TCP it is left out when those before it are not read.

@@ -40,6 +40,7 @@ public:
 private:
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
 
+    void go_on() noexcept;
     void unpack(unsigned channel, buffer_t packet) noexcept;
     void take_report(track_t* track, buffer_t packet) noexcept;
     void take_data(rtp::trak_t* from) noexcept;

@@ -32,7 +32,7 @@ int streaming::send(rtp::Packets& packets) noexcept {
         if (packets.time() >= trak_->rtp->next_rtcp) make_room();  // for the report
     }
     talk_.rtp.pack(packets);
-    if (lends_ && !spilled_ && packed_ != 0) lent_ = whole;
+    if (spilled_) lent_ = {};
     const int sent = finish();
     return keep_lent(whole.size) ? sent : 0;
 }
@@ -98,8 +98,9 @@ void streaming::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept
 
 // Behind what waits there has to be a copy.
 void streaming::add_cut() noexcept {
-    if (lends_ || spilled_) return;
     const buffer_t whole = talk_.rtp.cut->interleaved();
+    if (lends_) lent_ = whole;
+    if (lends_ || spilled_) return;
     spilled_ = core_buf_read(&out_.bytes(), whole.data, whole.size) != whole.size;
     if (has_room_) make_room();
 }

@@ -109,6 +109,10 @@ bool take_granted(trak_t& trak, const char* value, const char* file, int line) n
     if (read->server_port && read->server_port <= max_port) trak.server_port = static_cast<uint16_t>(read->server_port);
     trak.source.reset(std::exchange(read->source, nullptr));
     if (read->destination) trak.destination.reset(std::exchange(read->destination, nullptr));
+    // Some name the port of a group as if it were ours.
+    const bool named = read->server_port == 0 && read->client_port != 0 && read->client_port <= max_port;
+    if (trak.protocol == protocol_t::rtp_multicast && named)
+        trak.server_port = static_cast<uint16_t>(read->client_port);
     if (trak.protocol == protocol_t::rtp_multicast) return trak.destination && trak.server_port;
     return !read->tcp;
 }

@@ -150,6 +150,8 @@ void group::begin(uint64_t now) noexcept {
     if (!following_) return;
     live_ = false;
     pictures_.begin();
+    last_.fill(0);
+    expected_.fill(0);
     for (size_t i = 0; i < track_count_; ++i)
         rtp_->traks[i]->next_rtcp = 0;
     if (!approach_.begin(stream_, service_.settings().at_key, now)) rest();
@@ -203,15 +205,15 @@ void group::send(const entry_t& entry) noexcept {
     };
     if (!pictures_.pass(entry, pass_on)) ++thread_.count().dropped;
     thread_.count().bytes += sent_;
-    // The next frame is expected where this one and the last one of its kind lead.
+    // The next frame is expected where this one and the last one of its kind lead. A kind that rests leads to the past.
     const auto kind = static_cast<size_t>(entry.kind);
-    if (last_[kind]) expected_[kind] = 2 * entry.frame.time - last_[kind];
+    if (last_[kind]) expected_[kind] = 2 * entry.frame.time - last_[kind] + entry.frame.shown_after;
     last_[kind] = entry.frame.time;
     uint64_t next = 0;
     for (const uint64_t each : expected_) {
         if (each && (!next || each < next)) next = each;
     }
-    publish(next);
+    publish(std::max(next, entry.frame.time));
 }
 
 void group::publish(uint64_t next_time) noexcept {

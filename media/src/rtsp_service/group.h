@@ -37,7 +37,7 @@ public:
     uint16_t port(size_t track) const noexcept { return static_cast<uint16_t>(port_ + 2 * track); }
     /// Sequence number of the next packet.
     uint16_t next_seq(size_t track) const noexcept { return next_seq_[track]; }
-    /// Media time of the next frame; 0 while the streams rest.
+    /// Media time at which the next frame is shown; 0 while the streams rest.
     uint64_t next_time() const noexcept { return next_time_; }
     /// Changes when a host reported that it receives the streams, or rarely when another did.
     uint32_t reports_from(in_addr host) const noexcept { return reports_[place_of(host)]; }
@@ -95,7 +95,7 @@ private:
     bool live_ = false;
     uint64_t sent_ = 0;
     std::array<uint64_t, kind_count> last_{};      ///< media times of the last frames,
-    std::array<uint64_t, kind_count> expected_{};  ///< and of those to come
+    std::array<uint64_t, kind_count> expected_{};  ///< and when those to come are shown
     std::atomic<uint32_t> players_ = 0;
     std::atomic<uint64_t> next_time_ = 0;
     std::array<std::atomic<uint16_t>, kind_count> next_seq_{};

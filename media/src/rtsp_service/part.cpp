@@ -152,7 +152,7 @@ live* part_t::live_of(stream& which) noexcept {
     }
 }
 
-// It stays until the next player comes or goes, as it may be passing on a frame now.
+// It stays until second(), as it may be passing on a frame now.
 void part_t::leave(live*& of) noexcept {
     if (!of) return;
     --std::exchange(of, nullptr)->users;

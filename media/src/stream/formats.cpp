@@ -110,10 +110,12 @@ format_t complete(const format_t& told, const format_t& known, core::vector<uint
     return format;
 }
 
-// A picture has changed places with those before it that are shown later.
+// A picture has changed places with those before it that are shown later. None does so with as many as are remembered:
+// its clock was set back.
 int64_t decoding_clock::take(int64_t shown, uint32_t reordered) noexcept {
     const auto recent = std::span(last_shown_).first(std::min(seen_, most));
-    if (seen_ && std::abs(shown - std::ranges::max(recent)) > longest_jump) gap();
+    const bool jumps = seen_ && std::abs(shown - std::ranges::max(recent)) > longest_jump;
+    if (jumps || (seen_ >= most && shown < std::ranges::min(recent))) gap();
     const bool first = seen_ == 0;
     if (!first) {
         const auto later = std::ranges::count_if(recent, [&](int64_t each) { return each > shown; });

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <string_view>
 
@@ -47,6 +48,20 @@ bool address_t::set(const char* url, const char* user, const char* password) noe
     const core::owned_text secret(uri_encode(password ? password : "", CORE_HERE));
     if (!name || !secret) return false;
     uri.reset(core_sprintf(CORE_HERE, "%s%s:%s@%s", scheme.data(), name.get(), secret.get(), server.data()));
+    return uri != nullptr;
+}
+
+bool address_t::move(const address_t& from, const char* url) noexcept {
+    core::owned_text old(core_strdup(from.uri.get(), CORE_HERE));  // it may be this one
+    char old_host[sizeof host];
+    std::snprintf(old_host, sizeof old_host, "%s", from.host);
+    if (!old || !set(url, nullptr, nullptr)) return false;
+    const std::string_view place = std::string_view(old.get()).substr(scheme.size());
+    const size_t login_end = place.substr(0, place.find_first_of("/?")).rfind('@');
+    const bool has_own = std::string_view(uri.get()).substr(scheme.size()).substr(0, std::strlen(host)) != host;
+    if (login_end == std::string_view::npos || has_own || core_strcasecmp(host, old_host) != 0) return true;
+    uri.reset(core_sprintf(CORE_HERE, "%s%.*s@%s", scheme.data(), static_cast<int>(login_end), place.data(),
+                           url + scheme.size()));
     return uri != nullptr;
 }
 

@@ -16,6 +16,8 @@ struct address_t {
     /// @param user, password  instead of those in the URL; null for them
     /// @return false for what cannot be fetched, or when memory is out
     bool set(const char* url, const char* user, const char* password) noexcept;
+    /// Where a source at `from` says that it is instead. User and password go along to the same host alone.
+    bool move(const address_t& from, const char* url) noexcept;
 };
 
 /// The look-up runs on a thread of its own. When nobody is interested any more that thread is left behind, and ends

@@ -70,6 +70,8 @@ public:
     virtual const ending_t& result() const noexcept = 0;
     /// The source does not send the way that was ordered.
     virtual bool wants_tcp() const noexcept = 0;
+    /// Where the source says that it is instead; null for none.
+    virtual const char* moved_to() const noexcept = 0;
     /// Of the tracks that were set up. @return how many there are
     virtual size_t counts(std::span<track_counts_t> out) const noexcept = 0;
 };

@@ -4,6 +4,7 @@
 
 #include "watcher/address.h"
 
+#include "core/text.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 
@@ -284,8 +285,18 @@ void rtsp_attempt::take_error() noexcept {
     if (stage_ == stage_t::leaving) return end(result_);
     if (stage_ == stage_t::playing && status != 454) return;  // a keep-alive; the stream goes on
     const bool is_setup = std::string_view(method) == "SETUP";
-    if (is_setup && status == unsupported_transport && wanted_.transport == transport_t::udp) {
+    if (rtsp_->moved_to()) {
+        moved_to_.reset(core_strdup(rtsp_->moved_to(), CORE_HERE));
+        return end(refusal(method, status, wanted_.transport));
+    }
+    // Some refuse it, others answer with another transport.
+    if (is_setup && (status == unsupported_transport || !status) && wanted_.transport == transport_t::udp) {
         return fall_back("the server does not send over UDP");
+    }
+    // Some serve the others without knowing this one.
+    if (std::string_view(method) == "OPTIONS" && status && status != 401 && status != 403) {
+        rtsp_->process_describe(nullptr);
+        return;
     }
     const ending_t failure = status ? refusal(method, status, wanted_.transport)
                                     : ending_t{outcome_t::protocol_error, "%s: %s", method, rtsp_->failure()};

@@ -35,6 +35,7 @@ public:
     bool has_ended() const noexcept override { return stage_ == stage_t::ended; }
     const ending_t& result() const noexcept override { return result_; }
     bool wants_tcp() const noexcept override { return wants_tcp_; }
+    const char* moved_to() const noexcept override { return moved_to_.get(); }
     size_t counts(std::span<track_counts_t> out) const noexcept override;
 
 private:
@@ -103,6 +104,7 @@ private:
     ending_t result_;
     ending_t refused_track_;  ///< of the first track that cannot be set up
     bool wants_tcp_ = false;
+    core::owned_text moved_to_;
     uint64_t deadline_ = 0;   ///< of the stage, by core_timer()
     uint64_t play_time_ = 0;  ///< wall clock of PLAY
     uint64_t played_ = 0;     ///< the same by core_timer()
