@@ -123,6 +123,8 @@ TEST(Recorder, SoundAndPictureOfAFilmHaveOneTimeBaseOverLossAndPauses) {
         {av::fcc_pcma, 8000, 2, "", "-f alaw", 0, 160},
         {av::fcc_mp4a, 16000, 1, "\x14\x08"s, "-c:a aac -f adts", 7, 1024},
         {av::fcc_mp4a, 44100, 2, "\x12\x10"s, "-c:a aac -f adts", 7, 1024},
+        {av::fcc_mp4a, 48000, 6, "\x11\xb0"s, "-c:a aac -f adts", 7, 1024},
+        {av::fcc_mp4a, 48000, 8, "\x11\xb8"s, "-c:a aac -f adts", 7, 1024},
     };
     const test::scratch dir;
     for (const sound_t& sound : sounds) {

@@ -20,8 +20,9 @@
 ///
 /// The files of a recorder have one time base. Sound starts where the picture starts. Lost frames, a pause of the
 /// source, and the time between two connections keep their length: the last picture stays, and the sound is silent. In
-/// MP4, silence beyond ten minutes is written as a step of the times. Pictures come in decoding order. Their display
-/// order follows from their times.
+/// MP4, silence beyond ten minutes is written as a step of the times, as is that of AAC whose channels its
+/// configuration describes by a list (configuration 0). Pictures come in decoding order. Their display order follows
+/// from their times.
 ///
 /// Bounds:
 ///     pictures held     two seconds, and 4 MiB and one picture

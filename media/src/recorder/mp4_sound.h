@@ -46,8 +46,9 @@ private:
 
     av::mp4_track_t track_;
     core::vector<uint8_t> config_;
-    uint32_t unit_ = 0;  ///< ticks of an AAC frame; 0 for PCM
-    uint32_t law_ = 0;   ///< format of G.711
+    uint32_t unit_ = 0;             ///< ticks of an AAC frame; 0 for PCM
+    core::vector<uint8_t> silent_;  ///< an AAC frame; none where its form is not known
+    uint32_t law_ = 0;              ///< format of G.711
     sound_line line_;
     uint64_t start_ = 0;  ///< ticks of the first held sample
     core::vector<uint8_t> bytes_;
