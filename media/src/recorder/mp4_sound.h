@@ -17,6 +17,10 @@ public:
 
     static bool takes(uint32_t fcc) noexcept;
     void take(const placed_t& placed);
+    /// Microseconds from the start to the end of what came.
+    int64_t end() const noexcept {
+        return static_cast<int64_t>((line_.end() * 1'000'000 + track_.scale - 1) / track_.scale);
+    }
     /// Ends the sound there: leaves out what lies behind, adds the silence that is missing.
     void end_at(int64_t at);
     /// Silence up to there, when the sound is that far behind.
