@@ -36,8 +36,6 @@ public:
     ///   - a datagram that the system refuses, for example because its host is unreachable; the others are sent,
     ///   - datagrams to a host of the same network that has vanished, once they fill the socket's buffer. One a second
     ///     is still sent to it until it answers again.
-    /// When a gateway vanishes, what goes through it fills the buffer while Linux asks for it, three seconds at a time.
-    /// The others wait as long.
     void send(const datagram_t* datagrams, uint32_t count) noexcept;
 
     /// Prepares datagrams that are sent to several addresses, one after the other. The datagrams and their array are
