@@ -35,7 +35,10 @@ bool make_room(void**& array, size_t length, const char* file, int line) noexcep
 }  // namespace
 
 void** core_array_add(void** array, void* item, const char* file, int line) noexcept {
-    const uint32_t length = core_array_length(array);
+    return core_array_add_at(array, core_array_length(array), item, file, line);
+}
+
+void** core_array_add_at(void** array, uint32_t length, void* item, const char* file, int line) noexcept {
     if (!item || !make_room(array, length, file, line)) return array;
     array[length] = item;
     array[length + 1] = nullptr;

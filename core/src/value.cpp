@@ -64,10 +64,9 @@ size_t count_pieces(std::string_view text, std::string_view separator) noexcept 
     return pieces;
 }
 
-value_t** append(value_t** list, value_t* pair, const char* file, int line) noexcept {
+value_t** append(value_t** list, uint32_t count, value_t* pair, const char* file, int line) noexcept {
     if (!pair) return list;
-    const uint32_t count = value_count(list);
-    list = reinterpret_cast<value_t**>(core_array_add(reinterpret_cast<void**>(list), pair, file, line));
+    list = reinterpret_cast<value_t**>(core_array_add_at(reinterpret_cast<void**>(list), count, pair, file, line));
     if (!list || list[count] != pair) core_mfree(pair);
     return list;
 }
@@ -101,7 +100,12 @@ Number find_number(value_t* const* list, const char* key, compare_t compare) noe
 }  // namespace
 
 value_t** core_value_put(value_t** list, const char* key, const char* value, const char* file, int line) noexcept {
-    return key ? append(list, make_pair(key, value, file, line), file, line) : list;
+    return core_value_put_at(list, value_count(list), key, value, file, line);
+}
+
+value_t** core_value_put_at(value_t** list, uint32_t count, const char* key, const char* value, const char* file,
+                            int line) noexcept {
+    return key ? append(list, count, make_pair(key, value, file, line), file, line) : list;
 }
 
 value_t** core_value_set(value_t** list, const char* key, const char* value, const char* file, int line) noexcept {

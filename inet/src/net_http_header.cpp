@@ -98,7 +98,7 @@ private:
         if (!colon || count_ == http_max_fields) return true;
         *colon = '\0';
         const char* value = colon + 1 + std::strspn(colon + 1, " ");
-        header_.fields = core_value_put(header_.fields, line, value, file_, line_);
+        header_.fields = core_value_put_at(header_.fields, count_, line, value, file_, line_);
         return header_.fields && header_.fields[count_++];
     }
 

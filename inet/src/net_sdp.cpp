@@ -42,7 +42,7 @@ Record* append(Record**& list, uint32_t count, core::place where) noexcept {
     core::owned_object<Record> record(core::create<Record>(where.file, where.line));
     if (!record) return nullptr;
     auto** array = reinterpret_cast<void**>(list);
-    list = reinterpret_cast<Record**>(core_array_add(array, record.get(), where.file, where.line));
+    list = reinterpret_cast<Record**>(core_array_add_at(array, count, record.get(), where.file, where.line));
     return list && list[count] ? record.release() : nullptr;
 }
 

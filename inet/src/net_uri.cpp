@@ -221,7 +221,7 @@ uri_arg_s** uri_parse_args(const char* query, const char* file, int line) noexce
         rest = scan::skip(rest, " &");
         if (text.size() > uri_max_arg) continue;
         uri_arg_s* arg = make_arg(text, file, line);
-        args = core_array_add(args, arg, file, line);
+        args = core_array_add_at(args, count, arg, file, line);
         if (arg && args && args[count] == arg) {
             ++count;
             continue;

@@ -241,29 +241,26 @@ bool station::inside::listen(failure_t* error) noexcept {
     return std::ranges::all_of(ports, [&](const auto& each) { return listen_on(*each, error); });
 }
 
-/// Why nothing can listen there: asked of a socket that only tries.
-const char* obstacle(const char* bind, uint16_t port) noexcept {
-    sockaddr_in address{};
-    if (net_addr_setup(address, bind, port) != 0) return "no such address";
-    const int fd = net_socket_create(AF_INET, SOCK_STREAM, IPPROTO_TCP, CORE_HERE);
-    const bool bound = net_socket_bind(fd, bind, port) == 0;
-    const int code = bound || fd < 0 ? 0 : socket_get_error_code();
-    if (fd >= 0) net_socket_close(fd);
-    switch (code) {
+/// Why nothing can listen there.
+const char* obstacle(int error) noexcept {
+    switch (error) {
         case socket_error_address_not_available:
             return "this host does not have that address";
         case socket_error_access:
             return "permission denied";
+        case socket_error_too_many_open:
+            return "too many open files";
         default:
             return "another program has that port";
     }
 }
 
-bool station::inside::listen_on(port_services& port, failure_t* error) noexcept {
+bool station::inside::listen_on(port_services& port, failure_t* told) noexcept {
     const uint16_t wanted = port.port;
     net::nt_ctx* const nt = threads.front()->nt;
     port.owner = this;
-    bool listening = net::net_tcp_create(port.listener, nt, CORE_HERE) == 0;
+    const int error = net_tcp_try_listen(bind.get(), wanted);  // listening itself would log what the caller is told
+    bool listening = error == 0 && net::net_tcp_create(port.listener, nt, CORE_HERE) == 0;
     if (listening && wanted == 0) {
         // The system's choice has to be known to listen on it.
         listening = net_socket_bind(port.listener->fd, bind.get(), 0) == 0;
@@ -272,7 +269,7 @@ bool station::inside::listen_on(port_services& port, failure_t* error) noexcept 
     listening = listening && net::net_tcp_listen2(port.listener, bind.get(), port.port, &port, on_accept) == 0;
     // A taken port shows only here: the system then listens on another.
     if (!listening || net_socket_get_near_port(port.listener->fd) != port.port) {
-        tell(error, "cannot listen on %s:%u: %s", bind.get(), unsigned{wanted}, obstacle(bind.get(), wanted));
+        tell(told, "cannot listen on %s:%u: %s", bind.get(), unsigned{wanted}, obstacle(error));
         return false;
     }
     for (service* each : port.services)

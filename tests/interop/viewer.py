@@ -64,7 +64,7 @@ class ViewerCase(unittest.TestCase):
         self.assertGreaterEqual(len(documents), 10)  # sound and pictures end it
         return sound, documents
 
-    def check_step(self, name, least):
+    def check_step(self, name, least, slack=0.04):
         """Picture and sound of a film begin together and end together, after so many seconds at least."""
         packets = run("ffprobe", "-v", "error", "-show_entries", "packet=codec_type,pts_time,duration_time", "-of",
                       "csv=p=0", self.path(name)).decode().split()
@@ -72,7 +72,7 @@ class ViewerCase(unittest.TestCase):
                  for kind in ("video", "audio")}
         starts, ends = zip(*((min(each)[0], sum(max(each))) for each in times.values()))
         self.assertEqual(starts[0], starts[1])
-        self.assertLess(abs(ends[0] - ends[1]), 0.04)
+        self.assertLess(abs(ends[0] - ends[1]), slack)
         self.assertGreaterEqual(ends[0] - starts[0], least - 0.001)
 
     def check_pictures(self, name, least):

@@ -10,6 +10,9 @@
 /// Appends an item. @return the array; unchanged when `item` is null or memory is out.
 INET_API void** core_array_add(void** array, void* item, const char* file, int line) noexcept;
 
+/// The same for a caller that knows the length of the array: it is not counted.
+INET_API void** core_array_add_at(void** array, uint32_t length, void* item, const char* file, int line) noexcept;
+
 /// Removes the first entry equal to `item`, keeping the order of the others. @return the array; null when it became
 /// empty.
 INET_API void** core_array_rem(void** array, void* item, const char* file, int line) noexcept;

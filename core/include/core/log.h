@@ -46,9 +46,11 @@ INET_PRINTF(2, 3) INET_API void core_con_printf(int color, const char* format, .
 
 /// Adds a sink: `write(arg, line)` is called for every line of the logs it wants, on the printing thread, one line at a
 /// time for each sink. No sink is set at the start. At most 32 can be set at once. Inside `write`:
-///   - It may print to logs. Those lines are handed out after it has returned, and not to this sink.
-///   - It may remove itself and other sinks. Two sinks may not remove each other at the same time.
-/// @param logs  names of logs separated by ',', or "*" for all
+///   - It may print to logs. Those lines are handed out after it has returned, on the same thread, and not to a sink
+///     whose line caused them: no line causes itself.
+///   - It may remove itself and other sinks. It then waits for a `write` of the other sink that runs on another thread:
+///     two sinks that remove each other at the same time wait for ever.
+/// @param logs  names of logs separated by ',' without blanks, or "*" for all, also those that are created later
 /// @return a number for core_log_sink_rem(), 0 when memory is out or no place is left
 INET_API uint32_t core_log_sink_add(const char* logs, void (*write)(void* arg, const log_line_t* line),
                                     void* arg) noexcept;

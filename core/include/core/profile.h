@@ -41,8 +41,8 @@ INET_API void profile_close(profile_ctx*& profile) noexcept;
 INET_API uint32_t core_profile_put(profile_ctx* profile, const param_t* params) noexcept;
 
 /// Copy of the text and integer entries of the list last put under the handle's name (profile_data: under `name`). It
-/// is one block for core_mfree(). @return null when nothing was put since the name has had an open handle, or when
-/// memory is out.
+/// is one block for core_mfree(). When the last handle of a name is closed, its last data is forgotten. @return null
+/// when nothing was put since the name's first open handle was opened, for a name without one, or when memory is out.
 INET_API param_t* core_profile_data(profile_ctx* profile, const char* file, int line) noexcept;
 INET_API param_t* profile_data(const char* name, const char* file, int line) noexcept;
 

@@ -16,6 +16,10 @@ struct value_t {
 INET_API value_t** core_value_put(value_t** list, const char* key, const char* value, const char* file,
                                   int line) noexcept;
 
+/// The same for a caller that knows how many pairs the list holds: they are not counted.
+INET_API value_t** core_value_put_at(value_t** list, uint32_t count, const char* key, const char* value,
+                                     const char* file, int line) noexcept;
+
 /// Replaces the value of the first pair with exactly that key, or appends one. @return as core_value_put().
 INET_API value_t** core_value_set(value_t** list, const char* key, const char* value, const char* file,
                                   int line) noexcept;

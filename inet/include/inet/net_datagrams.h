@@ -34,8 +34,8 @@ public:
     bool has_room(uint32_t datagrams) const noexcept;
     /// Sends datagrams in their order. The bytes and addresses are valid until the call returns. Lost are:
     ///   - a datagram that the system refuses, for example because its host is unreachable; the others are sent,
-    ///   - datagrams to a host that has vanished from the network, once they fill the socket's buffer. One a second is
-    ///     still sent to it until it answers again.
+    ///   - datagrams to a host of the same network that has vanished, once they fill the socket's buffer. One a second
+    ///     is still sent to it until it answers again.
     void send(const datagram_t* datagrams, uint32_t count) noexcept;
 
     /// Prepares datagrams that are sent to several addresses, one after the other. The datagrams and their array are

@@ -35,7 +35,8 @@ enum socket_flag_t : uint32_t {
     nt_flag_connecting = 4,  ///< a connect is under way: the next writability is reported as nt_event_connected
     nt_flag_listening = 8,   ///< a listening socket: readability is reported as nt_event_accept
     nt_flag_removed = 16,    ///< removed; the loop releases the record
-    nt_flag_closed = 32,     ///< closed before it was removed (an error of its owner): no longer watched
+    nt_flag_closed = 32,     ///< closed before it was removed (an error of its owner), as is found within five seconds:
+                             ///< no longer watched
 };
 
 /// What reaches a socket's callback. One call may combine several. A failed or reset connection is reported as

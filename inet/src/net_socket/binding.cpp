@@ -1,4 +1,5 @@
 #include "net_socket/addresses.h"
+#include "net_socket/open_sockets.h"
 #include "report.h"
 
 #include <algorithm>
@@ -49,7 +50,7 @@ int net_socket_bind(int fd, const char* address, unsigned port) noexcept {
         const int told = platform::last_error();
         report("Unable to bind on address: %s:%u; Error was: %s (%d)", address, port,
                platform::system_error_text(error), error);
-        platform::set_last_error(told);  // the console may have set another
+        platform::set_last_error(told);  // to look the text up may have set another
         return -1;
     }
     return multicast ? bind_multicast(fd, host) : 0;
@@ -84,4 +85,13 @@ int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept {
     if (platform::listen_socket(fd, tcp_backlog)) return 0;
     report("Unable to put the socket in listening mode: %s:%hu", address, port);
     return -1;
+}
+
+int net_tcp_try_listen(const char* address, unsigned short port) noexcept {
+    sockaddr_in own = {};
+    if (net_addr_setup(own, address, port) < 0) return socket_error_address_not_available;
+    const net::descriptor tried(platform::open_socket(net::family_ipv4, net::type_stream, net::protocol_tcp));
+    const int fd = tried.get();
+    const bool can = fd >= 0 && platform::set_listener(fd) && platform::bind_socket(fd, own);
+    return can ? 0 : platform::last_error();
 }

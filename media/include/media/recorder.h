@@ -18,10 +18,11 @@
 /// "-" is MP4 to the standard output; "-.h264", "-.wav" and "-.txt" are those formats to the standard output. A file is
 /// made at its first frame. Until then an earlier file of that name stays as it was.
 ///
-/// The files of a recorder have one time base. Sound starts where the picture starts. Lost frames, a pause of the
-/// source, and the time between two connections keep their length: the last picture stays, and the sound is silent. In
-/// MP4, silence beyond ten minutes is written as a step of the times. Pictures come in decoding order. Their display
-/// order follows from their times.
+/// The files of a recorder have one time base. Sound starts where the picture starts, and both end together: the last
+/// picture stays while there is sound. Lost frames, a pause of the source, and the time between two connections keep
+/// their length: the last picture stays, and the sound is silent. In MP4, silence beyond ten minutes is written as a
+/// step of the times, as is that of AAC whose channels its configuration describes by a list (configuration 0).
+/// Pictures come in decoding order. Their display order follows from their times.
 ///
 /// Bounds:
 ///     pictures held     two seconds, and 4 MiB and one picture

@@ -6,8 +6,12 @@
 ///     if (!live || !station.start()) ...
 ///     live->push(frame);  // any thread
 ///
-/// One thread at a time, such as the main thread, may call these functions. Those marked so may be called on any
-/// thread. Nothing here throws.
+/// Threads:
+///     add_stream(), remove_stream(), find(), streams(), run()    any thread
+///     bind(), thread_count(), thread_at(), least_loaded(),       any thread between the return of start() and the call
+///     totals()                                                   of stop()
+///     all else                                                   one thread, such as the main thread, and no callback
+/// Nothing here throws.
 #pragma once
 
 #include "media/api.h"
@@ -37,9 +41,9 @@ public:
     stream* add_stream(const char* name, const limits_t& limits = {}, failure_t* error = nullptr) noexcept;
     /// Ends a stream, and tells its readers. It is valid until the last of them has released it.
     void remove_stream(stream* which) noexcept;
-    /// The stream of that name, held once more: release it with stream::drop(). Null when there is none. Any thread.
+    /// The stream of that name, held once more: release it with stream::drop(). Null when there is none.
     stream* find(const char* name) noexcept;
-    /// Calls `each` with every stream, in the order of their making. Any thread.
+    /// Calls `each` with every stream, in the order of their making.
     void streams(void (*each)(void* arg, stream& which), void* arg) noexcept;
 
     /// Takes a service over. Call it before start(). @return 1; 0 for null, or when memory is out: the service is then
@@ -68,7 +72,7 @@ public:
         uint64_t bytes;
         uint64_t dropped;
     };
-    /// Sum of the counters of all threads. Any thread.
+    /// Sum of the counters of all threads; 0 while it does not run.
     totals_t totals() const noexcept;
 
     struct inside;

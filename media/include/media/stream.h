@@ -137,8 +137,9 @@ public:
     int ready() const noexcept;
 
     /// Has `wanted` called with 1 when the first cursor opens, and with 0 when the last one has been closed for
-    /// `linger` microseconds. The calls come from the station's control thread. Null ends the calls: after that
-    /// on_demand() no call runs. Not from inside `wanted`.
+    /// `linger` microseconds. The calls come from the station's control thread, while it runs. station::stop() and
+    /// station::remove_stream() make the last one themselves, where 1 was told. Null ends the calls: after that
+    /// on_demand() no call runs. None of the three is called inside `wanted`.
     void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
 
     /// Media time of this moment, by the frames so far; 0 before the first.
@@ -198,8 +199,9 @@ public:
     read_t next(entry_t& entry) noexcept;
     /// As next(), after waiting at most `milliseconds` for it. For threads without a loop.
     read_t wait(entry_t& entry, uint32_t milliseconds) noexcept;
-    /// Skips the held frames. The next picture is the last key picture, where the cursor has not read it yet, or else
-    /// the next key picture to come.
+    /// Skips frames that it has not read: those before the last key picture when that is among them, or else all. The
+    /// next picture is that key picture, or else the next one to come. Sound and metadata go on from the same place.
+    /// next() does not tell of it.
     void skip() noexcept;
 
     /// Number of the entry at which next() begins. Cursors with the same number read the same.

@@ -114,7 +114,7 @@ public:
         bool insist = false;           ///< reconnect also after outcome_t::failed, and after refused and not_found
                                        ///< with the longest pause
         uint64_t duration = 0;         ///< microseconds of media, from the first picture on, after which it ends; 0 is
-                                       ///< without end
+                                       ///< without end. Pictures that build on one shown later are left out with it
         uint32_t kinds = all_kinds;    ///< kinds of tracks that are fetched
         bool sets_in_slices = false;   ///< H.264 parameter sets stand before every slice, not before key pictures alone
         net::nt_ctx* nt = nullptr;     ///< valid until the watcher ends; null for a thread of its own

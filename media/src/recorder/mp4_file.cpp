@@ -23,6 +23,8 @@ constexpr uint64_t largest_fragment = 4 << 20;
 constexpr int64_t usual_step = 40'000;
 constexpr int64_t shortest_step = 1'000;
 constexpr int64_t unknown = -1;
+/// How long the last picture stays at most while sound goes on.
+constexpr int64_t longest_still = 3'600'000'000;
 /// How far sound may be behind the picture before silence is written for it.
 constexpr int64_t longest_wait = 2'000'000;
 
@@ -61,7 +63,7 @@ private:
     bool write_sound();
     bool write_all(bool last);
     bool write(const av::mp4_run_t* runs, size_t count);
-    void order(int64_t end);
+    void order(int64_t end, int64_t sound_end);
     void find_delay() noexcept;
     void drop_pictures() noexcept;
 
@@ -165,8 +167,8 @@ void mp4_file::find_delay() noexcept {
         delay_ = std::max(delay_, ordered_[i] - shown_[i]);
 }
 
-/// Decoding times and samples of the held pictures. @param end  of the last one
-void mp4_file::order(int64_t end) {
+/// Decoding times and samples of the held pictures. @param end  of the last one @param sound_end  which it outlasts
+void mp4_file::order(int64_t end, int64_t sound_end) {
     shown_.clear();
     for (const picture_t& each : held_)
         shown_.push_back(ticks(each.at));
@@ -174,7 +176,8 @@ void mp4_file::order(int64_t end) {
     std::ranges::sort(ordered_);
     const size_t count = ordered_.size();
     if (count > 1) step_ = std::clamp(ordered_[count - 1] - ordered_[count - 2], ticks(shortest_step), ticks(second));
-    const int64_t last = end == unknown ? ordered_.back() + step_ : ticks(end);
+    const int64_t still = ticks(std::min(sound_end, microseconds(ordered_.back()) + longest_still));
+    const int64_t last = std::max(end == unknown ? ordered_.back() + step_ : ticks(end), still);
     end_ = microseconds(last);
     if (!delay_known_) find_delay();
     for (int64_t& each : ordered_)
@@ -190,9 +193,9 @@ void mp4_file::order(int64_t end) {
     }
 }
 
-/// The held pictures and the sound beside them. @param last  nothing follows: the sound ends with the picture
+/// The held pictures and the sound beside them. @param last  nothing follows: sound and picture end together
 bool mp4_file::write_pictures(int64_t end, bool last) {
-    order(end);
+    order(end, last && sound_.is_open() ? sound_.end() : 0);
     if (sound_.is_open() && last) sound_.end_at(end_);
     av::mp4_run_t runs[2];
     runs[0] = {.track = 1, .annex_b = true, .start = static_cast<uint64_t>(ordered_.front()), .samples = samples_};

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <span>
+#include <string_view>
 
 namespace media::record {
 
@@ -19,10 +20,33 @@ constexpr uint32_t most_channels = 8;
 constexpr auto mulaw_samples = g711_table(mulaw_decode);
 constexpr auto alaw_samples = g711_table(alaw_decode);
 
-/// AAC frames without a sound (ISO/IEC 14496-3, 4.4.2): one element of one or two channels whose bands are none, then
-/// the end.
-constexpr uint8_t silent_mono[] = {0x00, 0x00, 0x00, 0x07};
-constexpr uint8_t silent_stereo[] = {0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0e};
+/// Elements of an AAC frame by channel configuration (ISO/IEC 14496-3, 1.6.3.5): single channels, pairs, one for low
+/// frequencies. Configuration 0 tells elsewhere.
+constexpr std::string_view elements_of[] = {"", "s", "p", "sp", "sps", "spp", "sppl", "spppl"};
+
+/// An AAC frame without a sound (ISO/IEC 14496-3, 4.4.2): elements whose bands are none, then the end.
+core::vector<uint8_t> silent_frame(std::string_view elements) {
+    core::vector<uint8_t> made;
+    uint32_t size = 0;
+    const auto put = [&](uint32_t value, uint32_t count) {
+        for (; count > 0; --count, ++size) {
+            if (size % 8 == 0) made.push_back(0);
+            made.back() = static_cast<uint8_t>(made.back() | (value >> (count - 1) & 1) << (7 - size % 8));
+        }
+    };
+    constexpr std::string_view kinds = "sp l";
+    constexpr uint32_t channel = 22;  // bits
+    constexpr uint32_t end = 7;
+    uint32_t numbers[kinds.size()] = {};
+    for (const char each : elements) {
+        const size_t kind = kinds.find(each);
+        put(static_cast<uint32_t>(kind), 3);
+        put(numbers[kind]++, 4);
+        put(0, each == 'p' ? 1 + 2 * channel : channel);
+    }
+    put(end, 3);
+    return made;
+}
 
 class bits {
 public:
@@ -87,6 +111,7 @@ bool mp4_sound::read_aac(const format_t& format) {
     const uint32_t samples = config.take(1) ? 960 : 1024;
     const uint32_t clock = format.rate ? format.rate : rate;
     config_.assign(format.config.data, format.config.data + format.config.size);
+    if (channels > 0 && channels < std::size(elements_of)) silent_ = silent_frame(elements_of[channels]);
     unit_ = static_cast<uint32_t>(uint64_t{samples} * clock / rate);
     track_ = {.fcc = av::fcc_mp4a,
               .scale = clock,
@@ -129,17 +154,14 @@ void mp4_sound::add_decoded(const uint8_t* data, uint32_t size) {
 }
 
 void mp4_sound::add_silence(uint64_t duration) {
-    constexpr uint32_t stereo = 2;
-    const bool unknown = unit_ && track_.channels > stereo;
+    const bool unknown = unit_ && silent_.empty();
     if (unknown || duration > longest_silence * track_.scale) {
         // A step: the last sample lasts so long.
         if (!held_.empty()) held_.back().duration += static_cast<uint32_t>(duration);
         line_.set_end(line_.end() + duration);
     } else if (unit_) {
-        const std::span<const uint8_t> silent =
-            track_.channels == stereo ? std::span<const uint8_t>(silent_stereo) : std::span<const uint8_t>(silent_mono);
         for (uint64_t left = (duration + unit_ / 2) / unit_; left > 0; --left)
-            add(silent.data(), static_cast<uint32_t>(silent.size()), unit_);
+            add(silent_.data(), static_cast<uint32_t>(silent_.size()), unit_);
     } else {
         while (duration > 0) {
             const auto part = static_cast<uint32_t>(std::min<uint64_t>(duration, track_.scale));

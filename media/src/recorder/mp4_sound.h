@@ -17,6 +17,10 @@ public:
 
     static bool takes(uint32_t fcc) noexcept;
     void take(const placed_t& placed);
+    /// Microseconds from the start to the end of what came.
+    int64_t end() const noexcept {
+        return static_cast<int64_t>((line_.end() * 1'000'000 + track_.scale - 1) / track_.scale);
+    }
     /// Ends the sound there: leaves out what lies behind, adds the silence that is missing.
     void end_at(int64_t at);
     /// Silence up to there, when the sound is that far behind.
@@ -46,8 +50,9 @@ private:
 
     av::mp4_track_t track_;
     core::vector<uint8_t> config_;
-    uint32_t unit_ = 0;  ///< ticks of an AAC frame; 0 for PCM
-    uint32_t law_ = 0;   ///< format of G.711
+    uint32_t unit_ = 0;             ///< ticks of an AAC frame; 0 for PCM
+    core::vector<uint8_t> silent_;  ///< an AAC frame; none where its form is not known
+    uint32_t law_ = 0;              ///< format of G.711
     sound_line line_;
     uint64_t start_ = 0;  ///< ticks of the first held sample
     core::vector<uint8_t> bytes_;
