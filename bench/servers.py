@@ -11,6 +11,7 @@ from peers import Camera, ffmpeg  # noqa: E402
 
 LOAD = os.path.join(ROOT, "build", "release", "bench", "rtsp_load")
 SEND_FLOOR = os.path.join(ROOT, "build", "release", "bench", "send_floor")
+PUSH_SERVER = os.path.join(ROOT, "build", "release", "bench", "push_server")
 GST_SERVER = os.path.join(ROOT, "build", "gst_server")
 FPS = 25
 

@@ -4,7 +4,7 @@
 // that is closed, or loses its tracks, from inside the event that the sum picks.
 #include "fuzz.h"
 
-#include "inet/rtsp_viewer.h"
+#include "inet/rtsp_client.h"
 
 namespace {
 
@@ -14,9 +14,9 @@ using rtsp3::protocol_t;
 constexpr uint32_t frame_limit = 64 * 1024;
 constexpr uint32_t most_waiting = (64 + 16) * 1024;
 
-class viewer final : public test::rtsp_viewer {
+class client final : public test::rtsp_client {
 public:
-    explicit viewer(uint8_t mode, size_t ends_at = 0)
+    explicit client(uint8_t mode, size_t ends_at = 0)
         : ends_at_(ends_at), tunnelled_(mode & 0x80), takes_datagrams_(mode & 0x20) {
         if (!session) return;
         reading = mode & 0x40;
@@ -64,7 +64,7 @@ public:
 
     void on_rtsp_event(rtsp3::Rtsp* rtsp, event_t::enum_t event) noexcept override {
         if (++count_ == ends_at_) return ends_at_ % 2 ? rtsp->close() : rtsp->clear_traks();
-        rtsp_viewer::on_rtsp_event(rtsp, event);
+        rtsp_client::on_rtsp_event(rtsp, event);
         require(event != event_t::rtsp_error || (*rtsp->method() && *rtsp->failure()));
         if (event == event_t::rtsp_error && errors_++ < 16) rtsp->process_setup(nullptr);
         if (event == event_t::rtsp_frame && frames.size() == 4) rtsp->process_pause(nullptr);
@@ -94,9 +94,9 @@ void fuzz_target(std::span<const uint8_t> input) {
     const uint8_t mode = input[0];
     const std::string dialog = fuzz::text_of(input.subspan(1));
     const fuzz::cuts_t cuts(input, 1 + (mode & 0x0fU) * (mode & 0x0fU) * 8);
-    viewer cut(mode);
+    client cut(mode);
     cut.watch(dialog, cuts.piece, cuts.first);
-    viewer other(mode, cuts.ends_at);
+    client other(mode, cuts.ends_at);
     other.watch(dialog, dialog.size(), dialog.size());
     require(cuts.in_one_piece || fuzz::starved || cut.story() == other.story());
 }

@@ -12,16 +12,16 @@
 //
 //   bytes, packets, lost   RTP of the video track: headers and payload; packets that never came
 //   pictures, missing      that came, at least in part; that never came, by the steps between timestamps
-//   fewest                 pictures of the viewer that got the fewest
-//   delay_*_ms             of a picture beyond the fastest one of the same viewer, against its RTP timestamp
+//   fewest                 pictures of the client that got the fewest
+//   delay_*_ms             of a picture beyond the fastest one of the same client, against its RTP timestamp
 //   first_*_ms             from PLAY to the first complete key picture
 //   rcvbuf_errors          datagrams that this machine dropped at full receivers
 //   load_cpu, server_cpu   seconds, user and system; the second with --pid, and of it what the system took as
 //   server_sys slow_closed            times that the server closed a slow connection, which is then opened again
 //   stall_dropped          stalled viewers that the server had closed at the end
 //
-// Exit status 0 when every viewer played to the end, 1 when not; bad arguments 2.
-#include "viewer.h"
+// Exit status 0 when every client played to the end, 1 when not; bad arguments 2.
+#include "client.h"
 
 #include <algorithm>
 #include <array>
@@ -85,7 +85,7 @@ public:
     void join() { thread_.join(); }
 
     /// After join().
-    const std::vector<std::unique_ptr<viewer>>& viewers() const { return viewers_; }
+    const std::vector<std::unique_ptr<client>>& clients() const { return clients_; }
     unsigned slow_closed() const { return slow_closed_; }
     unsigned stall_dropped() const { return stall_dropped_; }
 
@@ -106,16 +106,16 @@ private:
     }
 
     void open_more() {
-        while (viewers_.size() < wanted_.size() && setting_up_ < setting_up_limit) {
-            viewers_.push_back(make(wanted_[viewers_.size()]));
+        while (clients_.size() < wanted_.size() && setting_up_ < setting_up_limit) {
+            clients_.push_back(make(wanted_[clients_.size()]));
             ++setting_up_;
-            note_settled(*viewers_.back(), viewer::state_t::setting_up);
+            note_settled(*clients_.back(), client::state_t::setting_up);
         }
     }
 
-    std::unique_ptr<viewer> make(manner_t manner) {
+    std::unique_ptr<client> make(manner_t manner) {
         const target& server = manner == manner_t::watch ? server_ : stalled_server_;
-        return std::make_unique<viewer>(server, manner, epoll_.get());
+        return std::make_unique<client>(server, manner, epoll_.get());
     }
 
     void wait() {
@@ -123,23 +123,23 @@ private:
         const int count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), 20);
         const bool measuring = run_.phase == phase_t::measuring;
         for (size_t i = 0; i < static_cast<size_t>(std::max(count, 0)); ++i) {
-            viewer& one = *viewer::owner_of(events[i].data.ptr);
+            client& one = *client::owner_of(events[i].data.ptr);
             const auto before = one.state();
             one.on_event(events[i].data.ptr, events[i].events, scratch_, measuring);
             note_settled(one, before);
         }
     }
 
-    void note_settled(const viewer& one, viewer::state_t before) {
-        if (before != viewer::state_t::setting_up || one.state() == before) return;
+    void note_settled(const client& one, client::state_t before) {
+        if (before != client::state_t::setting_up || one.state() == before) return;
         --setting_up_;
         ++run_.settled;
     }
 
     void on_second() {
-        for (auto& each : viewers_) {
+        for (auto& each : clients_) {
             each->on_second();
-            if (each->manner() != manner_t::slow || each->state() != viewer::state_t::ended) continue;
+            if (each->manner() != manner_t::slow || each->state() != client::state_t::ended) continue;
             ++slow_closed_;
             each = make(manner_t::slow);
             // It was settled before and is not waited for again.
@@ -149,7 +149,7 @@ private:
     }
 
     void finish() {
-        for (auto& each : viewers_)
+        for (auto& each : clients_)
             stall_dropped_ += each->manner() == manner_t::stall && each->was_dropped(scratch_);
     }
 
@@ -161,7 +161,7 @@ private:
     descriptor epoll_;
     std::thread thread_;
     std::vector<manner_t> wanted_;
-    std::vector<std::unique_ptr<viewer>> viewers_;
+    std::vector<std::unique_ptr<client>> clients_;
     std::vector<uint8_t> scratch_ = std::vector<uint8_t>(256u << 10);
     size_t setting_up_ = 0;
     unsigned slow_closed_ = 0;
@@ -237,11 +237,11 @@ struct totals {
     std::vector<int64_t> firsts;
     std::map<std::string, unsigned> reasons;
 
-    void add(const viewer& one) {
-        if (one.state() == viewer::state_t::ended) ++reasons[one.reason()];
+    void add(const client& one) {
+        if (one.state() == client::state_t::ended) ++reasons[one.reason()];
         if (one.manner() == manner_t::stall) ++stalled;
         if (one.manner() != manner_t::watch) return;
-        playing += one.state() == viewer::state_t::playing;
+        playing += one.state() == client::state_t::playing;
         const video_stream& video = one.video();
         bytes_taken += video.bytes_taken;
         packets += video.packets;
@@ -312,7 +312,7 @@ int run(const options& wanted) {
         each->join();
         slow_closed += each->slow_closed();
         stall_dropped += each->stall_dropped();
-        for (const auto& one : each->viewers())
+        for (const auto& one : each->clients())
             all.add(*one);
     }
     print(wanted, all, from, to, slow_closed, stall_dropped);
@@ -364,7 +364,7 @@ bool parse(int argc, char** argv, options& wanted) {
     return true;
 }
 
-/// Up to the hard limit: a viewer takes as many as three.
+/// Up to the hard limit: a client takes as many as three.
 void raise_descriptor_limit() {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);

@@ -1,4 +1,4 @@
-// What a viewer receives, looked at as cheaply as the figures allow: the heads of packets and the times of pictures.
+// What a client receives, looked at as cheaply as the figures allow: the heads of packets and the times of pictures.
 #pragma once
 
 #include <array>

@@ -207,6 +207,10 @@ void net_nt_command_at(command_ctx* c, uint64_t us) noexcept {
     notify_loop(owner);
 }
 
+uint32_t net_nt_take_places(nt_ctx* nt, int32_t change) noexcept {
+    return nt ? nt->places += static_cast<uint32_t>(change) : 0;
+}
+
 int net_nt_need_invoke(nt_ctx* nt) noexcept { return nt && !core_thread_iscurrent(nt->thread) ? 1 : 0; }
 
 Thread::Thread() noexcept : queue(core_cmd_open(this, CORE_HERE)) {}

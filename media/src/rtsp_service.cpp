@@ -100,7 +100,6 @@ claim_t service_t::claims(buffer_t first) const noexcept {
 int service_t::open(media::station& of, failure_t* error) noexcept {
     station_ = &of;
     groups_.clear();  // of an earlier start
-    next_group_port_ = settings_.multicast_port;
     if (!settings_.multicast) return 1;
     sockaddr_in group{};
     if (net_addr_setup(group, settings_.multicast, settings_.multicast_port) != 0 ||
@@ -144,11 +143,15 @@ group* service_t::group_of(stream& of) noexcept {
     if (!settings_.multicast) return nullptr;
     const std::lock_guard held(groups_lock_);
     const auto found = std::ranges::find_if(groups_, [&](const auto& each) { return &each->of() == &of; });
-    if (found != groups_.end()) return found->get();
-    if (next_group_port_ + 2 * kind_count > most_ports) return nullptr;
+    if (found != groups_.end()) {
+        (*found)->keep();
+        return found->get();
+    }
+    const uint32_t port = free_group_port();
+    if (port + 2 * kind_count > most_ports) return nullptr;
     thread& first = station_->thread_at(0);
     core::owned_object<group> made(
-        core::create<group>(CORE_HERE, *this, first, of, settings_.multicast, static_cast<uint16_t>(next_group_port_)));
+        core::create<group>(CORE_HERE, *this, first, of, settings_.multicast, static_cast<uint16_t>(port)));
     if (!made || !made->complete()) return nullptr;
     const auto open = [](thread& on, void* arg) {
         if (on.nt()) static_cast<group*>(arg)->open();
@@ -163,8 +166,30 @@ group* service_t::group_of(stream& of) noexcept {
         groups_.pop_back();
         return nullptr;
     }
-    next_group_port_ += 2 * static_cast<uint32_t>(added->tracks());
+    added->keep();
     return added;
+}
+
+/// The first one from which on a group's ports are nobody's.
+uint32_t service_t::free_group_port() const noexcept {
+    uint32_t port = settings_.multicast_port;
+    const auto behind = [](const group& one) { return one.port(0) + 2 * static_cast<uint32_t>(one.tracks()); };
+    const auto in_the_way = [&](const auto& each) {
+        return each->port(0) < port + 2 * kind_count && port < behind(*each);
+    };
+    auto found = groups_.begin();
+    while ((found = std::ranges::find_if(groups_, in_the_way)) != groups_.end())
+        port = behind(**found);
+    return port;
+}
+
+core::owned_object<group> service_t::take_out(const group& which) noexcept {
+    const std::lock_guard held(groups_lock_);
+    const auto found = std::ranges::find_if(groups_, [&](const auto& each) { return each.get() == &which; });
+    if (found == groups_.end() || which.is_held()) return nullptr;
+    core::owned_object<group> out = std::move(*found);
+    groups_.erase(found);
+    return out;
 }
 
 }  // namespace rtsp

@@ -39,10 +39,12 @@ struct watcher::inside final : fetch::attempt_owner {
     ~inside() { stream::drop(into); }
 
     bool begin(failure_t* error) noexcept;
+    bool take_places(failure_t* error) noexcept;
     void close() noexcept;
 
     static void on_tick(void* arg, net::command_ctx* command) noexcept;
     static void on_close(void* arg, net::command_ctx* command) noexcept;
+    static void on_looked_up(void* arg, net::command_ctx* command) noexcept;
     uint64_t work(uint64_t now) noexcept;
     void start_attempt() noexcept;
     void end_attempt(uint64_t now) noexcept;
@@ -71,8 +73,10 @@ struct watcher::inside final : fetch::attempt_owner {
 
     net::Thread own;
     net::nt_ctx* nt = nullptr;  ///< null while it does not run
+    int32_t places = 0;         ///< taken on it
     net::command_ctx* tick = nullptr;
     net::command_ctx* closer = nullptr;
+    net::command_ctx* looked_up = nullptr;
     event_ctx* closed = nullptr;
     event_ctx* over = nullptr;  ///< for wait()
     std::atomic<bool> end_wanted = false;
@@ -148,6 +152,7 @@ int watcher::start(failure_t* error) noexcept {
 
 bool watcher::inside::begin(failure_t* error) noexcept {
     nt = settings.nt;
+    if (!take_places(error)) return false;
     if (!nt) {
         own.start();
         nt = own.nt;
@@ -165,7 +170,9 @@ bool watcher::inside::begin(failure_t* error) noexcept {
     }
     tick = nt ? net::net_nt_command_create(nt, this, on_tick) : nullptr;
     closer = nt ? net::net_nt_command_create(nt, this, on_close) : nullptr;
-    if (tick && closer) {
+    looked_up = nt ? net::net_nt_command_create(nt, this, on_looked_up) : nullptr;
+    if (tick && closer && looked_up) {
+        lookup.tell(looked_up);
         net::net_nt_command_exec(tick);
         return true;
     }
@@ -187,11 +194,26 @@ void watcher::inside::close() noexcept {
         on_close(this, nullptr);
         event_wait(closed, 0);
     }
+    lookup.tell(nullptr);
+    net::net_nt_command_destroy(looked_up);  // before the one that it orders
     net::net_nt_command_destroy(tick);
     net::net_nt_command_destroy(closer);
-    tick = closer = nullptr;
+    tick = closer = looked_up = nullptr;
     own.stop();
+    net::net_nt_take_places(settings.nt, -std::exchange(places, 0));
     nt = nullptr;
+}
+
+/// On a thread that is shared.
+bool watcher::inside::take_places(failure_t* error) noexcept {
+    const bool ports = settings.transport == transport_t::udp || settings.transport == transport_t::multicast;
+    places = settings.transport == transport_t::http ? 2 : 1;
+    if (ports) places += 2 * static_cast<int32_t>(into ? kind_count : rtsp3::max_traks);
+    if (net::net_nt_take_places(nt, places) <= net::nt_places) return true;
+    net::net_nt_take_places(nt, -std::exchange(places, 0));
+    nt = nullptr;
+    media::tell(error, "the network thread has no place left");
+    return false;
 }
 
 void watcher::inside::on_close(void* arg, net::command_ctx*) noexcept {
@@ -226,6 +248,10 @@ void watcher::inside::on_tick(void* arg, net::command_ctx* command) noexcept {
     if (self->at_an_end) return;
     const uint64_t next = self->work(core_timer());
     if (!self->at_an_end) net::net_nt_command_at(command, next);
+}
+
+void watcher::inside::on_looked_up(void* arg, net::command_ctx*) noexcept {
+    net::net_nt_command_at(static_cast<inside*>(arg)->tick, core_timer());
 }
 
 /// @return when to work next

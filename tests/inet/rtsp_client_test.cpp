@@ -1,5 +1,6 @@
 // What the RTSP session asks a server, and what it makes of answers and packets, true or not.
-#include "rtsp_viewer.h"
+#include "rtsp_client.h"
+
 #include "support/fault.h"
 #include "support/log_keeper.h"
 
@@ -15,7 +16,7 @@ using namespace std::string_literals;
 using rtsp3::event_t;
 using rtsp3::protocol_t;
 using test::rtp_packet;
-using test::rtsp_viewer;
+using test::rtsp_client;
 
 const std::string sdp = "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n";
 const std::string two_tracks = sdp + "m=audio 0 RTP/AVP 0\r\na=control:audio\r\n";
@@ -26,14 +27,14 @@ std::string with_body(const std::string& body) {
 }
 
 TEST(RtspClient, GoesFromOptionsToPlayAndDeliversFrames) {
-    rtsp_viewer viewer;
-    ASSERT_EQ(viewer.session->open("rtsp://admin:p%40:s@10.0.0.7/live"), 1);
-    viewer.feed(test::dialog("rtsp_client/tcp-cut"));
+    rtsp_client client;
+    ASSERT_EQ(client.session->open("rtsp://admin:p%40:s@10.0.0.7/live"), 1);
+    client.feed(test::dialog("rtsp_client/tcp-cut"));
     const core::owned_text digest(net_http_authenticate("admin", "p@:s", "SETUP", "rtsp://10.0.0.7/live/trackID=1",
                                                         "Digest realm=\"camera\", nonce=\"7a11\"", CORE_HERE));
-    EXPECT_NE(viewer.asked.find("Authorization: "s + digest.get() + "\r\n"), std::string::npos) << viewer.asked;
+    EXPECT_NE(client.asked.find("Authorization: "s + digest.get() + "\r\n"), std::string::npos) << client.asked;
     const std::regex common(" RTSP/1.0\r\nCSeq: (\\d)\r\nUser-Agent: Norvane-K Rtsp Client 14.01|( username)[^\r]*");
-    EXPECT_EQ(std::regex_replace(viewer.asked, common, " $1$2"),
+    EXPECT_EQ(std::regex_replace(client.asked, common, " $1$2"),
               "OPTIONS rtsp://10.0.0.7/live 1\r\n\r\n"
               "DESCRIBE rtsp://10.0.0.7/live 2\r\nAccept: application/sdp\r\n\r\n"
               "DESCRIBE rtsp://10.0.0.7/live 3\r\nAccept: application/sdp\r\nAuthorization: Digest  username\r\n\r\n"
@@ -42,21 +43,21 @@ TEST(RtspClient, GoesFromOptionsToPlayAndDeliversFrames) {
               "SETUP rtsp://10.0.0.7/live/trackID=2 5\r\nSession: 8A-b\r\n"
               "Transport: RTP/AVP/TCP;unicast;interleaved=2-3\r\nAuthorization: Digest  username\r\n\r\n"
               "PLAY rtsp://10.0.0.7/live/ 6\r\nSession: 8A-b\r\nAuthorization: Digest  username\r\n\r\n");
-    EXPECT_EQ(viewer.events, "0 3 3 5 6 12 12 12 ");
+    EXPECT_EQ(client.events, "0 3 3 5 6 12 12 12 ");
 
     const std::string sets = "|\x67\x42\xc0\x1e\xd9\x01\x40\x7b\x20|\x68\xce\x3c\x80"s;
-    EXPECT_EQ(viewer.seen(),
+    EXPECT_EQ(client.seen(),
               sets + "|\x41\xaa " + sets + "|\x65\xbbK \xd5\xd5@8000/0K " + sets + "|\x41\xcc \xd5\xd6@8000/0K ");
     // Whole milliseconds on the track's time, exact ones beside it, and the server's clock once a report came.
-    ASSERT_EQ(viewer.frames.size(), 5U);
-    EXPECT_EQ(viewer.frames[1].time, test::fixed_clock() + 21000);
-    EXPECT_EQ(viewer.frames[1].media_time, 21511);
-    EXPECT_EQ(viewer.frames[1].ntp_time, time_ntp_to_core(0xe8b8a680, 0x80000000));
-    EXPECT_EQ(viewer.frames[3].ntp_time, viewer.frames[1].ntp_time + 21511);
-    EXPECT_EQ(viewer.frames[4].media_time, 52000);
+    ASSERT_EQ(client.frames.size(), 5U);
+    EXPECT_EQ(client.frames[1].time, test::fixed_clock() + 21000);
+    EXPECT_EQ(client.frames[1].media_time, 21511);
+    EXPECT_EQ(client.frames[1].ntp_time, time_ntp_to_core(0xe8b8a680, 0x80000000));
+    EXPECT_EQ(client.frames[3].ntp_time, client.frames[1].ntp_time + 21511);
+    EXPECT_EQ(client.frames[4].media_time, 52000);
     // A receiver report for the first packet of each track, and one for the sender report.
-    ASSERT_EQ(viewer.reports.size(), 3U);
-    EXPECT_EQ(viewer.reports[0].substr(0, 2), "\x81\xc9");
+    ASSERT_EQ(client.reports.size(), 3U);
+    EXPECT_EQ(client.reports[0].substr(0, 2), "\x81\xc9");
 }
 
 TEST(RtspClient, AsksForWhatIsDescribed) {
@@ -94,16 +95,16 @@ TEST(RtspClient, AsksForWhatIsDescribed) {
         if (c.rtpmap) description += "a=rtpmap:" + pt + " " + c.rtpmap + "\r\n";
         if (c.control) description += "a=control:"s + c.control + "\r\n";
         SCOPED_TRACE(c.base + description);
-        rtsp_viewer viewer;
-        viewer.play(description, "", c.base);
-        EXPECT_EQ(viewer.events, c.fcc ? "0 3 5 6 " : "0 9 ");
-        EXPECT_EQ(viewer.session->send_sdp("a", "b", "c", 0, 0) + viewer.session->send_play(1), 0);  // of a server
+        rtsp_client client;
+        client.play(description, "", c.base);
+        EXPECT_EQ(client.events, c.fcc ? "0 3 5 6 " : "0 9 ");
+        EXPECT_EQ(client.session->send_sdp("a", "b", "c", 0, 0) + client.session->send_play(1), 0);  // of a server
         if (!c.fcc) continue;
         char text[5];
-        EXPECT_STREQ(fcc_str(viewer.session->trak(0U)->fcc, text), c.fcc);
-        EXPECT_NE(viewer.asked.find("SETUP "s + c.setup + " RTSP"), std::string::npos) << viewer.asked;
-        EXPECT_NE(viewer.asked.find("PLAY "s + c.play + " RTSP"), std::string::npos) << viewer.asked;
-        EXPECT_EQ(viewer.session->trak(0U)->config.length, "mp4a"s == c.fcc ? 2U : 0U);
+        EXPECT_STREQ(fcc_str(client.session->trak(0U)->fcc, text), c.fcc);
+        EXPECT_NE(client.asked.find("SETUP "s + c.setup + " RTSP"), std::string::npos) << client.asked;
+        EXPECT_NE(client.asked.find("PLAY "s + c.play + " RTSP"), std::string::npos) << client.asked;
+        EXPECT_EQ(client.session->trak(0U)->config.length, "mp4a"s == c.fcc ? 2U : 0U);
     }
 }
 
@@ -117,14 +118,14 @@ TEST(RtspClient, AsksByAnotherUriWhereNothingIsFound) {
         {"rtsp://x/t", "", "rtsp://x/t "},
     };
     for (const auto& [control, base, asked] : cases) {
-        rtsp_viewer viewer;
-        viewer.describe("m=video 0 RTP/AVP 26\r\na=control:"s + control + "\r\n", base);
-        for (int i = 0; i < 4 && viewer.events == "0 3 "; ++i)
-            viewer.answer("404 Not Found");
-        EXPECT_EQ(viewer.events, "0 3 9 ");
+        rtsp_client client;
+        client.describe("m=video 0 RTP/AVP 26\r\na=control:"s + control + "\r\n", base);
+        for (int i = 0; i < 4 && client.events == "0 3 "; ++i)
+            client.answer("404 Not Found");
+        EXPECT_EQ(client.events, "0 3 9 ");
         std::string uris;
         const std::regex setup("SETUP ([^ ]*)");
-        for (std::sregex_iterator at(viewer.asked.begin(), viewer.asked.end(), setup), end; at != end; ++at)
+        for (std::sregex_iterator at(client.asked.begin(), client.asked.end(), setup), end; at != end; ++at)
             uris += (*at)[1].str() + " ";
         EXPECT_EQ(uris, asked);
     }
@@ -146,10 +147,10 @@ TEST(RtspClient, ReadsDescriptionsAsTheyAreFound) {
          "video H264 - 0 |gB|h\xce|h\1;"},
     };
     for (const auto& c : cases) {
-        rtsp_viewer viewer;
-        viewer.play(c.sdp);
+        rtsp_client client;
+        client.play(c.sdp);
         std::string tracks;
-        for (uint32_t i = 0; const rtsp3::trak_t* trak = viewer.session->trak(i); ++i) {
+        for (uint32_t i = 0; const rtsp3::trak_t* trak = client.session->trak(i); ++i) {
             char fcc[5];
             tracks += trak->media + " "s + fcc_str(trak->fcc, fcc) + " " + (trak->control ? trak->control.get() : "-") +
                       " " + std::to_string(trak->channels) + " ";
@@ -159,7 +160,7 @@ TEST(RtspClient, ReadsDescriptionsAsTheyAreFound) {
                       ";";
         }
         EXPECT_EQ(std::regex_replace(tracks, std::regex(R"(\0\0\x01)"), "|"), c.tracks);
-        EXPECT_NE(viewer.asked.find("PLAY "s + c.play + " RTSP"), std::string::npos) << viewer.asked;
+        EXPECT_NE(client.asked.find("PLAY "s + c.play + " RTSP"), std::string::npos) << client.asked;
     }
 }
 
@@ -169,17 +170,17 @@ TEST(RtspClient, KeepsTheSessionAliveAsTheServerLikesIt) {
         {"Public: OPTIONS\r\nPublic: GET_PARAMETER\r\n", "Session: 5;timeout=10\r\n", "GET_PARAMETER ", "OPTIONS "},
     };
     for (const auto& [methods, named, method, other] : cases) {
-        rtsp_viewer viewer;
-        viewer.describe(sdp, "", methods);
-        EXPECT_EQ(viewer.session->send_keep_alive(), 0);
-        viewer.answer("200 OK", named);
-        viewer.answer("200 OK");
-        EXPECT_EQ(viewer.session->keep_alive_interval(), *methods ? 5000000U : 30000000U);
+        rtsp_client client;
+        client.describe(sdp, "", methods);
+        EXPECT_EQ(client.session->send_keep_alive(), 0);
+        client.answer("200 OK", named);
+        client.answer("200 OK");
+        EXPECT_EQ(client.session->keep_alive_interval(), *methods ? 5000000U : 30000000U);
         for (const char* asked : {method, other}) {  // once it was refused
-            viewer.asked.clear();
-            EXPECT_EQ(viewer.session->send_keep_alive(), 1);
-            EXPECT_TRUE(viewer.asked.starts_with(asked) && viewer.asked.find("Session: 5\r\n") != std::string::npos);
-            viewer.answer("405 Method Not Allowed");
+            client.asked.clear();
+            EXPECT_EQ(client.session->send_keep_alive(), 1);
+            EXPECT_TRUE(client.asked.starts_with(asked) && client.asked.find("Session: 5\r\n") != std::string::npos);
+            client.answer("405 Method Not Allowed");
         }
     }
 }
@@ -208,13 +209,13 @@ TEST(RtspClient, AnswersAChallengeOnceForEachRequest) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.user + c.challenge);
         const test::log_keeper log("rtsp.protocol");
-        rtsp_viewer viewer;
-        viewer.session->open(("rtsp://"s + c.user + "h/live").c_str());
-        EXPECT_TRUE(viewer.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\n"));
+        rtsp_client client;
+        client.session->open(("rtsp://"s + c.user + "h/live").c_str());
+        EXPECT_TRUE(client.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\n"));
         for (int i = 0; i < 3; ++i)
-            viewer.answer("401 Unauthorized", "www-authenticate: " + c.challenge + "\r\n");
-        EXPECT_EQ(viewer.events + std::to_string(viewer.session->status()), "9 401");
-        EXPECT_EQ(viewer.asked.find("Authorization: "s + (c.answer ? c.answer : "")) == std::string::npos, !c.answer);
+            client.answer("401 Unauthorized", "www-authenticate: " + c.challenge + "\r\n");
+        EXPECT_EQ(client.events + std::to_string(client.session->status()), "9 401");
+        EXPECT_EQ(client.asked.find("Authorization: "s + (c.answer ? c.answer : "")) == std::string::npos, !c.answer);
         // A password that can be read back is in no line of the log.
         EXPECT_EQ(log.lines.find("dT"), std::string::npos) << log.lines;
         EXPECT_EQ(log.lines.find("\r\nAuthorization: Basic ***") == std::string::npos, !c.answer || *c.answer != 'B');
@@ -246,14 +247,14 @@ TEST(RtspClient, ComputesEveryFormOfDigest) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.said);
-        rtsp_viewer viewer;
-        viewer.session->open("rtsp://us:p:w@h/live");
+        rtsp_client client;
+        client.session->open("rtsp://us:p:w@h/live");
         for (const char* nonce : {"n1", "n2"})
-            viewer.answer("401 Unauthorized", R"(WWW-Authenticate: Digest realm="a, \"b\"", stale=true, nonce=)" +
+            client.answer("401 Unauthorized", R"(WWW-Authenticate: Digest realm="a, \"b\"", stale=true, nonce=)" +
                                                   std::string(nonce) + c.said + "\r\n");
-        EXPECT_EQ(viewer.events, "");
-        viewer.answer("200 OK");  // the next request counts on
-        const std::string asked = viewer.asked.substr(viewer.asked.rfind("Authorization: "));
+        EXPECT_EQ(client.events, "");
+        client.answer("200 OK");  // the next request counts on
+        const std::string asked = client.asked.substr(client.asked.rfind("Authorization: "));
         std::smatch in;
         ASSERT_TRUE(std::regex_search(asked, in,
                                       std::regex(R"re(response="(\w*)", algorithm=([A-Z0-9]*(-256)?)(-sess)?)re"
@@ -271,12 +272,12 @@ TEST(RtspClient, ComputesEveryFormOfDigest) {
 }
 
 TEST(RtspClient, TakesARepeatedAnswerForNoneUnlessTheServerNumbersAllAlike) {
-    rtsp_viewer viewer;
-    viewer.describe(sdp);
-    viewer.feed(ok + "CSeq: 2\r\n\r\n");
-    EXPECT_EQ(viewer.events, "0 3 ");
+    rtsp_client client;
+    client.describe(sdp);
+    client.feed(ok + "CSeq: 2\r\n\r\n");
+    EXPECT_EQ(client.events, "0 3 ");
     for (const char* cseq : {"", "CSeq: 1\r\n", "CSeq: 2\r\n", "CSeq: 70\r\n"}) {
-        rtsp_viewer other;
+        rtsp_client other;
         other.session->open("rtsp://h/live");
         for (const std::string& body : {""s, sdp, ""s, ""s})
             other.feed(ok + cseq + with_body(body));
@@ -307,18 +308,18 @@ TEST(RtspClient, EndsOrGoesOnWhenTheServerLies) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        rtsp_viewer viewer;
-        viewer.session->open("rtsp://h/live");
-        viewer.answer("200 OK");
-        viewer.feed("\r\n\r\n$\6\0\1x\n"s);  // nothing
-        if (!c.bytes.empty()) viewer.feed(c.bytes);
-        if (c.bytes.empty()) viewer.answer("200 OK", "", sdp);
-        if (c.bytes.empty()) viewer.answer("200 OK", c.fields);
-        EXPECT_EQ(viewer.events, c.events);
-        EXPECT_EQ(viewer.received.length, 0U);
+        rtsp_client client;
+        client.session->open("rtsp://h/live");
+        client.answer("200 OK");
+        client.feed("\r\n\r\n$\6\0\1x\n"s);  // nothing
+        if (!c.bytes.empty()) client.feed(c.bytes);
+        if (c.bytes.empty()) client.answer("200 OK", "", sdp);
+        if (c.bytes.empty()) client.answer("200 OK", c.fields);
+        EXPECT_EQ(client.events, c.events);
+        EXPECT_EQ(client.received.length, 0U);
     }
     for (const std::string& senseless : {ok + "CSeq: 99\r\n\r\n", "\1\r\n\r\n"s}) {
-        rtsp_viewer tired;
+        rtsp_client tired;
         tired.play(sdp);
         for (int i = 0; i < 200; ++i) {
             if (i == 100) tired.session->send_keep_alive();
@@ -332,26 +333,26 @@ TEST(RtspClient, EndsOrGoesOnWhenTheServerLies) {
 }
 
 TEST(RtspClient, BoundsWhatAServerMakesItHold) {
-    rtsp_viewer viewer;
-    viewer.session->set_frame_limit(4000);
-    viewer.play(sdp);
+    rtsp_client client;
+    client.session->set_frame_limit(4000);
+    client.play(sdp);
     uint16_t seq = 1;
     const auto slices = [&](uint32_t time, int count, char type) {
         while (count-- > 0)
-            viewer.rtp(0, rtp_packet(96, seq++, time, type + std::string(1000, 's')));
+            client.rtp(0, rtp_packet(96, seq++, time, type + std::string(1000, 's')));
     };
     slices(1, 200, '\x68');
-    EXPECT_LE(viewer.session->trak(0U)->parameter_sets.length, 64U * 1024);
-    viewer.rtp(0, rtp_packet(96, seq++, 2, "\x67sps"));
+    EXPECT_LE(client.session->trak(0U)->parameter_sets.length, 64U * 1024);
+    client.rtp(0, rtp_packet(96, seq++, 2, "\x67sps"));
     slices(3, 1, '\x41');
     slices(4, 4, '\x41');  // passes the limit
-    viewer.rtp(0, rtp_packet(96, seq++, 5, "\x65"));
+    client.rtp(0, rtp_packet(96, seq++, 5, "\x65"));
     slices(6, 4, '\x41');
-    viewer.rtp(0, rtp_packet(96, seq++, 7, "\x41"));  // refers to what was left out
-    EXPECT_EQ(viewer.seen(), "|gsps|A" + std::string(1000, 's') + " |gsps|eK |gsps|A- ");
+    client.rtp(0, rtp_packet(96, seq++, 7, "\x41"));  // refers to what was left out
+    EXPECT_EQ(client.seen(), "|gsps|A" + std::string(1000, 's') + " |gsps|eK |gsps|A- ");
 
     // Reports that are not read stay few; with them, what is said by a timer or in answer.
-    rtsp_viewer deaf;
+    rtsp_client deaf;
     deaf.play(sdp);
     deaf.reading = false;
     deaf.rtp(0, rtp_packet(96, 1, 1, "\x41"));
@@ -376,13 +377,13 @@ TEST(RtspClient, HoldsNoMoreThanItsHeaderStates) {
         requests,
     };
     for (const std::string& lie : lies) {
-        rtsp_viewer viewer;
-        viewer.session->open("rtsp://h/live");
-        viewer.answer("200 OK");
-        viewer.reading = false;
+        rtsp_client client;
+        client.session->open("rtsp://h/live");
+        client.answer("200 OK");
+        client.reading = false;
         const size_t before = core_mem_bytes();
         for (size_t at = 0; at < lie.size(); at += 16000) {
-            viewer.feed(std::string_view(lie).substr(at, 16000));
+            client.feed(std::string_view(lie).substr(at, 16000));
             ASSERT_LE(core_mem_bytes(), before + 512U * 1024) << lie.substr(0, 40);
         }
     }
@@ -433,19 +434,19 @@ TEST(RtspClient, PutsFramesTogetherAndTellsTornOnes) {
          "ab@16000/2K cd@16000/2K ef@16000/2K "},
     };
     for (const auto& c : cases) {
-        rtsp_viewer viewer;
-        viewer.session->set_parameter_sets(c.where);
-        viewer.play("v=0\r\nm=" + c.media);
-        const uint8_t pt = viewer.session->trak(0U)->rtp->pt;
+        rtsp_client client;
+        client.session->set_parameter_sets(c.where);
+        client.play("v=0\r\nm=" + c.media);
+        const uint8_t pt = client.session->trak(0U)->rtp->pt;
         uint16_t seq = 10;
         for (const std::string& packet : c.packets) {
             seq = static_cast<uint16_t>(seq + (packet == "^" ? 10001 : 1));
             if (packet == "-" || packet == "^") continue;
             const test::allocation_count count;
-            viewer.rtp(0, rtp_packet(pt, seq, static_cast<uint32_t>(packet[0]), packet.substr(2), packet[1] == '!'));
+            client.rtp(0, rtp_packet(pt, seq, static_cast<uint32_t>(packet[0]), packet.substr(2), packet[1] == '!'));
             EXPECT_TRUE(count.value() == 0 || &packet != &c.packets.back()) << c.what;
         }
-        EXPECT_EQ(viewer.seen(), c.seen) << c.what;
+        EXPECT_EQ(client.seen(), c.seen) << c.what;
     }
 }
 
@@ -468,16 +469,16 @@ TEST(RtspClient, HandsOverPromptlyOnceItKnowsWhereTheSendersFramesEnd) {
         {"filler that was not expected", slice, slice, filled, "31 33 34 35 75 0"},
     };
     for (const auto& c : cases) {
-        rtsp_viewer viewer;
-        viewer.session->set_prompt(true);
-        viewer.play(sdp);
+        rtsp_client client;
+        client.session->set_prompt(true);
+        client.play(sdp);
         uint32_t time = 0;
         uint16_t seq = 0;
         const auto send = [&](const units& picture) {
             ++time;
             for (const std::string& unit : picture)
-                viewer.rtp(0, rtp_packet(96, ++seq, time, unit.substr(1), unit[0] == '!'));
-            return std::to_string(viewer.frames.size());
+                client.rtp(0, rtp_packet(96, ++seq, time, unit.substr(1), unit[0] == '!'));
+            return std::to_string(client.frames.size());
         };
         send(c.first);
         for (int i = 0; i < 30; ++i)
@@ -489,34 +490,34 @@ TEST(RtspClient, HandsOverPromptlyOnceItKnowsWhereTheSendersFramesEnd) {
         for (int i = 0; i < 39; ++i)
             send(c.usual);
         story += " " + send(c.usual) + " ";
-        EXPECT_EQ(story + std::to_string(std::ranges::count(viewer.frames, false, &test::received_t::complete)),
+        EXPECT_EQ(story + std::to_string(std::ranges::count(client.frames, false, &test::received_t::complete)),
                   c.handed_over)
             << c.what;
     }
 }
 
 TEST(RtspClient, KeepsItsTimeWithinRangeWhateverTheTimestampsClaim) {
-    rtsp_viewer viewer;
-    viewer.play("v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/1\r\n");
+    rtsp_client client;
+    client.play("v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/1\r\n");
     for (uint32_t i = 1; i < 5000; ++i)
-        viewer.rtp(0, rtp_packet(96, static_cast<uint16_t>(i), i * 0x7fffffffU, "\x41"));
-    EXPECT_GT(viewer.frames.back().media_time, INT64_MAX / 2);
+        client.rtp(0, rtp_packet(96, static_cast<uint16_t>(i), i * 0x7fffffffU, "\x41"));
+    EXPECT_GT(client.frames.back().media_time, INT64_MAX / 2);
 }
 
 TEST(RtspClient, ForgetsTheLastConversationWhenOpenedAgain) {
     for (const std::string& left : {ok + "Content-Length: 9\r\n\r\nbody", "$\1\2"s}) {
-        rtsp_viewer viewer;
-        viewer.play(two_tracks, "", "Content-Base: rtsp://old/\r\n");
-        viewer.feed(left);
-        viewer.reading = false;
-        viewer.session->send_keep_alive();
-        viewer.reading = true;
-        viewer.events.clear();
-        viewer.asked.clear();
-        viewer.play(sdp);
-        EXPECT_EQ(viewer.events, "0 3 5 6 ") << left;
-        EXPECT_TRUE(viewer.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\nCSeq: 1\r\n")) << viewer.asked;
-        EXPECT_EQ(viewer.asked.find("rtsp://old/"), std::string::npos);
+        rtsp_client client;
+        client.play(two_tracks, "", "Content-Base: rtsp://old/\r\n");
+        client.feed(left);
+        client.reading = false;
+        client.session->send_keep_alive();
+        client.reading = true;
+        client.events.clear();
+        client.asked.clear();
+        client.play(sdp);
+        EXPECT_EQ(client.events, "0 3 5 6 ") << left;
+        EXPECT_TRUE(client.asked.starts_with("OPTIONS rtsp://h/live RTSP/1.0\r\nCSeq: 1\r\n")) << client.asked;
+        EXPECT_EQ(client.asked.find("rtsp://old/"), std::string::npos);
     }
 }
 
@@ -532,79 +533,79 @@ TEST(RtspClient, TakesTheStartOfTheStreamFromRtpInfo) {
         {"", {0, 0}},
     };
     for (const auto& c : cases) {
-        rtsp_viewer viewer;
-        viewer.play(two_tracks, "RTP-Info: "s + c.info + "\r\n");
-        EXPECT_EQ(viewer.session->trak(0U)->rtp->seq, c.seq[0]) << c.info;
-        EXPECT_EQ(viewer.session->trak(1)->rtp->seq, c.seq[1]) << c.info;
+        rtsp_client client;
+        client.play(two_tracks, "RTP-Info: "s + c.info + "\r\n");
+        EXPECT_EQ(client.session->trak(0U)->rtp->seq, c.seq[0]) << c.info;
+        EXPECT_EQ(client.session->trak(1)->rtp->seq, c.seq[1]) << c.info;
     }
     // A number or a time that is not that of the first packet is none. One that is not that of the next costs some.
-    rtsp_viewer viewer;
-    viewer.play(two_tracks, "RTP-Info: url=rtsp://h/live/video;seq=40000;rtptime=4000000000\r\n");
-    viewer.rtp(2, rtp_packet(0, 1, 1, "sound"));
-    viewer.rtp(0, rtp_packet(96, 20000, 0, "\x65"));
+    rtsp_client client;
+    client.play(two_tracks, "RTP-Info: url=rtsp://h/live/video;seq=40000;rtptime=4000000000\r\n");
+    client.rtp(2, rtp_packet(0, 1, 1, "sound"));
+    client.rtp(0, rtp_packet(96, 20000, 0, "\x65"));
     for (uint16_t seq = 1; seq <= 200; ++seq)
-        viewer.rtp(0, rtp_packet(96, seq, seq, "\x41"));
-    EXPECT_TRUE(viewer.frames.size() > 90 && viewer.frames[0].key && viewer.frames[0].media_time == 0);
+        client.rtp(0, rtp_packet(96, seq, seq, "\x41"));
+    EXPECT_TRUE(client.frames.size() > 90 && client.frames[0].key && client.frames[0].media_time == 0);
 
     // So does PLAY after PAUSE, when the server goes on elsewhere. The tracks are then in step, announced or not.
-    viewer.session->process_pause(nullptr);
-    viewer.answer("200 OK");
-    const size_t before = viewer.frames.size();
+    client.session->process_pause(nullptr);
+    client.answer("200 OK");
+    const size_t before = client.frames.size();
     for (uint16_t seq = 201; seq < 205; ++seq)
-        viewer.rtp(0, rtp_packet(96, seq, seq, "\x65"));
-    viewer.session->flush();
-    EXPECT_EQ(viewer.frames.size(), before);
-    viewer.session->process_play(nullptr);
-    viewer.answer("200 OK", "RTP-Info: url=rtsp://h/live/video;seq=20;rtptime=100\r\n");
-    const int64_t reached = std::ranges::max(viewer.frames, {}, &test::received_t::media_time).media_time;
-    viewer.rtp(0, rtp_packet(96, 20, 190, "\x65"));
-    viewer.session->flush();
-    EXPECT_EQ(viewer.frames.back().media_time, reached + 1000);
-    viewer.rtp(2, rtp_packet(0, 2, 77777, "sound"));
-    viewer.session->flush();
-    EXPECT_NEAR(static_cast<double>(viewer.frames.back().media_time - reached), 0, 125);  // a tick
+        client.rtp(0, rtp_packet(96, seq, seq, "\x65"));
+    client.session->flush();
+    EXPECT_EQ(client.frames.size(), before);
+    client.session->process_play(nullptr);
+    client.answer("200 OK", "RTP-Info: url=rtsp://h/live/video;seq=20;rtptime=100\r\n");
+    const int64_t reached = std::ranges::max(client.frames, {}, &test::received_t::media_time).media_time;
+    client.rtp(0, rtp_packet(96, 20, 190, "\x65"));
+    client.session->flush();
+    EXPECT_EQ(client.frames.back().media_time, reached + 1000);
+    client.rtp(2, rtp_packet(0, 2, 77777, "sound"));
+    client.session->flush();
+    EXPECT_NEAR(static_cast<double>(client.frames.back().media_time - reached), 0, 125);  // a tick
 }
 
 TEST(RtspClient, TellsTheReportsOfTracksOnOneChannelApart) {
-    rtsp_viewer viewer;
-    viewer.play(two_tracks, "", "", "Session: 1\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
-    viewer.rtp(0, rtp_packet(96, 1, 1, "\x65", true, 7));
-    viewer.rtp(0, rtp_packet(0, 1, 1, "sound", true, 8));
-    viewer.rtp(1, test::sender_report(8, 0xe8b8a690, 1));
-    viewer.rtp(1, test::sender_report(7, 0xe8b8a681, 90001));  // a second after the picture
-    viewer.session->flush();
-    ASSERT_EQ(viewer.frames.size(), 2U);
-    EXPECT_EQ(viewer.frames[0].ntp_time, time_ntp_to_core(0xe8b8a680, 0));
-    EXPECT_EQ(viewer.frames[1].ntp_time, time_ntp_to_core(0xe8b8a690, 0));
+    rtsp_client client;
+    client.play(two_tracks, "", "", "Session: 1\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n");
+    client.rtp(0, rtp_packet(96, 1, 1, "\x65", true, 7));
+    client.rtp(0, rtp_packet(0, 1, 1, "sound", true, 8));
+    client.rtp(1, test::sender_report(8, 0xe8b8a690, 1));
+    client.rtp(1, test::sender_report(7, 0xe8b8a681, 90001));  // a second after the picture
+    client.session->flush();
+    ASSERT_EQ(client.frames.size(), 2U);
+    EXPECT_EQ(client.frames[0].ntp_time, time_ntp_to_core(0xe8b8a680, 0));
+    EXPECT_EQ(client.frames[1].ntp_time, time_ntp_to_core(0xe8b8a690, 0));
 }
 
 TEST(RtspClient, TellsMediaOfOnePayloadTypeApart) {
     for (const protocol_t::enum_t by : {protocol_t::rtp_tcp, protocol_t::rtp_udp}) {
-        rtsp_viewer viewer;
-        viewer.session->set_protocol(by);
+        rtsp_client client;
+        client.session->set_protocol(by);
         const std::string media = "m=audio 0 RTP/AVP 127\r\na=control:a\r\na=rtpmap:127 ";
-        viewer.play(media + "PCMU/8000\r\n" + media +
+        client.play(media + "PCMU/8000\r\n" + media +
                     "PCMA/16000\r\nm=audio 0 RTP/AVP 126\r\na=rtpmap:126 PCMU/9000\r\n");
-        ASSERT_TRUE(viewer.session->playing()) << viewer.events;
-        viewer.rtp(2, rtp_packet(127, 1, 1, "second"));
-        viewer.rtp(0, rtp_packet(127, 1, 1, "first"));
-        viewer.rtp(4, rtp_packet(126, 1, 1, "third"));
-        EXPECT_EQ(viewer.seen(), "first@8000/0K second@16000/0K third@9000/0K ");
+        ASSERT_TRUE(client.session->playing()) << client.events;
+        client.rtp(2, rtp_packet(127, 1, 1, "second"));
+        client.rtp(0, rtp_packet(127, 1, 1, "first"));
+        client.rtp(4, rtp_packet(126, 1, 1, "third"));
+        EXPECT_EQ(client.seen(), "first@8000/0K second@16000/0K third@9000/0K ");
     }
 }
 
 TEST(RtspClient, SetsUpOnlyWhatIsWantedAndGoesOnWhenToldTo) {
-    rtsp_viewer viewer;
-    viewer.session->set_protocol(protocol_t::rtp_udp);
-    viewer.before = [&](event_t::enum_t event) {
-        if (event == event_t::open_client) viewer.session->select_trak(0, false);
+    rtsp_client client;
+    client.session->set_protocol(protocol_t::rtp_udp);
+    client.before = [&](event_t::enum_t event) {
+        if (event == event_t::open_client) client.session->select_trak(0, false);
     };
-    viewer.play(two_tracks, "", "", "Transport: RTP/AVP;unicast;server_port=5000-5001;source=1.2.3.4\r\n");
-    EXPECT_NE(viewer.asked.find("/audio RTSP/1.0\r\nCSeq: 3\r\n"), std::string::npos);
-    EXPECT_EQ(viewer.session->trak(1)->server_port, 5000);
-    EXPECT_STREQ(viewer.session->trak(1)->source.get(), "1.2.3.4");
+    client.play(two_tracks, "", "", "Transport: RTP/AVP;unicast;server_port=5000-5001;source=1.2.3.4\r\n");
+    EXPECT_NE(client.asked.find("/audio RTSP/1.0\r\nCSeq: 3\r\n"), std::string::npos);
+    EXPECT_EQ(client.session->trak(1)->server_port, 5000);
+    EXPECT_STREQ(client.session->trak(1)->source.get(), "1.2.3.4");
 
-    rtsp_viewer other;
+    rtsp_client other;
     other.session->set_protocol(protocol_t::rtp_udp);
     other.describe(two_tracks);
     other.answer("461 Unsupported Transport");
@@ -619,7 +620,7 @@ TEST(RtspClient, SetsUpOnlyWhatIsWantedAndGoesOnWhenToldTo) {
     EXPECT_EQ(other.events, "0 3 9 3 5 6 8 ");
     EXPECT_STREQ(other.session->session(), "");
 
-    rtsp_viewer portless;
+    rtsp_client portless;
     portless.first_port = 0;
     portless.session->set_protocol(protocol_t::rtp_udp);
     portless.describe(two_tracks);

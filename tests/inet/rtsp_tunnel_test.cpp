@@ -1,5 +1,5 @@
 // RTSP over HTTP, both ends of it.
-#include "rtsp_viewer.h"
+#include "rtsp_client.h"
 
 #include "common/digest.h"
 #include "core/owned.h"
@@ -11,8 +11,8 @@ namespace {
 
 using namespace std::string_literals;
 using rtsp3::event_t;
+using test::rtsp_client;
 using test::rtsp_owner;
-using test::rtsp_viewer;
 
 std::string base64(const std::string& text) { return core::owned_text(b64(text.data(), text.size(), CORE_HERE)).get(); }
 
@@ -87,33 +87,33 @@ TEST(RtspTunnel, EndsWhatIsNoTunnel) {
 }
 
 TEST(RtspTunnel, IsOpenedByAClientOnceTheServerGrantsIt) {
-    rtsp_viewer viewer;
-    viewer.session->set_tunnel(true);
-    viewer.session->set_protocol(rtsp3::protocol_t::rtp_udp);  // there is no UDP in a tunnel
-    viewer.session->open("rtsp://u:p@h:8554/live?a=b");
-    viewer.feed("HTTP/1.1 401 No\r\nWWW-Authenticate: Basic realm=\"r\"\r\nContent-Length: 4\r\n\r\nno\r\n");
-    EXPECT_NE(viewer.asked.find("Authorization: Basic dTpw\r\n"), std::string::npos);
-    viewer.feed("HTTP/1.1 404 Not Found\r\nContent-Length: 99999999\r\n\r\n");
-    EXPECT_EQ(viewer.events, "14 9 ");
+    rtsp_client client;
+    client.session->set_tunnel(true);
+    client.session->set_protocol(rtsp3::protocol_t::rtp_udp);  // there is no UDP in a tunnel
+    client.session->open("rtsp://u:p@h:8554/live?a=b");
+    client.feed("HTTP/1.1 401 No\r\nWWW-Authenticate: Basic realm=\"r\"\r\nContent-Length: 4\r\n\r\nno\r\n");
+    EXPECT_NE(client.asked.find("Authorization: Basic dTpw\r\n"), std::string::npos);
+    client.feed("HTTP/1.1 404 Not Found\r\nContent-Length: 99999999\r\n\r\n");
+    EXPECT_EQ(client.events, "14 9 ");
 
     // Opened anew it asks as at first, in plain text, and behind the heads in Base64.
-    viewer.asked.clear();
-    EXPECT_EQ(viewer.session->open("rtsp://h:8554/live?a=b"), 1);
-    viewer.feed("HTTP/1.1 200 OK\r\n\r\n");
+    client.asked.clear();
+    EXPECT_EQ(client.session->open("rtsp://h:8554/live?a=b"), 1);
+    client.feed("HTTP/1.1 200 OK\r\n\r\n");
     const std::regex heads(
         "GET /live\\?a=b HTTP/1.0\r\nCSeq: 1\r\nUser-Agent: Norvane-K Rtsp Client 14.01\r\n"
         "x-sessioncookie: ([0-9A-Za-z]{22})\r\nAccept: application/x-rtsp-tunnelled\r\n(.*\r\n)*\r\n"
         "POST /live\\?a=b HTTP/1.0\r\nCSeq: 2\r\nUser-Agent: .*\r\nx-sessioncookie: \\1\r\n(.*\r\n)*\r\n"
         "([0-9A-Za-z+/]+=*)");
     std::smatch parts;
-    ASSERT_TRUE(std::regex_match(viewer.asked, parts, heads)) << viewer.asked;
-    EXPECT_EQ(parts[1].str(), viewer.session->tunnel_cookie());
+    ASSERT_TRUE(std::regex_match(client.asked, parts, heads)) << client.asked;
+    EXPECT_EQ(parts[1].str(), client.session->tunnel_cookie());
     EXPECT_EQ(parts[4].str(), base64("OPTIONS rtsp://h:8554/live?a=b RTSP/1.0\r\nCSeq: 3\r\n"
                                      "User-Agent: Norvane-K Rtsp Client 14.01\r\n\r\n"));
     for (const char* body : {"", "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", "", ""})
-        viewer.feed("RTSP/1.0 200 OK\r\nContent-Length: " + std::to_string(std::string(body).size()) + "\r\n\r\n" +
+        client.feed("RTSP/1.0 200 OK\r\nContent-Length: " + std::to_string(std::string(body).size()) + "\r\n\r\n" +
                     body);
-    EXPECT_TRUE(viewer.session->playing());
+    EXPECT_TRUE(client.session->playing());
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ class LocalServer(socketserver.ThreadingTCPServer):
         self.server_close()
 
     def finish_request(self, request, _):
-        with contextlib.suppress(OSError):  # the viewer has gone
+        with contextlib.suppress(OSError):  # the client has gone
             self.talk(request)
 
 
@@ -60,7 +60,7 @@ class Relay(LocalServer):
         self.tracks = []  # of each, in the order of SETUP, whether every packet is lost
         self.moved = 0
 
-    def talk(self, viewer):
+    def talk(self, client):
         with contextlib.ExitStack() as opened:
             def redirect(ports):
                 media, reports = map(opened.enter_context, udp_pair())
@@ -72,8 +72,8 @@ class Relay(LocalServer):
                 return b"client_port=%d-%d" % (media.getsockname()[1], reports.getsockname()[1])
 
             camera = opened.enter_context(socket.create_connection(("127.0.0.1", self.camera)))
-            calls = {viewer: lambda data: camera.sendall(re.sub(rb"client_port=(\d+)-(\d+)", redirect, data)),
-                     camera: viewer.sendall}
+            calls = {client: lambda data: camera.sendall(re.sub(rb"client_port=(\d+)-(\d+)", redirect, data)),
+                     camera: client.sendall}
             data = True
             while data:
                 for ready in select.select([*calls], [], [])[0]:
@@ -86,7 +86,7 @@ class Relay(LocalServer):
         if lost[-1]:
             return
         held.append(data)
-        # What is moved waits for some of the next, and all go at once: the viewer need not wait.
+        # What is moved waits for some of the next, and all go at once: the client need not wait.
         if len(held) < 5 and self.random.random() < (self.reorder if len(held) == 1 else 0.5):
             return
         self.moved += len(held) > 1
@@ -104,15 +104,15 @@ class Server(LocalServer):
         self.answers = answers
         self.methods = []  # of the requests, as they came
 
-    def talk(self, viewer):
-        with viewer.makefile("rb") as requests:
+    def talk(self, client):
+        with client.makefile("rb") as requests:
             while mark := requests.read(1):
                 if mark == b"$":  # a report
                     requests.read(int.from_bytes(requests.read(3)[1:], "big"))
                     continue
                 lines = [mark + requests.readline(), *iter(lambda: requests.readline().strip(), b"")]
                 answer = self.answer(b"\r\n".join(lines).decode())
-                viewer.sendall(answer)
+                client.sendall(answer)
                 if answer.endswith(b"close"):
                     return
 
@@ -131,7 +131,7 @@ class Server(LocalServer):
 
 
 class Sender(Server):
-    """ffmpeg sends a file to each viewer, from its beginning and at its pace; what it sends goes over the viewer's
+    """ffmpeg sends a file to each client, from its beginning and at its pace; what it sends goes over the client's
     connection. `tracks` has the lines of each in the description, and what ffmpeg is told of it."""
 
     def __init__(self, path, *tracks):
@@ -151,18 +151,18 @@ class Sender(Server):
             self.playing.set()
         return super().answer(request)
 
-    def talk(self, viewer):
+    def talk(self, client):
         self.playing = threading.Event()
-        sender = threading.Thread(target=self.send, args=(viewer, self.playing))
+        sender = threading.Thread(target=self.send, args=(client, self.playing))
         sender.start()
         try:
-            super().talk(viewer)
+            super().talk(client)
         finally:
             self.over = True
             self.playing.set()
             sender.join()
 
-    def send(self, viewer, playing):
+    def send(self, client, playing):
         self.over = False
         playing.wait()
         pairs = [udp_pair() for _ in self.tracks]
@@ -175,7 +175,7 @@ class Sender(Server):
             while not self.over:
                 for each in select.select([*channels], [], [], 0.1)[0]:
                     packet = each.recv(65536)
-                    viewer.sendall(struct.pack(">cBH", b"$", channels[each], len(packet)) + packet)
+                    client.sendall(struct.pack(">cBH", b"$", channels[each], len(packet)) + packet)
             process.terminate()
         process.wait()
         for each in channels:

@@ -18,11 +18,11 @@ class Connections(Relay):
 
     accepted = open = 0
 
-    def talk(self, viewer):
+    def talk(self, client):
         self.accepted += 1
         self.open += 1
         try:
-            super().talk(viewer)
+            super().talk(client)
         finally:
             self.open -= 1
 

@@ -6,7 +6,9 @@
 
 #include "avc/fcc.h"
 #include "core/owned.h"
+#include "core/thread.h"
 #include "media/rtsp_service.h"
+#include "media/watcher.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -45,19 +47,32 @@ struct echo_service final : media::service, net::ITcp {
     uint16_t port_ = 0;
 };
 
-/// A player on the port: what it is answered after it has sent all pieces; "closed" at the end of the connection.
-std::string answer(uint16_t port, std::initializer_list<std::string> pieces) {
-    const test::tcp_socket socket;
-    net_tcp_connect(socket, "127.0.0.1", port);
-    EXPECT_TRUE(test::await(socket, test::watch::write));
-    for (std::string piece : pieces) {
-        net_tcp_send_buffer(socket, {reinterpret_cast<uint8_t*>(piece.data()), static_cast<uint32_t>(piece.size())});
+/// A player on a port.
+struct player {
+    explicit player(uint16_t port) {
+        net_tcp_connect(socket, "127.0.0.1", port);
+        EXPECT_TRUE(test::await(socket, test::watch::write));
     }
-    uint8_t room[512];
-    buf_t bytes{room, sizeof room, 0};
-    EXPECT_TRUE(test::await(socket, test::watch::read));
-    const int count = net_tcp_recv(socket, bytes);
-    return count <= 0 ? "closed" : std::string(reinterpret_cast<char*>(room), bytes.length);
+    /// What it is answered next; "closed" at the end of the connection.
+    std::string ask(std::string text = "") const {
+        net_tcp_send_buffer(socket, {reinterpret_cast<uint8_t*>(text.data()), static_cast<uint32_t>(text.size())});
+        uint8_t room[1024];
+        buf_t bytes{room, sizeof room, 0};
+        EXPECT_TRUE(test::await(socket, test::watch::read));
+        const int count = net_tcp_recv(socket, bytes);
+        return count <= 0 ? "closed" : std::string(reinterpret_cast<char*>(room), bytes.length);
+    }
+    const test::tcp_socket socket;
+};
+
+/// What it is answered after it has sent all pieces.
+std::string answer(uint16_t port, std::initializer_list<std::string> pieces) {
+    const player one(port);
+    for (std::string piece : pieces) {
+        net_tcp_send_buffer(one.socket,
+                            {reinterpret_cast<uint8_t*>(piece.data()), static_cast<uint32_t>(piece.size())});
+    }
+    return one.ask();
 }
 
 TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
@@ -87,6 +102,53 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
     station.stop();
     ASSERT_TRUE(station.start());
     EXPECT_EQ(answer(port, {"ECHO again"}), "ECHO again");
+}
+
+TEST(Station, PortsOfAGroupAreFreeAgainWhenItsStreamHasEnded) {
+    media::station station;
+    auto* const rtsp = media::rtsp_service({.port = 0, .multicast = "239.81.7.4", .multicast_port = 65530});
+    ASSERT_TRUE(station.add(rtsp) && station.start());
+    for (const char* name : {"first", "second"}) {
+        media::stream* const stream = station.add_stream(name);
+        ASSERT_TRUE(stream->declare(media::kind_t::audio, {.fcc = av::fcc_pcmu}));
+        const std::string url = " rtsp://127.0.0.1/" + std::string(name);
+        const auto set_up = [&] {
+            const player one(rtsp->port());
+            one.ask("DESCRIBE" + url + " RTSP/1.0\r\nCSeq: 1\r\n\r\n");
+            return one.ask("SETUP" + url + "/audio RTSP/1.0\r\nCSeq: 2\r\nTransport: RTP/AVP;multicast\r\n\r\n");
+        };
+        // There is room for one group: the second waits until the first player's end has been seen.
+        std::string told;
+        for (int i = 0; i < 1000 && !told.starts_with("RTSP/1.0 200"); ++i, core_sleep(10))
+            told = set_up();
+        EXPECT_NE(told.find("port=65530-65531"), std::string::npos) << told;
+        station.remove_stream(stream);
+    }
+}
+
+TEST(Station, ClientsAndWatchersShareThePlacesOfAThread) {
+    media::station station;
+    auto* const rtsp = media::rtsp_service({.port = 0});
+    ASSERT_TRUE(station.add(rtsp) && station.start());
+    net::nt_ctx* const nt = station.thread_at(0).nt();
+    const std::string options = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+    media::stream* const into = media::stream::create("fetched", {}, CORE_HERE);
+    media::watcher watcher("rtsp://127.0.0.1:1/live", {.transport = media::transport_t::udp, .nt = nt});
+    watcher.into(*into);
+    net::net_nt_take_places(nt, net::nt_places - 8);
+    ASSERT_TRUE(watcher.start());
+    const player first(rtsp->port());
+    EXPECT_EQ(first.ask(options).substr(0, 15), "RTSP/1.0 200 OK");
+    media::watcher late("rtsp://127.0.0.1:1/live", {.nt = nt});
+    EXPECT_FALSE(late.start());
+    const player second(rtsp->port());
+    EXPECT_EQ(second.ask(options).substr(0, 15), "RTSP/1.0 200 OK");
+    EXPECT_EQ(first.ask(), "closed");
+    watcher.stop();
+    EXPECT_TRUE(late.start());
+    late.stop();
+    EXPECT_EQ(net::net_nt_take_places(nt, 0), net::nt_places - 7);
+    media::stream::drop(into);
 }
 
 /// Counts the frames of a stream on a thread.

@@ -1,5 +1,6 @@
 #include "media/stream.h"
 
+#include "rtsp_service/approach.h"
 #include "stream/inside.h"
 #include "support/fault.h"
 #include "support/frames.h"
@@ -315,6 +316,50 @@ TEST_F(Stream, ReadersOnManyThreadsLoseNothingWhileOthersComeAndGo) {
         }
         EXPECT_EQ(seen, pictures);
     });
+}
+
+TEST_F(Stream, APlayerComesUpAtFourTimesThePaceAndLeavesOutWhatIsTooLate) {
+    using step_t = media::rtsp::approach::step_t;
+    media::rtsp::approach way;
+    // Waits as milliseconds, frames as f.
+    const auto look = [&](int steps) {
+        std::string seen;
+        while (steps-- > 0) {
+            const step_t step = way.look(clock_now);
+            if (step == step_t::wait) seen += std::to_string((way.due() - clock_now) / 1000);
+            if (step == step_t::wait) clock_now = way.due();
+            if (step == step_t::frame) seen += 'f';
+            if (step == step_t::frame) way.take();
+            if (step == step_t::present) return seen + "P";
+            if (step == step_t::lost) return seen + "L";
+            if (step == step_t::ended) return seen + "E";
+        }
+        return seen;
+    };
+    const auto play = [&](int pictures) {
+        for (key(); pictures > 0; --pictures) {
+            clock_now += 40'000;
+            picture();
+        }
+    };
+    play(3);
+    ASSERT_TRUE(way.begin(*stream_, true, clock_now));
+    EXPECT_EQ(way.first_time(), clock_now - 120'000);
+    EXPECT_EQ(look(100), "f10f10f10fP");
+    play(3);
+    EXPECT_EQ(look(3), "fff");         // ahead of the pace, which counts from the first one
+    clock_now += second + second / 5;  // a second later than at the beginning is too late
+    EXPECT_EQ(look(100), "L");
+    picture();
+    EXPECT_EQ(look(100), "P");
+    stream_->gap();
+    clock_now += 10 * second;  // the pace counts anew
+    play(1);
+    EXPECT_EQ(look(100), "f10fP");
+    stream_->end();
+    EXPECT_EQ(look(100), "E");
+    ASSERT_TRUE(way.begin(*stream_, false, clock_now));
+    EXPECT_EQ(way.first_time(), 0U);
 }
 
 }  // namespace

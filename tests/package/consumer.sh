@@ -29,6 +29,10 @@ for name in camera watcher; do
         "$source_dir/README.md" >"$work/consumer/$name.cpp"
     cmp "$work/consumer/$name.cpp" "$source_dir/examples/$name.cpp"
 done
+if (($(wc -l <"$work/consumer/camera.cpp") > 40 || $(wc -l <"$work/consumer/watcher.cpp") > 30)); then
+    echo "an example is too long to be read at once"
+    exit 1
+fi
 clip=$source_dir/apps/camera/clip/clip.h264
 # A player begins with one of the key pictures.
 ffmpeg -nostdin -loglevel error -i "$clip" -vf "select='eq(pict_type,I)'" -fps_mode passthrough "$work/key%d.png"

@@ -161,7 +161,7 @@ void acknowledge_wake(nt_ctx& nt) noexcept {
     const int fd = nt.wake_rd;
     if (fd >= 0 && nt.sets.found(fd)) {
         uint8_t drained[1024];
-        platform::receive_bytes(fd, drained, nullptr);
+        nt.has_bell ? platform::quiet_bell(fd) : static_cast<void>(platform::receive_bytes(fd, drained, nullptr));
     }
     nt.wake_ordered.exchange(false);
 }
@@ -233,13 +233,13 @@ void watch_socket(nt_ctx& nt, socket_ctx& socket) noexcept {
 void open_wake_pair(nt_ctx& nt) noexcept {
     if (nt.wake_rd >= 0) return;
     int fds[2];
-    nt.has_local_pair = false;
     if (now_us() >= nt.wake_retry) {
         nt.wake_retry = now_us() + second;
-        nt.has_local_pair = platform::open_local_pair(fds);
-        if (!nt.has_local_pair) nt.wake_pair.begin();
+        fds[0] = fds[1] = platform::open_bell();
+        nt.has_bell = fds[0] >= 0;
+        if (!nt.has_bell) nt.wake_pair.begin();
     }
-    if (!nt.has_local_pair) {
+    if (!nt.has_bell) {
         if (!nt.wake_pair.has_begun() || nt.wake_pair.finish(fds, nt.file, nt.line) != 1) return;
         socket_options(fds[0]);
         socket_options(fds[1]);
@@ -300,8 +300,9 @@ nt_ctx::~nt_ctx() {
     release_pending<timer_ctx>(new_timers);
     release_pending<command_ctx>(new_commands);
     release_pending<queued_call>(calls);
+    if (has_bell) platform::close_socket(wake_rd);
     for (const int fd : {wake_rd.load(), wake_wr.load()}) {
-        if (fd >= 0) has_local_pair ? platform::close_socket(fd) : net_socket_close(fd);
+        if (fd >= 0 && !has_bell) net_socket_close(fd);
     }
 }
 
@@ -319,8 +320,9 @@ void loop_body(void* arg, thread_ctx* thread) noexcept {
 void wake_loop(nt_ctx& nt) noexcept {
     if (nt.wake_ordered.exchange(true) || on_loop_thread(nt)) return;
     const int fd = nt.wake_wr;
+    if (fd < 0) return;
     constexpr uint8_t zero[1] = {};
-    if (fd >= 0) platform::send_bytes(fd, zero, nullptr);
+    nt.has_bell ? platform::ring_bell(fd) : static_cast<void>(platform::send_bytes(fd, zero, nullptr));
 }
 
 void release_context(nt_ctx* nt) noexcept { core::destroy(nt); }

@@ -37,15 +37,17 @@ struct nt_ctx {
     int line;
     std::atomic<thread_ctx*> thread = nullptr;
 
-    // The wake pair: -1 until the loop has made it. A waker first sets `wake_ordered` and writes a byte only when it
-    // was clear, so at most one byte waits. The loop does not wait while the flag is set, which also covers a wake that
+    // The wake pair, or the bell: -1 until the loop has made it. A waker first sets `wake_ordered`, and writes a byte
+    // only when it was clear, so at most one byte waits. The loop does not wait while the flag is set, which also covers a wake that
     // came before the pair, or whose byte was not written yet.
     std::atomic<int> wake_rd = -1;
     std::atomic<int> wake_wr = -1;
     std::atomic<bool> wake_ordered = false;
     loopback_pair wake_pair;         // the loop's own, until the two are there
     int64_t wake_retry = INT64_MIN;  // when the loop may begin to make it again, in microseconds
-    bool has_local_pair = false;     // by platform::open_local_pair()
+    bool has_bell = false;           // wake_rd and wake_wr are one, by platform::open_bell()
+
+    std::atomic<uint32_t> places = 0;  // taken: net_nt_take_places()
 
     // From any thread to the loop.
     slist* new_sockets;

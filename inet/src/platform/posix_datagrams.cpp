@@ -70,21 +70,29 @@ public:
     size_t datagrams(int messages) const noexcept {
         size_t count = 0;
         for (int i = 0; i < messages; ++i)
-            count += headers_[i].msg_hdr.msg_iovlen;
+            count += counts_[i];
         return count;
     }
 
 private:
     void add(std::span<const datagram_t> run, iovec* pieces) noexcept {
-        std::ranges::transform(run, pieces, [](const datagram_t& each) {
-            return iovec{const_cast<uint8_t*>(each.data), each.size};  // the kernel reads it
-        });
+        size_t count = 0;  // of pieces: neighbours in memory are one
+        for (const datagram_t& each : run) {
+            auto* const data = const_cast<uint8_t*>(each.data);  // the kernel reads it
+            iovec* const last = count ? &pieces[count - 1] : nullptr;
+            if (last && static_cast<uint8_t*>(last->iov_base) + last->iov_len == data) {
+                last->iov_len += each.size;
+            } else {
+                pieces[count++] = {data, each.size};
+            }
+        }
         msghdr& header = headers_[messages_].msg_hdr;
         header = {};
         header.msg_name = const_cast<sockaddr_in*>(run.front().to);
         header.msg_namelen = run.front().to ? sizeof(sockaddr_in) : 0;
         header.msg_iov = pieces;
-        header.msg_iovlen = run.size();
+        header.msg_iovlen = count;
+        counts_[messages_] = run.size();
         if (run.size() > 1) cut(header, static_cast<uint16_t>(run.front().size));
         ++messages_;
     }
@@ -104,6 +112,7 @@ private:
     };
 
     size_t messages_ = 0;
+    size_t counts_[max_messages];  // of datagrams
     mmsghdr headers_[max_messages];
     iovec pieces_[max_pieces];
     control_room controls_[max_messages];

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <netinet/tcp.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -142,8 +143,12 @@ bool set_blocking(int fd, bool on) noexcept {
     return flags >= 0 && fcntl(fd, F_SETFL, on ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) >= 0;
 }
 
-bool open_local_pair(int fds[2]) noexcept {
-    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds) == 0;
+int open_bell() noexcept { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }
+void ring_bell(int fd) noexcept { eventfd_write(fd, 1); }
+
+void quiet_bell(int fd) noexcept {
+    eventfd_t rung;
+    eventfd_read(fd, &rung);
 }
 
 // Two sockets share a UDP port only when both carry the option, and the system's choice of a free port, too, takes

@@ -43,9 +43,11 @@ enum class option { keep_alive, no_delay, reuse_address, receive_buffer, ttl, mu
 bool set_option(int fd, option which, int value) noexcept;
 bool set_blocking(int fd, bool on) noexcept;
 
-/// A connected, non-blocking pair within the process that costs less than one by way of the network; false where the
-/// system has none.
-bool open_local_pair(int fds[2]) noexcept;
+/// A descriptor that is readable from ring_bell() until quiet_bell(), closed by close_socket(). It costs less than a pair
+/// of sockets. @return -1 where the system has none
+int open_bell() noexcept;
+void ring_bell(int fd) noexcept;
+void quiet_bell(int fd) noexcept;
 
 /// Before bind: nobody else will share the port, whatever options they set. The second is for TCP listeners, whose port
 /// can be bound again while connections of the one before are fading away.

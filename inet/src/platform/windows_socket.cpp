@@ -252,9 +252,11 @@ bool set_blocking(int fd, bool on) noexcept {
     return ioctlsocket(handle_of(fd), static_cast<long>(FIONBIO), &non_blocking) == 0;
 }
 
-// Sharing would let anybody take the port over; the option is refused while reuse is on.
-bool open_local_pair(int[2]) noexcept { return false; }
+int open_bell() noexcept { return -1; }
+void ring_bell(int) noexcept {}
+void quiet_bell(int) noexcept {}
 
+// Sharing would let anybody take the port over; the option is refused while reuse is on.
 bool set_exclusive(int fd) noexcept {
     return set_option(fd, option::reuse_address, 0) && set(fd, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, BOOL{TRUE});
 }

@@ -27,6 +27,7 @@ public:
     void stamp(trak_t& trak) noexcept;
     void set_channel(uint8_t channel) noexcept;
     void set_address(const sockaddr_in& to) noexcept { address_ = to; }
+    void join_messages() noexcept;
 
     const trak_t* trak() const noexcept { return trak_; }
     bool is_document() const noexcept { return is_document_; }
@@ -37,14 +38,17 @@ public:
 
 private:
     void on_rtp_event(Rtp* rtp, event_t::enum_t event) noexcept override;
-    void clear() noexcept { bytes_.length = count_ = 0; }
+    void clear() noexcept { bytes_.length = joined_.length = count_ = 0; }
     bool remember() noexcept;
     void set_payload_type(uint8_t pt) noexcept;
+    template <class Write>
+    void each_packet(Write write) noexcept;
 
     Rtp packer_;
     trak_t* trak_;
     buf_t bytes_;     // the packets, each behind its framing
     buf_t messages_;  // a datagram_t for each
+    buf_t joined_;    // the packets without framing, once they are asked for as datagrams
     uint32_t count_ = 0;
     sockaddr_in address_{};
     bool out_of_memory_ = false;
@@ -76,6 +80,7 @@ Packets::insides::insides(const char* file, int line) noexcept
 Packets::insides::~insides() {
     core_buf_free(&bytes_);
     core_buf_free(&messages_);
+    core_buf_free(&joined_);
 }
 
 bool Packets::insides::cut(const av::frame_t* frame) noexcept {
@@ -125,23 +130,41 @@ void Packets::insides::stamp(trak_t& trak) noexcept {
 
     uint8_t stream[8];  // timestamp and SSRC
     put32(put32(stream, trak.rtp_time), trak.ssrc);
-    uint16_t seq = trak.seq;
-    uint8_t* packet = bytes_.data + interleaved_header;
-    for (const datagram_t& message : messages()) {
-        std::memcpy(put16(packet + 2, seq++), stream, sizeof stream);
-        packet += message.size + interleaved_header;
-    }
-    trak.seq = seq;
+    each_packet([&](uint8_t* packet, uint32_t index) {
+        std::memcpy(put16(packet + 2, trak.seq + index), stream, sizeof stream);
+    });
+    trak.seq = static_cast<uint16_t>(trak.seq + count_);
     trak.packets += count_;
     trak.octets += bytes_.length - count_ * interleaved_header;
 }
 
+// Those behind their framing, and those without, where somebody takes them.
+template <class Write>
+void Packets::insides::each_packet(Write write) noexcept {
+    const auto all = [&](uint8_t* packet, uint32_t between) {
+        for (uint32_t i = 0; const datagram_t& message : messages()) {
+            write(packet, i++);
+            packet += message.size + between;
+        }
+    };
+    all(bytes_.data + interleaved_header, interleaved_header);
+    if (joined_.length) all(joined_.data, 0);
+}
+
 void Packets::insides::set_payload_type(uint8_t pt) noexcept {
     pt_ = pt;
-    uint8_t* packet = bytes_.data + interleaved_header;
-    for (const datagram_t& message : messages()) {
-        packet[1] = static_cast<uint8_t>((packet[1] & marker) | pt);
-        packet += message.size + interleaved_header;
+    each_packet([&](uint8_t* packet, uint32_t) { packet[1] = static_cast<uint8_t>((packet[1] & marker) | pt); });
+}
+
+// The system takes one piece faster than many. Without memory it has them where they stand.
+void Packets::insides::join_messages() noexcept {
+    const uint32_t size = bytes_.length - count_ * interleaved_header;
+    if (joined_.length || !core_buf_respace(&joined_, size, file_, line_)) return;
+    auto* const messages = reinterpret_cast<datagram_t*>(messages_.data);
+    for (uint32_t i = 0; i < count_; ++i) {
+        uint8_t* const to = joined_.data + joined_.length;
+        core_buf_read(&joined_, messages[i].data, messages[i].size);
+        messages[i].data = to;
     }
 }
 
@@ -190,6 +213,7 @@ void Packets::set_channel(uint8_t channel) noexcept {
 const datagram_t* Packets::datagrams(const sockaddr_in& to) noexcept {
     if (!insides_) return nullptr;
     insides_->set_address(to);
+    insides_->join_messages();
     return insides_->messages().data();
 }
 

@@ -24,8 +24,9 @@
 /// A client may change from one way to the other when cursor::position() equals thread::position().
 ///
 /// Bounds for one thread:
-///     clients        500, less the places() that clients take beyond one: the network thread watches 512 descriptors.
-///                    One client more replaces the oldest idle() client
+///     clients        500, less the places() that clients take beyond one, and the places of watchers that run on the
+///                    thread (media/watcher.h): it watches 512 descriptors. One client more replaces the oldest idle()
+///                    client
 ///     first bytes    4096 bytes and ten seconds for each connection that is not claimed yet
 ///
 /// All virtual calls come from the thread of the client or part, except port(), claims() and addresses(), which come
@@ -71,7 +72,7 @@ public:
     virtual bool idle() const noexcept = 0;
     /// True when it is sent a stream.
     virtual bool watching() const noexcept = 0;
-    /// Number of descriptors that it watches.
+    /// Number of descriptors that it watches, at most. Asked once.
     virtual uint32_t places() const noexcept { return 1; }
 
 protected:

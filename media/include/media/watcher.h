@@ -24,6 +24,8 @@
 ///     time to answer    watcher::settings_t::timeout for the connection and all answers together
 ///     silence           the same, between two packets
 ///     name look-up      one at a time, on a thread of its own
+///     places            of settings_t::nt, from start() to stop() (net::nt_places): 1 for the connection, 2 for those
+///                       over HTTP; over UDP 7 when it pushes into a stream, else 17
 #pragma once
 
 #include "avc/frame.h"
@@ -153,7 +155,7 @@ public:
     void on_event(void (*event)(void* arg, const watch_event_t& what), void* arg) noexcept;
 
     /// Starts the watcher, also again after stop() or when it has ended. @return 1, also when it runs already; 0 with a
-    /// reason in `error`
+    /// reason in `error`, such as a network thread without enough places
     int start(failure_t* error = nullptr) noexcept;
     /// Ends now. A playing source is told; its answer is not awaited.
     void stop() noexcept;

@@ -105,7 +105,7 @@ private:
     live* live_ = nullptr;
     whole_pictures pictures_;
 
-    group* shared_ = nullptr;                         ///< of the stream, with multicast
+    group* shared_ = nullptr;                         ///< of the stream, with multicast; held
     bool sharing_ = false;                            ///< counted as one of its players
     ::rtp::trak_t shared_traks_[rtsp3::max_traks]{};  ///< what the session tells of the shared streams
 

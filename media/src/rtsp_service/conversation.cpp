@@ -84,8 +84,8 @@ void client_t::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noexcep
 }
 
 void client_t::leave_stream() noexcept {
-    count_sharing();
-    shared_ = nullptr;
+    if (std::exchange(sharing_, false)) shared_->remove_player();
+    if (shared_) std::exchange(shared_, nullptr)->release();
     describing_ = 0;
     await_news();
     wanting_.close();
@@ -158,7 +158,7 @@ void client_t::set_up() noexcept {
 }
 
 void client_t::share(const rtsp3::trak_t& trak) noexcept {
-    shared_ = stream_ ? owner_.of().group_of(*stream_) : nullptr;
+    if (stream_ && !shared_) shared_ = owner_.of().group_of(*stream_);
     const int index = shared_ ? shared_->index_of(trak.fcc) : -1;
     if (index < 0) {
         rtsp_->send_setup(nullptr, 0);

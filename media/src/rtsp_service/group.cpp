@@ -28,7 +28,10 @@ public:
     ~driver() override { group_.close(); }
 
     uint64_t serve(uint64_t now) noexcept override { return group_.serve(now); }
-    void second() noexcept override {}
+    void second() noexcept override {
+        retired_ = group_.retire();
+        if (retired_) finish();
+    }
     void finish() noexcept override { finished_ = true; }
     bool finished() const noexcept override { return finished_; }
     bool idle() const noexcept override { return false; }
@@ -37,6 +40,7 @@ public:
 
 private:
     group& group_;
+    core::owned_object<group> retired_;  ///< the same, once it is nobody else's
     bool finished_ = false;
 };
 
@@ -138,10 +142,16 @@ void group::on_report(void* arg, uint32_t) noexcept {
 void group::add_player() noexcept {
     if (players_++ != 0) return;
     const auto wake = [](thread& on, void* arg) {
-        const group* self = static_cast<group*>(arg);
+        auto* self = static_cast<group*>(arg);
         if (self->driver_) on.wake(*self->driver_);
+        self->release();
     };
-    thread_.call(wake, this);
+    keep();
+    if (!thread_.call(wake, this)) release();
+}
+
+core::owned_object<group> group::retire() noexcept {
+    return stream_.status().ended ? service_.take_out(*this) : nullptr;
 }
 
 /// The first packets bring a report, as a player that comes now knows none.

@@ -16,7 +16,8 @@ namespace media::rtsp {
 int open_sender(const char* via) noexcept;
 
 /// The shared streams of a stream. They begin with a key picture when the first player comes, and rest when the last
-/// one has gone. The service owns it; a client of the first thread drives it.
+/// one has gone. The service owns it; a client of the first thread drives it, and ends it when the stream has ended and
+/// nobody holds it: its ports are free then.
 class group final : public reader, private ::rtp::IRtp {
 public:
     /// @param port  for RTP of the first track; the next one is that for RTCP, and so on
@@ -29,6 +30,10 @@ public:
     // Any thread
 
     const stream& of() const noexcept { return stream_; }
+    /// Who uses it holds it: by service_t::group_of(), and until release().
+    void keep() noexcept { ++holds_; }
+    void release() noexcept { --holds_; }
+    bool is_held() const noexcept { return holds_ != 0; }
     void add_player() noexcept;
     void remove_player() noexcept { --players_; }
     /// Place of the track of that format; -1 when there is none.
@@ -49,6 +54,8 @@ public:
     void close() noexcept;
     /// @return as client::serve()
     uint64_t serve(uint64_t now) noexcept;
+    /// @return itself, for the caller to end, when its stream has ended and nobody holds it; else null
+    core::owned_object<group> retire() noexcept;
     uint32_t places() const noexcept { return 1 + static_cast<uint32_t>(track_count_); }
 
 private:
@@ -96,6 +103,7 @@ private:
     uint64_t sent_ = 0;
     std::array<uint64_t, kind_count> last_{};      ///< media times of the last frames,
     std::array<uint64_t, kind_count> expected_{};  ///< and when those to come are shown
+    std::atomic<uint32_t> holds_ = 0;
     std::atomic<uint32_t> players_ = 0;
     std::atomic<uint64_t> next_time_ = 0;
     std::array<std::atomic<uint16_t>, kind_count> next_seq_{};

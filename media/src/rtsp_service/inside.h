@@ -59,11 +59,15 @@ public:
 
     const rtsp_settings_t& settings() const noexcept { return settings_; }
     tunnels& open_tunnels() noexcept { return tunnels_; }
-    /// The multicast streams of a stream, made at their first use; null without multicast or when it cannot be. Any
-    /// thread.
+    /// The multicast streams of a stream, made at their first use, and held once more; null without multicast or when it
+    /// cannot be. Any thread.
     group* group_of(stream& of) noexcept;
+    /// Gives it to the caller, unless somebody holds it.
+    core::owned_object<group> take_out(const group& which) noexcept;
 
 private:
+    uint32_t free_group_port() const noexcept;
+
     rtsp_settings_t settings_;
     core::owned_text user_;
     core::owned_text password_;
@@ -75,7 +79,6 @@ private:
 
     std::mutex groups_lock_;
     core::vector<core::owned_object<group>> groups_;
-    uint32_t next_group_port_ = 0;
 };
 
 }  // namespace media::rtsp

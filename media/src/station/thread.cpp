@@ -227,6 +227,7 @@ void thread::inside::erase_finished() noexcept {
             continue;
         }
         const std::unique_ptr<client> gone = std::move(clients[i].served);
+        net::net_nt_take_places(nt, -static_cast<int32_t>(clients[i].places));
         clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(i));
         --load;
     }
@@ -234,14 +235,14 @@ void thread::inside::erase_finished() noexcept {
 
 /// Who watches is not driven out by who only connects.
 bool thread::inside::make_place(uint32_t wanted) noexcept {
-    uint32_t taken = wanted;
+    uint32_t taken = wanted + net::net_nt_take_places(nt, 0);
     for (const client_record& each : clients)
-        taken += each.served->finished() ? 0 : each.served->places();
-    while (taken > most_places) {
+        taken -= each.served->finished() ? each.places : 0;
+    while (taken > net::nt_places) {
         const auto idle = std::ranges::find_if(
             clients, [](const client_record& each) { return !each.served->finished() && each.served->idle(); });
         if (idle == clients.end()) return false;
-        taken -= std::min(taken, idle->served->places());
+        taken -= std::min(taken, idle->places);
         idle->served->finish();
         face.sweep();
     }
@@ -266,13 +267,15 @@ part* thread::part(const service& of) const noexcept {
 
 int thread::add(client* taken) noexcept {
     inside& in = *inside_;
-    if (!taken || !in.nt || in.closing || !in.make_place(taken->places())) return 0;
+    const uint32_t places = taken ? taken->places() : 0;
+    if (!taken || !in.nt || in.closing || !in.make_place(places)) return 0;
     try {
         in.clients.reserve(in.clients.size() + 1);
-        in.clients.push_back({std::unique_ptr<client>(taken), 1});
+        in.clients.push_back({std::unique_ptr<client>(taken), 1, places});
     } catch (const std::bad_alloc&) {
         return 0;
     }
+    net::net_nt_take_places(in.nt, static_cast<int32_t>(places));
     ++in.load;
     in.order_tick(core_timer());
     return 1;

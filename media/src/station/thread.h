@@ -12,9 +12,6 @@
 
 namespace media {
 
-/// Clients of a thread and what they watch, at most; the network thread keeps some descriptors for itself.
-inline constexpr uint32_t most_places = 500;
-
 /// A stream that is followed on a thread: read once for all its readers.
 struct feed {
     cursor place;
@@ -55,7 +52,8 @@ struct thread::inside final : net::Thread {
 
     struct client_record {
         std::unique_ptr<client> served;
-        uint64_t due;  ///< by core_timer(); 0 for not due
+        uint64_t due;     ///< by core_timer(); 0 for not due
+        uint32_t places;  ///< that it has taken
     };
     struct part_record {
         service* of;

@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string_view>
 
@@ -69,7 +70,22 @@ bool address_t::move(const address_t& from, const char* url) noexcept {
 struct name_lookup::job_t {
     char text[256] = "";  ///< the name, then the address
     std::atomic<state_t> now = state_t::running;
+    std::mutex lock;  ///< of `done`
+    net::command_ctx* done = nullptr;
+
+    void end(state_t with) noexcept {
+        const std::lock_guard held(lock);
+        now = with;
+        net::net_nt_command_exec(done);
+    }
 };
+
+void name_lookup::tell(net::command_ctx* done) noexcept {
+    done_ = done;
+    if (!job_) return;
+    const std::lock_guard held(job_->lock);
+    job_->done = done;
+}
 
 void name_lookup::begin(const char* host) noexcept {
     if (state() == state_t::running) return;
@@ -82,6 +98,7 @@ void name_lookup::begin(const char* host) noexcept {
             job_->now = state_t::found;
             return;
         }
+        job_->done = done_;
         auto shared = std::make_unique<std::shared_ptr<job_t>>(job_);
         if (core_thread_invoke(run, shared.get(), CORE_HERE)) {
             static_cast<void>(shared.release());  // run() takes it
@@ -98,12 +115,9 @@ void name_lookup::run(void* arg) noexcept {
     const std::unique_ptr<std::shared_ptr<job_t>> shared(static_cast<std::shared_ptr<job_t>*>(arg));
     job_t& todo = **shared;
     sockaddr_in address{};
-    if (net_addr_setup(address, todo.text, 0) != 0) {
-        todo.now = state_t::failed;
-        return;
-    }
+    if (net_addr_setup(address, todo.text, 0) != 0) return todo.end(state_t::failed);
     net_addr_ip(address, todo.text, sizeof todo.text);
-    todo.now = state_t::found;
+    todo.end(state_t::found);
 }
 
 name_lookup::state_t name_lookup::state() const noexcept { return job_ ? job_->now.load() : state_t::none; }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/owned.h"
+#include "inet/net_thread.h"
 
 #include <cstdint>
 #include <memory>
@@ -26,6 +27,8 @@ class name_lookup {
 public:
     enum class state_t { none, running, found, failed };
 
+    /// Has a command ordered when a look-up is done. Null ends that, before the command is destroyed.
+    void tell(net::command_ctx* done) noexcept;
     /// Begins, unless one runs. A dotted address is found at once.
     void begin(const char* host) noexcept;
     state_t state() const noexcept;
@@ -36,6 +39,7 @@ private:
     struct job_t;
     static void run(void* arg) noexcept;
 
+    net::command_ctx* done_ = nullptr;
     std::shared_ptr<job_t> job_;
 };
 

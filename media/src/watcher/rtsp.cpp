@@ -23,7 +23,6 @@ constexpr uint64_t longest_leave = second;
 /// After such a pause a frame whose packets end with a marker is not going to be continued.
 constexpr uint64_t pause = second;
 constexpr uint64_t tick_time = second / 10;
-constexpr uint64_t lookup_time = second / 100;
 
 /// Why there is no connection, where people can do something about it.
 const char* describe(int error) noexcept {
@@ -133,7 +132,7 @@ uint64_t rtsp_attempt::tick(uint64_t now) noexcept {
             end(result_);
         }
     }
-    return now + (stage_ == stage_t::connecting && !main_ ? lookup_time : tick_time);
+    return now + tick_time;
 }
 
 rtsp_attempt::pulse_t rtsp_attempt::feel() const noexcept {

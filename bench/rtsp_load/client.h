@@ -1,4 +1,4 @@
-// One viewer of the load: its dialog with the server and what it receives. All on one thread.
+// One client of the load: its dialog with the server and what it receives. All on one thread.
 #pragma once
 
 #include "stream.h"
@@ -14,7 +14,7 @@ namespace load {
 
 enum class transport_t : uint8_t { tcp, udp, http, multicast };
 
-/// What a viewer does with the server.
+/// What a client does with the server.
 enum class manner_t : uint8_t {
     watch,  ///< reads everything at once
     stall,  ///< stops reading after PLAY
@@ -48,16 +48,16 @@ private:
     int fd_ = -1;
 };
 
-class viewer {
+class client {
 public:
     enum class state_t : uint8_t { setting_up, playing, ended };
 
     /// Begins to connect; what happens on its sockets is told by `epoll` through its user data.
-    /// @param server  outlives the viewer
-    viewer(const target& server, manner_t manner, int epoll);
-    ~viewer();
-    viewer(const viewer&) = delete;
-    viewer& operator=(const viewer&) = delete;
+    /// @param server  outlives the client
+    client(const target& server, manner_t manner, int epoll);
+    ~client();
+    client(const client&) = delete;
+    client& operator=(const client&) = delete;
 
     /// Something happened on the socket with the given user data.
     /// @param scratch  room to read into, shared by the viewers of a thread
@@ -78,18 +78,18 @@ public:
     int64_t first_picture_delay() const { return video_.first_picture() ? video_.first_picture() - asked_ : -1; }
 
 private:
-    /// A socket with the viewer it belongs to, which is what the user data of its events points to.
+    /// A socket with the client it belongs to, which is what the user data of its events points to.
     struct source {
-        viewer* owner = nullptr;
+        client* owner = nullptr;
         descriptor fd;
         bool open = false;
     };
 
 public:
-    static viewer* owner_of(void* user_data) { return static_cast<source*>(user_data)->owner; }
+    static client* owner_of(void* user_data) { return static_cast<source*>(user_data)->owner; }
 
 private:
-    using step_t = void (viewer::*)(const std::string& response);
+    using step_t = void (client::*)(const std::string& response);
 
     bool connect(source& to);
     bool watch(source& what, uint32_t events);

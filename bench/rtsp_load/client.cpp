@@ -1,4 +1,4 @@
-#include "viewer.h"
+#include "client.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -119,7 +119,7 @@ bool resolve(const std::string& url, sockaddr_in& address) {
     return true;
 }
 
-viewer::viewer(const target& server, manner_t manner, int epoll)
+client::client(const target& server, manner_t manner, int epoll)
     : server_(server), manner_(manner), epoll_(epoll), video_(server.ticks), base_(server.url) {
     control_.owner = post_.owner = rtp_.owner = this;
     incoming_.on_packet = [this](uint8_t channel, bytes head, size_t length) {
@@ -129,12 +129,12 @@ viewer::viewer(const target& server, manner_t manner, int epoll)
     if (!connect(control_)) fail("cannot connect");
 }
 
-viewer::~viewer() {
+client::~client() {
     if (state_ != state_t::playing || manner_ != manner_t::watch) return;
     request("TEARDOWN", base_, {}, nullptr);
 }
 
-bool viewer::connect(source& to) {
+bool client::connect(source& to) {
     to.fd = make_socket(SOCK_STREAM);
     if (!to.fd) return false;
     if (manner_ == manner_t::stall) set_option(to.fd.get(), SOL_SOCKET, SO_RCVBUF, stalled_buffer);
@@ -144,7 +144,7 @@ bool viewer::connect(source& to) {
     return watch(to, EPOLLOUT);
 }
 
-bool viewer::watch(source& what, uint32_t events) {
+bool client::watch(source& what, uint32_t events) {
     epoll_event wanted{};
     wanted.events = events;
     wanted.data.ptr = &what;
@@ -152,7 +152,7 @@ bool viewer::watch(source& what, uint32_t events) {
            epoll_ctl(epoll_, EPOLL_CTL_MOD, what.fd.get(), &wanted) == 0;
 }
 
-void viewer::fail(const std::string& reason) {
+void client::fail(const std::string& reason) {
     if (state_ == state_t::ended) return;
     state_ = state_t::ended;
     reason_ = reason;
@@ -162,7 +162,7 @@ void viewer::fail(const std::string& reason) {
     rtp_.fd = descriptor();
 }
 
-void viewer::on_event(const void* user_data, uint32_t events, std::span<uint8_t> scratch, bool measuring) {
+void client::on_event(const void* user_data, uint32_t events, std::span<uint8_t> scratch, bool measuring) {
     if (state_ == state_t::ended) return;
     now_ = clock_now();
     measuring_ = measuring;
@@ -175,7 +175,7 @@ void viewer::on_event(const void* user_data, uint32_t events, std::span<uint8_t>
     if (recv(post_.fd.get(), scratch.data(), scratch.size(), 0) == 0) fail("POST closed by the server");
 }
 
-void viewer::on_open(source& opened) {
+void client::on_open(source& opened) {
     opened.open = true;
     if (!watch(opened, EPOLLIN)) return fail("out of watches");
     if (manner_ == manner_t::slow) {
@@ -188,19 +188,19 @@ void viewer::on_open(source& opened) {
                       "\r\nContent-Type: application/x-rtsp-tunnelled\r\nContent-Length: 32767\r\n\r\n");
     } else if (server_.transport == transport_t::http) {
         cookie_ = std::to_string(now_) + "x" + std::to_string(opened.fd.get());
-        next_ = &viewer::on_tunnel;
+        next_ = &client::on_tunnel;
         return send_text(opened.fd.get(), "GET " + path_of(server_.url) + " HTTP/1.0\r\nx-sessioncookie: " + cookie_ +
                                               "\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n");
     }
-    request("OPTIONS", server_.url, {}, &viewer::on_options);
+    request("OPTIONS", server_.url, {}, &client::on_options);
 }
 
-void viewer::on_tunnel(const std::string&) {
+void client::on_tunnel(const std::string&) {
     next_ = nullptr;
     if (!connect(post_)) fail("cannot connect");
 }
 
-void viewer::read_connection(std::span<uint8_t> scratch, bool) {
+void client::read_connection(std::span<uint8_t> scratch, bool) {
     const ssize_t count = recv(control_.fd.get(), scratch.data(), scratch.size(), 0);
     if (count == 0) return fail("closed by the server");
     if (count < 0) return errno == EAGAIN || errno == EINTR ? void() : fail(std::strerror(errno));
@@ -208,7 +208,7 @@ void viewer::read_connection(std::span<uint8_t> scratch, bool) {
     if (!incoming_.feed(bytes(scratch.data(), static_cast<size_t>(count)))) fail("no RTSP");
 }
 
-void viewer::read_datagrams(bool measuring) {
+void client::read_datagrams(bool measuring) {
     constexpr unsigned batch = 32;
     std::array<std::array<uint8_t, head_size>, batch> heads;
     std::array<iovec, batch> pieces;
@@ -226,7 +226,7 @@ void viewer::read_datagrams(bool measuring) {
     }
 }
 
-void viewer::read_uncut(std::span<uint8_t> scratch, bool measuring) {
+void client::read_uncut(std::span<uint8_t> scratch, bool measuring) {
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
     iovec piece{scratch.data(), scratch.size()};
     msghdr message{};
@@ -251,13 +251,13 @@ void viewer::read_uncut(std::span<uint8_t> scratch, bool measuring) {
     }
 }
 
-void viewer::send_text(int fd, const std::string& text) {
+void client::send_text(int fd, const std::string& text) {
     if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
         fail("the server takes no request");
     }
 }
 
-void viewer::request(const std::string& method, const std::string& url, const std::string& headers, step_t next) {
+void client::request(const std::string& method, const std::string& url, const std::string& headers, step_t next) {
     next_ = next;
     std::string text = method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(++sequence_) + "\r\n" + headers;
     if (!session_.empty()) text += "Session: " + session_ + "\r\n";
@@ -269,7 +269,7 @@ void viewer::request(const std::string& method, const std::string& url, const st
     }
 }
 
-void viewer::on_response(const std::string& response) {
+void client::on_response(const std::string& response) {
     if (state_ == state_t::ended) return;
     if (response.substr(0, response.find("\r\n")).find(" 200") == std::string::npos) {
         return fail("the server answers " + response.substr(0, response.find("\r\n")));
@@ -277,11 +277,11 @@ void viewer::on_response(const std::string& response) {
     if (next_) (this->*next_)(response);
 }
 
-void viewer::on_options(const std::string&) {
-    request("DESCRIBE", server_.url, "Accept: application/sdp\r\n", &viewer::on_describe);
+void client::on_options(const std::string&) {
+    request("DESCRIBE", server_.url, "Accept: application/sdp\r\n", &client::on_describe);
 }
 
-std::string viewer::wanted_transport() {
+std::string client::wanted_transport() {
     switch (server_.transport) {
         case transport_t::udp: {
             if (!make_pair(rtp_.fd, rtcp_) || !watch(rtp_, EPOLLIN)) return {};
@@ -296,18 +296,18 @@ std::string viewer::wanted_transport() {
     }
 }
 
-void viewer::on_describe(const std::string& response) {
+void client::on_describe(const std::string& response) {
     const std::string announced = header_value(response, "Content-Base");
     if (!announced.empty()) base_ = announced;
     const std::string control = video_control(response, base_);
     if (control.empty()) return fail("no video track is announced");
     const std::string transport = wanted_transport();
     if (transport.empty()) return fail("no pair of UDP ports");
-    request("SETUP", control, "Transport: " + transport + "\r\n", &viewer::on_setup);
+    request("SETUP", control, "Transport: " + transport + "\r\n", &client::on_setup);
 }
 
 /// Joins the group that the server named.
-bool viewer::join(const std::string& transport) {
+bool client::join(const std::string& transport) {
     ip_mreq group{};
     const std::string ports = parameter(transport, "port");
     uint16_t port = 0;
@@ -330,29 +330,29 @@ bool viewer::join(const std::string& transport) {
            setsockopt(rtp_.fd.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof(group)) == 0 && watch(rtp_, EPOLLIN);
 }
 
-void viewer::on_setup(const std::string& response) {
+void client::on_setup(const std::string& response) {
     session_ = header_value(response, "Session");
     session_.resize(std::min(session_.find(';'), session_.size()));
     if (server_.transport == transport_t::multicast && !join(header_value(response, "Transport"))) {
         return fail("cannot join the group");
     }
     asked_ = clock_now();
-    request("PLAY", base_, {}, &viewer::on_play);
+    request("PLAY", base_, {}, &client::on_play);
 }
 
-void viewer::on_play(const std::string&) {
+void client::on_play(const std::string&) {
     next_ = nullptr;
     state_ = state_t::playing;
     if (manner_ == manner_t::stall) epoll_ctl(epoll_, EPOLL_CTL_DEL, control_.fd.get(), nullptr);
 }
 
-void viewer::on_second() {
+void client::on_second() {
     if (state_ != state_t::playing) return;
     if (manner_ == manner_t::slow) return send_text(control_.fd.get(), "a");
     if (manner_ == manner_t::watch && ++seconds_ % keep_alive_seconds == 0) request("OPTIONS", base_, {}, nullptr);
 }
 
-bool viewer::was_dropped(std::span<uint8_t> scratch) {
+bool client::was_dropped(std::span<uint8_t> scratch) {
     if (state_ != state_t::playing) return true;
     for (;;) {
         const ssize_t count = recv(control_.fd.get(), scratch.data(), scratch.size(), 0);

@@ -1,4 +1,4 @@
-// The owner of an RTSP session as a viewer is one. Time stands.
+// The owner of an RTSP session as a client is one. Time stands.
 #pragma once
 
 #include "rtsp_owner.h"
@@ -16,7 +16,7 @@ inline void put(std::string& out, uint64_t value, int bytes) {
         out += static_cast<char>(value >> (8 * bytes));
 }
 
-class rtsp_viewer : public rtsp_end {
+class rtsp_client : public rtsp_end {
 public:
     std::string asked;           ///< all that was sent but reports
     uint16_t first_port = 7000;  ///< of every track; 0: there is none
