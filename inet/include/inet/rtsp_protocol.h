@@ -194,7 +194,8 @@ struct trak_t {
     // On rtsp_frame. Sender reports (RFC 3550, 6.4.1) tell which moment of the server's clock an RTP time is, so
     // ntp_time puts sound and picture on one clock.
     int64_t media_time;  ///< exact microseconds since the RTP time of RTP-Info. Without one they count from the first
-                         ///< frame of all tracks; the track's own first frame stands at the time of its arrival
+                         ///< frame of all tracks; the track's own first frame stands at the time of its arrival. So it
+                         ///< is for a time more than 10 s off. After a PAUSE all tracks go on from the furthest one
     uint64_t ntp_time;   ///< the server's clock, microseconds since 1970-01-01; 0 before the first report of the track
 };
 

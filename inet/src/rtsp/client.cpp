@@ -271,6 +271,7 @@ void client::failed(const char* method, unsigned status, const char* why) noexce
 
 void client::take_options(header_s* header) noexcept {
     if (step_ != step_t::options) return;
+    has_get_parameter_ = false;
     for (value_t* const* each = header->fields; each && *each; ++each) {
         const bool lists = core_strcasecmp((*each)->key, "Public") == 0 && (*each)->value;
         has_get_parameter_ = has_get_parameter_ || (lists && std::strstr((*each)->value, "GET_PARAMETER"));
