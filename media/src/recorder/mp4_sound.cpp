@@ -28,19 +28,19 @@ constexpr std::string_view elements_of[] = {"", "s", "p", "sp", "sps", "spp", "s
 core::vector<uint8_t> silent_frame(std::string_view elements) {
     core::vector<uint8_t> made;
     uint32_t size = 0;
-    const auto put = [&](uint32_t value, uint32_t count) {
+    const auto put = [&](uint64_t value, uint32_t count) {
         for (; count > 0; --count, ++size) {
             if (size % 8 == 0) made.push_back(0);
             made.back() = static_cast<uint8_t>(made.back() | (value >> (count - 1) & 1) << (7 - size % 8));
         }
     };
-    constexpr std::string_view kinds = "sp l";
-    constexpr uint32_t channel = 22;  // bits
+    constexpr std::string_view kinds = "sp l";  // by their numbers in the stream
+    constexpr uint32_t channel = 22;            // bits
     constexpr uint32_t end = 7;
     uint32_t numbers[kinds.size()] = {};
     for (const char each : elements) {
         const size_t kind = kinds.find(each);
-        put(static_cast<uint32_t>(kind), 3);
+        put(kind, 3);
         put(numbers[kind]++, 4);
         put(0, each == 'p' ? 1 + 2 * channel : channel);
     }
