@@ -70,7 +70,7 @@ protected:
         media::failure_t error;
         ASSERT_EQ(source_.start(&error), 1) << error.text;
         push_all();
-        url_ = "rtsp://127.0.0.1:" + std::to_string(service_->port()) + "/live";
+        url_ = "rtsp://localhost:" + std::to_string(service_->port()) + "/live";
     }
 
     /// Feeds the source until it holds.

@@ -232,18 +232,21 @@ void watch_socket(nt_ctx& nt, socket_ctx& socket) noexcept {
 // Begun again once a second until it is there; a pass never waits for it.
 void open_wake_pair(nt_ctx& nt) noexcept {
     if (nt.wake_rd >= 0) return;
-    int fds[2];
     if (now_us() >= nt.wake_retry) {
         nt.wake_retry = now_us() + second;
-        fds[0] = fds[1] = platform::open_bell();
-        nt.has_bell = fds[0] >= 0;
-        if (!nt.has_bell) nt.wake_pair.begin();
+        const int bell = platform::open_bell();
+        nt.has_bell = bell >= 0;
+        if (nt.has_bell) {
+            nt.wake_wr = bell;
+            nt.wake_rd = bell;
+            return;
+        }
+        nt.wake_pair.begin();
     }
-    if (!nt.has_bell) {
-        if (!nt.wake_pair.has_begun() || nt.wake_pair.finish(fds, nt.file, nt.line) != 1) return;
-        socket_options(fds[0]);
-        socket_options(fds[1]);
-    }
+    int fds[2];
+    if (!nt.wake_pair.has_begun() || nt.wake_pair.finish(fds, nt.file, nt.line) != 1) return;
+    socket_options(fds[0]);
+    socket_options(fds[1]);
     nt.wake_rd = fds[0];
     nt.wake_wr = fds[1];
 }
