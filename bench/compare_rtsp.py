@@ -3,7 +3,7 @@ import argparse
 
 from servers import Floor, GStreamer, Ours, clip_4m, cost, load, median
 
-CASES = [(viewers, transport) for transport in ("tcp", "udp", "udp-gro") for viewers in (50, 400)]
+TRANSPORTS = ("tcp", "udp", "udp-gro")
 
 
 def main():
@@ -11,21 +11,23 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=8, help="measured in each run, after a warm-up of 2")
     parser.add_argument("--no-peer", action="store_true", help="ours and bare sends alone")
+    parser.add_argument("--transport", nargs="+", choices=TRANSPORTS, default=TRANSPORTS)
     options = parser.parse_args()
+    cases = [(viewers, transport) for transport in options.transport for viewers in (50, 400)]
     kinds = [Ours, Floor] if options.no_peer else [Ours, Floor, GStreamer]
     video = clip_4m()
     results = {}
     for number in range(options.rounds):
-        for case in CASES:
+        for case in cases:
             # Who begins changes with the round.
             for kind in kinds[number % len(kinds):] + kinds[:number % len(kinds)]:
                 with kind(video) as server:
                     results.setdefault((kind, case), []).append(load(server, *case, options.seconds))
         print(f"round {number + 1} of {options.rounds} done", flush=True)
-    print_table(results, kinds)
+    print_table(results, cases, kinds)
 
 
-def print_table(results, kinds):
+def print_table(results, cases, kinds):
     with open("/proc/sys/net/ipv4/tcp_congestion_control", encoding="ascii") as file:
         congestion = file.read().strip()
     print("\nCPU seconds per GB served (RTP of a 4 Mbit/s stream); in brackets what the system took of it. Figures and "
@@ -39,7 +41,7 @@ def print_table(results, kinds):
     heads += [f"Missed, {names[each]}" for each in kinds if each is not Floor]
     print_row(heads)
     print_row(["---"] * len(heads))
-    for viewers, transport in CASES:
+    for viewers, transport in cases:
         of = {kind: results[kind, (viewers, transport)] for kind in kinds}
         row = [transport, str(viewers), costs(of[Ours])]
         for kind in kinds[1:]:
