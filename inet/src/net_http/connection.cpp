@@ -344,8 +344,8 @@ bool inside::send_front(Tcp* of, uint32_t& sent) noexcept {
 
 void inside::pump(Tcp* of) noexcept {
     uint32_t sent = 0;
-    while (is_current(of) && of->is_connected() && !finishing) {
-        if (!front) {
+    while (is_current(of) && of->is_connected()) {
+        if (!front && !finishing) {
             front.reset(static_cast<outgoing*>(slist_pop(queue)));
             front_sent = 0;
             if (front && front->expects) reader.expect(std::move(front->expects));
