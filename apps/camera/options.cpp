@@ -72,6 +72,8 @@ std::span<const option> table() {
         {"--bind", "ADDRESS", "address to listen on (127.0.0.1)", take_text(&options::bind)},
         {"--rtsp", "PORT", "RTSP port (8554); 0 takes a free one",
          [](options& o, std::string_view text) { return take_number(o.rtsp_port, text, 0, 65535); }},
+        {"--http", "PORT", "a page for browsers, JPEG pictures and the state on this port (none); 0 takes a free one",
+         [](options& o, std::string_view text) { return take_number(o.http_port.emplace(), text, 0, 65535); }},
         {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},
         {"--ttl", "N", "hops that multicast goes (1)",
          [](options& o, std::string_view text) { return take_number(o.ttl, text, 0, 255); }},
