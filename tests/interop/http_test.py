@@ -4,10 +4,11 @@ import re
 import socket
 import subprocess
 import tempfile
+import time
 from http.client import HTTPConnection
 from urllib.parse import urlsplit
 
-from peers import CameraCase, clip_file, ffmpeg, picture_hashes, position_in_loop, run
+from peers import FFMPEG, Camera, CameraCase, clip_file, ffmpeg, picture_hashes, position_in_loop, run
 
 
 class WebCase(CameraCase):
@@ -116,3 +117,29 @@ class WebAccess(WebCase):
             self.assertEqual(run("curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", "--digest", "-u",
                                  "admin:" + password, self.camera.web + "status.json"), status)
 
+
+class Sources(WebCase):
+    arguments = WebAccess.arguments
+
+    def test_pictures_that_are_fetched_over_http_go_out_over_rtsp(self):
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            theirs = f"http://127.0.0.1:{probe.getsockname()[1]}/"
+        peer = subprocess.Popen([*FFMPEG, "-re", "-stream_loop", "-1", "-framerate", "5", "-i", clip_file("clip_%02d.jpg"),
+                                 "-c", "copy", "-content_type", "multipart/x-mixed-replace;boundary=ffmpeg", "-f", "mpjpeg",
+                                 "-listen", "1", theirs], stderr=subprocess.DEVNULL)
+        self.addCleanup(peer.wait)
+        self.addCleanup(peer.kill)
+        ours = self.camera.web.replace("//", "//admin:right@") + "jpeg.mjpeg"
+        clip = picture_hashes("-i", clip_file("clip_%02d.jpg"))
+        with Camera("--source", "ours=" + ours, "--source", "theirs=" + theirs) as relay:
+            for name in ("ours", "theirs"):
+                seen = picture_hashes("-rtsp_transport", "tcp", "-t", "3", "-i", relay.url(name))
+                self.assertGreater(len(seen), 10)
+                self.assertIsNotNone(position_in_loop(seen, clip))
+            peer.kill()
+            self.stop_complaints(relay)
+
+    def stop_complaints(self, relay):
+        """The one that was killed is missed."""
+        while "theirs" not in relay.told():
+            time.sleep(0.05)
