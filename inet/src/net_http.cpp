@@ -90,6 +90,10 @@ unsigned net_http_second(http_ctx* ctx) noexcept {
     return tcp ? tcp->second() : 0;
 }
 
+void net_http_give_up(http_ctx* ctx) noexcept {
+    if (net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr) tcp->give_up();
+}
+
 uint64_t net_http_sent(const http_ctx* ctx) noexcept {
     const net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr;
     return tcp ? tcp->sent() : 0;

@@ -176,6 +176,9 @@ INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 /// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
 
+/// Has net_http_close() end the connection with a reset: for a peer that does not read (net::Tcp::give_up()).
+INET_API void net_http_give_up(net::http_ctx* ctx) noexcept;
+
 /// Bytes of this connection that were given to the system; 0 without a connection.
 INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 

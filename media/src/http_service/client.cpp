@@ -102,6 +102,7 @@ void client_t::second() noexcept {
     const bool stalls = net_http_second(http_) >= limits.stall;
     const bool is_quiet = !sending_ && !pictures_ && ++quiet_ > limits.timeout;
     const bool lingers = leaving_ > 0 && ++leaving_ > longest_leave;
+    if (stalls) net_http_give_up(http_);
     if (stalls || is_quiet || lingers) return finish();
     if (snapshot_ && ++waited_ > 5) {
         leave_pictures();
