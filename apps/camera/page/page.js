@@ -11,7 +11,7 @@ const plots = {
   frames: { of: (now, was, s) => (now.frames - was.frames) / s, text: (v) => v.toFixed(0) + " /s" },
 };
 
-const history = [];  // { time, services: { name: { viewers, rate, frames } } }
+const points = [];  // { time, services: { name: { viewers, rate, frames } } }
 const cards = new Map();
 let last = null;
 
@@ -124,8 +124,8 @@ function note(status) {
     services[service.name] = Object.fromEntries(
       Object.entries(plots).map(([name, plot]) => [name, Math.max(0, plot.of(service, before, seconds))]));
   }
-  history.push({ time: now.time, services });
-  if (history.length > mostPoints) history.shift();
+  points.push({ time: now.time, services });
+  if (points.length > mostPoints) points.shift();
 }
 
 function drawPlot(figure, name, services) {
@@ -138,9 +138,9 @@ function drawPlot(figure, name, services) {
   const style = getComputedStyle(document.documentElement);
   const pen = canvas.getContext("2d");
   pen.scale(scale, scale);
-  const values = history.flatMap((point) => Object.values(point.services).map((service) => service[name]));
+  const values = points.flatMap((point) => Object.values(point.services).map((service) => service[name]));
   const top = Math.max(1, ...values) * 1.1;
-  const x = (i) => width - (history.length - 1 - i) * (width / (mostPoints - 1));
+  const x = (i) => width - (points.length - 1 - i) * (width / (mostPoints - 1));
   const y = (value) => height - 2 - (value / top) * (height - 16);
   pen.strokeStyle = pen.fillStyle = style.getPropertyValue("--line");
   pen.lineWidth = 1;
@@ -157,12 +157,12 @@ function drawPlot(figure, name, services) {
     pen.strokeStyle = style.getPropertyValue(`--plot-${i % 5}`);
     pen.lineWidth = 2;
     pen.beginPath();
-    history.forEach((point, at) => {
+    points.forEach((point, at) => {
       if (point.services[service]) pen.lineTo(x(at), y(point.services[service][name]));
     });
     pen.stroke();
   });
-  const newest = history.at(-1);
+  const newest = points.at(-1);
   const sum = newest ? Object.values(newest.services).reduce((all, service) => all + service[name], 0) : 0;
   figure.querySelector("output").textContent = plots[name].text(sum);
 }
