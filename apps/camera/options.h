@@ -40,10 +40,10 @@ struct options {
     std::string bind = "127.0.0.1";
     uint16_t rtsp_port = 8554;
     std::optional<uint16_t> http_port;  ///< none: nothing is served over HTTP
-    std::string multicast;           ///< group; empty for no multicast
-    uint16_t multicast_port = 5004;  ///< of the first track's RTP; the others follow
-    uint8_t ttl = 1;                 ///< hops that multicast goes
-    apps::credentials login;         ///< that viewers need
+    std::string multicast;              ///< group; empty for no multicast
+    uint16_t multicast_port = 5004;     ///< of the first track's RTP; the others follow
+    uint8_t ttl = 1;                    ///< hops that multicast goes
+    apps::credentials login;            ///< that viewers need
     unsigned threads = 1;
     start_t start = start_t::key;
     uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a viewer

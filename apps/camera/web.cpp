@@ -56,7 +56,7 @@ std::string json_of(const char* text) {
     return '"' + std::string(encoded ? encoded.get() : "") + '"';
 }
 
-/// The value of a label, as Prometheus reads it.
+/// The value of a label in the text form of metrics.
 std::string label_of(std::string_view text) {
     std::string out;
     for (const char c : text) {

@@ -129,7 +129,7 @@ INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned po
 
 // Queueing. Each returns 1, or 0 when nothing was queued:
 //   - memory is out,
-//   - header and body pass 4 GiB,
+//   - the bytes with their header pass 4 GiB,
 //   - a request's header has 8192 bytes or more, or
 //   - a response answers no request, or one that has its answer.
 // A response with a header of 8192 bytes or more is sent as a 500 without a body, and the connection then ends. When a

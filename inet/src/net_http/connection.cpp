@@ -268,7 +268,6 @@ bool inside::print(const http::header_s& header, outgoing& message, bool bodyles
         core_buf_free(&message.own);
         message.body = {};
     }
-    if (uint64_t{size} + message.own.length + message.body.size > UINT32_MAX) return false;
     buf_t whole;
     if (!core_buf_resize(&whole, size + message.own.length, file, line)) return false;
     core_buf_read(&whole, text, size);
@@ -280,7 +279,7 @@ bool inside::print(const http::header_s& header, outgoing& message, bool bodyles
 }
 
 int inside::send(const http::header_s* header, owned_outgoing message) noexcept {
-    if (!message) return 0;
+    if (!message || uint64_t{message->own.length} + message->body.size > UINT32_MAX - header_room) return 0;
     if (!header) return queue_up(std::move(message), false) ? 1 : 0;
     const bool answers = header->status >= 200;
     auto was = answer_t::asked;
