@@ -4,6 +4,7 @@
 #include "options.h"
 #include "program.h"
 #include "sources.h"
+#include "web.h"
 
 #include "core/array.h"
 #include "core/memory.h"
@@ -39,9 +40,12 @@ std::vector<std::string> reachable(const std::string& bind) {
     return found;
 }
 
-void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, uint16_t port) {
+/// @param http  0 for none
+void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, uint16_t port,
+                     uint16_t http) {
     const std::vector<std::string> hosts = reachable(settings.bind);
     for (const std::string& host : hosts) {
+        if (http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{http});
         for (const std::string& each : paths)
             std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, each.c_str());
     }
@@ -107,9 +111,11 @@ int serve(const camera::options& settings) {
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
-    if (!station.add(rtsp, &why) || !station.start(&why) || !fetched.start(why)) return fail(why.text);
+    camera::web web(station);
+    if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, why))) return fail(why.text);
+    if (!station.start(&why) || !fetched.start(why)) return fail(why.text);
     if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
-    print_addresses(paths, settings, rtsp->port());
+    print_addresses(paths, settings, rtsp->port(), web.port());
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");

@@ -42,7 +42,8 @@ bool take_reconnect(options& o, std::string_view text) {
 
 std::span<const option> table() {
     static const option all[] = {
-        {"URI", "", "one rtsp://[user:password@]host[:port]/path; user and password percent-coded, no IPv6", take_uri},
+        {"URI", "", "one rtsp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
+         take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
         {"-o", "FILE", "write to a .mp4, .h264, .wav, .jpg or .txt file, or to - ; may be given again for another one",
@@ -104,7 +105,7 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
 }
 
 std::string usage() {
-    return "inet-viewer: receives a stream over RTSP\n\nusage: inet-viewer [OPTION]... rtsp://...\n\n" +
+    return "inet-viewer: receives a stream over RTSP or HTTP\n\nusage: inet-viewer [OPTION]... rtsp://...\n\n" +
            apps::describe_options(table()) + std::string(explanations);
 }
 

@@ -1,5 +1,6 @@
 #include "inet/net_http_auth.h"
 
+#include "auth/challenge.h"
 #include "auth/digest.h"
 #include "auth/grammar.h"
 #include "scan.h"
@@ -265,6 +266,17 @@ char* net_http_authenticate(const char* user, const char* password, const char* 
 int http_header_authenticate_base(header_s* header, const char* user, const char* password) noexcept {
     const owned_text value(basic_value(scan::text(user), scan::text(password), CORE_HERE));
     return put_answer(header, "Authorization", value.get());
+}
+
+int http_header_authorize(header_s* request, const header_s* refusal, const char* user, const char* password) noexcept {
+    auth::challenge asked;
+    if (!request || !refusal || !asked.take(refusal)) return 0;
+    const std::string_view uri = scan::text(request->uri);
+    const owned_text target(core_sprintf(CORE_HERE, "%s%.*s", uri.starts_with('/') ? "" : "/", width(uri), start(uri)));
+    if (!target) return 0;
+    const owned_text value =
+        asked.answer(scan::text(user), scan::text(password), scan::text(request->method), target.get());
+    return value && http_header_put(request, "Authorization", value.get()) ? 1 : 0;
 }
 
 int http_header_authenticate(header_s* header, const char* user, const char* password, const char* method,

@@ -6,6 +6,7 @@
 #include "inet/net_socket.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <utility>
 
@@ -101,6 +102,8 @@ struct Tcp::inside {
     void lose(int error) noexcept;
     void watch_writability(bool wanted) noexcept;
     bool count(int result) noexcept;
+    // Read by the loop while another thread that destroys the connection takes it.
+    socket_ctx* watched_socket() noexcept { return std::atomic_ref(socket).load(); }
 
     // What every send looks at, in one line of the cache.
     Tcp own{this};
@@ -112,6 +115,7 @@ struct Tcp::inside {
 
     bool writing = false;
     int failure = 0;
+    int broken = 0;  ///< why nothing can be sent any more
     const char* file;
     int line;
     Tcp* face = &own;  ///< null once destroyed, from inside one of its own calls
@@ -175,7 +179,7 @@ void Tcp::set_reading(int wanted) noexcept {
     inside& in = *inside_;
     if (in.reading == (wanted != 0)) return;
     in.reading = wanted != 0;
-    if (in.socket) net_nt_socket_set(in.nt, in.socket, in.reading, in.writing);
+    net_nt_socket_set(in.nt, in.watched_socket(), in.reading, in.writing);
 }
 void Tcp::set_output_limit(uint32_t bytes) noexcept { inside_->output_limit = bytes; }
 
@@ -192,7 +196,7 @@ void Tcp::inside::unwatch() noexcept {
     socket_ctx* taken = nullptr;
     {
         const std::lock_guard held(watched);
-        taken = std::exchange(socket, nullptr);
+        taken = std::atomic_ref(socket).exchange(nullptr);
     }
     net_nt_socket_rem(nt, taken);
 }
@@ -265,9 +269,10 @@ void Tcp::inside::connected() noexcept {
     if (up) watch_writability(out.length != 0 || left != 0);
 }
 
+// It stays registered until it is destroyed: who does that on another thread waits for this call.
 void Tcp::inside::lose(int error) noexcept {
     up = false;
-    unwatch();
+    net_nt_socket_set(nt, watched_socket(), 0, 0);
     if (handler) handler->on_tcp_closed(face, error);
 }
 
@@ -277,8 +282,11 @@ void Tcp::inside::end() noexcept {
 }
 
 void Tcp::inside::receive() noexcept {
-    // What does not read is told of nothing but a reset.
-    if (!reading) return lose(net_socket_get_error(fd));
+    // Told of something else in this pass. What does not read is told of nothing but a reset.
+    if (!reading) {
+        if (const int error = net_socket_get_error(fd)) lose(error);
+        return;
+    }
     if (in.length == in.size) return lose(socket_error_no_buffers);
     const int result = net_tcp_recv(fd, in);
     if (result == 0) return end();
@@ -300,20 +308,26 @@ void Tcp::inside::show() noexcept {
 
 void Tcp::show_received() noexcept { inside_->show(); }
 
-// A connection that fails shows as readable, and is lost then.
+// A connection that failed shows as readable and writable. While nothing is read, its writability tells.
 bool Tcp::inside::count(int result) noexcept {
     if (result > 0) sent += static_cast<uint64_t>(result);
+    if (result < 0 && socket_get_error_code() != socket_error_would_block) {
+        broken = socket_get_error_code();
+        watch_writability(true);
+    }
     return result > 0;
 }
 
 void Tcp::inside::watch_writability(bool wanted) noexcept {
+    wanted = wanted || broken;
     if (writing == wanted) return;
     writing = wanted;
-    net_nt_socket_set(nt, socket, reading, wanted);
+    net_nt_socket_set(nt, watched_socket(), reading, wanted);
 }
 
 void Tcp::inside::write() noexcept {
-    if (out.length) count(net_tcp_send(fd, out));
+    if (out.length && !broken) count(net_tcp_send(fd, out));
+    if (broken) return lose(broken);
     watch_writability(out.length != 0 || left != 0);
     if (out.length == 0 && handler) handler->on_tcp_writable(face);
 }
@@ -331,7 +345,7 @@ int Tcp::send(buffer_t bytes) noexcept {
 
 uint32_t Tcp::lend(buffer_t bytes) noexcept {
     inside& in = *inside_;
-    if (!in.up || in.out.length != 0 || in.left != 0 || bytes.size == 0) return 0;
+    if (!in.up || in.broken || in.out.length != 0 || in.left != 0 || bytes.size == 0) return 0;
     const int result = platform::send_bytes(in.fd, {bytes.data, bytes.size}, nullptr);
     return in.count(result) ? static_cast<uint32_t>(result) : 0;
 }
@@ -339,7 +353,7 @@ uint32_t Tcp::lend(buffer_t bytes) noexcept {
 void Tcp::flush(buf_t& own) noexcept {
     inside& in = *inside_;
     if (!in.up) return;
-    if (own.length && in.out.length == 0) in.count(net_tcp_send(in.fd, own));
+    if (own.length && in.out.length == 0 && !in.broken) in.count(net_tcp_send(in.fd, own));
     in.left = own.length;
     in.watch_writability(in.left != 0 || in.out.length != 0);
 }
@@ -347,7 +361,7 @@ void Tcp::flush(buf_t& own) noexcept {
 uint32_t Tcp::offer(buffer_t first, buffer_t second) noexcept {
     inside& in = *inside_;
     if (!in.up) return 0;
-    const int result = platform::send_pieces(in.fd, first, second);
+    const int result = in.broken ? 0 : platform::send_pieces(in.fd, first, second);
     const uint32_t went = in.count(result) ? static_cast<uint32_t>(result) : 0;
     in.left = first.size + second.size - went;
     in.watch_writability(in.left != 0);

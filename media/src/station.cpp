@@ -227,6 +227,12 @@ bool station::inside::find_ports() noexcept {
             }
             (*found)->services.push_back(each.get());
         }
+        for (const auto& port : ports) {
+            for (const auto& each : services) {
+                const bool own = std::ranges::find(port->services, each.get()) != port->services.end();
+                if (each->visits() && !own) port->visitors.push_back(each.get());
+            }
+        }
         return true;
     } catch (const std::bad_alloc&) {
         return false;
@@ -403,6 +409,7 @@ station::totals_t station::totals() const noexcept {
     for (const auto& each : inside_->threads) {
         sum.watching += each->counters.watching;
         sum.bytes += each->counters.bytes;
+        sum.frames += each->counters.frames;
         sum.dropped += each->counters.dropped;
     }
     return sum;

@@ -4,6 +4,7 @@
 #include "media/watcher.h"
 
 #include "watcher/address.h"
+#include "watcher/http.h"
 #include "watcher/rtsp.h"
 
 #include "core/thread.h"
@@ -292,7 +293,10 @@ void watcher::inside::start_attempt() noexcept {
     }
     set_state(state_t::connecting);
     tell({.what = watch_event_t::connecting});
-    attempt.reset(core::create<fetch::rtsp_attempt>(CORE_HERE, order, *this));
+    if (address.is_http)
+        attempt.reset(core::create<fetch::http_attempt>(CORE_HERE, order, *this));
+    else
+        attempt.reset(core::create<fetch::rtsp_attempt>(CORE_HERE, order, *this));
     if (attempt) return attempt->start();
     pause({outcome_t::failed, "no memory"}, core_timer());
 }

@@ -67,4 +67,28 @@ TEST(Tcp, CountsTheSecondsOfEachStallByThemselves) {
     });
 }
 
+TEST(Tcp, IsLostWhenItFailsWhileNothingIsRead) {
+    struct owner_t final : ITcp, test::callback {
+        void on_tcp_received(Tcp*, buf_t*) noexcept override {}
+        void on_tcp_writable(Tcp* tcp) noexcept override { tcp->offer({bytes, sizeof bytes}, {}); }
+        void on_tcp_closed(Tcp*, int) noexcept override { run(static_cast<test::callback*>(this)); }
+        uint8_t bytes[1000] = {};
+    } owner;
+    const auto [ours, theirs] = test::socket_pair::open();
+    test::tcp_socket there(theirs);
+    socket_options(ours);
+    const test::network_thread nt;
+    Tcp* tcp = Tcp::create(CORE_HERE);
+    nt.run([&, fd = ours] {
+        tcp->set_handler(&owner);
+        tcp->set_reading(0);
+        ASSERT_EQ(tcp->take(nt, fd, {}), 0);
+        while (tcp->offer({owner.bytes, sizeof owner.bytes}, {}) > 0) {
+        }
+    });
+    there.close();  // what it did not read makes it a reset
+    EXPECT_TRUE(owner.reaches(1));
+    Tcp::destroy(tcp);
+}
+
 }  // namespace

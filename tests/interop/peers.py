@@ -41,6 +41,8 @@ class Camera:
             found = re.search(r"rtsp://\S+/(\w+)", line)
             if found:
                 self.urls[found.group(1)] = found.group(0)
+            if line.startswith("http://"):
+                self.web = line.strip()
             if line.startswith("ready"):
                 return
         self.__exit__(None, None, None)

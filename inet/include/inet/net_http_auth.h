@@ -31,6 +31,12 @@ INET_API int http_header_authenticate_base(net::http::header_s* header, const ch
 INET_API int http_header_authenticate(net::http::header_s* header, const char* user, const char* password,
                                       const char* method, const char* uri, const char* challenge) noexcept;
 
+/// Appends an "Authorization" field to a request: the answer to the WWW-Authenticate fields of a response, read by RFC
+/// 7235 and RFC 7616. The first Digest challenge that can be computed is answered, else a Basic one.
+/// @return 1; 0 when there is neither, or memory is out: the request is then as before
+INET_API int http_header_authorize(net::http::header_s* request, const net::http::header_s* refusal, const char* user,
+                                   const char* password) noexcept;
+
 // Server
 
 /// Parameters of a Digest answer; those that are missing are null.

@@ -75,7 +75,8 @@ INET_API void bandwidth_set(net::bandwidth_t& budget, unsigned bits_per_second) 
 
 /// Bytes that may be sent now; 0xffffffff without a limit. The first call starts the period and returns a second's
 /// budget. A later call moves a period that is over on by one second, but only when its budget was used up. Unused
-/// budget stays available.
+/// budget stays available. From the second call on the result is the budget since the period's start less the used
+/// bytes, modulo 2^32: it wraps when more was used than the time that has passed allows.
 INET_API unsigned bandwidth_available(net::bandwidth_t& budget) noexcept;
 /// Counts bytes that were sent.
 INET_API void bandwidth_commit(net::bandwidth_t& budget, unsigned n) noexcept;

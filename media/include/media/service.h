@@ -51,6 +51,7 @@ class thread;
 struct counters_t {
     std::atomic<uint32_t> watching = 0;  ///< clients that are sent a stream; counted once a second
     std::atomic<uint64_t> bytes = 0;     ///< sent
+    std::atomic<uint64_t> frames = 0;    ///< pictures sent, counted for each client
     std::atomic<uint64_t> dropped = 0;   ///< pictures left out for clients that do not keep up
 };
 
@@ -118,6 +119,8 @@ public:
     /// Tells the service the port that the system chose.
     virtual void set_port(uint16_t port) noexcept = 0;
     virtual bool listens() const noexcept { return true; }
+    /// Whether its claims() are also asked on the ports of other services, before theirs. Its port() is not changed.
+    virtual bool visits() const noexcept { return false; }
     /// Tells from the first bytes whether a connection is the service's. `more` asks for more bytes, up to 4096. It is
     /// not called for a service that is alone on its port.
     virtual claim_t claims(buffer_t first) const noexcept = 0;

@@ -70,6 +70,7 @@ public:
     struct totals_t {
         uint32_t watching;
         uint64_t bytes;
+        uint64_t frames;
         uint64_t dropped;
     };
     /// Sum of the counters of all threads; 0 while it does not run.

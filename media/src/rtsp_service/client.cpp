@@ -212,7 +212,10 @@ void client_t::send(const entry_t& entry, ::rtp::Packets* packets) noexcept {
     const rtsp3::trak_t* const trak = trak_of(entry.frame.fcc);
     if (!trak || !trak->set_up || trak->shared) return;
     const auto pass_on = [&] { return packets && send_packets(*packets, *trak); };
-    if (!pictures_.pass(entry, pass_on)) ++owner_.on().count().dropped;
+    if (!pictures_.pass(entry, pass_on))
+        ++owner_.on().count().dropped;
+    else if (entry.kind == kind_t::video)
+        ++owner_.on().count().frames;
 }
 
 const rtsp3::trak_t* client_t::trak_of(uint32_t fcc) const noexcept {

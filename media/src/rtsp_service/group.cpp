@@ -213,7 +213,10 @@ void group::send(const entry_t& entry) noexcept {
         rtp_->pack(*packets);
         return true;
     };
-    if (!pictures_.pass(entry, pass_on)) ++thread_.count().dropped;
+    if (!pictures_.pass(entry, pass_on))
+        ++thread_.count().dropped;
+    else if (entry.kind == kind_t::video)
+        ++thread_.count().frames;
     thread_.count().bytes += sent_;
     // The next frame is expected where this one and the last one of its kind lead. A kind that rests leads to the past.
     const auto kind = static_cast<size_t>(entry.kind);

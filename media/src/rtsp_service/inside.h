@@ -51,6 +51,7 @@ public:
     uint16_t port() const noexcept override { return port_; }
     void set_port(uint16_t port) noexcept override { port_ = port; }
     claim_t claims(buffer_t first) const noexcept override;
+    bool visits() const noexcept override { return true; }
     int open(station& of, failure_t* error) noexcept override;
     part* make_part(thread& on, failure_t* error) noexcept override;
     client* take(thread& on, net::Tcp*& from) noexcept override;

@@ -75,10 +75,15 @@ void live::on_entry(read_t what, const entry_t& entry) noexcept {
     const auto kind = static_cast<size_t>(entry.kind);
     prepared_ = false;
     passing_ = true;
+    uint32_t direct = 0;
     for (size_t i = 0; i < places_.size(); ++i) {
         place_t& place = places_[i];
         if (usual && i + 2 < places_.size()) fetch_ahead(places_[i + 1], places_[i + 2], kind);
-        if (usual && place.direct && (!place.tracks[kind] || send(place, kind, *packets))) continue;
+        if (usual && place.direct && !place.tracks[kind]) continue;
+        if (usual && place.direct && send(place, kind, *packets)) {
+            ++direct;
+            continue;
+        }
         client_t* const one = place.one;
         if (!one) continue;
         if (what == read_t::ended) one->finish();
@@ -91,6 +96,7 @@ void live::on_entry(read_t what, const entry_t& entry) noexcept {
         if (place.one) one->look(place);
     }
     passing_ = false;
+    if (entry.kind == kind_t::video) owner_.on().count().frames += direct;
     drop_left();
 }
 

@@ -49,16 +49,28 @@ public:
 private:
     void on_tcp_received(net::Tcp*, buf_t* received) noexcept override {
         if (finished_) return;
-        for (service* each : port_.services) {
-            const claim_t claim = each->claims({received->data, received->length});
-            if (claim == claim_t::more && received->length < received->size) return;
-            if (claim != claim_t::yes) continue;
+        for (const auto* each : {&port_.visitors, &port_.services}) {
+            const asked_t asked = ask(*each, *received);
+            if (asked.waits) return;
+            if (!asked.found) continue;
             // The place is free before the client asks for it.
             finish();
             connection_->set_handler(nullptr);
-            return hand_over(thread_, *each, std::move(connection_));
+            return hand_over(thread_, *asked.found, std::move(connection_));
         }
         finish();
+    }
+    struct asked_t {
+        service* found;
+        bool waits;
+    };
+    static asked_t ask(const core::vector<service*>& services, const buf_t& received) noexcept {
+        for (service* each : services) {
+            const claim_t claim = each->claims({received.data, received.length});
+            if (claim == claim_t::yes) return {each, false};
+            if (claim == claim_t::more && received.length < received.size) return {nullptr, true};
+        }
+        return {nullptr, false};
     }
     void on_tcp_closed(net::Tcp*, int) noexcept override { finish(); }
 
@@ -73,7 +85,7 @@ private:
 
 void receive_at(thread& on, const port_services& port, int fd, const sockaddr_in& peer) noexcept {
     owned_tcp connection(net::Tcp::create(CORE_HERE));
-    const bool single = port.services.size() == 1;
+    const bool single = port.services.size() == 1 && port.visitors.empty();
     if (connection && !single) connection->set_room(most_first_bytes);
     if (!on.nt() || !connection || connection->take(on.nt(), fd, peer) != 0) return net_socket_close(fd);
     if (single) return hand_over(on, *port.services.front(), std::move(connection));

@@ -10,6 +10,7 @@ namespace media {
 struct port_services {
     uint16_t port = 0;
     core::vector<service*> services;
+    core::vector<service*> visitors;  ///< of other ports, asked first
     net::tcp_ctx* listener = nullptr;
     void* owner = nullptr;  ///< the station
 };

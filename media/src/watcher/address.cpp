@@ -19,8 +19,14 @@ namespace media::fetch {
 
 namespace {
 
-constexpr std::string_view scheme = "rtsp://";
+constexpr std::string_view rtsp_scheme = "rtsp://";
+constexpr std::string_view http_scheme = "http://";
 constexpr uint16_t rtsp_port = 554;
+constexpr uint16_t http_port = 80;
+
+bool has_scheme(const char* url, std::string_view scheme) noexcept {
+    return core_strncasecmp(url, scheme.data(), static_cast<uint32_t>(scheme.size())) == 0;
+}
 
 bool take_port(std::string_view text, uint16_t& port) noexcept {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
@@ -30,40 +36,71 @@ bool take_port(std::string_view text, uint16_t& port) noexcept {
 }  // namespace
 
 // The user-info ends where the RTSP session ends it, at the last '@'.
-bool address_t::set(const char* url, const char* user, const char* password) noexcept {
-    if (!url || core_strncasecmp(url, scheme.data(), static_cast<uint32_t>(scheme.size())) != 0) return false;
+bool address_t::set(const char* url, const char* name, const char* secret) noexcept {
+    if (!url) return false;
+    is_http = has_scheme(url, http_scheme);
+    if (!is_http && !has_scheme(url, rtsp_scheme)) return false;
+    const std::string_view scheme = is_http ? http_scheme : rtsp_scheme;
     const std::string_view place = std::string_view(url).substr(scheme.size());
     const size_t authority_size = std::min(place.find_first_of("/?"), place.size());
     const std::string_view authority = place.substr(0, authority_size);
     const std::string_view server = authority.substr(authority.rfind('@') + 1);
     const size_t colon = std::min(server.find(':'), server.size());
-    port = rtsp_port;
+    port = is_http ? http_port : rtsp_port;
     if (colon == 0 || colon >= sizeof host || server.front() == '[') return false;
     if (colon < server.size() && !take_port(server.substr(colon + 1), port)) return false;
     *std::copy_n(server.begin(), colon, host) = 0;
-    if (!user) {
+    if (is_http) {
+        const size_t at = authority.rfind('@');
+        const std::string_view login = at == std::string_view::npos ? "" : authority.substr(0, at);
+        return set_http(place.substr(authority_size), login, name, secret);
+    }
+    if (!name) {
         uri.reset(core_strdup(url, CORE_HERE));
         return uri != nullptr;
     }
-    const core::owned_text name(uri_encode(user, CORE_HERE));
-    const core::owned_text secret(uri_encode(password ? password : "", CORE_HERE));
-    if (!name || !secret) return false;
-    uri.reset(core_sprintf(CORE_HERE, "%s%s:%s@%s", scheme.data(), name.get(), secret.get(), server.data()));
+    const core::owned_text coded_name(uri_encode(name, CORE_HERE));
+    const core::owned_text coded_secret(uri_encode(secret ? secret : "", CORE_HERE));
+    if (!coded_name || !coded_secret) return false;
+    uri.reset(
+        core_sprintf(CORE_HERE, "%s%s:%s@%s", scheme.data(), coded_name.get(), coded_secret.get(), server.data()));
     return uri != nullptr;
 }
 
 bool address_t::move(const address_t& from, const char* url) noexcept {
+    if (!url || !has_scheme(url, rtsp_scheme)) return false;
     core::owned_text old(core_strdup(from.uri.get(), CORE_HERE));  // it may be this one
     char old_host[sizeof host];
     std::snprintf(old_host, sizeof old_host, "%s", from.host);
     if (!old || !set(url, nullptr, nullptr)) return false;
-    const std::string_view place = std::string_view(old.get()).substr(scheme.size());
+    const std::string_view place = std::string_view(old.get()).substr(rtsp_scheme.size());
     const size_t login_end = place.substr(0, place.find_first_of("/?")).rfind('@');
-    const bool has_own = std::string_view(uri.get()).substr(scheme.size()).substr(0, std::strlen(host)) != host;
+    const bool has_own = std::string_view(uri.get()).substr(rtsp_scheme.size()).substr(0, std::strlen(host)) != host;
     if (login_end == std::string_view::npos || has_own || core_strcasecmp(host, old_host) != 0) return true;
-    uri.reset(core_sprintf(CORE_HERE, "%s%.*s@%s", scheme.data(), static_cast<int>(login_end), place.data(),
-                           url + scheme.size()));
+    uri.reset(core_sprintf(CORE_HERE, "%s%.*s@%s", rtsp_scheme.data(), static_cast<int>(login_end), place.data(),
+                           url + rtsp_scheme.size()));
     return uri != nullptr;
+}
+
+/// @param place  what follows the authority. A fragment is the browser's own, and a space or a control would break the
+/// request
+bool address_t::set_http(std::string_view place, std::string_view login, const char* name,
+                         const char* secret) noexcept {
+    place = place.substr(0, place.find('#'));
+    if (std::ranges::any_of(place, [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; }))
+        return false;
+    target.reset(core_sprintf(CORE_HERE, "%s%.*s", place.starts_with('/') ? "" : "/", static_cast<int>(place.size()),
+                              place.data()));
+    const size_t colon = std::min(login.find(':'), login.size());
+    if (name) {
+        user.reset(core_strdup(name, CORE_HERE));
+        password.reset(core_strdup(secret ? secret : "", CORE_HERE));
+    } else if (!login.empty()) {
+        user.reset(uri_decode(login.data(), login.data() + colon, CORE_HERE));
+        const std::string_view rest = login.substr(std::min(colon + 1, login.size()));
+        password.reset(uri_decode(rest.data(), rest.data() + rest.size(), CORE_HERE));
+    }
+    return target && (!(name || !login.empty()) || (user && password));
 }
 
 // Not of the library's counted memory: a look-up that the system does not end may outlive the program's work.

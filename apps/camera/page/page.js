@@ -1,0 +1,199 @@
+// The page of the camera: pictures, addresses, and what the services send. It asks for /status.json once a second.
+"use strict";
+
+const mostLive = 4;          // browsers open six connections to a host; two are left for the rest
+const snapshotEvery = 2000;  // milliseconds
+const mostPoints = 120;      // seconds that a plot shows
+
+const plots = {
+  viewers: { of: (now) => now.viewers, text: (v) => String(v) },
+  rate: { of: (now, was, s) => ((now.bytes - was.bytes) * 8) / s / 1e6, text: (v) => v.toFixed(1) + " Mbit/s" },
+  frames: { of: (now, was, s) => (now.frames - was.frames) / s, text: (v) => v.toFixed(0) + " /s" },
+};
+
+const points = [];  // { time, services: { name: { viewers, rate, frames } } }
+const cards = new Map();
+let last = null;
+
+const element = (id) => document.getElementById(id);
+
+function setState(state, text) {
+  element("state").dataset.state = state;
+  element("state").textContent = text;
+}
+
+async function copyText(text, button) {
+  let copied = false;
+  try {
+    await navigator.clipboard.writeText(text);
+    copied = true;
+  } catch {
+    // Without HTTPS there is no clipboard: the text is selected and copied the old way.
+    const range = document.createRange();
+    range.selectNodeContents(button.previousElementSibling);
+    const selection = getSelection();
+    selection.removeAllRanges();
+    selection.addRange(range);
+    copied = document.execCommand("copy");
+  }
+  button.textContent = copied ? "Copied" : "Selected";
+  setTimeout(() => { button.textContent = "Copy"; }, 1500);
+}
+
+function addressItem(address) {
+  const item = element("address").content.firstElementChild.cloneNode(true);
+  const button = item.querySelector("button");
+  item.querySelector("code").textContent = address;
+  button.setAttribute("aria-label", "Copy " + address);
+  button.addEventListener("click", () => copyText(address, button));
+  return item;
+}
+
+function makeCard(name) {
+  const root = element("stream").content.firstElementChild.cloneNode(true);
+  root.querySelector("h3").textContent = name;
+  element("streams").append(root);
+  return { root, image: root.querySelector("img"), note: root.querySelector(".picture p"), shown: "", mode: "" };
+}
+
+// A live picture keeps a connection; a snapshot asks again when the one before has come.
+function showPicture(card, stream, mode) {
+  const { image, note } = card;
+  image.alt = "Picture of " + stream.name;
+  if (card.mode === mode) return;
+  card.mode = mode;
+  clearTimeout(card.timer);
+  image.onload = image.onerror = null;
+  if (mode === "none") {
+    image.removeAttribute("src");
+    image.hidden = true;
+    note.hidden = false;
+    note.textContent = "No JPEG pictures in this stream. A player shows it by the addresses below.";
+    return;
+  }
+  note.textContent = "waiting for a picture";
+  const base = "/" + encodeURIComponent(stream.name).replaceAll("%2F", "/");
+  const shows = (yes) => { image.hidden = !yes; note.hidden = yes; };
+  const again = () => { card.timer = setTimeout(ask, snapshotEvery); };
+  const ask = () => { image.src = base + (mode === "live" ? ".mjpeg" : ".jpg") + "?" + Date.now(); };
+  image.onload = () => { shows(true); if (mode === "snapshot") again(); };
+  image.onerror = () => { shows(false); again(); };
+  ask();
+}
+
+function formatText(formats) {
+  const parts = [];
+  const { video, audio, meta } = formats;
+  if (video) parts.push(video.format + (video.width ? ` ${video.width}×${video.height}` : ""));
+  if (audio) parts.push(audio.format + (audio.rate ? ` ${audio.rate / 1000} kHz` : ""));
+  if (meta) parts.push("metadata");
+  return parts.join(" · ") || "waiting for the source";
+}
+
+function showStreams(streams) {
+  let live = 0;
+  const names = new Set(streams.map((stream) => stream.name));
+  for (const [name, card] of cards) {
+    if (names.has(name)) continue;
+    card.root.remove();
+    cards.delete(name);
+  }
+  for (const stream of streams) {
+    if (!cards.has(stream.name)) cards.set(stream.name, makeCard(stream.name));
+    const card = cards.get(stream.name);
+    const text = JSON.stringify([stream.formats, stream.addresses]);
+    if (card.shown !== text) {
+      card.shown = text;
+      card.root.querySelector(".formats").textContent = formatText(stream.formats);
+      card.root.querySelector(".addresses").replaceChildren(...stream.addresses.map(addressItem));
+    }
+    const jpeg = stream.formats.video && stream.formats.video.format === "JPEG";
+    showPicture(card, stream, !jpeg ? "none" : live++ < mostLive ? "live" : "snapshot");
+  }
+}
+
+function note(status) {
+  const now = { time: status.time, services: status.services };
+  const was = last;
+  last = now;
+  if (!was || now.time <= was.time) return;
+  const seconds = (now.time - was.time) / 1e6;
+  const services = {};
+  for (const service of now.services) {
+    const before = was.services.find((each) => each.name === service.name) || service;
+    services[service.name] = Object.fromEntries(
+      Object.entries(plots).map(([name, plot]) => [name, Math.max(0, plot.of(service, before, seconds))]));
+  }
+  points.push({ time: now.time, services });
+  if (points.length > mostPoints) points.shift();
+}
+
+function drawPlot(figure, name, services) {
+  const canvas = figure.querySelector("canvas");
+  const scale = devicePixelRatio || 1;
+  const width = canvas.clientWidth;
+  const height = canvas.clientHeight;
+  canvas.width = width * scale;
+  canvas.height = height * scale;
+  const style = getComputedStyle(document.documentElement);
+  const pen = canvas.getContext("2d");
+  pen.scale(scale, scale);
+  const values = points.flatMap((point) => Object.values(point.services).map((service) => service[name]));
+  const top = Math.max(1, ...values) * 1.1;
+  const x = (i) => width - (points.length - 1 - i) * (width / (mostPoints - 1));
+  const y = (value) => height - 2 - (value / top) * (height - 16);
+  pen.strokeStyle = pen.fillStyle = style.getPropertyValue("--line");
+  pen.lineWidth = 1;
+  for (const share of [0, 0.5, 1]) {
+    pen.beginPath();
+    pen.moveTo(0, y(top / 1.1 * share));
+    pen.lineTo(width, y(top / 1.1 * share));
+    pen.stroke();
+  }
+  pen.fillStyle = style.getPropertyValue("--quiet");
+  pen.font = "12px system-ui, sans-serif";
+  pen.fillText(plots[name].text(top / 1.1), 2, 11);
+  services.forEach((service, i) => {
+    pen.strokeStyle = style.getPropertyValue(`--plot-${i % 5}`);
+    pen.lineWidth = 2;
+    pen.beginPath();
+    points.forEach((point, at) => {
+      if (point.services[service]) pen.lineTo(x(at), y(point.services[service][name]));
+    });
+    pen.stroke();
+  });
+  const newest = points.at(-1);
+  const sum = newest ? Object.values(newest.services).reduce((all, service) => all + service[name], 0) : 0;
+  figure.querySelector("output").textContent = plots[name].text(sum);
+}
+
+function drawPlots() {
+  const services = last ? last.services.map((service) => service.name) : [];
+  element("legend").replaceChildren(...services.map((name, i) => {
+    const item = document.createElement("span");
+    item.textContent = name.toUpperCase();
+    item.style.setProperty("--line-color", `var(--plot-${i % 5})`);
+    return item;
+  }));
+  for (const figure of document.querySelectorAll("[data-plot]")) drawPlot(figure, figure.dataset.plot, services);
+}
+
+async function ask() {
+  try {
+    const answer = await fetch("/status.json", { cache: "no-store" });
+    if (!answer.ok) throw new Error(String(answer.status));
+    const status = await answer.json();
+    showStreams(status.streams);
+    note(status);
+    drawPlots();
+    element("version").textContent = status.version;
+    const viewers = status.services.reduce((all, service) => all + service.viewers, 0);
+    setState("live", viewers === 1 ? "1 viewer" : `${viewers} viewers`);
+  } catch {
+    setState("lost", "camera not reached");
+  }
+  setTimeout(ask, 1000);
+}
+
+addEventListener("resize", drawPlots);
+ask();

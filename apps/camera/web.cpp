@@ -1,0 +1,194 @@
+#include "web.h"
+
+#include "page.h"
+
+#include "avc/fcc.h"
+#include "core/json.h"
+#include "core/memory.h"
+#include "core/owned.h"
+#include "core/time.h"
+#include "inet/net_http_header.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace camera {
+
+namespace {
+
+using totals_t = media::station::totals_t;
+
+struct service_state {
+    const char* name;
+    totals_t totals;
+};
+
+/// What both services send; what is not one's is the other's. They are counted one after the other.
+struct services_t {
+    service_state all[2];
+};
+
+services_t services_of(const media::station& station, const media::http_service_t& http) {
+    const totals_t web = http.totals();
+    const totals_t both = station.totals();
+    const auto rest = [](auto all, auto part) { return all > part ? all - part : decltype(all){0}; };
+    return {{{"rtsp",
+              {rest(both.watching, web.watching), rest(both.bytes, web.bytes), rest(both.frames, web.frames),
+               rest(both.dropped, web.dropped)}},
+             {"http", web}}};
+}
+
+INET_PRINTF(2, 3) void append(std::string& out, const char* format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    const int size = std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    out.append(text, std::min(static_cast<size_t>(std::max(size, 0)), sizeof text - 1));
+}
+
+std::string json_of(const char* text) {
+    const core::owned_text encoded(core_json_encode(text, CORE_HERE));
+    return '"' + std::string(encoded ? encoded.get() : "") + '"';
+}
+
+/// The value of a label in the text form of metrics.
+std::string label_of(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        if (c == '\\' || c == '"') out += '\\';
+        if (c == '\n')
+            out += "\\n";
+        else
+            out += c;
+    }
+    return out;
+}
+
+void append_format(std::string& out, const media::stream& of, media::kind_t kind, const char* name) {
+    media::format_t format;
+    if (!of.format(kind, &format, nullptr)) return;
+    char fcc[5];
+    append(out, "%s\"%s\":{\"format\":%s,\"width\":%u,\"height\":%u,\"rate\":%u}", out.ends_with('{') ? "" : ",", name,
+           json_of(fcc_str(format.fcc, fcc)).c_str(), format.width, format.height, format.rate);
+}
+
+void append_address(void* arg, const char* address) {
+    auto& out = *static_cast<std::string*>(arg);
+    if (!out.ends_with('[')) out += ',';
+    out += json_of(address);
+}
+
+void answer(media::http_exchange& asked, const char* type, const std::string& text) {
+    auto* const bytes = reinterpret_cast<uint8_t*>(const_cast<char*>(text.data()));
+    asked.answer({.type = type}, {bytes, static_cast<uint32_t>(text.size())});
+}
+
+}  // namespace
+
+bool web::open(const options& settings, const media::service& rtsp, media::failure_t& error) {
+    const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
+    rtsp_ = &rtsp;
+    http_ = media::http_service({.port = settings.http_port.value_or(0),
+                                 .user = text(settings.login.user),
+                                 .password = text(settings.login.password),
+                                 .stall = settings.stall});
+    const bool complete = http_ && serve_all();
+    if (!complete) {
+        media::tell(&error, "no memory for the HTTP service");
+        delete std::exchange(http_, nullptr);
+        return false;
+    }
+    if (station_.add(http_, &error)) return true;
+    http_ = nullptr;
+    return false;
+}
+
+bool web::serve_all() {
+    bool complete = http_->serve("/status.json", on_status, this) && http_->serve("/metrics", on_metrics, this) &&
+                    http_->serve("/healthz", on_health, this, "GET, HEAD", true);
+    for (const page_file& each : page_files) {
+        const std::string_view name = each.name;
+        const bool first = name == "index.html";
+        const std::string path = "/" + std::string(first ? "" : name);
+        const media::document_t document{
+            .bytes = {const_cast<uint8_t*>(each.bytes.data()), static_cast<uint32_t>(each.bytes.size())},
+            .type = first ? "text/html; charset=utf-8" : http_get_file_mime(each.name),
+            .etag = each.tag};
+        complete = complete && http_->serve(path.c_str(), document);
+    }
+    return complete;
+}
+
+void web::on_health(void*, media::http_exchange& asked) { answer(asked, "text/plain; charset=utf-8", "ok\n"); }
+
+void web::on_status(void* arg, media::http_exchange& asked) {
+    auto& self = *static_cast<web*>(arg);
+    struct listing_t {
+        const web& of;
+        const char* host;
+        std::string text;
+    } listing{self, asked.host(), {}};
+    self.station_.streams(
+        [](void* to, media::stream& each) {
+            auto& [of, host, text] = *static_cast<listing_t*>(to);
+            text += text.empty() ? "" : ",";
+            text += "{\"name\":" + json_of(each.name()) + ",\"formats\":{";
+            append_format(text, each, media::kind_t::video, "video");
+            append_format(text, each, media::kind_t::audio, "audio");
+            append_format(text, each, media::kind_t::meta, "meta");
+            text += "},\"addresses\":[";
+            of.rtsp_->addresses(each, host, append_address, &text);
+            of.http_->addresses(each, host, append_address, &text);
+            append(text, "],\"frames\":%llu}", static_cast<unsigned long long>(each.status().pushed));
+        },
+        &listing);
+    std::string text = "{\"version\":\"" INET_VERSION "\",";
+    append(text, "\"time\":%llu,\"services\":[", static_cast<unsigned long long>(time_now()));
+    for (const auto& [name, totals] : services_of(self.station_, *self.http_).all)
+        append(text, "%s{\"name\":\"%s\",\"viewers\":%u,\"bytes\":%llu,\"frames\":%llu,\"dropped\":%llu}",
+               text.ends_with('[') ? "" : ",", name, totals.watching, static_cast<unsigned long long>(totals.bytes),
+               static_cast<unsigned long long>(totals.frames), static_cast<unsigned long long>(totals.dropped));
+    answer(asked, "application/json", text + "],\"streams\":[" + listing.text + "]}\n");
+}
+
+void web::on_metrics(void* arg, media::http_exchange& asked) {
+    auto& self = *static_cast<web*>(arg);
+    const struct {
+        const char* name;
+        const char* type;
+        const char* help;
+        uint64_t (*of)(const totals_t& totals);
+    } meters[] = {
+        {"inet_viewers", "gauge", "Clients that are sent a stream.",
+         [](const totals_t& t) { return uint64_t{t.watching}; }},
+        {"inet_sent_bytes_total", "counter", "Bytes sent.", [](const totals_t& t) { return t.bytes; }},
+        {"inet_sent_pictures_total", "counter", "Pictures sent.", [](const totals_t& t) { return t.frames; }},
+        {"inet_dropped_pictures_total", "counter", "Pictures left out for clients that do not keep up.",
+         [](const totals_t& t) { return t.dropped; }},
+    };
+    std::string text =
+        "# HELP inet_info The program.\n# TYPE inet_info gauge\ninet_info{version=\"" INET_VERSION "\"} 1\n";
+    const services_t services = services_of(self.station_, *self.http_);
+    for (const auto& meter : meters) {
+        append(text, "# HELP %s %s\n# TYPE %s %s\n", meter.name, meter.help, meter.name, meter.type);
+        for (const auto& [name, totals] : services.all)
+            append(text, "%s{service=\"%s\"} %llu\n", meter.name, name,
+                   static_cast<unsigned long long>(meter.of(totals)));
+    }
+    text += "# HELP inet_stream_frames_total Frames taken from the source.\n# TYPE inet_stream_frames_total counter\n";
+    self.station_.streams(
+        [](void* to, media::stream& each) {
+            auto& out = *static_cast<std::string*>(to);
+            out += "inet_stream_frames_total{stream=\"" + label_of(each.name()) + "\"}";
+            append(out, " %llu\n", static_cast<unsigned long long>(each.status().pushed));
+        },
+        &text);
+    answer(asked, "text/plain; version=0.0.4; charset=utf-8", text);
+}
+
+}  // namespace camera

@@ -1,0 +1,34 @@
+// The camera in a browser: its page, and its state for programs.
+#pragma once
+
+#include "options.h"
+
+#include "media/http_service.h"
+#include "media/station.h"
+
+namespace camera {
+
+/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz; the pictures of the streams are the
+/// service's own. It lives as long as the station.
+class web {
+public:
+    explicit web(media::station& station) : station_(station) {}
+
+    /// Adds the HTTP service to the station, before its start. @param rtsp  the other service
+    /// @return false with the reason in `error`
+    bool open(const options& settings, const media::service& rtsp, media::failure_t& error);
+    /// 0 when it is not open.
+    uint16_t port() const { return http_ ? http_->port() : uint16_t{0}; }
+
+private:
+    static void on_status(void* arg, media::http_exchange& asked);
+    static void on_metrics(void* arg, media::http_exchange& asked);
+    static void on_health(void* arg, media::http_exchange& asked);
+    bool serve_all();
+
+    media::station& station_;
+    const media::service* rtsp_ = nullptr;
+    media::http_service_t* http_ = nullptr;
+};
+
+}  // namespace camera

@@ -1,0 +1,95 @@
+"""The table of bench/compare-http. The servers take turns, so that what else the machine does falls on both."""
+import argparse
+import os
+import re
+import socket
+import subprocess
+import tempfile
+import time
+
+from servers import ROOT, median
+from peers import Camera
+
+PAGE = os.path.join(ROOT, "apps", "camera", "page")
+TARGETS = "healthz", "page.css"
+
+CONFIGURATION = """
+worker_processes 1; daemon off; pid {folder}/pid; error_log {folder}/error;
+events {{ worker_connections 512; }}
+http {{
+    access_log off; keepalive_requests 1000000000; sendfile on; tcp_nopush on; types {{ text/css css; }}
+    client_body_temp_path {folder}; proxy_temp_path {folder}; fastcgi_temp_path {folder}; uwsgi_temp_path {folder};
+    scgi_temp_path {folder};
+    server {{
+        listen 127.0.0.1:{port}; root {page};
+        location = /healthz {{ default_type text/plain; return 200 "ok\\n"; }}
+    }}
+}}
+"""
+
+
+class Ours(Camera):
+    """inet-camera, its clip unwatched."""
+
+    def __init__(self):
+        super().__init__("--http", "0")
+
+
+class Nginx:
+    """The peer, with the same files."""
+
+    def __init__(self):
+        self.folder = tempfile.TemporaryDirectory()
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            port = probe.getsockname()[1]
+        path = os.path.join(self.folder.name, "configuration")
+        with open(path, "w", encoding="ascii") as file:
+            file.write(CONFIGURATION.format(folder=self.folder.name, port=port, page=os.path.realpath(PAGE)))
+        self.process = subprocess.Popen(["nginx", "-c", path, "-e", self.folder.name + "/error"])
+        self.web = f"http://127.0.0.1:{port}/"
+        for _ in range(100):
+            with socket.socket() as probe:
+                if probe.connect_ex(("127.0.0.1", port)) == 0:
+                    return
+            time.sleep(0.1)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait()
+        self.folder.cleanup()
+
+
+def load(server, target, seconds):
+    """Requests a second, and the 99th percentile of their times in milliseconds."""
+    text = subprocess.run(["wrk", "-t1", "-c50", f"-d{seconds}s", "--latency", server.web + target],
+                          capture_output=True, text=True, check=True).stdout
+    assert "Non-2xx" not in text and "Socket errors" not in text, text
+    late, unit = re.search(r"99%\s+([\d.]+)(us|ms|s)", text).groups()
+    return float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1)), float(late) * {"us": 1e-3, "ms": 1, "s": 1e3}[unit]
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="bench/compare-http", description=__doc__)
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--seconds", type=int, default=4)
+    options = parser.parse_args()
+    results = {}
+    for number in range(options.rounds):
+        for target in TARGETS:
+            for kind in (Ours, Nginx)[::1 if number % 2 else -1]:
+                with kind() as server:
+                    results.setdefault((target, kind), []).append(load(server, target, options.seconds))
+        print(f"round {number + 1} of {options.rounds} done", flush=True)
+    print("\nMedians over the rounds: requests per second (99th percentile of their times, ms).\n")
+    print("| Target | Ours | nginx | Ours / nginx |\n| --- | --- | --- | --- |")
+    for target in TARGETS:
+        ours, peer = (results[target, kind] for kind in (Ours, Nginx))
+        cells = [f"{median(rate for rate, _ in each):.0f} ({median(late for _, late in each):.1f})" for each in (ours, peer)]
+        print(f"| {target} | {' | '.join(cells)} | {median(a[0] / b[0] for a, b in zip(ours, peer)):.2f} |")
+
+
+main()

@@ -1,0 +1,509 @@
+#include "net_http/connection.h"
+
+#include "core/text.h"
+#include "core/thread.h"
+#include "inet/net_socket.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+namespace net {
+
+namespace {
+
+using inside = http_ctx::inside;
+
+constexpr uint32_t header_room = 8192;
+constexpr uint32_t smallest_room = 8192;
+constexpr uint32_t most_at_once = 1U << 20;  // sent before others of the thread have their turn
+constexpr std::string_view go_ahead = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr std::string_view refusal =
+    "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+
+buffer_t bytes_of(std::string_view text) noexcept {
+    return {reinterpret_cast<uint8_t*>(const_cast<char*>(text.data())), static_cast<uint32_t>(text.size())};
+}
+
+/// The bytes behind the first `count` of two runs.
+void skip(buffer_t& first, buffer_t& second, uint32_t count) noexcept {
+    const uint32_t of_first = std::min(count, first.size);
+    first = {first.data + of_first, first.size - of_first};
+    second = {second.data + (count - of_first), second.size - (count - of_first)};
+}
+
+}  // namespace
+
+outgoing::~outgoing() {
+    core_buf_free(&own);
+    if (release) release(owner);
+}
+
+inside::inside(const http_info& info, nt_ctx* nt, log_ctx* to, slist* list, const char* caller_file,
+               int caller_line) noexcept
+    : file(caller_file), line(caller_line), log(to), reader(*this, caller_file, caller_line), queue(list) {
+    face.info = info;
+    face.nt = nt;
+    face.in = this;
+}
+
+inside::~inside() {
+    drop_queue();
+    slist_free(queue);
+    core_log_free(log);
+}
+
+inside::call::call(inside& in, Tcp* of) noexcept : in_(in), before_(std::exchange(in.busy, of)) { ++in.calls; }
+
+// Once it is no longer counted, another thread may release the connection.
+inside::call::~call() {
+    in_.busy = before_;
+    const bool ours = in_.closed_inside;
+    if (--in_.calls == 0 && ours) core::destroy(&in_);
+}
+
+// Opening and closing
+
+/// @return false when the connection is being closed: `to` is still the caller's then
+bool inside::install(Tcp* to, int descriptor) noexcept {
+    Tcp* old = nullptr;
+    {
+        const std::lock_guard held(connection);
+        if (to && closed) return false;
+        old = tcp.exchange(to);
+        face.fd = descriptor;
+    }
+    Tcp::destroy(old);
+    return true;
+}
+
+/// Closes what socket there is. On another thread than its own it waits until no callback runs.
+/// @return whether there was a connection
+bool inside::disconnect() noexcept {
+    tcp_ctx* listening = nullptr;
+    command_ctx* command = nullptr;
+    bool connected = false;
+    {
+        const std::lock_guard held(connection);
+        listening = std::exchange(listener, nullptr);
+        command = std::exchange(failed, nullptr);
+        connected = tcp != nullptr;
+    }
+    install(nullptr, -1);
+    net_tcp_close(listening);
+    net_nt_command_destroy(command);
+    while (calls > 0 && net_nt_need_invoke(face.nt))
+        core_sleep(0);
+    return connected;
+}
+
+void inside::drop_queue() noexcept {
+    front.reset();
+    while (void* waits = slist_pop(queue))
+        core::destroy(static_cast<outgoing*>(waits));
+}
+
+/// As at the beginning of a connection.
+void inside::begin(role_t role, bool keeps_queue) noexcept {
+    if (keeps_queue)
+        front.reset();
+    else
+        drop_queue();
+    answer = answer_t::none;
+    front_sent = taken = waiting = room_now = 0;
+    went = was_answered = look = finishing = ended = false;
+    reader.reset(role);
+}
+
+void inside::leave_old(role_t role) noexcept {
+    if (face.fd >= 0) core_log_print(log, "%d: close by reopen at accept", face.fd.load());
+    const bool connected = disconnect();
+    begin(role, role == role_t::client && !connected);
+}
+
+int inside::listen(const char* address, unsigned port) noexcept {
+    tcp_ctx* made = nullptr;
+    if (const int result = net_tcp_create(made, face.nt, file, line)) return result;
+    core_log_print(log, "%d: listen %s:%u", made->fd, address, port);
+    const std::lock_guard held(connection);
+    const int result = closed ? -5 : net_tcp_listen2(made, address, port, this, on_accepted);
+    if (result != 0) {
+        net_tcp_close(made);
+        return result;
+    }
+    face.fd = made->fd;
+    listener = made;
+    return 0;
+}
+
+int inside::accept(int descriptor) noexcept {
+    Tcp* const made = Tcp::create(file, line);
+    if (!made) return -1;
+    leave_old(role_t::server);
+    made->set_handler(this);
+    made->set_room(smallest_room);
+    core_log_print(log, "%d: accept", descriptor);
+    if (!install(made, descriptor)) {
+        Tcp::destroy(made);
+        return -1;
+    }
+    // From when it is taken, it is the loop's.
+    if (made->take(face.nt, descriptor, net_socket_peer(descriptor)) == 0) return 0;
+    install(nullptr, -1);
+    return -1;
+}
+
+// What it has received is looked at by the loop: this may be a call of its earlier owner.
+void inside::take(Tcp& from) noexcept {
+    leave_old(role_t::server);
+    from.set_handler(this);
+    look = true;
+    core_log_print(log, "%d: accept", from.descriptor());
+    if (install(&from, from.descriptor())) return from.signal();
+    Tcp::destroy(&from);
+}
+
+void inside::connect(const char* host, unsigned port) noexcept {
+    leave_old(role_t::client);
+    sockaddr_in address{};
+    const bool known = port <= 0xffff && net_addr_setup(address, host, static_cast<unsigned short>(port)) == 0;
+    Tcp* const made = known ? Tcp::create(file, line) : nullptr;
+    if (!made) return tell_failed();
+    char dotted[net_addr_size];
+    net_addr_ip(address, dotted, sizeof dotted);
+    made->set_handler(this);
+    made->set_room(smallest_room);
+    if (!install(made, -1)) return Tcp::destroy(made);
+    int result = -1;
+    {
+        // The loop may find at once that it failed. It lets go of it when this is done.
+        const std::lock_guard held(connection);
+        if (!is_current(made)) return;
+        result = made->connect(face.nt, dotted, static_cast<unsigned short>(port));
+        if (result == 0) face.fd = made->descriptor();
+        core_log_print(log, "%d: connect to %s:%u", made->descriptor(), host, port);
+    }
+    if (result == 0) return;
+    install(nullptr, -1);
+    tell_failed();
+}
+
+/// Has the loop tell the owner, as it does of a connection that fails later.
+void inside::tell_failed() noexcept {
+    {
+        const std::lock_guard held(connection);
+        if (closed) return;
+        failed = net_nt_command_create(face.nt, this, on_failed);
+        if (failed) return net_nt_command_exec(failed);
+    }
+    if (face.info.on_close) face.info.on_close(face.info.arg, &face);
+}
+
+void inside::on_failed(void* arg, command_ctx*) noexcept {
+    auto& self = *static_cast<inside*>(arg);
+    const call running(self, nullptr);
+    command_ctx* mine = nullptr;
+    {
+        const std::lock_guard held(self.connection);
+        mine = std::exchange(self.failed, nullptr);
+    }
+    if (!mine) return;
+    net_nt_command_destroy(mine);
+    if (self.face.info.on_close) self.face.info.on_close(self.face.info.arg, &self.face);
+}
+
+void inside::on_accepted(void* arg, int fd, const sockaddr_in* peer) noexcept {
+    auto& self = *static_cast<inside*>(arg);
+    const call running(self, nullptr);
+    const http_info& info = self.face.info;
+    int keep = info.on_accept ? 1 : 0;
+    if (info.on_accept) info.on_accept(info.arg, &self.face, fd, peer, &keep);
+    if (!keep) net_socket_close(fd);
+}
+
+void inside::close() noexcept {
+    core_log_print(log, "%d: close", face.fd.load());
+    {
+        const std::lock_guard held(connection);
+        closed = true;
+    }
+    disconnect();
+    if (calls == 0) return core::destroy(this);
+    reader.stop();
+    closed_inside = true;
+}
+
+// Queueing
+
+owned_outgoing inside::message(buffer_t bytes) noexcept {
+    owned_outgoing made(core::create<outgoing>(file, line));
+    if (made && bytes.size > 0 && !core_buf_read(&made->own, bytes.data, bytes.size)) made.reset();
+    return made;
+}
+
+bool inside::queue_up(owned_outgoing message, bool answers) noexcept {
+    if (!message || !_slist_enqueue(queue, message.get(), file, line)) return false;
+    static_cast<void>(message.release());
+    auto was = answer_t::being_queued;
+    if (answers) answer.compare_exchange_strong(was, answer_t::queued);
+    // Inside a callback of its own, the connection looks when that has returned.
+    if (!net_nt_need_invoke(face.nt) && busy && busy == tcp) return true;
+    const std::lock_guard held(connection);
+    if (Tcp* const to = tcp) to->signal();
+    return true;
+}
+
+/// Puts the header in front of what the message has. @return false when memory is out, or a request does not fit
+bool inside::print(const http::header_s& header, outgoing& message, bool bodyless) noexcept {
+    char text[header_room + 1];
+    uint32_t size = static_cast<uint32_t>(http_header_sprintf(&header, text, sizeof text));
+    const bool fits = size < header_room;
+    if (!fits && header.status == 0) return false;
+    if (!fits) {
+        size = static_cast<uint32_t>(refusal.copy(text, refusal.size()));
+        message.last = true;
+    }
+    if (!fits || bodyless) {
+        core_buf_free(&message.own);
+        message.body = {};
+    }
+    buf_t whole;
+    if (!core_buf_resize(&whole, size + message.own.length, file, line)) return false;
+    core_buf_read(&whole, text, size);
+    if (message.own.length > 0) core_buf_read(&whole, message.own.data, message.own.length);
+    std::swap(message.own, whole);
+    core_buf_free(&whole);
+    if (core_log_wanted(log)) core_log_print(log, "%d: send\n%.*s", face.fd.load(), static_cast<int>(size), text);
+    return true;
+}
+
+int inside::send(const http::header_s* header, owned_outgoing message) noexcept {
+    if (!message || uint64_t{message->own.length} + message->body.size > UINT32_MAX - header_room) return 0;
+    if (!header) return queue_up(std::move(message), false) ? 1 : 0;
+    const bool answers = header->status >= 200;
+    auto was = answer_t::asked;
+    if (answers && !answer.compare_exchange_strong(was, answer_t::being_queued)) return 0;
+    bool complete = true;
+    if (header->status == 0) {
+        if (!message->expects) message->expects.reset(core::create<http::expectation>(file, line));
+        complete = message->expects != nullptr;
+        if (complete) message->expects->head = header->method && std::strcmp(header->method, "HEAD") == 0;
+    }
+    // The reader goes on to no other request before this is queued.
+    complete = complete && print(*header, *message, answers && reader.is_head());
+    if (complete && queue_up(std::move(message), answers)) return 1;
+    was = answer_t::being_queued;
+    if (answers) answer.compare_exchange_strong(was, answer_t::asked);
+    return 0;
+}
+
+int inside::request(const char* method, const char* uri, const void* data, size_t size,
+                    core::owned_object<http::download> to) noexcept {
+    if (size > UINT32_MAX) return 0;
+    const bool with_body = data && size > 0;
+    void* const bytes = const_cast<void*>(data);
+    owned_outgoing made = message({static_cast<uint8_t*>(bytes), with_body ? static_cast<uint32_t>(size) : 0});
+    if (made) made->expects.reset(core::create<http::expectation>(file, line));
+    http::header_s* header = http_header_request(method, uri, "HTTP/1.1");
+    bool complete = header && made && made->expects;
+    if (with_body)
+        complete = complete && http_header_put_format(header, "Content-Length", "%zu", size) &&
+                   http_header_put(header, "Content-Type", "text/plain");
+    if (complete) made->expects->to = std::move(to);
+    const int result = complete ? send(header, std::move(made)) : 0;
+    http_header_free(header);
+    return result;
+}
+
+// Sending
+
+/// @return whether all of the message at the front has gone
+bool inside::send_front(Tcp* of, uint32_t& sent) noexcept {
+    const uint32_t size = front->own.length + front->body.size;
+    if (front_sent < size) {
+        buffer_t first{front->own.data, front->own.length};
+        buffer_t second = front->body;
+        skip(first, second, front_sent);
+        const uint32_t count = of->offer(first, second);
+        front_sent += count;
+        sent += count;
+        if (front_sent < size) return false;
+    }
+    went = true;
+    if (front->last) {
+        of->end_output();
+        reader.stop();
+        if (!ended) of->set_reading(1);
+        finishing = look = true;
+    }
+    front.reset();
+    return true;
+}
+
+void inside::pump(Tcp* of) noexcept {
+    uint32_t sent = 0;
+    while (is_current(of) && of->is_connected()) {
+        if (!front && !finishing) {
+            front.reset(static_cast<outgoing*>(slist_pop(queue)));
+            front_sent = 0;
+            if (front && front->expects) reader.expect(std::move(front->expects));
+        }
+        if (front) {
+            if (!send_front(of, sent)) return;
+            if (sent >= most_at_once) return of->signal();
+        } else {
+            if (!std::exchange(went, false)) return;
+            if (face.info.on_drained) face.info.on_drained(face.info.arg, &face);
+        }
+    }
+}
+
+// Receiving
+
+void inside::note_answer() noexcept {
+    auto was = answer_t::queued;
+    if (!answer.compare_exchange_strong(was, answer_t::none)) return;
+    was_answered = true;
+    reader.answered();
+}
+
+/// When an answer has gone, the next request may be read. @return whether it may
+bool inside::resume() noexcept {
+    if (!was_answered || !reader.owes_answer() || has_output()) return false;
+    was_answered = false;
+    reader.go_on();
+    return true;
+}
+
+void inside::parse(Tcp* of, buf_t& received) noexcept {
+    do {
+        const uint32_t count = reader.take({received.data + taken, received.length - taken});
+        if (!is_current(of)) return;
+        taken += count;
+        pump(of);
+        if (!is_current(of)) return;
+        note_answer();
+    } while (resume() || std::exchange(look, false));
+    if (ended && !reader.owes_answer()) {
+        reader.end({received.data + taken, received.length - taken});
+        if (!is_current(of)) return;
+        taken = received.length;
+        pump(of);
+        if (!is_current(of)) return;
+    }
+    tidy(of, received);
+}
+
+/// Drops what was parsed. The buffer grows with what one message needs, and shrinks when that has been taken.
+void inside::tidy(Tcp* of, buf_t& received) noexcept {
+    const bool full = received.length == received.size;
+    waiting = received.length - taken;
+    // While an answer is owed, many requests may wait: they are not moved for each of them.
+    if (!reader.owes_answer() || waiting <= taken) core_buf_ignore(&received, std::exchange(taken, 0));
+    room_now = received.size;
+    if (reader.owes_answer()) {
+        if (received.length == received.size || taken > 0) of->set_reading(0);
+        return;
+    }
+    if (!ended) of->set_reading(1);
+    const uint32_t room = reader.room();
+    if (full && received.size < room)
+        of->set_room(static_cast<uint32_t>(std::min<uint64_t>(room, uint64_t{received.size} * 2)));
+    else if (received.length == 0 && received.size > std::max(room, smallest_room))
+        of->set_room(smallest_room);
+}
+
+/// After whatever may have changed something: sends, and reads on when that is possible now.
+void inside::settle(Tcp* of) noexcept {
+    pump(of);
+    if (!is_current(of)) return;
+    note_answer();
+    if (resume() || std::exchange(look, false)) {
+        if (waiting == 0 && room_now > smallest_room) {
+            of->set_room(smallest_room);
+            room_now = smallest_room;
+        }
+        if (!ended) of->set_reading(1);
+        of->show_received();
+        if (!is_current(of)) return;
+    }
+    if (is_done()) lost();
+}
+
+/// The peer has nothing more to say, and everything has been said to it.
+bool inside::is_done() const noexcept { return ended && (finishing || (!has_output() && !reader.owes_answer())); }
+
+/// There is no connection any more.
+void inside::lost() noexcept {
+    install(nullptr, -1);
+    begin(role_t::server, false);
+    if (face.info.on_close) face.info.on_close(face.info.arg, &face);
+}
+
+void inside::on_tcp_connected(Tcp* of) noexcept {
+    const call running(*this, of);
+    if (!is_current(of)) return;
+    {
+        const std::lock_guard held(connection);  // whoever connects has set it before
+        face.fd = of->descriptor();
+    }
+    if (face.info.on_connect) face.info.on_connect(face.info.arg, &face);
+    if (is_current(of)) settle(of);
+}
+
+void inside::on_tcp_received(Tcp* of, buf_t* received) noexcept {
+    const call running(*this, of);
+    if (!is_current(of)) return;
+    parse(of, *received);
+    if (is_current(of) && is_done()) lost();
+}
+
+void inside::on_tcp_writable(Tcp* of) noexcept {
+    const call running(*this, of);
+    if (is_current(of)) settle(of);
+}
+
+void inside::on_tcp_signalled(Tcp* of) noexcept {
+    const call running(*this, of);
+    if (is_current(of)) settle(of);
+}
+
+int inside::on_tcp_ended(Tcp* of, buf_t* received) noexcept {
+    const call running(*this, of);
+    if (!is_current(of)) return 0;
+    ended = true;
+    parse(of, *received);
+    return is_current(of) && !is_done() && reader.is_server() ? 1 : 0;
+}
+
+void inside::on_tcp_closed(Tcp* of, int) noexcept {
+    const call running(*this, of);
+    if (is_current(of)) lost();
+}
+
+void inside::on_message(int status, http::header_s* header, const buffer_t* body, bool complete) noexcept {
+    auto was = answer_t::none;
+    if (reader.awaits_answer()) answer.compare_exchange_strong(was, answer_t::asked);
+    if (face.info.on_message) face.info.on_message(face.info.arg, &face, status, header, body);
+    // The rest of what was answered before it was whole is dropped.
+    if (!complete && is_current(busy)) note_answer();
+}
+
+void inside::on_expect() noexcept { queue_up(message(bytes_of(go_ahead)), false); }
+
+void inside::on_frame(const av::frame_t& frame) noexcept {
+    if (face.info.on_frame) face.info.on_frame(face.info.arg, &face, &frame);
+}
+
+void inside::on_unknown_type(const char* type) noexcept {
+    core_log_err("http: unknown mime type: %s", type ? type : "");
+    core_con_printf(1, "http: unknown mime type: %s", type ? type : "");
+}
+
+void inside::on_header_text(std::string_view text) noexcept {
+    if (core_log_wanted(log))
+        core_log_print(log, "%d: recv\n%.*s", face.fd.load(), static_cast<int>(text.size()), text.data());
+}
+
+}  // namespace net

@@ -1,0 +1,135 @@
+// The insides of an HTTP connection: what is sent, and the Tcp between the reader and the peer.
+#pragma once
+
+#include "net_http/message.h"
+
+#include "core/log.h"
+#include "core/slist.h"
+#include "inet/net_tcp.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace net {
+
+/// A message that is to be sent: a header and bytes of its own, then a body that is lent.
+struct outgoing {
+    ~outgoing();
+
+    bool last = false;  ///< the connection ends behind it
+    buf_t own;
+    buffer_t body;
+    void (*release)(void* owner) = nullptr;
+    void* owner = nullptr;
+    core::owned_object<http::expectation> expects;  ///< of a request
+};
+using owned_outgoing = core::owned_object<outgoing>;
+
+/// Every callback of the owner is counted in `calls`. What is closed inside one is released when the last of them has
+/// returned; on another thread, who closes waits for that.
+struct http_ctx::inside final : ITcp, http::message_owner {
+    inside(const http_info& info, nt_ctx* nt, log_ctx* to, slist* list, const char* caller_file,
+           int caller_line) noexcept;
+    ~inside();
+    inside(const inside&) = delete;
+    inside& operator=(const inside&) = delete;
+
+    using role_t = http::message_reader::role_t;
+
+    int listen(const char* address, unsigned port) noexcept;
+    int accept(int descriptor) noexcept;
+    void take(Tcp& from) noexcept;
+    void connect(const char* host, unsigned port) noexcept;
+    void close() noexcept;
+
+    owned_outgoing message(buffer_t bytes) noexcept;
+    int send(const http::header_s* header, owned_outgoing message) noexcept;
+    int request(const char* method, const char* uri, const void* data, size_t size,
+                core::owned_object<http::download> to) noexcept;
+    bool queue_up(owned_outgoing message, bool answers) noexcept;
+
+    http_ctx face;
+    const char* file;
+    int line;
+    log_ctx* log;
+    http::message_reader reader;
+    std::atomic<Tcp*> tcp = nullptr;
+
+private:
+    /// Whether a request waits for its answer. The owner's thread that answers goes from `asked` on.
+    enum class answer_t : uint8_t { none, asked, being_queued, queued };
+
+    /// A callback that runs. `of` is its connection.
+    class call {
+    public:
+        call(inside& in, Tcp* of) noexcept;
+        ~call();
+        call(const call&) = delete;
+        call& operator=(const call&) = delete;
+
+    private:
+        inside& in_;
+        Tcp* before_;
+    };
+
+    static void on_accepted(void* arg, int fd, const sockaddr_in* peer) noexcept;
+    static void on_failed(void* arg, command_ctx* command) noexcept;
+
+    bool install(Tcp* to, int descriptor) noexcept;
+    bool disconnect() noexcept;
+    void begin(role_t role, bool keeps_queue) noexcept;
+    void leave_old(role_t role) noexcept;
+    void tell_failed() noexcept;
+    void drop_queue() noexcept;
+    bool print(const http::header_s& header, outgoing& message, bool bodyless) noexcept;
+
+    /// False once the owner has closed the connection, or has opened another one, inside a callback.
+    bool is_current(const Tcp* of) const noexcept { return tcp == of; }
+    bool has_output() const noexcept { return front || slist_count(queue) > 0; }
+    void pump(Tcp* of) noexcept;
+    bool send_front(Tcp* of, uint32_t& sent) noexcept;
+    void note_answer() noexcept;
+    bool resume() noexcept;
+    void parse(Tcp* of, buf_t& received) noexcept;
+    void tidy(Tcp* of, buf_t& received) noexcept;
+    void settle(Tcp* of) noexcept;
+    bool is_done() const noexcept;
+    void lost() noexcept;
+
+    void on_tcp_connected(Tcp* of) noexcept override;
+    void on_tcp_received(Tcp* of, buf_t* received) noexcept override;
+    void on_tcp_writable(Tcp* of) noexcept override;
+    void on_tcp_signalled(Tcp* of) noexcept override;
+    int on_tcp_ended(Tcp* of, buf_t* received) noexcept override;
+    void on_tcp_closed(Tcp* of, int error) noexcept override;
+
+    void on_message(int status, http::header_s* header, const buffer_t* body, bool complete) noexcept override;
+    void on_expect() noexcept override;
+    void on_frame(const av::frame_t& frame) noexcept override;
+    void on_unknown_type(const char* type) noexcept override;
+    void on_header_text(std::string_view text) noexcept override;
+
+    std::mutex connection;  ///< of the next four, which other threads read and change
+    bool closed = false;
+    tcp_ctx* listener = nullptr;
+    command_ctx* failed = nullptr;  ///< tells of a connect that failed at once
+    slist* queue;
+    std::atomic<answer_t> answer = answer_t::none;
+    std::atomic<uint32_t> calls = 0;
+
+    // The loop's own.
+    bool closed_inside = false;
+    Tcp* busy = nullptr;   ///< whose callback runs
+    owned_outgoing front;  ///< is being sent
+    uint32_t front_sent = 0;
+    bool went = false;          ///< something was sent since on_drained
+    bool was_answered = false;  ///< the request at hand
+    bool look = false;          ///< the received bytes are to be looked at again
+    bool finishing = false;     ///< the sending half has ended
+    bool ended = false;         ///< the peer's sending half has
+    uint32_t taken = 0;         ///< bytes at the front of the received ones that were parsed
+    uint32_t waiting = 0;       ///< behind them
+    uint32_t room_now = 0;      ///< of the receive buffer
+};
+
+}  // namespace net

@@ -1,0 +1,160 @@
+// Reads HTTP messages out of received bytes. Knows no socket.
+#pragma once
+
+#include "net_http/chunks.h"
+#include "net_http/download.h"
+
+#include "core/owned.h"
+#include "inet/net_http.h"
+
+#include <optional>
+#include <span>
+#include <string_view>
+
+namespace net::http {
+
+/// Owner of a reader. Inside each call it may reset(), stop() or expect(). What a call is given stays as it is until the
+/// call has returned.
+class message_owner {
+public:
+    /// As http_info::on_message; `complete` in the second call of a message.
+    virtual void on_message(int status, header_s* header, const buffer_t* body, bool complete) noexcept = 0;
+    /// The peer wants to be told to send the body of the request that was announced.
+    virtual void on_expect() noexcept = 0;
+    virtual void on_frame(const av::frame_t& frame) noexcept = 0;
+    virtual void on_unknown_type(const char* type) noexcept = 0;
+    /// A header, as it was received.
+    virtual void on_header_text(std::string_view text) noexcept = 0;
+
+protected:
+    ~message_owner() = default;
+};
+
+/// What the response to a request will be.
+struct expectation {
+    bool head = false;                ///< it has no body, whatever it says
+    core::owned_object<download> to;  ///< where its body goes; may be null
+    core::owned_object<expectation> next;
+};
+
+class message_reader {
+public:
+    enum class role_t : uint8_t { server, client };
+
+    message_reader(message_owner& owner, const char* file, int line) noexcept;
+    ~message_reader();
+    message_reader(const message_reader&) = delete;
+    message_reader& operator=(const message_reader&) = delete;
+
+    /// Parses what is there, until more is needed or owes_answer() is true. @return the bytes taken off the front
+    uint32_t take(std::span<uint8_t> in) noexcept;
+    /// As take(). Nothing more comes: a body that ends with the connection is complete, and reading stops.
+    void end(std::span<uint8_t> in) noexcept;
+    /// A connection begins: nothing is at hand.
+    void reset(role_t role) noexcept;
+    /// Reads nothing more; what comes is dropped.
+    void stop() noexcept;
+
+    /// The request at hand has been answered. Before its second call the rest of it is dropped, and there is none.
+    void answered() noexcept;
+    /// The next request may be read.
+    void go_on() noexcept;
+    /// A request goes out. A multipart body at hand is dropped.
+    void expect(core::owned_object<expectation> response) noexcept;
+
+    /// A request has been read, and no other is until go_on().
+    bool owes_answer() const noexcept { return owes_ == owes_t::whole; }
+    /// A request was announced, or refused, and neither was answered().
+    bool awaits_answer() const noexcept { return owes_ != owes_t::nothing && owes_ != owes_t::answered && !settled_; }
+    /// Of the request at hand.
+    bool is_head() const noexcept { return is_head_; }
+    bool is_server() const noexcept { return role_ == role_t::server; }
+    /// Bytes of the longest input that can make sense now.
+    uint32_t room() const noexcept;
+
+    void set_limit(uint32_t most) noexcept;
+    void set_types(const char* types) noexcept;
+
+private:
+    using bytes = std::span<uint8_t>;
+    enum class phase_t : uint8_t { head, body, stopped };
+    enum class framing_t : uint8_t { none, length, chunked, close };
+    enum class mode_t : uint8_t { whole, multipart, dropped, unknown, file };
+    enum class owes_t : uint8_t { nothing, announced, answered, whole };
+    enum class step_t : uint8_t { on, more };
+
+    step_t step(bytes& in) noexcept;
+    step_t read_head(bytes& in) noexcept;
+    step_t announce() noexcept;
+    bool is_sound(std::string_view text) const noexcept;
+    void judge_framing() noexcept;
+    bool choose_mode() noexcept;
+    bool choose_boundary(std::string_view type) noexcept;
+    bool takes_whole(std::string_view type) const noexcept;
+    bool wants_continue() const noexcept;
+
+    step_t read_body(bytes& in) noexcept;
+    step_t read_chunked(bytes& in) noexcept;
+    step_t read_content(bytes& from, bool all) noexcept;
+    step_t read_whole(bytes& from, bool all) noexcept;
+    step_t pass_through(bytes& from, bool all) noexcept;
+
+    step_t read_parts(bytes& from, bool all) noexcept;
+    step_t read_boundary(bytes& from) noexcept;
+    step_t skip_to_boundary(bytes& from) noexcept;
+    step_t read_part_head(bytes& from) noexcept;
+    step_t read_part(bytes& from) noexcept;
+    step_t leave_part(bytes& from, size_t count, bool at_boundary) noexcept;
+    bool take_part_head(std::string_view text) noexcept;
+    step_t hand_over_part(bytes content) noexcept;
+
+    step_t complete(const buffer_t* body) noexcept;
+    step_t refuse(int status) noexcept;
+    bytes within(bytes from) const noexcept;
+    void consume(bytes& from, size_t count) noexcept;
+    void forget() noexcept;
+    void leave_call() noexcept;
+    bool call(int status, header_s* header, const buffer_t* body, bool is_complete) noexcept;
+
+    message_owner& owner_;
+    const char* file_;
+    int line_;
+    role_t role_ = role_t::server;
+    uint32_t limit_ = 8U << 20;
+    core::owned_text types_;
+
+    phase_t phase_ = phase_t::head;
+    uint32_t blank_lines_ = 0;  ///< before the head
+    header_s* header_ = nullptr;
+    framing_t framing_ = framing_t::none;
+    mode_t mode_ = mode_t::whole;
+    owes_t owes_ = owes_t::nothing;
+    bool settled_ = false;   ///< what is owed has been answered
+    bool silent_ = false;    ///< the owner gave the message up
+    bool is_head_ = false;   ///< the request at hand is HEAD
+    bool bodyless_ = false;  ///< the response at hand has no body
+    uint32_t turn_ = 0;      ///< changed when the owner has reset or stopped the reader
+    uint64_t left_ = 0;      ///< of a body with a length
+    chunks chunks_;
+    buf_t decoded_;                    ///< of chunks
+    core::owned_object<download> to_;  ///< of the response at hand
+
+    core::owned_object<expectation> expected_;  ///< of requests that went out, in their order
+    expectation* last_expected_ = nullptr;
+
+    // What a call of the owner still reads though the reader was reset inside it.
+    uint32_t calling_ = 0;
+    header_s* spent_header_ = nullptr;
+    buf_t spent_;
+
+    // A multipart body
+    core::owned_text boundary_;            ///< "--boundary"
+    bool behind_boundary_ = false;         ///< the front stands right behind one
+    bool skipping_ = false;                ///< until the next boundary
+    header_s* part_ = nullptr;             ///< header of the part at the front
+    size_t part_head_ = 0;                 ///< bytes of it
+    std::optional<uint64_t> part_length_;  ///< what stands behind it, where that is stated
+    size_t searched_ = 0;                  ///< bytes at the front in which no boundary begins
+};
+
+}  // namespace net::http

@@ -1,0 +1,115 @@
+#include "http_service/client.h"
+#include "http_service/inside.h"
+
+#include "avc/fcc.h"
+#include "core/text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <new>
+#include <utility>
+
+namespace media {
+
+namespace {
+
+constexpr size_t longest_line = 4096;
+
+}  // namespace
+
+http_service_t* http_service(const http_settings_t& settings) noexcept {
+    auto* made = core::create<web::service_t>(CORE_HERE, settings);
+    if (!made || made->complete()) return made;
+    delete made;
+    return nullptr;
+}
+
+namespace web {
+
+service_t::service_t(const http_settings_t& settings) noexcept : settings_(settings), port_(settings.port) {
+    user_.reset(core_strdup(settings.user, CORE_HERE));
+    password_.reset(core_strdup(settings.password, CORE_HERE));
+    settings_.user = user_.get();
+    settings_.password = password_.get();
+    const bool complete = (!settings.user || user_) && (!settings.password || password_);
+    if (complete) gate_.reset(core::create<gate>(CORE_HERE, user_.get(), password_.get()));
+}
+
+int service_t::add(route_t route) noexcept {
+    try {
+        routes_.push_back(std::move(route));
+        return 1;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+}
+
+int service_t::serve(const char* path, http_handler_t handler, void* arg, const char* methods, bool open) noexcept {
+    if (!path || *path != '/' || !handler || !methods || find(path)) return 0;
+    try {
+        route_t route;
+        route.path.assign(path);
+        route.methods.assign(methods);
+        route.handler = handler;
+        route.arg = arg;
+        route.open = open;
+        return add(std::move(route));
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+}
+
+int service_t::serve(const char* path, const document_t& what) noexcept {
+    if (!path || *path != '/' || find(path)) return 0;
+    try {
+        route_t route;
+        route.path.assign(path);
+        route.methods.assign("GET, HEAD");
+        route.document = what;
+        return add(std::move(route));
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+}
+
+const route_t* service_t::find(std::string_view path) const noexcept {
+    const auto found = std::ranges::find_if(routes_, [&](const route_t& each) { return each.path == path; });
+    return found == routes_.end() ? nullptr : &*found;
+}
+
+/// Every request line of HTTP. What opens an RTSP tunnel is claimed before.
+claim_t service_t::claims(buffer_t first) const noexcept {
+    const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
+    const size_t line = text.find("\r\n");
+    if (line == std::string_view::npos) return text.size() < longest_line ? claim_t::more : claim_t::yes;
+    const bool http = text.substr(0, line).find(" HTTP/1.") != std::string_view::npos;
+    return http || line == 0 ? claim_t::yes : claim_t::no;
+}
+
+part* service_t::make_part(thread& on, failure_t* error) noexcept {
+    part* made = core::create<part_t>(CORE_HERE, on);
+    if (!made) tell(error, "out of memory");
+    return made;
+}
+
+client* service_t::take(thread& on, net::Tcp*& from) noexcept {
+    auto* made = core::create<client_t>(CORE_HERE, on, *this);
+    if (made && made->begin(from)) return made;
+    delete made;
+    return nullptr;
+}
+
+void service_t::addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
+                          void* arg) const noexcept {
+    format_t format;
+    if (!of.format(kind_t::video, &format, nullptr) || format.fcc != av::fcc_jpeg) return;
+    for (const char* kind : {"mjpeg", "jpg"}) {
+        char text[512];
+        const int size =
+            std::snprintf(text, sizeof text, "http://%s:%u/%s.%s", host, unsigned{port()}, of.name(), kind);
+        if (size > 0 && static_cast<size_t>(size) < sizeof text) each(arg, text);
+    }
+}
+
+}  // namespace web
+}  // namespace media

@@ -1,0 +1,67 @@
+// JPEG pictures of a stream for browsers: the newest one for everybody of a thread.
+#pragma once
+
+#include "avc/frame.h"
+#include "core/owned.h"
+#include "media/service.h"
+
+#include <cstdint>
+
+namespace media::web {
+
+/// Who is sent the pictures of a stream as they come.
+class picture_taker {
+public:
+    virtual void on_picture() noexcept = 0;
+    virtual void on_end() noexcept = 0;
+
+protected:
+    ~picture_taker() = default;
+};
+
+/// The pictures of one stream on a thread.
+class pictures final : public reader {
+public:
+    pictures(thread& on, stream& of) noexcept : thread_(on), stream_(of) { stream_.keep(); }
+    ~pictures();
+    pictures(const pictures&) = delete;
+    pictures& operator=(const pictures&) = delete;
+
+    bool begin() noexcept;
+    stream& of() const noexcept { return stream_; }
+
+    /// @return false when memory is out
+    bool add(picture_taker& one) noexcept;
+    void remove(const picture_taker& one) noexcept;
+    bool is_used() const noexcept { return !takers_.empty(); }
+
+    /// The newest picture; its data is null before the first.
+    const av::frame_t& newest() const noexcept { return newest_; }
+    uint64_t number() const noexcept { return number_; }
+
+private:
+    void on_entry(read_t what, const entry_t& entry) noexcept override;
+
+    thread& thread_;
+    stream& stream_;
+    bool following_ = false;
+    bool passing_ = false;
+    av::frame_t newest_{};
+    uint64_t number_ = 0;  ///< of the newest picture; 0 for none
+    core::vector<picture_taker*> takers_;
+};
+
+/// What the service has on a thread.
+class part_t final : public part {
+public:
+    explicit part_t(thread& on) noexcept : thread_(on) {}
+    void second() noexcept override;
+    /// The pictures of a stream, made at their first use; null when memory is out. They stay while somebody takes them.
+    pictures* of(stream& which) noexcept;
+
+private:
+    thread& thread_;
+    core::vector<core::owned_object<pictures>> pictures_;
+};
+
+}  // namespace media::web

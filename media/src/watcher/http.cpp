@@ -1,0 +1,188 @@
+#include "watcher/http.h"
+
+#include "watcher/address.h"
+
+#include "avc/fcc.h"
+#include "core/text.h"
+#include "core/time.h"
+#include "inet/net_http_auth.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace media::fetch {
+
+namespace {
+
+constexpr uint64_t tick_time = 100'000;
+constexpr uint64_t lookup_time = 10'000;
+constexpr uint32_t longest_frame = 8U << 20;
+
+ending_t refusal_of(unsigned status) noexcept {
+    constexpr const char* answered = "GET was answered with %u%s";
+    switch (status) {
+        case 401:
+        case 403:
+            return {outcome_t::refused, answered, status, ": user or password is not let in"};
+        case 404:
+            return {outcome_t::not_found, answered, status, ": no such stream"};
+        default:
+            return {outcome_t::protocol_error, answered, status, ""};
+    }
+}
+
+}  // namespace
+
+void http_attempt::start() noexcept {
+    net::http_info info;
+    info.arg = this;
+    info.on_connect = [](void* arg, net::http_ctx*) { of(arg).stage_ = stage_t::asking; };
+    info.on_close = [](void* arg, net::http_ctx*) { of(arg).take_close(); };
+    info.on_message = [](void* arg, net::http_ctx*, int status, net::http::header_s* header, const buffer_t*) {
+        of(arg).take_message(status, header);
+    };
+    info.on_frame = [](void* arg, net::http_ctx*, const av::frame_t* frame) { of(arg).take_frame(*frame); };
+    deadline_ = core_timer() + wanted_.timeout;
+    http_ = net_http_open(info, wanted_.nt, CORE_HERE);
+    if (!http_) return end({outcome_t::failed, "no memory"});
+    net_http_set_limit(http_, longest_frame);
+    wanted_.lookup.begin(wanted_.address.host);
+    connect(nullptr);
+}
+
+/// As soon as the address of the host is known. @param refusal  the response that asks for a user
+void http_attempt::connect(const net::http::header_s* refusal) noexcept {
+    if (wanted_.lookup.state() == name_lookup::state_t::running) return;
+    if (wanted_.lookup.state() != name_lookup::state_t::found)
+        return end({outcome_t::no_connection, "no such host: %s", wanted_.address.host});
+    stage_ = stage_t::connecting;
+    net_http_connect(http_, wanted_.lookup.address(), wanted_.address.port);
+    if (!ask(refusal)) end({outcome_t::failed, "the request cannot be sent"});
+}
+
+bool http_attempt::ask(const net::http::header_s* refusal) noexcept {
+    const address_t& address = wanted_.address;
+    net::http::header_s* request = http_header_request("GET", address.target.get(), "HTTP/1.1");
+    const bool complete =
+        request && http_header_put_format(request, "Host", "%s:%u", address.host, unsigned{address.port}) &&
+        http_header_put(request, "Accept", "multipart/x-mixed-replace, multipart/*") &&
+        (!refusal || http_header_authorize(request, refusal, address.user.get(), address.password.get()));
+    const bool sent = complete && net_http_send_message(http_, request, nullptr, 0);
+    http_header_free(request);
+    return sent;
+}
+
+uint64_t http_attempt::tick(uint64_t now) noexcept {
+    if (stage_ == stage_t::looking_up) connect(nullptr);
+    if (stage_ == stage_t::playing) {
+        if (now - std::max(last_frame_, deadline_ - wanted_.timeout) >= wanted_.timeout)
+            end(begun_ ? ending_t{outcome_t::connection_lost, "no media comes any more"}
+                       : ending_t{outcome_t::nothing_received, "no media comes"});
+    } else if (stage_ != stage_t::ended && now >= deadline_) {
+        end(stage_ == stage_t::asking
+                ? ending_t{outcome_t::protocol_error, "%s does not answer", wanted_.address.host}
+                : ending_t{outcome_t::no_connection, "%s cannot be reached", wanted_.address.host});
+    }
+    return now + (stage_ == stage_t::looking_up ? lookup_time : tick_time);
+}
+
+size_t http_attempt::counts(std::span<track_counts_t> out) const noexcept {
+    const size_t count = std::min(out.size(), track_count_);
+    for (size_t i = 0; i < count; ++i)
+        out[i] = tracks_[i].received.counts();
+    return count;
+}
+
+void http_attempt::end(const ending_t& result) noexcept {
+    if (stage_ == stage_t::ended) return;
+    stage_ = stage_t::ended;
+    result_ = result;
+    net_http_close(http_);
+    owner_.ended();
+}
+
+void http_attempt::take_close() noexcept {
+    const char* const host = wanted_.address.host;
+    if (stage_ == stage_t::connecting)
+        end({outcome_t::no_connection, "cannot connect to %s:%u", host, unsigned{wanted_.address.port}});
+    else
+        end({outcome_t::connection_lost, "%s closed the connection", host});
+}
+
+void http_attempt::take_message(int status, const net::http::header_s* header) noexcept {
+    if (stage_ == stage_t::ended) return;
+    if (status != net::http_message)
+        return end({outcome_t::protocol_error, "%s sends what cannot be read", wanted_.address.host});
+    if (stage_ == stage_t::playing) return end({outcome_t::connection_lost, "the server has ended the stream"});
+    judge(*header);
+}
+
+void http_attempt::judge(const net::http::header_s& header) noexcept {
+    if (header.status == 401 && wanted_.address.user && !answered_) {
+        answered_ = true;
+        return connect(&header);
+    }
+    if (header.status != 200) return end(refusal_of(header.status));
+    const char* type = value_geti(header.fields, "Content-Type");
+    constexpr std::string_view multipart = "multipart/";
+    if (core_strncasecmp(type, multipart.data(), multipart.size()) != 0)
+        return end({outcome_t::protocol_error, "what comes is no stream but %s", type ? type : "nothing"});
+    stage_ = stage_t::playing;
+    deadline_ = core_timer() + wanted_.timeout;
+    owner_.tell({.what = watch_event_t::playing});
+}
+
+/// The track of a frame; the owner is told of a new one. Null for what is not wanted.
+http_attempt::track_t* http_attempt::track_of(const av::frame_t& frame) noexcept {
+    const std::span known(tracks_.data(), track_count_);
+    const auto found = std::ranges::find_if(known, [&](const track_t& each) { return each.format.fcc == frame.fcc; });
+    if (found != known.end()) return &*found;
+    const kind_t kind = kind_of(frame.fcc);
+    const bool surplus = wanted_.one_of_a_kind && std::ranges::any_of(known, [&](const track_t& each) {
+                             return kind_of(each.format.fcc) == kind;
+                         });
+    if (!frame.fcc || surplus || (wanted_.kinds & only(kind)) == 0 || track_count_ == tracks_.size()) return nullptr;
+    track_t& made = tracks_[track_count_++];
+    made = {{.fcc = frame.fcc, .width = frame.width, .height = frame.height}, receipt(frame.fcc, wanted_.duration)};
+    made.format.rate = frame.rate;
+    made.format.channels = frame.channels;
+    format_t formats[std::tuple_size_v<decltype(tracks_)>];
+    std::ranges::transform(tracks_, formats, &track_t::format);
+    owner_.tell(
+        {.what = watch_event_t::tracks, .formats = formats, .format_count = static_cast<uint32_t>(track_count_)});
+    return &made;
+}
+
+void http_attempt::take_frame(const av::frame_t& part) noexcept {
+    if (stage_ != stage_t::playing) return;
+    last_frame_ = core_timer();
+    if (!begun_) {
+        begun_ = last_frame_;
+        begun_time_ = time_now();
+    }
+    watched_t got;
+    got.media_time = static_cast<int64_t>(last_frame_ - begun_);
+    // Its size and whether it is a key picture are read here.
+    av::frame_t* made =
+        avc_frame_create(part.fcc, begun_time_ + (last_frame_ - begun_), part.data, part.size, CORE_HERE);
+    if (!made) return;
+    made->rate = part.rate;
+    made->channels = part.channels;
+    made->bits = part.bits;
+    track_t* const track = track_of(*made);
+    if (track && track->received.take(*made, got.media_time)) {
+        got.frame = *made;
+        got.track = static_cast<uint32_t>(track - tracks_.data());
+        if (!owner_.take(got)) end({});
+    }
+    avc_frame_need(made);
+    if (is_complete()) end({});
+}
+
+bool http_attempt::is_complete() const noexcept {
+    const std::span known(tracks_.data(), track_count_);
+    return wanted_.duration && !known.empty() &&
+           std::ranges::all_of(known, [](const track_t& each) { return each.received.is_done(); });
+}
+
+}  // namespace media::fetch

@@ -1,0 +1,145 @@
+"""What inet-camera serves over HTTP, as browsers and tools ask for it."""
+import json
+import re
+import socket
+import subprocess
+import tempfile
+import time
+from http.client import HTTPConnection
+from urllib.parse import urlsplit
+
+from peers import FFMPEG, Camera, CameraCase, clip_file, ffmpeg, picture_hashes, position_in_loop, run
+
+
+class WebCase(CameraCase):
+    arguments = ("--http", "0", "--threads", "2")
+
+    def ask(self, *requests):
+        """The answers to requests over one connection: (method, target, fields) each."""
+        connection = HTTPConnection(urlsplit(self.camera.web).netloc, timeout=20)
+        self.addCleanup(connection.close)
+        for method, target, fields in requests:
+            connection.putrequest(method, target, skip_accept_encoding=True)
+            for name, value in fields.items():
+                connection.putheader(name, value)
+            connection.endheaders()
+            answer = connection.getresponse()
+            yield answer, answer.read()
+
+    def get(self, target, **fields):
+        return next(self.ask(("GET", target, {name.replace("_", "-"): value for name, value in fields.items()})))
+
+
+class Pictures(WebCase):
+    def test_pictures_are_those_of_the_clip(self):
+        clip = picture_hashes("-i", clip_file("clip_%02d.jpg"))
+        # It has no times: ffmpeg takes it for 25 a second.
+        seen = picture_hashes("-f", "mpjpeg", "-t", "0.6", "-i", self.camera.web + "jpeg.mjpeg")
+        self.assertGreater(len(seen), 10)
+        self.assertIsNotNone(position_in_loop(seen, clip))
+        source = "souphttpsrc", "num-buffers=20", "location=" + self.camera.web + "jpeg.mjpeg"
+        done = subprocess.run(["gst-launch-1.0", "-q", *source, "!", "multipartdemux", "!", "jpegdec", "!", "fakesink"],
+                              capture_output=True, timeout=60)
+        self.assertEqual((done.returncode, done.stderr), (0, b""))
+        _, picture = self.get("/jpeg.jpg")
+        with tempfile.NamedTemporaryFile(suffix=".jpg") as file:
+            file.write(picture)
+            file.flush()
+            self.assertIn(picture_hashes("-i", file.name)[0], clip)
+        self.assertEqual(self.get("/live.jpg")[0].status, 404)
+
+    def test_a_tunnel_comes_through_the_same_port(self):
+        url = self.camera.web.replace("http:", "rtsp:") + "live"
+        for way in ("http", "tcp"):
+            self.assertGreater(len(ffmpeg("-rtsp_transport", way, "-t", "1", "-i", url, "-map", "0:v", "-f", "framemd5",
+                                          "-")), 500)
+
+
+class Answers(WebCase):
+    def test_each_request_gets_its_answer(self):
+        page, text = self.get("/")
+        tag = page.headers["ETag"]
+        for status, method, target, fields, size in (
+                (200, "GET", "/", {}, len(text)),
+                (200, "HEAD", "/", {}, 0),
+                (304, "GET", "/?x=/../y", {"If-None-Match": f'"other", {tag}'}, 0),
+                (206, "GET", "/", {"Range": "bytes=-7"}, 7),
+                (206, "GET", "/", {"Range": "bytes=1-1", "If-Range": tag}, 1),
+                (200, "GET", "/", {"Range": "bytes=1-1", "If-Range": '"old"'}, len(text)),
+                (416, "GET", "/", {"Range": "bytes=999999-"}, 0),
+                (200, "GET", "/healthz", {}, 3),
+                (405, "POST", "/", {"Content-Length": "0"}, None),
+                (404, "GET", "//healthz", {}, None),
+                (404, "GET", "/../page.css", {}, None),
+                (404, "GET", "/%2e%2e/page.css", {}, None),
+                (400, "GET", "/..%2fpage.css", {}, None),
+                (400, "GET", "/page.css%00", {}, None),
+                (400, "GET", "/%c0%afpage.css", {}, None),
+                (400, "GET", "/%", {}, None),
+                (413, "GET", "/status.json", {"Content-Length": "99999999"}, None),
+                (431, "GET", "/", {"X": "x" * 5000}, None)):
+            with self.subTest(target=target, **fields):
+                answer, body = next(self.ask((method, target, fields)))
+                self.assertEqual((answer.status, size if size is None else len(body)), (status, size))
+        kept = self.ask(*[("GET", "/page.js", {}), ("HEAD", "/page.js", {}), ("GET", "/nothing", {})] * 20)
+        self.assertEqual([answer.status for answer, _ in kept], [200, 200, 404] * 20)
+
+    def test_the_state_for_programs(self):
+        with subprocess.Popen(["curl", "-s", self.camera.web + "jpeg.mjpeg"], stdout=subprocess.PIPE) as viewer:
+            viewer.stdout.read(50_000)
+            state = json.loads(self.get("/status.json")[1])
+            text = self.get("/metrics")[1].decode()
+            viewer.kill()
+        web = next(each for each in state["services"] if each["name"] == "http")
+        self.assertEqual(web["viewers"], 1)
+        self.assertGreater(web["frames"], 2)
+        self.assertEqual([each["name"] for each in state["streams"]], ["live", "jpeg"])
+        self.assertIn(self.camera.url(), state["streams"][0]["addresses"])
+        for line in text.splitlines():
+            self.assertRegex(line, r'^# (HELP|TYPE) \w+ .+$|^\w+\{\w+="[^"]*"\} \d+$')
+        self.assertRegex(text, re.compile(r'^inet_viewers\{service="http"\} 1$', re.MULTILINE))
+
+    def test_others_are_served_while_hundreds_say_half_of_something(self):
+        address = urlsplit(self.camera.web).hostname, urlsplit(self.camera.web).port
+        for i in range(300):
+            half = self.enterContext(socket.create_connection(address, 20))
+            half.sendall((b"", b"GET / HTTP/1.1\r\nX: ", b"POST / HTTP/1.1\r\nContent-Length: 9\r\n\r\nx")[i % 3])
+        self.assertEqual(self.get("/healthz")[1], b"ok\n")
+
+
+class WebAccess(WebCase):
+    arguments = (*WebCase.arguments, "--user", "admin", "--password", "right")
+
+    def test_all_but_the_health_is_behind_the_gate(self):
+        for target, status in (("/healthz", 200), ("/", 401), ("/jpeg.mjpeg", 401), ("/nothing", 401)):
+            self.assertEqual(self.get(target)[0].status, status)
+        for password, status in (("right", b"200"), ("wrong", b"401")):
+            self.assertEqual(run("curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", "--digest", "-u",
+                                 "admin:" + password, self.camera.web + "status.json"), status)
+
+
+class Sources(WebCase):
+    arguments = WebAccess.arguments
+
+    def test_pictures_that_are_fetched_over_http_go_out_over_rtsp(self):
+        with socket.create_server(("127.0.0.1", 0)) as probe:
+            theirs = f"http://127.0.0.1:{probe.getsockname()[1]}/"
+        peer = subprocess.Popen([*FFMPEG, "-re", "-stream_loop", "-1", "-framerate", "5", "-i", clip_file("clip_%02d.jpg"),
+                                 "-c", "copy", "-content_type", "multipart/x-mixed-replace;boundary=ffmpeg", "-f", "mpjpeg",
+                                 "-listen", "1", theirs], stderr=subprocess.DEVNULL)
+        self.addCleanup(peer.wait)
+        self.addCleanup(peer.kill)
+        ours = self.camera.web.replace("//", "//admin:right@") + "jpeg.mjpeg"
+        clip = picture_hashes("-i", clip_file("clip_%02d.jpg"))
+        with Camera("--source", "ours=" + ours, "--source", "theirs=" + theirs) as relay:
+            for name in ("ours", "theirs"):
+                seen = picture_hashes("-rtsp_transport", "tcp", "-t", "3", "-i", relay.url(name))
+                self.assertGreater(len(seen), 10)
+                self.assertIsNotNone(position_in_loop(seen, clip))
+            peer.kill()
+            self.stop_complaints(relay)
+
+    def stop_complaints(self, relay):
+        """The one that was killed is missed."""
+        while "theirs" not in relay.told():
+            time.sleep(0.05)
