@@ -173,7 +173,7 @@ class Status(ViewerCase, CameraCase):
     def test_what_is_no_command_line(self):
         url = "rtsp://127.0.0.1:1/x"
         at_once(lambda arguments: self.refuse(USAGE, *arguments), [
-            [], ["http://x"], ["rtsp://"], ["rtsp://:554/x"], ["rtsp://h:/x"], ["rtsp://h:65536/x"], ["rtsp://u:p@/x"],
+            [], ["ftp://x"], ["rtsp://"], ["rtsp://:554/x"], ["rtsp://h:/x"], ["rtsp://h:65536/x"], ["rtsp://u:p@/x"],
             ["rtsp://u:p@[::1]/x"], [url, url], [url, "-o"], [url, "-o", "a.avi"], [url, "-o", "a.mp4", "-o", "a.mp4"],
             [url, "--duration", "-1"], [url, "--transport=pigeon"], [url, "--nonsense"], [url, "--stats=1"],
             [url, "--reconnect"]])
