@@ -22,26 +22,6 @@ namespace {
 
 using totals_t = media::station::totals_t;
 
-struct service_state {
-    const char* name;
-    totals_t totals;
-};
-
-/// What both services send; what is not one's is the other's. They are counted one after the other.
-struct services_t {
-    service_state all[2];
-};
-
-services_t services_of(const media::station& station, const media::http_service_t& http) {
-    const totals_t web = http.totals();
-    const totals_t both = station.totals();
-    const auto rest = [](auto all, auto part) { return all > part ? all - part : decltype(all){0}; };
-    return {{{"rtsp",
-              {rest(both.watching, web.watching), rest(both.bytes, web.bytes), rest(both.frames, web.frames),
-               rest(both.dropped, web.dropped)}},
-             {"http", web}}};
-}
-
 INET_PRINTF(2, 3) void append(std::string& out, const char* format, ...) {
     char text[256];
     va_list args;
@@ -89,6 +69,22 @@ void answer(media::http_exchange& asked, const char* type, const std::string& te
 }
 
 }  // namespace
+
+// The station is read first, so that nothing of the pages counts for RTSP. What it lacks is counted the next time, and no
+// counter runs back.
+web::services_t web::services() const {
+    const std::lock_guard held(telling_);
+    const totals_t all = station_.totals();
+    const totals_t pages = http_->totals();
+    const auto raise = [](uint64_t& told, uint64_t sum, uint64_t part) {
+        told = std::max(told, sum - std::min(sum, part));
+    };
+    told_.watching = all.watching - std::min(all.watching, pages.watching);
+    raise(told_.bytes, all.bytes, pages.bytes);
+    raise(told_.frames, all.frames, pages.frames);
+    raise(told_.dropped, all.dropped, pages.dropped);
+    return {{{"rtsp", told_}, {"http", pages}}};
+}
 
 bool web::open(const options& settings, const media::service& rtsp, media::failure_t& error) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
@@ -149,7 +145,7 @@ void web::on_status(void* arg, media::http_exchange& asked) {
         &listing);
     std::string text = "{\"version\":\"" INET_VERSION "\",";
     append(text, "\"time\":%llu,\"services\":[", static_cast<unsigned long long>(time_now()));
-    for (const auto& [name, totals] : services_of(self.station_, *self.http_).all)
+    for (const auto& [name, totals] : self.services())
         append(text, "%s{\"name\":\"%s\",\"viewers\":%u,\"bytes\":%llu,\"frames\":%llu,\"dropped\":%llu}",
                text.ends_with('[') ? "" : ",", name, totals.watching, static_cast<unsigned long long>(totals.bytes),
                static_cast<unsigned long long>(totals.frames), static_cast<unsigned long long>(totals.dropped));
@@ -173,10 +169,10 @@ void web::on_metrics(void* arg, media::http_exchange& asked) {
     };
     std::string text =
         "# HELP inet_info The program.\n# TYPE inet_info gauge\ninet_info{version=\"" INET_VERSION "\"} 1\n";
-    const services_t services = services_of(self.station_, *self.http_);
+    const services_t services = self.services();
     for (const auto& meter : meters) {
         append(text, "# HELP %s %s\n# TYPE %s %s\n", meter.name, meter.help, meter.name, meter.type);
-        for (const auto& [name, totals] : services.all)
+        for (const auto& [name, totals] : services)
             append(text, "%s{service=\"%s\"} %llu\n", meter.name, name,
                    static_cast<unsigned long long>(meter.of(totals)));
     }

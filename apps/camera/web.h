@@ -6,6 +6,9 @@
 #include "media/http_service.h"
 #include "media/station.h"
 
+#include <array>
+#include <mutex>
+
 namespace camera {
 
 /// Serves the page at "/", /status.json, /metrics and, without a user, /healthz; the pictures of the streams are the
@@ -26,9 +29,18 @@ private:
     static void on_health(void* arg, media::http_exchange& asked);
     bool serve_all();
 
+    struct service_state {
+        const char* name;
+        media::station::totals_t totals;
+    };
+    using services_t = std::array<service_state, 2>;
+    services_t services() const;
+
     media::station& station_;
     const media::service* rtsp_ = nullptr;
     media::http_service_t* http_ = nullptr;
+    mutable std::mutex telling_;
+    mutable media::station::totals_t told_{};  ///< of RTSP, the highest so far
 };
 
 }  // namespace camera

@@ -82,7 +82,7 @@ claim_t service_t::claims(buffer_t first) const noexcept {
     const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
     const size_t line = text.find("\r\n");
     if (line == std::string_view::npos) return text.size() < longest_line ? claim_t::more : claim_t::yes;
-    const bool http = text.substr(0, line).find(" HTTP/1.") != std::string_view::npos;
+    const bool http = text.substr(0, line).find(" HTTP/") != std::string_view::npos;
     return http || line == 0 ? claim_t::yes : claim_t::no;
 }
 

@@ -111,6 +111,7 @@ TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
         {"GET / HTTP/1.0\r\n" + chunked + "0\r\n\r\n", "-1 ", refused},
         {"GET / HTTP/1.1\r\n" + chunked + "1;x\ny\r\na\r\n0\r\n\r\n", "0 -1 ", refused},
         {"GET / HTTP/1.1\r\nX: y\r\n z\r\n\r\n", "-1 ", refused},
+        {"GET / HTTP/1.1\r\nContent-Length 1\r\n\r\n", "-1 ", refused},
         {"GET /\r\n\r\n", "-1 ", refused},
         {"HTTP/1.1 200 OK\r\n\r\n", "-1 ", refused},
         {post + "multipart/mixed\r\nContent-Length: 4\r\n\r\n--b-", "-1 ", refused},

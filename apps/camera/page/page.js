@@ -3,6 +3,7 @@
 
 const mostLive = 4;          // browsers open six connections to a host; two are left for the rest
 const snapshotEvery = 2000;  // milliseconds
+const renewEvery = 60000;    // a live picture whose connection has ended does not say so
 const mostPoints = 120;      // seconds that a plot shows
 
 const plots = {
@@ -17,7 +18,9 @@ let last = null;
 
 const element = (id) => document.getElementById(id);
 
+// What reads the page aloud is told of changes alone.
 function setState(state, text) {
+  if (element("state").textContent === text) return;
   element("state").dataset.state = state;
   element("state").textContent = text;
 }
@@ -36,8 +39,12 @@ async function copyText(text, button) {
     selection.addRange(range);
     copied = document.execCommand("copy");
   }
-  button.textContent = copied ? "Copied" : "Selected";
-  setTimeout(() => { button.textContent = "Copy"; }, 1500);
+  const say = (word) => {
+    button.textContent = word;
+    button.setAttribute("aria-label", `${word} ${text}`);
+  };
+  say(copied ? "Copied" : "Selected");
+  setTimeout(say, 1500, "Copy");
 }
 
 function addressItem(address) {
@@ -60,22 +67,30 @@ function makeCard(name) {
 function showPicture(card, stream, mode) {
   const { image, note } = card;
   image.alt = "Picture of " + stream.name;
-  if (card.mode === mode) return;
+  if (card.mode === mode) {
+    if (mode === "live" && Date.now() > card.renew) card.ask();
+    return;
+  }
   card.mode = mode;
   clearTimeout(card.timer);
   image.onload = image.onerror = null;
-  if (mode === "none") {
+  if (mode === "none" || mode === "waiting") {
     image.removeAttribute("src");
     image.hidden = true;
     note.hidden = false;
-    note.textContent = "No JPEG pictures in this stream. A player shows it by the addresses below.";
+    note.textContent = mode === "waiting" ? "Waiting for the source."
+      : "No JPEG pictures in this stream. A player shows it by the addresses below.";
     return;
   }
   note.textContent = "waiting for a picture";
   const base = "/" + encodeURIComponent(stream.name).replaceAll("%2F", "/");
   const shows = (yes) => { image.hidden = !yes; note.hidden = yes; };
   const again = () => { card.timer = setTimeout(ask, snapshotEvery); };
-  const ask = () => { image.src = base + (mode === "live" ? ".mjpeg" : ".jpg") + "?" + Date.now(); };
+  const ask = () => {
+    card.renew = Date.now() + renewEvery;
+    image.src = base + (mode === "live" ? ".mjpeg" : ".jpg") + "?" + Date.now();
+  };
+  card.ask = ask;
   image.onload = () => { shows(true); if (mode === "snapshot") again(); };
   image.onerror = () => { shows(false); again(); };
   ask();
@@ -107,8 +122,10 @@ function showStreams(streams) {
       card.root.querySelector(".formats").textContent = formatText(stream.formats);
       card.root.querySelector(".addresses").replaceChildren(...stream.addresses.map(addressItem));
     }
-    const jpeg = stream.formats.video && stream.formats.video.format === "JPEG";
-    showPicture(card, stream, !jpeg ? "none" : live++ < mostLive ? "live" : "snapshot");
+    const { video } = stream.formats;
+    const jpeg = video && video.format === "JPEG";
+    const other = stream.formats.audio || video ? "none" : "waiting";
+    showPicture(card, stream, !jpeg ? other : live++ < mostLive ? "live" : "snapshot");
   }
 }
 
@@ -164,7 +181,7 @@ function drawPlot(figure, name, services) {
   });
   const newest = points.at(-1);
   const sum = newest ? Object.values(newest.services).reduce((all, service) => all + service[name], 0) : 0;
-  figure.querySelector("output").textContent = plots[name].text(sum);
+  figure.querySelector("span").textContent = plots[name].text(sum);
 }
 
 function drawPlots() {
@@ -191,6 +208,7 @@ async function ask() {
     setState("live", viewers === 1 ? "1 viewer" : `${viewers} viewers`);
   } catch {
     setState("lost", "camera not reached");
+    for (const card of cards.values()) card.mode = "";  // its pictures are asked for again
   }
   setTimeout(ask, 1000);
 }

@@ -44,8 +44,11 @@ bool is_http(const char* protocol) noexcept { return scan::text(protocol).starts
 bool is_plain(std::string_view text, const header_s& header) noexcept {
     for (size_t at = 0; (at = text.find_first_of("\r\n", at)) != std::string_view::npos; at += 2) {
         if (text.substr(at, 2) != "\r\n") return false;
-        const bool is_folded = at + 2 < text.size() && blanks.find(text[at + 2]) != std::string_view::npos;
-        if (is_folded) return false;
+        std::string_view next = text.substr(at + 2);
+        next = next.substr(0, next.find('\r'));
+        const bool is_folded = !next.empty() && blanks.find(next[0]) != std::string_view::npos;
+        const bool is_no_field = !next.empty() && next.find(':') == std::string_view::npos;
+        if (is_folded || is_no_field) return false;
     }
     const std::string_view target = scan::text(header.uri);
     if (!is_token(scan::text(header.method)) || target.empty() || std::ranges::any_of(target, is_control)) return false;
@@ -85,6 +88,12 @@ std::string_view field_of(const header_s& header, const char* name) noexcept {
 bool lists(std::string_view list, std::string_view name) noexcept {
     while (!list.empty())
         if (scan::same_name(scan::trim(scan::take(list, ','), blanks), name)) return true;
+    return false;
+}
+
+bool asks_for_close(const header_s& header) noexcept {
+    for (value_t* const* field = header.fields; field && *field; ++field)
+        if (scan::same_name((*field)->key, "Connection") && lists(scan::text((*field)->value), "close")) return true;
     return false;
 }
 
@@ -248,7 +257,8 @@ bool message_reader::is_sound(std::string_view text) const noexcept {
     const lengths_t found = lengths_of(*header_);
     if (request != (role_ == role_t::server) || text.find('\0') != std::string_view::npos) return false;
     if (found.differ || found.other_coding) return false;
-    if (found.chunked && text.substr(0, text.find('\r')).find("HTTP/1.0") != std::string_view::npos) return false;
+    const bool is_old = request ? scan::text(header_->protocol) == "HTTP/1.0" : text.starts_with("HTTP/1.0");
+    if (found.chunked && is_old) return false;
     return !request || (is_plain(text, *header_) && !(found.chunked && found.length));
 }
 
@@ -265,7 +275,7 @@ void message_reader::judge_framing() noexcept {
     is_head_ = !response && std::strcmp(header_->method, "HEAD") == 0;
     const lengths_t found = lengths_of(*header_);
     left_ = found.length.value_or(0);
-    const bool ends = response && !found.length && (to_ || lists(field_of(*header_, "Connection"), "close"));
+    const bool ends = response && !found.length && (to_ || asks_for_close(*header_));
     framing_ = no_body         ? framing_t::none
                : found.chunked ? framing_t::chunked
                : left_ > 0     ? framing_t::length

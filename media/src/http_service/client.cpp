@@ -46,17 +46,38 @@ buffer_t bytes_of(std::string_view text) noexcept {
     return {reinterpret_cast<uint8_t*>(const_cast<char*>(text.data())), static_cast<uint32_t>(text.size())};
 }
 
-/// Whether a list, separated by commas, has that one, in whatever case.
-bool lists(std::string_view list, std::string_view wanted) noexcept {
+bool same_name(std::string_view a, std::string_view b) noexcept {
+    return a.size() == b.size() && core_strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+/// Whether one element of a list, separated by commas, is as `is` wants it.
+template <class Is>
+bool lists(std::string_view list, Is is) noexcept {
     while (!list.empty()) {
         const size_t end = std::min(list.find(','), list.size());
         std::string_view each = list.substr(0, end);
         each.remove_prefix(std::min(each.find_first_not_of(" \t"), each.size()));
         each = each.substr(0, each.find_last_not_of(" \t") + 1);
-        if (each.size() == wanted.size() && core_strncasecmp(each.data(), wanted.data(), each.size()) == 0) return true;
+        if (is(each)) return true;
         list.remove_prefix(std::min(end + 1, list.size()));
     }
     return false;
+}
+
+/// The same of all fields of that name together (RFC 9110, 5.3).
+template <class Is>
+bool lists(const net::http::header_s& header, std::string_view name, Is is) noexcept {
+    for (value_t* const* field = header.fields; field && *field; ++field)
+        if (same_name((*field)->key, name) && lists((*field)->value, is)) return true;
+    return false;
+}
+
+/// What speaks HTTP/1.1 names the host once (RFC 9112, 3.2).
+bool names_host(const net::http::header_s& header) noexcept {
+    size_t hosts = 0;
+    for (value_t* const* field = header.fields; field && *field; ++field)
+        hosts += same_name((*field)->key, "Host") ? 1 : 0;
+    return hosts == 1 || (hosts == 0 && std::strcmp(header.protocol, "HTTP/1.1") != 0);
 }
 
 }  // namespace
@@ -157,9 +178,10 @@ void client_t::on_message(int status, net::http::header_s* header, const buffer_
 
 /// Looks at the header alone. @return false when it has been answered
 bool client_t::admit() noexcept {
-    keeps_ = std::strcmp(header_->protocol, "HTTP/1.1") == 0 && !lists(field_of(*header_, "Connection"), "close");
+    keeps_ = std::strcmp(header_->protocol, "HTTP/1.1") == 0 &&
+             !lists(*header_, "Connection", [](std::string_view each) { return same_name(each, "close"); });
     route_ = nullptr;
-    if (!read_target(header_->uri, target_)) {
+    if (!names_host(*header_) || !read_target(header_->uri, target_)) {
         keeps_ = false;
         answer_error(400);
         return false;
@@ -173,7 +195,7 @@ bool client_t::admit() noexcept {
     }
     const char* methods = route_ ? route_->methods.c_str() : "GET, HEAD";
     const std::string_view method = header_->method;
-    if (lists(methods, method) && method.find(',') == std::string_view::npos) return true;
+    if (lists(methods, [&](std::string_view each) { return each == method; })) return true;
     answer_error(405, "Allow", methods);
     return false;
 }
@@ -245,10 +267,13 @@ void client_t::refuse(unsigned status) noexcept {
 
 void client_t::answer_document(const document_t& what) noexcept {
     const std::string_view etag = what.etag;
-    const std::string_view wanted = field_of(*header_, "If-None-Match");
     http_answer_t how{.type = what.type, .cache = what.cache, .field = "ETag", .value = what.etag};
     // A weak tag is as good here (RFC 9110, 13.1.2).
-    if (wanted == "*" || lists(wanted, etag) || (wanted.starts_with("W/") && lists(wanted.substr(2), etag))) {
+    const auto is_held = [&](std::string_view each) {
+        if (each.starts_with("W/")) each.remove_prefix(2);
+        return each == etag || each == "*";
+    };
+    if (lists(*header_, "If-None-Match", is_held)) {
         how.status = 304;
         how.type = nullptr;
         send_header(begin_answer(how, UINT64_MAX), {}, {}, nullptr, nullptr);

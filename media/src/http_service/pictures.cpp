@@ -42,7 +42,8 @@ void pictures::remove(const picture_taker& one) noexcept {
 
 void pictures::on_entry(read_t what, const entry_t& entry) noexcept {
     const bool picture = what == read_t::frame && entry.frame.fcc == av::fcc_jpeg && entry.number >= number_;
-    if (!picture && what != read_t::ended) return;
+    const bool other = what == read_t::frame && entry.kind == kind_t::video && entry.frame.fcc != av::fcc_jpeg;
+    if (!picture && !other && what != read_t::ended) return;
     if (picture) {
         avc_frame_drop(&newest_);
         if (!avc_frame_share(&newest_, &entry.frame, CORE_HERE)) return;

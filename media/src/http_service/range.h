@@ -31,7 +31,7 @@ inline range_t read_range(std::string_view text, uint64_t size, uint64_t& first,
     if (has_from && has_to && to < from) return range_t::none;
     if (has_from ? from >= size : to == 0 || size == 0) return range_t::outside;
     first = has_from ? from : size - std::min(size, to);
-    last = has_from && has_to ? std::min(size, to + 1) : size;
+    last = has_from && has_to ? std::min(size - 1, to) + 1 : size;
     return range_t::part;
 }
 

@@ -155,21 +155,23 @@ http_attempt::track_t* http_attempt::track_of(const av::frame_t& frame) noexcept
 
 void http_attempt::take_frame(const av::frame_t& part) noexcept {
     if (stage_ != stage_t::playing) return;
-    last_frame_ = core_timer();
-    if (!begun_) {
-        begun_ = last_frame_;
-        begun_time_ = time_now();
-    }
+    const uint64_t now = core_timer();
+    const uint64_t passed = begun_ ? now - begun_ : 0;
+    const uint64_t begun_time = begun_ ? begun_time_ : time_now();
     watched_t got;
-    got.media_time = static_cast<int64_t>(last_frame_ - begun_);
+    got.media_time = static_cast<int64_t>(passed);
     // Its size and whether it is a key picture are read here.
-    av::frame_t* made =
-        avc_frame_create(part.fcc, begun_time_ + (last_frame_ - begun_), part.data, part.size, CORE_HERE);
+    av::frame_t* made = avc_frame_create(part.fcc, begun_time + passed, part.data, part.size, CORE_HERE);
     if (!made) return;
     made->rate = part.rate;
     made->channels = part.channels;
     made->bits = part.bits;
     track_t* const track = track_of(*made);
+    if (track) {
+        last_frame_ = now;
+        begun_ = now - passed;
+        begun_time_ = begun_time;
+    }
     if (track && track->received.take(*made, got.media_time)) {
         got.frame = *made;
         got.track = static_cast<uint32_t>(track - tracks_.data());
