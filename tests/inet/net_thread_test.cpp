@@ -258,7 +258,7 @@ TEST(Command, ComesAtItsTimeAndNotBefore) {
         double now;
         uint64_t set;
         int runs;
-    } steps[] = {{"not yet", 50, 50'000'001, 0},           {"taken back", 51, 0, 0},  {"set anew", 51, 51'000'000, 1},
+    } steps[] = {{"not yet", 50.5, 50'500'001, 0},         {"taken back", 51, 0, 0},  {"set anew", 51, 51'000'000, 1},
                  {"a replaced time", 51.5, 53'000'000, 1}, {"it", 53, 53'000'000, 2}, {"once", 54, 0, 2},
                  {"the farthest", 54, UINT64_MAX, 2}};
     for (const auto& [why, now, set, runs] : steps) {
