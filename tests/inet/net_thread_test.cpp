@@ -262,8 +262,8 @@ TEST(Command, ComesAtItsTimeAndNotBefore) {
                  {"a replaced time", 51.5, 53'000'000, 1}, {"it", 53, 53'000'000, 2}, {"once", 54, 0, 2},
                  {"the farthest", 54, UINT64_MAX, 2}};
     for (const auto& [why, now, set, runs] : steps) {
-        test_clock::set(now);
         net_nt_command_at(s.command, set);
+        test_clock::set(now);
         s.nt.pass();
         EXPECT_EQ(s.called.runs(), runs) << why;
     }
