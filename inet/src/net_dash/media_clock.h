@@ -33,7 +33,8 @@ public:
         uint64_t time = source_time - base_ + offset_;
         const uint64_t next = last_ + (usual_ ? usual_ : without_any);
         const auto pause = static_cast<int64_t>(time - last_);
-        const bool late = pause > longest_pause && pause > 3 * static_cast<int64_t>(usual_);
+        const bool late =
+            usual_ ? pause > longest_pause && pause > 3 * static_cast<int64_t>(usual_) : pause > first_pause;
         if (pause < -longest_pause || pause > clock_was_set || (late && gapless_)) {
             offset_ += next - time;
             time = next;
@@ -58,6 +59,7 @@ public:
 
 private:
     static constexpr int64_t longest_pause = 2 * us_per_second;
+    static constexpr int64_t first_pause = 15 * us_per_second;
     static constexpr int64_t clock_was_set = 24 * 3600 * int64_t{us_per_second};
     static constexpr uint64_t longest_usual = 5 * us_per_second;
     static constexpr uint64_t without_any = 40 * us_per_ms;  ///< duration of a picture before a second one has come

@@ -3,6 +3,7 @@
 #include "avc/fcc.h"
 #include "avc/mp4.h"
 #include "common/h264.h"
+#include "core/log.h"
 #include "core/time.h"
 
 #include <cstdio>
@@ -26,13 +27,12 @@ bool packer::open(const av::frame_t& key) noexcept {
     if (!made || !bytes || !av_mp4_init(&bytes->bytes, &key, CORE_HERE)) return false;
     const std::span data(key.data, key.size);
     const auto sps = h264_find(data.first(data.size() - h264_first_slice(data).size()), h264_sps);
-    constexpr size_t profile_at = 1;
-    constexpr size_t level_at = 3;
-    if (sps.size() <= level_at) return false;
-    made->codec[0] = sps[profile_at];
-    made->codec[2] = sps[level_at];
-    made->width = key.width;
-    made->height = key.height;
+    h264_info_t info{};
+    if (!h264_parse_sps(sps, &info)) return false;
+    made->codec[0] = info.profile_idc;
+    made->codec[2] = info.level_idc;
+    made->width = key.width ? key.width : info.width;
+    made->height = key.height ? key.height : info.height;
     made->base = key.time;
     made->created = time_now();
     std::snprintf(made->name, sizeof made->name, "header.m4s");
