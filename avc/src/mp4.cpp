@@ -20,6 +20,9 @@ using av::writer;
 
 constexpr uint32_t time_scale = 90000;
 
+/// Microseconds, of a frame that says more.
+constexpr uint32_t longest_shown_after = 10'000'000;
+
 /// Ticks of the track. Always from the base, never by adding durations, so that rounding does not add up.
 uint64_t ticks(uint64_t time, uint64_t base) noexcept {
     constexpr uint64_t microseconds = 1000000;
@@ -113,6 +116,10 @@ uint64_t room_for(std::span<const mp4_run_t> runs) noexcept {
 /// Frames of one fragment as samples. @return false for one that is not H.264, times that run backwards or stand before
 /// the base, a duration beyond 32 bits.
 bool take_frames(av::frame_t* const* frames, uint64_t base, uint64_t end, core::vector<mp4_sample_t>& out) {
+    const av::frame_t* const first = frames ? *frames : nullptr;
+    const auto shown = [](const av::frame_t& each) {
+        return static_cast<int32_t>(ticks(std::min(each.shown_after, longest_shown_after), 0));
+    };
     for (; frames && *frames; ++frames) {
         const av::frame_t& frame = **frames;
         const uint64_t next = frames[1] ? frames[1]->time : end;
@@ -121,7 +128,7 @@ bool take_frames(av::frame_t* const* frames, uint64_t base, uint64_t end, core::
         if (duration > UINT32_MAX) return false;
         out.push_back({.data = {frame.data, frame.size},
                        .duration = static_cast<uint32_t>(duration),
-                       .shown_after = 0,
+                       .shown_after = shown(frame) - shown(*first),
                        .key = frame.key != 0});
     }
     return !out.empty();

@@ -1,16 +1,15 @@
 #include "inet/inet.h"
 
+#include "lifecycle.h"
+
 #include "core/log.h"
 #include "core/owned.h"
 #include "core/param.h"
 #include "core/profile.h"
-#include "core/thread.h"
 #include "core/version.h"
 #include "inet/net_socket.h"
 #include "inet/net_tab.h"
 
-#include <atomic>
-#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -24,15 +23,7 @@ struct version_text {
 
 const char* version() noexcept { return core::process_wide<version_text>().text; }
 
-// Starts are counted together with the number of the life they belong to, in one word: a start that meets the last stop
-// of the old life must know that it waits for another one.
-struct alignas(uint64_t) life_count {  // as the atomic word is
-    uint32_t life = 0;
-    uint32_t starts = 0;
-};
-
-constinit std::atomic<life_count> count;
-constinit std::atomic<uint32_t> running_life;  // 0 while the library is down
+constinit net::lifecycle library;
 
 log_ctx* library_log = nullptr;
 profile_ctx* library_profile = nullptr;
@@ -60,32 +51,6 @@ void take_down() noexcept {
     socket_free();
 }
 
-void wait_until_running(uint32_t life) noexcept {
-    while (running_life != life)
-        core_sleep(1);
-}
-
-life_count count_start() noexcept {
-    life_count found = count;
-    life_count next;
-    do {
-        next = {.life = found.starts == 0 ? found.life + 1 : found.life, .starts = found.starts + 1};
-        if (next.life == 0) next.life = 1;
-    } while (!count.compare_exchange_weak(found, next));
-    return next;
-}
-
-// @return true for the last stop of the life that runs
-bool count_stop() noexcept {
-    life_count found = count;
-    life_count next;
-    do {
-        if (found.starts == 0 || found.life != running_life) return false;
-        next = {.life = found.life, .starts = found.starts - 1};
-    } while (!count.compare_exchange_weak(found, next));
-    return next.starts == 0;
-}
-
 struct self_test {
     const char* name;
     void (*run)();
@@ -99,22 +64,11 @@ constexpr self_test self_tests[] = {
 }  // namespace
 
 const char* net_init() noexcept {
-    const life_count joined = count_start();
-    if (joined.starts != 1) {
-        wait_until_running(joined.life);
-        return version();
-    }
-    wait_until_running(0);
-    bring_up();
-    running_life = joined.life;
+    library.start(bring_up);
     return version();
 }
 
-void net_free() noexcept {
-    if (!count_stop()) return;
-    take_down();
-    running_life = 0;
-}
+void net_free() noexcept { library.stop(take_down); }
 
 void dll_test(const char* name) noexcept {
     const char* wanted = name ? name : "auto";

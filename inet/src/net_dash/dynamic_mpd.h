@@ -1,0 +1,41 @@
+// The manifest of what is live.
+#pragma once
+
+namespace net::dash {
+
+// - The delay covers what a player cannot know yet: a segment that is not cut, the time to the next update, and 1 s.
+// - The clock of the media stands in the document: the address of a clock would be one more request, and a wrong clock
+//   of the camera would put the live edge elsewhere.
+inline constexpr const char* dynamic_mpd = R"(<?xml version="1.0" encoding="utf-8"?>
+<MPD xmlns="urn:mpeg:dash:schema:mpd:2011"
+     id="${token}"
+     profiles="urn:mpeg:dash:profile:isoff-live:2011,urn:com:dashif:dash264"
+     type="dynamic"
+     availabilityStartTime="${availability_start}"
+     publishTime="${publish_time}"
+     minimumUpdatePeriod="PT3S"
+     timeShiftBufferDepth="PT${shift}S"
+     suggestedPresentationDelay="PT${delay}S"
+     maxSegmentDuration="PT3S"
+     minBufferTime="PT3S">
+ <ProgramInformation moreInformationURL="${url}">
+  <Title>${title}</Title>
+ </ProgramInformation>
+ <Period id="dash" start="PT0S">
+  <AdaptationSet contentType="video" maxFrameRate="25" maxHeight="${height}" maxWidth="${width}"
+                 mimeType="video/mp4" par="4:3" segmentAlignment="true" startWithSAP="1">
+   <Role schemeIdUri="urn:mpeg:dash:role:2011" value="main"/>
+   <SegmentTemplate timescale="1000" startNumber="${seq}"
+                    initialization="$RepresentationID$/header.m4s" media="$RepresentationID$/$Time$.m4s">
+          <SegmentTimeline>${timeline}
+          </SegmentTimeline>
+   </SegmentTemplate>
+   <Representation id="v${token}" bandwidth="300000" codecs="avc1.${codec}" frameRate="25"
+                   height="${height}" width="${width}" sar="1:1"/>
+  </AdaptationSet>
+ </Period>
+ <UTCTiming schemeIdUri="urn:mpeg:dash:utc:direct:2014" value="${media_now}"/>
+</MPD>
+)";
+
+}  // namespace net::dash
