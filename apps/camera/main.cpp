@@ -111,9 +111,9 @@ int serve(const camera::options& settings) {
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
-    camera::web web(station);
+    camera::web web(station, settings);
     if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, why))) return fail(why.text);
-    if (!station.start(&why) || !fetched.start(why)) return fail(why.text);
+    if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
     print_addresses(paths, settings, rtsp->port(), web.port());
     if (settings.timeout < players_patience) {
@@ -122,6 +122,7 @@ int serve(const camera::options& settings) {
     }
     show_status(station, fetched);
     source.stop();
+    web.stop();
     station.stop();
     fetched.stop();
     return 0;

@@ -93,7 +93,7 @@ bool web::open(const options& settings, const media::service& rtsp, media::failu
                                  .user = text(settings.login.user),
                                  .password = text(settings.login.password),
                                  .stall = settings.stall});
-    const bool complete = http_ && serve_all();
+    const bool complete = http_ && serve_all() && dash_.serve(*http_);
     if (!complete) {
         media::tell(&error, "no memory for the HTTP service");
         delete std::exchange(http_, nullptr);
@@ -140,6 +140,11 @@ void web::on_status(void* arg, media::http_exchange& asked) {
             text += "},\"addresses\":[";
             of.rtsp_->addresses(each, host, append_address, &text);
             of.http_->addresses(each, host, append_address, &text);
+            if (of.dash_.offers(each)) {
+                const std::string manifest = "http://" + std::string(host) + ":" + std::to_string(of.http_->port()) +
+                                             "/" + each.name() + "/manifest.mpd";
+                append_address(&text, manifest.c_str());
+            }
             append(text, "],\"frames\":%llu}", static_cast<unsigned long long>(each.status().pushed));
         },
         &listing);

@@ -3,6 +3,7 @@
 
 #include "options.h"
 
+#include "media/dash.h"
 #include "media/http_service.h"
 #include "media/station.h"
 
@@ -11,15 +12,19 @@
 
 namespace camera {
 
-/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz; the pictures of the streams are the
-/// service's own. It lives as long as the station.
+/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, and the streams as DASH; the JPEG pictures
+/// are the service's own. It lives as long as the station.
 class web {
 public:
-    explicit web(media::station& station) : station_(station) {}
+    web(media::station& station, const options& settings)
+        : station_(station), dash_(station, {.on_demand = settings.on_demand}) {}
 
     /// Adds the HTTP service to the station, before its start. @param rtsp  the other service
     /// @return false with the reason in `error`
     bool open(const options& settings, const media::service& rtsp, media::failure_t& error);
+    /// After the station's start, and before its end. Nothing when it is not open.
+    bool start(media::failure_t& error) { return !http_ || dash_.start(http_->port(), &error); }
+    void stop() { dash_.stop(); }
     /// 0 when it is not open.
     uint16_t port() const { return http_ ? http_->port() : uint16_t{0}; }
 
@@ -37,6 +42,7 @@ private:
     services_t services() const;
 
     media::station& station_;
+    media::dash dash_;
     const media::service* rtsp_ = nullptr;
     media::http_service_t* http_ = nullptr;
     mutable std::mutex telling_;

@@ -73,7 +73,14 @@ int service_t::serve(const char* path, const document_t& what) noexcept {
 }
 
 const route_t* service_t::find(std::string_view path) const noexcept {
-    const auto found = std::ranges::find_if(routes_, [&](const route_t& each) { return each.path == path; });
+    const auto below = [&](const route_t& each) {
+        std::string_view folder = each.path;
+        if (!folder.ends_with("/*")) return false;
+        folder.remove_suffix(1);
+        return path.size() > folder.size() && path.starts_with(folder);
+    };
+    auto found = std::ranges::find_if(routes_, [&](const route_t& each) { return each.path == path; });
+    if (found == routes_.end()) found = std::ranges::find_if(routes_, below);
     return found == routes_.end() ? nullptr : &*found;
 }
 

@@ -59,7 +59,7 @@ struct http_answer_t {
     const char* value = nullptr;
 };
 
-/// A request, on the network thread of its connection. Valid for the call that shows it; it is answered in it.
+/// A request, on the network thread of its connection. Valid for the call that shows it.
 class MEDIA_API http_exchange {
 public:
     virtual const char* method() const noexcept = 0;
@@ -71,7 +71,13 @@ public:
     virtual thread& on() const noexcept = 0;
     virtual const char* host() const noexcept = 0;
 
-    /// Answers. The bytes are copied. What is not answered when the call returns is answered with 500.
+    /// Has the handler called again ten times a second until it answers: for what is being made on another thread.
+    /// header() has no fields then. After 10 s the service answers 503 with Retry-After.
+    virtual void later() noexcept = 0;
+    /// True in those calls.
+    virtual bool was_put_off() const noexcept = 0;
+
+    /// Answers. The bytes are copied. What is neither answered nor put off when the call returns is answered with 500.
     virtual void answer(const http_answer_t& how, buffer_t bytes) noexcept = 0;
     /// The same with bytes that are lent until `release(owner)` is called, once, on any thread.
     virtual void answer_share(const http_answer_t& how, buffer_t bytes, void (*release)(void* owner),
@@ -89,6 +95,7 @@ typedef void (*http_handler_t)(void* arg, http_exchange& asked);
 class MEDIA_API http_service_t : public service {
 public:
     /// Has `handler(arg, exchange)` called for a path, which is copied. Before station::start().
+    /// @param path     one that ends with "/*" leads to all below it, but what has a path of its own
     /// @param methods  separated by ", "; HEAD goes to the handler as GET does
     /// @param open     needs no user
     /// @return 1; 0 for a path that is taken or has no '/' in front, or when memory is out

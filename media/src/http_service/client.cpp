@@ -19,6 +19,8 @@ namespace media::web {
 namespace {
 
 constexpr unsigned longest_leave = 3;  // seconds
+constexpr uint64_t longest_put_off = 10'000'000;
+constexpr uint64_t put_off_step = 100'000;
 
 struct reason_t {
     unsigned status;
@@ -106,7 +108,10 @@ bool client_t::begin(net::Tcp*& from) noexcept {
     return net_http_take(http_, from) == 0;
 }
 
-uint64_t client_t::serve(uint64_t) noexcept { return 0; }
+uint64_t client_t::serve(uint64_t now) noexcept {
+    if (put_off_ != 0) ask_again(now);
+    return put_off_ != 0 ? now + put_off_step : 0;
+}
 
 void client_t::finish() noexcept {
     if (finished_) return;
@@ -121,7 +126,7 @@ void client_t::second() noexcept {
     count_bytes();
     const http_settings_t& limits = service_.settings();
     const bool stalls = net_http_second(http_) >= limits.stall;
-    const bool is_quiet = !sending_ && !pictures_ && ++quiet_ > limits.timeout;
+    const bool is_quiet = !sending_ && !pictures_ && put_off_ == 0 && ++quiet_ > limits.timeout;
     const bool lingers = leaving_ > 0 && ++leaving_ > longest_leave;
     if (stalls) net_http_give_up(http_);
     if (stalls || is_quiet || lingers) return finish();
@@ -167,12 +172,39 @@ void client_t::on_message(int status, net::http::header_s* header, const buffer_
         if (!route_) {
             if (!answer_stream()) answer_error(404);
         } else if (route_->handler) {
-            route_->handler(route_->arg, *this);
-            if (!answered_) answer_error(500);
+            head_ = !is_get();
+            ask_handler(core_timer());
         } else {
             answer_document(route_->document);
         }
     }
+    header_ = nullptr;
+}
+
+void client_t::ask_handler(uint64_t now) noexcept {
+    puts_off_ = false;
+    route_->handler(route_->arg, *this);
+    if (answered_ || !puts_off_) {
+        put_off_ = 0;
+        if (!answered_) answer_error(500);
+    } else if (put_off_ == 0) {
+        put_off_ = now;
+        thread_.wake(*this);
+    } else if (now > put_off_ + longest_put_off) {
+        put_off_ = 0;
+        answer_error(503, "Retry-After", "2");
+    }
+}
+
+/// The connection keeps no header between its calls.
+void client_t::ask_again(uint64_t now) noexcept {
+    char method[] = "GET";
+    char head[] = "HEAD";
+    net::http::header_s bare{};
+    bare.method = head_ ? head : method;
+    header_ = &bare;
+    body_ = {};
+    ask_handler(now);
     header_ = nullptr;
 }
 

@@ -25,6 +25,8 @@ public:
 
     // The exchange at hand
     const char* method() const noexcept override { return header_->method; }
+    void later() noexcept override { puts_off_ = true; }
+    bool was_put_off() const noexcept override { return put_off_ != 0; }
     const char* path() const noexcept override { return target_.path.c_str(); }
     const char* query() const noexcept override { return target_.query.c_str(); }
     const net::http::header_s& header() const noexcept override { return *header_; }
@@ -39,6 +41,8 @@ public:
 private:
     void on_message(int status, net::http::header_s* header, const buffer_t* body) noexcept;
     bool admit() noexcept;
+    void ask_handler(uint64_t now) noexcept;
+    void ask_again(uint64_t now) noexcept;
     bool is_get() const noexcept;
     void answer_error(unsigned status, const char* field = nullptr, const char* value = nullptr) noexcept;
     void refuse(unsigned status) noexcept;
@@ -70,9 +74,12 @@ private:
     const route_t* route_ = nullptr;
     bool announced_ = false;
     bool answered_ = false;
-    bool keeps_ = true;     ///< the connection, behind the answer
-    bool sending_ = false;  ///< not all of the answer has gone
-    unsigned quiet_ = 0;    ///< seconds since the last request was whole, or answered
+    bool keeps_ = true;      ///< the connection, behind the answer
+    bool sending_ = false;   ///< not all of the answer has gone
+    bool puts_off_ = false;  ///< the handler, its answer
+    bool head_ = false;      ///< the request that it has put off is a HEAD
+    uint64_t put_off_ = 0;   ///< core_timer() when it did so first; 0 for not
+    unsigned quiet_ = 0;     ///< seconds since the last request was whole, or answered
 
     pictures* pictures_ = nullptr;  ///< is sent to it as they come
     uint64_t shown_ = 0;            ///< pictures::number() of the last one sent

@@ -1,0 +1,62 @@
+/// MPEG-DASH of a station's streams: a thread reads them and puts their pictures on the profile bus, where they are
+/// packed (inet/net_dash.h); an HTTP service sends what was packed. Below the name of every stream with H.264 pictures:
+///     /NAME/manifest.mpd    the live manifest
+///     /NAME/vCONTEXT/...    its segments
+///
+///     media::dash live(station);
+///     media::http_service_t* web = media::http_service({.port = 8080});
+///     live.serve(*web);
+///     station.add(web);
+///     if (!station.start() || !live.start(web->port())) ...
+///     ...
+///     live.stop();
+///     station.stop();
+///
+/// A manifest is there when the window of 15 s has filled. A request before that waits for up to 10 s, and is then
+/// answered with 503 and Retry-After. The camera of a stream that nobody watches is not asked for pictures: settings_t.
+///
+/// Bounds: those of inet/net_dash.h, and of each stream 5 s of frames held for this reader, within the stream's bounds.
+///
+/// One thread, such as the main thread. Nothing here throws.
+#pragma once
+
+#include "media/api.h"
+#include "media/http_service.h"
+#include "media/station.h"
+
+namespace media {
+
+class MEDIA_API dash final {
+public:
+    struct settings_t {
+        bool on_demand = false;  ///< a stream is packed from its first request on, until 25 s have passed without one
+    };
+
+    explicit dash(station& of) noexcept : dash(of, settings_t{}) {}
+    dash(station& of, const settings_t& settings) noexcept;
+    /// stop()
+    ~dash();
+    dash(const dash&) = delete;
+    dash& operator=(const dash&) = delete;
+
+    /// Adds the routes of all streams that the station has now to a service, before it is started.
+    /// @return 1; 0 when a path is taken or memory is out
+    int serve(http_service_t& by) noexcept;
+
+    /// Starts packing, after the station. @param number  tells this process from others that work in the same
+    /// directory, such as the port of the service
+    /// @return 1, or 0 with a reason in `error`
+    int start(uint32_t number, failure_t* error = nullptr) noexcept;
+    /// Ends packing, before the station. Requests are answered with 503 from then on.
+    void stop() noexcept;
+
+    /// Whether `which` is offered: it has H.264 pictures, and they can be packed. Any thread.
+    int offers(const stream& which) const noexcept;
+
+    struct inside;
+
+private:
+    inside* inside_;
+};
+
+}  // namespace media

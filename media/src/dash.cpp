@@ -1,0 +1,321 @@
+// The packing thread waits for news of any stream, reads what is new of each, and puts it on the bus: the packer runs
+// inside that call. Requests come on the network threads. They find contexts by name and take shares of segments, so
+// they wait for the packer only as long as it changes its lists.
+#include "media/dash.h"
+
+#include "avc/fcc.h"
+#include "core/owned.h"
+#include "core/profile.h"
+#include "core/text.h"
+#include "core/thread.h"
+#include "core/time.h"
+#include "inet/net_dash.h"
+#include "inet/net_http_header.h"
+#include "inet/net_tab.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cstdio>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+namespace media {
+
+namespace {
+
+constexpr uint64_t second = 1'000'000;
+constexpr uint64_t reserved = 5 * second;
+constexpr uint64_t longest_unasked = 25 * second;
+constexpr uint32_t look_again = 500;  ///< milliseconds
+constexpr size_t longest_name = 32;   ///< of a stream, in the id of its track
+
+constexpr char key_group[] = "stream";
+constexpr char key_kind[] = "video";
+constexpr char key_part[] = "live";
+
+/// What a track is called in paths and names of the bus.
+core::owned_text id_of(const stream& of, uint32_t number) noexcept {
+    core::owned_text name(core_strndup(of.name(), longest_name, CORE_HERE));
+    for (char* each = name.get(); each && *each; ++each)
+        if (!std::isalnum(static_cast<unsigned char>(*each))) *each = '_';
+    // Another run has other ids: what a cache has kept of this one is not taken for it.
+    return core::owned_text(core_sprintf(CORE_HERE, "%s-%u-%llu-%llx", name ? name.get() : "", number,
+                                         static_cast<unsigned long long>(of.id()),
+                                         static_cast<unsigned long long>(time_now() / second)));
+}
+
+bool put(value_t**& row, const char* key, const char* value) noexcept {
+    const uint32_t before = value_count(row);
+    row = core_value_put(row, key, value, CORE_HERE);
+    return value_count(row) == before + 1;
+}
+
+bool put(value_t**& row, const char* key, uint32_t number) noexcept {
+    const core::owned_text text(core_sprintf(CORE_HERE, "%u", number));
+    return text && put(row, key, text.get());
+}
+
+/// Tells the packer of a track.
+bool enter(const char* id, const format_t& format) noexcept {
+    value_t** row = nullptr;
+    const bool complete = put(row, "id", id) && put(row, "key1", key_group) && put(row, "key2", id) &&
+                          put(row, "key3", key_kind) && put(row, "key4", key_part) && put(row, "width", format.width) &&
+                          put(row, "height", format.height) && put(row, "profile", 0U) &&
+                          tab_put(tab_tracks, id, row, CORE_HERE);
+    core_value_free(row);
+    return complete;
+}
+
+bool is_packable(const stream& of) noexcept {
+    format_t format;
+    return of.format(kind_t::video, &format, nullptr) && format.fcc == av::fcc_h264;
+}
+
+/// A context with one more user, given back at the end.
+struct context {
+    explicit context(net::dash_ctx* held) noexcept : ctx(held) {}
+    ~context() { net_dash_close(ctx); }
+    context(const context&) = delete;
+    context& operator=(const context&) = delete;
+    net::dash_ctx* ctx;
+};
+
+}  // namespace
+
+struct dash::inside {
+    /// A stream that is packed.
+    struct channel {
+        inside* of = nullptr;
+        stream* from = nullptr;
+        core::owned_text id;         ///< of its track; null while nothing runs
+        profile_ctx* bus = nullptr;  ///< of the packing thread, as are the next two
+        cursor reader;
+        net::dash_ctx* held = nullptr;        ///< keeps the context while the stream is packed
+        std::atomic<uint64_t> asked = 0;      ///< core_timer() of the last request
+        std::atomic<bool> is_failed = false;  ///< it cannot be packed: told once
+
+        ~channel() { stream::drop(from); }
+    };
+
+    inside(station& all, const settings_t& how) noexcept : streams(all), settings(how) {}
+
+    void run(thread_ctx* thread) noexcept;
+    void step(channel& each, uint64_t now) noexcept;
+    void put_picture(channel& each, const entry_t& entry) noexcept;
+    void leave(channel& each) noexcept;
+
+    static void on_request(void* arg, http_exchange& asked) noexcept;
+    void answer_manifest(channel& each, http_exchange& asked) const noexcept;
+    static void answer_segment(std::string_view path, http_exchange& asked) noexcept;
+    static bool comes_next(net::dash_ctx* ctx, std::string_view name) noexcept;
+
+    station& streams;
+    settings_t settings;
+    core::vector<core::owned_object<channel>> channels;
+    event_ctx* news = nullptr;
+    thread_ctx* packer = nullptr;
+    /// Taken around requests, and for the beginning and the end of the packing: behind the end no context is asked for.
+    mutable std::mutex lock;
+    bool running = false;
+};
+
+dash::dash(station& of, const settings_t& settings) noexcept : inside_(core::create<inside>(CORE_HERE, of, settings)) {}
+
+dash::~dash() {
+    stop();
+    core::destroy(inside_);
+}
+
+int dash::serve(http_service_t& by) noexcept {
+    struct adding_t {
+        inside* in;
+        http_service_t& by;
+        bool complete;
+    } adding{inside_, by, inside_ != nullptr};
+    if (!inside_) return 0;
+    inside_->streams.streams(
+        [](void* arg, stream& each) {
+            auto& [in, service, complete] = *static_cast<adding_t*>(arg);
+            try {
+                core::owned_object<inside::channel> made(core::create<inside::channel>(CORE_HERE));
+                const core::owned_text path(core_sprintf(CORE_HERE, "/%s/*", each.name()));
+                complete = complete && made && path && service.serve(path.get(), inside::on_request, made.get());
+                if (!complete) return;
+                made->of = in;
+                made->from = &each;
+                each.keep();
+                in->channels.push_back(std::move(made));
+            } catch (const std::bad_alloc&) {
+                complete = false;
+            }
+        },
+        &adding);
+    return adding.complete ? 1 : 0;
+}
+
+int dash::start(uint32_t number, failure_t* error) noexcept {
+    if (!inside_ || inside_->packer) return inside_ ? 1 : 0;
+    inside& in = *inside_;
+    dash_init();
+    bool complete = true;
+    for (auto& each : in.channels) {
+        each->id = id_of(*each->from, number);
+        complete = complete && each->id;
+    }
+    in.news = _event_create(CORE_HERE);
+    {
+        const std::lock_guard held(in.lock);
+        in.running = true;
+    }
+    if (complete && in.news) {
+        in.packer = core_thread_start(
+            &in, [](void* arg, thread_ctx* thread) { static_cast<inside*>(arg)->run(thread); },
+            [](void* arg, thread_ctx*) { event_set(static_cast<inside*>(arg)->news); }, CORE_HERE);
+    }
+    if (in.packer) return 1;
+    stop();
+    tell(error, "no thread for DASH");
+    return 0;
+}
+
+void dash::stop() noexcept {
+    if (!inside_) return;
+    inside& in = *inside_;
+    {
+        const std::lock_guard held(in.lock);
+        if (!std::exchange(in.running, false)) return;
+    }
+    core_thread_stop(in.packer);
+    if (in.news) _event_free(in.news);
+    dash_free();
+}
+
+int dash::offers(const stream& which) const noexcept {
+    if (!inside_) return 0;
+    const auto is_it = [&](const auto& each) { return each->from == &which; };
+    const auto found = std::ranges::find_if(inside_->channels, is_it);
+    return found != inside_->channels.end() && !(*found)->is_failed && is_packable(which) ? 1 : 0;
+}
+
+// Packing
+
+void dash::inside::run(thread_ctx* thread) noexcept {
+    core_thread_setname(thread, "dash");
+    while (!core_thread_iscancel(thread)) {
+        const uint64_t now = core_timer();
+        for (auto& each : channels)
+            step(*each, now);
+        event_wait(news, look_again);
+    }
+    for (auto& each : channels)
+        leave(*each);
+}
+
+/// Reads what is new. A stream that is packed on demand alone is left when nobody asks.
+void dash::inside::step(channel& each, uint64_t now) noexcept {
+    const uint64_t asked = each.asked;
+    const bool wanted = !settings.on_demand || (asked != 0 && now < asked + longest_unasked);
+    if (!wanted) return leave(each);
+    if (!each.reader.is_open()) {
+        const bool complete = each.reader.open(*each.from, {.kinds = only(kind_t::video), .reserve = reserved}) &&
+                              each.reader.told([](void* arg) { event_set(static_cast<inside*>(arg)->news); }, this);
+        if (!complete) return each.reader.close();
+    }
+    entry_t entry;
+    for (read_t found = each.reader.next(entry); found != read_t::nothing; found = each.reader.next(entry)) {
+        if (found == read_t::ended) break;
+        if (found == read_t::frame && entry.frame.fcc == av::fcc_h264) put_picture(each, entry);
+    }
+}
+
+void dash::inside::put_picture(channel& each, const entry_t& entry) noexcept {
+    if (!each.held && entry.frame.key && !each.is_failed) {
+        const core::owned_text name(
+            core_sprintf(CORE_HERE, "%s_%s_%s_%s", key_group, each.id.get(), key_kind, key_part));
+        if (!each.bus && name) each.bus = core_profile_open(name.get(), CORE_HERE);
+        if (each.bus && enter(each.id.get(), *entry.format)) each.held = net_dash_open(each.id.get(), 0, 0, CORE_HERE);
+        each.is_failed = !each.held;
+    }
+    if (!each.held) return;
+    const param_t list[] = {{"frame", static_cast<const void*>(&entry.frame)}, {}};
+    core_profile_put(each.bus, list);
+    if (net_dash_state(each.held) != net::dash_retired) return;
+    // Another context has taken over. The old one lives on for those that still ask for its segments.
+    net_dash_close(each.held);
+    each.held = net_dash_open(each.id.get(), 0, 0, CORE_HERE);
+}
+
+void dash::inside::leave(channel& each) noexcept {
+    each.reader.close();
+    net_dash_close(std::exchange(each.held, nullptr));
+    if (each.id) tab_remove(tab_tracks, each.id.get());
+    if (each.bus) profile_close(each.bus);
+    each.is_failed = false;
+}
+
+// Requests
+
+void dash::inside::on_request(void* arg, http_exchange& asked) noexcept {
+    auto& each = *static_cast<channel*>(arg);
+    inside& in = *each.of;
+    std::string_view path = asked.path();
+    path.remove_prefix(1 + core_strlen(each.from->name()) + 1);
+    const std::lock_guard held(in.lock);
+    if (!in.running) return asked.answer({.status = 503, .field = "Retry-After", .value = "2"}, {});
+    const uint64_t before = each.asked.exchange(core_timer());
+    if (before == 0) event_set(in.news);
+    if (path == "manifest.mpd")
+        in.answer_manifest(each, asked);
+    else
+        answer_segment(path, asked);
+}
+
+void dash::inside::answer_manifest(channel& each, http_exchange& asked) const noexcept {
+    const bool other = each.from->ready() && !is_packable(*each.from);
+    const context found(other ? nullptr : net_dash_search(each.id.get()));
+    const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
+    if (text) {
+        asked.answer({.type = "application/dash+xml", .cache = "max-age=1"},
+                     {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});
+    } else if (other || each.is_failed) {
+        asked.answer({.status = 404}, {});
+    } else {
+        asked.later();
+    }
+}
+
+/// vCONTEXT/SEGMENT
+void dash::inside::answer_segment(std::string_view path, http_exchange& asked) noexcept {
+    const size_t slash = path.find('/');
+    const bool fits = path.starts_with('v') && slash != std::string_view::npos;
+    const core::owned_text name(fits ? core_strndup(path.data() + 1, slash - 1, CORE_HERE) : nullptr);
+    const context found(name ? net_dash_find(name.get()) : nullptr);
+    if (!found.ctx) return asked.answer({.status = 404}, {});
+    path.remove_prefix(slash + 1);
+    // A player that asks for what is not listed yet would ask for it again when it is: it is told to look at the list
+    // first, but not before that would help.
+    if (comes_next(found.ctx, path)) return asked.later();
+    net::dash_share share;
+    if (!asked.was_put_off() && net_dash_share(found.ctx, path.data(), &share)) {  // the path ends with its NUL
+        asked.answer_share({.type = share.info.mime, .cache = "max-age=30, immutable"},
+                           {const_cast<uint8_t*>(share.info.data), share.info.size}, net_dash_share_release,
+                           share.owner);
+    } else {
+        asked.answer({.status = 404}, {});
+    }
+}
+
+/// Whether it is the segment behind the last one listed.
+bool dash::inside::comes_next(net::dash_ctx* ctx, std::string_view name) noexcept {
+    const net::dash_timeline* last = net_dash_state(ctx) == net::dash_ready ? net_dash_times(ctx) : nullptr;
+    if (!last) return false;
+    while (last[1].t != 0 || last[1].d != 0)
+        ++last;
+    char next[32];
+    const int size = std::snprintf(next, sizeof next, "%llu.m4s", static_cast<unsigned long long>(last->t + last->d));
+    return name == std::string_view(next, static_cast<size_t>(size));
+}
+
+}  // namespace media
