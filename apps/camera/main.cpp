@@ -1,6 +1,7 @@
 // inet-camera: a clip, other cameras or a pipe become a network camera.
 #include "clip.h"
 #include "clip_source.h"
+#include "keeper.h"
 #include "options.h"
 #include "program.h"
 #include "sources.h"
@@ -113,8 +114,11 @@ int serve(const camera::options& settings) {
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     camera::web web(station, settings);
     if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, why))) return fail(why.text);
+    camera::keeper kept;
+    if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
+    if (!kept.start()) return fail("no thread for the recordings");
     print_addresses(paths, settings, rtsp->port(), web.port());
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
@@ -122,6 +126,7 @@ int serve(const camera::options& settings) {
     }
     show_status(station, fetched);
     source.stop();
+    kept.stop();
     web.stop();
     station.stop();
     fetched.stop();

@@ -92,6 +92,10 @@ std::span<const option> table() {
          [](options& o, std::string_view text) { return take_number(o.stall, text, 1, 3600); }},
         {"--timeout", "SECONDS", "after which a session without request or report ends (60)",
          [](options& o, std::string_view text) { return take_number(o.timeout, text, 1, 3600); }},
+        {"--record", "FOLDER", "record the streams with H.264 pictures to files of a minute",
+         take_text(&options::record)},
+        {"--keep", "BYTES", "of recordings: the oldest go (10737418240)",
+         [](options& o, std::string_view text) { return take_number(o.keep, text, 1, UINT64_MAX); }},
         {"--log", "FILE", "write what the library logs to a file", take_text(&options::log)},
     };
     return all;

@@ -49,6 +49,8 @@ struct options {
     uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a viewer
     unsigned stall = 10;                 ///< seconds after which a viewer that takes next to nothing is dropped
     unsigned timeout = 60;               ///< seconds without request or report after which a session ends
+    std::string record;                  ///< folder; empty: nothing is recorded
+    uint64_t keep = uint64_t{10} << 30;  ///< bytes of recordings
     std::string log;
     apps::about_t about = apps::about_t::nothing;
 };

@@ -40,8 +40,8 @@ struct option {
 };
 
 template <class T>
-bool take_number(T& out, std::string_view text, unsigned lowest, unsigned highest) {
-    unsigned number = 0;
+bool take_number(T& out, std::string_view text, uint64_t lowest, uint64_t highest) {
+    uint64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || end != text.data() + text.size() || number < lowest || number > highest) return false;
     out = static_cast<T>(number);
