@@ -25,7 +25,7 @@ inline constexpr const char* dynamic_mpd = R"(<?xml version="1.0" encoding="utf-
   <AdaptationSet contentType="video" maxFrameRate="25" maxHeight="${height}" maxWidth="${width}"
                  mimeType="video/mp4" par="4:3" segmentAlignment="true" startWithSAP="1">
    <Role schemeIdUri="urn:mpeg:dash:role:2011" value="main"/>
-   <SegmentTemplate timescale="1000" startNumber="${seq}"
+   <SegmentTemplate timescale="1000"
                     initialization="$RepresentationID$/header.m4s" media="$RepresentationID$/$Time$.m4s">
           <SegmentTimeline>${timeline}
           </SegmentTimeline>
