@@ -22,6 +22,33 @@ namespace test {
 
 constexpr uint64_t dash_base = 1'700'000'000'000'000;
 
+/// The archive of the track, whose pictures the test puts.
+struct archive {
+    explicit archive(const std::string& context)
+        : local(core_profile_open2("plugin_methods_archive", nullptr, answer, CORE_HERE)),
+          player(core_profile_open2(("a_b_#_dash_" + context).c_str(), this, play, CORE_HERE)),
+          track(profile_open(("a_b_#_dash_" + context + "_d").c_str())) {}
+    ~archive() {
+        for (profile_ctx* each : {local, player, track})
+            profile_close(each);
+    }
+    archive(const archive&) = delete;
+    archive& operator=(const archive&) = delete;
+
+    static void answer(void*, profile_ctx* profile, profile_event_t event, const param_t*) {
+        if (event == profile_ask) core_profile_answer(profile, "{\"count\": 1}");
+    }
+    static void play(void* arg, profile_ctx*, profile_event_t event, const param_t* params) {
+        if (event == profile_put)
+            static_cast<archive*>(arg)->asked = param_get_text(params, "command") +
+                                                std::to_string(param_get_integer(params, "start", 0)) +
+                                                param_get_text(params, "speed");
+    }
+
+    std::string asked;
+    profile_ctx *local, *player, *track;
+};
+
 class DashSource : public testing::Test {
 protected:
     DashSource() {

@@ -72,6 +72,7 @@ namespace net::dash {
 /// All contexts, in the order in which they were opened. The lock is never held while a callback is waited for.
 struct contexts_t {
     std::mutex lock;
+    std::mutex sweeping;     ///< one pass of the guard at a time; no callback takes it
     log_ctx* log = nullptr;  ///< set from the first start to the last stop, as is the guard
     uint64_t started = 0;    ///< microseconds UTC
     thread_ctx* guard = nullptr;

@@ -6,6 +6,7 @@ namespace net::dash {
 // - The delay covers what a player cannot know yet: a segment that is not cut, the time to the next update, and 1 s.
 // - The clock of the media stands in the document: the address of a clock would be one more request, and a wrong clock
 //   of the camera would put the live edge elsewhere.
+// - There is no startNumber: segments are addressed by time, and ffmpeg would take it for a place in the list.
 inline constexpr const char* dynamic_mpd = R"(<?xml version="1.0" encoding="utf-8"?>
 <MPD xmlns="urn:mpeg:dash:schema:mpd:2011"
      id="${token}"

@@ -69,9 +69,7 @@ void run(void*, thread_ctx* thread) noexcept {
 }  // namespace
 
 void sweep() noexcept {
-    // One pass at a time. No callback takes this lock.
-    static constinit std::mutex sweeping;
-    const std::lock_guard hold(sweeping);
+    const std::lock_guard hold(contexts().sweeping);
     work ended;
     work unused;
     find_work(ended, unused);

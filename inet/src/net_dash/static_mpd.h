@@ -18,7 +18,7 @@ inline constexpr const char* static_mpd = R"(<?xml version="1.0" encoding="utf-8
  <Period id="dash" start="PT0S">
   <AdaptationSet contentType="video" maxFrameRate="25" maxHeight="${height}" maxWidth="${width}"
                  mimeType="video/mp4" par="4:3" segmentAlignment="true" startWithSAP="1">
-   <SegmentTemplate timescale="1000" startNumber="${seq}" duration="${duration}"
+   <SegmentTemplate timescale="1000" duration="${duration}"
                     initialization="$RepresentationID$/header.m4s" media="$RepresentationID$/$Time$.m4s">
           <SegmentTimeline>${timeline}
           </SegmentTimeline>
