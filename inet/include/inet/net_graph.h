@@ -3,7 +3,7 @@
 /// those that share a track exchange frames over the profile bus (core/profile.h). docs/modules.md tells how to write a
 /// module.
 ///
-/// A module exports three functions with C linkage:
+/// A module exports three functions with C linkage, marked INET_PLUGIN:
 ///     plugin_open     makes an instance of the list's text entry "json"; null refuses
 ///     plugin_exec     takes one text entry, "start" or "stop", with the value "1"; a negative number is a failure, for
 ///                     which Graph::strerr() has a text
@@ -16,13 +16,6 @@
 #include "core/owned.h"
 #include "core/param.h"
 #include "inet/net_fish.h"
-
-#if defined(_WIN32)
-#define INET_PLUGIN extern "C" __declspec(dllexport)
-#else
-/// Marks the three functions of a module.
-#define INET_PLUGIN extern "C" __attribute__((visibility("default")))
-#endif
 
 extern "C" {
 typedef void* plugin_open_fn(const param_t* params);
