@@ -17,11 +17,13 @@ struct heartbeat {
 
 INET_PLUGIN void* plugin_open(const param_t* params) noexcept {
     auto* self = core::create<heartbeat>(CORE_HERE);
-    if (self && self->settings.parse(param_get_text(params, "json"), nullptr, 0)) {
+    char error[100] = "no memory";
+    if (self && self->settings.parse(param_get_text(params, "json"), error, sizeof error)) {
         const core::owned_text name(self->settings.bus_name(self->settings.text("out"), CORE_HERE));
         self->track = name ? core_profile_open(name.get(), CORE_HERE) : nullptr;
         if (self->track) return self;
     }
+    net_graph_reason("%s", error);
     core::destroy(self);
     return nullptr;
 }

@@ -112,7 +112,7 @@ TEST(Graph, DropsWhatIsNoModule) {
     const row_t rows[] = {
         {nullptr, "{}", ""},
         {"heartbeat", nullptr, ""},
-        {"heartbeat", "{", "error:module 'heartbeat' refuses its settings "},
+        {"heartbeat", "{", "error:module 'heartbeat' refuses its settings: 1:2: name expected "},
         {"no-such", "{}", "error:module 'no-such' cannot be loaded "},
         {INET_MODULE_FIXTURE, "{}", "error:module '" INET_MODULE_FIXTURE "' cannot be used: it has no plugin_exec "}};
     const graph_t graph(net::Graph::create(CORE_HERE));

@@ -9,7 +9,7 @@
 ///                     which Graph::strerr() has a text
 ///     plugin_close    ends the instance. It was stopped before. None of its threads may run when it returns, since the
 ///                     library is unloaded
-/// The three run on the thread that drives the graph.
+/// The three run on the thread that drives the graph. A module that refuses or fails says why with net_graph_reason().
 #pragma once
 
 #include "core/api.h"
@@ -22,6 +22,9 @@ typedef void* plugin_open_fn(const param_t* params);
 typedef int plugin_exec_fn(void* instance, const param_t* params);
 typedef void plugin_close_fn(void* instance);
 }
+
+/// For modules: why the call that runs fails, in one line of at most 300 bytes. It becomes a part of the graph's message.
+INET_PRINTF(1, 2) INET_API void net_graph_reason(const char* format, ...) noexcept;
 
 namespace net {
 

@@ -1,7 +1,7 @@
 // The nodes that a graph knows, each with its module and its document.
 #include "net_fish/fill.h"
-#include "report.h"
 #include "net_graph/graph.h"
+#include "report.h"
 
 #include "core/json.h"
 #include "core/profile.h"
