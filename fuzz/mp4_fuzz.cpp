@@ -44,8 +44,8 @@ void fuzz_target(std::span<const uint8_t> input) {
     for (const av::mp4_track_t& each : film.tracks())
         require(each.scale > 0 && (each.fcc == av::fcc_h264 || each.channels > 0));
     while (film.next_fragment() == 1) {
-        uint64_t time = 0;
-        film.begins(0, &time);
+        av::mp4_span_t span{};
+        if (film.span(0, &span)) require(span.begin <= span.end && span.shown_before >= 0);
         if (film.load() != 1) continue;
         const uint64_t sum = take_fragment(film, input.size());
         film.go(film.position());

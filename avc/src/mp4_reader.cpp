@@ -144,12 +144,18 @@ void Mp4Reader::go(uint64_t position) noexcept {
     if (inside_) inside_->at = position;
 }
 
-int Mp4Reader::begins(uint32_t track, uint64_t* time) const noexcept {
-    if (!inside_ || !time) return 0;
-    const auto first = std::ranges::find(inside_->samples, track, &mp4::sample::track);
-    if (first == inside_->samples.end()) return 0;
-    *time = first->time;
-    return 1;
+int Mp4Reader::span(uint32_t track, mp4_span_t* out) const noexcept {
+    if (!inside_ || !out) return 0;
+    bool any = false;
+    for (const mp4::sample& each : inside_->samples) {
+        if (each.track != track) continue;
+        if (!any) *out = {.begin = each.time, .end = each.time, .key = each.key, .shown_before = 0};
+        any = true;
+        out->end = each.time + each.duration;
+        out->shown_before =
+            std::max(out->shown_before, each.shown_after < 0 ? -std::max(each.shown_after, -INT32_MAX) : 0);
+    }
+    return any ? 1 : 0;
 }
 
 int Mp4Reader::load() noexcept {

@@ -43,6 +43,14 @@ struct mp4_taken_t {
     std::span<const uint8_t> data;  ///< valid until the next call
 };
 
+/// When the samples of a track in a fragment are decoded, in ticks of the track.
+struct mp4_span_t {
+    uint64_t begin;
+    uint64_t end;          ///< of the last one
+    bool key;              ///< the first one is a key
+    int32_t shown_before;  ///< ticks by which one is shown before it is decoded, which some writers say; else 0
+};
+
 class INET_API Mp4Reader final {
 public:
     Mp4Reader(const char* file, int line) noexcept;
@@ -61,8 +69,8 @@ public:
     /// Where the fragment begins in the file; go() has the next next_fragment() go on from there.
     uint64_t position() const noexcept;
     void go(uint64_t position) noexcept;
-    /// Ticks at which the first sample of a track in the fragment is decoded. @return 1, or 0 when it has none
-    int begins(uint32_t track, uint64_t* time) const noexcept;
+    /// @return 1, or 0 when the fragment has no sample of the track
+    int span(uint32_t track, mp4_span_t* out) const noexcept;
 
     /// Reads the bytes of the fragment's samples. @return as next_fragment()
     int load() noexcept;
