@@ -91,7 +91,7 @@ function(inet_add_module name)
     add_library(${target} MODULE ${ARGN})
     target_link_libraries(${target} PRIVATE inet_compile_options inet)
     set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} INSTALL_RPATH "$ORIGIN/.."
-        LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/inet-modules)
+        LIBRARY_OUTPUT_DIRECTORY $<TARGET_FILE_DIR:inet>/inet-modules)
     if(WIN32)
         set_target_properties(${target} PROPERTIES PREFIX "")
     endif()

@@ -68,6 +68,9 @@ Mp4Reader::Mp4Reader(const char* file, int line) noexcept
 Mp4Reader::~Mp4Reader() { core::destroy(inside_); }
 
 bool Mp4Reader::inside::read(uint64_t position, core::vector<uint8_t>& into, uint64_t size) {
+    // Room is made for what is there, not for what a box says.
+    uint8_t last = 0;
+    if (size > 0 && source.read(source.arg, position + size - 1, &last, 1) != 1) return false;
     if (into.capacity() < size) {
         core::vector<uint8_t>(where).swap(into);  // never two at a time, nor more than is asked for
         into.reserve(static_cast<size_t>(size));
