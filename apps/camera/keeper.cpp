@@ -5,6 +5,8 @@
 #include "recording.h"
 
 #include "avc/fcc.h"
+#include "core/json.h"
+#include "core/owned.h"
 #include "core/thread.h"
 #include "core/time.h"
 #include "media/recorder.h"
@@ -35,7 +37,7 @@ public:
     kept_stream(const kept_stream&) = delete;
     kept_stream& operator=(const kept_stream&) = delete;
 
-    const char* name() const { return from_.name(); }
+    std::string_view name() const { return from_.name(); }
     const std::filesystem::path& path() const { return path_; }
 
     /// Writes what is new. @return whether a file has been completed
@@ -133,8 +135,44 @@ bool keeper::open(const std::string& folder, uint64_t limit, media::station& sta
     return true;
 }
 
+std::vector<std::string> keeper::names() const {
+    std::vector<std::string> found;
+    for (const kept_stream& each : streams_)
+        found.emplace_back(each.name());
+    return found;
+}
+
+/// "stat_single" tells whether there is a recording of a stream, "directory" where.
+void keeper::answer(profile_ctx* bus, const param_t* asked) const {
+    const auto is = [&](const char* key, std::string_view wanted) {
+        const char* text = param_get_text(asked, key);
+        return text && text == wanted;
+    };
+    if (!is("command", "call") || !is("plugin", "archive")) return;
+    const char* const params = param_get_text(asked, "params");
+    json_t* const read = params ? yajl_tree_parse(params, nullptr, 0) : nullptr;
+    const char* const key = json_text(json_get(read, "key2"));
+    const std::string stream = key ? key : "";
+    yajl_tree_free(read);
+    const auto is_it = [&](const kept_stream& each) { return each.name() == stream; };
+    if (std::ranges::none_of(streams_, is_it)) return;
+    if (is("method", "stat_single")) {
+        const size_t files = apps::recordings_of(folder_, stream).size();
+        core_profile_answer(bus, files ? ("{\"files\":" + std::to_string(files) + "}").c_str() : "{}");
+    } else if (is("method", "directory")) {
+        const core::owned_text folder(core_json_encode(apps::utf8_text(folder_).c_str(), CORE_HERE));
+        if (folder) core_profile_answer(bus, ("{\"directory\":\"" + std::string(folder.get()) + "\"}").c_str());
+    }
+}
+
 bool keeper::start() {
     if (streams_.empty()) return true;
+    bus_ = core_profile_open2(
+        "plugin_methods_archive", this,
+        [](void* arg, profile_ctx* bus, profile_event_t event, const param_t* params) {
+            if (event == profile_ask) static_cast<const keeper*>(arg)->answer(bus, params);
+        },
+        CORE_HERE);
     news_ = _event_create(CORE_HERE);
     thread_ = core_thread_start(
         this, [](void* arg, thread_ctx* thread) { static_cast<keeper*>(arg)->work(thread); },
@@ -143,6 +181,7 @@ bool keeper::start() {
 }
 
 void keeper::stop() {
+    profile_close(bus_);
     core_thread_stop(thread_);
     _event_free(news_);
 }

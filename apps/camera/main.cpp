@@ -112,10 +112,16 @@ int serve(const camera::options& settings) {
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
-    camera::web web(station, settings);
-    if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, why))) return fail(why.text);
     camera::keeper kept;
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
+    camera::web web(station, settings);
+    if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, kept.names(), why)))
+        return fail(why.text);
+    // Whatever fails from here on: the threads that use what stands here end first.
+    const struct ending {
+        media::station& station;
+        ~ending() { station.stop(); }
+    } last{station};
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
     if (!kept.start()) return fail("no thread for the recordings");

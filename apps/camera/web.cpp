@@ -86,14 +86,17 @@ web::services_t web::services() const {
     return {{{"rtsp", told_}, {"http", pages}}};
 }
 
-bool web::open(const options& settings, const media::service& rtsp, media::failure_t& error) {
+bool web::open(const options& settings, const media::service& rtsp, const std::vector<std::string>& recorded,
+               media::failure_t& error) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     rtsp_ = &rtsp;
     http_ = media::http_service({.port = settings.http_port.value_or(0),
                                  .user = text(settings.login.user),
                                  .password = text(settings.login.password),
                                  .stall = settings.stall});
-    const bool complete = http_ && serve_all() && dash_.serve(*http_);
+    bool complete = http_ && serve_all() && dash_.serve(*http_);
+    for (const std::string& each : recorded)
+        complete = complete && dash_.serve_recorded(*http_, each.c_str());
     if (!complete) {
         media::tell(&error, "no memory for the HTTP service");
         delete std::exchange(http_, nullptr);

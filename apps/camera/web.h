@@ -9,6 +9,8 @@
 
 #include <array>
 #include <mutex>
+#include <string>
+#include <vector>
 
 namespace camera {
 
@@ -20,8 +22,10 @@ public:
         : station_(station), dash_(station, {.on_demand = settings.on_demand}) {}
 
     /// Adds the HTTP service to the station, before its start. @param rtsp  the other service
+    /// @param recorded  streams whose recordings it offers, too
     /// @return false with the reason in `error`
-    bool open(const options& settings, const media::service& rtsp, media::failure_t& error);
+    bool open(const options& settings, const media::service& rtsp, const std::vector<std::string>& recorded,
+              media::failure_t& error);
     /// After the station's start, and before its end. Nothing when it is not open.
     bool start(media::failure_t& error) { return !http_ || dash_.start(http_->port(), &error); }
     void stop() { dash_.stop(); }

@@ -16,7 +16,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <charconv>
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <string_view>
 #include <utility>
@@ -31,18 +34,20 @@ constexpr uint64_t longest_unasked = 25 * second;
 constexpr uint32_t look_again = 500;  ///< milliseconds
 constexpr size_t longest_name = 32;   ///< of a stream, in the id of its track
 
+constexpr size_t most_openings = 8;
+
 constexpr char key_group[] = "stream";
 constexpr char key_kind[] = "video";
 constexpr char key_part[] = "live";
 
 /// What a track is called in paths and names of the bus.
-core::owned_text id_of(const stream& of, uint32_t number) noexcept {
-    core::owned_text name(core_strndup(of.name(), longest_name, CORE_HERE));
+core::owned_text id_of(const char* of, uint64_t which, uint32_t number) noexcept {
+    core::owned_text name(core_strndup(of, longest_name, CORE_HERE));
     for (char* each = name.get(); each && *each; ++each)
         if (!std::isalnum(static_cast<unsigned char>(*each))) *each = '_';
     // Another run has other ids: what a cache has kept of this one is not taken for it.
     return core::owned_text(core_sprintf(CORE_HERE, "%s-%u-%llu-%llx", name ? name.get() : "", number,
-                                         static_cast<unsigned long long>(of.id()),
+                                         static_cast<unsigned long long>(which),
                                          static_cast<unsigned long long>(time_now() / second)));
 }
 
@@ -57,15 +62,44 @@ bool put(value_t**& row, const char* key, uint32_t number) noexcept {
     return text && put(row, key, text.get());
 }
 
-/// Tells the packer of a track.
-bool enter(const char* id, const format_t& format) noexcept {
+/// Tells the packer of a track. @param source  its second key: of a recording, its name in the archive
+bool enter(const char* id, const char* source, const format_t& format) noexcept {
     value_t** row = nullptr;
-    const bool complete = put(row, "id", id) && put(row, "key1", key_group) && put(row, "key2", id) &&
+    const bool complete = put(row, "id", id) && put(row, "key1", key_group) && put(row, "key2", source) &&
                           put(row, "key3", key_kind) && put(row, "key4", key_part) && put(row, "width", format.width) &&
                           put(row, "height", format.height) && put(row, "profile", 0U) &&
                           tab_put(tab_tracks, id, row, CORE_HERE);
     core_value_free(row);
     return complete;
+}
+
+/// Digits of a number; false for anything else.
+bool read_number(std::string_view text, uint64_t& out) noexcept {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+/// 20261122T101500Z, 20261122T101500.250Z, or microseconds.
+bool read_time(std::string_view text, uint64_t& out) noexcept {
+    constexpr std::string_view form = "00000000T000000";
+    if (text.size() < form.size()) return read_number(text, out);
+    if (text[8] != 'T' || !text.ends_with('Z')) return read_number(text, out);
+    uint64_t day = 0;
+    uint64_t clock = 0;
+    uint64_t fraction = 0;
+    const std::string_view rest = text.substr(form.size(), text.size() - form.size() - 1);
+    if (!read_number(text.substr(0, 8), day) || !read_number(text.substr(9, 6), clock)) return false;
+    if (!rest.empty() && (rest.size() != 4 || rest[0] != '.' || !read_number(rest.substr(1), fraction))) return false;
+    tm fields{};
+    fields.tm_year = static_cast<int>(day / 10000) - 1900;
+    fields.tm_mon = static_cast<int>(day / 100 % 100) - 1;
+    fields.tm_mday = static_cast<int>(day % 100);
+    fields.tm_hour = static_cast<int>(clock / 10000);
+    fields.tm_min = static_cast<int>(clock / 100 % 100);
+    fields.tm_sec = static_cast<int>(clock % 100);
+    const int64_t seconds = core_timegm(&fields);
+    out = static_cast<uint64_t>(std::max<int64_t>(seconds, 0)) * second + fraction * 1000;
+    return seconds > 0;
 }
 
 bool is_packable(const stream& of) noexcept {
@@ -99,6 +133,27 @@ struct dash::inside {
         ~channel() { stream::drop(from); }
     };
 
+    /// A recording, whose ranges are packed when somebody asks.
+    struct archive {
+        inside* of = nullptr;
+        core::owned_text name;
+        core::owned_text id;
+    };
+
+    /// A range that the control thread opens.
+    struct opening {
+        inside* of = nullptr;
+        core::owned_text token;
+        uint64_t start = 0;
+        uint64_t end = 0;
+        bool is_done = false;  ///< without success
+        uint64_t asked = 0;    ///< core_timer() of the last request
+
+        bool is(const char* which, uint64_t from, uint64_t to) const noexcept {
+            return std::strcmp(token.get(), which) == 0 && start == from && end == to;
+        }
+    };
+
     inside(station& all, const settings_t& how) noexcept : streams(all), settings(how) {}
 
     void run(thread_ctx* thread) noexcept;
@@ -107,6 +162,10 @@ struct dash::inside {
     void leave(channel& each) noexcept;
 
     static void on_request(void* arg, http_exchange& asked) noexcept;
+    static void on_recorded(void* arg, http_exchange& asked) noexcept;
+    void answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept;
+    bool order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept;
+    void open(opening& range) noexcept;
     void answer_manifest(channel& each, http_exchange& asked) const noexcept;
     static void answer_segment(std::string_view path, http_exchange& asked) noexcept;
     static bool comes_next(net::dash_ctx* ctx, std::string_view name) noexcept;
@@ -114,11 +173,15 @@ struct dash::inside {
     station& streams;
     settings_t settings;
     core::vector<core::owned_object<channel>> channels;
+    core::vector<core::owned_object<archive>> archives;
+    core::vector<core::owned_object<opening>> openings;
     event_ctx* news = nullptr;
     thread_ctx* packer = nullptr;
     /// Taken around requests, and for the beginning and the end of the packing: behind the end no context is asked for.
     mutable std::mutex lock;
     bool running = false;
+    bool is_opening = false;
+    std::condition_variable opened;
 };
 
 dash::dash(station& of, const settings_t& settings) noexcept : inside_(core::create<inside>(CORE_HERE, of, settings)) {}
@@ -155,14 +218,36 @@ int dash::serve(http_service_t& by) noexcept {
     return adding.complete ? 1 : 0;
 }
 
+int dash::serve_recorded(http_service_t& by, const char* name) noexcept {
+    if (!inside_ || !name) return 0;
+    try {
+        core::owned_object<inside::archive> made(core::create<inside::archive>(CORE_HERE));
+        const core::owned_text path(core_sprintf(CORE_HERE, "/recorded/%s/*", name));
+        if (!made || !path) return 0;
+        made->of = inside_;
+        made->name.reset(core_strdup(name, CORE_HERE));
+        inside_->archives.reserve(inside_->archives.size() + 1);
+        if (!made->name || !by.serve(path.get(), inside::on_recorded, made.get())) return 0;
+        inside_->archives.push_back(std::move(made));
+        return 1;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+}
+
 int dash::start(uint32_t number, failure_t* error) noexcept {
     if (!inside_ || inside_->packer) return inside_ ? 1 : 0;
     inside& in = *inside_;
     dash_init();
     bool complete = true;
     for (auto& each : in.channels) {
-        each->id = id_of(*each->from, number);
+        each->id = id_of(each->from->name(), each->from->id(), number);
         complete = complete && each->id;
+    }
+    for (size_t i = 0; i < in.archives.size(); ++i) {
+        inside::archive& each = *in.archives[i];
+        each.id = id_of(each.name.get(), i, number);
+        complete = complete && each.id && enter(each.id.get(), each.name.get(), {});
     }
     in.news = _event_create(CORE_HERE);
     {
@@ -184,11 +269,14 @@ void dash::stop() noexcept {
     if (!inside_) return;
     inside& in = *inside_;
     {
-        const std::lock_guard held(in.lock);
+        std::unique_lock held(in.lock);
         if (!std::exchange(in.running, false)) return;
+        in.opened.wait(held, [&] { return !in.is_opening; });
     }
     core_thread_stop(in.packer);
     if (in.news) _event_free(in.news);
+    for (const auto& each : in.archives)
+        if (each->id) tab_remove(tab_tracks, each->id.get());
     dash_free();
 }
 
@@ -235,7 +323,8 @@ void dash::inside::put_picture(channel& each, const entry_t& entry) noexcept {
         const core::owned_text name(
             core_sprintf(CORE_HERE, "%s_%s_%s_%s", key_group, each.id.get(), key_kind, key_part));
         if (!each.bus && name) each.bus = core_profile_open(name.get(), CORE_HERE);
-        if (each.bus && enter(each.id.get(), *entry.format)) each.held = net_dash_open(each.id.get(), 0, 0, CORE_HERE);
+        if (each.bus && enter(each.id.get(), each.id.get(), *entry.format))
+            each.held = net_dash_open(each.id.get(), 0, 0, CORE_HERE);
         each.is_failed = !each.held;
     }
     if (!each.held) return;
@@ -316,6 +405,95 @@ bool dash::inside::comes_next(net::dash_ctx* ctx, std::string_view name) noexcep
     char next[32];
     const int size = std::snprintf(next, sizeof next, "%llu.m4s", static_cast<unsigned long long>(last->t + last->d));
     return name == std::string_view(next, static_cast<size_t>(size));
+}
+
+// Recordings
+
+/// START-END/manifest.mpd or START-END/vCONTEXT/SEGMENT
+void dash::inside::on_recorded(void* arg, http_exchange& asked) noexcept {
+    const auto& each = *static_cast<archive*>(arg);
+    inside& in = *each.of;
+    constexpr std::string_view folder = "/recorded/";
+    std::string_view path = asked.path();
+    path.remove_prefix(folder.size() + core_strlen(each.name.get()) + 1);
+    const size_t slash = path.find('/');
+    const std::string_view range = path.substr(0, slash);
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+    const std::lock_guard held(in.lock);
+    if (!in.running) return asked.answer({.status = 503, .field = "Retry-After", .value = "2"}, {});
+    if (path == "manifest.mpd")
+        in.answer_range(each, range, asked);
+    else
+        answer_segment(path, asked);
+}
+
+void dash::inside::answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept {
+    const size_t dash = range.find('-');
+    uint64_t start = 0;
+    uint64_t end = 0;
+    const bool is_range = dash != std::string_view::npos && read_time(range.substr(0, dash), start) &&
+                          read_time(range.substr(dash + 1), end) && start < end &&
+                          end - start <= net::dash_longest_range_us;
+    if (!is_range) return asked.answer({.status = 404}, {});
+    const core::owned_text name(core_sprintf(CORE_HERE, "%s-%llu-%llu", of.id.get(),
+                                             static_cast<unsigned long long>(start),
+                                             static_cast<unsigned long long>(end)));
+    const context found(name ? net_dash_find(name.get()) : nullptr);
+    const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
+    const bool is_failed = found.ctx && net_dash_state(found.ctx) == net::dash_failed;
+    if (text) {
+        asked.answer({.type = "application/dash+xml", .cache = "max-age=10"},
+                     {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});
+    } else if (is_failed || (!found.ctx && !order(of, start, end, asked))) {
+        asked.answer({.status = 404}, {});
+    } else {
+        asked.later();
+    }
+}
+
+/// Has the control thread open a range, once. @return false when that has failed
+bool dash::inside::order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept {
+    const uint64_t now = core_timer();
+    std::erase_if(openings, [&](const auto& each) { return each->is_done && now > each->asked + longest_unasked; });
+    for (auto& each : openings) {
+        if (!each->is(of.id.get(), start, end)) continue;
+        if (asked.was_put_off()) each->asked = now;
+        return !each->is_done;
+    }
+    if (openings.size() >= most_openings) return true;  // it waits for its turn
+    try {
+        core::owned_object<opening> made(core::create<opening>(CORE_HERE));
+        if (!made) return true;
+        made->of = this;
+        made->token.reset(core_strdup(of.id.get(), CORE_HERE));
+        made->start = start;
+        made->end = end;
+        made->asked = now;
+        openings.reserve(openings.size() + 1);
+        const auto work = [](void* arg) { static_cast<opening*>(arg)->of->open(*static_cast<opening*>(arg)); };
+        const auto done = [](thread&, void*) {};
+        if (made->token && streams.run(work, done, made.get(), asked.on())) openings.push_back(std::move(made));
+    } catch (const std::bad_alloc&) {
+        return true;  // tried again
+    }
+    return true;
+}
+
+/// On the control thread. Requests find the context by its name, and the guard ends it when there are none any more.
+void dash::inside::open(opening& range) noexcept {
+    {
+        const std::lock_guard held(lock);
+        range.is_done = !running;
+        if (!running) return;
+        is_opening = true;
+    }
+    net::dash_ctx* const made = net_dash_open(range.token.get(), range.start, range.end, CORE_HERE);
+    net_dash_close(made);
+    const std::lock_guard held(lock);
+    is_opening = false;
+    opened.notify_all();
+    range.is_done = true;
+    if (made) std::erase_if(openings, [&](const auto& each) { return each.get() == &range; });
 }
 
 }  // namespace media

@@ -1,4 +1,5 @@
 """DASH as players and caches ask for it."""
+import datetime
 import os
 import re
 import socket
@@ -9,7 +10,8 @@ import time
 from http.client import HTTPConnection
 from urllib.parse import urlsplit
 
-from peers import ROOT, CameraCase, at_once, clip_file, picture_hashes, position_in_loop, run
+from peers import ROOT, Camera, CameraCase, Failed, at_once, clip_file, ffmpeg, picture_hashes, position_in_loop, run
+from viewer import ViewerCase
 
 PLAYERS = 50
 
@@ -58,6 +60,28 @@ class Live(DashCase):
         self.assertEqual([later - time for time, later in zip(times, times[1:])], [3600] * 599)
         seen = picture_hashes("-i", url, "-t", "4")
         self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip.h264"))))
+
+
+class Recorded(ViewerCase):
+    def test_a_range_of_what_a_killed_camera_has_recorded(self):
+        first = Camera("--record", self.path("kept"))
+        with first.process:
+            while not (names := os.listdir(self.path("kept"))) or os.path.getsize(self.path(f"kept/{names[0]}")) < 800000:
+                self.assertIsNone(first.process.poll())
+                time.sleep(0.02)
+            first.process.kill()
+        began = datetime.datetime.strptime(names[0], "live-%Y%m%dT%H%M%S.%fZ.mp4")
+        start, end = (f"{began + datetime.timedelta(seconds=each):%Y%m%dT%H%M%SZ}" for each in (1, 6))
+        with Camera("--http", "0", "--record", self.path("kept")) as second:
+            seen = picture_hashes("-i", f"{second.web}recorded/live/{start}-{end}/manifest.mpd")
+            self.assertGreaterEqual(len(seen), 100)
+            self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip.h264"))))
+            for none in (f"{end}-{start}", "x-y", "20200101T000000Z-20200101T000001Z", ".."):
+                with self.assertRaises(Failed):
+                    ffmpeg("-i", f"{second.web}recorded/live/{none}/manifest.mpd", "-f", "null", "-")
+        with Camera("--record", self.path("kept"), "--keep", "1"):
+            while os.path.exists(self.path(f"kept/{names[0]}")):
+                time.sleep(0.02)
 
 
 class Cached(DashCase):

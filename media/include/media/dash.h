@@ -6,14 +6,20 @@
 ///     media::dash live(station);
 ///     media::http_service_t* web = media::http_service({.port = 8080});
 ///     live.serve(*web);
+///     live.serve_recorded(*web, "yard");
 ///     station.add(web);
 ///     if (!station.start() || !live.start(web->port())) ...
 ///     ...
 ///     live.stop();
 ///     station.stop();
 ///
-/// A manifest is there when the window of 15 s has filled. A request before that waits for up to 10 s, and is then
-/// answered with 503 and Retry-After. The camera of a stream that nobody watches is not asked for pictures: settings_t.
+/// And of every recording that the program names, for ranges of at most an hour:
+///     /recorded/NAME/START-END/manifest.mpd, and its segments; the times as 20261122T101500Z, also with milliseconds
+///     (20261122T101500.250Z), or in microseconds since 1970
+/// A range is played from the archive (net::Graph::add_archive()) by modules, as fast as they can.
+///
+/// A live manifest is there when the window of 15 s has filled, that of a range when all of it has been read. A request
+/// before that waits for up to 10 s, and is then answered with 503 and Retry-After. The camera of a stream that nobody watches is not asked for pictures: settings_t.
 ///
 /// Bounds: those of inet/net_dash.h, and of each stream 5 s of frames held for this reader, within the stream's bounds.
 ///
@@ -42,6 +48,10 @@ public:
     /// Adds the routes of all streams that the station has now to a service, before it is started.
     /// @return 1; 0 when a path is taken or memory is out
     int serve(http_service_t& by) noexcept;
+
+    /// Adds the route of a recording. @param name  its source, as the archive knows it; copied
+    /// @return as serve()
+    int serve_recorded(http_service_t& by, const char* name) noexcept;
 
     /// Starts packing, after the station. @param number  tells this process from others that work in the same
     /// directory, such as the port of the service
