@@ -399,8 +399,10 @@ void client_t::on_picture() noexcept {
 }
 
 void client_t::leave_pictures() noexcept {
-    if (std::exchange(counts_, false)) pictures_->watch(-1);
-    if (pictures_) pictures_->remove(*this);
+    if (pictures_) {
+        pictures_->watch(std::exchange(counts_, false) ? -1 : 0);
+        pictures_->remove(*this);
+    }
     pictures_ = nullptr;
     snapshot_ = false;
 }
