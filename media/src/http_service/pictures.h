@@ -59,7 +59,7 @@ private:
 class part_t final : public part {
 public:
     part_t(thread& on, counters_t& all) noexcept : thread_(on), all_(all) {}
-    /// Counts who watches when the thread does, so that its sum without this is that of the other services.
+    /// Counts who watches at the moment when the thread does: its count less this one is that of the other services.
     void second() noexcept override;
     /// The pictures of a stream, made at their first use; null when memory is out. They stay while somebody takes them.
     pictures* of(stream& which) noexcept;
