@@ -3,6 +3,7 @@
 
 #include "options.h"
 
+#include "core/time.h"
 #include "media/dash.h"
 #include "media/http_service.h"
 #include "media/station.h"
@@ -47,6 +48,7 @@ private:
 
     media::station& station_;
     media::dash dash_;
+    const uint64_t started_ = time_now();  ///< tells the runs of the program apart
     const media::service* rtsp_ = nullptr;
     media::http_service_t* http_ = nullptr;
     mutable std::mutex telling_;

@@ -94,7 +94,7 @@ claim_t service_t::claims(buffer_t first) const noexcept {
 }
 
 part* service_t::make_part(thread& on, failure_t* error) noexcept {
-    part* made = core::create<part_t>(CORE_HERE, on);
+    part* made = core::create<part_t>(CORE_HERE, on, counters_);
     if (!made) tell(error, "out of memory");
     return made;
 }
