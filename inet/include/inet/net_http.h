@@ -12,14 +12,15 @@
 /// How a body is framed:
 ///     Content-Length             of all messages
 ///     Transfer-Encoding chunked  of all messages but those of HTTP/1.0
-///     the end of the connection  of a response with neither of the two, when it has "Connection: close", when it is
-///                                multipart, or when it is downloaded
+///     the end of the connection  of a response with neither of the two, when it has "Connection: close", is of HTTP/1.0
+///                                without "Connection: keep-alive", is multipart, or is written to a file
 ///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
 ///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
-///     "multipart/"                                       part by part to on_frame, then a second call without a body
+///     "multipart/", net_http_split()                     part by part to on_frame, then a second call without a body
 ///     anything else                                      dropped, then on_message with status -3
+///     of any type, by net_http_save()                    written to a file, then a second call without a body
 ///
 /// A part of a multipart body ends after its Content-Length, else where the next boundary begins. The Content-Length of
 /// a multipart response is not looked at: cameras state one for streams without an end. The frame's data is the body of
@@ -162,6 +163,19 @@ INET_API int net_http_post(net::http_ctx* ctx, const char* uri, const void* data
 ///   - a name with a separator, a control character, or one of :*?"<>|, or
 ///   - a name that is a device on Windows, such as "nul.txt" or "COM1"
 INET_API int net_http_download(net::http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept;
+
+/// Has the body of a response written to a file as net_http_download() has it. Inside the first call of on_message for
+/// that response.
+/// @return 1; 0 elsewhere, and when memory is out; -2 as net_http_download()
+INET_API int net_http_save(net::http_ctx* ctx, const char* directory, const char* name) noexcept;
+
+/// Has the body of a response of another type split into parts when it begins with a delimiter and the header of a part,
+/// as that of servers that do not know their own type. Else it goes where it would have gone. Inside the first call of
+/// on_message for that response. @return 1; 0 elsewhere, and for a response of type "multipart/"
+INET_API int net_http_split(net::http_ctx* ctx) noexcept;
+
+/// Bytes of the latest response that were written to a file. On the network thread.
+INET_API uint64_t net_http_saved(const net::http_ctx* ctx) noexcept;
 
 /// Sets the beginnings of further content types whose bodies are handed over whole, separated by ','. Null is none.
 INET_API void net_http_set_type(net::http_ctx* ctx, const char* type) noexcept;

@@ -298,6 +298,12 @@ int inside::send(const http::header_s* header, owned_outgoing message) noexcept 
     return 0;
 }
 
+core::owned_object<http::download> inside::file_for(const char* directory, const char* name) const noexcept {
+    core::owned_object<http::download> made(core::create<http::download>(file, line, directory, name));
+    if (made && !made->complete()) made.reset();
+    return made;
+}
+
 int inside::request(const char* method, const char* uri, const void* data, size_t size,
                     core::owned_object<http::download> to) noexcept {
     if (size > UINT32_MAX) return 0;

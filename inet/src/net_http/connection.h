@@ -44,6 +44,8 @@ struct http_ctx::inside final : ITcp, http::message_owner {
 
     owned_outgoing message(buffer_t bytes) noexcept;
     int send(const http::header_s* header, owned_outgoing message) noexcept;
+    /// Null when memory is out.
+    core::owned_object<http::download> file_for(const char* directory, const char* name) const noexcept;
     int request(const char* method, const char* uri, const void* data, size_t size,
                 core::owned_object<http::download> to) noexcept;
     bool queue_up(owned_outgoing message, bool answers) noexcept;

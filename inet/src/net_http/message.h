@@ -59,6 +59,12 @@ public:
     void answered() noexcept;
     /// The next request may be read.
     void go_on() noexcept;
+    /// The body of the response that is being announced goes to a file. @return false when none is
+    bool save(core::owned_object<download> to) noexcept;
+    /// It is split when it begins as a multipart body does. @return as save()
+    bool split_if_parts() noexcept;
+    /// Bytes of the latest body that were written to a file.
+    uint64_t saved() const noexcept { return saved_; }
     /// A request goes out. A multipart body at hand is dropped.
     void expect(core::owned_object<expectation> response) noexcept;
 
@@ -77,7 +83,7 @@ public:
 
 private:
     using bytes = std::span<uint8_t>;
-    enum class phase_t : uint8_t { head, body, stopped };
+    enum class phase_t : uint8_t { head, announcing, body, stopped };
     enum class framing_t : uint8_t { none, length, chunked, close };
     enum class mode_t : uint8_t { whole, multipart, dropped, unknown, file };
     enum class owes_t : uint8_t { nothing, announced, answered, whole };
@@ -88,6 +94,7 @@ private:
     step_t announce() noexcept;
     bool is_sound(std::string_view text) const noexcept;
     void judge_framing() noexcept;
+    framing_t framing_of_body() const noexcept;
     bool choose_mode() noexcept;
     bool choose_boundary(std::string_view type) noexcept;
     bool takes_whole(std::string_view type) const noexcept;
@@ -98,6 +105,7 @@ private:
     step_t read_content(bytes& from, bool all) noexcept;
     step_t read_whole(bytes& from, bool all) noexcept;
     step_t pass_through(bytes& from, bool all) noexcept;
+    step_t look_for_parts(bytes& from, bool all) noexcept;
 
     step_t read_parts(bytes& from, bool all) noexcept;
     step_t read_boundary(bytes& from) noexcept;
@@ -132,12 +140,15 @@ private:
     bool settled_ = false;   ///< what is owed has been answered
     bool silent_ = false;    ///< the owner gave the message up
     bool is_head_ = false;   ///< the request at hand is HEAD
+    bool is_old_ = false;    ///< of HTTP/1.0, the message at hand
+    bool looking_ = false;   ///< whether the body at hand is multipart is not known yet
     bool bodyless_ = false;  ///< the response at hand has no body
     uint32_t turn_ = 0;      ///< changed when the owner has reset or stopped the reader
     uint64_t left_ = 0;      ///< of a body with a length
     chunks chunks_;
     buf_t decoded_;                    ///< of chunks
     core::owned_object<download> to_;  ///< of the response at hand
+    uint64_t saved_ = 0;
 
     core::owned_object<expectation> expected_;  ///< of requests that went out, in their order
     expectation* last_expected_ = nullptr;

@@ -29,7 +29,40 @@ constexpr part_type_t part_types[] = {
     {"audio/pcmu", av::fcc_pcmu, 16, 8000, 1},
 };
 
+constexpr size_t longest_delimiter = 200;
+
+/// The delimiter that a body begins with, when the header of a part follows it. Empty for none; not set when more bytes
+/// are needed.
+std::optional<std::string_view> first_delimiter(std::string_view body) noexcept {
+    constexpr std::string_view field = "\r\ncontent-";
+    const std::string_view text = scan::skip(body, "\r\n");
+    const std::string_view line = text.substr(0, std::min(text.find('\r'), text.size()));
+    if (!line.substr(0, 2).empty() && !std::string_view("--").starts_with(line.substr(0, 2))) return "";
+    if (line.size() > longest_delimiter || body.size() - text.size() > 4) return "";
+    const std::string_view behind = text.substr(line.size(), field.size());
+    if (!scan::same_name(behind, field.substr(0, behind.size()))) return "";
+    if (behind.size() < field.size()) return std::nullopt;
+    return line.size() > 2 ? line : "";
+}
+
 }  // namespace
+
+/// Servers that do not know their own type send "application/octet-stream".
+message_reader::step_t message_reader::look_for_parts(bytes& from, bool all) noexcept {
+    const std::optional<std::string_view> found = first_delimiter(text_of(within(from)));
+    if (!found && !all) return step_t::more;
+    looking_ = false;
+    if (found && !found->empty()) {
+        boundary_.reset(core_strndup(found->data(), found->size(), file_, line_));
+        if (!boundary_) return refuse(http_malformed);
+        to_.reset();
+        mode_ = mode_t::multipart;
+        if (framing_ != framing_t::chunked) framing_ = framing_t::close;
+    } else if (mode_ == mode_t::file && !to_->open()) {
+        return refuse(http_not_written);
+    }
+    return read_content(from, all);
+}
 
 message_reader::step_t message_reader::read_parts(bytes& from, bool all) noexcept {
     const size_t held = from.size();
