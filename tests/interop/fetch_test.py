@@ -79,7 +79,7 @@ class Files(ViewerCase):
                      (web.url + "/..%2Fout", (), CANNOT_WRITE, None, "no name for a file: ../out"),
                      (web.url + "/c%3Ax", (), CANNOT_WRITE, None, "no name for a file: c:x"),
                      (web.url, (), CANNOT_WRITE, None, "names no file"),
-                     (web.url, ("-o", long), CANNOT_WRITE, None, "cannot write " + long),
+                     (web.url, ("-o", long), CANNOT_WRITE, None, "cannot write nnn"),
                      (web.url + "/none", (), PROTOCOL, None, "204"),
                      (web.url + "/nothing", (), NOT_FOUND, None, "404")]
             at_once(self.fetch, cases)
