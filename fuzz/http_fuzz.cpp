@@ -56,6 +56,8 @@ private:
         if (!complete && target == "/now") reader_.answered();
         if (target == "/reset") reader_.reset(message_reader::role_t::server);
         if (target == "/stop") reader_.stop();
+        const char* const wish = header && !complete ? value_geti(header->fields, "X") : nullptr;
+        if (wish && std::strcmp(wish, "split") == 0) told += reader_.split_if_parts() ? "S" : "s";
         if (body) told.append(reinterpret_cast<const char*>(body->data), body->size);
         if (header) told += value_geti(header->fields, "X") ? "X" : "";
     }

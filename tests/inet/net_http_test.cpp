@@ -230,6 +230,9 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
          "2\r\n\r\nok",
          "0 0 0 -5 "},
         {"HTTP/1.1 404 No\r\n\r\nHTTP/1.1 404 No\r\nContent-Length: 2\r\n\r\nno", "0 0 0 0 "},
+        {"HTTP/1.1 204 No\r\nContent-Type: a/b\r\n\r\nHTTP/1.1 404 No\ncontent-length: 2\n\nnoHTTP/1.0 200 "
+         "OK\r\n\r\nold",
+         "0 0 0 0 0 0:old "},
         {"GET / HTTP/1.1\r\n\r\n", "-1 "},
     };
     const test::scratch room;
@@ -240,6 +243,7 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
         header_s* head = http_header_request("HEAD", "/", "HTTP/1.1");
         EXPECT_EQ(net_http_send_message(fresh.ctx, head, nullptr, 0), 1);
         EXPECT_EQ(net_http_download(fresh.ctx, "/", no_directory.c_str(), "f"), 1);
+        EXPECT_EQ(net_http_recv(fresh.ctx, "/"), 1);
         http_header_free(head);
         net_http_connect(fresh.ctx, "127.0.0.1", port);
         EXPECT_TRUE(fresh.hears("connect "));

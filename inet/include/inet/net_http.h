@@ -30,6 +30,8 @@
 ///     "audio/pcmu"   "PCMU", 8000 samples of 16 bits, one channel
 ///     anything else  0
 ///
+/// Lines of a header end with CR LF; in the client role those of a whole header may end with LF alone.
+///
 /// What is refused with -1:
 ///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart body
 ///                    without a boundary; a NUL in the header; more than 8 blank lines before it

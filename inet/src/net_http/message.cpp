@@ -100,6 +100,21 @@ bool has_option(const header_s& header, std::string_view option) noexcept {
 
 }  // namespace
 
+head_text::head_text(std::string_view in, bool bare_lf) noexcept
+    : size(http_find_header(in.data(), static_cast<unsigned>(in.size()))) {
+    if (size > 0) text = in.substr(0, static_cast<size_t>(size));
+    const std::string_view within = in.substr(0, most / 2);
+    const size_t end = bare_lf ? within.find("\n\n") : std::string_view::npos;
+    if (end == std::string_view::npos || within.substr(0, end).find('\r') != std::string_view::npos) return;
+    size = static_cast<int>(end) + 2;
+    char* out = room_;
+    for (const char c : within.substr(0, end + 2)) {
+        if (c == '\n') *out++ = '\r';
+        *out++ = c;
+    }
+    text = {room_, out};
+}
+
 message_reader::message_reader(message_owner& owner, const char* file, int line) noexcept
     : owner_(owner), file_(file), line_(line) {}
 
@@ -235,14 +250,14 @@ message_reader::step_t message_reader::read_head(bytes& in) noexcept {
     // Behind a body, as some clients send it (RFC 9112, 2.2).
     for (; in.size() >= 2 && in[0] == '\r' && in[1] == '\n'; in = in.subspan(2))
         if (++blank_lines_ > most_blank_lines) return refuse(http_malformed);
-    const int size = http_header_find({in.data(), static_cast<uint32_t>(in.size())});
-    if (size == 0) return step_t::more;
-    if (size < 0) return refuse(http_header_large);
-    const std::string_view text(reinterpret_cast<const char*>(in.data()), static_cast<size_t>(size));
-    in = in.subspan(text.size());
+    const head_text head({reinterpret_cast<const char*>(in.data()), in.size()}, role_ == role_t::client);
+    if (head.size == 0) return step_t::more;
+    if (head.size < 0) return refuse(http_header_large);
+    const std::string_view text = head.text;
+    in = in.subspan(static_cast<size_t>(head.size));
     blank_lines_ = 0;
     owner_.on_header_text(text);
-    header_ = http_header_parse(text.data(), static_cast<unsigned>(size), file_, line_);
+    header_ = http_header_parse(text.data(), static_cast<unsigned>(text.size()), file_, line_);
     is_old_ = header_ && (header_->status ? text.starts_with("HTTP/1.0") : scan::text(header_->protocol) == "HTTP/1.0");
     if (!header_ || !is_sound(text)) return refuse(http_malformed);
     if (header_->status >= 100 && header_->status < 200) {  // the response is still to come

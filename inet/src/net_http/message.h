@@ -30,6 +30,22 @@ protected:
     ~message_owner() = default;
 };
 
+/// The header at the front of what was received.
+class head_text {
+public:
+    /// @param bare_lf  it may have lines that end with LF alone, as those of some cameras do (RFC 9112, 2.2)
+    head_text(std::string_view in, bool bare_lf) noexcept;
+
+    int size;               ///< as of http_header_find()
+    std::string_view text;  ///< with CR LF, when there is one
+
+    /// Bytes of the longest text: http_header_find() looks so far, and each LF may get a CR.
+    static constexpr size_t most = 2 * (4096 + 3);
+
+private:
+    char room_[most];
+};
+
 /// What the response to a request will be.
 struct expectation {
     bool head = false;                ///< it has no body, whatever it says

@@ -98,22 +98,31 @@ void http_attempt::connect(const net::http::header_s* refusal) noexcept {
     if (wanted_.lookup.state() == name_lookup::state_t::running) return;
     if (wanted_.lookup.state() != name_lookup::state_t::found)
         return end({outcome_t::no_connection, "no such host: %s", wanted_.address.host});
-    stage_ = stage_t::connecting;
-    net_http_connect(http_, wanted_.lookup.address(), wanted_.address.port);
-    if (!ask(refusal)) end({outcome_t::failed, "the request cannot be sent"});
+    net::http::header_s* request = request_for(refusal);
+    bool sent = request != nullptr;
+    if (sent) {
+        stage_ = stage_t::connecting;
+        net_http_connect(http_, wanted_.lookup.address(), wanted_.address.port);
+        sent = net_http_send_message(http_, request, nullptr, 0) != 0;
+    }
+    http_header_free(request);
+    if (!sent) end(refusal ? refusal_of(401) : ending_t{outcome_t::failed, "the request cannot be sent"});
 }
 
-bool http_attempt::ask(const net::http::header_s* refusal) noexcept {
+/// @return null when the refusal has no challenge that can be answered, or memory is out
+net::http::header_s* http_attempt::request_for(const net::http::header_s* refusal) const noexcept {
     const address_t& address = wanted_.address;
     net::http::header_s* request = http_header_request("GET", address.target.get(), "HTTP/1.1");
+    const bool is_usual = address.port == 80;
     const bool complete =
-        request && http_header_put_format(request, "Host", "%s:%u", address.host, unsigned{address.port}) &&
+        request &&
+        (is_usual ? http_header_put(request, "Host", address.host)
+                  : http_header_put_format(request, "Host", "%s:%u", address.host, unsigned{address.port})) &&
         http_header_put(request, "Accept", "multipart/x-mixed-replace, */*;q=0.5") &&
         http_header_put(request, "Accept-Encoding", "identity") &&
         (!refusal || http_header_authorize(request, refusal, address.user.get(), address.password.get()));
-    const bool sent = complete && net_http_send_message(http_, request, nullptr, 0);
-    http_header_free(request);
-    return sent;
+    if (!complete) http_header_free(request);
+    return request;
 }
 
 uint64_t http_attempt::tick(uint64_t now) noexcept {

@@ -39,7 +39,7 @@ private:
 
     static http_attempt& of(void* arg) noexcept { return *static_cast<http_attempt*>(arg); }
     void connect(const net::http::header_s* refusal) noexcept;
-    bool ask(const net::http::header_s* refusal) noexcept;
+    net::http::header_s* request_for(const net::http::header_s* refusal) const noexcept;
     void take_message(int status, const net::http::header_s* header) noexcept;
     void judge(const net::http::header_s& header) noexcept;
     bool save(const net::http::header_s& header) noexcept;
