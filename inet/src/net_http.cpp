@@ -36,6 +36,10 @@ void net_http_connect(http_ctx* ctx, const char* host, unsigned port) noexcept {
     if (ctx) ctx->in->connect(host ? host : "", port);
 }
 
+int net_http_set_login(http_ctx* ctx, const char* user, const char* password) noexcept {
+    return ctx && ctx->in->set_login(user, password) ? 1 : 0;
+}
+
 int net_http_send_message(http_ctx* ctx, const net::http::header_s* header, const void* body, unsigned size) noexcept {
     if (!ctx) return 0;
     auto* const bytes = static_cast<uint8_t*>(const_cast<void*>(body));

@@ -130,6 +130,17 @@ INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
 /// @param host  a dotted address, or a name, whose look-up blocks
 INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned port) noexcept;
 
+/// Has a request that is refused with 401 sent once more, over a new connection to the same server, with an answer to the
+/// challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal is a
+/// message like any other where:
+///   - it has no challenge that can be answered,
+///   - the request was sent once more already,
+///   - another request was queued meanwhile, or
+///   - the request has a body of net_http_send_share(), or one that was not queued with its header.
+/// A copy of each request is held until its response has come. Before the first request. @param user  null for none, which is the state at first
+/// @return 1; 0 for a null context, and when memory is out
+INET_API int net_http_set_login(net::http_ctx* ctx, const char* user, const char* password) noexcept;
+
 // Queueing. Each returns 1, or 0 when nothing was queued:
 //   - memory is out,
 //   - the bytes with their header pass 4 GiB,

@@ -264,6 +264,7 @@ message_reader::step_t message_reader::read_head(bytes& in) noexcept {
         forget();
         return step_t::on;
     }
+    if (header_->status == 401 && is_sent_again()) return step_t::more;
     judge_framing();
     if (!choose_mode()) return refuse(http_malformed);
     return announce();
@@ -277,6 +278,14 @@ bool message_reader::is_sound(std::string_view text) const noexcept {
     if (found.differ || found.other_coding) return false;
     if (found.chunked && is_old_) return false;
     return !request || (is_plain(text, *header_) && !(found.chunked && found.length));
+}
+
+bool message_reader::is_sent_again() noexcept {
+    if (!expected_ || expected_->next || expected_->sent.length == 0) return false;
+    ++calling_;
+    const bool result = owner_.on_refused(*header_, *expected_);
+    leave_call();
+    return result;
 }
 
 void message_reader::judge_framing() noexcept {

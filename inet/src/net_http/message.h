@@ -13,12 +13,28 @@
 
 namespace net::http {
 
+/// What the response to a request will be.
+struct expectation {
+    expectation() noexcept = default;
+    ~expectation() { core_buf_free(&sent); }
+    expectation(const expectation&) = delete;
+    expectation& operator=(const expectation&) = delete;
+
+    bool head = false;                ///< it has no body, whatever it says
+    core::owned_object<download> to;  ///< where its body goes; may be null
+    buf_t sent;                       ///< the request, where it may be sent once more
+    core::owned_object<expectation> next;
+};
+
 /// Owner of a reader. Inside each call it may reset(), stop() or expect(). What a call is given stays as it is until the
 /// call has returned.
 class message_owner {
 public:
     /// As http_info::on_message; `complete` in the second call of a message.
     virtual void on_message(int status, header_s* header, const buffer_t* body, bool complete) noexcept = 0;
+    /// A request was refused with 401, and no other waits for its response. @return true when the owner has reset the
+    /// reader to send it once more: then nothing is told of the response
+    virtual bool on_refused(const header_s& header, expectation& refused) noexcept = 0;
     /// The peer wants to be told to send the body of the request that was announced.
     virtual void on_expect() noexcept = 0;
     virtual void on_frame(const av::frame_t& frame) noexcept = 0;
@@ -44,13 +60,6 @@ public:
 
 private:
     char room_[most];
-};
-
-/// What the response to a request will be.
-struct expectation {
-    bool head = false;                ///< it has no body, whatever it says
-    core::owned_object<download> to;  ///< where its body goes; may be null
-    core::owned_object<expectation> next;
 };
 
 class message_reader {
@@ -108,6 +117,7 @@ private:
     step_t step(bytes& in) noexcept;
     step_t read_head(bytes& in) noexcept;
     step_t announce() noexcept;
+    bool is_sent_again() noexcept;
     bool is_sound(std::string_view text) const noexcept;
     void judge_framing() noexcept;
     framing_t framing_of_body() const noexcept;

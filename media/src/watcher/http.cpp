@@ -5,7 +5,6 @@
 #include "avc/fcc.h"
 #include "core/text.h"
 #include "core/time.h"
-#include "inet/net_http_auth.h"
 
 #include <algorithm>
 #include <charconv>
@@ -87,30 +86,25 @@ void http_attempt::start() noexcept {
     info.on_frame = [](void* arg, net::http_ctx*, const av::frame_t* frame) { of(arg).take_frame(*frame); };
     deadline_ = core_timer() + wanted_.timeout;
     http_ = net_http_open(info, wanted_.nt, CORE_HERE);
-    if (!http_) return end({outcome_t::failed, "no memory"});
+    const address_t& address = wanted_.address;
+    if (!http_ || !net_http_set_login(http_, address.user.get(), address.password.get()))
+        return end({outcome_t::failed, "no memory"});
     net_http_set_limit(http_, longest_frame);
-    wanted_.lookup.begin(wanted_.address.host);
-    connect(nullptr);
+    wanted_.lookup.begin(address.host);
+    connect();
 }
 
-/// As soon as the address of the host is known. @param refusal  the response that asks for a user
-void http_attempt::connect(const net::http::header_s* refusal) noexcept {
+/// As soon as the address of the host is known.
+void http_attempt::connect() noexcept {
     if (wanted_.lookup.state() == name_lookup::state_t::running) return;
     if (wanted_.lookup.state() != name_lookup::state_t::found)
         return end({outcome_t::no_connection, "no such host: %s", wanted_.address.host});
-    net::http::header_s* request = request_for(refusal);
-    bool sent = request != nullptr;
-    if (sent) {
-        stage_ = stage_t::connecting;
-        net_http_connect(http_, wanted_.lookup.address(), wanted_.address.port);
-        sent = net_http_send_message(http_, request, nullptr, 0) != 0;
-    }
-    http_header_free(request);
-    if (!sent) end(refusal ? refusal_of(401) : ending_t{outcome_t::failed, "the request cannot be sent"});
+    stage_ = stage_t::connecting;
+    net_http_connect(http_, wanted_.lookup.address(), wanted_.address.port);
+    if (!ask()) end({outcome_t::failed, "the request cannot be sent"});
 }
 
-/// @return null when the refusal has no challenge that can be answered, or memory is out
-net::http::header_s* http_attempt::request_for(const net::http::header_s* refusal) const noexcept {
+bool http_attempt::ask() noexcept {
     const address_t& address = wanted_.address;
     net::http::header_s* request = http_header_request("GET", address.target.get(), "HTTP/1.1");
     const bool is_usual = address.port == 80;
@@ -119,14 +113,14 @@ net::http::header_s* http_attempt::request_for(const net::http::header_s* refusa
         (is_usual ? http_header_put(request, "Host", address.host)
                   : http_header_put_format(request, "Host", "%s:%u", address.host, unsigned{address.port})) &&
         http_header_put(request, "Accept", "multipart/x-mixed-replace, */*;q=0.5") &&
-        http_header_put(request, "Accept-Encoding", "identity") &&
-        (!refusal || http_header_authorize(request, refusal, address.user.get(), address.password.get()));
-    if (!complete) http_header_free(request);
-    return request;
+        http_header_put(request, "Accept-Encoding", "identity");
+    const bool sent = complete && net_http_send_message(http_, request, nullptr, 0);
+    http_header_free(request);
+    return sent;
 }
 
 uint64_t http_attempt::tick(uint64_t now) noexcept {
-    if (stage_ == stage_t::looking_up) connect(nullptr);
+    if (stage_ == stage_t::looking_up) connect();
     if (stage_ == stage_t::playing) {
         if (now - std::max(last_frame_, deadline_ - wanted_.timeout) >= wanted_.timeout)
             end(begun_ ? ending_t{outcome_t::connection_lost, "no media comes any more"}
@@ -188,10 +182,6 @@ void http_attempt::take_message(int status, const net::http::header_s* header) n
 }
 
 void http_attempt::judge(const net::http::header_s& header) noexcept {
-    if (header.status == 401 && wanted_.address.user && !answered_) {
-        answered_ = true;
-        return connect(&header);
-    }
     const char* const location = value_geti(header.fields, "Location");
     if (location && std::ranges::find(moved_statuses, header.status) != std::end(moved_statuses))
         moved_to_.reset(core_strdup(location, CORE_HERE));

@@ -10,7 +10,6 @@
 
 namespace media::fetch {
 
-/// A 401 is answered once, over a new connection: many cameras end the one that they refuse on.
 class http_attempt final : public attempt {
 public:
     http_attempt(const order_t& wanted, attempt_owner& owner) noexcept : wanted_(wanted), owner_(owner) {}
@@ -38,8 +37,8 @@ private:
     };
 
     static http_attempt& of(void* arg) noexcept { return *static_cast<http_attempt*>(arg); }
-    void connect(const net::http::header_s* refusal) noexcept;
-    net::http::header_s* request_for(const net::http::header_s* refusal) const noexcept;
+    void connect() noexcept;
+    bool ask() noexcept;
     void take_message(int status, const net::http::header_s* header) noexcept;
     void judge(const net::http::header_s& header) noexcept;
     bool save(const net::http::header_s& header) noexcept;
