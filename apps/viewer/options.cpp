@@ -77,9 +77,9 @@ Each takes the first track of its format. Only whole pictures are written: after
 picture. Sound starts where the picture starts; what was lost, and the time between two connections, is silence. A file
 begins with its first frame: an earlier one of that name stays until then.
 
-What else comes over HTTP is written to the file of -o, of any name, or to one with the last name of the URI in the current
-folder. When it does not come whole, the file is removed. Up to five times in a row the source may say that it is elsewhere;
-user and password go along to the same host alone.
+What else comes over HTTP is written to the file of -o, of any name, or to one with the last name of the URI in the
+current folder. When it does not come whole, the file is removed. Up to five times in a row the source may say that it
+is elsewhere; user and password go along to the same host alone.
 
 Over udp, when nothing arrives in 3 s or the server refuses it, the stream is asked for again over tcp. Over http both
 connections go to the port of the URI. Between attempts to connect again pass 1, 2, 4, ... 30 s.

@@ -43,13 +43,11 @@ class Files(ViewerCase):
     def fetch(self, case):
         """Status, arguments, the name of the file, if there is to be one, and what the message says."""
         url, arguments, status, name, words = case
-        before = set(os.listdir(self.folder))
         _, messages = self.view(url, *arguments, "--timeout", "5", status=status)
         self.assertIn(words, messages)
         if name:
             with open(self.path(name), "rb") as file:
                 self.assertEqual(file.read(), CONTENT, case)
-        return before
 
     def test_each_way_to_send_a_file(self):
         cut = CONTENT[:-1]
@@ -65,8 +63,7 @@ class Files(ViewerCase):
                 "/cut.bin": plain()[:-1],
                 "/cut.mp4": head + chunks,
                 "/coded.bin": plain(gzip.compress(CONTENT), "Content-Encoding: gzip"),
-                "/..%2Fout": plain(), "/c%3Ax": plain(), "/": plain(), "/none": b"HTTP/1.1 204 No\r\n\r\n"}) as web:
-            long = "n" * 300
+                "/..%2Fout": plain(), "/": plain(), "/none": b"HTTP/1.1 204 No\r\n\r\n"}) as web:
             cases = [(web.url + "/a b.bin?x=%2F", (), 0, "a b.bin", "saved as a b.bin"),
                      (web.url + "/é", (), 0, "é", ""),
                      (web.url + "/chunked.mp4", ("-o", "film.mp4"), 0, "film.mp4", ""),
@@ -77,9 +74,8 @@ class Files(ViewerCase):
                      (web.url + "/cut.mp4", (), LOST, None, "before all of cut.mp4 had come"),
                      (web.url + "/coded.bin", (), PROTOCOL, None, "compressed"),
                      (web.url + "/..%2Fout", (), CANNOT_WRITE, None, "no name for a file: ../out"),
-                     (web.url + "/c%3Ax", (), CANNOT_WRITE, None, "no name for a file: c:x"),
                      (web.url, (), CANNOT_WRITE, None, "names no file"),
-                     (web.url, ("-o", long), CANNOT_WRITE, None, "cannot write nnn"),
+                     (web.url, ("-o", "n" * 300), CANNOT_WRITE, None, "cannot write nnn"),
                      (web.url + "/none", (), PROTOCOL, None, "204"),
                      (web.url + "/nothing", (), NOT_FOUND, None, "404")]
             at_once(self.fetch, cases)
@@ -88,17 +84,17 @@ class Files(ViewerCase):
     def test_a_source_that_is_elsewhere(self):
         def told(head):
             """Digest, as the server has it that refuses without a quality of protection."""
-            fields = dict(part.strip().split("=", 1) for part in head.split("Digest ", 1)[1].split("\r\n")[0].split(","))
             first, second = (hashlib.md5(text.encode()).hexdigest() for text in ("u r:r:p@w", "GET:/in/y"))
-            return fields["response"].strip('"') == hashlib.md5(f"{first}:n:{second}".encode()).hexdigest()
+            return hashlib.md5(f"{first}:n:{second}".encode()).hexdigest() in head
 
         ask = b'HTTP/1.1 401 X\r\nWWW-Authenticate: Basic realm="x y", Digest realm="r", nonce="n"\r\n\r\n'
-        secret = {"/in/y": lambda head: plain() if "Digest" in head and told(head) else ask}
+        secret = {"/in/y": lambda head: plain() if told(head) else ask}
         with Web(secret) as web, Web({}) as other:
             outside = other.url.replace("127.0.0.1", "localhost") + "/in/y"
-            other.answers.update({"/in/y": ask, "/far": moved("https://h/x"), "/loop": moved("loop", 307), "/bare": ask[:14] + ask[-4:]})
+            other.answers.update({"/in/y": ask, "/far": moved("https://h/x"), "/loop": moved("loop", 307),
+                                  "/bare": ask[:14] + ask[-4:]})
             secret.update({"/1": moved("/2", 301), "/2": moved("in/x?y", 303), "/in/x?y": moved("../3", 308),
-                           "/3": moved("//" + web.url[7:] + "/in/z#x", 307), "/in/z": moved("y"), "/out": moved(outside)})
+                           "/3": moved(web.url[5:] + "/in/z#x", 307), "/in/z": moved("y"), "/out": moved(outside)})
             at_once(self.fetch, [
                 (web.url.replace("//", "//u%20r:p%40w@") + "/1", (), 0, "1", ""),
                 (web.url.replace("//", "//u r:p@w@") + "/in/y", (), 0, "y", ""),
@@ -128,7 +124,7 @@ class Streams(ViewerCase):
                 jpeg += b"\r\n--no idea\r\nContent-Type: image/jpeg\r\n\r\n" + file.read()
         jpeg += b"\r\n--no idea--"
         with Web({"/h264": b'HTTP/1.1 200 OK\r\nContent-Type: multipart/mixed; boundary="--b"\r\n\r\n' + body,
-                  "/jpeg": b"HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n" + jpeg}) as web:
+                  "/jpeg": b"HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n" + jpeg}) as web:
             tracks, messages = self.view(web.url + "/h264", "--stats", "-o", "a.h264", status=LOST)
             self.assertIn("the server has ended the stream", messages)
             self.view(web.url + "/jpeg", "-o", "a.jpg", status=LOST)

@@ -125,7 +125,7 @@ class Sources(WebCase):
     arguments = WebAccess.arguments
 
     def serve(self, program, *arguments, **options):
-        """Has a program serve MJPEG at the address that stands for "URL" in its arguments. @return process and address"""
+        """Has a program serve MJPEG at the address that stands for "URL" in its arguments."""
         with socket.create_server(("127.0.0.1", 0)) as probe:
             address = probe.getsockname()
         place = f"127.0.0.1:{address[1]}/x.mjpg"

@@ -161,7 +161,7 @@ TEST_F(Watcher, FramesOfTheWantedKindsUntilTheCallbackHasEnough) {
         &taken);
     watcher.on_event(
         [](void* arg, const media::watch_event_t& event) {
-            static_cast<taken_t*>(arg)->events += "ctprfPE"[event.what];
+            static_cast<taken_t*>(arg)->events += "ctpsrfPE"[event.what];
             EXPECT_TRUE(event.what != media::watch_event_t::tracks ||
                         (event.format_count == 1 && event.formats[0].fcc == av::fcc_pcmu));
         },

@@ -12,8 +12,8 @@
 /// How a body is framed:
 ///     Content-Length             of all messages
 ///     Transfer-Encoding chunked  of all messages but those of HTTP/1.0
-///     the end of the connection  of a response with neither of the two, when it has "Connection: close", is of HTTP/1.0
-///                                without "Connection: keep-alive", is multipart, or is written to a file
+///     the end of the connection  of a response with neither of the two, when it has "Connection: close", is of
+///                                HTTP/1.0 without "Connection: keep-alive", is multipart, split, or written to a file
 ///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
 ///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
@@ -130,14 +130,15 @@ INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
 /// @param host  a dotted address, or a name, whose look-up blocks
 INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned port) noexcept;
 
-/// Has a request that is refused with 401 sent once more, over a new connection to the same server, with an answer to the
-/// challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal is a
+/// Has a request that is refused with 401 sent once more, over a new connection to the same server, with an answer to
+/// the challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal is a
 /// message like any other where:
 ///   - it has no challenge that can be answered,
 ///   - the request was sent once more already,
 ///   - another request was queued meanwhile, or
 ///   - the request has a body of net_http_send_share(), or one that was not queued with its header.
-/// A copy of each request is held until its response has come. Before the first request. @param user  null for none, which is the state at first
+/// A copy of each request is held until its response has come. To be called before the first request.
+/// @param user  null for none, which is the state at first
 /// @return 1; 0 for a null context, and when memory is out
 INET_API int net_http_set_login(net::http_ctx* ctx, const char* user, const char* password) noexcept;
 
@@ -177,14 +178,14 @@ INET_API int net_http_post(net::http_ctx* ctx, const char* uri, const void* data
 ///   - a name that is a device on Windows, such as "nul.txt" or "COM1"
 INET_API int net_http_download(net::http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept;
 
-/// Has the body of a response written to a file as net_http_download() has it. Inside the first call of on_message for
-/// that response.
+/// Has the body of a response written to a file as net_http_download() has it, on the network thread. To be called
+/// inside the first call of on_message for that response.
 /// @return 1; 0 elsewhere, and when memory is out; -2 as net_http_download()
 INET_API int net_http_save(net::http_ctx* ctx, const char* directory, const char* name) noexcept;
 
-/// Has the body of a response of another type split into parts when it begins with a delimiter and the header of a part,
-/// as that of servers that do not know their own type. Else it goes where it would have gone. Inside the first call of
-/// on_message for that response. @return 1; 0 elsewhere, and for a response of type "multipart/"
+/// Has the body of a response of another type split into parts when it begins with a delimiter and the header of a
+/// part, as that of servers that do not know their own type. Else it goes where it would have gone. To be called inside
+/// the first call of on_message for that response. @return 1; 0 elsewhere, and for a response of type "multipart/"
 INET_API int net_http_split(net::http_ctx* ctx) noexcept;
 
 /// Bytes of the latest response that were written to a file. On the network thread.

@@ -311,7 +311,7 @@ message_reader::framing_t message_reader::framing_of_body() const noexcept {
     if (found.chunked) return framing_t::chunked;
     if (found.length) return *found.length > 0 ? framing_t::length : framing_t::none;
     const bool closes = has_option(*header_, "close") || (is_old_ && !has_option(*header_, "keep-alive"));
-    return role_ == role_t::client && (to_ || closes) ? framing_t::close : framing_t::none;
+    return role_ == role_t::client && (to_ || looking_ || closes) ? framing_t::close : framing_t::none;
 }
 
 bool message_reader::save(core::owned_object<download> to) noexcept {
@@ -325,6 +325,7 @@ bool message_reader::save(core::owned_object<download> to) noexcept {
 bool message_reader::split_if_parts() noexcept {
     if (role_ != role_t::client || phase_ != phase_t::announcing || mode_ == mode_t::multipart) return false;
     looking_ = true;
+    framing_ = framing_of_body();
     return true;
 }
 
