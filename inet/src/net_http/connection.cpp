@@ -341,7 +341,7 @@ bool inside::set_login(const char* name, const char* secret) noexcept {
 }
 
 /// The request with an answer to the challenge; null when there is none, or memory is out.
-owned_outgoing inside::answer_to(const http::header_s& refusal, http::expectation& refused) noexcept {
+owned_outgoing inside::answer_to(const http::header_s& response, http::expectation& refused) noexcept {
     const buf_t& sent = refused.sent;
     const int size = http_header_find({sent.data, sent.length});
     const auto head = static_cast<uint32_t>(std::max(size, 0));
@@ -352,7 +352,7 @@ owned_outgoing inside::answer_to(const http::header_s& refusal, http::expectatio
     const bool whole =
         header && scan::decimal(scan::text(value_geti(header->fields, "Content-Length"))) == sent.length - head;
     bool complete = whole && size > 0 && made && made->expects &&
-                    http_header_authorize(header, &refusal, user.get(), password.get());
+                    http_header_authorize(header, &response, user.get(), password.get());
     if (complete) made->again = true;
     complete = complete && print(*header, *made, false);
     http_header_free(header);
@@ -363,8 +363,8 @@ owned_outgoing inside::answer_to(const http::header_s& refusal, http::expectatio
 }
 
 // Over a new connection: many cameras end the one that they refuse on.
-bool inside::on_refused(const http::header_s& refusal, http::expectation& refused) noexcept {
-    owned_outgoing made = user && !has_output() ? answer_to(refusal, refused) : nullptr;
+bool inside::on_refused(const http::header_s& response, http::expectation& refused) noexcept {
+    owned_outgoing made = user && !has_output() ? answer_to(response, refused) : nullptr;
     if (!made) return false;
     disconnect();
     begin(role_t::client, true);

@@ -85,7 +85,7 @@ private:
     void begin(role_t role, bool keeps_queue) noexcept;
     void leave_old(role_t role) noexcept;
     void open() noexcept;
-    owned_outgoing answer_to(const http::header_s& refusal, http::expectation& refused) noexcept;
+    owned_outgoing answer_to(const http::header_s& response, http::expectation& refused) noexcept;
     void tell_failed() noexcept;
     void drop_queue() noexcept;
     bool print(const http::header_s& header, outgoing& message, bool bodyless) noexcept;
@@ -111,7 +111,7 @@ private:
     void on_tcp_closed(Tcp* of, int error) noexcept override;
 
     void on_message(int status, http::header_s* header, const buffer_t* body, bool complete) noexcept override;
-    bool on_refused(const http::header_s& refusal, http::expectation& refused) noexcept override;
+    bool on_refused(const http::header_s& response, http::expectation& refused) noexcept override;
     void on_expect() noexcept override;
     void on_frame(const av::frame_t& frame) noexcept override;
     void on_unknown_type(const char* type) noexcept override;

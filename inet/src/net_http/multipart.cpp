@@ -33,6 +33,7 @@ constexpr size_t longest_delimiter = 200;
 /// are needed.
 std::optional<std::string_view> first_delimiter(std::string_view body) noexcept {
     constexpr std::string_view field = "\r\ncontent-";
+    if (body.empty()) return std::nullopt;
     const std::string_view text = scan::skip(body, "\r\n");
     const std::string_view line = text.substr(0, std::min(text.find('\r'), text.size()));
     if (!line.substr(0, 2).empty() && !std::string_view("--").starts_with(line.substr(0, 2))) return "";
@@ -55,6 +56,8 @@ message_reader::step_t message_reader::look_for_parts(bytes& from, bool all) noe
         if (!boundary_) return refuse(http_malformed);
         to_.reset();
         mode_ = mode_t::multipart;
+        // As of what is called multipart, the length is not looked at.
+        if (framing_ == framing_t::length) all = false;
         if (framing_ != framing_t::chunked) framing_ = framing_t::close;
     } else if (mode_ == mode_t::file && !to_->open()) {
         return refuse(http_not_written);
