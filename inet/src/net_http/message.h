@@ -56,7 +56,7 @@ public:
     std::string_view text;  ///< with CR LF, when there is one
 
     /// Bytes of the longest text: http_header_find() looks so far, and each LF may get a CR.
-    static constexpr size_t most = 2 * (4096 + 3);
+    static constexpr size_t most = size_t{2} * (4096 + 3);
 
 private:
     char room_[most];
