@@ -30,6 +30,17 @@ http {{
 """
 
 
+def processor_seconds(process):
+    """Of a process and its children."""
+    times, pids = 0, [str(process.pid)]
+    for pid in pids:
+        for path in glob.glob(f"/proc/{pid}/task/*/"):
+            with open(path + "schedstat", encoding="ascii") as told, open(path + "children", encoding="ascii") as children:
+                times += int(told.read().split()[0])
+                pids += children.read().split()
+    return times / 1e9
+
+
 class Ours(Camera):
     """inet-camera, its clip unwatched."""
 
@@ -66,12 +77,17 @@ class Nginx:
 
 
 def load(server, target, seconds):
-    """Requests a second, and the 99th percentile of their times in milliseconds."""
+    """Requests a second, the 99th percentile of their times in milliseconds, and processor microseconds of the server
+    for each."""
+    before = processor_seconds(server.process)
     text = subprocess.run(["wrk", "-t1", "-c50", f"-d{seconds}s", "--latency", server.web + target],
                           capture_output=True, text=True, check=True).stdout
     assert "Non-2xx" not in text and "Socket errors" not in text, text
+    used = processor_seconds(server.process) - before
     late, unit = re.search(r"99%\s+([\d.]+)(us|ms|s)", text).groups()
-    return float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1)), float(late) * {"us": 1e-3, "ms": 1, "s": 1e3}[unit]
+    return (float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1)),
+            float(late) * {"us": 1e-3, "ms": 1, "s": 1e3}[unit],
+            1e6 * used / int(re.search(r"(\d+) requests in", text).group(1)))
 
 
 def pictures():
@@ -98,14 +114,6 @@ class BareFilm(Program):
 
     def __init__(self):
         super().__init__(SEND_FLOOR, "--multipart", "5", *pictures())
-
-
-def processor_seconds(process):
-    times = 0
-    for path in glob.glob(f"/proc/{process.pid}/task/*/schedstat"):
-        with open(path, encoding="ascii") as file:
-            times += int(file.read().split()[0])
-    return times / 1e9
 
 
 def show_film(server, viewers, seconds):
@@ -149,12 +157,16 @@ def main():
             with kind() as server:
                 results.setdefault(kind, []).append(show_film(server, options.viewers, options.seconds))
         print(f"round {number + 1} of {options.rounds} done", flush=True)
-    print("\nMedians over the rounds: requests per second (99th percentile of their times, ms).\n")
-    print("| Target | Ours | nginx | Ours / nginx |\n| --- | --- | --- | --- |")
+    print("\nMedians over the rounds: requests per second (99th percentile of their times, ms; processor time of the server "
+          "for a request, µs).\n")
+    print("| Target | Ours | nginx | Requests, ours / nginx | Processor time, ours / nginx |\n"
+          "| --- | --- | --- | --- | --- |")
     for target in TARGETS:
         ours, peer = (results[target, kind] for kind in (Ours, Nginx))
-        cells = [f"{median(rate for rate, _ in each):.0f} ({median(late for _, late in each):.1f})" for each in (ours, peer)]
-        print(f"| {target} | {' | '.join(cells)} | {median(a[0] / b[0] for a, b in zip(ours, peer)):.2f} |")
+        cells = [f"{median(rate for rate, _, _ in each):.0f} ({median(late for _, late, _ in each):.1f}; "
+                 f"{median(used for _, _, used in each):.2f})" for each in (ours, peer)]
+        ratios = [f"{median(a[index] / b[index] for a, b in zip(ours, peer)):.2f}" for index in (0, 2)]
+        print(f"| {target} | {' | '.join(cells + ratios)} |")
     ours, bare = results[Film], results[BareFilm]
     print(f"\nMultipart pictures, {options.viewers} viewers: processor seconds of the server for each GB that they took.\n")
     print("| Ours | Bare sends | Ours / bare sends | Bytes taken, ours / bare sends |\n| --- | --- | --- | --- |")

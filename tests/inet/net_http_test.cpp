@@ -236,8 +236,19 @@ TEST_F(NetHttp, DownloadsToAFileAndSplitsMultipartBodies) {
         EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), -2) << name;
     for (const char* name : {"f.bin", "com"})
         EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), 1);
+    // Neither side holds the file.
+    static std::atomic<size_t> largest;
+    largest = 0;
+    core_mem_set_fault([](size_t size, const char*, int) {
+        if (size > largest) largest = size;
+        return false;
+    });
+    const size_t held = core_mem_bytes();
     net_http_connect(client.ctx, "127.0.0.1", port);
     EXPECT_TRUE(client.hears("connect 0 0 0 0 "));
+    core_mem_set_fault(nullptr);
+    EXPECT_LE(largest, 64U * 1024);
+    EXPECT_LE(core_mem_bytes(), held + 2 * 64 * 1024);
     for (const char* name : {"/f.bin", "/com"})
         EXPECT_EQ(test::read_file(directory + name), content);
     EXPECT_EQ(released, 2);

@@ -342,9 +342,9 @@ void inside::finish() noexcept {
 
 // Sending
 
-/// Moves what waits to what is being sent, as far as there is place. @return whether all of it has gone there, and there
-/// is place for another answer
+/// Moves what waits to what is being sent, as far as there is place. @return whether nothing waits, and more may follow
 bool inside::gather() noexcept {
+    if (!front && slist_count(waits) == 0) return !ends;
     while (!ends) {
         if (!front) {
             front.reset(static_cast<outgoing*>(slist_pop(waits)));
