@@ -1,6 +1,7 @@
 """The tables of bench/compare-http. The servers take turns, so that what else the machine does falls on both."""
 import argparse
 import glob
+import itertools
 import os
 import re
 import selectors
@@ -14,6 +15,7 @@ from peers import Camera, ffmpeg
 
 PAGE = os.path.join(ROOT, "apps", "camera", "page")
 TARGETS = "healthz", "page.css"
+SIZES = "1920x1080", "640x360"
 
 CONFIGURATION = """
 worker_processes 1; daemon off; pid {folder}/pid; error_log {folder}/error;
@@ -90,12 +92,12 @@ def load(server, target, seconds):
             1e6 * used / int(re.search(r"(\d+) requests in", text).group(1)))
 
 
-def pictures():
+def pictures(size):
     """Ten JPEG pictures, made once and kept under build/clips."""
-    folder = os.path.join(ROOT, "build", "clips", "film")
+    folder = os.path.join(ROOT, "build", "clips", "film-" + size)
     if not os.path.exists(folder):
         os.makedirs(folder + ".part", exist_ok=True)
-        ffmpeg("-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=5,noise=alls=20:allf=t", "-frames:v", "10",
+        ffmpeg("-f", "lavfi", "-i", f"testsrc2=size={size}:rate=5,noise=alls=20:allf=t", "-frames:v", "10",
                "-q:v", "5", os.path.join(folder + ".part", "%02d.jpg"))
         os.rename(folder + ".part", folder)
     return sorted(glob.glob(os.path.join(folder, "*.jpg")))
@@ -104,16 +106,16 @@ def pictures():
 class Film(Camera):
     """inet-camera with pictures, five a second."""
 
-    def __init__(self):
-        super().__init__("--http", "0", "--jpeg", *pictures())
+    def __init__(self, size):
+        super().__init__("--http", "0", "--jpeg", *pictures(size))
         self.address = self.web + "jpeg.mjpeg"
 
 
 class BareFilm(Program):
     """The floor: the same pictures with one send each."""
 
-    def __init__(self):
-        super().__init__(SEND_FLOOR, "--multipart", "5", *pictures())
+    def __init__(self, size):
+        super().__init__(SEND_FLOOR, "--multipart", "5", *pictures(size))
 
 
 def show_film(server, viewers, seconds):
@@ -153,9 +155,9 @@ def main():
             for kind in (Ours, Nginx)[::1 if number % 2 else -1]:
                 with kind() as server:
                     results.setdefault((target, kind), []).append(load(server, target, options.seconds))
-        for kind in (Film, BareFilm)[::1 if number % 2 else -1]:
-            with kind() as server:
-                results.setdefault(kind, []).append(show_film(server, options.viewers, options.seconds))
+        for size, kind in itertools.product(SIZES, (Film, BareFilm)[::1 if number % 2 else -1]):
+            with kind(size) as server:
+                results.setdefault((size, kind), []).append(show_film(server, options.viewers, options.seconds))
         print(f"round {number + 1} of {options.rounds} done", flush=True)
     print("\nMedians over the rounds: requests per second (99th percentile of their times, ms; processor time of the server "
           "for a request, µs).\n")
@@ -167,12 +169,15 @@ def main():
                  f"{median(used for _, _, used in each):.2f})" for each in (ours, peer)]
         ratios = [f"{median(a[index] / b[index] for a, b in zip(ours, peer)):.2f}" for index in (0, 2)]
         print(f"| {target} | {' | '.join(cells + ratios)} |")
-    ours, bare = results[Film], results[BareFilm]
     print(f"\nMultipart pictures, {options.viewers} viewers: processor seconds of the server for each GB that they took.\n")
-    print("| Ours | Bare sends | Ours / bare sends | Bytes taken, ours / bare sends |\n| --- | --- | --- | --- |")
-    cells = [f"{median(cost for cost, _ in each):.2f}" for each in (ours, bare)]
-    ratios = [median(a[index] / b[index] for a, b in zip(ours, bare)) for index in (0, 1)]
-    print(f"| {' | '.join(cells)} | {ratios[0]:.2f} | {ratios[1]:.2f} |")
+    print("| Pictures, KB | Ours | Bare sends | Ours / bare sends | Bytes taken, ours / bare sends |\n"
+          "| --- | --- | --- | --- | --- |")
+    for size in SIZES:
+        ours, bare = results[size, Film], results[size, BareFilm]
+        files = [os.path.getsize(path) / 1000 for path in pictures(size)]
+        cells = [f"{median(cost for cost, _ in each):.2f}" for each in (ours, bare)]
+        ratios = [f"{median(a[index] / b[index] for a, b in zip(ours, bare)):.2f}" for index in (0, 1)]
+        print(f"| {median(files):.0f} | {' | '.join(cells + ratios)} |")
 
 
 main()
