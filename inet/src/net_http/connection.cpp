@@ -101,6 +101,7 @@ void inside::drop_queue() noexcept {
 
 /// As at the beginning of a connection.
 void inside::begin(role_t role, bool keeps_queue) noexcept {
+    out.clear();
     if (!keeps_queue) drop_queue();
     answer = answer_t::none;
     taken = waiting = room_now = 0;
