@@ -37,9 +37,10 @@ def processor_seconds(process):
     times, pids = 0, [str(process.pid)]
     for pid in pids:
         for path in glob.glob(f"/proc/{pid}/task/*/"):
-            with open(path + "schedstat", encoding="ascii") as told, open(path + "children", encoding="ascii") as children:
-                times += int(told.read().split()[0])
-                pids += children.read().split()
+            with open(path + "schedstat", encoding="ascii") as file:
+                times += int(file.read().split()[0])
+            with open(path + "children", encoding="ascii") as file:
+                pids += file.read().split()
     return times / 1e9
 
 
@@ -159,8 +160,8 @@ def main():
             with kind(size) as server:
                 results.setdefault((size, kind), []).append(show_film(server, options.viewers, options.seconds))
         print(f"round {number + 1} of {options.rounds} done", flush=True)
-    print("\nMedians over the rounds: requests per second (99th percentile of their times, ms; processor time of the server "
-          "for a request, µs).\n")
+    print("\nMedians over the rounds: requests per second (99th percentile of their times, ms; processor time of the "
+          "server for a request, µs).\n")
     print("| Target | Ours | nginx | Requests, ours / nginx | Processor time, ours / nginx |\n"
           "| --- | --- | --- | --- | --- |")
     for target in TARGETS:
@@ -169,7 +170,7 @@ def main():
                  f"{median(used for _, _, used in each):.2f})" for each in (ours, peer)]
         ratios = [f"{median(a[index] / b[index] for a, b in zip(ours, peer)):.2f}" for index in (0, 2)]
         print(f"| {target} | {' | '.join(cells + ratios)} |")
-    print(f"\nMultipart pictures, {options.viewers} viewers: processor seconds of the server for each GB that they took.\n")
+    print(f"\nMultipart pictures, {options.viewers} viewers: processor seconds of the server for each GB they took.\n")
     print("| Pictures, KB | Ours | Bare sends | Ours / bare sends | Bytes taken, ours / bare sends |\n"
           "| --- | --- | --- | --- | --- |")
     for size in SIZES:

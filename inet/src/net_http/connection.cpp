@@ -255,7 +255,8 @@ void inside::was_queued(bool answers) noexcept {
     if (Tcp* const to = tcp) to->signal();
 }
 
-/// On the connection's own thread a message takes no place in the queue, where nothing waits. @return whether it is added
+/// On the connection's own thread a message takes no place in the queue, where nothing waits.
+/// @return whether it is added
 bool inside::add_now(buffer_t head, buffer_t text, http::lent& body) noexcept {
     Tcp* const to = net_nt_need_invoke(face.nt) ? nullptr : tcp.load();
     return to && to->is_connected() && gather() && out.add(head, text, body);

@@ -83,13 +83,13 @@ struct lengths_t {
 lengths_t lengths_of(const header_s& header) noexcept {
     lengths_t found;
     for (value_t* const* field = header.fields; field && *field; ++field) {
-        const std::string_view value = scan::trim(scan::text((*field)->value), blanks);
+        const auto value = [&] { return scan::trim(scan::text((*field)->value), blanks); };
         if (scan::same_name((*field)->key, "Content-Length")) {
-            const auto length = whole_number(value);
+            const auto length = whole_number(value());
             found.differ |= !length || (found.length && *found.length != *length);
             if (!found.length) found.length = length;
         } else if (scan::same_name((*field)->key, "Transfer-Encoding")) {
-            found.other_coding |= found.chunked || !scan::same_name(value, "chunked");
+            found.other_coding |= found.chunked || !scan::same_name(value(), "chunked");
             found.chunked = true;
         }
     }

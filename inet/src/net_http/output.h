@@ -1,5 +1,5 @@
-// What goes to the peer of an HTTP connection: bytes that are gathered, a body that is lent, and bytes behind it. All of
-// it goes with one send. The loop's own.
+// What goes to the peer of an HTTP connection, with one send: bytes that are gathered, a body that is lent, and bytes
+// behind it. The loop's own.
 #pragma once
 
 #include "core/buf.h"

@@ -14,11 +14,11 @@ namespace net::http {
 
 /// What a parser knows of start lines.
 struct dialect {
-    std::span<const char* const> protocols;
+    std::span<const std::string_view> protocols;  ///< literals
     std::span<const std::string_view> status_starts;
 };
 
-inline constexpr const char* known_protocols[] = {"RTSP/1.0", "HTTP/1.0", "HTTP/1.1", "SIP/2.0"};
+inline constexpr std::string_view known_protocols[] = {"RTSP/1.0", "HTTP/1.0", "HTTP/1.1", "SIP/2.0"};
 inline constexpr std::string_view known_status_starts[] = {"RTSP/", "HTTP/", "SIP/"};
 inline constexpr dialect all_protocols = {known_protocols, known_status_starts};
 inline constexpr dialect without_sip = {std::span(known_protocols).first<3>(),
@@ -28,7 +28,7 @@ inline constexpr dialect without_sip = {std::span(known_protocols).first<3>(),
 /// there.
 inline std::optional<uint32_t> status_of(std::string_view line, const dialect& known) noexcept {
     for (const std::string_view start : known.status_starts) {
-        if (!line.starts_with(start)) continue;
+        if (line.empty() || line[0] != start[0] || !line.starts_with(start)) continue;
         const std::string_view version = scan::skip(line.substr(start.size()), scan::spaces);
         const size_t end = version.find_first_of(scan::spaces);
         if (end == 0 || end == std::string_view::npos) return std::nullopt;
@@ -49,7 +49,7 @@ bool cut_start(char* line, size_t size, const dialect& known, Into& into) noexce
     if (protocol) {
         *protocol = '\0';
         const auto found = std::ranges::find(known.protocols, std::string_view(protocol + 1));
-        into.protocol(found == known.protocols.end() ? nullptr : *found);
+        into.protocol(found == known.protocols.end() ? nullptr : found->data());
     }
     return into.method(line) && (!protocol || into.uri(target + 1));
 }
