@@ -6,8 +6,9 @@
 ///     1. The header is there; nothing of the body has been read. When the owner answers a request here, the body is
 ///        dropped, and there is no second call
 ///     2. The message is whole, with its body
-/// After the second call nothing more is parsed until the owner has queued an answer to the request and it has gone to
-/// the system. It may take any time. Later requests wait. "Expect: 100-continue" is answered between the two calls.
+/// After the second call nothing more is parsed until the owner has queued an answer to the request. It may take any
+/// time. Later requests wait. Answers to requests that came together go out together. "Expect: 100-continue" is answered
+/// between the two calls.
 ///
 /// How a body is framed:
 ///     Content-Length             of all messages
@@ -44,7 +45,7 @@
 ///     body, part  net_http_set_limit(), 8 MiB; downloads and dropped bodies have none
 ///     chunk line  256 bytes, trailers 4096
 ///     input       a header and a body
-///     answers     one; the next request is read when it has gone
+///     answers     16 KiB and one; the next request is read when there is place for its answer
 /// The output queue has no bound. on_drained tells when to queue more.
 ///
 /// Any thread may queue, call net_http_close(), and call what comes before there is a connection. All other calls, and
@@ -88,7 +89,7 @@ struct http_info {
     /// The peer closed the connection, reading failed, or net_http_connect() did.
     void (*on_close)(void* arg, http_ctx* ctx) = nullptr;
     /// A message, or an error. After an error other than -3 nothing more is read, and what comes is dropped.
-    /// @param header, body  valid until the callback returns; null when there is none
+    /// @param header, body  valid until the callback returns, not to be changed; null when there is none
     void (*on_message)(void* arg, http_ctx* ctx, int status, http::header_s* header, const buffer_t* body) = nullptr;
     /// All that was queued has gone to the system.
     void (*on_drained)(void* arg, http_ctx* ctx) = nullptr;
@@ -210,6 +211,6 @@ INET_API void net_http_give_up(net::http_ctx* ctx) noexcept;
 /// Bytes of this connection that were given to the system; 0 without a connection.
 INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 
-/// Closes the connection at once, releases the queue and the context, and nulls the pointer. After the call no callback
+/// Closes the connection at once, releases the queue, also what is lent, and the context, and nulls the pointer. After the call no callback
 /// runs. Called inside a callback, none runs after that one has returned, and what it was given stays valid so long.
 INET_API void net_http_close(net::http_ctx*& ctx) noexcept;

@@ -4,6 +4,7 @@
 #include "core/memory.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -49,6 +50,9 @@ void pictures::on_entry(read_t what, const entry_t& entry) noexcept {
         avc_frame_drop(&newest_);
         if (!avc_frame_share(&newest_, &entry.frame, CORE_HERE)) return;
         number_ = entry.number + 1;
+        const int size = std::snprintf(part_head_, sizeof part_head_,
+                                       "Content-Type: image/jpeg\r\nContent-Length: %u\r\n\r\n", newest_.size);
+        part_head_size_ = static_cast<size_t>(size);
     }
     passing_ = true;
     for (size_t i = 0; i < takers_.size(); ++i) {

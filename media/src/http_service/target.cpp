@@ -28,6 +28,10 @@ bool is_utf8(std::string_view text) noexcept {
 
 /// @return false for a '%' without its two digits, and for a control character or separator that is hidden in a code
 bool decode(std::string_view text, core::string& out) {
+    if (std::ranges::all_of(text, [](char c) { return c >= ' ' && c < 0x7f && c != '%'; })) {
+        out.assign(text);
+        return true;
+    }
     out.clear();
     for (size_t at = 0; at < text.size(); ++at) {
         char c = text[at];
