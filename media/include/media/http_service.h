@@ -35,6 +35,7 @@ namespace media {
 /// The texts are copied.
 struct http_settings_t {
     uint16_t port = 8080;        ///< 0 lets the system choose
+    bool needs_port = true;      ///< false: when the port is taken the station starts without it, and port() is 0
     const char* user = nullptr;  ///< with a password
     const char* password = nullptr;
     uint32_t body = 64 * 1024;  ///< bytes of the longest request body
@@ -76,7 +77,8 @@ public:
     /// The same with bytes that are lent until `release(owner)` is called, once, on any thread.
     virtual void answer_share(const http_answer_t& how, buffer_t bytes, void (*release)(void* owner),
                               void* owner) noexcept = 0;
-    /// Answers with a document: If-None-Match, Range and If-Range are honoured (RFC 9110, 13 and 14).
+    /// Answers with a document: If-Match, If-None-Match, Range and If-Range are honoured (RFC 9110, 13 and 14). It has no
+    /// date: conditions on one are not looked at.
     virtual void answer_document(const document_t& what) noexcept = 0;
 
 protected:
