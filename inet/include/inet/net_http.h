@@ -16,10 +16,14 @@
 ///                                multipart, or when it is downloaded
 ///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
 ///
+/// A response that states neither length nor coding ends with the connection. No request behind it is read. A peer that
+/// has ended its sending half is still sent all of it; net_http_finish() ends it.
+///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
 ///     "multipart/"                                       part by part to on_frame, then a second call without a body
 ///     anything else                                      dropped, then on_message with status -3
+/// A message without a body is whole, whatever its type.
 ///
 /// A part of a multipart body ends after its Content-Length, else where the next boundary begins. The Content-Length of
 /// a multipart response is not looked at: cameras state one for streams without an end. The frame's data is the body of
@@ -173,7 +177,8 @@ INET_API void net_http_set_limit(net::http_ctx* ctx, uint32_t bytes) noexcept;
 /// closes its end, too, on_close comes. net_http_close() ends the connection at once.
 INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 
-/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes
+/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes; when
+/// it has ended its sending half, also seconds for which nothing was sent of a response without a length
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
 
 /// Has net_http_close() end the connection with a reset: for a peer that does not read (net::Tcp::give_up()).

@@ -112,7 +112,8 @@ void inside::begin(role_t role, bool keeps_queue) noexcept {
         drop_queue();
     answer = answer_t::none;
     front_sent = taken = waiting = room_now = 0;
-    went = was_answered = look = finishing = ended = false;
+    went = was_answered = look = finishing = ended = endless = false;
+    sent_then = quiet = 0;
     reader.reset(role);
 }
 
@@ -234,6 +235,15 @@ void inside::close() noexcept {
     closed_inside = true;
 }
 
+/// A peer that says nothing more, and is sent nothing, may be gone.
+unsigned inside::second() noexcept {
+    Tcp* const to = tcp;
+    if (!to) return 0;
+    quiet = ended && endless && to->sent() == sent_then ? quiet + 1 : 0;
+    sent_then = to->sent();
+    return std::max(to->second(), quiet);
+}
+
 // Queueing
 
 owned_outgoing inside::message(buffer_t bytes) noexcept {
@@ -290,6 +300,7 @@ int inside::send(const http::header_s* header, owned_outgoing message) noexcept 
         complete = message->expects != nullptr;
         if (complete) message->expects->head = header->method && std::strcmp(header->method, "HEAD") == 0;
     }
+    message->endless = answers && !reader.is_head() && http::ends_with_connection(*header);
     // The reader goes on to no other request before this is queued.
     complete = complete && print(*header, *message, answers && reader.is_head());
     if (complete && queue_up(std::move(message), answers)) return 1;
@@ -331,11 +342,12 @@ bool inside::send_front(Tcp* of, uint32_t& sent) noexcept {
         if (front_sent < size) return false;
     }
     went = true;
-    if (front->last) {
-        of->end_output();
+    if (front->last) of->end_output();
+    if (front->last || front->endless) {
         reader.stop();
         if (!ended) of->set_reading(1);
-        finishing = look = true;
+        finishing = finishing || front->last;
+        endless = look = true;
     }
     front.reset();
     return true;
@@ -432,7 +444,9 @@ void inside::settle(Tcp* of) noexcept {
 }
 
 /// The peer has nothing more to say, and everything has been said to it.
-bool inside::is_done() const noexcept { return ended && (finishing || (!has_output() && !reader.owes_answer())); }
+bool inside::is_done() const noexcept {
+    return ended && (finishing || (!endless && !has_output() && !reader.owes_answer()));
+}
 
 /// There is no connection any more.
 void inside::lost() noexcept {

@@ -16,7 +16,8 @@ namespace net {
 struct outgoing {
     ~outgoing();
 
-    bool last = false;  ///< the connection ends behind it
+    bool last = false;     ///< the connection ends behind it
+    bool endless = false;  ///< an answer whose body ends with the connection
     buf_t own;
     buffer_t body;
     void (*release)(void* owner) = nullptr;
@@ -41,6 +42,7 @@ struct http_ctx::inside final : ITcp, http::message_owner {
     void take(Tcp& from) noexcept;
     void connect(const char* host, unsigned port) noexcept;
     void close() noexcept;
+    unsigned second() noexcept;
 
     owned_outgoing message(buffer_t bytes) noexcept;
     int send(const http::header_s* header, owned_outgoing message) noexcept;
@@ -127,6 +129,9 @@ private:
     bool look = false;          ///< the received bytes are to be looked at again
     bool finishing = false;     ///< the sending half has ended
     bool ended = false;         ///< the peer's sending half has
+    bool endless = false;       ///< an answer whose body ends with the connection is being sent
+    uint64_t sent_then = 0;     ///< when second() was called
+    unsigned quiet = 0;         ///< seconds
     uint32_t taken = 0;         ///< bytes at the front of the received ones that were parsed
     uint32_t waiting = 0;       ///< behind them
     uint32_t room_now = 0;      ///< of the receive buffer
