@@ -19,7 +19,8 @@
 ///     request     a header of 4096 bytes, a body of http_settings_t::body
 ///     silence     http_settings_t::timeout before a header is whole, and before its body is
 ///     stall       http_settings_t::stall
-///     unsent      one answer, or one picture
+///     unsent      one answer, or one picture, which is shared by all who are sent it
+///     held        256 KiB beside what is unsent, with a body of the usual length
 #pragma once
 
 #include "core/buf.h"
