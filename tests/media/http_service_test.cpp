@@ -63,6 +63,19 @@ TEST(HttpService, ASlowPeerIsClosedAndHasHeldLittle) {
     EXPECT_LT(most_held, before + 256 * 1024);
 }
 
+TEST(HttpService, APeerThatSaysNoMoreMayBeGoneWhenNothingCanBeSent) {
+    media::station station;
+    auto* const web = media::http_service({.port = 0, .stall = 1});
+    station.add_stream("film");
+    ASSERT_TRUE(station.add(web) && station.start());
+    const peer last(web->port());
+    last.say("GET /film.mjpeg HTTP/1.0\r\n\r\n");
+    net::platform::end_output(last.socket);
+    EXPECT_TRUE(last.hear().ends_with("--picture\r\n"));
+    EXPECT_EQ(web->totals().watching, 1U);
+    EXPECT_EQ(last.hear(), "");
+}
+
 /// Is sent pictures of one size, each of which begins with its number.
 struct viewer {
     explicit viewer(net::nt_ctx* nt) {

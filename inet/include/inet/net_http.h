@@ -16,14 +16,10 @@
 ///                                multipart, or when it is downloaded
 ///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
 ///
-/// A response that states neither length nor coding ends with the connection. No request behind it is read. A peer that
-/// has ended its sending half is still sent all of it; net_http_finish() ends it.
-///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
 ///     "multipart/"                                       part by part to on_frame, then a second call without a body
 ///     anything else                                      dropped, then on_message with status -3
-/// A message without a body is whole, whatever its type.
 ///
 /// A part of a multipart body ends after its Content-Length, else where the next boundary begins. The Content-Length of
 /// a multipart response is not looked at: cameras state one for streams without an end. The frame's data is the body of
@@ -32,6 +28,10 @@
 ///     "video/h264"   "H264"
 ///     "audio/pcmu"   "PCMU", 8000 samples of 16 bits, one channel
 ///     anything else  0
+///
+/// A message without a body has its second call with status 0, whatever its type. A response that is sent with neither
+/// length nor coding ends with the connection: no request behind it is read, and a peer that has ended its sending half
+/// is still sent all of it. net_http_finish() ends it.
 ///
 /// What is refused with -1:
 ///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart body

@@ -112,7 +112,8 @@ void inside::begin(role_t role, bool keeps_queue) noexcept {
         drop_queue();
     answer = answer_t::none;
     front_sent = taken = waiting = room_now = 0;
-    went = was_answered = look = finishing = ended = endless = false;
+    went = was_answered = look = finishing = ended = false;
+    endless = false;
     sent_then = quiet = 0;
     reader.reset(role);
 }
@@ -300,7 +301,7 @@ int inside::send(const http::header_s* header, owned_outgoing message) noexcept 
         complete = message->expects != nullptr;
         if (complete) message->expects->head = header->method && std::strcmp(header->method, "HEAD") == 0;
     }
-    message->endless = answers && !reader.is_head() && http::ends_with_connection(*header);
+    if (answers) endless = !reader.is_head() && http::ends_with_connection(*header);
     // The reader goes on to no other request before this is queued.
     complete = complete && print(*header, *message, answers && reader.is_head());
     if (complete && queue_up(std::move(message), answers)) return 1;
@@ -342,12 +343,11 @@ bool inside::send_front(Tcp* of, uint32_t& sent) noexcept {
         if (front_sent < size) return false;
     }
     went = true;
-    if (front->last) of->end_output();
-    if (front->last || front->endless) {
+    if (front->last) {
+        of->end_output();
         reader.stop();
         if (!ended) of->set_reading(1);
-        finishing = finishing || front->last;
-        endless = look = true;
+        finishing = look = true;
     }
     front.reset();
     return true;
@@ -378,6 +378,9 @@ void inside::note_answer() noexcept {
     if (!answer.compare_exchange_strong(was, answer_t::none)) return;
     was_answered = true;
     reader.answered();
+    if (!endless) return;
+    reader.stop();
+    look = true;
 }
 
 /// When an answer has gone, the next request may be read. @return whether it may

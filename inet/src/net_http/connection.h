@@ -16,8 +16,7 @@ namespace net {
 struct outgoing {
     ~outgoing();
 
-    bool last = false;     ///< the connection ends behind it
-    bool endless = false;  ///< an answer whose body ends with the connection
+    bool last = false;  ///< the connection ends behind it
     buf_t own;
     buffer_t body;
     void (*release)(void* owner) = nullptr;
@@ -117,6 +116,7 @@ private:
     command_ctx* failed = nullptr;  ///< tells of a connect that failed at once
     slist* queue;
     std::atomic<answer_t> answer = answer_t::none;
+    std::atomic<bool> endless = false;  ///< its body ends with the connection
     std::atomic<uint32_t> calls = 0;
 
     // The loop's own.
@@ -129,7 +129,6 @@ private:
     bool look = false;          ///< the received bytes are to be looked at again
     bool finishing = false;     ///< the sending half has ended
     bool ended = false;         ///< the peer's sending half has
-    bool endless = false;       ///< an answer whose body ends with the connection is being sent
     uint64_t sent_then = 0;     ///< when second() was called
     unsigned quiet = 0;         ///< seconds
     uint32_t taken = 0;         ///< bytes at the front of the received ones that were parsed

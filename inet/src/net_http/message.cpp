@@ -90,6 +90,8 @@ lengths_t lengths_of(const header_s& header) noexcept {
     return found;
 }
 
+bool has_no_body(unsigned status) noexcept { return status == 204 || status == 304; }
+
 std::string_view field_of(const header_s& header, const char* name) noexcept {
     return scan::trim(scan::text(value_geti(header.fields, name)), blanks);
 }
@@ -106,14 +108,7 @@ bool asks_for_close(const header_s& header) noexcept {
     return false;
 }
 
-bool has_no_body(unsigned status) noexcept { return status == 204 || status == 304; }
-
 }  // namespace
-
-bool ends_with_connection(const header_s& response) noexcept {
-    const lengths_t found = lengths_of(response);
-    return !found.length && !found.chunked && !has_no_body(response.status);
-}
 
 message_reader::message_reader(message_owner& owner, const char* file, int line) noexcept
     : owner_(owner), file_(file), line_(line) {}
@@ -426,6 +421,11 @@ message_reader::step_t message_reader::complete(const buffer_t* body) noexcept {
     forget();
     settled_ = settled;
     return step_t::on;
+}
+
+bool ends_with_connection(const header_s& response) noexcept {
+    const lengths_t found = lengths_of(response);
+    return !found.length && !found.chunked && !has_no_body(response.status);
 }
 
 }  // namespace net::http

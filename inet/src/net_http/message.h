@@ -30,15 +30,15 @@ protected:
     ~message_owner() = default;
 };
 
-/// Whether the body of a response ends with the connection: no length is stated, and none follows from its status.
-bool ends_with_connection(const header_s& response) noexcept;
-
 /// What the response to a request will be.
 struct expectation {
     bool head = false;                ///< it has no body, whatever it says
     core::owned_object<download> to;  ///< where its body goes; may be null
     core::owned_object<expectation> next;
 };
+
+/// Whether the body of a response ends with the connection: no length is stated, and none follows from its status.
+bool ends_with_connection(const header_s& response) noexcept;
 
 class message_reader {
 public:
