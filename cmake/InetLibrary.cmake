@@ -37,7 +37,9 @@ function(inet_add_library target exported file kind headers)
         set_target_properties(${target} PROPERTIES PREFIX "")  # inet.dll, with libinet.dll.a or inet.lib to link it by
     elseif(kind STREQUAL SHARED)
         # What the standard library instantiates stays inside as well: only what is marked leaves the shared library.
-        target_link_options(${target} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+        # Calls within the library go straight to their function.
+        target_link_options(${target} PRIVATE -Wl,-Bsymbolic-functions
+            -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
         set_target_properties(${target} PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
         # With clang, the sanitizers' runtime is in the program alone.
         if(NOT INET_SANITIZE)

@@ -26,6 +26,19 @@ need() {
         "${missing[@]}" >/dev/null
 }
 
+# need_npm: the packages that scripts/npm/package-lock.json names, in build/npm/node_modules.
+need_npm() {
+    local from=$root/scripts/npm to=$root/build/npm
+    # A node that is not Debian's brings npm along, and goes before it.
+    command -v npm >/dev/null || need nodejs npm
+    cmp -s "$from/package-lock.json" "$to/installed.json" && return
+    say "installing what scripts/npm names"
+    mkdir -p "$to"
+    cp "$from"/package*.json "$to"
+    npm ci --prefix "$to" --ignore-scripts --no-audit --no-fund --loglevel=error
+    cp "$from/package-lock.json" "$to/installed.json"
+}
+
 # build PRESET [CMAKE-ARGUMENT...] [-- TARGET...]: configures and builds, quiet unless something fails.
 build() {
     local preset=$1 arguments=() log=$root/build/$1.log
@@ -50,7 +63,7 @@ build() {
 build_tools=(g++ cmake ninja-build)
 package_tools=(dpkg-dev file)
 test_tools=(libgtest-dev libbenchmark-dev libssl-dev libexpat1-dev pkg-config ffmpeg libjpeg-turbo-progs curl
-    gstreamer1.0-tools gstreamer1.0-plugins-good python3 iproute2 "${package_tools[@]}")
+    gstreamer1.0-tools gstreamer1.0-plugins-good python3 iproute2 chromium "${package_tools[@]}")
 fuzz_tools=(clang libclang-rt-14-dev)
 windows_tools=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64 googletest)
 check_tools=(clang-format clang-tidy)

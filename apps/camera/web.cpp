@@ -7,7 +7,6 @@
 #include "core/memory.h"
 #include "core/owned.h"
 #include "core/text.h"
-#include "core/time.h"
 #include "inet/net_http_header.h"
 
 #include <algorithm>
@@ -153,7 +152,8 @@ void web::on_status(void* arg, media::http_exchange& asked) {
         },
         &listing);
     std::string text = "{\"version\":\"" INET_VERSION "\",";
-    append(text, "\"time\":%llu,\"services\":[", static_cast<unsigned long long>(time_now()));
+    append(text, "\"started\":%llu,\"time\":%llu,\"services\":[", static_cast<unsigned long long>(self.started_),
+           static_cast<unsigned long long>(time_now()));
     for (const auto& [name, totals] : self.services())
         append(text, "%s{\"name\":\"%s\",\"viewers\":%u,\"bytes\":%llu,\"frames\":%llu,\"dropped\":%llu}",
                text.ends_with('[') ? "" : ",", name, totals.watching, static_cast<unsigned long long>(totals.bytes),

@@ -3,6 +3,7 @@
 
 #include "options.h"
 
+#include "core/time.h"
 #include "media/http_service.h"
 #include "media/station.h"
 
@@ -37,6 +38,7 @@ private:
     services_t services() const;
 
     media::station& station_;
+    const uint64_t started_ = time_now();  ///< tells the runs of the program apart
     const media::service* rtsp_ = nullptr;
     media::http_service_t* http_ = nullptr;
     mutable std::mutex telling_;

@@ -7,6 +7,7 @@
 #include "core/thread.h"
 #include "core/version.h"
 #include "inet/net_socket.h"
+#include "inet/net_tab.h"
 
 #include <atomic>
 #include <cstdint>
@@ -46,6 +47,7 @@ void on_profile(void*, profile_ctx* profile, profile_event_t event, const param_
 }
 
 void bring_up() noexcept {
+    tab_init();
     library_log = core_log_create(CORE_HERE, "graph");
     socket_init();
     library_profile = core_profile_open2("graph", nullptr, on_profile, CORE_HERE);
@@ -54,6 +56,7 @@ void bring_up() noexcept {
 void take_down() noexcept {
     profile_close(library_profile);
     core_log_free(library_log);
+    tab_free();
     socket_free();
 }
 

@@ -95,7 +95,7 @@ int service_t::open(station&, failure_t*) noexcept {
 }
 
 part* service_t::make_part(thread& on, failure_t* error) noexcept {
-    part* made = core::create<part_t>(CORE_HERE, on);
+    part* made = core::create<part_t>(CORE_HERE, on, counters_);
     if (!made) tell(error, "out of memory");
     return made;
 }

@@ -78,23 +78,35 @@ uint64_t stream::id() const noexcept { return inside_->id; }
 const char* stream::name() const noexcept { return inside_->name.get(); }
 
 int stream::declare(kind_t kind, const format_t& format) noexcept {
-    if (!format.fcc || kind_of(format.fcc) != kind) return 0;
+    return kind_of(format.fcc) == kind ? declare(&format, 1) : 0;
+}
+
+int stream::declare(const format_t* formats, uint32_t count) noexcept {
     inside& in = *inside_;
-    const auto index = static_cast<size_t>(kind);
-    try {
+    int done = 1;
+    {
         const std::lock_guard held(in.lock);
-        const format_share& before = in.formats[index];
-        const format_t known = before ? before->shown : format_t{};
-        const format_t wanted = complete(format, known, in.config);
-        if (before && same_format(known, wanted)) return 1;
-        format_share made = make_format(wanted, known.generation + 1, in.file, in.line);
-        if (!made) return 0;
-        in.formats[index] = std::move(made);
-    } catch (const std::bad_alloc&) {
-        return 0;
+        for (uint32_t i = 0; i < count; ++i)
+            done &= formats[i].fcc && in.declare(formats[i]) ? 1 : 0;
     }
     in.news();
-    return 1;
+    return done;
+}
+
+bool stream::inside::declare(const format_t& format) noexcept {
+    const auto index = static_cast<size_t>(kind_of(format.fcc));
+    try {
+        const format_share& before = formats[index];
+        const format_t known = before ? before->shown : format_t{};
+        const format_t wanted = complete(format, known, config);
+        if (before && same_format(known, wanted)) return true;
+        format_share made = make_format(wanted, known.generation + 1, file, line);
+        if (!made) return false;
+        formats[index] = std::move(made);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 // What is held for nobody, and what is beyond the bounds.

@@ -59,7 +59,6 @@ struct watcher::inside final : fetch::attempt_owner {
     int take(const watched_t& got) noexcept override;
     void tell(const watch_event_t& event) noexcept override;
     void ended() noexcept override;
-    void declare(const watch_event_t& event) noexcept;
 
     fetch::address_t address;
     fetch::address_t elsewhere;  ///< where the source says that it is,
@@ -393,14 +392,9 @@ int watcher::inside::take(const watched_t& got) noexcept {
 }
 
 void watcher::inside::tell(const watch_event_t& what) noexcept {
-    if (what.what == watch_event_t::tracks && into) declare(what);
+    if (what.what == watch_event_t::tracks && into) into->declare(what.formats, what.format_count);
     if (what.what == watch_event_t::playing) set_state(state_t::playing);
     if (event) event(event_arg, what);
-}
-
-void watcher::inside::declare(const watch_event_t& what) noexcept {
-    for (uint32_t i = 0; i < what.format_count; ++i)
-        into->declare(kind_of(what.formats[i].fcc), what.formats[i]);
 }
 
 // Not from inside of its call.

@@ -2,8 +2,9 @@
 "use strict";
 
 const mostLive = 4;          // browsers open six connections to a host; two are left for the rest
-const snapshotEvery = 2000;  // milliseconds
+const snapshotEvery = 1500;  // milliseconds
 const renewEvery = 60000;    // a live picture whose connection has ended does not say so
+const patience = 10000;      // with a camera that does not answer
 const mostPoints = 120;      // seconds that a plot shows
 
 const plots = {
@@ -50,7 +51,7 @@ async function copyText(text, button) {
 function addressItem(address) {
   const item = element("address").content.firstElementChild.cloneNode(true);
   const button = item.querySelector("button");
-  item.querySelector("code").textContent = address;
+  item.querySelector("code").append(...address.split(/(?<=\/)/).flatMap((part) => [part, document.createElement("wbr")]));
   button.setAttribute("aria-label", "Copy " + address);
   button.addEventListener("click", () => copyText(address, button));
   return item;
@@ -82,7 +83,7 @@ function showPicture(card, stream, mode) {
       : "No JPEG pictures in this stream. A player shows it by the addresses below.";
     return;
   }
-  note.textContent = "waiting for a picture";
+  note.textContent = "Waiting for a picture.";
   const base = "/" + encodeURIComponent(stream.name).replaceAll("%2F", "/");
   const shows = (yes) => { image.hidden = !yes; note.hidden = yes; };
   const again = () => { card.timer = setTimeout(ask, snapshotEvery); };
@@ -96,6 +97,11 @@ function showPicture(card, stream, mode) {
   ask();
 }
 
+// After the camera was away: what it sent has ended.
+function renewPictures() {
+  for (const card of cards.values()) card.mode = "";
+}
+
 function formatText(formats) {
   const parts = [];
   const { video, audio, meta } = formats;
@@ -106,7 +112,7 @@ function formatText(formats) {
 }
 
 function showStreams(streams) {
-  let live = 0;
+  let live = document.hidden ? mostLive : 0;  // a page that is not looked at leaves the connections to the others
   const names = new Set(streams.map((stream) => stream.name));
   for (const [name, card] of cards) {
     if (names.has(name)) continue;
@@ -130,9 +136,10 @@ function showStreams(streams) {
 }
 
 function note(status) {
-  const now = { time: status.time, services: status.services };
+  const now = status;
   const was = last;
   last = now;
+  if (was && now.started !== was.started) renewPictures();
   if (!was || now.time <= was.time) return;
   const seconds = (now.time - was.time) / 1e6;
   const services = {};
@@ -153,14 +160,15 @@ function drawPlot(figure, name, services) {
   canvas.width = width * scale;
   canvas.height = height * scale;
   const style = getComputedStyle(document.documentElement);
+  const em = parseFloat(style.fontSize);
   const pen = canvas.getContext("2d");
   pen.scale(scale, scale);
   const values = points.flatMap((point) => Object.values(point.services).map((service) => service[name]));
   const top = Math.max(1, ...values) * 1.1;
   const x = (i) => width - (points.length - 1 - i) * (width / (mostPoints - 1));
-  const y = (value) => height - 2 - (value / top) * (height - 16);
+  const y = (value) => height - 2 - (value / top) * (height - em);
   pen.strokeStyle = pen.fillStyle = style.getPropertyValue("--line");
-  pen.lineWidth = 1;
+  pen.lineWidth = em / 16;
   for (const share of [0, 0.5, 1]) {
     pen.beginPath();
     pen.moveTo(0, y(top / 1.1 * share));
@@ -168,50 +176,61 @@ function drawPlot(figure, name, services) {
     pen.stroke();
   }
   pen.fillStyle = style.getPropertyValue("--quiet");
-  pen.font = "12px system-ui, sans-serif";
-  pen.fillText(plots[name].text(top / 1.1), 2, 11);
+  pen.font = `${0.75 * em}px system-ui, sans-serif`;
+  pen.fillText(plots[name].text(top / 1.1), 2, 0.7 * em);
   services.forEach((service, i) => {
     pen.strokeStyle = style.getPropertyValue(`--plot-${i % 5}`);
-    pen.lineWidth = 2;
+    pen.lineWidth = em / 8;
     pen.beginPath();
     points.forEach((point, at) => {
       if (point.services[service]) pen.lineTo(x(at), y(point.services[service][name]));
     });
     pen.stroke();
   });
-  const newest = points.at(-1);
-  const sum = newest ? Object.values(newest.services).reduce((all, service) => all + service[name], 0) : 0;
-  figure.querySelector("span").textContent = plots[name].text(sum);
+  tellNewest(figure, name, services);
+}
+
+// The newest values stand beside the plot. A screen reader is told them and the highest ones in place of it.
+function tellNewest(figure, name, services) {
+  const { text } = plots[name];
+  const title = figure.querySelector("figcaption").firstChild.data.trim();
+  const all = (service) => points.map((point) => point.services[service]?.[name] ?? 0);
+  const newest = services.map((service) => all(service).at(-1) ?? 0);
+  figure.querySelector("figcaption span").textContent = text(newest.reduce((sum, value) => sum + value, 0));
+  figure.querySelector(".legend").replaceChildren(...services.map((service, i) => {
+    const item = document.createElement("span");
+    item.textContent = `${service.toUpperCase()} ${text(newest[i])}`;
+    item.style.setProperty("--line-color", `var(--plot-${i % 5})`);
+    return item;
+  }));
+  figure.querySelector("canvas").ariaLabel = `${title} over the last two minutes. ` + services.map((service, i) =>
+    `${service.toUpperCase()} ${text(newest[i])}, at most ${text(Math.max(0, ...all(service)))}.`).join(" ");
 }
 
 function drawPlots() {
   const services = last ? last.services.map((service) => service.name) : [];
-  element("legend").replaceChildren(...services.map((name, i) => {
-    const item = document.createElement("span");
-    item.textContent = name.toUpperCase();
-    item.style.setProperty("--line-color", `var(--plot-${i % 5})`);
-    return item;
-  }));
   for (const figure of document.querySelectorAll("[data-plot]")) drawPlot(figure, figure.dataset.plot, services);
 }
 
 async function ask() {
   try {
-    const answer = await fetch("/status.json", { cache: "no-store" });
+    const answer = await fetch("/status.json", { cache: "no-store", signal: AbortSignal.timeout(patience) });
     if (!answer.ok) throw new Error(String(answer.status));
     const status = await answer.json();
-    showStreams(status.streams);
     note(status);
+    showStreams(status.streams);
     drawPlots();
     element("version").textContent = status.version;
     const viewers = status.services.reduce((all, service) => all + service.viewers, 0);
     setState("live", viewers === 1 ? "1 viewer" : `${viewers} viewers`);
   } catch {
     setState("lost", "camera not reached");
-    for (const card of cards.values()) card.mode = "";  // its pictures are asked for again
+    renewPictures();
   }
   setTimeout(ask, 1000);
 }
 
 addEventListener("resize", drawPlots);
+addEventListener("visibilitychange", () => showStreams(last?.streams ?? []));
+matchMedia("(prefers-color-scheme: dark)").addEventListener("change", drawPlots);
 ask();

@@ -99,7 +99,7 @@ public:
                       bool open = false) noexcept = 0;
     /// Serves a document, whose bytes and texts stay valid as long as the service.
     virtual int serve(const char* path, const document_t& what) noexcept = 0;
-    /// What of station::totals() is this service's. Any thread.
+    /// What of station::totals() is this service's, counted when that is. Any thread.
     virtual station::totals_t totals() const noexcept = 0;
 };
 

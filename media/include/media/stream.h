@@ -112,6 +112,9 @@ public:
     /// Fields that it leaves empty keep their known values when `fcc` is the same.
     /// @return 1; 0 for a format of another kind, or when memory is out
     int declare(kind_t kind, const format_t& format) noexcept;
+    /// Declares the formats of several tracks at once, one of each kind. Nobody finds the stream ready with some of them.
+    /// @return 1; 0 when one of them could not be declared
+    int declare(const format_t* formats, uint32_t count) noexcept;
 
     /// Takes a frame. The payload is shared, not copied, unless the frame borrows it. A track that was not declared
     /// begins with its first frame. A key picture without parameter sets gets those that are known. A report of "META"

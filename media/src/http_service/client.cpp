@@ -353,7 +353,7 @@ void client_t::begin_pictures(bool snapshot) noexcept {
     net::http::header_s* header = begin_answer({.type = "multipart/x-mixed-replace; boundary=picture"}, UINT64_MAX);
     if (!send_header(header, bytes_of("--picture\r\n"), {}, nullptr, nullptr) || !get) return;
     counts_ = true;
-    ++service_.count().watching;
+    pictures_->watch(1);
     if (pictures_->number() != 0) send_picture();
 }
 
@@ -400,8 +400,10 @@ void client_t::on_picture() noexcept {
 }
 
 void client_t::leave_pictures() noexcept {
-    if (pictures_) pictures_->remove(*this);
-    if (std::exchange(counts_, false)) --service_.count().watching;
+    if (pictures_) {
+        pictures_->watch(std::exchange(counts_, false) ? -1 : 0);
+        pictures_->remove(*this);
+    }
     pictures_ = nullptr;
     snapshot_ = false;
 }

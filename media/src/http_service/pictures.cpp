@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace media::web {
 
@@ -60,6 +61,10 @@ void pictures::on_entry(read_t what, const entry_t& entry) noexcept {
 }
 
 void part_t::second() noexcept {
+    uint32_t watching = 0;
+    for (const auto& each : pictures_)
+        watching += each->watching();
+    all_.watching += watching - std::exchange(watching_, watching);
     std::erase_if(pictures_, [](const auto& each) { return !each->is_used(); });
 }
 

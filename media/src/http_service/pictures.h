@@ -34,6 +34,9 @@ public:
     bool add(picture_taker& one) noexcept;
     void remove(const picture_taker& one) noexcept;
     bool is_used() const noexcept { return !takers_.empty(); }
+    /// How many take more than one picture. @param change  1 for one that begins, -1 for one that ends
+    void watch(int change) noexcept { watching_ += static_cast<uint32_t>(change); }
+    uint32_t watching() const noexcept { return watching_; }
 
     /// The newest picture; its data is null before the first.
     const av::frame_t& newest() const noexcept { return newest_; }
@@ -48,19 +51,23 @@ private:
     bool passing_ = false;
     av::frame_t newest_{};
     uint64_t number_ = 0;  ///< of the newest picture; 0 for none
+    uint32_t watching_ = 0;
     core::vector<picture_taker*> takers_;
 };
 
 /// What the service has on a thread.
 class part_t final : public part {
 public:
-    explicit part_t(thread& on) noexcept : thread_(on) {}
+    part_t(thread& on, counters_t& all) noexcept : thread_(on), all_(all) {}
+    /// Counts who watches at the moment when the thread does: its count less this one is that of the other services.
     void second() noexcept override;
     /// The pictures of a stream, made at their first use; null when memory is out. They stay while somebody takes them.
     pictures* of(stream& which) noexcept;
 
 private:
     thread& thread_;
+    counters_t& all_;  ///< of the service, on all threads
+    uint32_t watching_ = 0;
     core::vector<core::owned_object<pictures>> pictures_;
 };
 

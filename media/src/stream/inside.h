@@ -126,6 +126,7 @@ struct stream::inside {
 
     slot_t& slot(uint64_t number) noexcept { return ring[number & (ring.size() - 1)]; }
     const format_record* format(kind_t kind) const noexcept { return formats[static_cast<size_t>(kind)].get(); }
+    bool declare(const format_t& format) noexcept;
     bool shape(const av::frame_t& frame, kind_t kind, slot_t& out) noexcept;
     bool share_with_sets(const av::frame_t& frame, const format_t& format, av::frame_t& out);
     void evict_first() noexcept;
