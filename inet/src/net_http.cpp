@@ -36,6 +36,10 @@ void net_http_connect(http_ctx* ctx, const char* host, unsigned port) noexcept {
     if (ctx) ctx->in->connect(host ? host : "", port);
 }
 
+int net_http_set_login(http_ctx* ctx, const char* user, const char* password) noexcept {
+    return ctx && ctx->in->set_login(user, password) ? 1 : 0;
+}
+
 int net_http_send_message(http_ctx* ctx, const net::http::header_s* header, const void* body, unsigned size) noexcept {
     if (!ctx) return 0;
     auto* const bytes = static_cast<uint8_t*>(const_cast<void*>(body));
@@ -65,10 +69,19 @@ int net_http_post(http_ctx* ctx, const char* uri, const void* data, size_t size)
 
 int net_http_download(http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept {
     if (!ctx || !uri || !directory || !net::http::is_plain_name(name)) return -2;
-    core::owned_object<net::http::download> to(
-        core::create<net::http::download>(ctx->in->file, ctx->in->line, directory, name));
-    return to && to->complete() ? ctx->in->request("GET", uri, nullptr, 0, std::move(to)) : 0;
+    core::owned_object<net::http::download> to = ctx->in->file_for(directory, name);
+    return to ? ctx->in->request("GET", uri, nullptr, 0, std::move(to)) : 0;
 }
+
+int net_http_save(http_ctx* ctx, const char* directory, const char* name) noexcept {
+    if (!ctx || !directory || !net::http::is_plain_name(name)) return -2;
+    core::owned_object<net::http::download> to = ctx->in->file_for(directory, name);
+    return to && ctx->in->reader.save(std::move(to)) ? 1 : 0;
+}
+
+int net_http_split(http_ctx* ctx) noexcept { return ctx && ctx->in->reader.split_if_parts() ? 1 : 0; }
+
+uint64_t net_http_saved(const http_ctx* ctx) noexcept { return ctx ? ctx->in->reader.saved() : 0; }
 
 void net_http_set_type(http_ctx* ctx, const char* type) noexcept {
     if (ctx) ctx->in->reader.set_types(type);

@@ -232,6 +232,9 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
          "2\r\n\r\nok",
          "0 0 0 -5 "},
         {"HTTP/1.1 404 No\r\n\r\nHTTP/1.1 404 No\r\nContent-Length: 2\r\n\r\nno", "0 0 0 0 "},
+        {"HTTP/1.1 204 No\r\nContent-Type: a/b\r\n\r\nHTTP/1.1 404 No\ncontent-length: 2\n\nnoHTTP/1.0 200 "
+         "OK\r\n\r\nold",
+         "0 0 0 0 0 0:old "},
         {"GET / HTTP/1.1\r\n\r\n", "-1 "},
     };
     const test::scratch room;
@@ -242,6 +245,7 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
         header_s* head = http_header_request("HEAD", "/", "HTTP/1.1");
         EXPECT_EQ(net_http_send_message(fresh.ctx, head, nullptr, 0), 1);
         EXPECT_EQ(net_http_download(fresh.ctx, "/", no_directory.c_str(), "f"), 1);
+        EXPECT_EQ(net_http_recv(fresh.ctx, "/"), 1);
         http_header_free(head);
         net_http_connect(fresh.ctx, "127.0.0.1", port);
         EXPECT_TRUE(fresh.hears("connect "));
@@ -252,6 +256,30 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
         EXPECT_TRUE(fresh.hears("close "));
         EXPECT_EQ(fresh.told(), "connect " + told + "close ");
     }
+}
+
+TEST_F(NetHttp, SendsWhatIsRefusedOnceMore) {
+    server.then = [&, announced = false](int, header_s* header, const std::string& body) mutable {
+        announced = !announced;
+        if (announced) return;
+        const char* const told = value_geti(header->fields, "Authorization");
+        server.note(std::string(told ? told : "none") + body + ";");
+        header_s* head = http_header_error("HTTP/1.1", told && body == "right" ? 200 : 401, 0, nullptr);
+        http_header_put(head, "WWW-Authenticate", "Basic realm=x");
+        net_http_send_message(server.ctx, head, nullptr, 0);
+        http_header_free(head);
+    };
+    client.then = [&](int, header_s* header, const std::string&) { client.note(std::to_string(header->status) + " "); };
+    EXPECT_EQ(net_http_set_login(client.ctx, "u", "p"), 1);
+    net_http_connect(client.ctx, "127.0.0.1", port);
+    for (const char* body : {"right", "wrong"}) {
+        const std::string status = body == std::string("right") ? "200 " : "401 ";
+        EXPECT_EQ(net_http_post(client.ctx, "/", body, 5), 1);
+        EXPECT_TRUE(client.hears("0 " + status + "0 " + status)) << client.told();
+        EXPECT_TRUE(server.hears(std::string("none") + body + ";"));
+        EXPECT_TRUE(server.hears(std::string("Basic dTpw") + body + ";"));
+    }
+    EXPECT_EQ(client.told(), "connect 0 200 0 200 0 401 0 401 ");
 }
 
 TEST_F(NetHttp, TellsOfEveryEndOnceAndMayBeClosedInEveryCallback) {

@@ -12,14 +12,15 @@
 /// How a body is framed:
 ///     Content-Length             of all messages
 ///     Transfer-Encoding chunked  of all messages but those of HTTP/1.0
-///     the end of the connection  of a response with neither of the two, when it has "Connection: close", when it is
-///                                multipart, or when it is downloaded
+///     the end of the connection  of a response with neither of the two, when it has "Connection: close", is of
+///                                HTTP/1.0 without "Connection: keep-alive", is multipart, split, or written to a file
 ///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
 ///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
-///     "multipart/"                                       part by part to on_frame, then a second call without a body
+///     "multipart/", net_http_split()                     part by part to on_frame, then a second call without a body
 ///     anything else                                      dropped, then on_message with status -3
+///     of any type, by net_http_save()                    written to a file, then a second call without a body
 ///
 /// A part of a multipart body ends after its Content-Length, else where the next boundary begins. The Content-Length of
 /// a multipart response is not looked at: cameras state one for streams without an end. The frame's data is the body of
@@ -28,6 +29,8 @@
 ///     "video/h264"   "H264"
 ///     "audio/pcmu"   "PCMU", 8000 samples of 16 bits, one channel
 ///     anything else  0
+///
+/// Lines of a header end with CR LF; in the client role those of a whole header may end with LF alone.
 ///
 /// A message without a body has its second call with status 0, whatever its type. A response that is sent with neither
 /// length nor coding ends with the connection: no request behind it is read, and a peer that has ended its sending half
@@ -131,6 +134,18 @@ INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
 /// @param host  a dotted address, or a name, whose look-up blocks
 INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned port) noexcept;
 
+/// Has a request that is refused with 401 sent once more, over a new connection to the same server, with an answer to
+/// the challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal is a
+/// message like any other where:
+///   - it has no challenge that can be answered,
+///   - the request was sent once more already,
+///   - another request was queued meanwhile, or
+///   - the request has a body of net_http_send_share(), or one that was not queued with its header.
+/// A copy of each request is held until its response has come. To be called before the first request.
+/// @param user  null for none, which is the state at first
+/// @return 1; 0 for a null context, and when memory is out
+INET_API int net_http_set_login(net::http_ctx* ctx, const char* user, const char* password) noexcept;
+
 // Queueing. Each returns 1, or 0 when nothing was queued:
 //   - memory is out,
 //   - the bytes with their header pass 4 GiB,
@@ -166,6 +181,19 @@ INET_API int net_http_post(net::http_ctx* ctx, const char* uri, const void* data
 ///   - a name with a separator, a control character, or one of :*?"<>|, or
 ///   - a name that is a device on Windows, such as "nul.txt" or "COM1"
 INET_API int net_http_download(net::http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept;
+
+/// Has the body of a response written to a file as net_http_download() has it, on the network thread. To be called
+/// inside the first call of on_message for that response.
+/// @return 1; 0 elsewhere, and when memory is out; -2 as net_http_download()
+INET_API int net_http_save(net::http_ctx* ctx, const char* directory, const char* name) noexcept;
+
+/// Has the body of a response of another type split into parts when it begins with a delimiter and the header of a
+/// part, as that of servers that do not know their own type. Else it goes where it would have gone. To be called inside
+/// the first call of on_message for that response. @return 1; 0 elsewhere, and for a response of type "multipart/"
+INET_API int net_http_split(net::http_ctx* ctx) noexcept;
+
+/// Bytes of the latest response that were written to a file. On the network thread.
+INET_API uint64_t net_http_saved(const net::http_ctx* ctx) noexcept;
 
 /// Sets the beginnings of further content types whose bodies are handed over whole, separated by ','. Null is none.
 INET_API void net_http_set_type(net::http_ctx* ctx, const char* type) noexcept;

@@ -1,8 +1,10 @@
 #include "net_http/connection.h"
 
+#include "scan.h"
+
 #include "core/text.h"
 #include "core/thread.h"
-#include "inet/net_socket.h"
+#include "inet/net_http_auth.h"
 
 #include <algorithm>
 #include <cstring>
@@ -112,9 +114,9 @@ void inside::begin(role_t role, bool keeps_queue) noexcept {
         drop_queue();
     answer = answer_t::none;
     front_sent = taken = waiting = room_now = 0;
-    went = was_answered = look = finishing = ended = false;
+    went = was_answered = look = finishing = ended = quiet = false;
     endless = false;
-    sent_then = quiet = 0;
+    sent_then = unsent = 0;
     reader.reset(role);
 }
 
@@ -166,14 +168,19 @@ void inside::take(Tcp& from) noexcept {
     Tcp::destroy(&from);
 }
 
-void inside::connect(const char* host, unsigned port) noexcept {
+void inside::connect(const char* name, unsigned number) noexcept {
     leave_old(role_t::client);
     sockaddr_in address{};
-    const bool known = port <= 0xffff && net_addr_setup(address, host, static_cast<unsigned short>(port)) == 0;
-    Tcp* const made = known ? Tcp::create(file, line) : nullptr;
+    if (number > 0xffff || net_addr_setup(address, name, static_cast<unsigned short>(number)) != 0)
+        return tell_failed();
+    net_addr_ip(address, peer_host, sizeof peer_host);
+    peer_port = static_cast<uint16_t>(number);
+    open();
+}
+
+void inside::open() noexcept {
+    Tcp* const made = Tcp::create(file, line);
     if (!made) return tell_failed();
-    char dotted[net_addr_size];
-    net_addr_ip(address, dotted, sizeof dotted);
     made->set_handler(this);
     made->set_room(smallest_room);
     if (!install(made, -1)) return Tcp::destroy(made);
@@ -182,9 +189,9 @@ void inside::connect(const char* host, unsigned port) noexcept {
         // The loop may find at once that it failed. It lets go of it when this is done.
         const std::lock_guard held(connection);
         if (!is_current(made)) return;
-        result = made->connect(face.nt, dotted, static_cast<unsigned short>(port));
+        result = made->connect(face.nt, peer_host, peer_port);
         if (result == 0) face.fd = made->descriptor();
-        core_log_print(log, "%d: connect to %s:%u", made->descriptor(), host, port);
+        core_log_print(log, "%d: connect to %s:%u", made->descriptor(), peer_host, unsigned{peer_port});
     }
     if (result == 0) return;
     install(nullptr, -1);
@@ -240,9 +247,9 @@ void inside::close() noexcept {
 unsigned inside::second() noexcept {
     Tcp* const to = tcp;
     if (!to) return 0;
-    quiet = ended && endless && to->sent() == sent_then ? quiet + 1 : 0;
+    unsent = ended && endless && to->sent() == sent_then ? unsent + 1 : 0;
     sent_then = to->sent();
-    return std::max(to->second(), quiet);
+    return std::max(to->second(), unsent);
 }
 
 // Queueing
@@ -285,6 +292,9 @@ bool inside::print(const http::header_s& header, outgoing& message, bool bodyles
     if (message.own.length > 0) core_buf_read(&whole, message.own.data, message.own.length);
     std::swap(message.own, whole);
     core_buf_free(&whole);
+    if (user && message.expects && !message.again && message.body.size == 0 &&
+        !core_buf_read(&message.expects->sent, message.own.data, message.own.length))
+        return false;
     if (core_log_wanted(log)) core_log_print(log, "%d: send\n%.*s", face.fd.load(), static_cast<int>(size), text);
     return true;
 }
@@ -310,6 +320,12 @@ int inside::send(const http::header_s* header, owned_outgoing message) noexcept 
     return 0;
 }
 
+core::owned_object<http::download> inside::file_for(const char* directory, const char* name) const noexcept {
+    core::owned_object<http::download> made(core::create<http::download>(file, line, directory, name));
+    if (made && !made->complete()) made.reset();
+    return made;
+}
+
 int inside::request(const char* method, const char* uri, const void* data, size_t size,
                     core::owned_object<http::download> to) noexcept {
     if (size > UINT32_MAX) return 0;
@@ -326,6 +342,49 @@ int inside::request(const char* method, const char* uri, const void* data, size_
     const int result = complete ? send(header, std::move(made)) : 0;
     http_header_free(header);
     return result;
+}
+
+// Requests that are refused
+
+bool inside::set_login(const char* name, const char* secret) noexcept {
+    user.reset(core_strdup(name, file, line));
+    password.reset(core_strdup(secret ? secret : "", file, line));
+    return !name || (user && password);
+}
+
+/// The request with an answer to the challenge; null when there is none, or memory is out.
+owned_outgoing inside::answer_to(const http::header_s& response, http::expectation& refused) noexcept {
+    const buf_t& sent = refused.sent;
+    const int size = http_header_find({sent.data, sent.length});
+    const auto head = static_cast<uint32_t>(std::max(size, 0));
+    http::header_s* header = http_header_parse(reinterpret_cast<const char*>(sent.data), head, file, line);
+    owned_outgoing made = message({sent.data + head, sent.length - head});
+    if (made) made->expects.reset(core::create<http::expectation>(file, line));
+    // More of its body may have been queued behind it.
+    const bool whole =
+        header && scan::decimal(scan::text(value_geti(header->fields, "Content-Length"))) == sent.length - head;
+    bool complete = whole && size > 0 && made && made->expects &&
+                    http_header_authorize(header, &response, user.get(), password.get());
+    if (complete) made->again = true;
+    complete = complete && print(*header, *made, false);
+    http_header_free(header);
+    if (!complete) return nullptr;
+    made->expects->head = refused.head;
+    made->expects->to = std::move(refused.to);
+    return made;
+}
+
+// Over a new connection: many cameras end the one that they refuse on.
+bool inside::on_refused(const http::header_s& response, http::expectation& refused) noexcept {
+    owned_outgoing made = user && !has_output() ? answer_to(response, refused) : nullptr;
+    if (!made) return false;
+    disconnect();
+    begin(role_t::client, true);
+    quiet = true;
+    reader.expect(std::move(made->expects));
+    front = std::move(made);
+    open();
+    return true;
 }
 
 // Sending
@@ -465,7 +524,7 @@ void inside::on_tcp_connected(Tcp* of) noexcept {
         const std::lock_guard held(connection);  // whoever connects has set it before
         face.fd = of->descriptor();
     }
-    if (face.info.on_connect) face.info.on_connect(face.info.arg, &face);
+    if (face.info.on_connect && !std::exchange(quiet, false)) face.info.on_connect(face.info.arg, &face);
     if (is_current(of)) settle(of);
 }
 

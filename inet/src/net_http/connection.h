@@ -5,6 +5,7 @@
 
 #include "core/log.h"
 #include "core/slist.h"
+#include "inet/net_socket.h"
 #include "inet/net_tcp.h"
 
 #include <atomic>
@@ -22,6 +23,7 @@ struct outgoing {
     void (*release)(void* owner) = nullptr;
     void* owner = nullptr;
     core::owned_object<http::expectation> expects;  ///< of a request
+    bool again = false;                             ///< that was refused before
 };
 using owned_outgoing = core::owned_object<outgoing>;
 
@@ -40,11 +42,14 @@ struct http_ctx::inside final : ITcp, http::message_owner {
     int accept(int descriptor) noexcept;
     void take(Tcp& from) noexcept;
     void connect(const char* host, unsigned port) noexcept;
+    bool set_login(const char* name, const char* secret) noexcept;
     void close() noexcept;
     unsigned second() noexcept;
 
     owned_outgoing message(buffer_t bytes) noexcept;
     int send(const http::header_s* header, owned_outgoing message) noexcept;
+    /// Null when memory is out.
+    core::owned_object<http::download> file_for(const char* directory, const char* name) const noexcept;
     int request(const char* method, const char* uri, const void* data, size_t size,
                 core::owned_object<http::download> to) noexcept;
     bool queue_up(owned_outgoing message, bool answers) noexcept;
@@ -80,6 +85,8 @@ private:
     bool disconnect() noexcept;
     void begin(role_t role, bool keeps_queue) noexcept;
     void leave_old(role_t role) noexcept;
+    void open() noexcept;
+    owned_outgoing answer_to(const http::header_s& response, http::expectation& refused) noexcept;
     void tell_failed() noexcept;
     void drop_queue() noexcept;
     bool print(const http::header_s& header, outgoing& message, bool bodyless) noexcept;
@@ -105,6 +112,7 @@ private:
     void on_tcp_closed(Tcp* of, int error) noexcept override;
 
     void on_message(int status, http::header_s* header, const buffer_t* body, bool complete) noexcept override;
+    bool on_refused(const http::header_s& response, http::expectation& refused) noexcept override;
     void on_expect() noexcept override;
     void on_frame(const av::frame_t& frame) noexcept override;
     void on_unknown_type(const char* type) noexcept override;
@@ -117,10 +125,15 @@ private:
     slist* queue;
     std::atomic<answer_t> answer = answer_t::none;
     std::atomic<bool> endless = false;  ///< its body ends with the connection
+    core::owned_text user;              ///< of the client, set before it asks
+    core::owned_text password;
+    char peer_host[net_addr_size] = "";  ///< dotted
+    uint16_t peer_port = 0;
     std::atomic<uint32_t> calls = 0;
 
     // The loop's own.
     bool closed_inside = false;
+    bool quiet = false;    ///< a connection is made for a request that is sent again
     Tcp* busy = nullptr;   ///< whose callback runs
     owned_outgoing front;  ///< is being sent
     uint32_t front_sent = 0;
@@ -130,7 +143,7 @@ private:
     bool finishing = false;     ///< the sending half has ended
     bool ended = false;         ///< the peer's sending half has
     uint64_t sent_then = 0;     ///< when second() was called
-    unsigned quiet = 0;         ///< seconds
+    unsigned unsent = 0;        ///< seconds
     uint32_t taken = 0;         ///< bytes at the front of the received ones that were parsed
     uint32_t waiting = 0;       ///< behind them
     uint32_t room_now = 0;      ///< of the receive buffer

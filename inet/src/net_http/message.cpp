@@ -102,13 +102,29 @@ bool lists(std::string_view list, std::string_view name) noexcept {
     return false;
 }
 
-bool asks_for_close(const header_s& header) noexcept {
+/// Whether the fields "Connection" have that option.
+bool has_option(const header_s& header, std::string_view option) noexcept {
     for (value_t* const* field = header.fields; field && *field; ++field)
-        if (scan::same_name((*field)->key, "Connection") && lists(scan::text((*field)->value), "close")) return true;
+        if (scan::same_name((*field)->key, "Connection") && lists(scan::text((*field)->value), option)) return true;
     return false;
 }
 
 }  // namespace
+
+head_text::head_text(std::string_view in, bool bare_lf) noexcept
+    : size(http_find_header(in.data(), static_cast<unsigned>(in.size()))) {
+    if (size > 0) text = in.substr(0, static_cast<size_t>(size));
+    const std::string_view within = in.substr(0, most / 2);
+    const size_t end = bare_lf ? within.find("\n\n") : std::string_view::npos;
+    if (end == std::string_view::npos || within.substr(0, end).find('\r') != std::string_view::npos) return;
+    size = static_cast<int>(end) + 2;
+    char* out = room_;
+    for (const char c : within.substr(0, end + 2)) {
+        if (c == '\n') *out++ = '\r';
+        *out++ = c;
+    }
+    text = {room_, out};
+}
 
 message_reader::message_reader(message_owner& owner, const char* file, int line) noexcept
     : owner_(owner), file_(file), line_(line) {}
@@ -174,7 +190,8 @@ void message_reader::expect(core::owned_object<expectation> response) noexcept {
     expectation* const added = response.get();
     (last_expected_ ? last_expected_->next : expected_) = std::move(response);
     last_expected_ = added;
-    if (phase_ == phase_t::body && mode_ == mode_t::multipart) silent_ = true;
+    const bool at_hand = phase_ == phase_t::body || phase_ == phase_t::announcing;
+    if (at_hand && mode_ == mode_t::multipart) silent_ = true;
 }
 
 bool message_reader::wants_continue() const noexcept {
@@ -206,7 +223,7 @@ void message_reader::forget() noexcept {
     if (decoded_.size > passing_room) core_buf_free(&decoded_);
     to_.reset();
     mode_ = mode_t::whole;
-    silent_ = settled_ = bodyless_ = false;
+    silent_ = settled_ = bodyless_ = looking_ = false;
 }
 
 void message_reader::leave_call() noexcept {
@@ -244,21 +261,23 @@ message_reader::step_t message_reader::read_head(bytes& in) noexcept {
     // Behind a body, as some clients send it (RFC 9112, 2.2).
     for (; in.size() >= 2 && in[0] == '\r' && in[1] == '\n'; in = in.subspan(2))
         if (++blank_lines_ > most_blank_lines) return refuse(http_malformed);
-    const int size = http_header_find({in.data(), static_cast<uint32_t>(in.size())});
+    const head_text head({reinterpret_cast<const char*>(in.data()), in.size()}, role_ == role_t::client);
     // Its blank line may never come: what ends lines otherwise ends them all so.
-    if (size <= 0 && role_ == role_t::server && has_bare_end(in)) return refuse(http_malformed);
-    if (size == 0) return step_t::more;
-    if (size < 0) return refuse(http_header_large);
-    const std::string_view text(reinterpret_cast<const char*>(in.data()), static_cast<size_t>(size));
-    in = in.subspan(text.size());
+    if (head.size <= 0 && role_ == role_t::server && has_bare_end(in)) return refuse(http_malformed);
+    if (head.size == 0) return step_t::more;
+    if (head.size < 0) return refuse(http_header_large);
+    const std::string_view text = head.text;
+    in = in.subspan(static_cast<size_t>(head.size));
     blank_lines_ = 0;
     owner_.on_header_text(text);
-    header_ = http_header_parse(text.data(), static_cast<unsigned>(size), file_, line_);
+    header_ = http_header_parse(text.data(), static_cast<unsigned>(text.size()), file_, line_);
+    is_old_ = header_ && (header_->status ? text.starts_with("HTTP/1.0") : scan::text(header_->protocol) == "HTTP/1.0");
     if (!header_ || !is_sound(text)) return refuse(http_malformed);
     if (header_->status >= 100 && header_->status < 200) {  // the response is still to come
         forget();
         return step_t::on;
     }
+    if (header_->status == 401 && is_sent_again()) return step_t::more;
     judge_framing();
     if (!choose_mode()) return refuse(http_malformed);
     return announce();
@@ -270,9 +289,16 @@ bool message_reader::is_sound(std::string_view text) const noexcept {
     const lengths_t found = lengths_of(*header_);
     if (request != (role_ == role_t::server) || text.find('\0') != std::string_view::npos) return false;
     if (found.differ || found.other_coding) return false;
-    const bool is_old = request ? scan::text(header_->protocol) == "HTTP/1.0" : text.starts_with("HTTP/1.0");
-    if (found.chunked && is_old) return false;
+    if (found.chunked && is_old_) return false;
     return !request || (is_plain(text, *header_) && !(found.chunked && found.length));
+}
+
+bool message_reader::is_sent_again() noexcept {
+    if (!expected_ || expected_->next || expected_->sent.length == 0) return false;
+    ++calling_;
+    const bool result = owner_.on_refused(*header_, *expected_);
+    leave_call();
+    return result;
 }
 
 void message_reader::judge_framing() noexcept {
@@ -286,15 +312,34 @@ void message_reader::judge_framing() noexcept {
     }
     bodyless_ = no_body;
     is_head_ = !response && std::strcmp(header_->method, "HEAD") == 0;
-    const lengths_t found = lengths_of(*header_);
-    left_ = found.length.value_or(0);
-    const bool ends = response && !found.length && (to_ || asks_for_close(*header_));
-    framing_ = no_body         ? framing_t::none
-               : found.chunked ? framing_t::chunked
-               : left_ > 0     ? framing_t::length
-               : ends          ? framing_t::close
-                               : framing_t::none;
+    framing_ = framing_of_body();
+    left_ = lengths_of(*header_).length.value_or(0);
+    saved_ = 0;
     if (framing_ == framing_t::chunked) chunks_.begin();
+}
+
+message_reader::framing_t message_reader::framing_of_body() const noexcept {
+    if (bodyless_) return framing_t::none;
+    const lengths_t found = lengths_of(*header_);
+    if (found.chunked) return framing_t::chunked;
+    if (found.length) return *found.length > 0 ? framing_t::length : framing_t::none;
+    const bool closes = has_option(*header_, "close") || (is_old_ && !has_option(*header_, "keep-alive"));
+    return role_ == role_t::client && (to_ || looking_ || closes) ? framing_t::close : framing_t::none;
+}
+
+bool message_reader::save(core::owned_object<download> to) noexcept {
+    if (role_ != role_t::client || phase_ != phase_t::announcing) return false;
+    to_ = std::move(to);
+    mode_ = mode_t::file;
+    framing_ = framing_of_body();
+    return true;
+}
+
+bool message_reader::split_if_parts() noexcept {
+    if (role_ != role_t::client || phase_ != phase_t::announcing || mode_ == mode_t::multipart) return false;
+    looking_ = true;
+    framing_ = framing_of_body();
+    return true;
 }
 
 /// @return false for a multipart body without a boundary
@@ -338,11 +383,12 @@ bool message_reader::takes_whole(std::string_view type) const noexcept {
 }
 
 message_reader::step_t message_reader::announce() noexcept {
-    phase_ = phase_t::body;
+    phase_ = phase_t::announcing;
     owes_ = role_ == role_t::server ? owes_t::announced : owes_t::nothing;
     if (!call(http_message, header_, nullptr, false)) return step_t::more;
+    phase_ = phase_t::body;
     if (mode_ == mode_t::whole && framing_ == framing_t::length && left_ > limit_) return refuse(http_body_large);
-    if (mode_ == mode_t::file && !to_->open()) return refuse(http_not_written);
+    if (mode_ == mode_t::file && !looking_ && !to_->open()) return refuse(http_not_written);
     if (wants_continue()) owner_.on_expect();
     return step_t::on;
 }
@@ -382,7 +428,8 @@ message_reader::step_t message_reader::read_chunked(bytes& in) noexcept {
 
 /// @param all  nothing more of the body comes
 message_reader::step_t message_reader::read_content(bytes& from, bool all) noexcept {
-    return mode_ == mode_t::whole       ? read_whole(from, all)
+    return looking_                     ? look_for_parts(from, all)
+           : mode_ == mode_t::whole     ? read_whole(from, all)
            : mode_ == mode_t::multipart ? read_parts(from, all)
                                         : pass_through(from, all);
 }
@@ -401,6 +448,7 @@ message_reader::step_t message_reader::read_whole(bytes& from, bool all) noexcep
 message_reader::step_t message_reader::pass_through(bytes& from, bool all) noexcept {
     const bytes content = within(from);
     if (mode_ == mode_t::file && !content.empty() && !to_->write(content)) return refuse(http_not_written);
+    if (mode_ == mode_t::file) saved_ += content.size();
     consume(from, content.size());
     if (!all) return framing_ == framing_t::chunked && !content.empty() ? step_t::on : step_t::more;
     if (mode_ == mode_t::file && !to_->finish()) return refuse(http_not_written);
