@@ -21,7 +21,7 @@ public:
     /// Adds the HTTP service to the station, before its start. @param rtsp  the other service
     /// @return false with the reason in `error`
     bool open(const options& settings, const media::service& rtsp, media::failure_t& error);
-    /// 0 when it is not open.
+    /// 0 when it is not open, or its port could not be had.
     uint16_t port() const { return http_ ? http_->port() : uint16_t{0}; }
 
 private:

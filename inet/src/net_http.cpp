@@ -87,10 +87,7 @@ void net_http_finish(http_ctx* ctx) noexcept {
     if (ctx) ctx->in->finish();
 }
 
-unsigned net_http_second(http_ctx* ctx) noexcept {
-    net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr;
-    return tcp ? tcp->second() : 0;
-}
+unsigned net_http_second(http_ctx* ctx) noexcept { return ctx ? ctx->in->second() : 0; }
 
 void net_http_give_up(http_ctx* ctx) noexcept {
     if (net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr) tcp->give_up();

@@ -116,7 +116,9 @@ TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
         {"GET /\r\n\r\n", "-1 ", refused},
         {"HTTP/1.1 200 OK\r\n\r\n", "-1 ", refused},
         {post + "multipart/mixed\r\nContent-Length: 4\r\n\r\n--b-", "-1 ", refused},
+        {"GET / HTTP/1.1\nHost: x\n\n", "-1 ", refused},
         {header_flood, "-2 ", refused},
+        {"GET /a HTTP/1.1\r\nContent-Type: a/b\r\n\r\n", "0 0 ", answer_text(200, "OK", "/a", 2)},
         {post + "a/b\r\nContent-Length: 2\r\n\r\nab", "0 -3 ", refused},
     };
     for (const auto& [request, told, reply] : cases) {

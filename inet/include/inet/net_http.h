@@ -33,6 +33,10 @@
 ///
 /// Lines of a header end with CR LF; in the client role those of a whole header may end with LF alone.
 ///
+/// A message without a body has its second call with status 0, whatever its type. A response that is sent with neither
+/// length nor coding ends with the connection: no request behind it is read, and a peer that has ended its sending half
+/// is still sent all of it. net_http_finish() ends it.
+///
 /// What is refused with -1:
 ///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart body
 ///                    without a boundary; a NUL in the header; more than 8 blank lines before it
@@ -202,7 +206,8 @@ INET_API void net_http_set_limit(net::http_ctx* ctx, uint32_t bytes) noexcept;
 /// closes its end, too, on_close comes. net_http_close() ends the connection at once.
 INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 
-/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes
+/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes; when
+/// it has ended its sending half, also seconds for which nothing was sent of a response without a length
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
 
 /// Has net_http_close() end the connection with a reset: for a peer that does not read (net::Tcp::give_up()).

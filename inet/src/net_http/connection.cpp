@@ -108,6 +108,8 @@ void inside::begin(role_t role, bool keeps_queue) noexcept {
     answer = answer_t::none;
     taken = waiting = room_now = 0;
     ends = went = was_answered = look = finishing = ended = quiet = false;
+    endless = false;
+    sent_then = unsent = 0;
     reader.reset(role);
 }
 
@@ -235,6 +237,15 @@ void inside::close() noexcept {
     closed_inside = true;
 }
 
+/// A peer that says nothing more, and is sent nothing, may be gone.
+unsigned inside::second() noexcept {
+    Tcp* const to = tcp;
+    if (!to) return 0;
+    unsent = ended && endless && to->sent() == sent_then ? unsent + 1 : 0;
+    sent_then = to->sent();
+    return std::max(to->second(), unsent);
+}
+
 // Queueing
 
 owned_outgoing inside::message(buffer_t head, buffer_t text) noexcept {
@@ -297,6 +308,7 @@ int inside::send(const http::header_s* header, buffer_t text, http::lent body) n
     buffer_t head = print(*header, room);
     const bool fits = head.size < header_room;
     if (!fits) head = bytes_of(refusal);
+    if (answers) endless = !reader.is_head() && http::ends_with_connection(*header);
     // The reader goes on to no other request before this is queued.
     if (!fits || (answers && reader.is_head())) {
         text = {};
@@ -452,6 +464,9 @@ void inside::note_answer() noexcept {
     if (!answer.compare_exchange_strong(was, answer_t::none)) return;
     was_answered = true;
     reader.answered();
+    if (!endless) return;
+    reader.stop();
+    look = true;
 }
 
 /// The next request may be read when there is place for its answer. @return whether it may
@@ -522,7 +537,9 @@ void inside::settle(Tcp* of) noexcept {
 }
 
 /// The peer has nothing more to say, and everything has been said to it.
-bool inside::is_done() const noexcept { return ended && (finishing || (!has_output() && !reader.owes_answer())); }
+bool inside::is_done() const noexcept {
+    return ended && (finishing || (!endless && !has_output() && !reader.owes_answer()));
+}
 
 /// There is no connection any more.
 void inside::lost() noexcept {

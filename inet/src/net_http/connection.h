@@ -43,6 +43,7 @@ struct http_ctx::inside final : ITcp, http::message_owner {
     void connect(const char* host, unsigned port) noexcept;
     bool set_login(const char* name, const char* secret) noexcept;
     void close() noexcept;
+    unsigned second() noexcept;
 
     /// Null when memory is out.
     core::owned_object<http::download> file_for(const char* directory, const char* name) const noexcept;
@@ -130,7 +131,8 @@ private:
     command_ctx* failed = nullptr;  ///< tells of a connect that failed at once
     slist* waits;                   ///< to be sent
     std::atomic<answer_t> answer = answer_t::none;
-    core::owned_text user;  ///< of the client, set before it asks
+    std::atomic<bool> endless = false;  ///< its body ends with the connection
+    core::owned_text user;              ///< of the client, set before it asks
     core::owned_text password;
     char peer_host[net_addr_size] = "";  ///< dotted
     uint16_t peer_port = 0;
@@ -148,6 +150,8 @@ private:
     bool look = false;          ///< the received bytes are to be looked at again
     bool finishing = false;     ///< the sending half has ended
     bool ended = false;         ///< the peer's sending half has
+    uint64_t sent_then = 0;     ///< when second() was called
+    unsigned unsent = 0;        ///< seconds
     uint32_t taken = 0;         ///< bytes at the front of the received ones that were parsed
     uint32_t waiting = 0;       ///< behind them
     uint32_t room_now = 0;      ///< of the receive buffer

@@ -18,6 +18,7 @@ constexpr uint32_t usual_room = 8192;
 constexpr uint32_t passing_room = 64 * 1024;
 constexpr uint32_t largest_limit = 1U << 30;
 constexpr uint32_t most_blank_lines = 8;
+constexpr size_t most_head = 4096;
 constexpr std::string_view blanks = " \t";
 
 bool begins(std::string_view text, std::string_view with) noexcept {
@@ -73,6 +74,14 @@ bool is_plain(std::string_view text, const header_s& header) noexcept {
     return true;
 }
 
+/// Whether a line of an unfinished head ends with LF alone.
+bool has_bare_end(std::span<const uint8_t> head) noexcept {
+    const auto* const begin = reinterpret_cast<const char*>(head.data());
+    const std::string_view text(begin, std::min<size_t>(head.size(), most_head));
+    const size_t end = text.find('\n');
+    return end != std::string_view::npos && (end == 0 || text[end - 1] != '\r');
+}
+
 struct lengths_t {
     std::optional<uint64_t> length;
     bool differ = false;
@@ -95,6 +104,8 @@ lengths_t lengths_of(const header_s& header) noexcept {
     }
     return found;
 }
+
+bool has_no_body(unsigned status) noexcept { return status == 204 || status == 304; }
 
 std::string_view field_of(const header_s& header, const char* name) noexcept {
     return scan::trim(scan::text(value_geti(header.fields, name)), blanks);
@@ -260,6 +271,8 @@ message_reader::step_t message_reader::read_head(bytes& in) noexcept {
     for (; in.size() >= 2 && in[0] == '\r' && in[1] == '\n'; in = in.subspan(2))
         if (++blank_lines_ > most_blank_lines) return refuse(http_malformed);
     const head_text head({reinterpret_cast<const char*>(in.data()), in.size()}, role_ == role_t::client);
+    // Its blank line may never come: what ends lines otherwise ends them all so.
+    if (head.size <= 0 && role_ == role_t::server && has_bare_end(in)) return refuse(http_malformed);
     if (head.size == 0) return step_t::more;
     if (head.size < 0) return refuse(http_header_large);
     const std::string_view text = head.text;
@@ -299,7 +312,7 @@ bool message_reader::is_sent_again() noexcept {
 
 void message_reader::judge_framing() noexcept {
     const bool response = role_ == role_t::client;
-    bool no_body = response && (header_->status == 204 || header_->status == 304);
+    bool no_body = response && has_no_body(header_->status);
     if (response && expected_) {
         no_body = no_body || expected_->head;
         to_ = std::move(expected_->to);
@@ -352,7 +365,7 @@ bool message_reader::choose_mode() noexcept {
         if (response && !bodyless_ && framing_ != framing_t::chunked) framing_ = framing_t::close;
         return framing_ == framing_t::none || choose_boundary(type);
     } else {
-        mode_ = bodyless_ || takes_whole(type) ? mode_t::whole : mode_t::unknown;
+        mode_ = framing_ == framing_t::none || takes_whole(type) ? mode_t::whole : mode_t::unknown;
     }
     return true;
 }
@@ -465,6 +478,11 @@ message_reader::step_t message_reader::complete(const buffer_t* body) noexcept {
     forget();
     settled_ = settled;
     return step_t::on;
+}
+
+bool ends_with_connection(const header_s& response) noexcept {
+    const lengths_t found = lengths_of(response);
+    return !found.length && !found.chunked && !has_no_body(response.status);
 }
 
 }  // namespace net::http

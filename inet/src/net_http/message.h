@@ -63,6 +63,9 @@ private:
     char room_[most];
 };
 
+/// Whether the body of a response ends with the connection: no length is stated, and none follows from its status.
+bool ends_with_connection(const header_s& response) noexcept;
+
 class message_reader {
 public:
     enum class role_t : uint8_t { server, client };

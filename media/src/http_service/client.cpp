@@ -25,10 +25,9 @@ struct reason_t {
     const char* text;
 };
 constexpr reason_t reasons[] = {
-    {206, "Partial Content"},       {304, "Not Modified"},
-    {401, "Unauthorized"},          {405, "Method Not Allowed"},
-    {413, "Content Too Large"},     {415, "Unsupported Media Type"},
-    {416, "Range Not Satisfiable"}, {431, "Request Header Fields Too Large"},
+    {206, "Partial Content"},        {304, "Not Modified"},          {401, "Unauthorized"},
+    {405, "Method Not Allowed"},     {412, "Precondition Failed"},   {413, "Content Too Large"},
+    {415, "Unsupported Media Type"}, {416, "Range Not Satisfiable"}, {431, "Request Header Fields Too Large"},
     {503, "Service Unavailable"},
 };
 
@@ -268,11 +267,13 @@ void client_t::refuse(unsigned status) noexcept {
 
 void client_t::answer_document(const document_t& what) noexcept {
     const std::string_view etag = what.etag;
+    const auto is_this = [&](std::string_view each) { return each == etag || each == "*"; };
+    if (value_geti(header_->fields, "If-Match") && !lists(*header_, "If-Match", is_this)) return answer_error(412);
     http_answer_t how{.type = what.type, .cache = what.cache, .field = "ETag", .value = what.etag};
     // A weak tag is as good here (RFC 9110, 13.1.2).
     const auto is_held = [&](std::string_view each) {
         if (each.starts_with("W/")) each.remove_prefix(2);
-        return each == etag || each == "*";
+        return is_this(each);
     };
     if (lists(*header_, "If-None-Match", is_held)) {
         how.status = 304;
