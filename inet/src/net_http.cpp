@@ -41,22 +41,14 @@ int net_http_set_login(http_ctx* ctx, const char* user, const char* password) no
 }
 
 int net_http_send_message(http_ctx* ctx, const net::http::header_s* header, const void* body, unsigned size) noexcept {
-    if (!ctx) return 0;
     auto* const bytes = static_cast<uint8_t*>(const_cast<void*>(body));
-    return ctx->in->send(header, ctx->in->message({bytes, body ? size : 0}));
+    return ctx ? ctx->in->send(header, {bytes, body ? size : 0}, {}) : 0;
 }
 
 int net_http_send_share(http_ctx* ctx, const net::http::header_s* header, buffer_t text, buffer_t body,
                         void (*release)(void* owner), void* owner) noexcept {
-    net::owned_outgoing message = ctx ? ctx->in->message(text) : nullptr;
-    if (!message) {
-        if (release) release(owner);
-        return 0;
-    }
-    message->body = body;
-    message->release = release;
-    message->owner = owner;
-    return ctx->in->send(header, std::move(message));
+    net::http::lent share(body, release, owner);
+    return ctx ? ctx->in->send(header, text, std::move(share)) : 0;
 }
 
 int net_http_recv(http_ctx* ctx, const char* uri) noexcept {
@@ -92,16 +84,10 @@ void net_http_set_limit(http_ctx* ctx, uint32_t bytes) noexcept {
 }
 
 void net_http_finish(http_ctx* ctx) noexcept {
-    net::owned_outgoing message = ctx ? ctx->in->message({}) : nullptr;
-    if (!message) return;
-    message->last = true;
-    ctx->in->queue_up(std::move(message), false);
+    if (ctx) ctx->in->finish();
 }
 
-unsigned net_http_second(http_ctx* ctx) noexcept {
-    net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr;
-    return tcp ? tcp->second() : 0;
-}
+unsigned net_http_second(http_ctx* ctx) noexcept { return ctx ? ctx->in->second() : 0; }
 
 void net_http_give_up(http_ctx* ctx) noexcept {
     if (net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr) tcp->give_up();

@@ -1,6 +1,7 @@
 // HTTP connections over real sockets. What one message is is the fuzz target's; here they travel.
 #include "inet/net_http.h"
 
+#include "support/fault.h"
 #include "support/files.h"
 #include "support/network_thread.h"
 #include "support/scratch.h"
@@ -115,7 +116,9 @@ TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
         {"GET /\r\n\r\n", "-1 ", refused},
         {"HTTP/1.1 200 OK\r\n\r\n", "-1 ", refused},
         {post + "multipart/mixed\r\nContent-Length: 4\r\n\r\n--b-", "-1 ", refused},
+        {"GET / HTTP/1.1\nHost: x\n\n", "-1 ", refused},
         {header_flood, "-2 ", refused},
+        {"GET /a HTTP/1.1\r\nContent-Type: a/b\r\n\r\n", "0 0 ", answer_text(200, "OK", "/a", 2)},
         {post + "a/b\r\nContent-Length: 2\r\n\r\nab", "0 -3 ", refused},
     };
     for (const auto& [request, told, reply] : cases) {
@@ -162,6 +165,40 @@ TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
     }
 }
 
+TEST(HttpRequests, AnswersWhatCameTogetherTogetherAndAllocatesNothingForIt) {
+    const test::network_thread nt;
+    owner server(nt);
+    char name[] = "Content-Length", two[] = "2";
+    value_t length{name, two};
+    value_t* fields[] = {&length, nullptr};
+    const header_s head{.protocol = "HTTP/1.1", .status = 200, .reason = "OK", .fields = fields};
+    server.then = [&, announced = false](int, header_s*, const std::string&) mutable {
+        announced = !announced;
+        if (!announced) net_http_send_message(server.ctx, &head, "ok", 2);
+    };
+    const std::pair<int, int> fds = test::socket_pair::open();
+    test::tcp_socket peer(fds.first);
+    ASSERT_EQ(net_http_accept(server.ctx, fds.second), 0);
+    const std::string request = "GET / HTTP/1.1\r\nHost: h\r\n\r\n", requests = request + request;
+    const auto exchange = [&] {
+        const auto* const bytes = reinterpret_cast<const uint8_t*>(requests.data());
+        net::platform::send_bytes(peer, {bytes, requests.size()}, nullptr);
+        uint8_t room[4096];
+        for (size_t left = 2 * std::string_view("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok").size(); left > 0;) {
+            const int size = net::platform::receive_bytes(peer, {room, left}, nullptr);
+            ASSERT_GT(size, 0);
+            left -= static_cast<size_t>(size);
+        }
+    };
+    exchange();
+    const test::allocation_count allocations;
+    for (int i = 0; i < 20; ++i)
+        exchange();
+    EXPECT_EQ(allocations.value(), 0U);
+    nt.run([] {});
+    EXPECT_EQ(server.drained, 21);
+}
+
 class NetHttp : public testing::Test {
 protected:
     NetHttp() {
@@ -201,8 +238,19 @@ TEST_F(NetHttp, DownloadsToAFileAndSplitsMultipartBodies) {
         EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), -2) << name;
     for (const char* name : {"f.bin", "com"})
         EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), 1);
+    // Neither side holds the file.
+    static std::atomic<size_t> largest;
+    largest = 0;
+    core_mem_set_fault([](size_t size, const char*, int) {
+        if (size > largest) largest = size;
+        return false;
+    });
+    const size_t held = core_mem_bytes();
     net_http_connect(client.ctx, "127.0.0.1", port);
     EXPECT_TRUE(client.hears("connect 0 0 0 0 "));
+    core_mem_set_fault(nullptr);
+    EXPECT_LE(largest, 64U * 1024);
+    EXPECT_LE(core_mem_bytes(), held + 2 * 64 * 1024);
     for (const char* name : {"/f.bin", "/com"})
         EXPECT_EQ(test::read_file(directory + name), content);
     EXPECT_EQ(released, 2);

@@ -25,19 +25,22 @@ def command(program):
 
 
 CAMERA = command(os.environ.get("INET_CAMERA", f"{ROOT}/build/dev/apps/inet-camera"))
+FREE_PORTS = "--rtsp", "0", "--http", "off"
 
 
 class Camera:
     """inet-camera on a free port; ends by Ctrl-C and must then have exited cleanly with nothing held."""
 
-    def __init__(self, *arguments, prefix=()):
+    def __init__(self, *arguments, prefix=(), ports=FREE_PORTS):
         """`prefix` is a command that starts the program, such as that for another network namespace."""
         self.messages = tempfile.TemporaryFile("w+")
         self.read = 0
-        self.process = subprocess.Popen([*prefix, *CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
-                                        stderr=self.messages, text=True)
+        self.process = subprocess.Popen([*prefix, *CAMERA, *ports, *arguments], stdout=subprocess.PIPE,
+                                        stderr=self.messages, text=True, errors="replace")
         self.urls = {}
+        self.printed = []
         for line in self.process.stdout:
+            self.printed.append(line)
             found = re.search(r"rtsp://\S+/(\w+)", line)
             if found:
                 self.urls[found.group(1)] = found.group(0)

@@ -6,8 +6,9 @@
 ///     1. The header is there; nothing of the body has been read. When the owner answers a request here, the body is
 ///        dropped, and there is no second call
 ///     2. The message is whole, with its body
-/// After the second call nothing more is parsed until the owner has queued an answer to the request and it has gone to
-/// the system. It may take any time. Later requests wait. "Expect: 100-continue" is answered between the two calls.
+/// After the second call nothing more is parsed until the owner has queued an answer to the request. It may take any
+/// time. Later requests wait. Answers to requests that came together go out together. "Expect: 100-continue" is answered
+/// between the two calls.
 ///
 /// How a body is framed:
 ///     Content-Length             of all messages
@@ -32,6 +33,10 @@
 ///
 /// Lines of a header end with CR LF; in the client role those of a whole header may end with LF alone.
 ///
+/// A message without a body has its second call with status 0, whatever its type. A response that is sent with neither
+/// length nor coding ends with the connection: no request behind it is read, and a peer that has ended its sending half
+/// is still sent all of it. net_http_finish() ends it.
+///
 /// What is refused with -1:
 ///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart body
 ///                    without a boundary; a NUL in the header; more than 8 blank lines before it
@@ -44,7 +49,7 @@
 ///     body, part  net_http_set_limit(), 8 MiB; downloads and dropped bodies have none
 ///     chunk line  256 bytes, trailers 4096
 ///     input       a header and a body
-///     answers     one; the next request is read when it has gone
+///     answers     16 KiB and one; the next request is read when there is place for its answer
 /// The output queue has no bound. on_drained tells when to queue more.
 ///
 /// Any thread may queue, call net_http_close(), and call what comes before there is a connection. All other calls, and
@@ -88,7 +93,7 @@ struct http_info {
     /// The peer closed the connection, reading failed, or net_http_connect() did.
     void (*on_close)(void* arg, http_ctx* ctx) = nullptr;
     /// A message, or an error. After an error other than -3 nothing more is read, and what comes is dropped.
-    /// @param header, body  valid until the callback returns; null when there is none
+    /// @param header, body  valid until the callback returns, not to be changed; null when there is none
     void (*on_message)(void* arg, http_ctx* ctx, int status, http::header_s* header, const buffer_t* body) = nullptr;
     /// All that was queued has gone to the system.
     void (*on_drained)(void* arg, http_ctx* ctx) = nullptr;
@@ -201,7 +206,8 @@ INET_API void net_http_set_limit(net::http_ctx* ctx, uint32_t bytes) noexcept;
 /// closes its end, too, on_close comes. net_http_close() ends the connection at once.
 INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 
-/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes
+/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes; when
+/// it has ended its sending half, also seconds for which nothing was sent of a response without a length
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
 
 /// Has net_http_close() end the connection with a reset: for a peer that does not read (net::Tcp::give_up()).
@@ -210,6 +216,6 @@ INET_API void net_http_give_up(net::http_ctx* ctx) noexcept;
 /// Bytes of this connection that were given to the system; 0 without a connection.
 INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 
-/// Closes the connection at once, releases the queue and the context, and nulls the pointer. After the call no callback
+/// Closes the connection at once, releases the queue, also what is lent, and the context, and nulls the pointer. After the call no callback
 /// runs. Called inside a callback, none runs after that one has returned, and what it was given stays valid so long.
 INET_API void net_http_close(net::http_ctx*& ctx) noexcept;

@@ -5,6 +5,7 @@
 #include "core/text.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstring>
 #include <utility>
@@ -17,6 +18,7 @@ constexpr uint32_t usual_room = 8192;
 constexpr uint32_t passing_room = 64 * 1024;
 constexpr uint32_t largest_limit = 1U << 30;
 constexpr uint32_t most_blank_lines = 8;
+constexpr size_t most_head = 4096;
 constexpr std::string_view blanks = " \t";
 
 bool begins(std::string_view text, std::string_view with) noexcept {
@@ -32,30 +34,52 @@ std::optional<uint64_t> whole_number(std::string_view text) noexcept {
 
 bool is_control(char c) noexcept { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; }
 
-/// RFC 9110, 5.6.2.
+/// By character: whether a token may have it (RFC 9110, 5.6.2).
+constexpr std::array<bool, 256> token_characters = [] {
+    std::array<bool, 256> may{};
+    for (unsigned char c = 0x21; c < 0x7f; ++c)
+        may[c] = std::string_view("\"(),/:;<=>?@[\\]{}").find(static_cast<char>(c)) == std::string_view::npos;
+    return may;
+}();
+
 bool is_token(std::string_view text) noexcept {
-    const auto is_other = [](char c) { return is_control(c) || (c & 0x80) || std::strchr("\"(),/:;<=>?@[\\]{}", c); };
-    return !text.empty() && std::ranges::none_of(text, is_other);
+    return !text.empty() && std::ranges::all_of(text, [](char c) { return token_characters[static_cast<uint8_t>(c)]; });
 }
 
 bool is_http(const char* protocol) noexcept { return scan::text(protocol).starts_with("HTTP/"); }
 
+/// Whether every line of a head ends with CR LF, has no other CR or LF, and is the first one, a field or the blank one.
+bool has_plain_lines(std::string_view text) noexcept {
+    for (bool first = true; !text.empty(); first = false) {
+        const size_t end = text.find('\r');
+        if (end >= text.size() - 1 || text[end + 1] != '\n') return false;
+        const std::string_view line = text.substr(0, end);
+        if (line.find('\n') != std::string_view::npos) return false;
+        const bool is_folded = !line.empty() && blanks.find(line[0]) != std::string_view::npos;
+        const bool is_no_field = !line.empty() && line.find(':') == std::string_view::npos;
+        if (!first && (is_folded || is_no_field)) return false;
+        text.remove_prefix(end + 2);
+    }
+    return true;
+}
+
 /// Whether two readers of a request could not take it for different messages (RFC 9112, 2.2, 3 and 5).
 bool is_plain(std::string_view text, const header_s& header) noexcept {
-    for (size_t at = 0; (at = text.find_first_of("\r\n", at)) != std::string_view::npos; at += 2) {
-        if (text.substr(at, 2) != "\r\n") return false;
-        std::string_view next = text.substr(at + 2);
-        next = next.substr(0, next.find('\r'));
-        const bool is_folded = !next.empty() && blanks.find(next[0]) != std::string_view::npos;
-        const bool is_no_field = !next.empty() && next.find(':') == std::string_view::npos;
-        if (is_folded || is_no_field) return false;
-    }
+    if (!has_plain_lines(text)) return false;
     const std::string_view target = scan::text(header.uri);
     if (!is_token(scan::text(header.method)) || target.empty() || std::ranges::any_of(target, is_control)) return false;
     if (!is_http(header.protocol)) return false;
     for (value_t* const* field = header.fields; field && *field; ++field)
         if (!is_token((*field)->key)) return false;
     return true;
+}
+
+/// Whether a line of an unfinished head ends with LF alone.
+bool has_bare_end(std::span<const uint8_t> head) noexcept {
+    const auto* const begin = reinterpret_cast<const char*>(head.data());
+    const std::string_view text(begin, std::min<size_t>(head.size(), most_head));
+    const size_t end = text.find('\n');
+    return end != std::string_view::npos && (end == 0 || text[end - 1] != '\r');
 }
 
 struct lengths_t {
@@ -68,18 +92,20 @@ struct lengths_t {
 lengths_t lengths_of(const header_s& header) noexcept {
     lengths_t found;
     for (value_t* const* field = header.fields; field && *field; ++field) {
-        const std::string_view value = scan::trim(scan::text((*field)->value), blanks);
+        const auto value = [&] { return scan::trim(scan::text((*field)->value), blanks); };
         if (scan::same_name((*field)->key, "Content-Length")) {
-            const auto length = whole_number(value);
+            const auto length = whole_number(value());
             found.differ |= !length || (found.length && *found.length != *length);
             if (!found.length) found.length = length;
         } else if (scan::same_name((*field)->key, "Transfer-Encoding")) {
-            found.other_coding |= found.chunked || !scan::same_name(value, "chunked");
+            found.other_coding |= found.chunked || !scan::same_name(value(), "chunked");
             found.chunked = true;
         }
     }
     return found;
 }
+
+bool has_no_body(unsigned status) noexcept { return status == 204 || status == 304; }
 
 std::string_view field_of(const header_s& header, const char* name) noexcept {
     return scan::trim(scan::text(value_geti(header.fields, name)), blanks);
@@ -116,7 +142,7 @@ head_text::head_text(std::string_view in, bool bare_lf) noexcept
 }
 
 message_reader::message_reader(message_owner& owner, const char* file, int line) noexcept
-    : owner_(owner), file_(file), line_(line) {}
+    : owner_(owner), file_(file), line_(line), head_(file, line), part_head_(file, line) {}
 
 message_reader::~message_reader() {
     reset(role_);
@@ -199,12 +225,8 @@ uint32_t message_reader::room() const noexcept {
 
 /// What is known of one message alone. What a call of the owner reads is released when it has returned.
 void message_reader::forget() noexcept {
-    if (calling_ > 0 && header_) {
-        spent_header_ = std::exchange(header_, nullptr);
-        spent_ = std::exchange(decoded_, {});
-    }
-    http_header_free(header_);
-    http_header_free(part_);
+    if (calling_ > 0 && header_) spent_ = std::exchange(decoded_, {});
+    header_ = part_ = nullptr;
     boundary_.reset();
     behind_boundary_ = skipping_ = false;
     searched_ = 0;
@@ -216,9 +238,7 @@ void message_reader::forget() noexcept {
 }
 
 void message_reader::leave_call() noexcept {
-    if (--calling_ > 0) return;
-    http_header_free(spent_header_);
-    core_buf_free(&spent_);
+    if (--calling_ == 0) core_buf_free(&spent_);
 }
 
 /// @return false when the owner has reset or stopped the reader
@@ -251,13 +271,15 @@ message_reader::step_t message_reader::read_head(bytes& in) noexcept {
     for (; in.size() >= 2 && in[0] == '\r' && in[1] == '\n'; in = in.subspan(2))
         if (++blank_lines_ > most_blank_lines) return refuse(http_malformed);
     const head_text head({reinterpret_cast<const char*>(in.data()), in.size()}, role_ == role_t::client);
+    // Its blank line may never come: what ends lines otherwise ends them all so.
+    if (head.size <= 0 && role_ == role_t::server && has_bare_end(in)) return refuse(http_malformed);
     if (head.size == 0) return step_t::more;
     if (head.size < 0) return refuse(http_header_large);
     const std::string_view text = head.text;
     in = in.subspan(static_cast<size_t>(head.size));
     blank_lines_ = 0;
     owner_.on_header_text(text);
-    header_ = http_header_parse(text.data(), static_cast<unsigned>(text.size()), file_, line_);
+    header_ = head_.read(text);
     is_old_ = header_ && (header_->status ? text.starts_with("HTTP/1.0") : scan::text(header_->protocol) == "HTTP/1.0");
     if (!header_ || !is_sound(text)) return refuse(http_malformed);
     if (header_->status >= 100 && header_->status < 200) {  // the response is still to come
@@ -290,7 +312,7 @@ bool message_reader::is_sent_again() noexcept {
 
 void message_reader::judge_framing() noexcept {
     const bool response = role_ == role_t::client;
-    bool no_body = response && (header_->status == 204 || header_->status == 304);
+    bool no_body = response && has_no_body(header_->status);
     if (response && expected_) {
         no_body = no_body || expected_->head;
         to_ = std::move(expected_->to);
@@ -343,7 +365,7 @@ bool message_reader::choose_mode() noexcept {
         if (response && !bodyless_ && framing_ != framing_t::chunked) framing_ = framing_t::close;
         return framing_ == framing_t::none || choose_boundary(type);
     } else {
-        mode_ = bodyless_ || takes_whole(type) ? mode_t::whole : mode_t::unknown;
+        mode_ = framing_ == framing_t::none || takes_whole(type) ? mode_t::whole : mode_t::unknown;
     }
     return true;
 }
@@ -456,6 +478,11 @@ message_reader::step_t message_reader::complete(const buffer_t* body) noexcept {
     forget();
     settled_ = settled;
     return step_t::on;
+}
+
+bool ends_with_connection(const header_s& response) noexcept {
+    const lengths_t found = lengths_of(response);
+    return !found.length && !found.chunked && !has_no_body(response.status);
 }
 
 }  // namespace net::http

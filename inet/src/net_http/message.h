@@ -3,6 +3,7 @@
 
 #include "net_http/chunks.h"
 #include "net_http/download.h"
+#include "net_http/head.h"
 
 #include "core/owned.h"
 #include "inet/net_http.h"
@@ -61,6 +62,9 @@ public:
 private:
     char room_[most];
 };
+
+/// Whether the body of a response ends with the connection: no length is stated, and none follows from its status.
+bool ends_with_connection(const header_s& response) noexcept;
 
 class message_reader {
 public:
@@ -159,7 +163,8 @@ private:
 
     phase_t phase_ = phase_t::head;
     uint32_t blank_lines_ = 0;  ///< before the head
-    header_s* header_ = nullptr;
+    head head_;
+    header_s* header_ = nullptr;  ///< of the message at hand; it is head_'s
     framing_t framing_ = framing_t::none;
     mode_t mode_ = mode_t::whole;
     owes_t owes_ = owes_t::nothing;
@@ -179,17 +184,18 @@ private:
     core::owned_object<expectation> expected_;  ///< of requests that went out, in their order
     expectation* last_expected_ = nullptr;
 
-    // What a call of the owner still reads though the reader was reset inside it.
+    // What a call of the owner still reads though the reader was reset inside it. Nothing is read meanwhile, so that the
+    // heads stay as they are.
     uint32_t calling_ = 0;
-    header_s* spent_header_ = nullptr;
     buf_t spent_;
 
     // A multipart body
-    core::owned_text boundary_;            ///< "--boundary"
-    bool behind_boundary_ = false;         ///< the front stands right behind one
-    bool skipping_ = false;                ///< until the next boundary
-    header_s* part_ = nullptr;             ///< header of the part at the front
-    size_t part_head_ = 0;                 ///< bytes of it
+    core::owned_text boundary_;     ///< "--boundary"
+    bool behind_boundary_ = false;  ///< the front stands right behind one
+    bool skipping_ = false;         ///< until the next boundary
+    head part_head_;
+    header_s* part_ = nullptr;  ///< header of the part at the front; it is part_head_'s
+    size_t part_head_size_ = 0;
     std::optional<uint64_t> part_length_;  ///< what stands behind it, where that is stated
     size_t searched_ = 0;                  ///< bytes at the front in which no boundary begins
 };

@@ -98,7 +98,7 @@ message_reader::step_t message_reader::read_boundary(bytes& from) noexcept {
 
 message_reader::step_t message_reader::leave_part(bytes& from, size_t count, bool at_boundary) noexcept {
     consume(from, count);
-    http_header_free(part_);
+    part_ = nullptr;
     searched_ = 0;
     skipping_ = false;
     behind_boundary_ = at_boundary;
@@ -128,7 +128,7 @@ message_reader::step_t message_reader::read_part_head(bytes& from) noexcept {
     if (end != std::string_view::npos) return leave_part(from, end + boundary.size(), true);
     if (found.size == 0) return step_t::more;
     if (!take_part_head(found.text)) return refuse(http_malformed);
-    part_head_ = searched_ = head.size();
+    part_head_size_ = searched_ = head.size();
     return part_length_.value_or(0) > limit_ ? refuse(http_body_large) : step_t::on;
 }
 
@@ -136,10 +136,7 @@ message_reader::step_t message_reader::read_part_head(bytes& from) noexcept {
 bool message_reader::take_part_head(std::string_view text) noexcept {
     // A part has no start line.
     constexpr std::string_view start = "HTTP/1.1 200 OK\r\n";
-    char whole[start.size() + head_text::most];
-    const std::string_view fields = scan::skip(text, "\r\n");
-    char* const end = std::ranges::copy(fields, std::ranges::copy(start, whole).out).out;
-    part_ = http_header_parse(whole, static_cast<unsigned>(end - whole), file_, line_);
+    part_ = part_head_.read(start, scan::skip(text, "\r\n"));
     if (!part_) return false;
     const std::string_view length = scan::text(value_geti(part_->fields, "Content-Length"));
     uint64_t value = 0;
@@ -150,18 +147,18 @@ bool message_reader::take_part_head(std::string_view text) noexcept {
 
 message_reader::step_t message_reader::read_part(bytes& from) noexcept {
     const bytes there = within(from);
-    const bytes content = there.subspan(part_head_);
+    const bytes content = there.subspan(part_head_size_);
     if (part_length_) {
         const auto length = static_cast<size_t>(*part_length_);
         if (content.size() < length) return step_t::more;
         if (hand_over_part(content.first(length)) == step_t::more) return step_t::more;
-        return leave_part(from, part_head_ + length, false);
+        return leave_part(from, part_head_size_ + length, false);
     }
     const std::string_view boundary = boundary_.get();
     const size_t end = text_of(there).find(boundary, searched_);
     const bool found = end != std::string_view::npos;
-    searched_ = found ? end : std::max(part_head_, there.size() - std::min(there.size(), boundary.size() - 1));
-    const size_t size = searched_ - part_head_;
+    searched_ = found ? end : std::max(part_head_size_, there.size() - std::min(there.size(), boundary.size() - 1));
+    const size_t size = searched_ - part_head_size_;
     if (size > limit_) return refuse(http_body_large);
     if (!found) return step_t::more;
     if (hand_over_part(content.first(size)) == step_t::more) return step_t::more;
