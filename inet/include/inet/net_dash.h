@@ -13,16 +13,17 @@
 ///   - A segment begins at a key picture, and ends at the first one that comes 2 s or more later.
 ///   - Media time counts from the first key picture, whose time is the start of availability. It never runs back: a
 ///     source whose clock was set back goes on where it was. Segments begin and end at whole milliseconds.
-///   - A pause of a live track is an outage when it is longer than 2 s and longer than 3 times the pause before it (the
+///   - A pause of a live track is an outage when it is longer than 5 s and longer than 3 times the pause before it (the
 ///     first one: longer than 15 s). It ends the segment with the usual duration of a picture; the next begins with the
 ///     next key picture. In a range pauses are left out: recordings have holes.
 ///   - The live list holds 15 s and one segment; the oldest goes when a new one comes. The manifest is there once the
 ///     first has gone.
-///   - When the parameter sets of a live track change, which segments do not carry, the context is retired. A new one
-///     takes over at that picture, under a name with a number more. Contexts retired by a source that goes on changing
-///     are 3 at most: until one is released, pictures that do not fit are dropped.
-///   - A range is whole, and its manifest there, when a picture comes from behind its end, when the source says so, when
-///     it is silent for 10 s, or when a bound is reached.
+///   - When the parameter sets of a live track change, which segments do not carry, the context is retired, and a new one
+///     takes over at that picture. Its segments can still be asked for. A track has 3 retired contexts at most: until one
+///     is released, pictures with yet other sets are dropped.
+///   - A range is whole, and its manifest there, when the first of these happens: a picture from behind its end comes,
+///     the source says so, nothing comes for 10 s, the parameter sets change, a file cannot be written, or a bound is
+///     reached.
 ///
 /// Bytes and files: every segment is written to ./temp/NAME/T.m4s, relative to the working directory. The segments of a
 /// live list are served from memory, each for all readers from one block that is freed or used again when the segment

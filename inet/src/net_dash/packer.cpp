@@ -53,7 +53,7 @@ packer::verdict packer::take(const av::frame_t& picture) noexcept {
     if (fcc_unic(picture.fcc) != av::fcc_h264) return verdict::taken;
     const bool key = picture.key != 0;
     if (!list_.opening() && !(key && open(picture))) return verdict::taken;
-    if (most_bytes_ > 0 && list_.written() + held_ > most_bytes_) return verdict::full;
+    if (is_full_ || (most_bytes_ > 0 && list_.written() + held_ > most_bytes_)) return verdict::full;
     const bool changed = key && sets_differ(picture);
     const media_clock::moment at = clock_.take(picture.time, key);
     now_ = clock_.base() + at.time - core_timer();
@@ -106,6 +106,8 @@ void packer::cut(uint64_t end) noexcept {
         if (av_mp4_moof(&free_->bytes, in_order_.data(), base, base + end, made.sequence, CORE_HERE) &&
             list_.append(made, free_))
             sequence_ = made.sequence;
+        else
+            is_full_ = most_bytes_ > 0;
     } catch (const std::bad_alloc&) {
         core_con_printf(1, "dash: no free segment");
     }

@@ -20,7 +20,7 @@ public:
     packer(const packer&) = delete;
     packer& operator=(const packer&) = delete;
 
-    /// @return full when the files take no more. changed when the picture has other parameter sets than the init
+    /// @return full when the files of a range take no more. changed when the picture has other parameter sets than the init
     /// segment: what came before is then cut, and the picture was not taken.
     verdict take(const av::frame_t& picture) noexcept;
     /// Cuts what is left.
@@ -47,6 +47,7 @@ private:
     uint64_t held_ = 0;                    ///< their bytes
     uint64_t first_ = 0;                   ///< media time of the first, not rounded
     bool wants_key_ = true;
+    bool is_full_ = false;
     uint32_t sequence_ = 0;
     block_hold free_;  ///< to write the next fragment into
     struct scratch : buf_t {

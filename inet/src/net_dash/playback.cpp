@@ -62,7 +62,7 @@ bool succeed(dash_ctx& ctx, const av::frame_t& key) noexcept {
     }
     if (made) {
         next->pack.take(key);
-        next->is_failed = !play(*next);
+        if (!play(*next)) next->is_failed = next->is_retired = true;
         next->is_open = true;
     }
     net_dash_close(next);

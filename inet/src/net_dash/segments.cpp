@@ -99,7 +99,7 @@ bool segment_list::write(const char* path, const buf_t& bytes) noexcept {
 /// The record of the next segment, at the end of the list: that of the oldest when there are enough.
 segment* segment_list::take_record() noexcept {
     if (!in_files_ && total_ > window_ms) {
-        std::ranges::rotate(segments_, segments_.begin() + 1);
+        std::rotate(segments_.begin(), segments_.begin() + 1, segments_.end());
         ready_ = true;
         total_ -= segments_.back()->d;
         return segments_.back();
