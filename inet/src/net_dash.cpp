@@ -2,7 +2,6 @@
 
 #include "lifecycle.h"
 #include "net_dash/contexts.h"
-#include "net_dash/manifest.h"
 
 #include "core/time.h"
 #include "core/value.h"

@@ -111,6 +111,10 @@ bool play(dash_ctx& ctx) noexcept;
 void stop_playing(dash_ctx& ctx) noexcept;
 void remove_files(dash_ctx& ctx) noexcept;
 
+/// The MPD; null when there is none yet, or memory is out. May throw std::bad_alloc.
+char* make_manifest(dash_ctx& ctx, const char* file, int line);
+dash_property_t describe(const dash_ctx& ctx) noexcept;
+
 /// One pass of the guard: releases what nobody uses, and ends ranges.
 void sweep() noexcept;
 void start_guard() noexcept;
