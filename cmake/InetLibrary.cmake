@@ -83,3 +83,16 @@ if(NOT WIN32)
         install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
     endforeach()
 endif()
+
+# inet_add_module(NAME SOURCE...): a module of graphs, which core_dll_open() finds by its name in the folder inet-modules
+# beside the library. The target is inet_module_NAME.
+function(inet_add_module name)
+    set(target inet_module_${name})
+    add_library(${target} MODULE ${ARGN})
+    target_link_libraries(${target} PRIVATE inet_compile_options inet)
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name} INSTALL_RPATH "$ORIGIN/.."
+        LIBRARY_OUTPUT_DIRECTORY $<TARGET_FILE_DIR:inet>/inet-modules)
+    if(WIN32)
+        set_target_properties(${target} PROPERTIES PREFIX "")
+    endif()
+endfunction()

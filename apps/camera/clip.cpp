@@ -2,10 +2,8 @@
 
 #include "program.h"
 
-#include "avc/access_units.h"
 #include "avc/fcc.h"
 #include "avc/jpeg.h"
-#include "common/h264.h"
 #include "core/file.h"
 #include "core/memory.h"
 
@@ -13,8 +11,6 @@
 #include <bit>
 #include <cstring>
 #include <filesystem>
-#include <new>
-#include <numeric>
 #include <span>
 #include <stdexcept>
 #include <string_view>
@@ -23,7 +19,9 @@
 namespace camera {
 namespace {
 
-constexpr size_t largest_file = 512u << 20;
+using apps::file_bytes;
+using apps::make_frame;
+
 constexpr pace still_pictures{5, 1};
 constexpr pace detector_reports{5, 1};
 constexpr uint32_t audio_rate = 8000;
@@ -39,132 +37,6 @@ constexpr uint8_t mulaw_encode(int16_t sample) {
     const int segment = static_cast<int>(std::bit_width(static_cast<unsigned>(magnitude))) - 8;
     const int mantissa = magnitude >> (segment + 3) & 0x0f;
     return static_cast<uint8_t>(~(sign | segment << 4 | mantissa));
-}
-
-struct mfree {
-    void operator()(uint8_t* block) const { core_mfree(block); }
-};
-
-/// A whole file in memory.
-class file_bytes {
-public:
-    explicit file_bytes(const std::string& path)
-        : data_(core_file_load(path.c_str(), largest_file, &size_, CORE_HERE)) {
-        if (!data_) throw std::runtime_error("cannot read " + path);
-    }
-    std::span<const uint8_t> bytes() const { return {data_.get(), size_}; }
-    buffer_t buffer() const { return {data_.get(), static_cast<uint32_t>(size_)}; }
-    std::string_view text() const { return {reinterpret_cast<const char*>(data_.get()), size_}; }
-
-private:
-    size_t size_ = 0;
-    std::unique_ptr<uint8_t, mfree> data_;
-};
-
-frame_ptr make_frame(uint32_t fcc, std::span<const uint8_t> bytes) {
-    frame_ptr frame(avc_frame_create(fcc, 0, bytes.data(), static_cast<uint32_t>(bytes.size()), CORE_HERE));
-    if (!frame) throw std::bad_alloc();
-    return frame;
-}
-
-/// Pictures a second by the timing information of the stream (two fields a picture), 25 without.
-pace video_pace(std::span<const uint8_t> stream) {
-    std::span<const uint8_t> sps;
-    std::span<const uint8_t> pps;
-    h264_info_t info{};
-    if (!h264_parse(stream, &sps, &pps, &info) || !info.num_units_in_tick || !info.time_scale) return {25, 1};
-    const uint64_t frames = info.time_scale;
-    const uint64_t seconds = 2ull * info.num_units_in_tick;
-    const uint64_t common = std::gcd(frames, seconds);
-    // Beyond 1 to 240 pictures a second the information is nonsense.
-    if (frames < seconds || frames > 240 * seconds) return {25, 1};
-    return {frames / common, seconds / common};
-}
-
-/// Where each picture stands among those that are shown (ITU-T H.264, 8.2.1): an IDR picture and what follows it up to
-/// the next one change places only with each other.
-class display_order {
-public:
-    void add(const av::frame_t& picture);
-    std::vector<size_t> places() &&;
-
-private:
-    void end_sequence();
-
-    h264_info_t sps_{};
-    std::vector<std::pair<int64_t, size_t>> sequence_;  ///< order of display and of decoding, from the last IDR on
-    std::vector<size_t> places_;
-    int64_t reference_ = 0;  ///< order of the last picture that others build on
-    int64_t previous_ = 0;
-};
-
-void display_order::add(const av::frame_t& picture) {
-    const std::span bytes(picture.data, picture.size);
-    const auto slices = h264_first_slice(bytes);
-    h264_parse_sps(h264_find(bytes.first(bytes.size() - slices.size()), h264_sps), &sps_);
-    h264_slice_t slice{};
-    h264_parse_slice(slices, sps_, &slice);
-    if (slice.idr) {
-        end_sequence();
-        reference_ = previous_ = 0;
-    }
-    int64_t order = previous_ + 1;  // of the types whose order is that of decoding
-    if (sps_.picture_order_type == 0) {
-        const int64_t range = int64_t{1} << sps_.log2_max_picture_order;
-        const int64_t low = reference_ & (range - 1);
-        order = reference_ - low + slice.picture_order;
-        if (order - reference_ > range / 2) order -= range;
-        if (reference_ - order >= range / 2) order += range;
-    } else if (sps_.picture_order_type == 1 && slice.b) {
-        throw std::runtime_error("its B-pictures have an order that is not read");
-    }
-    if (slice.reference) reference_ = order;
-    previous_ = order;
-    sequence_.emplace_back(order, sequence_.size());
-}
-
-void display_order::end_sequence() {
-    std::ranges::stable_sort(sequence_);
-    const size_t begin = places_.size();
-    places_.resize(begin + sequence_.size());
-    for (size_t i = 0; i < sequence_.size(); ++i)
-        places_[begin + sequence_[i].second] = begin + i;
-    sequence_.clear();
-}
-
-std::vector<size_t> display_order::places() && {
-    end_sequence();
-    return std::move(places_);
-}
-
-/// What makes a file that can be played of another one.
-std::string conversion_of(const std::string& path) {
-    const std::filesystem::path made = apps::utf8_path(path).replace_extension(".h264");
-    return "; try: ffmpeg -i " + path + " -an -c:v libx264 " + apps::utf8_text(made);
-}
-
-track load_video(const std::string& path) {
-    const file_bytes file(path);
-    std::vector<frame_ptr> pictures;
-    av::AccessUnits units(CORE_HERE);
-    const auto keep = [](void* arg, buffer_t unit) {
-        static_cast<std::vector<frame_ptr>*>(arg)->push_back(make_frame(av::fcc_h264, {unit.data, unit.size}));
-    };
-    units.take(file.buffer(), keep, &pictures);
-    units.end(keep, &pictures);
-    if (pictures.empty() || !pictures.front()->key)
-        throw std::runtime_error(path + ": no H.264 stream in Annex B form that begins with a key picture" +
-                                 conversion_of(path));
-    display_order order;
-    try {
-        for (const frame_ptr& each : pictures)
-            order.add(*each);
-    } catch (const std::runtime_error& reason) {
-        throw std::runtime_error(path + ": " + reason.what() + conversion_of(path) + " with -bf 0");
-    }
-    track result(std::move(pictures), video_pace(file.bytes()));
-    result.set_order(std::move(order).places());
-    return result;
 }
 
 uint32_t little_endian(std::span<const uint8_t> bytes, size_t at, size_t count) {
@@ -260,10 +132,10 @@ track load_reports(const std::string& path) {
     return {std::move(reports), detector_reports};
 }
 
-/// Where the bundled clip lies: beside the installed program, or in the tree the program was built from.
+/// Where the bundled clip lies: beside the installed library, or in the tree the program was built from.
 std::string bundled_directory() {
-    const std::unique_ptr<char, decltype(&core_mfree)> program(lib_path(CORE_HERE), &core_mfree);
-    const std::filesystem::path installed = apps::utf8_path(program ? program.get() : ".") / INET_CLIP_INSTALL_DIR;
+    const std::unique_ptr<char, decltype(&core_mfree)> library(lib_path(CORE_HERE), &core_mfree);
+    const std::filesystem::path installed = apps::utf8_path(library ? library.get() : ".") / INET_CLIP_INSTALL_DIR;
     std::error_code ignored;
     return std::filesystem::exists(installed, ignored) ? apps::utf8_text(installed) : INET_CLIP_BUILD_DIR;
 }
@@ -288,7 +160,7 @@ clip load(options wanted) {
     }
     clip result;
     channel live{"live", {}};
-    if (!wanted.video.empty()) live.tracks.push_back(load_video(wanted.video));
+    if (!wanted.video.empty()) live.tracks.push_back(apps::load_film(wanted.video));
     if (!wanted.audio.empty()) live.tracks.push_back(load_audio(wanted.audio));
     if (!wanted.analytics.empty()) live.tracks.push_back(load_reports(wanted.analytics));
     if (!live.tracks.empty()) result.channels.push_back(std::move(live));
@@ -301,15 +173,6 @@ clip load(options wanted) {
 }
 
 }  // namespace
-
-void track::set_order(const std::vector<size_t>& places) {
-    size_t furthest = 0;
-    for (size_t i = 0; i < places.size(); ++i)
-        furthest = std::max(furthest, i - std::min(i, places[i]));
-    for (size_t i = 0; i < places.size(); ++i)
-        frames_[i]->shown_after = static_cast<uint32_t>(time(places[i] + furthest) - time(i));
-    delay_ = time(furthest);
-}
 
 std::optional<clip> load_clip(const options& wanted, std::string& error) {
     try {

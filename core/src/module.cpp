@@ -34,9 +34,12 @@ owned_library open_bare(const char* name, const char* file, int line) noexcept {
                  : core_sprintf(file, line, "%s%s%s", platform::library_prefix, name, platform::library_suffix));
     if (!full) return {};
     const core::owned_text directory(lib_path(file, line));
-    if (directory) {
+    constexpr const char* folders[] = {"inet-modules", "."};
+    for (const char* folder : folders) {
+        const char slash = platform::path_separators[0];
         const core::owned_text beside(
-            core_sprintf(file, line, "%s%c%s", directory.get(), platform::path_separators[0], full.get()));
+            directory ? core_sprintf(file, line, "%s%c%s%c%s", directory.get(), slash, folder, slash, full.get())
+                      : nullptr);
         owned_library library(beside ? platform::open_library(beside.get()) : nullptr);
         if (library) return library;
     }

@@ -4,6 +4,7 @@
 
 #include "avc/fcc.h"
 #include "avc/mp4.h"
+#include "avc/mp4_reader.h"
 #include "common/h264.h"
 
 #include <gtest/gtest.h>
@@ -82,6 +83,53 @@ TEST(Mp4, GivesBackTheNalUnitsAndTimesThatWentIn) {
                   test::run("ffmpeg -v error -xerror -i " + stream + pixels));
         const auto pps = h264_find(test::bytes_of(source), h264_pps);
         EXPECT_NE(file.find(std::string(pps.begin(), pps.end()) + extension + "\0\0\0\x10stts"s), file.npos);
+    }
+}
+
+uint32_t read_at(void* arg, uint64_t position, void* data, uint32_t size) {
+    const auto& file = *static_cast<const std::string*>(arg);
+    return position < file.size() ? static_cast<uint32_t>(file.copy(static_cast<char*>(data), size, position)) : 0;
+}
+
+/// Track, times, flags and size of each packet, as ffprobe prints them, in the order of the tracks.
+std::string packets_of(std::string file) {
+    std::string tracks[2];
+    av::Mp4Reader film(CORE_HERE);
+    EXPECT_EQ(film.open({read_at, &file}), 1);
+    while (film.next_fragment() == 1 && film.load() == 1) {
+        av::mp4_taken_t taken{};
+        while (film.next(taken)) {
+            const av::mp4_track_t& track = film.tracks()[taken.track];
+            const bool has_sets = taken.key && track.fcc == av::fcc_h264;
+            std::ostringstream line;
+            line << taken.track << '|' << static_cast<int64_t>(taken.time) + taken.shown_after << '|' << taken.time
+                 << '|' << taken.data.size() - (has_sets ? track.config.size() : 0) << (taken.key ? "|K_\n" : "|__\n");
+            tracks[taken.track] += line.str();
+        }
+    }
+    return tracks[0] + tracks[1];
+}
+
+TEST(Mp4Reader, ReadsWhatFfmpegWrites) {
+    for (const char* flags : {"frag_keyframe+empty_moov", "frag_keyframe+empty_moov+default_base_moof",
+                              "frag_every_frame+empty_moov+omit_tfhd_offset"}) {
+        SCOPED_TRACE(flags);
+        const test::scratch dir;
+        const std::string clip = dir / "clip.mp4";
+        test::run(
+            "ffmpeg -v error -f lavfi -i testsrc=size=322x178:rate=25 -f lavfi -i sine=sample_rate=44100 -t 3 "
+            "-c:v libx264 -g 20 -bf 2 -c:a aac -movflags "s +
+            flags + " " + clip);
+        const std::string probe =
+            "ffprobe -v error -of csv=p=0:s='|' -show_entries packet=stream_index,pts,dts,size,flags";
+        std::string expected;
+        // Whether a packet is to be shown is another matter.
+        for (const char* track : {" -select_streams v ", " -select_streams a "})
+            expected += test::run(probe + track + clip + " | tr D _");
+        EXPECT_EQ(packets_of(test::read_file(clip)), expected);
+        // Cut short, it gives what is whole of it.
+        const std::string part = test::read_file(clip).substr(0, 20000);
+        EXPECT_TRUE(expected.starts_with(packets_of(part).substr(0, 200)));
     }
 }
 

@@ -168,7 +168,7 @@ TEST_F(NetDash, FollowsChangedParameterSets) {
 }
 
 TEST_F(NetDash, ServesRangesFromTheirFiles) {
-    constexpr param_t end[] = {{"event", "end"}, {}};
+    constexpr param_t end[] = {{"end", int64_t{0}}, {}};
     const struct {
         const char* what;
         std::string pictures;

@@ -33,6 +33,8 @@ if (($(wc -l <"$work/consumer/camera.cpp") > 40 || $(wc -l <"$work/consumer/watc
     echo "an example is too long to be read at once"
     exit 1
 fi
+awk '/^```cpp/ {inside = 1; next} /^```/ {inside = 0} inside' "$source_dir/docs/modules.md" >"$work/consumer/heartbeat.cpp"
+cmp "$work/consumer/heartbeat.cpp" "$source_dir/examples/modules/heartbeat.cpp"
 clip=$source_dir/apps/camera/clip/clip.h264
 # A player begins with one of the key pictures.
 ffmpeg -nostdin -loglevel error -i "$clip" -vf "select='eq(pict_type,I)'" -fps_mode passthrough "$work/key%d.png"
@@ -81,3 +83,6 @@ for program in inet-camera inet-viewer; do
     "${run[@]}" "$tree/bin/$program$exe" --help >/dev/null
 done
 [[ -f $tree/share/inet/clip/clip.h264 ]]
+for module in media reader; do
+    [[ -n $(find "$tree" -path "*/inet-modules/*$module.*") ]]
+done

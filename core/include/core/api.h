@@ -1,4 +1,5 @@
-/// Macros of all libraries: INET_API exports, INET_PRINTF checks a format, CORE_HERE names the line of a call.
+/// Macros of all libraries: INET_API exports, INET_PLUGIN exports from a module, INET_PRINTF checks a format, CORE_HERE
+/// names the line of a call.
 #pragma once
 
 #if defined(_WIN32) && defined(INET_SHARED_BUILD)
@@ -10,6 +11,13 @@
 #else
 /// Marks a function or class as part of the exported interface; everything else stays inside the shared library.
 #define INET_API __attribute__((visibility("default")))
+#endif
+
+#if defined(_WIN32)
+#define INET_PLUGIN extern "C" __declspec(dllexport)
+#else
+/// Marks a function that a module of a graph (inet/net_graph.h) exports by its plain name.
+#define INET_PLUGIN extern "C" __attribute__((visibility("default")))
 #endif
 
 #if defined(__MINGW32__)

@@ -13,7 +13,7 @@ struct dll_entry_t {
 
 /// Loads a library and looks entry points up. `name` is a path, which is taken as it is, or a bare name ("reader"). A
 /// bare name is completed as the system does ("libreader.so", "reader.dll"), unless it is complete ("libm.so.6"). It is
-/// sought beside this library first, then where the system looks.
+/// sought in the folder "inet-modules" beside this library, then beside it, then where the system looks.
 /// @param entries  ends with a null name; may be null
 /// @return the handle; null when memory is out, when the library cannot be loaded, or when it lacks an entry. A missing
 /// entry is then null, and the other entries may not be called. Close with core_dll_close().

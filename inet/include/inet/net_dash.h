@@ -5,7 +5,7 @@
 /// Where the pictures come from, by the track's key texts:
 ///     live    "key1_key2_key3_key4": lists with an entry "frame" (avc_frame_parse()). "key1_key2_key3" is woken
 ///     range   "key1_key2_#_dash_NAME_key4", played by a graph (net::Graph::add_archive() of key2) at speed 100000.
-///             A list with the text entry "event" = "end" says that nothing more comes
+///             A list with an entry "end" says that nothing more comes
 /// They are packed on the thread that puts them, which waits while a file is written: a thread of its own, not a
 /// network thread.
 ///

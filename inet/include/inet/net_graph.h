@@ -3,13 +3,13 @@
 /// those that share a track exchange frames over the profile bus (core/profile.h). docs/modules.md tells how to write a
 /// module.
 ///
-/// A module exports three functions with C linkage:
+/// A module exports three functions with C linkage, marked INET_PLUGIN:
 ///     plugin_open     makes an instance of the list's text entry "json"; null refuses
 ///     plugin_exec     takes one text entry, "start" or "stop", with the value "1"; a negative number is a failure, for
 ///                     which Graph::strerr() has a text
 ///     plugin_close    ends the instance. It was stopped before. None of its threads may run when it returns, since the
 ///                     library is unloaded
-/// The three run on the thread that drives the graph.
+/// The three run on the thread that drives the graph. A module that refuses or fails says why with net_graph_reason().
 #pragma once
 
 #include "core/api.h"
@@ -17,18 +17,14 @@
 #include "core/param.h"
 #include "inet/net_fish.h"
 
-#if defined(_WIN32)
-#define INET_PLUGIN extern "C" __declspec(dllexport)
-#else
-/// Marks the three functions of a module.
-#define INET_PLUGIN extern "C" __attribute__((visibility("default")))
-#endif
-
 extern "C" {
 typedef void* plugin_open_fn(const param_t* params);
 typedef int plugin_exec_fn(void* instance, const param_t* params);
 typedef void plugin_close_fn(void* instance);
 }
+
+/// For modules: why the call that runs fails, in one line of at most 300 bytes. It becomes a part of the graph's message.
+INET_PRINTF(1, 2) INET_API void net_graph_reason(const char* format, ...) noexcept;
 
 namespace net {
 

@@ -5,7 +5,7 @@
 #include "core/param.h"
 #include "core/time.h"
 
-#include <cstring>
+#include <string_view>
 
 namespace net::dash {
 
@@ -89,9 +89,8 @@ void on_recorded(void* arg, profile_ctx*, profile_event_t event, const param_t* 
     auto& ctx = *static_cast<dash_ctx*>(arg);
     if (event != profile_put || ctx.is_over) return;
     ctx.last_put = core_timer();
-    const char* const told = param_get_text(params, "event");
     const av::frame_t* const picture = frame_of(event, params);
-    const bool is_end = told && std::strcmp(told, "end") == 0;
+    const bool is_end = param_find(params, "end") != nullptr;
     if (is_end || (picture && picture->time > ctx.end)) return end_range(ctx);
     if (picture && ctx.pack.take(*picture) != packer::verdict::taken) end_range(ctx);
 }

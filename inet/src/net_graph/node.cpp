@@ -3,7 +3,23 @@
 #include "report.h"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <utility>
+
+namespace {
+
+/// What the module that this thread calls has said.
+thread_local char reason[300];
+
+}  // namespace
+
+void net_graph_reason(const char* format, ...) noexcept {
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(reason, sizeof reason, format, args);
+    va_end(args);
+}
 
 namespace graph {
 
@@ -21,8 +37,9 @@ bool node::open(const char* json, core::place where) noexcept {
     exec_ = reinterpret_cast<plugin_exec_fn*>(entries[1].function);
     close_ = reinterpret_cast<plugin_close_fn*>(entries[2].function);
     const param_t params[] = {{"json", json}, {}};
+    *reason = '\0';
     instance_ = reinterpret_cast<plugin_open_fn*>(entries[0].function)(params);
-    if (!instance_) net::report("module '%s' refuses its settings", module());
+    if (!instance_) net::report("module '%s' refuses its settings%s%s", module(), *reason ? ": " : "", reason);
     return instance_ != nullptr;
 }
 

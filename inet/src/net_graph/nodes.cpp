@@ -1,6 +1,7 @@
 // The nodes that a graph knows, each with its module and its document.
 #include "net_fish/fill.h"
 #include "net_graph/graph.h"
+#include "report.h"
 
 #include "core/json.h"
 #include "core/profile.h"
@@ -68,7 +69,10 @@ bool Graph::add_archive(const cinfo_t__* node, const char* source) noexcept {
         return add_archive_reader(node, node ? node->key1 : nullptr, source, nullptr, nullptr);
     const row server(tab_sources, source);
     const char* host = server.text("host");
-    if (!host || !*host || !server.text("id")) return false;
+    if (!host || !*host || !server.text("id")) {
+        report("nobody holds the archive of '%s'", source);
+        return false;
+    }
     return add_archive_zelt54(node, host, server.setting("port"), server.number("id"), false);
 }
 

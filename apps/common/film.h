@@ -1,0 +1,78 @@
+// Frames that repeat for ever without a jump in time, and the film of an H.264 file.
+#pragma once
+
+#include "avc/frame.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace apps {
+
+/// A whole file in memory, of at most 512 MiB. Throws std::runtime_error.
+class file_bytes {
+public:
+    explicit file_bytes(const std::string& path);
+    std::span<const uint8_t> bytes() const { return {data_.get(), size_}; }
+    std::string_view text() const { return {reinterpret_cast<const char*>(data_.get()), size_}; }
+
+private:
+    struct mfree {
+        void operator()(uint8_t* block) const;
+    };
+
+    size_t size_ = 0;
+    std::unique_ptr<uint8_t, mfree> data_;
+};
+
+struct frame_deleter {
+    void operator()(av::frame_t* frame) const { avc_frame_need(frame); }
+};
+using frame_ptr = std::unique_ptr<av::frame_t, frame_deleter>;
+
+/// A length of time that a whole number of frames fills evenly.
+struct pace {
+    uint64_t frames = 1;   ///< frames ...
+    uint64_t seconds = 1;  ///< ... in so many seconds
+};
+
+/// Frames of one format that follow each other at an even pace, the first after the last again.
+class track {
+public:
+    track(std::vector<frame_ptr> frames, pace rate) : frames_(std::move(frames)), rate_(rate) {}
+
+    /// Pictures that are shown in another order. @param places  of each picture among those that are shown
+    void set_order(const std::vector<size_t>& places);
+    /// Microseconds from the decoding of a picture to its display, where it keeps its place.
+    uint64_t delay() const { return delay_; }
+
+    const av::frame_t& frame(uint64_t number) const { return *frames_[number % frames_.size()]; }
+    size_t size() const { return frames_.size(); }
+
+    /// Microseconds from the start of playing to a frame. Counted from the start each time, so that no rounding adds
+    /// up.
+    uint64_t time(uint64_t number) const {
+        const uint64_t whole = number / rate_.frames;
+        return (whole * rate_.seconds * 1'000'000) + (number % rate_.frames) * rate_.seconds * 1'000'000 / rate_.frames;
+    }
+
+    uint32_t fcc() const { return frames_.front()->fcc; }
+
+private:
+    std::vector<frame_ptr> frames_;
+    pace rate_;
+    uint64_t delay_ = 0;
+};
+
+/// @return a frame of time 0; throws std::bad_alloc
+frame_ptr make_frame(uint32_t fcc, std::span<const uint8_t> bytes);
+
+/// The pictures of an H.264 file in Annex B form. Throws std::runtime_error with a reason that names the file and tells
+/// what helps.
+/// @param per_second  pictures a second; 0 for what the stream tells, or 25 where it tells nothing
+track load_film(const std::string& path, uint32_t per_second = 0);
+
+}  // namespace apps
