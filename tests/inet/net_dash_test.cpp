@@ -177,7 +177,7 @@ TEST_F(NetDash, ServesRangesFromTheirFiles) {
     } cases[] = {
         {"not whole", "K0 p1000 K2000 p9000 K10000", false, ""},
         {"a picture behind the end", "K0 p1000 K2000 p3000 K10000.001", false, "0+2000 2000+2000 "},
-        {"said to end", "K0 p40 K2000 p2040", true, "0+2000 2000+80 "},
+        {"said to end; begins early", "K-4000 p-1 K-9 p1 K1991 p2040", true, "0+2000 2000+98 "},
         {"a hole", "K0 p40 K8000 p8040 K10000", true, "0+2080 2080+1960 "},
         {"parameter sets change", "K0 p40 K2000 p2040 C3000 K5000", false, "0+2000 2000+1000 "},
     };

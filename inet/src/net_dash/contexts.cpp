@@ -14,7 +14,7 @@ net::dash_ctx::dash_ctx(dash::track of, uint64_t from, uint64_t to) noexcept
       last_access(time_now() / dash::us_per_second),
       last_put(core_timer()),
       segments(directory, from != 0),
-      pack(segments, from != 0 ? dash::most_range_bytes : 0) {}
+      pack(segments, from, dash::most_range_bytes) {}
 
 net::dash_ctx::~dash_ctx() = default;
 

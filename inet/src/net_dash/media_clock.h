@@ -50,6 +50,9 @@ public:
         return now;
     }
 
+    /// The next picture is the first.
+    void restart() noexcept { *this = media_clock(gapless_); }
+
     uint64_t base() const noexcept { return base_; }
     uint64_t last() const noexcept { return last_; }
     /// Where the last picture ends when none follows, in whole milliseconds.
@@ -66,7 +69,7 @@ private:
     static constexpr uint64_t longest_usual = 5 * us_per_second;
     static constexpr uint64_t without_any = 40 * us_per_ms;  ///< duration of a picture before a second one has come
 
-    const bool gapless_;
+    bool gapless_;
     bool started_ = false;
     uint64_t base_ = 0;
     uint64_t offset_ = 0;

@@ -53,8 +53,12 @@ packer::verdict packer::take(const av::frame_t& picture) noexcept {
     if (fcc_unic(picture.fcc) != av::fcc_h264) return verdict::taken;
     const bool key = picture.key != 0;
     if (!list_.opening() && !(key && open(picture))) return verdict::taken;
-    if (is_full_ || (most_bytes_ > 0 && list_.written() + held_ > most_bytes_)) return verdict::full;
+    if (is_full_ || (from_ > 0 && list_.written() + held_ > most_bytes_)) return verdict::full;
     const bool changed = key && sets_differ(picture);
+    if (key && picture.time <= from_) {
+        drop();
+        clock_.restart();
+    }
     const media_clock::moment at = clock_.take(picture.time, key);
     now_ = clock_.base() + at.time - core_timer();
     if (at.outage) {
@@ -101,13 +105,15 @@ void packer::cut(uint64_t end) noexcept {
         if (!free_) throw std::bad_alloc();
         free_->bytes.length = 0;
         const uint64_t start = pictures_.front().time - base;
-        const fragment made{
-            .t = start / us_per_ms, .d = static_cast<uint32_t>((end - start) / us_per_ms), .sequence = sequence_ + 1};
+        const fragment made{.t = start / us_per_ms,
+                            .d = static_cast<uint32_t>((end - start) / us_per_ms),
+                            .sequence = sequence_ + 1,
+                            .base = base};
         if (av_mp4_moof(&free_->bytes, in_order_.data(), base, base + end, made.sequence, CORE_HERE) &&
             list_.append(made, free_))
             sequence_ = made.sequence;
         else
-            is_full_ = most_bytes_ > 0;
+            is_full_ = from_ > 0;
     } catch (const std::bad_alloc&) {
         core_con_printf(1, "dash: no free segment");
     }

@@ -146,7 +146,7 @@ bool segment_list::append(const fragment& cut, block_hold& bytes) noexcept {
             std::memcpy(gone, record->path, sizeof gone);
             free = in_files_ ? another(bytes) : std::move(record->held);
             fill(*record, cut, std::move(bytes));
-            tell(*record, opening()->base);
+            tell(*record, cut.base);
         }
     }
     if (gone[0]) core_fremove(gone);

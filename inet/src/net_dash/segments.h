@@ -49,6 +49,7 @@ struct fragment {
     uint64_t t;
     uint32_t d;
     uint32_t sequence;
+    uint64_t base;  ///< microseconds UTC that count as 0
 };
 
 /// What a manifest says of the list.
