@@ -56,6 +56,7 @@ struct packed {
             avc_frame_need(frame);
         }
         profile_close(track);
+        core_mfree(net_dash_manifest(context, CORE_HERE));  // what it lists can be asked for
         for (const net::dash_timeline* pair = net_dash_times(context); pair && pair->d; ++pair)
             names.push_back(std::to_string(pair->t) + ".m4s");
     }

@@ -69,6 +69,7 @@ TEST_F(NetDash, ListsAWindowOf15Seconds) {
     const std::string first(reinterpret_cast<const char*>(held.info.data), held.info.size);
     EXPECT_EQ(test::read_file("temp/cam-0-0/0.m4s"), first);
     put_seconds(18, 32);
+    EXPECT_EQ(bytes(ctx, "28000.m4s"), "");  // no manifest has listed it
     EXPECT_EQ(times(ctx), "14000+2000 16000+2000 18000+2000 20000+2000 22000+2000 24000+2000 26000+2000 28000+2000 ");
     EXPECT_FALSE(std::filesystem::exists("temp/cam-0-0/0.m4s"));
     EXPECT_EQ(bytes(ctx, "0.m4s"), "");
@@ -81,6 +82,7 @@ TEST_F(NetDash, ListsAWindowOf15Seconds) {
           "\n           <S d=\"2000\" t=\"14000\"/>", "avc1.42000d", "id=\"vcam-0-0\"", "width=\"320\""})
         EXPECT_NE(mpd.find(part), mpd.npos) << part << " in " << mpd;
 
+    EXPECT_NE(bytes(ctx, "28000.m4s"), "");
     const net::dash_segment* segment = net_dash_segment_video(ctx, "14000.m4s");
     ASSERT_NE(segment, nullptr);
     EXPECT_STREQ(segment->path, "./temp/cam-0-0/14000.m4s");

@@ -33,7 +33,7 @@
 /// thread of the library does that.
 ///
 /// Bounds:
-///     contexts            64, of which 8 are ranges
+///     contexts            256, of which 8 are ranges
 ///     length of a range   1 hour, 1 GiB of files; what lies behind is left out
 ///     pictures of a segment that is not cut yet   64 MiB and 60 s; then all are dropped up to the next key picture
 ///     id of a track       64 letters, digits, '.', '_' and '-'
@@ -145,7 +145,8 @@ INET_API void net_dash_segment_close(net::dash_ctx* ctx, const net::dash_segment
 INET_API net::dash_info net_dash_segment_info(const net::dash_ctx* ctx, const net::dash_segment* segment) noexcept;
 
 /// A share of a segment, or of the init segment, by name. No lock is held after the call. Of a live context nothing is
-/// copied; of a range the file is read.
+/// copied; of a range the file is read. A live segment is there once a manifest has listed it: players that ask for what
+/// is not listed yet, as ffmpeg does, lose their place when they get it.
 /// @return 1; 0 when there is none, its file cannot be read, or memory is out
 INET_API int net_dash_share(net::dash_ctx* ctx, const char* name, net::dash_share* out) noexcept;
 /// Ends a share by its `owner`; null is ignored. It fits net_http_send_share().

@@ -14,7 +14,7 @@
 
 namespace net::dash {
 
-inline constexpr size_t most_contexts = 64;
+inline constexpr size_t most_contexts = 256;
 inline constexpr size_t most_ranges = 8;
 inline constexpr size_t most_retired = 3;  ///< of one track
 inline constexpr uint64_t most_range_bytes = 1ULL << 30;

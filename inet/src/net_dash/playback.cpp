@@ -22,9 +22,10 @@ const av::frame_t* frame_of(profile_event_t event, const param_t* params) noexce
 core::string joined(std::initializer_list<std::string_view> keys) {
     core::string out;
     for (const std::string_view key : keys) {
-        if (!out.empty()) out += '_';
         out += key;
+        out += '_';
     }
+    out.pop_back();
     return out;
 }
 
