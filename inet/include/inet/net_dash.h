@@ -14,8 +14,8 @@
 ///   - Media time counts from the first key picture, whose time is the start of availability. It never runs back: a
 ///     source whose clock was set back goes on where it was. Segments begin and end at whole milliseconds.
 ///   - A pause of a live track is an outage when it is longer than 5 s and longer than 3 times the pause before it (the
-///     first one: longer than 15 s). It ends the segment with the usual duration of a picture; the next begins with the
-///     next key picture. In a range pauses are left out: recordings have holes.
+///     first one: longer than 15 s). It ends the segment with the usual duration of a picture, but not before it lasts 1 s;
+///     the next begins with the next key picture. In a range pauses are left out: recordings have holes.
 ///   - The live list holds 15 s and one segment; the oldest goes when a new one comes. The manifest is there once the
 ///     first has gone.
 ///   - When the parameter sets of a live track change, which segments do not carry, the context is retired, and a new one

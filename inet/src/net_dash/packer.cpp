@@ -6,6 +6,7 @@
 #include "core/log.h"
 #include "core/time.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -15,6 +16,8 @@ namespace net::dash {
 namespace {
 
 constexpr uint64_t shortest = 2 * us_per_second;
+/// ffmpeg keeps its place in a list by whole seconds.
+constexpr uint64_t shortest_by_outage = us_per_second;
 constexpr uint64_t longest_held = 60 * us_per_second;
 constexpr uint64_t most_held = 64ULL << 20;
 
@@ -61,10 +64,10 @@ packer::verdict packer::take(const av::frame_t& picture) noexcept {
     }
     const media_clock::moment at = clock_.take(picture.time, key);
     now_ = clock_.base() + at.time - core_timer();
-    if (at.outage) {
-        cut(at.usual_end);
-        wants_key_ = true;
+    if (at.outage && !pictures_.empty()) {
+        cut(std::max(at.usual_end, pictures_.front().time - clock_.base() + shortest_by_outage));
     }
+    wants_key_ = wants_key_ || at.outage;
     if (changed) {
         cut(at.time);
         wants_key_ = true;
