@@ -1,5 +1,6 @@
 """The programs that the interop tests start, and what is compared between them."""
 import functools
+import glob
 import hashlib
 import os
 import random
@@ -33,10 +34,11 @@ class Camera:
 
     def __init__(self, *arguments, prefix=(), ports=FREE_PORTS):
         """`prefix` is a command that starts the program, such as that for another network namespace."""
+        self.folder = tempfile.TemporaryDirectory()  # where it works: DASH has its files there
         self.messages = tempfile.TemporaryFile("w+")
         self.read = 0
         self.process = subprocess.Popen([*prefix, *CAMERA, *ports, *arguments], stdout=subprocess.PIPE,
-                                        stderr=self.messages, text=True, errors="replace")
+                                        stderr=self.messages, text=True, errors="replace", cwd=self.folder.name)
         self.urls = {}
         self.printed = []
         for line in self.process.stdout:
@@ -67,13 +69,13 @@ class Camera:
     def __exit__(self, kind, value, trace):
         early = self.process.poll() is not None
         self.process.send_signal(signal.SIGINT)
-        with self.process, self.messages:
+        with self.folder, self.process, self.messages:
             try:
                 status = self.process.wait(timeout=30)
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 status = "killed: did not end by Ctrl-C"
-            messages = self.told()
+            messages = self.told() + " ".join(f"left {path}" for path in glob.glob(f"{self.folder.name}/temp/*"))
         if kind is None and (status != 0 or messages):
             raise AssertionError(f"camera ended with {status}{' by itself' * early}: {messages}")
 
