@@ -380,8 +380,7 @@ owned_outgoing inside::answer_to(const http::header_s& response, http::expectati
     // More of its body may have been queued behind it.
     const bool whole =
         header && scan::decimal(scan::text(value_geti(header->fields, "Content-Length"))) == sent.length - head;
-    const bool complete =
-        whole && size > 0 && http_header_authorize(header, &response, user.get(), password.get());
+    const bool complete = whole && size > 0 && http_header_authorize(header, &response, user.get(), password.get());
     char room[header_room + 1];
     const buffer_t printed = complete ? print(*header, room) : buffer_t{};
     http_header_free(header);

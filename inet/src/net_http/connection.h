@@ -140,7 +140,7 @@ private:
 
     // The loop's own.
     bool closed_inside = false;
-    bool quiet = false;    ///< a connection is made for a request that is sent again
+    bool quiet = false;         ///< a connection is made for a request that is sent again
     Tcp* busy = nullptr;        ///< whose callback runs
     http::output out;           ///< is being sent
     owned_outgoing front;       ///< of what waits: there is no place for it yet
