@@ -1,8 +1,8 @@
 // A stream as a film: DASH, played by dash.js, which is fetched when the first stream wants it.
 "use strict";
 
-const lookEvery = 500;       // milliseconds, at the manifest: as often as it can bring something new
-const behind = 1.2;          // seconds behind the newest segment's start: to learn of it, fetch it and be late at times
+const lookEvery = 250;       // milliseconds, at the manifest, when it is due to bring a new segment
+const behind = 1.1;          // seconds behind the newest segment's start: to learn of it, fetch it and be late at times
 const longestStill = 4000;   // milliseconds without a new picture: the source is away
 const longestStart = 15000;
 const mostAttempts = 3;      // without one picture, before it is told that it cannot be done
@@ -34,22 +34,26 @@ function loadPlayer(address) {
   });
 }
 
+// What an outage has left behind it is not counted: `whole` seconds are listed without a gap.
 function readManifest(text) {
   const root = new DOMParser().parseFromString(text, "application/xml").documentElement;
-  const segments = [...root.querySelectorAll("S")];
+  const listed = [...root.querySelectorAll("S")].map((each) => [each.getAttribute("t"), each.getAttribute("d")].map(Number));
+  const gap = listed.findLastIndex(([t, d], i) => i + 1 < listed.length && listed[i + 1][0] !== t + d);
+  const lengths = listed.slice(gap + 1).map(([, d]) => d / 1000);
   return {
     id: root.id,
     codecs: root.querySelector("Representation").getAttribute("codecs"),
-    newest: root.id + " " + segments.at(-1).getAttribute("t"),
-    longest: Math.max(...segments.map((each) => each.getAttribute("d"))) / 1000,
+    newest: listed.at(-1)[0],
+    longest: Math.max(...lengths),
+    whole: lengths.reduce((sum, each) => sum + each, 0),
   };
 }
 
 class Film {
-  // playerAddress: none when the program was built without. shows(yes) is told whether there are pictures, cannot(why)
-  // that there will be none, once.
-  constructor(video, address, playerAddress, shows, cannot) {
-    Object.assign(this, { video, address, playerAddress, shows, cannot, attempts: 0, error: "" });
+  // place: where the video element goes. playerAddress: none when the program was built without. shows(yes) is told
+  // whether there are pictures, cannot(why) that there will be none, once.
+  constructor(place, name, address, playerAddress, shows, cannot) {
+    Object.assign(this, { place, name, address, playerAddress, shows, cannot, attempts: 0, error: "" });
     this.life = new AbortController();
     this.wait();
   }
@@ -60,13 +64,16 @@ class Film {
   }
 
   end() {
+    const { player, video } = this;
+    this.player = this.video = null;
+    if (!player) return;
     clearInterval(this.looking);
-    this.player?.destroy();
-    this.player = null;
-    this.video.hidden = true;
+    player.reset();
+    video.remove();
+    setTimeout(() => player.destroy(), 5000);  // it is silent as long as it lives, and has promises to hear of
   }
 
-  // Until there is a manifest with something new in it: pictures that did not go on do so then.
+  // Until the manifest lists something new, and enough to begin: pictures that did not go on do so then.
   async wait() {
     try {
       const media = globalThis.ManagedMediaSource ?? globalThis.MediaSource;
@@ -74,15 +81,14 @@ class Film {
       if (!this.playerAddress) throw new Error("this build is without dash.js");
       await loadPlayer(this.playerAddress);
       if (this.attempts === mostAttempts) throw new Error(this.error || "the player shows nothing");
-      let manifest = null;
-      while (!manifest || manifest.newest === this.newest) {
-        manifest = await this.ask();
+      let found = null;
+      do {
+        found = await this.ask();
         if (this.life.signal.aborted) return;
-      }
-      this.newest = manifest.newest;
-      if (!media.isTypeSupported(`video/mp4; codecs="${manifest.codecs}"`))
-        throw new Error("this browser does not play " + manifest.codecs);
-      this.play(manifest);
+      } while (!found || (found.id === this.id && found.newest === this.newest) || found.whole < found.longest + behind);
+      if (!media.isTypeSupported(`video/mp4; codecs="${found.codecs}"`))
+        throw new Error("this browser does not play " + found.codecs);
+      this.play(found);
     } catch (error) {
       if (!this.life.signal.aborted) this.cannot(error.message);
     }
@@ -102,8 +108,14 @@ class Film {
     return null;
   }
 
-  play({ id, longest }) {
-    const player = this.player = dashjs.MediaPlayer().create();
+  // Each time with an element of its own: a player goes on listening to the one it had.
+  play({ id, newest, longest }) {
+    const video = document.createElement("video");
+    Object.assign(video, { muted: true, playsInline: true, disableRemotePlayback: true, hidden: true });
+    video.ariaLabel = "Film of " + this.name;
+    this.place.prepend(video);
+    const player = dashjs.MediaPlayer().create();
+    Object.assign(this, { video, player, id, newest });
     player.clearDefaultUTCTimingSources();  // they are on other hosts; the manifest has its own
     player.updateSettings(playerSettings);
     player.updateSettings({ streaming: { delay: { liveDelay: longest + behind } } });
@@ -112,20 +124,39 @@ class Film {
       return request;
     });
     player.on("error", ({ error }) => { this.error = error?.message ?? String(error); });
-    player.initialize(this.video, this.address, true);
+    player.initialize(video, this.address, true);
     ++this.attempts;
-    let moved = Date.now() + longestStart - longestStill, time = 0;
+    this.watch(longest * 1000);
+  }
+
+  // Asks for the manifest when a new segment is due: dash.js itself does so too seldom to stay close behind.
+  watch(length) {
+    const { video, player } = this;
+    let moved = Date.now() + longestStart - longestStill, time = 0, asked = 0, due = 0;
+    player.on("manifestLoaded", ({ data }) => {
+      if (player !== this.player || !data) return;
+      // Parameter sets have changed, or the camera has started anew: the time of this manifest begins elsewhere.
+      if (data.id !== this.id) return this.again();
+      const newest = data.Period[0].AdaptationSet[0].SegmentTemplate.SegmentTimeline.S.at(-1).t;
+      due = newest === this.newest ? 0 : asked + length - lookEvery;
+      this.newest = newest;
+    });
     this.looking = setInterval(() => {
-      if (this.video.currentTime !== time && this.video.readyState > 1) {
-        this.attempts = time ? 0 : this.attempts;  // the first step is to where it begins
-        if (time) this.shows(true);
-        time = this.video.currentTime;
+      if (video.currentTime !== time && video.readyState > 1) {
+        if (time) {  // the first step is to where it begins
+          this.attempts = 0;
+          video.hidden = false;
+          this.shows(true);
+        }
+        time = video.currentTime;
         moved = Math.max(moved, Date.now());
       } else if (Date.now() - moved > longestStill) {
         return this.again();
       }
-      // Parameter sets have changed, or the camera has started anew: another manifest, whose time begins elsewhere.
-      player.refreshManifest((manifest) => { if (manifest && manifest.id !== id && player === this.player) this.again(); });
+      if (Date.now() < due) return;
+      asked = Date.now();
+      due = asked + askAgain;  // when no answer comes
+      player.refreshManifest();
     }, lookEvery);
   }
 

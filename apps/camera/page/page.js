@@ -61,8 +61,8 @@ function makeCard(name) {
   const root = element("stream").content.firstElementChild.cloneNode(true);
   root.querySelector("h3").textContent = name;
   element("streams").append(root);
-  const [image, video, note, why] = ["img", "video", ".note", ".why"].map((each) => root.querySelector(each));
-  return { root, image, video, note, why, shown: "", mode: "", wished: 0 };
+  const [image, note, why] = ["img", ".note", ".why"].map((each) => root.querySelector(each));
+  return { root, image, note, why, shown: "", mode: "", wished: 0 };
 }
 
 const pathOf = (name) => "/" + encodeURIComponent(name).replaceAll("%2F", "/");
@@ -91,26 +91,25 @@ function showPicture(card, stream, mode) {
 }
 
 function clearPicture(card) {
-  const { image, video, note } = card;
+  const { image, note } = card;
   clearTimeout(card.timer);
   card.film?.stop();
   card.film = null;
   image.onload = image.onerror = null;
   image.removeAttribute("src");
-  image.hidden = video.hidden = true;
+  image.hidden = true;
   note.hidden = false;
 }
 
 function showFilm(card, stream) {
-  const { video, note } = card;
+  const { note } = card;
   note.textContent = "Waiting for the film.";
-  video.ariaLabel = "Film of " + stream.name;
   const shows = (yes) => {
-    video.hidden = !yes;
     note.hidden = yes;
     note.textContent = notes.waiting;
   };
-  card.film = new Film(video, pathOf(stream.name) + "/manifest.mpd", last.player, shows, (why) => {
+  const address = pathOf(stream.name) + "/manifest.mpd";
+  card.film = new Film(note.parentElement, stream.name, address, last.player, shows, (why) => {
     card.reason = why;
     showStreams(last.streams);
   });
