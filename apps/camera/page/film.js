@@ -2,7 +2,7 @@
 "use strict";
 
 const lookEvery = 250;       // milliseconds, at the manifest, when it is due to bring a new segment
-const behind = 1.1;          // seconds behind the newest segment's start: to learn of it, fetch it and be late at times
+const behind = 1.3;          // seconds behind the newest segment's start: to learn of it, fetch it and be late at times
 const longestStill = 4000;   // milliseconds without a new picture: the source is away
 const longestStart = 15000;
 const mostAttempts = 3;      // without one picture, before it is told that it cannot be done
@@ -12,9 +12,15 @@ const longestAsked = 8000;   // the camera holds the request for a manifest that
 const playerSettings = {
   debug: { logLevel: 0 },
   streaming: {
+    buffer: { stallThreshold: 0.05, setStallState: false },  // it plays what it has
+    scheduling: { defaultTimeout: 50 },                      // milliseconds until a listed segment is asked for
     liveCatchup: { enabled: true, playbackRate: { min: -0.05, max: 0.1 } },
     retryAttempts: { MPD: 0 },
-    utcSynchronization: { backgroundAttempts: 0, enableBackgroundSyncAfterSegmentDownloadError: false },
+    utcSynchronization: {
+      timeBetweenSyncAttempts: 5,  // seconds; it takes longer by itself when the clocks agree
+      backgroundAttempts: 0,
+      enableBackgroundSyncAfterSegmentDownloadError: false,
+    },
   },
 };
 
@@ -137,6 +143,9 @@ class Film {
       if (player !== this.player || !data) return;
       // Parameter sets have changed, or the camera has started anew: the time of this manifest begins elsewhere.
       if (data.id !== this.id) return this.again();
+      // dash.js reads the clock late, and in whole seconds.
+      const [clock] = data.UTCTiming, ahead = new Date(clock.value) - Date.now();
+      Object.defineProperty(clock, "value", { get: () => new Date(Date.now() + ahead).toISOString() });
       const newest = data.Period[0].AdaptationSet[0].SegmentTemplate.SegmentTimeline.S.at(-1).t;
       due = newest === this.newest ? 0 : asked + length - lookEvery;
       this.newest = newest;
