@@ -56,6 +56,7 @@ struct packed {
             avc_frame_need(frame);
         }
         profile_close(track);
+        core_mfree(net_dash_manifest(context, CORE_HERE));  // what it lists can be asked for
         for (const net::dash_timeline* pair = net_dash_times(context); pair && pair->d; ++pair)
             names.push_back(std::to_string(pair->t) + ".m4s");
     }
@@ -113,13 +114,12 @@ void segment_from_file(benchmark::State& state) {
     const packed of;
     uint64_t bytes = 0;
     net::dash::segment_list list("./temp/bench-0-0", true);
-    list.open(core::owned_object<net::dash::opening_segment>(core::create<net::dash::opening_segment>(CORE_HERE)));
     net::dash_share share;
     if (!net_dash_share(of.context, of.names[0].c_str(), &share)) return;
     net::dash::block_hold block(core::create<net::dash::block>(CORE_HERE));
     core_buf_read(&block->bytes, share.info.data, share.info.size);
     net_dash_share_release(share.owner);
-    list.append({.t = 1, .d = 2000, .sequence = 1}, block);
+    list.append({.t = 1, .d = 2000, .sequence = 1, .base = base}, block);
     while (state.KeepRunning()) {
         if (!list.share("1.m4s", share)) return;
         benchmark::DoNotOptimize(share.info.data);

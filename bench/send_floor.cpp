@@ -3,6 +3,9 @@
 // over and over at their pace, by as few calls as there are, on one thread.
 //
 //   send_floor CLIP.h264 [FPS]
+//   send_floor --multipart FPS FILE.jpg...
+//
+// The second form sends JPEG pictures to HTTP clients, each as a part of a multipart body with one send.
 //
 // The pictures are cut before it begins. For each player a plain loop stamps the packets. Over TCP (TCP_NODELAY) they
 // go with one send. Over UDP they go with one sendmmsg, runs of one size in one message that the system cuts
@@ -120,6 +123,23 @@ std::vector<picture_t> load(const char* path) {
     return pictures;
 }
 
+constexpr std::string_view multipart_head =
+    "HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=picture\r\n\r\n--picture\r\n";
+
+/// Parts of a multipart body, each with the boundary behind it.
+std::vector<picture_t> load_parts(char** begin, char** end) {
+    std::vector<picture_t> parts;
+    for (; begin != end; ++begin) {
+        std::ifstream file(*begin, std::ios::binary);
+        const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+        if (bytes.empty()) fail(*begin);
+        const std::string part = "Content-Type: image/jpeg\r\nContent-Length: " + std::to_string(bytes.size()) +
+                                 "\r\n\r\n" + bytes + "\r\n--picture\r\n";
+        parts.emplace_back().framed.assign(part.begin(), part.end());
+    }
+    return parts;
+}
+
 class server {
 public:
     server() : epoll_(epoll_create1(EPOLL_CLOEXEC)), listener_(bound(SOCK_STREAM)), sender_(bound(SOCK_DGRAM)) {
@@ -209,6 +229,10 @@ private:
         static constexpr std::string_view sdp =
             "v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:video\r\n";
         const std::string& request = player.request;
+        if (request.starts_with("GET")) {
+            player.playing = true;
+            return std::string(multipart_head);
+        }
         if (request.starts_with("DESCRIBE")) {
             return "RTSP/1.0 200 OK\r\nContent-Length: " + std::to_string(sdp.size()) + "\r\n\r\n" + std::string(sdp);
         }
@@ -266,18 +290,19 @@ private:
 
 int main(int argc, char** argv) {
     const unsigned long fps = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 25;
+    const bool parts = argc > 3 && std::string_view(argv[1]) == "--multipart";
     if (argc < 2 || fps == 0) {
-        std::fprintf(stderr, "usage: send_floor CLIP.h264 [FPS]\n");
+        std::fprintf(stderr, "usage: send_floor CLIP.h264 [FPS], or --multipart FPS FILE.jpg...\n");
         return 2;
     }
-    std::vector<picture_t> pictures = load(argv[1]);
+    std::vector<picture_t> pictures = parts ? load_parts(argv + 3, argv + argc) : load(argv[1]);
     if (pictures.empty()) fail(argv[1]);
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     server bare;
-    std::printf("rtsp://127.0.0.1:%u/live\nready\n", unsigned{bare.port()});
+    std::printf("%s://127.0.0.1:%u/live\nready\n", parts ? "http" : "rtsp", unsigned{bare.port()});
     std::fflush(stdout);
     const auto period = std::chrono::nanoseconds(1'000'000'000 / fps);
     auto due = std::chrono::steady_clock::now();

@@ -20,6 +20,7 @@ public:
         reader_.set_types("image/, application/soap+xml");
         if (auto* first = core::create<net::http::expectation>(CORE_HERE)) {
             first->head = kind & head;
+            core_buf_read(&first->sent, input.data(), static_cast<uint32_t>(std::min<size_t>(input.size(), 2)));
             reader_.expect(core::owned_object<net::http::expectation>(first));
         }
         buf_t received;
@@ -56,8 +57,16 @@ private:
         if (!complete && target == "/now") reader_.answered();
         if (target == "/reset") reader_.reset(message_reader::role_t::server);
         if (target == "/stop") reader_.stop();
+        const char* const wish = header && !complete ? value_geti(header->fields, "X") : nullptr;
+        if (wish && std::strcmp(wish, "split") == 0) told += reader_.split_if_parts() ? "S" : "s";
         if (body) told.append(reinterpret_cast<const char*>(body->data), body->size);
         if (header) told += value_geti(header->fields, "X") ? "X" : "";
+    }
+    bool on_refused(const net::http::header_s&, net::http::expectation& refused) noexcept override {
+        told += "R";
+        const bool again = refused.sent.length > 1;
+        if (again) reader_.reset(message_reader::role_t::client);
+        return again;
     }
     void on_expect() noexcept override { told += "E"; }
     void on_frame(const av::frame_t& frame) noexcept override {

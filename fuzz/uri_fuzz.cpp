@@ -1,5 +1,6 @@
 // URIs, their paths, query arguments and percent-coding.
 #include "fuzz.h"
+#include "uri/reference.h"
 
 #include "inet/net_uri.h"
 
@@ -28,6 +29,14 @@ void fuzz_target(std::span<const uint8_t> input) {
     const core::owned_text decoded(uri_decode(encoded.get(), nullptr, CORE_HERE));
     require(fuzz::starved || std::strcmp(decoded.get(), text.c_str()) == 0);
     core_mfree(uri_decode(text.c_str(), nullptr, CORE_HERE));
+    // As a part it comes back, too, and what can stand in a request is not coded again.
+    const core::owned_text part(uri_decode_part(encoded.get(), nullptr, CORE_HERE));
+    require(fuzz::starved || std::strcmp(part.get(), text.c_str()) == 0);
+    const core::owned_text sendable(uri_encode_rest(text.c_str(), CORE_HERE));
+    const core::owned_text same(sendable ? uri_encode_rest(sendable.get(), CORE_HERE) : nullptr);
+    require(fuzz::starved || std::strcmp(same.get(), sendable.get()) == 0);
+    const core::owned_text resolved(uri_resolve("http://h/a/b?c", sendable.get(), CORE_HERE));
+    require(fuzz::starved || net::uri::is_absolute(resolved.get()));
     uri_free_args(uri_parse_args(text.c_str(), CORE_HERE));
     core_mfree(uri_decode(text.data(), text.data() + text.size(), CORE_HERE));
 }

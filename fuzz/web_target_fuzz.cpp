@@ -8,7 +8,7 @@ void fuzz_target(std::span<const uint8_t> input) {
     const size_t end = std::min(text.find('\n'), text.size());
     media::web::target_t target;
     if (media::web::read_target(std::string_view(text).substr(0, end), target)) {
-        require(target.path.starts_with('/'));
+        require(target.path.starts_with('/') || target.path == "*");
         fuzz::require_utf8(target.path);
         require(std::ranges::none_of(target.path, [](char c) { return c >= 0 && (c < 0x20 || c == 0x7f); }));
     }

@@ -42,9 +42,11 @@ std::vector<std::string> reachable(const std::string& bind) {
 }
 
 /// @param http  0 for none
+/// @param lack  why there is no page, when one was wanted
 void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, uint16_t port,
-                     uint16_t http) {
+                     uint16_t http, const char* lack) {
     const std::vector<std::string> hosts = reachable(settings.bind);
+    if (*lack) std::printf("no page for browsers: %s; --http PORT takes another port\n", lack);
     for (const std::string& host : hosts) {
         if (http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{http});
         for (const std::string& each : paths)
@@ -126,7 +128,7 @@ int serve(const camera::options& settings) {
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
     if (!kept.start()) return fail("no thread for the recordings");
-    print_addresses(paths, settings, rtsp->port(), web.port());
+    print_addresses(paths, settings, rtsp->port(), web.port(), why.text);
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");

@@ -37,6 +37,13 @@ bool take_source(options& o, std::string_view text) {
     return true;
 }
 
+bool take_http(options& o, std::string_view text) {
+    o.http_asked = true;
+    if (text != "off") return take_number(o.http_port.emplace(), text, 0, 65535);
+    o.http_port.reset();
+    return true;
+}
+
 /// GROUP or GROUP:PORT.
 bool take_group(options& o, std::string_view text) {
     constexpr unsigned room_for_tracks = 64;
@@ -73,8 +80,9 @@ std::span<const option> table() {
         {"--bind", "ADDRESS", "address to listen on (127.0.0.1)", take_text(&options::bind)},
         {"--rtsp", "PORT", "RTSP port (8554); 0 takes a free one",
          [](options& o, std::string_view text) { return take_number(o.rtsp_port, text, 0, 65535); }},
-        {"--http", "PORT", "a page for browsers, JPEG pictures and the state on this port (none); 0 takes a free one",
-         [](options& o, std::string_view text) { return take_number(o.http_port.emplace(), text, 0, 65535); }},
+        {"--http", "PORT|off",
+         "a page for browsers, JPEG pictures and the state (8080, unless another program has it); 0 takes a free port",
+         take_http},
         {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},
         {"--ttl", "N", "hops that multicast goes (1)",
          [](options& o, std::string_view text) { return take_number(o.ttl, text, 0, 255); }},

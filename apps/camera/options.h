@@ -39,11 +39,12 @@ struct options {
     bool on_demand = false;                                  ///< sources are fetched only while somebody watches
     std::string bind = "127.0.0.1";
     uint16_t rtsp_port = 8554;
-    std::optional<uint16_t> http_port;  ///< none: nothing is served over HTTP
-    std::string multicast;              ///< group; empty for no multicast
-    uint16_t multicast_port = 5004;     ///< of the first track's RTP; the others follow
-    uint8_t ttl = 1;                    ///< hops that multicast goes
-    apps::credentials login;            ///< that viewers need
+    std::optional<uint16_t> http_port = uint16_t{8080};  ///< none: nothing is served over HTTP
+    bool http_asked = false;                             ///< without its port the camera does not start
+    std::string multicast;                               ///< group; empty for no multicast
+    uint16_t multicast_port = 5004;                      ///< of the first track's RTP; the others follow
+    uint8_t ttl = 1;                                     ///< hops that multicast goes
+    apps::credentials login;                             ///< that viewers need
     unsigned threads = 1;
     start_t start = start_t::key;
     uint32_t backlog = 2 * 1024 * 1024;  ///< bytes that may wait for a viewer

@@ -6,6 +6,7 @@
 #include "core/json.h"
 #include "core/memory.h"
 #include "core/owned.h"
+#include "core/text.h"
 #include "inet/net_http_header.h"
 
 #include <algorithm>
@@ -30,15 +31,22 @@ INET_PRINTF(2, 3) void append(std::string& out, const char* format, ...) {
     out.append(text, std::min(static_cast<size_t>(std::max(size, 0)), sizeof text - 1));
 }
 
+/// Every byte that is no UTF-8 becomes U+FFFD: both forms want UTF-8, and a name may be anything.
+core::owned_text clean(const char* text) {
+    const core::owned<wchar_t> wide(core_wchar(text, CORE_HERE));
+    return core::owned_text(core_utf8(wide.get(), CORE_HERE));
+}
+
 std::string json_of(const char* text) {
-    const core::owned_text encoded(core_json_encode(text, CORE_HERE));
+    const core::owned_text encoded(core_json_encode(clean(text).get(), CORE_HERE));
     return '"' + std::string(encoded ? encoded.get() : "") + '"';
 }
 
 /// The value of a label in the text form of metrics.
-std::string label_of(std::string_view text) {
+std::string label_of(const char* text) {
+    const core::owned_text cleaned = clean(text);
     std::string out;
-    for (const char c : text) {
+    for (const char c : std::string_view(cleaned ? cleaned.get() : "")) {
         if (c == '\\' || c == '"') out += '\\';
         if (c == '\n')
             out += "\\n";
@@ -99,6 +107,7 @@ bool web::open(const options& settings, const media::service& rtsp, const std::v
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     rtsp_ = &rtsp;
     http_ = media::http_service({.port = settings.http_port.value_or(0),
+                                 .needs_port = settings.http_asked,
                                  .user = text(settings.login.user),
                                  .password = text(settings.login.password),
                                  .stall = settings.stall});

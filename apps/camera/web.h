@@ -34,9 +34,9 @@ public:
         pictures_ = std::move(pictures);
     }
     /// After the station's start, and before its end. Nothing when it is not open.
-    bool start(media::failure_t& error) { return !http_ || dash_.start(http_->port(), &error); }
+    bool start(media::failure_t& error) { return port() == 0 || dash_.start(http_->port(), &error); }
     void stop() { dash_.stop(); }
-    /// 0 when it is not open.
+    /// 0 when it is not open, or its port could not be had.
     uint16_t port() const { return http_ ? http_->port() : uint16_t{0}; }
 
 private:

@@ -1,4 +1,5 @@
-// inet-viewer: receives a stream over RTSP, writes it to files and tells how it came.
+// inet-viewer: receives a stream over RTSP or HTTP, writes it to files and tells how it came. What comes over HTTP and
+// is no stream is one file.
 #include "options.h"
 #include "platform/system.h"
 #include "program.h"
@@ -77,6 +78,8 @@ outcome outcome_of(media::outcome_t what) {
             return outcome::nothing_received;
         case media::outcome_t::connection_lost:
             return outcome::connection_lost;
+        case media::outcome_t::not_written:
+            return outcome::cannot_write;
         case media::outcome_t::failed:
             break;
     }
@@ -86,8 +89,11 @@ outcome outcome_of(media::outcome_t what) {
 /// What the watcher calls on its thread.
 struct receiver {
     media::watcher watcher;
+    const viewer::options& options;
     media::recorder& files;
     media::failure_t why;  ///< of the files
+    std::string saved_as;  ///< what is no stream
+    bool unfit = false;    ///< a stream came for a file that cannot hold one
 
     receiver(const viewer::options& settings, media::recorder& into)
         : watcher(settings.uri.c_str(), {.transport = settings.way,
@@ -95,7 +101,9 @@ struct receiver {
                                          .password = settings.password(),
                                          .timeout = settings.timeout,
                                          .reconnect = settings.reconnect,
-                                         .duration = settings.duration}),
+                                         .duration = settings.duration,
+                                         .save_as = settings.save_as()}),
+          options(settings),
           files(into) {
         watcher.on_frame(&receiver::on_frame, this);
         watcher.on_event(&receiver::on_event, this);
@@ -112,6 +120,9 @@ struct receiver {
         auto* self = static_cast<receiver*>(arg);
         const std::string text = event.text;
         using e = media::watch_event_t;
+        if (event.what == e::saving) self->saved_as = text;
+        self->unfit = self->unfit || (event.what == e::tracks && self->options.unfit_for_stream());
+        if (self->unfit) return self->watcher.end();
         for (uint32_t i = 0; event.what == e::tracks && i < event.format_count; ++i)
             self->files.declare(event.formats[i]);
         if (event.what == e::track_refused) apps::complain(program_name, text + ", going on without that track");
@@ -121,6 +132,18 @@ struct receiver {
         apps::complain(program_name, text + "; connecting again in " + std::to_string(event.pause) + " s");
     }
 };
+
+/// What has come of a file, in words.
+std::string progress_of(const media::watcher::status_t& status, uint64_t before, uint64_t microseconds) {
+    char text[96];
+    const size_t size = static_cast<size_t>(std::snprintf(
+        text, sizeof text, "%.2f MB/s   %.1f MB",
+        static_cast<double>(status.saved - std::min(before, status.saved)) / static_cast<double>(microseconds),
+        static_cast<double>(status.saved) * 1e-6));
+    if (status.to_save)
+        std::snprintf(text + size, sizeof text - size, " of %.1f", static_cast<double>(status.to_save) * 1e-6);
+    return text;
+}
 
 /// Shows the live line until the end.
 void follow(media::watcher& watcher, bool shows) {
@@ -139,18 +162,23 @@ void follow(media::watcher& watcher, bool shows) {
             all.lost += each.lost;
             all.length = std::max(all.length, each.length);
         }
-        line.show("%.1f s   %.2f Mbit/s   frames %llu   packets lost %llu", static_cast<double>(all.length) * 1e-6,
-                  static_cast<double>(all.bytes - bytes) * 8 / static_cast<double>(now - shown),
-                  static_cast<unsigned long long>(all.frames), static_cast<unsigned long long>(all.lost));
+        const bool is_file = status.saved > 0;
+        if (is_file) line.show("%s", progress_of(status, bytes, now - shown).c_str());
+        if (is_file) all.bytes = status.saved;
+        if (!is_file)
+            line.show("%.1f s   %.2f Mbit/s   frames %llu   packets lost %llu", static_cast<double>(all.length) * 1e-6,
+                      static_cast<double>(all.bytes - bytes) * 8 / static_cast<double>(now - shown),
+                      static_cast<unsigned long long>(all.frames), static_cast<unsigned long long>(all.lost));
         bytes = all.bytes;
         shown = now;
     }
 }
 
 /// @param out  the standard output, or another one where that holds media
-bool print(std::span<const media::track_counts_t> tracks, std::FILE* out) {
-    for (size_t i = 0; i < tracks.size(); ++i)
-        std::fprintf(out, "%s\n", report_of(tracks[i], i).c_str());
+bool print(const media::watcher::status_t& status, std::FILE* out) {
+    for (size_t i = 0; i < status.track_count; ++i)
+        std::fprintf(out, "%s\n", report_of(status.tracks[i], i).c_str());
+    if (status.saved) std::fprintf(out, "saved=%llu\n", static_cast<unsigned long long>(status.saved));
     return std::fflush(out) == 0 && !std::ferror(out);  // an earlier part may have failed, too
 }
 
@@ -160,7 +188,8 @@ int receive(const viewer::options& settings) {
     const bool to_output = settings.writes_to_output();
     if (to_output) apps::platform::prepare_output();
     for (const std::string& path : settings.outputs) {
-        if (!files.add(path.c_str(), &why)) return fail({outcome::cannot_write, why.text});
+        if (media::recorder::takes(path.c_str()) && !files.add(path.c_str(), &why))
+            return fail({outcome::cannot_write, why.text});
     }
     receiver received(settings, files);
     if (!received.watcher.start(&why)) return fail({outcome::failed, why.text});
@@ -173,12 +202,17 @@ int receive(const viewer::options& settings) {
         const bool tcp = status.transport == media::transport_t::tcp;
         result.why += tried_both ? "; try --transport http" : tcp ? "; try --transport udp" : "; try --transport tcp";
     }
+    const bool is_file = !received.saved_as.empty();
+    if (is_file && result.what == outcome::ok && settings.outputs.empty())
+        apps::complain(program_name, "saved as " + received.saved_as);
     if (!files.finish(&why)) result = {outcome::cannot_write, why.text};
-    if (result.what == outcome::ok && files.untouched()) {
+    if (received.unfit) {
+        result = {outcome::usage, *settings.unfit_for_stream() + " cannot hold a stream; see inet-viewer --help"};
+    }
+    if (result.what == outcome::ok && !is_file && files.untouched()) {
         result = {outcome::nothing_received, std::string("nothing came for ") + files.untouched()};
     }
-    if (settings.stats && !print({status.tracks, status.track_count}, to_output ? stderr : stdout) &&
-        result.what == outcome::ok) {
+    if (settings.stats && !print(status, to_output ? stderr : stdout) && result.what == outcome::ok) {
         result = {outcome::cannot_write, "cannot write to the standard output"};
     }
     return fail(result);

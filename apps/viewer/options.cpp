@@ -22,7 +22,7 @@ bool take_uri(options& o, std::string_view text) {
 bool take_output(options& o, std::string_view text) {
     if (std::ranges::find(o.outputs, text) != o.outputs.end()) return false;
     o.outputs.emplace_back(text);
-    return media::recorder::takes(o.outputs.back().c_str()) != 0;
+    return !text.empty();
 }
 
 bool take_duration(options& o, std::string_view text) {
@@ -40,14 +40,16 @@ bool take_reconnect(options& o, std::string_view text) {
     return true;
 }
 
+constexpr std::string_view output_help =
+    "write to a .mp4, .h264, .wav, .jpg or .txt file, or to - ; may be given again for another one";
+
 std::span<const option> table() {
     static const option all[] = {
         {"URI", "", "one rtsp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
          take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
-        {"-o", "FILE", "write to a .mp4, .h264, .wav, .jpg or .txt file, or to - ; may be given again for another one",
-         take_output},
+        {"-o", "FILE", output_help, take_output},
         {"--duration", "SECONDS", "end after so much media, counted from the first picture", take_duration},
         {"--user", "NAME", "user, where the URI names none", apps::take_credential<options>(&apps::credentials::user)},
         {"--password", "TEXT", "and password, as it is", apps::take_credential<options>(&apps::credentials::password)},
@@ -75,11 +77,16 @@ Each takes the first track of its format. Only whole pictures are written: after
 picture. Sound starts where the picture starts; what was lost, and the time between two connections, is silence. A file
 begins with its first frame: an earlier one of that name stays until then.
 
+What else comes over HTTP is written to the file of -o, of any name, or to one with the last name of the URI in the
+current folder. When it does not come whole, the file is removed. Up to five times in a row the source may say that it
+is elsewhere; user and password go along to the same host alone.
+
 Over udp, when nothing arrives in 3 s or the server refuses it, the stream is asked for again over tcp. Over http both
 connections go to the port of the URI. Between attempts to connect again pass 1, 2, 4, ... 30 s.
 
 With --stats, on the standard output (with -o - on the error stream), a line for each track:
   track=0 format=H264 frames=250 bytes=705672 seconds=10.000 mbit/s=0.565 packets=640 lost=0 left_out=0 jitter_ms=0.214
+and for a file that is no stream: saved=705672
 
 Exit status:
   0  all was received: --duration was reached, or Ctrl-C came     5  no such stream (404)
@@ -101,11 +108,27 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
         error = "which stream? rtsp://...";
         return std::nullopt;
     }
-    return result;
+    const std::string* const unfit = result.unfit_for_stream();
+    if (!unfit || result.may_be_file()) return result;
+    error = "-o: cannot be used: " + *unfit + " (" + std::string(output_help) + ")";
+    return std::nullopt;
+}
+
+bool options::may_be_file() const {
+    constexpr std::string_view scheme = "http://";
+    return outputs.size() <= 1 && !writes_to_output() &&
+           std::ranges::equal(uri.substr(0, scheme.size()), scheme, {}, [](char c) { return c | 0x20; });
+}
+
+const std::string* options::unfit_for_stream() const {
+    const auto found =
+        std::ranges::find_if(outputs, [](const std::string& each) { return !media::recorder::takes(each.c_str()); });
+    return found == outputs.end() ? nullptr : &*found;
 }
 
 std::string usage() {
-    return "inet-viewer: receives a stream over RTSP or HTTP\n\nusage: inet-viewer [OPTION]... rtsp://...\n\n" +
+    return "inet-viewer: receives a stream over RTSP or HTTP, or a file over HTTP\n\nusage: inet-viewer [OPTION]... "
+           "rtsp://...\n\n" +
            apps::describe_options(table()) + std::string(explanations);
 }
 

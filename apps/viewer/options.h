@@ -28,7 +28,12 @@ struct options {
     apps::about_t about = apps::about_t::nothing;
 
     const char* user() const { return login.user.empty() ? nullptr : login.user.c_str(); }
+    const char* save_as() const { return !may_be_file() ? nullptr : outputs.empty() ? "" : outputs[0].c_str(); }
     const char* password() const { return login.password.empty() ? nullptr : login.password.c_str(); }
+    /// What comes may be no stream, and is then written to the output as it is.
+    bool may_be_file() const;
+    /// The output that no recorder takes; null for none.
+    const std::string* unfit_for_stream() const;
     /// "-" and "-.h264": media go to the standard output.
     bool writes_to_output() const {
         return std::ranges::any_of(outputs,

@@ -2,7 +2,6 @@
 
 #include "lifecycle.h"
 #include "net_dash/contexts.h"
-#include "net_dash/manifest.h"
 
 #include "core/time.h"
 #include "core/value.h"
@@ -62,7 +61,7 @@ void dash_init() noexcept { packager.start(net::dash::bring_up); }
 void dash_free() noexcept { packager.stop(net::dash::take_down); }
 
 dash_ctx* net_dash_open(const char* token, uint64_t start, uint64_t end, const char* file, int line) noexcept {
-    if (!token || !is_range_allowed(start, end) || !net::dash::contexts().guard) return nullptr;
+    if (!token || !is_range_allowed(start, end)) return nullptr;
     bool made = false;
     dash_ctx* ctx = nullptr;
     try {
@@ -73,11 +72,13 @@ dash_ctx* net_dash_open(const char* token, uint64_t start, uint64_t end, const c
     if (!ctx) return nullptr;
     net::dash::touch(*ctx);
     if (!made) return ctx;
-    ctx->is_failed = !net::dash::play(*ctx);
+    const bool is_playing = net::dash::play(*ctx);
+    if (!is_playing) ctx->is_failed = ctx->is_retired = true;
     ctx->last_put = core_timer();
     ctx->is_open = true;
-    if (!ctx->is_failed) return ctx;
+    if (is_playing) return ctx;
     net_dash_close(ctx);
+    net::dash::call_guard();
     return nullptr;
 }
 

@@ -1,6 +1,7 @@
 #include "inet/net_graph.h"
 
 #include "net_graph/graph.h"
+#include "report.h"
 
 #include "core/text.h"
 
@@ -92,6 +93,7 @@ bool Graph::inside::add(const char* module, const char* json) noexcept {
     try {
         return add_node(module, json);
     } catch (const std::bad_alloc&) {
+        report("module '%s' cannot be added: no memory", module);
         return false;
     }
 }

@@ -36,23 +36,19 @@ void net_http_connect(http_ctx* ctx, const char* host, unsigned port) noexcept {
     if (ctx) ctx->in->connect(host ? host : "", port);
 }
 
+int net_http_set_login(http_ctx* ctx, const char* user, const char* password) noexcept {
+    return ctx && ctx->in->set_login(user, password) ? 1 : 0;
+}
+
 int net_http_send_message(http_ctx* ctx, const net::http::header_s* header, const void* body, unsigned size) noexcept {
-    if (!ctx) return 0;
     auto* const bytes = static_cast<uint8_t*>(const_cast<void*>(body));
-    return ctx->in->send(header, ctx->in->message({bytes, body ? size : 0}));
+    return ctx ? ctx->in->send(header, {bytes, body ? size : 0}, {}) : 0;
 }
 
 int net_http_send_share(http_ctx* ctx, const net::http::header_s* header, buffer_t text, buffer_t body,
                         void (*release)(void* owner), void* owner) noexcept {
-    net::owned_outgoing message = ctx ? ctx->in->message(text) : nullptr;
-    if (!message) {
-        if (release) release(owner);
-        return 0;
-    }
-    message->body = body;
-    message->release = release;
-    message->owner = owner;
-    return ctx->in->send(header, std::move(message));
+    net::http::lent share(body, release, owner);
+    return ctx ? ctx->in->send(header, text, std::move(share)) : 0;
 }
 
 int net_http_recv(http_ctx* ctx, const char* uri) noexcept {
@@ -65,10 +61,19 @@ int net_http_post(http_ctx* ctx, const char* uri, const void* data, size_t size)
 
 int net_http_download(http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept {
     if (!ctx || !uri || !directory || !net::http::is_plain_name(name)) return -2;
-    core::owned_object<net::http::download> to(
-        core::create<net::http::download>(ctx->in->file, ctx->in->line, directory, name));
-    return to && to->complete() ? ctx->in->request("GET", uri, nullptr, 0, std::move(to)) : 0;
+    core::owned_object<net::http::download> to = ctx->in->file_for(directory, name);
+    return to ? ctx->in->request("GET", uri, nullptr, 0, std::move(to)) : 0;
 }
+
+int net_http_save(http_ctx* ctx, const char* directory, const char* name) noexcept {
+    if (!ctx || !directory || !net::http::is_plain_name(name)) return -2;
+    core::owned_object<net::http::download> to = ctx->in->file_for(directory, name);
+    return to && ctx->in->reader.save(std::move(to)) ? 1 : 0;
+}
+
+int net_http_split(http_ctx* ctx) noexcept { return ctx && ctx->in->reader.split_if_parts() ? 1 : 0; }
+
+uint64_t net_http_saved(const http_ctx* ctx) noexcept { return ctx ? ctx->in->reader.saved() : 0; }
 
 void net_http_set_type(http_ctx* ctx, const char* type) noexcept {
     if (ctx) ctx->in->reader.set_types(type);
@@ -79,16 +84,10 @@ void net_http_set_limit(http_ctx* ctx, uint32_t bytes) noexcept {
 }
 
 void net_http_finish(http_ctx* ctx) noexcept {
-    net::owned_outgoing message = ctx ? ctx->in->message({}) : nullptr;
-    if (!message) return;
-    message->last = true;
-    ctx->in->queue_up(std::move(message), false);
+    if (ctx) ctx->in->finish();
 }
 
-unsigned net_http_second(http_ctx* ctx) noexcept {
-    net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr;
-    return tcp ? tcp->second() : 0;
-}
+unsigned net_http_second(http_ctx* ctx) noexcept { return ctx ? ctx->in->second() : 0; }
 
 void net_http_give_up(http_ctx* ctx) noexcept {
     if (net::Tcp* const tcp = ctx ? ctx->in->tcp.load() : nullptr) tcp->give_up();

@@ -1,5 +1,6 @@
 #include "inet/net_http_header.h"
 
+#include "net_http_header/block.h"
 #include "scan.h"
 
 #include "core/memory.h"
@@ -21,101 +22,47 @@ constexpr size_t max_end_positions = 4096;
 constexpr std::string_view end_of_line = "\r\n";
 constexpr std::string_view end_of_header = "\r\n\r\n";
 
-/// What a parser knows of start lines.
-struct dialect {
-    std::span<const char* const> protocols;
-    std::span<const std::string_view> status_starts;
-};
-
-constexpr const char* protocols[] = {"RTSP/1.0", "HTTP/1.0", "HTTP/1.1", "SIP/2.0"};
-constexpr std::string_view status_starts[] = {"RTSP/", "HTTP/", "SIP/"};
-constexpr dialect all_protocols = {protocols, status_starts};
-constexpr dialect without_sip = {std::span(protocols).first<3>(), std::span(status_starts).first<2>()};
-
 // Reading
 
-/// The status code of "RTSP/1.0 200 OK": a known start, a version token, a number. The version is whatever stands
-/// there.
-std::optional<uint32_t> status_of(std::string_view line, const dialect& known) noexcept {
-    for (const std::string_view start : known.status_starts) {
-        if (!line.starts_with(start)) continue;
-        const std::string_view version = scan::skip(line.substr(start.size()), scan::spaces);
-        const size_t end = version.find_first_of(scan::spaces);
-        if (end == 0 || end == std::string_view::npos) return std::nullopt;
-        return scan::number(version.substr(end));
-    }
-    return std::nullopt;
-}
-
-const char* protocol_of(std::string_view text, const dialect& known) noexcept {
-    const auto found = std::ranges::find(known.protocols, text);
-    return found == known.protocols.end() ? nullptr : *found;
-}
-
 /// Makes an owned text of a record; @return false when memory is out.
-bool set_text(char*& out, std::string_view text, const char* file, int line) noexcept {
-    out = core_strndup(text.data(), text.size(), file, line);
+bool set_text(char*& out, const char* text, const char* file, int line) noexcept {
+    out = core_strdup(text, file, line);
     return out != nullptr;
 }
 
-/// Reads one header block of a working copy, whose lines it cuts.
-class block_reader {
+/// What cut_block() finds, as copies that a record owns. Each call returns false when memory is out.
+class copier {
 public:
-    block_reader(header_s& header, const dialect& known, const char* file, int line) noexcept
-        : header_(header), known_(known), file_(file), line_(line) {}
+    copier(header_s& header, const char* file, int line) noexcept : header_(header), file_(file), line_(line) {}
 
-    /// @return false when memory is out.
-    bool read(char* text) noexcept {
-        text += std::strspn(text, "\r\n");
-        bool first = true;
-        for (char* end; (end = std::strstr(text, "\r\n")) != nullptr; text = end + end_of_line.size()) {
-            *end = '\0';
-            const std::string_view line(text, static_cast<size_t>(end - text));
-            if (!(first ? read_start(line) : read_field(text))) return false;
-            first = false;
-        }
+    bool status(uint32_t number) noexcept {
+        header_.status = number;
         return true;
     }
-
-private:
-    bool read_start(std::string_view line) noexcept {
-        if (const auto status = status_of(line, known_)) {
-            header_.status = *status;
-            return true;
-        }
-        const size_t method_end = line.find(' ');
-        if (method_end == std::string_view::npos) return true;
-        if (!set_text(header_.method, line.substr(0, method_end), file_, line_)) return false;
-        const std::string_view target = line.substr(method_end + 1);
-        const size_t target_end = target.find(' ');
-        if (target_end == std::string_view::npos) return true;
-        header_.protocol = protocol_of(target.substr(target_end + 1), known_);
-        return set_text(header_.uri, target.substr(0, target_end), file_, line_);
-    }
-
-    bool read_field(char* line) noexcept {
-        char* colon = std::strchr(line, ':');
-        if (!colon || count_ == http_max_fields) return true;
-        *colon = '\0';
-        const char* value = colon + 1 + std::strspn(colon + 1, " ");
-        header_.fields = core_value_put_at(header_.fields, count_, line, value, file_, line_);
+    bool method(const char* text) noexcept { return set_text(header_.method, text, file_, line_); }
+    bool uri(const char* text) noexcept { return set_text(header_.uri, text, file_, line_); }
+    void protocol(const char* text) noexcept { header_.protocol = text; }
+    bool field(const char* name, const char* value) noexcept {
+        if (count_ == http_max_fields) return true;
+        header_.fields = core_value_put_at(header_.fields, count_, name, value, file_, line_);
         return header_.fields && header_.fields[count_++];
     }
 
+private:
     header_s& header_;
-    const dialect& known_;
     const char* file_;
     int line_;
     uint32_t count_ = 0;
 };
 
-bool read_block(header_s& header, const dialect& known, const char* data, unsigned size, const char* file,
+bool read_block(header_s& header, const net::http::dialect& known, const char* data, unsigned size, const char* file,
                 int line) noexcept {
     const core::owned_text text(static_cast<char*>(core_malloc(size_t{size} + 1, file, line)));
     if (!text) return false;
     if (data) std::memcpy(text.get(), data, size);
     text.get()[data ? size : 0] = '\0';
-    return block_reader(header, known, file, line).read(text.get());
+    copier into(header, file, line);
+    return net::http::cut_block(text.get(), known, into);
 }
 
 // Building
@@ -148,7 +95,7 @@ struct writer {
     size_t size = 0;
     void put(std::string_view text) noexcept {
         const size_t taken = std::min(text.size(), room.size() - size);
-        std::copy_n(text.data(), taken, room.data() + size);
+        if (taken > 0) std::memcpy(room.data() + size, text.data(), taken);
         size += taken;
     }
 };
@@ -220,13 +167,13 @@ int http_header_find(buffer_t data) noexcept {
 
 header_s* http_header_parse(const char* data, unsigned size, const char* file, int line) noexcept {
     header_s* header = create_header(file, line);
-    return finish(header, header && read_block(*header, all_protocols, data, size, file, line));
+    return finish(header, header && read_block(*header, net::http::all_protocols, data, size, file, line));
 }
 
 int http_parse_header(header_s* header, const char* data, unsigned size) noexcept {
     http_clear_header(header);
     if (!header) return 0;
-    if (read_block(*header, without_sip, data, size, CORE_HERE)) return 1;
+    if (read_block(*header, net::http::without_sip, data, size, CORE_HERE)) return 1;
     http_clear_header(header);
     return 0;
 }

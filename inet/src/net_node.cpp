@@ -40,7 +40,7 @@ int Node::parse(const char* json, char* error, size_t error_size) noexcept {
     const json_t* settings = section ? &section->value : nullptr;
     if (settings && settings->type == json_array && settings->count > 0) settings = settings->items;
     const char* type = json_text(json_get(json_get(settings, "_type"), "_value"));
-    if (!type) {
+    if (!section || !type) {
         core::write_error(error, error_size, "no section with a type");
         yajl_tree_free(root_);
         root_ = nullptr;

@@ -358,12 +358,15 @@ void Tcp::flush(buf_t& own) noexcept {
     in.watch_writability(in.left != 0 || in.out.length != 0);
 }
 
-uint32_t Tcp::offer(buffer_t first, buffer_t second) noexcept {
+uint32_t Tcp::offer(buffer_t first, buffer_t second, buffer_t third) noexcept {
     inside& in = *inside_;
     if (!in.up) return 0;
-    const int result = in.broken ? 0 : platform::send_pieces(in.fd, first, second);
+    const bool single = second.size == 0 && third.size == 0;
+    const int result = in.broken ? 0
+                       : single  ? platform::send_bytes(in.fd, {first.data, first.size}, nullptr)
+                                 : platform::send_pieces(in.fd, {first, second, third});
     const uint32_t went = in.count(result) ? static_cast<uint32_t>(result) : 0;
-    in.left = first.size + second.size - went;
+    in.left = first.size + second.size + third.size - went;
     in.watch_writability(in.left != 0);
     return went;
 }

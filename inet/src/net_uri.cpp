@@ -1,6 +1,7 @@
 #include "inet/net_uri.h"
 
 #include "scan.h"
+#include "uri/reference.h"
 
 #include "core/array.h"
 #include "core/memory.h"
@@ -145,22 +146,54 @@ std::optional<uint32_t> take_character(std::string_view& rest) noexcept {
     return 0x10000 + (*high - first_high) * halves + (low - first_low);
 }
 
+/// Takes a byte off the front of `rest`, which is not empty: "%XX", or a character as it stands.
+char take_byte(std::string_view& rest) noexcept {
+    const bool is_coded =
+        rest[0] == '%' && rest.size() >= 3 && scan::hex_digit(rest[1]) >= 0 && scan::hex_digit(rest[2]) >= 0;
+    const char c = is_coded ? static_cast<char>(scan::hex_digit(rest[1]) * 16 + scan::hex_digit(rest[2])) : rest[0];
+    rest.remove_prefix(is_coded ? 3 : 1);
+    return c;
+}
+
 /// Reads one character at the front of `rest`, which is not empty, as UTF-8. @return the bytes written, at most 4.
 size_t decode_one(std::string_view& rest, char out[4]) noexcept {
     if (const std::optional<uint32_t> code = take_character(rest)) return utf8_encode(*code, out);
-    const auto take = [&](size_t count) {
-        const std::string_view taken = rest.substr(0, count);
-        rest.remove_prefix(count);
-        return taken;
-    };
-    if (rest[0] == '%' && rest.size() >= 3 && scan::hex_digit(rest[1]) >= 0 && scan::hex_digit(rest[2]) >= 0) {
-        const std::string_view digits = take(3).substr(1);
-        out[0] = static_cast<char>(scan::hex_digit(digits[0]) * 16 + scan::hex_digit(digits[1]));
-        return 1;
-    }
-    const char c = take(1)[0];
-    out[0] = c == '+' ? ' ' : c;
+    const bool is_space = rest[0] == '+';
+    out[0] = take_byte(rest);
+    if (is_space) out[0] = ' ';
     return 1;
+}
+
+std::string_view range(const char* begin, const char* end) noexcept {
+    return end ? std::string_view(begin, static_cast<size_t>(std::max(begin, end) - begin)) : begin;
+}
+
+/// Room for as many characters and the end.
+core::owned_text room_for(size_t size, const char* file, int line) noexcept {
+    return core::owned_text(static_cast<char*>(core_malloc(size + 1, file, line)));
+}
+
+/// A text whose bytes are coded where `is_coded` says so.
+template <class IsCoded>
+char* encode(const char* text, IsCoded is_coded, const char* file, int line) noexcept {
+    if (!text) return nullptr;
+    const std::string_view bytes = text;
+    const auto coded = static_cast<size_t>(std::ranges::count_if(bytes, is_coded));
+    core::owned_text encoded = room_for(bytes.size() + 2 * coded, file, line);
+    if (!encoded) return nullptr;
+    char* out = encoded.get();
+    for (const char c : bytes) {
+        if (!is_coded(c)) {
+            *out++ = c;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(c);
+        *out++ = '%';
+        *out++ = hex_digits[byte >> 4];
+        *out++ = hex_digits[byte & 15];
+    }
+    *out = '\0';
+    return encoded.release();
 }
 
 bool stands_for_itself(char c) noexcept {
@@ -241,8 +274,8 @@ void uri_free_args(uri_arg_s** args) noexcept {
 
 char* uri_decode(const char* begin, const char* end, const char* file, int line) noexcept {
     if (!begin) return nullptr;
-    std::string_view rest = end ? std::string_view(begin, static_cast<size_t>(std::max(begin, end) - begin)) : begin;
-    core::owned_text decoded(static_cast<char*>(core_malloc(rest.size() + 1, file, line)));
+    std::string_view rest = range(begin, end);
+    core::owned_text decoded = room_for(rest.size(), file, line);
     if (!decoded) return nullptr;
     char* out = decoded.get();
     while (!rest.empty()) {
@@ -254,23 +287,30 @@ char* uri_decode(const char* begin, const char* end, const char* file, int line)
     return decoded.release();
 }
 
-char* uri_encode(const char* text, const char* file, int line) noexcept {
-    if (!text) return nullptr;
-    const std::string_view bytes = text;
-    const auto coded = static_cast<size_t>(std::ranges::count_if(bytes, [](char c) { return !stands_for_itself(c); }));
-    auto* encoded = static_cast<char*>(core_malloc(bytes.size() + 2 * coded + 1, file, line));
-    if (!encoded) return nullptr;
-    char* out = encoded;
-    for (const char c : bytes) {
-        if (stands_for_itself(c)) {
-            *out++ = c;
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        *out++ = '%';
-        *out++ = hex_digits[byte >> 4];
-        *out++ = hex_digits[byte & 15];
-    }
+char* uri_decode_part(const char* begin, const char* end, const char* file, int line) noexcept {
+    if (!begin) return nullptr;
+    std::string_view rest = range(begin, end);
+    core::owned_text decoded = room_for(rest.size(), file, line);
+    if (!decoded) return nullptr;
+    char* out = decoded.get();
+    while (!rest.empty())
+        *out++ = take_byte(rest);
     *out = '\0';
-    return encoded;
+    return decoded.release();
+}
+
+char* uri_encode(const char* text, const char* file, int line) noexcept {
+    return encode(
+        text, [](char c) { return !stands_for_itself(c); }, file, line);
+}
+
+char* uri_encode_rest(const char* text, const char* file, int line) noexcept {
+    return encode(
+        text, [](char c) { return static_cast<unsigned char>(c) <= ' ' || static_cast<unsigned char>(c) > 0x7e; }, file,
+        line);
+}
+
+char* uri_resolve(const char* base, const char* reference, const char* file, int line) noexcept {
+    if (!base || !reference || !std::strstr(base, "://")) return nullptr;
+    return net::uri::resolve(base, reference, file, line).release();
 }

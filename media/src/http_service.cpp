@@ -87,10 +87,18 @@ const route_t* service_t::find(std::string_view path) const noexcept {
 /// Every request line of HTTP. What opens an RTSP tunnel is claimed before.
 claim_t service_t::claims(buffer_t first) const noexcept {
     const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
-    const size_t line = text.find("\r\n");
+    const size_t line = text.find_first_of("\r\n");
+    const bool is_text = std::ranges::none_of(text.substr(0, line), [](char c) { return (c & 0xe0) == 0; });
+    if (!is_text) return claim_t::no;  // as of a browser that would speak TLS
     if (line == std::string_view::npos) return text.size() < longest_line ? claim_t::more : claim_t::yes;
     const bool http = text.substr(0, line).find(" HTTP/") != std::string_view::npos;
     return http || line == 0 ? claim_t::yes : claim_t::no;
+}
+
+/// A port that was taken at an earlier start may be free now.
+int service_t::open(station&, failure_t*) noexcept {
+    if (port_ == 0) port_ = settings_.port;
+    return 1;
 }
 
 part* service_t::make_part(thread& on, failure_t* error) noexcept {
@@ -109,7 +117,7 @@ client* service_t::take(thread& on, net::Tcp*& from) noexcept {
 void service_t::addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
                           void* arg) const noexcept {
     format_t format;
-    if (!of.format(kind_t::video, &format, nullptr) || format.fcc != av::fcc_jpeg) return;
+    if (port() == 0 || !of.format(kind_t::video, &format, nullptr) || format.fcc != av::fcc_jpeg) return;
     for (const char* kind : {"mjpeg", "jpg"}) {
         char text[512];
         const int size =

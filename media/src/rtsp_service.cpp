@@ -81,7 +81,7 @@ claim_t service_t::claims(buffer_t first) const noexcept {
     const std::string_view text(reinterpret_cast<const char*>(first.data), first.size);
     const size_t line = text.find("\r\n");
     if (text.substr(0, 1) == "$") return claim_t::yes;
-    if (!begins_with_method(text)) return claim_t::no;
+    if (!begins_with_method(text) || text.substr(0, line).find('\n') != std::string_view::npos) return claim_t::no;
     if (line == std::string_view::npos) return claim_t::more;
     if (text.substr(0, line).find(" RTSP/1.") != std::string_view::npos) return claim_t::yes;
     const size_t end = text.find("\r\n\r\n");

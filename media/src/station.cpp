@@ -52,6 +52,7 @@ struct station::inside {
     bool start_threads(failure_t* error) noexcept;
     bool listen(failure_t* error) noexcept;
     bool listen_on(port_services& port, failure_t* error) noexcept;
+    static bool do_without(port_services& port) noexcept;
     bool find_ports() noexcept;
     static void on_accept(void* arg, int fd, const sockaddr_in* peer) noexcept;
     static void on_arrival(thread& on, void* arg) noexcept;
@@ -244,7 +245,16 @@ bool station::inside::listen(failure_t* error) noexcept {
         tell(error, "no memory");
         return false;
     }
-    return std::ranges::all_of(ports, [&](const auto& each) { return listen_on(*each, error); });
+    return std::ranges::all_of(ports, [&](const auto& each) { return listen_on(*each, error) || do_without(*each); });
+}
+
+/// @return false when a service needs the port
+bool station::inside::do_without(port_services& port) noexcept {
+    if (std::ranges::any_of(port.services, [](const service* each) { return each->needs_port(); })) return false;
+    net::net_tcp_close(port.listener);
+    for (service* each : port.services)
+        each->set_port(0);
+    return true;
 }
 
 /// Why nothing can listen there.

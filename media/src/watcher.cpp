@@ -7,9 +7,11 @@
 #include "watcher/http.h"
 #include "watcher/rtsp.h"
 
+#include "core/text.h"
 #include "core/thread.h"
 #include "core/time.h"
 #include "inet/inet.h"
+#include "inet/net_uri.h"
 
 #include <algorithm>
 #include <array>
@@ -49,6 +51,7 @@ struct watcher::inside final : fetch::attempt_owner {
     uint64_t work(uint64_t now) noexcept;
     void start_attempt() noexcept;
     void end_attempt(uint64_t now) noexcept;
+    fetch::ending_t no_place(const char* place) const noexcept;
     void pause(const fetch::ending_t& why, uint64_t now) noexcept;
     void finish(const fetch::ending_t& result) noexcept;
     void drop_attempt() noexcept;
@@ -61,6 +64,7 @@ struct watcher::inside final : fetch::attempt_owner {
     void ended() noexcept override;
 
     fetch::address_t address;
+    core::owned_text save_as;
     fetch::address_t elsewhere;  ///< where the source says that it is,
     uint32_t moves = 0;          ///< after so many times; 0: where it was told
     bool usable = false;         ///< the address
@@ -90,6 +94,7 @@ struct watcher::inside final : fetch::attempt_owner {
     uint32_t failures = 0;                             ///< in a row
     std::array<track_counts_t, most_tracks> counts{};  ///< of the attempts before this one
     size_t count_of_tracks = 0;
+    fetch::saved_t saved;
     bool at_an_end = false;
 
     mutable std::mutex lock;
@@ -101,7 +106,9 @@ watcher::watcher(const char* url, const settings_t& settings) noexcept : inside_
     if (!inside_) return;
     inside_->usable = inside_->address.set(url, settings.user, settings.password);
     inside_->settings = settings;
-    inside_->settings.user = inside_->settings.password = nullptr;  // in the address now
+    inside_->settings.user = inside_->settings.password = inside_->settings.save_as = nullptr;  // copied
+    if (settings.save_as) inside_->save_as.reset(core_strdup(settings.save_as, CORE_HERE));
+    inside_->usable = inside_->usable && !settings.save_as == !inside_->save_as;
     inside_->closed = _event_create(CORE_HERE);
     inside_->over = _event_create(CORE_HERE);
 }
@@ -162,6 +169,7 @@ bool watcher::inside::begin(failure_t* error) noexcept {
     transport = settings.transport;
     next_attempt = failures = moves = 0;
     count_of_tracks = 0;
+    saved = {};
     {
         const std::lock_guard held(lock);
         shown = {};
@@ -278,13 +286,15 @@ void watcher::inside::start_attempt() noexcept {
     }
     const fetch::order_t order{.nt = nt,
                                .address = moves ? elsewhere : address,
+                               .asked = address,
                                .lookup = lookup,
                                .transport = transport,
                                .timeout = std::max(settings.timeout, 1U) * second,
                                .duration = wanted,
                                .kinds = settings.kinds,
                                .one_of_a_kind = into != nullptr,
-                               .sets_in_slices = settings.sets_in_slices};
+                               .sets_in_slices = settings.sets_in_slices,
+                               .save_as = save_as.get()};
     {
         const std::lock_guard held(lock);
         ++shown.attempts;
@@ -300,11 +310,21 @@ void watcher::inside::start_attempt() noexcept {
     pause({outcome_t::failed, "no memory"}, core_timer());
 }
 
+fetch::ending_t watcher::inside::no_place(const char* place) const noexcept {
+    if (moves == most_moves)
+        return {outcome_t::protocol_error, "the source says more than %u times in a row that it is elsewhere",
+                most_moves};
+    const core::owned_text shown_place(uri_encode_rest(place, CORE_HERE));
+    return {outcome_t::protocol_error, "the source says that it is at %s, which cannot be fetched",
+            shown_place ? shown_place.get() : ""};
+}
+
 void watcher::inside::end_attempt(uint64_t now) noexcept {
-    const fetch::ending_t result = attempt->result();
+    fetch::ending_t result = attempt->result();
     const bool wants_tcp = attempt->wants_tcp();
-    const bool moved =
-        moves < most_moves && attempt->moved_to() && elsewhere.move(moves ? elsewhere : address, attempt->moved_to());
+    const char* const place = attempt->moved_to();
+    const bool moved = moves < most_moves && place && elsewhere.move(moves ? elsewhere : address, place);
+    if (place && !moved) result = no_place(place);
     moves = moved ? moves + 1 : wants_tcp ? moves : 0;
     std::array<track_counts_t, rtsp3::max_traks> more{};
     const size_t tracks = attempt->counts(more);
@@ -344,7 +364,7 @@ void watcher::inside::pause(const fetch::ending_t& why, uint64_t now) noexcept {
 void watcher::inside::finish(const fetch::ending_t& asked) noexcept {
     const bool received = std::any_of(counts.begin(), counts.begin() + count_of_tracks,
                                       [](const track_counts_t& each) { return each.frames > 0; });
-    const fetch::ending_t result = asked.what == outcome_t::ok && !received
+    const fetch::ending_t result = asked.what == outcome_t::ok && !received && !saved.complete
                                        ? fetch::ending_t{outcome_t::nothing_received, "ended before media came"}
                                        : asked;
     at_an_end = true;
@@ -380,7 +400,10 @@ void watcher::inside::set_state(state_t state) noexcept {
 void watcher::inside::count() noexcept {
     std::array<track_counts_t, rtsp3::max_traks> more{};
     const size_t tracks = attempt->counts(more);
+    saved = attempt->saved();
     const std::lock_guard held(lock);
+    shown.saved = saved.bytes;
+    shown.to_save = saved.size;
     std::copy_n(counts.begin(), count_of_tracks, shown.tracks);
     shown.track_count = static_cast<uint32_t>(fetch::add_counts(shown.tracks, count_of_tracks, {more.data(), tracks}));
 }
@@ -393,7 +416,7 @@ int watcher::inside::take(const watched_t& got) noexcept {
 
 void watcher::inside::tell(const watch_event_t& what) noexcept {
     if (what.what == watch_event_t::tracks && into) into->declare(what.formats, what.format_count);
-    if (what.what == watch_event_t::playing) set_state(state_t::playing);
+    if (what.what == watch_event_t::playing || what.what == watch_event_t::saving) set_state(state_t::playing);
     if (event) event(event_arg, what);
 }
 

@@ -52,6 +52,12 @@ TEST(Mp4, FragmentHoldsFramesInOrderOrNothing) {
     EXPECT_NE(written({frame_at(33366), frame_at(66733)}, 100100)
                   .find("\0\0\x0b\xbb\0\0\0\7\2\0\0\0\0\0\x0b\xbc\0\0\0\7\2\0\0\0"s),
               std::string::npos);
+    // Shown 40 ms less after its decoding than the first: 3600 ticks.
+    std::vector pictures{frame_at(0), frame_at(40000)};
+    pictures[0].shown_after = 40000;
+    EXPECT_NE(written(pictures, 80000).find("\2\0\0\0\xff\xff\xf1\xf0"s), std::string::npos);
+    pictures[0].shown_after = 0;
+    EXPECT_EQ(written(pictures, 80000).find("\xf1\xf0"s), std::string::npos);
 }
 
 TEST(Mp4, InitSegmentHoldsEveryParameterSetOfTheKeyFrame) {

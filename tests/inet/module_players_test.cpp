@@ -1,5 +1,6 @@
 // The modules that play files: what a subscriber of their track gets is what went into the file.
 #include "support/files.h"
+#include "support/frames.h"
 #include "support/held.h"
 #include "support/log_keeper.h"
 #include "support/scratch.h"
@@ -79,6 +80,7 @@ public:
 
     std::vector<frame_t> frames;
     int64_t code = 1;
+    int64_t loud_samples = 0;
 
 private:
     static void on_profile(void* arg, profile_ctx*, profile_event_t event, const param_t* params) {
@@ -87,7 +89,12 @@ private:
     }
     void take(const param_t* params) {
         std::unique_lock guard(lock_);
-        if (av::frame_t* frame = avc_frame_parse(params, CORE_HERE)) {
+        if (av::frame_t* frame = avc_frame_parse(params, CORE_HERE); frame && frame->fcc != av::fcc_h264) {
+            loud_samples += frame->rate == 8000 && frame->channels == 1 && frame->bits == 16
+                                ? std::count(frame->data, frame->data + frame->size, 0x7d)  // of 0x7d7c
+                                : 0;
+            avc_frame_need(frame);
+        } else if (frame) {
             if (frames.size() < most_)
                 frames.emplace_back(frame);
             else
@@ -135,12 +142,16 @@ TEST(Media, PlaysAFileForEver) {
     EXPECT_EQ(errors.lines, "error:module 'media' refuses its settings: cannot read no/such.h264 ");
 }
 
-/// Records frames to a file.
+/// Records pictures, and for each of them 40 ms of sound, to a file.
 void record(const std::string& path, const std::vector<frame_t>& frames, size_t begin, size_t end) {
     media::recorder film;
     ASSERT_TRUE(film.add(path.c_str()));
+    film.declare({.fcc = av::fcc_h264});
+    film.declare({.fcc = av::fcc_pcmu, .rate = 8000, .channels = 1});
+    const std::vector<uint8_t> loud(320, 0x80);
     for (size_t i = begin; i < end; ++i) {
         ASSERT_TRUE(film.take(*frames[i]));
+        ASSERT_TRUE(film.take(test::borrowed(av::fcc_pcmu, loud, frames[i]->time)));
     }
     ASSERT_TRUE(film.finish());
 }
@@ -191,6 +202,8 @@ TEST(Reader, PlaysARecordingBitForBit) {
             EXPECT_EQ(heard.frames[i]->key, was.key);
             EXPECT_EQ(heard.frames[i]->width, frames[0]->width);
         }
+        EXPECT_NEAR(static_cast<double>(heard.loud_samples), 320.0 * static_cast<double>(frames.size() - second_key),
+                    640);
         EXPECT_NE(errors.lines.find("yard-20261122T103118.000Z.mp4 cannot be read"), std::string::npos) << errors.lines;
     }
     {

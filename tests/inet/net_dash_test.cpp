@@ -1,10 +1,6 @@
 // What is cut, listed, lent and released. posix_net_dash_test.cpp has it played by ffmpeg.
 #include "dash_source.h"
 #include "support/fault.h"
-#include "support/log_keeper.h"
-
-#include <regex>
-#include <thread>
 
 namespace {
 
@@ -35,8 +31,8 @@ TEST_F(NetDash, CutsAtKeyPictures) {
         {"nothing before a key; sound", "p0 p40 S50 K80 S90 p120 S2000 K2080", "0+2000 "},
         {"whole milliseconds", "K0.9 p33.4 K2001.3 p2100 K4001.7 K6001.69", "0+2000 2000+2000 "},
         {"shorter by rounding alone", "K0 K2000.9 K4000.899 K6000.9", "0+2000 2000+4000 "},
-        {"outage", "K0 p40 p80 K60000 p60040 K62000", "0+120 60000+2000 "},
-        {"outage, then no key", "K0 p40 p60000 p60040 K61000 p61040 K63000", "0+80 61000+2000 "},
+        {"outage", "K0 p40 p80 K60000 p60040 K62000", "0+1000 60000+2000 "},
+        {"outage, then no key", "K0 p40 p1480 p1520 p60000 p60040 K61000 p61040 K63000", "0+1560 61000+2000 "},
         {"slow pictures", "K0 K5000 K10000 K15000 K20000", "0+5000 5000+5000 10000+5000 15000+5000 "},
         {"clock set back", "K3600000 p3600040 p1000 p1040 K3000 p3040 K5000", "0+2080 2080+2000 "},
         {"clock a little back", "K0 p1000 p900 p950 K2000 K4000", "0+2000 2000+2000 "},
@@ -69,6 +65,7 @@ TEST_F(NetDash, ListsAWindowOf15Seconds) {
     const std::string first(reinterpret_cast<const char*>(held.info.data), held.info.size);
     EXPECT_EQ(test::read_file("temp/cam-0-0/0.m4s"), first);
     put_seconds(18, 32);
+    EXPECT_EQ(bytes(ctx, "28000.m4s"), "");  // no manifest has listed it
     EXPECT_EQ(times(ctx), "14000+2000 16000+2000 18000+2000 20000+2000 22000+2000 24000+2000 26000+2000 28000+2000 ");
     EXPECT_FALSE(std::filesystem::exists("temp/cam-0-0/0.m4s"));
     EXPECT_EQ(bytes(ctx, "0.m4s"), "");
@@ -81,21 +78,14 @@ TEST_F(NetDash, ListsAWindowOf15Seconds) {
           "\n           <S d=\"2000\" t=\"14000\"/>", "avc1.42000d", "id=\"vcam-0-0\"", "width=\"320\""})
         EXPECT_NE(mpd.find(part), mpd.npos) << part << " in " << mpd;
 
+    EXPECT_NE(bytes(ctx, "28000.m4s"), "");
     const net::dash_segment* segment = net_dash_segment_video(ctx, "14000.m4s");
     ASSERT_NE(segment, nullptr);
     EXPECT_STREQ(segment->path, "./temp/cam-0-0/14000.m4s");
     EXPECT_EQ(net_dash_segment_info(ctx, segment).duration, 2000U);
-    std::atomic<bool> packed = false;
-    std::jthread source([&] {
-        put("K32000");
-        packed = true;
-    });
-    std::this_thread::yield();
-    EXPECT_FALSE(packed);
     EXPECT_EQ(decode_time({reinterpret_cast<const char*>(segment->bytes.data), segment->bytes.length}), 14000U);
     net_dash_segment_close(ctx, segment);
-    source.join();
-    EXPECT_EQ(net_dash_segment_video(ctx, "14000.m4s"), nullptr);
+    EXPECT_EQ(net_dash_segment_video(ctx, "0.m4s"), nullptr);
     const net::dash_segment* header = net_dash_segment_video(ctx, "header.m4s");
     EXPECT_EQ(std::string(header->bytes.data + 4, header->bytes.data + 8), "ftyp");
     net_dash_segment_close(ctx, header);
@@ -114,28 +104,23 @@ TEST_F(NetDash, OpensAContextForEachTrackAndRange) {
                                             {"token", 1ULL, hour + 2},
                                             {"token", 1ULL, 2ULL}})
         EXPECT_EQ(net_dash_open(token, start, end, CORE_HERE), nullptr) << token << start << '-' << end;
-    for (const char* id : {"", "..", "a/../../b", "a\\b", "a b", "a&amp;b"}) {
+    for (const char* id : {"", "a/../../b", "a\\b", "a b", "a&amp;b"}) {
         value_t** row = core_value_put(nullptr, "id", id, CORE_HERE);
         tab_put(tab_tracks, "bad", row, CORE_HERE);
         core_value_free(row);
-        net::dash_ctx* bad = net_dash_open("bad", 0, 0, CORE_HERE);
-        EXPECT_EQ(bad == nullptr, std::string(id) != "..") << id;  // "..-0-0" leaves no directory
+        EXPECT_EQ(net_dash_open("bad", 0, 0, CORE_HERE), nullptr) << id;
     }
 }
 
 TEST_F(NetDash, ReleasesWhatNobodyUsesAfter20Seconds) {
     net::dash_ctx* ctx = net_dash_open("token", 0, 0, CORE_HERE);
     put_seconds(0, 6);
+    now += 30'000'000;
+    net::dash::sweep();  // it has a user
+    EXPECT_NE(bytes(ctx, "0.m4s"), "");
     net_dash_close(ctx);
-    for (const auto& [seconds, is_there] : {std::pair(20, true), {21, false}}) {
-        now = dash_base + 5'000'000 + static_cast<uint64_t>(seconds) * 1'000'000;
-        net::dash_share share;
-        if (seconds == 20) {
-            now = dash_base + 5'000'000;
-            ASSERT_TRUE(net_dash_share(ctx, "0.m4s", &share));
-            net_dash_share_release(share.owner);
-            now += 20'000'000;
-        }
+    for (const bool is_there : {true, false}) {
+        now += is_there ? 20'000'000 : 1'000'000;
         net::dash::sweep();
         EXPECT_EQ(std::filesystem::exists("temp/cam-0-0"), is_there);
         net::dash_ctx* found = net_dash_search("token");
@@ -177,16 +162,17 @@ TEST_F(NetDash, ServesRangesFromTheirFiles) {
         const char* what;
         std::string pictures;
         bool says_end;
-        std::string segments;  // nothing while it is not whole
+        bool at_once;  // whole when the pictures have come
+        std::string segments;
     } cases[] = {
-        {"not whole", "K0 p1000 K2000 p9000 K10000", false, ""},
-        {"a picture behind the end", "K0 p1000 K2000 p3000 K10000.001", false, "0+2000 2000+2000 "},
-        {"said to end", "K0 p40 K2000 p2040", true, "0+2000 2000+80 "},
-        {"a hole", "K0 p40 K8000 p8040 K10000", true, "0+2080 2080+1960 "},
-        {"parameter sets change", "K0 p40 K2000 p2040 C3000 K5000", false, "0+2000 2000+1000 "},
+        {"silent", "K0 p1000 K2000 p9000 K10000", false, false, "0+2000 2000+2000 4000+1000 "},
+        {"a picture behind the end", "K0 p1000 K2000 p3000 K10000.001", false, true, "0+2000 2000+2000 "},
+        {"said to end; begins early", "K-4000 p-1 K-9 p1 K1991 p2040", true, true, "0+2000 2000+98 "},
+        {"a hole", "K0 p40 K8000 p8040 K10000", true, true, "0+2080 2080+1960 "},
+        {"parameter sets change", "K0 p40 K2000 p2040 C3000 K5000", false, true, "0+2000 2000+1000 "},
     };
     const std::string name = "cam-" + std::to_string(dash_base) + '-' + std::to_string(dash_base + 10'000'000);
-    for (const auto& [what, pictures, says_end, segments] : cases) {
+    for (const auto& [what, pictures, says_end, at_once, segments] : cases) {
         SCOPED_TRACE(what);
         test::archive from(name);
         net::dash_ctx* ctx = net_dash_open("token", dash_base, dash_base + 10'000'000, CORE_HERE);
@@ -194,23 +180,19 @@ TEST_F(NetDash, ServesRangesFromTheirFiles) {
         EXPECT_EQ(from.asked, "play" + std::to_string(dash_base) + "100000");
         put(pictures, from.track);
         if (says_end) core_profile_put(from.track, end);
-        const std::string mpd = manifest(ctx);
-        EXPECT_EQ(mpd.empty(), segments.empty());
-        if (!segments.empty()) {
-            EXPECT_EQ(times(ctx), segments);
-            const net::dash_segment* segment = net_dash_segment_video(ctx, "0.m4s");
-            ASSERT_NE(segment, nullptr);
-            EXPECT_EQ(test::read_file(segment->path),
-                      std::string(segment->bytes.data, segment->bytes.data + segment->bytes.length));
-            net_dash_segment_close(ctx, segment);
-            EXPECT_EQ(segment->bytes.data, nullptr);
-            EXPECT_EQ(bytes(ctx, "0.m4s"), test::read_file(segment->path));
-            EXPECT_NE(mpd.find("<Source>2023-11-14T22:13:20Z/2023-11-14T22:13:30Z</Source>"), mpd.npos) << mpd;
-        } else {
-            now += 11'000'000;  // silent
-            net::dash::sweep();
-            EXPECT_EQ(net_dash_state(ctx), net::dash_ready);
-        }
+        EXPECT_EQ(manifest(ctx).empty(), !at_once);
+        now += 11'000'000;
+        net::dash::sweep();  // a silent one is whole by now, too
+        EXPECT_EQ(net_dash_state(ctx), net::dash_ready);
+        EXPECT_EQ(times(ctx), segments);
+        const net::dash_segment* segment = net_dash_segment_video(ctx, "0.m4s");
+        ASSERT_NE(segment, nullptr);
+        const std::string file = test::read_file(segment->path);
+        EXPECT_EQ(file, std::string(segment->bytes.data, segment->bytes.data + segment->bytes.length));
+        net_dash_segment_close(ctx, segment);
+        EXPECT_EQ(segment->bytes.data, nullptr);
+        EXPECT_EQ(bytes(ctx, "0.m4s"), file);
+        EXPECT_NE(manifest(ctx).find("<Source>2023-11-14T22:13:20Z/2023-11-14T22:13:30Z</Source>"), std::string::npos);
         net_dash_close(ctx);
         now += 30'000'000;
         net::dash::sweep();

@@ -1,6 +1,7 @@
 // HTTP connections over real sockets. What one message is is the fuzz target's; here they travel.
 #include "inet/net_http.h"
 
+#include "support/fault.h"
 #include "support/files.h"
 #include "support/network_thread.h"
 #include "support/scratch.h"
@@ -115,7 +116,9 @@ TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
         {"GET /\r\n\r\n", "-1 ", refused},
         {"HTTP/1.1 200 OK\r\n\r\n", "-1 ", refused},
         {post + "multipart/mixed\r\nContent-Length: 4\r\n\r\n--b-", "-1 ", refused},
+        {"GET / HTTP/1.1\nHost: x\n\n", "-1 ", refused},
         {header_flood, "-2 ", refused},
+        {"GET /a HTTP/1.1\r\nContent-Type: a/b\r\n\r\n", "0 0 ", answer_text(200, "OK", "/a", 2)},
         {post + "a/b\r\nContent-Length: 2\r\n\r\nab", "0 -3 ", refused},
     };
     for (const auto& [request, told, reply] : cases) {
@@ -162,6 +165,40 @@ TEST(HttpRequests, AnswersEachRequestInOrderAlsoWhenThePeerHasSaidAll) {
     }
 }
 
+TEST(HttpRequests, AnswersWhatCameTogetherTogetherAndAllocatesNothingForIt) {
+    const test::network_thread nt;
+    owner server(nt);
+    char name[] = "Content-Length", two[] = "2";
+    value_t length{name, two};
+    value_t* fields[] = {&length, nullptr};
+    const header_s head{.protocol = "HTTP/1.1", .status = 200, .reason = "OK", .fields = fields};
+    server.then = [&, announced = false](int, header_s*, const std::string&) mutable {
+        announced = !announced;
+        if (!announced) net_http_send_message(server.ctx, &head, "ok", 2);
+    };
+    const std::pair<int, int> fds = test::socket_pair::open();
+    test::tcp_socket peer(fds.first);
+    ASSERT_EQ(net_http_accept(server.ctx, fds.second), 0);
+    const std::string request = "GET / HTTP/1.1\r\nHost: h\r\n\r\n", requests = request + request;
+    const auto exchange = [&] {
+        const auto* const bytes = reinterpret_cast<const uint8_t*>(requests.data());
+        net::platform::send_bytes(peer, {bytes, requests.size()}, nullptr);
+        uint8_t room[4096];
+        for (size_t left = 2 * std::string_view("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok").size(); left > 0;) {
+            const int size = net::platform::receive_bytes(peer, {room, left}, nullptr);
+            ASSERT_GT(size, 0);
+            left -= static_cast<size_t>(size);
+        }
+    };
+    exchange();
+    const test::allocation_count allocations;
+    for (int i = 0; i < 20; ++i)
+        exchange();
+    EXPECT_EQ(allocations.value(), 0U);
+    nt.run([] {});
+    EXPECT_EQ(server.drained, 21);
+}
+
 class NetHttp : public testing::Test {
 protected:
     NetHttp() {
@@ -201,8 +238,19 @@ TEST_F(NetHttp, DownloadsToAFileAndSplitsMultipartBodies) {
         EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), -2) << name;
     for (const char* name : {"f.bin", "com"})
         EXPECT_EQ(net_http_download(client.ctx, "/file", directory.c_str(), name), 1);
+    // Neither side holds the file.
+    static std::atomic<size_t> largest;
+    largest = 0;
+    core_mem_set_fault([](size_t size, const char*, int) {
+        if (size > largest) largest = size;
+        return false;
+    });
+    const size_t held = core_mem_bytes();
     net_http_connect(client.ctx, "127.0.0.1", port);
     EXPECT_TRUE(client.hears("connect 0 0 0 0 "));
+    core_mem_set_fault(nullptr);
+    EXPECT_LE(largest, 64U * 1024);
+    EXPECT_LE(core_mem_bytes(), held + 2 * 64 * 1024);
     for (const char* name : {"/f.bin", "/com"})
         EXPECT_EQ(test::read_file(directory + name), content);
     EXPECT_EQ(released, 2);
@@ -230,6 +278,9 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
          "2\r\n\r\nok",
          "0 0 0 -5 "},
         {"HTTP/1.1 404 No\r\n\r\nHTTP/1.1 404 No\r\nContent-Length: 2\r\n\r\nno", "0 0 0 0 "},
+        {"HTTP/1.1 204 No\r\nContent-Type: a/b\r\n\r\nHTTP/1.1 404 No\ncontent-length: 2\n\nnoHTTP/1.0 200 "
+         "OK\r\n\r\nold",
+         "0 0 0 0 0 0:old "},
         {"GET / HTTP/1.1\r\n\r\n", "-1 "},
     };
     const test::scratch room;
@@ -240,6 +291,7 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
         header_s* head = http_header_request("HEAD", "/", "HTTP/1.1");
         EXPECT_EQ(net_http_send_message(fresh.ctx, head, nullptr, 0), 1);
         EXPECT_EQ(net_http_download(fresh.ctx, "/", no_directory.c_str(), "f"), 1);
+        EXPECT_EQ(net_http_recv(fresh.ctx, "/"), 1);
         http_header_free(head);
         net_http_connect(fresh.ctx, "127.0.0.1", port);
         EXPECT_TRUE(fresh.hears("connect "));
@@ -250,6 +302,30 @@ TEST_F(NetHttp, KnowsWhatEachResponseAnswers) {
         EXPECT_TRUE(fresh.hears("close "));
         EXPECT_EQ(fresh.told(), "connect " + told + "close ");
     }
+}
+
+TEST_F(NetHttp, SendsWhatIsRefusedOnceMore) {
+    server.then = [&, announced = false](int, header_s* header, const std::string& body) mutable {
+        announced = !announced;
+        if (announced) return;
+        const char* const told = value_geti(header->fields, "Authorization");
+        server.note(std::string(told ? told : "none") + body + ";");
+        header_s* head = http_header_error("HTTP/1.1", told && body == "right" ? 200 : 401, 0, nullptr);
+        http_header_put(head, "WWW-Authenticate", "Basic realm=x");
+        net_http_send_message(server.ctx, head, nullptr, 0);
+        http_header_free(head);
+    };
+    client.then = [&](int, header_s* header, const std::string&) { client.note(std::to_string(header->status) + " "); };
+    EXPECT_EQ(net_http_set_login(client.ctx, "u", "p"), 1);
+    net_http_connect(client.ctx, "127.0.0.1", port);
+    for (const char* body : {"right", "wrong"}) {
+        const std::string status = body == std::string("right") ? "200 " : "401 ";
+        EXPECT_EQ(net_http_post(client.ctx, "/", body, 5), 1);
+        EXPECT_TRUE(client.hears("0 " + status + "0 " + status)) << client.told();
+        EXPECT_TRUE(server.hears(std::string("none") + body + ";"));
+        EXPECT_TRUE(server.hears(std::string("Basic dTpw") + body + ";"));
+    }
+    EXPECT_EQ(client.told(), "connect 0 200 0 200 0 401 0 401 ");
 }
 
 TEST_F(NetHttp, TellsOfEveryEndOnceAndMayBeClosedInEveryCallback) {

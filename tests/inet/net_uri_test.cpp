@@ -96,4 +96,23 @@ TEST(UriCoding, DecodesWhatIsCoded) {
     EXPECT_EQ(std::string(nul.get(), 5), std::string("a\0b\0c", 5));
     const core::owned_text encoded(uri_encode("AZaz09!'()*.~-_ \xff/%@[`{", CORE_HERE));
     EXPECT_STREQ(encoded.get(), "AZaz09!'()*.~%2D%5F%20%FF%2F%25%40%5B%60%7B");
+    const core::owned_text rest(uri_encode_rest("/a b%20%2f%\r\xc3\xa9+?\x7f~", CORE_HERE));
+    EXPECT_STREQ(rest.get(), "/a%20b%20%2f%%0D%C3%A9+?%7F~");
+    EXPECT_STREQ(core::owned_text(uri_decode_part("p%40+%u00e9%4", nullptr, CORE_HERE)).get(), "p@+%u00e9%4");
+}
+
+TEST(UriResolve, FindsWhatAReferenceMeans) {
+    constexpr const char* cases[][2] = {
+        {"http://o:1/d?e", "http://o:1/d?e"},
+        {"//o/d", "http://o/d"},
+        {"/d", "http://h/d"},
+        {"d?e=/../", "http://h/a/d?e=/../"},
+        {"../../d", "http://h/d"},
+        {"?e", "http://h/a/b?e"},
+        {"./", "http://h/a/"},
+        {"d:8/e", "http://h/a/d:8/e"},
+    };
+    for (const auto& [reference, resolved] : cases)
+        EXPECT_STREQ(core::owned_text(uri_resolve("http://h/a/b?c=/", reference, CORE_HERE)).get(), resolved);
+    EXPECT_EQ(uri_resolve("h/a", "b", CORE_HERE), nullptr);
 }

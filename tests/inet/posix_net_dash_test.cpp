@@ -41,6 +41,7 @@ TEST_F(NetDashPlayed, LiveAndRangeAreDemuxedWhole) {
         put(source_, *frame);
         put(from.track, *frame);
         // A player that takes each segment as it is listed.
+        manifest(live);
         for (const net::dash_timeline* pair = net_dash_times(live); pair && pair->d; ++pair) {
             if (pair->t < after) continue;
             EXPECT_EQ(pair->t, after);

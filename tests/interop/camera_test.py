@@ -1,12 +1,14 @@
 """ffmpeg watches inet-camera: what arrives is the clip, picture by picture and sample by sample."""
 import os
+import random
 import re
 import socket
 import subprocess
 import tempfile
 import unittest
 
-from peers import CAMERA, LIVE, CameraCase, Failed, at_once, clip_file, ffmpeg, picture_hashes, position_in_loop
+from peers import (CAMERA, FREE_PORTS, LIVE, Camera, CameraCase, Failed, at_once, clip_file, ffmpeg, picture_hashes,
+                   position_in_loop)
 
 SECONDS = 9  # so that the clip comes to its end and begins again, and several sender reports come
 
@@ -52,7 +54,7 @@ class Access(CameraCase):
 
 class CommandLine(unittest.TestCase):
     def refuses(self, status, *arguments):
-        done = subprocess.run([*CAMERA, "--rtsp", "0", *arguments], capture_output=True, text=True, timeout=60)
+        done = subprocess.run([*CAMERA, *FREE_PORTS, *arguments], capture_output=True, text=True, timeout=60)
         self.assertEqual(done.returncode, status)
         self.assertRegex(done.stderr, r"\Ainet-camera: .+\n\Z")
         return done.stderr
@@ -74,3 +76,14 @@ class CommandLine(unittest.TestCase):
             self.assertIn("another program has that port", self.refuses(1, "--rtsp", str(taken.getsockname()[1])))
         self.assertIn("does not have that address", self.refuses(1, "--bind", "192.0.2.1"))
         self.assertIn("ffmpeg -i ", self.refuses(1, "--video", clip_file("clip.wav")))
+
+    def test_the_page_has_its_usual_port_where_it_is_free(self):
+        """It is taken on the second start at the latest: another program may have it on all addresses."""
+        host = ".".join(("127", *(str(random.randrange(1, 255)) for _ in range(3))))
+        told = f"cannot listen on {host}:8080: another program has that port"
+        usual = {"ports": ("--rtsp", "0", "--bind", host)}
+        with Camera(**usual) as first, Camera(**usual) as second:
+            self.assertIn(first.printed[0], (f"http://{host}:8080/\n", second.printed[0]))
+            self.assertIn(told, second.printed[0])
+            self.assertIn(told, self.refuses(1, "--bind", host, "--http", "8080"))
+            self.assertGreater(len(picture_hashes(*pull(second.url(), "tcp", 1))), 20)

@@ -65,7 +65,7 @@ class Live(DashCase):
 class Recorded(ViewerCase):
     def test_a_range_of_what_a_killed_camera_has_recorded(self):
         first = Camera("--record", self.path("kept"))
-        with first.process:
+        with first.folder, first.messages, first.process:
             while not (names := os.listdir(self.path("kept"))) or os.path.getsize(self.path(f"kept/{names[0]}")) < 800000:
                 self.assertIsNone(first.process.poll())
                 time.sleep(0.02)

@@ -1,5 +1,6 @@
 """What inet-camera serves over HTTP, as browsers and tools ask for it."""
 import json
+import os
 import re
 import socket
 import subprocess
@@ -8,7 +9,7 @@ import time
 from http.client import HTTPConnection
 from urllib.parse import urlsplit
 
-from peers import FFMPEG, Camera, CameraCase, clip_file, ffmpeg, picture_hashes, position_in_loop, run
+from peers import FFMPEG, Camera, CameraCase, Failed, clip_file, ffmpeg, picture_hashes, position_in_loop, run
 
 
 class WebCase(CameraCase):
@@ -28,6 +29,25 @@ class WebCase(CameraCase):
 
     def get(self, target, **fields):
         return next(self.ask(("GET", target, {name.replace("_", "-"): value for name, value in fields.items()})))
+
+    def connect(self):
+        address = urlsplit(self.camera.web)
+        return self.enterContext(socket.create_connection((address.hostname, address.port), 20))
+
+    def say(self, text):
+        """What comes back for a request as it stands here, up to the end of the connection."""
+        with self.connect() as peer:
+            peer.sendall(text.encode("latin1"))
+            return b"".join(iter(lambda: peer.recv(65536), b""))
+
+    def state_with_viewers(self, count):
+        """The state when so many watch over HTTP. They are counted once a second, and who has closed is missed when the
+        next picture is sent."""
+        while True:
+            state = json.loads(self.get("/status.json")[1])
+            if state["services"][1]["viewers"] == count:
+                return state
+            time.sleep(0.05)
 
 
 class Pictures(WebCase):
@@ -67,7 +87,14 @@ class Answers(WebCase):
                 (206, "GET", "/", {"Range": "bytes=1-1", "If-Range": tag}, 1),
                 (200, "GET", "/", {"Range": "bytes=1-1", "If-Range": '"old"'}, len(text)),
                 (416, "GET", "/", {"Range": "bytes=999999-"}, 0),
+                (206, "GET", "/", {"Range": "bytes=1-1", "If-Match": f'"other", {tag}'}, 1),
+                (412, "GET", "/", {"If-Match": f"W/{tag}"}, None),
+                (200, "HEAD", "/", {"If-Match": "*"}, 0),
+                (200, "GET", "/healthz", {"Content-Type": "application/x"}, 3),
                 (200, "GET", "/healthz", {}, 3),
+                (200, "GET", "http://other:1/he%61lthz?x", {}, 3),
+                (200, "GET", "https://other?/healthz", {}, len(text)),
+                (405, "OPTIONS", "*", {}, None),
                 (405, "POST", "/", {"Content-Length": "0"}, None),
                 (405, "get", "/", {}, None),
                 (400, "GET", "/", {"Host": "other"}, None),
@@ -78,6 +105,12 @@ class Answers(WebCase):
                 (400, "GET", "/page.css%00", {}, None),
                 (400, "GET", "/%c0%afpage.css", {}, None),
                 (400, "GET", "/%", {}, None),
+                (400, "GET", "/%5cpage.css", {}, None),
+                (404, "GET", "/..\\page.css", {}, None),
+                (404, "GET", "/%252e%252e/page.css", {}, None),
+                (404, "GET", "/C:/page.css", {}, None),
+                (404, "GET", "/../jpeg.jpg", {}, None),
+                (400, "GET", "ftp://other/healthz", {}, None),
                 (413, "GET", "/status.json", {"Content-Length": "99999999"}, None),
                 (431, "GET", "/", {"X": "x" * 5000}, None)):
             with self.subTest(target=target, **fields):
@@ -86,10 +119,61 @@ class Answers(WebCase):
         kept = self.ask(*[("GET", "/page.js", {}), ("HEAD", "/page.js", {}), ("GET", "/nothing", {})] * 20)
         self.assertEqual([answer.status for answer, _ in kept], [200, 200, 404] * 20)
 
+    def test_what_can_be_read_in_two_ways_is_refused_and_nothing_behind_it_is_read(self):
+        begin, end = "GET /healthz HTTP/1.1\r\nHost: x\r\n", "\r\n\r\n"
+        chunks, behind = "Transfer-Encoding: chunked" + end, "0\r\n\r\nGET /healthz HTTP/1.1\r\nHost: x\r\n\r\n"
+        for status, text in (
+                *((400, f"{begin}Content-Length:{length}{end}") for length in
+                  (" 5\r\nContent-Length: 6", " 5, 6", " +5", " -5", " 0x5", " 5 5", "", " 18446744073709551616")),
+                *((400, f"{begin}Transfer-Encoding{coding}{end}") for coding in (
+                    ": chunked\r\nContent-Length: 5", ": xchunked", ": gzip, chunked", ": chunked,", ": \x0bchunked",
+                    " : chunked", ":\r\n chunked", ': "chunked"', ": chunked\r\nTransfer-Encoding: identity")),
+                *((400, f"{begin}{chunks}{chunk}") for chunk in (
+                    "+3\r\nabc\r\n", "0x3\r\nabc\r\n", "3\nabc\n", "10000000000000000\r\n", "3\r\nabcd\r\n")),
+                (413, f"{begin}{chunks}" + "8000\r\n" + "x" * 0x8000 + "\r\n8001\r\n" + "x" * 0x8001),
+                *((400, f"{begin}{field}{end}") for field in ("a: b\rc: d", "a: b\0c", "a: b\nc: d", ": a", "a",
+                                                              "a\t: b", "Host: x")),
+                (400, "GET /healthz HTTP/1.1" + end), (400, "GET /healthz HTTP/1.1\nHost: x\n\n"),
+                (400, "GET /healthz x HTTP/1.1\r\nHost: x" + end), (431, begin + "a: b\r\n" * 800)):
+            with self.subTest(text[:99]):
+                answer = self.say(text + behind)
+                self.assertTrue(answer.startswith(b"HTTP/1.1 %d " % status), answer)
+                self.assertEqual(answer.count(b"HTTP/1.1 "), 1)
+
+    def test_what_waits_is_answered_in_order(self):
+        texts = [f"{('GET', 'HEAD')[i % 2]} /{('healthz', 'nothing', 'page.css')[i % 3]} HTTP/1.1\r\nHost: x\r\n"
+                 for i in range(100)]
+        answers = self.say("\r\n".join(texts) + "Connection: close\r\n\r\n")
+        statuses = re.findall(rb"^(?:ok\n|404 Not Found\n|.*\}\n)?HTTP/1.1 (\d+) ", answers, re.MULTILINE)
+        self.assertEqual(statuses, [(b"200", b"404", b"200")[i % 3] for i in range(100)])
+
+    def test_head_is_get_without_the_body(self):
+        for target in ("/", "/page.js", "/status.json", "/metrics", "/healthz", "/jpeg.jpg", "/jpeg.mjpeg", "/nothing"):
+            with self.subTest(target):
+                head = self.say(f"HEAD {target} HTTP/1.0\r\n\r\n").splitlines()
+                with self.connect() as peer:
+                    peer.sendall(f"GET {target} HTTP/1.0\r\n\r\n".encode())
+                    full = list(iter(peer.makefile("rb").readline, b"\r\n"))
+                names = [[line.split(b":")[0].strip() for line in each] for each in (head, full)]
+                self.assertEqual(names[0], [*names[1], b""])
+
+    def test_pictures_come_after_the_last_request(self):
+        """Who has said all gets them as long as they are taken."""
+        self.state_with_viewers(0)
+        with self.connect() as peer, peer.makefile("rb") as film:
+            peer.sendall(b"GET /jpeg.mjpeg HTTP/1.1\r\nHost: x\r\n\r\n")
+            peer.shutdown(socket.SHUT_WR)
+            for _ in range(3):
+                while film.readline() != b"--picture\r\n":
+                    pass
+            self.state_with_viewers(1)
+        self.state_with_viewers(0)
+
     def test_the_state_for_programs(self):
+        self.state_with_viewers(0)
         with subprocess.Popen(["curl", "-s", self.camera.web + "jpeg.mjpeg"], stdout=subprocess.PIPE) as viewer:
             viewer.stdout.read(50_000)
-            state = self.state_with_a_viewer()
+            state = self.state_with_viewers(1)
             text = self.get("/metrics")[1].decode()
             viewer.kill()
         self.assertEqual([each["viewers"] for each in state["services"]], [0, 1])
@@ -100,20 +184,21 @@ class Answers(WebCase):
             self.assertRegex(line, r'^# (HELP|TYPE) \w+ .+$|^\w+\{\w+="[^"]*"\} \d+$')
         self.assertRegex(text, re.compile(r'^inet_viewers\{service="http"\} 1$', re.MULTILINE))
 
-    def state_with_a_viewer(self):
-        """They are counted once a second."""
-        while True:
-            state = json.loads(self.get("/status.json")[1])
-            if any(each["viewers"] for each in state["services"]):
-                return state
-            time.sleep(0.05)
-
     def test_others_are_served_while_hundreds_say_half_of_something(self):
-        address = urlsplit(self.camera.web).hostname, urlsplit(self.camera.web).port
-        for i in range(300):
-            half = self.enterContext(socket.create_connection(address, 20))
-            half.sendall((b"", b"GET / HTTP/1.1\r\nX: ", b"POST / HTTP/1.1\r\nContent-Length: 9\r\n\r\nx")[i % 3])
+        halves = (b"", b"GET / HTTP/1.1\r\nX: ", b"GET /metrics HTTP/1.1\r\nHost: x\r\nContent-Length: 9\r\n\r\nx",
+                  b"GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n")
+        for i in range(500):
+            self.connect().sendall(halves[i % len(halves)])
         self.assertEqual(self.get("/healthz")[1], b"ok\n")
+        self.assertGreater(len(picture_hashes("-f", "mpjpeg", "-t", "0.2", "-i", self.camera.web + "jpeg.mjpeg")), 3)
+
+
+class Names(WebCase):
+    arguments = (*WebCase.arguments, "--on-demand", "--source", b'a"\\\n\xff=rtsp://127.0.0.1:1/x')
+
+    def test_any_name_of_a_stream_can_be_told(self):
+        self.assertEqual(json.loads(self.get("/status.json")[1])["streams"][0]["name"], 'a"\\\n\ufffd')
+        self.assertIn('{stream="a\\"\\\\\\n\ufffd"} 0\n', self.get("/metrics")[1].decode())
 
 
 class WebAccess(WebCase):
@@ -125,26 +210,79 @@ class WebAccess(WebCase):
         for password, status in (("right", b"200"), ("wrong", b"401")):
             self.assertEqual(run("curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", "--digest", "-u",
                                  "admin:" + password, self.camera.web + "status.json"), status)
+        curl = "curl", "-s", "--digest", "-u", "admin:right", self.camera.web
+        for way, status in (("-I", b"200"), ("-r1-1", b"206")):
+            self.assertEqual(run(*curl, way, "-o", "/dev/null", "-w", "%{http_code}"), status)
+        self.takes(*curl[:-1], self.camera.web + "jpeg.mjpeg")
+
+    def takes(self, *program):
+        """A program that passes on what it gets without an end."""
+        with subprocess.Popen(program, stdout=subprocess.PIPE) as viewer:
+            self.assertEqual(len(viewer.stdout.read(50_000)), 50_000)
+            viewer.kill()
+
+    def test_players_are_let_in_with_the_password(self):
+        web, film = urlsplit(self.camera.web).netloc, "jpeg.mjpeg"
+        user = ("user-id=admin", "user-pw=right")
+        seen = picture_hashes("-f", "mpjpeg", "-t", "0.2", "-i", f"http://admin:right@{web}/{film}")
+        self.assertGreater(len(seen), 3)
+        for source in (("souphttpsrc", *user, f"location=http://{web}/{film}"),
+                       ("rtspsrc", *user, f"location=rtsph://{web}/live")):
+            self.takes("gst-launch-1.0", "-q", *source, "!", "fdsink")
+        tunnel = "-rtsp_transport", "http", "-t", "1", "-i"
+        self.assertGreater(len(picture_hashes(*tunnel, f"rtsp://admin:right@{web}/live")), 20)
+        with self.assertRaisesRegex(Failed, "401"):
+            picture_hashes(*tunnel, f"rtsp://admin:wrong@{web}/live")
 
 
 class Sources(WebCase):
     arguments = WebAccess.arguments
 
-    def test_pictures_that_are_fetched_over_http_go_out_over_rtsp(self):
+    def serve(self, program, *arguments, **options):
+        """Has a program serve MJPEG at the address that stands for "URL" in its arguments."""
         with socket.create_server(("127.0.0.1", 0)) as probe:
-            theirs = f"http://127.0.0.1:{probe.getsockname()[1]}/"
-        peer = subprocess.Popen([*FFMPEG, "-re", "-stream_loop", "-1", "-framerate", "5", "-i", clip_file("clip_%02d.jpg"),
-                                 "-c", "copy", "-content_type", "multipart/x-mixed-replace;boundary=ffmpeg", "-f", "mpjpeg",
-                                 "-listen", "1", theirs], stderr=subprocess.DEVNULL)
-        self.addCleanup(peer.wait)
-        self.addCleanup(peer.kill)
+            address = probe.getsockname()
+        place = f"127.0.0.1:{address[1]}/x.mjpg"
+        process = subprocess.Popen([program, *(each.replace("URL", place) for each in arguments)],
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **options)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process, "http://" + place, address
+
+    def vlc(self):
+        """VLC, which does not run as root. It calls this stream "application/octet-stream"."""
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        os.chmod(folder, 0o755)
+        film = os.path.join(folder, "film.mkv")
+        ffmpeg("-framerate", "5", "-i", clip_file("clip_%02d.jpg"), "-c", "copy", film)
+        _, url, address = self.serve("cvlc", "-I", "dummy", "--repeat", film, "--sout-keep", "--sout",
+                                     "#standard{access=http,mux=mpjpeg,dst=URL}", env={**os.environ, "HOME": folder},
+                                     user=None if os.geteuid() else 65534)
+        deadline = time.monotonic() + 60
+        while True:
+            try:
+                socket.create_connection(address, 1).close()
+                return url
+            except OSError:
+                self.assertLess(time.monotonic(), deadline, "VLC does not serve")
+                time.sleep(0.05)
+
+    def test_pictures_that_are_fetched_over_http_go_out_over_rtsp(self):
+        vlc = self.vlc()
+        peer, theirs, _ = self.serve(*FFMPEG, "-re", "-stream_loop", "-1", "-framerate", "5", "-i",
+                                     clip_file("clip_%02d.jpg"), "-c", "copy", "-content_type",
+                                     "multipart/x-mixed-replace;boundary=ffmpeg", "-f", "mpjpeg", "-listen", "1",
+                                     "http://URL")
         ours = self.camera.web.replace("//", "//admin:right@") + "jpeg.mjpeg"
         clip = picture_hashes("-i", clip_file("clip_%02d.jpg"))
-        with Camera("--source", "ours=" + ours, "--source", "theirs=" + theirs) as relay:
-            for name in ("ours", "theirs"):
+        with Camera("--source", "ours=" + ours, "--source", "theirs=" + theirs, "--source", "vlc=" + vlc) as relay:
+            for name in ("ours", "theirs", "vlc"):
                 seen = picture_hashes("-rtsp_transport", "tcp", "-t", "3", "-i", relay.url(name))
                 self.assertGreater(len(seen), 10)
-                self.assertIsNotNone(position_in_loop(seen, clip))
+                if name == "vlc":  # leaves out the last picture before it begins again
+                    self.assertLessEqual(set(seen), set(clip))
+                else:
+                    self.assertIsNotNone(position_in_loop(seen, clip))
             peer.kill()
             self.stop_complaints(relay)
 

@@ -1,5 +1,6 @@
 """The programs that the interop tests start, and what is compared between them."""
 import functools
+import glob
 import hashlib
 import os
 import random
@@ -25,19 +26,23 @@ def command(program):
 
 
 CAMERA = command(os.environ.get("INET_CAMERA", f"{ROOT}/build/dev/apps/inet-camera"))
+FREE_PORTS = "--rtsp", "0", "--http", "off"
 
 
 class Camera:
     """inet-camera on a free port; ends by Ctrl-C and must then have exited cleanly with nothing held."""
 
-    def __init__(self, *arguments, prefix=()):
+    def __init__(self, *arguments, prefix=(), ports=FREE_PORTS):
         """`prefix` is a command that starts the program, such as that for another network namespace."""
+        self.folder = tempfile.TemporaryDirectory()  # where it works: DASH has its files there
         self.messages = tempfile.TemporaryFile("w+")
         self.read = 0
-        self.process = subprocess.Popen([*prefix, *CAMERA, "--rtsp", "0", *arguments], stdout=subprocess.PIPE,
-                                        stderr=self.messages, text=True)
+        self.process = subprocess.Popen([*prefix, *CAMERA, *ports, *arguments], stdout=subprocess.PIPE,
+                                        stderr=self.messages, text=True, errors="replace", cwd=self.folder.name)
         self.urls = {}
+        self.printed = []
         for line in self.process.stdout:
+            self.printed.append(line)
             found = re.search(r"rtsp://\S+/(\w+)", line)
             if found:
                 self.urls[found.group(1)] = found.group(0)
@@ -64,13 +69,13 @@ class Camera:
     def __exit__(self, kind, value, trace):
         early = self.process.poll() is not None
         self.process.send_signal(signal.SIGINT)
-        with self.process, self.messages:
+        with self.folder, self.process, self.messages:
             try:
                 status = self.process.wait(timeout=30)
             except subprocess.TimeoutExpired:
                 self.process.kill()
                 status = "killed: did not end by Ctrl-C"
-            messages = self.told()
+            messages = self.told() + " ".join(f"left {path}" for path in glob.glob(f"{self.folder.name}/temp/*"))
         if kind is None and (status != 0 or messages):
             raise AssertionError(f"camera ended with {status}{' by itself' * early}: {messages}")
 

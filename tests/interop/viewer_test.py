@@ -144,7 +144,7 @@ class Access(ViewerCase, CameraCase):
     def test_user_and_stream(self):
         for user in (None, "admin:wrong", "root:r:i%40ght"):
             self.refuse(REFUSED, self.camera.url(user=user))
-        self.refuse(NOT_FOUND, self.camera.url(user="admin:r:i%40ght") + "/nowhere")
+        self.refuse(NOT_FOUND, self.camera.url(user="admin:r:i%40ght") + "/nó where")
         for user in ("admin:r:i%40ght", "admin:r:i@ght"):
             self.view(self.camera.url(user=user), "--duration", "0.5")
 

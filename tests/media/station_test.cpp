@@ -18,6 +18,7 @@
 namespace {
 
 using media::claim_t;
+using test::player;
 
 /// What begins with "ECHO" comes back, and the connection ends.
 struct echo_service final : media::service, net::ITcp {
@@ -47,31 +48,11 @@ struct echo_service final : media::service, net::ITcp {
     uint16_t port_ = 0;
 };
 
-/// A player on a port.
-struct player {
-    explicit player(uint16_t port) {
-        net_tcp_connect(socket, "127.0.0.1", port);
-        EXPECT_TRUE(test::await(socket, test::watch::write));
-    }
-    /// What it is answered next; "closed" at the end of the connection.
-    std::string ask(std::string text = "") const {
-        net_tcp_send_buffer(socket, {reinterpret_cast<uint8_t*>(text.data()), static_cast<uint32_t>(text.size())});
-        uint8_t room[1024];
-        buf_t bytes{room, sizeof room, 0};
-        EXPECT_TRUE(test::await(socket, test::watch::read));
-        const int count = net_tcp_recv(socket, bytes);
-        return count <= 0 ? "closed" : std::string(reinterpret_cast<char*>(room), bytes.length);
-    }
-    const test::tcp_socket socket;
-};
-
 /// What it is answered after it has sent all pieces.
 std::string answer(uint16_t port, std::initializer_list<std::string> pieces) {
     const player one(port);
-    for (std::string piece : pieces) {
-        net_tcp_send_buffer(one.socket,
-                            {reinterpret_cast<uint8_t*>(piece.data()), static_cast<uint32_t>(piece.size())});
-    }
+    for (const std::string& piece : pieces)
+        one.say(piece);
     return one.ask();
 }
 

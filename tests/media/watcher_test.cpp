@@ -161,7 +161,7 @@ TEST_F(Watcher, FramesOfTheWantedKindsUntilTheCallbackHasEnough) {
         &taken);
     watcher.on_event(
         [](void* arg, const media::watch_event_t& event) {
-            static_cast<taken_t*>(arg)->events += "ctprfPE"[event.what];
+            static_cast<taken_t*>(arg)->events += "ctpsrfPE"[event.what];
             EXPECT_TRUE(event.what != media::watch_event_t::tracks ||
                         (event.format_count == 1 && event.formats[0].fcc == av::fcc_pcmu));
         },
@@ -213,7 +213,7 @@ TEST_F(Watcher, RetriesWhatCanPassAndTellsWhatCannot) {
         EXPECT_EQ(watcher.status().attempts, each.attempts) << each.url;
         EXPECT_EQ(told, std::pair(each.pause, each.outcome)) << each.url << watcher.status().text;
     }
-    for (const char* none : {"", "ftp://h/x", "rtsp://", "http://h/a b", "rtsp://h:0/x", "rtsp://u:p@[::1]/x"})
+    for (const char* none : {"", "ftp://h/x", "rtsp://", "http://u%0a@h/x", "rtsp://h:0/x", "rtsp://u:p@[::1]/x"})
         EXPECT_EQ(media::watcher(none).start(), 0) << none;
 }
 

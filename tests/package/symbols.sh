@@ -51,7 +51,7 @@ compare "$build_dir/${form/NAME/inet}" INET_API "$source_dir"/{core,common,avc,i
 compare "$build_dir/${form/NAME/inet-media}" MEDIA_API "$source_dir/media/include"
 
 if [[ $form == *.dll ]]; then
-    for file in "$build_dir"/inet{,-media}.dll "$build_dir"/inet-{camera,viewer}.exe; do
+    for file in "$build_dir"/inet{,-media}.dll "$build_dir"/inet-{camera,viewer}.exe "$build_dir"/inet-modules/*.dll; do
         needed=$(x86_64-w64-mingw32-objdump -p "$file" | sed -n 's/^\s*DLL Name: //p')
         [[ $needed ]] || complain "no import table: $file"
         ! grep -vixE "($system)\.dll" <<<"$needed" || complain "not of the system: what ${file##*/} imports"

@@ -6,6 +6,8 @@
 #include "core/memory.h"
 #include "inet/net_socket.h"
 
+#include <gtest/gtest.h>
+#include <string>
 #include <utility>
 
 namespace test {
@@ -78,6 +80,27 @@ inline void drain(int fd) {
     while (net::platform::receive_bytes(fd, bytes, nullptr) > 0) {
     }
 }
+
+/// A client of a port of 127.0.0.1.
+struct player {
+    explicit player(uint16_t port) {
+        net_tcp_connect(socket, "127.0.0.1", port);
+        EXPECT_TRUE(await(socket, watch::write));
+    }
+    void say(std::string text) const {
+        net_tcp_send_buffer(socket, {reinterpret_cast<uint8_t*>(text.data()), static_cast<uint32_t>(text.size())});
+    }
+    /// What it is answered next; "closed" at the end of the connection.
+    std::string ask(const std::string& text = "") const {
+        say(text);
+        uint8_t room[16 * 1024];
+        buf_t bytes{room, sizeof room, 0};
+        EXPECT_TRUE(await(socket, watch::read));
+        const int count = net_tcp_recv(socket, bytes);
+        return count <= 0 ? "closed" : std::string(reinterpret_cast<char*>(room), bytes.length);
+    }
+    const tcp_socket socket;
+};
 
 /// A port of 127.0.0.1 on which nobody listens now.
 inline unsigned short free_port() {

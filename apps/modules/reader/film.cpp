@@ -10,6 +10,12 @@
 
 namespace reader {
 
+namespace {
+
+constexpr uint64_t longest_step = 24 * 3'600'000'000ULL;
+
+}  // namespace
+
 std::unique_ptr<film> film::open(const apps::recording& of) {
     std::unique_ptr<film> made(new film(of.start));
     made->file_.reset(core_fopen(apps::utf8_text(of.path).c_str(), "rb", CORE_HERE));
@@ -90,6 +96,9 @@ int film::next(av::frame_t& out) {
             at_key_ = at_key_ || !pictures_ || (taken.track == *pictures_ && taken.key);
             if (!at_key_ || (mp4_.tracks()[taken.track].fcc == av::fcc_h264 && taken.track != *pictures_)) continue;
             describe(taken, out);
+            // A longer step is damage, and would have to be waited for.
+            if (last_ && out.time > *last_ + longest_step) return -1;
+            last_ = out.time;
             return 1;
         }
         int result = mp4_.next_fragment();

@@ -54,6 +54,7 @@ private:
     bool loaded_ = false;
     bool at_key_ = false;  ///< a key picture came: what follows can be decoded
     uint64_t end_ = 0;
+    std::optional<uint64_t> last_;  ///< time of the last frame
 };
 
 }  // namespace reader

@@ -5,7 +5,7 @@
 /// Where the pictures come from, by the track's key texts:
 ///     live    "key1_key2_key3_key4": lists with an entry "frame" (avc_frame_parse()). "key1_key2_key3" is woken
 ///     range   "key1_key2_#_dash_NAME_key4", played by a graph (net::Graph::add_archive() of key2) at speed 100000.
-///             A list with the integer entry "end" says that nothing more comes
+///             A list with an entry "end" says that nothing more comes
 /// They are packed on the thread that puts them, which waits while a file is written: a thread of its own, not a
 /// network thread.
 ///
@@ -13,16 +13,17 @@
 ///   - A segment begins at a key picture, and ends at the first one that comes 2 s or more later.
 ///   - Media time counts from the first key picture, whose time is the start of availability. It never runs back: a
 ///     source whose clock was set back goes on where it was. Segments begin and end at whole milliseconds.
-///   - A pause of a live track is an outage when it is longer than 2 s and longer than 3 times the pause before it (the
-///     first one: longer than 15 s). It ends the segment with the usual duration of a picture; the next begins with the
-///     next key picture. In a range pauses are left out: recordings have holes.
+///   - A pause of a live track is an outage when it is longer than 5 s and longer than 3 times the pause before it (the
+///     first one: longer than 15 s). It ends the segment with the usual duration of a picture, but not before it lasts 1 s;
+///     the next begins with the next key picture. In a range pauses are left out: recordings have holes.
 ///   - The live list holds 15 s and one segment; the oldest goes when a new one comes. The manifest is there once the
 ///     first has gone.
-///   - When the parameter sets of a live track change, which segments do not carry, the context is retired. A new one
-///     takes over at that picture, under a name with a number more. Contexts retired by a source that goes on changing
-///     are 3 at most: until one is released, pictures that do not fit are dropped.
-///   - A range is whole, and its manifest there, when a picture comes from behind its end, when the source says so, when
-///     it is silent for 10 s, or when a bound is reached.
+///   - When the parameter sets of a live track change, which segments do not carry, the context is retired, and a new one
+///     takes over at that picture. Its segments can still be asked for. A track has 3 retired contexts at most: until one
+///     is released, pictures with yet other sets are dropped.
+///   - A range is whole, and its manifest there, when the first of these happens: a picture from behind its end comes,
+///     the source says so, nothing comes for 10 s, the parameter sets change, a file cannot be written, or a bound is
+///     reached.
 ///
 /// Bytes and files: every segment is written to ./temp/NAME/T.m4s, relative to the working directory. The segments of a
 /// live list are served from memory, each for all readers from one block that is freed or used again when the segment
@@ -32,7 +33,7 @@
 /// thread of the library does that.
 ///
 /// Bounds:
-///     contexts            64, of which 8 are ranges
+///     contexts            256, of which 8 are ranges
 ///     length of a range   1 hour, 1 GiB of files; what lies behind is left out
 ///     pictures of a segment that is not cut yet   64 MiB and 60 s; then all are dropped up to the next key picture
 ///     id of a track       64 letters, digits, '.', '_' and '-'
@@ -144,7 +145,8 @@ INET_API void net_dash_segment_close(net::dash_ctx* ctx, const net::dash_segment
 INET_API net::dash_info net_dash_segment_info(const net::dash_ctx* ctx, const net::dash_segment* segment) noexcept;
 
 /// A share of a segment, or of the init segment, by name. No lock is held after the call. Of a live context nothing is
-/// copied; of a range the file is read.
+/// copied; of a range the file is read. A live segment is there once a manifest has listed it: players that ask for what
+/// is not listed yet, as ffmpeg does, lose their place when they get it.
 /// @return 1; 0 when there is none, its file cannot be read, or memory is out
 INET_API int net_dash_share(net::dash_ctx* ctx, const char* name, net::dash_share* out) noexcept;
 /// Ends a share by its `owner`; null is ignored. It fits net_http_send_share().

@@ -6,20 +6,22 @@
 ///     1. The header is there; nothing of the body has been read. When the owner answers a request here, the body is
 ///        dropped, and there is no second call
 ///     2. The message is whole, with its body
-/// After the second call nothing more is parsed until the owner has queued an answer to the request and it has gone to
-/// the system. It may take any time. Later requests wait. "Expect: 100-continue" is answered between the two calls.
+/// After the second call nothing more is parsed until the owner has queued an answer to the request. It may take any
+/// time. Later requests wait. Answers to requests that came together go out together. "Expect: 100-continue" is answered
+/// between the two calls.
 ///
 /// How a body is framed:
 ///     Content-Length             of all messages
 ///     Transfer-Encoding chunked  of all messages but those of HTTP/1.0
-///     the end of the connection  of a response with neither of the two, when it has "Connection: close", when it is
-///                                multipart, or when it is downloaded
+///     the end of the connection  of a response with neither of the two, when it has "Connection: close", is of
+///                                HTTP/1.0 without "Connection: keep-alive", is multipart, split, or written to a file
 ///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
 ///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
-///     "multipart/"                                       part by part to on_frame, then a second call without a body
+///     "multipart/", net_http_split()                     part by part to on_frame, then a second call without a body
 ///     anything else                                      dropped, then on_message with status -3
+///     of any type, by net_http_save()                    written to a file, then a second call without a body
 ///
 /// A part of a multipart body ends after its Content-Length, else where the next boundary begins. The Content-Length of
 /// a multipart response is not looked at: cameras state one for streams without an end. The frame's data is the body of
@@ -28,6 +30,12 @@
 ///     "video/h264"   "H264"
 ///     "audio/pcmu"   "PCMU", 8000 samples of 16 bits, one channel
 ///     anything else  0
+///
+/// Lines of a header end with CR LF; in the client role those of a whole header may end with LF alone.
+///
+/// A message without a body has its second call with status 0, whatever its type. A response that is sent with neither
+/// length nor coding ends with the connection: no request behind it is read, and a peer that has ended its sending half
+/// is still sent all of it. net_http_finish() ends it.
 ///
 /// What is refused with -1:
 ///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart body
@@ -41,7 +49,7 @@
 ///     body, part  net_http_set_limit(), 8 MiB; downloads and dropped bodies have none
 ///     chunk line  256 bytes, trailers 4096
 ///     input       a header and a body
-///     answers     one; the next request is read when it has gone
+///     answers     16 KiB and one; the next request is read when there is place for its answer
 /// The output queue has no bound. on_drained tells when to queue more.
 ///
 /// Any thread may queue, call net_http_close(), and call what comes before there is a connection. All other calls, and
@@ -85,7 +93,7 @@ struct http_info {
     /// The peer closed the connection, reading failed, or net_http_connect() did.
     void (*on_close)(void* arg, http_ctx* ctx) = nullptr;
     /// A message, or an error. After an error other than -3 nothing more is read, and what comes is dropped.
-    /// @param header, body  valid until the callback returns; null when there is none
+    /// @param header, body  valid until the callback returns, not to be changed; null when there is none
     void (*on_message)(void* arg, http_ctx* ctx, int status, http::header_s* header, const buffer_t* body) = nullptr;
     /// All that was queued has gone to the system.
     void (*on_drained)(void* arg, http_ctx* ctx) = nullptr;
@@ -127,6 +135,18 @@ INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
 /// @param host  a dotted address, or a name, whose look-up blocks
 INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned port) noexcept;
 
+/// Has a request that is refused with 401 sent once more, over a new connection to the same server, with an answer to
+/// the challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal is a
+/// message like any other where:
+///   - it has no challenge that can be answered,
+///   - the request was sent once more already,
+///   - another request was queued meanwhile, or
+///   - the request has a body of net_http_send_share(), or one that was not queued with its header.
+/// A copy of each request is held until its response has come. To be called before the first request.
+/// @param user  null for none, which is the state at first
+/// @return 1; 0 for a null context, and when memory is out
+INET_API int net_http_set_login(net::http_ctx* ctx, const char* user, const char* password) noexcept;
+
 // Queueing. Each returns 1, or 0 when nothing was queued:
 //   - memory is out,
 //   - the bytes with their header pass 4 GiB,
@@ -163,6 +183,19 @@ INET_API int net_http_post(net::http_ctx* ctx, const char* uri, const void* data
 ///   - a name that is a device on Windows, such as "nul.txt" or "COM1"
 INET_API int net_http_download(net::http_ctx* ctx, const char* uri, const char* directory, const char* name) noexcept;
 
+/// Has the body of a response written to a file as net_http_download() has it, on the network thread. To be called
+/// inside the first call of on_message for that response.
+/// @return 1; 0 elsewhere, and when memory is out; -2 as net_http_download()
+INET_API int net_http_save(net::http_ctx* ctx, const char* directory, const char* name) noexcept;
+
+/// Has the body of a response of another type split into parts when it begins with a delimiter and the header of a
+/// part, as that of servers that do not know their own type. Else it goes where it would have gone. To be called inside
+/// the first call of on_message for that response. @return 1; 0 elsewhere, and for a response of type "multipart/"
+INET_API int net_http_split(net::http_ctx* ctx) noexcept;
+
+/// Bytes of the latest response that were written to a file. On the network thread.
+INET_API uint64_t net_http_saved(const net::http_ctx* ctx) noexcept;
+
 /// Sets the beginnings of further content types whose bodies are handed over whole, separated by ','. Null is none.
 INET_API void net_http_set_type(net::http_ctx* ctx, const char* type) noexcept;
 
@@ -173,7 +206,8 @@ INET_API void net_http_set_limit(net::http_ctx* ctx, uint32_t bytes) noexcept;
 /// closes its end, too, on_close comes. net_http_close() ends the connection at once.
 INET_API void net_http_finish(net::http_ctx* ctx) noexcept;
 
-/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes
+/// To be called once a second. @return seconds for which the peer has taken next to nothing of the waiting bytes; when
+/// it has ended its sending half, also seconds for which nothing was sent of a response without a length
 INET_API unsigned net_http_second(net::http_ctx* ctx) noexcept;
 
 /// Has net_http_close() end the connection with a reset: for a peer that does not read (net::Tcp::give_up()).
@@ -182,6 +216,6 @@ INET_API void net_http_give_up(net::http_ctx* ctx) noexcept;
 /// Bytes of this connection that were given to the system; 0 without a connection.
 INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 
-/// Closes the connection at once, releases the queue and the context, and nulls the pointer. After the call no callback
+/// Closes the connection at once, releases the queue, also what is lent, and the context, and nulls the pointer. After the call no callback
 /// runs. Called inside a callback, none runs after that one has returned, and what it was given stays valid so long.
 INET_API void net_http_close(net::http_ctx*& ctx) noexcept;

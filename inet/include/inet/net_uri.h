@@ -64,6 +64,17 @@ INET_API void uri_free_args(net::uri_arg_s** args) noexcept;
 /// @return a new text for core_mfree(); null for null.
 INET_API char* uri_decode(const char* begin, const char* end, const char* file, int line) noexcept;
 
+/// Decodes %XX alone, as in a path or a user-info: '+' stands for itself there. As uri_decode() otherwise.
+INET_API char* uri_decode_part(const char* begin, const char* end, const char* file, int line) noexcept;
+
 /// Encodes every byte but A-Z, a-z, 0-9 and ! ' ( ) * . ~ as '%' and two upper-case digits, '-' and '_' included.
 /// @return a new text for core_mfree(), empty for an empty one; null for null.
 INET_API char* uri_encode(const char* text, const char* file, int line) noexcept;
+
+/// Encodes what cannot stand in a request: spaces, controls, and bytes above 0x7e. What is coded stays as it is.
+/// @return as uri_encode()
+INET_API char* uri_encode_rest(const char* text, const char* file, int line) noexcept;
+
+/// Resolves a reference, such as a Location, against an absolute URI (RFC 3986, 5.2).
+/// @return a new text for core_mfree(); null for null, and for a base without "://".
+INET_API char* uri_resolve(const char* base, const char* reference, const char* file, int line) noexcept;

@@ -14,7 +14,7 @@ net::dash_ctx::dash_ctx(dash::track of, uint64_t from, uint64_t to) noexcept
       last_access(time_now() / dash::us_per_second),
       last_put(core_timer()),
       segments(directory, from != 0),
-      pack(segments, from != 0 ? dash::most_range_bytes : 0) {}
+      pack(segments, from, dash::most_range_bytes) {}
 
 net::dash_ctx::~dash_ctx() = default;
 
@@ -37,7 +37,7 @@ bool has_room_for(const dash_ctx& made, const contexts_t& among) noexcept {
     const auto count = [&](auto fits) {
         return static_cast<size_t>(std::count_if(among.all, among.all + among.count, fits));
     };
-    if (among.count == most_contexts) return false;
+    if (!among.is_up || among.count == most_contexts) return false;
     if (made.is_range()) return count([](const dash_ctx* each) { return each->is_range(); }) < most_ranges;
     return count([&](const dash_ctx* each) { return each->is_retired && each->track.token == made.track.token; }) <
            most_retired + 1;
@@ -52,14 +52,22 @@ void bring_up() noexcept {
     all.log = core_log_create(CORE_HERE, "dash");
     all.started = time_now();
     start_guard();
+    const std::lock_guard hold(all.lock);
+    all.is_up = all.guard != nullptr;
 }
 
 void take_down() noexcept {
     contexts_t& all = contexts();
     stop_guard();
+    {
+        const std::lock_guard hold(all.lock);
+        all.is_up = false;
+    }
+    // From the front: a context may be opening the one that follows it.
+    for (size_t i = 0; i < all.count; ++i)
+        stop_playing(*all.all[i]);
     while (all.count > 0) {
         dash_ctx* const last = all.all[--all.count];
-        stop_playing(*last);
         remove_files(*last);
         core::destroy(last);
     }

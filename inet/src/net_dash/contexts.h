@@ -14,7 +14,7 @@
 
 namespace net::dash {
 
-inline constexpr size_t most_contexts = 64;
+inline constexpr size_t most_contexts = 256;
 inline constexpr size_t most_ranges = 8;
 inline constexpr size_t most_retired = 3;  ///< of one track
 inline constexpr uint64_t most_range_bytes = 1ULL << 30;
@@ -42,9 +42,7 @@ struct net::dash_ctx {
 
     bool is_range() const noexcept { return start != 0; }
     /// Whether who asks for this gets the context. Under the lock of the contexts.
-    bool serves(std::string_view token) const noexcept {
-        return !is_retired && !is_failed && !is_leaving && track.token == token;
-    }
+    bool serves(std::string_view token) const noexcept { return !is_retired && !is_leaving && track.token == token; }
 
     const dash::track track;
     const uint64_t start, end;
@@ -57,7 +55,8 @@ struct net::dash_ctx {
     std::atomic<uint64_t> last_put;        ///< core_timer() of the last list that came of a range
     std::atomic<bool> is_open = false;     ///< its opener is done with it; what follows is then the guard's
     std::atomic<bool> is_over = false;     ///< nothing more comes of a range
-    std::atomic<bool> is_retired = false;  ///< its parameter sets are no longer those of the track
+    std::atomic<bool> is_retired = false;  ///< nobody gets it any more: its parameter sets are no longer those
+                                           ///< of the track, or it could not be opened
     std::atomic<bool> is_failed = false;
 
     dash::segment_list segments;
@@ -77,6 +76,7 @@ struct contexts_t {
     uint64_t started = 0;    ///< microseconds UTC
     thread_ctx* guard = nullptr;
     event_ctx* wake_guard = nullptr;
+    bool is_up = false;  ///< under the lock, as is what follows
     dash_ctx* all[most_contexts] = {};
     size_t count = 0;
 };
@@ -110,6 +110,10 @@ bool play(dash_ctx& ctx) noexcept;
 /// No pictures come any more; what is left is cut. Not under a lock, and not inside a callback of the context.
 void stop_playing(dash_ctx& ctx) noexcept;
 void remove_files(dash_ctx& ctx) noexcept;
+
+/// The MPD; null when there is none yet, or memory is out. May throw std::bad_alloc.
+char* make_manifest(dash_ctx& ctx, const char* file, int line);
+dash_property_t describe(const dash_ctx& ctx) noexcept;
 
 /// One pass of the guard: releases what nobody uses, and ends ranges.
 void sweep() noexcept;

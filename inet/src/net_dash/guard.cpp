@@ -41,7 +41,8 @@ void find_work(work& ended, work& unused) noexcept {
     for (size_t i = 0; i < of.count; ++i) {
         dash_ctx* const each = of.all[i];
         if (!each->is_open) continue;
-        if (now_s > each->last_access + unused_s && !is_used(*each, of)) {
+        const bool is_old = now_s > each->last_access + unused_s || (each->is_failed && each->is_retired);
+        if (is_old && !is_used(*each, of)) {
             each->is_leaving = true;
             unused.add(each);
         } else if (each->is_range() && each->graph && (each->is_over || now > each->last_put + silent_us)) {
@@ -98,6 +99,8 @@ void stop_guard() noexcept {
     if (of.wake_guard) _event_free(of.wake_guard);
 }
 
-void call_guard() noexcept { event_set(contexts().wake_guard); }
+void call_guard() noexcept {
+    if (contexts().wake_guard) event_set(contexts().wake_guard);
+}
 
 }  // namespace net::dash

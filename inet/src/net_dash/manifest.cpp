@@ -1,5 +1,5 @@
-#include "net_dash/manifest.h"
-
+// What players are told of a context.
+#include "net_dash/contexts.h"
 #include "net_dash/dynamic_mpd.h"
 #include "net_dash/static_mpd.h"
 

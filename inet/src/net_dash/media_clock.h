@@ -35,11 +35,11 @@ public:
         const auto pause = static_cast<int64_t>(time - last_);
         const bool late =
             usual_ ? pause > longest_pause && pause > 3 * static_cast<int64_t>(usual_) : pause > first_pause;
-        if (pause < -longest_pause || pause > clock_was_set || (late && gapless_)) {
+        if (pause < -furthest_back || pause > clock_was_set || (late && gapless_)) {
             offset_ += next - time;
             time = next;
         }
-        time = std::max(static_cast<int64_t>(time - last_), static_cast<int64_t>(us_per_ms)) + last_;
+        if (static_cast<int64_t>(time - last_) < shortest_step) time = last_ + us_per_ms;
         const bool outage = late && !gapless_ && time != next;
         const moment now{.time = key ? time / us_per_ms * us_per_ms : time,
                          .exact = time,
@@ -50,6 +50,9 @@ public:
         return now;
     }
 
+    /// The next picture is the first.
+    void restart() noexcept { *this = media_clock(gapless_); }
+
     uint64_t base() const noexcept { return base_; }
     uint64_t last() const noexcept { return last_; }
     /// Where the last picture ends when none follows, in whole milliseconds.
@@ -58,13 +61,15 @@ public:
     }
 
 private:
-    static constexpr int64_t longest_pause = 2 * us_per_second;
-    static constexpr int64_t first_pause = 15 * us_per_second;
-    static constexpr int64_t clock_was_set = 24 * 3600 * int64_t{us_per_second};
+    static constexpr auto shortest_step = static_cast<int64_t>(us_per_ms);
+    static constexpr auto longest_pause = static_cast<int64_t>(5 * us_per_second);
+    static constexpr auto furthest_back = static_cast<int64_t>(2 * us_per_second);
+    static constexpr auto first_pause = static_cast<int64_t>(15 * us_per_second);
+    static constexpr auto clock_was_set = static_cast<int64_t>(24ULL * 3600 * us_per_second);
     static constexpr uint64_t longest_usual = 5 * us_per_second;
     static constexpr uint64_t without_any = 40 * us_per_ms;  ///< duration of a picture before a second one has come
 
-    const bool gapless_;
+    bool gapless_;
     bool started_ = false;
     uint64_t base_ = 0;
     uint64_t offset_ = 0;

@@ -6,6 +6,7 @@
 #include "core/log.h"
 #include "core/time.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -15,6 +16,8 @@ namespace net::dash {
 namespace {
 
 constexpr uint64_t shortest = 2 * us_per_second;
+/// ffmpeg keeps its place in a list by whole seconds.
+constexpr uint64_t shortest_by_outage = us_per_second;
 constexpr uint64_t longest_held = 60 * us_per_second;
 constexpr uint64_t most_held = 64ULL << 20;
 
@@ -53,14 +56,18 @@ packer::verdict packer::take(const av::frame_t& picture) noexcept {
     if (fcc_unic(picture.fcc) != av::fcc_h264) return verdict::taken;
     const bool key = picture.key != 0;
     if (!list_.opening() && !(key && open(picture))) return verdict::taken;
-    if (most_bytes_ > 0 && list_.written() + held_ > most_bytes_) return verdict::full;
+    if (is_full_ || (from_ > 0 && list_.written() + held_ > most_bytes_)) return verdict::full;
     const bool changed = key && sets_differ(picture);
+    if (key && picture.time <= from_) {
+        drop();
+        clock_.restart();
+    }
     const media_clock::moment at = clock_.take(picture.time, key);
     now_ = clock_.base() + at.time - core_timer();
-    if (at.outage) {
-        cut(at.usual_end);
-        wants_key_ = true;
+    if (at.outage && !pictures_.empty()) {
+        cut(std::max(at.usual_end, pictures_.front().time - clock_.base() + shortest_by_outage));
     }
+    wants_key_ = wants_key_ || at.outage;
     if (changed) {
         cut(at.time);
         wants_key_ = true;
@@ -101,11 +108,15 @@ void packer::cut(uint64_t end) noexcept {
         if (!free_) throw std::bad_alloc();
         free_->bytes.length = 0;
         const uint64_t start = pictures_.front().time - base;
-        const fragment made{
-            .t = start / us_per_ms, .d = static_cast<uint32_t>((end - start) / us_per_ms), .sequence = sequence_ + 1};
+        const fragment made{.t = start / us_per_ms,
+                            .d = static_cast<uint32_t>((end - start) / us_per_ms),
+                            .sequence = sequence_ + 1,
+                            .base = base};
         if (av_mp4_moof(&free_->bytes, in_order_.data(), base, base + end, made.sequence, CORE_HERE) &&
             list_.append(made, free_))
             sequence_ = made.sequence;
+        else
+            is_full_ = from_ > 0;
     } catch (const std::bad_alloc&) {
         core_con_printf(1, "dash: no free segment");
     }

@@ -13,14 +13,15 @@ class packer {
 public:
     enum class verdict { taken, full, changed };
 
-    /// @param most_bytes  of a range: what its files may take; 0 for live
-    packer(segment_list& to, uint64_t most_bytes) noexcept
-        : list_(to), most_bytes_(most_bytes), clock_(most_bytes > 0) {}
+    /// @param from        of a range: its start, 0 for live. It begins with the last key picture that is not behind
+    /// @param most_bytes  of a range: what its files may take
+    packer(segment_list& to, uint64_t from, uint64_t most_bytes) noexcept
+        : list_(to), from_(from), most_bytes_(most_bytes), clock_(from > 0) {}
     ~packer() { drop(); }
     packer(const packer&) = delete;
     packer& operator=(const packer&) = delete;
 
-    /// @return full when the files take no more. changed when the picture has other parameter sets than the init
+    /// @return full when the files of a range take no more. changed when the picture has other parameter sets than the init
     /// segment: what came before is then cut, and the picture was not taken.
     verdict take(const av::frame_t& picture) noexcept;
     /// Cuts what is left.
@@ -38,6 +39,7 @@ private:
     void drop() noexcept;
 
     segment_list& list_;
+    const uint64_t from_;
     const uint64_t most_bytes_;
     media_clock clock_;
     std::atomic<uint64_t> now_ = 0;  ///< less core_timer()
@@ -47,6 +49,7 @@ private:
     uint64_t held_ = 0;                    ///< their bytes
     uint64_t first_ = 0;                   ///< media time of the first, not rounded
     bool wants_key_ = true;
+    bool is_full_ = false;
     uint32_t sequence_ = 0;
     block_hold free_;  ///< to write the next fragment into
     struct scratch : buf_t {

@@ -5,6 +5,7 @@
 #include "core/param.h"
 #include "core/time.h"
 
+#include <string_view>
 
 namespace net::dash {
 
@@ -21,9 +22,10 @@ const av::frame_t* frame_of(profile_event_t event, const param_t* params) noexce
 core::string joined(std::initializer_list<std::string_view> keys) {
     core::string out;
     for (const std::string_view key : keys) {
-        if (!out.empty()) out += '_';
         out += key;
+        out += '_';
     }
+    out.pop_back();
     return out;
 }
 
@@ -61,7 +63,7 @@ bool succeed(dash_ctx& ctx, const av::frame_t& key) noexcept {
     }
     if (made) {
         next->pack.take(key);
-        next->is_failed = !play(*next);
+        if (!play(*next)) next->is_failed = next->is_retired = true;
         next->is_open = true;
     }
     net_dash_close(next);

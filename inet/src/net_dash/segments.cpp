@@ -99,7 +99,7 @@ bool segment_list::write(const char* path, const buf_t& bytes) noexcept {
 /// The record of the next segment, at the end of the list: that of the oldest when there are enough.
 segment* segment_list::take_record() noexcept {
     if (!in_files_ && total_ > window_ms) {
-        std::ranges::rotate(segments_, segments_.begin() + 1);
+        std::rotate(segments_.begin(), segments_.begin() + 1, segments_.end());
         ready_ = true;
         total_ -= segments_.back()->d;
         return segments_.back();
@@ -146,7 +146,7 @@ bool segment_list::append(const fragment& cut, block_hold& bytes) noexcept {
             std::memcpy(gone, record->path, sizeof gone);
             free = in_files_ ? another(bytes) : std::move(record->held);
             fill(*record, cut, std::move(bytes));
-            tell(*record, opening()->base);
+            tell(*record, cut.base);
         }
     }
     if (gone[0]) core_fremove(gone);
@@ -205,7 +205,7 @@ bool segment_list::share(const char* name, dash_share& out) noexcept {
     block_hold bytes;
     if (in_files_ && !(bytes = load(guard, name))) return false;
     const segment* const found = find(name);
-    if (!found) return false;
+    if (!found || (ready_ && !in_files_ && found->sequence > announced_)) return false;
     if (!bytes) bytes = another(found->held);
     core_log_print(log(), "send: %s t:%llu d:%u", found->name, static_cast<unsigned long long>(found->t), found->d);
     out.info = {.data = bytes->bytes.data, .size = bytes->bytes.length, .mime = found->mime, .duration = found->d};
@@ -235,7 +235,10 @@ listing segment_list::list() {
     listing out;
     const guard_t guard(*this);
     out.total = total_;
-    if (!segments_.empty()) out.first = segments_.front()->sequence;
+    if (!segments_.empty()) {
+        out.first = segments_.front()->sequence;
+        announced_ = segments_.back()->sequence;
+    }
     out.lines.reserve(segments_.size() * line_room);
     for (const segment* each : segments_) {
         char line[line_room];

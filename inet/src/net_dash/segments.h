@@ -49,6 +49,7 @@ struct fragment {
     uint64_t t;
     uint32_t d;
     uint32_t sequence;
+    uint64_t base;  ///< microseconds UTC that count as 0
 };
 
 /// What a manifest says of the list.
@@ -95,7 +96,7 @@ public:
     bool share(const char* name, dash_share& out) noexcept;
 
     const dash_timeline* times() noexcept;
-    /// Throws std::bad_alloc.
+    /// For a manifest. Throws std::bad_alloc.
     listing list();
 
 private:
@@ -121,6 +122,7 @@ private:
     // Under the lock.
     core::vector<segment*> segments_;
     uint64_t total_ = 0;
+    uint32_t announced_ = 0;  ///< sequence number of the newest segment that list() has shown
     core::vector<dash_timeline> times_;
 };
 

@@ -41,7 +41,10 @@ namespace graph {
 /// Seconds since a moment, counted in milliseconds.
 class stopwatch {
 public:
-    double seconds() const noexcept { return static_cast<double>((core_timer() - began_) / 1000) / 1000; }
+    double seconds() const noexcept {
+        const uint64_t milliseconds = (core_timer() - began_) / 1000;
+        return static_cast<double>(milliseconds) / 1000;
+    }
 
 private:
     uint64_t began_ = core_timer();

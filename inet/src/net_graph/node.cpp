@@ -55,8 +55,11 @@ int node::stop() noexcept {
 
 int node::exec(const char* command) noexcept {
     const param_t params[] = {{command, "1"}, {}};
+    *reason = '\0';
     const int result = exec_(instance_, params);
-    if (result < 0) net::report("module '%s' cannot %s: %d %s", module(), command, result, net::Graph::strerr(result));
+    if (result < 0)
+        net::report("module '%s' cannot %s: %d %s", module(), command, result,
+                    *reason ? reason : net::Graph::strerr(result));
     return result;
 }
 

@@ -1,8 +1,10 @@
 #include "net_http/connection.h"
 
+#include "scan.h"
+
 #include "core/text.h"
 #include "core/thread.h"
-#include "inet/net_socket.h"
+#include "inet/net_http_auth.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,7 +19,8 @@ using inside = http_ctx::inside;
 
 constexpr uint32_t header_room = 8192;
 constexpr uint32_t smallest_room = 8192;
-constexpr uint32_t most_at_once = 1U << 20;  // sent before others of the thread have their turn
+constexpr uint32_t most_bytes = UINT32_MAX - 64 * 1024;  // of a message, with what is gathered before it
+constexpr uint32_t most_at_once = 1U << 20;              // sent before others of the thread have their turn
 constexpr std::string_view go_ahead = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr std::string_view refusal =
     "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
@@ -26,23 +29,16 @@ buffer_t bytes_of(std::string_view text) noexcept {
     return {reinterpret_cast<uint8_t*>(const_cast<char*>(text.data())), static_cast<uint32_t>(text.size())};
 }
 
-/// The bytes behind the first `count` of two runs.
-void skip(buffer_t& first, buffer_t& second, uint32_t count) noexcept {
-    const uint32_t of_first = std::min(count, first.size);
-    first = {first.data + of_first, first.size - of_first};
-    second = {second.data + (count - of_first), second.size - (count - of_first)};
-}
-
 }  // namespace
-
-outgoing::~outgoing() {
-    core_buf_free(&own);
-    if (release) release(owner);
-}
 
 inside::inside(const http_info& info, nt_ctx* nt, log_ctx* to, slist* list, const char* caller_file,
                int caller_line) noexcept
-    : file(caller_file), line(caller_line), log(to), reader(*this, caller_file, caller_line), queue(list) {
+    : file(caller_file),
+      line(caller_line),
+      log(to),
+      reader(*this, caller_file, caller_line),
+      waits(list),
+      out(caller_file, caller_line) {
     face.info = info;
     face.nt = nt;
     face.in = this;
@@ -50,7 +46,7 @@ inside::inside(const http_info& info, nt_ctx* nt, log_ctx* to, slist* list, cons
 
 inside::~inside() {
     drop_queue();
-    slist_free(queue);
+    slist_free(waits);
     core_log_free(log);
 }
 
@@ -99,20 +95,21 @@ bool inside::disconnect() noexcept {
 }
 
 void inside::drop_queue() noexcept {
+    out.clear();
     front.reset();
-    while (void* waits = slist_pop(queue))
-        core::destroy(static_cast<outgoing*>(waits));
+    while (void* each = slist_pop(waits))
+        core::destroy(static_cast<outgoing*>(each));
 }
 
 /// As at the beginning of a connection.
 void inside::begin(role_t role, bool keeps_queue) noexcept {
-    if (keeps_queue)
-        front.reset();
-    else
-        drop_queue();
+    out.clear();
+    if (!keeps_queue) drop_queue();
     answer = answer_t::none;
-    front_sent = taken = waiting = room_now = 0;
-    went = was_answered = look = finishing = ended = false;
+    taken = waiting = room_now = 0;
+    ends = went = was_answered = look = finishing = ended = quiet = false;
+    endless = false;
+    sent_then = unsent = 0;
     reader.reset(role);
 }
 
@@ -164,14 +161,19 @@ void inside::take(Tcp& from) noexcept {
     Tcp::destroy(&from);
 }
 
-void inside::connect(const char* host, unsigned port) noexcept {
+void inside::connect(const char* name, unsigned number) noexcept {
     leave_old(role_t::client);
     sockaddr_in address{};
-    const bool known = port <= 0xffff && net_addr_setup(address, host, static_cast<unsigned short>(port)) == 0;
-    Tcp* const made = known ? Tcp::create(file, line) : nullptr;
+    if (number > 0xffff || net_addr_setup(address, name, static_cast<unsigned short>(number)) != 0)
+        return tell_failed();
+    net_addr_ip(address, peer_host, sizeof peer_host);
+    peer_port = static_cast<uint16_t>(number);
+    open();
+}
+
+void inside::open() noexcept {
+    Tcp* const made = Tcp::create(file, line);
     if (!made) return tell_failed();
-    char dotted[net_addr_size];
-    net_addr_ip(address, dotted, sizeof dotted);
     made->set_handler(this);
     made->set_room(smallest_room);
     if (!install(made, -1)) return Tcp::destroy(made);
@@ -180,9 +182,9 @@ void inside::connect(const char* host, unsigned port) noexcept {
         // The loop may find at once that it failed. It lets go of it when this is done.
         const std::lock_guard held(connection);
         if (!is_current(made)) return;
-        result = made->connect(face.nt, dotted, static_cast<unsigned short>(port));
+        result = made->connect(face.nt, peer_host, peer_port);
         if (result == 0) face.fd = made->descriptor();
-        core_log_print(log, "%d: connect to %s:%u", made->descriptor(), host, port);
+        core_log_print(log, "%d: connect to %s:%u", made->descriptor(), peer_host, unsigned{peer_port});
     }
     if (result == 0) return;
     install(nullptr, -1);
@@ -230,128 +232,223 @@ void inside::close() noexcept {
     }
     disconnect();
     if (calls == 0) return core::destroy(this);
+    drop_queue();
     reader.stop();
     closed_inside = true;
 }
 
+/// A peer that says nothing more, and is sent nothing, may be gone.
+unsigned inside::second() noexcept {
+    Tcp* const to = tcp;
+    if (!to) return 0;
+    unsent = ended && endless && to->sent() == sent_then ? unsent + 1 : 0;
+    sent_then = to->sent();
+    return std::max(to->second(), unsent);
+}
+
 // Queueing
 
-owned_outgoing inside::message(buffer_t bytes) noexcept {
+owned_outgoing inside::message(buffer_t head, buffer_t text) noexcept {
     owned_outgoing made(core::create<outgoing>(file, line));
-    if (made && bytes.size > 0 && !core_buf_read(&made->own, bytes.data, bytes.size)) made.reset();
+    if (!made || head.size + text.size == 0) return made;
+    if (!core_buf_resize(&made->own, head.size + text.size, file, line)) return nullptr;
+    core_buf_read(&made->own, head.data, head.size);
+    core_buf_read(&made->own, text.data, text.size);
     return made;
 }
 
 bool inside::queue_up(owned_outgoing message, bool answers) noexcept {
-    if (!message || !_slist_enqueue(queue, message.get(), file, line)) return false;
+    if (!message || !_slist_enqueue(waits, message.get(), file, line)) return false;
     static_cast<void>(message.release());
+    was_queued(answers);
+    return true;
+}
+
+void inside::was_queued(bool answers) noexcept {
     auto was = answer_t::being_queued;
     if (answers) answer.compare_exchange_strong(was, answer_t::queued);
     // Inside a callback of its own, the connection looks when that has returned.
-    if (!net_nt_need_invoke(face.nt) && busy && busy == tcp) return true;
+    if (busy_here()) return;
     const std::lock_guard held(connection);
     if (Tcp* const to = tcp) to->signal();
-    return true;
 }
 
-/// Puts the header in front of what the message has. @return false when memory is out, or a request does not fit
-bool inside::print(const http::header_s& header, outgoing& message, bool bodyless) noexcept {
-    char text[header_room + 1];
-    uint32_t size = static_cast<uint32_t>(http_header_sprintf(&header, text, sizeof text));
-    const bool fits = size < header_room;
-    if (!fits && header.status == 0) return false;
-    if (!fits) {
-        size = static_cast<uint32_t>(refusal.copy(text, refusal.size()));
-        message.last = true;
-    }
-    if (!fits || bodyless) {
-        core_buf_free(&message.own);
-        message.body = {};
-    }
-    buf_t whole;
-    if (!core_buf_resize(&whole, size + message.own.length, file, line)) return false;
-    core_buf_read(&whole, text, size);
-    if (message.own.length > 0) core_buf_read(&whole, message.own.data, message.own.length);
-    std::swap(message.own, whole);
-    core_buf_free(&whole);
-    if (core_log_wanted(log)) core_log_print(log, "%d: send\n%.*s", face.fd.load(), static_cast<int>(size), text);
-    return true;
+/// On the connection's own thread a message takes no place in the queue, where nothing waits.
+/// @return whether it is added
+bool inside::add_now(buffer_t head, buffer_t text, http::lent& body) noexcept {
+    Tcp* const to = net_nt_need_invoke(face.nt) ? nullptr : tcp.load();
+    return to && to->is_connected() && gather() && out.add(head, text, body);
 }
 
-int inside::send(const http::header_s* header, owned_outgoing message) noexcept {
-    if (!message || uint64_t{message->own.length} + message->body.size > UINT32_MAX - header_room) return 0;
-    if (!header) return queue_up(std::move(message), false) ? 1 : 0;
+bool inside::queue(buffer_t head, buffer_t text, http::lent body, bool answers) noexcept {
+    if (add_now(head, text, body)) {
+        was_queued(answers);
+        return true;
+    }
+    owned_outgoing made = message(head, text);
+    if (made) made->body.swap(body);
+    return queue_up(std::move(made), answers);
+}
+
+/// @return the bytes, which are not all of the header when they fill the room
+buffer_t inside::print(const http::header_s& header, std::span<char> room) noexcept {
+    const int size = http_header_sprintf(&header, room.data(), static_cast<int>(room.size()));
+    if (core_log_wanted(log)) core_log_print(log, "%d: send\n%.*s", face.fd.load(), size, room.data());
+    return bytes_of({room.data(), static_cast<size_t>(size)});
+}
+
+int inside::send(const http::header_s* header, buffer_t text, http::lent body) noexcept {
+    if (uint64_t{text.size} + body.bytes().size > most_bytes) return 0;
+    if (!header) return queue({}, text, std::move(body), false) ? 1 : 0;
+    if (header->status == 0) return send_request(*header, text, std::move(body), nullptr);
     const bool answers = header->status >= 200;
     auto was = answer_t::asked;
     if (answers && !answer.compare_exchange_strong(was, answer_t::being_queued)) return 0;
-    bool complete = true;
-    if (header->status == 0) {
-        if (!message->expects) message->expects.reset(core::create<http::expectation>(file, line));
-        complete = message->expects != nullptr;
-        if (complete) message->expects->head = header->method && std::strcmp(header->method, "HEAD") == 0;
-    }
+    char room[header_room + 1];
+    buffer_t head = print(*header, room);
+    const bool fits = head.size < header_room;
+    if (!fits) head = bytes_of(refusal);
+    if (answers) endless = !reader.is_head() && http::ends_with_connection(*header);
     // The reader goes on to no other request before this is queued.
-    complete = complete && print(*header, *message, answers && reader.is_head());
-    if (complete && queue_up(std::move(message), answers)) return 1;
+    if (!fits || (answers && reader.is_head())) {
+        text = {};
+        body = {};
+    }
+    if (queue(head, text, std::move(body), answers)) {
+        if (!fits) finish();
+        return 1;
+    }
     was = answer_t::being_queued;
     if (answers) answer.compare_exchange_strong(was, answer_t::asked);
     return 0;
 }
 
+core::owned_object<http::download> inside::file_for(const char* directory, const char* name) const noexcept {
+    core::owned_object<http::download> made(core::create<http::download>(file, line, directory, name));
+    if (made && !made->complete()) made.reset();
+    return made;
+}
+
+int inside::send_request(const http::header_s& header, buffer_t text, http::lent body,
+                         core::owned_object<http::expectation> expects) noexcept {
+    char room[header_room + 1];
+    const buffer_t head = print(header, room);
+    if (head.size >= header_room) return 0;
+    owned_outgoing made = message(head, text);
+    if (!expects) expects.reset(core::create<http::expectation>(file, line));
+    if (!made || !expects) return 0;
+    expects->head = header.method && std::strcmp(header.method, "HEAD") == 0;
+    // What may have to be sent again.
+    if (user && body.bytes().size == 0 && !core_buf_read(&expects->sent, made->own.data, made->own.length)) return 0;
+    made->expects = std::move(expects);
+    made->body.swap(body);
+    return queue_up(std::move(made), false) ? 1 : 0;
+}
+
 int inside::request(const char* method, const char* uri, const void* data, size_t size,
                     core::owned_object<http::download> to) noexcept {
-    if (size > UINT32_MAX) return 0;
+    if (size > most_bytes) return 0;
     const bool with_body = data && size > 0;
-    void* const bytes = const_cast<void*>(data);
-    owned_outgoing made = message({static_cast<uint8_t*>(bytes), with_body ? static_cast<uint32_t>(size) : 0});
-    if (made) made->expects.reset(core::create<http::expectation>(file, line));
+    auto* const bytes = static_cast<uint8_t*>(const_cast<void*>(data));
+    core::owned_object<http::expectation> expects(core::create<http::expectation>(file, line));
     http::header_s* header = http_header_request(method, uri, "HTTP/1.1");
-    bool complete = header && made && made->expects;
+    bool complete = header && expects;
     if (with_body)
         complete = complete && http_header_put_format(header, "Content-Length", "%zu", size) &&
                    http_header_put(header, "Content-Type", "text/plain");
-    if (complete) made->expects->to = std::move(to);
-    const int result = complete ? send(header, std::move(made)) : 0;
+    if (complete) expects->to = std::move(to);
+    const buffer_t text{bytes, with_body ? static_cast<uint32_t>(size) : 0};
+    const int result = complete ? send_request(*header, text, {}, std::move(expects)) : 0;
     http_header_free(header);
     return result;
 }
 
+// Requests that are refused
+
+bool inside::set_login(const char* name, const char* secret) noexcept {
+    user.reset(core_strdup(name, file, line));
+    password.reset(core_strdup(secret ? secret : "", file, line));
+    return !name || (user && password);
+}
+
+/// The request with an answer to the challenge; null when there is none, or memory is out.
+owned_outgoing inside::answer_to(const http::header_s& response, http::expectation& refused) noexcept {
+    const buf_t& sent = refused.sent;
+    const int size = http_header_find({sent.data, sent.length});
+    const auto head = static_cast<uint32_t>(std::max(size, 0));
+    http::header_s* header = http_header_parse(reinterpret_cast<const char*>(sent.data), head, file, line);
+    // More of its body may have been queued behind it.
+    const bool whole =
+        header && scan::decimal(scan::text(value_geti(header->fields, "Content-Length"))) == sent.length - head;
+    const bool complete = whole && size > 0 && http_header_authorize(header, &response, user.get(), password.get());
+    char room[header_room + 1];
+    const buffer_t printed = complete ? print(*header, room) : buffer_t{};
+    http_header_free(header);
+    if (printed.size == 0 || printed.size >= header_room) return nullptr;
+    owned_outgoing made = message(printed, {sent.data + head, sent.length - head});
+    if (made) made->expects.reset(core::create<http::expectation>(file, line));
+    if (!made || !made->expects) return nullptr;
+    made->expects->head = refused.head;
+    made->expects->to = std::move(refused.to);
+    return made;
+}
+
+// Over a new connection: many cameras end the one that they refuse on.
+bool inside::on_refused(const http::header_s& response, http::expectation& refused) noexcept {
+    owned_outgoing made = user && !has_output() ? answer_to(response, refused) : nullptr;
+    if (!made) return false;
+    disconnect();
+    begin(role_t::client, true);
+    quiet = true;
+    reader.expect(std::move(made->expects));
+    front = std::move(made);
+    open();
+    return true;
+}
+
+void inside::finish() noexcept {
+    owned_outgoing made = message({}, {});
+    if (made) made->last = true;
+    queue_up(std::move(made), false);
+}
+
 // Sending
 
-/// @return whether all of the message at the front has gone
-bool inside::send_front(Tcp* of, uint32_t& sent) noexcept {
-    const uint32_t size = front->own.length + front->body.size;
-    if (front_sent < size) {
-        buffer_t first{front->own.data, front->own.length};
-        buffer_t second = front->body;
-        skip(first, second, front_sent);
-        const uint32_t count = of->offer(first, second);
-        front_sent += count;
-        sent += count;
-        if (front_sent < size) return false;
+/// Moves what waits to what is being sent, as far as there is place. @return whether nothing waits, and more may follow
+bool inside::gather() noexcept {
+    if (!front && slist_count(waits) == 0) return !ends;
+    while (!ends) {
+        if (!front) {
+            front.reset(static_cast<outgoing*>(slist_pop(waits)));
+            if (front && front->expects) reader.expect(std::move(front->expects));
+        }
+        if (!front) return true;
+        if (!out.add(front->own, front->body)) return false;
+        ends = front->last;
+        front.reset();
     }
-    went = true;
-    if (front->last) {
-        of->end_output();
-        reader.stop();
-        if (!ended) of->set_reading(1);
-        finishing = look = true;
-    }
-    front.reset();
-    return true;
+    return false;
+}
+
+/// All has gone behind which the connection ends.
+void inside::end_output(Tcp* of) noexcept {
+    of->end_output();
+    reader.stop();
+    if (!ended) of->set_reading(1);
+    finishing = look = true;
 }
 
 void inside::pump(Tcp* of) noexcept {
     uint32_t sent = 0;
     while (is_current(of) && of->is_connected()) {
-        if (!front && !finishing) {
-            front.reset(static_cast<outgoing*>(slist_pop(queue)));
-            front_sent = 0;
-            if (front && front->expects) reader.expect(std::move(front->expects));
-        }
-        if (front) {
-            if (!send_front(of, sent)) return;
+        gather();
+        if (!out.is_empty()) {
+            sent += out.send(*of);
+            if (!out.is_empty()) return;
+            went = true;
             if (sent >= most_at_once) return of->signal();
+        } else if (ends && !finishing) {
+            end_output(of);
         } else {
             if (!std::exchange(went, false)) return;
             if (face.info.on_drained) face.info.on_drained(face.info.arg, &face);
@@ -366,11 +463,14 @@ void inside::note_answer() noexcept {
     if (!answer.compare_exchange_strong(was, answer_t::none)) return;
     was_answered = true;
     reader.answered();
+    if (!endless) return;
+    reader.stop();
+    look = true;
 }
 
-/// When an answer has gone, the next request may be read. @return whether it may
+/// The next request may be read when there is place for its answer. @return whether it may
 bool inside::resume() noexcept {
-    if (!was_answered || !reader.owes_answer() || has_output()) return false;
+    if (!was_answered || !reader.owes_answer() || !gather() || !out.has_place()) return false;
     was_answered = false;
     reader.go_on();
     return true;
@@ -378,9 +478,13 @@ bool inside::resume() noexcept {
 
 void inside::parse(Tcp* of, buf_t& received) noexcept {
     do {
-        const uint32_t count = reader.take({received.data + taken, received.length - taken});
-        if (!is_current(of)) return;
-        taken += count;
+        // The answers to what is there go out together.
+        do {
+            const uint32_t count = reader.take({received.data + taken, received.length - taken});
+            if (!is_current(of)) return;
+            taken += count;
+            note_answer();
+        } while (resume());
         pump(of);
         if (!is_current(of)) return;
         note_answer();
@@ -432,7 +536,9 @@ void inside::settle(Tcp* of) noexcept {
 }
 
 /// The peer has nothing more to say, and everything has been said to it.
-bool inside::is_done() const noexcept { return ended && (finishing || (!has_output() && !reader.owes_answer())); }
+bool inside::is_done() const noexcept {
+    return ended && (finishing || (!endless && !has_output() && !reader.owes_answer()));
+}
 
 /// There is no connection any more.
 void inside::lost() noexcept {
@@ -448,7 +554,7 @@ void inside::on_tcp_connected(Tcp* of) noexcept {
         const std::lock_guard held(connection);  // whoever connects has set it before
         face.fd = of->descriptor();
     }
-    if (face.info.on_connect) face.info.on_connect(face.info.arg, &face);
+    if (face.info.on_connect && !std::exchange(quiet, false)) face.info.on_connect(face.info.arg, &face);
     if (is_current(of)) settle(of);
 }
 
@@ -490,7 +596,7 @@ void inside::on_message(int status, http::header_s* header, const buffer_t* body
     if (!complete && is_current(busy)) note_answer();
 }
 
-void inside::on_expect() noexcept { queue_up(message(bytes_of(go_ahead)), false); }
+void inside::on_expect() noexcept { queue({}, bytes_of(go_ahead), {}, false); }
 
 void inside::on_frame(const av::frame_t& frame) noexcept {
     if (face.info.on_frame) face.info.on_frame(face.info.arg, &face, &frame);

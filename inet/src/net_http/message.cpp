@@ -5,6 +5,7 @@
 #include "core/text.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstring>
 #include <utility>
@@ -17,6 +18,7 @@ constexpr uint32_t usual_room = 8192;
 constexpr uint32_t passing_room = 64 * 1024;
 constexpr uint32_t largest_limit = 1U << 30;
 constexpr uint32_t most_blank_lines = 8;
+constexpr size_t most_head = 4096;
 constexpr std::string_view blanks = " \t";
 
 bool begins(std::string_view text, std::string_view with) noexcept {
@@ -32,30 +34,52 @@ std::optional<uint64_t> whole_number(std::string_view text) noexcept {
 
 bool is_control(char c) noexcept { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; }
 
-/// RFC 9110, 5.6.2.
+/// By character: whether a token may have it (RFC 9110, 5.6.2).
+constexpr std::array<bool, 256> token_characters = [] {
+    std::array<bool, 256> may{};
+    for (unsigned char c = 0x21; c < 0x7f; ++c)
+        may[c] = std::string_view("\"(),/:;<=>?@[\\]{}").find(static_cast<char>(c)) == std::string_view::npos;
+    return may;
+}();
+
 bool is_token(std::string_view text) noexcept {
-    const auto is_other = [](char c) { return is_control(c) || (c & 0x80) || std::strchr("\"(),/:;<=>?@[\\]{}", c); };
-    return !text.empty() && std::ranges::none_of(text, is_other);
+    return !text.empty() && std::ranges::all_of(text, [](char c) { return token_characters[static_cast<uint8_t>(c)]; });
 }
 
 bool is_http(const char* protocol) noexcept { return scan::text(protocol).starts_with("HTTP/"); }
 
+/// Whether every line of a head ends with CR LF, has no other CR or LF, and is the first one, a field or the blank one.
+bool has_plain_lines(std::string_view text) noexcept {
+    for (bool first = true; !text.empty(); first = false) {
+        const size_t end = text.find('\r');
+        if (end >= text.size() - 1 || text[end + 1] != '\n') return false;
+        const std::string_view line = text.substr(0, end);
+        if (line.find('\n') != std::string_view::npos) return false;
+        const bool is_folded = !line.empty() && blanks.find(line[0]) != std::string_view::npos;
+        const bool is_no_field = !line.empty() && line.find(':') == std::string_view::npos;
+        if (!first && (is_folded || is_no_field)) return false;
+        text.remove_prefix(end + 2);
+    }
+    return true;
+}
+
 /// Whether two readers of a request could not take it for different messages (RFC 9112, 2.2, 3 and 5).
 bool is_plain(std::string_view text, const header_s& header) noexcept {
-    for (size_t at = 0; (at = text.find_first_of("\r\n", at)) != std::string_view::npos; at += 2) {
-        if (text.substr(at, 2) != "\r\n") return false;
-        std::string_view next = text.substr(at + 2);
-        next = next.substr(0, next.find('\r'));
-        const bool is_folded = !next.empty() && blanks.find(next[0]) != std::string_view::npos;
-        const bool is_no_field = !next.empty() && next.find(':') == std::string_view::npos;
-        if (is_folded || is_no_field) return false;
-    }
+    if (!has_plain_lines(text)) return false;
     const std::string_view target = scan::text(header.uri);
     if (!is_token(scan::text(header.method)) || target.empty() || std::ranges::any_of(target, is_control)) return false;
     if (!is_http(header.protocol)) return false;
     for (value_t* const* field = header.fields; field && *field; ++field)
         if (!is_token((*field)->key)) return false;
     return true;
+}
+
+/// Whether a line of an unfinished head ends with LF alone.
+bool has_bare_end(std::span<const uint8_t> head) noexcept {
+    const auto* const begin = reinterpret_cast<const char*>(head.data());
+    const std::string_view text(begin, std::min<size_t>(head.size(), most_head));
+    const size_t end = text.find('\n');
+    return end != std::string_view::npos && (end == 0 || text[end - 1] != '\r');
 }
 
 struct lengths_t {
@@ -68,18 +92,20 @@ struct lengths_t {
 lengths_t lengths_of(const header_s& header) noexcept {
     lengths_t found;
     for (value_t* const* field = header.fields; field && *field; ++field) {
-        const std::string_view value = scan::trim(scan::text((*field)->value), blanks);
+        const auto value = [&] { return scan::trim(scan::text((*field)->value), blanks); };
         if (scan::same_name((*field)->key, "Content-Length")) {
-            const auto length = whole_number(value);
+            const auto length = whole_number(value());
             found.differ |= !length || (found.length && *found.length != *length);
             if (!found.length) found.length = length;
         } else if (scan::same_name((*field)->key, "Transfer-Encoding")) {
-            found.other_coding |= found.chunked || !scan::same_name(value, "chunked");
+            found.other_coding |= found.chunked || !scan::same_name(value(), "chunked");
             found.chunked = true;
         }
     }
     return found;
 }
+
+bool has_no_body(unsigned status) noexcept { return status == 204 || status == 304; }
 
 std::string_view field_of(const header_s& header, const char* name) noexcept {
     return scan::trim(scan::text(value_geti(header.fields, name)), blanks);
@@ -91,16 +117,32 @@ bool lists(std::string_view list, std::string_view name) noexcept {
     return false;
 }
 
-bool asks_for_close(const header_s& header) noexcept {
+/// Whether the fields "Connection" have that option.
+bool has_option(const header_s& header, std::string_view option) noexcept {
     for (value_t* const* field = header.fields; field && *field; ++field)
-        if (scan::same_name((*field)->key, "Connection") && lists(scan::text((*field)->value), "close")) return true;
+        if (scan::same_name((*field)->key, "Connection") && lists(scan::text((*field)->value), option)) return true;
     return false;
 }
 
 }  // namespace
 
+head_text::head_text(std::string_view in, bool bare_lf) noexcept
+    : size(http_find_header(in.data(), static_cast<unsigned>(in.size()))) {
+    if (size > 0) text = in.substr(0, static_cast<size_t>(size));
+    const std::string_view within = in.substr(0, most / 2);
+    const size_t end = bare_lf ? within.find("\n\n") : std::string_view::npos;
+    if (end == std::string_view::npos || within.substr(0, end).find('\r') != std::string_view::npos) return;
+    size = static_cast<int>(end) + 2;
+    char* out = room_;
+    for (const char c : within.substr(0, end + 2)) {
+        if (c == '\n') *out++ = '\r';
+        *out++ = c;
+    }
+    text = {room_, out};
+}
+
 message_reader::message_reader(message_owner& owner, const char* file, int line) noexcept
-    : owner_(owner), file_(file), line_(line) {}
+    : owner_(owner), file_(file), line_(line), head_(file, line), part_head_(file, line) {}
 
 message_reader::~message_reader() {
     reset(role_);
@@ -163,7 +205,8 @@ void message_reader::expect(core::owned_object<expectation> response) noexcept {
     expectation* const added = response.get();
     (last_expected_ ? last_expected_->next : expected_) = std::move(response);
     last_expected_ = added;
-    if (phase_ == phase_t::body && mode_ == mode_t::multipart) silent_ = true;
+    const bool at_hand = phase_ == phase_t::body || phase_ == phase_t::announcing;
+    if (at_hand && mode_ == mode_t::multipart) silent_ = true;
 }
 
 bool message_reader::wants_continue() const noexcept {
@@ -182,12 +225,8 @@ uint32_t message_reader::room() const noexcept {
 
 /// What is known of one message alone. What a call of the owner reads is released when it has returned.
 void message_reader::forget() noexcept {
-    if (calling_ > 0 && header_) {
-        spent_header_ = std::exchange(header_, nullptr);
-        spent_ = std::exchange(decoded_, {});
-    }
-    http_header_free(header_);
-    http_header_free(part_);
+    if (calling_ > 0 && header_) spent_ = std::exchange(decoded_, {});
+    header_ = part_ = nullptr;
     boundary_.reset();
     behind_boundary_ = skipping_ = false;
     searched_ = 0;
@@ -195,13 +234,11 @@ void message_reader::forget() noexcept {
     if (decoded_.size > passing_room) core_buf_free(&decoded_);
     to_.reset();
     mode_ = mode_t::whole;
-    silent_ = settled_ = bodyless_ = false;
+    silent_ = settled_ = bodyless_ = looking_ = false;
 }
 
 void message_reader::leave_call() noexcept {
-    if (--calling_ > 0) return;
-    http_header_free(spent_header_);
-    core_buf_free(&spent_);
+    if (--calling_ == 0) core_buf_free(&spent_);
 }
 
 /// @return false when the owner has reset or stopped the reader
@@ -233,19 +270,23 @@ message_reader::step_t message_reader::read_head(bytes& in) noexcept {
     // Behind a body, as some clients send it (RFC 9112, 2.2).
     for (; in.size() >= 2 && in[0] == '\r' && in[1] == '\n'; in = in.subspan(2))
         if (++blank_lines_ > most_blank_lines) return refuse(http_malformed);
-    const int size = http_header_find({in.data(), static_cast<uint32_t>(in.size())});
-    if (size == 0) return step_t::more;
-    if (size < 0) return refuse(http_header_large);
-    const std::string_view text(reinterpret_cast<const char*>(in.data()), static_cast<size_t>(size));
-    in = in.subspan(text.size());
+    const head_text head({reinterpret_cast<const char*>(in.data()), in.size()}, role_ == role_t::client);
+    // Its blank line may never come: what ends lines otherwise ends them all so.
+    if (head.size <= 0 && role_ == role_t::server && has_bare_end(in)) return refuse(http_malformed);
+    if (head.size == 0) return step_t::more;
+    if (head.size < 0) return refuse(http_header_large);
+    const std::string_view text = head.text;
+    in = in.subspan(static_cast<size_t>(head.size));
     blank_lines_ = 0;
     owner_.on_header_text(text);
-    header_ = http_header_parse(text.data(), static_cast<unsigned>(size), file_, line_);
+    header_ = head_.read(text);
+    is_old_ = header_ && (header_->status ? text.starts_with("HTTP/1.0") : scan::text(header_->protocol) == "HTTP/1.0");
     if (!header_ || !is_sound(text)) return refuse(http_malformed);
     if (header_->status >= 100 && header_->status < 200) {  // the response is still to come
         forget();
         return step_t::on;
     }
+    if (header_->status == 401 && is_sent_again()) return step_t::more;
     judge_framing();
     if (!choose_mode()) return refuse(http_malformed);
     return announce();
@@ -257,14 +298,21 @@ bool message_reader::is_sound(std::string_view text) const noexcept {
     const lengths_t found = lengths_of(*header_);
     if (request != (role_ == role_t::server) || text.find('\0') != std::string_view::npos) return false;
     if (found.differ || found.other_coding) return false;
-    const bool is_old = request ? scan::text(header_->protocol) == "HTTP/1.0" : text.starts_with("HTTP/1.0");
-    if (found.chunked && is_old) return false;
+    if (found.chunked && is_old_) return false;
     return !request || (is_plain(text, *header_) && !(found.chunked && found.length));
+}
+
+bool message_reader::is_sent_again() noexcept {
+    if (!expected_ || expected_->next || expected_->sent.length == 0) return false;
+    ++calling_;
+    const bool result = owner_.on_refused(*header_, *expected_);
+    leave_call();
+    return result;
 }
 
 void message_reader::judge_framing() noexcept {
     const bool response = role_ == role_t::client;
-    bool no_body = response && (header_->status == 204 || header_->status == 304);
+    bool no_body = response && has_no_body(header_->status);
     if (response && expected_) {
         no_body = no_body || expected_->head;
         to_ = std::move(expected_->to);
@@ -273,15 +321,34 @@ void message_reader::judge_framing() noexcept {
     }
     bodyless_ = no_body;
     is_head_ = !response && std::strcmp(header_->method, "HEAD") == 0;
-    const lengths_t found = lengths_of(*header_);
-    left_ = found.length.value_or(0);
-    const bool ends = response && !found.length && (to_ || asks_for_close(*header_));
-    framing_ = no_body         ? framing_t::none
-               : found.chunked ? framing_t::chunked
-               : left_ > 0     ? framing_t::length
-               : ends          ? framing_t::close
-                               : framing_t::none;
+    framing_ = framing_of_body();
+    left_ = lengths_of(*header_).length.value_or(0);
+    saved_ = 0;
     if (framing_ == framing_t::chunked) chunks_.begin();
+}
+
+message_reader::framing_t message_reader::framing_of_body() const noexcept {
+    if (bodyless_) return framing_t::none;
+    const lengths_t found = lengths_of(*header_);
+    if (found.chunked) return framing_t::chunked;
+    if (found.length) return *found.length > 0 ? framing_t::length : framing_t::none;
+    const bool closes = has_option(*header_, "close") || (is_old_ && !has_option(*header_, "keep-alive"));
+    return role_ == role_t::client && (to_ || looking_ || closes) ? framing_t::close : framing_t::none;
+}
+
+bool message_reader::save(core::owned_object<download> to) noexcept {
+    if (role_ != role_t::client || phase_ != phase_t::announcing) return false;
+    to_ = std::move(to);
+    mode_ = mode_t::file;
+    framing_ = framing_of_body();
+    return true;
+}
+
+bool message_reader::split_if_parts() noexcept {
+    if (role_ != role_t::client || phase_ != phase_t::announcing || mode_ == mode_t::multipart) return false;
+    looking_ = true;
+    framing_ = framing_of_body();
+    return true;
 }
 
 /// @return false for a multipart body without a boundary
@@ -298,7 +365,7 @@ bool message_reader::choose_mode() noexcept {
         if (response && !bodyless_ && framing_ != framing_t::chunked) framing_ = framing_t::close;
         return framing_ == framing_t::none || choose_boundary(type);
     } else {
-        mode_ = takes_whole(type) ? mode_t::whole : mode_t::unknown;
+        mode_ = framing_ == framing_t::none || takes_whole(type) ? mode_t::whole : mode_t::unknown;
     }
     return true;
 }
@@ -325,11 +392,12 @@ bool message_reader::takes_whole(std::string_view type) const noexcept {
 }
 
 message_reader::step_t message_reader::announce() noexcept {
-    phase_ = phase_t::body;
+    phase_ = phase_t::announcing;
     owes_ = role_ == role_t::server ? owes_t::announced : owes_t::nothing;
     if (!call(http_message, header_, nullptr, false)) return step_t::more;
+    phase_ = phase_t::body;
     if (mode_ == mode_t::whole && framing_ == framing_t::length && left_ > limit_) return refuse(http_body_large);
-    if (mode_ == mode_t::file && !to_->open()) return refuse(http_not_written);
+    if (mode_ == mode_t::file && !looking_ && !to_->open()) return refuse(http_not_written);
     if (wants_continue()) owner_.on_expect();
     return step_t::on;
 }
@@ -369,7 +437,8 @@ message_reader::step_t message_reader::read_chunked(bytes& in) noexcept {
 
 /// @param all  nothing more of the body comes
 message_reader::step_t message_reader::read_content(bytes& from, bool all) noexcept {
-    return mode_ == mode_t::whole       ? read_whole(from, all)
+    return looking_                     ? look_for_parts(from, all)
+           : mode_ == mode_t::whole     ? read_whole(from, all)
            : mode_ == mode_t::multipart ? read_parts(from, all)
                                         : pass_through(from, all);
 }
@@ -388,6 +457,7 @@ message_reader::step_t message_reader::read_whole(bytes& from, bool all) noexcep
 message_reader::step_t message_reader::pass_through(bytes& from, bool all) noexcept {
     const bytes content = within(from);
     if (mode_ == mode_t::file && !content.empty() && !to_->write(content)) return refuse(http_not_written);
+    if (mode_ == mode_t::file) saved_ += content.size();
     consume(from, content.size());
     if (!all) return framing_ == framing_t::chunked && !content.empty() ? step_t::on : step_t::more;
     if (mode_ == mode_t::file && !to_->finish()) return refuse(http_not_written);
@@ -408,6 +478,11 @@ message_reader::step_t message_reader::complete(const buffer_t* body) noexcept {
     forget();
     settled_ = settled;
     return step_t::on;
+}
+
+bool ends_with_connection(const header_s& response) noexcept {
+    const lengths_t found = lengths_of(response);
+    return !found.length && !found.chunked && !has_no_body(response.status);
 }
 
 }  // namespace net::http

@@ -12,8 +12,6 @@ namespace net::http {
 
 namespace {
 
-constexpr uint32_t most_part_head = 4096 + 3;  // as far as http_header_find() looks
-
 std::string_view text_of(std::span<const uint8_t> from) noexcept {
     return {reinterpret_cast<const char*>(from.data()), from.size()};
 }
@@ -29,7 +27,43 @@ constexpr part_type_t part_types[] = {
     {"audio/pcmu", av::fcc_pcmu, 16, 8000, 1},
 };
 
+constexpr size_t longest_delimiter = 200;
+
+/// The delimiter that a body begins with, when the header of a part follows it. Empty for none; not set when more bytes
+/// are needed.
+std::optional<std::string_view> first_delimiter(std::string_view body) noexcept {
+    constexpr std::string_view field = "\r\ncontent-";
+    if (body.empty()) return std::nullopt;
+    const std::string_view text = scan::skip(body, "\r\n");
+    const std::string_view line = text.substr(0, std::min(text.find('\r'), text.size()));
+    if (!line.substr(0, 2).empty() && !std::string_view("--").starts_with(line.substr(0, 2))) return "";
+    if (line.size() > longest_delimiter || body.size() - text.size() > 4) return "";
+    const std::string_view behind = text.substr(line.size(), field.size());
+    if (!scan::same_name(behind, field.substr(0, behind.size()))) return "";
+    if (behind.size() < field.size()) return std::nullopt;
+    return line.size() > 2 ? line : "";
+}
+
 }  // namespace
+
+/// Servers that do not know their own type send "application/octet-stream".
+message_reader::step_t message_reader::look_for_parts(bytes& from, bool all) noexcept {
+    const std::optional<std::string_view> found = first_delimiter(text_of(within(from)));
+    if (!found && !all) return step_t::more;
+    looking_ = false;
+    if (found && !found->empty()) {
+        boundary_.reset(core_strndup(found->data(), found->size(), file_, line_));
+        if (!boundary_) return refuse(http_malformed);
+        to_.reset();
+        mode_ = mode_t::multipart;
+        // As of what is called multipart, the length is not looked at.
+        if (framing_ == framing_t::length) all = false;
+        if (framing_ != framing_t::chunked) framing_ = framing_t::close;
+    } else if (mode_ == mode_t::file && !to_->open()) {
+        return refuse(http_not_written);
+    }
+    return read_content(from, all);
+}
 
 message_reader::step_t message_reader::read_parts(bytes& from, bool all) noexcept {
     const size_t held = from.size();
@@ -64,7 +98,7 @@ message_reader::step_t message_reader::read_boundary(bytes& from) noexcept {
 
 message_reader::step_t message_reader::leave_part(bytes& from, size_t count, bool at_boundary) noexcept {
     consume(from, count);
-    http_header_free(part_);
+    part_ = nullptr;
     searched_ = 0;
     skipping_ = false;
     behind_boundary_ = at_boundary;
@@ -83,17 +117,18 @@ message_reader::step_t message_reader::skip_to_boundary(bytes& from) noexcept {
 message_reader::step_t message_reader::read_part_head(bytes& from) noexcept {
     const std::string_view text = text_of(within(from));
     const std::string_view boundary = boundary_.get();
-    const int size = http_find_header(text.data(), static_cast<unsigned>(text.size()));
-    if (size < 0) {
+    const head_text found(text, role_ == role_t::client);
+    if (found.size < 0) {
         // No header: up to the next boundary it is nothing.
         skipping_ = true;
         return step_t::on;
     }
-    const std::string_view head = size > 0 ? text.substr(0, static_cast<size_t>(size)) : text;
+    const std::string_view head = found.size > 0 ? text.substr(0, static_cast<size_t>(found.size)) : text;
     const size_t end = head.find(boundary);
     if (end != std::string_view::npos) return leave_part(from, end + boundary.size(), true);
-    if (size == 0) return step_t::more;
-    if (!take_part_head(head)) return refuse(http_malformed);
+    if (found.size == 0) return step_t::more;
+    if (!take_part_head(found.text)) return refuse(http_malformed);
+    part_head_size_ = searched_ = head.size();
     return part_length_.value_or(0) > limit_ ? refuse(http_body_large) : step_t::on;
 }
 
@@ -101,12 +136,8 @@ message_reader::step_t message_reader::read_part_head(bytes& from) noexcept {
 bool message_reader::take_part_head(std::string_view text) noexcept {
     // A part has no start line.
     constexpr std::string_view start = "HTTP/1.1 200 OK\r\n";
-    char whole[start.size() + most_part_head + 1];
-    const std::string_view fields = scan::skip(text, "\r\n");
-    char* const end = std::ranges::copy(fields, std::ranges::copy(start, whole).out).out;
-    part_ = http_header_parse(whole, static_cast<unsigned>(end - whole), file_, line_);
+    part_ = part_head_.read(start, scan::skip(text, "\r\n"));
     if (!part_) return false;
-    part_head_ = searched_ = text.size();
     const std::string_view length = scan::text(value_geti(part_->fields, "Content-Length"));
     uint64_t value = 0;
     const auto result = std::from_chars(length.data(), length.data() + length.size(), value);
@@ -116,18 +147,18 @@ bool message_reader::take_part_head(std::string_view text) noexcept {
 
 message_reader::step_t message_reader::read_part(bytes& from) noexcept {
     const bytes there = within(from);
-    const bytes content = there.subspan(part_head_);
+    const bytes content = there.subspan(part_head_size_);
     if (part_length_) {
         const auto length = static_cast<size_t>(*part_length_);
         if (content.size() < length) return step_t::more;
         if (hand_over_part(content.first(length)) == step_t::more) return step_t::more;
-        return leave_part(from, part_head_ + length, false);
+        return leave_part(from, part_head_size_ + length, false);
     }
     const std::string_view boundary = boundary_.get();
     const size_t end = text_of(there).find(boundary, searched_);
     const bool found = end != std::string_view::npos;
-    searched_ = found ? end : std::max(part_head_, there.size() - std::min(there.size(), boundary.size() - 1));
-    const size_t size = searched_ - part_head_;
+    searched_ = found ? end : std::max(part_head_size_, there.size() - std::min(there.size(), boundary.size() - 1));
+    const size_t size = searched_ - part_head_size_;
     if (size > limit_) return refuse(http_body_large);
     if (!found) return step_t::more;
     if (hand_over_part(content.first(size)) == step_t::more) return step_t::more;

@@ -175,8 +175,8 @@ int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) no
         [&] { return sendto(fd, bytes.data(), transfer_size(bytes.size()), MSG_NOSIGNAL, generic(to), size); });
 }
 
-int send_pieces(int fd, buffer_t first, buffer_t second) noexcept {
-    iovec pieces[] = {{first.data, first.size}, {second.data, second.size}};
+int send_pieces(int fd, const std::array<buffer_t, 3>& runs) noexcept {
+    iovec pieces[] = {{runs[0].data, runs[0].size}, {runs[1].data, runs[1].size}, {runs[2].data, runs[2].size}};
     msghdr message{};
     message.msg_iov = pieces;
     message.msg_iovlen = std::size(pieces);

@@ -4,6 +4,7 @@
 
 #include "inet/net_socket.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <span>
@@ -62,8 +63,8 @@ bool set_multicast_interface(int fd, in_addr via) noexcept;
 
 /// Transfer; a null address is the connected peer. A peer that is gone gives an error, never a signal.
 int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) noexcept;
-/// Sends two runs of bytes to the connected peer, one behind the other.
-int send_pieces(int fd, buffer_t first, buffer_t second) noexcept;
+/// Sends runs of bytes to the connected peer, one behind the other.
+int send_pieces(int fd, const std::array<buffer_t, 3>& runs) noexcept;
 /// Ends the sending half of a connection.
 void end_output(int fd) noexcept;
 /// Closing will end the connection with a reset, and what waits for the peer is thrown away.

@@ -276,11 +276,13 @@ int send_bytes(int fd, std::span<const uint8_t> bytes, const sockaddr_in* to) no
                   generic(to), to ? sizeof *to : 0);
 }
 
-int send_pieces(int fd, buffer_t first, buffer_t second) noexcept {
-    WSABUF pieces[] = {{first.size, reinterpret_cast<char*>(first.data)},
-                       {second.size, reinterpret_cast<char*>(second.data)}};
+int send_pieces(int fd, const std::array<buffer_t, 3>& runs) noexcept {
+    WSABUF pieces[3];
+    std::ranges::transform(runs, pieces, [](const buffer_t& each) {
+        return WSABUF{each.size, reinterpret_cast<char*>(each.data)};
+    });
     DWORD went = 0;
-    return WSASend(handle_of(fd), pieces, 2, &went, 0, nullptr, nullptr) == 0 ? static_cast<int>(went) : -1;
+    return WSASend(handle_of(fd), pieces, 3, &went, 0, nullptr, nullptr) == 0 ? static_cast<int>(went) : -1;
 }
 
 void end_output(int fd) noexcept { shutdown(handle_of(fd), SD_SEND); }

@@ -1,8 +1,8 @@
 #include "rtsp/client.h"
 
-#include "rtsp/control.h"
 #include "rtsp/transport.h"
 #include "scan.h"
+#include "uri/reference.h"
 
 #include "core/text.h"
 #include "core/time.h"
@@ -19,22 +19,6 @@ namespace {
 
 constexpr uint32_t default_timeout = 60;  // seconds (RFC 2326, 12.37)
 constexpr uint64_t us_per_second = 1000000;
-
-/// A part of the user-info, decoded; '+' stands for itself there.
-core::owned_text decode_user_info(std::string_view text, const char* file, int line) noexcept {
-    core::owned_text out(static_cast<char*>(core_malloc(text.size() + 1, file, line)));
-    if (!out) return out;
-    char* to = out.get();
-    for (size_t i = 0; i < text.size(); ++i) {
-        const int high = i + 2 < text.size() ? scan::hex_digit(text[i + 1]) : -1;
-        const int low = i + 2 < text.size() ? scan::hex_digit(text[i + 2]) : -1;
-        const bool coded = text[i] == '%' && high >= 0 && low >= 0;
-        *to++ = coded ? static_cast<char>(high * 16 + low) : text[i];
-        if (coded) i += 2;
-    }
-    *to = 0;
-    return out;
-}
 
 /// The part of an absolute URI that an HTTP request names.
 const char* path_of(const char* uri) noexcept {
@@ -76,8 +60,12 @@ bool client::read_uri(conversation& talk, const char* uri, login_t* login) noexc
     const core::owned_text bare(
         core_sprintf(talk.file, talk.line, "%.*s%s", static_cast<int>(start), uri, host.data()));
     const scan::pair parts = scan::split(info, ':');
-    core::owned_text user = decode_user_info(parts.key, talk.file, talk.line);
-    core::owned_text password = decode_user_info(parts.value, talk.file, talk.line);
+    const auto decode = [&](std::string_view part) {
+        const char* const begin = part.data() ? part.data() : "";
+        return core::owned_text(uri_decode_part(begin, begin + part.size(), talk.file, talk.line));
+    };
+    core::owned_text user = decode(parts.key);
+    core::owned_text password = decode(parts.value);
     // Decoded, a user could break the line that it stands in.
     if (!bare || !user || !password || !is_printable(user.get()) || !talk.set_location(bare.get())) return false;
     if (info.empty()) user.reset();
@@ -225,7 +213,7 @@ const char* client::find_moved(const header_s* header) noexcept {
     constexpr uint32_t statuses[] = {301, 302, 303, 307};
     const char* const uri = field(header, "Location");
     const bool moved = std::ranges::find(statuses, header->status) != std::end(statuses);
-    return moved && uri && is_absolute(uri) && is_request_uri(uri) ? uri : nullptr;
+    return moved && uri && net::uri::is_absolute(uri) && is_request_uri(uri) ? uri : nullptr;
 }
 
 // Other requests of servers are not served.

@@ -1,8 +1,8 @@
 #include "bounded.h"
 #include "rtsp/client.h"
-#include "rtsp/control.h"
 #include "rtsp/tidy.h"
 #include "scan.h"
+#include "uri/reference.h"
 
 #include "avc/fcc.h"
 #include "common/digest.h"
@@ -17,9 +17,20 @@
 
 namespace rtsp3 {
 
+using net::uri::is_absolute;
+using net::uri::without_login;
+
 using net::http::header_s;
 
 namespace {
+
+/// The control behind the base, as servers mean it, which often leave out the last '/' of the base. One is put between
+/// them unless it stands there, or the control begins a path or a query. Null when memory is out.
+core::owned_text append_control(std::string_view base, std::string_view control, const char* file, int line) noexcept {
+    const bool touches = base.ends_with('/') || control.starts_with('/') || control.starts_with('?');
+    return core::owned_text(core_sprintf(file, line, "%.*s%s%.*s", static_cast<int>(base.size()), base.data(),
+                                         touches ? "" : "/", static_cast<int>(control.size()), control.data()));
+}
 
 struct sdp_deleter {
     void operator()(net::sdp::sdp_t* sdp) const noexcept { sdp_free(sdp); }
@@ -194,7 +205,7 @@ core::owned_text description::control_uri(const char* control, uint32_t form) co
             return append_control(base_ || named.ends_with('/') ? named : talk_.content_base.get(), value, talk_.file,
                                   talk_.line);
         case 1:
-            return resolve(named, value, talk_.file, talk_.line);
+            return net::uri::resolve(named, value, talk_.file, talk_.line);
         case 2:  // as others read it who put no '/' behind the session's URI
             if (base_ || !(value.starts_with('/') || value.starts_with('?'))) return nullptr;
             return append_control(named, value, talk_.file, talk_.line);

@@ -19,7 +19,8 @@
 ///     request     a header of 4096 bytes, a body of http_settings_t::body
 ///     silence     http_settings_t::timeout before a header is whole, and before its body is
 ///     stall       http_settings_t::stall
-///     unsent      one answer, or one picture
+///     unsent      one answer, or one picture, which is shared by all who are sent it
+///     held        256 KiB beside what is unsent, with a body of the usual length
 #pragma once
 
 #include "core/buf.h"
@@ -35,6 +36,7 @@ namespace media {
 /// The texts are copied.
 struct http_settings_t {
     uint16_t port = 8080;        ///< 0 lets the system choose
+    bool needs_port = true;      ///< false: when the port is taken the station starts without it, and port() is 0
     const char* user = nullptr;  ///< with a password
     const char* password = nullptr;
     uint32_t body = 64 * 1024;  ///< bytes of the longest request body
@@ -82,7 +84,8 @@ public:
     /// The same with bytes that are lent until `release(owner)` is called, once, on any thread.
     virtual void answer_share(const http_answer_t& how, buffer_t bytes, void (*release)(void* owner),
                               void* owner) noexcept = 0;
-    /// Answers with a document: If-None-Match, Range and If-Range are honoured (RFC 9110, 13 and 14).
+    /// Answers with a document: If-Match, If-None-Match, Range and If-Range are honoured (RFC 9110, 13 and 14). It has no
+    /// date: conditions on one are not looked at.
     virtual void answer_document(const document_t& what) noexcept = 0;
 
 protected:

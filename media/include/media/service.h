@@ -116,9 +116,11 @@ public:
 
     /// The port that it listens on; 0 for none. Before station::start() 0 may also stand for any port.
     virtual uint16_t port() const noexcept = 0;
-    /// Tells the service the port that the system chose.
+    /// Tells the service the port that the system chose, or 0 when there is none for it.
     virtual void set_port(uint16_t port) noexcept = 0;
     virtual bool listens() const noexcept { return true; }
+    /// False for one that the station starts without when its port cannot be had. It is then told port 0.
+    virtual bool needs_port() const noexcept { return true; }
     /// Whether its claims() are also asked on the ports of other services, before theirs. Its port() is not changed.
     virtual bool visits() const noexcept { return false; }
     /// Tells from the first bytes whether a connection is the service's. `more` asks for more bytes, up to 4096. It is

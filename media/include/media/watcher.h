@@ -9,8 +9,8 @@
 /// A watcher connects, requests and receives the media, and keeps the session alive. When the source goes away it
 /// connects again, after 1, 2, 4, ... 30 seconds; once a frame has come, from 1 again. When nothing arrives over UDP in
 /// three seconds, or the source refuses UDP, it requests the media over TCP and stays with TCP. Where a source answers
-/// that it is elsewhere (301, 302, 303, 307), it is sought there, up to five times in a row. User and password go along to
-/// the same host alone.
+/// that it is elsewhere (301, 302, 303, 307, 308), it is sought there, up to five times in a row. User and password go
+/// along to the same host alone.
 ///
 /// Only whole frames are handed over. After a loss H.264 goes on with the next key picture.
 ///
@@ -56,6 +56,7 @@ enum class outcome_t : uint8_t {
     protocol_error,    ///< the source answers with another status, malformed, or not at all
     no_transport,      ///< the source does not offer the transport: 461
     nothing_received,  ///< the source agreed to send, but no media came
+    not_written,       ///< the file of settings_t::save_as cannot be written
     connection_lost,   ///< media came, then the connection or the stream ended or went silent
 };
 
@@ -77,6 +78,7 @@ struct watch_event_t {
         connecting,     ///< an attempt begins
         tracks,         ///< `formats` are known; frames come from now on
         playing,        ///< the source has agreed to send
+        saving,         ///< what comes is written to the file `text`
         track_refused,  ///< it goes on without a track
         falls_back,     ///< it will ask again over TCP
         pausing,        ///< the attempt ended; the next one begins in `pause` seconds
@@ -84,7 +86,7 @@ struct watch_event_t {
     };
     what_t what = connecting;
     outcome_t outcome = outcome_t::ok;  ///< track_refused, pausing, ended: why
-    const char* text = "";              ///< the same in words; "" when all went well
+    const char* text = "";              ///< the same in words; "" when all went well; saving: the file
     uint32_t pause = 0;
     const format_t* formats = nullptr;
     uint32_t format_count = 0;
@@ -120,7 +122,11 @@ public:
                                        ///< without end. Pictures that build on one shown later are left out with it
         uint32_t kinds = all_kinds;    ///< kinds of tracks that are fetched
         bool sets_in_slices = false;   ///< H.264 parameter sets stand before every slice, not before key pictures alone
-        net::nt_ctx* nt = nullptr;     ///< valid until the watcher ends; null for a thread of its own
+        const char* save_as =
+            nullptr;                ///< HTTP: the file for an answer that is no stream. Where it ends with '/', or is
+                                    ///< "", the file there has the last name of the address. Null: such an answer is
+                                    ///< outcome_t::protocol_error. A file that did not come whole is removed
+        net::nt_ctx* nt = nullptr;  ///< valid until the watcher ends; null for a thread of its own
     };
 
     enum class state_t : uint8_t { idle, connecting, playing, pausing, ended };
@@ -131,6 +137,8 @@ public:
         char text[256] = "";                       ///< the same in words
         transport_t transport = transport_t::tcp;  ///< in use
         uint32_t attempts = 0;                     ///< since start()
+        uint64_t saved = 0;                        ///< bytes of the file,
+        uint64_t to_save = 0;                      ///< of so many; 0 when the source does not tell
         uint32_t track_count = 0;
         track_counts_t tracks[most_tracks];  ///< since start(); at most a tenth of a second old
     };
@@ -144,7 +152,8 @@ public:
     watcher& operator=(const watcher&) = delete;
 
     /// 1 for an address that a watcher can fetch: rtsp://[user:password@]host[:port]/path, or http://, user and password
-    /// percent-coded. IPv6 addresses are not taken. Any thread.
+    /// percent-coded. Blanks, controls and characters beyond ASCII are coded where they are not. IPv6 addresses are not
+    /// taken. Any thread.
     static int takes(const char* url) noexcept;
 
     /// Has the frames pushed into a stream, which is held. The first track of each kind is fetched, and its format

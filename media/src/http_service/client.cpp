@@ -27,10 +27,9 @@ struct reason_t {
     const char* text;
 };
 constexpr reason_t reasons[] = {
-    {206, "Partial Content"},       {304, "Not Modified"},
-    {401, "Unauthorized"},          {405, "Method Not Allowed"},
-    {413, "Content Too Large"},     {415, "Unsupported Media Type"},
-    {416, "Range Not Satisfiable"}, {431, "Request Header Fields Too Large"},
+    {206, "Partial Content"},        {304, "Not Modified"},          {401, "Unauthorized"},
+    {405, "Method Not Allowed"},     {412, "Precondition Failed"},   {413, "Content Too Large"},
+    {415, "Unsupported Media Type"}, {416, "Range Not Satisfiable"}, {431, "Request Header Fields Too Large"},
     {503, "Service Unavailable"},
 };
 
@@ -236,30 +235,24 @@ bool client_t::is_get() const noexcept { return std::strcmp(header_->method, "GE
 
 // The answer
 
-/// The header that every answer begins with; null when memory is out.
-net::http::header_s* client_t::begin_answer(const http_answer_t& how, uint64_t size) noexcept {
-    char date[32];
-    time_format(time_now(), "%a, %d %b %Y %H:%M:%S GMT", date, sizeof date);
-    net::http::header_s* header = http_header_respond("HTTP/1.1", how.status, reason_of(how.status));
-    const bool complete = header && http_header_put(header, "Date", date) &&
-                          (!how.type || http_header_put(header, "Content-Type", how.type)) &&
-                          (size == UINT64_MAX || http_header_put_format(header, "Content-Length", "%llu",
-                                                                        static_cast<unsigned long long>(size))) &&
-                          (!how.cache || http_header_put(header, "Cache-Control", how.cache)) &&
-                          http_header_put(header, "X-Content-Type-Options", "nosniff") &&
-                          (!how.field || http_header_put(header, how.field, how.value)) &&
-                          (keeps_ || http_header_put(header, "Connection", "close"));
-    if (!complete) http_header_free(header);
-    return header;
+constexpr uint64_t no_length = UINT64_MAX;
+
+/// The fields that every answer begins with.
+void client_t::put_fields(answer_head& head, const http_answer_t& how, uint64_t size) noexcept {
+    head.put("Date", date_.of(time_now()));
+    if (how.type) head.put("Content-Type", how.type);
+    if (size != no_length) head.put_length(size);
+    if (how.cache) head.put("Cache-Control", how.cache);
+    head.put("X-Content-Type-Options", "nosniff");
+    if (how.field) head.put(how.field, how.value ? how.value : "");
+    if (!keeps_) head.put("Connection", "close");
 }
 
-/// Sends a header and bytes, and lets go of the header. @return false when that could not be: the connection then ends
-bool client_t::send_header(net::http::header_s* header, buffer_t text, buffer_t bytes, void (*release)(void*),
-                           void* owner) noexcept {
+/// Sends a header and bytes. @return false when that could not be: the connection then ends
+bool client_t::send(const answer_head& head, buffer_t text, buffer_t bytes, void (*release)(void*),
+                    void* owner) noexcept {
     answered_ = sending_ = true;
-    const bool sent = header && net_http_send_share(http_, header, text, bytes, release, owner);
-    if (!header && release) release(owner);
-    http_header_free(header);
+    const bool sent = net_http_send_share(http_, &head.header(), text, bytes, release, owner);
     if (!sent) {
         leave_pictures();
         keeps_ = false;
@@ -269,14 +262,21 @@ bool client_t::send_header(net::http::header_s* header, buffer_t text, buffer_t 
     return sent;
 }
 
+void client_t::send_answer(const http_answer_t& how, uint64_t size, buffer_t text, buffer_t bytes,
+                           void (*release)(void*), void* owner) noexcept {
+    answer_head head(how.status, reason_of(how.status));
+    put_fields(head, how, size);
+    send(head, text, bytes, release, owner);
+}
+
 void client_t::answer(const http_answer_t& how, buffer_t bytes) noexcept {
-    if (!answered_ && !finished_) send_header(begin_answer(how, bytes.size), bytes, {}, nullptr, nullptr);
+    if (!answered_ && !finished_) send_answer(how, bytes.size, bytes, {}, nullptr, nullptr);
 }
 
 void client_t::answer_share(const http_answer_t& how, buffer_t bytes, void (*release)(void* owner),
                             void* owner) noexcept {
     if (!answered_ && !finished_) {
-        send_header(begin_answer(how, bytes.size), {}, bytes, release, owner);
+        send_answer(how, bytes.size, {}, bytes, release, owner);
     } else if (release) {
         release(owner);
     }
@@ -299,17 +299,18 @@ void client_t::refuse(unsigned status) noexcept {
 
 void client_t::answer_document(const document_t& what) noexcept {
     const std::string_view etag = what.etag;
+    const auto is_this = [&](std::string_view each) { return each == etag || each == "*"; };
+    if (value_geti(header_->fields, "If-Match") && !lists(*header_, "If-Match", is_this)) return answer_error(412);
     http_answer_t how{.type = what.type, .cache = what.cache, .field = "ETag", .value = what.etag};
     // A weak tag is as good here (RFC 9110, 13.1.2).
     const auto is_held = [&](std::string_view each) {
         if (each.starts_with("W/")) each.remove_prefix(2);
-        return each == etag || each == "*";
+        return is_this(each);
     };
     if (lists(*header_, "If-None-Match", is_held)) {
         how.status = 304;
         how.type = nullptr;
-        send_header(begin_answer(how, UINT64_MAX), {}, {}, nullptr, nullptr);
-        return;
+        return send_answer(how, no_length, {}, {}, nullptr, nullptr);
     }
     uint64_t first = 0;
     uint64_t last = what.bytes.size;
@@ -319,16 +320,16 @@ void client_t::answer_document(const document_t& what) noexcept {
                            : range_t::none;
     how.status = range == range_t::none ? 200 : range == range_t::part ? 206 : 416;
     const uint64_t size = range == range_t::outside ? 0 : last - first;
-    net::http::header_s* header = begin_answer(how, size);
-    bool complete = header && http_header_put(header, "Accept-Ranges", "bytes");
+    answer_head head(how.status, reason_of(how.status));
+    put_fields(head, how, size);
+    head.put("Accept-Ranges", "bytes");
+    char part[80];
     if (range == range_t::part)
-        complete = complete && http_header_put_format(header, "Content-Range", "bytes %llu-%llu/%u",
-                                                      static_cast<unsigned long long>(first),
-                                                      static_cast<unsigned long long>(last - 1), what.bytes.size);
-    if (range == range_t::outside)
-        complete = complete && http_header_put_format(header, "Content-Range", "bytes */%u", what.bytes.size);
-    if (!complete) http_header_free(header);
-    send_header(header, {}, {what.bytes.data + first, static_cast<uint32_t>(size)}, nullptr, nullptr);
+        std::snprintf(part, sizeof part, "bytes %llu-%llu/%u", static_cast<unsigned long long>(first),
+                      static_cast<unsigned long long>(last - 1), what.bytes.size);
+    if (range == range_t::outside) std::snprintf(part, sizeof part, "bytes */%u", what.bytes.size);
+    if (range != range_t::none) head.put("Content-Range", part);
+    send(head, {}, {what.bytes.data + first, static_cast<uint32_t>(size)}, nullptr, nullptr);
 }
 
 void client_t::on_drained() noexcept {
@@ -381,8 +382,9 @@ void client_t::begin_pictures(bool snapshot) noexcept {
     keeps_ = false;
     const bool get = is_get();
     if (!get) leave_pictures();
-    net::http::header_s* header = begin_answer({.type = "multipart/x-mixed-replace; boundary=picture"}, UINT64_MAX);
-    if (!send_header(header, bytes_of("--picture\r\n"), {}, nullptr, nullptr) || !get) return;
+    answer_head head(200, reason_of(200));
+    put_fields(head, {.type = "multipart/x-mixed-replace; boundary=picture"}, no_length);
+    if (!send(head, bytes_of("--picture\r\n"), {}, nullptr, nullptr) || !get) return;
     counts_ = true;
     pictures_->watch(1);
     if (pictures_->number() != 0) send_picture();
@@ -390,37 +392,31 @@ void client_t::begin_pictures(bool snapshot) noexcept {
 
 namespace {
 
-void release_picture(void* owner) noexcept {
-    auto* frame = static_cast<av::frame_t*>(owner);
-    avc_frame_need(frame);
-}
+void release_picture(void* held) noexcept { avc_frame_drop(static_cast<av::frame_t*>(held)); }
 
 }  // namespace
 
 /// A part, with the boundary behind it: a browser shows a picture when it has seen where it ends.
 void client_t::send_picture() noexcept {
-    av::frame_t* const held = avc_frame_dup(&pictures_->newest(), CORE_HERE);
-    if (!held) return;
-    char text[96];
-    const int size =
-        std::snprintf(text, sizeof text, "Content-Type: image/jpeg\r\nContent-Length: %u\r\n\r\n", held->size);
+    // The one before has gone.
+    if (!avc_frame_share(&held_, &pictures_->newest(), CORE_HERE)) return;
     shown_ = pictures_->number();
     sending_ = true;
     constexpr std::string_view end = "\r\n--picture\r\n";
     ++thread_.count().frames;
     ++service_.count().frames;
-    if (!net_http_send_share(http_, nullptr, bytes_of({text, static_cast<size_t>(size)}),
-                             {const_cast<uint8_t*>(held->data), held->size}, release_picture, held) ||
+    if (!net_http_send_share(http_, nullptr, bytes_of(pictures_->part_head()),
+                             {const_cast<uint8_t*>(held_.data), held_.size}, release_picture, &held_) ||
         !net_http_send_message(http_, nullptr, end.data(), static_cast<unsigned>(end.size())))
         finish();
 }
 
 void client_t::send_snapshot() noexcept {
-    av::frame_t* const held = avc_frame_dup(&pictures_->newest(), CORE_HERE);
+    const bool shared = avc_frame_share(&held_, &pictures_->newest(), CORE_HERE);
     leave_pictures();
-    if (!held) return answer_error(503);
-    send_header(begin_answer({.type = "image/jpeg"}, held->size), {}, {const_cast<uint8_t*>(held->data), held->size},
-                release_picture, held);
+    if (!shared) return answer_error(503);
+    const buffer_t bytes{const_cast<uint8_t*>(held_.data), held_.size};
+    send_answer({.type = "image/jpeg"}, bytes.size, {}, bytes, release_picture, &held_);
 }
 
 void client_t::on_picture() noexcept {

@@ -1,6 +1,7 @@
 // One HTTP connection of a browser.
 #pragma once
 
+#include "http_service/answer_head.h"
 #include "http_service/inside.h"
 #include "http_service/pictures.h"
 #include "http_service/target.h"
@@ -46,8 +47,9 @@ private:
     bool is_get() const noexcept;
     void answer_error(unsigned status, const char* field = nullptr, const char* value = nullptr) noexcept;
     void refuse(unsigned status) noexcept;
-    net::http::header_s* begin_answer(const http_answer_t& how, uint64_t size) noexcept;
-    bool send_header(net::http::header_s* header, buffer_t text, buffer_t bytes, void (*release)(void*),
+    void put_fields(answer_head& head, const http_answer_t& how, uint64_t size) noexcept;
+    bool send(const answer_head& head, buffer_t text, buffer_t bytes, void (*release)(void*), void* owner) noexcept;
+    void send_answer(const http_answer_t& how, uint64_t size, buffer_t text, buffer_t bytes, void (*release)(void*),
                      void* owner) noexcept;
     void on_drained() noexcept;
     void count_bytes() noexcept;
@@ -81,7 +83,10 @@ private:
     uint64_t put_off_ = 0;   ///< core_timer() when it did so first; 0 for not
     unsigned quiet_ = 0;     ///< seconds since the last request was whole, or answered
 
+    date_text date_;
+
     pictures* pictures_ = nullptr;  ///< is sent to it as they come
+    av::frame_t held_{};            ///< the picture that is being sent
     uint64_t shown_ = 0;            ///< pictures::number() of the last one sent
     bool snapshot_ = false;         ///< one picture is the answer
     bool counts_ = false;           ///< among those that watch

@@ -49,11 +49,12 @@ gate::result_t gate::judge(const net::http::header_s& request) const noexcept {
     if (!answer || !answer->nonce) return result_t::refused;
     uint64_t made = 0;
     std::from_chars(answer->nonce, answer->nonce + std::min<size_t>(16, std::strlen(answer->nonce)), made, 16);
-    const nonce_t own = nonce_of(made);
-    if (std::strcmp(own.data(), answer->nonce) != 0) return result_t::refused;
-    if (!net_http_authenticate_check(value, request.method, request.uri, user_, password_, realm, own.data()))
+    if (!net_http_authenticate_check(value, request.method, request.uri, user_, password_, realm, answer->nonce))
         return result_t::refused;
-    return seconds_now() - made > lifetime ? result_t::stale : result_t::passes;
+    // A browser that knows the password asks for it again, unless it is told that the nonce alone is at fault. That is
+    // so after a restart, too.
+    const bool is_own = std::strcmp(nonce_of(made).data(), answer->nonce) == 0;
+    return is_own && seconds_now() - made <= lifetime ? result_t::passes : result_t::stale;
 }
 
 core::owned_text gate::challenge(bool stale) const noexcept {

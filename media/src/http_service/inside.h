@@ -31,6 +31,8 @@ public:
 
     uint16_t port() const noexcept override { return port_; }
     void set_port(uint16_t port) noexcept override { port_ = port; }
+    bool needs_port() const noexcept override { return settings_.needs_port; }
+    int open(station& of, failure_t* error) noexcept override;
     claim_t claims(buffer_t first) const noexcept override;
     part* make_part(thread& on, failure_t* error) noexcept override;
     client* take(thread& on, net::Tcp*& from) noexcept override;

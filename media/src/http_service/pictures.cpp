@@ -4,6 +4,7 @@
 #include "core/memory.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <new>
 #include <utility>
 
@@ -46,9 +47,14 @@ void pictures::on_entry(read_t what, const entry_t& entry) noexcept {
     const bool other = what == read_t::frame && entry.kind == kind_t::video && entry.frame.fcc != av::fcc_jpeg;
     if (!picture && !other && what != read_t::ended) return;
     if (picture) {
+        av::frame_t next{};
+        if (!avc_frame_share(&next, &entry.frame, CORE_HERE)) return;
         avc_frame_drop(&newest_);
-        if (!avc_frame_share(&newest_, &entry.frame, CORE_HERE)) return;
+        newest_ = next;
         number_ = entry.number + 1;
+        const int size = std::snprintf(part_head_, sizeof part_head_,
+                                       "Content-Type: image/jpeg\r\nContent-Length: %u\r\n\r\n", newest_.size);
+        part_head_size_ = static_cast<size_t>(size);
     }
     passing_ = true;
     for (size_t i = 0; i < takers_.size(); ++i) {

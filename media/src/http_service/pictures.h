@@ -5,7 +5,9 @@
 #include "core/owned.h"
 #include "media/service.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace media::web {
 
@@ -41,6 +43,8 @@ public:
     /// The newest picture; its data is null before the first.
     const av::frame_t& newest() const noexcept { return newest_; }
     uint64_t number() const noexcept { return number_; }
+    /// What stands before it in a multipart body, behind the boundary.
+    std::string_view part_head() const noexcept { return {part_head_, part_head_size_}; }
 
 private:
     void on_entry(read_t what, const entry_t& entry) noexcept override;
@@ -52,6 +56,8 @@ private:
     av::frame_t newest_{};
     uint64_t number_ = 0;  ///< of the newest picture; 0 for none
     uint32_t watching_ = 0;
+    char part_head_[64];
+    size_t part_head_size_ = 0;
     core::vector<picture_taker*> takers_;
 };
 

@@ -28,6 +28,10 @@ bool is_utf8(std::string_view text) noexcept {
 
 /// @return false for a '%' without its two digits, and for a control character or separator that is hidden in a code
 bool decode(std::string_view text, core::string& out) {
+    if (std::ranges::all_of(text, [](char c) { return c >= ' ' && c < 0x7f && c != '%'; })) {
+        out.assign(text);
+        return true;
+    }
     out.clear();
     for (size_t at = 0; at < text.size(); ++at) {
         char c = text[at];
@@ -45,19 +49,27 @@ bool decode(std::string_view text, core::string& out) {
     return is_utf8(out);
 }
 
+/// Where the host stands in a target of the absolute form; 0 for a target of no form that is known.
+size_t host_begin(std::string_view text) noexcept {
+    for (const std::string_view scheme : {"http://", "https://"})
+        if (core_strncasecmp(text.data(), scheme.data(), std::min(text.size(), scheme.size())) == 0)
+            return text.size() > scheme.size() ? scheme.size() : 0;
+    return 0;
+}
+
 }  // namespace
 
 bool read_target(std::string_view text, target_t& out) noexcept {
     try {
-        if (!text.starts_with('/')) {
-            const size_t scheme = text.find("://");
-            if (scheme == std::string_view::npos) return false;
-            const size_t path = text.find('/', scheme + 3);
-            text = path == std::string_view::npos ? "/" : text.substr(path);
+        const bool absolute = !text.starts_with('/') && text != "*";
+        if (absolute) {
+            const size_t host = host_begin(text);
+            if (host == 0) return false;
+            text.remove_prefix(std::min(text.find_first_of("/?", host), text.size()));
         }
         const size_t end = std::min(text.find('?'), text.size());
         out.query.assign(text.substr(std::min(end + 1, text.size())));
-        return decode(text.substr(0, end), out.path);
+        return decode(absolute && end == 0 ? "/" : text.substr(0, end), out.path);
     } catch (const std::bad_alloc&) {
         return false;
     }

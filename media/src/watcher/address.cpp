@@ -14,6 +14,7 @@
 #include <mutex>
 #include <new>
 #include <string_view>
+#include <utility>
 
 namespace media::fetch {
 
@@ -37,70 +38,79 @@ bool take_port(std::string_view text, uint16_t& port) noexcept {
 
 // The user-info ends where the RTSP session ends it, at the last '@'.
 bool address_t::set(const char* url, const char* name, const char* secret) noexcept {
-    if (!url) return false;
-    is_http = has_scheme(url, http_scheme);
-    if (!is_http && !has_scheme(url, rtsp_scheme)) return false;
-    const std::string_view scheme = is_http ? http_scheme : rtsp_scheme;
-    const std::string_view place = std::string_view(url).substr(scheme.size());
-    const size_t authority_size = std::min(place.find_first_of("/?"), place.size());
+    const core::owned_text coded(uri_encode_rest(url, CORE_HERE));
+    if (!coded) return false;
+    is_http = has_scheme(coded.get(), http_scheme);
+    if (!is_http && !has_scheme(coded.get(), rtsp_scheme)) return false;
+    const std::string_view place = std::string_view(coded.get()).substr((is_http ? http_scheme : rtsp_scheme).size());
+    const size_t authority_size = std::min(place.find_first_of(is_http ? "/?#" : "/?"), place.size());
     const std::string_view authority = place.substr(0, authority_size);
-    const std::string_view server = authority.substr(authority.rfind('@') + 1);
+    const size_t at = authority.rfind('@');
+    const std::string_view server = authority.substr(at + 1);
     const size_t colon = std::min(server.find(':'), server.size());
     port = is_http ? http_port : rtsp_port;
     if (colon == 0 || colon >= sizeof host || server.front() == '[') return false;
     if (colon < server.size() && !take_port(server.substr(colon + 1), port)) return false;
     *std::copy_n(server.begin(), colon, host) = 0;
-    if (is_http) {
-        const size_t at = authority.rfind('@');
-        const std::string_view login = at == std::string_view::npos ? "" : authority.substr(0, at);
-        return set_http(place.substr(authority_size), login, name, secret);
-    }
-    if (!name) {
-        uri.reset(core_strdup(url, CORE_HERE));
-        return uri != nullptr;
-    }
-    const core::owned_text coded_name(uri_encode(name, CORE_HERE));
-    const core::owned_text coded_secret(uri_encode(secret ? secret : "", CORE_HERE));
-    if (!coded_name || !coded_secret) return false;
-    uri.reset(
-        core_sprintf(CORE_HERE, "%s%s:%s@%s", scheme.data(), coded_name.get(), coded_secret.get(), server.data()));
-    return uri != nullptr;
+    if (!set_login(authority.substr(0, at == std::string_view::npos ? 0 : at), name, secret)) return false;
+    return is_http ? set_target(place.substr(authority_size)) : set_uri(coded.get(), server.data(), name != nullptr);
 }
 
-bool address_t::move(const address_t& from, const char* url) noexcept {
-    if (!url || !has_scheme(url, rtsp_scheme)) return false;
-    core::owned_text old(core_strdup(from.uri.get(), CORE_HERE));  // it may be this one
-    char old_host[sizeof host];
-    std::snprintf(old_host, sizeof old_host, "%s", from.host);
-    if (!old || !set(url, nullptr, nullptr)) return false;
-    const std::string_view place = std::string_view(old.get()).substr(rtsp_scheme.size());
-    const size_t login_end = place.substr(0, place.find_first_of("/?")).rfind('@');
-    const bool has_own = std::string_view(uri.get()).substr(rtsp_scheme.size()).substr(0, std::strlen(host)) != host;
-    if (login_end == std::string_view::npos || has_own || core_strcasecmp(host, old_host) != 0) return true;
-    uri.reset(core_sprintf(CORE_HERE, "%s%.*s@%s", rtsp_scheme.data(), static_cast<int>(login_end), place.data(),
-                           url + rtsp_scheme.size()));
-    return uri != nullptr;
-}
-
-/// @param place  what follows the authority. A fragment is the browser's own, and a space or a control would break the
-/// request
-bool address_t::set_http(std::string_view place, std::string_view login, const char* name,
-                         const char* secret) noexcept {
-    place = place.substr(0, place.find('#'));
-    if (std::ranges::any_of(place, [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7f; }))
-        return false;
-    target.reset(core_sprintf(CORE_HERE, "%s%.*s", place.starts_with('/') ? "" : "/", static_cast<int>(place.size()),
-                              place.data()));
-    const size_t colon = std::min(login.find(':'), login.size());
+/// Decoded, a user could break the line that it stands in.
+bool address_t::set_login(std::string_view login, const char* name, const char* secret) noexcept {
+    user.reset();
+    password.reset();
     if (name) {
         user.reset(core_strdup(name, CORE_HERE));
         password.reset(core_strdup(secret ? secret : "", CORE_HERE));
     } else if (!login.empty()) {
-        user.reset(uri_decode(login.data(), login.data() + colon, CORE_HERE));
+        const size_t colon = std::min(login.find(':'), login.size());
         const std::string_view rest = login.substr(std::min(colon + 1, login.size()));
-        password.reset(uri_decode(rest.data(), rest.data() + rest.size(), CORE_HERE));
+        user.reset(uri_decode_part(login.data(), login.data() + colon, CORE_HERE));
+        password.reset(uri_decode_part(rest.data(), rest.data() + rest.size(), CORE_HERE));
+    } else {
+        return true;
     }
-    return target && (!(name || !login.empty()) || (user && password));
+    const auto is_control = [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; };
+    return user && password && std::ranges::none_of(std::string_view(user.get()), is_control);
+}
+
+/// @param place  what follows the authority. A fragment is the browser's own
+bool address_t::set_target(std::string_view place) noexcept {
+    place = place.substr(0, place.find('#'));
+    target.reset(core_sprintf(CORE_HERE, "%s%.*s", place.starts_with('/') ? "" : "/", static_cast<int>(place.size()),
+                              place.data()));
+    if (target) uri.reset(core_sprintf(CORE_HERE, "%s%s:%u%s", http_scheme.data(), host, unsigned{port}, target.get()));
+    return target && uri;
+}
+
+bool address_t::set_uri(const char* url, const char* behind_login, bool named) noexcept {
+    if (!named) {
+        uri.reset(core_strdup(url, CORE_HERE));
+        return uri != nullptr;
+    }
+    const core::owned_text coded_name(uri_encode(user.get(), CORE_HERE));
+    const core::owned_text coded_secret(uri_encode(password.get(), CORE_HERE));
+    if (!coded_name || !coded_secret) return false;
+    uri.reset(
+        core_sprintf(CORE_HERE, "%s%s:%s@%s", rtsp_scheme.data(), coded_name.get(), coded_secret.get(), behind_login));
+    return uri != nullptr;
+}
+
+bool address_t::move(const address_t& from, const char* reference) noexcept {
+    const core::owned_text url(uri_resolve(from.uri.get(), reference, CORE_HERE));
+    address_t there;
+    if (!url || !there.set(url.get(), nullptr, nullptr) || there.is_http != from.is_http) return false;
+    const bool takes_login = from.user && !there.user && core_strcasecmp(there.host, from.host) == 0;
+    if (takes_login && !there.set(url.get(), from.user.get(), from.password.get())) return false;
+    *this = std::move(there);
+    return true;
+}
+
+core::owned_text address_t::file_name() const noexcept {
+    const std::string_view path = std::string_view(target.get()).substr(0, std::strcspn(target.get(), "?"));
+    const std::string_view name = path.substr(path.rfind('/') + 1);
+    return core::owned_text(uri_decode_part(name.data(), name.data() + name.size(), CORE_HERE));
 }
 
 // Not of the library's counted memory: a look-up that the system does not end may outlive the program's work.

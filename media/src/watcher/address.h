@@ -13,21 +13,26 @@ namespace media::fetch {
 struct address_t {
     char host[256] = "";
     uint16_t port = 0;
-    bool is_http = false;  ///< else it is RTSP
-    core::owned_text uri;  ///< with user and password, as protocols take it
-    // Of HTTP
-    core::owned_text target;  ///< path and query
+    bool is_http = false;     ///< else it is RTSP
+    core::owned_text uri;     ///< as protocols take it: of RTSP with user and password, of HTTP without
+    core::owned_text target;  ///< path and query, of HTTP
     core::owned_text user;    ///< decoded; null for none
     core::owned_text password;
 
+    /// @param url             what cannot be sent as it stands is coded
     /// @param user, password  instead of those in the URL; null for them
     /// @return false for what cannot be fetched, or when memory is out
     bool set(const char* url, const char* user, const char* password) noexcept;
     /// Where a source at `from` says that it is instead. User and password go along to the same host alone.
-    bool move(const address_t& from, const char* url) noexcept;
+    /// @param reference  absolute, or relative to `from`
+    bool move(const address_t& from, const char* reference) noexcept;
+    /// The last segment of the path, decoded; empty for none, null when memory is out. Of HTTP.
+    core::owned_text file_name() const noexcept;
 
 private:
-    bool set_http(std::string_view place, std::string_view login, const char* name, const char* secret) noexcept;
+    bool set_login(std::string_view login, const char* name, const char* secret) noexcept;
+    bool set_target(std::string_view place) noexcept;
+    bool set_uri(const char* url, const char* behind_login, bool named) noexcept;
 };
 
 /// The look-up runs on a thread of its own. When nobody is interested any more that thread is left behind, and ends

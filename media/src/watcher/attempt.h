@@ -31,6 +31,7 @@ struct ending_t {
 struct order_t {
     net::nt_ctx* nt;
     const address_t& address;
+    const address_t& asked;  ///< before the source said that it is elsewhere
     name_lookup& lookup;
     transport_t transport;
     uint64_t timeout;   ///< microseconds
@@ -38,6 +39,14 @@ struct order_t {
     uint32_t kinds;
     bool one_of_a_kind;
     bool sets_in_slices;
+    const char* save_as;  ///< as in watcher::settings_t
+};
+
+/// A body that is written to a file.
+struct saved_t {
+    uint64_t bytes = 0;
+    uint64_t size = 0;  ///< 0 when the source does not tell
+    bool complete = false;
 };
 
 /// Receives what an attempt brings.
@@ -72,6 +81,7 @@ public:
     virtual bool wants_tcp() const noexcept = 0;
     /// Where the source says that it is instead; null for none.
     virtual const char* moved_to() const noexcept = 0;
+    virtual saved_t saved() const noexcept { return {}; }
     /// Of the tracks that were set up. @return how many there are
     virtual size_t counts(std::span<track_counts_t> out) const noexcept = 0;
 };

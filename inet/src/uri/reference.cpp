@@ -1,11 +1,11 @@
-#include "rtsp/control.h"
+#include "uri/reference.h"
 
 #include "core/text.h"
 
 #include <algorithm>
 #include <cstring>
 
-namespace rtsp3 {
+namespace net::uri {
 
 namespace {
 
@@ -66,11 +66,6 @@ core::owned_text without_login(std::string_view uri, const char* file, int line)
     return join(uri.substr(0, host), "", uri.substr(has_login ? at + 1 : host), file, line);
 }
 
-core::owned_text append_control(std::string_view base, std::string_view control, const char* file, int line) noexcept {
-    const bool touches = base.ends_with('/') || control.starts_with('/') || control.starts_with('?');
-    return join(base, touches ? "" : "/", control, file, line);
-}
-
 core::owned_text resolve(std::string_view base, std::string_view reference, const char* file, int line) noexcept {
     if (is_absolute(reference)) return join(reference, "", "", file, line);
     if (reference.starts_with("//")) return join(base.substr(0, base.find(':') + 1), "", reference, file, line);
@@ -87,4 +82,4 @@ core::owned_text resolve(std::string_view base, std::string_view reference, cons
     return uri;
 }
 
-}  // namespace rtsp3
+}  // namespace net::uri
