@@ -3,16 +3,23 @@ import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { once } from 'node:events';
 import { createRequire } from 'node:module';
+import { mkdtempSync, rmSync } from 'node:fs';
 import { createServer } from 'node:net';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
 import { createInterface } from 'node:readline';
 
 const { INET_CAMERA, INET_NPM } = process.env;
 const { chromium } = createRequire(INET_NPM + '/')('playwright-core');
 export const patience = 90_000, often = { polling: 100 };
 
+// Where the segments of the cameras stand.
+const folder = mkdtempSync(join(tmpdir(), 'browser-'));
+process.on('exit', () => rmSync(folder, { recursive: true }));
+
 /** A camera. It ends with nothing held and nothing to complain of. */
 export async function start(port, ...options) {
-  const program = spawn(INET_CAMERA, ['--rtsp', '0', '--http', port, ...options]);
+  const program = spawn(INET_CAMERA, ['--rtsp', '0', '--http', port, ...options], { cwd: folder });
   process.on('exit', () => program.kill());
   const camera = { web: `http://127.0.0.1:${port}/`, again: () => start(port, ...options), said: '' };
   program.stderr.on('data', (text) => { camera.said += text; });
