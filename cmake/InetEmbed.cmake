@@ -1,11 +1,45 @@
 # Files as a part of a program: inet_embed(TARGET FOLDER FILE...) adds a source to TARGET that defines
-# camera::page_files, declared in page.h, with each file's name, bytes and a tag that changes with them.
+# camera::page_files, declared in page.h, with each file's name, bytes and a tag that changes with them. FOLDER stands
+# before the names that are relative.
 function(inet_embed target folder)
     set(out ${CMAKE_CURRENT_BINARY_DIR}/${target}_files.cpp)
-    list(TRANSFORM ARGN PREPEND ${folder}/ OUTPUT_VARIABLE files)
+    set(files "")
+    foreach(file IN LISTS ARGN)
+        cmake_path(ABSOLUTE_PATH file BASE_DIRECTORY ${folder})
+        list(APPEND files ${file})
+    endforeach()
     add_custom_command(OUTPUT ${out} DEPENDS ${files} ${PROJECT_SOURCE_DIR}/cmake/embed.cmake
-        COMMAND ${CMAKE_COMMAND} -D OUT=${out} -D FOLDER=${folder} "-D FILES=${ARGN}"
-            -P ${PROJECT_SOURCE_DIR}/cmake/embed.cmake VERBATIM)
+        COMMAND ${CMAKE_COMMAND} -D OUT=${out} "-D FILES=${files}" -P ${PROJECT_SOURCE_DIR}/cmake/embed.cmake VERBATIM)
     target_sources(${target} PRIVATE ${out})
     target_include_directories(${target} PRIVATE ${folder}/..)
+endfunction()
+
+# inet_find_player(VARIABLE): the files of dash.js, and the licenses of what is in it under the name that its first line
+# tells, which are installed, too. None where scripts/lib.sh (need_npm) has not put them into INET_NPM.
+function(inet_find_player variable)
+    set(${variable} "" PARENT_SCOPE)
+    set(INET_NPM ${PROJECT_SOURCE_DIR}/build/npm CACHE PATH "Folder of node_modules with dash.js, for the page")
+    set(modules ${INET_NPM}/node_modules)
+    set(script ${modules}/dashjs/dist/modern/umd/dash.mediaplayer.min.js)
+    if(NOT EXISTS ${script})
+        message(STATUS "No dash.js in ${INET_NPM}: the camera's page plays MJPEG alone")
+        return()
+    endif()
+    file(GLOB others ${modules}/*/LICENSE* ${modules}/*/license* ${modules}/@svta/*/LICENSE*)
+    list(FILTER others EXCLUDE REGEX "/(playwright-core|dashjs)/")
+    set(text "")
+    foreach(file IN ITEMS ${modules}/dashjs/LICENSE.md ${script}.LICENSE.txt LISTS others)
+        file(READ ${file} license)
+        file(RELATIVE_PATH name ${modules} ${file})
+        string(FIND "${text}" "${license}" known)
+        if(NOT known EQUAL -1)
+            set(license "the same as one above")
+        endif()
+        string(APPEND text "${name}\n\n${license}\n\n")
+    endforeach()
+    cmake_path(GET script FILENAME name)
+    set(licenses ${CMAKE_CURRENT_BINARY_DIR}/${name}.LICENSE.txt)
+    file(CONFIGURE OUTPUT ${licenses} CONTENT "@text@" @ONLY)
+    install(FILES ${licenses} DESTINATION ${CMAKE_INSTALL_DOCDIR})
+    set(${variable} ${script} ${licenses} PARENT_SCOPE)
 endfunction()

@@ -35,8 +35,14 @@ need_npm() {
     say "installing what scripts/npm names"
     mkdir -p "$to"
     cp "$from"/package*.json "$to"
-    npm ci --prefix "$to" --ignore-scripts --no-audit --no-fund --loglevel=error
+    npm ci --prefix "$to" --ignore-scripts --no-audit --no-fund --loglevel=error --fetch-retries=1 \
+        --fetch-retry-mintimeout=1000 --fetch-retry-maxtimeout=5000 >/dev/null
     cp "$from/package-lock.json" "$to/installed.json"
+}
+
+# want_player: dash.js for the camera's page, which is built without where npm or its registry is out of reach.
+want_player() {
+    bash -c 'source "$1/scripts/lib.sh"; need_npm' - "$root" || say "no dash.js: the camera's page will play MJPEG alone"
 }
 
 # build PRESET [CMAKE-ARGUMENT...] [-- TARGET...]: configures and builds, quiet unless something fails.
@@ -50,6 +56,7 @@ build() {
     (($#)) && shift
     local targets=()
     (($#)) && targets=(--target "$@")
+    want_player
     say "building $preset (log: build/$preset.log)"
     mkdir -p "$root/build"
     if ! (cd "$root" && cmake --preset "$preset" "${arguments[@]}" && cmake --build --preset "$preset" "${targets[@]}") \

@@ -116,6 +116,7 @@ int serve(const camera::options& settings) {
     camera::keeper kept;
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);
+    if (paths.size() > fetched.names().size() + 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
     if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, kept.names(), why)))
         return fail(why.text);
     // Whatever fails from here on: the threads that use what stands here end first.

@@ -64,6 +64,15 @@ void append_format(std::string& out, const media::stream& of, media::kind_t kind
            json_of(fcc_str(format.fcc, fcc)).c_str(), format.width, format.height, format.rate);
 }
 
+/// Where dash.js is served, as JSON.
+std::string player_address() {
+    for (const page_file& each : page_files) {
+        const std::string_view name = each.name;
+        if (name.starts_with("dash.") && name.ends_with(".js")) return "\"/" + std::string(name) + '"';
+    }
+    return "null";
+}
+
 void append_address(void* arg, const char* address) {
     auto& out = *static_cast<std::string*>(arg);
     if (!out.ends_with('[')) out += ',';
@@ -161,7 +170,9 @@ void web::on_status(void* arg, media::http_exchange& asked) {
                                              "/" + each.name() + "/manifest.mpd";
                 append_address(&text, manifest.c_str());
             }
-            append(text, "],\"frames\":%llu}", static_cast<unsigned long long>(each.status().pushed));
+            append(text, "],\"frames\":%llu", static_cast<unsigned long long>(each.status().pushed));
+            if (of.film_ == each.name()) text += ",\"pictures\":" + json_of(of.pictures_.c_str());
+            text += '}';
         },
         &listing);
     std::string text = "{\"version\":\"" INET_VERSION "\",";
@@ -174,7 +185,8 @@ void web::on_status(void* arg, media::http_exchange& asked) {
                text.ends_with('[') ? "" : ",", name, totals.watching, static_cast<unsigned long long>(totals.bytes),
                static_cast<unsigned long long>(totals.frames), static_cast<unsigned long long>(totals.dropped),
                static_cast<unsigned long long>(bit_rate), frame_rate);
-    answer(asked, "application/json", text + "],\"streams\":[" + listing.text + "]}\n");
+    answer(asked, "application/json",
+           text + "],\"player\":" + player_address() + ",\"streams\":[" + listing.text + "]}\n");
 }
 
 void web::on_metrics(void* arg, media::http_exchange& asked) {

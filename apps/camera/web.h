@@ -12,6 +12,7 @@
 #include <array>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace camera {
@@ -28,6 +29,11 @@ public:
     /// @return false with the reason in `error`
     bool open(const options& settings, const media::service& rtsp, const std::vector<std::string>& recorded,
               media::failure_t& error);
+    /// Tells that the stream `pictures` shows in JPEG what `film` shows. Before open().
+    void show_in_place(std::string film, std::string pictures) {
+        film_ = std::move(film);
+        pictures_ = std::move(pictures);
+    }
     /// After the station's start, and before its end. Nothing when it is not open.
     bool start(media::failure_t& error) { return port() == 0 || dash_.start(http_->port(), &error); }
     void stop() { dash_.stop(); }
@@ -52,6 +58,8 @@ private:
     media::station& station_;
     media::dash dash_;
     const uint64_t started_ = time_now();  ///< tells the runs of the program apart
+    std::string film_;
+    std::string pictures_;
     const media::service* rtsp_ = nullptr;
     media::http_service_t* http_ = nullptr;
     mutable std::mutex telling_;

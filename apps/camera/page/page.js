@@ -1,7 +1,7 @@
-// The page of the camera: pictures, addresses, and what the services send. It asks for /status.json once a second.
+// The page of the camera: films, pictures, addresses, and what the services send. It asks for /status.json once a second.
 "use strict";
 
-const mostLive = 4;          // browsers open six connections to a host; two are left for the rest
+const mostLive = 4;          // films and pictures: browsers open six connections to a host; two are left for the rest
 const snapshotEvery = 1500;  // milliseconds
 const renewEvery = 60000;    // a live picture whose connection has ended does not say so
 const patience = 10000;      // with a camera that does not answer
@@ -61,30 +61,65 @@ function makeCard(name) {
   const root = element("stream").content.firstElementChild.cloneNode(true);
   root.querySelector("h3").textContent = name;
   element("streams").append(root);
-  return { root, image: root.querySelector("img"), note: root.querySelector(".picture p"), shown: "", mode: "" };
+  const [image, note, why] = ["img", ".note", ".why"].map((each) => root.querySelector(each));
+  return { root, image, note, why, shown: "", mode: "", wished: 0 };
 }
 
-// A live picture keeps a connection; a snapshot asks again when the one before has come.
+const pathOf = (name) => "/" + encodeURIComponent(name).replaceAll("%2F", "/");
+const isFilm = (stream) => stream.addresses.some((each) => each.endsWith("/manifest.mpd"));
+
+const notes = {
+  none: "Nothing that a browser shows. A player shows it by the addresses below.",
+  waiting: "Waiting for the source.",
+  hidden: "Waiting for a picture.",
+  full: `${mostLive} streams are live at a time. `,
+};
+
+// What a card shows: a film; live pictures, which keep a connection; a snapshot, which asks again when the one before has
+// come; or a note.
 function showPicture(card, stream, mode) {
-  const { image, note } = card;
-  image.alt = "Picture of " + stream.name;
   if (card.mode === mode) {
     if (mode === "live" && Date.now() > card.renew) card.ask();
     return;
   }
   card.mode = mode;
+  clearPicture(card);
+  if (mode === "film") showFilm(card, stream);
+  else if (mode === "live" || mode === "snapshot") showImage(card, stream, mode);
+  else card.note.textContent = notes[mode];
+  if (mode === "full") card.note.append(wishButton(card, stream.name));
+}
+
+function clearPicture(card) {
+  const { image, note } = card;
   clearTimeout(card.timer);
+  card.film?.stop();
+  card.film = null;
   image.onload = image.onerror = null;
-  if (mode === "none" || mode === "waiting") {
-    image.removeAttribute("src");
-    image.hidden = true;
-    note.hidden = false;
-    note.textContent = mode === "waiting" ? "Waiting for the source."
-      : "No JPEG pictures in this stream. A player shows it by the addresses below.";
-    return;
-  }
+  image.removeAttribute("src");
+  image.hidden = true;
+  note.hidden = false;
+}
+
+function showFilm(card, stream) {
+  const { note } = card;
+  note.textContent = "Waiting for the film.";
+  const shows = (yes) => {
+    note.hidden = yes;
+    note.textContent = notes.waiting;
+  };
+  const address = pathOf(stream.name) + "/manifest.mpd";
+  card.film = new Film(note.parentElement, stream.name, address, last.player, shows, (why) => {
+    card.reason = why;
+    showStreams(last.streams);
+  });
+}
+
+function showImage(card, stream, mode) {
+  const { image, note } = card;
   note.textContent = "Waiting for a picture.";
-  const base = "/" + encodeURIComponent(stream.name).replaceAll("%2F", "/");
+  image.alt = "Picture of " + stream.name;
+  const base = pathOf(isFilm(stream) ? stream.pictures : stream.name);
   const shows = (yes) => { image.hidden = !yes; note.hidden = yes; };
   const again = () => { card.timer = setTimeout(ask, snapshotEvery); };
   const ask = () => {
@@ -97,9 +132,32 @@ function showPicture(card, stream, mode) {
   ask();
 }
 
+// Films beyond those that are live: the one that is wished goes before them.
+function wishButton(card, name) {
+  const button = document.createElement("button");
+  button.type = "button";
+  button.textContent = "Play";
+  button.setAttribute("aria-label", "Play " + name);
+  button.addEventListener("click", () => {
+    card.wished = Date.now();
+    showStreams(last.streams);
+  });
+  return button;
+}
+
+// Why there is no film, beside what is shown in its place.
+function showReason({ why, reason }, stream) {
+  why.hidden = !reason;
+  const text = `No video by DASH: ${reason}. ` + (stream.pictures ? `These are the JPEG pictures of ${stream.pictures}.` : "");
+  if (reason && why.textContent !== text) why.textContent = text;
+}
+
 // After the camera was away: what it sent has ended.
 function renewPictures() {
-  for (const card of cards.values()) card.mode = "";
+  for (const card of cards.values()) {
+    card.mode = "";
+    card.reason = "";
+  }
 }
 
 function formatText(formats) {
@@ -112,10 +170,10 @@ function formatText(formats) {
 }
 
 function showStreams(streams) {
-  let live = document.hidden ? mostLive : 0;  // a page that is not looked at leaves the connections to the others
   const names = new Set(streams.map((stream) => stream.name));
   for (const [name, card] of cards) {
     if (names.has(name)) continue;
+    clearPicture(card);
     card.root.remove();
     cards.delete(name);
   }
@@ -128,11 +186,24 @@ function showStreams(streams) {
       card.root.querySelector(".formats").textContent = formatText(stream.formats);
       card.root.querySelector(".addresses").replaceChildren(...stream.addresses.map(addressItem));
     }
-    const { video } = stream.formats;
-    const jpeg = video && video.format === "JPEG";
-    const other = stream.formats.audio || video ? "none" : "waiting";
-    showPicture(card, stream, !jpeg ? other : live++ < mostLive ? "live" : "snapshot");
   }
+  const able = streams.filter((stream) => idleMode(stream) === "snapshot" || idleMode(stream) === "full");
+  able.sort((a, b) => cards.get(b.name).wished - cards.get(a.name).wished);
+  const live = able.slice(0, document.hidden ? 0 : mostLive);  // a hidden page leaves the connections to the others
+  for (const stream of streams) {
+    const card = cards.get(stream.name);
+    const idle = idleMode(stream);
+    const film = isFilm(stream) && !card.reason;
+    showReason(card, stream);
+    showPicture(card, stream, !live.includes(stream) ? idle : film ? "film" : "live");
+  }
+}
+
+// What is shown of a stream that is not live.
+function idleMode(stream) {
+  if (isFilm(stream) && !cards.get(stream.name).reason) return document.hidden ? "hidden" : "full";
+  if (isFilm(stream) ? stream.pictures : stream.formats.video?.format === "JPEG") return "snapshot";
+  return stream.formats.audio || stream.formats.video ? "none" : "waiting";
 }
 
 function note(status) {
