@@ -14,7 +14,9 @@ test('the film runs for 20 s without a stall, at most two segments behind', asyn
     const video = document.querySelector('video'), late = Date.now() + patience, worst = [];
     let stalls = 0;
     // A decoder that the machine keeps waiting has something to decode.
-    video.addEventListener('waiting', () => { stalls += !video.buffered.length || video.buffered.end(0) < video.currentTime + 0.2; });
+    video.addEventListener('waiting', () => {
+      stalls += !video.buffered.length || video.buffered.end(0) < video.currentTime + 0.2;
+    });
     // A stretch of 20 s; another one where the machine was too busy for this.
     for (let from = 0, time = 0, moved = 0, fault = true; Date.now() < late;) {
       if (fault) [from, moved, stalls] = [video.currentTime, Date.now(), 0];

@@ -81,7 +81,7 @@ test('the page is behind the password', async () => {
   for (const [password, status] of [[undefined, 401], ['wrong', 401], ['right', 200]]) {
     const gate = await open(theirs.web, { httpCredentials: password && { username: 'admin', password } });
     assert.equal(gate.status, status);
-    if (status === 200) await change(gate, ['img[alt="Picture of jpeg"]']);
+    if (status === 200) await change(gate, ['img[alt="Picture of jpeg"]', 'video']);
   }
 });
 

@@ -43,7 +43,7 @@ function loadPlayer(address) {
 // What an outage has left behind it is not counted: `whole` seconds are listed without a gap.
 function readManifest(text) {
   const root = new DOMParser().parseFromString(text, "application/xml").documentElement;
-  const listed = [...root.querySelectorAll("S")].map((each) => [each.getAttribute("t"), each.getAttribute("d")].map(Number));
+  const listed = [...root.querySelectorAll("S")].map((each) => ["t", "d"].map((name) => Number(each.getAttribute(name))));
   const gap = listed.findLastIndex(([t, d], i) => i + 1 < listed.length && listed[i + 1][0] !== t + d);
   const lengths = listed.slice(gap + 1).map(([, d]) => d / 1000);
   return {
@@ -88,10 +88,11 @@ class Film {
       await loadPlayer(this.playerAddress);
       if (this.attempts === mostAttempts) throw new Error(this.error || "the player shows nothing");
       let found = null;
+      const fits = () => found.whole >= found.longest + behind && (found.id !== this.id || found.newest !== this.newest);
       do {
         found = await this.ask();
         if (this.life.signal.aborted) return;
-      } while (!found || (found.id === this.id && found.newest === this.newest) || found.whole < found.longest + behind);
+      } while (!found || !fits());
       if (!media.isTypeSupported(`video/mp4; codecs="${found.codecs}"`))
         throw new Error("this browser does not play " + found.codecs);
       this.play(found);

@@ -1,4 +1,4 @@
-// The page of the camera: films, pictures, addresses, and what the services send. It asks for /status.json once a second.
+// The page of the camera: films, pictures, addresses, what the services send. It asks for /status.json once a second.
 "use strict";
 
 const mostLive = 4;          // films and pictures: browsers open six connections to a host; two are left for the rest
@@ -75,8 +75,8 @@ const notes = {
   full: `${mostLive} streams are live at a time. `,
 };
 
-// What a card shows: a film; live pictures, which keep a connection; a snapshot, which asks again when the one before has
-// come; or a note.
+// What a card shows: a film; live pictures, which keep a connection; a snapshot, which asks again when the one before
+// has come; or a note.
 function showPicture(card, stream, mode) {
   if (card.mode === mode) {
     if (mode === "live" && Date.now() > card.renew) card.ask();
@@ -148,7 +148,8 @@ function wishButton(card, name) {
 // Why there is no film, beside what is shown in its place.
 function showReason({ why, reason }, stream) {
   why.hidden = !reason;
-  const text = `No video by DASH: ${reason}. ` + (stream.pictures ? `These are the JPEG pictures of ${stream.pictures}.` : "");
+  const instead = stream.pictures ? ` These are the JPEG pictures of ${stream.pictures}.` : "";
+  const text = `No video by DASH: ${reason}.${instead}`;
   if (reason && why.textContent !== text) why.textContent = text;
 }
 
