@@ -61,7 +61,7 @@ void print_addresses(const std::vector<std::string>& paths, const camera::option
 void show_status(const media::station& station, const camera::sources& sources) {
     apps::status_line line;
     uint64_t shown = core_timer();
-    uint64_t bytes = 0;
+    apps::rate_of bytes;
     while (!apps::interrupted()) {
         core_sleep(250);
         const uint64_t now = core_timer();
@@ -69,9 +69,8 @@ void show_status(const media::station& station, const camera::sources& sources) 
         const media::station::totals_t totals = station.totals();
         if (sources.are_over() && totals.watching == 0) return;
         line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu   sources %zu/%zu", totals.watching,
-                  static_cast<double>(totals.bytes - bytes) * 8 / static_cast<double>(now - shown),
-                  static_cast<unsigned long long>(totals.dropped), sources.fetched(), sources.names().size());
-        bytes = totals.bytes;
+                  bytes.now(totals.bytes) * 8e-6, static_cast<unsigned long long>(totals.dropped), sources.fetched(),
+                  sources.names().size());
         shown = now;
     }
 }

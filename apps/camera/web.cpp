@@ -99,7 +99,12 @@ web::services_t web::services() const {
     raise(told_.bytes, all.bytes, pages.bytes);
     raise(told_.frames, all.frames, pages.frames);
     raise(told_.dropped, all.dropped, pages.dropped);
-    return {{{"rtsp", told_}, {"http", pages}}};
+    services_t found{{{"rtsp", told_, 0, 0}, {"http", pages, 0, 0}}};
+    for (size_t i = 0; i < found.size(); ++i) {
+        found[i].bit_rate = uint64_t{bytes_[i].now(found[i].totals.bytes)} * 8;
+        found[i].frame_rate = frames_[i].now(found[i].totals.frames);
+    }
+    return found;
 }
 
 bool web::open(const options& settings, const media::service& rtsp, const std::vector<std::string>& recorded,
@@ -173,10 +178,13 @@ void web::on_status(void* arg, media::http_exchange& asked) {
     std::string text = "{\"version\":\"" INET_VERSION "\",";
     append(text, "\"started\":%llu,\"time\":%llu,\"services\":[", static_cast<unsigned long long>(self.started_),
            static_cast<unsigned long long>(time_now()));
-    for (const auto& [name, totals] : self.services())
-        append(text, "%s{\"name\":\"%s\",\"viewers\":%u,\"bytes\":%llu,\"frames\":%llu,\"dropped\":%llu}",
+    for (const auto& [name, totals, bit_rate, frame_rate] : self.services())
+        append(text,
+               "%s{\"name\":\"%s\",\"viewers\":%u,\"bytes\":%llu,\"frames\":%llu,\"dropped\":%llu,\"bit_rate\":%llu,"
+               "\"frame_rate\":%u}",
                text.ends_with('[') ? "" : ",", name, totals.watching, static_cast<unsigned long long>(totals.bytes),
-               static_cast<unsigned long long>(totals.frames), static_cast<unsigned long long>(totals.dropped));
+               static_cast<unsigned long long>(totals.frames), static_cast<unsigned long long>(totals.dropped),
+               static_cast<unsigned long long>(bit_rate), frame_rate);
     answer(asked, "application/json",
            text + "],\"player\":" + player_address() + ",\"streams\":[" + listing.text + "]}\n");
 }
@@ -201,7 +209,7 @@ void web::on_metrics(void* arg, media::http_exchange& asked) {
     const services_t services = self.services();
     for (const auto& meter : meters) {
         append(text, "# HELP %s %s\n# TYPE %s %s\n", meter.name, meter.help, meter.name, meter.type);
-        for (const auto& [name, totals] : services)
+        for (const auto& [name, totals, bit_rate, frame_rate] : services)
             append(text, "%s{service=\"%s\"} %llu\n", meter.name, name,
                    static_cast<unsigned long long>(meter.of(totals)));
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "options.h"
+#include "program.h"
 
 #include "core/time.h"
 #include "media/dash.h"
@@ -48,6 +49,8 @@ private:
     struct service_state {
         const char* name;
         media::station::totals_t totals;
+        uint64_t bit_rate;  ///< sent
+        unsigned frame_rate;
     };
     using services_t = std::array<service_state, 2>;
     services_t services() const;
@@ -61,6 +64,8 @@ private:
     media::http_service_t* http_ = nullptr;
     mutable std::mutex telling_;
     mutable media::station::totals_t told_{};  ///< of RTSP, the highest so far
+    mutable apps::rate_of bytes_[2];           ///< of the services, as they come in services()
+    mutable apps::rate_of frames_[2];
 };
 
 }  // namespace camera

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/api.h"
+#include "inet/net_rate.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -53,6 +54,21 @@ public:
 private:
     bool terminal_;
     bool shown_ = false;
+};
+
+/// The rate of a counter that grows.
+class rate_of {
+public:
+    /// @return units a second, the mean of the last few; 0 in the first second
+    unsigned now(uint64_t total) {
+        bps_add(meter_, static_cast<unsigned>(total - total_));
+        total_ = total;
+        return bps_get(meter_);
+    }
+
+private:
+    net::bps_t meter_;
+    uint64_t total_ = 0;
 };
 
 /// Paths are UTF-8 texts. A path that is made here finds the file on every system.

@@ -134,12 +134,10 @@ struct receiver {
 };
 
 /// What has come of a file, in words.
-std::string progress_of(const media::watcher::status_t& status, uint64_t before, uint64_t microseconds) {
+std::string progress_of(const media::watcher::status_t& status, unsigned rate) {
     char text[96];
-    const size_t size = static_cast<size_t>(std::snprintf(
-        text, sizeof text, "%.2f MB/s   %.1f MB",
-        static_cast<double>(status.saved - std::min(before, status.saved)) / static_cast<double>(microseconds),
-        static_cast<double>(status.saved) * 1e-6));
+    const size_t size = static_cast<size_t>(
+        std::snprintf(text, sizeof text, "%.2f MB/s   %.1f MB", rate * 1e-6, static_cast<double>(status.saved) * 1e-6));
     if (status.to_save)
         std::snprintf(text + size, sizeof text - size, " of %.1f", static_cast<double>(status.to_save) * 1e-6);
     return text;
@@ -149,7 +147,7 @@ std::string progress_of(const media::watcher::status_t& status, uint64_t before,
 void follow(media::watcher& watcher, bool shows) {
     apps::status_line line(shows);
     uint64_t shown = core_timer();
-    uint64_t bytes = 0;
+    apps::rate_of bytes;
     while (!watcher.wait(50)) {
         if (apps::interrupted()) watcher.end();
         const uint64_t now = core_timer();
@@ -163,13 +161,13 @@ void follow(media::watcher& watcher, bool shows) {
             all.length = std::max(all.length, each.length);
         }
         const bool is_file = status.saved > 0;
-        if (is_file) line.show("%s", progress_of(status, bytes, now - shown).c_str());
-        if (is_file) all.bytes = status.saved;
-        if (!is_file)
+        const unsigned rate = bytes.now(is_file ? status.saved : all.bytes);
+        if (is_file)
+            line.show("%s", progress_of(status, rate).c_str());
+        else
             line.show("%.1f s   %.2f Mbit/s   frames %llu   packets lost %llu", static_cast<double>(all.length) * 1e-6,
-                      static_cast<double>(all.bytes - bytes) * 8 / static_cast<double>(now - shown),
-                      static_cast<unsigned long long>(all.frames), static_cast<unsigned long long>(all.lost));
-        bytes = all.bytes;
+                      rate * 8e-6, static_cast<unsigned long long>(all.frames),
+                      static_cast<unsigned long long>(all.lost));
         shown = now;
     }
 }

@@ -135,6 +135,7 @@ const tab_row_t** tab_select(uint32_t table, const char* file, int line) noexcep
     const std::lock_guard guard(tables().lock);
     const size_t count = rows->size();
     if (count == 0) return nullptr;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the items are pointers
     auto* out = static_cast<const tab_row_t**>(core_malloc((count + 1) * sizeof(tab_row_t*), file, line));
     if (!out) return nullptr;
     for (size_t i = 0; i < count; ++i) {

@@ -403,7 +403,8 @@ bool dash::inside::comes_next(net::dash_ctx* ctx, std::string_view name) noexcep
     while (last[1].t != 0 || last[1].d != 0)
         ++last;
     char next[32];
-    const int size = std::snprintf(next, sizeof next, "%llu.m4s", static_cast<unsigned long long>(last->t + last->d));
+    const unsigned long long end = last->t + last->d;
+    const int size = std::snprintf(next, sizeof next, "%llu.m4s", end);
     return name == std::string_view(next, static_cast<size_t>(size));
 }
 

@@ -9,8 +9,8 @@ const mostPoints = 120;      // seconds that a plot shows
 
 const plots = {
   viewers: { of: (now) => now.viewers, text: (v) => String(v) },
-  rate: { of: (now, was, s) => ((now.bytes - was.bytes) * 8) / s / 1e6, text: (v) => v.toFixed(1) + " Mbit/s" },
-  frames: { of: (now, was, s) => (now.frames - was.frames) / s, text: (v) => v.toFixed(0) + " /s" },
+  rate: { of: (now) => now.bit_rate / 1e6, text: (v) => v.toFixed(1) + " Mbit/s" },
+  frames: { of: (now) => now.frame_rate, text: (v) => v.toFixed(0) + " /s" },
 };
 
 const points = [];  // { time, services: { name: { viewers, rate, frames } } }
@@ -213,13 +213,9 @@ function note(status) {
   last = now;
   if (was && now.started !== was.started) renewPictures();
   if (!was || now.time <= was.time) return;
-  const seconds = (now.time - was.time) / 1e6;
   const services = {};
-  for (const service of now.services) {
-    const before = was.services.find((each) => each.name === service.name) || service;
-    services[service.name] = Object.fromEntries(
-      Object.entries(plots).map(([name, plot]) => [name, Math.max(0, plot.of(service, before, seconds))]));
-  }
+  for (const service of now.services)
+    services[service.name] = Object.fromEntries(Object.entries(plots).map(([name, plot]) => [name, plot.of(service)]));
   points.push({ time: now.time, services });
   if (points.length > mostPoints) points.shift();
 }
