@@ -50,10 +50,10 @@ void print_addresses(const std::vector<std::string>& paths, const camera::option
     for (const std::string& host : hosts) {
         if (http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{http});
         for (const std::string& each : paths)
-            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, each.c_str());
+            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, apps::coded_path(each.c_str()).c_str());
     }
     std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", hosts.front().c_str(),
-                unsigned{port}, paths.front().c_str());
+                unsigned{port}, apps::coded_path(paths.front().c_str()).c_str());
     std::fflush(stdout);
 }
 

@@ -31,6 +31,8 @@ bool take_source(options& o, std::string_view text) {
     const auto same = [&](const source& each) {
         return each.name == wanted.name || (each.url == "-" && wanted.url == "-");
     };
+    // What no path can have.
+    if (wanted.name.find_first_of("\\\t\r\n") != std::string::npos) return false;
     if (wanted.name.empty() || std::ranges::any_of(o.sources, same)) return false;
     if (wanted.url != "-" && !media::watcher::takes(wanted.url.c_str())) return false;
     o.sources.push_back(std::move(wanted));

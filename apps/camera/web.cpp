@@ -167,7 +167,7 @@ void web::on_status(void* arg, media::http_exchange& asked) {
             of.http_->addresses(each, host, append_address, &text);
             if (of.dash_.offers(each)) {
                 const std::string manifest = "http://" + std::string(host) + ":" + std::to_string(of.http_->port()) +
-                                             "/" + each.name() + "/manifest.mpd";
+                                             "/" + apps::coded_path(each.name()) + "/manifest.mpd";
                 append_address(&text, manifest.c_str());
             }
             append(text, "],\"frames\":%llu", static_cast<unsigned long long>(each.status().pushed));

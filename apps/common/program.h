@@ -2,7 +2,9 @@
 #pragma once
 
 #include "core/api.h"
+#include "core/owned.h"
 #include "inet/net_rate.h"
+#include "inet/net_uri.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -61,7 +63,9 @@ class rate_of {
 public:
     /// @return units a second, the mean of the last few; 0 in the first second
     unsigned now(uint64_t total) {
-        bps_add(meter_, static_cast<unsigned>(total - total_));
+        // What was counted before the first call is of no known time.
+        bps_add(meter_, has_begun_ ? static_cast<unsigned>(total - total_) : 0);
+        has_begun_ = true;
         total_ = total;
         return bps_get(meter_);
     }
@@ -69,7 +73,14 @@ public:
 private:
     net::bps_t meter_;
     uint64_t total_ = 0;
+    bool has_begun_ = false;
 };
+
+/// The name of a stream as it stands in an address.
+inline std::string coded_path(const char* name) {
+    const core::owned_text coded(uri_encode_path(name, CORE_HERE));
+    return coded ? coded.get() : name;
+}
 
 /// Paths are UTF-8 texts. A path that is made here finds the file on every system.
 inline std::filesystem::path utf8_path(std::string_view text) { return std::u8string(text.begin(), text.end()); }

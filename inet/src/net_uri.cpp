@@ -310,6 +310,16 @@ char* uri_encode_rest(const char* text, const char* file, int line) noexcept {
         line);
 }
 
+char* uri_encode_path(const char* text, const char* file, int line) noexcept {
+    return encode(
+        text,
+        [](char c) {
+            constexpr std::string_view plain = "/-._~!$&'()*+,;=:@";
+            return !stands_for_itself(c) && plain.find(c) == std::string_view::npos;
+        },
+        file, line);
+}
+
 char* uri_resolve(const char* base, const char* reference, const char* file, int line) noexcept {
     if (!base || !reference || !std::strstr(base, "://")) return nullptr;
     return net::uri::resolve(base, reference, file, line).release();

@@ -3,6 +3,7 @@
 
 #include "avc/fcc.h"
 #include "core/text.h"
+#include "inet/net_uri.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -118,10 +119,11 @@ void service_t::addresses(const stream& of, const char* host, void (*each)(void*
                           void* arg) const noexcept {
     format_t format;
     if (port() == 0 || !of.format(kind_t::video, &format, nullptr) || format.fcc != av::fcc_jpeg) return;
+    const core::owned_text path(uri_encode_path(of.name(), CORE_HERE));
     for (const char* kind : {"mjpeg", "jpg"}) {
         char text[512];
-        const int size =
-            std::snprintf(text, sizeof text, "http://%s:%u/%s.%s", host, unsigned{port()}, of.name(), kind);
+        const int size = std::snprintf(text, sizeof text, "http://%s:%u/%s.%s", host, unsigned{port()},
+                                       path ? path.get() : of.name(), kind);
         if (size > 0 && static_cast<size_t>(size) < sizeof text) each(arg, text);
     }
 }

@@ -4,6 +4,7 @@
 
 #include "core/text.h"
 #include "inet/net_socket.h"
+#include "inet/net_uri.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -134,8 +135,9 @@ client* service_t::take(thread& on, net::Tcp*& from) noexcept {
 
 void service_t::addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
                           void* arg) const noexcept {
+    const core::owned_text path(uri_encode_path(of.name(), CORE_HERE));
     char text[512];
-    std::snprintf(text, sizeof text, "rtsp://%s:%u/%s", host, unsigned{port_}, of.name());
+    std::snprintf(text, sizeof text, "rtsp://%s:%u/%s", host, unsigned{port_}, path ? path.get() : of.name());
     each(arg, text);
 }
 

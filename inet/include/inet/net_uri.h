@@ -75,6 +75,10 @@ INET_API char* uri_encode(const char* text, const char* file, int line) noexcept
 /// @return as uri_encode()
 INET_API char* uri_encode_rest(const char* text, const char* file, int line) noexcept;
 
+/// Encodes a path: all bytes but A-Z, a-z, 0-9, '/' and - . _ ~ ! $ & ' ( ) * + , ; = : @ (RFC 3986, 3.3).
+/// @return as uri_encode()
+INET_API char* uri_encode_path(const char* text, const char* file, int line) noexcept;
+
 /// Resolves a reference, such as a Location, against an absolute URI (RFC 3986, 5.2).
 /// @return a new text for core_mfree(); null for null, and for a base without "://".
 INET_API char* uri_resolve(const char* base, const char* reference, const char* file, int line) noexcept;

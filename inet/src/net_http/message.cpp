@@ -3,6 +3,7 @@
 #include "scan.h"
 
 #include "core/text.h"
+#include "core/value.h"
 
 #include <algorithm>
 #include <array>
@@ -297,7 +298,9 @@ bool message_reader::is_sound(std::string_view text) const noexcept {
     const bool request = header_->status == 0;
     const lengths_t found = lengths_of(*header_);
     if (request != (role_ == role_t::server) || text.find('\0') != std::string_view::npos) return false;
-    if (found.differ || found.other_coding) return false;
+    // That of a multipart response is not looked at.
+    const bool is_looked_at = request || found.chunked || !begins(field_of(*header_, "Content-Type"), "multipart/");
+    if ((found.differ && is_looked_at) || found.other_coding) return false;
     if (found.chunked && is_old_) return false;
     return !request || (is_plain(text, *header_) && !(found.chunked && found.length));
 }
@@ -372,6 +375,12 @@ bool message_reader::choose_mode() noexcept {
 
 bool message_reader::choose_boundary(std::string_view type) noexcept {
     boundary_.reset(http_get_boundary(type.data()));
+    if (!boundary_) {  // names of parameters have no case (RFC 2045, 5.1)
+        value_t** const parameters = core_value_split(type.data(), ";", "=", file_, line_);
+        if (const char* named = value_geti(parameters, "boundary"))
+            boundary_.reset(core_sprintf(file_, line_, "--%s", named));
+        core_value_free(parameters);
+    }
     if (!boundary_) return false;
     // In quotes (RFC 2046, 5.1.1), with or without the two '-' that it is written with.
     char* const begin = boundary_.get() + 2;

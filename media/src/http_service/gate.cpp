@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace media::web {
 
@@ -45,6 +46,11 @@ gate::result_t gate::judge(const net::http::header_s& request) const noexcept {
     if (!user_) return result_t::passes;
     const char* value = value_geti(request.fields, "Authorization");
     if (!value) return result_t::refused;
+    // The name of a scheme has no case (RFC 9110, 11.1).
+    constexpr std::string_view scheme = "Digest";
+    const core::owned_text usual(core_strdup(value, CORE_HERE));
+    if (usual && core_strncasecmp(value, scheme.data(), scheme.size()) == 0) scheme.copy(usual.get(), scheme.size());
+    value = usual.get();
     const std::unique_ptr<authenticate_ctx, answer_free> answer(net_http_authenticate_parse(value, CORE_HERE));
     if (!answer || !answer->nonce) return result_t::refused;
     uint64_t made = 0;

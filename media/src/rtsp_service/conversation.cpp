@@ -25,15 +25,17 @@ struct handover_t {
     rtsp3::Rtsp* rtsp;
 };
 
-/// The name of a stream that a URI asks for.
-core::string name_of(const char* text) {
+/// The stream that a URI asks for, whose name may be coded in it; held, or null.
+stream* find_stream(station& among, const char* text) {
     const std::unique_ptr<net::uri_s, decltype(&uri_free)> uri(uri_parse(text, CORE_HERE), &uri_free);
     std::string_view path = uri && uri->path ? uri->path : "";
     while (path.ends_with('/'))
         path.remove_suffix(1);
     core::string name;
     name.assign(path);
-    return name;
+    if (stream* const found = among.find(name.c_str())) return found;
+    const core::owned_text decoded(uri_decode_part(path.data(), path.data() + path.size(), CORE_HERE));
+    return decoded ? among.find(decoded.get()) : nullptr;
 }
 
 }  // namespace
@@ -96,7 +98,7 @@ void client_t::describe() noexcept {
     stop_playing();
     leave_stream();
     try {
-        stream_ = owner_.on().station().find(name_of(rtsp_->uri()).c_str());
+        stream_ = find_stream(owner_.on().station(), rtsp_->uri());
     } catch (const std::bad_alloc&) {
         rtsp_->send_error(503);
         return;

@@ -109,7 +109,8 @@ bool address_t::move(const address_t& from, const char* reference) noexcept {
 
 core::owned_text address_t::file_name() const noexcept {
     const std::string_view path = std::string_view(target.get()).substr(0, std::strcspn(target.get(), "?"));
-    const std::string_view name = path.substr(path.rfind('/') + 1);
+    std::string_view name = path.substr(path.rfind('/') + 1);
+    if (name.find("%00") != std::string_view::npos) name = {};  // it would end the name
     return core::owned_text(uri_decode_part(name.data(), name.data() + name.size(), CORE_HERE));
 }
 
