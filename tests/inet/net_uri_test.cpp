@@ -98,6 +98,8 @@ TEST(UriCoding, DecodesWhatIsCoded) {
     EXPECT_STREQ(encoded.get(), "AZaz09!'()*.~%2D%5F%20%FF%2F%25%40%5B%60%7B");
     const core::owned_text rest(uri_encode_rest("/a b%20%2f%\r\xc3\xa9+?\x7f~", CORE_HERE));
     EXPECT_STREQ(rest.get(), "/a%20b%20%2f%%0D%C3%A9+?%7F~");
+    EXPECT_STREQ(core::owned_text(uri_encode_path("a/b c-_.~%#?\xff:@\\", CORE_HERE)).get(),
+                 "a/b%20c-_.~%25%23%3F%FF:@%5C");
     EXPECT_STREQ(core::owned_text(uri_decode_part("p%40+%u00e9%4", nullptr, CORE_HERE)).get(), "p@+%u00e9%4");
 }
 

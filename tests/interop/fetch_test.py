@@ -123,7 +123,8 @@ class Streams(ViewerCase):
             with open(clip_file(f"clip_{number:02}.jpg"), "rb") as file:
                 jpeg += b"\r\n--no idea\r\nContent-Type: image/jpeg\r\n\r\n" + file.read()
         jpeg += b"\r\n--no idea--"
-        with Web({"/h264": b'HTTP/1.1 200 OK\r\nContent-Type: multipart/mixed; boundary="--b"\r\n\r\n' + body,
+        with Web({"/h264": b'HTTP/1.1 200 OK\r\nContent-Type: multipart/mixed; Boundary="--b"\r\n'
+                           b"Content-Length: -1\r\n\r\n" + body,
                   "/jpeg": b"HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n" + jpeg}) as web:
             tracks, messages = self.view(web.url + "/h264", "--stats", "-o", "a.h264", status=LOST)
             self.assertIn("the server has ended the stream", messages)
