@@ -255,6 +255,34 @@ int64_t core_timegm(const tm* fields) noexcept {
     return ((days * 24 + fields->tm_hour) * 60 + fields->tm_min) * 60 + fields->tm_sec;
 }
 
+int core_time_from_stamp(const char* text, uint32_t size, uint64_t* us) noexcept {
+    constexpr std::string_view forms[] = {"00000000T000000Z", "00000000T000000.000Z"};
+    const std::string_view stamp(text, text ? size : 0);
+    const auto fits = [&](std::string_view form) {
+        return std::ranges::equal(
+            stamp, form, [](char c, char in_form) { return in_form == '0' ? c >= '0' && c <= '9' : c == in_form; });
+    };
+    if (!us || std::ranges::none_of(forms, fits)) return 0;
+    const auto number = [&](size_t at, size_t digits) {
+        int value = 0;
+        for (const char c : stamp.substr(at, digits))
+            value = value * 10 + (c - '0');
+        return value;
+    };
+    tm fields{};
+    fields.tm_year = number(0, 4) - 1900;
+    fields.tm_mon = number(4, 2) - 1;
+    fields.tm_mday = number(6, 2);
+    fields.tm_hour = number(9, 2);
+    fields.tm_min = number(11, 2);
+    fields.tm_sec = number(13, 2);
+    const int64_t seconds = core_timegm(&fields);
+    if (seconds < 0) return 0;
+    const int milliseconds = stamp.size() == forms[1].size() ? number(16, 3) : 0;
+    *us = static_cast<uint64_t>(seconds) * 1'000'000 + static_cast<uint64_t>(milliseconds) * 1000;
+    return 1;
+}
+
 char* core_str_from_time(uint64_t us, const char* pattern, const char* file, int line) noexcept {
     if (!pattern) return nullptr;
     const size_t length = format(us, pattern, nullptr, 0);

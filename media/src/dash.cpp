@@ -48,7 +48,7 @@ core::owned_text id_of(const char* of, uint64_t which, uint32_t number) noexcept
     // Another run has other ids: what a cache has kept of this one is not taken for it.
     return core::owned_text(core_sprintf(CORE_HERE, "%s-%u-%llu-%llx", name ? name.get() : "", number,
                                          static_cast<unsigned long long>(which),
-                                         static_cast<unsigned long long>(time_now() / second)));
+                                         static_cast<unsigned long long>(time_now() / 1000)));
 }
 
 bool put(value_t**& row, const char* key, const char* value) noexcept {
@@ -63,7 +63,7 @@ bool put(value_t**& row, const char* key, uint32_t number) noexcept {
 }
 
 /// Tells the packer of a track. @param source  its second key: of a recording, its name in the archive
-bool enter(const char* id, const char* source, const format_t& format) noexcept {
+bool enter_track(const char* id, const char* source, const format_t& format) noexcept {
     value_t** row = nullptr;
     const bool complete = put(row, "id", id) && put(row, "key1", key_group) && put(row, "key2", source) &&
                           put(row, "key3", key_kind) && put(row, "key4", key_part) && put(row, "width", format.width) &&
@@ -73,33 +73,11 @@ bool enter(const char* id, const char* source, const format_t& format) noexcept 
     return complete;
 }
 
-/// Digits of a number; false for anything else.
-bool read_number(std::string_view text, uint64_t& out) noexcept {
+/// A stamp (core_time_from_stamp()), or microseconds.
+bool read_time(std::string_view text, uint64_t& out) noexcept {
+    if (core_time_from_stamp(text.data(), static_cast<uint32_t>(text.size()), &out)) return true;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
     return error == std::errc() && end == text.data() + text.size();
-}
-
-/// 20261122T101500Z, 20261122T101500.250Z, or microseconds.
-bool read_time(std::string_view text, uint64_t& out) noexcept {
-    constexpr std::string_view form = "00000000T000000";
-    if (text.size() < form.size()) return read_number(text, out);
-    if (text[8] != 'T' || !text.ends_with('Z')) return read_number(text, out);
-    uint64_t day = 0;
-    uint64_t clock = 0;
-    uint64_t fraction = 0;
-    const std::string_view rest = text.substr(form.size(), text.size() - form.size() - 1);
-    if (!read_number(text.substr(0, 8), day) || !read_number(text.substr(9, 6), clock)) return false;
-    if (!rest.empty() && (rest.size() != 4 || rest[0] != '.' || !read_number(rest.substr(1), fraction))) return false;
-    tm fields{};
-    fields.tm_year = static_cast<int>(day / 10000) - 1900;
-    fields.tm_mon = static_cast<int>(day / 100 % 100) - 1;
-    fields.tm_mday = static_cast<int>(day % 100);
-    fields.tm_hour = static_cast<int>(clock / 10000);
-    fields.tm_min = static_cast<int>(clock / 100 % 100);
-    fields.tm_sec = static_cast<int>(clock % 100);
-    const int64_t seconds = core_timegm(&fields);
-    out = static_cast<uint64_t>(std::max<int64_t>(seconds, 0)) * second + fraction * 1000;
-    return seconds > 0;
 }
 
 bool is_packable(const stream& of) noexcept {
@@ -128,7 +106,7 @@ struct dash::inside {
         cursor reader;
         net::dash_ctx* held = nullptr;        ///< keeps the context while the stream is packed
         std::atomic<uint64_t> asked = 0;      ///< core_timer() of the last request
-        std::atomic<bool> is_failed = false;  ///< it cannot be packed: told once
+        std::atomic<bool> is_failed = false;  ///< it cannot be packed
 
         ~channel() { stream::drop(from); }
     };
@@ -166,9 +144,13 @@ struct dash::inside {
     void answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept;
     bool order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept;
     void open(opening& range) noexcept;
-    void answer_manifest(channel& each, http_exchange& asked) const noexcept;
-    static void answer_segment(std::string_view path, http_exchange& asked) noexcept;
-    static bool comes_next(net::dash_ctx* ctx, std::string_view name) noexcept;
+    static void answer_manifest(const channel& each, http_exchange& asked) noexcept;
+    void answer_segment(std::string_view path, http_exchange& asked) noexcept;
+    bool comes_next(net::dash_ctx* ctx, std::string_view name) noexcept;
+
+    bool enter() noexcept;
+    void exit() noexcept;
+    bool admit(http_exchange& asked) noexcept;
 
     station& streams;
     settings_t settings;
@@ -177,11 +159,10 @@ struct dash::inside {
     core::vector<core::owned_object<opening>> openings;
     event_ctx* news = nullptr;
     thread_ctx* packer = nullptr;
-    /// Taken around requests, and for the beginning and the end of the packing: behind the end no context is asked for.
-    mutable std::mutex lock;
+    std::mutex lock;  ///< of the openings, the timelines, and the next three
     bool running = false;
-    bool is_opening = false;
-    std::condition_variable opened;
+    uint32_t visitors = 0;  ///< that use contexts: the end of the packing waits for them
+    std::condition_variable left;
 };
 
 dash::dash(station& of, const settings_t& settings) noexcept : inside_(core::create<inside>(CORE_HERE, of, settings)) {}
@@ -202,6 +183,7 @@ int dash::serve(http_service_t& by) noexcept {
         [](void* arg, stream& each) {
             auto& [in, service, complete] = *static_cast<adding_t*>(arg);
             try {
+                in->channels.reserve(in->channels.size() + 1);  // a route is for good: what it leads to is kept
                 core::owned_object<inside::channel> made(core::create<inside::channel>(CORE_HERE));
                 const core::owned_text path(core_sprintf(CORE_HERE, "/%s/*", each.name()));
                 complete = complete && made && path && service.serve(path.get(), inside::on_request, made.get());
@@ -247,7 +229,7 @@ int dash::start(uint32_t number, failure_t* error) noexcept {
     for (size_t i = 0; i < in.archives.size(); ++i) {
         inside::archive& each = *in.archives[i];
         each.id = id_of(each.name.get(), i, number);
-        complete = complete && each.id && enter(each.id.get(), each.name.get(), {});
+        complete = complete && each.id && enter_track(each.id.get(), each.name.get(), {});
     }
     in.news = _event_create(CORE_HERE);
     {
@@ -271,7 +253,7 @@ void dash::stop() noexcept {
     {
         std::unique_lock held(in.lock);
         if (!std::exchange(in.running, false)) return;
-        in.opened.wait(held, [&] { return !in.is_opening; });
+        in.left.wait(held, [&] { return in.visitors == 0; });
     }
     core_thread_stop(in.packer);
     if (in.news) _event_free(in.news);
@@ -323,7 +305,7 @@ void dash::inside::put_picture(channel& each, const entry_t& entry) noexcept {
         const core::owned_text name(
             core_sprintf(CORE_HERE, "%s_%s_%s_%s", key_group, each.id.get(), key_kind, key_part));
         if (!each.bus && name) each.bus = core_profile_open(name.get(), CORE_HERE);
-        if (each.bus && enter(each.id.get(), each.id.get(), *entry.format))
+        if (each.bus && enter_track(each.id.get(), each.id.get(), *entry.format))
             each.held = net_dash_open(each.id.get(), 0, 0, CORE_HERE);
         each.is_failed = !each.held;
     }
@@ -346,22 +328,40 @@ void dash::inside::leave(channel& each) noexcept {
 
 // Requests
 
+bool dash::inside::enter() noexcept {
+    const std::lock_guard held(lock);
+    visitors += running ? 1 : 0;
+    return running;
+}
+
+void dash::inside::exit() noexcept {
+    const std::lock_guard held(lock);
+    if (--visitors == 0) left.notify_all();
+}
+
+/// @return false when it has been answered: there are no contexts. Else exit() ends the visit.
+bool dash::inside::admit(http_exchange& asked) noexcept {
+    if (enter()) return true;
+    asked.answer({.status = 503, .field = "Retry-After", .value = "2"}, {});
+    return false;
+}
+
 void dash::inside::on_request(void* arg, http_exchange& asked) noexcept {
     auto& each = *static_cast<channel*>(arg);
     inside& in = *each.of;
     std::string_view path = asked.path();
     path.remove_prefix(1 + core_strlen(each.from->name()) + 1);
-    const std::lock_guard held(in.lock);
-    if (!in.running) return asked.answer({.status = 503, .field = "Retry-After", .value = "2"}, {});
+    if (!in.admit(asked)) return;
     const uint64_t before = each.asked.exchange(core_timer());
     if (before == 0) event_set(in.news);
     if (path == "manifest.mpd")
-        in.answer_manifest(each, asked);
+        answer_manifest(each, asked);
     else
-        answer_segment(path, asked);
+        in.answer_segment(path, asked);
+    in.exit();
 }
 
-void dash::inside::answer_manifest(channel& each, http_exchange& asked) const noexcept {
+void dash::inside::answer_manifest(const channel& each, http_exchange& asked) noexcept {
     const bool other = each.from->ready() && !is_packable(*each.from);
     const context found(other ? nullptr : net_dash_search(each.id.get()));
     const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
@@ -398,6 +398,7 @@ void dash::inside::answer_segment(std::string_view path, http_exchange& asked) n
 
 /// Whether it is the segment behind the last one listed.
 bool dash::inside::comes_next(net::dash_ctx* ctx, std::string_view name) noexcept {
+    const std::lock_guard held(lock);
     const net::dash_timeline* last = net_dash_state(ctx) == net::dash_ready ? net_dash_times(ctx) : nullptr;
     if (!last) return false;
     while (last[1].t != 0 || last[1].d != 0)
@@ -420,12 +421,12 @@ void dash::inside::on_recorded(void* arg, http_exchange& asked) noexcept {
     const size_t slash = path.find('/');
     const std::string_view range = path.substr(0, slash);
     path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
-    const std::lock_guard held(in.lock);
-    if (!in.running) return asked.answer({.status = 503, .field = "Retry-After", .value = "2"}, {});
+    if (!in.admit(asked)) return;
     if (path == "manifest.mpd")
         in.answer_range(each, range, asked);
     else
-        answer_segment(path, asked);
+        in.answer_segment(path, asked);
+    in.exit();
 }
 
 void dash::inside::answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept {
@@ -455,6 +456,7 @@ void dash::inside::answer_range(const archive& of, std::string_view range, http_
 /// Has the control thread open a range, once. @return false when that has failed
 bool dash::inside::order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept {
     const uint64_t now = core_timer();
+    const std::lock_guard held(lock);
     std::erase_if(openings, [&](const auto& each) { return each->is_done && now > each->asked + longest_unasked; });
     for (auto& each : openings) {
         if (!each->is(of.id.get(), start, end)) continue;
@@ -482,19 +484,15 @@ bool dash::inside::order(const archive& of, uint64_t start, uint64_t end, http_e
 
 /// On the control thread. Requests find the context by its name, and the guard ends it when there are none any more.
 void dash::inside::open(opening& range) noexcept {
+    const bool may = enter();
+    net::dash_ctx* const made = may ? net_dash_open(range.token.get(), range.start, range.end, CORE_HERE) : nullptr;
+    net_dash_close(made);
     {
         const std::lock_guard held(lock);
-        range.is_done = !running;
-        if (!running) return;
-        is_opening = true;
+        range.is_done = true;
+        if (made) std::erase_if(openings, [&](const auto& each) { return each.get() == &range; });
     }
-    net::dash_ctx* const made = net_dash_open(range.token.get(), range.start, range.end, CORE_HERE);
-    net_dash_close(made);
-    const std::lock_guard held(lock);
-    is_opening = false;
-    opened.notify_all();
-    range.is_done = true;
-    if (made) std::erase_if(openings, [&](const auto& each) { return each.get() == &range; });
+    if (may) exit();
 }
 
 }  // namespace media

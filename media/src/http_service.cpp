@@ -74,15 +74,17 @@ int service_t::serve(const char* path, const document_t& what) noexcept {
 }
 
 const route_t* service_t::find(std::string_view path) const noexcept {
-    const auto below = [&](const route_t& each) {
-        std::string_view folder = each.path;
+    const auto is_below = [&](std::string_view folder) {
         if (!folder.ends_with("/*")) return false;
         folder.remove_suffix(1);
         return path.size() > folder.size() && path.starts_with(folder);
     };
-    auto found = std::ranges::find_if(routes_, [&](const route_t& each) { return each.path == path; });
-    if (found == routes_.end()) found = std::ranges::find_if(routes_, below);
-    return found == routes_.end() ? nullptr : &*found;
+    const route_t* nearest = nullptr;
+    for (const route_t& each : routes_) {
+        if (each.path == path) return &each;
+        if (is_below(each.path) && (!nearest || each.path.size() > nearest->path.size())) nearest = &each;
+    }
+    return nearest;
 }
 
 /// Every request line of HTTP. What opens an RTSP tunnel is claimed before.

@@ -90,6 +90,21 @@ TEST(Time, IsFormattedAndCutToTheBuffer) {
     EXPECT_EQ(time_to_FileTime(1), 116'444'736'000'000'010U);
 }
 
+TEST(Time, IsReadFromAStampAndFromNothingElse) {
+    for (const std::string_view text : {"20151125T154730.042Z", "20151125T154730Z"}) {
+        uint64_t read = 0;
+        EXPECT_EQ(core_time_from_stamp(text.data(), static_cast<uint32_t>(text.size()), &read), 1);
+        EXPECT_EQ(read, 1'448'466'450'000'000U + (text.size() > 16 ? 42'000U : 0U));
+    }
+    for (const std::string_view text : {"", "20151125T154730", "20151125 154730Z", "2015112-T154730Z",
+                                        "19691231T235959Z", "20151125T154730.42Z", "20151125T154730.042Z "}) {
+        uint64_t read = 1;
+        EXPECT_EQ(core_time_from_stamp(text.data(), static_cast<uint32_t>(text.size()), &read), 0) << text;
+        EXPECT_EQ(read, 1U);
+    }
+    EXPECT_EQ(core_time_from_stamp(nullptr, 3, nullptr), 0);
+}
+
 using keeper = test::log_keeper;
 using log_handle = test::held<log_ctx, core_log_free>;
 

@@ -29,6 +29,10 @@ INET_API char* core_str_from_time(uint64_t us, const char* pattern, const char* 
 /// The same into a caller's buffer, cut to it and always terminated. @return the bytes written.
 INET_API uint32_t time_format(uint64_t us, const char* pattern, char* out, uint32_t size) noexcept;
 
+/// Reads a time in UTC in the basic form of ISO 8601, "20261122T101500Z" or with milliseconds "20261122T101500.250Z".
+/// Fields out of range carry over. @return 1, or 0 for another form, or a time before 1970; `us` is then untouched.
+INET_API int core_time_from_stamp(const char* text, uint32_t size, uint64_t* us) noexcept;
+
 /// 100-nanosecond intervals since 1601-01-01 UTC, the file time of Windows.
 INET_API uint64_t time_to_FileTime(uint64_t us) noexcept;
 
