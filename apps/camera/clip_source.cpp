@@ -10,8 +10,13 @@ namespace camera {
 void clip_source::add(const channel& played, media::stream& into) {
     for (const track& each : played.tracks) {
         const av::frame_t& first = each.frame(0);
-        into.declare(media::kind_of(each.fcc()),
-                     {.fcc = each.fcc(), .width = first.width, .height = first.height, .rate = first.rate});
+        auto* const config = const_cast<uint8_t*>(each.config().data());  // which is copied
+        into.declare(media::kind_of(each.fcc()), {.fcc = each.fcc(),
+                                                  .width = first.width,
+                                                  .height = first.height,
+                                                  .rate = first.rate,
+                                                  .channels = first.channels,
+                                                  .config = {config, static_cast<uint32_t>(each.config().size())}});
         tracks_.push_back({&each, &into, 0, 0});
     }
 }

@@ -7,6 +7,7 @@
 #include "sources.h"
 #include "web.h"
 
+#include "avc/fcc.h"
 #include "core/array.h"
 #include "core/memory.h"
 #include "core/thread.h"
@@ -15,6 +16,7 @@
 #include "media/rtsp_service.h"
 #include "media/station.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -81,7 +83,16 @@ constexpr unsigned players_patience = 60;
 /// The payloads are the clip's: long groups of pictures cost no memory to hold.
 constexpr media::limits_t whole_groups{.bytes = 1U << 30, .frames = 8192, .time = 600'000'000};
 
-media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
+/// The channel whose sound RTSP leaves out.
+const camera::channel* with_aac(const camera::clip& played) {
+    const auto has = [](const camera::channel& each) {
+        return std::ranges::find(each.tracks, av::fcc_mp4a, &camera::track::fcc) != each.tracks.end();
+    };
+    const auto found = std::ranges::find_if(played.channels, has);
+    return found == played.channels.end() ? nullptr : &*found;
+}
+
+media::rtsp_settings_t rtsp_settings(const camera::options& settings, const camera::channel* silent) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     return {.port = settings.rtsp_port,
             .user = text(settings.login.user),
@@ -92,13 +103,16 @@ media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
             .timeout = settings.timeout,
             .multicast = text(settings.multicast),
             .multicast_port = settings.multicast_port,
-            .ttl = settings.ttl};
+            .ttl = settings.ttl,
+            .without_aac = silent ? silent->path.c_str() : nullptr};
 }
 
 int serve(const camera::options& settings) {
     std::string error;
     const auto played = camera::load_clip(settings, error);
     if (!played) return fail(error);
+    const camera::channel* const silent = with_aac(*played);
+    if (silent) apps::complain(camera::program_name, settings.audio + ": RTSP leaves AAC out, recordings have it");
     camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
     media::failure_t why;
@@ -112,7 +126,7 @@ int serve(const camera::options& settings) {
     }
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
-    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
+    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings, silent));
     camera::keeper kept;
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);

@@ -64,7 +64,8 @@ bool take_group(options& o, std::string_view text) {
 std::span<const option> table() {
     static const option all[] = {
         {"--video", "FILE.h264", "pictures: an H.264 stream in Annex B form", take_text(&options::video)},
-        {"--audio", "FILE.wav", "sound: mono, 8000 Hz, \xC2\xB5-law or 16-bit PCM", take_text(&options::audio)},
+        {"--audio", "FILE", "sound: .wav of mono, 8000 Hz, \xC2\xB5-law or 16-bit PCM, or .aac (ADTS)",
+         take_text(&options::audio)},
         {"--jpeg", "FILE...", "pictures of /jpeg, five a second",
          [](options& o, std::string_view text) {
              o.jpeg.emplace_back(text);
