@@ -197,6 +197,8 @@ public:
     uint64_t received() const noexcept;
     /// Wall clock when playing began, microseconds since 1970; 0 before.
     uint64_t play_time() const noexcept;
+    /// Why connect() returned -1, or the connection ended: a socket_error_t; 0 for none.
+    int error() const noexcept;
 
     struct inside;
 

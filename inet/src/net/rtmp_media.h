@@ -69,8 +69,9 @@ private:
     bool keep_sets(bytes_t coded, bool& others) noexcept;
     bool starts_picture(bytes_t coded, uint32_t timestamp) const noexcept;
     void add_nals(bytes_t coded) noexcept;
+    bool append(buf_t& to, bytes_t bytes, uint32_t bound, const char* too_long) noexcept;
     bool add(bytes_t bytes) noexcept;
-    bytes_t take_nal(bytes_t& coded) const noexcept;
+    bool take_nal(bytes_t& coded, bytes_t& nal) const noexcept;
 
     void take_aac(bytes_t body, uint32_t timestamp) noexcept;
     void take_aac_config(bytes_t config) noexcept;

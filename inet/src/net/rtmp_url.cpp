@@ -10,7 +10,7 @@ namespace net::rtmp {
 namespace {
 
 struct scheme_t {
-    std::string_view name;
+    const char* name;
     int protocol;
 };
 
@@ -66,12 +66,13 @@ std::string_view list_of(std::string_view query) noexcept {
 
 }  // namespace
 
+const char* scheme_of(int protocol) noexcept { return std::ranges::find(schemes, protocol, &scheme_t::protocol)->name; }
+
 bool read_url(std::string_view text, url_t& out) noexcept {
     const size_t colon = text.find("://");
     if (colon == std::string_view::npos || colon + 3 == text.size()) return false;
-    out.scheme = text.substr(0, colon);
-    out.protocol = protocol_of(out.scheme);
-    std::string_view rest = text.substr(colon + 3);
+    out.protocol = protocol_of(text.substr(0, colon));
+    const std::string_view rest = text.substr(colon + 3);
     const size_t slash = std::min(rest.find('/'), rest.size());
     const scan::pair place = scan::split(rest.substr(0, slash), ':');
     out.host = place.key;

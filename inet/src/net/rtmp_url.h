@@ -17,7 +17,6 @@ struct place_t {
 
 struct url_t {
     int protocol = 0;
-    std::string_view scheme;  ///< as written
     std::string_view host;
     uint16_t port = 0;  ///< 0 for none
     std::string_view path;
@@ -26,6 +25,8 @@ struct url_t {
 /// The longest host.
 inline constexpr size_t longest_host = 255;
 
+/// The scheme of a protocol number.
+const char* scheme_of(int protocol) noexcept;
 /// @return false when it is not of the form
 bool read_url(std::string_view text, url_t& out) noexcept;
 /// @param path  of the URL, with its query, without its first '/'
