@@ -13,12 +13,15 @@
 #include "core/thread.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
+#include "media/rtmp_service.h"
 #include "media/rtsp_service.h"
 #include "media/station.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -43,19 +46,44 @@ std::vector<std::string> reachable(const std::string& bind) {
     return found;
 }
 
-/// @param http  0 for none
-/// @param lack  why there is no page, when one was wanted
-void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, uint16_t port,
-                     uint16_t http, const char* lack) {
-    const std::vector<std::string> hosts = reachable(settings.bind);
-    if (*lack) std::printf("no page for browsers: %s; --http PORT takes another port\n", lack);
-    for (const std::string& host : hosts) {
-        if (http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{http});
-        for (const std::string& each : paths)
-            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, apps::coded_path(each.c_str()).c_str());
+/// Of the ports that could not be had, what there is to say of one; empty when it is none of them.
+std::string lack_of(std::optional<uint16_t> port, std::string_view lacks) {
+    const std::string place = ':' + std::to_string(port.value_or(0)) + ": ";
+    while (!lacks.empty()) {
+        const std::string_view first = lacks.substr(0, lacks.find("; "));
+        if (first.find(place) != std::string_view::npos) return std::string(first);
+        lacks.remove_prefix(std::min(first.size() + 2, lacks.size()));
     }
+    return {};
+}
+
+struct ports_t {
+    uint16_t rtsp;
+    uint16_t http;  ///< 0 for none
+    media::rtmp_service_t* rtmp;
+};
+
+/// @param lacks  ports that were wanted and could not be had
+void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, media::station& station,
+                     const ports_t& ports, const char* lacks) {
+    const std::vector<std::string> hosts = reachable(settings.bind);
+    if (const std::string lack = lack_of(settings.http_port, lacks); !lack.empty())
+        std::printf("no page for browsers: %s; --http PORT takes another port\n", lack.c_str());
+    for (const std::string& host : hosts) {
+        if (ports.http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{ports.http});
+        for (const std::string& each : paths) {
+            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{ports.rtsp},
+                        apps::coded_path(each.c_str()).c_str());
+            media::stream* const stream = station.find(each.c_str());
+            const auto print = [](void*, const char* address) { std::printf("%s\n", address); };
+            if (stream && ports.rtmp) ports.rtmp->addresses(*stream, host.c_str(), print, nullptr);
+            media::stream::drop(stream);
+        }
+    }
+    if (const std::string lack = lack_of(settings.rtmp_port, lacks); !lack.empty())
+        std::printf("no RTMP: %s; --rtmp PORT takes another port\n", lack.c_str());
     std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", hosts.front().c_str(),
-                unsigned{port}, apps::coded_path(paths.front().c_str()).c_str());
+                unsigned{ports.rtsp}, apps::coded_path(paths.front().c_str()).c_str());
     std::fflush(stdout);
 }
 
@@ -107,12 +135,26 @@ media::rtsp_settings_t rtsp_settings(const camera::options& settings, const came
             .without_aac = silent ? silent->path.c_str() : nullptr};
 }
 
+/// @return null when none is wanted, or memory is out
+media::rtmp_service_t* rtmp_service(const camera::options& settings) {
+    const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
+    if (!settings.rtmp_port) return nullptr;
+    return media::rtmp_service({.port = *settings.rtmp_port,
+                                .needs_port = settings.rtmp_asked,
+                                .user = text(settings.login.user),
+                                .password = text(settings.login.password),
+                                .at_key = settings.start == camera::start_t::key,
+                                .backlog = settings.backlog,
+                                .stall = settings.stall});
+}
+
 int serve(const camera::options& settings) {
     std::string error;
     const auto played = camera::load_clip(settings, error);
     if (!played) return fail(error);
     const camera::channel* const silent = with_aac(*played);
-    if (silent) apps::complain(camera::program_name, settings.audio + ": RTSP leaves AAC out, recordings have it");
+    if (silent)
+        apps::complain(camera::program_name, settings.audio + ": RTSP leaves AAC out; RTMP and recordings have it");
     camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
     media::failure_t why;
@@ -131,7 +173,9 @@ int serve(const camera::options& settings) {
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);
     if (paths.size() > fetched.names().size() + 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
-    if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, kept.names(), why)))
+    media::rtmp_service_t* const rtmp = rtmp_service(settings);
+    if (!station.add(rtsp, &why) || (settings.rtmp_port && !station.add(rtmp, &why)) ||
+        (settings.http_port && !web.open(settings, *rtsp, rtmp, kept.names(), why)))
         return fail(why.text);
     // Whatever fails from here on: the threads that use what stands here end first.
     const struct ending {
@@ -141,7 +185,7 @@ int serve(const camera::options& settings) {
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
     if (!kept.start()) return fail("no thread for the recordings");
-    print_addresses(paths, settings, rtsp->port(), web.port(), why.text);
+    print_addresses(paths, settings, station, {rtsp->port(), web.port(), rtmp}, why.text);
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");

@@ -45,7 +45,8 @@ constexpr std::string_view output_help =
 
 std::span<const option> table() {
     static const option all[] = {
-        {"URI", "", "one rtsp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
+        {"URI", "",
+         "one rtsp://, rtmp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
          take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
@@ -106,7 +107,7 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
     if (!apps::parse_command_line(table(), arguments, result, error) || !result.login.complete(error))
         return std::nullopt;
     if (result.uri.empty()) {
-        error = "which stream? rtsp://...";
+        error = "which stream? rtsp://..., rtmp://...";
         return std::nullopt;
     }
     const std::string* const unfit = result.unfit_for_stream();
@@ -128,7 +129,8 @@ const std::string* options::unfit_for_stream() const {
 }
 
 std::string usage() {
-    return "inet-viewer: receives a stream over RTSP or HTTP, or a file over HTTP\n\nusage: inet-viewer [OPTION]... "
+    return "inet-viewer: receives a stream over RTSP, RTMP or HTTP, or a file over HTTP\n\nusage: inet-viewer "
+           "[OPTION]... "
            "rtsp://...\n\n" +
            apps::describe_options(table()) + std::string(explanations);
 }

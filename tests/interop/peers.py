@@ -26,7 +26,7 @@ def command(program):
 
 
 CAMERA = command(os.environ.get("INET_CAMERA", f"{ROOT}/build/dev/apps/inet-camera"))
-FREE_PORTS = "--rtsp", "0", "--http", "off"
+FREE_PORTS = "--rtsp", "0", "--http", "off", "--rtmp", "off"
 
 
 class Camera:
@@ -39,13 +39,16 @@ class Camera:
         self.read = 0
         self.process = subprocess.Popen([*prefix, *CAMERA, *ports, *arguments], stdout=subprocess.PIPE,
                                         stderr=self.messages, text=True, errors="replace", cwd=self.folder.name)
-        self.urls = {}
+        self.urls, self.rtmp = {}, {}
         self.printed = []
         for line in self.process.stdout:
             self.printed.append(line)
             found = re.search(r"rtsp://\S+/(\w+)", line)
             if found:
                 self.urls[found.group(1)] = found.group(0)
+            found = re.search(r"^rtmp://\S+/(\w+)", line)
+            if found:
+                self.rtmp[found.group(1)] = found.group(0)
             if line.startswith("http://"):
                 self.web = line.strip()
             if line.startswith("ready"):

@@ -67,7 +67,7 @@ bool live::cut(inet::rtmp::Chunks& into, const entry_t& entry) noexcept {
         if (!owner_.of().bases().enter(stream_, first, base_)) return false;
     }
     into.set_start(base_);
-    return into.cut(&entry.frame) != 0;
+    return into.cut(&entry.frame) > 0;
 }
 
 bool live::add(client_t& one, uint64_t from) noexcept {
