@@ -48,8 +48,8 @@ public:
 
     /// Makes the chunks of a frame. Drops those of the frame before. Parameter sets of an H.264 frame are kept for the
     /// head, at most 1,000 bytes of both.
-    /// @return 1; 0 when the frame has nothing to be sent, or memory is out: bytes() is empty then. H.264 has nothing
-    ///         to be sent before parameter sets have come
+    /// @return 1; 0 when the frame has nothing to be sent, as H.264 before parameter sets have come; -1 for null,
+    ///         another format, or when memory is out. bytes() is empty after 0 and -1
     int cut(const av::frame_t* frame) noexcept;
 
     /// Messages of the frame. Valid until cut().

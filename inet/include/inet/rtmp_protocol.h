@@ -134,7 +134,8 @@ public:
     /// Answers the first packet of a client. Fails for fewer than 1,536 bytes. The rest of `input` is dropped; it
     /// counts for the client's second packet.
     bool PerformHandshake(IOBuffer& input, bool encrypted) noexcept;
-    /// Whether the digest of the first packet is that of the client key; scheme() is then its scheme.
+    /// Whether the digest of the first packet is that of the client key: scheme() is then its scheme. ValidateClient()
+    /// accepts every packet while set_validate() is off.
     bool ValidateClient(IOBuffer& input) noexcept;
     bool ValidateClientScheme(IOBuffer& input, uint8_t scheme) noexcept;
     /// Offsets in a packet of 1,536 bytes, by scheme 0 or 1.
@@ -149,7 +150,7 @@ public:
     bool InboundMessageAvailable(Variant& message) noexcept;
     /// A ping request is answered.
     bool ProcessUsrCtrl(Variant& message) noexcept;
-    /// Fails for 0 and above 0xFFFFFF.
+    /// Fails for 0 and above 0x7FFFFFFF.
     bool ProcessChunkSize(Variant& message) noexcept;
     bool ProcessWinAckSize(Variant& message) noexcept;
     /// Drops what has come of a message on that chunk stream.
@@ -186,14 +187,14 @@ public:
     // Media. Taken while playing() and not paused(), else the result is false. Timestamps are in milliseconds, modulo
     // 2^32. A message has at most 0xFFFFFF bytes.
 
-    /// A frame of "H264", "mp3 ", "PCMU", "mp4a" or "MP4V", through Chunks (inet/rtmp_chunks.h). Its time is counted
+    /// A frame of "H264", "mp3 ", "PCMU" or "MP4V", through Chunks (inet/rtmp_chunks.h). Its time is counted
     /// from the first frame. Before the first frame of a play, and when they have changed, onMetaData and the sequence
     /// headers go out. H.264 is taken from the first picture on that has, or follows, parameter sets.
     bool Feed(const av::frame_t* frame) noexcept;
     /// Sends the frame that was cut last for all viewers, behind its head when this player has not had it yet.
-    /// @param lent  when not null, the connection is plain and nothing waits: receives the bytes of the frame, which
-    ///              are not copied then. The owner sends them, and gives what the socket did not take to SendRawData()
-    ///              before any other call. Else it receives no bytes
+    /// @param lent  null: everything is appended to send_buffer(). Else, on a plain connection, it receives the bytes of
+    ///              the frame, which are not copied: the owner sends them behind what stands in send_buffer(), and gives
+    ///              what the socket did not take to SendRawData() before any other call. On an encrypted one it is empty
     bool Feed(rtmp::Chunks& chunks, buffer_t* lent) noexcept;
 
     bool FeedH264Caps(const uint8_t* sps, uint32_t sps_size, const uint8_t* pps, uint32_t pps_size,
@@ -222,9 +223,8 @@ public:
     bool paused() const noexcept;
     /// Whether the conversation has failed.
     bool error() const noexcept;
-    /// Bytes received and sent, of the peer's acknowledgement the bytes that it has taken (modulo 2^32).
+    /// Bytes received, and the bytes that the peer has told to have taken (modulo 2^32).
     uint64_t received() const noexcept;
-    uint64_t sent() const noexcept;
     uint32_t acknowledged() const noexcept;
 
     class insides;
