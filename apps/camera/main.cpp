@@ -1,6 +1,5 @@
 // inet-camera: a clip, other cameras or a pipe become a network camera.
-#include "clip.h"
-#include "clip_source.h"
+#include "clip_graph.h"
 #include "keeper.h"
 #include "options.h"
 #include "program.h"
@@ -26,8 +25,9 @@
 
 namespace {
 
+/// @param reason  empty when it has been told
 int fail(const std::string& reason) {
-    apps::complain(camera::program_name, reason);
+    if (!reason.empty()) apps::complain(camera::program_name, reason);
     return apps::status_failed;
 }
 
@@ -108,19 +108,20 @@ void show_status(const media::station& station, const camera::sources& sources) 
 /// Seconds between two signs of life of ordinary players.
 constexpr unsigned players_patience = 60;
 
-/// The payloads are the clip's: long groups of pictures cost no memory to hold.
-constexpr media::limits_t whole_groups{.bytes = 1U << 30, .frames = 8192, .time = 600'000'000};
-
-/// The channel whose sound RTSP leaves out.
-const camera::channel* with_aac(const camera::clip& played) {
-    const auto has = [](const camera::channel& each) {
-        return std::ranges::find(each.tracks, av::fcc_mp4a, &camera::track::fcc) != each.tracks.end();
-    };
-    const auto found = std::ranges::find_if(played.channels, has);
-    return found == played.channels.end() ? nullptr : &*found;
+/// The stream of the clip whose sound RTSP leaves out; null for none.
+const char* with_aac(const std::vector<std::string>& played, media::station& station) {
+    for (const std::string& each : played) {
+        media::stream* const stream = station.find(each.c_str());
+        media::format_t format;
+        const bool has = stream && stream->format(media::kind_t::audio, &format, nullptr);
+        media::stream::drop(stream);
+        if (has && format.fcc == av::fcc_mp4a) return each.c_str();
+    }
+    return nullptr;
 }
 
-media::rtsp_settings_t rtsp_settings(const camera::options& settings, const camera::channel* silent) {
+/// @param without_aac  name of a stream; null for none
+media::rtsp_settings_t rtsp_settings(const camera::options& settings, const char* without_aac) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     return {.port = settings.rtsp_port,
             .user = text(settings.login.user),
@@ -132,7 +133,7 @@ media::rtsp_settings_t rtsp_settings(const camera::options& settings, const came
             .multicast = text(settings.multicast),
             .multicast_port = settings.multicast_port,
             .ttl = settings.ttl,
-            .without_aac = silent ? silent->path.c_str() : nullptr};
+            .without_aac = without_aac};
 }
 
 /// @return null when none is wanted, or memory is out
@@ -149,41 +150,37 @@ media::rtmp_service_t* rtmp_service(const camera::options& settings) {
 }
 
 int serve(const camera::options& settings) {
-    std::string error;
-    const auto played = camera::load_clip(settings, error);
-    if (!played) return fail(error);
-    const camera::channel* const silent = with_aac(*played);
-    if (silent)
-        apps::complain(camera::program_name, settings.audio + ": RTSP leaves AAC out; RTMP and recordings have it");
     camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
     media::failure_t why;
-    camera::clip_source source;
-    std::vector<std::string> paths;
-    for (const camera::channel& each : played->channels) {
-        media::stream* const stream = station.add_stream(each.path.c_str(), whole_groups, &why);
-        if (!stream) return fail(why.text);
-        source.add(each, *stream);
-        paths.push_back(each.path);
-    }
+    camera::clip_graph played;
+    if (!played.open(settings, station, why)) return fail(why.text);
+    const char* const without_aac = with_aac(played.names(), station);
+    if (without_aac)
+        apps::complain(camera::program_name, settings.audio + ": RTSP leaves AAC out; RTMP and recordings have it");
+    std::vector<std::string> paths = played.names();
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
-    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings, silent));
+    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings, without_aac));
     camera::keeper kept;
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);
-    if (paths.size() > fetched.names().size() + 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
+    if (played.names().size() > 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
     media::rtmp_service_t* const rtmp = rtmp_service(settings);
     if (!station.add(rtsp, &why) || (settings.rtmp_port && !station.add(rtmp, &why)) ||
         (settings.http_port && !web.open(settings, *rtsp, rtmp, kept.names(), why)))
         return fail(why.text);
     // Whatever fails from here on: the threads that use what stands here end first.
     const struct ending {
+        camera::clip_graph& played;
         media::station& station;
-        ~ending() { station.stop(); }
-    } last{station};
+        ~ending() {
+            played.stop();
+            station.stop();
+        }
+    } last{played, station};
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
-    if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
+    if (!played.start(station.thread_at(0).nt())) return fail("");
     if (!kept.start()) return fail("no thread for the recordings");
     print_addresses(paths, settings, station, {rtsp->port(), web.port(), rtmp}, why.text);
     if (settings.timeout < players_patience) {
@@ -191,7 +188,7 @@ int serve(const camera::options& settings) {
                                                  ": players that show life once a minute, as most do, will be cut");
     }
     show_status(station, fetched);
-    source.stop();
+    played.stop();
     kept.stop();
     web.stop();
     station.stop();
