@@ -201,10 +201,12 @@ void client_t::send(const entry_t& entry, inet::rtmp::Chunks* chunks) noexcept {
     if (entry.kind == kind_t::video) owner_.count_picture(kept);
 }
 
+// The bytes of the frame go straight to the system when nothing waits, such as the head.
 bool client_t::pass_on(inet::rtmp::Chunks& chunks) noexcept {
     buffer_t lent{};
     if (!rtmp_->Feed(chunks, &lent)) return false;
-    const uint32_t went = lent.size ? tcp_->lend(lent) : 0;
+    if (rtmp_->waiting()) flush();
+    const uint32_t went = lent.size && !rtmp_->waiting() ? tcp_->lend(lent) : 0;
     if (went < lent.size && !rtmp_->SendRawData(lent.data + went, lent.size - went)) {
         if (went) finish();  // a picture that lacks its end breaks the framing
         return false;
