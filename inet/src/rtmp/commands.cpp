@@ -23,7 +23,11 @@ const Variant& parameter(const Variant& message, uint32_t index) noexcept {
 
 double id_of(const Variant& message) noexcept { return static_cast<double>(message["invoke"]["id"]); }
 
-std::string_view text_of(const Variant& value) noexcept { return static_cast<std::string_view>(value); }
+/// Empty for what the player has left out.
+std::string_view text_of(const Variant& value) noexcept {
+    const auto text = static_cast<std::string_view>(value);
+    return text.data() ? text : std::string_view("");
+}
 
 double number_or(const Variant& value, double otherwise) noexcept {
     return value.IsNumber() ? static_cast<double>(value) : otherwise;

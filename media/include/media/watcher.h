@@ -23,6 +23,7 @@
 /// Bounds for one source:
 ///     input             64 KiB for each connection (two over HTTP), and the bounds of rtsp3::Rtsp or net::ProtocolRtmp
 ///     frames            8 MiB for each of 8 tracks; a longer frame is left out
+///     frames that wait  over RTMP a second, 256 frames and 8 MiB and one frame, until both tracks are known
 ///     UDP               1 MiB and one reorder window (inet/rtp_reorder.h) for each track
 ///     time to answer    watcher::settings_t::timeout for the connection and all answers together
 ///     silence           the same, between two packets

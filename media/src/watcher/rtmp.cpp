@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <new>
+#include <span>
+#include <string_view>
 
 namespace media::fetch {
 
@@ -18,6 +20,10 @@ constexpr uint64_t tick_time = second / 10;
 constexpr uint64_t lookup_time = second / 100;
 /// After such a pause the picture that came last is whole.
 constexpr uint64_t pause = second;
+/// What is held of one track until the other one is known.
+constexpr size_t most_early = 256;
+constexpr uint32_t most_early_bytes = 8U << 20;
+constexpr int64_t longest_early = second;
 /// How much longer one track may be than the other at the end.
 constexpr int64_t longest_overrun = second;
 
@@ -108,11 +114,18 @@ void rtmp_attempt::on_rtmp_playing(net::ProtocolRtmp*) noexcept {
     owner_.tell({.what = watch_event_t::playing});
 }
 
-/// Sound may come before the first picture, which is waited for then.
 void rtmp_attempt::on_rtmp_metadata(net::ProtocolRtmp*, const Variant& data) noexcept {
-    constexpr double avc = 7;
-    const Variant& codec = data["videocodecid"];
-    expects_video_ = codec == "avc1" || (codec.IsNumber() && static_cast<double>(codec) == avc);
+    constexpr double pictures[] = {7};
+    constexpr double sounds[] = {2, 7, 8, 10, 14};  // those of net::ProtocolRtmp
+    const auto expect = [&](kind_t kind, const char* key, std::string_view name, std::span<const double> numbers) {
+        const Variant& codec = data[key];
+        const bool received =
+            codec == name ||
+            (codec.IsNumber() && std::ranges::find(numbers, static_cast<double>(codec)) != numbers.end());
+        tracks_[static_cast<size_t>(kind)].is_expected = received && (wanted_.kinds & only(kind)) != 0;
+    };
+    expect(kind_t::video, "videocodecid", "avc1", pictures);
+    expect(kind_t::audio, "audiocodecid", "mp4a", sounds);
 }
 
 void rtmp_attempt::on_rtmp_track(net::ProtocolRtmp*, const net::rtmp_track_t& track) noexcept {
@@ -140,7 +153,34 @@ void rtmp_attempt::on_rtmp_track(net::ProtocolRtmp*, const net::rtmp_track_t& tr
     told_ = false;
 }
 
-// Once the first frame comes, so that both are known in most cases.
+/// Some servers describe a track when its first frame comes. Films want to know both before they begin.
+bool rtmp_attempt::waits_for_tracks(int64_t media_time) const noexcept {
+    const auto is_missing = [](const track_t& each) { return each.is_expected && !each.is_here; };
+    const bool has_room = early_.size() < most_early && early_bytes_ < most_early_bytes;
+    const bool is_soon = early_.empty() || media_time - early_.front().media_time < longest_early;
+    return !told_ && std::ranges::any_of(tracks_, is_missing) && has_room && is_soon;
+}
+
+bool rtmp_attempt::hold(const av::frame_t& frame, int64_t media_time) noexcept {
+    early_t made{.frame = {}, .media_time = media_time};
+    try {
+        early_.reserve(early_.size() + 1);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (!avc_frame_share(&made.frame, &frame, CORE_HERE)) return false;
+    early_.push_back(made);
+    early_bytes_ += frame.size;
+    return true;
+}
+
+void rtmp_attempt::drop_early() noexcept {
+    for (early_t& each : early_)
+        avc_frame_drop(&each.frame);
+    early_.clear();
+    early_bytes_ = 0;
+}
+
 void rtmp_attempt::tell_tracks() noexcept {
     told_ = true;
     std::array<format_t, std::tuple_size_v<decltype(tracks_)>> formats;
@@ -148,19 +188,27 @@ void rtmp_attempt::tell_tracks() noexcept {
         if (each.is_here) formats[each.place] = each.format;
     }
     uint32_t count = track_count_;
-    if (expects_video_ && !video().is_here && (wanted_.kinds & only(kind_t::video)) != 0)
-        formats[count++] = {.fcc = av::fcc_h264};
+    if (video().is_expected && !video().is_here) formats[count++] = {.fcc = av::fcc_h264};
     owner_.tell({.what = watch_event_t::tracks, .formats = formats.data(), .format_count = count});
 }
 
 void rtmp_attempt::on_rtmp_frame(net::ProtocolRtmp*, const av::frame_t& frame, int64_t media_time) noexcept {
     const auto kind = static_cast<size_t>(kind_of(frame.fcc));
     if (stage_ != stage_t::playing || kind >= tracks_.size() || tracks_[kind].format.fcc != frame.fcc) return;
-    if (!told_) tell_tracks();
-    track_t& track = tracks_[kind];
     last_frame_ = core_timer();
     has_frames_ = true;
     flushed_ = false;
+    if (waits_for_tracks(media_time) && hold(frame, media_time)) return;
+    if (!told_) tell_tracks();
+    for (const early_t& each : early_)
+        deliver(each.frame, each.media_time);
+    drop_early();
+    deliver(frame, media_time);
+}
+
+void rtmp_attempt::deliver(const av::frame_t& frame, int64_t media_time) noexcept {
+    if (stage_ != stage_t::playing) return;
+    track_t& track = tracks_[static_cast<size_t>(kind_of(frame.fcc))];
     const bool begins = !track.received.has_begun();
     if (track.received.take(frame, media_time)) {
         count_from_picture(track, begins, media_time);
@@ -174,7 +222,7 @@ void rtmp_attempt::count_from_picture(track_t& taken, bool begins, int64_t media
     const bool is_picture = &taken == &video();
     if (is_picture && begins)
         tracks_[static_cast<size_t>(kind_t::audio)].received.count_from(media_time);
-    else if (!is_picture && (expects_video_ || video().is_here) && !video().received.has_begun())
+    else if (!is_picture && (video().is_expected || video().is_here) && !video().received.has_begun())
         taken.received.count_from(media_time);
 }
 

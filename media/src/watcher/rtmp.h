@@ -14,6 +14,7 @@ namespace media::fetch {
 class rtmp_attempt final : public attempt, net::IRtmp {
 public:
     rtmp_attempt(const order_t& wanted, attempt_owner& owner) noexcept : wanted_(wanted), owner_(owner) {}
+    ~rtmp_attempt() override { drop_early(); }
     rtmp_attempt(const rtmp_attempt&) = delete;
     rtmp_attempt& operator=(const rtmp_attempt&) = delete;
 
@@ -35,6 +36,11 @@ private:
         receipt received;
         uint32_t place = 0;  ///< among those that came, in their order
         bool is_here = false;
+        bool is_expected = false;  ///< the source says that it is to come
+    };
+    struct early_t {
+        av::frame_t frame;
+        int64_t media_time;
     };
 
     void on_rtmp_playing(net::ProtocolRtmp* rtmp) noexcept override;
@@ -44,7 +50,11 @@ private:
     void on_rtmp_ended(net::ProtocolRtmp* rtmp, net::rtmp_end_t why, const char* text) noexcept override;
 
     void connect() noexcept;
+    bool waits_for_tracks(int64_t media_time) const noexcept;
+    bool hold(const av::frame_t& frame, int64_t media_time) noexcept;
+    void drop_early() noexcept;
     void tell_tracks() noexcept;
+    void deliver(const av::frame_t& frame, int64_t media_time) noexcept;
     void count_from_picture(track_t& taken, bool begins, int64_t media_time) noexcept;
     bool is_complete() const noexcept;
     void end(const ending_t& result) noexcept;
@@ -59,8 +69,9 @@ private:
     uint64_t last_frame_ = 0;
     bool has_frames_ = false;
     bool flushed_ = false;
-    bool told_ = false;              ///< of the tracks, as they are now
-    bool expects_video_ = false;     ///< the source says that there are pictures
+    bool told_ = false;            ///< of the tracks, as they are now
+    core::vector<early_t> early_;  ///< frames that came while the other track was waited for
+    uint32_t early_bytes_ = 0;
     std::array<track_t, 2> tracks_;  ///< by their kind
     uint32_t track_count_ = 0;
 };
