@@ -118,6 +118,9 @@ std::span<const option> table() {
 constexpr std::string_view explanations = R"(
 Without files and sources it plays the bundled clip. Ctrl-C ends it.
 
+Streams are rtsp://HOST:8554/NAME and rtmp://HOST/NAME, or rtmp://HOST/ANYTHING/NAME for players that want an
+application. RTSP leaves out AAC of --audio.
+
 A source is passed on as it comes: pictures, sound and metadata. When it goes away viewers stay, and it is fetched again
 after 1, 2, 4, ... 30 s. "--source -" reads H.264 in Annex B form from the standard input, paced by its arrival:
   libcamera-vid -t 0 --inline -o - | inet-camera --source -

@@ -25,7 +25,7 @@ class RtmpPlayer:
     """One connection; play() begins the stream."""
 
     def __init__(self, url, receive_buffer=None):
-        host, port, self.name = re.fullmatch(r"rtmp://([^:/]+):(\d+)/(.+)", url).groups()
+        host, port, self.app, self.name = re.fullmatch(r"rtmp://([^:/]+):(\d+)/([^/]+)/?(.*)", url).groups()
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
@@ -48,18 +48,24 @@ class RtmpPlayer:
             data += more
         return data
 
+    def send(self, data):
+        self.socket.sendall(data)
+
     def play(self):
-        self.socket.sendall(b"\3" + bytes(1536))
+        self.send(b"\3" + bytes(1536))
         self.read(1 + 2 * 1536)
-        self.socket.sendall(bytes(1536))
-        self.command("connect", 0, b"\3\0\3app" + string(self.name.encode()) + b"\0\0\x09")
+        self.send(bytes(1536))
+        self.ask()
+
+    def ask(self):
+        self.command("connect", 0, b"\3\0\3app" + string(self.app.encode()) + b"\0\0\x09")
         self.command("createStream", 0, b"\5")
-        self.command("play", 1, b"\5" + string(b""))
+        self.command("play", 1, b"\5" + string(self.name.encode()))
 
     def command(self, name, stream, arguments):
         body = string(name.encode()) + b"\0" + bytes(8) + arguments
         head = b"\3\0\0\0" + len(body).to_bytes(3, "big") + bytes([COMMAND]) + struct.pack("<I", stream)
-        self.socket.sendall(head + b"\xc3".join(body[at:at + 128] for at in range(0, len(body), 128)))
+        self.send(head + b"\xc3".join(body[at:at + 128] for at in range(0, len(body), 128)))
 
     def message(self):
         """The next one: type, timestamp, body."""
