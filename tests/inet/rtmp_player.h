@@ -28,7 +28,7 @@ inline std::string name(std::string_view text) { return big_endian(text.size(), 
 inline std::string text(std::string_view text) {
     return text.size() < 65536 ? "\2" + name(text) : ("\x0c" + big_endian(text.size(), 4)).append(text);
 }
-inline std::string number(double value) { return big_endian(std::bit_cast<uint64_t>(value), 9); }
+inline std::string number(double value) { return std::string(1, 0) + big_endian(std::bit_cast<uint64_t>(value), 8); }
 inline std::string null() { return "\5"; }
 inline std::string object(const std::string& properties) { return "\3" + properties + big_endian(9, 3); }
 

@@ -169,7 +169,7 @@ public:
     buf_t* send_buffer() noexcept;
 
     // Commands and messages. The session sends them by itself; each may be sent once more after the handshake.
-    // @return 1; 0 when nothing was sent: before the handshake, after the end, the body would exceed 128 KiB, the output
+    // @return 1; 0 when nothing was sent: before the handshake, after the end, the body would have no byte or exceed 128 KiB, the output
     //         its bound, or memory is out
 
     int send_connect_packet() noexcept;

@@ -59,7 +59,9 @@ void copy_printable(std::string_view from, std::span<char> to) noexcept {
 
 /// Of a command that cannot be sent the session has no use.
 void session::require(bool sent) noexcept {
-    if (!sent) end(rtmp_end_t::failed, "no memory, or more to be sent than may be");
+    if (sent) return;
+    if (full_) end(rtmp_end_t::bad_peer, "the server does not read what it is answered");
+    end(rtmp_end_t::failed, "no memory, or more to be sent than may be");
 }
 
 void session::refuse(rtmp_end_t why, const char* what, const Variant& info) noexcept {
