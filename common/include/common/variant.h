@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 #include <type_traits>
 
@@ -48,10 +49,18 @@ class INET_API Variant {
 public:
     class Entry;
     class map_t;
+    struct key_t;
 
     template <class T>
     class Iterator {
     public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = T;
+        using difference_type = std::ptrdiff_t;
+        using pointer = T*;
+        using reference = T&;
+
+        Iterator() noexcept = default;
         explicit Iterator(Entry* const* at) noexcept : at_(at) {}
         T& operator*() const noexcept { return **at_; }
         T* operator->() const noexcept { return *at_; }
@@ -59,10 +68,11 @@ public:
             ++at_;
             return *this;
         }
+        Iterator operator++(int) noexcept { return Iterator(at_++); }
         bool operator==(const Iterator&) const noexcept = default;
 
     private:
-        Entry* const* at_;
+        Entry* const* at_ = nullptr;
     };
 
     /// Null.
@@ -72,7 +82,9 @@ public:
     Variant& operator=(const Variant& other) noexcept;
     /// The other one is null afterwards.
     Variant& operator=(Variant&& other) noexcept;
-    ~Variant() { Reset(); }
+    ~Variant() {
+        if (holds_memory()) Reset();
+    }
 
     /// A bool or a number; 64-bit integers keep 53 bits.
     template <class T>
@@ -110,6 +122,16 @@ public:
     const Variant& operator[](std::string_view key) const noexcept;
     const Variant& operator[](uint32_t index) const noexcept;
 
+    /// For readers of many entries: appends one without a look at those that are there, which takes constant time. It
+    /// is null. Until Settle() only Append() and Share() may be called, and values of entries be changed. Settle() puts
+    /// the entries in order and keeps the last one of each key. @return null when memory is out: the map is lost then.
+    Variant* Append(std::string_view key) noexcept;
+    Variant* Append(uint32_t index) noexcept;
+    void Settle() noexcept;
+    /// A copy in constant time that shares the entries until either side changes. No reference into this value may be
+    /// used to change it afterwards.
+    Variant Share() noexcept;
+
     /// Without regard to the case of A-Z unless `case_sensitive`.
     bool HasKey(std::string_view key, bool case_sensitive = true) const noexcept;
     void RemoveKey(std::string_view key) noexcept;
@@ -143,8 +165,6 @@ public:
     Iterator<const Entry> end() const noexcept { return Iterator<const Entry>(peek() + MapSize()); }
 
 private:
-    friend class VariantBuilder;  // variant_builder.h: for readers of many entries
-
     template <class T>
     static constexpr variant_type_t number_type() noexcept {
         if constexpr (std::is_same_v<T, bool>) return variant_bool;
@@ -152,17 +172,29 @@ private:
         constexpr int size = sizeof(T) == 1 ? 0 : sizeof(T) == 2 ? 1 : sizeof(T) == 4 ? 2 : 3;
         return static_cast<variant_type_t>((std::is_signed_v<T> ? variant_int8 : variant_uint8) + size);
     }
+    bool holds_memory() const noexcept {
+        return IsMap() || (IsText() && length_ > short_size) || (type_ == variant_lost && length_ != 0);
+    }
+    bool IsText() const noexcept { return type_ == variant_string || type_ == variant_byte_array; }
     Variant& set_number(variant_type_t type, double value) noexcept;
-    Variant& lose() noexcept;
+    void take(Variant& other) noexcept;
+    Variant& set_text(variant_type_t type, std::string_view text) noexcept;
+    void lose() noexcept;
     map_t* own_map() noexcept;
+    Variant* append(const key_t& key) noexcept;
+    Variant& at(const key_t& key) noexcept;
+    const Variant& find(const key_t& key) const noexcept;
+    static Variant& sink() noexcept;
     Entry* const* first() noexcept;
     Entry* const* peek() const noexcept;
 
     static constexpr uint32_t short_size = 16;
 
     variant_type_t type_;
-    bool array_;       // of maps
-    uint32_t length_;  // of strings and byte arrays: up to short_size the bytes stand in `short_`
+    bool array_;  // of maps
+    uint32_t
+        length_;  // of strings and byte arrays: up to short_size the bytes stand in `short_`. Of a lost value: 1 when
+                  // it still holds its map, into which references may lead
     union {
         double number_;  // bools, too
         int64_t seconds_;

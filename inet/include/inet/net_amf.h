@@ -18,8 +18,8 @@ struct amf_val {
 /// @param out  receives a record for a string; else it stays as it was
 /// @return bytes consumed:
 ///   - a string: 3 and its length; 0 when the bytes are cut short or memory is out,
-///   - an object: all up to and with its end; 0 when that is not there, or above 64 levels. A property of an unknown
-///     type is passed over byte by byte, up to the next end of an object: then it is 0, too,
+///   - an object: all up to and with its end; 0 when that is not there. Behind a property that cannot be read (an
+///     unknown type, one cut short, nesting above 64 levels) the end is the next one that is found byte by byte,
 ///   - any other marker: 1,
 ///   - null or no bytes: 0.
 INET_API int net_amf_read(const uint8_t* data, uint64_t length, amf_val*& out, const char* file, int line) noexcept;

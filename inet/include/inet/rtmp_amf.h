@@ -6,10 +6,11 @@
 /// may be partly filled. After a failed write the buffer ends as it did before. Reads fail:
 ///     - when the body is too short,
 ///     - at a marker that the table of the class does not name,
-///     - at a reference beyond its table, and at one to an object that is still being read,
+///     - at a reference beyond its table (one to an object that is still being read is null),
 ///     - above a bound,
 ///     - when memory is out.
-/// Writes fail for a value of a kind that the class does not name (a lost Variant among them), above the nesting, and
+/// Writes fail for a value of a kind that the class does not name (a lost Variant among them), above the nesting, for a name
+/// that the encoding cannot carry (AMF0: above 65,535 bytes, AMF3: an empty one), and
 /// when memory is out.
 ///
 /// Bounds of one read (a body above one is refused). What is referred to counts each time that it is referred to. An
@@ -18,7 +19,7 @@
 ///     values    262,144
 ///     texts     32 MiB of strings, names and byte arrays
 /// Bounds of the four tables of an AMF3Serializer, over all of its reads:
-///     entries   65,536
+///     entries   262,144, names of members included
 ///     texts     32 MiB
 ///
 /// ReadX() reads a value without its marker. With `readType` it skips the marker first, and fails at another one.
@@ -165,6 +166,8 @@ public:
     class tables_t;
 
 private:
+    bool read_one(IOBuffer& buffer, Variant& value, bool with_marker, uint8_t marker) noexcept;
+
     tables_t* tables_ = nullptr;  // made when the first entry comes
     bool broken_ = false;         // a copy that memory was out for
 };

@@ -54,7 +54,7 @@ struct INET_API _Header {
 
 /// What was last sent on a chunk stream.
 struct _Channel {
-    _Header lastHeader;              ///< of the last message; `timestamp` as it was sent
+    _Header lastHeader;  ///< of the last message; `timestamp` as it was sent. ChunkBuffer() needs its channelId
     uint32_t streamId = UINT32_MAX;  ///< UINT32_MAX before the first message, which thus gets a whole header
     uint32_t absoluteTime = 0;       ///< of the last message
     uint32_t sentBytes = 0;          ///< of the body of the current message; 0 between messages
@@ -106,9 +106,9 @@ public:
     bool DeserializeSharedObject(IOBuffer& body, Variant& message) noexcept;
 
     /// "RM_USRCTRL_TYPE_STREAM_BEGIN" of 0; "#unknownUCT(N)" of an unknown type.
-    static std::string GetUserCtrlTypeString(unsigned short type);
+    static std::string GetUserCtrlTypeString(unsigned short type) noexcept;
     /// "SOT_CS_CONNECT" of 1; "#unknownSOP(N)" of an unknown code.
-    static std::string GetSOPrimitiveString(unsigned char code);
+    static std::string GetSOPrimitiveString(unsigned char code) noexcept;
 
 private:
     AMF0Serializer amf0_;

@@ -141,6 +141,17 @@ public:
 private:
     struct channel_t;
 
+    channel_t* find(uint32_t id) noexcept;
+    channel_t* open(uint32_t id) noexcept;
+    bool fail(chunk_fault_t why) noexcept;
+    bool head_has(uint32_t wanted, std::span<const uint8_t>& input) noexcept;
+    void read_head(std::span<const uint8_t>& input, chunk_owner& owner) noexcept;
+    void begin_chunk(channel_t& channel, uint32_t format, const uint8_t* fields, uint32_t time,
+                     chunk_owner& owner) noexcept;
+    void read_body(std::span<const uint8_t>& input, chunk_owner& owner) noexcept;
+    void end_chunk(channel_t& channel, std::span<const uint8_t> body, chunk_owner& owner) noexcept;
+    bool keep(channel_t& channel, std::span<const uint8_t> bytes) noexcept;
+
     settings_t settings_;
     core::place where_;
     core::vector<channel_t> channels_;
@@ -149,6 +160,7 @@ private:
     std::array<uint8_t, max_chunk_header> head_{};  // of the chunk that is being read, as far as it has come
     uint32_t head_length_ = 0;
     uint32_t chunk_left_ = 0;  // bytes of the body in the current chunk that have not come
+    uint32_t last_ = 0;        // place of the channel that was found last
     uint32_t chunk_size_ = first_chunk_size;
     uint32_t held_ = 0;
     chunk_fault_t fault_ = chunk_fault_t::none;
