@@ -94,7 +94,7 @@ TEST(RtmpClient, AsksAsItIsSet) {
         string expected = string("\3\0\0\0", 4) + big_endian(body.size(), 3) + "\x14" + string(4, '\0');
         for (; body.size() > 128; body.erase(0, 128))
             expected += body.substr(0, 128) + "\xc3";
-        EXPECT_TRUE(player.sent.substr(0, 9).starts_with('\3'));
+        EXPECT_EQ(player.sent[0], 3);
         EXPECT_EQ(player.sent.substr(1537, 1536), string(1536, 's'));  // the echo of S1
         EXPECT_EQ(player.sent.substr(3073), expected + body);
         EXPECT_EQ(player.session->send_packet(3, 20, 0, {nullptr, 0}), 0) << "a message without a body";

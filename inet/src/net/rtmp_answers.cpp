@@ -130,7 +130,7 @@ void session::take_result(double id, const parameters_t& parameters) noexcept {
             return refuse(rtmp_end_t::refused, "the server refuses the application", info);
         }
         step = step_t::creating;
-        require(send_serverbw() && send_ctrl(3, 0, settings->buffer_ms) && send_create_stream());
+        require((told_window_ || send_serverbw()) && send_ctrl(3, 0, settings->buffer_ms) && send_create_stream());
     } else if (step == step_t::creating && id == create_id_) {
         created(parameters[1]);
     }
