@@ -11,7 +11,7 @@ namespace {
 using namespace test;
 using std::string;
 
-constexpr int audio = 8, video = 9, data = 18, aggregate = 22;
+constexpr uint8_t audio = 8, video = 9, data = 18, aggregate = 22;
 const string config = string("\x01\x42\xc0\x1e\xff\xe1\0\x03gSS\x01\0\x02hP", 16);  // SPS "gSS", PPS "hP"
 
 string sequence(const string& record = config) { return message(video, string("\x17\0\0\0\0", 5) + record); }
@@ -24,7 +24,7 @@ string picture(char kind, const string& nals, uint32_t time, int shown_after = 0
 }
 string sound(const string& body, uint32_t time = 0) { return message(audio, body, time); }
 /// A message inside another one.
-string tag(int type, const string& body, uint32_t time) {
+string tag(uint8_t type, const string& body, uint32_t time) {
     return big_endian(type, 1) + big_endian(body.size(), 3) + big_endian(time & 0xffffff, 3) +
            big_endian(time >> 24, 1) + big_endian(0, 3) + body + big_endian(11 + body.size(), 4);
 }

@@ -215,7 +215,7 @@ void session::process_fixed(uint32_t type, bytes_t body) noexcept {
 
 // Events that do not matter here may have another form.
 void session::process_ctrl(bytes_t body) noexcept {
-    const uint16_t event = body.size() < 2 ? control_ping : get16(body, 0);
+    const uint16_t event = body.size() < 2 ? uint16_t{control_ping} : get16(body, 0);
     if (event != control_ping && event != control_eof) return;
     if (body.size() < 6) return end(rtmp_end_t::bad_peer, "a user control message is cut short");
     const uint32_t value = get32(body, 2);
