@@ -162,6 +162,8 @@ TEST(RtmpClient, MakesFramesOfMedia) {
                    "c",
                    0xffffffe0),
          "playing [10\x12\x10@44100/2] a@0 b@32 [7|gSS|hP] c@-16 |gSS|hP|eK@48K "},
+        {sound("\x82u", 0x7ffffff0) + sound("\x82v", 0x10) + sound("\x82w", 0x80000020),
+         "playing [8@8000/1] u@0 v@32 w@48 "},
         {message(aggregate,
                  tag(audio, string("\xaf\0\x12\x10", 4), 7) + tag(audio, "\xaf\1a", 7) + tag(data, "", 8) +
                      tag(audio, "\xaf\1b", 27),

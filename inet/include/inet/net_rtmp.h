@@ -29,8 +29,9 @@
 ///     anything else  left out; on_rtmp_track() with `fcc` 0 tells once
 /// Pictures and AAC that come before their sequence header are left out. Messages of type 22 are taken apart.
 ///
-/// Times: the first frame of all tracks has media time 0. Timestamps go on over the wrap of their 32 bits. One that is
-/// earlier than that of the first frame gives a negative media time. Where the server's timestamps jump, media time does.
+/// Times: the first frame of all tracks has media time 0. Timestamps go on over the wrap of their 32 bits, or 31, as
+/// some servers have it. One that is earlier than that of the first frame gives a negative media time. Where the server's
+/// timestamps jump, media time does.
 ///
 /// Threads: all calls belong to one thread, with connect() to the network thread. Every call may be made inside a
 /// callback, destroy() too, but process() and connect() may not.
