@@ -11,7 +11,7 @@ namespace {
 using namespace test;
 using std::string;
 
-constexpr int audio = 8, video = 9, data = 18, aggregate = 22;
+constexpr uint8_t audio = 8, video = 9, data = 18, aggregate = 22;
 const string config = string("\x01\x42\xc0\x1e\xff\xe1\0\x03gSS\x01\0\x02hP", 16);  // SPS "gSS", PPS "hP"
 
 string sequence(const string& record = config) { return message(video, string("\x17\0\0\0\0", 5) + record); }
@@ -24,7 +24,7 @@ string picture(char kind, const string& nals, uint32_t time, int shown_after = 0
 }
 string sound(const string& body, uint32_t time = 0) { return message(audio, body, time); }
 /// A message inside another one.
-string tag(int type, const string& body, uint32_t time) {
+string tag(uint8_t type, const string& body, uint32_t time) {
     return big_endian(type, 1) + big_endian(body.size(), 3) + big_endian(time & 0xffffff, 3) +
            big_endian(time >> 24, 1) + big_endian(0, 3) + body + big_endian(11 + body.size(), 4);
 }
@@ -94,7 +94,7 @@ TEST(RtmpClient, AsksAsItIsSet) {
         string expected = string("\3\0\0\0", 4) + big_endian(body.size(), 3) + "\x14" + string(4, '\0');
         for (; body.size() > 128; body.erase(0, 128))
             expected += body.substr(0, 128) + "\xc3";
-        EXPECT_TRUE(player.sent.substr(0, 9).starts_with('\3'));
+        EXPECT_EQ(player.sent[0], 3);
         EXPECT_EQ(player.sent.substr(1537, 1536), string(1536, 's'));  // the echo of S1
         EXPECT_EQ(player.sent.substr(3073), expected + body);
         EXPECT_EQ(player.session->send_packet(3, 20, 0, {nullptr, 0}), 0) << "a message without a body";
@@ -162,6 +162,8 @@ TEST(RtmpClient, MakesFramesOfMedia) {
                    "c",
                    0xffffffe0),
          "playing [10\x12\x10@44100/2] a@0 b@32 [7|gSS|hP] c@-16 |gSS|hP|eK@48K "},
+        {sound("\x82u", 0x7ffffff0) + sound("\x82v", 0x10) + sound("\x82w", 0x80000020),
+         "playing [8@8000/1] u@0 v@32 w@48 "},
         {message(aggregate,
                  tag(audio, string("\xaf\0\x12\x10", 4), 7) + tag(audio, "\xaf\1a", 7) + tag(data, "", 8) +
                      tag(audio, "\xaf\1b", 27),

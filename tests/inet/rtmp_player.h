@@ -28,13 +28,13 @@ inline std::string name(std::string_view text) { return big_endian(text.size(), 
 inline std::string text(std::string_view text) {
     return text.size() < 65536 ? "\2" + name(text) : ("\x0c" + big_endian(text.size(), 4)).append(text);
 }
-inline std::string number(double value) { return big_endian(std::bit_cast<uint64_t>(value), 9); }
+inline std::string number(double value) { return std::string(1, 0) + big_endian(std::bit_cast<uint64_t>(value), 8); }
 inline std::string null() { return "\5"; }
 inline std::string object(const std::string& properties) { return "\3" + properties + big_endian(9, 3); }
 
 // Messages, in chunks that are longer than they are.
 
-inline std::string message(int type, const std::string& body, uint32_t time = 0, uint32_t stream = 1) {
+inline std::string message(uint8_t type, const std::string& body, uint32_t time = 0, uint32_t stream = 1) {
     const bool extended = time >= 0xffffff;
     std::string out =
         "\4" + big_endian(extended ? 0xffffff : time, 3) + big_endian(body.size(), 3) + big_endian(type, 1);
@@ -49,7 +49,7 @@ inline std::string status(std::string_view called, double id, std::string_view c
     return command(called, id, null() + object(name("level") + text(level) + name("code") + text(code)));
 }
 /// S0, S1 and S2.
-inline std::string hello() { return "\3" + std::string(2 * 1536, 's'); }
+inline std::string hello() { return "\3" + std::string(size_t{2} * 1536, 's'); }
 /// From the handshake to where media may come.
 inline std::string agreed() {
     return hello() + message(1, big_endian(0x400000, 4)) + status("_result", 1, "NetConnection.Connect.Success") +

@@ -19,28 +19,32 @@
 ///                      A lost connection is told to close()
 ///
 /// What becomes of media (Adobe Flash Video File Format 10.1, Annex E.4):
-///     video 7        "H264": the pictures of a message in Annex B form, the parameter sets of the sequence header before
-///                    each key picture that has none of its own. Messages with one timestamp are one picture: it is
-///                    handed over when the next picture begins. flush() hands it over when none comes
+///     video 7        "H264": pictures in Annex B form. The parameter sets, of the sequence header and of messages, stand
+///                    once before each key picture, and before another one when they have changed. Messages with one
+///                    timestamp are one picture, unless a slice among them begins another. It is handed over when the
+///                    next one begins. flush() hands it over when none comes
 ///     audio 10       "mp4a": raw AAC, one access unit a frame
 ///     audio 2, 14    "mp3 "
 ///     audio 7, 8     "PCMA", "PCMU"
 ///     anything else  left out; on_rtmp_track() with `fcc` 0 tells once
 /// Pictures and AAC that come before their sequence header are left out. Messages of type 22 are taken apart.
 ///
-/// Times: the first frame of all tracks has media time 0. Timestamps go on over the wrap of their 32 bits. One that is
-/// earlier than that of the first frame gives a negative media time.
+/// Times: the first frame of all tracks has media time 0. Timestamps go on over the wrap of their 32 bits, or 31, as
+/// some servers have it. One that is earlier than that of the first frame gives a negative media time. Where the server's
+/// timestamps jump, media time does.
 ///
 /// Threads: all calls belong to one thread, with connect() to the network thread. Every call may be made inside a
 /// callback, destroy() too, but process() and connect() may not.
 ///
 /// Bounds for one peer:
-///     input          8 MiB over all channels together, and the 64 KiB of net::Tcp
-///       command, data message, user control    64 KiB; a longer data message is skipped
+///     input          8 MiB over all channels together, 64 channels, and the 64 KiB of net::Tcp
+///       command, data message, user control    64 KiB, and 4 MiB of values made of it until the call returns; a longer
+///                                              data message is skipped
 ///     picture        8 MiB in all its messages
 ///     parameter sets, AudioSpecificConfig      64 KiB, 64 bytes
 ///     unread output  256 KiB
-/// A peer that exceeds a bound, or breaks the protocol, ends the session with rtmp_end_t::bad_peer.
+/// A peer that exceeds a bound, or breaks the protocol, ends the session with rtmp_end_t::bad_peer. How long a silent
+/// one is waited for is the owner's matter: received() tells whether anything came.
 #pragma once
 
 #include "avc/frame.h"
@@ -169,7 +173,7 @@ public:
     buf_t* send_buffer() noexcept;
 
     // Commands and messages. The session sends them by itself; each may be sent once more after the handshake.
-    // @return 1; 0 when nothing was sent: before the handshake, after the end, the body would exceed 128 KiB, the output
+    // @return 1; 0 when nothing was sent: before the handshake, after the end, the body would have no byte or exceed 128 KiB, the output
     //         its bound, or memory is out
 
     int send_connect_packet() noexcept;

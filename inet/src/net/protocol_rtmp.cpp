@@ -119,7 +119,8 @@ void ProtocolRtmp::inside::on_tcp_closed(Tcp*, int error) noexcept {
     if (step == step_t::connecting) {
         end(rtmp_end_t::no_connection, "%s cannot be reached", target.host);
     } else {
-        end(rtmp_end_t::lost, "%s closed the connection", target.host);
+        const bool agreed = step == step_t::playing;
+        end(rtmp_end_t::lost, "%s closed the connection%s", target.host, agreed ? "" : " instead of playing");
     }
 }
 

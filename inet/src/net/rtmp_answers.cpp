@@ -59,7 +59,9 @@ void copy_printable(std::string_view from, std::span<char> to) noexcept {
 
 /// Of a command that cannot be sent the session has no use.
 void session::require(bool sent) noexcept {
-    if (!sent) end(rtmp_end_t::failed, "no memory, or more to be sent than may be");
+    if (sent) return;
+    if (full_) end(rtmp_end_t::bad_peer, "the server does not read what it is answered");
+    end(rtmp_end_t::failed, "no memory, or more to be sent than may be");
 }
 
 void session::refuse(rtmp_end_t why, const char* what, const Variant& info) noexcept {
@@ -128,7 +130,7 @@ void session::take_result(double id, const parameters_t& parameters) noexcept {
             return refuse(rtmp_end_t::refused, "the server refuses the application", info);
         }
         step = step_t::creating;
-        require(send_serverbw() && send_ctrl(3, 0, settings->buffer_ms) && send_create_stream());
+        require((told_window_ || send_serverbw()) && send_ctrl(3, 0, settings->buffer_ms) && send_create_stream());
     } else if (step == step_t::creating && id == create_id_) {
         created(parameters[1]);
     }

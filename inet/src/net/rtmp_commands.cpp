@@ -71,11 +71,11 @@ bool session::make_tc_url(core::owned_text& out) const noexcept {
 }
 
 bool session::send_packet(uint32_t channel, uint8_t type, uint32_t to, bytes_t body) noexcept {
-    if (step < step_t::asking || ended() || body.size() > longest_packet) return false;
+    if (step < step_t::asking || ended() || body.empty() || body.size() > longest_packet) return false;
     const message_t message = {
         .channel = channel, .type = type, .stream = to, .length = static_cast<uint32_t>(body.size())};
-    if (output.length + chunked_size(message, first_chunk_size) > most_output) return false;
-    if (!write_message(output, message, {body}, first_chunk_size)) return false;
+    full_ = output.length + chunked_size(message, first_chunk_size) > most_output;
+    if (full_ || !write_message(output, message, {body}, first_chunk_size)) return false;
     news = true;
     return true;
 }

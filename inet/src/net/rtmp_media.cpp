@@ -59,8 +59,9 @@ media::~media() {
     core_buf_free(&picture_.bytes);
 }
 
+// Some senders wrap after 31 bits. A step is far below that, so that it is the same whichever they do.
 int64_t media::clock_t::take(uint32_t timestamp) noexcept {
-    if (begun) since_first += static_cast<int32_t>(timestamp - last);
+    if (begun) since_first += static_cast<int32_t>((timestamp - last) << 1) >> 1;
     begun = true;
     last = timestamp;
     return since_first * 1000;

@@ -213,20 +213,15 @@ void session::process_fixed(uint32_t type, bytes_t body) noexcept {
     }
 }
 
+// Events that do not matter here may have another form.
 void session::process_ctrl(bytes_t body) noexcept {
+    const uint16_t event = body.size() < 2 ? uint16_t{control_ping} : get16(body, 0);
+    if (event != control_ping && event != control_eof) return;
     if (body.size() < 6) return end(rtmp_end_t::bad_peer, "a user control message is cut short");
     const uint32_t value = get32(body, 2);
-    switch (get16(body, 0)) {
-        case control_ping:
-            require(send_pong(value));
-            return;
-        case control_eof:
-            // Servers also say so of what was played before.
-            if (value == stream && media_.begun()) end(rtmp_end_t::ended, "the server has ended the stream");
-            return;
-        default:
-            return;
-    }
+    if (event == control_ping) return require(send_pong(value));
+    // Servers also say so of what was played before.
+    if (value == stream && media_.begun()) end(rtmp_end_t::ended, "the server has ended the stream");
 }
 
 // Some servers say nothing before they send.

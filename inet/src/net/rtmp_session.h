@@ -144,6 +144,7 @@ private:
     IOBuffer read_;  ///< a command or data message that came
     IOBuffer body_;  ///< a command that goes out
     bool body_whole_ = true;
+    bool full_ = false;  ///< the output was at its bound
     log_ctx* log_;
     uint32_t number_;
 
