@@ -204,6 +204,8 @@ buffer_t Chunks::insides::head() noexcept {
     return {head_.data, head_.length};
 }
 
+// At time 0, wherever the player begins: there players that keep to FLV look for what a stream is. Later on they take it
+// for a track of texts.
 bool Chunks::insides::put_metadata() noexcept {
     metadata_t known{.width = width_, .height = height_, .video = sps_.length > 0};
     known.sound = sound_ == av::fcc_mp4a ? flv::codec_aac
@@ -213,7 +215,7 @@ bool Chunks::insides::put_metadata() noexcept {
     time_format(time_, "%Y-%m-%d %H:%M:%S.%s", known.date, sizeof known.date);
     head_body_.IgnoreAll();
     return put_metadata_body(known, head_body_) &&
-           write_message(head_, data_message(timestamp), {head_body_.Readable()}, media_chunk_size);
+           write_message(head_, data_message(0), {head_body_.Readable()}, media_chunk_size);
 }
 
 bool Chunks::insides::put_headers() noexcept {

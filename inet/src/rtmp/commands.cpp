@@ -23,11 +23,10 @@ const Variant& parameter(const Variant& message, uint32_t index) noexcept {
 
 double id_of(const Variant& message) noexcept { return static_cast<double>(message["invoke"]["id"]); }
 
-std::string_view text_of(const Variant& value) noexcept { return static_cast<std::string_view>(value); }
-
-/// An empty text for nothing.
-core::owned_text copy(std::string_view text, const char* file, int line) noexcept {
-    return core::owned_text(core_strndup(text.empty() ? "" : text.data(), text.size(), file, line));
+/// Empty for what the player has left out.
+std::string_view text_of(const Variant& value) noexcept {
+    const auto text = static_cast<std::string_view>(value);
+    return text.data() ? text : std::string_view("");
 }
 
 double number_or(const Variant& value, double otherwise) noexcept {
@@ -141,7 +140,8 @@ bool Rtmp::insides::reject(double number, const char* description) noexcept {
 bool Rtmp::insides::connect(Variant& message) noexcept {
     const Variant& wishes = parameter(message, 0);
     const auto keep = [&](core::owned_text& text, const char* key) {
-        text = copy(text_of(wishes[key]), file, line);
+        const std::string_view value = text_of(wishes[key]);
+        text.reset(core_strndup(value.data(), value.size(), file, line));
         return text != nullptr;
     };
     if (!keep(app_, "app") || !keep(tc_url_, "tcUrl")) return false;
@@ -200,11 +200,11 @@ bool Rtmp::insides::play(Variant& message) noexcept {
         return false;
     }
     const std::string_view name = text_of(parameter(message, 1));
-    const core::owned_text kept = copy(name, file, line);
-    if (!kept || !raise_chunk_size()) return false;
+    const core::owned_text copy(core_strndup(name.data(), name.size(), file, line));
+    if (!copy || !raise_chunk_size()) return false;
     const play_t wish{.app = app_.get(),
                       .tc_url = tc_url_.get(),
-                      .name = kept.get(),
+                      .name = copy.get(),
                       .start = number_or(parameter(message, 2), -2),
                       .length = number_or(parameter(message, 3), -1)};
     core_log_print(log, "%u: Play request for stream name `%s`. Start: %.0f; length: %.0f", id, wish.name, wish.start,
