@@ -16,10 +16,10 @@
 /// Bounds of one read (a body above one is refused). What is referred to counts each time that it is referred to. An
 /// announced count or length reserves nothing: a body that cannot hold it is refused when it ends.
 ///     nesting   64 levels, references included; the same for writes
-///     values    262,144
+///     values    131,072, which with their maps take at most 300 bytes each
 ///     texts     32 MiB of strings, names and byte arrays
 /// Bounds of the four tables of an AMF3Serializer, over all of its reads:
-///     entries   262,144, names of members included
+///     entries   131,072, names of members included
 ///     texts     32 MiB
 ///
 /// ReadX() reads a value without its marker. With `readType` it skips the marker first, and fails at another one.

@@ -20,7 +20,7 @@ inline constexpr uint32_t max_nesting = 64;
 
 // What one message may still make us hold.
 struct budget_t {
-    uint32_t values = 262144;
+    uint32_t values = 131072;
     uint32_t texts = 32U << 20;
 
     bool take(uint32_t more_values, uint64_t more_texts) noexcept {
