@@ -1,5 +1,5 @@
 // A chunk stream gives the same messages whatever pieces it comes in, within its bound. A message that the serializer
-// reads and writes comes back the same through another reader. The first byte of the input is the size of the pieces,
+// reads and writes comes back through another reader. The first byte of the input is the size of the pieces,
 // the second tells whose bounds hold: a server's or a client's.
 #include "fuzz.h"
 #include "rtmp/chunks.h"
@@ -61,8 +61,10 @@ private:
         IOBuffer out;
         if (!serializer_.Serialize(channel, tree, out, first_chunk_size)) return;
         owner_t other(false, false);
-        // What is written may be longer than what came, and a channel above the server's is a client's.
-        if (other.read(out.Readable(), SIZE_MAX) && !fuzz::starved) require(other.heard.size() > 0 || out.Size() == 0);
+        // What is written may be longer than what came. Values may change, see amf_again.h; numbers may not.
+        if (!other.read(out.Readable(), SIZE_MAX) || fuzz::starved || out.Size() == 0) return;
+        const bool values = static_cast<uint32_t>(tree["header"]["messageType"]) > message_peer_bandwidth;
+        require(values || other.heard.find(test::tree(tree)) != std::string::npos);
     }
 
     RTMPSerializer serializer_;

@@ -4,7 +4,7 @@
 // session that is closed or destroyed from inside the call that the sum picks.
 #include "fuzz.h"
 
-#include "inet/rtmp_player.h"
+#include "inet/rtmp_owner.h"
 
 namespace {
 

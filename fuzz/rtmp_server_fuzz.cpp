@@ -45,8 +45,8 @@ public:
             open = taken;
             core_buf_free(&received);
             fuzz::require(session_->waiting() <= handshake_size + most_answers);
-            fuzz::require(core_mem_bytes() - before <= most_memory);
         }
+        fuzz::require(core_mem_bytes() - before <= most_memory);
         feed();
         fuzz::require(open || !session_->playing());
     }

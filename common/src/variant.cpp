@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::string_view index_prefix = "__index__value__";
 
-constexpr size_t first_room = 8;  // entries: most maps have fewer
+constexpr size_t first_room = 8;                                // entries: most maps have fewer
 constexpr int64_t seconds_in_period = int64_t{146097} * 86400;  // 400 years, after which the calendar repeats
 constexpr int64_t year_0 = -62167219200;
 constexpr int64_t year_10000 = 253402300800;
@@ -180,7 +180,11 @@ Variant& Variant::sink() noexcept {
 
 // Of a null value alone.
 void Variant::take(Variant& other) noexcept {
-    if (this == &sink() || &other == &sink()) return;
+    if (type_ == variant_lost) return;  // the sink
+    if (other.type_ == variant_lost && &other == &sink()) {
+        type_ = variant_lost;
+        return;
+    }
     std::memcpy(static_cast<void*>(this), &other, sizeof(*this));
     other.type_ = variant_null;
 }

@@ -1,6 +1,6 @@
 #include "inet/net_rtmp.h"
 
-#include "rtmp_player.h"
+#include "rtmp_owner.h"
 #include "support/network_thread.h"
 #include "support/sockets.h"
 

@@ -88,6 +88,8 @@ class Players(ViewerCase, CameraCase):
             ffmpeg("-i", url.replace("rtmp://", "rtmp://me:secret@"), "-t", "1", "-f", "null", "-")
             with self.assertRaises(Failed):
                 ffmpeg("-i", url.replace("rtmp://", "rtmp://me:wrong@"), "-t", "1", "-f", "null", "-")
+            self.view(url, "--user", "me", "--password", "secret", "--duration", "1", "-o", "a.h264")
+            self.refuse(4, url, "--user", "me", "--password", "wrong")
             self.refuse(4, url)
 
 

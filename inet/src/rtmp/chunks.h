@@ -45,7 +45,8 @@ struct message_t {
 // Bytes of the longest header of a chunk: basic, message, extended timestamp.
 inline constexpr uint32_t max_chunk_header = 3 + 11 + 4;
 
-// Writes a basic header. Returns its bytes, 1 to 3; 0 for a channel of channel_ids and above.
+// Writes a basic header. The number of the three-byte form has its high byte first; chunk_reader takes it so, too.
+// Returns its bytes, 1 to 3; 0 for a channel of channel_ids and above.
 uint32_t put_basic_header(uint8_t* at, uint32_t format, uint32_t channel) noexcept;
 // Writes basic header, message header and extended timestamp of a format. `time` is what the field of the format holds.
 // Format 3 writes the extended timestamp of `time`, too. Returns the bytes; 0 for a channel of channel_ids and above.
@@ -106,15 +107,15 @@ enum class chunk_fault_t : uint8_t {
 //     is given up, and another one begins.
 //   - Format 3 begins a message with the time step of the message before. After format 0 the step is that time.
 //
-// Bounds: settings_t::max_channels records of at most 64 bytes, settings_t::max_bytes of bodies over all channels.
+// Bounds: settings_t::max_channels records of at most 128 bytes, settings_t::max_bytes of bodies over all channels.
 class chunk_reader {
 public:
     struct settings_t {
         uint32_t ids = channel_ids;  // chunk stream ids below it are taken
         bool three_byte_ids = true;  // whether their form is understood
         uint32_t max_channels = 64;  // in use, over the whole connection
-        uint32_t max_bytes =
-            4U << 20;  // of bodies, held over all channels; a longer message that is kept fails at its header
+        // Of bodies, held over all channels. A longer message that is kept fails at its header.
+        uint32_t max_bytes = 4U << 20;
     };
 
     explicit chunk_reader(const settings_t& settings, core::place where = core::place::here()) noexcept;

@@ -1,6 +1,7 @@
 /// Watchers fetch a source over the network. They hand its frames to a callback or push them into a stream. Sources are
 ///     rtsp://
-///     rtmp://    H.264, AAC, MP3 and G.711; the connection is not encrypted, and user and password are not sent
+///     rtmp://    H.264, AAC, MP3 and G.711; the connection is not encrypted; a server may ask
+///                for user and password by "authmod=adobe"
 ///     http://    multipart streams: JPEG pictures, H.264 pictures in Annex B form, a picture a part, and G.711 µ-law
 ///                sound. Their frames have the time at which they come
 ///

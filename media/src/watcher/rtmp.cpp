@@ -1,9 +1,11 @@
 #include "watcher/rtmp.h"
 
 #include "watcher/address.h"
+#include "watcher/rtmp_login.h"
 
 #include "avc/fcc.h"
 #include "common/variant.h"
+#include "core/text.h"
 #include "core/time.h"
 
 #include <algorithm>
@@ -50,11 +52,22 @@ outcome_t outcome_of(net::rtmp_end_t why) noexcept {
 
 void rtmp_attempt::start() noexcept {
     deadline_ = core_timer() + wanted_.timeout;
-    rtmp_.reset(net::ProtocolRtmp::create(CORE_HERE));
-    if (!rtmp_ || !rtmp_->parse_url(wanted_.address.uri.get())) return end({outcome_t::failed, "no memory"});
-    rtmp_->init(this);
     wanted_.lookup.begin(wanted_.address.host);
     connect();
+}
+
+/// @return false when memory is out
+bool rtmp_attempt::open() noexcept {
+    const address_t& to = wanted_.address;
+    rtmp_.reset(net::ProtocolRtmp::create(CORE_HERE));
+    if (!rtmp_ || !rtmp_->parse_url(to.uri.get())) return false;
+    rtmp_->init(this);
+    if (!login_) return true;
+    const core::owned_text application(core_sprintf(CORE_HERE, "%s%s", rtmp_->application(), login_.get()));
+    const core::owned_text url(
+        application ? core_sprintf(CORE_HERE, "rtmp://%s:%u/%s", to.host, unsigned{to.port}, application.get())
+                    : nullptr);
+    return url && rtmp_->set({.tc_url = url.get(), .application = application.get()});
 }
 
 /// As soon as the address of the host is known.
@@ -62,6 +75,7 @@ void rtmp_attempt::connect() noexcept {
     if (wanted_.lookup.state() == name_lookup::state_t::running) return;
     if (wanted_.lookup.state() != name_lookup::state_t::found)
         return end({outcome_t::no_connection, "no such host: %s", wanted_.address.host});
+    if (!open()) return end({outcome_t::failed, "no memory"});
     stage_ = stage_t::asking;
     if (rtmp_->connect(wanted_.nt, wanted_.lookup.address()) != 0)
         end({outcome_t::no_connection, "cannot connect to %s:%u", wanted_.address.host,
@@ -104,7 +118,17 @@ void rtmp_attempt::end(const ending_t& result) noexcept {
     owner_.ended();
 }
 
+// A server that asks for the password is connected to again, twice.
 void rtmp_attempt::on_rtmp_ended(net::ProtocolRtmp*, net::rtmp_end_t why, const char* text) noexcept {
+    constexpr unsigned most_logins = 2;
+    if (why == net::rtmp_end_t::refused && logins_ < most_logins) {
+        login_ = rtmp_login(text, wanted_.address.user.get(), wanted_.address.password.get());
+        ++logins_;
+        if (login_) {
+            stage_ = stage_t::looking_up;  // tick() goes on
+            return;
+        }
+    }
     end({outcome_of(why), "%s", text});
 }
 

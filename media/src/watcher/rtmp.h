@@ -49,6 +49,7 @@ private:
     void on_rtmp_frame(net::ProtocolRtmp* rtmp, const av::frame_t& frame, int64_t media_time) noexcept override;
     void on_rtmp_ended(net::ProtocolRtmp* rtmp, net::rtmp_end_t why, const char* text) noexcept override;
 
+    bool open() noexcept;
     void connect() noexcept;
     bool waits_for_tracks(int64_t media_time) const noexcept;
     bool hold(const av::frame_t& frame, int64_t media_time) noexcept;
@@ -65,6 +66,8 @@ private:
     held<net::ProtocolRtmp> rtmp_;
     stage_t stage_ = stage_t::looking_up;
     ending_t result_;
+    core::owned_text login_;  ///< what is said to the server of user and password
+    unsigned logins_ = 0;
     uint64_t deadline_ = 0;  ///< by core_timer()
     uint64_t last_frame_ = 0;
     bool has_frames_ = false;
