@@ -72,7 +72,8 @@ bool clip_graph::add_stream(const char* name, const std::vector<piece>& pieces, 
                             media::failure_t& error) {
     if (std::ranges::all_of(pieces, &std::string::empty, &piece::files)) return true;
     if (!graph_) graph_.reset(net::Graph::create(CORE_HERE));
-    media::stream* const stream = station.add_stream(name, whole_groups, &error);
+    if (!graph_) media::tell(&error, "no memory for the clip");
+    media::stream* const stream = graph_ ? station.add_stream(name, whole_groups, &error) : nullptr;
     if (!stream) return false;
     names_.emplace_back(name);
     return std::ranges::all_of(
@@ -82,7 +83,7 @@ bool clip_graph::add_stream(const char* name, const std::vector<piece>& pieces, 
 bool clip_graph::add_piece(const piece& played, media::stream& into, media::failure_t& error) {
     const net::cinfo_t__ node{"camera", into.name(), "clip", played.track, nullptr};
     const bool film = played.fcc == av::fcc_h264;
-    if (!graph_ || !graph_->add_device_media(&node, played.files.c_str(), film, played.fcc == 0, 0, 1)) return false;
+    if (!graph_->add_device_media(&node, played.files.c_str(), film, played.fcc == 0, 0, 1)) return false;
     media::format_t found;
     const std::string track = "camera_" + std::string(into.name()) + "_clip_" + played.track;
     if (!intakes_.emplace_back().open(track.c_str(), into, &found)) {

@@ -11,7 +11,8 @@ namespace media_module {
 std::shared_ptr<pacer> pacer::of_this_start() {
     static std::mutex lock;
     static std::vector<std::weak_ptr<pacer>> all;
-    const net::graph_start_t start = net_graph_start();
+    net::graph_start_t start = net_graph_start();
+    if (start.time == 0) start.time = core_timer();  // a host without a graph
     const std::lock_guard guard(lock);
     std::erase_if(all, [](const auto& each) { return each.expired(); });
     for (const auto& each : all) {
