@@ -1,9 +1,10 @@
 // Frames of any bytes in every format, packed for one stream and cut once for all: no packet breaks the limits, every
-// header is whole, and both ways give the same packets.
+// header is whole, and both ways give the same packets. So does the legacy sender for what it takes.
 #include "fuzz.h"
 #include "support/frames.h"
 
 #include "avc/fcc.h"
+#include "inet/net_rtp_sender.h"
 #include "inet/net_socket.h"
 #include "inet/rtp_packets.h"
 #include "inet/rtp_protocol.h"
@@ -56,6 +57,32 @@ struct stream_t : rtp::IRtp {
     bool last_marked = true;
 };
 
+/// The packets of the legacy sender, with the payload type that the others have.
+struct legacy_t : net::rtp::IRtp {
+    explicit legacy_t(const av::frame_t& from) : frame(from.data, from.data + from.size) {
+        object.seq = 0;
+        object.ssrc = 0x01020304;
+        object.set_handler(this);
+        object.pack(from.fcc, {frame.data(), from.size}, from.time);
+        const net::rtp::Rtp copy(object);
+        require(copy.octets == object.octets && (!copy.header.data || copy.header.data != object.header.data));
+    }
+
+    void on_rtp_event(net::rtp::Rtp* rtp, net::rtp::rtp_event_e event) noexcept override {
+        uint8_t* const header = rtp->header.data;
+        const auto [payload, size] = rtp->payload;
+        if (event == net::rtp::event_rtcp) return require(rtp->seq == 0 && rtp->header.size == 28 && !payload);
+        require((header[1] & 0x7F) == 97 && be16(header + 2) + 1 == rtp->seq);
+        require(payload >= frame.data() && payload + size <= frame.data() + frame.size());
+        header[1] ^= 97 ^ 26;
+        sent.insert(sent.end(), header, header + rtp->header.size);
+        sent.insert(sent.end(), payload, payload + size);
+    }
+
+    net::rtp::Rtp object{CORE_HERE};
+    std::vector<uint8_t> frame, sent;
+};
+
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
@@ -76,4 +103,8 @@ void fuzz_target(std::span<const uint8_t> input) {
     const stream_t own(frame.fcc, 0x01020304, [&](rtp::Rtp& rtp) { rtp.pack(&frame); });
     const bool same = packets.count() == own.packets && cut.sent == own.sent;
     require(same || (fuzz::starved && (cut.packets == 0 || own.packets == 0)));
+    const legacy_t legacy(frame);
+    if (frame.fcc != av::fcc_h264) return require(legacy.sent.empty());
+    const auto rtp_end = own.sent.end() - 28 * static_cast<std::ptrdiff_t>(own.reports);
+    require(std::equal(own.sent.begin(), rtp_end, legacy.sent.begin(), legacy.sent.end()) || fuzz::starved);
 }

@@ -50,7 +50,7 @@ export const browser = await chromium.launch({ executablePath: '/usr/bin/chromiu
 export async function open(url, { prepare, ...options } = {}) {
   const page = Object.assign(await browser.newPage(options), { said: [], foreign: [] });
   page.setDefaultTimeout(patience);
-  for (const event of ['console', 'pageerror']) page.on(event, (it) => page.said.push(it.message ?? it.text()));
+  for (const event of ['console', 'pageerror']) page.on(event, (it) => page.said.push(it.stack ?? it.text()));
   page.on('request', (request) => { if (!request.url().startsWith(url)) page.foreign.push(request.url()); });
   page.on('response', (response) => { page.status ??= response.status(); });
   await prepare?.(page);

@@ -92,7 +92,7 @@ class Files(ViewerCase):
         with Web(secret) as web, Web({}) as other:
             outside = other.url.replace("127.0.0.1", "localhost") + "/in/y"
             other.answers.update({"/in/y": ask, "/far": moved("https://h/x"), "/loop": moved("loop", 307),
-                                  "/bare": ask[:14] + ask[-4:]})
+                                  "/empty": moved(""), "/bare": ask[:14] + ask[-4:]})
             secret.update({"/1": moved("/2", 301), "/2": moved("in/x?y", 303), "/in/x?y": moved("../3", 308),
                            "/3": moved(web.url[5:] + "/in/z#x", 307), "/in/z": moved("y"), "/out": moved(outside)})
             at_once(self.fetch, [
@@ -102,6 +102,7 @@ class Files(ViewerCase):
                 (other.url.replace("//", "//u:p@") + "/bare", (), REFUSED, None, "401"),
                 (web.url.replace("//", "//u%20r:p%40w@") + "/out", (), REFUSED, None, "401"),
                 (other.url + "/far", (), PROTOCOL, None, "it is at https://h/x, which cannot be fetched"),
+                (other.url + "/empty", (), PROTOCOL, None, "answered with 302"),
                 (other.url + "/loop", (), PROTOCOL, None, "more than 5 times in a row")])
             self.assertNotIn("Authorization", "".join(other.heads))
 

@@ -97,6 +97,9 @@ class Answers(WebCase):
                 (405, "OPTIONS", "*", {}, None),
                 (405, "POST", "/", {"Content-Length": "0"}, None),
                 (405, "get", "/", {}, None),
+                (405, "POST", "/jpeg.mjpeg", {"Content-Length": "0"}, None),
+                (404, "POST", "/none.mjpeg", {"Content-Length": "0"}, None),
+                (404, "DELETE", "/nothing", {}, None),
                 (400, "GET", "/", {"Host": "other"}, None),
                 (404, "GET", "//healthz", {}, None),
                 (404, "GET", "/../page.css", {}, None),
@@ -116,6 +119,7 @@ class Answers(WebCase):
             with self.subTest(target=target, **fields):
                 answer, body = next(self.ask((method, target, fields)))
                 self.assertEqual((answer.status, size if size is None else len(body)), (status, size))
+                self.assertEqual("Allow" in answer.headers, status == 405)
         kept = self.ask(*[("GET", "/page.js", {}), ("HEAD", "/page.js", {}), ("GET", "/nothing", {})] * 20)
         self.assertEqual([answer.status for answer, _ in kept], [200, 200, 404] * 20)
 

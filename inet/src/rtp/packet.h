@@ -30,6 +30,13 @@ inline uint8_t* put16(uint8_t* out, uint32_t value) noexcept {
 
 inline uint8_t* put32(uint8_t* out, uint32_t value) noexcept { return put16(put16(out, value >> 16), value); }
 
+/// Writes the fixed header (RFC 3550, 5.1). @param pt  payload type, with the marker
+inline uint8_t* put_header(uint8_t* out, uint32_t pt, uint32_t seq, uint32_t rtp_time, uint32_t ssrc) noexcept {
+    out[0] = version_2;
+    out[1] = static_cast<uint8_t>(pt);
+    return put32(put32(put16(out + 2, seq), rtp_time), ssrc);
+}
+
 // Big-endian readers; the bytes are there.
 inline uint16_t get16(std::span<const uint8_t> bytes, size_t at) noexcept {
     return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]);
@@ -63,6 +70,27 @@ inline void add_interleaved(buf_t& to, uint8_t channel, uint32_t length) noexcep
 /// Ticks of a clock of `rate` Hz in `seconds` + `part` / `parts` seconds, truncated, modulo 2^32. `part` is below
 /// `parts` and that at most 2^32. Exact for whole rates; a rate outside 0 up to 2^32 counts as 0.
 uint32_t clock_ticks(uint64_t seconds, uint64_t part, uint64_t parts, double rate) noexcept;
+
+/// The same of an NTP time since 1900.
+inline uint32_t ntp_ticks(uint64_t ntp, double rate) noexcept {
+    return clock_ticks(ntp >> 32, static_cast<uint32_t>(ntp), uint64_t{1} << 32, rate);
+}
+
+/// Media time between two reports, in microseconds.
+inline constexpr uint64_t report_interval = 2000000;
+
+/// A sender report without report blocks (RFC 3550, 6.4.1).
+struct sender_report_t {
+    static constexpr uint32_t size = 28;
+
+    uint32_t ssrc;
+    uint64_t ntp;
+    uint32_t rtp_time;
+    uint32_t packets;
+    uint32_t octets;
+
+    void write(uint8_t* out) const noexcept;
+};
 
 /// Sets the packet's length and tells the handler.
 inline void hand_over(Rtp& rtp, event_t::enum_t event, uint32_t length) noexcept {

@@ -165,12 +165,7 @@ void packetizer::finish() noexcept {
 // Writes the fixed header (RFC 3550, 5.1); the payload goes to what it returns.
 uint8_t* packetizer::start_packet(uint32_t pt) noexcept {
     trak_t& trak = *rtp_.current;
-    uint8_t* out = rtp_.packet.data;
-    *out++ = version_2;
-    *out++ = static_cast<uint8_t>(pt);
-    out = put16(out, trak.seq++);
-    out = put32(out, trak.rtp_time);
-    return put32(out, trak.ssrc);
+    return put_header(rtp_.packet.data, pt, trak.seq++, trak.rtp_time, trak.ssrc);
 }
 
 void packetizer::send_packet(uint32_t length) noexcept {

@@ -40,7 +40,6 @@ private:
 
     void pack_h264(std::span<const uint8_t> stream) noexcept;
     void pack_nal(std::span<const uint8_t> nal) noexcept;
-    void pack_h264fua(std::span<const uint8_t> nal) noexcept;
     void pack_jpeg(std::span<const uint8_t> jpeg) noexcept;
     void pack_jpeg_large(std::span<const uint8_t> jpeg) noexcept;
     void pack_mp4a(std::span<const uint8_t> unit) noexcept;

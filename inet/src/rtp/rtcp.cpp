@@ -7,12 +7,10 @@
 
 namespace {
 
-constexpr uint64_t report_interval = 2000000;
 constexpr uint8_t rtcp_sr = 200;
 constexpr uint8_t rtcp_rr = 201;
 constexpr uint8_t rtcp_bye = 203;
-constexpr uint32_t sr_words = 7;  // RFC 3550, 6.4.1, without report blocks
-constexpr uint32_t rr_words = 8;  // 6.4.2, with one
+constexpr uint32_t rr_words = 8;  // RFC 3550, 6.4.2, with one report block
 
 constexpr uint64_t us_per_second = 1000000;
 constexpr uint32_t ntp_unix_offset = 2208988800U;  // seconds from 1900 to 1970 (RFC 868)
@@ -58,32 +56,31 @@ bool report_due(trak_t& trak) noexcept {
     return true;
 }
 
+void sender_report_t::write(uint8_t* out) const noexcept {
+    *out++ = version_2;
+    *out++ = rtcp_sr;
+    out = put16(out, size / 4 - 1);
+    out = put32(out, ssrc);
+    out = put32(out, static_cast<uint32_t>(ntp >> 32));
+    out = put32(out, static_cast<uint32_t>(ntp));
+    out = put32(out, rtp_time);
+    out = put32(out, packets);
+    put32(out, octets);
+}
+
 void send_sender_report(Rtp& rtp, trak_t& trak, report_clock_t clock) noexcept {
     rtp.current = &trak;
     const uint64_t ntp = time_core_to_ntp(trak.time, nullptr, nullptr);
-    const auto ntp_seconds = static_cast<uint32_t>(ntp >> 32);
-    const auto ntp_fraction = static_cast<uint32_t>(ntp);
-    const uint32_t rtp_time = clock == report_clock_t::packets
-                                  ? trak.rtp_time
-                                  : clock_ticks(ntp_seconds, ntp_fraction, uint64_t{1} << 32, trak.clock_rate);
-
-    uint8_t* out = rtp.packet.data;
-    *out++ = 0x80;
-    *out++ = rtcp_sr;
-    out = put16(out, sr_words - 1);
-    out = put32(out, trak.ssrc);
-    out = put32(out, ntp_seconds);
-    out = put32(out, ntp_fraction);
-    out = put32(out, rtp_time);
-    out = put32(out, trak.packets);
-    put32(out, trak.octets);
-    hand_over(rtp, event_t::rtcp, 4 * sr_words);
+    const uint32_t rtp_time = clock == report_clock_t::packets ? trak.rtp_time : ntp_ticks(ntp, trak.clock_rate);
+    sender_report_t{trak.ssrc, ntp, rtp_time, trak.packets, trak.octets}.write(rtp.packet.data);
+    hand_over(rtp, event_t::rtcp, sender_report_t::size);
 
     if (!core_log_wanted(rtp.log)) return;
     char time[32];
     time_format(trak.time, "%Y-%m-%d %H:%M:%S.%s", time, sizeof time);
     core_log_print(rtp.log, "%u: send rtcp sr %u: %s %u.%u rtp:%u count:%u bytes:%u", static_cast<unsigned>(rtp.id),
-                   trak.ssrc, time, ntp_seconds, ntp_fraction, rtp_time, trak.packets, trak.octets);
+                   trak.ssrc, time, static_cast<unsigned>(ntp >> 32), static_cast<unsigned>(ntp), rtp_time,
+                   trak.packets, trak.octets);
 }
 
 void send_receiver_report(Rtp& rtp, trak_t& trak) noexcept {

@@ -8,9 +8,9 @@
 ///     web->serve("/state", on_state, this);
 ///     station.add(web);
 ///
-/// What is answered for all of them: 404 for another path, 405 for another method, HEAD, conditional and range requests
-/// of documents, 400 for a request that cannot be read, 413, 415 and 431 with the end of the connection. With a user
-/// each request needs a Digest answer (RFC 7616, MD5), but those of paths that are open.
+/// What is answered for all of them: 404 for another path, 405 for another method of a path that is there, HEAD,
+/// conditional and range requests of documents, 400 for a request that cannot be read, 413, 415 and 431 with the end of
+/// the connection. With a user each request needs a Digest answer (RFC 7616, MD5), but those of paths that are open.
 ///
 /// A path is compared as it is decoded. One with an encoded separator or NUL, bytes that are no UTF-8, or a '%' that
 /// begins no code is none.

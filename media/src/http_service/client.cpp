@@ -227,7 +227,11 @@ bool client_t::admit() noexcept {
     const char* methods = route_ ? route_->methods.c_str() : "GET, HEAD";
     const std::string_view method = header_->method;
     if (lists(methods, [&](std::string_view each) { return each == method; })) return true;
-    answer_error(405, "Allow", methods);
+    // A '*' asks about the server itself.
+    if (route_ || target_.path == "*" || leads_to_stream())
+        answer_error(405, "Allow", methods);
+    else
+        answer_error(404);
     return false;
 }
 
@@ -342,16 +346,30 @@ void client_t::on_drained() noexcept {
 
 // Pictures
 
-/// @return false when the path is not that of a stream
-bool client_t::answer_stream() noexcept {
+/// The stream whose pictures the path names, for stream::drop(); null when there is none.
+/// @param single  receives whether it is one picture
+stream* client_t::find_stream(bool& single) const noexcept {
     constexpr std::string_view film = ".mjpeg";
     constexpr std::string_view snapshot = ".jpg";
     std::string_view name = std::string_view(target_.path).substr(1);
-    const bool single = name.ends_with(snapshot);
-    if (!single && !name.ends_with(film)) return false;
+    single = name.ends_with(snapshot);
+    if (!single && !name.ends_with(film)) return nullptr;
     name.remove_suffix(single ? snapshot.size() : film.size());
     const core::owned_text text(core_strndup(name.data(), name.size(), CORE_HERE));
-    stream* const found = text ? thread_.station().find(text.get()) : nullptr;
+    return text ? thread_.station().find(text.get()) : nullptr;
+}
+
+bool client_t::leads_to_stream() const noexcept {
+    bool single = false;
+    stream* const found = find_stream(single);
+    if (found) stream::drop(found);
+    return found != nullptr;
+}
+
+/// @return false when the path is not that of a stream
+bool client_t::answer_stream() noexcept {
+    bool single = false;
+    stream* const found = find_stream(single);
     if (!found) return false;
     format_t format;
     const bool known = found->format(kind_t::video, &format, nullptr) != 0;

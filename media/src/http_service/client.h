@@ -55,6 +55,8 @@ private:
     void count_bytes() noexcept;
 
     // Pictures
+    stream* find_stream(bool& single) const noexcept;
+    bool leads_to_stream() const noexcept;
     bool answer_stream() noexcept;
     void begin_pictures(bool snapshot) noexcept;
     void send_picture() noexcept;

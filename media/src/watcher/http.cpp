@@ -182,8 +182,8 @@ void http_attempt::take_message(int status, const net::http::header_s* header) n
 }
 
 void http_attempt::judge(const net::http::header_s& header) noexcept {
-    const char* const location = value_geti(header.fields, "Location");
-    if (location && std::ranges::find(moved_statuses, header.status) != std::end(moved_statuses))
+    const char* const location = value_geti(header.fields, "Location");  // an empty one names no other place
+    if (location && *location && std::ranges::find(moved_statuses, header.status) != std::end(moved_statuses))
         moved_to_.reset(core_strdup(location, CORE_HERE));
     if (header.status != 200) return end(refusal_of(header.status));
     const std::string_view coding = field_of(header, "Content-Encoding");
