@@ -95,7 +95,7 @@ public:
     /// @param frame       `payload` is null; `time` is this machine's clock when playing began plus `media_time`
     /// @param media_time  exact microseconds
     virtual void on_rtmp_frame(ProtocolRtmp* rtmp, const av::frame_t& frame, int64_t media_time) noexcept = 0;
-    /// The last call, once. @param text  why, in words; what the server said is in it, at most 255 bytes
+    /// The last call, once. @param text  why, in words; what the server said is in it, at most 511 bytes
     virtual void on_rtmp_ended(ProtocolRtmp* rtmp, rtmp_end_t why, const char* text) noexcept = 0;
 
 protected:

@@ -66,7 +66,7 @@ void session::require(bool sent) noexcept {
 
 void session::refuse(rtmp_end_t why, const char* what, const Variant& info) noexcept {
     char code[96];
-    char description[128];
+    char description[384];  // a challenge stands in it
     copy_printable(text_of(info, "code"), code);
     copy_printable(text_of(info, "description"), description);
     end(why, "%s%s%s%s%s", what, *code ? ": " : "", code, *description ? ": " : "", description);

@@ -64,7 +64,7 @@ void session::end(rtmp_end_t why, const char* format, ...) noexcept {
     if (why == rtmp_end_t::lost || why == rtmp_end_t::ended) media_.flush();
     if (ended()) return;
     step = step_t::ended;
-    char text[256];
+    char text[512];
     va_list args;
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
