@@ -91,6 +91,7 @@ class Players(ViewerCase, CameraCase):
             self.view(url, "--user", "me", "--password", "secret", "--duration", "1", "-o", "a.h264")
             self.refuse(4, url, "--user", "me", "--password", "wrong")
             self.refuse(4, url)
+            self.refuse(5, url.replace("/live", "/jpeg"), "--user", "me", "--password", "secret")
 
 
 class Servers(ViewerCase):
