@@ -1,6 +1,5 @@
 // inet-camera: a clip, other cameras or a pipe become a network camera.
-#include "clip.h"
-#include "clip_source.h"
+#include "clip_graph.h"
 #include "keeper.h"
 #include "options.h"
 #include "program.h"
@@ -21,8 +20,9 @@
 
 namespace {
 
+/// @param reason  empty when it has been told
 int fail(const std::string& reason) {
-    apps::complain(camera::program_name, reason);
+    if (!reason.empty()) apps::complain(camera::program_name, reason);
     return apps::status_failed;
 }
 
@@ -78,9 +78,6 @@ void show_status(const media::station& station, const camera::sources& sources) 
 /// Seconds between two signs of life of ordinary players.
 constexpr unsigned players_patience = 60;
 
-/// The payloads are the clip's: long groups of pictures cost no memory to hold.
-constexpr media::limits_t whole_groups{.bytes = 1U << 30, .frames = 8192, .time = 600'000'000};
-
 media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     return {.port = settings.rtsp_port,
@@ -96,36 +93,32 @@ media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
 }
 
 int serve(const camera::options& settings) {
-    std::string error;
-    const auto played = camera::load_clip(settings, error);
-    if (!played) return fail(error);
     camera::sources fetched;  // the station, which calls for what is wanted, ends before
     media::station station({.bind = settings.bind.c_str(), .threads = settings.threads});
     media::failure_t why;
-    camera::clip_source source;
-    std::vector<std::string> paths;
-    for (const camera::channel& each : played->channels) {
-        media::stream* const stream = station.add_stream(each.path.c_str(), whole_groups, &why);
-        if (!stream) return fail(why.text);
-        source.add(each, *stream);
-        paths.push_back(each.path);
-    }
+    camera::clip_graph played;
+    if (!played.open(settings, station, why)) return fail(why.text);
+    std::vector<std::string> paths = played.names();
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
     media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
     camera::keeper kept;
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);
-    if (paths.size() > fetched.names().size() + 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
+    if (played.names().size() > 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
     if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, kept.names(), why)))
         return fail(why.text);
     // Whatever fails from here on: the threads that use what stands here end first.
     const struct ending {
+        camera::clip_graph& played;
         media::station& station;
-        ~ending() { station.stop(); }
-    } last{station};
+        ~ending() {
+            played.stop();
+            station.stop();
+        }
+    } last{played, station};
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
-    if (!played->channels.empty() && !source.start(station.thread_at(0).nt())) return fail("no memory for the clip");
+    if (!played.start(station.thread_at(0).nt())) return fail("");
     if (!kept.start()) return fail("no thread for the recordings");
     print_addresses(paths, settings, rtsp->port(), web.port(), why.text);
     if (settings.timeout < players_patience) {
@@ -133,7 +126,7 @@ int serve(const camera::options& settings) {
                                                  ": players that show life once a minute, as most do, will be cut");
     }
     show_status(station, fetched);
-    source.stop();
+    played.stop();
     kept.stop();
     web.stop();
     station.stop();

@@ -4,8 +4,10 @@
 
 #include "core/log.h"
 #include "core/memory.h"
+#include "core/text.h"
 #include "inet/inet.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -22,6 +24,20 @@ bool nothing_held(const char* program) {
                      site->line, site->blocks, site->bytes);
     };
     return core_mem_report(print, const_cast<char*>(program)) == 0;
+}
+
+/// A message of the library is the program's. What a peer has sent is shown as it is, but for what commands terminals and
+/// ends lines.
+void pass_on(void* program, const log_line_t* line) {
+    std::string shown;
+    for (std::string_view rest = line->text; !rest.empty();) {
+        uint32_t code = 0;
+        const size_t size = utf8_decode(rest.data(), rest.size(), &code);
+        const bool harmless = size > 0 && code >= ' ' && (code < 0x7f || code >= 0xa0);
+        shown += harmless ? rest.substr(0, size) : " ";
+        rest.remove_prefix(std::max<size_t>(size, 1));
+    }
+    complain(static_cast<const char*>(program), shown);
 }
 
 }  // namespace
@@ -52,7 +68,7 @@ void complain(const char* program, const std::string& message) {
 
 int run(const char* program, const std::string& log, const std::function<int()>& work) {
     platform::note_interrupts(was_interrupted);
-    const uint32_t console = core_log_sink_console("console");
+    const uint32_t console = core_log_sink_add("console", pass_on, const_cast<char*>(program));
     const uint32_t file = log.empty() ? 0 : core_log_sink_file("*", log.c_str());
     int status = status_failed;
     if (!log.empty() && !file) {

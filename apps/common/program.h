@@ -33,8 +33,8 @@ std::vector<std::string> start(int argc, const char* const* argv);
 /// Prints a message of the program to the error stream.
 void complain(const char* program, const std::string& message);
 
-/// Runs `work` with the library started: console messages go to the error stream, and everything the library logs to
-/// the file `log` when it is named. Ctrl-C is noted from here on.
+/// Runs `work` with the library started: console messages are complained of, and everything the library logs goes
+/// to the file `log` when it is named. Ctrl-C is noted from here on.
 /// @return what `work` returned; status_failed when the log cannot be written or memory is still held at the end, which
 /// is a mistake of ours and told by line
 int run(const char* program, const std::string& log, const std::function<int()>& work);

@@ -134,7 +134,9 @@ bool is_ring(const waiter_t& self) noexcept {
     return false;
 }
 
-void notify() noexcept { bus().changed.notify_all(); }
+void notify() noexcept {
+    if (bus().waiting > 0) bus().changed.notify_all();
+}
 
 bool runs_elsewhere(const profile_ctx* profile) noexcept {
     return profile->runner && profile->runner != core_thread_id();
@@ -201,6 +203,12 @@ uint32_t call_all(guard_t& guard, profile_ctx* from, const event_data& event) no
 
 bool is_kept(const param_t& param) noexcept { return param.type == param_text || param.type == param_integer; }
 
+const param_t* first_kept(const param_t* params) noexcept {
+    while (params->type != param_end && !is_kept(*params))
+        ++params;
+    return params;
+}
+
 size_t text_size(const char* text) noexcept { return text ? std::strlen(text) + 1 : 0; }
 
 /// Bytes of a copy of a list in one block.
@@ -244,6 +252,8 @@ param_t* copy_params(const param_t* params, void* block) noexcept {
 /// Keeps a copy as the topic's last data, in the block that is there when it fits. Out of memory there is none: an old
 /// list would pass for the new one.
 void keep_data(topic_t* topic, const param_t* params) noexcept {
+    // Frames have none.
+    if (topic->last_data && topic->last_data->type == param_end && first_kept(params)->type == param_end) return;
     const size_t size = copy_size(params);
     if (size > topic->last_room) {
         core_mfree(topic->last_data);

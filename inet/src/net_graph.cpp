@@ -17,6 +17,9 @@ namespace {
 std::atomic<uint32_t> last_serial;
 std::atomic<uint32_t> last_pid;
 
+/// Of the graph that this thread starts.
+thread_local graph_start_t this_start;
+
 struct error_text {
     int code;
     const char* text;
@@ -79,6 +82,8 @@ void Graph::init(const char* text) noexcept {
     inside_->text.reset(core_strdup(text, inside_->where.file, inside_->where.line));
 }
 
+void Graph::run_on(nt_ctx* thread) noexcept { inside_->thread = thread; }
+
 bool Graph::add(const char* module, const char* json) noexcept { return inside_->add(module, json); }
 
 bool Graph::inside::add(const char* module, const char* json) noexcept {
@@ -133,8 +138,10 @@ bool Graph::start() noexcept {
     core_log_print(in.log, "%u: start {", in.serial);
     const graph::stopwatch watch;
     const bool fresh = std::ranges::none_of(in.nodes, [](const auto& each) { return each->is_started(); });
+    const graph_start_t outer = std::exchange(this_start, {.time = core_timer(), .thread = in.thread});
     const bool all =
         in.send(&graph::node::start, "start", [](const graph::node& each) { return !each.is_started(); }) && fresh;
+    this_start = outer;
     core_log_print(in.log, "%u: start } %u, delay: %f", in.serial, all ? 1U : 0U, watch.seconds());
     return all;
 }
@@ -170,3 +177,5 @@ const char* Graph::strerr(int code) noexcept {
 }
 
 }  // namespace net
+
+net::graph_start_t net_graph_start() noexcept { return net::this_start; }

@@ -113,7 +113,7 @@ TEST(Graph, DropsWhatIsNoModule) {
         {nullptr, "{}", ""},
         {"heartbeat", nullptr, ""},
         {"heartbeat", "{", "error:module 'heartbeat' refuses its settings: 1:2: name expected "},
-        {"no-such", "{}", "error:module 'no-such' cannot be loaded "},
+        {"no-such", "{}", "error:module 'no-such' cannot be loaded; it was looked for in "},
         {INET_MODULE_FIXTURE, "{}", "error:module '" INET_MODULE_FIXTURE "' cannot be used: it has no plugin_exec "}};
     const graph_t graph(net::Graph::create(CORE_HERE));
     for (const row_t& row : rows) {
@@ -121,7 +121,7 @@ TEST(Graph, DropsWhatIsNoModule) {
         const test::log_keeper console("console");
         const test::log_keeper log("graph");
         EXPECT_FALSE(graph->add(row.module, row.json));
-        EXPECT_EQ(errors.lines, row.error);
+        EXPECT_TRUE(*row.error ? errors.lines.starts_with(row.error) : errors.lines.empty()) << errors.lines;
         const std::string told = plain(log.lines);
         const char* said = !row.module ? "#: error: unknown module name "
                            : row.json  ? "failed "

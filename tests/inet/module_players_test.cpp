@@ -1,8 +1,10 @@
 // The modules that play files: what a subscriber of their track gets is what went into the file.
+#include "support/fault.h"
 #include "support/files.h"
 #include "support/frames.h"
 #include "support/held.h"
 #include "support/log_keeper.h"
+#include "support/network_thread.h"
 #include "support/scratch.h"
 
 #include "avc/access_units.h"
@@ -11,6 +13,7 @@
 #include "core/profile.h"
 #include "core/time.h"
 #include "inet/net_graph.h"
+#include "media/intake.h"
 #include "media/recorder.h"
 
 #include <algorithm>
@@ -140,6 +143,58 @@ TEST(Media, PlaysAFileForEver) {
     const test::log_keeper console("console");
     EXPECT_FALSE(graph->add_archive_media(&node, "no/such.h264"));
     EXPECT_EQ(errors.lines, "error:module 'media' refuses its settings: cannot read no/such.h264 ");
+}
+
+TEST(Media, KeepsFilesInStepOnTheHostsThread) {
+    struct row_t {
+        const char* track;
+        std::string file;
+        uint32_t fcc;
+        media::intake intake{};
+        media::cursor reader{};
+        uint64_t first = 0;
+    };
+    const std::string folder = std::string(INET_CLIP).substr(0, std::string(INET_CLIP).rfind('/') + 1);
+    row_t rows[] = {{"video", INET_CLIP, av::fcc_h264},
+                    {"audio", folder + "clip.wav", av::fcc_pcmu},
+                    {"stills", folder + "clip_01.jpg\n" + folder + "clip_02.jpg", av::fcc_jpeg}};
+    const test::network_thread host;
+    const auto on_host = [](void* arg, profile_ctx*, profile_event_t event, const param_t*) {
+        EXPECT_TRUE(event != profile_put || !net::net_nt_need_invoke(static_cast<net::nt_ctx*>(arg)));
+    };
+    const bus_t beside(core_profile_open2("a_b_c_audio", host.nt, on_host, CORE_HERE));
+    const graph_t graph(net::Graph::create(CORE_HERE));
+    for (row_t& each : rows) {
+        const net::cinfo_t__ part{"a", "b", "c", each.track, nullptr};
+        ASSERT_TRUE(graph->add_device_media(&part, each.file.c_str(), 0, 0, 240, 1));
+        const test::held<media::stream, media::stream::drop> stream(media::stream::create("live", {}, CORE_HERE));
+        media::format_t told;
+        ASSERT_TRUE(each.intake.open((std::string("a_b_c_") + each.track).c_str(), *stream, &told));
+        EXPECT_EQ(told.fcc, each.fcc);
+        ASSERT_TRUE(each.reader.open(*stream, {.any = true}));
+    }
+    media::entry_t entry;
+    const auto read = [&](row_t& from, int count) {
+        while (count > 0) {
+            const media::read_t found = from.reader.wait(entry, 60'000);
+            if (found == media::read_t::nothing) break;
+            if (found != media::read_t::frame) continue;
+            if (from.first == 0) from.first = entry.frame.time;
+            --count;
+        }
+        return count == 0;
+    };
+    graph->run_on(host.nt);
+    ASSERT_TRUE(graph->start());
+    for (row_t& each : rows)
+        ASSERT_TRUE(read(each, 2));
+    const test::allocation_count allocations;
+    for (row_t& each : rows)
+        ASSERT_TRUE(read(each, 10));
+    EXPECT_EQ(allocations.value(), 0U) << "set up, it allocates nothing";
+    EXPECT_EQ(rows[1].first, rows[0].first);
+    EXPECT_EQ(rows[2].first, rows[0].first);
+    EXPECT_TRUE(graph->stop());
 }
 
 /// Records pictures, and for each of them 40 ms of sound, to a file.

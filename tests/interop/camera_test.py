@@ -67,7 +67,8 @@ class CommandLine(unittest.TestCase):
                 pictures.append(("--jpeg", os.path.join(directory, f"{size}-{pixels}.jpg")))
                 ffmpeg("-f", "lavfi", "-i", f"testsrc2=s={size}", "-frames:v", "1", "-pix_fmt", pixels, pictures[-1][1])
             at_once(lambda arguments: self.refuses(1, *arguments), [
-                *pictures, ["--video", "/nowhere.h264"], ["--audio", clip_file("clip.h264")]])
+                *pictures, ["--video", "/nowhere.h264"], ["--audio", clip_file("clip.h264")],
+                ["--jpeg", clip_file("clip.wav")], ["--analytics", clip_file("clip_01.jpg")]])
             at_once(lambda arguments: self.refuses(2, *arguments), [
                 ["--nonsense"], ["--rtsp"], ["--rtsp", "x"], ["--rtsp", "65536"], ["--user", "a"], ["--password", "a"],
                 ["--multicast", "223.255.255.255"], ["--multicast", "239.1.1.1:5003"], ["--stall", "0"],

@@ -82,7 +82,10 @@ echo "-- the programs"
 for program in inet-camera inet-viewer; do
     "${run[@]}" "$tree/bin/$program$exe" --help >/dev/null
 done
-[[ -f $tree/share/inet/clip/clip.h264 ]]
-for module in media reader; do
-    [[ -n $(find "$tree" -path "*/inet-modules/*$module.*") ]]
-done
+# The camera finds its clip, and the module that plays it.
+exec {said}< <(exec "${run[@]}" "$tree/bin/inet-camera$exe" --rtsp 0 --http off)
+camera=$!
+grep -qm1 '^ready' <&"$said"
+kill $camera
+wait $camera 2>/dev/null || true
+[[ -n $(find "$tree" -path "*/inet-modules/*reader.*") ]]

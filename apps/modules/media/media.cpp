@@ -1,10 +1,11 @@
-// Module "media": plays an H.264 file in Annex B form into its track, for ever, at the pace that its stream tells.
-#include "film.h"
+// Module "media": plays files into its track, for ever, at their pace.
+#include "formats.h"
+#include "pacer.h"
 
+#include "avc/fcc.h"
 #include "core/owned.h"
 #include "core/profile.h"
-#include "core/thread.h"
-#include "core/time.h"
+#include "core/text.h"
 #include "inet/net_graph.h"
 #include "inet/net_node.h"
 
@@ -24,21 +25,28 @@ public:
     player(const player&) = delete;
     player& operator=(const player&) = delete;
 
-    int start() noexcept;
-    void stop() noexcept { core_thread_stop(thread_); }
+    void start();
+    void stop() noexcept;
 
 private:
     struct closer {
         void operator()(profile_ctx* profile) const noexcept { profile_close(profile); }
     };
 
-    static void run(void* arg, thread_ctx* self);
-    void put(uint64_t number, uint64_t base) const noexcept;
+    static void on_bus(void* arg, profile_ctx* profile, profile_event_t event, const param_t* params);
 
-    std::unique_ptr<profile_ctx, closer> track_;
-    std::optional<apps::track> film_;
-    thread_ctx* thread_ = nullptr;
+    std::optional<media_module::track> track_;
+    std::unique_ptr<profile_ctx, closer> bus_;
+    std::optional<media_module::pacer::played_t> played_;
+    std::shared_ptr<media_module::pacer> pacer_;  ///< while it plays
 };
+
+media_module::wanted_t wanted_of(const net::Node& settings) {
+    const bool pictures = settings.number("video_stream", 0) > 0;
+    const bool sound = settings.number("audio_stream", 0) > 0;
+    if (pictures == sound) return media_module::wanted_t::any;
+    return pictures ? media_module::wanted_t::pictures : media_module::wanted_t::sound;
+}
 
 player::player(const char* json) {
     char error[200];
@@ -49,36 +57,34 @@ player::player(const char* json) {
         throw std::runtime_error("it plays files alone");
     constexpr int64_t most_fps = 240;
     const int64_t fps = std::clamp<int64_t>(settings.number("fps", 0), 0, most_fps);
-    film_ = apps::load_film(settings.text("file"), static_cast<uint32_t>(fps));
+    track_ = media_module::load_track(settings.text("file"), wanted_of(settings), static_cast<uint32_t>(fps));
     const core::owned_text name(settings.bus_name(settings.text("out"), CORE_HERE));
-    track_.reset(name ? core_profile_open(name.get(), CORE_HERE) : nullptr);
-    if (!track_) throw std::bad_alloc();
+    bus_.reset(name ? core_profile_open2(name.get(), this, &player::on_bus, CORE_HERE) : nullptr);
+    if (!bus_) throw std::bad_alloc();
 }
 
-int player::start() noexcept {
-    if (!thread_) thread_ = core_thread_start(this, &player::run, nullptr, CORE_HERE);
-    return thread_ ? 0 : -1;
+/// Who asks what the track carries is told.
+void player::on_bus(void* arg, profile_ctx* profile, profile_event_t event, const param_t* params) {
+    const char* command = event == profile_ask ? param_get_text(params, "command") : nullptr;
+    if (!command || std::string_view(command) != "format") return;
+    const av::frame_t& first = static_cast<const player*>(arg)->track_->frame(0);
+    char fcc[5];
+    const core::owned_text answer(core_sprintf(CORE_HERE, R"({"fcc": "%s", "width": %u, "height": %u, "rate": %u})",
+                                               fcc_str(first.fcc, fcc), first.width, first.height, first.rate));
+    core_profile_answer(profile, answer.get());
 }
 
-void player::run(void* arg, thread_ctx* self) {
-    const auto& of = *static_cast<const player*>(arg);
-    core_thread_setname(self, "media");
-    const uint64_t base = time_now();
-    const uint64_t began = core_timer();
-    for (uint64_t number = 0; !core_thread_iscancel(self); ++number) {
-        const uint64_t due = of.film_->time(number);
-        for (uint64_t passed = core_timer() - began; passed < due; passed = core_timer() - began) {
-            if (core_thread_sleep(self, static_cast<uint32_t>((due - passed + 999) / 1000))) return;
-        }
-        of.put(number, base);
-    }
+void player::start() {
+    stop();
+    played_ = {.of = &*track_, .bus = bus_.get()};
+    auto pacer = media_module::pacer::of_this_start();
+    pacer->add(*played_);
+    pacer_ = std::move(pacer);
 }
 
-void player::put(uint64_t number, uint64_t base) const noexcept {
-    av::frame_t frame = film_->frame(number);
-    frame.time = base + film_->time(number) - film_->delay();
-    const param_t params[] = {{"frame", static_cast<const void*>(&frame)}, {}};
-    core_profile_put(track_.get(), params);
+void player::stop() noexcept {
+    if (pacer_) pacer_->remove(*played_);
+    pacer_.reset();
 }
 
 }  // namespace
@@ -94,9 +100,16 @@ INET_PLUGIN void* plugin_open(const param_t* params) noexcept {
 
 INET_PLUGIN int plugin_exec(void* instance, const param_t* params) noexcept {
     auto* self = static_cast<player*>(instance);
-    if (param_get_text(params, "start")) return self->start();
-    self->stop();
-    return 0;
+    try {
+        if (param_get_text(params, "start"))
+            self->start();
+        else
+            self->stop();
+        return 0;
+    } catch (const std::exception& reason) {
+        net_graph_reason("%s", reason.what());
+        return -1;
+    }
 }
 
 INET_PLUGIN void plugin_close(void* instance) noexcept { std::unique_ptr<player>(static_cast<player*>(instance)); }

@@ -28,6 +28,22 @@ INET_PRINTF(1, 2) INET_API void net_graph_reason(const char* format, ...) noexce
 
 namespace net {
 
+struct nt_ctx;
+
+/// A start of a graph: what its nodes have in common.
+struct graph_start_t {
+    uint64_t time = 0;         ///< of its beginning, by core_timer()
+    nt_ctx* thread = nullptr;  ///< where the host wants what modules do in time, so that their frames wake no other
+                               ///< thread; null: on threads of their own
+};
+
+}  // namespace net
+
+/// For modules: the start that runs. Between starts all is 0.
+INET_API net::graph_start_t net_graph_start() noexcept;
+
+namespace net {
+
 /// A graph is driven by one thread at a time. What it does is told to the log "graph".
 class INET_API Graph final {
 public:
@@ -38,6 +54,10 @@ public:
 
     /// Keeps a text with the graph, in place of the one before. Null is the empty text.
     void init(const char* text) noexcept;
+
+    /// Names the network thread on which modules may have their timers; null, as at first, for none. It outlives what
+    /// runs from the next start() on to stop(). Subscribers of tracks are then called on it, and may not wait.
+    void run_on(nt_ctx* thread) noexcept;
 
     /// Loads a module and opens a node with a document, which stays the caller's. A node that cannot be opened is
     /// dropped, with one line on the error log and the console that tells why; the graph is as before.

@@ -31,6 +31,7 @@ struct Graph::inside {
     log_ctx* log;
     core::place where;
     core::owned_text text;
+    nt_ctx* thread = nullptr;
     core::vector<core::owned_object<graph::node>> nodes;
 };
 

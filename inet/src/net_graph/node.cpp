@@ -2,15 +2,29 @@
 
 #include "report.h"
 
+#include "core/file.h"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <string_view>
 #include <utility>
 
 namespace {
 
 /// What the module that this thread calls has said.
 thread_local char reason[300];
+
+void report_missing(const char* module) noexcept {
+    const bool is_path = std::string_view(module).find_first_of("/\\") != std::string_view::npos;
+    const core::owned_text folder(is_path ? nullptr : lib_path(CORE_HERE));
+    if (folder)
+        net::report(
+            "module '%s' cannot be loaded; it was looked for in %s/inet-modules, in %s and where the system looks",
+            module, folder.get(), folder.get());
+    else
+        net::report("module '%s' cannot be loaded", module);
+}
 
 }  // namespace
 
@@ -31,7 +45,7 @@ bool node::open(const char* json, core::place where) noexcept {
         if (std::ranges::any_of(entries, [](const dll_entry_t& each) { return each.function != nullptr; }))
             net::report("module '%s' cannot be used: it has no %s", module(), missing->name);
         else
-            net::report("module '%s' cannot be loaded", module());
+            report_missing(module());
         return false;
     }
     exec_ = reinterpret_cast<plugin_exec_fn*>(entries[1].function);

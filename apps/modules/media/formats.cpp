@@ -1,26 +1,24 @@
-#include "clip.h"
+#include "formats.h"
 
 #include "program.h"
 
 #include "avc/fcc.h"
 #include "avc/jpeg.h"
-#include "core/file.h"
-#include "core/memory.h"
+#include "core/text.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <filesystem>
+#include <fstream>
+#include <initializer_list>
 #include <span>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
+#include <vector>
 
-namespace camera {
+namespace media_module {
 namespace {
-
-using apps::file_bytes;
-using apps::make_frame;
 
 constexpr pace still_pictures{5, 1};
 constexpr pace detector_reports{5, 1};
@@ -103,9 +101,11 @@ bool is_sendable(const av::frame_t& picture) {
            std::max(info.width, info.height) <= most_pixels;
 }
 
-track load_pictures(const std::vector<std::string>& paths) {
+track load_pictures(std::string_view paths, uint32_t per_second) {
     std::vector<frame_ptr> pictures;
-    for (const std::string& path : paths) {
+    while (!paths.empty()) {
+        const std::string path(paths.substr(0, paths.find('\n')));
+        paths.remove_prefix(std::min(path.size() + 1, paths.size()));
         const file_bytes file(path);
         pictures.push_back(make_frame(av::fcc_jpeg, file.bytes()));
         if (!is_sendable(*pictures.back())) {
@@ -115,7 +115,7 @@ track load_pictures(const std::vector<std::string>& paths) {
                 "2040 pixels a side, its width a multiple of 8");
         }
     }
-    return {std::move(pictures), still_pictures};
+    return {std::move(pictures), per_second > 0 ? pace{per_second, 1} : still_pictures};
 }
 
 track load_reports(const std::string& path) {
@@ -132,55 +132,27 @@ track load_reports(const std::string& path) {
     return {std::move(reports), detector_reports};
 }
 
-/// Where the bundled clip lies: beside the installed library, or in the tree the program was built from.
-std::string bundled_directory() {
-    const std::unique_ptr<char, decltype(&core_mfree)> library(lib_path(CORE_HERE), &core_mfree);
-    const std::filesystem::path installed = apps::utf8_path(library ? library.get() : ".") / INET_CLIP_INSTALL_DIR;
-    std::error_code ignored;
-    return std::filesystem::exists(installed, ignored) ? apps::utf8_text(installed) : INET_CLIP_BUILD_DIR;
-}
-
-options with_bundled_files(options wanted) {
-    const std::string directory = bundled_directory();
-    wanted.video = directory + "/clip.h264";
-    wanted.audio = directory + "/clip.wav";
-    wanted.analytics = directory + "/clip.json";
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(apps::utf8_path(directory), ignored)) {
-        if (entry.path().extension() == ".jpg") wanted.jpeg.push_back(apps::utf8_text(entry.path()));
-    }
-    std::sort(wanted.jpeg.begin(), wanted.jpeg.end());
-    return wanted;
-}
-
-clip load(options wanted) {
-    const bool none = wanted.video.empty() && wanted.audio.empty() && wanted.jpeg.empty() && wanted.analytics.empty();
-    if (none && wanted.sources.empty()) {
-        wanted = with_bundled_files(std::move(wanted));
-    }
-    clip result;
-    channel live{"live", {}};
-    if (!wanted.video.empty()) live.tracks.push_back(apps::load_film(wanted.video));
-    if (!wanted.audio.empty()) live.tracks.push_back(load_audio(wanted.audio));
-    if (!wanted.analytics.empty()) live.tracks.push_back(load_reports(wanted.analytics));
-    if (!live.tracks.empty()) result.channels.push_back(std::move(live));
-    if (!wanted.jpeg.empty()) {
-        channel jpeg{"jpeg", {}};
-        jpeg.tracks.push_back(load_pictures(wanted.jpeg));
-        result.channels.push_back(std::move(jpeg));
-    }
-    return result;
+/// Whether a file has one of these names, or else begins like that.
+bool is_a(const std::string& path, std::initializer_list<std::string_view> endings, std::string_view beginning) {
+    const auto ends = [&](std::string_view ending) {
+        return path.size() > ending.size() && core_strcasecmp(&path[path.size() - ending.size()], ending.data()) == 0;
+    };
+    if (std::ranges::any_of(endings, ends)) return true;
+    char bytes[4]{};
+    std::ifstream(apps::utf8_path(path), std::ios::binary).read(bytes, sizeof bytes);
+    return std::string_view(bytes, sizeof bytes).starts_with(beginning);
 }
 
 }  // namespace
 
-std::optional<clip> load_clip(const options& wanted, std::string& error) {
-    try {
-        return load(wanted);
-    } catch (const std::exception& reason) {
-        error = reason.what();
-        return std::nullopt;
-    }
+track load_track(const std::string& files, wanted_t wanted, uint32_t per_second) {
+    if (wanted == wanted_t::sound) return load_audio(files);
+    if (wanted == wanted_t::pictures) return load_film(files, per_second);
+    const std::string first = files.substr(0, files.find('\n'));
+    if (is_a(first, {".wav"}, "RIFF")) return load_audio(files);
+    if (is_a(first, {".json"}, "{")) return load_reports(files);
+    if (is_a(first, {".jpg", ".jpeg"}, "\xff\xd8")) return load_pictures(files, per_second);
+    return load_film(files, per_second);
 }
 
-}  // namespace camera
+}  // namespace media_module

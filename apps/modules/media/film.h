@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace apps {
+namespace media_module {
 
 /// A whole file in memory, of at most 512 MiB. Throws std::runtime_error.
 class file_bytes {
@@ -75,4 +75,4 @@ frame_ptr make_frame(uint32_t fcc, std::span<const uint8_t> bytes);
 /// @param per_second  pictures a second; 0 for what the stream tells, or 25 where it tells nothing
 track load_film(const std::string& path, uint32_t per_second = 0);
 
-}  // namespace apps
+}  // namespace media_module

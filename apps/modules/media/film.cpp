@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace apps {
+namespace media_module {
 namespace {
 
 constexpr size_t largest_file = 512u << 20;
@@ -92,8 +92,8 @@ std::vector<size_t> display_order::places() && {
 
 /// What makes a file that can be played of another one.
 std::string conversion_of(const std::string& path) {
-    const std::filesystem::path made = utf8_path(path).replace_extension(".h264");
-    return "; try: ffmpeg -i " + path + " -an -c:v libx264 " + utf8_text(made);
+    const std::filesystem::path made = apps::utf8_path(path).replace_extension(".h264");
+    return "; try: ffmpeg -i " + path + " -an -c:v libx264 " + apps::utf8_text(made);
 }
 
 }  // namespace
@@ -154,4 +154,4 @@ track load_film(const std::string& path, uint32_t per_second) {
     return result;
 }
 
-}  // namespace apps
+}  // namespace media_module
