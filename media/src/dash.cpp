@@ -441,8 +441,9 @@ void dash::inside::answer_range(const archive& of, std::string_view range, http_
                                              static_cast<unsigned long long>(start),
                                              static_cast<unsigned long long>(end)));
     const context found(name ? net_dash_find(name.get()) : nullptr);
-    const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
+    // One that has failed is not kept by those who ask: it is tried again later.
     const bool is_failed = found.ctx && net_dash_state(found.ctx) == net::dash_failed;
+    const core::owned_text text(found.ctx && !is_failed ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
     if (text) {
         asked.answer({.type = "application/dash+xml", .cache = "max-age=10"},
                      {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});

@@ -104,13 +104,14 @@ INET_API void dash_init() noexcept;
 INET_API void dash_free() noexcept;
 
 /// The context of a track and range, with one more user; it is made when there is none. Making one for a range loads
-/// modules and starts a graph, so it may take seconds: not on a network thread.
+/// modules and starts a graph, so it may take seconds: not on a network thread. A range whose archive nobody plays is
+/// dash_failed.
 /// @param start, end  microseconds UTC; both 0 for live
 /// @return null when:
 ///   - the track is not in the registry, or its id is refused,
 ///   - the range ends before it starts, is longer than dash_longest_range_us, or has a 0 on one side,
 ///   - there are as many contexts as the bounds allow, or memory is out, or
-///   - its directory cannot be made, or nobody plays its archive.
+///   - the directory of a range cannot be made.
 INET_API net::dash_ctx* net_dash_open(const char* token, uint64_t start, uint64_t end, const char* file,
                                       int line) noexcept;
 
