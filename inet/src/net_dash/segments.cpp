@@ -235,10 +235,7 @@ listing segment_list::list() {
     listing out;
     const guard_t guard(*this);
     out.total = total_;
-    if (!segments_.empty()) {
-        out.first = segments_.front()->sequence;
-        announced_ = segments_.back()->sequence;
-    }
+    if (!segments_.empty()) announced_ = segments_.back()->sequence;
     out.lines.reserve(segments_.size() * line_room);
     for (const segment* each : segments_) {
         char line[line_room];

@@ -56,7 +56,6 @@ struct fragment {
 struct listing {
     uint64_t total = 0;  ///< milliseconds, as is longest
     uint32_t longest = 0;
-    uint32_t first = 0;  ///< sequence number of the first segment
     core::string lines;
 };
 
