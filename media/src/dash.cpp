@@ -266,7 +266,8 @@ int dash::offers(const stream& which) const noexcept {
     if (!inside_) return 0;
     const auto is_it = [&](const auto& each) { return each->from == &which; };
     const auto found = std::ranges::find_if(inside_->channels, is_it);
-    return found != inside_->channels.end() && !(*found)->is_failed && is_packable(which) ? 1 : 0;
+    const bool may_be = is_packable(which) || (inside_->settings.on_demand && !which.ready());
+    return found != inside_->channels.end() && !(*found)->is_failed && may_be ? 1 : 0;
 }
 
 // Packing

@@ -47,6 +47,14 @@ test('it plays on when the source was away, and when the camera was', async () =
   await change(page, ['video']);
 });
 
+test('a source that is fetched on demand is fetched for the film', async () => {
+  const asks = await start(await freePort(), '--on-demand', '--source', 'live=' + theirs.live);
+  const other = await open(asks.web);
+  await change(other, ['video']);
+  await other.close();
+  await asks.stop();
+});
+
 test('where there is no film the page says why, and shows the JPEG pictures', async () => {
   for (const [why, prepare] of [
     ['dash.js was not loaded', (it) => it.route('**/dash.*.js', (route) => route.abort())],

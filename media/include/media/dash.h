@@ -19,7 +19,8 @@
 /// A range is played from the archive (net::Graph::add_archive()) by modules, as fast as they can.
 ///
 /// A live manifest is there when the window of 15 s has filled, that of a range when all of it has been read. A request
-/// before that waits for up to 10 s, and is then answered with 503 and Retry-After. The camera of a stream that nobody watches is not asked for pictures: settings_t.
+/// before that waits for up to 10 s, and is then answered with 503 and Retry-After. With settings_t::on_demand the
+/// camera of a stream that nobody watches is not asked for pictures.
 ///
 /// Bounds: those of inet/net_dash.h, and of each stream 5 s of frames held for this reader, within the stream's bounds.
 ///
@@ -60,7 +61,8 @@ public:
     /// Ends packing, before the station. Requests are answered with 503 from then on.
     void stop() noexcept;
 
-    /// Whether `which` is offered: it has H.264 pictures, and they can be packed. Any thread.
+    /// Whether `which` is offered: it has H.264 pictures, and they can be packed; or, on demand, nobody knows yet what
+    /// it has: the first request for its manifest has it fetched. Any thread.
     int offers(const stream& which) const noexcept;
 
     struct inside;
