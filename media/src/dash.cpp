@@ -3,6 +3,8 @@
 // they wait for the packer only as long as it changes its lists.
 #include "media/dash.h"
 
+#include "dash/audience.h"
+
 #include "avc/fcc.h"
 #include "core/owned.h"
 #include "core/profile.h"
@@ -85,6 +87,13 @@ bool is_packable(const stream& of) noexcept {
     return of.format(kind_t::video, &format, nullptr) && format.fcc == av::fcc_h264;
 }
 
+bool send_manifest(http_exchange& asked, const char* cache, const char* text) noexcept {
+    if (!text) return false;
+    asked.answer({.type = "application/dash+xml", .cache = cache},
+                 {reinterpret_cast<uint8_t*>(const_cast<char*>(text)), static_cast<uint32_t>(core_strlen(text))});
+    return true;
+}
+
 /// A context with one more user, given back at the end.
 struct context {
     explicit context(net::dash_ctx* held) noexcept : ctx(held) {}
@@ -145,7 +154,7 @@ struct dash::inside {
     bool order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept;
     void open(opening& range) noexcept;
     static void answer_manifest(const channel& each, http_exchange& asked) noexcept;
-    void answer_segment(std::string_view path, http_exchange& asked) noexcept;
+    void answer_segment(const void* of, std::string_view path, http_exchange& asked) noexcept;
     bool comes_next(net::dash_ctx* ctx, std::string_view name) noexcept;
 
     bool enter() noexcept;
@@ -157,6 +166,7 @@ struct dash::inside {
     core::vector<core::owned_object<channel>> channels;
     core::vector<core::owned_object<archive>> archives;
     core::vector<core::owned_object<opening>> openings;
+    audience watchers;
     event_ctx* news = nullptr;
     thread_ctx* packer = nullptr;
     std::mutex lock;  ///< of the openings, the timelines, and the next three
@@ -262,6 +272,8 @@ void dash::stop() noexcept {
     dash_free();
 }
 
+uint32_t dash::viewers() const noexcept { return inside_ ? inside_->watchers.count() : 0; }
+
 int dash::offers(const stream& which) const noexcept {
     if (!inside_) return 0;
     const auto is_it = [&](const auto& each) { return each->from == &which; };
@@ -358,7 +370,7 @@ void dash::inside::on_request(void* arg, http_exchange& asked) noexcept {
     if (path == "manifest.mpd")
         answer_manifest(each, asked);
     else
-        in.answer_segment(path, asked);
+        in.answer_segment(&each, path, asked);
     in.exit();
 }
 
@@ -366,9 +378,8 @@ void dash::inside::answer_manifest(const channel& each, http_exchange& asked) no
     const bool other = each.from->ready() && !is_packable(*each.from);
     const context found(other ? nullptr : net_dash_search(each.id.get()));
     const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
-    if (text) {
-        asked.answer({.type = "application/dash+xml", .cache = "max-age=1"},
-                     {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});
+    if (send_manifest(asked, "max-age=1", text.get())) {
+        each.of->watchers.saw(&each, asked.peer());
     } else if (other || each.is_failed) {
         asked.answer({.status = 404}, {});
     } else {
@@ -376,8 +387,8 @@ void dash::inside::answer_manifest(const channel& each, http_exchange& asked) no
     }
 }
 
-/// vCONTEXT/SEGMENT
-void dash::inside::answer_segment(std::string_view path, http_exchange& asked) noexcept {
+/// vCONTEXT/SEGMENT. @param of  the stream or recording whose viewer asks
+void dash::inside::answer_segment(const void* of, std::string_view path, http_exchange& asked) noexcept {
     const size_t slash = path.find('/');
     const bool fits = path.starts_with('v') && slash != std::string_view::npos;
     const core::owned_text name(fits ? core_strndup(path.data() + 1, slash - 1, CORE_HERE) : nullptr);
@@ -392,6 +403,7 @@ void dash::inside::answer_segment(std::string_view path, http_exchange& asked) n
         asked.answer_share({.type = share.info.mime, .cache = "max-age=30, immutable"},
                            {const_cast<uint8_t*>(share.info.data), share.info.size}, net_dash_share_release,
                            share.owner);
+        watchers.saw(of, asked.peer());
     } else {
         asked.answer({.status = 404}, {});
     }
@@ -426,7 +438,7 @@ void dash::inside::on_recorded(void* arg, http_exchange& asked) noexcept {
     if (path == "manifest.mpd")
         in.answer_range(each, range, asked);
     else
-        in.answer_segment(path, asked);
+        in.answer_segment(&each, path, asked);
     in.exit();
 }
 
@@ -445,9 +457,8 @@ void dash::inside::answer_range(const archive& of, std::string_view range, http_
     // One that has failed is not kept by those who ask: it is tried again later.
     const bool is_failed = found.ctx && net_dash_state(found.ctx) == net::dash_failed;
     const core::owned_text text(found.ctx && !is_failed ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
-    if (text) {
-        asked.answer({.type = "application/dash+xml", .cache = "max-age=10"},
-                     {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});
+    if (send_manifest(asked, "max-age=10", text.get())) {
+        watchers.saw(&of, asked.peer());
     } else if (is_failed || (!found.ctx && !order(of, start, end, asked))) {
         asked.answer({.status = 404}, {});
     } else {

@@ -65,6 +65,11 @@ public:
     /// it has: the first request for its manifest has it fetched. Any thread.
     int offers(const stream& which) const noexcept;
 
+    /// Peers that were sent a manifest or a segment within the last 10 s, once for each stream or recording; 1024 at
+    /// the most. A player has no session: those behind one cache or router count as one. station::totals() does not
+    /// have them. Any thread.
+    uint32_t viewers() const noexcept;
+
     struct inside;
 
 private:
