@@ -4,6 +4,7 @@
 #include "media/dash.h"
 
 #include "dash/audience.h"
+#include "dash/leftovers.h"
 
 #include "avc/fcc.h"
 #include "core/owned.h"
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <charconv>
 #include <condition_variable>
 #include <cstdio>
@@ -34,24 +34,12 @@ constexpr uint64_t second = 1'000'000;
 constexpr uint64_t reserved = 5 * second;
 constexpr uint64_t longest_unasked = 25 * second;
 constexpr uint32_t look_again = 500;  ///< milliseconds
-constexpr size_t longest_name = 32;   ///< of a stream, in the id of its track
 
 constexpr size_t most_openings = 8;
 
 constexpr char key_group[] = "stream";
 constexpr char key_kind[] = "video";
 constexpr char key_part[] = "live";
-
-/// What a track is called in paths and names of the bus.
-core::owned_text id_of(const char* of, uint64_t which, uint32_t number) noexcept {
-    core::owned_text name(core_strndup(of, longest_name, CORE_HERE));
-    for (char* each = name.get(); each && *each; ++each)
-        if (!std::isalnum(static_cast<unsigned char>(*each))) *each = '_';
-    // Another run has other ids: what a cache has kept of this one is not taken for it.
-    return core::owned_text(core_sprintf(CORE_HERE, "%s-%u-%llu-%llx", name ? name.get() : "", number,
-                                         static_cast<unsigned long long>(which),
-                                         static_cast<unsigned long long>(time_now() / 1000)));
-}
 
 bool put(value_t**& row, const char* key, const char* value) noexcept {
     const uint32_t before = value_count(row);
@@ -231,14 +219,15 @@ int dash::start(uint32_t number, failure_t* error) noexcept {
     if (!inside_ || inside_->packer) return inside_ ? 1 : 0;
     inside& in = *inside_;
     dash_init();
+    remove_leftovers(number);
     bool complete = true;
     for (auto& each : in.channels) {
-        each->id = id_of(each->from->name(), each->from->id(), number);
+        each->id = dash_id(each->from->name(), number, each->from->id());
         complete = complete && each->id;
     }
     for (size_t i = 0; i < in.archives.size(); ++i) {
         inside::archive& each = *in.archives[i];
-        each.id = id_of(each.name.get(), i, number);
+        each.id = dash_id(each.name.get(), number, i);
         complete = complete && each.id && enter_track(each.id.get(), each.name.get(), {});
     }
     in.news = _event_create(CORE_HERE);

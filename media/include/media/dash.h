@@ -54,8 +54,8 @@ public:
     /// @return as serve()
     int serve_recorded(http_service_t& by, const char* name) noexcept;
 
-    /// Starts packing, after the station. @param number  tells this process from others that work in the same
-    /// directory, such as the port of the service
+    /// Starts packing, after the station. Segments that an earlier run of that number has left in ./temp are removed.
+    /// @param number  tells this process from others that work in the same directory, such as the port of the service
     /// @return 1, or 0 with a reason in `error`
     int start(uint32_t number, failure_t* error = nullptr) noexcept;
     /// Ends packing, before the station. Requests are answered with 503 from then on.
