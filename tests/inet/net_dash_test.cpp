@@ -105,7 +105,8 @@ TEST_F(NetDash, OpensAContextForEachTrackAndRange) {
     for (const auto& [token, start, end] : {std::tuple("other", 0ULL, 0ULL),
                                             {"token", 0ULL, 1ULL},
                                             {"token", 2ULL, 1ULL},
-                                            {"token", 1ULL, hour + 2}})
+                                            {"token", 1ULL, hour + 2},
+                                            {"token", UINT64_MAX - 1, UINT64_MAX}})
         EXPECT_EQ(net_dash_open(token, start, end, CORE_HERE), nullptr) << token << start << '-' << end;
     for (const char* id : {"", "a/../../b", "a\\b", "a b", "a&amp;b"}) {
         value_t** row = core_value_put(nullptr, "id", id, CORE_HERE);

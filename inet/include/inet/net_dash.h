@@ -109,7 +109,7 @@ INET_API void dash_free() noexcept;
 /// @param start, end  microseconds UTC; both 0 for live
 /// @return null when:
 ///   - the track is not in the registry, or its id is refused,
-///   - the range ends before it starts, is longer than dash_longest_range_us, or has a 0 on one side,
+///   - the range ends before it starts or behind INT64_MAX, is longer than dash_longest_range_us, or has a 0 on one side,
 ///   - there are as many contexts as the bounds allow, or memory is out, or
 ///   - the directory of a range cannot be made.
 INET_API net::dash_ctx* net_dash_open(const char* token, uint64_t start, uint64_t end, const char* file,
