@@ -22,7 +22,12 @@
 /// before that waits for up to 10 s, and is then answered with 503 and Retry-After. With settings_t::on_demand the
 /// camera of a stream that nobody watches is not asked for pictures.
 ///
-/// Bounds: those of inet/net_dash.h, and of each stream 5 s of frames held for this reader, within the stream's bounds.
+/// Bounds:
+///   - those of inet/net_dash.h;
+///   - of each stream 5 s of frames held for this reader, within the stream's bounds;
+///   - of a range, each peer that is sent a segment holds a copy of it, at most http_settings_t::stall after it takes no
+///     more. The network thread reads it from its file, which it wrote shortly before: 25 us for one of 1 MB
+///     (bench/net_dash_bench), and the time of the disk where the system has dropped it from memory.
 ///
 /// One thread, such as the main thread. Nothing here throws.
 #pragma once
