@@ -1,4 +1,4 @@
-#include "dash/leftovers.h"
+#include "dash/inside.h"
 
 #include "core/text.h"
 #include "core/time.h"
