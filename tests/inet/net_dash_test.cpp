@@ -195,6 +195,12 @@ TEST_F(NetDash, ServesRangesFromTheirFiles) {
         EXPECT_EQ(file, std::string(segment->bytes.data, segment->bytes.data + segment->bytes.length));
         net_dash_segment_close(ctx, segment);
         EXPECT_EQ(segment->bytes.data, nullptr);
+        net::dash_share one, two;
+        ASSERT_TRUE(net_dash_share(ctx, "0.m4s", &one) && net_dash_share(ctx, "0.m4s", &two));
+        EXPECT_EQ(one.info.data, two.info.data);
+        net_dash_share_release(one.owner);
+        EXPECT_EQ(bytes(ctx, "0.m4s"), file);
+        net_dash_share_release(two.owner);
         EXPECT_EQ(bytes(ctx, "0.m4s"), file);
         EXPECT_NE(manifest(ctx).find("<Source>2023-11-14T22:13:20Z/2023-11-14T22:13:30Z</Source>"), std::string::npos);
         net_dash_close(ctx);

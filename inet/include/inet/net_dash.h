@@ -27,7 +27,8 @@
 ///
 /// Bytes and files: every segment is written to ./temp/NAME/T.m4s, relative to the working directory. The segments of a
 /// live list are served from memory, each for all readers from one block that is freed or used again when the segment
-/// has gone and nobody holds a share. Of a range only the files are kept: a segment is read when somebody asks for it.
+/// has gone and nobody holds a share. Of a range only the files are kept: a segment is read when somebody asks for it, and
+/// shared by those who ask for it meanwhile.
 ///
 /// A context that has no users is released 20 to 25 s after it was last opened, or asked for a manifest or a segment. A
 /// thread of the library does that.

@@ -25,9 +25,9 @@
 /// Bounds:
 ///   - those of inet/net_dash.h;
 ///   - of each stream 5 s of frames held for this reader, within the stream's bounds;
-///   - of a range, each peer that is sent a segment holds a copy of it, at most http_settings_t::stall after it takes no
-///     more. The network thread reads it from its file, which it wrote shortly before: 25 us for one of 1 MB
-///     (bench/net_dash_bench), and the time of the disk where the system has dropped it from memory.
+///   - of a range, each segment that is being sent, once for all peers, until the last of them has it or takes no more
+///     for http_settings_t::stall. The network thread reads it from its file, which was written shortly before: 25 us
+///     for one of 1 MB (bench/net_dash_bench), and the time of the disk where the system has dropped it from memory.
 ///
 /// One thread, such as the main thread. Nothing here throws.
 #pragma once
