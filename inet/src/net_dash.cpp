@@ -90,7 +90,7 @@ dash_ctx* net_dash_search(const char* token) noexcept {
 }
 
 dash_ctx* net_dash_find(const char* name) noexcept {
-    return name ? net::dash::use([&](const dash_ctx& each) { return std::strcmp(each.name, name) == 0; }) : nullptr;
+    return name ? net::dash::use([&](const dash_ctx& each) { return each.is_named(name); }) : nullptr;
 }
 
 void net_dash_close(dash_ctx* ctx) noexcept {

@@ -124,8 +124,8 @@ INET_API net::dash_ctx* net_dash_find(const char* name) noexcept;
 /// One user less. Null is ignored.
 INET_API void net_dash_close(net::dash_ctx* ctx) noexcept;
 
-/// "ID-START-END"; a live one that follows retired ones has "-1", "-2" and so on behind it. A manifest asks for its
-/// segments under "vNAME/". Valid as long as the context.
+/// "ID-START-END"; one that follows others, retired or on their way out, has "-1", "-2" and so on behind it. A range is
+/// found without that, too. A manifest asks for its segments under "vNAME/". Valid as long as the context.
 INET_API const char* net_dash_name(const net::dash_ctx* ctx) noexcept;
 INET_API net::dash_property_t net_dash_property(const net::dash_ctx* ctx) noexcept;
 INET_API net::dash_state_t net_dash_state(const net::dash_ctx* ctx) noexcept;

@@ -127,7 +127,7 @@ struct dash::inside {
 
     static void on_request(void* arg, http_exchange& asked) noexcept;
     static void on_recorded(void* arg, http_exchange& asked) noexcept;
-    void answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept;
+    void answer_range(const archive& of, std::string_view range, std::string_view path, http_exchange& asked) noexcept;
     bool order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept;
     void open(opening& range) noexcept;
     static void answer_manifest(const channel& each, http_exchange& asked) noexcept;

@@ -34,6 +34,8 @@ struct context {
     net::dash_ctx* ctx;
 };
 
+bool is_live(const net::dash_ctx* ctx) noexcept { return net_dash_property(ctx).start == 0; }
+
 }  // namespace
 
 bool dash::inside::enter() noexcept {
@@ -92,9 +94,10 @@ void dash::inside::answer_segment(const void* of, std::string_view path, http_ex
     path.remove_prefix(slash + 1);
     // A player that asks for what is not listed yet would ask for it again when it is: it is told to look at the list
     // first, but not before that would help.
-    if (comes_next(found.ctx, path)) return asked.later();
+    if (is_live(found.ctx) && comes_next(found.ctx, path)) return asked.later();
     net::dash_share share;
-    if (!asked.was_put_off() && net_dash_share(found.ctx, path.data(), &share)) {  // the path ends with its NUL
+    const bool was_early = asked.was_put_off() && is_live(found.ctx);
+    if (!was_early && net_dash_share(found.ctx, path.data(), &share)) {  // the path ends with its NUL
         asked.answer_share({.type = share.info.mime, .cache = "max-age=30, immutable"},
                            {const_cast<uint8_t*>(share.info.data), share.info.size}, net_dash_share_release,
                            share.owner);
@@ -130,14 +133,13 @@ void dash::inside::on_recorded(void* arg, http_exchange& asked) noexcept {
     const std::string_view range = path.substr(0, slash);
     path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
     if (!in.admit(asked)) return;
-    if (path == "manifest.mpd")
-        in.answer_range(each, range, asked);
-    else
-        in.answer_segment(&each, path, asked);
+    in.answer_range(each, range, path, asked);
     in.exit();
 }
 
-void dash::inside::answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept {
+/// Also a segment may be the first that is asked for: of a player that was stopped for longer than a range is kept.
+void dash::inside::answer_range(const archive& of, std::string_view range, std::string_view path,
+                                http_exchange& asked) noexcept {
     const size_t dash = range.find('-');
     uint64_t start = 0;
     uint64_t end = 0;
@@ -148,17 +150,19 @@ void dash::inside::answer_range(const archive& of, std::string_view range, http_
     const core::owned_text name(core_sprintf(CORE_HERE, "%s-%llu-%llu", of.id.get(),
                                              static_cast<unsigned long long>(start),
                                              static_cast<unsigned long long>(end)));
+    const bool is_manifest = path == "manifest.mpd";
+    if (!is_manifest && !(path.starts_with('v') && name && path.substr(1).starts_with(name.get())))
+        return asked.answer({.status = 404}, {});
     const context found(name ? net_dash_find(name.get()) : nullptr);
+    const net::dash_state_t state = found.ctx ? net_dash_state(found.ctx) : net::dash_filling;
     // One that has failed is not kept by those who ask: it is tried again later.
-    const bool is_failed = found.ctx && net_dash_state(found.ctx) == net::dash_failed;
-    const core::owned_text text(found.ctx && !is_failed ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
-    if (send_manifest(asked, "max-age=10", text.get())) {
-        watchers.saw(&of, asked.peer());
-    } else if (is_failed || (!found.ctx && !order(of, start, end, asked))) {
-        asked.answer({.status = 404}, {});
-    } else {
-        asked.later();
-    }
+    if (state == net::dash_failed || (!found.ctx && !order(of, start, end, asked)))
+        return asked.answer({.status = 404}, {});
+    if (state != net::dash_ready) return asked.later();
+    if (!is_manifest) return answer_segment(&of, path, asked);
+    const core::owned_text text(net_dash_manifest(found.ctx, CORE_HERE));
+    if (!send_manifest(asked, "max-age=10", text.get())) return asked.later();
+    watchers.saw(&of, asked.peer());
 }
 
 /// Has the control thread open a range, once. @return false when that has failed
