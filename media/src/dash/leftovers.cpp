@@ -66,7 +66,8 @@ void remove_leftovers(uint32_t number) noexcept {
         for (fs::directory_iterator each("temp", ignored); each != fs::directory_iterator(); each.increment(ignored)) {
             const std::u8string name = each->path().filename().u8string();
             const std::string_view text(reinterpret_cast<const char*>(name.data()), name.size());
-            if (each->is_directory(ignored) && is_of(text, std::to_string(number))) folders.push_back(each->path());
+            const bool is_folder = each->is_directory(ignored) && !each->is_symlink(ignored);
+            if (is_folder && is_of(text, std::to_string(number))) folders.push_back(each->path());
         }
         for (const fs::path& each : folders)
             remove_segments(each);
