@@ -100,6 +100,7 @@ web::services_t web::services() const {
     raise(told_.frames, all.frames, pages.frames);
     raise(told_.dropped, all.dropped, pages.dropped);
     services_t found{{{"rtsp", told_, 0, 0}, {"http", pages, 0, 0}}};
+    found[1].totals.watching += dash_.viewers();
     for (size_t i = 0; i < found.size(); ++i) {
         found[i].bit_rate = uint64_t{bytes_[i].now(found[i].totals.bytes)} * 8;
         found[i].frame_rate = frames_[i].now(found[i].totals.frames);
