@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 import time
 
-from servers import ROOT, SEND_FLOOR, Program, median
+from servers import ROOT, SEND_FLOOR, Program, median, processor_seconds
 from peers import Camera, ffmpeg
 
 PAGE = os.path.join(ROOT, "apps", "camera", "page")
@@ -30,18 +30,6 @@ http {{
     }}
 }}
 """
-
-
-def processor_seconds(process):
-    """Of a process and its children."""
-    times, pids = 0, [str(process.pid)]
-    for pid in pids:
-        for path in glob.glob(f"/proc/{pid}/task/*/"):
-            with open(path + "schedstat", encoding="ascii") as file:
-                times += int(file.read().split()[0])
-            with open(path + "children", encoding="ascii") as file:
-                pids += file.read().split()
-    return times / 1e9
 
 
 class Ours(Camera):

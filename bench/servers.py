@@ -1,4 +1,5 @@
 """The servers that are measured, what they serve, and the load on them."""
+import glob
 import os
 import statistics
 import subprocess
@@ -88,6 +89,18 @@ def load(server, viewers, transport, seconds, *arguments):
 def cost(result):
     """Processor seconds of the server for each GB of RTP that reached the viewers."""
     return result["server_cpu"] / (result["bytes"] / 1e9)
+
+
+def processor_seconds(process):
+    """Of a process and its children."""
+    times, pids = 0, [str(process.pid)]
+    for pid in pids:
+        for path in glob.glob(f"/proc/{pid}/task/*/"):
+            with open(path + "schedstat", encoding="ascii") as file:
+                times += int(file.read().split()[0])
+            with open(path + "children", encoding="ascii") as file:
+                pids += file.read().split()
+    return times / 1e9
 
 
 def median(values):

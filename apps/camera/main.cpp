@@ -6,16 +6,21 @@
 #include "sources.h"
 #include "web.h"
 
+#include "avc/fcc.h"
 #include "core/array.h"
 #include "core/memory.h"
 #include "core/thread.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
+#include "media/rtmp_service.h"
 #include "media/rtsp_service.h"
 #include "media/station.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -41,19 +46,44 @@ std::vector<std::string> reachable(const std::string& bind) {
     return found;
 }
 
-/// @param http  0 for none
-/// @param lack  why there is no page, when one was wanted
-void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, uint16_t port,
-                     uint16_t http, const char* lack) {
-    const std::vector<std::string> hosts = reachable(settings.bind);
-    if (*lack) std::printf("no page for browsers: %s; --http PORT takes another port\n", lack);
-    for (const std::string& host : hosts) {
-        if (http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{http});
-        for (const std::string& each : paths)
-            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{port}, apps::coded_path(each.c_str()).c_str());
+/// Of the ports that could not be had, what there is to say of one; empty when it is none of them.
+std::string lack_of(std::optional<uint16_t> port, std::string_view lacks) {
+    const std::string place = ':' + std::to_string(port.value_or(0)) + ": ";
+    while (!lacks.empty()) {
+        const std::string_view first = lacks.substr(0, lacks.find("; "));
+        if (first.find(place) != std::string_view::npos) return std::string(first);
+        lacks.remove_prefix(std::min(first.size() + 2, lacks.size()));
     }
+    return {};
+}
+
+struct ports_t {
+    uint16_t rtsp;
+    uint16_t http;  ///< 0 for none
+    media::rtmp_service_t* rtmp;
+};
+
+/// @param lacks  ports that were wanted and could not be had
+void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, media::station& station,
+                     const ports_t& ports, const char* lacks) {
+    const std::vector<std::string> hosts = reachable(settings.bind);
+    if (const std::string lack = lack_of(settings.http_port, lacks); !lack.empty())
+        std::printf("no page for browsers: %s; --http PORT takes another port\n", lack.c_str());
+    for (const std::string& host : hosts) {
+        if (ports.http) std::printf("http://%s:%u/\n", host.c_str(), unsigned{ports.http});
+        for (const std::string& each : paths) {
+            std::printf("rtsp://%s:%u/%s\n", host.c_str(), unsigned{ports.rtsp},
+                        apps::coded_path(each.c_str()).c_str());
+            media::stream* const stream = station.find(each.c_str());
+            const auto print = [](void*, const char* address) { std::printf("%s\n", address); };
+            if (stream && ports.rtmp) ports.rtmp->addresses(*stream, host.c_str(), print, nullptr);
+            media::stream::drop(stream);
+        }
+    }
+    if (const std::string lack = lack_of(settings.rtmp_port, lacks); !lack.empty())
+        std::printf("no RTMP: %s; --rtmp PORT takes another port\n", lack.c_str());
     std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", hosts.front().c_str(),
-                unsigned{port}, apps::coded_path(paths.front().c_str()).c_str());
+                unsigned{ports.rtsp}, apps::coded_path(paths.front().c_str()).c_str());
     std::fflush(stdout);
 }
 
@@ -78,7 +108,20 @@ void show_status(const media::station& station, const camera::sources& sources, 
 /// Seconds between two signs of life of ordinary players.
 constexpr unsigned players_patience = 60;
 
-media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
+/// The stream of the clip whose sound RTSP leaves out; null for none.
+const char* with_aac(const std::vector<std::string>& played, media::station& station) {
+    for (const std::string& each : played) {
+        media::stream* const stream = station.find(each.c_str());
+        media::format_t format;
+        const bool has = stream && stream->format(media::kind_t::audio, &format, nullptr);
+        media::stream::drop(stream);
+        if (has && format.fcc == av::fcc_mp4a) return each.c_str();
+    }
+    return nullptr;
+}
+
+/// @param without_aac  name of a stream; null for none
+media::rtsp_settings_t rtsp_settings(const camera::options& settings, const char* without_aac) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     return {.port = settings.rtsp_port,
             .user = text(settings.login.user),
@@ -89,7 +132,21 @@ media::rtsp_settings_t rtsp_settings(const camera::options& settings) {
             .timeout = settings.timeout,
             .multicast = text(settings.multicast),
             .multicast_port = settings.multicast_port,
-            .ttl = settings.ttl};
+            .ttl = settings.ttl,
+            .without_aac = without_aac};
+}
+
+/// @return null when none is wanted, or memory is out
+media::rtmp_service_t* rtmp_service(const camera::options& settings) {
+    const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
+    if (!settings.rtmp_port) return nullptr;
+    return media::rtmp_service({.port = *settings.rtmp_port,
+                                .needs_port = settings.rtmp_asked,
+                                .user = text(settings.login.user),
+                                .password = text(settings.login.password),
+                                .at_key = settings.start == camera::start_t::key,
+                                .backlog = settings.backlog,
+                                .stall = settings.stall});
 }
 
 int serve(const camera::options& settings) {
@@ -98,15 +155,20 @@ int serve(const camera::options& settings) {
     media::failure_t why;
     camera::clip_graph played;
     if (!played.open(settings, station, why)) return fail(why.text);
+    const char* const without_aac = with_aac(played.names(), station);
+    if (without_aac)
+        apps::complain(camera::program_name, settings.audio + ": RTSP leaves AAC out; RTMP and recordings have it");
     std::vector<std::string> paths = played.names();
     if (!fetched.open(settings, station, why)) return fail(why.text);
     paths.insert(paths.end(), fetched.names().begin(), fetched.names().end());
-    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings));
+    media::service* const rtsp = media::rtsp_service(rtsp_settings(settings, without_aac));
     camera::keeper kept;
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);
     if (played.names().size() > 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
-    if (!station.add(rtsp, &why) || (settings.http_port && !web.open(settings, *rtsp, kept.names(), why)))
+    media::rtmp_service_t* const rtmp = rtmp_service(settings);
+    if (!station.add(rtsp, &why) || (settings.rtmp_port && !station.add(rtmp, &why)) ||
+        (settings.http_port && !web.open(settings, *rtsp, rtmp, kept.names(), why)))
         return fail(why.text);
     // Whatever fails from here on: the threads that use what stands here end first.
     const struct ending {
@@ -120,7 +182,7 @@ int serve(const camera::options& settings) {
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played.start(station.thread_at(0).nt())) return fail("");
     if (!kept.start()) return fail("no thread for the recordings");
-    print_addresses(paths, settings, rtsp->port(), web.port(), why.text);
+    print_addresses(paths, settings, station, {rtsp->port(), web.port(), rtmp}, why.text);
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");

@@ -39,10 +39,11 @@ bool take_source(options& o, std::string_view text) {
     return true;
 }
 
-bool take_http(options& o, std::string_view text) {
-    o.http_asked = true;
-    if (text != "off") return take_number(o.http_port.emplace(), text, 0, 65535);
-    o.http_port.reset();
+/// PORT or "off", of a service that has to be there when it is asked for.
+bool take_port(std::optional<uint16_t>& port, bool& asked, std::string_view text) {
+    asked = true;
+    if (text != "off") return take_number(port.emplace(), text, 0, 65535);
+    port.reset();
     return true;
 }
 
@@ -64,7 +65,8 @@ bool take_group(options& o, std::string_view text) {
 std::span<const option> table() {
     static const option all[] = {
         {"--video", "FILE.h264", "pictures: an H.264 stream in Annex B form", take_text(&options::video)},
-        {"--audio", "FILE.wav", "sound: mono, 8000 Hz, \xC2\xB5-law or 16-bit PCM", take_text(&options::audio)},
+        {"--audio", "FILE", "sound: .wav of mono, 8000 Hz, \xC2\xB5-law or 16-bit PCM, or .aac (ADTS)",
+         take_text(&options::audio)},
         {"--jpeg", "FILE...", "pictures of /jpeg, five a second",
          [](options& o, std::string_view text) {
              o.jpeg.emplace_back(text);
@@ -73,7 +75,7 @@ std::span<const option> table() {
         {"--analytics", "FILE.json", "detector reports, one JSON document a line, five a second",
          take_text(&options::analytics)},
         {"--source", "[NAME=]URL",
-         "fetch rtsp://... or http://... and serve it as /NAME (live); may be given again with another NAME",
+         "fetch rtsp://, rtmp:// or http://... and serve it as /NAME (live); may be given again with another NAME",
          take_source},
         {"--transport", "WAY", "of the sources: tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.transport, text); }},
@@ -84,11 +86,13 @@ std::span<const option> table() {
          [](options& o, std::string_view text) { return take_number(o.rtsp_port, text, 0, 65535); }},
         {"--http", "PORT|off",
          "a page for browsers, JPEG pictures and the state (8080, unless another program has it); 0 takes a free port",
-         take_http},
+         [](options& o, std::string_view text) { return take_port(o.http_port, o.http_asked, text); }},
+        {"--rtmp", "PORT|off", "RTMP port (1935, unless another program has it); 0 takes a free one",
+         [](options& o, std::string_view text) { return take_port(o.rtmp_port, o.rtmp_asked, text); }},
         {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},
         {"--ttl", "N", "hops that multicast goes (1)",
          [](options& o, std::string_view text) { return take_number(o.ttl, text, 0, 255); }},
-        {"--user", "NAME", "ask viewers for this user (Digest)",
+        {"--user", "NAME", "ask viewers for this user (Digest; of RTMP authmod=adobe, which ffmpeg knows)",
          apps::take_credential<options>(&apps::credentials::user)},
         {"--password", "TEXT", "and this password", apps::take_credential<options>(&apps::credentials::password)},
         {"--password-file", "FILE", "or the first line of a file; without both, the variable INET_PASSWORD",
@@ -113,6 +117,9 @@ std::span<const option> table() {
 
 constexpr std::string_view explanations = R"(
 Without files and sources it plays the bundled clip. Ctrl-C ends it.
+
+Streams are rtsp://HOST:8554/NAME and rtmp://HOST/NAME, or rtmp://HOST/ANYTHING/NAME for players that want an
+application. RTSP leaves out AAC of --audio.
 
 A source is passed on as it comes: pictures, sound and metadata. When it goes away viewers stay, and it is fetched again
 after 1, 2, 4, ... 30 s. "--source -" reads H.264 in Annex B form from the standard input, paced by its arrival:

@@ -86,21 +86,23 @@ void answer(media::http_exchange& asked, const char* type, const std::string& te
 
 }  // namespace
 
-// The station is read first, so that nothing of the pages counts for RTSP. What it lacks is counted the next time, and no
-// counter runs back.
+// The station is read first, so that nothing of the others counts for RTSP. What it lacks is counted the next time, and
+// no counter runs back.
 web::services_t web::services() const {
     const std::lock_guard held(telling_);
     const totals_t all = station_.totals();
     const totals_t pages = http_->totals();
+    const totals_t rtmp = rtmp_ ? rtmp_->totals() : totals_t{};
     const auto raise = [](uint64_t& told, uint64_t sum, uint64_t part) {
         told = std::max(told, sum - std::min(sum, part));
     };
-    told_.watching = all.watching - std::min(all.watching, pages.watching);
-    raise(told_.bytes, all.bytes, pages.bytes);
-    raise(told_.frames, all.frames, pages.frames);
-    raise(told_.dropped, all.dropped, pages.dropped);
-    services_t found{{{"rtsp", told_, 0, 0}, {"http", pages, 0, 0}}};
+    told_.watching = all.watching - std::min(all.watching, pages.watching + rtmp.watching);
+    raise(told_.bytes, all.bytes, pages.bytes + rtmp.bytes);
+    raise(told_.frames, all.frames, pages.frames + rtmp.frames);
+    raise(told_.dropped, all.dropped, pages.dropped + rtmp.dropped);
+    services_t found{{"rtsp", told_, 0, 0}, {"http", pages, 0, 0}};
     found[1].totals.watching += dash_.viewers();
+    if (rtmp_) found.push_back({"rtmp", rtmp, 0, 0});
     for (size_t i = 0; i < found.size(); ++i) {
         found[i].bit_rate = uint64_t{bytes_[i].now(found[i].totals.bytes)} * 8;
         found[i].frame_rate = frames_[i].now(found[i].totals.frames);
@@ -108,10 +110,11 @@ web::services_t web::services() const {
     return found;
 }
 
-bool web::open(const options& settings, const media::service& rtsp, const std::vector<std::string>& recorded,
-               media::failure_t& error) {
+bool web::open(const options& settings, const media::service& rtsp, const media::rtmp_service_t* rtmp,
+               const std::vector<std::string>& recorded, media::failure_t& error) {
     const auto text = [](const std::string& from) { return from.empty() ? nullptr : from.c_str(); };
     rtsp_ = &rtsp;
+    rtmp_ = rtmp;
     http_ = media::http_service({.port = settings.http_port.value_or(0),
                                  .needs_port = settings.http_asked,
                                  .user = text(settings.login.user),
@@ -165,6 +168,7 @@ void web::on_status(void* arg, media::http_exchange& asked) {
             append_format(text, each, media::kind_t::meta, "meta");
             text += "},\"addresses\":[";
             of.rtsp_->addresses(each, host, append_address, &text);
+            if (of.rtmp_) of.rtmp_->addresses(each, host, append_address, &text);
             of.http_->addresses(each, host, append_address, &text);
             if (of.dash_.offers(each)) {
                 const std::string manifest = "http://" + std::string(host) + ":" + std::to_string(of.http_->port()) +

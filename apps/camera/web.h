@@ -7,9 +7,9 @@
 #include "core/time.h"
 #include "media/dash.h"
 #include "media/http_service.h"
+#include "media/rtmp_service.h"
 #include "media/station.h"
 
-#include <array>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -24,11 +24,11 @@ public:
     web(media::station& station, const options& settings)
         : station_(station), dash_(station, {.on_demand = settings.on_demand}) {}
 
-    /// Adds the HTTP service to the station, before its start. @param rtsp  the other service
+    /// Adds the HTTP service to the station, before its start. @param rtsp, rtmp  the other services; RTMP may be null
     /// @param recorded  streams whose recordings it offers, too
     /// @return false with the reason in `error`
-    bool open(const options& settings, const media::service& rtsp, const std::vector<std::string>& recorded,
-              media::failure_t& error);
+    bool open(const options& settings, const media::service& rtsp, const media::rtmp_service_t* rtmp,
+              const std::vector<std::string>& recorded, media::failure_t& error);
     /// Tells that the stream `pictures` shows in JPEG what `film` shows. Before open().
     void show_in_place(std::string film, std::string pictures) {
         film_ = std::move(film);
@@ -54,7 +54,7 @@ private:
         uint64_t bit_rate;  ///< sent
         unsigned frame_rate;
     };
-    using services_t = std::array<service_state, 2>;
+    using services_t = std::vector<service_state>;
     services_t services() const;
 
     media::station& station_;
@@ -63,11 +63,12 @@ private:
     std::string film_;
     std::string pictures_;
     const media::service* rtsp_ = nullptr;
+    const media::rtmp_service_t* rtmp_ = nullptr;
     media::http_service_t* http_ = nullptr;
     mutable std::mutex telling_;
     mutable media::station::totals_t told_{};  ///< of RTSP, the highest so far
-    mutable apps::rate_of bytes_[2];           ///< of the services, as they come in services()
-    mutable apps::rate_of frames_[2];
+    mutable apps::rate_of bytes_[3];           ///< of the services, as they come in services()
+    mutable apps::rate_of frames_[3];
 };
 
 }  // namespace camera

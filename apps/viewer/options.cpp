@@ -41,11 +41,12 @@ bool take_reconnect(options& o, std::string_view text) {
 }
 
 constexpr std::string_view output_help =
-    "write to a .mp4, .h264, .wav, .jpg or .txt file, or to - ; may be given again for another one";
+    "write to a .mp4, .h264, .wav, .aac, .jpg or .txt file, or to - ; may be given again for another one";
 
 std::span<const option> table() {
     static const option all[] = {
-        {"URI", "", "one rtsp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
+        {"URI", "",
+         "one rtsp://, rtmp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
          take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
@@ -70,9 +71,10 @@ Files, by the end of their name:
   .mp4          H.264 pictures with AAC or G.711 sound, as fragmented MP4, which can be read while it grows
   .h264 .264    pictures, an H.264 stream in Annex B form
   .wav          G.711 sound as it came; its header is right once the program has ended
+  .aac          AAC sound as it came, with headers of ADTS
   .jpg .jpeg    JPEG pictures, a file each: x.jpg gives x_00001.jpg, ...
   .txt .xml     metadata, one document behind the other
-  -             MP4 to the standard output; -.h264, -.wav and -.txt are those
+  -             MP4 to the standard output; -.h264, -.wav, -.aac and -.txt are those
 Each takes the first track of its format. Only whole pictures are written: after a loss nothing until the next key
 picture. Sound starts where the picture starts; what was lost, and the time between two connections, is silence. A file
 begins with its first frame: an earlier one of that name stays until then.
@@ -105,7 +107,7 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
     if (!apps::parse_command_line(table(), arguments, result, error) || !result.login.complete(error))
         return std::nullopt;
     if (result.uri.empty()) {
-        error = "which stream? rtsp://...";
+        error = "which stream? rtsp://..., rtmp://...";
         return std::nullopt;
     }
     const std::string* const unfit = result.unfit_for_stream();
@@ -127,7 +129,8 @@ const std::string* options::unfit_for_stream() const {
 }
 
 std::string usage() {
-    return "inet-viewer: receives a stream over RTSP or HTTP, or a file over HTTP\n\nusage: inet-viewer [OPTION]... "
+    return "inet-viewer: receives a stream over RTSP, RTMP or HTTP, or a file over HTTP\n\nusage: inet-viewer "
+           "[OPTION]... "
            "rtsp://...\n\n" +
            apps::describe_options(table()) + std::string(explanations);
 }

@@ -50,6 +50,23 @@ bytes without_trailing_zeros(bytes nal) noexcept {
     return nal;
 }
 
+/// The parameter sets of a configuration, whose count stands in front of them, off its front. @return false when it is
+/// cut short.
+bool take_sets(bytes& record, uint8_t count_mask, bytes& out) noexcept {
+    if (record.empty()) return false;
+    int count = record[0] & count_mask;
+    record = record.subspan(1);
+    const bytes all = record;
+    for (; count > 0; --count) {
+        if (record.size() < 2) return false;
+        const size_t size = 2 + (size_t{record[0]} << 8 | record[1]);
+        if (record.size() < size) return false;
+        record = record.subspan(size);
+    }
+    out = all.first(all.size() - record.size());
+    return true;
+}
+
 /// Bits of a NAL unit after its header byte, emulation prevention bytes passed over (7.3.1). Reading past the end gives
 /// zeros and marks the reader as failed, so that a parser checks once.
 class bit_reader {
@@ -356,4 +373,24 @@ int h264_starts_access_unit(std::span<const uint8_t> nal) noexcept {
     if ((type >= h264_sei && type <= h264_aud) || (type >= 14 && type <= 18)) return 1;
     const bool has_first_mb = type == h264_slice || type == 2 || type == h264_slice_idr;  // 2: data partition A
     return has_first_mb && nal.size() > 1 && (nal[1] & 0x80) != 0;  // ue(v) of 0 is a single 1 bit
+}
+
+int h264_parse_config(bytes record, h264_config_t* out) noexcept {
+    constexpr size_t fixed = 5;
+    if (record.size() < fixed) return 0;
+    h264_config_t found = {(record[4] & 3U) + 1, {}, {}};
+    record = record.subspan(fixed);
+    if (!take_sets(record, 0x1f, found.sps) || !take_sets(record, 0xff, found.pps) || found.length_size == 3) return 0;
+    *out = found;
+    return 1;
+}
+
+bytes h264_next_set(bytes& list) noexcept {
+    bytes set;
+    while (set.empty() && list.size() >= 2) {
+        const size_t size = std::min<size_t>(size_t{list[0]} << 8 | list[1], list.size() - 2);
+        set = list.subspan(2, size);
+        list = list.subspan(2 + size);
+    }
+    return set;
 }

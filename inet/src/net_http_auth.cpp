@@ -165,15 +165,6 @@ int put_answer(header_s* header, const char* name, const char* value) noexcept {
 
 // The strict reading of answers, for those who decide by them
 
-/// Compares in a time that depends on the lengths alone.
-bool same_secret(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) return false;
-    unsigned difference = 0;
-    for (size_t i = 0; i < a.size(); ++i)
-        difference |= static_cast<unsigned>(static_cast<unsigned char>(a[i] ^ b[i]));
-    return difference == 0;
-}
-
 struct credentials {
     std::optional<std::string_view> username;
     std::optional<std::string_view> realm;
@@ -328,13 +319,13 @@ int net_http_authenticate_check(const char* value, const char* method, const cha
     const auth::hex_t expected = auth::digest_response({user, password, realm, nonce, method, *given->uri, given->qop,
                                                         given->nc.value_or(""), given->cnonce.value_or("")});
     if (!expected) return 0;
-    const bool is_user = same_secret(*given->username, user);
-    return same_secret(*given->response, expected) && is_user;
+    const bool is_user = scan::same_secret(*given->username, user);
+    return scan::same_secret(*given->response, expected) && is_user;
 }
 
 int net_http_authenticate_check_base(const char* value, const char* user, const char* password) noexcept {
     if (!value || !user || !password) return 0;
     const char* given = behind_scheme(value, "Basic");
     const owned_text expected(given ? basic_value(user, password, CORE_HERE) : nullptr);
-    return expected && same_secret(given, behind_scheme(expected.get(), "Basic"));
+    return expected && scan::same_secret(given, behind_scheme(expected.get(), "Basic"));
 }

@@ -34,6 +34,15 @@ inline bool same_name(std::string_view a, std::string_view b) noexcept {
     return a.size() == b.size() && core_strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
+/// Compares in a time that depends on the lengths alone.
+inline bool same_secret(std::string_view a, std::string_view b) noexcept {
+    if (a.size() != b.size()) return false;
+    unsigned difference = 0;
+    for (size_t i = 0; i < a.size(); ++i)
+        difference |= static_cast<unsigned>(static_cast<unsigned char>(a[i] ^ b[i]));
+    return difference == 0;
+}
+
 /// Takes the text before the first `end` off the front of `rest`, and the `end` itself; all of it when there is none.
 inline std::string_view take(std::string_view& rest, char end) noexcept {
     const size_t at = rest.find(end);

@@ -23,8 +23,9 @@ void on_bus(void* arg, profile_ctx*, profile_event_t event, const param_t* param
         static_cast<stream*>(arg)->push(*static_cast<const av::frame_t*>(frame->data));
 }
 
-/// What the source of the track tells of it; its `fcc` is 0 when nobody answers.
-format_t ask_format(profile_ctx* bus) noexcept {
+/// What the source of the track tells of it; its `fcc` is 0 when nobody answers. @param config  holds its configuration,
+/// for the caller to release
+format_t ask_format(profile_ctx* bus, buffer_t& config) noexcept {
     const param_t question[] = {{"command", "format"}, {}};
     const core::owned_text answer(profile_request(bus, question, CORE_HERE));
     const std::unique_ptr<json_t, json_release> root(yajl_tree_parse(answer ? answer.get() : "", nullptr, 0));
@@ -38,6 +39,8 @@ format_t ask_format(profile_ctx* bus) noexcept {
     found.height = number("height");
     found.rate = number("rate");
     found.channels = number("channels");
+    const char* const hex = json_text(json_get(root.get(), "config"));
+    if (hex && *hex && core_buffer_unhex(&config, hex, CORE_HERE)) found.config = config;
     return found;
 }
 
@@ -49,11 +52,14 @@ int intake::open(const char* track, stream& into, format_t* found) noexcept {
     if (!bus_) return 0;
     into.keep();
     into_ = &into;
-    const format_t format = ask_format(bus_);
+    buffer_t config{};
+    format_t format = ask_format(bus_, config);
+    const bool declared = !format.fcc || into.declare(kind_of(format.fcc), format);
+    core_buffer_free(&config);
+    format.config = {};
     if (found) *found = format;
-    if (!format.fcc || into.declare(kind_of(format.fcc), format)) return 1;
-    close();
-    return 0;
+    if (!declared) close();
+    return declared ? 1 : 0;
 }
 
 void intake::close() noexcept {

@@ -2,6 +2,7 @@
 #include "rtsp_service/group.h"
 #include "rtsp_service/inside.h"
 
+#include "avc/fcc.h"
 #include "core/text.h"
 #include "inet/net_socket.h"
 #include "inet/net_uri.h"
@@ -71,8 +72,8 @@ thread* tunnels::find(std::string_view cookie, in_addr peer) const noexcept {
 }
 
 service_t::service_t(const rtsp_settings_t& settings) noexcept : settings_(settings), port_(settings.port) {
-    complete_ =
-        copy(user_, settings_.user) && copy(password_, settings_.password) && copy(multicast_, settings_.multicast);
+    complete_ = copy(user_, settings_.user) && copy(password_, settings_.password) &&
+                copy(multicast_, settings_.multicast) && copy(without_aac_, settings_.without_aac);
 }
 
 service_t::~service_t() = default;
@@ -139,6 +140,20 @@ void service_t::addresses(const stream& of, const char* host, void (*each)(void*
     char text[512];
     std::snprintf(text, sizeof text, "rtsp://%s:%u/%s", host, unsigned{port_}, path ? path.get() : of.name());
     each(arg, text);
+}
+
+const rtsp3::trak_t* service_t::announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) const noexcept {
+    format_t format;
+    buf_t config{};
+    if (!what.format(kind, &format, &config)) return nullptr;
+    const bool left_out =
+        format.fcc == av::fcc_mp4a && without_aac_ && std::string_view(what.name()) == without_aac_.get();
+    const rtsp3::sound_t sound{.rate = format.rate, .channels = format.channels, .config = format.config};
+    const rtsp3::trak_t* const made = left_out ? nullptr : by.add_trak(format.fcc, what.name(), sound, CORE_HERE);
+    // Without them the player waits for the first key picture to know what it gets.
+    if (made) by.describe_trak(made, format.config);
+    core_buf_free(&config);
+    return made;
 }
 
 group* service_t::group_of(stream& of) noexcept {

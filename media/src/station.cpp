@@ -245,7 +245,19 @@ bool station::inside::listen(failure_t* error) noexcept {
         tell(error, "no memory");
         return false;
     }
-    return std::ranges::all_of(ports, [&](const auto& each) { return listen_on(*each, error) || do_without(*each); });
+    failure_t lacks;  // of all ports that no service needs
+    for (const auto& each : ports) {
+        failure_t lack;
+        if (listen_on(*each, &lack)) continue;
+        if (!do_without(*each)) {
+            tell(error, "%s", lack.text);
+            return false;
+        }
+        const failure_t before = lacks;
+        tell(&lacks, "%s%s%s", before.text, *before.text ? "; " : "", lack.text);
+    }
+    if (*lacks.text) tell(error, "%s", lacks.text);
+    return true;
 }
 
 /// @return false when a service needs the port

@@ -5,6 +5,7 @@
 
 #include "watcher/address.h"
 #include "watcher/http.h"
+#include "watcher/rtmp.h"
 #include "watcher/rtsp.h"
 
 #include "core/text.h"
@@ -302,10 +303,17 @@ void watcher::inside::start_attempt() noexcept {
     }
     set_state(state_t::connecting);
     tell({.what = watch_event_t::connecting});
-    if (address.is_http)
-        attempt.reset(core::create<fetch::http_attempt>(CORE_HERE, order, *this));
-    else
-        attempt.reset(core::create<fetch::rtsp_attempt>(CORE_HERE, order, *this));
+    switch (address.scheme) {
+        case fetch::scheme_t::http:
+            attempt.reset(core::create<fetch::http_attempt>(CORE_HERE, order, *this));
+            break;
+        case fetch::scheme_t::rtmp:
+            attempt.reset(core::create<fetch::rtmp_attempt>(CORE_HERE, order, *this));
+            break;
+        case fetch::scheme_t::rtsp:
+            attempt.reset(core::create<fetch::rtsp_attempt>(CORE_HERE, order, *this));
+            break;
+    }
     if (attempt) return attempt->start();
     pause({outcome_t::failed, "no memory"}, core_timer());
 }
@@ -408,9 +416,9 @@ void watcher::inside::count() noexcept {
     shown.track_count = static_cast<uint32_t>(fetch::add_counts(shown.tracks, count_of_tracks, {more.data(), tracks}));
 }
 
-// Into the stream goes one track of each kind, the first.
+// Into the stream goes one track of each kind, the first. RTMP tells the times of decoding and display.
 int watcher::inside::take(const watched_t& got) noexcept {
-    if (into) into->push(got.frame, {.utc = got.utc, .of_display = true});
+    if (into) into->push(got.frame, {.utc = got.utc, .of_display = address.scheme != fetch::scheme_t::rtmp});
     return frame ? frame(frame_arg, got) : 1;
 }
 

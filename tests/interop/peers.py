@@ -26,7 +26,7 @@ def command(program):
 
 
 CAMERA = command(os.environ.get("INET_CAMERA", f"{ROOT}/build/dev/apps/inet-camera"))
-FREE_PORTS = "--rtsp", "0", "--http", "off"
+FREE_PORTS = "--rtsp", "0", "--http", "off", "--rtmp", "off"
 
 
 class Camera:
@@ -39,13 +39,16 @@ class Camera:
         self.read = 0
         self.process = subprocess.Popen([*prefix, *CAMERA, *ports, *arguments], stdout=subprocess.PIPE,
                                         stderr=self.messages, text=True, errors="replace", cwd=self.folder.name)
-        self.urls = {}
+        self.urls, self.rtmp = {}, {}
         self.printed = []
         for line in self.process.stdout:
             self.printed.append(line)
             found = re.search(r"rtsp://\S+/(\w+)", line)
             if found:
                 self.urls[found.group(1)] = found.group(0)
+            found = re.search(r"^rtmp://\S+/(\w+)", line)
+            if found:
+                self.rtmp[found.group(1)] = found.group(0)
             if line.startswith("http://"):
                 self.web = line.strip()
             if line.startswith("ready"):
@@ -98,11 +101,11 @@ class CameraCase(unittest.TestCase):
         player.play(*streams)
         return player
 
-    def check_live(self, table, seconds):
+    def check_live(self, table, seconds, tracks=None):
         """What an ffmpeg with LIVE has printed: pictures and sound are those of the clip, in order, none missing, and
-        by the times that the player derived they are in step."""
+        by the times that the player derived they are in step. `tracks` stands for those of the clip."""
         offsets = []  # how far the time of each lies from its place in the clip: the same for all, in both tracks
-        for stream, clip in clip_tracks().items():
+        for stream, clip in (tracks or clip_tracks()).items():
             places, seen = dict(clip), tracks_of(table)[stream]
             self.assertEqual(len(places), len(clip), "each of the clip occurs once")
             self.assertGreater(len(seen), (seconds - 0.5) / CLIP_SECONDS * len(clip))

@@ -1,6 +1,6 @@
 #include "media/stream.h"
 
-#include "rtsp_service/approach.h"
+#include "station/approach.h"
 #include "stream/inside.h"
 #include "support/fault.h"
 #include "support/frames.h"
@@ -319,8 +319,8 @@ TEST_F(Stream, ReadersOnManyThreadsLoseNothingWhileOthersComeAndGo) {
 }
 
 TEST_F(Stream, APlayerComesUpAtFourTimesThePaceAndLeavesOutWhatIsTooLate) {
-    using step_t = media::rtsp::approach::step_t;
-    media::rtsp::approach way;
+    using step_t = media::approach::step_t;
+    media::approach way;
     // Waits as milliseconds, frames as f.
     const auto look = [&](int steps) {
         std::string seen;

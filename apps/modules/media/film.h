@@ -42,7 +42,9 @@ struct pace {
 /// Frames of one format that follow each other at an even pace, the first after the last again.
 class track {
 public:
-    track(std::vector<frame_ptr> frames, pace rate) : frames_(std::move(frames)), rate_(rate) {}
+    /// @param config  what decoders need beside the frames: AudioSpecificConfig
+    track(std::vector<frame_ptr> frames, pace rate, std::vector<uint8_t> config = {})
+        : frames_(std::move(frames)), rate_(rate), config_(std::move(config)) {}
 
     /// Pictures that are shown in another order. @param places  of each picture among those that are shown
     void set_order(const std::vector<size_t>& places);
@@ -60,10 +62,12 @@ public:
     }
 
     uint32_t fcc() const { return frames_.front()->fcc; }
+    std::span<const uint8_t> config() const { return config_; }
 
 private:
     std::vector<frame_ptr> frames_;
     pace rate_;
+    std::vector<uint8_t> config_;
     uint64_t delay_ = 0;
 };
 

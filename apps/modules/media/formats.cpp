@@ -2,6 +2,7 @@
 
 #include "program.h"
 
+#include "avc/aac.h"
 #include "avc/fcc.h"
 #include "avc/jpeg.h"
 #include "core/text.h"
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
+#include <numeric>
 #include <span>
 #include <stdexcept>
 #include <string_view>
@@ -57,10 +59,8 @@ std::span<const uint8_t> riff_chunk(std::span<const uint8_t> file, std::string_v
 }
 
 /// Samples of a wave file as µ-law.
-std::vector<uint8_t> wave_samples(const std::string& path) {
-    const file_bytes file(path);
+std::vector<uint8_t> wave_samples(const std::string& path, const file_bytes& file) {
     const auto bytes = file.bytes();
-    if (!file.text().starts_with("RIFF")) throw std::runtime_error(path + ": no wave file");
     const auto format = riff_chunk(bytes, "fmt ");
     const auto data = riff_chunk(bytes, "data");
     constexpr uint32_t pcm = 1;
@@ -79,8 +79,8 @@ std::vector<uint8_t> wave_samples(const std::string& path) {
     return samples;
 }
 
-track load_audio(const std::string& path) {
-    const std::vector<uint8_t> samples = wave_samples(path);
+track load_wave(const std::string& path, const file_bytes& file) {
+    const std::vector<uint8_t> samples = wave_samples(path, file);
     if (samples.size() < audio_block) throw std::runtime_error(path + ": shorter than 20 ms");
     // Whole blocks only: what is left of the last one, less than 20 ms, is not played.
     std::vector<frame_ptr> blocks;
@@ -88,6 +88,49 @@ track load_audio(const std::string& path) {
         blocks.push_back(make_frame(av::fcc_pcmu, std::span(samples).subspan(at, audio_block)));
     }
     return {std::move(blocks), {audio_rate / audio_block, 1}};
+}
+
+/// What stands behind the tag that players of music put before the frames (ID3v2).
+std::span<const uint8_t> behind_tag(std::span<const uint8_t> file) {
+    constexpr size_t head = 10;
+    if (file.size() < head || std::memcmp(file.data(), "ID3", 3) != 0) return file;
+    size_t size = head;
+    for (const uint8_t each : file.subspan(6, 4))
+        size = (size - head) * 128 + (each & 0x7f) + head;
+    return file.subspan(std::min(size, file.size()));
+}
+
+/// AAC of one format in ADTS form. A frame that is cut short by the end of the file is left out.
+track load_aac(const std::string& path, const file_bytes& file) {
+    const std::runtime_error unusable(path +
+                                      ": no wave file and no AAC in ADTS form of one rate and number of channels; try: "
+                                      "ffmpeg -i " +
+                                      path + " -vn -c:a aac sound.aac");
+    constexpr size_t most_frames = 1U << 22;  // a day of sound
+    std::vector<frame_ptr> frames;
+    av::adts_t first{};
+    av::adts_t next{};
+    auto rest = behind_tag(file.bytes());
+    while (adts_parse(rest, &next) == 1) {
+        if (frames.empty()) first = next;
+        if (!std::ranges::equal(first.config, next.config)) throw unusable;
+        if (next.size > rest.size()) break;
+        if (frames.size() == most_frames) throw std::runtime_error(path + ": more than 4194304 frames");
+        frames.push_back(make_frame(av::fcc_mp4a, rest.first(next.size).subspan(next.header)));
+        frames.back()->rate = first.rate;
+        frames.back()->channels = first.channels;
+        rest = rest.subspan(next.size);
+    }
+    constexpr size_t closing_tag = 128;  // ID3v1
+    if (frames.empty() || (adts_parse(rest, &next) < 0 && rest.size() != closing_tag)) throw unusable;
+    constexpr uint64_t samples = 1024;
+    const uint64_t common = std::gcd(uint64_t{first.rate}, samples);
+    return {std::move(frames), {first.rate / common, samples / common}, {first.config, first.config + 2}};
+}
+
+track load_audio(const std::string& path) {
+    const file_bytes file(path);
+    return file.text().starts_with("RIFF") ? load_wave(path, file) : load_aac(path, file);
 }
 
 /// Whether RTP can carry a JPEG picture (RFC 2435, 3.1): baseline with 4:2:2 or 4:2:0 chroma, whole blocks in a line.
@@ -149,7 +192,7 @@ track load_track(const std::string& files, wanted_t wanted, uint32_t per_second)
     if (wanted == wanted_t::sound) return load_audio(files);
     if (wanted == wanted_t::pictures) return load_film(files, per_second);
     const std::string first = files.substr(0, files.find('\n'));
-    if (is_a(first, {".wav"}, "RIFF")) return load_audio(files);
+    if (is_a(first, {".wav"}, "RIFF") || is_a(first, {".aac"}, "\xff\xf1")) return load_audio(files);
     if (is_a(first, {".json"}, "{")) return load_reports(files);
     if (is_a(first, {".jpg", ".jpeg"}, "\xff\xd8")) return load_pictures(files, per_second);
     return load_film(files, per_second);

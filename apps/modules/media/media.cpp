@@ -3,6 +3,7 @@
 #include "pacer.h"
 
 #include "avc/fcc.h"
+#include "core/buf.h"
 #include "core/owned.h"
 #include "core/profile.h"
 #include "core/text.h"
@@ -67,10 +68,14 @@ player::player(const char* json) {
 void player::on_bus(void* arg, profile_ctx* profile, profile_event_t event, const param_t* params) {
     const char* command = event == profile_ask ? param_get_text(params, "command") : nullptr;
     if (!command || std::string_view(command) != "format") return;
-    const av::frame_t& first = static_cast<const player*>(arg)->track_->frame(0);
+    const media_module::track& played = *static_cast<const player*>(arg)->track_;
+    const av::frame_t& first = played.frame(0);
+    const buffer_t config{const_cast<uint8_t*>(played.config().data()), static_cast<uint32_t>(played.config().size())};
+    const core::owned_text hex(config.size ? core_buffer_hex(&config, CORE_HERE) : nullptr);
     char fcc[5];
-    const core::owned_text answer(core_sprintf(CORE_HERE, R"({"fcc": "%s", "width": %u, "height": %u, "rate": %u})",
-                                               fcc_str(first.fcc, fcc), first.width, first.height, first.rate));
+    const core::owned_text answer(core_sprintf(
+        CORE_HERE, R"({"fcc": "%s", "width": %u, "height": %u, "rate": %u, "channels": %u, "config": "%s"})",
+        fcc_str(first.fcc, fcc), first.width, first.height, first.rate, first.channels, hex ? hex.get() : ""));
     core_profile_answer(profile, answer.get());
 }
 

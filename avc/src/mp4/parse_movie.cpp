@@ -2,6 +2,7 @@
 #include "mp4/parse.h"
 
 #include "avc/fcc.h"
+#include "common/h264.h"
 
 #include <algorithm>
 
@@ -19,16 +20,15 @@ void append_set(core::vector<uint8_t>& out, bytes set) {
     out.insert(out.end(), set.begin(), set.end());
 }
 
-/// AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1).
 bool read_avcc(bytes record, track& out) {
-    fields from(record);
-    from.take(4);
-    out.length_size = (from.u8() & 3U) + 1;
-    for (const uint8_t mask : {uint8_t{0x1f}, uint8_t{0xff}}) {
-        for (int count = from.u8() & mask; count > 0 && from.ok(); --count)
-            append_set(out.config, from.take(from.u16()));
+    h264_config_t config;
+    if (!h264_parse_config(record, &config)) return false;
+    out.length_size = config.length_size;
+    for (bytes list : {config.sps, config.pps}) {
+        for (bytes set = h264_next_set(list); !set.empty(); set = h264_next_set(list))
+            append_set(out.config, set);
     }
-    return from.ok() && out.length_size != 3;
+    return true;
 }
 
 bool read_picture_entry(bytes entry, track& out) {

@@ -84,3 +84,17 @@ INET_API int h264_parse_slice(std::span<const uint8_t> nal, const h264_info_t& s
 /// 1 when the NAL unit begins a new access unit after one that holds a slice (7.4.1.2.3): an AUD, SPS, PPS, SEI or one
 /// of the types 14 to 18, or a slice whose first_mb_in_slice is 0.
 INET_API int h264_starts_access_unit(std::span<const uint8_t> nal) noexcept;
+
+/// The configuration of a track whose NAL units stand behind their lengths.
+struct h264_config_t {
+    uint32_t length_size;          ///< bytes of such a length: 1, 2 or 4
+    std::span<const uint8_t> sps;  ///< sequence parameter sets for h264_next_set()
+    std::span<const uint8_t> pps;  ///< picture parameter sets
+};
+
+/// Reads an AVCDecoderConfigurationRecord (ISO/IEC 14496-15, 5.3.3.1).
+/// @return 1; 0 when it is cut short, or states lengths of 3 bytes: `out` is then as before.
+INET_API int h264_parse_config(std::span<const uint8_t> record, h264_config_t* out) noexcept;
+
+/// Takes the next parameter set off the front of a list. Empty ones are skipped. @return empty when there is none left.
+INET_API std::span<const uint8_t> h264_next_set(std::span<const uint8_t>& list) noexcept;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "rtp/packet.h"
+#include "rtp/parameter_sets.h"
 
 #include "core/log.h"
 #include "core/owned.h"
@@ -18,7 +19,7 @@ namespace rtsp3 {
 inline constexpr uint32_t max_waiting = rtp::interleaved_header + 65535;  // the longest of what may be awaited
 inline constexpr uint32_t max_port = 65534;                               // the next one is for RTCP
 inline constexpr uint32_t max_channel = 254;
-inline constexpr uint32_t max_parameter_sets = 64 * 1024;
+using rtp::max_parameter_sets;
 
 /// Where the frames of a received track end: the packets with which one may be over are counted.
 struct ends_t {

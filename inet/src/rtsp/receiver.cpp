@@ -7,7 +7,6 @@
 #include "core/time.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdlib>
 #include <utility>
 
@@ -45,37 +44,6 @@ int64_t us_to_ticks(int64_t us, uint32_t rate) noexcept {
 
 /// Formats whose frames travel in several packets, the last with the marker bit.
 bool is_picture(const track_t& track) noexcept { return track.fcc == av::fcc_h264 || track.fcc == av::fcc_jpeg; }
-
-/// pic_parameter_set_id, which a PPS begins with (ITU-T H.264, 7.3.2.2), as ue(v) of 0 to 255.
-uint32_t pps_id(bytes_t nal) noexcept {
-    uint32_t bits = 0;
-    for (size_t i = 1; i < 5; ++i)
-        bits = bits << 8 | (i < nal.size() ? nal[i] : 0U);
-    const int zeros = std::countl_zero(bits);
-    return zeros > 8 ? UINT32_MAX : (bits >> (31 - 2 * zeros)) - 1;
-}
-
-/// Takes the PPS out whose place another one takes. @return true when that very set is held already
-bool make_place(buf_t& sets, bytes_t nal) noexcept {
-    bytes_t rest(sets.data, sets.length);
-    bytes_t old;
-    for (bytes_t each = h264_next_nal(rest); !each.empty(); each = h264_next_nal(rest)) {
-        if (std::ranges::equal(each, nal)) return true;
-        if (h264_nal_type(each) == pps && h264_nal_type(nal) == pps && pps_id(each) == pps_id(nal)) old = each;
-    }
-    if (old.empty()) return false;
-    const uint8_t* const end = old.data() + old.size();
-    uint8_t* const begin = sets.data + (old.data() - sets.data) - sizeof start_code;
-    std::copy<const uint8_t*>(end, sets.data + sets.length, begin);
-    sets.length -= static_cast<uint32_t>(end - begin);
-    return false;
-}
-
-bytes_t without_trailing_zeros(bytes_t nal) noexcept {
-    while (!nal.empty() && nal.back() == 0)
-        nal = nal.first(nal.size() - 1);
-    return nal;
-}
 
 /// Formats of which one packet holds a part that stands for itself, so that a gap before it takes nothing from it. Of
 /// H.264 the first slice tells.
@@ -316,7 +284,7 @@ void receiver::add_nals(track_t& track, std::span<const uint8_t> nals) noexcept 
     bytes_t next = h264_next_nal(rest);
     if (next.empty()) return add_nal(track, nals);
     const bytes_t first =
-        without_trailing_zeros(nals.first(static_cast<size_t>(next.data() - nals.data()) - sizeof start_code));
+        rtp::without_trailing_zeros(nals.first(static_cast<size_t>(next.data() - nals.data()) - sizeof start_code));
     if (!first.empty()) add_nal(track, first);
     for (; !next.empty(); next = h264_next_nal(rest))
         add_nal(track, next);
@@ -325,7 +293,7 @@ void receiver::add_nals(track_t& track, std::span<const uint8_t> nals) noexcept 
 void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
     gathered_t& gathered = *track.gathered;
     const uint8_t type = nal[0] & 0x1f;
-    if (type == sps || type == pps) return keep_parameter_set(track, nal, type == sps);
+    if (type == sps || type == pps) return keep_parameter_set(track, nal);
     constexpr uint8_t zero[] = {0};
     if (gathered.frame.length == 0) add(track, zero);
     if (type == slice || type == idr_slice) {
@@ -341,18 +309,10 @@ void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
     add(track, nal);
 }
 
-void receiver::keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept {
-    buf_t& sets = track.parameter_sets;
-    nal = without_trailing_zeros(nal);
-    if (nal.empty() || make_place(sets, nal)) return;
-    if (restart) {
-        track.gathered->ends.forget();
-        sets.length = 0;
-    }
-    const auto size = static_cast<uint32_t>(sizeof start_code + nal.size());
-    if (!bounded::make_room(sets, size, max_parameter_sets, talk_.file, talk_.line)) return;
-    core_buf_read(&sets, start_code, sizeof start_code);
-    core_buf_read(&sets, nal.data(), static_cast<uint32_t>(nal.size()));
+void receiver::keep_parameter_set(track_t& track, std::span<const uint8_t> nal) noexcept {
+    const rtp::kept_t kept = rtp::keep_parameter_set(track.parameter_sets, nal, talk_.file, talk_.line);
+    if (kept == rtp::kept_t::unchanged) return;
+    if (kept == rtp::kept_t::restarted) track.gathered->ends.forget();
     track.gathered->sets_changed = true;
 }
 

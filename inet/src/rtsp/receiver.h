@@ -51,7 +51,7 @@ private:
     void add_h264(track_t& track, std::span<const uint8_t> nal) noexcept;
     void add_nals(track_t& track, std::span<const uint8_t> nals) noexcept;
     void add_nal(track_t& track, std::span<const uint8_t> nal) noexcept;
-    void keep_parameter_set(track_t& track, std::span<const uint8_t> nal, bool restart) noexcept;
+    void keep_parameter_set(track_t& track, std::span<const uint8_t> nal) noexcept;
     void add(track_t& track, std::span<const uint8_t> bytes) noexcept;
     void deliver(track_t& track) noexcept;
     bool note_end(track_t& track) noexcept;

@@ -32,7 +32,7 @@ public:
     /// Subscribes to a track and holds the stream. Gives up an earlier track. Whoever puts the frames is asked what they
     /// are, and the stream's format of that kind is declared. Where nobody answers, it is learned from the first frame.
     /// @param track  its name on the bus, "KEY1_KEY2_KEY3_TRACK"
-    /// @param found  takes the answer; its `fcc` is 0 where there is none. May be null
+    /// @param found  takes the answer, without its configuration; its `fcc` is 0 where there is none. May be null
     /// @return 1, or 0 when memory is out
     int open(const char* track, stream& into, format_t* found = nullptr) noexcept;
     /// Unsubscribes and releases the stream. After the call nothing is pushed.

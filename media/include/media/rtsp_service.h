@@ -4,7 +4,7 @@
 /// A client begins with the last key picture. It is sent that picture and all later frames at four times their pace,
 /// until it has reached the present. A client that does not keep up loses whole pictures up to the next key picture.
 ///
-/// Formats served: H.264, JPEG, G.711 u-law, metadata. DESCRIBE waits up to five seconds for the formats of a stream,
+/// Formats served: H.264, JPEG, G.711 u-law and A-law, AAC, metadata. DESCRIBE waits up to five seconds for the formats of a stream,
 /// then the answer is 503.
 ///
 /// Bounds for one client:
@@ -33,6 +33,7 @@ struct rtsp_settings_t {
     const char* multicast = nullptr;     ///< group; null for no multicast
     uint16_t multicast_port = 5004;      ///< of the first track's RTP; RTCP and the other tracks follow
     uint8_t ttl = 1;                     ///< time to live of multicast packets, in hops
+    const char* without_aac = nullptr;   ///< name of a stream whose AAC is left out; null for none
 };
 
 /// @return a service for station::add(); null when memory is out

@@ -1,6 +1,7 @@
 // The kinds of files, but for sound and film.
 #include "recorder/file.h"
 
+#include "avc/aac.h"
 #include "avc/fcc.h"
 
 #include <algorithm>
@@ -18,6 +19,31 @@ public:
     using file::file;
     bool takes(uint32_t fcc) const noexcept override { return fcc == av::fcc_h264; }
     bool take(const placed_t& placed) override { return is_ready() && out().put(placed.frame.data, placed.frame.size); }
+};
+
+/// Access units with the headers of ADTS.
+class aac_file final : public file {
+public:
+    using file::file;
+    bool takes(uint32_t fcc) const noexcept override { return fcc == av::fcc_mp4a; }
+    const char* cause() const noexcept override { return unfit_ ? "ADTS cannot hold this AAC" : file::cause(); }
+    void begin(const format_t (&formats)[kind_count]) override {
+        const format_t& format = formats[static_cast<size_t>(kind_t::audio)];
+        known_ = aac_parse_config({format.config.data, format.config.size}, &config_) != 0;
+    }
+    bool take(const placed_t& placed) override {
+        const av::frame_t& unit = placed.frame;
+        // Nothing was declared: the usual kind.
+        if (!known_) config_ = {.type = 2, .rate = unit.rate, .layout = unit.channels == 8 ? 7 : unit.channels};
+        std::array<uint8_t, av::adts_header_size> header;
+        unfit_ = !adts_header(config_, unit.size, header);
+        return !unfit_ && is_ready() && out().put(header.data(), header.size()) && out().put(unit.data, unit.size);
+    }
+
+private:
+    av::aac_config_t config_;
+    bool known_ = false;
+    bool unfit_ = false;
 };
 
 /// Documents are there to be read as they come.
@@ -96,8 +122,9 @@ struct kind {
     file_ptr (*make)(const char* path);
 };
 constexpr kind kinds[] = {
-    {".mp4", make_mp4},        {".h264", make<h264_file>}, {".264", make<h264_file>}, {".wav", make_wav},
-    {".jpg", make<jpeg_file>}, {".jpeg", make<jpeg_file>}, {".txt", make<text_file>}, {".xml", make<text_file>},
+    {".mp4", make_mp4},         {".h264", make<h264_file>}, {".264", make<h264_file>},
+    {".wav", make_wav},         {".aac", make<aac_file>},   {".jpg", make<jpeg_file>},
+    {".jpeg", make<jpeg_file>}, {".txt", make<text_file>},  {".xml", make<text_file>},
 };
 
 const kind* find_kind(std::string_view path) {

@@ -2,9 +2,11 @@
 
 #include "recorder/g711.h"
 
+#include "avc/aac.h"
 #include "avc/fcc.h"
 
 #include <algorithm>
+#include <iterator>
 #include <span>
 #include <string_view>
 
@@ -48,33 +50,6 @@ core::vector<uint8_t> silent_frame(std::string_view elements) {
     return made;
 }
 
-class bits {
-public:
-    explicit bits(buffer_t from) noexcept : from_(from) {}
-    uint32_t take(unsigned count) noexcept {
-        uint32_t value = 0;
-        for (; count > 0; --count, ++at_) {
-            const uint32_t byte = at_ / 8 < from_.size ? from_.data[at_ / 8] : 0;
-            value = value << 1 | (byte >> (7 - at_ % 8) & 1);
-        }
-        return value;
-    }
-
-private:
-    buffer_t from_;
-    uint32_t at_ = 0;
-};
-
-/// ISO/IEC 14496-3, 1.6.3.3; 0 for a reserved index.
-uint32_t take_rate(bits& from) noexcept {
-    constexpr uint32_t rates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                  22050, 16000, 12000, 11025, 8000,  7350};
-    constexpr uint32_t explicit_rate = 15;
-    const uint32_t index = from.take(4);
-    if (index == explicit_rate) return from.take(24);
-    return index < std::size(rates) ? rates[index] : 0;
-}
-
 }  // namespace
 
 bool mp4_sound::takes(uint32_t fcc) noexcept {
@@ -95,27 +70,17 @@ bool mp4_sound::open(const format_t& format) {
     return is_open();
 }
 
-/// AudioSpecificConfig (ISO/IEC 14496-3, 1.6.2.1): how long a frame is, and how many channels it has.
+/// How long a frame is, and how many channels it has.
 bool mp4_sound::read_aac(const format_t& format) {
-    constexpr uint32_t sbr = 5;
-    constexpr uint32_t ps = 29;
-    bits config(format.config);
-    const uint32_t type = config.take(5);
-    const uint32_t rate = take_rate(config);
-    const uint32_t channels = config.take(4);
-    if (!rate) return false;
-    if (type == sbr || type == ps) {
-        take_rate(config);
-        config.take(5);
-    }
-    const uint32_t samples = config.take(1) ? 960 : 1024;
-    const uint32_t clock = format.rate ? format.rate : rate;
+    av::aac_config_t read;
+    if (!aac_parse_config({format.config.data, format.config.size}, &read)) return false;
+    const uint32_t clock = format.rate ? format.rate : read.rate;
     config_.assign(format.config.data, format.config.data + format.config.size);
-    if (channels > 0 && channels < std::size(elements_of)) silent_ = silent_frame(elements_of[channels]);
-    unit_ = static_cast<uint32_t>(uint64_t{samples} * clock / rate);
+    if (read.layout > 0 && read.layout < std::size(elements_of)) silent_ = silent_frame(elements_of[read.layout]);
+    unit_ = static_cast<uint32_t>(uint64_t{read.samples} * clock / read.rate);
     track_ = {.fcc = av::fcc_mp4a,
               .scale = clock,
-              .channels = channels ? channels : std::max(format.channels, 1U),
+              .channels = read.channels ? read.channels : std::max(format.channels, 1U),
               .config = {config_.data(), config_.size()}};
     return unit_ > 0;
 }

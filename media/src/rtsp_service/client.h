@@ -1,9 +1,9 @@
 // One connection of a player and its RTSP session.
 #pragma once
 
-#include "rtsp_service/approach.h"
 #include "rtsp_service/part.h"
-#include "rtsp_service/whole_pictures.h"
+#include "station/approach.h"
+#include "station/whole_pictures.h"
 
 #include "inet/net_tcp.h"
 #include "inet/rtsp_protocol.h"

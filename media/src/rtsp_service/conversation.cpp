@@ -40,18 +40,6 @@ stream* find_stream(station& among, const char* text) {
 
 }  // namespace
 
-const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) noexcept {
-    format_t format;
-    buf_t config{};
-    if (!what.format(kind, &format, &config)) return nullptr;
-    const rtsp3::sound_t sound{.rate = format.rate, .channels = format.channels, .config = format.config};
-    const rtsp3::trak_t* const made = by.add_trak(format.fcc, what.name(), sound, CORE_HERE);
-    // Without them the player waits for the first key picture to know what it gets.
-    if (made) by.describe_trak(made, format.config);
-    core_buf_free(&config);
-    return made;
-}
-
 void client_t::on_rtsp_event(rtsp3::Rtsp*, rtsp3::event_t::enum_t event) noexcept {
     using e = rtsp3::event_t;
     switch (event) {
@@ -141,7 +129,7 @@ void client_t::answer_describe(uint64_t now) noexcept {
 
 void client_t::announce() noexcept {
     for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta})
-        rtsp::announce(*rtsp_, *stream_, kind);
+        owner_.of().announce(*rtsp_, *stream_, kind);
     rtsp_->send_sdp("inet", "camera", stream_->name(), 0, 0);
 }
 

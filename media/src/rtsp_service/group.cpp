@@ -87,7 +87,7 @@ bool group::add_tracks() noexcept {
     rtp_->set_all_formats(true);
     if (session) session->set_all_formats(true);
     for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta}) {
-        const rtsp3::trak_t* announced = session ? announce(*session, stream_, kind) : nullptr;
+        const rtsp3::trak_t* announced = session ? service_.announce(*session, stream_, kind) : nullptr;
         if (!announced) continue;
         ::rtp::trak_t* const added = rtp_->add_trak(announced->rtp->pt, announced->fcc);
         if (!added) return false;

@@ -1,9 +1,9 @@
 // RTP over UDP multicast: one stream for each track, sent once for all who watch.
 #pragma once
 
-#include "rtsp_service/approach.h"
 #include "rtsp_service/part.h"
-#include "rtsp_service/whole_pictures.h"
+#include "station/approach.h"
+#include "station/whole_pictures.h"
 
 #include "inet/rtp_protocol.h"
 

@@ -16,9 +16,6 @@ namespace media::rtsp {
 class group;
 class client_t;
 
-/// Announces what a stream has of a kind. @return null when it has nothing, or nothing that can be sent
-const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) noexcept;
-
 /// The open ends of RTSP over HTTP: on which thread the GET connection is that a POST connection belongs to. Any
 /// thread.
 class tunnels {
@@ -59,6 +56,8 @@ public:
                    void* arg) const noexcept override;
 
     const rtsp_settings_t& settings() const noexcept { return settings_; }
+    /// Announces what a stream has of a kind. @return null when it has nothing, or nothing that is sent
+    const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) const noexcept;
     tunnels& open_tunnels() noexcept { return tunnels_; }
     /// The multicast streams of a stream, made at their first use, and held once more; null without multicast or when it
     /// cannot be. Any thread.
@@ -73,6 +72,7 @@ private:
     core::owned_text user_;
     core::owned_text password_;
     core::owned_text multicast_;
+    core::owned_text without_aac_;
     bool complete_;
     std::atomic<uint16_t> port_;
     media::station* station_ = nullptr;

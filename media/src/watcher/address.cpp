@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <new>
 #include <string_view>
@@ -20,14 +21,14 @@ namespace media::fetch {
 
 namespace {
 
-constexpr std::string_view rtsp_scheme = "rtsp://";
-constexpr std::string_view http_scheme = "http://";
-constexpr uint16_t rtsp_port = 554;
-constexpr uint16_t http_port = 80;
+struct scheme_row {
+    std::string_view text;
+    uint16_t port;
+    const char* authority_end;
+};
+constexpr scheme_row schemes[] = {{"rtsp://", 554, "/?"}, {"http://", 80, "/?#"}, {"rtmp://", 1935, "/?"}};  // scheme_t
 
-bool has_scheme(const char* url, std::string_view scheme) noexcept {
-    return core_strncasecmp(url, scheme.data(), static_cast<uint32_t>(scheme.size())) == 0;
-}
+const scheme_row& row_of(scheme_t scheme) noexcept { return schemes[static_cast<size_t>(scheme)]; }
 
 bool take_port(std::string_view text, uint16_t& port) noexcept {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
@@ -40,20 +41,24 @@ bool take_port(std::string_view text, uint16_t& port) noexcept {
 bool address_t::set(const char* url, const char* name, const char* secret) noexcept {
     const core::owned_text coded(uri_encode_rest(url, CORE_HERE));
     if (!coded) return false;
-    is_http = has_scheme(coded.get(), http_scheme);
-    if (!is_http && !has_scheme(coded.get(), rtsp_scheme)) return false;
-    const std::string_view place = std::string_view(coded.get()).substr((is_http ? http_scheme : rtsp_scheme).size());
-    const size_t authority_size = std::min(place.find_first_of(is_http ? "/?#" : "/?"), place.size());
+    const auto* const row = std::ranges::find_if(schemes, [&](const scheme_row& each) {
+        return core_strncasecmp(coded.get(), each.text.data(), static_cast<uint32_t>(each.text.size())) == 0;
+    });
+    if (row == std::end(schemes)) return false;
+    scheme = static_cast<scheme_t>(row - std::begin(schemes));
+    const std::string_view place = std::string_view(coded.get()).substr(row->text.size());
+    const size_t authority_size = std::min(place.find_first_of(row->authority_end), place.size());
     const std::string_view authority = place.substr(0, authority_size);
     const size_t at = authority.rfind('@');
     const std::string_view server = authority.substr(at + 1);
     const size_t colon = std::min(server.find(':'), server.size());
-    port = is_http ? http_port : rtsp_port;
+    port = row->port;
     if (colon == 0 || colon >= sizeof host || server.front() == '[') return false;
     if (colon < server.size() && !take_port(server.substr(colon + 1), port)) return false;
     *std::copy_n(server.begin(), colon, host) = 0;
     if (!set_login(authority.substr(0, at == std::string_view::npos ? 0 : at), name, secret)) return false;
-    return is_http ? set_target(place.substr(authority_size)) : set_uri(coded.get(), server.data(), name != nullptr);
+    if (scheme != scheme_t::rtsp) return set_target(place.substr(authority_size));
+    return set_uri(coded.get(), server.data(), name != nullptr);
 }
 
 /// Decoded, a user could break the line that it stands in.
@@ -80,7 +85,8 @@ bool address_t::set_target(std::string_view place) noexcept {
     place = place.substr(0, place.find('#'));
     target.reset(core_sprintf(CORE_HERE, "%s%.*s", place.starts_with('/') ? "" : "/", static_cast<int>(place.size()),
                               place.data()));
-    if (target) uri.reset(core_sprintf(CORE_HERE, "%s%s:%u%s", http_scheme.data(), host, unsigned{port}, target.get()));
+    if (target)
+        uri.reset(core_sprintf(CORE_HERE, "%s%s:%u%s", row_of(scheme).text.data(), host, unsigned{port}, target.get()));
     return target && uri;
 }
 
@@ -92,15 +98,15 @@ bool address_t::set_uri(const char* url, const char* behind_login, bool named) n
     const core::owned_text coded_name(uri_encode(user.get(), CORE_HERE));
     const core::owned_text coded_secret(uri_encode(password.get(), CORE_HERE));
     if (!coded_name || !coded_secret) return false;
-    uri.reset(
-        core_sprintf(CORE_HERE, "%s%s:%s@%s", rtsp_scheme.data(), coded_name.get(), coded_secret.get(), behind_login));
+    uri.reset(core_sprintf(CORE_HERE, "%s%s:%s@%s", row_of(scheme).text.data(), coded_name.get(), coded_secret.get(),
+                           behind_login));
     return uri != nullptr;
 }
 
 bool address_t::move(const address_t& from, const char* reference) noexcept {
     const core::owned_text url(uri_resolve(from.uri.get(), reference, CORE_HERE));
     address_t there;
-    if (!url || !there.set(url.get(), nullptr, nullptr) || there.is_http != from.is_http) return false;
+    if (!url || !there.set(url.get(), nullptr, nullptr) || there.scheme != from.scheme) return false;
     const bool takes_login = from.user && !there.user && core_strcasecmp(there.host, from.host) == 0;
     if (takes_login && !there.set(url.get(), from.user.get(), from.password.get())) return false;
     *this = std::move(there);

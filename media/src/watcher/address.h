@@ -10,12 +10,14 @@
 
 namespace media::fetch {
 
+enum class scheme_t : uint8_t { rtsp, http, rtmp };
+
 struct address_t {
     char host[256] = "";
     uint16_t port = 0;
-    bool is_http = false;     ///< else it is RTSP
-    core::owned_text uri;     ///< as protocols take it: of RTSP with user and password, of HTTP without
-    core::owned_text target;  ///< path and query, of HTTP
+    scheme_t scheme = scheme_t::rtsp;
+    core::owned_text uri;     ///< as protocols take it: of RTSP with user and password, of the others without
+    core::owned_text target;  ///< path and query; not of RTSP
     core::owned_text user;    ///< decoded; null for none
     core::owned_text password;
 

@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 #include <span>
 
 namespace media::fetch {
@@ -26,6 +27,13 @@ struct ending_t {
         va_end(args);
     }
 };
+
+template <class T>
+struct destroy_call {
+    void operator()(T* object) const noexcept { T::destroy(object); }
+};
+template <class T>
+using held = std::unique_ptr<T, destroy_call<T>>;
 
 /// What is wanted of an attempt.
 struct order_t {

@@ -12,13 +12,6 @@
 
 namespace media::fetch {
 
-template <class T>
-struct destroy_call {
-    void operator()(T* object) const noexcept { T::destroy(object); }
-};
-template <class T>
-using held = std::unique_ptr<T, destroy_call<T>>;
-
 /// It is waited for as long as the order says: for the connection and all answers up to PLAY together, then for each
 /// packet.
 class rtsp_attempt final : public attempt, rtsp3::IRtsp, net::ITcp, rtp::IPort {

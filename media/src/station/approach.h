@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace media::rtsp {
+namespace media {
 
 /// Shows the frames of a stream at a multiple of their pace, all tracks in step, so that the burst fits the receive
 /// buffers of the network and the player.
@@ -57,4 +57,4 @@ private:
     uint64_t due_ = 0;
 };
 
-}  // namespace media::rtsp
+}  // namespace media

@@ -3,7 +3,7 @@
 
 #include "media/stream.h"
 
-namespace media::rtsp {
+namespace media {
 
 /// Pictures go whole or not at all, and behind one that was left out none goes up to the next key picture: they build
 /// on it.
@@ -30,4 +30,4 @@ private:
     bool waits_for_key_ = true;
 };
 
-}  // namespace media::rtsp
+}  // namespace media

@@ -1,6 +1,6 @@
-#include "rtsp_service/approach.h"
+#include "station/approach.h"
 
-namespace media::rtsp {
+namespace media {
 
 int approach::begin(stream& from, bool at_key, uint64_t now) noexcept {
     waiting_ = anchored_ = false;
@@ -55,4 +55,4 @@ approach::step_t approach::look(uint64_t now) noexcept {
     return due_ <= now ? step_t::frame : step_t::wait;
 }
 
-}  // namespace media::rtsp
+}  // namespace media

@@ -1,0 +1,49 @@
+// Frames out.
+#include "rtmp/messages.h"
+#include "rtmp/session.h"
+
+namespace inet {
+
+bool Rtmp::insides::feed(const av::frame_t& frame) noexcept {
+    if (!takes_media()) return false;
+    if (!own_chunks_) own_chunks_.reset(core::create<rtmp::Chunks>(file, line, file, line));
+    if (!own_chunks_ || own_chunks_->cut(&frame) < 0) return false;
+    return own_chunks_->bytes().size == 0 || feed(*own_chunks_, nullptr);
+}
+
+bool Rtmp::insides::feed(rtmp::Chunks& chunks, buffer_t* lent) noexcept {
+    if (lent) *lent = {};
+    const buffer_t bytes = chunks.bytes();
+    if (!takes_media() || bytes.size == 0) return false;
+    const bool lends = lent && !ciphers;
+    buffer_t head;
+    if (head_sent_ != chunks.generation()) {
+        head = chunks.head();
+        if (head.size == 0) return false;
+    }
+    // Room for both first: a frame goes out whole or not at all.
+    if (!core_buf_respace(&out, head.size + (lends ? 0 : bytes.size), file, line)) return false;
+    send_raw({head.data, head.size});
+    head_sent_ = chunks.generation();
+    if (lends)
+        *lent = bytes;
+    else
+        send_raw({bytes.data, bytes.size});
+    return true;
+}
+
+bool Rtmp::insides::feed_video(std::initializer_list<bytes_t> body, uint32_t timestamp) noexcept {
+    if (!takes_media()) return false;
+    if (send_chunks(rtmp::video_message(timestamp), body)) return true;
+    log_line("Unable to send video");
+    return false;
+}
+
+bool Rtmp::insides::feed_audio(std::initializer_list<bytes_t> body, uint32_t timestamp, const char* failure) noexcept {
+    if (!takes_media()) return false;
+    if (send_chunks(rtmp::audio_message(timestamp), body)) return true;
+    log_line(failure);
+    return false;
+}
+
+}  // namespace inet
