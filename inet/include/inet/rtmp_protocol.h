@@ -31,8 +31,9 @@
 /// ProcessBytes() and the Process functions.
 ///
 /// Bounds for one peer:
-///     until the handshake is done   8 KiB in all, and 3,073 bytes of output
+///     until the handshake is done   8 KiB, the output of 3,073 bytes included
 ///     input                         64 KiB over all channels together, each message with its headers
+///     a message being served        its values, 36 MiB (the bounds of inet/rtmp_amf.h)
 ///     output                        ask waiting() before a picture is fed; 64 KiB of answers that it does not read
 /// A peer that exceeds a bound fails the conversation. Audio and video that it sends are dropped as they come.
 ///
@@ -107,8 +108,9 @@ public:
 
     void set_handler(IRtmp* handler) noexcept;
 
-    /// Whether the client's digest is checked; off unless set. A plain client that fails is given the simple answer, an
-    /// encrypted one is refused.
+    /// Whether the client's digest is checked; off unless set. A plain client that fails is given the simple answer, one
+    /// packet, on which many players wait for ever; an encrypted one is refused. While it is off, scheme 0 is taken for
+    /// granted: players of RTMPE use scheme 1, too, so owners that serve them switch it on and set their keys.
     void set_validate(bool on) noexcept;
     /// Replaces the keys of the digests, of all sessions made later. Players that check the server, as those of RTMPE
     /// do, know fixed keys, and refuse the values that stand here unless set. Not while sessions are made. A null key
