@@ -49,6 +49,7 @@ public:
     bool play(Variant& message) noexcept;
     bool pause(Variant& message) noexcept;
     bool close_stream() noexcept;
+    bool stop_play() noexcept;
     bool stream_length(Variant& message) noexcept;
     bool unknown(Variant& message) noexcept;
     bool set_credentials(const char* user, const char* password) noexcept;
