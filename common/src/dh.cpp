@@ -171,9 +171,10 @@ bool DHWrapper::CopySharedKey(uint8_t* out, uint32_t size) const noexcept {
     return true;
 }
 
-Rc4::Rc4(const uint8_t* key, uint32_t size) noexcept : keyed_(key && size > 0 && size <= sizeof state_) {
+Rc4::Rc4(const uint8_t* key, uint32_t size) noexcept {
     std::iota(state_, state_ + sizeof state_, uint8_t{0});
-    if (!keyed_) return;
+    if (!key || size == 0 || size > sizeof state_) return;
+    keyed_ = true;
     uint8_t j = 0;
     for (uint32_t i = 0; i < sizeof state_; ++i) {
         j = static_cast<uint8_t>(j + state_[i] + key[i % size]);

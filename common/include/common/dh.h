@@ -56,5 +56,5 @@ private:
 
     uint8_t state_[256];
     uint8_t i_ = 0, j_ = 0;
-    bool keyed_;
+    bool keyed_ = false;
 };
