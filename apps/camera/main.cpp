@@ -88,7 +88,7 @@ void print_addresses(const std::vector<std::string>& paths, const camera::option
 }
 
 /// Shows the live line once a second until Ctrl-C, or until all has been sent.
-void show_status(const media::station& station, const camera::sources& sources) {
+void show_status(const media::station& station, const camera::sources& sources, const camera::web& web) {
     apps::status_line line;
     uint64_t shown = core_timer();
     apps::rate_of bytes;
@@ -98,9 +98,9 @@ void show_status(const media::station& station, const camera::sources& sources) 
         if (now - shown < 900'000) continue;
         const media::station::totals_t totals = station.totals();
         if (sources.are_over() && totals.watching == 0) return;
-        line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu   sources %zu/%zu", totals.watching,
-                  bytes.now(totals.bytes) * 8e-6, static_cast<unsigned long long>(totals.dropped), sources.fetched(),
-                  sources.names().size());
+        line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu   sources %zu/%zu",
+                  totals.watching + web.film_viewers(), bytes.now(totals.bytes) * 8e-6,
+                  static_cast<unsigned long long>(totals.dropped), sources.fetched(), sources.names().size());
         shown = now;
     }
 }
@@ -187,7 +187,7 @@ int serve(const camera::options& settings) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");
     }
-    show_status(station, fetched);
+    show_status(station, fetched, web);
     played.stop();
     kept.stop();
     web.stop();

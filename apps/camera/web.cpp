@@ -101,6 +101,7 @@ web::services_t web::services() const {
     raise(told_.frames, all.frames, pages.frames + rtmp.frames);
     raise(told_.dropped, all.dropped, pages.dropped + rtmp.dropped);
     services_t found{{"rtsp", told_, 0, 0}, {"http", pages, 0, 0}};
+    found[1].totals.watching += dash_.viewers();
     if (rtmp_) found.push_back({"rtmp", rtmp, 0, 0});
     for (size_t i = 0; i < found.size(); ++i) {
         found[i].bit_rate = uint64_t{bytes_[i].now(found[i].totals.bytes)} * 8;

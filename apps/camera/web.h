@@ -37,6 +37,8 @@ public:
     /// After the station's start, and before its end. Nothing when it is not open.
     bool start(media::failure_t& error) { return port() == 0 || dash_.start(http_->port(), &error); }
     void stop() { dash_.stop(); }
+    /// Who watches by DASH: station::totals() does not have them. Any thread.
+    uint32_t film_viewers() const { return dash_.viewers(); }
     /// 0 when it is not open, or its port could not be had.
     uint16_t port() const { return http_ ? http_->port() : uint16_t{0}; }
 

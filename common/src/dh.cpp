@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <numeric>
 #include <utility>
 
@@ -171,29 +172,40 @@ bool DHWrapper::CopySharedKey(uint8_t* out, uint32_t size) const noexcept {
     return true;
 }
 
-Rc4::Rc4(const uint8_t* key, uint32_t size) noexcept : keyed_(key && size > 0 && size <= sizeof state_) {
-    std::iota(state_, state_ + sizeof state_, uint8_t{0});
-    if (!keyed_) return;
-    uint8_t j = 0;
-    for (uint32_t i = 0; i < sizeof state_; ++i) {
-        j = static_cast<uint8_t>(j + state_[i] + key[i % size]);
+Rc4::Rc4(const uint8_t* key, uint32_t size) noexcept {
+    std::iota(std::begin(state_), std::end(state_), 0U);
+    if (!key || size == 0 || size > std::size(state_)) return;
+    keyed_ = true;
+    uint32_t j = 0;
+    for (uint32_t i = 0; i < std::size(state_); ++i) {
+        j = (j + state_[i] + key[i % size]) & 0xFF;
         std::swap(state_[i], state_[j]);
     }
 }
 
+// The indexes are kept in locals: written through bytes, members would be stored and loaded for each.
+template <class Use>
+void Rc4::run(uint64_t count, Use use) noexcept {
+    if (!keyed_) return;
+    uint32_t i = i_, j = j_;
+    for (uint64_t n = 0; n < count; ++n) {
+        i = (i + 1) & 0xFF;
+        const uint32_t a = state_[i];
+        j = (j + a) & 0xFF;
+        const uint32_t b = state_[j];
+        state_[i] = b;
+        state_[j] = a;
+        use(n, static_cast<uint8_t>(state_[(a + b) & 0xFF]));
+    }
+    i_ = i;
+    j_ = j;
+}
+
 void Rc4::apply(const uint8_t* data, uint8_t* out, uint64_t size) noexcept {
-    for (uint64_t n = 0; n < size; ++n)
-        out[n] = static_cast<uint8_t>(data[n] ^ next());
+    if (!keyed_ && out != data && size > 0) std::memmove(out, data, size);
+    run(size, [&](uint64_t n, uint8_t byte) { out[n] = static_cast<uint8_t>(data[n] ^ byte); });
 }
 
 void Rc4::skip(uint32_t count) noexcept {
-    for (uint32_t n = 0; n < count; ++n)
-        next();
-}
-
-uint8_t Rc4::next() noexcept {
-    if (!keyed_) return 0;
-    j_ = static_cast<uint8_t>(j_ + state_[++i_]);
-    std::swap(state_[i_], state_[j_]);
-    return state_[static_cast<uint8_t>(state_[i_] + state_[j_])];
+    run(count, [](uint64_t, uint8_t) {});
 }

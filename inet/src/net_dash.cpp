@@ -51,7 +51,10 @@ bool find_track(const char* token, net::dash::track& out) {
 }
 
 bool is_range_allowed(uint64_t start, uint64_t end) noexcept {
-    return (start == 0 && end == 0) || (start > 0 && end > start && end - start <= net::dash_longest_range_us);
+    // The order to play carries a signed time.
+    constexpr uint64_t latest = INT64_MAX;
+    return (start == 0 && end == 0) ||
+           (start > 0 && end > start && end <= latest && end - start <= net::dash_longest_range_us);
 }
 
 }  // namespace
@@ -87,7 +90,7 @@ dash_ctx* net_dash_search(const char* token) noexcept {
 }
 
 dash_ctx* net_dash_find(const char* name) noexcept {
-    return name ? net::dash::use([&](const dash_ctx& each) { return std::strcmp(each.name, name) == 0; }) : nullptr;
+    return name ? net::dash::use([&](const dash_ctx& each) { return each.is_named(name); }) : nullptr;
 }
 
 void net_dash_close(dash_ctx* ctx) noexcept {

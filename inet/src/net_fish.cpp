@@ -12,10 +12,39 @@
 using fish::fill;
 using fish::identity;
 
+namespace {
+
+char* device_media(const identity& who, const char* path, int video_stream, int audio_stream, int fps, int speed,
+                   const char* file, int line) noexcept {
+    return fill(fish::device_media, who,
+                {{"file", path},
+                 {"video_stream", video_stream},
+                 {"audio_stream", audio_stream},
+                 {"fps", fps},
+                 {"speed", speed}},
+                file, line);
+}
+
+char* encode_video(const net::cinfo_t__* node, const char* codec, int width, int height, int bitrate, int fps,
+                   int keyint, int quality, const fish::field& proportion, const char* file, int line) noexcept {
+    return fill(fish::encode_video, node,
+                {{"codec", codec},
+                 {"width", width},
+                 {"height", height},
+                 {"bitrate", bitrate},
+                 {"fps", fps},
+                 {"keyint", keyint},
+                 {"quality", quality},
+                 proportion},
+                file, line);
+}
+
+}  // namespace
+
 char* fish_common(const char* key1, const char* key2, const char* key3, const char* typeJS, const char* file,
                   int line) noexcept {
     const net::cinfo_t__ keys{key1, key2, key3, nullptr, nullptr};
-    return fill(fish::common_alone, identity(&keys, typeJS), {}, file, line);
+    return fill("", identity(&keys, typeJS), {}, file, line);
 }
 
 char* fish_archive_zelt54(const net::cinfo_t__* node, const char* ip, int port, int64_t rid, bool audio,
@@ -40,24 +69,12 @@ char* fish_archive_media(const net::cinfo_t__* node, const char* path, const cha
 
 char* fish_device_media(const net::cinfo_t__* node, const char* path, int video_stream, int audio_stream, int fps,
                         int speed, const char* file, int line) noexcept {
-    return fill(fish::device_media, node,
-                {{"file", path},
-                 {"video_stream", video_stream},
-                 {"audio_stream", audio_stream},
-                 {"fps", fps},
-                 {"speed", speed}},
-                file, line);
+    return device_media(node, path, video_stream, audio_stream, fps, speed, file, line);
 }
 
 char* fish_device_media_file(const net::cinfo_t__* node, const char* path, int video_stream, int audio_stream, int fps,
                              int speed, const char* file, int line) noexcept {
-    return fill(fish::device_media_file, node,
-                {{"file", path},
-                 {"video_stream", video_stream},
-                 {"audio_stream", audio_stream},
-                 {"fps", fps},
-                 {"speed", speed}},
-                file, line);
+    return device_media(identity::alone(node), path, video_stream, audio_stream, fps, speed, file, line);
 }
 
 char* fish_device_microphone(const net::cinfo_t__* node, const char* device, const char* const* devices,
@@ -127,7 +144,7 @@ char* fish_device_rtsp(const net::cinfo_t__* node, const char* type, const char*
 char* fish_device_capture(const net::cinfo_t__* node, const char* type, const char* device, const char* const* devices,
                           const char* resolution, const char* const* resolutions, const char* format,
                           const char* const* formats, const char* file, int line) noexcept {
-    return fill(fish::device_capture, node,
+    return fill(fish::device_capture, identity::alone(node),
                 {{"type", type},
                  {"device", device},
                  {"devices", devices},
@@ -140,7 +157,7 @@ char* fish_device_capture(const net::cinfo_t__* node, const char* type, const ch
 
 char* fish_device_capture_bt878(const net::cinfo_t__* node, const char* device, const char* const* devices,
                                 const char* resolution, const char* format, const char* file, int line) noexcept {
-    return fill(fish::device_capture_bt878, node,
+    return fill(fish::device_capture_bt878, identity::alone(node),
                 {{"device", device}, {"devices", devices}, {"resolution", resolution}, {"format", format}}, file, line);
 }
 
@@ -172,11 +189,11 @@ char* fish_synch_av(const net::cinfo_t__* node, int width, int height, int sps, 
 }
 
 char* fish_decode_audio(const net::cinfo_t__* node, const char* file, int line) noexcept {
-    return fill(fish::decode_audio, node, {}, file, line);
+    return fill(fish::decode, node, {{"kind", "audio"}}, file, line);
 }
 
 char* fish_decode_video(const net::cinfo_t__* node, const char* file, int line) noexcept {
-    return fill(fish::decode_video, node, {}, file, line);
+    return fill(fish::decode, node, {{"kind", "video"}}, file, line);
 }
 
 char* fish_encode_audio(const net::cinfo_t__* node, const char* codec, int sps, int bps, const char* nch,
@@ -186,29 +203,13 @@ char* fish_encode_audio(const net::cinfo_t__* node, const char* codec, int sps, 
 
 char* fish_encode_video(const net::cinfo_t__* node, const char* codec, int width, int height, int bitrate, int fps,
                         int keyint, int quality, const char*, const char* file, int line) noexcept {
-    return fill(fish::encode_video, node,
-                {{"codec", codec},
-                 {"width", width},
-                 {"height", height},
-                 {"bitrate", bitrate},
-                 {"fps", fps},
-                 {"keyint", keyint},
-                 {"quality", quality}},
-                file, line);
+    return encode_video(node, codec, width, height, bitrate, fps, keyint, quality, {"proportion", ""}, file, line);
 }
 
 char* fish_encode_video2(const net::cinfo_t__* node, const char* codec, int width, int height, int bitrate, int fps,
                          int keyint, int quality, const char* proportion, const char* file, int line) noexcept {
-    return fill(fish::encode_video2, node,
-                {{"codec", codec},
-                 {"width", width},
-                 {"height", height},
-                 {"bitrate", bitrate},
-                 {"fps", fps},
-                 {"keyint", keyint},
-                 {"quality", quality},
-                 {"proportion", proportion}},
-                file, line);
+    return encode_video(node, codec, width, height, bitrate, fps, keyint, quality,
+                        {"proportion", fish::part{fish::encode_proportion, proportion}}, file, line);
 }
 
 char* fish_export_media(const net::cinfo_t__* node, const char* path, const char* name, const char* type,
@@ -265,11 +266,11 @@ char* fish_sender_http(const net::cinfo_t__* node, const char* id, const char* f
 }
 
 char* fish_sender_rtmp(const net::cinfo_t__* node, const char* id, const char* file, int line) noexcept {
-    return fill(fish::sender_rtmp, node, {{"id", id}}, file, line);
+    return fill(fish::sender_profile, node, {{"type", "rtmp"}, {"id", id}}, file, line);
 }
 
 char* fish_sender_rtsp(const net::cinfo_t__* node, const char* id, const char* file, int line) noexcept {
-    return fill(fish::sender_rtsp, node, {{"id", id}}, file, line);
+    return fill(fish::sender_profile, node, {{"type", "rtsp"}, {"id", id}}, file, line);
 }
 
 char* fish_sender_rtp(const net::cinfo_t__* node, const char* type, const char* video_ip, const char* audio_ip,

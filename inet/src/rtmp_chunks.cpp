@@ -64,6 +64,7 @@ private:
     uint32_t milliseconds(uint64_t time) const noexcept {
         return static_cast<uint32_t>(time > start_ ? (time - start_) / 1000 : 0);
     }
+    void number_head() noexcept;
     bool cut_h264(const av::frame_t& frame) noexcept;
     bool take_sets(bytes_t stream) noexcept;
     bool put_slices(bytes_t stream, uint32_t composition) noexcept;
@@ -119,6 +120,19 @@ int Chunks::insides::cut(const av::frame_t& frame) noexcept {
     return done ? out.length > 0 : -1;
 }
 
+/// From what the head tells (FNV-1a): a viewer that goes from one object to another keeps its head.
+void Chunks::insides::number_head() noexcept {
+    uint32_t sum = 2166136261;
+    const auto add = [&sum](bytes_t bytes) {
+        for (const uint8_t byte : bytes)
+            sum = (sum ^ byte) * 16777619;
+        sum = (sum ^ static_cast<uint32_t>(bytes.size())) * 16777619;
+    };
+    for (const buf_t* each : {&sps_, &pps_, &config_})
+        add(held(*each));
+    generation = (sum ^ sound_) | 1;
+}
+
 bool Chunks::insides::cut_h264(const av::frame_t& frame) noexcept {
     const bytes_t stream(frame.data, frame.size);
     if (!take_sets(stream)) return false;
@@ -142,7 +156,7 @@ bool Chunks::insides::take_sets(bytes_t stream) noexcept {
     }
     width_ = info.width;
     height_ = info.height;
-    ++generation;
+    number_head();
     return true;
 }
 
@@ -189,7 +203,7 @@ int Chunks::insides::set_sound(uint32_t format, bytes_t config) noexcept {
     if (!core_buf_respace(&config_, max_sound_config, where_.file, where_.line)) return 0;
     keep(config_, config);
     sound_ = format;
-    ++generation;
+    number_head();
     return 1;
 }
 

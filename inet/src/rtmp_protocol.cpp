@@ -10,6 +10,12 @@ namespace inet {
 
 using namespace rtmp;
 
+namespace {
+
+bytes_t span_of(const uint8_t* data, uint32_t size) noexcept { return {data, data ? size : 0}; }
+
+}  // namespace
+
 int IRtmp::on_connect(Rtmp* /*rtmp*/, const char* /*app*/, const char* /*tc_url*/) noexcept { return 1; }
 void IRtmp::on_pause(Rtmp* /*rtmp*/, int /*paused*/) noexcept {}
 void IRtmp::on_close(Rtmp* /*rtmp*/) noexcept {}
@@ -38,6 +44,7 @@ bool Rtmp::ProcessBytes(IOBuffer& received) noexcept {
 }
 
 bool Rtmp::ProcessBytes(buf_t* received) noexcept {
+    if (!received) return !insides_->failed;
     const bool done = insides_->receive({received->data, received->length});
     core_buf_ignore(received, received->length);
     return done;
@@ -81,12 +88,14 @@ bool Rtmp::SendRTMPMessage(Variant& message) noexcept { return insides_->send(me
 
 bool Rtmp::ChunkAndSend(const uint8_t* body, uint32_t size, uint32_t channel, uint8_t type, uint32_t stream,
                         uint32_t timestamp) noexcept {
-    if (channel < 2 || channel > 63 || size == 0) return false;
+    if (channel < 2 || channel > 63 || !body || size == 0) return false;
     return insides_->send_chunks({.channel = channel, .type = type, .stream = stream, .time = timestamp},
-                                 {bytes_t(body, size)});
+                                 {span_of(body, size)});
 }
 
-bool Rtmp::SendRawData(const uint8_t* data, uint32_t size) noexcept { return insides_->send_raw({data, size}); }
+bool Rtmp::SendRawData(const uint8_t* data, uint32_t size) noexcept { return insides_->send_raw(span_of(data, size)); }
+
+bool Rtmp::SendPlayStop() noexcept { return insides_->stop_play(); }
 
 bool Rtmp::Feed(const av::frame_t* frame) noexcept { return frame && insides_->feed(*frame); }
 bool Rtmp::Feed(Chunks& chunks, buffer_t* lent) noexcept { return insides_->feed(chunks, lent); }
@@ -94,35 +103,37 @@ bool Rtmp::Feed(Chunks& chunks, buffer_t* lent) noexcept { return insides_->feed
 bool Rtmp::FeedH264Caps(const uint8_t* sps, uint32_t sps_size, const uint8_t* pps, uint32_t pps_size,
                         uint32_t timestamp) noexcept {
     uint8_t header[flv::max_header];
-    const uint32_t size = flv::put_avc_header({sps, sps_size}, {pps, pps_size}, header);
+    const uint32_t size = flv::put_avc_header(span_of(sps, sps_size), span_of(pps, pps_size), header);
     return size > 0 && insides_->feed_video({bytes_t(header, size)}, timestamp);
 }
 
 bool Rtmp::FeedH264(const uint8_t* nal, uint32_t size, uint32_t timestamp, uint32_t composition) noexcept {
-    const bytes_t bytes(nal, size);
+    const bytes_t bytes = span_of(nal, size);
     if (!flv::is_sent(h264_nal_type(bytes))) return true;
     return insides_->feed_video({flv::nal_prefix(bytes, composition), bytes}, timestamp);
 }
 
 bool Rtmp::FeedAACCaps(const uint8_t* config, uint32_t size, uint32_t timestamp) noexcept {
-    return insides_->feed_audio({std::array{flv::aac, flv::is_header}, {config, size}}, timestamp,
+    return insides_->feed_audio({std::array{flv::aac, flv::is_header}, span_of(config, size)}, timestamp,
                                 "Unable to send video");
 }
 
 bool Rtmp::FeedAAC(const uint8_t* data, uint32_t size, uint32_t timestamp) noexcept {
-    return insides_->feed_audio({std::array{flv::aac, flv::is_data}, {data, size}}, timestamp, "Unable to send video");
+    return insides_->feed_audio({std::array{flv::aac, flv::is_data}, span_of(data, size)}, timestamp,
+                                "Unable to send video");
 }
 
 bool Rtmp::FeedMP4V(const uint8_t* data, uint32_t size, uint32_t timestamp, bool key) noexcept {
-    return insides_->feed_video({flv::picture_prefix(key, flv::codec_mp4v, flv::is_data, 0), {data, size}}, timestamp);
+    return insides_->feed_video({flv::picture_prefix(key, flv::codec_mp4v, flv::is_data, 0), span_of(data, size)},
+                                timestamp);
 }
 
 bool Rtmp::FeedVideoData(const uint8_t* body, uint32_t size, uint32_t timestamp) noexcept {
-    return insides_->feed_video({bytes_t(body, size)}, timestamp);
+    return insides_->feed_video({span_of(body, size)}, timestamp);
 }
 
 bool Rtmp::FeedAudioData(const uint8_t* body, uint32_t size, uint32_t timestamp) noexcept {
-    return insides_->feed_audio({bytes_t(body, size)}, timestamp, "Unable to send audio");
+    return insides_->feed_audio({span_of(body, size)}, timestamp, "Unable to send audio");
 }
 
 uint32_t Rtmp::id() const noexcept { return insides_->id; }

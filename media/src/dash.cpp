@@ -3,25 +3,14 @@
 // they wait for the packer only as long as it changes its lists.
 #include "media/dash.h"
 
+#include "dash/inside.h"
+
 #include "avc/fcc.h"
-#include "core/owned.h"
-#include "core/profile.h"
 #include "core/text.h"
-#include "core/thread.h"
-#include "core/time.h"
-#include "inet/net_dash.h"
-#include "inet/net_http_header.h"
+#include "core/value.h"
 #include "inet/net_tab.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cctype>
-#include <charconv>
-#include <condition_variable>
-#include <cstdio>
-#include <cstring>
-#include <mutex>
-#include <string_view>
 #include <utility>
 
 namespace media {
@@ -30,26 +19,11 @@ namespace {
 
 constexpr uint64_t second = 1'000'000;
 constexpr uint64_t reserved = 5 * second;
-constexpr uint64_t longest_unasked = 25 * second;
 constexpr uint32_t look_again = 500;  ///< milliseconds
-constexpr size_t longest_name = 32;   ///< of a stream, in the id of its track
-
-constexpr size_t most_openings = 8;
 
 constexpr char key_group[] = "stream";
 constexpr char key_kind[] = "video";
 constexpr char key_part[] = "live";
-
-/// What a track is called in paths and names of the bus.
-core::owned_text id_of(const char* of, uint64_t which, uint32_t number) noexcept {
-    core::owned_text name(core_strndup(of, longest_name, CORE_HERE));
-    for (char* each = name.get(); each && *each; ++each)
-        if (!std::isalnum(static_cast<unsigned char>(*each))) *each = '_';
-    // Another run has other ids: what a cache has kept of this one is not taken for it.
-    return core::owned_text(core_sprintf(CORE_HERE, "%s-%u-%llu-%llx", name ? name.get() : "", number,
-                                         static_cast<unsigned long long>(which),
-                                         static_cast<unsigned long long>(time_now() / 1000)));
-}
 
 bool put(value_t**& row, const char* key, const char* value) noexcept {
     const uint32_t before = value_count(row);
@@ -73,97 +47,7 @@ bool enter_track(const char* id, const char* source, const format_t& format) noe
     return complete;
 }
 
-/// A stamp (core_time_from_stamp()), or microseconds.
-bool read_time(std::string_view text, uint64_t& out) noexcept {
-    if (core_time_from_stamp(text.data(), static_cast<uint32_t>(text.size()), &out)) return true;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), out);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
-bool is_packable(const stream& of) noexcept {
-    format_t format;
-    return of.format(kind_t::video, &format, nullptr) && format.fcc == av::fcc_h264;
-}
-
-/// A context with one more user, given back at the end.
-struct context {
-    explicit context(net::dash_ctx* held) noexcept : ctx(held) {}
-    ~context() { net_dash_close(ctx); }
-    context(const context&) = delete;
-    context& operator=(const context&) = delete;
-    net::dash_ctx* ctx;
-};
-
 }  // namespace
-
-struct dash::inside {
-    /// A stream that is packed.
-    struct channel {
-        inside* of = nullptr;
-        stream* from = nullptr;
-        core::owned_text id;         ///< of its track; null while nothing runs
-        profile_ctx* bus = nullptr;  ///< of the packing thread, as are the next two
-        cursor reader;
-        net::dash_ctx* held = nullptr;        ///< keeps the context while the stream is packed
-        std::atomic<uint64_t> asked = 0;      ///< core_timer() of the last request
-        std::atomic<bool> is_failed = false;  ///< it cannot be packed
-
-        ~channel() { stream::drop(from); }
-    };
-
-    /// A recording, whose ranges are packed when somebody asks.
-    struct archive {
-        inside* of = nullptr;
-        core::owned_text name;
-        core::owned_text id;
-    };
-
-    /// A range that the control thread opens.
-    struct opening {
-        inside* of = nullptr;
-        core::owned_text token;
-        uint64_t start = 0;
-        uint64_t end = 0;
-        bool is_done = false;  ///< without success
-        uint64_t asked = 0;    ///< core_timer() of the last request
-
-        bool is(const char* which, uint64_t from, uint64_t to) const noexcept {
-            return std::strcmp(token.get(), which) == 0 && start == from && end == to;
-        }
-    };
-
-    inside(station& all, const settings_t& how) noexcept : streams(all), settings(how) {}
-
-    void run(thread_ctx* thread) noexcept;
-    void step(channel& each, uint64_t now) noexcept;
-    void put_picture(channel& each, const entry_t& entry) noexcept;
-    void leave(channel& each) noexcept;
-
-    static void on_request(void* arg, http_exchange& asked) noexcept;
-    static void on_recorded(void* arg, http_exchange& asked) noexcept;
-    void answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept;
-    bool order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept;
-    void open(opening& range) noexcept;
-    static void answer_manifest(const channel& each, http_exchange& asked) noexcept;
-    void answer_segment(std::string_view path, http_exchange& asked) noexcept;
-    bool comes_next(net::dash_ctx* ctx, std::string_view name) noexcept;
-
-    bool enter() noexcept;
-    void exit() noexcept;
-    bool admit(http_exchange& asked) noexcept;
-
-    station& streams;
-    settings_t settings;
-    core::vector<core::owned_object<channel>> channels;
-    core::vector<core::owned_object<archive>> archives;
-    core::vector<core::owned_object<opening>> openings;
-    event_ctx* news = nullptr;
-    thread_ctx* packer = nullptr;
-    std::mutex lock;  ///< of the openings, the timelines, and the next three
-    bool running = false;
-    uint32_t visitors = 0;  ///< that use contexts: the end of the packing waits for them
-    std::condition_variable left;
-};
 
 dash::dash(station& of, const settings_t& settings) noexcept : inside_(core::create<inside>(CORE_HERE, of, settings)) {}
 
@@ -221,14 +105,15 @@ int dash::start(uint32_t number, failure_t* error) noexcept {
     if (!inside_ || inside_->packer) return inside_ ? 1 : 0;
     inside& in = *inside_;
     dash_init();
+    remove_leftovers(number);
     bool complete = true;
     for (auto& each : in.channels) {
-        each->id = id_of(each->from->name(), each->from->id(), number);
+        each->id = dash_id(each->from->name(), number, each->from->id());
         complete = complete && each->id;
     }
     for (size_t i = 0; i < in.archives.size(); ++i) {
         inside::archive& each = *in.archives[i];
-        each.id = id_of(each.name.get(), i, number);
+        each.id = dash_id(each.name.get(), number, i);
         complete = complete && each.id && enter_track(each.id.get(), each.name.get(), {});
     }
     in.news = _event_create(CORE_HERE);
@@ -262,11 +147,14 @@ void dash::stop() noexcept {
     dash_free();
 }
 
+uint32_t dash::viewers() const noexcept { return inside_ ? inside_->watchers.count() : 0; }
+
 int dash::offers(const stream& which) const noexcept {
     if (!inside_) return 0;
     const auto is_it = [&](const auto& each) { return each->from == &which; };
     const auto found = std::ranges::find_if(inside_->channels, is_it);
-    return found != inside_->channels.end() && !(*found)->is_failed && is_packable(which) ? 1 : 0;
+    const bool may_be = is_packable(which) || (inside_->settings.on_demand && !which.ready());
+    return found != inside_->channels.end() && !(*found)->is_failed && may_be ? 1 : 0;
 }
 
 // Packing
@@ -324,175 +212,6 @@ void dash::inside::leave(channel& each) noexcept {
     if (each.id) tab_remove(tab_tracks, each.id.get());
     if (each.bus) profile_close(each.bus);
     each.is_failed = false;
-}
-
-// Requests
-
-bool dash::inside::enter() noexcept {
-    const std::lock_guard held(lock);
-    visitors += running ? 1 : 0;
-    return running;
-}
-
-void dash::inside::exit() noexcept {
-    const std::lock_guard held(lock);
-    if (--visitors == 0) left.notify_all();
-}
-
-/// @return false when it has been answered: there are no contexts. Else exit() ends the visit.
-bool dash::inside::admit(http_exchange& asked) noexcept {
-    if (enter()) return true;
-    asked.answer({.status = 503, .field = "Retry-After", .value = "2"}, {});
-    return false;
-}
-
-void dash::inside::on_request(void* arg, http_exchange& asked) noexcept {
-    auto& each = *static_cast<channel*>(arg);
-    inside& in = *each.of;
-    std::string_view path = asked.path();
-    path.remove_prefix(1 + core_strlen(each.from->name()) + 1);
-    if (!in.admit(asked)) return;
-    const uint64_t before = each.asked.exchange(core_timer());
-    if (before == 0) event_set(in.news);
-    if (path == "manifest.mpd")
-        answer_manifest(each, asked);
-    else
-        in.answer_segment(path, asked);
-    in.exit();
-}
-
-void dash::inside::answer_manifest(const channel& each, http_exchange& asked) noexcept {
-    const bool other = each.from->ready() && !is_packable(*each.from);
-    const context found(other ? nullptr : net_dash_search(each.id.get()));
-    const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
-    if (text) {
-        asked.answer({.type = "application/dash+xml", .cache = "max-age=1"},
-                     {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});
-    } else if (other || each.is_failed) {
-        asked.answer({.status = 404}, {});
-    } else {
-        asked.later();
-    }
-}
-
-/// vCONTEXT/SEGMENT
-void dash::inside::answer_segment(std::string_view path, http_exchange& asked) noexcept {
-    const size_t slash = path.find('/');
-    const bool fits = path.starts_with('v') && slash != std::string_view::npos;
-    const core::owned_text name(fits ? core_strndup(path.data() + 1, slash - 1, CORE_HERE) : nullptr);
-    const context found(name ? net_dash_find(name.get()) : nullptr);
-    if (!found.ctx) return asked.answer({.status = 404}, {});
-    path.remove_prefix(slash + 1);
-    // A player that asks for what is not listed yet would ask for it again when it is: it is told to look at the list
-    // first, but not before that would help.
-    if (comes_next(found.ctx, path)) return asked.later();
-    net::dash_share share;
-    if (!asked.was_put_off() && net_dash_share(found.ctx, path.data(), &share)) {  // the path ends with its NUL
-        asked.answer_share({.type = share.info.mime, .cache = "max-age=30, immutable"},
-                           {const_cast<uint8_t*>(share.info.data), share.info.size}, net_dash_share_release,
-                           share.owner);
-    } else {
-        asked.answer({.status = 404}, {});
-    }
-}
-
-/// Whether it is the segment behind the last one listed.
-bool dash::inside::comes_next(net::dash_ctx* ctx, std::string_view name) noexcept {
-    const std::lock_guard held(lock);
-    const net::dash_timeline* last = net_dash_state(ctx) == net::dash_ready ? net_dash_times(ctx) : nullptr;
-    if (!last) return false;
-    while (last[1].t != 0 || last[1].d != 0)
-        ++last;
-    char next[32];
-    const unsigned long long end = last->t + last->d;
-    const int size = std::snprintf(next, sizeof next, "%llu.m4s", end);
-    return name == std::string_view(next, static_cast<size_t>(size));
-}
-
-// Recordings
-
-/// START-END/manifest.mpd or START-END/vCONTEXT/SEGMENT
-void dash::inside::on_recorded(void* arg, http_exchange& asked) noexcept {
-    const auto& each = *static_cast<archive*>(arg);
-    inside& in = *each.of;
-    constexpr std::string_view folder = "/recorded/";
-    std::string_view path = asked.path();
-    path.remove_prefix(folder.size() + core_strlen(each.name.get()) + 1);
-    const size_t slash = path.find('/');
-    const std::string_view range = path.substr(0, slash);
-    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
-    if (!in.admit(asked)) return;
-    if (path == "manifest.mpd")
-        in.answer_range(each, range, asked);
-    else
-        in.answer_segment(path, asked);
-    in.exit();
-}
-
-void dash::inside::answer_range(const archive& of, std::string_view range, http_exchange& asked) noexcept {
-    const size_t dash = range.find('-');
-    uint64_t start = 0;
-    uint64_t end = 0;
-    const bool is_range = dash != std::string_view::npos && read_time(range.substr(0, dash), start) &&
-                          read_time(range.substr(dash + 1), end) && start < end &&
-                          end - start <= net::dash_longest_range_us;
-    if (!is_range) return asked.answer({.status = 404}, {});
-    const core::owned_text name(core_sprintf(CORE_HERE, "%s-%llu-%llu", of.id.get(),
-                                             static_cast<unsigned long long>(start),
-                                             static_cast<unsigned long long>(end)));
-    const context found(name ? net_dash_find(name.get()) : nullptr);
-    const core::owned_text text(found.ctx ? net_dash_manifest(found.ctx, CORE_HERE) : nullptr);
-    const bool is_failed = found.ctx && net_dash_state(found.ctx) == net::dash_failed;
-    if (text) {
-        asked.answer({.type = "application/dash+xml", .cache = "max-age=10"},
-                     {reinterpret_cast<uint8_t*>(text.get()), static_cast<uint32_t>(core_strlen(text.get()))});
-    } else if (is_failed || (!found.ctx && !order(of, start, end, asked))) {
-        asked.answer({.status = 404}, {});
-    } else {
-        asked.later();
-    }
-}
-
-/// Has the control thread open a range, once. @return false when that has failed
-bool dash::inside::order(const archive& of, uint64_t start, uint64_t end, http_exchange& asked) noexcept {
-    const uint64_t now = core_timer();
-    const std::lock_guard held(lock);
-    std::erase_if(openings, [&](const auto& each) { return each->is_done && now > each->asked + longest_unasked; });
-    for (auto& each : openings) {
-        if (!each->is(of.id.get(), start, end)) continue;
-        if (asked.was_put_off()) each->asked = now;
-        return !each->is_done;
-    }
-    if (openings.size() >= most_openings) return true;  // it waits for its turn
-    try {
-        core::owned_object<opening> made(core::create<opening>(CORE_HERE));
-        if (!made) return true;
-        made->of = this;
-        made->token.reset(core_strdup(of.id.get(), CORE_HERE));
-        made->start = start;
-        made->end = end;
-        made->asked = now;
-        openings.reserve(openings.size() + 1);
-        const auto work = [](void* arg) { static_cast<opening*>(arg)->of->open(*static_cast<opening*>(arg)); };
-        const auto done = [](thread&, void*) {};
-        if (made->token && streams.run(work, done, made.get(), asked.on())) openings.push_back(std::move(made));
-    } catch (const std::bad_alloc&) {
-        return true;  // tried again
-    }
-    return true;
-}
-
-/// On the control thread. Requests find the context by its name, and the guard ends it when there are none any more.
-void dash::inside::open(opening& range) noexcept {
-    const bool may = enter();
-    net::dash_ctx* const made = may ? net_dash_open(range.token.get(), range.start, range.end, CORE_HERE) : nullptr;
-    net_dash_close(made);
-    {
-        const std::lock_guard held(lock);
-        range.is_done = true;
-        if (made) std::erase_if(openings, [&](const auto& each) { return each.get() == &range; });
-    }
-    if (may) exit();
 }
 
 }  // namespace media

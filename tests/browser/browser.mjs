@@ -14,7 +14,7 @@ const { chromium } = createRequire(INET_NPM + '/')('playwright-core');
 export const patience = 90_000, often = { polling: 100 };
 
 // Where the segments of the cameras stand.
-const folder = mkdtempSync(join(tmpdir(), 'browser-'));
+export const folder = mkdtempSync(join(tmpdir(), 'browser-'));
 process.on('exit', () => rmSync(folder, { recursive: true, force: true, maxRetries: 3 }));
 
 /** A camera. It ends with nothing held and nothing to complain of. */

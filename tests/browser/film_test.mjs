@@ -1,7 +1,8 @@
 // A browser plays a stream by DASH, of a camera which fetches it from another one.
 import assert from 'node:assert/strict';
+import { readdirSync } from 'node:fs';
 import test from 'node:test';
-import { browser, change, freePort, open, patience, start } from './browser.mjs';
+import { browser, change, folder, freePort, open, patience, start } from './browser.mjs';
 
 const longest = 4;  // seconds behind the end of the last segment: two of them
 let theirs = await start(await freePort(), '--rtsp', await freePort());
@@ -45,6 +46,17 @@ test('it plays on when the source was away, and when the camera was', async () =
   await page.locator('video').waitFor({ state: 'detached' });
   ours = await ours.again();
   await change(page, ['video']);
+  // What those that were killed have left is gone, and only that.
+  const runs = readdirSync(folder + '/temp').map((each) => each.split('-').slice(0, 4).join());
+  assert.equal(new Set(runs).size, 2, runs);
+});
+
+test('a source that is fetched on demand is fetched for the film', async () => {
+  const asks = await start(await freePort(), '--on-demand', '--source', 'live=' + theirs.live);
+  const other = await open(asks.web);
+  await change(other, ['video']);
+  await other.close();
+  await asks.stop();
 });
 
 test('where there is no film the page says why, and shows the JPEG pictures', async () => {

@@ -21,12 +21,12 @@ const page = await open(ours.web, { permissions: ['clipboard-read', 'clipboard-w
 test('pictures change, at most four of them live with the film, and the plots move', async () => {
   await change(page, [...pictures, ...plots, 'video']);
   assert.equal(await page.locator('img[src*=".mjpeg"]').count(), 3);
-  await Promise.all(['HTTP 3', 'HTTP (?!0\\.0)', 'HTTP (?!0)'].map((what, i) => tells(plots[i], what)));
+  await Promise.all(['HTTP 4', 'HTTP (?!0\\.0)', 'HTTP (?!0)'].map((what, i) => tells(plots[i], what)));
   const viewer = new AbortController();
   await fetch(ours.web + 'yard1.mjpeg', { signal: viewer.signal });
-  await tells(plots[0], 'HTTP 4');
+  await tells(plots[0], 'HTTP 5');
   viewer.abort();
-  for (const [hidden, viewers] of [[false, 3], [true, 0], [false, 3]]) {
+  for (const [hidden, viewers] of [[false, 4], [true, 0], [false, 4]]) {
     await page.evaluate((value) => Object.defineProperty(document, 'hidden', { value, configurable: true })
       .dispatchEvent(new Event('visibilitychange', { bubbles: true })), hidden);
     await tells(plots[0], `RTSP 0, at most 0\\. HTTP ${viewers}`);

@@ -1,6 +1,7 @@
 // What is cut, listed, lent and released. posix_net_dash_test.cpp has it played by ffmpeg.
 #include "dash_source.h"
 #include "support/fault.h"
+#include "support/held.h"
 
 namespace {
 
@@ -98,11 +99,14 @@ TEST_F(NetDash, OpensAContextForEachTrackAndRange) {
     EXPECT_EQ(net_dash_search("token"), live);
     EXPECT_EQ(net_dash_find("cam-0-0"), live);
     constexpr uint64_t hour = 3'600'000'000;
+    const test::held<net::dash_ctx, net_dash_close> range(net_dash_open("token", 1, 2, CORE_HERE));
+    ASSERT_TRUE(range && range.get() != live);
+    EXPECT_EQ(net_dash_state(range.get()), net::dash_failed) << "nobody plays it";
     for (const auto& [token, start, end] : {std::tuple("other", 0ULL, 0ULL),
                                             {"token", 0ULL, 1ULL},
                                             {"token", 2ULL, 1ULL},
                                             {"token", 1ULL, hour + 2},
-                                            {"token", 1ULL, 2ULL}})
+                                            {"token", UINT64_MAX - 1, UINT64_MAX}})
         EXPECT_EQ(net_dash_open(token, start, end, CORE_HERE), nullptr) << token << start << '-' << end;
     for (const char* id : {"", "a/../../b", "a\\b", "a b", "a&amp;b"}) {
         value_t** row = core_value_put(nullptr, "id", id, CORE_HERE);
@@ -191,6 +195,12 @@ TEST_F(NetDash, ServesRangesFromTheirFiles) {
         EXPECT_EQ(file, std::string(segment->bytes.data, segment->bytes.data + segment->bytes.length));
         net_dash_segment_close(ctx, segment);
         EXPECT_EQ(segment->bytes.data, nullptr);
+        net::dash_share one, two;
+        ASSERT_TRUE(net_dash_share(ctx, "0.m4s", &one) && net_dash_share(ctx, "0.m4s", &two));
+        EXPECT_EQ(one.info.data, two.info.data);
+        net_dash_share_release(one.owner);
+        EXPECT_EQ(bytes(ctx, "0.m4s"), file);
+        net_dash_share_release(two.owner);
         EXPECT_EQ(bytes(ctx, "0.m4s"), file);
         EXPECT_NE(manifest(ctx).find("<Source>2023-11-14T22:13:20Z/2023-11-14T22:13:30Z</Source>"), std::string::npos);
         net_dash_close(ctx);

@@ -80,6 +80,14 @@ class Recorded(ViewerCase):
             seen = picture_hashes("-i", f"{second.web}recorded/live/{start}-{end}/manifest.mpd")
             self.assertGreaterEqual(len(seen), 100)
             self.assertIsNotNone(position_in_loop(seen, picture_hashes("-i", clip_file("clip.h264"))))
+            connection = HTTPConnection(urlsplit(second.web).netloc, timeout=30)
+            _, text = ask(connection, f"/recorded/live/{start}-{end}/manifest.mpd")
+            track, low, high = re.search(r'id="v(.*)-(\d+)-(\d+)"', text.decode()).groups()
+            # A range that is not there any more is played again: here one that never was.
+            other = f"{int(low) + 1}-{high}"
+            answer, segment = ask(connection, f"/recorded/live/{other}/v{track}-{other}/0.m4s")
+            connection.close()
+            self.assertEqual((answer.status, segment[4:8]), (200, b"moof"))
             for none in (f"{end}-{start}", "x-y", "20200101T000000Z-20200101T000001Z", ".."):
                 with self.assertRaises(Failed):
                     ffmpeg("-i", f"{second.web}recorded/live/{none}/manifest.mpd", "-f", "null", "-")

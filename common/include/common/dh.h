@@ -52,9 +52,10 @@ public:
     void skip(uint32_t count) noexcept;
 
 private:
-    uint8_t next() noexcept;
+    template <class Use>
+    void run(uint64_t count, Use use) noexcept;
 
-    uint8_t state_[256];
-    uint8_t i_ = 0, j_ = 0;
-    bool keyed_;
+    uint32_t state_[256];  // bytes; words are quicker
+    uint32_t i_ = 0, j_ = 0;
+    bool keyed_ = false;
 };

@@ -27,7 +27,8 @@
 ///
 /// Bytes and files: every segment is written to ./temp/NAME/T.m4s, relative to the working directory. The segments of a
 /// live list are served from memory, each for all readers from one block that is freed or used again when the segment
-/// has gone and nobody holds a share. Of a range only the files are kept: a segment is read when somebody asks for it.
+/// has gone and nobody holds a share. Of a range only the files are kept: a segment is read when somebody asks for it, and
+/// shared by those who ask for it meanwhile.
 ///
 /// A context that has no users is released 20 to 25 s after it was last opened, or asked for a manifest or a segment. A
 /// thread of the library does that.
@@ -104,13 +105,14 @@ INET_API void dash_init() noexcept;
 INET_API void dash_free() noexcept;
 
 /// The context of a track and range, with one more user; it is made when there is none. Making one for a range loads
-/// modules and starts a graph, so it may take seconds: not on a network thread.
+/// modules and starts a graph, so it may take seconds: not on a network thread. A range whose archive nobody plays is
+/// dash_failed.
 /// @param start, end  microseconds UTC; both 0 for live
 /// @return null when:
 ///   - the track is not in the registry, or its id is refused,
-///   - the range ends before it starts, is longer than dash_longest_range_us, or has a 0 on one side,
+///   - the range ends before it starts or behind INT64_MAX, is longer than dash_longest_range_us, or has a 0 on one side,
 ///   - there are as many contexts as the bounds allow, or memory is out, or
-///   - its directory cannot be made, or nobody plays its archive.
+///   - the directory of a range cannot be made.
 INET_API net::dash_ctx* net_dash_open(const char* token, uint64_t start, uint64_t end, const char* file,
                                       int line) noexcept;
 
@@ -122,8 +124,8 @@ INET_API net::dash_ctx* net_dash_find(const char* name) noexcept;
 /// One user less. Null is ignored.
 INET_API void net_dash_close(net::dash_ctx* ctx) noexcept;
 
-/// "ID-START-END"; a live one that follows retired ones has "-1", "-2" and so on behind it. A manifest asks for its
-/// segments under "vNAME/". Valid as long as the context.
+/// "ID-START-END"; one that follows others, retired or on their way out, has "-1", "-2" and so on behind it. A range is
+/// found without that, too. A manifest asks for its segments under "vNAME/". Valid as long as the context.
 INET_API const char* net_dash_name(const net::dash_ctx* ctx) noexcept;
 INET_API net::dash_property_t net_dash_property(const net::dash_ctx* ctx) noexcept;
 INET_API net::dash_state_t net_dash_state(const net::dash_ctx* ctx) noexcept;

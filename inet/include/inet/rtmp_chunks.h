@@ -63,8 +63,9 @@ public:
     /// and "date" (the frame's time), as far as they are known. Valid until cut() or set_sound(). Empty when nothing
     /// is known or memory is out.
     buffer_t head() noexcept;
-    /// The number of the head: 0 while there is none. It grows when parameter sets or sound change. Send the head to
-    /// each viewer whose last one had another number, before the frame.
+    /// The number of the head: 0 while there is none. Another one when parameter sets or sound change; the same in
+    /// every object for the same sets and sound. Send the head to each viewer whose last one had another number, before
+    /// the frame. Rtmp::Feed() does it.
     uint32_t generation() const noexcept;
 
 private:

@@ -31,8 +31,9 @@
 /// ProcessBytes() and the Process functions.
 ///
 /// Bounds for one peer:
-///     until the handshake is done   8 KiB in all, and 3,073 bytes of output
-///     input                         64 KiB over all channels together, each message with its headers
+///     until the handshake is done   8 KiB, the output of 3,073 bytes included
+///     input                         64 KiB of messages over all channels together, 20 KiB of channels
+///     a message being served        its values, 36 MiB (the bounds of inet/rtmp_amf.h)
 ///     output                        ask waiting() before a picture is fed; 64 KiB of answers that it does not read
 /// A peer that exceeds a bound fails the conversation. Audio and video that it sends are dropped as they come.
 ///
@@ -60,14 +61,16 @@ struct play_t {
     const char* app;     ///< application of its connect
     const char* tc_url;  ///< URL of its connect
     const char* name;    ///< stream name of its play
-    double start;        ///< seconds: -2 live or recorded (and when absent), -1 live, 0 and above recorded from there
-    double length;       ///< seconds, -1 to the end (and when absent)
+    double start;        ///< as it was sent: seconds, or milliseconds of some players. -2 (or -2000, and when absent)
+                         ///< live or recorded, -1 (-1000) live, 0 and above recorded from there
+    double length;       ///< as it was sent: -1 to the end, and when absent
 };
 
 /// The stream names that a player may mean, the likeliest first. Players split the path of a URL in different ways:
 /// for rtmp://host/NAME some send "NAME" as application and no stream name. The names are the path of application and
 /// stream name together, then its shorter ends: "a/b/c", "b/c", "c". Queries and prefixes as "mp4:" are left out,
-/// percent codes are decoded. Without an application the path of the URL stands for it. Any thread.
+/// percent codes are decoded. Without an application the path of the URL stands for it. There are at most eight. Any
+/// thread.
 /// @param which  0 for the likeliest
 /// @param out    receives the name with a terminator
 /// @return its length; 0 when there is no such name or no room for it
@@ -107,8 +110,9 @@ public:
 
     void set_handler(IRtmp* handler) noexcept;
 
-    /// Whether the client's digest is checked; off unless set. A plain client that fails is given the simple answer, an
-    /// encrypted one is refused.
+    /// Whether the client's digest is checked; off unless set. A plain client that fails is given the simple answer, one
+    /// packet, on which many players wait for ever; an encrypted one is refused. While it is off, scheme 0 is taken for
+    /// granted: players of RTMPE use scheme 1, too, so owners that serve them switch it on and set their keys.
     void set_validate(bool on) noexcept;
     /// Replaces the keys of the digests, of all sessions made later. Players that check the server, as those of RTMPE
     /// do, know fixed keys, and refuse the values that stand here unless set. Not while sessions are made. A null key
@@ -183,6 +187,9 @@ public:
                       uint32_t timestamp) noexcept;
     /// Sends bytes of chunks, which are encrypted when the connection is.
     bool SendRawData(const uint8_t* data, uint32_t size) noexcept;
+    /// Tells the player that its stream has ended: end of stream, NetStream.Play.Stop. It may ask for another one.
+    /// @return false when it is not playing, too
+    bool SendPlayStop() noexcept;
 
     // Media. Taken while playing() and not paused(), else the result is false. Timestamps are in milliseconds, modulo
     // 2^32. A message has at most 0xFFFFFF bytes.

@@ -120,7 +120,7 @@ void media::take_sequence_header(bytes_t record) noexcept {
     const bool changed = !std::ranges::equal(bytes_t(sets.data, sets.length), bytes_t(sets_.data, sets_.length));
     std::swap(sets, sets_);
     core_buf_free(&sets);
-    if (!changed) return;
+    if (!changed && video_.fcc == av::fcc_h264) return;
     sets_changed_ = true;
     tell_video();
 }
@@ -248,6 +248,7 @@ void media::flush() noexcept {
     frame.complete = 1;
     frame.shown_after = picture_.shown_after;
     const bool whole = picture_.slice;
+    sets_changed_ = sets_changed_ || (picture_.sets && !whole);
     picture_.open = picture_.key = picture_.slice = picture_.sets = false;
     picture_.bytes.length = 0;
     if (whole) owner_.on_frame(frame, picture_.media_time);
@@ -276,7 +277,7 @@ void media::take_aac(bytes_t body, uint32_t timestamp) noexcept {
     if (body.empty()) return;
     const bytes_t data = body.subspan(1);
     if (body[0] == sequence_header) return take_aac_config(data);
-    if (body[0] == coded && sound_config_size_) hand_over_sound(data, timestamp);
+    if (body[0] == coded && audio_.fcc == av::fcc_mp4a) hand_over_sound(data, timestamp);
 }
 
 void media::take_aac_config(bytes_t config) noexcept {

@@ -27,6 +27,7 @@ void set_name(dash_ctx& ctx, const contexts_t& among) noexcept {
     const int length =
         std::snprintf(ctx.name, sizeof ctx.name, "%s-%llu-%llu", ctx.track.id.c_str(),
                       static_cast<unsigned long long>(ctx.start), static_cast<unsigned long long>(ctx.end));
+    ctx.plain_name = static_cast<size_t>(length);
     const auto is_taken = [&](const dash_ctx* each) { return std::strcmp(each->name, ctx.name) == 0; };
     for (unsigned number = 1; std::any_of(among.all, among.all + among.count, is_taken); ++number)
         std::snprintf(ctx.name + length, sizeof ctx.name - static_cast<size_t>(length), "-%u", number);

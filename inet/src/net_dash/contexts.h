@@ -44,9 +44,15 @@ struct net::dash_ctx {
     /// Whether who asks for this gets the context. Under the lock of the contexts.
     bool serves(std::string_view token) const noexcept { return !is_retired && !is_leaving && track.token == token; }
 
+    /// Those of a range are all the same whatever number they have.
+    bool is_named(std::string_view wanted) const noexcept {
+        return wanted == name || (is_range() && wanted == std::string_view(name, plain_name));
+    }
+
     const dash::track track;
     const uint64_t start, end;
-    char name[128] = {};       ///< set before anybody else knows the context, as is the directory
+    char name[128] = {};       ///< set before anybody else knows the context, as is what follows
+    size_t plain_name = 0;     ///< its length without the number
     char directory[144] = {};  ///< "./temp/NAME"
 
     uint32_t users = 1;                    ///< under the lock of the contexts, as is what follows

@@ -1,8 +1,8 @@
 // What players are told of a context.
 #include "net_dash/contexts.h"
-#include "net_dash/dynamic_mpd.h"
-#include "net_dash/static_mpd.h"
+#include "net_dash/mpd.h"
 
+#include "core/owned.h"
 #include "core/param.h"
 #include "core/template.h"
 #include "core/time.h"
@@ -38,8 +38,23 @@ char* make_manifest(dash_ctx& ctx, const char* file, int line) {
     std::snprintf(codec, sizeof codec, "%02x%02x%02x", opening.codec[0], opening.codec[1], opening.codec[2]);
     char media_duration[32];
     std::snprintf(media_duration, sizeof media_duration, "%.3f", static_cast<double>(list.total) / 1000.0);
+    char length[48] = "";
+    if (ctx.is_range())
+        std::snprintf(length, sizeof length, " duration=\"%llu\"", static_cast<unsigned long long>(list.total));
     const int64_t longest = (int64_t{list.longest} + 500) / 1000;
     const dash_property_t property = describe(ctx);
+    const param_t shown[] = {
+        {"token", static_cast<const char*>(ctx.name)},
+        {"width", int64_t{property.width}},
+        {"height", int64_t{property.height}},
+        {"codec", static_cast<const char*>(codec)},
+        {"role", ctx.is_range() ? nullptr : dynamic_role},
+        {"length", static_cast<const char*>(length)},
+        {"timeline", list.lines.c_str()},
+        {},
+    };
+    const core::owned_text pictures(core_template_parse(mpd_pictures, shown, file, line));
+    if (!pictures) return nullptr;
     const param_t params[] = {
         {"start_time", start.text},
         {"end_time", end.text},
@@ -48,17 +63,12 @@ char* make_manifest(dash_ctx& ctx, const char* file, int line) {
         {"media_now", media_now.text},
         {"shift", static_cast<int64_t>(list.total / 1000)},
         {"delay", longest + update_s + 1},
-        {"seq", int64_t{list.first}},
         {"title", "Norvane-K media MPEG-DASH streaming."},
         {"url", "live"},
         {"token", static_cast<const char*>(ctx.name)},
-        {"width", int64_t{property.width}},
-        {"height", int64_t{property.height}},
-        {"duration", static_cast<int64_t>(list.total)},
         {"max_dur", longest},
-        {"codec", static_cast<const char*>(codec)},
         {"media_duration", static_cast<const char*>(media_duration)},
-        {"timeline", list.lines.c_str()},
+        {"pictures", static_cast<const char*>(pictures.get())},
         {},
     };
     char* const text = core_template_parse(ctx.is_range() ? static_mpd : dynamic_mpd, params, file, line);

@@ -107,13 +107,16 @@ bool play_range(dash_ctx& ctx) {
                          .key3 = own.c_str(),
                          .track = keys[3].c_str(),
                          .track2 = nullptr};
-    if (!ctx.graph->add_archive(&node, keys[1].c_str()) || !ctx.graph->start()) return false;
+    // Whoever stands on the bus may play, too.
+    ctx.graph->add_archive(&node, keys[1].c_str());
+    ctx.graph->start();
     uint32_t players = 0;
     on_bus(joined({keys[0], keys[1], own}), [&](profile_ctx* player) {
         players = core_archive_play(player, ctx.start, archive_speed);
         core_profile_wake(player);
     });
-    return players > 0;
+    if (players == 0) ctx.is_failed = true;
+    return true;
 }
 
 void tell(const dash_ctx& ctx) noexcept {

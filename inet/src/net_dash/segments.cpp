@@ -30,6 +30,19 @@ block_hold another(const block_hold& of) noexcept {
     return block_hold(of.get());
 }
 
+block_watch watch(const block_hold& of) noexcept {
+    of->keeps.fetch_add(1, std::memory_order_relaxed);
+    return block_watch(of.get());
+}
+
+/// A hold of what is watched; null when nobody has one any more.
+block_hold hold_again(const block_watch& of) noexcept {
+    uint32_t holds = of ? of->holds.load(std::memory_order_relaxed) : 0;
+    while (holds != 0 && !of->holds.compare_exchange_weak(holds, holds + 1, std::memory_order_acquire)) {
+    }
+    return block_hold(holds != 0 ? of.get() : nullptr);
+}
+
 void tell(const segment& made, uint64_t base) noexcept {
     if (!core_log_wanted(log())) return;
     constexpr const char* format = "%Y-%m-%d %H:%M:%S,%s";
@@ -48,7 +61,13 @@ dash_info describe(const dash_segment& of) noexcept {
 }
 
 void block_release::operator()(block* held) const noexcept {
-    if (held->holds.fetch_sub(1, std::memory_order_acq_rel) == 1) core::destroy(held);
+    if (held->holds.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    core_buf_free(&held->bytes);
+    block_forget()(held);
+}
+
+void block_forget::operator()(block* kept) const noexcept {
+    if (kept->keeps.fetch_sub(1, std::memory_order_acq_rel) == 1) core::destroy(kept);
 }
 
 void segment::show(block_hold bytes_of) noexcept {
@@ -155,10 +174,11 @@ bool segment_list::append(const fragment& cut, block_hold& bytes) noexcept {
     return std::strcmp(gone, path) != 0;
 }
 
-/// The bytes of a segment's file. The lock is let go meanwhile.
+/// The bytes of a segment's file: those that somebody is being sent, or else they are read. The lock is let go meanwhile.
 block_hold segment_list::load(guard_t& guard, const char* name) noexcept {
-    const segment* const found = find(name);
+    segment* const found = find(name);
     if (!found) return nullptr;
+    if (block_hold shared = hold_again(found->lent)) return shared;
     char path[sizeof found->path];
     std::memcpy(path, found->path, sizeof path);
     const uint32_t size = found->file_size;
@@ -170,6 +190,8 @@ block_hold segment_list::load(guard_t& guard, const char* name) noexcept {
     guard.lock();
     if (!read) return nullptr;
     made->bytes.length = size;
+    // A range loses no segment.
+    found->lent = watch(made);
     return made;
 }
 
@@ -235,10 +257,7 @@ listing segment_list::list() {
     listing out;
     const guard_t guard(*this);
     out.total = total_;
-    if (!segments_.empty()) {
-        out.first = segments_.front()->sequence;
-        announced_ = segments_.back()->sequence;
-    }
+    if (!segments_.empty()) announced_ = segments_.back()->sequence;
     out.lines.reserve(segments_.size() * line_room);
     for (const segment* each : segments_) {
         char line[line_room];

@@ -11,9 +11,10 @@
 
 namespace net::dash {
 
-/// Bytes, and how many hold them.
+/// Bytes, and how many hold them. The bytes go with the last hold; the block stays for those who watch for another.
 struct block {
     std::atomic<uint32_t> holds = 1;
+    std::atomic<uint32_t> keeps = 1;  ///< all holds together, and each watch
     buf_t bytes;
 
     block() noexcept = default;
@@ -25,10 +26,15 @@ struct block_release {
     void operator()(block* held) const noexcept;
 };
 using block_hold = std::unique_ptr<block, block_release>;
+struct block_forget {
+    void operator()(block* kept) const noexcept;
+};
+using block_watch = std::unique_ptr<block, block_forget>;
 
 /// A segment and the bytes behind its record.
 struct segment : dash_segment {
     block_hold held;
+    block_watch lent;  ///< of a range: what was read last, as long as somebody holds it
     uint32_t file_size = 0;
 
     void show(block_hold bytes_of) noexcept;
@@ -56,7 +62,6 @@ struct fragment {
 struct listing {
     uint64_t total = 0;  ///< milliseconds, as is longest
     uint32_t longest = 0;
-    uint32_t first = 0;  ///< sequence number of the first segment
     core::string lines;
 };
 

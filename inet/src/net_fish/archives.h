@@ -4,8 +4,7 @@
 namespace fish {
 
 // clang-format off
-constexpr char archive_zelt54[] = R"({
-  "common": ${common},
+constexpr char archive_zelt54[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "zelt54client:archive", "_values": ["zelt54client:archive"]},
     "zelt54client:archive": {
@@ -15,11 +14,9 @@ constexpr char archive_zelt54[] = R"({
       "rid": {"_level": 0, "_value": ${rid}},
       "audio": {"_level": 0, "_value": ${audio}, "_values": [true, false]}
     }
-  }
-})";
+  })";
 
-constexpr char archive_reader[] = R"({
-  "common": ${common},
+constexpr char archive_reader[] = R"(
   "archive": {
     "_type": {"_level": 0, "_value": "reader", "_values": ["reader"]},
     "reader": {
@@ -30,19 +27,16 @@ constexpr char archive_reader[] = R"({
       "ignore_arc_key3": {"_level": 0, "_value": true},
       "subtype": {"_level": 0, "_value": "${subtype}"}
     }
-  }
-})";
+  })";
 
-constexpr char archive_media[] = R"({
-  "common": ${common},
+constexpr char archive_media[] = R"(
   "archive": {
     "_type": {"_level": 0, "_value": "media", "_values": ["media"]},
     "media": {
       "out": {"_level": 0, "_value": "${track}"},
       "file": {"_level": 0, "_value": "${file}"}
     }
-  }
-})";
+  })";
 // clang-format on
 
 }  // namespace fish

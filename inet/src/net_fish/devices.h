@@ -4,12 +4,7 @@
 namespace fish {
 
 // clang-format off
-constexpr char common_alone[] = R"({
-  "common": ${common}
-})";
-
-constexpr char device_media[] = R"({
-  "common": ${common},
+constexpr char device_media[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "media", "_values": ["media"]},
     "media": {
@@ -20,24 +15,9 @@ constexpr char device_media[] = R"({
       "fps": {"_level": 1, "_value": ${fps}},
       "speed": {"_level": 3, "_value": ${speed}}
     }
-  }
-})";
+  })";
 
-constexpr char device_media_file[] = R"({
-  "device": {
-    "_type": {"_level": 0, "_value": "media", "_values": ["media"]},
-    "media": {
-      "out": {"_level": 0, "_value": "${track}"},
-      "file": {"_level": 0, "_value": "${file}"},
-      "video_stream": {"_level": 0, "_value": ${video_stream}},
-      "audio_stream": {"_level": 0, "_value": ${audio_stream}},
-      "fps": {"_level": 1, "_value": ${fps}},
-      "speed": {"_level": 3, "_value": ${speed}}
-    }
-  }
-})";
-
-constexpr char device_capture[] = R"({
+constexpr char device_capture[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "capture:${type}", "_values": ["capture:${type}"]},
     "capture:${type}": {
@@ -51,10 +31,9 @@ constexpr char device_capture[] = R"({
       "Saturation": {"_level": 1, "_value": 127, "_minvalue": 1, "_maxvalue": 255},
       "Sharpness": {"_level": 1, "_value": 127, "_minvalue": 1, "_maxvalue": 255}
     }
-  }
-})";
+  })";
 
-constexpr char device_capture_bt878[] = R"({
+constexpr char device_capture_bt878[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "capture:bt878", "_values": ["capture:bt878"]},
     "capture:bt878": {
@@ -68,43 +47,35 @@ constexpr char device_capture_bt878[] = R"({
       "Saturation": {"_level": 1, "_value": 127, "_minvalue": 1, "_maxvalue": 255},
       "Sharpness": {"_level": 1, "_value": 127, "_minvalue": 1, "_maxvalue": 255}
     }
-  }
-})";
+  })";
 
-constexpr char device_render[] = R"({
-  "common": ${common},
+constexpr char device_render[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "render", "_values": ["render"]},
     "render": {
       "in": {"_level": 0, "_value": "${track}"}
     }
-  }
-})";
+  })";
 
-constexpr char device_rtmp[] = R"({
-  "common": ${common},
+constexpr char device_rtmp[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "rtmp", "_values": ["rtmp"]},
     "rtmp": {
       "out": {"_level": 0, "_value": "${track}"},
       "url": {"_level": 0, "_value": "${url}"}
     }
-  }
-})";
+  })";
 
-constexpr char device_http[] = R"({
-  "common": ${common},
+constexpr char device_http[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "http", "_values": ["http"]},
     "http": {
       "out": {"_level": 0, "_value": "${track}"},
       "url": {"_level": 0, "_value": "${url}"}
     }
-  }
-})";
+  })";
 
-constexpr char device_rtsp[] = R"({
-  "common": ${common},
+constexpr char device_rtsp[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "rtsp:${type}", "_values": ["rtsp:${type}"]},
     "rtsp:${type}": {
@@ -117,11 +88,9 @@ constexpr char device_rtsp[] = R"({
       "password": {"_level": 0, "_value": "${password}"},
       "protocol": {"_level": 0, "_value": "${protocol}", "_values": ["", "tcp", "udp", "multicast"]}
     }
-  }
-})";
+  })";
 
-constexpr char device_ipcamera[] = R"({
-  "common": ${common},
+constexpr char device_ipcamera[] = R"(
   "device": [{
     "_type": {"_level": 0, "_value": "${model}", "_values": ["${model}"]},
     "${model}": {
@@ -139,11 +108,9 @@ constexpr char device_ipcamera[] = R"({
         "IPProfile RTSP/TCP"]},
       "ProfileName": {"_level": 1, "_value": "${profile_name}"}
     }
-  }]
-})";
+  }])";
 
-constexpr char device_zelt54[] = R"({
-  "common": ${common},
+constexpr char device_zelt54[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "zelt54client:realtime", "_values": ["zelt54client:realtime"]},
     "zelt54client:realtime": {
@@ -156,8 +123,7 @@ constexpr char device_zelt54[] = R"({
       "login": {"_level": 1, "_value": "${login}"},
       "hash_password": {"_level": 2, "_value": "${hash_password}"}
     }
-  }
-})";
+  })";
 // clang-format on
 
 }  // namespace fish

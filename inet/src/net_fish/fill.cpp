@@ -13,8 +13,8 @@ namespace fish {
 
 namespace {
 
-constexpr char common[] =
-    R"({"enable": true, "key1": "${key1}", "key2": "${key2}", "key3": "${key3}", "_typeJS": "${class}"})";
+constexpr char common[] = R"(
+  "common": {"enable": true, "key1": "${key1}", "key2": "${key2}", "key3": "${key3}", "_typeJS": "${class}"})";
 
 /// The parameters of a template, and the texts that were made for them.
 class values {
@@ -71,6 +71,12 @@ private:
         hold(key, core::owned_text(core_strdup(joined.c_str(), where_.file, where_.line)));
     }
 
+    void put(const char* key, const part& of) {
+        values inside(where_);
+        inside.put(key, of.text);
+        hold(key, inside.fill(of.piece));
+    }
+
     core::place where_;
     core::vector<param_t> params_;
     core::vector<core::owned_text> held_;
@@ -78,21 +84,22 @@ private:
 
 }  // namespace
 
-char* fill(const char* document, const identity& who, std::initializer_list<field> fields, const char* file,
+char* fill(const char* section, const identity& who, std::initializer_list<field> fields, const char* file,
            int line) noexcept {
     try {
         const core::place where{file, line};
-        values common_values(where);
-        for (const field& each : {field("key1", who.node.key1), field("key2", who.node.key2),
-                                  field("key3", who.node.key3), field("class", who.settings_class)})
-            common_values.add(each);
         values all(where);
-        all.hold("common", common_values.fill(common));
-        all.put("track", who.node.track);
-        all.put("track2", who.node.track2);
+        for (const field& each :
+             {field("key1", who.node.key1), field("key2", who.node.key2), field("key3", who.node.key3),
+              field("class", who.settings_class), field("track", who.node.track), field("track2", who.node.track2)})
+            all.add(each);
         for (const field& each : fields)
             all.add(each);
-        return all.fill(document).release();
+        const core::owned_text first = all.fill(who.settings_class ? common : "");
+        const core::owned_text second = all.fill(section);
+        if (!first || !second) return nullptr;
+        const char* const between = *first && *second ? "," : "";
+        return core_sprintf(file, line, "{%s%s%s\n}", first.get(), between, second.get());
     } catch (const std::bad_alloc&) {
         return nullptr;
     }

@@ -4,19 +4,16 @@
 namespace fish {
 
 // clang-format off
-constexpr char match_time[] = R"({
-  "common": ${common},
+constexpr char match_time[] = R"(
   "mtime": {
     "_type": {"_level": 0, "_value": "text", "_values": ["text"]},
     "text": {
       "in": {"_level": 0, "_value": "${track}"},
       "out": {"_level": 0, "_value": "${track2}"}
     }
-  }
-})";
+  })";
 
-constexpr char synch_av[] = R"({
-  "common": ${common},
+constexpr char synch_av[] = R"(
   "synch": {
     "_type": {"_level": 0, "_value": "ratchet", "_values": ["ratchet"]},
     "ratchet": {
@@ -27,33 +24,18 @@ constexpr char synch_av[] = R"({
       "nch": {"_level": 0, "_value": ${nch}},
       "bps": {"_level": 0, "_value": ${bps}}
     }
-  }
-})";
+  })";
 
-constexpr char decode_audio[] = R"({
-  "common": ${common},
+constexpr char decode[] = R"(
   "decode": {
-    "_type": {"_level": 0, "_value": "recode:audio", "_values": ["recode:audio"]},
-    "recode:audio": {
+    "_type": {"_level": 0, "_value": "recode:${kind}", "_values": ["recode:${kind}"]},
+    "recode:${kind}": {
       "in": {"_level": 0, "_value": "${track}"},
       "out": {"_level": 0, "_value": "${track2}"}
     }
-  }
-})";
+  })";
 
-constexpr char decode_video[] = R"({
-  "common": ${common},
-  "decode": {
-    "_type": {"_level": 0, "_value": "recode:video", "_values": ["recode:video"]},
-    "recode:video": {
-      "in": {"_level": 0, "_value": "${track}"},
-      "out": {"_level": 0, "_value": "${track2}"}
-    }
-  }
-})";
-
-constexpr char encode_audio[] = R"({
-  "common": ${common},
+constexpr char encode_audio[] = R"(
   "encode": {
     "_type": {"_level": 0, "_value": "recode:audio", "_values": ["recode:audio"]},
     "recode:audio": {
@@ -64,11 +46,9 @@ constexpr char encode_audio[] = R"({
       "bps": {"_level": 1, "_value": ${bps}, "_values": [0, 8, 16, 24]},
       "nch": {"_level": 1, "_value": "${nch}", "_values": [" ", "mono", "stereo"]}
     }
-  }
-})";
+  })";
 
-constexpr char encode_video[] = R"({
-  "common": ${common},
+constexpr char encode_video[] = R"(
   "encode": {
     "_type": {"_level": 0, "_value": "recode:video", "_values": ["recode:video"]},
     "recode:video": {
@@ -85,37 +65,14 @@ constexpr char encode_video[] = R"({
         "_values": ["ultrafast", "superfast", "veryfast", "faster", "fast", "medium", "slow", "slower",
           "veryslow"]},
       "profile": {"_level": 3, "_value": "baseline", "_values": ["baseline", "main", "high"]},
-      "thread": {"_level": 2, "_value": false}
+      "thread": {"_level": 2, "_value": false}${proportion}
     }
-  }
-})";
+  })";
 
-constexpr char encode_video2[] = R"({
-  "common": ${common},
-  "encode": {
-    "_type": {"_level": 0, "_value": "recode:video", "_values": ["recode:video"]},
-    "recode:video": {
-      "in": {"_level": 0, "_value": "${track}"},
-      "out": {"_level": 0, "_value": "${track2}"},
-      "codec": {"_level": 0, "_value": "${codec}", "_values": ["h264", "mp4v", "jpeg", "zeltm2"]},
-      "width": {"_level": 1, "_value": ${width}},
-      "height": {"_level": 1, "_value": ${height}},
-      "bitrate": {"_level": 1, "_value": ${bitrate}},
-      "fps": {"_level": 1, "_value": ${fps}},
-      "keyint": {"_level": 1, "_value": ${keyint}},
-      "quality": {"_level": 1, "_value": ${quality}, "_minvalue": 0, "_maxvalue": 100},
-      "preset": {"_level": 3, "_value": "superfast",
-        "_values": ["ultrafast", "superfast", "veryfast", "faster", "fast", "medium", "slow", "slower",
-          "veryslow"]},
-      "profile": {"_level": 3, "_value": "baseline", "_values": ["baseline", "main", "high"]},
-      "thread": {"_level": 2, "_value": false},
-      "proportion": {"_level": 2, "_value": "${proportion}", "_values": ["1:1", "4:3", "16:9"]}
-    }
-  }
-})";
+constexpr char encode_proportion[] = R"(,
+      "proportion": {"_level": 2, "_value": "${proportion}", "_values": ["1:1", "4:3", "16:9"]})";
 
-constexpr char export_media[] = R"({
-  "common": ${common},
+constexpr char export_media[] = R"(
   "export": {
     "_type": {"_level": 0, "_value": "media", "_values": ["media"]},
     "media": {
@@ -125,11 +82,9 @@ constexpr char export_media[] = R"({
       "name": {"_level": 0, "_value": "${name}"},
       "type": {"_level": 0, "_value": "${type}"}
     }
-  }
-})";
+  })";
 
-constexpr char text_overlay[] = R"({
-  "common": ${common},
+constexpr char text_overlay[] = R"(
   "processing": {
     "_type": {"_level": 0, "_value": "media", "_values": ["media"]},
     "text:overlay": {
@@ -137,11 +92,9 @@ constexpr char text_overlay[] = R"({
       "out": {"_level": 0, "_value": "${track2}"},
       "inscription": {"_level": 0, "_value": "${inscription}"}
     }
-  }
-})";
+  })";
 
-constexpr char sinhrofazotron[] = R"({
-  "common": ${common},
+constexpr char sinhrofazotron[] = R"(
   "timesynchronization": {
     "_type": {"_level": 0, "_value": "sinhrofazotron", "_values": ["sinhrofazotron"]},
     "sinhrofazotron": {
@@ -150,8 +103,7 @@ constexpr char sinhrofazotron[] = R"({
       "trackOut": {"_level": 0, "_value": "${track2},"},
       "PINS": []
     }
-  }
-})";
+  })";
 // clang-format on
 
 }  // namespace fish

@@ -4,8 +4,7 @@
 namespace fish {
 
 // clang-format off
-constexpr char device_microphone[] = R"({
-  "common": ${common},
+constexpr char device_microphone[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "sound:microphone", "_values": ["sound:microphone"]},
     "sound:microphone": {
@@ -16,11 +15,9 @@ constexpr char device_microphone[] = R"({
       "quality": {"_level": 0, "_value": ${quality}, "_values": [0, 8, 16, 32]},
       "channel": {"_level": 0, "_value": "${channel}", "_values": ["", "left", "right"]}
     }
-  }
-})";
+  })";
 
-constexpr char device_sound_detect[] = R"({
-  "common": ${common},
+constexpr char device_sound_detect[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "sound:sound_detector", "_values": ["sound:sound_detector"]},
     "sound:sound_detector": {
@@ -31,11 +28,9 @@ constexpr char device_sound_detect[] = R"({
       "height": {"_level": 0, "_value": ${height}},
       "enable": {"_level": 0, "_value": false}
     }
-  }
-})";
+  })";
 
-constexpr char device_sound_mixer[] = R"({
-  "common": ${common},
+constexpr char device_sound_mixer[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "sound:sound_mixer", "_values": ["sound:sound_mixer"]},
     "sound:sound_mixer": {
@@ -46,11 +41,9 @@ constexpr char device_sound_mixer[] = R"({
       "nch": {"_level": 1, "_value": " ", "_values": [" ", "mono", "stereo"]},
       "bps": {"_level": 1, "_value": 0, "_values": [0, 8, 16, 24]}
     }
-  }
-})";
+  })";
 
-constexpr char device_player[] = R"({
-  "common": ${common},
+constexpr char device_player[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "sound:player", "_values": ["sound:player"]},
     "sound:player": {
@@ -58,11 +51,9 @@ constexpr char device_player[] = R"({
       "device": {"_level": 0, "_value": "${device}", "_values": [${devices}]},
       "volume": {"_level": 0, "_value": ${volume}}
     }
-  }
-})";
+  })";
 
-constexpr char device_equalizer[] = R"({
-  "common": ${common},
+constexpr char device_equalizer[] = R"(
   "device": {
     "_type": {"_level": 0, "_value": "sound:equalizer", "_values": ["sound:equalizer"]},
     "sound:equalizer": {
@@ -78,8 +69,7 @@ constexpr char device_equalizer[] = R"({
       "2,5kHz": {"_level": 0, "_value": ${band8}, "_minvalue": -1.0, "_maxvalue": 1.0},
       "20kHz": {"_level": 0, "_value": ${band9}, "_minvalue": -1.0, "_maxvalue": 1.0}
     }
-  }
-})";
+  })";
 // clang-format on
 
 }  // namespace fish

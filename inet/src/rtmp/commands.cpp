@@ -237,6 +237,12 @@ bool Rtmp::insides::close_stream() noexcept {
     return true;
 }
 
+bool Rtmp::insides::stop_play() noexcept {
+    if (!playing) return false;
+    playing = paused = false;
+    return send(stream_end_message(media_stream)) && send(on_status_message("status", "NetStream.Play.Stop", "Ended"));
+}
+
 bool Rtmp::insides::stream_length(Variant& message) noexcept {
     Variant result = result_message(id_of(message));
     result["invoke"]["parameters"][1U] = 0.0;

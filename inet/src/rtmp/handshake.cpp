@@ -95,7 +95,7 @@ void put_simple_answer(std::span<uint8_t, packet_size> out) noexcept {
     common_random(out.data() + 8, out.size() - 8);
 }
 
-void put_signed_answer(std::span<uint8_t, 2 * packet_size> out, packet_t client, uint8_t scheme,
+void put_signed_answer(std::span<uint8_t, answer_size> out, packet_t client, uint8_t scheme,
                        const DHWrapper* key_exchange) noexcept {
     put_time(out.data());
     common_random(out.data() + 8, out.size() - 8);

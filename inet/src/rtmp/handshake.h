@@ -11,6 +11,7 @@
 namespace inet::rtmp {
 
 inline constexpr uint32_t packet_size = 1536;
+inline constexpr uint32_t answer_size = 3072;  // both packets of the server
 inline constexpr uint32_t digest_size = 32;
 inline constexpr uint8_t plain_version = 3;
 inline constexpr uint8_t encrypted_version = 6;
@@ -29,7 +30,7 @@ bool is_signed(packet_t client, uint8_t scheme) noexcept;
 void put_simple_answer(std::span<uint8_t, packet_size> out) noexcept;
 
 // Both packets. `key_exchange` puts in the public key of an encrypted connection.
-void put_signed_answer(std::span<uint8_t, 2 * packet_size> out, packet_t client, uint8_t scheme,
+void put_signed_answer(std::span<uint8_t, answer_size> out, packet_t client, uint8_t scheme,
                        const DHWrapper* key_exchange) noexcept;
 
 // The ciphers of an encrypted connection, ready for its first byte.

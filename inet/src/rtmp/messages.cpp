@@ -115,6 +115,7 @@ Variant bandwidth_message(uint32_t value, uint32_t kind) noexcept {
 }
 
 Variant stream_begin_message(uint32_t stream) noexcept { return user_control(0, "streamId", stream); }
+Variant stream_end_message(uint32_t stream) noexcept { return user_control(1, "streamId", stream); }
 Variant pong_message(uint32_t value) noexcept { return user_control(7, "pong", value); }
 
 Variant command_message(const char* name, double id, uint32_t stream) noexcept {

@@ -31,6 +31,7 @@ Variant ack_message(uint32_t bytes) noexcept;
 Variant window_message(uint32_t size) noexcept;
 Variant bandwidth_message(uint32_t value, uint32_t kind) noexcept;
 Variant stream_begin_message(uint32_t stream) noexcept;
+Variant stream_end_message(uint32_t stream) noexcept;
 Variant pong_message(uint32_t value) noexcept;
 
 // A command on a message stream. "parameters" 0 is null: the answers of this session have no command object.

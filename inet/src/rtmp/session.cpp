@@ -53,8 +53,8 @@ void Rtmp::insides::restart() noexcept {
     window_ = first_window;
     chunk_size_ = first_chunk_size;
     std::ranges::fill(channels_, _Channel());
-    for (core::owned_text* each : {&app_, &tc_url_, &name_})
-        each->reset();
+    app_.reset();
+    tc_url_.reset();
     own_chunks_.reset();
     head_sent_ = 0;
 }
@@ -125,7 +125,7 @@ bool Rtmp::insides::answer(bool encrypted, bytes_t first_packet) noexcept {
         simple = scheme == 0;
         if (simple) log_line("Client not validated");
     }
-    const uint32_t size = (simple ? 1 : 2) * packet_size;
+    const uint32_t size = simple ? packet_size : answer_size;
     const core::owned<uint8_t> block(static_cast<uint8_t*>(core_malloc(size, file, line)));
     if (!block) return fail("closing: out of memory");
 
@@ -138,7 +138,7 @@ bool Rtmp::insides::answer(bool encrypted, bytes_t first_packet) noexcept {
             agreed = agree(client, scheme, key_exchange);
             if (!agreed) return fail("closing: degenerate public key");
         }
-        put_signed_answer(std::span<uint8_t, 2 * packet_size>(block.get(), 2 * packet_size), client, scheme,
+        put_signed_answer(std::span<uint8_t, answer_size>(block.get(), answer_size), client, scheme,
                           encrypted ? &key_exchange : nullptr);
     }
     const uint8_t version = encrypted ? encrypted_version : plain_version;

@@ -49,6 +49,7 @@ public:
     bool play(Variant& message) noexcept;
     bool pause(Variant& message) noexcept;
     bool close_stream() noexcept;
+    bool stop_play() noexcept;
     bool stream_length(Variant& message) noexcept;
     bool unknown(Variant& message) noexcept;
     bool set_credentials(const char* user, const char* password) noexcept;
@@ -97,8 +98,6 @@ private:
     bool put(bytes_t bytes) noexcept;
     void cipher_from(uint32_t start) noexcept;
     bool raise_chunk_size() noexcept;
-    bool start_play(const char* name) noexcept;
-    rtmp::play_t play_of(Variant& message) noexcept;
     bool reject(double id, const char* description) noexcept;
 
     // Handshake
@@ -121,7 +120,7 @@ private:
 
     // Stream
     bool created_ = false;
-    core::owned_text app_, tc_url_, name_;
+    core::owned_text app_, tc_url_;
     core::owned_text user_, password_;
     bool gated_ = false;
     core::owned_object<rtmp::Chunks> own_chunks_;

@@ -11,6 +11,8 @@ namespace inet::rtmp {
 
 namespace {
 
+constexpr uint32_t most_names = 8;  // a path of a thousand segments is not sought a thousand times
+
 std::string_view without_query(std::string_view text) noexcept {
     return scan::trim(text.substr(0, text.find('?')), "/");
 }
@@ -43,6 +45,7 @@ uint32_t stream_name(const play_t& play, uint32_t which, char* out, uint32_t siz
     std::string_view app = without_query(scan::text(play.app));
     std::string_view name = without_query(without_prefix(scan::text(play.name)));
     if (app.empty()) app = without_query(path_of(scan::text(play.tc_url)));
+    if (which >= most_names) return 0;
     // The longer names begin in the application, the shorter ones are parts of the stream name.
     for (; which > 0; --which) {
         if (app.empty() && !drop_segment(name)) return 0;

@@ -72,6 +72,8 @@ public:
     /// The thread of the connection, and the address at which the peer reached the station, dotted.
     virtual thread& on() const noexcept = 0;
     virtual const char* host() const noexcept = 0;
+    /// The peer's own address, dotted: that of the last proxy or router before the station.
+    virtual const char* peer() const noexcept = 0;
 
     /// Has the handler called again ten times a second until it answers: for what is being made on another thread.
     /// header() has no fields then. After 10 s the service answers 503 with Retry-After.

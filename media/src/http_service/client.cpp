@@ -93,6 +93,7 @@ client_t::~client_t() {
 bool client_t::begin(net::Tcp*& from) noexcept {
     const sockaddr_in near = from->local();
     net_addr_ip(near, host_, sizeof host_);
+    net_addr_ip(from->peer(), peer_, sizeof peer_);
     net::http_info info;
     info.arg = this;
     info.on_close = [](void* arg, net::http_ctx*) { static_cast<client_t*>(arg)->finish(); };

@@ -34,6 +34,7 @@ public:
     buffer_t body() const noexcept override { return body_; }
     thread& on() const noexcept override { return thread_; }
     const char* host() const noexcept override { return host_; }
+    const char* peer() const noexcept override { return peer_; }
     void answer(const http_answer_t& how, buffer_t bytes) noexcept override;
     void answer_share(const http_answer_t& how, buffer_t bytes, void (*release)(void* owner),
                       void* owner) noexcept override;
@@ -69,6 +70,7 @@ private:
     service_t& service_;
     net::http_ctx* http_ = nullptr;
     char host_[16] = "";
+    char peer_[16] = "";
     bool finished_ = false;
 
     // The request at hand
