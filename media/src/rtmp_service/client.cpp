@@ -78,7 +78,7 @@ void client_t::second() noexcept {
     const bool silent = silent_ >= (has_played_ ? next_play : first_play);
     const bool stalls = tcp_->second() >= settings().stall;
     if (stalls) tcp_->give_up();
-    if (silent || stalls) finish();
+    if (silent || stalls || rtmp_->error()) finish();
 }
 
 int client_t::on_play(inet::Rtmp*, const inet::rtmp::play_t& play) noexcept {
