@@ -75,23 +75,6 @@ TEST(Xml, RefusesWithThePlaceAndTheReason) {
         EXPECT_EQ(refusal_of(std::string("<a>&#") + none + ";</a>"), "1:4: reference to no character");
 }
 
-TEST(Xml, TextThatWasEncodedReadsTheSame) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"<&>\"'\t\r\n]]>&amp;<!-- \xf0\x9f\x8e\xa5", "<&>\"'\t\r\n]]>&amp;<!-- \xf0\x9f\x8e\xa5"},
-        {"\x01\xef\xbf\xbf\xed\xa0\x80\xc3",
-         "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},
-    };
-    for (const auto& [text, read] : cases) {
-        const std::string encoded = test::held<char, core_mfree>(xml_encode(text, CORE_HERE)).get();
-        const tree document(
-            roxml_load_buf(("<a b=\"" + encoded + "\" c='" + encoded + "'>" + encoded + "</a>").c_str()));
-        node* const root = child(document.get(), nullptr);
-        for (const char* found :
-             {roxml_get_attr(root, "b"), roxml_get_attr(root, "c"), roxml_get_content(root, nullptr, 0, nullptr)})
-            EXPECT_STREQ(found, read);
-    }
-}
-
 // What takes time with the square of the text would take many minutes.
 TEST(Xml, TakesTimeAndMemoryInProportionToTheText) {
     const std::string cases[][3] = {

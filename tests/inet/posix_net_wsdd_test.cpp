@@ -14,20 +14,17 @@ using test::discovery;
 
 bool run(const std::string& command) { return std::system((command + " 2>/dev/null").c_str()) == 0; }
 
-/// A namespace with one interface; the second one made is joined to the first.
 struct host {
-    explicit host(const char* called) : name("inet-wsdd-" + std::string(called) + std::to_string(getpid())) {
-        is_up = run("ip netns add " + name);
-    }
+    explicit host(const char* called) : name("inet-wsdd-" + std::string(called) + std::to_string(getpid())) {}
     ~host() { run("ip netns del " + name); }
     host(const host&) = delete;
     host& operator=(const host&) = delete;
 
-    void set_up(const char* address) {
-        for (const char* what : {"link set lo up", "link set end up", "route add 224.0.0.0/4 dev end"}) {
-            if (what[0] == 'r') is_up = is_up && run("ip -n " + name + " address add " + address + "/24 dev end");
-            is_up = is_up && run("ip -n " + name + ' ' + what);
-        }
+    bool add() const { return run("ip netns add " + name); }
+    bool set_up(const std::string& address) const {
+        const std::string ip = "ip -n " + name;
+        return run(ip + " link set lo up && " + ip + " link set end up && " + ip + " address add " + address +
+                   "/24 dev end && " + ip + " route add 224.0.0.0/4 dev end");
     }
 
     /// Sockets that are made in it are this host's for good.
@@ -35,37 +32,29 @@ struct host {
     void on(Function function) const {
         std::thread([&] {
             const int place = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
-            const bool is_there = place >= 0 && setns(place, CLONE_NEWNET) == 0;
+            EXPECT_EQ(setns(place, CLONE_NEWNET), 0);
             close(place);
-            ASSERT_TRUE(is_there);
             function();
         }).join();
     }
 
     const std::string name;
-    bool is_up = false;
 };
 
 TEST(Discovery, CrossesTheNetworkAndDoesNotHearItself) {
-    host near("near");
-    host far("far");
-    if (!near.is_up || !far.is_up) GTEST_SKIP() << "network namespaces need root";
+    const host near("near"), far("far");
+    if (!near.add() || !far.add()) GTEST_SKIP() << "network namespaces need root";
     ASSERT_TRUE(run("ip link add end netns " + near.name + " type veth peer name end netns " + far.name));
-    near.set_up("10.81.8.1");
-    far.set_up("10.81.8.2");
-    ASSERT_TRUE(near.is_up && far.is_up);
-
+    ASSERT_TRUE(near.set_up("10.81.8.1") && far.set_up("10.81.8.2"));
     const test::network_thread network;
-    discovery device([](discovery& self) {
+    discovery client, neighbour, device([](discovery&self) {
         net::net_wsdd_send(self.handle, "match", self.from);
         net::net_wsdd_request(self.handle, "hello");
     });
-    discovery client;
-    discovery neighbour;
-    far.on([&] { ASSERT_EQ(device.open(network, nullptr, 0), 0); });
+    far.on([&] { EXPECT_EQ(device.open(network, nullptr, 0), 0); });
     near.on([&] {
-        ASSERT_EQ(client.open(network, "239.81.8.9", 4000), 0);
-        ASSERT_EQ(neighbour.open(network, nullptr, 0), 0);
+        EXPECT_EQ(client.open(network, "239.81.8.9", 4000), 0);
+        EXPECT_EQ(neighbour.open(network, nullptr, 0), 0);
     });
     net::net_wsdd_request(client.handle, "probe");
     for (discovery* each : {&device, &client, &neighbour})

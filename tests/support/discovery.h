@@ -9,7 +9,7 @@
 namespace test {
 
 struct discovery {
-    explicit discovery(std::function<void(discovery&)> in_it = nullptr) : then(std::move(in_it)) {}
+    explicit discovery(std::function<void(discovery&)> in_it = [](discovery&) {}) : then(std::move(in_it)) {}
     ~discovery() { net::net_wsdd_close(handle); }
 
     int open(const network_thread& on, const char* group, unsigned port) {
@@ -18,10 +18,9 @@ struct discovery {
 
     static void on_message(net::wsdd_t* d, const char* text, sockaddr_in from) {
         auto& self = *static_cast<discovery*>(d->user);
-        self.heard += text;
-        self.heard += ' ';
+        self.heard += std::string(text) + ' ';
         self.from = from;
-        if (self.then) self.then(self);
+        self.then(self);
         callback::run(&self.messages);
     }
 
