@@ -1,5 +1,10 @@
-// Discovery between two hosts, which are network namespaces joined by a cable.
-#include "support/discovery.h"
+// Discovery over the loopback, where 127.0.0.2 is another host, and between two hosts, which are network namespaces joined
+// by a cable.
+#include "support/fault.h"
+#include "support/network_thread.h"
+#include "support/sockets.h"
+
+#include "inet/net_wsdd.h"
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -10,7 +15,29 @@
 
 namespace {
 
-using test::discovery;
+/// An owner of a handle that keeps what it hears.
+struct discovery {
+    explicit discovery(std::function<void(discovery&)> in_it = [](discovery&) {}) : then(std::move(in_it)) {}
+    ~discovery() { net::net_wsdd_close(handle); }
+
+    int open(const test::network_thread& on, const char* group, unsigned port) {
+        return net::net_wsdd_open(handle, on, group, port, CORE_HERE);
+    }
+
+    static void on_message(net::wsdd_t* d, const char* text, sockaddr_in from) {
+        auto& self = *static_cast<discovery*>(d->user);
+        self.heard += std::string(text) + ' ';
+        self.from = from;
+        self.then(self);
+        test::callback::run(&self.messages);
+    }
+
+    std::string heard;
+    sockaddr_in from{};
+    std::function<void(discovery&)> then;
+    test::callback messages;
+    net::wsdd_t handle{this, on_message, nullptr};
+};
 
 bool run(const std::string& command) { return std::system((command + " 2>/dev/null").c_str()) == 0; }
 
@@ -40,6 +67,46 @@ struct host {
 
     const std::string name;
 };
+
+TEST(Discovery, HearsOtherHostsAndClosesInItsCallback) {
+    const test::network_thread network;
+    discovery owner([](discovery& self) {
+        if (self.messages.runs() == 0) return;
+        net::net_wsdd_close(self.handle);
+        net::net_wsdd_send(self.handle, "match", self.from);
+        net::net_wsdd_request(self.handle, "probe");
+    });
+    const unsigned short port = test::free_port();
+    ASSERT_EQ(owner.open(network, "127.0.0.1", 0x50000u + port), 0);
+    EXPECT_EQ(owner.open(network, "127.0.0.1", port), -5);
+    const test::udp_socket own, other;
+    net_socket_bind(own, "127.0.0.1", 0);
+    net_socket_bind(other, "127.0.0.2", 0);
+    sockaddr_in to{};
+    net_addr_setup(to, "127.0.0.1", port);
+    const std::string longest(65507, 'x');
+    network.run([&] {  // which waits while these come
+        for (const std::string& text : {std::string(), std::string("probe"), longest, std::string("late")}) {
+            EXPECT_GE(net_udp_send_msg(own, "own", &to), 0);
+            EXPECT_GE(net_udp_send_msg(other, text.c_str(), &to), 0);
+        }
+    });
+    ASSERT_TRUE(owner.messages.reaches(2));
+    network.pass();
+    EXPECT_EQ(owner.heard, "probe " + longest + ' ');
+}
+
+TEST(Discovery, RefusesWhatItCannotWorkWith) {
+    net::wsdd_t silent;
+    EXPECT_EQ(net::net_wsdd_open(silent, test::network_thread(), nullptr, 0, CORE_HERE), -2);
+    EXPECT_GT(test::fail_each_allocation([] {
+                  const test::network_thread network;
+                  discovery owner;
+                  const int result = owner.open(network, "127.0.0.1", 0);
+                  EXPECT_EQ(result, owner.handle.priv ? 0 : network.nt ? -1 : -2);
+              }),
+              5U);
+}
 
 TEST(Discovery, CrossesTheNetworkAndDoesNotHearItself) {
     const host near("near"), far("far");
