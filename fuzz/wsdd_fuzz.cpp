@@ -2,6 +2,7 @@
 // stands in them is for soap_fuzz.cpp.
 #include "fuzz.h"
 #include "net_wsdd/receiver.h"
+#include "platform/socket_api.h"
 
 #include "inet/net_socket.h"
 
@@ -10,7 +11,12 @@ namespace {
 const bool is_up = (socket_init(), true);
 
 struct udp_socket {
-    explicit udp_socket(const char* at) { is_bound = net_socket_bind(fd, at, 0) == 0; }
+    /// On a port that is its own.
+    explicit udp_socket(const char* at) {
+        sockaddr_in address{};
+        net_addr_setup(address, at, 0);
+        is_bound = net::platform::set_exclusive(fd) && net::platform::bind_socket(fd, address);
+    }
     ~udp_socket() {
         if (fd >= 0) net_socket_close(fd);
     }

@@ -80,9 +80,11 @@ TEST(Discovery, HearsOtherHostsAndClosesInItsCallback) {
     ASSERT_EQ(owner.open(network, "127.0.0.1", 0x50000u + port), 0);
     EXPECT_EQ(owner.open(network, "127.0.0.1", port), -5);
     const test::udp_socket own, other;
-    net_socket_bind(own, "127.0.0.1", 0);
-    net_socket_bind(other, "127.0.0.2", 0);
     sockaddr_in to{};
+    for (const auto& [socket, address] : {std::pair<int, const char*>{own, "127.0.0.1"}, {other, "127.0.0.2"}}) {
+        net_addr_setup(to, address, 0);
+        ASSERT_TRUE(net::platform::set_exclusive(socket) && net::platform::bind_socket(socket, to));
+    }
     net_addr_setup(to, "127.0.0.1", port);
     const std::string longest(65507, 'x');
     network.run([&] {  // which waits while these come
