@@ -49,7 +49,7 @@ struct field {
     kind_t kind;
 };
 
-inline constexpr size_t most_fields = 9;
+inline constexpr size_t most_fields = 8;
 
 /// @return a new text for core_mfree(); null when memory is out
 char* fill(const char* document, std::initializer_list<field> fields, const char* file, int line) noexcept;
