@@ -1,5 +1,5 @@
-// GetCapabilities as a device answers it: the request read, the blocks made, the envelope filled. Beside it a copy of the
-// bytes that come and go.
+// GetCapabilities as a device answers it: the request read, the blocks made, the envelope filled. Beside it a copy of
+// the bytes that come and go.
 #include "core/owned.h"
 #include "inet/net_soap.h"
 

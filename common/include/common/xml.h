@@ -1,8 +1,8 @@
-/// XML reader (XML 1.0, Namespaces in XML 1.0), and text that is written into XML. A text becomes a tree of elements with
-/// namespaces. CDATA, character references and the five named entities are resolved. Line ends are normalized (section
-/// 2.11). Comments and processing instructions are skipped. A DOCTYPE is refused, so nothing is expanded. A text must be
-/// UTF-8, with or without a byte order mark. Reading takes time linear in the text. A tree is read-only: any thread may
-/// use it.
+/// XML reader (XML 1.0, Namespaces in XML 1.0), and text that is written into XML. A text becomes a tree of elements
+/// with namespaces. CDATA, character references and the five named entities are resolved. Line ends are normalized
+/// (section 2.11). Comments and processing instructions are skipped. A DOCTYPE is refused, so nothing is expanded. A text
+/// must be UTF-8, with or without a byte order mark. Reading takes time linear in the text. A tree is read-only: any
+/// thread may use it.
 ///
 /// Bounds (a text above one is refused):
 ///     text        64 MiB
@@ -17,8 +17,8 @@
 /// The document, an element, or the namespace declaration that roxml_get_ns() returns.
 struct node;
 
-/// Reads a NUL-terminated text. A prefix that was nowhere declared, as some messages of WS-Discovery have one, is taken:
-/// what carries it is in no namespace.
+/// Reads a NUL-terminated text. A prefix that was nowhere declared, as some messages of WS-Discovery have one, is
+/// taken: what carries it is in no namespace.
 /// @return the document, whose only child is the root element; null when it is not well-formed or memory is out.
 /// Release with roxml_close().
 INET_API node* roxml_load_buf(const char* text) noexcept;
