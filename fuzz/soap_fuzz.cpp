@@ -1,5 +1,5 @@
-// Requests and Probes: read, asked for arguments, and answered with a document that our own strict reader takes, with the ids of the
-// request.
+// Requests and Probes: read, asked for arguments, and answered with a document that our own strict reader takes, with
+// the ids of the request.
 #include "fuzz.h"
 
 #include "common/xml.h"

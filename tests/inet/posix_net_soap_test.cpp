@@ -107,7 +107,8 @@ TEST(Soap, AnswersWithTheHeaderOfTheRequest) {
         R"(<?xml version="1.0" encoding="UTF-8"?><env:Envelope xmlns:env="http://www.w3.org/2003/05/soap-envelope" )"
         R"(xmlns:enc="http://www.w3.org/2003/05/soap-encoding" xmlns:xs="http://www.w3.org/2001/XMLSchema" )"
         R"(xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance" xmlns:xop="http://www.w3.org/2004/08/xop/include" )"
-        R"(xmlns:wsa="http://www.w3.org/2005/08/addressing" xmlns:tt="http://www.onvif.org/ver10/schema" x=""><env:Header>)";
+        R"(xmlns:wsa="http://www.w3.org/2005/08/addressing" xmlns:tt="http://www.onvif.org/ver10/schema" x="">)"
+        "<env:Header>";
     const std::string get = "</env:Header><env:Body><tt:GetResponse><a/></tt:GetResponse></env:Body></env:Envelope>";
     const std::string none = "</env:Header><env:Body><tt:Response><a/></tt:Response></env:Body></env:Envelope>";
     const std::pair<const char*, std::string> cases[] = {

@@ -1,5 +1,5 @@
-// Discovery over the loopback, where 127.0.0.2 is another host, and between two hosts, which are network namespaces joined
-// by a cable.
+// Discovery over the loopback, where 127.0.0.2 is another host, and between two hosts, which are network namespaces
+// joined by a cable.
 #include "support/fault.h"
 #include "support/network_thread.h"
 #include "support/sockets.h"

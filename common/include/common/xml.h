@@ -1,8 +1,8 @@
 /// XML reader (XML 1.0, Namespaces in XML 1.0), and text that is written into XML. A text becomes a tree of elements
 /// with namespaces. CDATA, character references and the five named entities are resolved. Line ends are normalized
-/// (section 2.11). Comments and processing instructions are skipped. A DOCTYPE is refused, so nothing is expanded. A text
-/// must be UTF-8, with or without a byte order mark. Reading takes time linear in the text. A tree is read-only: any
-/// thread may use it.
+/// (section 2.11). Comments and processing instructions are skipped. A DOCTYPE is refused, so nothing is expanded. A
+/// text must be UTF-8, with or without a byte order mark. Reading takes time linear in the text. A tree is read-only:
+/// any thread may use it.
 ///
 /// Bounds (a text above one is refused):
 ///     text        64 MiB

@@ -11,7 +11,7 @@
 /// Arguments of the functions that make texts:
 ///     texts        are encoded (xml_encode()) where they are filled in; null is an empty text
 ///     XML          `caps`, `exts`, `encoders` and namespace declarations (` xmlns:tt="..."`) are filled in as they are
-///     names        `tag`, and the prefix of net_soap_response(), are names of XML ("tt:Metadata") and filled in as such
+///     names        `tag`, and the prefix of net_soap_response(), are names of XML ("tt:Metadata") and stay as they are
 /// A returned text is the caller's, who releases it with core_mfree(). It is null when memory is out.
 ///
 /// Bounds for one request:
@@ -65,8 +65,8 @@ INET_API int soap_get_value(node* parent, const char* name, char* buf, int size,
 // Answers
 // ---------------------------------------------------------------------------------------------------------------------
 
-/// The answer to a request: the filled template in an element `ns`:<method>Response. The header repeats from that of the
-/// request, where they are (WS-Addressing 1.0):
+/// The answer to a request: the filled template in an element `ns`:<method>Response. The header repeats from that of
+/// the request, where they are (WS-Addressing 1.0):
 ///     - MessageID, as the answer's own id,
 ///     - the address of ReplyTo,
 ///     - To,

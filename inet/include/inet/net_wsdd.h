@@ -8,12 +8,13 @@
 ///     ...
 ///     net::net_wsdd_close(discovery);
 ///
-/// What the host itself sends is not given to on_message: datagrams from the addresses that its interfaces have when the
-/// handle is opened, and from 127.0.0.1. When these change, the owner opens the handle anew.
+/// What the host itself sends is not given to on_message: datagrams from the addresses that its interfaces have when
+/// the handle is opened, and from 127.0.0.1. When these change, the owner opens the handle anew. An owner answers
+/// requests alone, never answers: else a host that does not know itself talks to itself.
 ///
 /// Bounds for one handle:
 ///     memory  64 KiB for the datagram that is read
-///     pace    a datagram for each socket in a pass of the loop; what comes faster waits in the system's buffer or is lost
+///     pace    a datagram for each socket in a pass of the loop; what comes faster waits in the system's buffer
 #pragma once
 
 #include "core/api.h"
