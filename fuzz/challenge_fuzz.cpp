@@ -1,6 +1,7 @@
-// Authentication: challenges that a server sends to a client, answers that a client sends to a server.
+// Authentication: challenges that a server of RTSP, HTTP or RTMP sends to a client, answers that a client sends to a server.
 #include "auth/challenge.h"
 #include "fuzz.h"
+#include "watcher/rtmp_login.h"
 
 #include "inet/net_http_auth.h"
 
@@ -34,12 +35,19 @@ void answer_as_meant(const char* to) {
     }
 }
 
+/// What an RTMP server says with its refusal.
+void answer_rtmp(const std::string& to) {
+    const core::owned_text value = media::fetch::rtmp_login("authmod=adobe " + to, "user", "pw");
+    require(!value || std::string_view(value.get()).starts_with("?authmod=adobe&user=user"));
+}
+
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);
     answer(text.c_str());
     answer_as_meant(text.c_str());
+    answer_rtmp(text);
     // Whoever does not know the password does not come in.
     for (const char* start : {"", "Digest username=\"user\", realm=\"inet\", nonce=\"5d1f0c\", uri=\"/\","}) {
         const std::string value = start + text;

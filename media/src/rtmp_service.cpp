@@ -28,6 +28,17 @@ bool carries(uint32_t fcc) noexcept {
     return std::ranges::find(formats, fcc) != std::end(formats);
 }
 
+use_t use_of(const stream& what) noexcept {
+    use_t found = use_t::unknown;
+    for (const kind_t kind : {kind_t::video, kind_t::audio}) {
+        format_t format;
+        if (!what.format(kind, &format, nullptr)) continue;
+        if (carries(format.fcc)) return use_t::some;
+        found = use_t::none;
+    }
+    return found;
+}
+
 bool time_bases::enter(const stream& of, uint64_t first, uint64_t& base) noexcept {
     const std::lock_guard held(lock_);
     auto found = std::ranges::find(bases_, of.id(), &base_t::id);
@@ -88,15 +99,7 @@ client* service_t::take(thread& on, net::Tcp*& from) noexcept {
 
 void service_t::addresses(const stream& of, const char* host, void (*each)(void* arg, const char* address),
                           void* arg) const noexcept {
-    bool known = false;
-    bool carried = false;
-    for (const kind_t kind : {kind_t::video, kind_t::audio}) {
-        format_t format;
-        if (!of.format(kind, &format, nullptr)) continue;
-        known = true;
-        carried = carried || carries(format.fcc);
-    }
-    if (port() == 0 || (known && !carried)) return;
+    if (port() == 0 || use_of(of) == use_t::none) return;
     const core::owned_text path(uri_encode_path(of.name(), CORE_HERE));
     char text[512];
     const int size =

@@ -84,7 +84,7 @@ void client_t::second() noexcept {
 int client_t::on_play(inet::Rtmp*, const inet::rtmp::play_t& play) noexcept {
     leave_stream();
     stream_ = find_stream(owner_.on().station(), play);
-    if (!stream_) return 0;
+    if (!stream_ || use_of(*stream_) == use_t::none) return 0;
     has_played_ = true;
     await_formats();
     return 1;
@@ -107,12 +107,8 @@ void client_t::await_formats() noexcept {
 bool client_t::has_formats(uint64_t now) noexcept {
     if (stream_->ready()) return true;
     if (now - awaiting_ < longest_wait) return false;
-    for (const kind_t kind : {kind_t::video, kind_t::audio}) {
-        format_t format;
-        if (stream_->format(kind, &format, nullptr) && carries(format.fcc)) return true;
-    }
-    finish();
-    return false;
+    if (use_of(*stream_) != use_t::some) finish();
+    return !finished_;
 }
 
 bool client_t::start_playing(uint64_t now) noexcept {

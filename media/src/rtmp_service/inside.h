@@ -12,6 +12,9 @@ namespace media::rtmp {
 
 /// Whether RTMP has a form for frames of that format.
 bool carries(uint32_t fcc) noexcept;
+/// What of a stream can be sent, by the formats that are known.
+enum class use_t : uint8_t { unknown, none, some };
+use_t use_of(const stream& what) noexcept;
 
 /// One time base for each stream that is watched, so that all threads give a frame the same timestamp. Any thread.
 class time_bases {
