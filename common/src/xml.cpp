@@ -1,7 +1,10 @@
 #include "common/xml.h"
 
+#include "xml/characters.h"
 #include "xml/tree.h"
 
+#include "core/memory.h"
+#include "core/text.h"
 #include "core/text_error.h"
 
 #include <algorithm>
@@ -34,24 +37,17 @@ const char* give(std::string_view text, char* buf, int size, int* len) noexcept 
     return buf ? buf : text.data();
 }
 
-}  // namespace
-
-node* roxml_load_buf(const char* text) noexcept {
-    return text ? roxml_load(text, static_cast<unsigned>(strnlen(text, largest_text + 1)), nullptr, 0) : nullptr;
-}
-
-node* roxml_load(const char* text, unsigned size, char* error, unsigned error_size) noexcept {
+node* load(std::string_view whole, common::xml::prefixes known, char* error, unsigned error_size) noexcept {
     core::write_error(error, error_size, "");
-    if (!text || size > largest_text) {
-        core::write_error(error, error_size, text ? "text too large" : "no text");
+    if (!whole.data() || whole.size() > largest_text) {
+        core::write_error(error, error_size, whole.data() ? "text too large" : "no text");
         return nullptr;
     }
-    const std::string_view whole(text, size);
     // About what a message with many short elements needs: most are read into one block.
     core::owned_object<document> tree(core::create<document>(CORE_HERE, 2 * whole.size()));
     common::xml::refusal why{};
     try {
-        if (tree && common::xml::read(whole, tree.get(), &why)) return tree.release();
+        if (tree && common::xml::read(whole, known, tree.get(), &why)) return tree.release();
     } catch (const std::bad_alloc&) {
         tree.reset();
     }
@@ -60,6 +56,50 @@ node* roxml_load(const char* text, unsigned size, char* error, unsigned error_si
     else
         core::write_error(error, error_size, "out of memory");
     return nullptr;
+}
+
+constexpr struct {
+    char character;
+    std::string_view reference;
+} references[] = {{'&', "&amp;"},   {'<', "&lt;"},  {'>', "&gt;"},   {'"', "&quot;"},
+                  {'\'', "&apos;"}, {'\t', "&#9;"}, {'\n', "&#10;"}, {'\r', "&#13;"}};
+
+/// What stands for the first character of a text that does not stand for itself everywhere.
+std::string_view stand_in(std::string_view text, size_t* taken) noexcept {
+    *taken = 1;
+    for (const auto& [character, reference] : references)
+        if (text[0] == character) return reference;
+    uint32_t code = 0;
+    const size_t size = utf8_decode(text.data(), text.size(), &code);
+    *taken = std::max<size_t>(size, 1);
+    return size > 0 && common::xml::is_character(code) ? text.substr(0, size) : "\xef\xbf\xbd";
+}
+
+/// Hands the pieces of the encoded text to `put`.
+template <class Put>
+void encode(std::string_view text, Put put) noexcept {
+    const auto is_plain = [](char c) { return common::xml::has_trait(c, common::xml::plain_in_value) && c != '>'; };
+    while (!text.empty()) {
+        const auto plain = static_cast<size_t>(std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
+        put(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty()) return;
+        size_t taken = 0;
+        put(stand_in(text, &taken));
+        text.remove_prefix(taken);
+    }
+}
+
+}  // namespace
+
+node* roxml_load_buf(const char* text) noexcept {
+    const std::string_view whole(text, text ? strnlen(text, largest_text + 1) : 0);
+    return load(whole, common::xml::prefixes::any, nullptr, 0);
+}
+
+node* roxml_load(const char* text, unsigned size, char* error, unsigned error_size) noexcept {
+    const std::string_view whole(text, text ? size : 0);
+    return load(whole, common::xml::prefixes::declared, error, error_size);
 }
 
 void roxml_close(node* n) noexcept {
@@ -108,4 +148,16 @@ node* roxml_get_next_sibling(node* n) noexcept {
     // A declaration has a parent, too, but is none of its children.
     const bool is_child = n && n->parent && n == roxml_get_chld(n->parent, nullptr, static_cast<int>(n->index));
     return is_child ? roxml_get_chld(n->parent, nullptr, static_cast<int>(n->index) + 1) : nullptr;
+}
+
+char* xml_encode(const char* text, const char* file, int line) noexcept {
+    if (!text) return nullptr;
+    size_t size = 0;
+    encode(text, [&size](std::string_view piece) { size += piece.size(); });
+    auto* const result = static_cast<char*>(core_malloc(size + 1, file, line));
+    if (!result) return nullptr;
+    char* out = result;
+    encode(text, [&out](std::string_view piece) { out += piece.copy(out, piece.size()); });
+    *out = '\0';
+    return result;
 }

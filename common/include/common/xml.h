@@ -1,7 +1,8 @@
-/// XML reader (XML 1.0, Namespaces in XML 1.0): a text becomes a tree of elements with namespaces. CDATA, character
-/// references and the five named entities are resolved. Line ends are normalized (section 2.11). Comments and
-/// processing instructions are skipped. A DOCTYPE is refused, so nothing is expanded. A text must be UTF-8, with or
-/// without a byte order mark. Reading takes time linear in the text. A tree is read-only: any thread may use it.
+/// XML reader (XML 1.0, Namespaces in XML 1.0), and text that is written into XML. A text becomes a tree of elements
+/// with namespaces. CDATA, character references and the five named entities are resolved. Line ends are normalized
+/// (section 2.11). Comments and processing instructions are skipped. A DOCTYPE is refused, so nothing is expanded. A
+/// text must be UTF-8, with or without a byte order mark. Reading takes time linear in the text. A tree is read-only:
+/// any thread may use it.
 ///
 /// Bounds (a text above one is refused):
 ///     text        64 MiB
@@ -16,12 +17,14 @@
 /// The document, an element, or the namespace declaration that roxml_get_ns() returns.
 struct node;
 
-/// Reads a NUL-terminated text. @return the document, whose only child is the root element; null when it is not
-/// well-formed or memory is out. Release with roxml_close().
+/// Reads a NUL-terminated text. A prefix that was nowhere declared, as some messages of WS-Discovery have one, is
+/// taken: what carries it is in no namespace.
+/// @return the document, whose only child is the root element; null when it is not well-formed or memory is out.
+/// Release with roxml_close().
 INET_API node* roxml_load_buf(const char* text) noexcept;
 
-/// As roxml_load_buf(), for a text of `size` bytes. A refused text puts "line:column: reason" or "out of memory" into
-/// `error`, cut to `error_size`. `error` may be null.
+/// As roxml_load_buf(), for a text of `size` bytes whose prefixes are all declared. A refused text puts
+/// "line:column: reason" or "out of memory" into `error`, cut to `error_size`. `error` may be null.
 INET_API node* roxml_load(const char* text, unsigned size, char* error, unsigned error_size) noexcept;
 
 /// Releases the whole tree that a node belongs to; null is ignored.
@@ -58,3 +61,9 @@ INET_API const char* roxml_get_attr(node* n, const char* name) noexcept;
 
 /// Next sibling element, or null.
 INET_API node* roxml_get_next_sibling(node* n) noexcept;
+
+/// A text as it can stand between tags and between quotation marks, so that a reader reads the same. References stand
+/// for & < > " ' and for tab, LF and CR. U+FFFD stands for a byte that is not UTF-8, and for a character that XML does
+/// not have.
+/// @return a new text for core_mfree(), at most six times as long; null for null and when memory is out
+INET_API char* xml_encode(const char* text, const char* file, int line) noexcept;

@@ -54,8 +54,8 @@ bool equals_ignoring_case(std::string_view a, std::string_view lower) noexcept {
 /// Every reading function returns false at the first fault, which stands at `at_`.
 class reader {
 public:
-    reader(std::string_view text, document* out)
-        : at_(text.data()), end_(text.data() + text.size()), tree_(*out), namespaces_(out) {
+    reader(std::string_view text, prefixes known, document* out)
+        : at_(text.data()), end_(text.data() + text.size()), known_(known), tree_(*out), namespaces_(out) {
         characters_.reserve(1024);
         children_.reserve(32);
         open_.reserve(16);
@@ -332,7 +332,7 @@ private:
 
     bool resolve(std::string_view prefix, node** space) noexcept {
         *space = namespaces_.find(prefix);
-        return *space || prefix.empty() || fail("prefix that was not declared");
+        return *space || prefix.empty() || known_ == prefixes::any || fail("prefix that was not declared");
     }
 
     /// Attributes other than declarations, with their namespaces; the default namespace is not for them.
@@ -471,6 +471,7 @@ private:
 
     const char* at_;
     const char* const end_;
+    const prefixes known_;
     const char* reason_ = "";
     document& tree_;
     namespaces namespaces_;
@@ -482,8 +483,8 @@ private:
 
 }  // namespace
 
-bool read(std::string_view text, document* out, refusal* why) {
-    reader reading(text, out);
+bool read(std::string_view text, prefixes known, document* out, refusal* why) {
+    reader reading(text, known, out);
     if (reading.read_document()) return true;
     *why = reading.why(text.data());
     return false;

@@ -47,7 +47,11 @@ struct refusal {
     size_t offset;
 };
 
+/// The prefixes that names may have: those that a declaration binds, or any. A name whose prefix is not bound is in no
+/// namespace.
+enum class prefixes { declared, any };
+
 /// Reads a text into an empty document. Throws std::bad_alloc. @return false when it is refused.
-bool read(std::string_view text, document* out, refusal* why);
+bool read(std::string_view text, prefixes known, document* out, refusal* why);
 
 }  // namespace common::xml
