@@ -1,4 +1,5 @@
-// What RTMP has on a network thread: the players that are live, and the chunks of each frame, made once for all of them.
+// What RTMP has on a network thread: the players that are live, and the chunks of each frame, made once for all of
+// them.
 #pragma once
 
 #include "rtmp_service/inside.h"
