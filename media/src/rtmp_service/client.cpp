@@ -112,7 +112,7 @@ bool client_t::has_formats(uint64_t now) noexcept {
 }
 
 bool client_t::start_playing(uint64_t now) noexcept {
-    live_ = owner_.live_of(*stream_);
+    live_ = owner_.present().of(owner_, *stream_);
     if (live_) ++live_->users;
     past_.reset(core::create<inet::rtmp::Chunks>(CORE_HERE, CORE_HERE));
     if (!live_ || !past_ || !approach_.begin(*stream_, settings().at_key, now)) return false;
@@ -130,7 +130,7 @@ void client_t::stop_playing() noexcept {
     approach_.end();
     past_.reset();
     if (live_) live_->remove(*this);
-    owner_.leave(live_);
+    lives<live>::leave(live_);
 }
 
 void client_t::leave_stream() noexcept {
