@@ -38,7 +38,7 @@
 ///
 /// Bounds for one peer:
 ///     input          8 MiB over all channels together, 64 channels, and the 64 KiB of net::Tcp
-///       command, data message, user control    64 KiB, and 4 MiB of values made of it until the call returns; a longer
+///       command, data message, user control    64 KiB, and 16,384 values of it, 4 MiB, until the call returns; a longer
 ///                                              data message is skipped
 ///     picture        8 MiB in all its messages
 ///     parameter sets, AudioSpecificConfig      64 KiB, 64 bytes

@@ -70,6 +70,8 @@ struct object_t {
     weight_t weight;
 };
 
+constexpr size_t first_room = 16;  // entries of a table
+
 // Many texts, one behind the other: most are short, and are never asked for again.
 class texts_t {
 public:
@@ -79,8 +81,11 @@ public:
         const uint32_t begin = index == 0 ? 0 : ends_[index - 1];
         return std::string_view(bytes_).substr(begin, ends_[index] - begin);
     }
-    // Their sum is bounded by tables_t::take().
-    void add(std::string_view text) {
+    // Their sum is bounded by tables_t::take(). `more` bytes may follow: room is made once for most reads.
+    void add(std::string_view text, size_t more) {
+        const size_t before = bytes_.size();
+        if (text.size() > bytes_.capacity() - before) bytes_.reserve(before + std::max(before, text.size() + more));
+        if (ends_.empty()) ends_.reserve(first_room);
         bytes_.append(text);
         ends_.push_back(static_cast<uint32_t>(bytes_.size()));
     }
@@ -225,6 +230,7 @@ private:
     }
     bool add(Variant& value, const weight_t& weight) {
         if (!tables_.take(0)) return false;
+        if (tables_.objects.empty()) tables_.objects.reserve(first_room);
         tables_.objects.push_back({value.Share(), weight});
         return true;
     }
@@ -239,13 +245,13 @@ private:
             out = table[number];
         } else {
             if (!in_.text(number, out)) return false;
-            if (number > 0 && !keep(table, out)) return false;
+            if (number > 0 && !keep(table, out, in_.left())) return false;
         }
         return budget_.take(0, out.size());
     }
-    bool keep(texts_t& table, std::string_view text) {
+    bool keep(texts_t& table, std::string_view text, size_t more) {
         if (!tables_.take(text.size())) return false;
-        table.add(text);
+        table.add(text, more);
         return true;
     }
 
@@ -346,7 +352,7 @@ bool reader_t::new_traits(uint32_t head) {
     if (!text_of(tables_.strings, text) || !tables_.take(text.size())) return false;
     made.class_name = text;
     for (uint32_t i = 0; i < head >> 4; ++i) {
-        if (!text_of(tables_.strings, text) || !keep(made.names, text)) return false;
+        if (!text_of(tables_.strings, text) || !keep(made.names, text, 0)) return false;
     }
     tables_.traits[slot] = std::move(made);
     return true;
