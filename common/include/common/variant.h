@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <ctime>
 #include <iterator>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -109,6 +110,7 @@ public:
     explicit operator uint32_t() const noexcept;
     /// The bytes of a string or byte array, valid until the value changes; empty for anything else.
     explicit operator std::string_view() const noexcept;
+    explicit operator std::string() const { return std::string(static_cast<std::string_view>(*this)); }
     /// UTC. 1970-01-01 for anything but the three kinds of time.
     explicit operator tm() const noexcept;
 
