@@ -10,6 +10,7 @@
 #include "core/memory.h"
 
 #include <gtest/gtest.h>
+#include <regex>
 
 using namespace std::string_literals;
 using inet::Rtmp;
@@ -109,6 +110,8 @@ TEST(RtmpSession, AnswersCommands) {
     EXPECT_TRUE(player.session->SendPlayStop());
     EXPECT_NE(player.sent().find("NetStream.Play.Stop"), std::string::npos);
     EXPECT_FALSE(player.session->playing() || player.session->FeedVideoData(bytes("v").data(), 1, 0));
+    EXPECT_TRUE(player.say(rtmp_player::command("play", 4, 1) + rtmp_player::command("connect", 5, 0)));
+    EXPECT_FALSE(player.session->playing() || player.say(rtmp_player::command("play", 6, 1)));
 }
 
 TEST(RtmpSession, HoldsLittleUntilTheHandshakeIsDone) {
@@ -187,7 +190,11 @@ TEST(RtmpSession, SendsMediaByItsOwnCalls) {
     const std::string endless(0xFFFFFF, 'v');
     const test::log_keeper log("rtmp");
     EXPECT_FALSE(session.FeedH264(bytes("\x65" + endless).data(), 0x1000000, 0, 0));
-    EXPECT_NE(log.lines.find("Unable to send video"), std::string::npos);
+    const std::string picture = key_picture() + code + "\x65" + endless;
+    const av::frame_t frames[] = {test::borrowed(av::fcc_h264, bytes(picture)),
+                                  test::borrowed(av::fcc_pcmu, bytes(endless))};
+    EXPECT_FALSE(session.Feed(&frames[0]) || session.Feed(&frames[1]));
+    EXPECT_TRUE(std::regex_match(log.lines, std::regex("(.*Unable to send video ){2}.*Unable to send audio ")));
     EXPECT_EQ(player.sent(), "");
 }
 
