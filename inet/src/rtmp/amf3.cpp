@@ -86,8 +86,8 @@ public:
         const size_t before = bytes_.size();
         if (text.size() > bytes_.capacity() - before) bytes_.reserve(before + std::max(before, text.size() + more));
         if (ends_.empty()) ends_.reserve(first_room);
-        bytes_.append(text);
-        ends_.push_back(static_cast<uint32_t>(bytes_.size()));
+        ends_.push_back(static_cast<uint32_t>(before + text.size()));
+        bytes_.append(text);  // does not throw: there is room
     }
 
 private:
