@@ -33,7 +33,7 @@
 /// Bounds for one peer:
 ///     until the handshake is done   8 KiB, the output of 3,073 bytes included
 ///     input                         64 KiB of messages over all channels together, 20 KiB of channels
-///     a message being served        its values, 36 MiB (the bounds of inet/rtmp_amf.h)
+///     a message being served        its values, 10 MiB (the bounds of inet/rtmp_amf.h)
 ///     output                        ask waiting() before a picture is fed; 64 KiB of answers that it does not read
 /// A peer that exceeds a bound fails the conversation. Audio and video that it sends are dropped as they come.
 ///
