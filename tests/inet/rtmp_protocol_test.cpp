@@ -73,7 +73,9 @@ TEST(RtmpSession, RefusesAndAccepts) {
         {rtmp_player::command("play", 4, 2), false, "rtmp: recv play for unknown stream id: 2"},
         {rtmp_player::command("seek", 4, 1), true, ""},
         {rtmp_player::command("deleteStream", 4, 0), true, ""},
-        {rtmp_player::command("FCPublish", 4, 0), true, ""},
+        {rtmp_player::command("FCPublish", 4, 0) + rtmp_player::command("releaseStream", 4, 0), true, ""},
+        {rtmp_player::command("onStatus", 4, 0) + rtmp_player::command("checkBandwidth", 4, 0), true, ""},
+        {rtmp_player::command("_result", 4, 0) + rtmp_player::command("_error", 4, 0), true, ""},
     };
     for (const auto& [said, taken, logged] : cases) {
         const test::log_keeper log("rtmp");
