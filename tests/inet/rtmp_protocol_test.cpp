@@ -193,9 +193,11 @@ TEST(RtmpSession, SendsMediaByItsOwnCalls) {
     const test::log_keeper log("rtmp");
     EXPECT_FALSE(session.FeedH264(bytes("\x65" + endless).data(), 0x1000000, 0, 0));
     const std::string picture = key_picture() + code + "\x65" + endless;
-    const av::frame_t frames[] = {test::borrowed(av::fcc_h264, bytes(picture)),
+    const av::frame_t frames[] = {test::borrowed(av::fcc("META"), bytes("m")),
+                                  test::borrowed(av::fcc_h264, bytes(picture)),
                                   test::borrowed(av::fcc_pcmu, bytes(endless))};
-    EXPECT_FALSE(session.Feed(&frames[0]) || session.Feed(&frames[1]));
+    for (const av::frame_t& each : frames)
+        EXPECT_FALSE(session.Feed(&each));
     EXPECT_TRUE(std::regex_match(log.lines, std::regex("(.*Unable to send video ){2}.*Unable to send audio ")));
     EXPECT_EQ(player.sent(), "");
 }
