@@ -73,7 +73,9 @@ TEST(RtmpSession, RefusesAndAccepts) {
         {rtmp_player::command("play", 4, 2), false, "rtmp: recv play for unknown stream id: 2"},
         {rtmp_player::command("seek", 4, 1), true, ""},
         {rtmp_player::command("deleteStream", 4, 0), true, ""},
-        {rtmp_player::command("FCPublish", 4, 0), true, ""},
+        {rtmp_player::command("FCPublish", 4, 0) + rtmp_player::command("releaseStream", 4, 0), true, ""},
+        {rtmp_player::command("onStatus", 4, 0) + rtmp_player::command("checkBandwidth", 4, 0), true, ""},
+        {rtmp_player::command("_result", 4, 0) + rtmp_player::command("_error", 4, 0), true, ""},
     };
     for (const auto& [said, taken, logged] : cases) {
         const test::log_keeper log("rtmp");
@@ -191,9 +193,11 @@ TEST(RtmpSession, SendsMediaByItsOwnCalls) {
     const test::log_keeper log("rtmp");
     EXPECT_FALSE(session.FeedH264(bytes("\x65" + endless).data(), 0x1000000, 0, 0));
     const std::string picture = key_picture() + code + "\x65" + endless;
-    const av::frame_t frames[] = {test::borrowed(av::fcc_h264, bytes(picture)),
+    const av::frame_t frames[] = {test::borrowed(av::fcc("META"), bytes("m")),
+                                  test::borrowed(av::fcc_h264, bytes(picture)),
                                   test::borrowed(av::fcc_pcmu, bytes(endless))};
-    EXPECT_FALSE(session.Feed(&frames[0]) || session.Feed(&frames[1]));
+    for (const av::frame_t& each : frames)
+        EXPECT_FALSE(session.Feed(&each));
     EXPECT_TRUE(std::regex_match(log.lines, std::regex("(.*Unable to send video ){2}.*Unable to send audio ")));
     EXPECT_EQ(player.sent(), "");
 }

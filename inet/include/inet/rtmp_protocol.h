@@ -6,8 +6,9 @@
 /// after each call of the session. A false result of ProcessBytes() ends the connection: send the rest of
 /// send_buffer(), then close it.
 ///
-///     connect       IRtmp::on_connect(): NetConnection.Connect.Success, or Connect.Rejected
-///     createStream  gives stream id 1
+///     connect       IRtmp::on_connect(): NetConnection.Connect.Success, or Connect.Rejected. Another one begins anew:
+///                   it ends the play and needs a createStream of its own
+///     createStream  gives stream id 1; fails before a connect
 ///     play          IRtmp::on_play(): the chunk size 4,194,304, stream begin, NetStream.Play.Reset,
 ///                   NetStream.Play.Start, |RtmpSampleAccess; from then on frames are taken. An unknown stream:
 ///                   NetStream.Play.StreamNotFound, and the conversation goes on

@@ -144,7 +144,7 @@ bool Rtmp::insides::connect(Variant& message) noexcept {
         text.reset(core_strndup(value.data(), value.size(), file, line));
         return text != nullptr;
     };
-    // Whom a second connect refuses, the stream of the first one is no longer open to.
+    // A second connect begins anew: what it refuses must not stay open by the first one.
     close_stream();
     connected = created_ = false;
     if (!keep(app_, "app") || !keep(tc_url_, "tcUrl")) return false;

@@ -6,10 +6,10 @@
 
 namespace inet {
 
-/// @return false
+/// Tells of a frame that was left out; of formats that are not served, nothing. @return false
 bool Rtmp::insides::unsent(uint32_t fcc) noexcept {
-    const bool sound = fcc == av::fcc_pcmu || fcc == av::fcc("mp3 ");
-    log_line(sound ? "Unable to send audio" : "Unable to send video");
+    if (fcc == av::fcc_h264 || fcc == av::fcc("MP4V") || fcc == av::fcc_mp4a) log_line("Unable to send video");
+    if (fcc == av::fcc_pcmu || fcc == av::fcc("mp3 ")) log_line("Unable to send audio");
     return false;
 }
 
