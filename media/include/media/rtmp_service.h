@@ -16,7 +16,7 @@
 /// Bounds for one client:
 ///     unsent        rtmp_settings_t::backlog, or one frame
 ///     unread        the bounds of inet::Rtmp
-///     silence       ten seconds before the first play, 60 seconds between two
+///     silence       ten seconds before the first play, 60 seconds between two, a pause of ten minutes
 ///     stall         rtmp_settings_t::stall
 #pragma once
 

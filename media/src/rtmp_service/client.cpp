@@ -8,9 +8,10 @@ namespace media::rtmp {
 
 namespace {
 
-// Seconds without a play.
+// Seconds in which nothing is played.
 constexpr unsigned first_play = 10;
 constexpr unsigned next_play = 60;
+constexpr unsigned longest_pause = 600;
 
 constexpr uint64_t soon = 10'000;  // microseconds
 constexpr uint64_t longest_wait = 5'000'000;
@@ -74,8 +75,8 @@ void client_t::flush() noexcept {
 void client_t::second() noexcept {
     if (finished_) return;
     flush();  // the system tells that there is room again only when much of it is free
-    silent_ = rtmp_->playing() ? 0 : silent_ + 1;
-    const bool silent = silent_ >= (has_played_ ? next_play : first_play);
+    silent_ = watching() ? 0 : silent_ + 1;
+    const bool silent = silent_ >= (rtmp_->paused() ? longest_pause : has_played_ ? next_play : first_play);
     const bool stalls = tcp_->second() >= settings().stall;
     if (stalls) tcp_->give_up();
     if (silent || stalls || rtmp_->error()) finish();
@@ -95,7 +96,10 @@ void client_t::on_pause(inet::Rtmp*, int paused) noexcept {
     if (!paused && stream_) await_formats();
 }
 
-void client_t::on_close(inet::Rtmp*) noexcept { leave_stream(); }
+void client_t::on_close(inet::Rtmp*) noexcept {
+    leave_stream();
+    silent_ = 0;
+}
 
 /// A source that is fetched on demand has to be there.
 void client_t::await_formats() noexcept {
