@@ -180,6 +180,7 @@ private:
     bool IsText() const noexcept { return type_ == variant_string || type_ == variant_byte_array; }
     Variant& set_number(variant_type_t type, double value) noexcept;
     void take(Variant& other) noexcept;
+    void share(const Variant& other) noexcept;
     Variant& set_text(variant_type_t type, std::string_view text) noexcept;
     void lose() noexcept;
     map_t* own_map() noexcept;
