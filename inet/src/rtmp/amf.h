@@ -115,7 +115,7 @@ private:
         at_ += bytes;
         return true;
     }
-    bool room(size_t n) noexcept { return n <= static_cast<size_t>(end_ - at_) || grow(n); }
+    bool room(size_t n) noexcept { return (at_ && n <= static_cast<size_t>(end_ - at_)) || grow(n); }
     bool grow(size_t n) noexcept {
         publish();
         // As much again as there is, so that many small pieces are asked for seldom.
