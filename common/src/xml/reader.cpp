@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <compare>
 #include <system_error>
+#include <utility>
 
 namespace common::xml {
 
@@ -32,13 +32,8 @@ struct found_attribute {
     }
 };
 
-/// A name in its namespace, of which the URI's place is enough; 0 for none.
-struct expanded_name {
-    uintptr_t uri;
-    std::string_view local;
-
-    auto operator<=>(const expanded_name&) const = default;
-};
+/// The place of a namespace's URI, 0 for none, and a name in it.
+using expanded_name = std::pair<uintptr_t, std::string_view>;
 
 /// An element whose end has not been read. What it gathers lies on stacks from these places on.
 struct open_element {
