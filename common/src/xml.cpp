@@ -93,7 +93,8 @@ void encode(std::string_view text, Put put) noexcept {
 }  // namespace
 
 node* roxml_load_buf(const char* text) noexcept {
-    const std::string_view whole(text, text ? strnlen(text, largest_text + 1) : 0);
+    const char* const start = text ? text + std::strspn(text, " \t\r\n") : nullptr;
+    const std::string_view whole(start, start ? strnlen(start, largest_text + 1) : 0);
     return load(whole, common::xml::prefixes::any, nullptr, 0);
 }
 
@@ -132,9 +133,8 @@ const char* roxml_get_content(node* n, char* buf, int size, int* len) noexcept {
 node* roxml_get_ns(node* n) noexcept { return n ? n->space : nullptr; }
 
 node* roxml_get_content_ns(node* n, char* buf, int size) noexcept {
-    node* const space = roxml_get_ns(n);
-    if (!roxml_get_content(space, buf, size, nullptr) && buf && size > 0) *buf = '\0';
-    return space;
+    if (!roxml_get_content(roxml_get_ns(n), buf, size, nullptr) && buf && size > 0) *buf = '\0';
+    return n;
 }
 
 const char* roxml_get_attr(node* n, const char* name) noexcept {

@@ -118,7 +118,7 @@ TEST(Soap, AnswersWithTheHeaderOfTheRequest) {
          R"(</wsa:ReplyTo><wsa:To env:mustUnderstand="true">t</wsa:To>)"
          R"(<wsa:Action env:mustUnderstand="true">u/GetResponse</wsa:Action>)" +
              get},
-        {"<s:Envelope><s:Body><d:Get s:a='1'/></s:Body></s:Envelope>", get},
+        {"\r\n<?xml version='1.0'?><s:Envelope><s:Body><d:Get s:a='1'/></s:Body></s:Envelope>", get},
         {"<documentRoot><a/><Envelope><Header><Action>Get</Action></Header><Body><Get/></Body></Envelope></"
          "documentRoot>",
          get},

@@ -17,8 +17,8 @@
 /// The document, an element, or the namespace declaration that roxml_get_ns() returns.
 struct node;
 
-/// Reads a NUL-terminated text. A prefix that was nowhere declared, as some messages of WS-Discovery have one, is
-/// taken: what carries it is in no namespace.
+/// Reads a NUL-terminated text. Two faults of messages of WS-Discovery are taken: blanks before the XML declaration, and
+/// prefixes that were nowhere declared; what carries one is in no namespace.
 /// @return the document, whose only child is the root element; null when it is not well-formed or memory is out.
 /// Release with roxml_close().
 INET_API node* roxml_load_buf(const char* text) noexcept;
@@ -52,8 +52,8 @@ INET_API const char* roxml_get_content(node* n, char* buf, int size, int* len) n
 /// The namespace declaration in force for an element's own name, or null when the name is in no namespace.
 INET_API node* roxml_get_ns(node* n) noexcept;
 
-/// As roxml_get_ns(). The URI of the declaration is copied into `buf`, unless `buf` is null, as roxml_get_content()
-/// does. Without a declaration `buf` becomes empty.
+/// The node whose text roxml_get_content() gives, which is the element itself; null for null. The URI of its namespace
+/// is copied into `buf`, unless `buf` is null, as roxml_get_content() does. Without a namespace `buf` becomes empty.
 INET_API node* roxml_get_content_ns(node* n, char* buf, int size) noexcept;
 
 /// Value of the first attribute with that local name, or null. Namespace declarations are no attributes.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <system_error>
+#include <utility>
 
 namespace common::xml {
 
@@ -23,7 +24,6 @@ struct found_attribute {
     qualified_name name;
     const char* value;
     size_t length;
-    const char* uri;  ///< of the prefix's namespace; null for none
 
     /// The prefix that it declares; null when it is no declaration.
     const std::string_view* declares() const noexcept {
@@ -31,6 +31,9 @@ struct found_attribute {
         return name.prefix == "xmlns" ? &name.local : nullptr;
     }
 };
+
+/// The place of a namespace's URI, 0 for none, and a name in it.
+using expanded_name = std::pair<uintptr_t, std::string_view>;
 
 /// An element whose end has not been read. What it gathers lies on stacks from these places on.
 struct open_element {
@@ -60,6 +63,7 @@ public:
         children_.reserve(32);
         open_.reserve(16);
         found_.reserve(16);
+        names_.reserve(16);
     }
 
     bool read_document() {
@@ -265,6 +269,7 @@ private:
     /// Attributes as they are written, and the end of the tag.
     bool read_attributes(bool* is_empty) {
         found_.clear();
+        names_.clear();
         for (;;) {
             const bool apart = skip_blanks();
             if (skip(">")) return true;
@@ -283,8 +288,7 @@ private:
     bool read_attribute(found_attribute* out) {
         const char* const start = at_;
         if (!read_qualified_name(&out->name)) return false;
-        for (const found_attribute& other : found_)
-            if (other.name.whole == out->name.whole) return fail_at(start, "attribute given twice");
+        if (!is_new({0, out->name.whole})) return fail_at(start, "attribute given twice");
         char quote = 0;
         if (!read_equals_and_quote(&quote)) return false;
         const size_t first = characters_.size();
@@ -339,26 +343,28 @@ private:
     bool make_attributes(node* element) {
         std::erase_if(found_, [](const found_attribute& found) { return found.declares() != nullptr; });
         if (found_.empty()) return true;
+        names_.clear();
         auto* const made = tree_.memory.make_array<attribute>(found_.size());
         for (size_t i = 0; i < found_.size(); ++i) {
-            found_attribute& found = found_[i];
+            const found_attribute& found = found_[i];
             node* space = nullptr;
             if (!found.name.prefix.empty() && !resolve(found.name.prefix, &space)) return false;
-            found.uri = space ? space->content : nullptr;
-            if (space && is_given(i)) return fail("attribute given twice");
-            made[i] = {tree_.memory.copy(found.name.local), found.value, found.uri};
+            const char* const uri = space ? space->content : nullptr;
+            if (uri && !is_new({reinterpret_cast<uintptr_t>(uri), found.name.local}))
+                return fail("attribute given twice");
+            made[i] = {tree_.memory.copy(found.name.local), found.value, uri};
         }
         element->attributes = made;
         element->attribute_count = static_cast<uint32_t>(found_.size());
         return true;
     }
 
-    /// Whether an attribute is one of those before it under another prefix for the same namespace.
-    bool is_given(size_t index) const noexcept {
-        const auto at = found_.begin() + static_cast<ptrdiff_t>(index);
-        return std::any_of(found_.begin(), at, [at](const found_attribute& other) {
-            return other.uri == at->uri && other.name.local == at->name.local;
-        });
+    /// Adds a name to those of the tag. @return false when it is one of them
+    bool is_new(const expanded_name& name) {
+        const auto place = std::lower_bound(names_.begin(), names_.end(), name);
+        if (place != names_.end() && *place == name) return false;
+        names_.insert(place, name);
+        return true;
     }
 
     // Names ----------------------------------------------------------------------------------------------------------
@@ -479,6 +485,7 @@ private:
     core::vector<node*> children_;   ///< of the document and the open elements, outer ones below
     core::vector<open_element> open_;
     core::vector<found_attribute> found_;  ///< attributes of the tag that is read
+    core::vector<expanded_name> names_;    ///< theirs, sorted: as they are written, then in their namespaces
 };
 
 }  // namespace

@@ -72,7 +72,7 @@ char* net_soap_get_arg(const soap::soap_t* request, const char* name, const char
 
 int soap_get_value(node* parent, const char* name, char* buf, int size, char* nsbuf, int nssize) noexcept {
     node* const child = name ? roxml_get_chld(parent, name, 0) : nullptr;
-    if (buf && !roxml_get_content(child, buf, size, nullptr) && size > 0) *buf = '\0';
-    if (nsbuf) roxml_get_content_ns(child, nsbuf, nssize);
+    node* const content = roxml_get_content_ns(child, nsbuf, nssize);
+    if (buf && !roxml_get_content(content, buf, size, nullptr) && size > 0) *buf = '\0';
     return 0;
 }
