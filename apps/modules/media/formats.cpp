@@ -1,5 +1,4 @@
-#include "formats.h"
-
+#include "film.h"
 #include "program.h"
 
 #include "avc/aac.h"

@@ -1,5 +1,5 @@
 // Module "media": plays files into its track, for ever, at their pace.
-#include "formats.h"
+#include "film.h"
 #include "pacer.h"
 
 #include "avc/fcc.h"

@@ -47,6 +47,7 @@
 #include "inet/rtmp_chunks.h"
 
 #include <cstdint>
+#include <string_view>
 
 class IOBuffer;  // common/iobuffer.h
 class Variant;   // common/variant.h
@@ -76,6 +77,13 @@ struct play_t {
 /// @param out    receives the name with a terminator
 /// @return its length; 0 when there is no such name or no room for it
 INET_API uint32_t stream_name(const play_t& play, uint32_t which, char* out, uint32_t size) noexcept;
+
+/// What proves the password to a server that asks with "authmod=adobe": Base64 of the MD5 of three texts, of which the
+/// first is Base64 of the MD5 of user, salt and password. Any thread.
+/// @param own  the player's own challenge
+/// @return text to free with core_mfree(); null when memory is out
+INET_API char* login_response(const char* user, std::string_view salt, const char* password, std::string_view challenge,
+                              std::string_view own, const char* file, int line) noexcept;
 
 /// Bytes of the keys of the digest handshake.
 inline constexpr uint32_t client_key_size = 62;

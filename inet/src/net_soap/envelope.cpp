@@ -1,12 +1,15 @@
-// Answers to requests, with a header that repeats what stands in theirs.
+// Answers to requests, with a header that repeats what stands in theirs, and faults.
 #include "net_soap/envelope.h"
 
 #include "common/xml.h"
+#include "core/memory.h"
 #include "core/owned.h"
 #include "core/template.h"
 #include "inet/net_soap.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -47,6 +50,22 @@ private:
     }
 };
 
+// The faults, by their numbers.
+
+constexpr char action_failed[] = "The requested SOAP action failed.";
+
+/// `subsubcode` is the name of a fault below its subcode. No place of the document shows it.
+constexpr struct row {
+    int number;
+    const char *code, *subcode, *subsubcode, *reason, *detail;
+} faults[] = {
+    {1, "env:Receiver", "ter:Action", nullptr, "Action Failed", action_failed},
+    {2, "env:Receiver", "ter:Action", "ter:MaxNVTProfiles", "Maximum number reached",
+     "The maximum number of supported profiles has been reached."},
+    {3, "env:Sender", "ter:InvalidArgVal", nullptr, "Invalid Args", action_failed},
+    {0, "", "", nullptr, "", ""},
+};
+
 }  // namespace
 
 char* net_soap_response(const soap::soap_t* request, const char* ns, const char* xmlns, const char* tmpl,
@@ -68,4 +87,17 @@ char* net_soap_response(const soap::soap_t* request, const char* ns, const char*
                        {"xmlns", xml{xmlns}},
                        {"xml", xml{body.get()}}},
                       file, line);
+}
+
+char* soap_error(int number) noexcept {
+    const auto* const closing = std::end(faults) - 1;
+    const auto* const found =
+        std::find_if(faults, closing, [number](const row& fault) { return fault.number == number; });
+    return soap::fill(soap::fault,
+                      {{"code", found->code},
+                       {"subcode", found->subcode},
+                       {"subsubcode", found->subsubcode},
+                       {"reason", found->reason},
+                       {"detail", found->detail}},
+                      CORE_HERE);
 }

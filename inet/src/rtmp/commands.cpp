@@ -1,5 +1,4 @@
 // What a player says: messages, and the commands among them.
-#include "rtmp/login.h"
 #include "rtmp/messages.h"
 #include "rtmp/session.h"
 

@@ -1,5 +1,4 @@
-#include "rtmp/login.h"
-
+#include "rtmp/session.h"
 #include "scan.h"
 
 #include "common/digest.h"
@@ -13,7 +12,32 @@
 #include <cstdio>
 #include <string>
 
-namespace inet::rtmp::login {
+namespace inet::rtmp {
+
+namespace {
+
+/// Of three texts, one behind the other.
+core::owned_text md5_in_base64(std::string_view first, std::string_view second, std::string_view third) noexcept {
+    const auto size = [](std::string_view text) { return static_cast<int>(text.size()); };
+    const core::owned_text all(core_sprintf(CORE_HERE, "%.*s%.*s%.*s", size(first), first.data(), size(second),
+                                            second.data(), size(third), third.data()));
+    if (!all) return nullptr;
+    uint8_t sum[16];
+    common_md5_bytes(all.get(), std::string_view(all.get()).size(), sum);
+    return core::owned_text(b64(sum, sizeof sum, CORE_HERE));
+}
+
+}  // namespace
+
+char* login_response(const char* user, std::string_view salt, const char* password, std::string_view challenge,
+                     std::string_view own, const char* file, int line) noexcept {
+    if (!user || !password) return nullptr;
+    const core::owned_text secret = md5_in_base64(user, salt, password);
+    const core::owned_text response = secret ? md5_in_base64(secret.get(), challenge, own) : nullptr;
+    return response ? core_strdup(response.get(), file, line) : nullptr;
+}
+
+namespace login {
 
 namespace {
 
@@ -60,26 +84,6 @@ hex_t salt_of(std::string_view user) noexcept {
     return text ? seal(text.get(), 8) : nullptr;
 }
 
-core::owned_text md5_in_base64(const char* text) noexcept {
-    if (!text) return nullptr;
-    uint8_t digest[16];
-    common_md5_bytes(text, std::char_traits<char>::length(text), digest);
-    return core::owned_text(b64(digest, sizeof digest, CORE_HERE));
-}
-
-/// What a player that knows the password answers.
-core::owned_text answer_of(const char* user, const char* password, std::string_view challenge,
-                           std::string_view of_player) noexcept {
-    const hex_t salt = salt_of(user);
-    if (!salt) return nullptr;
-    const core::owned_text salted(core_sprintf(CORE_HERE, "%s%s%s", user, salt.get(), password));
-    const core::owned_text first = md5_in_base64(salted.get());
-    if (!first) return nullptr;
-    const core::owned_text both(core_sprintf(CORE_HERE, "%s%.*s%.*s", first.get(), static_cast<int>(challenge.size()),
-                                             challenge.data(), static_cast<int>(of_player.size()), of_player.data()));
-    return md5_in_base64(both.get());
-}
-
 /// The value of a parameter behind any '?' of the name; null without it.
 core::owned_text parameter(std::string_view app, std::string_view name) noexcept {
     while (!app.empty()) {
@@ -114,12 +118,15 @@ result_t check(std::string_view app, const char* user, const char* password,
                                            name.get(), scan::text(salt.get()).data(), scan::text(fresh.get()).data(),
                                            scan::text(fresh.get()).data())));
     }
-    const core::owned_text expected =
-        user && password ? answer_of(user, password, challenge.get(), of_player.get()) : nullptr;
+    const hex_t salt = user ? salt_of(user) : nullptr;
+    const core::owned_text expected(
+        salt ? login_response(user, salt.get(), password, challenge.get(), of_player.get(), CORE_HERE) : nullptr);
     const bool is_user = user && scan::same_secret(name.get(), user);
     if (expected && scan::same_secret(given.get(), expected.get()) && is_user) return result_t::passed;
     return refuse("authmod=adobe",
                   core::owned_text(core_sprintf(CORE_HERE, "?reason=authfailed&opaque=%s", challenge.get())));
 }
 
-}  // namespace inet::rtmp::login
+}  // namespace login
+
+}  // namespace inet::rtmp

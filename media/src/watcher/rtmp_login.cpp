@@ -2,6 +2,7 @@
 
 #include "common/digest.h"
 #include "core/text.h"
+#include "inet/rtmp_protocol.h"
 
 #include <algorithm>
 
@@ -19,18 +20,6 @@ std::string_view value_of(std::string_view parameters, std::string_view name) no
     return {};
 }
 
-int size_of(std::string_view text) noexcept { return static_cast<int>(text.size()); }
-
-/// Base64 of the MD5 of three texts, one behind the other.
-core::owned_text digest(const char* first, std::string_view second, const char* third) noexcept {
-    const core::owned_text all(first ? core_sprintf(CORE_HERE, "%s%.*s%s", first, size_of(second), second.data(), third)
-                                     : nullptr);
-    if (!all) return nullptr;
-    uint8_t sum[16];
-    common_md5_bytes(all.get(), std::string_view(all.get()).size(), sum);
-    return core::owned_text(b64(sum, sizeof sum, CORE_HERE));
-}
-
 }  // namespace
 
 core::owned_text rtmp_login(std::string_view said, const char* user, const char* password) noexcept {
@@ -44,11 +33,13 @@ core::owned_text rtmp_login(std::string_view said, const char* user, const char*
     uint32_t number = 0;
     common_random(&number, sizeof number);
     const core::owned_text own(core_sprintf(CORE_HERE, "%08x", static_cast<unsigned>(number)));
-    const core::owned_text secret = digest(user, value_of(parameters, "salt"), password ? password : "");
-    const core::owned_text response = own ? digest(secret.get(), challenge, own.get()) : nullptr;
+    const core::owned_text response(own ? inet::rtmp::login_response(user, value_of(parameters, "salt"),
+                                                                     password ? password : "", challenge, own.get(),
+                                                                     CORE_HERE)
+                                        : nullptr);
     if (!response) return nullptr;
     return core::owned_text(core_sprintf(CORE_HERE, "?authmod=adobe&user=%s&challenge=%s&response=%s&opaque=%.*s", user,
-                                         own.get(), response.get(), size_of(opaque), opaque.data()));
+                                         own.get(), response.get(), static_cast<int>(opaque.size()), opaque.data()));
 }
 
 }  // namespace media::fetch
