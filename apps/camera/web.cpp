@@ -120,7 +120,7 @@ bool web::open(const options& settings, const media::service& rtsp, const media:
                                  .user = text(settings.login.user),
                                  .password = text(settings.login.password),
                                  .stall = settings.stall});
-    bool complete = http_ && serve_all() && dash_.serve(*http_);
+    bool complete = http_ && serve_all() && dash_.serve(*http_) && serve_onvif(settings);
     for (const std::string& each : recorded)
         complete = complete && dash_.serve_recorded(*http_, each.c_str());
     if (!complete) {
@@ -147,6 +147,18 @@ bool web::serve_all() {
         complete = complete && http_->serve(path.c_str(), document);
     }
     return complete;
+}
+
+bool web::serve_onvif(const options& settings) {
+    const bool has_user = !settings.login.user.empty();
+    device_.emplace(station_, *rtsp_,
+                    media::onvif::settings_t{.model = program_name,
+                                             .firmware = INET_VERSION,
+                                             .name = program_name,
+                                             .user = has_user ? settings.login.user.c_str() : nullptr,
+                                             .password = settings.login.password.c_str(),
+                                             .multicast = !settings.multicast.empty()});
+    return (film_.empty() || device_->show_in_place(film_.c_str(), pictures_.c_str())) && device_->serve(*http_);
 }
 
 void web::on_health(void*, media::http_exchange& asked) { answer(asked, "text/plain; charset=utf-8", "ok\n"); }

@@ -7,18 +7,20 @@
 #include "core/time.h"
 #include "media/dash.h"
 #include "media/http_service.h"
+#include "media/onvif.h"
 #include "media/rtmp_service.h"
 #include "media/station.h"
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace camera {
 
-/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, and the streams as DASH; the JPEG pictures
-/// are the service's own. It lives as long as the station.
+/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, the streams as DASH, and ONVIF; the JPEG
+/// pictures are the service's own. It lives as long as the station.
 class web {
 public:
     web(media::station& station, const options& settings)
@@ -47,6 +49,7 @@ private:
     static void on_metrics(void* arg, media::http_exchange& asked);
     static void on_health(void* arg, media::http_exchange& asked);
     bool serve_all();
+    bool serve_onvif(const options& settings);
 
     struct service_state {
         const char* name;
@@ -59,6 +62,7 @@ private:
 
     media::station& station_;
     media::dash dash_;
+    std::optional<media::onvif> device_;
     const uint64_t started_ = time_now();  ///< tells the runs of the program apart
     std::string film_;
     std::string pictures_;
