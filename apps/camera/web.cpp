@@ -8,6 +8,7 @@
 #include "core/owned.h"
 #include "core/text.h"
 #include "inet/net_http_header.h"
+#include "media/discovery.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -128,9 +129,16 @@ bool web::open(const options& settings, const media::service& rtsp, const media:
         delete std::exchange(http_, nullptr);
         return false;
     }
-    if (station_.add(http_, &error)) return true;
+    if (station_.add(http_, &error)) return announce(settings, error);
     http_ = nullptr;
     return false;
+}
+
+bool web::announce(const options& settings, media::failure_t& error) {
+    if (!settings.discovery) return true;
+    media::service* const made = media::discovery_service(*device_);
+    if (!made) media::tell(&error, "no memory for the discovery");
+    return made && station_.add(made, &error);
 }
 
 bool web::serve_all() {

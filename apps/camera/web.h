@@ -50,6 +50,7 @@ private:
     static void on_health(void* arg, media::http_exchange& asked);
     bool serve_all();
     bool serve_onvif(const options& settings);
+    bool announce(const options& settings, media::failure_t& error);
 
     struct service_state {
         const char* name;

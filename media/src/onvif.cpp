@@ -216,7 +216,7 @@ char* onvif::scopes(const char* file, int line) const noexcept {
 }
 
 char* onvif::address(const char* host, const char* file, int line) const noexcept {
-    if (!inside_ || !inside_->web) return nullptr;
+    if (!inside_ || !inside_->web || inside_->web->port() == 0) return nullptr;
     return core_sprintf(file, line, "http://%s:%u%s", host, unsigned{inside_->web->port()}, device_path);
 }
 

@@ -78,7 +78,7 @@ public:
     char* urn(const char* file, int line) const noexcept;
     /// URIs with blanks between them.
     char* scopes(const char* file, int line) const noexcept;
-    /// Address of the device service. @param host  dotted
+    /// Address of the device service; null when the HTTP service has no port. @param host  dotted
     char* address(const char* host, const char* file, int line) const noexcept;
 
     struct inside;
