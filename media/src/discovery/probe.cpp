@@ -74,7 +74,7 @@ bool fits(node* probe, std::string_view scopes) noexcept {
 }  // namespace
 
 bool read_probe(const char* text, std::string_view scopes, core::string& message_id) {
-    if (::strnlen(text, longest_probe + 1) > longest_probe) return false;
+    if (std::strlen(text) > longest_probe) return false;
     const std::unique_ptr<soap::soap_t, soap_deleter> request(soap_parse(text));
     if (!request || !request->method || std::strcmp(request->method, "Probe") != 0) return false;
     char id[1024];
