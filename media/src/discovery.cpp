@@ -88,6 +88,8 @@ part_t::part_t(thread& on, const onvif& device) noexcept : thread_(on), device_(
     if (on.index() != 0) return;
     net_nt_command_set(on.nt(), alarm_, this,
                        [](void* arg, net::command_ctx*) { static_cast<part_t*>(arg)->send_due(); });
+    read_links();
+    open();
 }
 
 part_t::~part_t() {
@@ -111,18 +113,25 @@ bool part_t::reaches(const net_link_t& link) const noexcept {
 }
 
 /// The handle reads its own addresses when it is opened.
-void part_t::second() noexcept {
-    const core::owned_text address(alarm_ ? device_.address("", CORE_HERE) : nullptr);
-    if (!address || !read_links()) return;
+void part_t::open() noexcept {
     net_wsdd_close(wire_);
-    const bool any = std::any_of(links_.begin(), links_.begin() + link_count_,
-                                 [&](const net_link_t& each) { return reaches(each); });
-    if (!any) return;
-    net_wsdd_open(wire_, thread_.nt(), nullptr, 0, CORE_HERE);
+    is_announced_ = false;
+    const auto links = std::span(links_).first(link_count_);
+    if (std::ranges::any_of(links, [&](const net_link_t& each) { return reaches(each); }))
+        net_wsdd_open(wire_, thread_.nt(), nullptr, 0, CORE_HERE);
+}
+
+/// The port of the HTTP service is known a moment after the start.
+void part_t::second() noexcept {
+    if (!alarm_) return;
+    if (read_links()) open();
+    const core::owned_text address(is_announced_ || !wire_.priv ? nullptr : device_.address("", CORE_HERE));
+    if (!address) return;
     try {
         announce();
+        is_announced_ = true;
     } catch (const std::bad_alloc&) {
-        link_count_ = 0;  // once more in a second
+        // Once more in a second.
     }
 }
 

@@ -1,4 +1,4 @@
-"""inet-camera as an ONVIF device: what a client library finds, and who may call."""
+"""inet-camera as an ONVIF device: what a client library finds, who may call, and how it is found."""
 import base64
 import hashlib
 import json
@@ -6,12 +6,14 @@ import os
 import re
 import subprocess
 import time
+import unittest
 import urllib.error
 import urllib.request
 from xml.parsers import expat
 from xml.sax.saxutils import escape
 
-from peers import ROOT, CameraCase, ffmpeg
+from peers import ROOT, Camera, CameraCase, ffmpeg, has_namespaces, join_hosts
+from viewer import VIEWER
 
 DEVICE, MEDIA = ("http://www.onvif.org/ver10/%s/wsdl" % each for each in ("device", "media"))
 NPM = os.environ.get("INET_NPM", f"{ROOT}/build/npm")
@@ -141,3 +143,76 @@ class Device(CameraCase):
                 self.assertIn(found.get("MessageID"), (None, ["&1"]))
                 for name, values in texts.items():
                     self.assertTrue(found[name] == values or values is None, (name, found[name]))
+
+
+@unittest.skipUnless(has_namespaces(), "network namespaces need root")
+class Discovery(CameraCase):
+    arguments = ("--bind", "0.0.0.0", "--http", "0", "--user", USER, "--password", PASSWORD)
+
+    @classmethod
+    def start_camera(cls):
+        join_hosts(cls, "10.81.9")
+        return Camera(*cls.arguments, prefix=("ip", "netns", "exec", cls.near))
+
+    def on(self, host, *command, **options):
+        """Runs a command on a host. @return its status, and what it printed"""
+        done = subprocess.run(["ip", "netns", "exec", host, *command], env={**os.environ, "INET_NPM": NPM}, timeout=60,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
+        return done.returncode, done.stdout
+
+    def probe(self, address, count, *bodies):
+        """Sends texts to the group. @return the answers, when so many have come and then none for a second"""
+        script = os.path.join(os.path.dirname(__file__), "probe.py")
+        _, printed = self.on(self.far, "python3", script, address, str(count), input=json.dumps(bodies))
+        return [texts_of(each) for each in json.loads(printed)]
+
+    def test_clients_find_it_and_its_streams(self):
+        status, printed = self.on(self.far, *VIEWER, "discover", "--json", "--timeout", "2")
+        found = json.loads(printed)
+        xaddr = f"{self.camera.web}onvif/device_service"
+        self.assertEqual((status, found["name"], found["addresses"]), (0, "inet-camera", xaddr))
+        script = ("const { Discovery } = require(process.env.INET_NPM + '/node_modules/onvif');"
+                  "Discovery.probe({ timeout: 2000, resolve: false }, (error, all) => console.log(JSON.stringify(all)))")
+        match = json.loads(self.on(self.far, "node", "-e", script)[1])[0]["probeMatches"]["probeMatch"]
+        self.assertEqual((match["endpointReference"]["address"], match["XAddrs"]), (found["endpoint"], xaddr))
+        device = re.search(r"//(.*?)/", xaddr).group(1)
+        for password, status in ((PASSWORD, 0), ("wrong", 4)):
+            got, printed = self.on(self.far, *VIEWER, "onvif", "--json", device, "--user", USER, "--password", password)
+            self.assertEqual(got, status)
+            self.assertEqual([json.loads(line)["address"] for line in printed.splitlines()],
+                             [self.camera.url("live"), self.camera.url("jpeg")] * (status == 0))
+        self.assertEqual(self.on(self.near, *VIEWER, "discover", "--timeout", "1")[0], 7, "a host does not hear itself")
+
+    def test_answers_the_probes_that_ask_for_it(self):
+        base, strcmp = "onvif://www.onvif.org", "http://schemas.xmlsoap.org/ws/2005/04/discovery/strcmp0"
+        cases = [(True, "", ""), (True, "<Types> x:Device\n</Types>", ""), (False, "<Types>x:Printer</Types>", ""),
+                 (False, "<Types>dn:NetworkVideoTransmitter x:Printer</Types>", ""),
+                 (True, "", f"<Scopes>ONVIF://WWW.onvif.org/type {base}/name/inet-camera/</Scopes>"),
+                 (False, "", f"<Scopes>{base}/type {base}/nam</Scopes>"),
+                 (True, "", f'<Scopes MatchBy="{strcmp}">{base}/name/inet-camera</Scopes>'),
+                 (False, "", f'<Scopes MatchBy="{strcmp}">{base}/name</Scopes>'),
+                 (False, "", f'<Scopes MatchBy="x/ldap">{base}/name</Scopes>')]
+        bodies = [f'<Envelope><Header><MessageID>&lt;{number}&gt;</MessageID></Header><Body><Probe>{types}{scopes}'
+                  '</Probe></Body></Envelope>' for number, (_, types, scopes) in enumerate(cases)]
+        rest = ["x" * 65507, "<a>" * 1000, bodies[0].replace("Probe", "Other"), bodies[0] + " " * 8192,
+                bodies[0].replace("MessageID", "Other")]
+        answers = self.probe("10.81.9.2", 4, *bodies, *rest)
+        self.assertEqual(sorted(each["RelatesTo"][0] for each in answers),
+                         [f"<{number}>" for number, case in enumerate(cases) if case[0]])
+        self.assertEqual(len({each["MessageID"][0] for each in answers}), 4)
+
+    def test_a_host_is_sent_ten_answers_a_second(self):
+        self.on(self.far, "ip", "address", "add", "10.81.9.3/24", "dev", "end")
+        text = ("<Envelope><Header><MessageID>1</MessageID></Header><Body><Probe/></Body></Envelope>",) * 40
+        self.assertEqual(len(self.probe("10.81.9.3", 10, *text)), 10)
+
+    def test_says_hello_when_the_interfaces_change(self):
+        script = os.path.join(os.path.dirname(__file__), "probe.py")
+        with subprocess.Popen(["ip", "netns", "exec", self.far, "python3", script, "10.81.9.2"],
+                              stdout=subprocess.PIPE, text=True) as listener:
+            self.assertEqual(listener.stdout.readline(), "ready\n")
+            self.on(self.near, "ip", "address", "add", "10.81.10.1/24", "dev", "end")
+            hello = listener.stdout.read()
+        self.on(self.near, "ip", "address", "del", "10.81.10.1/24", "dev", "end")
+        self.assertIn("discovery/Hello", hello)
+        self.assertEqual(re.findall(r"10\.81\.\d+\.1", hello), ["10.81.9.1", "10.81.10.1"])

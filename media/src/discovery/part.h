@@ -50,6 +50,7 @@ private:
     static constexpr uint32_t most_links = 10;
 
     bool read_links() noexcept;
+    void open() noexcept;
     bool reaches(const net_link_t& link) const noexcept;
     void announce();
     void on_message(const char* text, const sockaddr_in& from);
@@ -63,6 +64,7 @@ private:
     net::command_ctx* alarm_ = nullptr;
     std::array<net_link_t, most_links> links_{};
     uint32_t link_count_ = 0;
+    bool is_announced_ = false;
     core::vector<waiting_t> waiting_;
     pacer pace_;
 };
