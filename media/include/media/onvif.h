@@ -32,7 +32,7 @@
 /// known, else as H264 of 1920 x 1080. Asking for it fetches nothing.
 ///
 /// Bounds:
-///     request  those of the HTTP service
+///     request  those of the HTTP service; while it is answered its tree, which is at most 24 times its text and 1 MiB
 ///     nonces   16384 that are remembered. Beyond that, tokens as old as the oldest of them are refused
 #pragma once
 
