@@ -5,8 +5,9 @@
 
 #include "inet/net_thread.h"
 
-#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -68,15 +69,20 @@ template <class Function>
 void network::run(Function function) {
     struct call_t {
         Function& function;
-        std::atomic<bool> done = false;
+        std::mutex lock = {};
+        std::condition_variable ended = {};
+        bool is_done = false;
     } call{function};
     const auto work = [](void* arg) {
         auto& self = *static_cast<call_t*>(arg);
         self.function();
-        self.done = true;
-        self.done.notify_one();
+        const std::lock_guard held(self.lock);  // until it has been notified: the record then goes
+        self.is_done = true;
+        self.ended.notify_one();
     };
-    if (net::net_nt_sync_call(nt_, nullptr, &call, work)) call.done.wait(false);
+    if (!net::net_nt_sync_call(nt_, nullptr, &call, work)) return;
+    std::unique_lock held(call.lock);
+    call.ended.wait(held, [&] { return call.is_done; });
 }
 
 }  // namespace viewer

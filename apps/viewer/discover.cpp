@@ -19,7 +19,7 @@ namespace viewer {
 namespace {
 
 constexpr size_t most_devices = 1000;
-constexpr size_t longest_text = 16 * 1024;
+constexpr size_t longest_text = 16384;
 
 struct soap_deleter {
     void operator()(soap::soap_t* request) const noexcept { soap_free(request); }

@@ -9,12 +9,12 @@
 #include "inet/net_http.h"
 #include "inet/net_soap.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <optional>
 
 namespace viewer {
 namespace {

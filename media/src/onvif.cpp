@@ -21,7 +21,6 @@ namespace media {
 namespace {
 
 using onvif_calls::call_t;
-using onvif_calls::coded;
 using onvif_calls::side_t;
 using onvif_calls::whole;
 
