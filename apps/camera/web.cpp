@@ -165,7 +165,8 @@ bool web::serve_onvif(const options& settings) {
                                              .name = program_name,
                                              .user = has_user ? settings.login.user.c_str() : nullptr,
                                              .password = settings.login.password.c_str(),
-                                             .multicast = !settings.multicast.empty()});
+                                             .multicast = !settings.multicast.empty(),
+                                             .without_aac = without_aac_});
     return (film_.empty() || device_->show_in_place(film_.c_str(), pictures_.c_str())) && device_->serve(*http_);
 }
 

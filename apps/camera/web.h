@@ -36,6 +36,8 @@ public:
         film_ = std::move(film);
         pictures_ = std::move(pictures);
     }
+    /// Tells of the stream whose AAC RTSP leaves out; null for none. Before open().
+    void leave_out_aac(const char* of) { without_aac_ = of; }
     /// After the station's start, and before its end. Nothing when it is not open.
     bool start(media::failure_t& error) { return port() == 0 || dash_.start(http_->port(), &error); }
     void stop() { dash_.stop(); }
@@ -67,6 +69,7 @@ private:
     const uint64_t started_ = time_now();  ///< tells the runs of the program apart
     std::string film_;
     std::string pictures_;
+    const char* without_aac_ = nullptr;
     const media::service* rtsp_ = nullptr;
     const media::rtmp_service_t* rtmp_ = nullptr;
     media::http_service_t* http_ = nullptr;

@@ -93,6 +93,7 @@ onvif::inside::inside(station& of, const service& at, const settings_t& told)
       name(text_or(told.name)),
       user(text_or(told.user)),
       password(text_or(told.password)),
+      without_aac(text_or(told.without_aac)),
       multicast(told.multicast),
       digest(told.user ? user.c_str() : nullptr, password.c_str()),
       tokens(user.c_str(), password.c_str()) {

@@ -54,7 +54,8 @@ public:
         const char* name = "Camera";
         const char* user = nullptr;  ///< with a password
         const char* password = nullptr;
-        bool multicast = false;  ///< RTSP offers it
+        bool multicast = false;             ///< RTSP offers it
+        const char* without_aac = nullptr;  ///< rtsp_settings_t::without_aac
     };
 
     /// @param rtsp  outlives this

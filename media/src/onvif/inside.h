@@ -30,7 +30,7 @@ struct onvif::inside {
     station& streams;
     const service& rtsp;
     http_service_t* web = nullptr;
-    core::string manufacturer, model, firmware, hardware, told_serial, name, user, password;
+    core::string manufacturer, model, firmware, hardware, told_serial, name, user, password, without_aac;
     core::vector<core::string> scopes;
     core::vector<std::pair<core::string, core::string>> shown;  ///< film and pictures of the same
     bool multicast;

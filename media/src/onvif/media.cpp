@@ -29,7 +29,7 @@ struct described_t {
 
 void print(uint32_t number, char (&text)[12]) noexcept { *std::to_chars(text, text + 11, number).ptr = '\0'; }
 
-described_t describe(const stream& of) {
+described_t describe(const stream& of, const core::string& without_aac) {
     described_t out;
     out.name.assign(of.name());
     out.token = coded(of.name());
@@ -41,7 +41,8 @@ described_t describe(const stream& of) {
         print(picture.width, out.width);
         print(picture.height, out.height);
     }
-    out.audio = of.format(kind_t::audio, &out.sound, nullptr) != 0;
+    out.audio = of.format(kind_t::audio, &out.sound, nullptr) != 0 &&
+                (out.sound.fcc != av::fcc_mp4a || out.name != without_aac);
     format_t report;
     out.meta = of.format(kind_t::meta, &report, nullptr) != 0;
     return out;
@@ -49,14 +50,15 @@ described_t describe(const stream& of) {
 
 core::vector<described_t> all_streams(const query_t& query) {
     struct listing_t {
+        const core::string& without_aac;
         core::vector<described_t> found;
         bool complete = true;
-    } listing;
+    } listing{query.in.without_aac, {}};
     query.in.streams.streams(
         [](void* arg, stream& each) {
-            auto& [found, complete] = *static_cast<listing_t*>(arg);
+            auto& [without_aac, found, complete] = *static_cast<listing_t*>(arg);
             try {
-                found.push_back(describe(each));
+                found.push_back(describe(each, without_aac));
             } catch (const std::bad_alloc&) {
                 complete = false;
             }
