@@ -10,9 +10,9 @@ import time
 from servers import Camera, clip_4m, ffmpeg, median, processor_seconds
 from rtmp_peers import NginxRtmp, RtmpPlayer
 
-PRIME = int("FFFFFFFFFFFFFFFFC90FDAA22168C234C4C6628B80DC1CD129024E088A67CC74020BBEA63B139B22514A08798E3404DDEF9519B3CD3A43"
-            "1B302B0A6DF25F14374FE1356D6D51C245E485B576625E7EC6F44C42E9A637ED6B0BFF5CB6F406B7EDEE386BFB5A899FA5AE9F24117C4"
-            "B1FE649286651ECE65381FFFFFFFFFFFFFFFF", 16)  # RFC 2409, 6.2
+PRIME = int("FFFFFFFFFFFFFFFFC90FDAA22168C234C4C6628B80DC1CD129024E088A67CC74020BBEA63B139B22514A08798E3404DD"
+            "EF9519B3CD3A431B302B0A6DF25F14374FE1356D6D51C245E485B576625E7EC6F44C42E9A637ED6B0BFF5CB6F406B7ED"
+            "EE386BFB5A899FA5AE9F24117C4B1FE649286651ECE65381FFFFFFFFFFFFFFFF", 16)  # RFC 2409, 6.2
 KEY_SIZE, RUN_OFF = 128, 1536
 
 
@@ -129,8 +129,8 @@ def main():
     def ratio(some, others, index):
         return f"{median(a[index] / b[index] for a, b in zip(some, others)):.2f}"
 
-    print(f"\nProcessor seconds of the server for each GB that {options.viewers} viewers took, medians over the rounds. "
-          f"Bytes that they took, ours / nginx: {ratio(ours, nginx, 1)}.\n")
+    print(f"\nProcessor seconds of the server for each GB that {options.viewers} viewers took, medians over the "
+          f"rounds. Bytes that they took, ours / nginx: {ratio(ours, nginx, 1)}.\n")
     print("| Ours | nginx | Ours / nginx | Ours, encrypted | Encrypted / plain |\n| --- | --- | --- | --- | --- |")
     cells = [f"{median(cost for cost, _ in each):.2f}" for each in (ours, nginx, encrypted)]
     print(f"| {cells[0]} | {cells[1]} | {ratio(ours, nginx, 0)} | {cells[2]} | {ratio(encrypted, ours, 0)} |")

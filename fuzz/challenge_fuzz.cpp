@@ -1,4 +1,5 @@
-// Authentication: challenges that a server of RTSP, HTTP or RTMP sends to a client, answers that a client sends to a server.
+// Authentication: challenges that a server of RTSP, HTTP or RTMP sends to a client, answers that a client sends to a
+// server.
 #include "auth/challenge.h"
 #include "fuzz.h"
 #include "watcher/rtmp_login.h"

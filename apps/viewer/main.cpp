@@ -1,5 +1,5 @@
-// inet-viewer: receives a stream over RTSP, RTMP or HTTP, writes it to files and tells how it came. What comes over HTTP and
-// is no stream is one file.
+// inet-viewer: receives a stream over RTSP, RTMP or HTTP, writes it to files and tells how it came. What comes over
+// HTTP and is no stream is one file.
 #include "devices.h"
 #include "options.h"
 #include "platform/system.h"

@@ -185,15 +185,20 @@ void Variant::take(Variant& other) noexcept {
         type_ = variant_lost;
         return;
     }
-    std::memcpy(static_cast<void*>(this), &other, sizeof(*this));
+    share(other);
     other.type_ = variant_null;
 }
 
-Variant::Variant(const Variant& other) noexcept : Variant() {
+// What the other one holds is then held by two.
+void Variant::share(const Variant& other) noexcept {
     type_ = other.type_;
     array_ = other.array_;
     length_ = other.length_;
     std::memcpy(short_, other.short_, sizeof(short_));
+}
+
+Variant::Variant(const Variant& other) noexcept : Variant() {
+    share(other);
     if (!other.holds_memory()) return;
     if (other.type_ == variant_lost) {
         length_ = 0;

@@ -28,6 +28,14 @@ string tag(uint8_t type, const string& body, uint32_t time) {
     return big_endian(type, 1) + big_endian(body.size(), 3) + big_endian(time & 0xffffff, 3) +
            big_endian(time >> 24, 1) + big_endian(0, 3) + body + big_endian(11 + body.size(), 4);
 }
+/// A text of 1000 characters, and references to it.
+string repeats(int count) {
+    string out = "\x11\x09" + big_endian((0x8000 | (count >> 6) << 8 | (count & 0x3f) << 1) + 1, 2) + '\1';
+    out += "\6\x8f\x51" + string(1000, 'a');
+    while (--count > 0)
+        out += string("\6\0", 2);
+    return out;
+}
 
 }  // namespace
 
@@ -155,6 +163,10 @@ TEST(RtmpClient, MakesFramesOfMedia) {
         {picture(1, nal("eK"), 0) + known, first},
         {known + picture(1, nal("eK"), 0, -40), first + "|gSS|hP|eK@0K "},
         {message(video, "\x22x") + message(video, "\x22x"), "playing [2?] "},
+        {message(video, "\x90hvc1") + message(video, "\xa1hvc1") + message(video, "\xa3hvc1"), "playing [0?] "},
+        {known + picture(1, nal("eK"), 0) + message(video, "\x22x") + picture(2, nal("A"), 1) + known +
+             picture(1, nal("eK"), 2),
+         first + "|gSS|hP|eK@0K [2?] [7|gSS|hP] |gSS|hP|eK@2K "},
         // Times go on over 24 and 32 bits, for both tracks together.
         {known + picture(1, nal("eK"), 0xfffff0) + picture(2, nal("A"), 0x1000010), first + "|gSS|hP|eK@0K |A@32 "},
         {aac + sound("\xaf\1a", 0xfffffff0) + sound("\xaf\1b", 0x10) + known + picture(1, nal("eK"), 0x20) +
@@ -177,6 +189,12 @@ TEST(RtmpClient, MakesFramesOfMedia) {
         {message(data, text("@setDataFrame") + text("onMetaData") + object(name("width") + number(2))) +
              message(data, text("onMetaData")),
          "playing about:1 "},
+        {message(data, text("onMetaData") + repeats(40)) + message(data, text("onMetaData") + repeats(4000)) +
+             message(aggregate,
+                     tag(data, text("onMetaData") + object(""), 0) +
+                         tag(data,
+                             text("onMetaData") + object(name("a") + text(string(65000, 'a'))) + string(600, '\5'), 0)),
+         "playing about:40 about:0 "},
         // What is wrong ends it.
         {known + picture(1, big_endian(3, 4) + "eK", 0),
          first + "end5:a NAL unit of the video is longer than its message "},

@@ -10,6 +10,7 @@
 #include "core/memory.h"
 
 #include <gtest/gtest.h>
+#include <regex>
 
 using namespace std::string_literals;
 using inet::Rtmp;
@@ -72,7 +73,9 @@ TEST(RtmpSession, RefusesAndAccepts) {
         {rtmp_player::command("play", 4, 2), false, "rtmp: recv play for unknown stream id: 2"},
         {rtmp_player::command("seek", 4, 1), true, ""},
         {rtmp_player::command("deleteStream", 4, 0), true, ""},
-        {rtmp_player::command("FCPublish", 4, 0), true, ""},
+        {rtmp_player::command("FCPublish", 4, 0) + rtmp_player::command("releaseStream", 4, 0), true, ""},
+        {rtmp_player::command("onStatus", 4, 0) + rtmp_player::command("checkBandwidth", 4, 0), true, ""},
+        {rtmp_player::command("_result", 4, 0) + rtmp_player::command("_error", 4, 0), true, ""},
     };
     for (const auto& [said, taken, logged] : cases) {
         const test::log_keeper log("rtmp");
@@ -109,6 +112,8 @@ TEST(RtmpSession, AnswersCommands) {
     EXPECT_TRUE(player.session->SendPlayStop());
     EXPECT_NE(player.sent().find("NetStream.Play.Stop"), std::string::npos);
     EXPECT_FALSE(player.session->playing() || player.session->FeedVideoData(bytes("v").data(), 1, 0));
+    EXPECT_TRUE(player.say(rtmp_player::command("play", 4, 1) + rtmp_player::command("connect", 5, 0)));
+    EXPECT_FALSE(player.session->playing() || player.say(rtmp_player::command("play", 6, 1)));
 }
 
 TEST(RtmpSession, HoldsLittleUntilTheHandshakeIsDone) {
@@ -187,7 +192,13 @@ TEST(RtmpSession, SendsMediaByItsOwnCalls) {
     const std::string endless(0xFFFFFF, 'v');
     const test::log_keeper log("rtmp");
     EXPECT_FALSE(session.FeedH264(bytes("\x65" + endless).data(), 0x1000000, 0, 0));
-    EXPECT_NE(log.lines.find("Unable to send video"), std::string::npos);
+    const std::string picture = key_picture() + code + "\x65" + endless;
+    const av::frame_t frames[] = {test::borrowed(av::fcc("META"), bytes("m")),
+                                  test::borrowed(av::fcc_h264, bytes(picture)),
+                                  test::borrowed(av::fcc_pcmu, bytes(endless))};
+    for (const av::frame_t& each : frames)
+        EXPECT_FALSE(session.Feed(&each));
+    EXPECT_TRUE(std::regex_match(log.lines, std::regex("(.*Unable to send video ){2}.*Unable to send audio ")));
     EXPECT_EQ(player.sent(), "");
 }
 

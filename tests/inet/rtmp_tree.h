@@ -67,7 +67,7 @@ inline std::string tree(const Variant& value) {
             out << '@' << core_timegm(&time);
             return out.str();
         case variant_string:
-            return '\'' + std::string(static_cast<std::string_view>(value)) + '\'';
+            return '\'' + static_cast<std::string>(value) + '\'';
         case variant_byte_array:
             return '<' + hex(static_cast<std::string_view>(value)) + '>';
         default:

@@ -86,5 +86,6 @@ class CommandLine(unittest.TestCase):
         with Camera(**usual) as first, Camera(**usual) as second:
             self.assertIn(first.printed[0], (f"http://{host}:8080/\n", second.printed[0]))
             self.assertIn(told, second.printed[0])
+            self.assertIn(f"no RTMP: {told.replace('8080', '1935')}; --rtmp PORT takes another port\n", second.printed)
             self.assertIn(told, self.refuses(1, "--bind", host, "--http", "8080"))
             self.assertGreater(len(picture_hashes(*pull(second.url(), "tcp", 1))), 20)

@@ -113,8 +113,8 @@ class NginxRtmp:
         while not self.answers(port):
             assert self.process.poll() is None
             time.sleep(0.02)
-        self.source = subprocess.Popen(["ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-stream_loop", "-1", "-i", path,
-                                        "-c", "copy", "-f", "flv", self.address])
+        self.source = subprocess.Popen(["ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-stream_loop", "-1", "-i",
+                                        path, "-c", "copy", "-f", "flv", self.address])
 
     @staticmethod
     def answers(port):

@@ -7,6 +7,7 @@
 #include "avc/fcc.h"
 #include "core/owned.h"
 #include "core/thread.h"
+#include "media/rtmp_service.h"
 #include "media/rtsp_service.h"
 #include "media/watcher.h"
 
@@ -63,6 +64,7 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
     const uint16_t port = echo->port_;
     ASSERT_TRUE(station.add(media::rtsp_service({.port = port})));
     ASSERT_TRUE(station.add(echo));
+    ASSERT_TRUE(station.add(media::rtmp_service({.port = port})));
     ASSERT_TRUE(station.start());
     const std::string much(5000, 'x');
     for (int round = 0; round < 3; ++round) {
@@ -72,6 +74,7 @@ TEST(Station, ServicesShareAPortByTheFirstBytesOfAConnection) {
         EXPECT_EQ(answer(port, {"get / HTTP/1.0\r\n", "x-sessioncookie: a\r\n\r\n"}), "closed");
         EXPECT_EQ(answer(port, {"GET / HTTP/1.0\r\nX-SessionCookie: a\r\n\r\n"}).substr(0, 15), "HTTP/1.0 200 OK");
         EXPECT_EQ(answer(port, {"GET / HTTP/1.0\r\nHost: a\r\n\r\n"}), "closed");
+        EXPECT_EQ(answer(port, {"\3" + std::string(1536, 'x')}).substr(0, 1), "\3");
         EXPECT_EQ(answer(port, {"EC", much}), "closed");
         EXPECT_EQ(answer(port, {much}), "closed");
     }

@@ -1,5 +1,5 @@
-/// AAC: the AudioSpecificConfig that describes a track (ISO/IEC 14496-3, 1.6.2.1), and ADTS, the form of files, in which
-/// a header stands before each access unit (1.A.2.2; ISO/IEC 13818-7, 6.2). Nothing is allocated. Any thread.
+/// AAC: the AudioSpecificConfig that describes a track (ISO/IEC 14496-3, 1.6.2.1), and ADTS, the form of files, in
+/// which a header stands before each access unit (1.A.2.2; ISO/IEC 13818-7, 6.2). Nothing is allocated. Any thread.
 #pragma once
 
 #include "core/api.h"
@@ -9,8 +9,8 @@
 
 namespace av {
 
-/// What an AudioSpecificConfig says. Where the decoder makes a second band of frequencies of each frame (SBR), it is that
-/// of the first one.
+/// What an AudioSpecificConfig says. Where the decoder makes a second band of frequencies of each frame (SBR), it is
+/// that of the first one.
 struct aac_config_t {
     uint32_t type = 0;      ///< audio object type: 2 is AAC LC
     uint32_t rate = 0;      ///< samples per second

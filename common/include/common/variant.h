@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <ctime>
 #include <iterator>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -109,6 +110,7 @@ public:
     explicit operator uint32_t() const noexcept;
     /// The bytes of a string or byte array, valid until the value changes; empty for anything else.
     explicit operator std::string_view() const noexcept;
+    explicit operator std::string() const { return std::string(static_cast<std::string_view>(*this)); }
     /// UTC. 1970-01-01 for anything but the three kinds of time.
     explicit operator tm() const noexcept;
 
@@ -178,6 +180,7 @@ private:
     bool IsText() const noexcept { return type_ == variant_string || type_ == variant_byte_array; }
     Variant& set_number(variant_type_t type, double value) noexcept;
     void take(Variant& other) noexcept;
+    void share(const Variant& other) noexcept;
     Variant& set_text(variant_type_t type, std::string_view text) noexcept;
     void lose() noexcept;
     map_t* own_map() noexcept;

@@ -38,7 +38,7 @@
 ///
 /// Bounds for one peer:
 ///     input          8 MiB over all channels together, 64 channels, and the 64 KiB of net::Tcp
-///       command, data message, user control    64 KiB, and 4 MiB of values made of it until the call returns; a longer
+///       command, data message, user control    64 KiB, and 16,384 values of it, 4 MiB, until the call returns; a longer
 ///                                              data message is skipped
 ///     picture        8 MiB in all its messages
 ///     parameter sets, AudioSpecificConfig      64 KiB, 64 bytes
@@ -72,7 +72,7 @@ enum class rtmp_end_t : uint8_t {
 /// What the server sends of one kind.
 struct rtmp_track_t {
     uint32_t fcc = 0;                 ///< avc/fcc.h; 0 when it is not received
-    uint8_t codec = 0;                ///< its number in FLV
+    uint8_t codec = 0;                ///< its number in FLV; 0 of video that is named by four characters
     uint32_t width = 0, height = 0;   ///< of pictures; 0 when not known
     uint32_t rate = 0, channels = 0;  ///< of sound; 0 when not known
     buffer_t config{};  ///< "H264": SPS and PPS in Annex B form. "mp4a": AudioSpecificConfig (ISO/IEC 14496-3, 1.6)

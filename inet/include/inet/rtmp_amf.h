@@ -66,39 +66,39 @@ public:
     bool Read(IOBuffer& buffer, Variant& value) noexcept;
     bool Write(IOBuffer& buffer, const Variant& value) noexcept;
 
-    bool ReadShortString(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadLongString(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadDouble(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadObject(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadMixedArray(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadArray(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadAMF3Object(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadBoolean(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadTimestamp(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadNull(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadUndefined(IOBuffer& buffer, Variant& value, bool readType) noexcept;
+    bool ReadShortString(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadLongString(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadDouble(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadObject(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadMixedArray(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadArray(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadAMF3Object(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadBoolean(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadTimestamp(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadNull(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadUndefined(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
 
     /// A text that is longer than its length field can tell fails.
-    bool WriteShortString(IOBuffer& buffer, std::string_view text, bool writeType) noexcept;
-    bool WriteLongString(IOBuffer& buffer, std::string_view text, bool writeType) noexcept;
-    bool WriteDouble(IOBuffer& buffer, double value, bool writeType) noexcept;
-    bool WriteObject(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
-    bool WriteTypedObject(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
-    bool WriteMixedArray(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
-    bool WriteAMF3Object(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
-    bool WriteBoolean(IOBuffer& buffer, bool value, bool writeType) noexcept;
-    bool WriteTimestamp(IOBuffer& buffer, const tm& value, bool writeType) noexcept;
+    bool WriteShortString(IOBuffer& buffer, std::string_view text, bool writeType = true) noexcept;
+    bool WriteLongString(IOBuffer& buffer, std::string_view text, bool writeType = true) noexcept;
+    bool WriteDouble(IOBuffer& buffer, double value, bool writeType = true) noexcept;
+    bool WriteObject(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
+    bool WriteTypedObject(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
+    bool WriteMixedArray(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
+    bool WriteAMF3Object(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
+    bool WriteBoolean(IOBuffer& buffer, bool value, bool writeType = true) noexcept;
+    bool WriteTimestamp(IOBuffer& buffer, const tm& value, bool writeType = true) noexcept;
     bool WriteNull(IOBuffer& buffer, bool writeType = true) noexcept;
     bool WriteUndefined(IOBuffer& buffer, bool writeType = true) noexcept;
 
     /// Plain integers without a marker. The last argument has no effect.
-    bool ReadUInt8(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadInt16(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadUInt32(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadInt32(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool WriteUInt8(IOBuffer& buffer, unsigned char value, bool writeType) noexcept;
-    bool WriteInt16(IOBuffer& buffer, short value, bool writeType) noexcept;
-    bool WriteInt32(IOBuffer& buffer, int value, bool writeType) noexcept;
+    bool ReadUInt8(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadInt16(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadUInt32(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadInt32(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool WriteUInt8(IOBuffer& buffer, unsigned char value, bool writeType = true) noexcept;
+    bool WriteInt16(IOBuffer& buffer, short value, bool writeType = true) noexcept;
+    bool WriteInt32(IOBuffer& buffer, int value, bool writeType = true) noexcept;
 };
 
 /// marker  read as                                              written for
@@ -131,32 +131,32 @@ public:
     bool Read(IOBuffer& buffer, Variant& value) noexcept;
     bool Write(IOBuffer& buffer, const Variant& value) noexcept;
 
-    bool ReadUndefined(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadNull(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadFalse(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadTrue(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadInteger(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadDouble(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadString(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadXMLDoc(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadDate(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadArray(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadObject(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadXML(IOBuffer& buffer, Variant& value, bool readType) noexcept;
-    bool ReadByteArray(IOBuffer& buffer, Variant& value, bool readType) noexcept;
+    bool ReadUndefined(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadNull(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadFalse(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadTrue(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadInteger(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadDouble(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadString(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadXMLDoc(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadDate(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadArray(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadObject(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadXML(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
+    bool ReadByteArray(IOBuffer& buffer, Variant& value, bool readType = true) noexcept;
 
     bool WriteUndefined(IOBuffer& buffer, bool writeType = true) noexcept;
     bool WriteNull(IOBuffer& buffer, bool writeType = true) noexcept;
     bool WriteFalse(IOBuffer& buffer, bool writeType = true) noexcept;
     bool WriteTrue(IOBuffer& buffer, bool writeType = true) noexcept;
     /// Fails above 0x1FFFFFFF.
-    bool WriteInteger(IOBuffer& buffer, unsigned int value, bool writeType) noexcept;
-    bool WriteDouble(IOBuffer& buffer, double value, bool writeType) noexcept;
-    bool WriteString(IOBuffer& buffer, std::string_view text, bool writeType) noexcept;
-    bool WriteDate(IOBuffer& buffer, const tm& value, bool writeType) noexcept;
-    bool WriteArray(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
-    bool WriteObject(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
-    bool WriteByteArray(IOBuffer& buffer, const Variant& value, bool writeType) noexcept;
+    bool WriteInteger(IOBuffer& buffer, unsigned int value, bool writeType = true) noexcept;
+    bool WriteDouble(IOBuffer& buffer, double value, bool writeType = true) noexcept;
+    bool WriteString(IOBuffer& buffer, std::string_view text, bool writeType = true) noexcept;
+    bool WriteDate(IOBuffer& buffer, const tm& value, bool writeType = true) noexcept;
+    bool WriteArray(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
+    bool WriteObject(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
+    bool WriteByteArray(IOBuffer& buffer, const Variant& value, bool writeType = true) noexcept;
 
     /// Integers of 7, 14, 21 or 29 bits in one to four bytes. The fourth byte counts with all its bits.
     static bool ReadU29(IOBuffer& buffer, unsigned int& value) noexcept;

@@ -6,8 +6,9 @@
 /// after each call of the session. A false result of ProcessBytes() ends the connection: send the rest of
 /// send_buffer(), then close it.
 ///
-///     connect       IRtmp::on_connect(): NetConnection.Connect.Success, or Connect.Rejected
-///     createStream  gives stream id 1
+///     connect       IRtmp::on_connect(): NetConnection.Connect.Success, or Connect.Rejected. Another one begins anew:
+///                   it ends the play and needs a createStream of its own
+///     createStream  gives stream id 1; fails before a connect
 ///     play          IRtmp::on_play(): the chunk size 4,194,304, stream begin, NetStream.Play.Reset,
 ///                   NetStream.Play.Start, |RtmpSampleAccess; from then on frames are taken. An unknown stream:
 ///                   NetStream.Play.StreamNotFound, and the conversation goes on
@@ -33,7 +34,7 @@
 /// Bounds for one peer:
 ///     until the handshake is done   8 KiB, the output of 3,073 bytes included
 ///     input                         64 KiB of messages over all channels together, 20 KiB of channels
-///     a message being served        its values, 36 MiB (the bounds of inet/rtmp_amf.h)
+///     a message being served        its values, 10 MiB (the bounds of inet/rtmp_amf.h)
 ///     output                        ask waiting() before a picture is fed; 64 KiB of answers that it does not read
 /// A peer that exceeds a bound fails the conversation. Audio and video that it sends are dropped as they come.
 ///

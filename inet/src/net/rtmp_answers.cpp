@@ -9,6 +9,8 @@
 
 namespace net::rtmp {
 
+namespace amf = ::inet::rtmp::amf;
+
 namespace {
 
 enum class status_t : uint8_t { begins, not_found, refused, ended };
@@ -72,10 +74,12 @@ void session::refuse(rtmp_end_t why, const char* what, const Variant& info) noex
     end(why, "%s%s%s%s%s", what, *code ? ": " : "", code, *description ? ": " : "", description);
 }
 
-/// What follows in the buffer, as far as it can be read. @return how many values
-uint32_t session::read_parameters(parameters_t& out) noexcept {
+/// What follows, as far as it can be read. @return how many values
+uint32_t session::read_parameters(amf::input_t& in, parameters_t& out) noexcept {
+    amf::budget_t budget = amf::budget_t::of_message(in.left());
+    budget.values = most_values;
     uint32_t count = 0;
-    while (count < out.size() && read_.Size() > 0 && amf_.Read(read_, out[count]))
+    while (count < out.size() && amf::guarded([&] { return amf::read_amf0(in, out[count], budget, 0); }))
         ++count;
     if (count < out.size()) out[count].Reset();  // one that ended early
     return count;
@@ -91,28 +95,27 @@ void session::process_invoke(bytes_t body) noexcept {
         {"onStatus", &session::take_status},     {"_onbwcheck", &session::take_check},
         {"onBWDone", &session::take_check_done}, {"close", &session::take_close},
     };
-    Variant name, id;
-    parameters_t parameters;
-    read_.IgnoreAll();
-    if (!read_.ReadFromBuffer(body.data(), static_cast<uint32_t>(body.size()))) return require(false);
-    if (!amf_.ReadShortString(read_, name, true) || !amf_.ReadDouble(read_, id, true)) {
+    amf::input_t in(body);
+    std::string_view name;
+    if (!in.marker(2) || !in.has(2) || !in.text(in.u16(), name) || !in.marker(0) || !in.has(8)) {
         return end(rtmp_end_t::bad_peer, "a command of the server is malformed");
     }
-    read_parameters(parameters);
-    const auto found = std::ranges::find_if(commands, [&](const command_t& each) { return name == each.name; });
-    if (found != std::end(commands)) return (this->*found->take)(static_cast<double>(id), parameters);
+    const double id = in.f64();
+    parameters_t parameters;
+    read_parameters(in, parameters);
+    const auto* const found = std::ranges::find(commands, name, &command_t::name);
+    if (found != std::end(commands)) return (this->*found->take)(id, parameters);
     if (!core_log_wanted(log_)) return;
     char text[64];
-    copy_printable(static_cast<std::string_view>(name), text);
+    copy_printable(name, text);
     core_log_print(log_, "%u: the server calls %s", number_, text);
 }
 
 /// What cannot be read tells nothing, and stops nothing.
 void session::process_notify(bytes_t body) noexcept {
+    amf::input_t in(body);
     parameters_t parameters;
-    read_.IgnoreAll();
-    if (!read_.ReadFromBuffer(body.data(), static_cast<uint32_t>(body.size()))) return require(false);
-    const uint32_t count = read_parameters(parameters);
+    const uint32_t count = read_parameters(in, parameters);
     // Some servers pass on what the sender of the stream called.
     const size_t at = parameters[0] == "@setDataFrame" ? 1 : 0;
     if (count < at + 2) return;

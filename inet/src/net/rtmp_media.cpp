@@ -84,7 +84,11 @@ void media::process_video(bytes_t body, uint32_t timestamp) noexcept {
     const uint8_t kind = body[0] >> 4;
     if (kind == command_frame) return;
     const uint8_t codec = body[0] & 0x0f;
-    if ((kind & 8) || codec != video_avc) return tell(video_, {.codec = codec});
+    if ((kind & 8) || codec != video_avc) {
+        flush();
+        length_size_ = 0;  // another sequence header is needed
+        return tell(video_, {.codec = kind & 8 ? uint8_t{0} : codec});
+    }
     if (body.size() < 5) return;
     const bytes_t data = body.subspan(5);
     switch (body[1]) {

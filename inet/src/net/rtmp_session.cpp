@@ -50,7 +50,6 @@ session::session(ProtocolRtmp* of, const char* caller_file, int caller_line) noe
       line(caller_line),
       media_(*this, caller_file, caller_line),
       reader_({.max_bytes = most_input}, {caller_file, caller_line}),
-      read_(caller_file, caller_line),
       body_(caller_file, caller_line),
       log_(core_log_create(caller_file, caller_line, "rtmp")),
       number_(++sessions) {}
@@ -250,7 +249,7 @@ void session::process_aggregate(uint32_t time, bytes_t body) noexcept {
         }
         if (begins) first = at;
         const bytes_t inner = body.subspan(head, size);
-        if (type == message_audio || type == message_video || type == message_data) {
+        if (type == message_audio || type == message_video || (type == message_data && size <= longest_command)) {
             process_message(type, time + (at - first), inner);
         }
         body = body.subspan(std::min(head + size + tail, body.size()));

@@ -3,6 +3,7 @@
 
 #include "net/rtmp_media.h"
 #include "net/rtmp_url.h"
+#include "rtmp/amf.h"
 #include "rtmp/chunks.h"
 
 #include "common/iobuffer.h"
@@ -18,6 +19,7 @@ namespace net::rtmp {
 
 inline constexpr uint32_t most_input = 8U << 20;  // bodies of messages, over all channels
 inline constexpr uint32_t longest_command = 64 * 1024;
+inline constexpr uint32_t most_values = 16384;          // made of a command or data message
 inline constexpr uint32_t longest_packet = 128 * 1024;  // body that is sent
 inline constexpr uint32_t most_output = 256 * 1024;
 inline constexpr uint32_t handshake_size = 1536;  // C1, C2, S1, S2
@@ -110,7 +112,7 @@ private:
     using parameters_t = std::array<Variant, most_parameters>;
     void process_invoke(bytes_t body) noexcept;
     void process_notify(bytes_t body) noexcept;
-    uint32_t read_parameters(parameters_t& out) noexcept;
+    static uint32_t read_parameters(::inet::rtmp::amf::input_t& in, parameters_t& out) noexcept;
     void take_result(double id, const parameters_t& parameters) noexcept;
     void take_error(double id, const parameters_t& parameters) noexcept;
     void take_status(double id, const parameters_t& parameters) noexcept;
@@ -141,7 +143,6 @@ private:
     media media_;
     ::inet::rtmp::chunk_reader reader_;
     ::inet::rtmp::AMF0Serializer amf_;
-    IOBuffer read_;  ///< a command or data message that came
     IOBuffer body_;  ///< a command that goes out
     bool body_whole_ = true;
     bool full_ = false;  ///< the output was at its bound

@@ -29,6 +29,12 @@ struct budget_t {
         texts -= static_cast<uint32_t>(more_texts);
         return true;
     }
+    // Of a whole message: its references repeat its texts within reason.
+    static budget_t of_message(size_t length) noexcept {
+        budget_t budget;
+        budget.texts = static_cast<uint32_t>(std::min<uint64_t>(budget.texts, 65536 + uint64_t{16} * length));
+        return budget;
+    }
 };
 
 class input_t {

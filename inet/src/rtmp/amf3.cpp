@@ -70,10 +70,35 @@ struct object_t {
     weight_t weight;
 };
 
+constexpr size_t first_room = 16;  // entries of a table
+
+// Many texts, one behind the other: most are short, and are never asked for again.
+class texts_t {
+public:
+    size_t size() const noexcept { return ends_.size(); }
+    // Valid until the next one is added.
+    std::string_view operator[](size_t index) const noexcept {
+        const uint32_t begin = index == 0 ? 0 : ends_[index - 1];
+        return std::string_view(bytes_).substr(begin, ends_[index] - begin);
+    }
+    // Their sum is bounded by tables_t::take(). `more` bytes may follow: room is made once for most reads.
+    void add(std::string_view text, size_t more) {
+        const size_t before = bytes_.size();
+        if (text.size() > bytes_.capacity() - before) bytes_.reserve(before + std::max(before, text.size() + more));
+        if (ends_.empty()) ends_.reserve(first_room);
+        ends_.push_back(static_cast<uint32_t>(before + text.size()));
+        bytes_.append(text);  // does not throw: there is room
+    }
+
+private:
+    core::string bytes_;
+    core::vector<uint32_t> ends_;
+};
+
 struct traits_t {
-    Variant class_name;
+    core::string class_name;
     bool dynamic = false;
-    core::vector<Variant> names;
+    texts_t names;
 };
 
 }  // namespace
@@ -85,19 +110,13 @@ public:
 
     core::vector<object_t> objects;
     core::vector<traits_t> traits;
-    core::vector<Variant> strings;
-    core::vector<Variant> byte_arrays;
+    texts_t strings;
+    texts_t byte_arrays;
 
     // Whether memory was out while the tables were copied.
     bool lost() const noexcept {
-        const auto is_lost = [](const Variant& value) { return value.Type() == variant_lost; };
-        return std::any_of(objects.begin(), objects.end(), [&](const object_t& o) { return is_lost(o.value); }) ||
-               std::any_of(traits.begin(), traits.end(),
-                           [&](const traits_t& t) {
-                               return is_lost(t.class_name) || std::any_of(t.names.begin(), t.names.end(), is_lost);
-                           }) ||
-               std::any_of(strings.begin(), strings.end(), is_lost) ||
-               std::any_of(byte_arrays.begin(), byte_arrays.end(), is_lost);
+        return std::any_of(objects.begin(), objects.end(),
+                           [](const object_t& object) { return object.value.Type() == variant_lost; });
     }
 
 private:
@@ -211,28 +230,29 @@ private:
     }
     bool add(Variant& value, const weight_t& weight) {
         if (!tables_.take(0)) return false;
+        if (tables_.objects.empty()) tables_.objects.reserve(first_room);
         tables_.objects.push_back({value.Share(), weight});
         return true;
     }
 
     // A text behind its head, or a reference into its table. It is valid until the next one is read.
-    bool text_of(core::vector<Variant>& table, std::string_view& out) {
+    bool text_of(texts_t& table, std::string_view& out) {
         uint32_t head = 0;
         if (!read_u29(in_, head)) return false;
         const uint32_t number = head >> 1;
         if ((head & 1) == 0) {
             if (number >= table.size()) return false;
-            out = static_cast<std::string_view>(table[number]);
+            out = table[number];
         } else {
             if (!in_.text(number, out)) return false;
-            if (number > 0 && !keep(table, out)) return false;
+            if (number > 0 && !keep(table, out, in_.left())) return false;
         }
         return budget_.take(0, out.size());
     }
-    bool keep(core::vector<Variant>& table, std::string_view text) {
+    bool keep(texts_t& table, std::string_view text, size_t more) {
         if (!tables_.take(text.size())) return false;
-        table.emplace_back() = text;
-        return table.back().Type() == variant_string;
+        table.add(text, more);
+        return true;
     }
 
     // Pairs up to the empty name.
@@ -254,7 +274,7 @@ private:
         const bool good = nested(weight, [&] {
             for (size_t i = 0; i < count; ++i) {
                 // The table may have moved meanwhile.
-                const auto name = static_cast<std::string_view>(tables_.traits[traits].names[i]);
+                const std::string_view name = tables_.traits[traits].names[i];
                 Variant* const item = in_.has(1) ? members->Append(name) : nullptr;
                 if (!item || !budget_.take(0, name.size()) || !value(*item)) return false;
             }
@@ -307,7 +327,7 @@ bool reader_t::object(Variant& out) {
     }
     if (traits >= tables_.traits.size()) return false;
     out.IsArray(false);
-    const auto class_name = static_cast<std::string_view>(tables_.traits[traits].class_name);
+    const std::string_view class_name = tables_.traits[traits].class_name;
     if (!budget_.take(0, class_name.size())) return false;
     if (!class_name.empty()) out.SetTypeName(class_name);
     weight_t weight;
@@ -331,9 +351,8 @@ bool reader_t::new_traits(uint32_t head) {
     std::string_view text;
     if (!text_of(tables_.strings, text) || !tables_.take(text.size())) return false;
     made.class_name = text;
-    if (made.class_name.Type() == variant_lost) return false;
     for (uint32_t i = 0; i < head >> 4; ++i) {
-        if (!text_of(tables_.strings, text) || !keep(made.names, text)) return false;
+        if (!text_of(tables_.strings, text) || !keep(made.names, text, 0)) return false;
     }
     tables_.traits[slot] = std::move(made);
     return true;

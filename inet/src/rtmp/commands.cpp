@@ -144,8 +144,10 @@ bool Rtmp::insides::connect(Variant& message) noexcept {
         text.reset(core_strndup(value.data(), value.size(), file, line));
         return text != nullptr;
     };
+    // A second connect begins anew: what it refuses must not stay open by the first one.
+    close_stream();
+    connected = created_ = false;
     if (!keep(app_, "app") || !keep(tc_url_, "tcUrl")) return false;
-    connected = false;
     if (gated_ && !door.AuthenticateInboundAdobe(message)) return !failed;
     if (handler && !handler->on_connect(&door, app_.get(), tc_url_.get()))
         return reject(id_of(message), "Connection refused");

@@ -160,7 +160,7 @@ bool read_primitive(input_t& in, Variant& out, budget_t& budget) {
 template <class Work>
 bool read_map(IOBuffer& body, Variant& message, Work work) noexcept {
     return amf::read_from(body, [&](input_t& in) {
-        budget_t budget;
+        budget_t budget = budget_t::of_message(in.left());
         return work(in, budget) && message.IsMap();
     });
 }

@@ -64,6 +64,7 @@ public:
     bool takes_media() const noexcept { return playing && !paused && !failed; }
     bool feed(const av::frame_t& frame) noexcept;
     bool feed(rtmp::Chunks& chunks, buffer_t* lent) noexcept;
+    bool unsent(uint32_t fcc) noexcept;
     bool feed_video(std::initializer_list<bytes_t> body, uint32_t timestamp) noexcept;
     bool feed_audio(std::initializer_list<bytes_t> body, uint32_t timestamp, const char* failure) noexcept;
 

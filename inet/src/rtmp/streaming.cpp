@@ -2,12 +2,21 @@
 #include "rtmp/messages.h"
 #include "rtmp/session.h"
 
+#include "avc/fcc.h"
+
 namespace inet {
+
+/// Tells of a frame that was left out; of formats that are not served, nothing. @return false
+bool Rtmp::insides::unsent(uint32_t fcc) noexcept {
+    if (fcc == av::fcc_h264 || fcc == av::fcc("MP4V") || fcc == av::fcc_mp4a) log_line("Unable to send video");
+    if (fcc == av::fcc_pcmu || fcc == av::fcc("mp3 ")) log_line("Unable to send audio");
+    return false;
+}
 
 bool Rtmp::insides::feed(const av::frame_t& frame) noexcept {
     if (!takes_media()) return false;
     if (!own_chunks_) own_chunks_.reset(core::create<rtmp::Chunks>(file, line, file, line));
-    if (!own_chunks_ || own_chunks_->cut(&frame) < 0) return false;
+    if (!own_chunks_ || own_chunks_->cut(&frame) < 0) return unsent(frame.fcc);
     return own_chunks_->bytes().size == 0 || feed(*own_chunks_, nullptr);
 }
 
@@ -19,10 +28,10 @@ bool Rtmp::insides::feed(rtmp::Chunks& chunks, buffer_t* lent) noexcept {
     buffer_t head;
     if (head_sent_ != chunks.generation()) {
         head = chunks.head();
-        if (head.size == 0) return false;
+        if (head.size == 0) return unsent(chunks.fcc());
     }
     // Room for both first: a frame goes out whole or not at all.
-    if (!core_buf_respace(&out, head.size + (lends ? 0 : bytes.size), file, line)) return false;
+    if (!core_buf_respace(&out, head.size + (lends ? 0 : bytes.size), file, line)) return unsent(chunks.fcc());
     send_raw({head.data, head.size});
     head_sent_ = chunks.generation();
     if (lends)

@@ -12,12 +12,13 @@
 ///                   as 16-bit PCM. The file ends when the stream changes its parameter sets
 ///     .h264 .264    H.264 pictures in Annex B form
 ///     .wav          G.711 sound, unchanged; finish() completes the header
-///     .aac          AAC sound with headers of ADTS, one access unit behind the other: the time of lost ones is not kept
+///     .aac          AAC sound with headers of ADTS, one access unit behind the other; the time of lost ones is not
+///                   kept
 ///     .jpg .jpeg    JPEG pictures, one in each file: x.jpg gives x_00001.jpg, ...; "%05d" in the name is replaced by
 ///                   the number
 ///     .txt .xml     metadata, one document after the other
-/// "-" is MP4 to the standard output; "-.h264", "-.wav", "-.aac" and "-.txt" are those formats to the standard output. A
-/// file is made at its first frame. Until then an earlier file of that name stays as it was.
+/// "-" is MP4 to the standard output; "-.h264", "-.wav", "-.aac" and "-.txt" are those formats to the standard output.
+/// A file is made at its first frame. Until then an earlier file of that name stays as it was.
 ///
 /// The files of a recorder have one time base. Sound starts where the picture starts, and both end together: the last
 /// picture stays while there is sound. Lost frames, a pause of the source, and the time between two connections keep

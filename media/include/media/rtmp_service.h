@@ -3,8 +3,9 @@
 /// A client begins with the last key picture. It is sent that picture and all later frames at four times their pace,
 /// until it has reached the present. A client that does not keep up loses whole pictures up to the next key picture.
 ///
-/// Formats served: H.264, AAC, MP3, G.711 u-law. Metadata and other formats are left out; a stream of these alone is not
-/// found. A play waits up to five seconds for the formats of a stream; when none is known then, the connection is closed.
+/// Formats served: H.264, AAC, MP3, G.711 u-law. Metadata and other formats are left out; a stream of these alone is
+/// not found. A play waits up to five seconds for the formats of a stream; when none is known then, the connection is
+/// closed.
 ///
 /// The timestamps of a stream count milliseconds from one second before the first frame that the first client is sent.
 /// They are the same for all clients while there are any, and go on over 2^32.
@@ -15,7 +16,7 @@
 /// Bounds for one client:
 ///     unsent        rtmp_settings_t::backlog, or one frame
 ///     unread        the bounds of inet::Rtmp
-///     silence       ten seconds before the first play, 60 seconds between two
+///     silence       ten seconds before the first play, 60 seconds between two, a pause of ten minutes
 ///     stall         rtmp_settings_t::stall
 #pragma once
 

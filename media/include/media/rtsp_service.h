@@ -4,8 +4,8 @@
 /// A client begins with the last key picture. It is sent that picture and all later frames at four times their pace,
 /// until it has reached the present. A client that does not keep up loses whole pictures up to the next key picture.
 ///
-/// Formats served: H.264, JPEG, G.711 u-law and A-law, AAC, metadata. DESCRIBE waits up to five seconds for the formats of a stream,
-/// then the answer is 503.
+/// Formats served: H.264, JPEG, G.711 u-law and A-law, AAC, metadata. DESCRIBE waits up to five seconds for the formats
+/// of a stream, then the answer is 503.
 ///
 /// Bounds for one client:
 ///     unsent        rtsp_settings_t::backlog and one frame

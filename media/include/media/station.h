@@ -49,8 +49,8 @@ public:
     /// Takes a service over. Call it before start(). @return 1; 0 for null, or when memory is out: the service is then
     /// deleted
     int add(service* taken, failure_t* error = nullptr) noexcept;
-    /// Starts threads and listens. @return 1, or 0 with a reason in `error`; then nothing runs. After 1 `error` tells of
-    /// the ports that could not be had and that no service needs (service::needs_port()), separated by "; "
+    /// Starts threads and listens. @return 1, or 0 with a reason in `error`; then nothing runs. After 1 `error` tells
+    /// of the ports that could not be had and that no service needs (service::needs_port()), separated by "; "
     int start(failure_t* error = nullptr) noexcept;
     /// Ends all clients and threads. Streams and services stay, for another start().
     void stop() noexcept;

@@ -67,8 +67,8 @@ enum class outcome_t : uint8_t {
 /// A fetched frame. Valid until the callback returns.
 struct watched_t {
     /// A whole frame; avc_frame_dup() keeps it. `time` is this machine's clock at the beginning of the play plus
-    /// `media_time`: of a picture the time of its display, over RTMP that of its decoding. A metadata document comes unchanged: as "META" where the source announced vnd.onvif.metadata, else
-    /// as "UNIV".
+    /// `media_time`: of a picture the time of its display, over RTMP that of its decoding. A metadata document comes
+    /// unchanged: as "META" where the source announced vnd.onvif.metadata, else as "UNIV".
     av::frame_t frame{};
     uint32_t track = 0;           ///< its place in `formats` of watch_event_t and among the tracks of status()
     bool first_of_format = true;  ///< no earlier track has this format
@@ -156,8 +156,8 @@ public:
     watcher& operator=(const watcher&) = delete;
 
     /// 1 for an address that a watcher can fetch: rtsp://[user:password@]host[:port]/path, rtmp:// or http://, user and
-    /// password percent-coded. Blanks, controls and characters beyond ASCII are coded where they are not. IPv6 addresses are not
-    /// taken. Any thread.
+    /// password percent-coded. Blanks, controls and characters beyond ASCII are coded where they are not. IPv6
+    /// addresses are not taken. Any thread.
     static int takes(const char* url) noexcept;
 
     /// Has the frames pushed into a stream, which is held. The first track of each kind is fetched, and its format

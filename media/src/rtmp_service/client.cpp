@@ -8,9 +8,10 @@ namespace media::rtmp {
 
 namespace {
 
-// Seconds without a play.
+// Seconds in which nothing is played.
 constexpr unsigned first_play = 10;
 constexpr unsigned next_play = 60;
+constexpr unsigned longest_pause = 600;
 
 constexpr uint64_t soon = 10'000;  // microseconds
 constexpr uint64_t longest_wait = 5'000'000;
@@ -74,11 +75,11 @@ void client_t::flush() noexcept {
 void client_t::second() noexcept {
     if (finished_) return;
     flush();  // the system tells that there is room again only when much of it is free
-    silent_ = rtmp_->playing() ? 0 : silent_ + 1;
-    const bool silent = silent_ >= (has_played_ ? next_play : first_play);
+    silent_ = watching() ? 0 : silent_ + 1;
+    const bool silent = silent_ >= (rtmp_->paused() ? longest_pause : has_played_ ? next_play : first_play);
     const bool stalls = tcp_->second() >= settings().stall;
     if (stalls) tcp_->give_up();
-    if (silent || stalls) finish();
+    if (silent || stalls || rtmp_->error()) finish();
 }
 
 int client_t::on_play(inet::Rtmp*, const inet::rtmp::play_t& play) noexcept {
@@ -95,7 +96,10 @@ void client_t::on_pause(inet::Rtmp*, int paused) noexcept {
     if (!paused && stream_) await_formats();
 }
 
-void client_t::on_close(inet::Rtmp*) noexcept { leave_stream(); }
+void client_t::on_close(inet::Rtmp*) noexcept {
+    leave_stream();
+    silent_ = 0;
+}
 
 /// A source that is fetched on demand has to be there.
 void client_t::await_formats() noexcept {
@@ -112,7 +116,7 @@ bool client_t::has_formats(uint64_t now) noexcept {
 }
 
 bool client_t::start_playing(uint64_t now) noexcept {
-    live_ = owner_.live_of(*stream_);
+    live_ = owner_.present().of(owner_, *stream_);
     if (live_) ++live_->users;
     past_.reset(core::create<inet::rtmp::Chunks>(CORE_HERE, CORE_HERE));
     if (!live_ || !past_ || !approach_.begin(*stream_, settings().at_key, now)) return false;
@@ -130,7 +134,7 @@ void client_t::stop_playing() noexcept {
     approach_.end();
     past_.reset();
     if (live_) live_->remove(*this);
-    owner_.leave(live_);
+    lives<live>::leave(live_);
 }
 
 void client_t::leave_stream() noexcept {

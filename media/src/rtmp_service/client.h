@@ -65,7 +65,7 @@ private:
     whole_pictures pictures_;
 
     bool has_played_ = false;
-    unsigned silent_ = 0;   ///< seconds without a play
+    unsigned silent_ = 0;   ///< seconds in which nothing was played
     uint64_t counted_ = 0;  ///< of Tcp::sent()
 };
 

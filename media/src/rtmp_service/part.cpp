@@ -70,68 +70,25 @@ bool live::cut(inet::rtmp::Chunks& into, const entry_t& entry) noexcept {
     return into.cut(&entry.frame) > 0;
 }
 
-bool live::add(client_t& one, uint64_t from) noexcept {
-    try {
-        places_.push_back({&one, from});
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-}
-
-void live::remove(const client_t& one) noexcept {
-    for (place_t& each : places_) {
-        if (each.one != &one) continue;
-        each = {};
-        left_ = true;
-    }
-    if (!passing_) drop_left();
-}
-
-void live::drop_left() noexcept {
-    if (std::exchange(left_, false)) std::erase_if(places_, [](const place_t& each) { return !each.one; });
-}
-
 void live::on_entry(read_t what, const entry_t& entry) noexcept {
     if (what == read_t::format) return prepare(chunks_);
     if (places_.empty()) return;
     const bool has_chunks = what == read_t::frame && cut(chunks_, entry);
-    passing_ = true;
-    for (size_t i = 0; i < places_.size(); ++i) {
+    places_.pass([&](size_t i) {
         const place_t place = places_[i];
-        if (!place.one) continue;
+        if (!place.one) return;
         if (what == read_t::ended) place.one->finish();
         if (what == read_t::lost) place.one->leave_out();
         if (what == read_t::frame && entry.number >= place.from)
             place.one->deliver(entry, has_chunks ? &chunks_ : nullptr);
-    }
-    passing_ = false;
-    drop_left();
+    });
 }
 
-// Lives stay until then, as they may be passing on a frame when the last player leaves.
 void part_t::second() noexcept {
-    std::erase_if(live_, [](const auto& each) { return each->users == 0; });
+    present_.drop_unused();
     const auto watching =
         static_cast<uint32_t>(std::ranges::count_if(clients_, [](const client_t* each) { return each->watching(); }));
     service_.count().watching += watching - std::exchange(watching_, watching);
-}
-
-live* part_t::live_of(stream& which) noexcept {
-    const auto found = std::ranges::find_if(live_, [&](const auto& each) { return &each->of() == &which; });
-    if (found != live_.end()) return found->get();
-    core::owned_object<live> made(core::create<live>(CORE_HERE, *this, which));
-    if (!made || !made->begin()) return nullptr;
-    try {
-        live_.push_back(std::move(made));
-        return live_.back().get();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-void part_t::leave(live*& of) noexcept {
-    if (of) --std::exchange(of, nullptr)->users;
 }
 
 bool part_t::enter(client_t& one) noexcept {

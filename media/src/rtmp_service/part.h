@@ -1,7 +1,9 @@
-// What RTMP has on a network thread: the players that are live, and the chunks of each frame, made once for all of them.
+// What RTMP has on a network thread: the players that are live, and the chunks of each frame, made once for all of
+// them.
 #pragma once
 
 #include "rtmp_service/inside.h"
+#include "station/lives.h"
 
 #include "inet/rtmp_chunks.h"
 
@@ -22,8 +24,8 @@ public:
     const stream& of() const noexcept { return stream_; }
 
     /// @param from  number of the first frame that it is sent. @return false when memory is out
-    bool add(client_t& one, uint64_t from) noexcept;
-    void remove(const client_t& one) noexcept;
+    bool add(client_t& one, uint64_t from) noexcept { return places_.add({&one, from}); }
+    void remove(const client_t& one) noexcept { places_.remove(one); }
     uint32_t users = 0;  ///< players that are here or on the way
 
     /// Gives `to` what the stream is known to have: parameter sets and the configuration of sound.
@@ -33,21 +35,18 @@ public:
 
 private:
     struct place_t {
-        client_t* one = nullptr;  ///< null: left while a frame is passed on
-        uint64_t from = 0;        ///< number of the first frame that it is sent
+        client_t* one = nullptr;
+        uint64_t from = 0;  ///< number of the first frame that it is sent
     };
 
     void on_entry(read_t what, const entry_t& entry) noexcept override;
-    void drop_left() noexcept;
 
     part_t& owner_;
     stream& stream_;
     inet::rtmp::Chunks chunks_{CORE_HERE};
     uint64_t base_ = 0;  ///< of the times; 0 before the first frame
-    core::vector<place_t> places_;
+    places<place_t> places_;
     bool following_ = false;
-    bool passing_ = false;  ///< a frame is passed on now
-    bool left_ = false;     ///< there are places of nobody
 };
 
 class part_t final : public part {
@@ -64,10 +63,7 @@ public:
     bool enter(client_t& one) noexcept;
     void exit(const client_t& one) noexcept;
 
-    /// The live players of a stream, made at its first use: hold it with live::users. Null when memory is out.
-    live* live_of(stream& which) noexcept;
-    /// Lets go of it.
-    void leave(live*& of) noexcept;
+    lives<live>& present() noexcept { return present_; }
 
     /// Counts on the thread, and for the service.
     void count_bytes(uint64_t bytes) noexcept;
@@ -78,7 +74,7 @@ private:
     service_t& service_;
     uint32_t watching_ = 0;
     core::vector<client_t*> clients_;
-    core::vector<core::owned_object<live>> live_;
+    lives<live> present_;
 };
 
 }  // namespace media::rtmp

@@ -177,7 +177,7 @@ void client_t::stop_playing() noexcept {
     await_news();
     approach_.end();
     if (live_) live_->remove(*this);
-    owner_.leave(live_);
+    lives<live>::leave(live_);
 }
 
 void client_t::deliver(const entry_t& entry, ::rtp::Packets* packets) noexcept {

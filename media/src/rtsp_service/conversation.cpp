@@ -179,7 +179,7 @@ void client_t::play() noexcept {
     // To what plays already it is a sign of life (RFC 2326, 10.5).
     if (!begun_) {
         stop_playing();
-        live_ = stream_ ? owner_.live_of(*stream_) : nullptr;
+        live_ = stream_ ? owner_.present().of(owner_, *stream_) : nullptr;
         if (live_) ++live_->users;
         if (!live_ || !approach_.begin(*stream_, settings().at_key, core_timer())) {
             stop_playing();

@@ -40,64 +40,33 @@ bool live::begin() noexcept {
     return following_;
 }
 
-bool live::add(client_t& one, uint64_t from) noexcept {
-    try {
-        places_.push_back({.one = &one, .from = from});
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-}
-
-void live::remove(const client_t& one) noexcept {
-    for (place_t& each : places_) {
-        if (each.one != &one) continue;
-        each = {};
-        left_ = true;
-    }
-    if (!passing_) drop_left();
-}
-
-void live::drop_left() noexcept {
-    if (std::exchange(left_, false)) std::erase_if(places_, [](const place_t& each) { return !each.one; });
-}
-
-void live::look_again(const client_t& one) noexcept {
-    for (place_t& each : places_) {
-        if (each.one == &one) each.direct = false;
-    }
-}
-
 // One pass over the players. What is not as usual is left to the client, which looks at all that it has.
 void live::on_entry(read_t what, const entry_t& entry) noexcept {
     ::rtp::Packets* const packets = what == read_t::frame ? owner_.cut().of(stream_, entry) : nullptr;
     const bool usual = packets && !core_log_wanted(log_);
     const auto kind = static_cast<size_t>(entry.kind);
     prepared_ = false;
-    passing_ = true;
     uint32_t direct = 0;
-    for (size_t i = 0; i < places_.size(); ++i) {
+    places_.pass([&](size_t i) {
         place_t& place = places_[i];
         if (usual && i + 2 < places_.size()) fetch_ahead(places_[i + 1], places_[i + 2], kind);
-        if (usual && place.direct && !place.tracks[kind]) continue;
+        if (usual && place.direct && !place.tracks[kind]) return;
         if (usual && place.direct && send(place, kind, *packets)) {
             ++direct;
-            continue;
+            return;
         }
         client_t* const one = place.one;
-        if (!one) continue;
+        if (!one) return;
         if (what == read_t::ended) one->finish();
         if (what == read_t::lost) {
             one->leave_out();
             place.direct = false;
         }
-        if (what != read_t::frame || entry.number < place.from) continue;
+        if (what != read_t::frame || entry.number < place.from) return;
         one->deliver(entry, packets);
         if (place.one) one->look(place);
-    }
-    passing_ = false;
+    });
     if (entry.kind == kind_t::video) owner_.on().count().frames += direct;
-    drop_left();
 }
 
 // False when nothing went: it is the client's then.
@@ -141,32 +110,11 @@ bool live::send(place_t& to, size_t kind, ::rtp::Packets& packets) noexcept {
 }
 
 part_t::~part_t() {
-    live_.clear();
+    present_.clear();
     close_udp();
 }
 
-live* part_t::live_of(stream& which) noexcept {
-    const auto found = std::ranges::find_if(live_, [&](const auto& each) { return &each->of() == &which; });
-    if (found != live_.end()) return found->get();
-    core::owned_object<live> made(core::create<live>(CORE_HERE, *this, which));
-    if (!made || !made->begin()) return nullptr;
-    try {
-        live_.push_back(std::move(made));
-        return live_.back().get();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-// It stays until second(), as it may be passing on a frame now.
-void part_t::leave(live*& of) noexcept {
-    if (!of) return;
-    --std::exchange(of, nullptr)->users;
-}
-
-void part_t::second() noexcept {
-    std::erase_if(live_, [](const auto& each) { return each->users == 0; });
-}
+void part_t::second() noexcept { present_.drop_unused(); }
 
 void part_t::on_news(void* arg) noexcept {
     auto* self = static_cast<part_t*>(arg);

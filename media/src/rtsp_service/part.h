@@ -2,6 +2,7 @@
 #pragma once
 
 #include "rtsp_service/inside.h"
+#include "station/lives.h"
 
 #include "core/log.h"
 #include "core/memory.h"
@@ -30,7 +31,7 @@ void take_reports(int fd, Take take) noexcept {
 
 /// A live player in a line of the cache: what a frame needs that goes straight from where it was cut to the system.
 struct place_t {
-    client_t* one = nullptr;  ///< null: left while frames are passed on
+    client_t* one = nullptr;
     uint64_t from = 0;        ///< number of the first frame that it is sent
     net::Tcp* tcp = nullptr;  ///< of those tracks that travel in the RTSP connection
     in_addr host{};           ///< of the others
@@ -53,25 +54,24 @@ public:
     const stream& of() const noexcept { return stream_; }
 
     /// @param from  number of the first frame that it is sent. @return false when memory is out
-    bool add(client_t& one, uint64_t from) noexcept;
-    void remove(const client_t& one) noexcept;
+    bool add(client_t& one, uint64_t from) noexcept { return places_.add({.one = &one, .from = from}); }
+    void remove(const client_t& one) noexcept { places_.remove(one); }
     /// What its session has may have changed.
-    void look_again(const client_t& one) noexcept;
+    void look_again(const client_t& one) noexcept {
+        places_.look_at(one, [](place_t& each) { each.direct = false; });
+    }
     uint32_t users = 0;  ///< players that are here or on the way
 
 private:
     void on_entry(read_t what, const entry_t& entry) noexcept override;
     bool send(place_t& to, size_t kind, ::rtp::Packets& packets) noexcept;
-    void drop_left() noexcept;
 
     part_t& owner_;
     stream& stream_;
     log_ctx* log_;  ///< of what sessions write about frames: while somebody reads it, they do the sending
-    core::vector<place_t> places_;
+    places<place_t> places_;
     bool following_ = false;
-    bool passing_ = false;   ///< a frame is passed on now
     bool prepared_ = false;  ///< as datagrams
-    bool left_ = false;      ///< there are places of nobody
 };
 
 /// Remembers the frames that were cut last: players that come up are sent the same ones.
@@ -109,10 +109,7 @@ public:
     /// For cursor::told() of clients that owe an answer: has their thread look. `arg` is the part.
     static void on_news(void* arg) noexcept;
 
-    /// The live players of a stream, made at its first use: hold it with live::users. Null when memory is out.
-    live* live_of(stream& which) noexcept;
-    /// Lets go of it.
-    void leave(live*& of) noexcept;
+    lives<live>& present() noexcept { return present_; }
     cut_frames& cut() noexcept { return cut_; }
 
     /// Port of the socket that sends RTP over UDP, the next one sends RTCP; opened at first use, 0 when that failed.
@@ -129,7 +126,7 @@ private:
     thread& thread_;
     service_t& service_;
     core::vector<client_t*> clients_;
-    core::vector<core::owned_object<live>> live_;
+    lives<live> present_;
     cut_frames cut_;
     std::atomic<bool> told_ = false;  ///< on_told() is under way
     net::Datagrams datagrams_;

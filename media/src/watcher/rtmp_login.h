@@ -1,5 +1,5 @@
-// User and password of an RTMP server ("authmod=adobe"): it refuses the connection twice, first with the way in which it
-// asks, then with a challenge. The answers travel in the name of the application.
+// User and password of an RTMP server ("authmod=adobe"): it refuses the connection twice, first with the way in which
+// it asks, then with a challenge. The answers travel in the name of the application.
 #pragma once
 
 #include "core/owned.h"
