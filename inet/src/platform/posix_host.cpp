@@ -32,7 +32,7 @@ bool resolve(const char* host, in_addr& address) noexcept {
     return true;
 }
 
-void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept {
+void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_addr mask), void* arg) noexcept {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) return;
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> held(list, freeifaddrs);
@@ -41,7 +41,9 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void
         if (!wanted || !entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
         sockaddr_in address;
         std::memcpy(&address, entry->ifa_addr, sizeof address);
-        if (!visit(arg, address)) return;
+        sockaddr_in mask{};
+        if (entry->ifa_netmask) std::memcpy(&mask, entry->ifa_netmask, sizeof mask);
+        if (!visit(arg, address, mask.sin_addr)) return;
     }
 }
 

@@ -1,0 +1,218 @@
+"""inet-camera as an ONVIF device: what a client library finds, who may call, and how it is found."""
+import base64
+import hashlib
+import json
+import os
+import re
+import subprocess
+import time
+import unittest
+import urllib.error
+import urllib.request
+from xml.parsers import expat
+from xml.sax.saxutils import escape
+
+from peers import ROOT, Camera, CameraCase, ffmpeg, has_namespaces, join_hosts
+from viewer import VIEWER
+
+DEVICE, MEDIA = ("http://www.onvif.org/ver10/%s/wsdl" % each for each in ("device", "media"))
+NPM = os.environ.get("INET_NPM", f"{ROOT}/build/npm")
+USER, PASSWORD = "admin", "se&cret"
+HOSTILE = "<&\"'>${x}]]>"  # no stream behind it: nobody watches
+
+
+def texts_of(document):
+    """The text of each element and the value of each attribute, by its local name; as expat reads it, which knows
+    namespaces."""
+    found, path = {}, []
+    parser = expat.ParserCreate("UTF-8", "|")
+
+    def begin(name, attributes):
+        path.append(name.split("|")[-1])
+        found.setdefault(path[-1], []).append("")
+        for key, value in attributes.items():
+            found.setdefault("@" + key.split("|")[-1], []).append(value)
+
+    def text(piece):
+        found[path[-1]][-1] += piece
+    parser.StartElementHandler, parser.CharacterDataHandler = begin, text
+    parser.EndElementHandler = lambda name: path.pop()
+    parser.Parse(document, True)
+    return found
+
+
+def token(password=PASSWORD, user=USER, age=0, nonce=None, kind="Digest"):
+    """A UsernameToken, `age` seconds old."""
+    nonce = nonce or os.urandom(16)
+    created = time.strftime("%Y-%m-%dT%H:%M:%S.25Z", time.gmtime(time.time() - age))
+    digest = base64.b64encode(hashlib.sha1(nonce + created.encode() + password.encode()).digest()).decode()
+    return (f'<Security><UsernameToken><Username>{escape(user)}</Username><Password Type="x#Password{kind}">'
+            f'{digest if kind == "Digest" else escape(password)}</Password>'
+            f'<Nonce>{base64.b64encode(nonce).decode()}</Nonce><Created>{created}</Created></UsernameToken></Security>')
+
+
+class Device(CameraCase):
+    arguments = ("--http", "0", "--user", USER, "--password", PASSWORD, "--on-demand",
+                 "--video", f"{ROOT}/apps/camera/clip/clip.h264", "--audio", f"{ROOT}/apps/camera/clip/clip.wav",
+                 "--jpeg", f"{ROOT}/apps/camera/clip/clip_01.jpg", "--source", f"{HOSTILE}=rtsp://127.0.0.1:9/x")
+
+    def ask(self, method, inner="", ns=MEDIA, header="", service="media", opener=urllib.request.build_opener()):
+        """Status and texts of the answer to a call."""
+        body = (f'<s:Envelope xmlns:s="http://www.w3.org/2003/05/soap-envelope"><s:Header>{header}</s:Header><s:Body>'
+                f'<{method} xmlns="{ns}">{inner}</{method}></s:Body></s:Envelope>')
+        request = urllib.request.Request(f"{self.camera.web}onvif/{service}_service", body.encode(),
+                                         {"Content-Type": "application/soap+xml; charset=utf-8"})
+        try:
+            with opener.open(request, timeout=20) as answer:
+                return answer.status, texts_of(answer.read())
+        except urllib.error.HTTPError as refused:
+            with refused:
+                return refused.code, texts_of(refused.read())
+
+    def test_a_client_library_finds_streams_that_play(self):
+        port = re.search(r":(\d+)/", self.camera.web).group(1)
+        told = json.loads(subprocess.run(
+            ["node", os.path.join(os.path.dirname(__file__), "onvif_client.mjs"), port, USER, PASSWORD],
+            env={**os.environ, "INET_NPM": NPM}, stdout=subprocess.PIPE, timeout=60, check=True).stdout)
+        self.assertEqual(told["profiles"], [["live", "H264", 640, "G711"], ["jpeg", "JPEG", 640, None],
+                                            [HOSTILE, "H264", 1920, None]])
+        self.assertEqual(told["sources"], ["live", "jpeg", HOSTILE])
+        self.assertEqual(told["sizes"], {"width": 640, "height": 360})
+        self.assertEqual((told["model"], told["links"]), ("inet-camera", True))
+        self.assertIn("onvif://www.onvif.org/name/inet-camera", told["scopes"])
+        self.assertEqual(told["media"], f"{self.camera.web}onvif/media_service")
+        self.assertEqual(told["snapshot"], f"{self.camera.web}jpeg.jpg")
+        self.assertLess(told["skew"], 5000)
+        self.assertIn("Action Failed", told["refused"])
+        self.assertIn("Invalid Args", told["unknown"])
+        for protocol, way in (("UDP", "udp"), ("RTSP", "tcp"), ("HTTP", "http")):
+            url = told["uris"][protocol].replace("rtsp://", "rtsp://admin:se%26cret@")
+            self.assertGreater(len(ffmpeg("-rtsp_transport", way, "-t", "0.5", "-i", url, "-map", "0:v", "-f",
+                                          "framemd5", "-")), 300)
+
+    def test_who_may_call(self):
+        once = token(nonce=b"once")
+        passwords = urllib.request.HTTPPasswordMgrWithDefaultRealm()
+        passwords.add_password(None, self.camera.web, USER, PASSWORD)
+        digest = urllib.request.build_opener(urllib.request.HTTPDigestAuthHandler(passwords))
+        for status, header, more in (
+                (401, "", {}), (200, token(), {}), (200, once, {}), (400, once, {}),
+                (400, token(nonce=b"once", age=1), {}), (400, token("wrong"), {}), (400, token(user="other"), {}),
+                (400, token(age=310), {}), (200, token(age=280), {}), (400, token(age=-310), {}),
+                (400, token(kind="Text"), {}), (400, "<Security><UsernameToken/></Security>", {}),
+                (200, "", {"opener": digest})):
+            with self.subTest(header):
+                got, texts = self.ask("GetProfiles", header=header, **more)
+                self.assertEqual(got, status)
+                self.assertEqual(texts.get("Value"), None if status == 200 else ["env:Sender", "ter:NotAuthorized"])
+        for method in ("GetSystemDateAndTime", "GetCapabilities", "GetServices", "GetServiceCapabilities",
+                       "GetHostname"):
+            self.assertEqual(self.ask(method, ns=DEVICE, service="device")[0], 200)
+        self.assertEqual(self.ask("GetServiceCapabilities")[1]["@MaximumNumberOfProfiles"], ["10"])
+
+    def test_each_answer_is_well_formed_and_says_what_is_asked(self):
+        hostile = escape(HOSTILE)
+        for status, method, ns, inner, texts in (
+                (200, "GetCapabilities", DEVICE, "<Category>Media</Category>",
+                 {"XAddr": [f"{self.camera.web}onvif/media_service"]}),
+                (400, "GetCapabilities", DEVICE, "<Category>PTZ</Category>", {}),
+                (200, "GetServices", DEVICE, "<IncludeCapability>true</IncludeCapability>",
+                 {"Namespace": [DEVICE, MEDIA], "@MaxUsers": ["10"]}),
+                (200, "GetProfile", MEDIA, f"<ProfileToken>{hostile}</ProfileToken>",
+                 {"Profile": None, "@token": [HOSTILE] * 3, "@width": ["1920"]}),
+                (400, "GetProfile", MEDIA, "", {"Value": ["env:Sender", "ter:InvalidArgVal"]}),
+                (200, "GetVideoSourceConfigurations", MEDIA, "", {"@token": ["live", "jpeg", HOSTILE]}),
+                (200, "GetVideoEncoderConfigurations", MEDIA, "", {"Encoding": ["H264", "JPEG", "H264"]}),
+                (200, "GetVideoEncoderConfiguration", MEDIA, "<ConfigurationToken>jpeg</ConfigurationToken>",
+                 {"Encoding": ["JPEG"]}),
+                (200, "GetVideoEncoderConfigurationOptions", MEDIA, "", {"Width": ["640", "640", "1920"]}),
+                (200, "GetMetadataConfigurations", MEDIA, "", {}),
+                (200, "GetAudioSources", MEDIA, "", {"@token": ["live"], "Channels": ["1"]}),
+                (200, "GetStreamUri", MEDIA, f"<ProfileToken>{hostile}</ProfileToken>",
+                 {"Uri": [self.camera.url().replace("live", "%3C&%22'%3E$%7Bx%7D%5D%5D%3E")]}),
+                (400, "GetStreamUri", MEDIA, "<StreamSetup><Stream>RTP-Multicast</Stream></StreamSetup>"
+                 "<ProfileToken>live</ProfileToken>", {}),
+                (400, "GetSnapshotUri", MEDIA, f"<ProfileToken>{hostile}</ProfileToken>", {}),
+                (500, "SetHostname", DEVICE, "", {"Value": ["env:Receiver", "ter:Action"]}),
+                (500, "GetServiceCapabilities", "http://www.onvif.org/ver20/ptz/wsdl", "", {}),
+                (400, "GetProfiles", MEDIA, "<", {}), (400, "GetProfiles", MEDIA, "<a>" * 10000, {})):
+            with self.subTest(method, inner=inner[:99]):
+                header = "<MessageID>&amp;1</MessageID><To>t</To>" + token()
+                got, found = self.ask(method, inner, ns, header)
+                self.assertEqual(got, status)
+                self.assertIn(found.get("MessageID"), (None, ["&1"]))
+                for name, values in texts.items():
+                    self.assertTrue(found[name] == values or values is None, (name, found[name]))
+
+
+@unittest.skipUnless(has_namespaces(), "network namespaces need root")
+class Discovery(CameraCase):
+    arguments = ("--bind", "0.0.0.0", "--http", "0", "--user", USER, "--password", PASSWORD)
+
+    @classmethod
+    def start_camera(cls):
+        join_hosts(cls, "10.81.9")
+        return Camera(*cls.arguments, prefix=("ip", "netns", "exec", cls.near))
+
+    def on(self, host, *command, **options):
+        """Runs a command on a host. @return its status, and what it printed"""
+        done = subprocess.run(["ip", "netns", "exec", host, *command], env={**os.environ, "INET_NPM": NPM}, timeout=60,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
+        return done.returncode, done.stdout
+
+    def probe(self, address, count, *bodies):
+        """Sends texts to the group. @return the answers, when so many have come and then none for a second"""
+        script = os.path.join(os.path.dirname(__file__), "probe.py")
+        _, printed = self.on(self.far, "python3", script, address, str(count), input=json.dumps(bodies))
+        return [texts_of(each) for each in json.loads(printed)]
+
+    def test_clients_find_it_and_its_streams(self):
+        status, printed = self.on(self.far, *VIEWER, "discover", "--json", "--timeout", "2")
+        found = json.loads(printed)
+        xaddr = f"{self.camera.web}onvif/device_service"
+        self.assertEqual((status, found["name"], found["addresses"]), (0, "inet-camera", xaddr))
+        script = ("const { Discovery } = require(process.env.INET_NPM + '/node_modules/onvif');"
+                  "Discovery.probe({ timeout: 2000, resolve: false }, (error, all) => console.log(JSON.stringify(all)))")
+        match = json.loads(self.on(self.far, "node", "-e", script)[1])[0]["probeMatches"]["probeMatch"]
+        self.assertEqual((match["endpointReference"]["address"], match["XAddrs"]), (found["endpoint"], xaddr))
+        device = re.search(r"//(.*?)/", xaddr).group(1)
+        for password, status in ((PASSWORD, 0), ("wrong", 4)):
+            got, printed = self.on(self.far, *VIEWER, "onvif", "--json", device, "--user", USER, "--password", password)
+            self.assertEqual(got, status)
+            self.assertEqual([json.loads(line)["address"] for line in printed.splitlines()],
+                             [self.camera.url("live"), self.camera.url("jpeg")] * (status == 0))
+        self.assertEqual(self.on(self.near, *VIEWER, "discover", "--timeout", "1")[0], 7, "a host does not hear itself")
+
+    def test_answers_the_probes_that_ask_for_it(self):
+        base, strcmp = "onvif://www.onvif.org", "http://schemas.xmlsoap.org/ws/2005/04/discovery/strcmp0"
+        cases = [(True, "", ""), (True, "<Types> x:Device\n</Types>", ""), (False, "<Types>x:Printer</Types>", ""),
+                 (False, "<Types>dn:NetworkVideoTransmitter x:Printer</Types>", ""),
+                 (True, "", f"<Scopes>ONVIF://WWW.onvif.org/type {base}/name/inet-camera/</Scopes>"),
+                 (False, "", f"<Scopes>{base}/type {base}/nam</Scopes>"),
+                 (True, "", f'<Scopes MatchBy="{strcmp}">{base}/name/inet-camera</Scopes>'),
+                 (False, "", f'<Scopes MatchBy="{strcmp}">{base}/name</Scopes>'),
+                 (False, "", f'<Scopes MatchBy="x/ldap">{base}/name</Scopes>')]
+        bodies = [f'<Envelope><Header><MessageID>&lt;{number}&gt;</MessageID></Header><Body><Probe>{types}{scopes}'
+                  '</Probe></Body></Envelope>' for number, (_, types, scopes) in enumerate(cases)]
+        rest = ["x" * 65507, "<a>" * 1000, bodies[0].replace("Probe", "Other"), bodies[0] + " " * 8192,
+                bodies[0].replace("MessageID", "Other")]
+        answers = self.probe("10.81.9.2", 4, *bodies, *rest)
+        self.assertEqual(sorted(each["RelatesTo"][0] for each in answers),
+                         [f"<{number}>" for number, case in enumerate(cases) if case[0]])
+        self.assertEqual(len({each["MessageID"][0] for each in answers}), 4)
+
+    def test_a_host_is_sent_ten_answers_a_second(self):
+        self.on(self.far, "ip", "address", "add", "10.81.9.3/24", "dev", "end")
+        text = ("<Envelope><Header><MessageID>1</MessageID></Header><Body><Probe/></Body></Envelope>",) * 40
+        self.assertEqual(len(self.probe("10.81.9.3", 10, *text)), 10)
+
+    def test_says_hello_when_the_interfaces_change(self):
+        script = os.path.join(os.path.dirname(__file__), "probe.py")
+        with subprocess.Popen(["ip", "netns", "exec", self.far, "python3", script, "10.81.9.2"],
+                              stdout=subprocess.PIPE, text=True) as listener:
+            self.assertEqual(listener.stdout.readline(), "ready\n")
+            self.on(self.near, "ip", "address", "add", "10.81.10.1/24", "dev", "end")
+            hello = listener.stdout.read()
+        self.on(self.near, "ip", "address", "del", "10.81.10.1/24", "dev", "end")
+        self.assertIn("discovery/Hello", hello)
+        self.assertEqual(re.findall(r"10\.81\.\d+\.1", hello), ["10.81.9.1", "10.81.10.1"])
