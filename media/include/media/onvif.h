@@ -29,7 +29,8 @@
 ///                the port of the HTTP service
 ///     snapshots  of streams with JPEG pictures: /NAME.jpg of the HTTP service
 /// A stream whose formats are not known yet, such as a source that nobody watches, is described by the last that was
-/// known, else as H264 of 1920 x 1080. Asking for it fetches nothing.
+/// known, else as H264 of 1920 x 1080 with 25 pictures a second. Asking for it fetches nothing. Sound that RTSP does not
+/// carry is not told of.
 ///
 /// Bounds:
 ///     request  those of the HTTP service; while it is answered its tree, which is at most 24 times its text and 1 MiB

@@ -96,7 +96,7 @@ inline constexpr char profile[] = R"(
 
 inline constexpr char video_source[] = R"(
 <trt:VideoSources token="${token}">
-  <tt:Framerate>0</tt:Framerate>
+  <tt:Framerate>${rate}</tt:Framerate>
   <tt:Resolution>
     <tt:Width>${width}</tt:Width>
     <tt:Height>${height}</tt:Height>

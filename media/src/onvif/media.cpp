@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
 namespace media::onvif_calls {
 
@@ -24,10 +25,17 @@ struct described_t {
     const char* codec = "H264";
     char width[12] = "1920";
     char height[12] = "1080";
+    char rate[16] = "25";  ///< pictures per second
     format_t sound;
 };
 
 void print(uint32_t number, char (&text)[12]) noexcept { *std::to_chars(text, text + 11, number).ptr = '\0'; }
+
+/// Whether RTSP has the sound.
+bool is_offered(const described_t& of, const core::string& without_aac) noexcept {
+    if (of.sound.fcc == av::fcc_mp4a) return of.name != without_aac;
+    return of.sound.fcc == av::fcc_pcmu || of.sound.fcc == av::fcc_pcma;
+}
 
 described_t describe(const stream& of, const core::string& without_aac) {
     described_t out;
@@ -41,8 +49,9 @@ described_t describe(const stream& of, const core::string& without_aac) {
         print(picture.width, out.width);
         print(picture.height, out.height);
     }
-    out.audio = of.format(kind_t::audio, &out.sound, nullptr) != 0 &&
-                (out.sound.fcc != av::fcc_mp4a || out.name != without_aac);
+    if (const double rate = of.rate(); rate > 0)
+        *std::to_chars(out.rate, std::end(out.rate) - 1, rate, std::chars_format::general, 4).ptr = '\0';
+    out.audio = of.format(kind_t::audio, &out.sound, nullptr) != 0 && is_offered(out, without_aac);
     format_t report;
     out.meta = of.format(kind_t::meta, &report, nullptr) != 0;
     return out;
@@ -85,8 +94,8 @@ core::owned_text respond_with(const query_t& query, const core::string& pieces) 
 }
 
 void append_video_source(core::string& out, const described_t& of, const char* document, const char* tag) {
-    const param_t params[] = {
-        {"tag", tag}, {"token", of.token.c_str()}, {"width", of.width}, {"height", of.height}, {}};
+    const param_t params[] = {{"tag", tag},          {"token", of.token.c_str()}, {"width", of.width},
+                              {"height", of.height}, {"rate", of.rate},           {}};
     append(out, document, params);
 }
 
