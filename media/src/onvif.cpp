@@ -132,6 +132,8 @@ void onvif::inside::answer(http_exchange& asked) {
         whole(core_strndup(body.data ? reinterpret_cast<const char*>(body.data) : "", body.size, CORE_HERE));
     const std::unique_ptr<soap::soap_t, soap_deleter> request(soap_parse(text.get()));
     if (!request) throw std::bad_alloc();
+    // A client that waits for the challenge sends its first request without a body.
+    if (body.size == 0 && !admit(*request, asked)) return;
     if (!request->method) return send_fault(asked, 3);
     side_t side{};
     const call_t* const call = find_call(*request, asked.path(), side);

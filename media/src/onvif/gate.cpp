@@ -6,6 +6,7 @@
 #include "core/time.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <new>
 
@@ -16,10 +17,14 @@ namespace {
 constexpr uint64_t lifetime = 300'000'000;
 constexpr size_t digest_size = 20;
 
+/// Without the blanks around it, which layout may have brought.
 std::string_view text_of(node* parent, const char* name) noexcept {
+    constexpr const char* blanks = " \t\r\n";
     int size = 0;
-    const char* text = roxml_get_content(roxml_get_chld(parent, name, 0), nullptr, 0, &size);
-    return text ? std::string_view(text, static_cast<size_t>(size)) : std::string_view();
+    const char* found = roxml_get_content(roxml_get_chld(parent, name, 0), nullptr, 0, &size);
+    std::string_view text = found ? std::string_view(found, static_cast<size_t>(size)) : std::string_view();
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    return text.substr(0, text.find_last_not_of(blanks) + 1);
 }
 
 core::vector<uint8_t> decoded(std::string_view text) {
@@ -34,19 +39,37 @@ core::vector<uint8_t> decoded(std::string_view text) {
     return out;
 }
 
+/// What a time is ahead of UTC, in microseconds; a time without a zone is taken for UTC.
+bool read_zone(std::string_view text, int64_t& out) noexcept {
+    out = 0;
+    if (text.empty() || text == "Z") return true;
+    int hours = 0;
+    int minutes = 0;
+    if (text.size() != 6 || (text[0] != '+' && text[0] != '-') || text[3] != ':') return false;
+    const bool read = std::from_chars(text.data() + 1, text.data() + 3, hours).ptr == text.data() + 3 &&
+                      std::from_chars(text.data() + 4, text.data() + 6, minutes).ptr == text.data() + 6;
+    out = (text[0] == '-' ? -1 : 1) * (int64_t{hours} * 60 + minutes) * 60'000'000;
+    return read && hours >= 0 && minutes >= 0;
+}
+
 }  // namespace
 
 bool read_time(std::string_view text, uint64_t& out) noexcept {
-    char stamp[24];
-    size_t size = 0;
-    if (text.size() < 20 || text.size() > 40 || text[4] != '-' || text[7] != '-' || text[13] != ':' || text[16] != ':')
+    constexpr size_t to_seconds = 19;
+    if (text.size() < to_seconds || text[4] != '-' || text[7] != '-' || text[13] != ':' || text[16] != ':')
         return false;
-    const size_t fraction = text.find('.');
-    for (const char c : text.substr(0, std::min(fraction, text.size() - 1)))
-        if (c != '-' && c != ':' && size < sizeof stamp) stamp[size++] = c;
-    if (text.back() != 'Z' || size + 1 > sizeof stamp) return false;
+    char stamp[to_seconds + 1];
+    uint32_t size = 0;
+    for (const char c : text.substr(0, to_seconds))
+        if (c != '-' && c != ':') stamp[size++] = c;
     stamp[size++] = 'Z';
-    return core_time_from_stamp(stamp, static_cast<uint32_t>(size), &out) != 0;
+    text.remove_prefix(to_seconds);
+    if (text.starts_with('.')) text.remove_prefix(std::min(text.find_first_not_of("0123456789", 1), text.size()));
+    int64_t ahead = 0;
+    uint64_t local = 0;
+    if (!read_zone(text, ahead) || !core_time_from_stamp(stamp, size, &local)) return false;
+    out = local - static_cast<uint64_t>(ahead);
+    return true;
 }
 
 token_gate::result_t token_gate::judge(node* header) noexcept {

@@ -40,7 +40,8 @@ private:
     uint64_t floor_ = 0;  ///< a token must be younger: older ones have been forgotten
 };
 
-/// Microseconds since 1970 of a time such as 2026-11-22T10:15:00.25Z, of UTC. @return false for another form
+/// Microseconds since 1970 of a time such as 2026-11-22T10:15:00.25Z, or with +01:00 or nothing in place of the Z. Its
+/// fraction is passed over. @return false for another form
 bool read_time(std::string_view text, uint64_t& out) noexcept;
 
 }  // namespace media::onvif_calls
