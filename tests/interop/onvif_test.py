@@ -12,7 +12,8 @@ import urllib.request
 from xml.parsers import expat
 from xml.sax.saxutils import escape
 
-from peers import ROOT, Camera, CameraCase, ffmpeg, has_namespaces, join_hosts
+from peers import ROOT, Camera, CameraCase, ffmpeg, free_group, has_namespaces, join_hosts, run
+from player import Player
 from viewer import VIEWER
 
 DEVICE, MEDIA = ("http://www.onvif.org/ver10/%s/wsdl" % each for each in ("device", "media"))
@@ -41,21 +42,18 @@ def texts_of(document):
     return found
 
 
-def token(password=PASSWORD, user=USER, age=0, nonce=None, kind="Digest"):
-    """A UsernameToken, `age` seconds old."""
+def token(password=PASSWORD, user=USER, age=0, nonce=None, kind="Digest", form="%Y-%m-%dT%H:%M:%S.25Z"):
+    """A UsernameToken, `age` seconds old, laid out with blanks."""
     nonce = nonce or os.urandom(16)
-    created = time.strftime("%Y-%m-%dT%H:%M:%S.25Z", time.gmtime(time.time() - age))
+    created = time.strftime(form, time.gmtime(time.time() - age))
     digest = base64.b64encode(hashlib.sha1(nonce + created.encode() + password.encode()).digest()).decode()
     return (f'<Security><UsernameToken><Username>{escape(user)}</Username><Password Type="x#Password{kind}">'
             f'{digest if kind == "Digest" else escape(password)}</Password>'
-            f'<Nonce>{base64.b64encode(nonce).decode()}</Nonce><Created>{created}</Created></UsernameToken></Security>')
+            f'<Nonce>\n {base64.b64encode(nonce).decode()}\n</Nonce><Created> {created} </Created>'
+            '</UsernameToken></Security>')
 
 
-class Device(CameraCase):
-    arguments = ("--http", "0", "--user", USER, "--password", PASSWORD, "--on-demand",
-                 "--video", f"{ROOT}/apps/camera/clip/clip.h264", "--audio", f"{ROOT}/apps/camera/clip/clip.wav",
-                 "--jpeg", f"{ROOT}/apps/camera/clip/clip_01.jpg", "--source", f"{HOSTILE}=rtsp://127.0.0.1:9/x")
-
+class DeviceCase(CameraCase):
     def ask(self, method, inner="", ns=MEDIA, header="", service="media", opener=urllib.request.build_opener()):
         """Status and texts of the answer to a call."""
         body = (f'<s:Envelope xmlns:s="http://www.w3.org/2003/05/soap-envelope"><s:Header>{header}</s:Header><s:Body>'
@@ -67,7 +65,17 @@ class Device(CameraCase):
                 return answer.status, texts_of(answer.read())
         except urllib.error.HTTPError as refused:
             with refused:
-                return refused.code, texts_of(refused.read())
+                return refused.code, texts_of(refused.read()) if "xml" in refused.headers["Content-Type"] else {}
+
+    def stream_uri(self, name, stream="RTP-Unicast", protocol="RTSP"):
+        return self.ask("GetStreamUri", f"<StreamSetup><Stream>{stream}</Stream><Transport><Protocol>{protocol}</Protocol>"
+                        f"</Transport></StreamSetup><ProfileToken>{name}</ProfileToken>")[1]["Uri"][0]
+
+
+class Device(DeviceCase):
+    arguments = ("--http", "0", "--user", USER, "--password", PASSWORD, "--on-demand",
+                 "--video", f"{ROOT}/apps/camera/clip/clip.h264", "--audio", f"{ROOT}/apps/camera/clip/clip.wav",
+                 "--jpeg", f"{ROOT}/apps/camera/clip/clip_01.jpg", "--source", f"{HOSTILE}=rtsp://127.0.0.1:9/x")
 
     def test_a_client_library_finds_streams_that_play(self):
         port = re.search(r":(\d+)/", self.camera.web).group(1)
@@ -99,7 +107,8 @@ class Device(CameraCase):
                 (401, "", {}), (200, token(), {}), (200, once, {}), (400, once, {}),
                 (400, token(nonce=b"once", age=1), {}), (400, token("wrong"), {}), (400, token(user="other"), {}),
                 (400, token(age=310), {}), (200, token(age=280), {}), (400, token(age=-310), {}),
-                (400, token(kind="Text"), {}), (400, "<Security><UsernameToken/></Security>", {}),
+                (200, token(age=-19800, form="%Y-%m-%dT%H:%M:%S+05:30"), {}), (200, token(form="%Y-%m-%dT%H:%M:%S"), {}),
+                (400, token(form="%Y-%m-%dT%H:%M:%S+05:30"), {}), (400, token(kind="Text"), {}), (400, "<Security><UsernameToken/></Security>", {}),
                 (200, "", {"opener": digest})):
             with self.subTest(header):
                 got, texts = self.ask("GetProfiles", header=header, **more)
@@ -109,6 +118,17 @@ class Device(CameraCase):
                        "GetHostname"):
             self.assertEqual(self.ask(method, ns=DEVICE, service="device")[0], 200)
         self.assertEqual(self.ask("GetServiceCapabilities")[1]["@MaximumNumberOfProfiles"], ["10"])
+
+    def test_a_client_that_waits_for_the_challenge(self):
+        body = ('<?xml version="1.0"?><SOAP-ENV:Envelope xmlns:SOAP-ENV="http://www.w3.org/2003/05/soap-envelope" '
+                f'xmlns:a="http://www.w3.org/2005/08/addressing" xmlns:ns7="{MEDIA}"><SOAP-ENV:Header>'
+                '<a:To SOAP-ENV:mustUnderstand="true">t</a:To></SOAP-ENV:Header><SOAP-ENV:Body><ns7:GetVideoSources/>'
+                '</SOAP-ENV:Body></SOAP-ENV:Envelope>')
+        kind = f'content-type: Application/SOAP+xml; charset="UTF-8"; action="{MEDIA}/GetVideoSources"'
+        for manner in "expect: 100-continue", "transfer-encoding: chunked":
+            printed = run("curl", "-sS", "--digest", "-u", f"{USER}:{PASSWORD}", "-d", body, "-H", manner, "-H", kind,
+                          f"{self.camera.web}onvif/device_service")
+            self.assertEqual(texts_of(printed)["@token"], ["live", "jpeg", HOSTILE])
 
     def test_each_answer_is_well_formed_and_says_what_is_asked(self):
         hostile = escape(HOSTILE)
@@ -135,7 +155,8 @@ class Device(CameraCase):
                 (400, "GetSnapshotUri", MEDIA, f"<ProfileToken>{hostile}</ProfileToken>", {}),
                 (500, "SetHostname", DEVICE, "", {"Value": ["env:Receiver", "ter:Action"]}),
                 (500, "GetServiceCapabilities", "http://www.onvif.org/ver20/ptz/wsdl", "", {}),
-                (400, "GetProfiles", MEDIA, "<", {}), (400, "GetProfiles", MEDIA, "<a>" * 10000, {})):
+                (400, "GetProfiles", MEDIA, "<", {}), (400, "GetProfiles", MEDIA, "<a>" * 10000, {}),
+                (400, "GetProfiles", MEDIA, "&x;", {}), (413, "GetProfiles", MEDIA, "x" * 1000000, {})):
             with self.subTest(method, inner=inner[:99]):
                 header = "<MessageID>&amp;1</MessageID><To>t</To>" + token()
                 got, found = self.ask(method, inner, ns, header)
@@ -143,6 +164,39 @@ class Device(CameraCase):
                 self.assertIn(found.get("MessageID"), (None, ["&1"]))
                 for name, values in texts.items():
                     self.assertTrue(found[name] == values or values is None, (name, found[name]))
+
+
+class Streams(DeviceCase):
+    group, port = free_group().split(":")
+    arguments = "--http", "0", "--multicast", f"{group}:{port}"
+
+    def test_are_told_of_as_they_are(self):
+        self.assertEqual(self.ask("GetVideoSources")[1]["Framerate"], ["25", "5"])
+        self.assertEqual(self.ask("GetMetadataConfigurations")[1]["@token"], ["live"])
+        self.assertEqual(self.stream_uri("live", "RTP-Multicast", "UDP"), self.camera.url())
+        self.assertEqual(self.stream_uri("live", protocol="HTTP"), f"rtsp{self.camera.web[4:]}live")
+
+    def test_analytics_arrive_as_whole_documents(self):
+        player = self.enterContext(Player(self.stream_uri("live")))
+        player.play(["application"])
+        text, documents = b"", []
+        while len(documents) < 10:
+            channel, packet = player.packet()
+            if channel == 0:
+                text += packet[12:]
+            if channel == 0 and packet[1] & 0x80:
+                documents.append(texts_of(text))
+                text = b""
+        for each in documents:
+            self.assertIn("Frame", each)
+
+    def test_a_source_that_nobody_watches_is_described_by_the_last_that_was_known(self):
+        with Camera("--http", "0", "--on-demand", "--source", f"far={self.camera.url()}") as other:
+            far = type("Far", (DeviceCase,), {"camera": other})()
+            self.assertEqual(far.ask("GetProfile", "<ProfileToken>far</ProfileToken>")[1]["Width"], ["1920"])
+            ffmpeg("-t", "0.5", "-i", far.stream_uri("far"), "-f", "null", "-")
+            found = far.ask("GetProfile", "<ProfileToken>far</ProfileToken>")[1]
+            self.assertEqual((found["Width"], found["Encoding"]), (["640"], ["H264", "G711"]))
 
 
 @unittest.skipUnless(has_namespaces(), "network namespaces need root")
