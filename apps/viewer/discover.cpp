@@ -92,12 +92,17 @@ private:
     std::vector<device_t> news_;
 };
 
+/// Devices that send no video are of the second type alone.
 void probe(net::wsdd_t& wire) {
-    const core::owned_text id(common_srand(32, CORE_HERE));
-    const std::string message = "urn:inet:" + std::string(id ? id.get() : "");
-    const core::owned_text text(soap_Probe(message.c_str(), "xmlns:dn=\"http://www.onvif.org/ver10/network/wsdl\"",
-                                           "dn:NetworkVideoTransmitter"));
-    net::net_wsdd_request(wire, text.get());
+    constexpr const char* types[][2] = {
+        {"xmlns:dn=\"http://www.onvif.org/ver10/network/wsdl\"", "dn:NetworkVideoTransmitter"},
+        {"xmlns:tds=\"http://www.onvif.org/ver10/device/wsdl\"", "tds:Device"}};
+    for (const auto& [declaration, type] : types) {
+        const core::owned_text id(common_srand(32, CORE_HERE));
+        const std::string message = "urn:inet:" + std::string(id ? id.get() : "");
+        const core::owned_text text(soap_Probe(message.c_str(), declaration, type));
+        net::net_wsdd_announce(wire, text.get());
+    }
 }
 
 }  // namespace

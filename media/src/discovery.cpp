@@ -183,7 +183,7 @@ void part_t::send_due() noexcept {
     for (const waiting_t& each : waiting_) {
         if (each.due > now) continue;
         if (each.to_all)
-            net_wsdd_request(wire_, each.text.get());
+            net_wsdd_announce(wire_, each.text.get());
         else if (pace_.allows(each.to.sin_addr, now))
             net_wsdd_send(wire_, each.text.get(), each.to);
     }

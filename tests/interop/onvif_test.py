@@ -19,6 +19,7 @@ from viewer import VIEWER
 DEVICE, MEDIA = ("http://www.onvif.org/ver10/%s/wsdl" % each for each in ("device", "media"))
 NPM = os.environ.get("INET_NPM", f"{ROOT}/build/npm")
 USER, PASSWORD = "admin", "se&cret"
+PROBE = "<Envelope><Header><MessageID>1</MessageID></Header><Body><Probe/></Body></Envelope>"
 HOSTILE = "<&\"'>${x}]]>"  # no stream behind it: nobody watches
 
 
@@ -257,16 +258,21 @@ class Discovery(CameraCase):
 
     def test_a_host_is_sent_ten_answers_a_second(self):
         self.on(self.far, "ip", "address", "add", "10.81.9.3/24", "dev", "end")
-        text = ("<Envelope><Header><MessageID>1</MessageID></Header><Body><Probe/></Body></Envelope>",) * 40
-        self.assertEqual(len(self.probe("10.81.9.3", 10, *text)), 10)
+        self.assertEqual(len(self.probe("10.81.9.3", 10, *[PROBE] * 40)), 10)
 
-    def test_says_hello_when_the_interfaces_change(self):
+    def test_tells_and_answers_on_a_link_that_comes_up(self):
+        run("ip", "link", "add", "side", "netns", self.near, "type", "veth", "peer", "name", "side", "netns", self.far)
+        self.addCleanup(run, "ip", "-n", self.near, "link", "del", "side")
+        for host, command in ((self.far, "address add 10.81.10.2/24 dev side"), (self.far, "link set side up"),
+                              (self.near, "link set side up")):
+            run("ip", "-n", host, *command.split())
         script = os.path.join(os.path.dirname(__file__), "probe.py")
-        with subprocess.Popen(["ip", "netns", "exec", self.far, "python3", script, "10.81.9.2"],
+        with subprocess.Popen(["ip", "netns", "exec", self.far, "python3", script, "10.81.10.2"],
                               stdout=subprocess.PIPE, text=True) as listener:
             self.assertEqual(listener.stdout.readline(), "ready\n")
-            self.on(self.near, "ip", "address", "add", "10.81.10.1/24", "dev", "end")
+            run("ip", "-n", self.near, *"address add 10.81.10.1/24 dev side".split())
             hello = listener.stdout.read()
-        self.on(self.near, "ip", "address", "del", "10.81.10.1/24", "dev", "end")
         self.assertIn("discovery/Hello", hello)
         self.assertEqual(re.findall(r"10\.81\.\d+\.1", hello), ["10.81.9.1", "10.81.10.1"])
+        answers = self.probe("10.81.10.2", 1, PROBE)
+        self.assertEqual([re.findall("//(.*):", each["XAddrs"][0]) for each in answers], [["10.81.10.1"]])

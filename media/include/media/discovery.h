@@ -11,8 +11,8 @@
 ///     scopes  each of the Probe's is the beginning of one of the device's, in whole segments, or with MatchBy strcmp0
 ///             equal to one. Another MatchBy fits nothing
 /// The address in an answer is that of the interface on the link that the Probe came from. A station that is bound to
-/// one address tells that alone; one that is bound to the loopback is neither announced nor found. The group is joined
-/// on the default interface.
+/// one address tells that alone; one that is bound to the loopback is neither announced nor found. Up to ten interfaces
+/// are listened to.
 ///
 /// Bounds:
 ///     asked     datagrams of 8192 bytes; longer ones are not read
