@@ -17,7 +17,7 @@ std::span<const option> table_of_options(bool is_one) {
         {"--timeout", "SECONDS", "how long devices are searched, or an answer is waited for (5)",
          [](device_options& o, std::string_view text) { return apps::take_number(o.seconds, text, 1, 3600); }},
         {"--log", "FILE", "write what the library logs to a file", apps::take_text(&device_options::log)},
-        {"HOST", "", "the device: HOST or HOST:PORT (80)",
+        {"HOST", "", "the device: HOST, HOST:PORT (80), or an address that it tells itself",
          [](device_options& o, std::string_view text) {
              const bool is_first = o.host.empty();
              o.host = text;

@@ -17,7 +17,7 @@
 namespace viewer {
 
 struct device_options {
-    std::string host;  ///< HOST or HOST:PORT of one device
+    std::string host;  ///< HOST, HOST:PORT or http://HOST:PORT/PATH of one device
     apps::credentials login;
     unsigned seconds = 5;  ///< of searching, and of waiting for an answer
     bool json = false;

@@ -9,6 +9,7 @@
 #include "inet/net_http.h"
 #include "inet/net_soap.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -88,19 +89,24 @@ node* below(node* from, std::initializer_list<const char*> path) {
 class device {
 public:
     explicit device(const device_options& settings) : settings_(settings), host_(settings.host) {
+        constexpr std::string_view scheme = "http://";
+        if (host_.starts_with(scheme)) host_.erase(0, scheme.size());
+        const size_t slash = std::min(host_.find('/'), host_.size());
+        if (slash < host_.size()) path = host_.substr(slash);
+        host_.resize(slash);
         const size_t colon = host_.find(':');
         if (colon == host_.npos) return;
         if (!apps::take_number(port_, std::string_view(host_).substr(colon + 1), 1, 65535)) host_.clear();
         host_.resize(std::min(colon, host_.size()));
     }
 
-    /// The body of the answer to a call; null with `result` and `why` when there is none.
-    answer_t call(const std::string& path, const char* ns, const char* method, const std::string& inner = "") {
-        const std::string token = settings_.login.user.empty() ? "" : token_now();
+    /// The answer to a call; null with `result` and `why` when there is none.
+    answer_t call(const std::string& at, const char* ns, const char* method, const std::string& inner = "") {
+        const std::string token = settings_.login.user.empty() || !knows_clock_ ? "" : token_now();
         const param_t params[] = {
             {"security", token.c_str()}, {"method", method}, {"ns", ns}, {"inner", inner.c_str()}, {}};
         request_ = filled(envelope, params);
-        path_ = path;
+        path_ = at;
         status_ = 0;
         is_over_ = is_connected_ = false;
         network_.run([&] { begin(); });
@@ -112,9 +118,14 @@ public:
         return judge(method);
     }
 
-    /// The clock of the device, from which tokens take their time.
-    void set_clock(uint64_t now) { ahead_ = static_cast<int64_t>(now - time_now()); }
+    /// The clock of the device, from which tokens take their time; 0 for ours. Until then calls have none: a device
+    /// refuses a token of another time, even for a call that is open.
+    void set_clock(uint64_t now) {
+        ahead_ = now != 0 ? static_cast<int64_t>(now - time_now()) : 0;
+        knows_clock_ = true;
+    }
 
+    std::string path = "/onvif/device_service";
     outcome result = outcome::ok;
     std::string why;
 
@@ -203,6 +214,7 @@ private:
     std::string host_;
     uint16_t port_ = 80;
     int64_t ahead_ = 0;
+    bool knows_clock_ = false;
     network network_;
     net::http_ctx* http_ = nullptr;
     std::string path_, request_;
@@ -235,14 +247,14 @@ uint64_t time_of(node* told) {
 }
 
 /// The path of the media service, at the address that the user has named: the device may know itself by another.
-std::string media_path(device& from, const std::string& device_path) {
-    const answer_t told = from.call(device_path, device_namespace, "GetCapabilities", "<Category>Media</Category>");
+std::string media_path(device& from) {
+    const answer_t told = from.call(from.path, device_namespace, "GetCapabilities", "<Category>Media</Category>");
     if (!told) return "";
     const std::string address =
         text_at(below(told->body, {"GetCapabilitiesResponse", "Capabilities", "Media"}), "XAddr");
     const size_t host = address.find("://");
     const size_t slash = host == address.npos ? address.npos : address.find('/', host + 3);
-    return slash == address.npos ? device_path : address.substr(slash);
+    return slash == address.npos ? from.path : address.substr(slash);
 }
 
 void print_profile(table& out, node* profile, const std::string& address) {
@@ -262,18 +274,16 @@ void print_profile(table& out, node* profile, const std::string& address) {
 }  // namespace
 
 outcome show_device(const device_options& settings, std::string& why) {
-    const std::string path = "/onvif/device_service";
     device asked(settings);
     const auto give_up = [&] {
         why = asked.why;
         return asked.result;
     };
-    const answer_t clock = asked.call(path, device_namespace, "GetSystemDateAndTime");
+    const answer_t clock = asked.call(asked.path, device_namespace, "GetSystemDateAndTime");
     if (!clock && asked.result == outcome::no_connection) return give_up();
-    const uint64_t now =
-        clock ? time_of(below(clock->body, {"GetSystemDateAndTimeResponse", "SystemDateAndTime", "UTCDateTime"})) : 0;
-    if (now != 0) asked.set_clock(now);
-    const std::string media = media_path(asked, path);
+    node* const told = clock ? clock->body : nullptr;
+    asked.set_clock(time_of(below(told, {"GetSystemDateAndTimeResponse", "SystemDateAndTime", "UTCDateTime"})));
+    const std::string media = media_path(asked);
     if (media.empty()) return give_up();
     const answer_t profiles = asked.call(media, media_namespace, "GetProfiles");
     if (!profiles) return give_up();
@@ -281,12 +291,14 @@ outcome show_device(const device_options& settings, std::string& why) {
     table out(settings.json, {20, 20, 18, 8, 0});
     for (int i = 0; i < roxml_get_chld_nb(all); ++i) {
         node* const each = roxml_get_chld(all, nullptr, i);
-        const char* const told = roxml_get_attr(each, "token");
-        const std::string token = coded(told ? told : "");
+        const char* const name = roxml_get_attr(each, "token");
+        const std::string token = coded(name ? name : "");
         const param_t params[] = {{"token", token.c_str()}, {}};
         const answer_t uri = asked.call(media, media_namespace, "GetStreamUri", filled(stream_setup, params));
-        if (!uri) return give_up();
-        print_profile(out, each, text_at(below(uri->body, {"GetStreamUriResponse", "MediaUri"}), "Uri"));
+        // A profile without pictures may have no stream.
+        if (!uri && asked.result != outcome::protocol_error) return give_up();
+        const std::string address = uri ? text_at(below(uri->body, {"GetStreamUriResponse", "MediaUri"}), "Uri") : "-";
+        print_profile(out, each, address);
     }
     return outcome::ok;
 }

@@ -231,8 +231,8 @@ class Discovery(CameraCase):
         match = json.loads(self.on(self.far, "node", "-e", script)[1])[0]["probeMatches"]["probeMatch"]
         self.assertEqual((match["endpointReference"]["address"], match["XAddrs"]), (found["endpoint"], xaddr))
         device = re.search(r"//(.*?)/", xaddr).group(1)
-        for password, status in ((PASSWORD, 0), ("wrong", 4)):
-            got, printed = self.on(self.far, *VIEWER, "onvif", "--json", device, "--user", USER, "--password", password)
+        for address, password, status in ((device, PASSWORD, 0), (xaddr, PASSWORD, 0), (device, "wrong", 4)):
+            got, printed = self.on(self.far, *VIEWER, "onvif", "--json", address, "--user", USER, "--password", password)
             self.assertEqual(got, status)
             self.assertEqual([json.loads(line)["address"] for line in printed.splitlines()],
                              [self.camera.url("live"), self.camera.url("jpeg")] * (status == 0))
