@@ -17,6 +17,15 @@ constexpr char discovery_group[] = "239.255.255.250";
 constexpr unsigned short discovery_port = 3702;
 constexpr uint32_t most_links = 10;
 
+struct dotted {
+    explicit dotted(const net_link_t& link) noexcept {
+        sockaddr_in address{};
+        address.sin_addr = link.address;
+        net_addr_ip(address, text, sizeof text);
+    }
+    char text[net_addr_size];
+};
+
 }  // namespace
 
 struct wsdd_ctx {
@@ -65,11 +74,8 @@ bool wsdd_ctx::open(const char* group, unsigned short port, const char* file, in
 /// Of the default interface the socket is a member already, where there is one.
 void wsdd_ctx::join(const char* group) noexcept {
     link_count = net_socket_get_links(links.data(), most_links);
-    for (uint32_t i = 0; i < link_count; ++i) {
-        char via[net_addr_size];
-        net_addr_ip({.sin_addr = links[i].address}, via, sizeof via);
-        socket_joinGroup(listen_fd, group, via);
-    }
+    for (uint32_t i = 0; i < link_count; ++i)
+        socket_joinGroup(listen_fd, group, dotted(links[i]).text);
 }
 
 bool wsdd_ctx::start() noexcept {
@@ -131,9 +137,7 @@ void net_wsdd_request(wsdd_t& d, const char* text) noexcept {
 void net_wsdd_announce(wsdd_t& d, const char* text) noexcept {
     bool is_sent = false;
     for (uint32_t i = 0; d.priv && i < d.priv->link_count; ++i) {
-        char via[net_addr_size];
-        net_addr_ip({.sin_addr = d.priv->links[i].address}, via, sizeof via);
-        if (!socket_multicastInterface(d.priv->send_fd, via)) continue;
+        if (!socket_multicastInterface(d.priv->send_fd, dotted(d.priv->links[i]).text)) continue;
         net_wsdd_request(d, text);
         is_sent = true;
     }

@@ -54,12 +54,16 @@ def token(password=PASSWORD, user=USER, age=0, nonce=None, kind="Digest", form="
             '</UsernameToken></Security>')
 
 
+def envelope(method, inner="", ns=MEDIA, header=""):
+    return (f'<s:Envelope xmlns:s="http://www.w3.org/2003/05/soap-envelope"><s:Header>{header}</s:Header><s:Body>'
+            f'<{method} xmlns="{ns}">{inner}</{method}></s:Body></s:Envelope>')
+
+
 class DeviceCase(CameraCase):
     def ask(self, method, inner="", ns=MEDIA, header="", service="media", opener=urllib.request.build_opener()):
         """Status and texts of the answer to a call."""
-        body = (f'<s:Envelope xmlns:s="http://www.w3.org/2003/05/soap-envelope"><s:Header>{header}</s:Header><s:Body>'
-                f'<{method} xmlns="{ns}">{inner}</{method}></s:Body></s:Envelope>')
-        request = urllib.request.Request(f"{self.camera.web}onvif/{service}_service", body.encode(),
+        body = envelope(method, inner, ns, header).encode()
+        request = urllib.request.Request(f"{self.camera.web}onvif/{service}_service", body,
                                          {"Content-Type": "application/soap+xml; charset=utf-8"})
         try:
             with opener.open(request, timeout=20) as answer:
@@ -236,6 +240,10 @@ class Discovery(CameraCase):
             self.assertEqual(got, status)
             self.assertEqual([json.loads(line)["address"] for line in printed.splitlines()],
                              [self.camera.url("live"), self.camera.url("jpeg")] * (status == 0))
+        printed = self.on(self.near, "curl", "-sS", "-H", "Content-Type: text/xml", "-d",
+                          envelope("GetNetworkInterfaces", ns=DEVICE, header=token()), xaddr)[1]
+        self.assertEqual(texts_of(printed)["HwAddress"][0] + "\n",
+                         self.on(self.near, "cat", "/sys/class/net/end/address")[1])
         self.assertEqual(self.on(self.near, *VIEWER, "discover", "--timeout", "1")[0], 7, "a host does not hear itself")
 
     def test_answers_the_probes_that_ask_for_it(self):

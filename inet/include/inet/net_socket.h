@@ -257,6 +257,9 @@ struct net_link_t {
 /// The selection of net_socket_get_if(). @return how many were written to `out`, `most` at the most
 INET_API uint32_t net_socket_get_links(net_link_t* out, uint32_t most) noexcept;
 
+/// Ethernet address of the interface that has that address. @return false where there is none
+INET_API bool net_socket_get_hardware(in_addr address, uint8_t out[6]) noexcept;
+
 /// The first text of net_socket_get_if(), for core_mfree(); null when there is none.
 INET_API char* net_hostip(const char* file, int line) noexcept;
 

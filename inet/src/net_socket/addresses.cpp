@@ -132,6 +132,10 @@ uint32_t net_socket_get_links(net_link_t* out, uint32_t most) noexcept {
     return room.count;
 }
 
+bool net_socket_get_hardware(in_addr address, uint8_t out[6]) noexcept {
+    return out && platform::hardware_address(address, std::span<uint8_t, 6>(out, 6));
+}
+
 char* net_hostip(const char* file, int line) noexcept {
     void** texts = list_interfaces(make_address_text, file, line);
     if (!texts) return nullptr;

@@ -1,6 +1,7 @@
 #include "platform/socket_api.h"
 #include "platform/windows_socket.h"
 
+#include <iphlpapi.h>
 #include <memory>
 #include <ws2tcpip.h>
 
@@ -49,6 +50,12 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_ad
         const in_addr mask = entry.iiNetmask.AddressIn.sin_addr;
         if (wanted && address.sin_family == AF_INET && !visit(arg, address, mask)) return;
     }
+}
+
+// The system tells its own address, too.
+bool hardware_address(in_addr of, std::span<uint8_t, 6> out) noexcept {
+    ULONG size = out.size();
+    return SendARP(of.s_addr, 0, out.data(), &size) == NO_ERROR && size == out.size();
 }
 
 // Here the system keeps one datagram for a host that does not answer, in no room of the socket's.

@@ -108,7 +108,12 @@ core::owned_text get_network_interfaces(const query_t& query) {
     for (uint32_t i = 0; i < count; ++i) {
         const core::owned_text address = whole(socket_get_ip(links[i].address, CORE_HERE));
         const core::owned_text token = whole(core_sprintf(CORE_HERE, "if%u", i));
+        uint8_t id[6];
+        core::owned_text info;
+        if (net_socket_get_hardware(links[i].address, id))
+            info = whole(core_sprintf(CORE_HERE, interface_info, id[0], id[1], id[2], id[3], id[4], id[5]));
         const param_t params[] = {{"token", static_cast<const char*>(token.get())},
+                                  {"info", static_cast<const char*>(info.get())},
                                   {"address", static_cast<const char*>(address.get())},
                                   {"prefix", int64_t{links[i].prefix}},
                                   {}};

@@ -65,6 +65,7 @@ inline constexpr char scope[] = R"(
 inline constexpr char network_interface[] = R"(
 <tds:NetworkInterfaces token="${token}">
   <tt:Enabled>true</tt:Enabled>
+  ${info}
   <tt:IPv4>
     <tt:Enabled>true</tt:Enabled>
     <tt:Config>
@@ -76,6 +77,13 @@ inline constexpr char network_interface[] = R"(
     </tt:Config>
   </tt:IPv4>
 </tds:NetworkInterfaces>
+)";
+
+/// Clients tell devices apart by it.
+inline constexpr char interface_info[] = R"(
+<tt:Info>
+  <tt:HwAddress>%02x:%02x:%02x:%02x:%02x:%02x</tt:HwAddress>
+</tt:Info>
 )";
 
 inline constexpr char hostname[] = R"(
