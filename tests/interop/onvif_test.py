@@ -12,7 +12,7 @@ import urllib.request
 from xml.parsers import expat
 from xml.sax.saxutils import escape
 
-from peers import ROOT, Camera, CameraCase, ffmpeg, free_group, has_namespaces, join_hosts, run
+from peers import ROOT, Camera, CameraCase, ffmpeg, free_group, has_namespaces, join_hosts, run, wait_for_link
 from player import Player
 from viewer import VIEWER
 
@@ -274,6 +274,7 @@ class Discovery(CameraCase):
         for host, command in ((self.far, "address add 10.81.10.2/24 dev side"), (self.far, "link set side up"),
                               (self.near, "link set side up")):
             run("ip", "-n", host, *command.split())
+        wait_for_link("side", self.near, self.far)
         script = os.path.join(os.path.dirname(__file__), "probe.py")
         with subprocess.Popen(["ip", "netns", "exec", self.far, "python3", script, "10.81.10.2"],
                               stdout=subprocess.PIPE, text=True) as listener:

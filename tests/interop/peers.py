@@ -147,6 +147,13 @@ def join_hosts(case, net):
         for command in (f"address add {net}.{number}/24 dev end", "link set lo up", "link set end up",
                         "route add 224.0.0.0/4 dev end"):
             run("ip", "-n", name, *command.split())
+    wait_for_link("end", case.near, case.far)
+
+
+def wait_for_link(name, *hosts):
+    """Until both of its ends are up, and the system has noticed, it drops what is sent."""
+    for host in hosts:
+        run("timeout", "10", "sh", "-c", f"until ip -n {host} link show {name} | grep -q 'state UP'; do sleep 0.01; done")
 
 
 class Failed(Exception):
