@@ -116,7 +116,7 @@ outcome find_devices(const device_options& settings, std::string& why) {
         why = "no socket for the search";
         return outcome::failed;
     }
-    table out(settings.json, {22, 22, 48, 0});
+    table out(settings.json, {20, 20, 48, 48, 40, 0});
     bool any = false;
     unsigned probes = 0;
     const uint64_t begin = core_timer();
