@@ -92,7 +92,7 @@ public:
         constexpr std::string_view scheme = "http://";
         if (host_.starts_with(scheme)) host_.erase(0, scheme.size());
         const size_t slash = std::min(host_.find('/'), host_.size());
-        if (slash < host_.size()) path = host_.substr(slash);
+        if (slash + 1 < host_.size()) path = host_.substr(slash);
         host_.resize(slash);
         const size_t colon = host_.find(':');
         if (colon == host_.npos) return;
