@@ -78,7 +78,7 @@ class DeviceCase(CameraCase):
 
 
 class Device(DeviceCase):
-    arguments = ("--http", "0", "--user", USER, "--password", PASSWORD, "--on-demand",
+    arguments = ("--http", "0", "--user", USER, "--password", PASSWORD, "--on-demand", "--threads", "2",
                  "--video", f"{ROOT}/apps/camera/clip/clip.h264", "--audio", f"{ROOT}/apps/camera/clip/clip.wav",
                  "--jpeg", f"{ROOT}/apps/camera/clip/clip_01.jpg", "--source", f"{HOSTILE}=rtsp://127.0.0.1:9/x")
 
