@@ -73,8 +73,9 @@ class DeviceCase(CameraCase):
                 return refused.code, texts_of(refused.read()) if "xml" in refused.headers["Content-Type"] else {}
 
     def stream_uri(self, name, stream="RTP-Unicast", protocol="RTSP"):
-        return self.ask("GetStreamUri", f"<StreamSetup><Stream>{stream}</Stream><Transport><Protocol>{protocol}</Protocol>"
-                        f"</Transport></StreamSetup><ProfileToken>{name}</ProfileToken>")[1]["Uri"][0]
+        setup = f"<Stream>{stream}</Stream><Transport><Protocol>{protocol}</Protocol></Transport>"
+        inner = f"<StreamSetup>{setup}</StreamSetup><ProfileToken>{name}</ProfileToken>"
+        return self.ask("GetStreamUri", inner)[1]["Uri"][0]
 
 
 class Device(DeviceCase):
@@ -112,8 +113,9 @@ class Device(DeviceCase):
                 (401, "", {}), (200, token(), {}), (200, once, {}), (400, once, {}),
                 (400, token(nonce=b"once", age=1), {}), (400, token("wrong"), {}), (400, token(user="other"), {}),
                 (400, token(age=310), {}), (200, token(age=280), {}), (400, token(age=-310), {}),
-                (200, token(age=-19800, form="%Y-%m-%dT%H:%M:%S+05:30"), {}), (200, token(form="%Y-%m-%dT%H:%M:%S"), {}),
-                (400, token(form="%Y-%m-%dT%H:%M:%S+05:30"), {}), (400, token(kind="Text"), {}), (400, "<Security><UsernameToken/></Security>", {}),
+                (200, token(age=-19800, form="%Y-%m-%dT%H:%M:%S+05:30"), {}),
+                (400, token(form="%Y-%m-%dT%H:%M:%S+05:30"), {}), (200, token(form="%Y-%m-%dT%H:%M:%S"), {}),
+                (400, token(kind="Text"), {}), (400, "<Security><UsernameToken/></Security>", {}),
                 (200, "", {"opener": digest})):
             with self.subTest(header):
                 got, texts = self.ask("GetProfiles", header=header, **more)
@@ -231,12 +233,12 @@ class Discovery(CameraCase):
         xaddr = f"{self.camera.web}onvif/device_service"
         self.assertEqual((status, found["name"], found["addresses"]), (0, "inet-camera", xaddr))
         script = ("const { Discovery } = require(process.env.INET_NPM + '/node_modules/onvif');"
-                  "Discovery.probe({ timeout: 2000, resolve: false }, (error, all) => console.log(JSON.stringify(all)))")
+                  "Discovery.probe({ timeout: 2000, resolve: false }, (e, all) => console.log(JSON.stringify(all)))")
         match = json.loads(self.on(self.far, "node", "-e", script)[1])[0]["probeMatches"]["probeMatch"]
         self.assertEqual((match["endpointReference"]["address"], match["XAddrs"]), (found["endpoint"], xaddr))
         device = re.search(r"//(.*?)/", xaddr).group(1)
-        for address, password, status in ((device, PASSWORD, 0), (xaddr, PASSWORD, 0), (device, "wrong", 4)):
-            got, printed = self.on(self.far, *VIEWER, "onvif", "--json", address, "--user", USER, "--password", password)
+        for address, word, status in ((device, PASSWORD, 0), (xaddr, PASSWORD, 0), (device, "wrong", 4)):
+            got, printed = self.on(self.far, *VIEWER, "onvif", "--json", address, "--user", USER, "--password", word)
             self.assertEqual(got, status)
             self.assertEqual([json.loads(line)["address"] for line in printed.splitlines()],
                              [self.camera.url("live"), self.camera.url("jpeg")] * (status == 0))

@@ -153,7 +153,8 @@ def join_hosts(case, net):
 def wait_for_link(name, *hosts):
     """Until both of its ends are up, and the system has noticed, it drops what is sent."""
     for host in hosts:
-        run("timeout", "10", "sh", "-c", f"until ip -n {host} link show {name} | grep -q 'state UP'; do sleep 0.01; done")
+        until_up = f"until ip -n {host} link show {name} | grep -q 'state UP'; do sleep 0.01; done"
+        run("timeout", "10", "sh", "-c", until_up)
 
 
 class Failed(Exception):
