@@ -53,6 +53,11 @@ struct host {
         return run(ip + " link set lo up && " + ip + " link set end up && " + ip + " address add " + address +
                    "/24 dev end && " + ip + " route add 224.0.0.0/4 dev end");
     }
+    /// What is sent before the kernel has seen both ends of the cable is lost.
+    void wait_for_the_cable() const {
+        while (!run("ip -n " + name + " link show end | grep -q 'state UP'"))
+            std::this_thread::yield();
+    }
 
     /// Sockets that are made in it are this host's for good.
     template <class Function>
@@ -115,6 +120,8 @@ TEST(Discovery, CrossesTheNetworkAndDoesNotHearItself) {
     if (!near.add() || !far.add()) GTEST_SKIP() << "network namespaces need root";
     ASSERT_TRUE(run("ip link add end netns " + near.name + " type veth peer name end netns " + far.name));
     ASSERT_TRUE(near.set_up("10.81.8.1") && far.set_up("10.81.8.2"));
+    near.wait_for_the_cable();
+    far.wait_for_the_cable();
     const test::network_thread network;
     discovery client, neighbour, device([](discovery&self) {
         net::net_wsdd_send(self.handle, "match", self.from);
