@@ -39,7 +39,7 @@ if(WIN32)
     # printf() as C has it.
     target_compile_definitions(inet_compile_options INTERFACE _WIN32_WINNT=0x0A00 UNICODE _UNICODE NOMINMAX
         WIN32_LEAN_AND_MEAN FD_SETSIZE=512 __USE_MINGW_ANSI_STDIO=1 _CRT_SECURE_NO_WARNINGS)
-    set(INET_SYSTEM_LIBRARIES ws2_32)
+    set(INET_SYSTEM_LIBRARIES ws2_32 iphlpapi)
 else()
     set(INET_SYSTEM_LIBRARIES ${CMAKE_DL_LIBS})
 endif()

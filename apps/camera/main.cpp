@@ -166,6 +166,7 @@ int serve(const camera::options& settings) {
     if (!settings.record.empty() && !kept.open(settings.record, settings.keep, station, why)) return fail(why.text);
     camera::web web(station, settings);
     if (played.names().size() > 1) web.show_in_place(paths[0], paths[1]);  // both of the clip
+    web.leave_out_aac(without_aac);
     media::rtmp_service_t* const rtmp = rtmp_service(settings);
     if (!station.add(rtsp, &why) || (settings.rtmp_port && !station.add(rtmp, &why)) ||
         (settings.http_port && !web.open(settings, *rtsp, rtmp, kept.names(), why)))

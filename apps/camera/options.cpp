@@ -85,8 +85,15 @@ std::span<const option> table() {
         {"--rtsp", "PORT", "RTSP port (8554); 0 takes a free one",
          [](options& o, std::string_view text) { return take_number(o.rtsp_port, text, 0, 65535); }},
         {"--http", "PORT|off",
-         "a page for browsers, JPEG pictures and the state (8080, unless another program has it); 0 takes a free port",
+         "a page for browsers, JPEG pictures, the state and ONVIF (8080, unless another program has it); 0 takes a "
+         "free port",
          [](options& o, std::string_view text) { return take_port(o.http_port, o.http_asked, text); }},
+        {"--discovery", "on|off",
+         "have ONVIF clients of the local network find the camera (on, where --bind and --http let them reach it)",
+         [](options& o, std::string_view text) {
+             o.discovery = text == "on";
+             return text == "on" || text == "off";
+         }},
         {"--rtmp", "PORT|off", "RTMP port (1935, unless another program has it); 0 takes a free one",
          [](options& o, std::string_view text) { return take_port(o.rtmp_port, o.rtmp_asked, text); }},
         {"--multicast", "GROUP[:PORT]", "offer RTP over UDP multicast, from this even port on (5004)", take_group},

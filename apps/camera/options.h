@@ -41,6 +41,7 @@ struct options {
     uint16_t rtsp_port = 8554;
     std::optional<uint16_t> http_port = uint16_t{8080};  ///< none: nothing is served over HTTP
     bool http_asked = false;                             ///< without its port the camera does not start
+    bool discovery = true;                               ///< by WS-Discovery, with HTTP
     std::optional<uint16_t> rtmp_port = uint16_t{1935};  ///< none: nothing is served over RTMP
     bool rtmp_asked = false;                             ///< without its port the camera does not start
     std::string multicast;                               ///< group; empty for no multicast

@@ -8,6 +8,7 @@
 #include "core/owned.h"
 #include "core/text.h"
 #include "inet/net_http_header.h"
+#include "media/discovery.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -120,7 +121,7 @@ bool web::open(const options& settings, const media::service& rtsp, const media:
                                  .user = text(settings.login.user),
                                  .password = text(settings.login.password),
                                  .stall = settings.stall});
-    bool complete = http_ && serve_all() && dash_.serve(*http_);
+    bool complete = http_ && serve_all() && dash_.serve(*http_) && serve_onvif(settings);
     for (const std::string& each : recorded)
         complete = complete && dash_.serve_recorded(*http_, each.c_str());
     if (!complete) {
@@ -128,9 +129,16 @@ bool web::open(const options& settings, const media::service& rtsp, const media:
         delete std::exchange(http_, nullptr);
         return false;
     }
-    if (station_.add(http_, &error)) return true;
+    if (station_.add(http_, &error)) return announce(settings, error);
     http_ = nullptr;
     return false;
+}
+
+bool web::announce(const options& settings, media::failure_t& error) {
+    if (!settings.discovery) return true;
+    media::service* const made = media::discovery_service(*device_);
+    if (!made) media::tell(&error, "no memory for the discovery");
+    return made && station_.add(made, &error);
 }
 
 bool web::serve_all() {
@@ -147,6 +155,19 @@ bool web::serve_all() {
         complete = complete && http_->serve(path.c_str(), document);
     }
     return complete;
+}
+
+bool web::serve_onvif(const options& settings) {
+    const bool has_user = !settings.login.user.empty();
+    device_.emplace(station_, *rtsp_,
+                    media::onvif::settings_t{.model = program_name,
+                                             .firmware = INET_VERSION,
+                                             .name = program_name,
+                                             .user = has_user ? settings.login.user.c_str() : nullptr,
+                                             .password = settings.login.password.c_str(),
+                                             .multicast = !settings.multicast.empty(),
+                                             .without_aac = without_aac_});
+    return (film_.empty() || device_->show_in_place(film_.c_str(), pictures_.c_str())) && device_->serve(*http_);
 }
 
 void web::on_health(void*, media::http_exchange& asked) { answer(asked, "text/plain; charset=utf-8", "ok\n"); }

@@ -7,18 +7,20 @@
 #include "core/time.h"
 #include "media/dash.h"
 #include "media/http_service.h"
+#include "media/onvif.h"
 #include "media/rtmp_service.h"
 #include "media/station.h"
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace camera {
 
-/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, and the streams as DASH; the JPEG pictures
-/// are the service's own. It lives as long as the station.
+/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, the streams as DASH, and ONVIF; the JPEG
+/// pictures are the service's own. It lives as long as the station.
 class web {
 public:
     web(media::station& station, const options& settings)
@@ -34,6 +36,8 @@ public:
         film_ = std::move(film);
         pictures_ = std::move(pictures);
     }
+    /// Tells of the stream whose AAC RTSP leaves out; null for none. Before open().
+    void leave_out_aac(const char* of) { without_aac_ = of; }
     /// After the station's start, and before its end. Nothing when it is not open.
     bool start(media::failure_t& error) { return port() == 0 || dash_.start(http_->port(), &error); }
     void stop() { dash_.stop(); }
@@ -47,6 +51,8 @@ private:
     static void on_metrics(void* arg, media::http_exchange& asked);
     static void on_health(void* arg, media::http_exchange& asked);
     bool serve_all();
+    bool serve_onvif(const options& settings);
+    bool announce(const options& settings, media::failure_t& error);
 
     struct service_state {
         const char* name;
@@ -59,9 +65,11 @@ private:
 
     media::station& station_;
     media::dash dash_;
+    std::optional<media::onvif> device_;
     const uint64_t started_ = time_now();  ///< tells the runs of the program apart
     std::string film_;
     std::string pictures_;
+    const char* without_aac_ = nullptr;
     const media::service* rtsp_ = nullptr;
     const media::rtmp_service_t* rtmp_ = nullptr;
     media::http_service_t* http_ = nullptr;

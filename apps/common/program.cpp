@@ -26,21 +26,24 @@ bool nothing_held(const char* program) {
     return core_mem_report(print, const_cast<char*>(program)) == 0;
 }
 
-/// A message of the library is the program's. What a peer has sent is shown as it is, but for what commands terminals and
-/// ends lines.
+/// A message of the library is the program's.
 void pass_on(void* program, const log_line_t* line) {
-    std::string shown;
-    for (std::string_view rest = line->text; !rest.empty();) {
-        uint32_t code = 0;
-        const size_t size = utf8_decode(rest.data(), rest.size(), &code);
-        const bool harmless = size > 0 && code >= ' ' && (code < 0x7f || code >= 0xa0);
-        shown += harmless ? rest.substr(0, size) : " ";
-        rest.remove_prefix(std::max<size_t>(size, 1));
-    }
-    complain(static_cast<const char*>(program), shown);
+    complain(static_cast<const char*>(program), showable(line->text));
 }
 
 }  // namespace
+
+std::string showable(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+        uint32_t code = 0;
+        const size_t size = utf8_decode(text.data(), text.size(), &code);
+        const bool harmless = size > 0 && code >= ' ' && (code < 0x7f || code >= 0xa0);
+        shown += harmless ? text.substr(0, size) : " ";
+        text.remove_prefix(std::max<size_t>(size, 1));
+    }
+    return shown;
+}
 
 std::vector<std::string> start(int argc, const char* const* argv) {
     platform::prepare_console();

@@ -1,5 +1,6 @@
 // inet-viewer: receives a stream over RTSP, RTMP or HTTP, writes it to files and tells how it came. What comes over
 // HTTP and is no stream is one file.
+#include "devices.h"
 #include "options.h"
 #include "platform/system.h"
 #include "program.h"
@@ -16,22 +17,8 @@
 
 namespace {
 
-/// How the program is called in its messages.
-constexpr const char* program_name = "inet-viewer";
-
-/// How a run ended, which is its exit status.
-enum class outcome : int {
-    ok = 0,                ///< as long as was asked for, or until Ctrl-C
-    failed = 1,            ///< no memory, no thread, or a fault of ours
-    usage = 2,             ///< the command line cannot be used
-    no_connection = 3,     ///< the server cannot be reached
-    refused = 4,           ///< user and password, or none, are not let in: 401, 403
-    not_found = 5,         ///< no such stream: 404
-    protocol_error = 6,    ///< the server answers with another status, with nonsense, or not at all
-    nothing_received = 7,  ///< everything was agreed upon but no media came, or none for one of the files
-    connection_lost = 8,   ///< media came, then the connection or the stream ended or went silent
-    cannot_write = 9,      ///< a file, or the standard output, cannot be written
-};
+using viewer::outcome;
+using viewer::program_name;
 
 struct ending {
     outcome what = outcome::ok;
@@ -220,6 +207,7 @@ int receive(const viewer::options& settings) {
 
 int main(int argc, char** argv) {
     const std::vector<std::string> arguments = apps::start(argc, argv);
+    if (viewer::is_about_devices(arguments)) return viewer::ask_devices(arguments);
     std::string error;
     const auto settings = viewer::parse_options(arguments, error);
     if (!settings) return fail({outcome::usage, error + "; see inet-viewer --help"});

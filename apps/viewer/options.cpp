@@ -130,8 +130,8 @@ const std::string* options::unfit_for_stream() const {
 
 std::string usage() {
     return "inet-viewer: receives a stream over RTSP, RTMP or HTTP, or a file over HTTP\n\nusage: inet-viewer "
-           "[OPTION]... "
-           "rtsp://...\n\n" +
+           "[OPTION]... rtsp://...\n       inet-viewer discover [OPTION]...    lists the ONVIF devices of the network\n"
+           "       inet-viewer onvif [OPTION]... HOST  lists the streams of one\n\n" +
            apps::describe_options(table()) + std::string(explanations);
 }
 

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr size_t block_size = 64;  // of MD5 and SHA-256 alike
+constexpr size_t block_size = 64;  // of all three hashes
 
 enum class order : uint8_t { little, big };
 
@@ -87,6 +87,41 @@ private:
     };
 };
 
+/// FIPS 180-4, section 6.1.
+class sha1 {
+public:
+    static constexpr order byte_order = order::big;
+    std::array<uint32_t, 5> state = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476, 0xc3d2e1f0};
+
+    void add_block(const uint8_t* block) noexcept {
+        uint32_t words[80];
+        for (size_t i = 0; i < 16; ++i)
+            words[i] = load<byte_order>(block + 4 * i);
+        for (size_t i = 16; i < 80; ++i)
+            words[i] = std::rotl(words[i - 3] ^ words[i - 8] ^ words[i - 14] ^ words[i - 16], 1);
+        auto [a, b, c, d, e] = state;
+        for (size_t i = 0; i < 80; ++i) {
+            const uint32_t sum = std::rotl(a, 5) + mix(i / 20, b, c, d) + e + constants[i / 20] + words[i];
+            e = d;
+            d = c;
+            c = std::rotl(b, 30);
+            b = a;
+            a = sum;
+        }
+        const std::array<uint32_t, 5> added = {a, b, c, d, e};
+        for (size_t i = 0; i < 5; ++i)
+            state[i] += added[i];
+    }
+
+private:
+    static uint32_t mix(size_t round, uint32_t x, uint32_t y, uint32_t z) noexcept {
+        if (round == 0) return z ^ (x & (y ^ z));
+        return round == 2 ? (x & y) ^ (x & z) ^ (y & z) : x ^ y ^ z;
+    }
+
+    static constexpr uint32_t constants[4] = {0x5a827999, 0x6ed9eba1, 0x8f1bbcdc, 0xca62c1d6};
+};
+
 /// FIPS 180-4, section 6.2.
 class sha256 {
 public:
@@ -142,7 +177,7 @@ private:
     };
 };
 
-/// Adds the rest of a message to a hash that took `before` bytes, whole blocks, and writes the digest. Both hashes pad
+/// Adds the rest of a message to a hash that took `before` bytes, whole blocks, and writes the digest. All hashes pad
 /// alike: a one bit, zeros, and the message's length in bits in the last eight bytes.
 template <class Hash>
 void finish(Hash hash, const void* data, size_t size, uint64_t before, uint8_t* out) noexcept {
@@ -207,6 +242,8 @@ char* common_md5(const char* text, const char* file, int line) noexcept {
     common_md5_bytes(text, std::strlen(text), digest);
     return core_strhex(digest, sizeof(digest), file, line);
 }
+
+void common_sha1(const void* data, size_t size, uint8_t out[20]) noexcept { finish(sha1(), data, size, 0, out); }
 
 void common_sha256(const void* data, size_t size, uint8_t out[32]) noexcept { finish(sha256(), data, size, 0, out); }
 

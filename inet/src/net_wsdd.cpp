@@ -5,6 +5,8 @@
 #include "core/owned.h"
 #include "inet/net_socket.h"
 
+#include <array>
+#include <cstdint>
 #include <utility>
 
 namespace net {
@@ -13,6 +15,16 @@ namespace {
 
 constexpr char discovery_group[] = "239.255.255.250";
 constexpr unsigned short discovery_port = 3702;
+constexpr uint32_t most_links = 10;
+
+struct dotted {
+    explicit dotted(const net_link_t& link) noexcept {
+        sockaddr_in address{};
+        address.sin_addr = link.address;
+        net_addr_ip(address, text, sizeof text);
+    }
+    char text[net_addr_size];
+};
 
 }  // namespace
 
@@ -23,6 +35,7 @@ struct wsdd_ctx {
     wsdd_ctx& operator=(const wsdd_ctx&) = delete;
 
     bool open(const char* group, unsigned short port, const char* file, int line) noexcept;
+    void join(const char* group) noexcept;
     bool start() noexcept;
     void stop() noexcept;
 
@@ -35,6 +48,8 @@ struct wsdd_ctx {
     int send_fd = -1;
     socket_ctx* listen_socket = nullptr;
     socket_ctx* send_socket = nullptr;
+    std::array<net_link_t, most_links> links{};
+    uint32_t link_count = 0;
     wsdd_receiver receiver;
     bool* is_gone = nullptr;  ///< of the event that is being handled
 };
@@ -52,7 +67,15 @@ bool wsdd_ctx::open(const char* group, unsigned short port, const char* file, in
     send_fd = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, file, line);
     net_socket_bind(listen_fd, group, port);
     net_udp_connect(send_fd, group, port);
+    join(group);
     return true;
+}
+
+/// Of the default interface the socket is a member already, where there is one.
+void wsdd_ctx::join(const char* group) noexcept {
+    link_count = net_socket_get_links(links.data(), most_links);
+    for (uint32_t i = 0; i < link_count; ++i)
+        socket_joinGroup(listen_fd, group, dotted(links[i]).text);
 }
 
 bool wsdd_ctx::start() noexcept {
@@ -109,6 +132,17 @@ void net_wsdd_request(wsdd_t& d, const char* text) noexcept {
     sockaddr_in to{};
     if (d.priv && net_addr_setup(to, discovery_group, discovery_port) == 0)
         net_udp_send_msg(d.priv->send_fd, text, &to);
+}
+
+void net_wsdd_announce(wsdd_t& d, const char* text) noexcept {
+    bool is_sent = false;
+    for (uint32_t i = 0; d.priv && i < d.priv->link_count; ++i) {
+        if (!socket_multicastInterface(d.priv->send_fd, dotted(d.priv->links[i]).text)) continue;
+        net_wsdd_request(d, text);
+        is_sent = true;
+    }
+    if (d.priv) socket_multicastInterface(d.priv->send_fd, "0.0.0.0");
+    if (!is_sent) net_wsdd_request(d, text);
 }
 
 }  // namespace net

@@ -286,6 +286,23 @@ int stream::ready() const noexcept {
     return any ? 1 : 0;
 }
 
+double stream::rate() const noexcept {
+    inside& in = *inside_;
+    const std::lock_guard held(in.lock);
+    uint32_t steps = 0;
+    const slot_t* newest = nullptr;
+    uint64_t span = 0;
+    for (uint64_t number = in.next; number != in.first; --number) {
+        const slot_t& each = in.slot(number - 1);
+        if (each.kind != kind_t::video) continue;
+        if (!newest) newest = &each;
+        if (each.gaps != newest->gaps || &each == newest) continue;
+        ++steps;
+        span = newest->frame.time - each.frame.time;
+    }
+    return span ? steps * 1e6 / static_cast<double>(span) : 0;
+}
+
 uint64_t stream::now() const noexcept {
     const std::lock_guard held(inside_->lock);
     return inside_->clock.at(core_timer());

@@ -14,13 +14,15 @@ TEST(Digest, AgreesWithOpenSslAtEveryLength) {
         std::vector<uint8_t> in(size);
         in.reserve(1);  // the other one takes no null
         std::ranges::generate(in, [&random] { return static_cast<uint8_t>(random()); });
-        uint8_t ours[80] = {}, theirs[80] = {};
+        uint8_t ours[100] = {}, theirs[100] = {};
         common_md5_bytes(in.data(), size, ours);
         common_sha256(in.data(), size, ours + 16);
         HMACsha256(in.data(), size / 2, in.data(), size, ours + 48);
+        common_sha1(in.data(), size, ours + 80);
         EVP_Digest(in.data(), size, theirs, nullptr, EVP_md5(), nullptr);
         EVP_Digest(in.data(), size, theirs + 16, nullptr, EVP_sha256(), nullptr);
         HMAC(EVP_sha256(), in.data(), static_cast<int>(size / 2), in.data(), size, theirs + 48, nullptr);
+        EVP_Digest(in.data(), size, theirs + 80, nullptr, EVP_sha1(), nullptr);
         ASSERT_TRUE(std::ranges::equal(ours, theirs)) << size;
 
         std::vector<uint8_t> coded((size + 2) / 3 * 4 + 1);

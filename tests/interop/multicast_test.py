@@ -2,34 +2,19 @@
 of one host would fight over the group's port."""
 import os
 import re
-import shutil
 import socket
-import subprocess
 import time
 import unittest
 
-from peers import FFMPEG, LIVE, Camera, CameraCase, free_group, run
+from peers import FFMPEG, LIVE, Camera, CameraCase, free_group, has_namespaces, join_hosts, run
 from player import Player
-
-
-def has_namespaces():
-    return shutil.which("ip") and subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode == 0
 
 
 @unittest.skipUnless(has_namespaces(), "network namespaces need root")
 class Multicast(CameraCase):
-    near, far = (f"inet-{name}-{os.getpid()}" for name in ("near", "far"))
-
     @classmethod
     def start_camera(cls):
-        for name in (cls.near, cls.far):
-            run("ip", "netns", "add", name)
-            cls.addClassCleanup(run, "ip", "netns", "del", name)
-        run("ip", "link", "add", "end", "netns", cls.near, "type", "veth", "peer", "name", "end", "netns", cls.far)
-        for number, name in enumerate((cls.near, cls.far), 1):
-            for command in (f"address add 10.81.7.{number}/24 dev end", "link set lo up", "link set end up",
-                            "route add 224.0.0.0/4 dev end"):
-                run("ip", "-n", name, *command.split())
+        join_hosts(cls, "10.81.7")
         return Camera("--bind", "10.81.7.1", "--multicast", "239.81.7.3", "--threads", "2", "--ttl", "3",
                       prefix=("ip", "netns", "exec", cls.near))
 

@@ -5,6 +5,7 @@ import hashlib
 import os
 import random
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -129,6 +130,31 @@ def free_group():
         except OSError:
             continue
         return f"239.255.{port >> 8}.{port & 255}:{port}"
+
+
+def has_namespaces():
+    return shutil.which("ip") and subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode == 0
+
+
+def join_hosts(case, net):
+    """Gives a class of cases two hosts with a cable between them: the namespaces `near`, NET.1, and `far`, NET.2."""
+    case.near, case.far = (f"inet-{name}-{net.split('.')[-1]}-{os.getpid()}" for name in ("near", "far"))
+    for name in (case.near, case.far):
+        run("ip", "netns", "add", name)
+        case.addClassCleanup(run, "ip", "netns", "del", name)
+    run("ip", "link", "add", "end", "netns", case.near, "type", "veth", "peer", "name", "end", "netns", case.far)
+    for number, name in enumerate((case.near, case.far), 1):
+        for command in (f"address add {net}.{number}/24 dev end", "link set lo up", "link set end up",
+                        "route add 224.0.0.0/4 dev end"):
+            run("ip", "-n", name, *command.split())
+    wait_for_link("end", case.near, case.far)
+
+
+def wait_for_link(name, *hosts):
+    """Until both of its ends are up, and the system has noticed, it drops what is sent."""
+    for host in hosts:
+        until_up = f"until ip -n {host} link show {name} | grep -q 'state UP'; do sleep 0.01; done"
+        run("timeout", "10", "sh", "-c", until_up)
 
 
 class Failed(Exception):

@@ -4,7 +4,7 @@
 #   symbols.sh SOURCE-DIR BUILD-DIR
 set -euo pipefail
 source_dir=$1 build_dir=$2
-system='KERNEL32|msvcrt|WS2_32|SHELL32|ADVAPI32|inet|inet-media'
+system='KERNEL32|msvcrt|WS2_32|IPHLPAPI|SHELL32|ADVAPI32|inet|inet-media'
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0

@@ -1,4 +1,4 @@
-/// MD5 (RFC 1321), SHA-256 (FIPS 180-4), HMAC-SHA-256 (RFC 2104), Base64 (RFC 4648) and random text. Any thread.
+/// MD5 (RFC 1321), SHA-1 and SHA-256 (FIPS 180-4), HMAC-SHA-256 (RFC 2104), Base64 (RFC 4648) and random text. Any thread.
 /// Returned texts are for the caller to release with core_mfree(); null for a null argument or when memory is out.
 /// Bytes may be null when their size is 0.
 #pragma once
@@ -12,6 +12,9 @@
 /// MD5 of bytes, and of a text as 32 lower-case hexadecimal digits.
 INET_API void common_md5_bytes(const void* data, size_t size, uint8_t out[16]) noexcept;
 INET_API char* common_md5(const char* text, const char* file, int line) noexcept;
+
+/// For protocols that demand it: it is no longer safe against forged twins.
+INET_API void common_sha1(const void* data, size_t size, uint8_t out[20]) noexcept;
 
 INET_API void common_sha256(const void* data, size_t size, uint8_t out[32]) noexcept;
 INET_API void HMACsha256(const void* key, size_t key_size, const void* data, size_t size, uint8_t out[32]) noexcept;

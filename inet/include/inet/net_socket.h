@@ -17,6 +17,7 @@
 #include "inet/sockaddr.h"
 
 #include <cstddef>
+#include <cstdint>
 
 /// The socket errors that callers tell apart. socket_get_error_code() returns these numbers, those of Winsock, on every
 /// system.
@@ -246,6 +247,18 @@ INET_API char** net_socket_get_if(const char* file, int line) noexcept;
 
 /// The same selection as copies of the interfaces' addresses (port 0), released the same way.
 INET_API sockaddr_in** net_socket_get_if_addr(const char* file, int line) noexcept;
+
+/// An interface of that selection.
+struct net_link_t {
+    in_addr address;
+    uint32_t prefix;  ///< leading bits that the hosts of its link have in common
+};
+
+/// The selection of net_socket_get_if(). @return how many were written to `out`, `most` at the most
+INET_API uint32_t net_socket_get_links(net_link_t* out, uint32_t most) noexcept;
+
+/// Ethernet address of the interface that has that address. @return false where there is none
+INET_API bool net_socket_get_hardware(in_addr address, uint8_t out[6]) noexcept;
 
 /// The first text of net_socket_get_if(), for core_mfree(); null when there is none.
 INET_API char* net_hostip(const char* file, int line) noexcept;

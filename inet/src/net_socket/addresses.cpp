@@ -4,6 +4,8 @@
 #include "core/owned.h"
 #include "core/text.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdio>
 
 using net::make_address;
@@ -40,7 +42,8 @@ struct interface_list {
 void** list_interfaces(void* (*make)(const sockaddr_in&, const char*, int), const char* file, int line) noexcept {
     interface_list list = {.make = make, .file = file, .line = line};
     platform::visit_interfaces(
-        [](void* arg, const sockaddr_in& address) { return static_cast<interface_list*>(arg)->add(address); }, &list);
+        [](void* arg, const sockaddr_in& address, in_addr) { return static_cast<interface_list*>(arg)->add(address); },
+        &list);
     if (!list.failed) return list.items;
     free_items(list.items);
     return nullptr;
@@ -111,6 +114,26 @@ char** net_socket_get_if(const char* file, int line) noexcept {
 
 sockaddr_in** net_socket_get_if_addr(const char* file, int line) noexcept {
     return reinterpret_cast<sockaddr_in**>(list_interfaces(make_address_copy, file, line));
+}
+
+uint32_t net_socket_get_links(net_link_t* out, uint32_t most) noexcept {
+    struct room_t {
+        net_link_t* out;
+        uint32_t most;
+        uint32_t count = 0;
+    } room{out, out ? std::min(most, max_interfaces) : 0};
+    const auto add = [](void* arg, const sockaddr_in& address, in_addr mask) {
+        auto& [links, size, count] = *static_cast<room_t*>(arg);
+        if (count < size)
+            links[count++] = {address.sin_addr, static_cast<uint32_t>(std::countl_one(ntohl(mask.s_addr)))};
+        return count < size;
+    };
+    platform::visit_interfaces(add, &room);
+    return room.count;
+}
+
+bool net_socket_get_hardware(in_addr address, uint8_t out[6]) noexcept {
+    return out && platform::hardware_address(address, std::span<uint8_t, 6>(out, 6));
 }
 
 char* net_hostip(const char* file, int line) noexcept {

@@ -6,7 +6,9 @@
 #include <ifaddrs.h>
 #include <memory>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <netdb.h>
+#include <netpacket/packet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,7 +34,7 @@ bool resolve(const char* host, in_addr& address) noexcept {
     return true;
 }
 
-void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept {
+void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_addr mask), void* arg) noexcept {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) return;
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> held(list, freeifaddrs);
@@ -41,8 +43,38 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void
         if (!wanted || !entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
         sockaddr_in address;
         std::memcpy(&address, entry->ifa_addr, sizeof address);
-        if (!visit(arg, address)) return;
+        sockaddr_in mask{};
+        if (entry->ifa_netmask) std::memcpy(&mask, entry->ifa_netmask, sizeof mask);
+        if (!visit(arg, address, mask.sin_addr)) return;
     }
+}
+
+bool hardware_address(in_addr of, std::span<uint8_t, 6> out) noexcept {
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) return false;
+    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> held(list, freeifaddrs);
+    const auto find = [&](sa_family_t family, auto is) {
+        const ifaddrs* at = list;
+        while (at && (!at->ifa_addr || at->ifa_addr->sa_family != family || !is(*at)))
+            at = at->ifa_next;
+        return at;
+    };
+    const ifaddrs* const known = find(AF_INET, [&](const ifaddrs& each) {
+        sockaddr_in address;
+        std::memcpy(&address, each.ifa_addr, sizeof address);
+        return address.sin_addr.s_addr == of.s_addr;
+    });
+    // An address may have a label: "eth0:1" is one of "eth0".
+    const size_t size = known ? std::strcspn(known->ifa_name, ":") : 0;
+    const ifaddrs* const card = find(AF_PACKET, [&](const ifaddrs& each) {
+        return known && std::strlen(each.ifa_name) == size && std::memcmp(each.ifa_name, known->ifa_name, size) == 0;
+    });
+    if (!card) return false;
+    sockaddr_ll address;
+    std::memcpy(&address, card->ifa_addr, sizeof address);
+    if (address.sll_hatype != ARPHRD_ETHER || address.sll_halen != out.size()) return false;
+    std::memcpy(out.data(), address.sll_addr, out.size());
+    return true;
 }
 
 // A line of the table (arp(7), proc(5)) is "10.0.0.7 0x1 0x0 00:00:00:00:00:00 * eth0"; flags of 0 are those of an

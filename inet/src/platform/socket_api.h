@@ -101,7 +101,10 @@ void print_address(in_addr address, char (&text)[net_addr_size]) noexcept;
 bool resolve(const char* host, in_addr& address) noexcept;
 
 /// Calls `visit` for every IPv4 interface that is up and not loopback, until it answers false.
-void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept;
+void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_addr mask), void* arg) noexcept;
+
+/// Ethernet address of the interface with that address. @return false where there is none
+bool hardware_address(in_addr of, std::span<uint8_t, 6> out) noexcept;
 
 /// Hosts of the neighbourhood whose hardware address the system asks for in vain, where it keeps what is sent to them
 /// until it gives up. @return how many; 0 where it does not, or does not tell

@@ -1,6 +1,7 @@
 #include "platform/socket_api.h"
 #include "platform/windows_socket.h"
 
+#include <iphlpapi.h>
 #include <memory>
 #include <ws2tcpip.h>
 
@@ -33,7 +34,7 @@ bool resolve(const char* host, in_addr& address) noexcept {
     return true;
 }
 
-void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void* arg) noexcept {
+void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_addr mask), void* arg) noexcept {
     constexpr size_t room = 64;  // with less than there are nothing is told at all
     const int fd = open_socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (fd < 0) return;
@@ -46,8 +47,15 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address), void
     for (const INTERFACE_INFO& entry : std::span(list).first(bytes / sizeof list[0])) {
         const bool wanted = (entry.iiFlags & IFF_UP) && !(entry.iiFlags & IFF_LOOPBACK);
         const sockaddr_in& address = entry.iiAddress.AddressIn;
-        if (wanted && address.sin_family == AF_INET && !visit(arg, address)) return;
+        const in_addr mask = entry.iiNetmask.AddressIn.sin_addr;
+        if (wanted && address.sin_family == AF_INET && !visit(arg, address, mask)) return;
     }
+}
+
+// The system tells its own address, too.
+bool hardware_address(in_addr of, std::span<uint8_t, 6> out) noexcept {
+    ULONG size = out.size();
+    return SendARP(of.s_addr, 0, out.data(), &size) == NO_ERROR && size == out.size();
 }
 
 // Here the system keeps one datagram for a host that does not answer, in no room of the socket's.

@@ -145,6 +145,10 @@ public:
     /// on_demand() no call runs. None of the three is called inside `wanted`.
     void on_demand(void (*wanted)(void* arg, int yes), void* arg, uint64_t linger) noexcept;
 
+    /// Pictures per second, by the media times of those that are held and came after the last gap; 0 where these are
+    /// fewer than two.
+    double rate() const noexcept;
+
     /// Media time of this moment, by the frames so far; 0 before the first.
     uint64_t now() const noexcept;
 
