@@ -176,7 +176,7 @@ public:
     void send_ack(sip_request& request);
     void cancel(sip_request& invite);
     void end(sip_request& request) noexcept;
-    sip_request* find_ours(std::string_view branch) noexcept;
+    sip_request* find_ours(std::string_view branch, std::string_view method) noexcept;
     sip_request* find_theirs(const sip::via_t& via, const char* method) noexcept;
     void answer(sip_request& request, unsigned status, std::string_view type = {}, std::string_view body = {});
     sip::text print_answer(const sip_account& account, const sip::header_t& header, unsigned status,
@@ -200,15 +200,30 @@ public:
     // requests.cpp
     void take_request(sip_account& account, sip::owned_header header, std::string_view body, unsigned fault,
                       const sockaddr_in& from);
+    void refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
+    sip_request& add_theirs(sip_account& account, sip::owned_header header, const char* method,
+                            const sockaddr_in& from);
+    void take_ack(sip_account& account, const sip::header_t& header, std::string_view body);
+    void take_invite(sip_request& request, std::string_view body);
+    void take_bye(sip_request& request);
+    void take_cancel(sip_request& request);
+    void take_info(sip_request& request, std::string_view body);
     // responses.cpp
-    void take_response(const sip_account& account, const sip::header_t& header, std::string_view head,
+    void take_response(sip_account& account, const sip::header_t& header, std::string_view head,
                        std::string_view body);
+    void take_challenge(sip_request& request, const sip::header_t& header, std::string_view head);
+    void take_provisional(sip_request& request, unsigned status);
+    void take_success(sip_request& request, const sip::header_t& header, std::string_view body);
+    void take_answer(sip_request& invite, const sip::header_t& header, std::string_view body);
+    void take_refusal(sip_request& request, unsigned status);
+    void complete(sip_request& request) noexcept;
     // calls.cpp
     sip_user* invite(sip_account& account, sip_session* session, const char* callee, void* arg,
                      sip_frame_callback callback);
     void accept(sip_user& user);
     void decline(sip_user& user);
-    void bye(sip_user& user, bool told = true);
+    void say_bye(sip_user& user);
+    void bye(sip_user& user);
     void dtmf(sip_session& session, unsigned code);
     void put_frame(sip_session& session, const av::frame_t& frame) noexcept;
     // presence.cpp
