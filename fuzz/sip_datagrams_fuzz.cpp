@@ -6,7 +6,8 @@
 
 namespace {
 
-const uint32_t quiet = core_log_sink_add("console,error", [](void*, const log_line_t*) {}, nullptr);
+const uint32_t quiet = core_log_sink_add(
+    "console,error", [](void*, const log_line_t*) {}, nullptr);
 
 }  // namespace
 

@@ -1,13 +1,14 @@
 // The SIP agent fed the bytes of a TCP connection, in pieces as long as the first byte says: the same is answered and
 // told however they are cut.
 #include "fuzz.h"
+#include "sip/framing.h"
 
 #include "inet/sip_owner.h"
-#include "sip/framing.h"
 
 namespace {
 
-const uint32_t quiet = core_log_sink_add("console,error", [](void*, const log_line_t*) {}, nullptr);
+const uint32_t quiet = core_log_sink_add(
+    "console,error", [](void*, const log_line_t*) {}, nullptr);
 
 std::string story(std::string_view input, size_t piece) {
     test::sip_owner owner(net::sip_tcp);

@@ -1,9 +1,9 @@
 // The SIP agent on sockets: two agents that call each other through a switch, and sipp as the other end.
-#include "inet/sip_peers.h"
 #include "support/program.h"
 
 #include "avc/fcc.h"
 #include "common/h264.h"
+#include "inet/sip_peers.h"
 
 #include <cstdlib>
 
@@ -73,13 +73,15 @@ TEST_P(NetSipCalls, PassOnEveryPictureAndSound) {
     EXPECT_TRUE(bob.waits("call2") && alice.waits("call2"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, NetSipCalls, testing::Values(way{net::sip_udp, false}, way{net::sip_udp, true}, way{net::sip_tcp, false}));
+INSTANTIATE_TEST_SUITE_P(Transports, NetSipCalls,
+                         testing::Values(way{net::sip_udp, false}, way{net::sip_udp, true}, way{net::sip_tcp, false}));
 
 /// Runs a scenario of sipp; the test fails when the other end does not keep to it.
 void play(const std::string& scenario, const std::string& arguments) {
     const test::scratch folder;
     test::run("cd " + folder / "" + " && timeout 60 sipp -sf " INET_TEST_SIP "/" + scenario +
-              ".xml -nostdin -trace_err -i 127.0.0.1 " + arguments + " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
+              ".xml -nostdin -trace_err -i 127.0.0.1 " + arguments +
+              " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
 }
 
 struct caller_row {

@@ -51,8 +51,9 @@ public:
         if (what == "digit") net_sip_dtmf(net_sip_user_session(party), 20);
     }
     std::string expand(std::string text) {
-        const std::string headers = "Via: SIP/2.0/UDP 10.0.0.9:5060;branch=z9hG4bKpeer\r\nMax-Forwards: 70\r\n"
-                                    "From: <sip:alice@10.0.0.1>;tag=atag\r\nTo: <sip:bob@10.0.0.1>\r\nCall-ID: c1\r\n";
+        const std::string headers =
+            "Via: SIP/2.0/UDP 10.0.0.9:5060;branch=z9hG4bKpeer\r\nMax-Forwards: 70\r\n"
+            "From: <sip:alice@10.0.0.1>;tag=atag\r\nTo: <sip:bob@10.0.0.1>\r\nCall-ID: c1\r\n";
         replace(text, "$H", headers);
         replace(text, "$B", last("branch=", ";"));
         replace(text, "$I", last("Call-ID: ", "\r"));

@@ -69,7 +69,7 @@ public:
     }
 
     bool answers = false, declines = false;
-    const char* calls = nullptr;  ///< whom, when registered; ends the call after a digit
+    const char* calls = nullptr;  ///< whom, when registered; ends the call when it is answered
     std::string video;            ///< of all pictures
 
 private:
@@ -79,10 +79,7 @@ private:
         if (event == net::sip_call_incoming) self.party_ = party;
         if (event == net::sip_call_incoming && self.answers) net_sip_accept(party, user, on_frame);
         if (event == net::sip_call_incoming && self.declines) net_sip_decline(party);
-        if (event == net::sip_call_answered && self.calls) {
-            net_sip_dtmf(net_sip_user_session(party), 5);
-            net_sip_bye(party);
-        }
+        if (event == net::sip_call_answered && self.calls) net_sip_bye(party);
         self.tell("call" + std::to_string(event));
     }
     static void on_account(void* user, void*, uint32_t event, const char*) {
@@ -129,7 +126,7 @@ private:
 };
 
 /// Answers REGISTER with 200, and hands everything else to the other one of two ends. Where it loses, it loses the first
-/// copy of every datagram.
+/// copy of every datagram, and doubles the next ones.
 class sip_switch {
 public:
     explicit sip_switch(int transport, bool loses = false) : tcp_(transport == net::sip_tcp), loses_(loses) {
@@ -189,11 +186,13 @@ private:
         if (loses_ && seen_.insert(bytes).second) return;
         ends_[net_addr_port(from)] = from;
         sockaddr_in to = from;
-        if (bytes.starts_with("REGISTER")) bytes = answer(bytes);
+        if (bytes.starts_with("REGISTER"))
+            bytes = answer(bytes);
         else
             for (const auto& [number, address] : ends_)
                 if (number != net_addr_port(from)) to = address;
-        ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+        for (int copies = loses_ ? 2 : 1; copies > 0; --copies)
+            ::sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
     }
     void pass_stream(int fd) {
         char room[65536];
@@ -208,7 +207,8 @@ private:
         for (sip::piece_t piece; (piece = sip::cut(held, false)).used > 0; held.erase(0, piece.used)) {
             std::string bytes = held.substr(0, piece.used);
             int to = fd;
-            if (bytes.starts_with("REGISTER")) bytes = answer(bytes);
+            if (bytes.starts_with("REGISTER"))
+                bytes = answer(bytes);
             else
                 for (const auto& [other, more] : streams_)
                     if (other != fd) to = other;
