@@ -162,8 +162,8 @@ TEST(NetSip, LivesThroughTortureMessages) {
     const std::filesystem::path folder(INET_TEST_TORTURE);
     if (!std::filesystem::is_directory(folder, missing)) GTEST_SKIP() << "no " << folder;
     for (const auto& file : std::filesystem::directory_iterator(folder)) {
-        SCOPED_TRACE(file.path());
-        const std::string message = test::read_file(file.path());
+        SCOPED_TRACE(file.path().string());
+        const std::string message = test::read_file(file.path().string());
         test::sip_owner udp, tcp(net::sip_tcp);
         udp.story.clear(), tcp.story.clear();
         udp.sip->take_datagram(*udp.account, message, udp.from);

@@ -134,8 +134,8 @@ INET_API void net_sip_accept(net::sip_user* party, void* arg, net::sip_frame_cal
 /// Answers an INVITE that waits with 486.
 INET_API void net_sip_decline(net::sip_user* party) noexcept;
 
-/// Ends a call: sends BYE, reports event 2 and frees the user. A call that we placed and nobody has answered gets CANCEL
-/// when no party is known yet. A call that waits for our answer gets 486.
+/// Ends a call: sends BYE, reports event 2 and frees the user. A call that we placed gets CANCEL
+/// while no answer has named the other end. A call that waits for our answer gets 486.
 INET_API void net_sip_bye(net::sip_user* party) noexcept;
 
 /// Sends a digit to every user of the session. @param code  as in sip_info::on_dtmf
