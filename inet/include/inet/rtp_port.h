@@ -14,6 +14,8 @@
 
 #include <cstdint>
 
+struct datagram_t;  // inet/net_socket.h
+
 namespace rtp {
 
 class Port;
@@ -50,6 +52,8 @@ public:
     /// The port for RTP; 0 before open().
     uint16_t port() const noexcept;
 
+    /// Sends packets from the RTP port. Those that the system does not take are lost.
+    void send(const datagram_t* packets, uint32_t count) noexcept;
     /// Sends a packet from the RTCP port.
     void send_rtcp(buffer_t packet, const sockaddr_in& to) noexcept;
     /// To be called about ten times a second: gives up packets that have been waited for too long.

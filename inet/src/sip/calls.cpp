@@ -1,0 +1,130 @@
+// Calls as the owner makes, takes and ends them, their digits and frames.
+#include "sip/agent.h"
+
+#include "avc/fcc.h"
+#include "common/digest.h"
+#include "core/time.h"
+
+#include <algorithm>
+
+namespace net {
+
+namespace {
+
+constexpr char sdp_type[] = "application/sdp";
+
+// The records stay until the next call into the agent: the channel that hands the frame over is one of them.
+void on_frame(void* arg, av::frame_t& frame) {
+    auto* const user = static_cast<sip_user*>(arg);
+    Sip& agent = *user->agent;
+    if (!user->frame || agent.closing) return;
+    ++agent.running;
+    user->frame(user->frame_arg, user, &frame);
+    --agent.running;
+}
+
+}  // namespace
+
+sip_user* Sip::invite(sip_account& account, sip_session* session, const char* callee, void* arg,
+                      sip_frame_callback callback) {
+    if (!account.connected || calls() >= sip::most_calls) return nullptr;
+    if (!session) {
+        const core::owned_text random(common_srand(16, file, line));
+        if (!random) throw std::bad_alloc();
+        session = &add_session(account, own_call_id(random.get()));
+    }
+    sip_user& user = add_user(*session, callee, {});
+    user.frame = callback;
+    user.frame_arg = arg;
+    try {
+        if (!user.media.open(info.nt, log, on_frame, &user)) {
+            drop(user);
+            return nullptr;
+        }
+        sip_request& request =
+            ask(account, *session, &user, "INVITE", sip::join({"Content-Type: ", sdp_type, "\r\n"}),
+                sip::print_offer(account.contact_address, user.media.audio_port(), user.media.video_port()));
+        user.invite = &request;
+        send(request);
+    } catch (const std::bad_alloc&) {
+        if (user.invite) end(*user.invite);
+        drop(user);
+        return nullptr;
+    }
+    return &user;
+}
+
+void Sip::accept(sip_user& user) {
+    sip_request* const request = user.invite;
+    if (!request || !request->incoming || request->answered) return;
+    sip_account& account = *user.account;
+    if (!user.media.open(info.nt, log, on_frame, &user)) {
+        request->user = nullptr;
+        guarded([&] { answer(*request, 486); });
+        tell(&user, sip_call_failed);
+        if (!user.gone) drop(user);
+        return;
+    }
+    user.media.start(sip::read_description(request->offer));
+    answer(
+        *request, 200, sdp_type,
+        sip::print_answer_sdp(account.user, account.contact_address, user.media.audio_port(), user.media.video_port()));
+    user.established = true;
+}
+
+void Sip::decline(sip_user& user) {
+    sip_request* const request = user.invite;
+    if (!request || !request->incoming || request->answered) return;
+    request->user = nullptr;
+    guarded([&] { answer(*request, 486); });
+    drop(user);
+}
+
+void Sip::say_bye(sip_user& user) {
+    sip_request* const waits = user.invite;
+    if (waits && waits->incoming && !waits->answered) {
+        waits->user = nullptr;
+        answer(*waits, 486);
+    } else if (waits && !waits->incoming && user.remote_tag.empty()) {
+        cancel(*waits);
+    } else {
+        send(ask(*user.account, *user.session, &user, "BYE", {}, {}));
+    }
+}
+
+void Sip::bye(sip_user& user) {
+    if (!user.session) {
+        core_log_print(log, "sip: no session in send_bye");
+        return;
+    }
+    // The user goes also when there is no memory to say so.
+    guarded([&] { say_bye(user); });
+    user.established = false;
+    user.media.stop();
+    tell(&user, sip_call_ended);
+    if (!user.gone) drop(user);
+}
+
+void Sip::dtmf(sip_session& session, unsigned code) {
+    constexpr std::string_view digits = "0123456789*#ABCD";
+    const bool plain = dtmf_mode == 0;
+    if (!plain && dtmf_mode != 1) return;
+    const std::string_view digit = digits.substr(std::min<size_t>(code, digits.size() - 1), 1);
+    for (sip_user* each : session.users) {
+        if (!each->established) continue;
+        sip::text body = plain ? sip::number_text(code) : sip::join({"Signal=", digit, "\r\nDuration=250"});
+        const std::string_view type = plain ? "application/dtmf" : "application/dtmf-relay";
+        send(ask(*each->account, session, each, "INFO", sip::join({"Content-Type: ", type, "\r\n"}), std::move(body)));
+    }
+}
+
+void Sip::put_frame(sip_session& session, const av::frame_t& frame) noexcept {
+    if (frame.fcc == av::fcc_h264 && packets.cut(&frame) == 0) return;
+    for (sip_user* each : session.users) {
+        if (!each->established) continue;
+        if (frame.fcc == av::fcc_h264) each->media.send_pictures(packets);
+        if (frame.fcc == av::fcc_pcmu) each->media.send_sound(frame);
+    }
+}
+
+}  // namespace net

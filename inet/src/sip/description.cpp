@@ -1,0 +1,137 @@
+// Offers and answers (RFC 3264). What a peer describes is read line by line, as the formats of one medium are a list
+// here, and the first of them may be one that we do not have.
+#include "scan.h"
+#include "sip/media.h"
+#include "sip/message.h"
+
+#include <algorithm>
+
+namespace sip {
+
+namespace {
+
+constexpr std::string_view blanks = " \t";
+
+/// The offer, between its numbers.
+constexpr std::string_view offer_head = "v=0\r\no=- 0 0 IN IP4 ";
+constexpr std::string_view offer_name = "\r\ns=Norvane-K\r\nc=IN IP4 ";
+constexpr std::string_view offer_audio = "\r\nt=0 0\r\nm=audio ";
+constexpr std::string_view offer_rtcp = " RTP/AVP 0 101\r\na=rtcp:";
+constexpr std::string_view offer_video =
+    "\r\na=rtpmap:0 PCMU/8000\r\na=rtpmap:101 telephone-event/8000\r\na=fmtp:101 0-16\r\nm=video ";
+constexpr std::string_view media_end = " RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=sendrecv\r\n";
+
+/// A medium while it is read.
+struct medium_t {
+    target_t* target = nullptr;  ///< null: of no interest
+    bool video = false;
+    std::string_view formats;
+    sockaddr_in address = {};
+    uint32_t port = 0;
+    uint32_t rtcp = 0;
+};
+
+bool has_format(std::string_view formats, uint32_t wanted) noexcept {
+    while (!formats.empty()) {
+        const std::string_view each = scan::take(formats, ' ');
+        if (!each.empty() && scan::number(each) == wanted) return true;
+    }
+    return false;
+}
+
+// A name is not looked up: that blocks.
+bool read_address(std::string_view value, sockaddr_in& address) noexcept {
+    if (!value.starts_with("IN IP4 ")) return false;
+    value = scan::trim(value.substr(7), blanks);
+    value = value.substr(0, value.find('/'));
+    char dotted[net_addr_size] = {};
+    const bool plain = value.find_first_not_of("0123456789.") == std::string_view::npos;
+    if (!plain || value.empty() || value.size() >= sizeof dotted) return false;
+    std::ranges::copy(value, dotted);
+    return net_addr_setup(address, dotted, 0) == 0;
+}
+
+class reader {
+public:
+    described_t read(std::string_view text) noexcept {
+        while (!text.empty()) {
+            std::string_view line = scan::trim(scan::take(text, '\n'), "\r");
+            if (line.size() > 2 && line[1] == '=') take(line[0], line.substr(2));
+        }
+        finish();
+        return described_;
+    }
+
+private:
+    void take(char type, std::string_view value) noexcept {
+        if (type == 'm') start(value);
+        if (type == 'c') read_address(value, in_medium_ ? medium_.address : session_);
+        if (type == 'a' && medium_.target) attribute(value);
+    }
+
+    void start(std::string_view value) noexcept {
+        finish();
+        in_medium_ = true;
+        medium_ = {};
+        medium_.address = session_;
+        const std::string_view kind = scan::take(value, ' ');
+        medium_.port = scan::decimal(scan::take(value, ' '));
+        scan::take(value, ' ');  // RTP/AVP, or a profile that is taken for it
+        medium_.formats = value;
+        medium_.video = kind == "video";
+        if (kind == "audio" && !described_.audio.wanted) medium_.target = &described_.audio;
+        if (medium_.video && !described_.video.wanted) medium_.target = &described_.video;
+        if (kind == "audio" && medium_.target) medium_.target->wanted = has_format(value, 0);
+    }
+
+    void attribute(std::string_view value) noexcept {
+        if (value.starts_with("rtcp:")) medium_.rtcp = scan::decimal(value.substr(5));
+        if (!medium_.video || medium_.target->wanted || !value.starts_with("rtpmap:")) return;
+        scan::pair map = scan::split(value.substr(7), ' ');
+        const uint32_t pt = scan::decimal(map.key);
+        const std::string_view name = scan::skip(map.value, blanks);
+        if (pt > 127 || !has_format(medium_.formats, pt) || !scan::same_name(name.substr(0, 10), "H264/90000")) return;
+        medium_.target->wanted = true;
+        medium_.target->pt = static_cast<uint8_t>(pt);
+    }
+
+    void finish() noexcept {
+        target_t* const target = medium_.target;
+        if (!target || !target->wanted) return;
+        target->wanted = medium_.port > 0 && medium_.port < 65535;
+        if (medium_.rtcp == 0 || medium_.rtcp > 65535) medium_.rtcp = medium_.port + 1;
+        target->rtp = target->rtcp = medium_.address;
+        target->rtp.sin_family = target->rtcp.sin_family = AF_INET;
+        target->rtp.sin_port = net_port(medium_.port);
+        target->rtcp.sin_port = net_port(medium_.rtcp);
+    }
+
+    static uint16_t net_port(uint32_t port) noexcept {
+        uint16_t out;
+        const uint8_t bytes[] = {static_cast<uint8_t>(port >> 8), static_cast<uint8_t>(port)};
+        std::copy_n(bytes, 2, reinterpret_cast<uint8_t*>(&out));
+        return out;
+    }
+
+    described_t described_;
+    sockaddr_in session_ = {};
+    medium_t medium_;
+    bool in_medium_ = false;
+};
+
+}  // namespace
+
+described_t read_description(std::string_view text) noexcept { return reader().read(text); }
+
+core::string print_offer(std::string_view address, uint32_t audio, uint32_t video) {
+    return join({offer_head, address, offer_name, address, offer_audio, number_text(audio), offer_rtcp,
+                 number_text(audio + 1), offer_video, number_text(video), media_end});
+}
+
+core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video) {
+    return join({"v=0\r\no=", user, " 0 0 IN IP4 ", address, "\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 ", address,
+                 "\r\nm=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\nm=video ",
+                 number_text(video), media_end});
+}
+
+}  // namespace sip
