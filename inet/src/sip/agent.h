@@ -23,9 +23,9 @@ namespace sip {
 
 inline constexpr uint64_t ms = 1000;
 inline constexpr uint64_t second = 1000 * ms;
-inline constexpr uint64_t t1 = 500 * ms;        // RFC 3261, 17.1.1.1
-inline constexpr uint64_t t2 = 4 * second;      // 17.1.2.1
-inline constexpr uint64_t t_end = 64 * t1;      // timers B, F, H and J
+inline constexpr uint64_t t1 = 500 * ms;    // RFC 3261, 17.1.1.1
+inline constexpr uint64_t t2 = 4 * second;  // 17.1.2.1
+inline constexpr uint64_t t_end = 64 * t1;  // timers B, F, H and J
 inline constexpr uint64_t ring_time = 180 * second;
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
@@ -63,11 +63,11 @@ struct sip_request {
     sip::text peer, remote_tag;  ///< whom it is for; the user may go before it is answered
     sip::text extra;             ///< fields of its own, as lines
     sip::text body;
-    sip::text ack;                         ///< INVITE with a final answer: goes out again when that comes again
+    sip::text ack;  ///< INVITE with a final answer: goes out again when that comes again
     const char* credentials_name = nullptr;
     sip::text credentials;
-    sip::text challenged;     ///< the answer that asked for them
-    bool doubted = false;     ///< that answer came again: a copy, or a refusal
+    sip::text challenged;      ///< the answer that asked for them
+    bool doubted = false;      ///< that answer came again: a copy, or a refusal
     bool provisional = false;  ///< an INVITE that was answered 1xx
     bool abandoned = false;    ///< an INVITE whose call we ended: a late 200 gets ACK and BYE
 
@@ -209,8 +209,7 @@ public:
     void take_cancel(sip_request& request);
     void take_info(sip_request& request, std::string_view body);
     // responses.cpp
-    void take_response(sip_account& account, const sip::header_t& header, std::string_view head,
-                       std::string_view body);
+    void take_response(sip_account& account, const sip::header_t& header, std::string_view head, std::string_view body);
     void take_challenge(sip_request& request, const sip::header_t& header, std::string_view head);
     void take_provisional(sip_request& request, unsigned status);
     void take_success(sip_request& request, const sip::header_t& header, std::string_view body);

@@ -66,9 +66,9 @@ void Sip::accept(sip_user& user) {
         return;
     }
     user.media.start(sip::read_description(request->offer));
-    answer(*request, 200, sdp_type,
-           sip::print_answer_sdp(account.user, account.contact_address, user.media.audio_port(),
-                                 user.media.video_port()));
+    answer(
+        *request, 200, sdp_type,
+        sip::print_answer_sdp(account.user, account.contact_address, user.media.audio_port(), user.media.video_port()));
     user.established = true;
 }
 

@@ -1,9 +1,8 @@
 // Offers and answers (RFC 3264). What a peer describes is read line by line, as the formats of one medium are a list
 // here, and the first of them may be one that we do not have.
+#include "scan.h"
 #include "sip/media.h"
 #include "sip/message.h"
-
-#include "scan.h"
 
 #include <algorithm>
 

@@ -67,7 +67,8 @@ sip_user* Sip::find_user(sip_session& session, const sip::header_t& header) noex
     const std::string_view ours = sip::tag_of(sip::field(header, "To"));
     if (!ours.empty() && ours != session.account->local_tag) return nullptr;
     for (sip_user* each : session.users)
-        if (!each->gone && !each->remote_tag.empty() && each->remote_tag == tag && (!each->established || !ours.empty()))
+        if (!each->gone && !each->remote_tag.empty() && each->remote_tag == tag &&
+            (!each->established || !ours.empty()))
             return each;
     for (sip_user* each : session.users)
         if (!each->gone && each->remote_tag.empty() && !ours.empty() && each->name == sip::user_of(from)) return each;
@@ -112,9 +113,8 @@ uint32_t Sip::calls() const noexcept {
 }
 
 uint32_t Sip::ringing() const noexcept {
-    return static_cast<uint32_t>(std::ranges::count_if(users, [](const auto& each) {
-        return !each->gone && !each->subscription && !each->established;
-    }));
+    return static_cast<uint32_t>(std::ranges::count_if(
+        users, [](const auto& each) { return !each->gone && !each->subscription && !each->established; }));
 }
 
 void Sip::tick(uint64_t now) noexcept {

@@ -177,8 +177,7 @@ void channel::tick(uint64_t now) noexcept {
     if (gathered_.picture && now - last_data_ > silence) deliver();
 }
 
-bool call_media::open(net::nt_ctx* nt, log_ctx* log, void (*taken)(void* arg, av::frame_t& frame),
-                      void* arg) noexcept {
+bool call_media::open(net::nt_ctx* nt, log_ctx* log, void (*taken)(void* arg, av::frame_t& frame), void* arg) noexcept {
     if (is_open()) return true;
     nt_ = nt;
     taken_ = taken;

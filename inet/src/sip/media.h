@@ -85,8 +85,8 @@ private:
     bool started_ = false;
     uint32_t first_time_ = 0;  ///< RTP time of the last frame
     int64_t ticks_ = 0;
-    uint64_t begun_ = 0;       ///< time_now() of the first frame
-    uint64_t last_data_ = 0;   ///< core_timer()
+    uint64_t begun_ = 0;      ///< time_now() of the first frame
+    uint64_t last_data_ = 0;  ///< core_timer()
 
     uint8_t piece_[160] = {};  ///< 20 ms of sound
     uint32_t held_ = 0;
@@ -110,8 +110,12 @@ public:
     void start(const described_t& described) noexcept;
     uint32_t audio_port() const noexcept { return audio_ ? audio_->port() : 0; }
     uint32_t video_port() const noexcept { return video_ ? video_->port() : 0; }
-    void send_pictures(rtp::Packets& packets) noexcept { if (video_) video_->send_pictures(packets); }
-    void send_sound(const av::frame_t& frame) noexcept { if (audio_) audio_->send_sound(frame); }
+    void send_pictures(rtp::Packets& packets) noexcept {
+        if (video_) video_->send_pictures(packets);
+    }
+    void send_sound(const av::frame_t& frame) noexcept {
+        if (audio_) audio_->send_sound(frame);
+    }
     void tick(uint64_t now) noexcept;
 
 private:

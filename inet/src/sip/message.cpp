@@ -68,14 +68,14 @@ constexpr reason_t reasons[] = {
     {606, "Not Acceptable"},
 };
 
-constexpr const char* methods[] = {"REGISTER",  "INVITE", "ACK",  "BYE",    "CANCEL",
-                                   "OPTIONS",   "SUBSCRIBE", "NOTIFY", "INFO", "MESSAGE"};
+constexpr const char* methods[] = {"REGISTER", "INVITE",    "ACK",    "BYE",  "CANCEL",
+                                   "OPTIONS",  "SUBSCRIBE", "NOTIFY", "INFO", "MESSAGE"};
 
 struct compact_t {
     std::string_view name, compact;
 };
 constexpr compact_t compacts[] = {
-    {"Via", "v"},          {"From", "f"},           {"To", "t"},      {"Call-ID", "i"}, {"Contact", "m"},
+    {"Via", "v"},          {"From", "f"},           {"To", "t"},    {"Call-ID", "i"}, {"Contact", "m"},
     {"Content-Type", "c"}, {"Content-Length", "l"}, {"Event", "o"},
 };
 
@@ -91,8 +91,10 @@ std::string_view skip_display(std::string_view address) noexcept {
     address = scan::skip(address, blanks);
     if (!address.starts_with('"')) return address;
     for (size_t i = 1; i < address.size(); ++i) {
-        if (address[i] == '\\') ++i;
-        else if (address[i] == '"') return address.substr(i + 1);
+        if (address[i] == '\\')
+            ++i;
+        else if (address[i] == '"')
+            return address.substr(i + 1);
     }
     return {};
 }
@@ -143,7 +145,8 @@ const char* known_method(std::string_view method) noexcept {
 
 owned_header read(std::string_view head) {
     core::string text(head.begin(), head.end());
-    for (size_t at = text.find("\r\n"); at != core::string::npos && at + 2 < text.size(); at = text.find("\r\n", at + 2)) {
+    for (size_t at = text.find("\r\n"); at != core::string::npos && at + 2 < text.size();
+         at = text.find("\r\n", at + 2)) {
         if (blanks.find(text[at + 2]) != std::string_view::npos) text[at] = text[at + 1] = ' ';
     }
     owned_header header(http_header_parse(text.data(), static_cast<unsigned>(text.size()), CORE_HERE));
@@ -212,10 +215,20 @@ std::string_view user_of(std::string_view address) noexcept {
     return at == std::string_view::npos ? std::string_view() : place.substr(0, at);
 }
 
+// A method, a target and a version, one blank between them (RFC 3261, 7.1).
+bool is_request_line(std::string_view head) noexcept {
+    head = head.substr(0, head.find('\r'));
+    return std::ranges::count(head, ' ') == 2 && head.substr(head.rfind(' ') + 1).starts_with("SIP/");
+}
+
 unsigned fault_of(const header_t& header) noexcept {
     if (!header.protocol) return 505;
     for (const std::string_view name : {"Via", "From", "To", "Call-ID"})
         if (field(header, name).empty()) return 400;
+    for (const std::string_view name : {"From", "To"})
+        if (skip_display(field(header, name)).empty()) return 400;  // a quotation mark without its other one
+    for (const std::string_view hole : {";;", ";,", ",,", ",;"})
+        if (field(header, "Via").find(hole) != std::string_view::npos) return 400;
     uint32_t number = 0;
     std::string_view method;
     if (!top_via(header).good || !read_cseq(header, number, method) || method != scan::text(header.method)) return 400;

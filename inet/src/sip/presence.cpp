@@ -39,8 +39,7 @@ void Sip::subscribe(sip_account& account, std::string_view user, bool wanted) {
     if (!party) party = &add_user(session, user, {});
     party->subscription = true;
     send(ask(account, session, party, "SUBSCRIBE",
-             sip::join({"Expires: ", wanted ? "3600" : "0",
-                        "\r\nEvent: presence\r\nAccept: application/pidf+xml\r\n"}),
+             sip::join({"Expires: ", wanted ? "3600" : "0", "\r\nEvent: presence\r\nAccept: application/pidf+xml\r\n"}),
              {}));
 }
 

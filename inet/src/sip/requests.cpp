@@ -1,7 +1,6 @@
 // What peers ask. Each request is kept with its answer until it cannot come again (RFC 3261, 17.2).
-#include "sip/agent.h"
-
 #include "scan.h"
+#include "sip/agent.h"
 
 #include "core/time.h"
 
@@ -144,9 +143,8 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
 void Sip::take_bye(sip_request& request) {
     core_con_printf(0, "связь остановлена");
     const std::string_view call_id = sip::field(*request.header, "Call-ID");
-    const bool known = std::ranges::any_of(sessions, [&](const auto& each) {
-        return each->account == request.account && each->call_id == call_id;
-    });
+    const bool known = std::ranges::any_of(
+        sessions, [&](const auto& each) { return each->account == request.account && each->call_id == call_id; });
     sip_session* session = find_session(*request.account, call_id);
     sip_user* user = session ? find_user(*session, *request.header) : nullptr;
     if (known && !session) return answer(request, 200);  // it was ended here, too
@@ -169,9 +167,10 @@ void Sip::take_bye(sip_request& request) {
 void Sip::take_cancel(sip_request& request) {
     core_con_printf(0, "связь прервана");
     sip_request* const invite = find_theirs(sip::top_via(*request.header), "INVITE");
-    const bool same = invite && sip::tag_of(sip::field(*invite->header, "From")) ==
-                                    sip::tag_of(sip::field(*request.header, "From")) &&
-                      sip::field(*invite->header, "Call-ID") == sip::field(*request.header, "Call-ID");
+    const bool same =
+        invite &&
+        sip::tag_of(sip::field(*invite->header, "From")) == sip::tag_of(sip::field(*request.header, "From")) &&
+        sip::field(*invite->header, "Call-ID") == sip::field(*request.header, "Call-ID");
     if (!same) return answer(request, 481);
     answer(request, 200);
     sip_user* const user = invite->user;
@@ -195,7 +194,8 @@ void Sip::take_info(sip_request& request, std::string_view body) {
     const bool digit = scan::same_name(type.substr(0, 16), "application/dtmf");
     if (!digit || !info.on_dtmf || closing) return;
     const bool passing = !user;
-    if (passing) user = &add_user(add_session(*request.account, sip::text(call_id)), sip::user_of(from), sip::tag_of(from));
+    if (passing)
+        user = &add_user(add_session(*request.account, sip::text(call_id)), sip::user_of(from), sip::tag_of(from));
     info.on_dtmf(info.user, user, sip::read_digit(type, body));
     if (passing && !user->gone) drop(*user);
 }

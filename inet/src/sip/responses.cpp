@@ -1,8 +1,7 @@
 // What peers answer.
-#include "sip/agent.h"
-
 #include "auth/challenge.h"
 #include "scan.h"
+#include "sip/agent.h"
 
 #include "core/text.h"
 #include "core/time.h"
@@ -36,8 +35,8 @@ core::owned_text answer_to(const sip_request& request, const sip::header_t& head
     auth::challenge challenge;
     if (offered && challenge.take(offered.get()))
         return challenge.answer(account.user, account.password, request.method, uri);
-    return core::owned_text(
-        net_http_authenticate(account.user.c_str(), account.password.c_str(), request.method, uri.c_str(), first, CORE_HERE));
+    return core::owned_text(net_http_authenticate(account.user.c_str(), account.password.c_str(), request.method,
+                                                  uri.c_str(), first, CORE_HERE));
 }
 
 }  // namespace

@@ -46,8 +46,7 @@ sip_request& Sip::ask(sip_account& account, sip_session& session, sip_user* user
     renew_branch(*made);
     sip_request& request = *made;
     requests.push_back(std::move(made));
-    core_log_print(log, "create dialog: %s, branch:%s ses:%s", method, request.branch.c_str(),
-                   session.call_id.c_str());
+    core_log_print(log, "create dialog: %s, branch:%s ses:%s", method, request.branch.c_str(), session.call_id.c_str());
     return request;
 }
 
@@ -63,12 +62,13 @@ void Sip::render(sip_request& request) {
     const bool tcp = account.transport == sip_tcp;
     const std::string_view whom = request.peer.empty() ? std::string_view(account.user) : request.peer;
     sip::text out = sip::join({request.method, " ", uri_of(request), " SIP/2.0\r\n"});
-    sip::put(out, "Via", {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", account.contact_address, ":", sip::number_text(port),
-                          ";branch=", request.branch, ";rport"});
+    sip::put(out, "Via",
+             {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", account.contact_address, ":", sip::number_text(port),
+              ";branch=", request.branch, ";rport"});
     sip::put(out, "Max-Forwards", {"70"});
     sip::put(out, "From", {"<sip:", account.user, "@", account.server, ">;tag=", account.local_tag});
-    sip::put(out, "To", {"<sip:", whom, "@", account.server, ">", request.remote_tag.empty() ? "" : ";tag=",
-                         request.remote_tag});
+    sip::put(out, "To",
+             {"<sip:", whom, "@", account.server, ">", request.remote_tag.empty() ? "" : ";tag=", request.remote_tag});
     put_contact(out, account);
     sip::put(out, "Call-ID", {request.session->call_id});
     sip::put(out, "CSeq", {sip::number_text(request.cseq), " ", request.method});
@@ -151,8 +151,9 @@ sip::text Sip::print_answer(const sip_account& account, const sip::header_t& hea
     char address[net_addr_size];
     net_addr_ip(from, address, sizeof address);
     sip::text out = sip::join({"SIP/2.0 ", sip::number_text(status), " ", sip::reason(status), "\r\n"});
-    sip::put(out, "Via", {"SIP/2.0/", via.transport, " ", via.host, ":", sip::number_text(via.port), ";branch=",
-                          via.branch, ";received=", address, ";rport=", sip::number_text(net_addr_port(from))});
+    sip::put(out, "Via",
+             {"SIP/2.0/", via.transport, " ", via.host, ":", sip::number_text(via.port), ";branch=", via.branch,
+              ";received=", address, ";rport=", sip::number_text(net_addr_port(from))});
     if (!via.others.empty()) sip::put(out, "Via", {via.others});
     bool first = true;
     for (value_t* const* each = header.fields; each && *each; ++each) {
@@ -187,7 +188,8 @@ void Sip::answer(sip_request& request, unsigned status, std::string_view type, s
     const uint64_t now = core_timer();
     request.ends_at = now + (request.answered ? sip::t_end : sip::ring_time);
     // Its ACK may be lost, or this (RFC 3261, 13.3.1.4 and 17.2.1).
-    const bool again = is_invite(request) && request.answered && (status < 300 || request.account->transport == sip_udp);
+    const bool again =
+        is_invite(request) && request.answered && (status < 300 || request.account->transport == sip_udp);
     request.interval = sip::t1;
     request.resend_at = again ? now + sip::t1 : 0;
     if (request.account->wire) request.account->wire->send(request.bytes, &request.from);
@@ -197,8 +199,7 @@ void Sip::resend(sip_request& request, uint64_t now) {
     const bool slow = !is_invite(request) || request.incoming;
     request.interval = slow ? std::min(2 * request.interval, sip::t2) : 2 * request.interval;
     request.resend_at = now + request.interval;
-    if (request.account->wire)
-        request.account->wire->send(request.bytes, request.incoming ? &request.from : nullptr);
+    if (request.account->wire) request.account->wire->send(request.bytes, request.incoming ? &request.from : nullptr);
 }
 
 void Sip::timed_out(sip_request& request) {

@@ -84,9 +84,7 @@ public:
         lost_ = true;
         tcp_->signal();  // who sends is at work on the account
     }
-    uint32_t local_port() const noexcept override {
-        return tcp_ ? net_addr_port(tcp_->local()) : 0;
-    }
+    uint32_t local_port() const noexcept override { return tcp_ ? net_addr_port(tcp_->local()) : 0; }
     bool is_up() const noexcept override { return tcp_ && tcp_->is_connected(); }
     void stop() noexcept override { net::Tcp::destroy(std::exchange(tcp_, nullptr)); }
 

@@ -1,0 +1,183 @@
+// The SIP agent on its messages: what it answers and tells, row by row.
+#include "support/files.h"
+#include "support/log_keeper.h"
+
+#include "inet/sip_owner.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr char invite[] = "INVITE sip:bob@10.0.0.1 SIP/2.0\r\n$HCSeq: 1 INVITE\r\nContent-Length: 0\r\n\r\n";
+constexpr char cancel[] = "CANCEL sip:bob@10.0.0.1 SIP/2.0\r\n$HCSeq: 1 CANCEL\r\n\r\n";
+
+/// A request in the call that `invite` began.
+std::string within(std::string method, std::string branch, std::string tag = "atag", std::string more = "\r\n") {
+    return method + " sip:bob@10.0.0.1 SIP/2.0\r\nv: SIP/2.0/UDP 10.0.0.9;branch=z9hG4bK" + branch +
+           "\r\nf: <sip:alice@10.0.0.1>;tag=" + tag + "\r\nt: <sip:bob@10.0.0.1>;tag=$T\r\ni: c1\r\nCSeq: 2 " + method +
+           "\r\n" + more;
+}
+
+/// An answer to what the agent asked last.
+std::string answer(std::string status, std::string method, std::string more = "") {
+    return "SIP/2.0 " + status +
+           " x\r\nVia: SIP/2.0/UDP 1.2.3.4:5062;branch=$B;received=7.7.7.7;rport=99\r\n"
+           "From: <sip:bob@10.0.0.1>;tag=$T\r\nTo: <sip:alice@10.0.0.1>;tag=far\r\nCall-ID: $I\r\nCSeq: $N " +
+           method + "\r\n" + more + "\r\n";
+}
+
+const std::string challenge = "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth,auth-int\"\r\n";
+const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
+
+struct row {
+    const char* name;
+    std::vector<std::string> steps;
+    const char* story;
+    const char* asked = "";  ///< stands in what was asked last
+};
+
+TEST(NetSip, AnswersAndTells) {
+    const row rows[] = {
+        {"registered", {answer("100", "REGISTER"), answer("200", "REGISTER")}, "call7|account0|"},
+        {"challenged",
+         {answer("401", "REGISTER", challenge), answer("200", "REGISTER")},
+         "REGISTER|account0|",
+         "CSeq: 1 REGISTER"},
+        {"doubled challenge",
+         {answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge), answer("200", "REGISTER")},
+         "REGISTER|account0|"},
+        {"refused",
+         {answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge + "X: 1\r\n")},
+         "REGISTER|call8|"},
+        {"refused alike",
+         {answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge), "!tick600"},
+         "REGISTER|call8|"},
+        {"unknown branch", {"SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP h;branch=z9hG4bKno\r\nCSeq: 1 REGISTER\r\n\r\n"}, ""},
+        {"resent", {"!tick600", "!tick900", "!tick200"}, "REGISTER|REGISTER|"},
+        {"refresh", {answer("200", "REGISTER"), "!tick31000"}, "account0|REGISTER|"},
+        {"rings", {invite, invite}, "SIP/2.0 180 Ringing|call1|SIP/2.0 180 Ringing|"},
+        {"taken",
+         {invite, "!accept", within("ACK", "a"), "!tick700", within("BYE", "b"), within("BYE", "b")},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|call2|SIP/2.0 200 OK|"},
+        {"lost ACK",
+         {invite, "!accept", "!tick600"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|"},
+        {"no ACK", {invite, "!accept", "!tick33000"}, "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|REGISTER|BYE|call2|"},
+        {"declined", {invite, "!decline"}, "SIP/2.0 180 Ringing|call1|SIP/2.0 486 Busy Here|"},
+        {"cancelled",
+         {invite, cancel, cancel},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 487 Request Terminated|call2|SIP/2.0 200 OK|"},
+        {"guessed tag",
+         {invite, "!accept", within("BYE", "b", "guess")},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 481 Call/Transaction Does Not Exist|"},
+        {"digit",
+         {invite, "!accept", within("INFO", "i", "atag", relay)},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|digit11|"},
+        {"options in a call",
+         {invite, "!accept", within("OPTIONS", "o"), within("BYE", "b")},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|SIP/2.0 200 OK|call2|"},
+        {"set up anew",
+         {invite, "!accept", within("ACK", "a"), within("INVITE", "again")},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|"},
+        {"unknown method", {within("PRACK", "p")}, ""},
+        {"contradiction", {"OPTIONS sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\n\r\n"}, "SIP/2.0 400 Bad Request|"},
+        {"short body",
+         {"OPTIONS sip:bob@h SIP/2.0\r\n$HCSeq: 1 OPTIONS\r\nContent-Length: 9\r\n\r\n"},
+         "SIP/2.0 400 Bad Request|"},
+        {"called",
+         {"!invite", answer("180", "INVITE"), answer("200", "INVITE"), answer("200", "INVITE"), "!bye"},
+         "INVITE|call6|ACK|call0|ACK|BYE|call2|"},
+        {"called, challenged",
+         {"!invite", answer("401", "INVITE", challenge), answer("486", "INVITE")},
+         "INVITE|INVITE|ACK|call5|",
+         "CSeq: 2 INVITE"},
+        {"called, nobody there", {"!invite", answer("404", "INVITE")}, "INVITE|ACK|call4|"},
+        {"no answer", {"!invite", "!tick33000"}, "INVITE|REGISTER|call4|"},
+        {"given up", {"!invite", "!bye"}, "INVITE|CANCEL|call2|"},
+        {"digits out",
+         {"!invite", answer("200", "INVITE"), "!mode1", "!digit"},
+         "INVITE|ACK|call0|INFO|",
+         "\r\n\r\nSignal=D\r\nDuration=250"},
+    };
+    for (const row& each : rows) {
+        SCOPED_TRACE(each.name);
+        test::sip_owner owner;
+        owner.story.clear();
+        for (const std::string& step : each.steps)
+            owner.feed(step);
+        EXPECT_EQ(owner.story, each.story);
+        EXPECT_NE(owner.asked.find(each.asked), std::string::npos) << owner.asked;
+    }
+}
+
+TEST(NetSip, WritesItsFieldsInOrder) {
+    test::sip_owner owner;
+    std::string names;
+    for (size_t at = owner.asked.find("\r\n") + 2; owner.asked[at] != '\r'; at = owner.asked.find("\r\n", at) + 2)
+        names += owner.asked.substr(at, owner.asked.find(':', at) - at) + " ";
+    EXPECT_EQ(names,
+              "Via Max-Forwards From To Contact Call-ID CSeq Allow Supported User-Agent Expires Content-Length ");
+    EXPECT_TRUE(owner.asked.starts_with("REGISTER sip:10.0.0.1 SIP/2.0\r\nVia: SIP/2.0/UDP "));
+    const test::log_keeper console("console");
+    owner.feed(answer("200", "REGISTER"));
+    EXPECT_EQ(console.lines, "console:sip: регистрация bob@10.0.0.1 успешна: 7.7.7.7 ");
+    EXPECT_EQ(owner.account->contact_port, "99");
+}
+
+TEST(NetSip, BoundsAFloodOfCalls) {
+    test::sip_owner owner;
+    for (int i = 0; i < 3000; ++i) {
+        std::string each = owner.expand(invite);
+        each.replace(each.find("peer"), 4, std::to_string(i));
+        each.replace(each.find("Call-ID: c1"), 11, "Call-ID: " + std::to_string(i));
+        owner.feed(each);
+    }
+    EXPECT_LE(owner.sip->requests.size(), sip::most_requests);
+    EXPECT_EQ(owner.sip->users.size(), sip::most_ringing);
+    owner.feed("!tick181000");
+    owner.feed("!tick33000");
+    EXPECT_EQ(owner.sip->users.size(), 0U);
+    EXPECT_EQ(owner.sip->sessions.size(), 2U);
+}
+
+struct torture {
+    std::string_view name;
+    const char* status;
+    bool waits = false;  ///< for more bytes, where they are a stream
+};
+
+constexpr torture answers[] = {
+    {"badinv01", "400"}, {"badvers", "505"},    {"bext01", "420"},   {"clerr", "400", true}, {"dblreq", "180"},
+    {"esc01", "180"},    {"insuf", "400"},      {"inv2543", "180"},  {"longreq", "180"},     {"ltgtruri", "400"},
+    {"lwsdisp", "200"},  {"lwsruri", "400"},    {"lwsstart", "400"}, {"mcl01", "400"},       {"mismatch01", "400"},
+    {"mpart01", "200"},  {"multi01", "400"},    {"ncl", "400"},      {"novelsc", "416"},     {"quotbal", "400"},
+    {"semiuri", "200"},  {"transports", "200"}, {"trws", "400"},     {"unkscm", "416"},      {"wsinv", "481"},
+};
+
+/// The messages of RFC 4475, where they are.
+TEST(NetSip, LivesThroughTortureMessages) {
+    std::error_code missing;
+    const std::filesystem::path folder(INET_TEST_TORTURE);
+    if (!std::filesystem::is_directory(folder, missing)) GTEST_SKIP() << "no " << folder;
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        SCOPED_TRACE(file.path());
+        const std::string message = test::read_file(file.path());
+        test::sip_owner udp, tcp(net::sip_tcp);
+        udp.story.clear(), tcp.story.clear();
+        udp.sip->take_datagram(*udp.account, message, udp.from);
+        for (uint32_t used = 1, at = 0; used && at < message.size() && tcp.account->wire; at += used)
+            used = tcp.sip->take_stream(*tcp.account, message.substr(at), tcp.from);
+        const auto expected = std::ranges::find(answers, file.path().stem().string(), &torture::name);
+        if (expected != std::end(answers)) {
+            EXPECT_TRUE(udp.story.starts_with("SIP/2.0 " + std::string(expected->status))) << udp.story;
+            EXPECT_TRUE(expected->waits || tcp.story.starts_with(udp.story)) << tcp.story;
+        }
+        udp.story.clear();
+        udp.feed("OPTIONS sip:bob@h SIP/2.0\r\n" + udp.expand("$H") + "CSeq: 9 OPTIONS\r\n\r\n");
+        EXPECT_EQ(udp.story, "SIP/2.0 200 OK|");
+    }
+}
+
+}  // namespace
