@@ -1,5 +1,6 @@
 #include "inet/net_sips.h"
 
+#include "sip/gateway.h"
 #include "sip/server.h"
 
 namespace {
@@ -28,3 +29,13 @@ void net_sipsrv_close(net::SipServer* server) noexcept {
     server->close();
     core::destroy(server);
 }
+
+net::Sips* net_sips_open(const net::sips_info* info, const char* file, int line) noexcept {
+    if (!info || !info->nt || !info->name || !info->server) return nullptr;
+    core::owned_object<net::Sips> made(core::create<net::Sips>(file, line, *info, file, line));
+    return made && made->open() ? made.release() : nullptr;
+}
+
+const net::SipServer* net_sips_server(const net::Sips* sips) noexcept { return sips ? sips->server() : nullptr; }
+
+void net_sips_close(net::Sips* sips) noexcept { core::destroy(sips); }

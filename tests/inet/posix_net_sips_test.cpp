@@ -48,4 +48,47 @@ TEST(SipServerPeers, SippCalls) {
     EXPECT_TRUE(boris.waits("call2"));
 }
 
+struct gateway_events : test::callback {
+    static void on_event(void* user, uint32_t event, const char*) {
+        if (event == net::sips_registered) run(user);
+    }
+};
+
+TEST(SipGateway, JoinsCallsBothWays) {
+    const exchange names;
+    test::sip_switch outside(net::sip_udp);
+    const unsigned port = test::free_port();
+    gateway_events registered;
+    const net::sips_info info{names.nt,
+                              names.users,
+                              port,
+                              "camera",
+                              nullptr,
+                              "127.0.0.1",
+                              outside.port,
+                              net::sip_udp,
+                              "world",
+                              &registered,
+                              gateway_events::on_event};
+    net::Sips* const gateway = net_sips_open(&info, CORE_HERE);
+    ASSERT_TRUE(registered.reaches(2));
+    {
+        test::sip_phone world("world", net::sip_udp, outside.port), anna("anna", net::sip_tcp, port),
+            boris("boris", net::sip_tcp, port);
+        ASSERT_TRUE(world.waits("account0") && anna.waits("account0") && boris.waits("account0"));
+        anna.answers = world.answers = true;
+        world.invite("camera");  // rings both
+        ASSERT_TRUE(world.waits("call0") && boris.waits("call1") && boris.waits("call2"));
+        world.put(av::fcc_pcmu, std::string(800, '\x55'), 1'600'000'000'000'000);
+        EXPECT_TRUE(anna.has_sound(640));
+        world.bye();
+        EXPECT_TRUE(anna.waits("call2"));
+        boris.invite("camera");
+        ASSERT_TRUE(boris.waits("call0") && world.waits("call1"));
+        world.bye();
+        EXPECT_TRUE(world.waits("call2"));
+    }
+    net_sips_close(gateway);
+}
+
 }  // namespace

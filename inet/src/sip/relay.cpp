@@ -41,11 +41,15 @@ relay::relay(value_t* const* users, const char* file, int line) : file_(file), l
     });
 }
 
-relay_user* relay::find(std::string_view address) noexcept {
-    const std::string_view name = user_of(address);
+relay_user* relay::find(std::string_view name) noexcept {
     const auto by = [](const relay_user* each) { return std::string_view(each->name); };
     const auto found = std::ranges::lower_bound(by_name_, name, {}, by);
     return found == by_name_.end() || by(*found) != name ? nullptr : *found;
+}
+
+bool relay::reaches(std::string_view name) noexcept {
+    const relay_user* const found = find(name);
+    return found && found->at;
 }
 
 void relay::bind(relay_user& user, party& to) noexcept {
@@ -96,7 +100,7 @@ uint32_t relay::take_message(party& from, std::string_view head, std::string_vie
         lose(from);
     } else if (header->method) {
         take_request(from, *header, head, body);
-    } else if (const relay_user* caller = find(field(*header, "From")); caller && caller->at) {
+    } else if (const relay_user* caller = find(user_of(field(*header, "From"))); caller && caller->at) {
         pass_on(*caller->at, head.substr(0, head.find("\r\n")), head, body);
     }
     return size;
@@ -104,13 +108,13 @@ uint32_t relay::take_message(party& from, std::string_view head, std::string_vie
 
 void relay::take_request(party& from, const header_t& header, std::string_view head, std::string_view body) {
     const std::string_view method = header.method;
-    relay_user* const sender = find(field(header, "From"));
+    relay_user* const sender = find(user_of(field(header, "From")));
     if (!sender) return answer(from, header, 404);
     if (method == "REGISTER") return take_register(from, *sender, header);
     if (method == "INVITE") return take_invite(from, *sender, header, head, body);
     if (method == "SUBSCRIBE") return take_subscribe(from, *sender, header);
     if (method != "ACK" && method != "BYE") return refuse(from, header, method);
-    const relay_user* const target = find(field(header, "To"));
+    const relay_user* const target = find(user_of(field(header, "To")));
     if (!target || !target->at) return answer(from, header, 480);
     forward(*target, method, head, body);
 }
@@ -129,7 +133,7 @@ void relay::take_invite(party& from, relay_user& sender, const header_t& header,
         bind(sender, from);
         core_log_print(log, "перерегистрация %s на порт %s:u", sender.name.c_str(), from.peer.c_str());
     }
-    const relay_user* const target = find(field(header, "To"));
+    const relay_user* const target = find(user_of(field(header, "To")));
     if (!target) return;
     if (!target->at) return answer(from, header, 480);
     answer(from, header, 100);

@@ -51,6 +51,9 @@ public:
     void expect(size_t parties) { waiting_.reserve(parties); }
     void forget(party& gone) noexcept;
 
+    /// Whether a user of that name is bound.
+    bool reaches(std::string_view name) noexcept;
+
     /// Parties that have got output or were lost since it was last cleared.
     core::vector<party*>& waiting() noexcept { return waiting_; }
 
@@ -65,7 +68,7 @@ private:
                      std::string_view body);
     void take_subscribe(party& from, relay_user& sender, const header_t& header);
     void refuse(party& from, const header_t& header, std::string_view method);
-    relay_user* find(std::string_view address) noexcept;
+    relay_user* find(std::string_view name) noexcept;
     void bind(relay_user& user, party& to) noexcept;
 
     // relay_output.cpp

@@ -67,20 +67,16 @@ void connection::on_tcp_closed(net::Tcp*, int) noexcept { server_.remove(*this);
 namespace net {
 
 SipServer::SipServer(nt_ctx* nt, value_t* const* users, const char* file, int line)
-    : nt_(nt), file_(file), line_(line), relay_(users, file, line) {}
+    : nt_(nt), file_(file), line_(line), relay_(users, file, line), ending_(nt, this, [](void* of) {
+          static_cast<SipServer*>(of)->shut_down();
+      }) {}
 
 bool SipServer::prepare() noexcept {
     relay_.log = core_log_create(file_, line_, "sip.server");
-    ended_ = _event_create(file_, line_);
-    end_ = net_nt_command_create(nt_, this, on_end);
-    return relay_.log && ended_ && end_;
+    return relay_.log && ending_.prepare(file_, line_);
 }
 
-SipServer::~SipServer() {
-    net_nt_command_destroy(end_);  // waits for its callback, which sets the event
-    _event_free(ended_);
-    core_log_free(relay_.log);
-}
+SipServer::~SipServer() { core_log_free(relay_.log); }
 
 void SipServer::listen(unsigned port) noexcept {
     if (net_tcp_create(listener_, nt_, file_, line_) != 0 ||
@@ -129,22 +125,10 @@ void SipServer::remove(sip::connection& gone) noexcept {
     std::erase_if(connections_, [&](const auto& each) { return each.get() == &gone; });
 }
 
-void SipServer::on_end(void* arg, command_ctx*) noexcept {
-    auto& self = *static_cast<SipServer*>(arg);
-    self.shut_down();
-    event_set(self.ended_);
-}
-
 void SipServer::shut_down() noexcept {
     net_tcp_close(listener_);
     while (!connections_.empty())
         remove(*connections_.back());
-}
-
-void SipServer::close() noexcept {
-    if (!net_nt_need_invoke(nt_)) return shut_down();
-    net_nt_command_exec(end_);
-    event_wait(ended_, event_infinite);
 }
 
 }  // namespace net

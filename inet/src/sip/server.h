@@ -1,11 +1,11 @@
 // The server: a listener and the connections of a relay.
 #pragma once
 
+#include "sip/ending.h"
 #include "sip/relay.h"
 
 #include "core/log.h"
 #include "core/owned.h"
-#include "core/thread.h"
 #include "inet/net_sips.h"
 #include "inet/net_tcp.h"
 
@@ -56,7 +56,9 @@ public:
     void listen(unsigned port) noexcept;
     unsigned port() const noexcept { return port_; }
     /// Shuts down on the network thread and waits for it.
-    void close() noexcept;
+    void close() noexcept { ending_.run(); }
+    /// Whether a user is bound. On the network thread.
+    bool reaches(std::string_view name) noexcept { return relay_.reaches(name); }
 
     // The connections' side.
     uint32_t take(sip::party& from, std::string_view bytes) noexcept { return relay_.take(from, bytes); }
@@ -66,18 +68,16 @@ public:
 
 private:
     static void on_accept(void* arg, int fd, const sockaddr_in* peer) noexcept;
-    static void on_end(void* arg, command_ctx*) noexcept;
     bool accept(int fd, const sockaddr_in& peer);
     void shut_down() noexcept;
 
     nt_ctx* const nt_;
     const char* const file_;
     const int line_;
-    event_ctx* ended_ = nullptr;
-    command_ctx* end_ = nullptr;
     tcp_ctx* listener_ = nullptr;
     unsigned port_ = 0;
     sip::relay relay_;
+    sip::ending ending_;
     core::vector<core::owned_object<sip::connection>> connections_;
 };
 
