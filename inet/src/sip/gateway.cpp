@@ -11,6 +11,7 @@ namespace net {
 namespace {
 
 constexpr unsigned usual_port = 5060;
+constexpr size_t most_late = 2 * sip::most_calls;
 
 struct value_list_deleter {
     void operator()(value_t** list) const noexcept { core_value_free(list); }
@@ -24,6 +25,7 @@ Sips::Sips(const sips_info& info, const char* file, int line)
           net_sip_close(std::exchange(self.agent_, nullptr));
           net_sipsrv_close(std::exchange(self.server_, nullptr));
       }) {
+    late_.reserve(most_late);
     name_ = info.name;
     password_ = scan::text(info.password);
     outside_server_ = info.server;
@@ -64,6 +66,11 @@ void Sips::register_accounts() noexcept {
 void Sips::on_call(void* arg, sip_user* party, uint32_t event) noexcept {
     auto& self = *static_cast<Sips*>(arg);
     if (!party) return;
+    const bool news = event != sip_call_incoming && event != sip_call_searching;
+    if (news && std::erase(self.late_, party) > 0) {
+        if (event == sip_call_ringing || event == sip_call_answered) net_sip_bye(party);
+        return;
+    }
     if (event == sip_call_incoming) self.take_call(*party);
     if (event == sip_call_answered) self.take_answer(*party);
     if (event == sip_call_ended || event == sip_call_failed || event == sip_call_busy || event == sip_call_unauthorized)
@@ -126,7 +133,7 @@ void Sips::take_answer(sip_user& party) noexcept {
     tell(sips_joined, net_sip_user_name(&party));
     net_sip_accept(call->caller, call, on_frame);
     for (sip_user* each : others)
-        if (each != &party) net_sip_bye(each);
+        if (each != &party) hang_up(*each);
 }
 
 void Sips::take_end(sip_user& party) noexcept {
@@ -142,10 +149,18 @@ void Sips::end(sip::bridge& call, const sip_user* gone) noexcept {
     const core::owned_object<sip::bridge> ended = std::move(*found);
     bridges_.erase(found);
     for (sip_user* each : ended->rung)
-        net_sip_bye(each);
+        hang_up(*each);
     for (sip_user* each : {ended->callee, ended->caller})
-        if (each != gone) net_sip_bye(each);
+        if (each && each != gone) hang_up(*each);
     tell(sips_ended, "");
+}
+
+/// A call that nobody has answered ends with CANCEL, which the relay refuses; with BYE, as soon as the other end is known
+/// (RFC 3261, 15).
+void Sips::hang_up(sip_user& party) noexcept {
+    const bool waits = party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late;
+    if (waits) return late_.push_back(&party);
+    net_sip_bye(&party);
 }
 
 sip::bridge* Sips::find(const sip_user& party) noexcept {

@@ -48,6 +48,7 @@ private:
     void take_answer(sip_user& party) noexcept;
     void take_end(sip_user& party) noexcept;
     void end(sip::bridge& call, const sip_user* gone) noexcept;
+    void hang_up(sip_user& party) noexcept;
     sip::bridge* find(const sip_user& party) noexcept;
     void tell(uint32_t event, const char* who) noexcept;
 
@@ -61,6 +62,7 @@ private:
     sip_account* outside_ = nullptr;
     sip_account* inside_ = nullptr;
     core::vector<core::owned_object<sip::bridge>> bridges_;
+    core::vector<sip_user*> late_;  ///< to be hung up when they ring: until then the relay cannot end their calls
     sip::ending ending_;
 };
 
