@@ -26,6 +26,8 @@ TEST(SipServerPeers, AgentsCallEachOther) {
     const unsigned port = net_sipsrv_port(between.server);
     test::sip_phone anna("anna", net::sip_tcp, port), boris("boris", net::sip_tcp, port);
     ASSERT_TRUE(anna.waits("account0") && boris.waits("account0"));
+    anna.subscribe("boris");
+    EXPECT_TRUE(anna.waits("account2"));
     boris.answers = true;
     anna.invite("boris");
     ASSERT_TRUE(anna.waits("call0") && boris.waits("call1"));
