@@ -76,12 +76,11 @@ TEST_P(NetSipCalls, PassOnEveryPictureAndSound) {
 INSTANTIATE_TEST_SUITE_P(Transports, NetSipCalls,
                          testing::Values(way{net::sip_udp, false}, way{net::sip_udp, true}, way{net::sip_tcp, false}));
 
-/// Runs a scenario of sipp; the test fails when the other end does not keep to it.
+/// Runs a scenario of sipp, with the keys behind its name; the test fails when the other end does not keep to it.
 void play(const std::string& scenario, const std::string& arguments) {
     const test::scratch folder;
     test::run("cd " + folder / "" + " && timeout 60 sipp -sf " INET_TEST_SIP "/" + scenario +
-              ".xml -nostdin -trace_err -i 127.0.0.1 " + arguments +
-              " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
+              " -nostdin -trace_err -i 127.0.0.1 " + arguments + " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
 }
 
 struct caller_row {
@@ -91,10 +90,10 @@ struct caller_row {
 };
 
 TEST(NetSipPeers, AreAnswered) {
-    const caller_row rows[] = {{"caller", true, false, "call2"},
-                               {"caller_cancels", false, false, "call2"},
-                               {"caller_declined", false, true, "call1"},
-                               {"caller_asks", false, false, ""}};
+    const caller_row rows[] = {{"caller.xml", true, false, "call2"},
+                               {"caller_cancels.xml", false, false, "call2"},
+                               {"caller_declined.xml", false, true, "call1"},
+                               {"caller_asks.xml", false, false, ""}};
     for (const caller_row& each : rows) {
         SCOPED_TRACE(each.scenario);
         test::sip_switch registrar(net::sip_udp);
@@ -115,10 +114,10 @@ struct callee_row {
 };
 
 TEST(NetSipPeers, AreCalled) {
-    const callee_row rows[] = {{"callee", net::sip_udp, "call2"},
-                               {"callee_busy", net::sip_udp, "call5"},
-                               {"callee_busy", net::sip_tcp, "call5"},
-                               {"callee_absent", net::sip_tcp, "call4"}};
+    const callee_row rows[] = {{"callee.xml", net::sip_udp, "call2"},
+                               {"callee_refuses.xml -key refusal '486 Busy Here'", net::sip_udp, "call5"},
+                               {"callee_refuses.xml -key refusal '486 Busy Here'", net::sip_tcp, "call5"},
+                               {"callee_refuses.xml -key refusal '404 Not Found'", net::sip_tcp, "call4"}};
     for (const callee_row& each : rows) {
         SCOPED_TRACE(each.scenario);
         const test::udp_socket taken;  // its number is free for both transports, nearly always

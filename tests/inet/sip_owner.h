@@ -28,6 +28,7 @@ public:
     ~sip_owner() {
         net_sip_close(sip);
         core_time_set_clock(nullptr);
+        core_log_sink_rem(quiet_);
     }
     sip_owner(const sip_owner&) = delete;
     sip_owner& operator=(const sip_owner&) = delete;
@@ -109,6 +110,8 @@ private:
         for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size()))
             text.replace(at, what.size(), by);
     }
+
+    const uint32_t quiet_ = core_log_sink_add("console", [](void*, const log_line_t*) {}, nullptr);
 };
 
 }  // namespace test

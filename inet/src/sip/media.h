@@ -74,7 +74,6 @@ private:
     const uint32_t fcc_;
     frame_taker& to_;
     log_ctx* log_ = nullptr;
-    bool opened_ = false;
     rtp::Port* port_ = nullptr;
     rtp::Rtp out_, in_;
     target_t target_;
