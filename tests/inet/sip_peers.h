@@ -41,6 +41,9 @@ public:
     void invite(const char* whom) {
         thread_.run([&] { party_ = net_sip_invite(account_, nullptr, whom, this, on_frame); });
     }
+    void subscribe(const char* whom) {
+        thread_.run([&] { net_sip_subscribe(account_, whom); });
+    }
     void digit(unsigned code) {
         thread_.run([&] { net_sip_dtmf(net_sip_user_session(party_), code); });
     }

@@ -77,6 +77,8 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
         core_con_printf(0, "sip: %s - не реализован", method);
         return;
     }
+    // That of a relay may name no way back: it is told, and cannot be answered.
+    if (is(method, "NOTIFY") && sip::field(*header, "Via").empty()) return take_notify(account, body);
     if (fault == 0) fault = sip::fault_of(*header);
     if (fault == 0 && requests.size() >= sip::most_requests) fault = 503;
     if (fault != 0) return refuse(account, *header, fault, from);
