@@ -14,10 +14,17 @@ constexpr char invite[] = "INVITE sip:bob@10.0.0.1 SIP/2.0\r\n$HCSeq: 1 INVITE\r
 constexpr char cancel[] = "CANCEL sip:bob@10.0.0.1 SIP/2.0\r\n$HCSeq: 1 CANCEL\r\n\r\n";
 
 /// A request in the call that `invite` began.
-std::string within(std::string method, std::string branch, std::string tag = "atag", std::string more = "\r\n") {
+std::string within(std::string method, std::string branch, std::string tag = "atag", std::string more = "\r\n",
+                   std::string number = "2") {
     return method + " sip:bob@10.0.0.1 SIP/2.0\r\nv: SIP/2.0/UDP 10.0.0.9;branch=z9hG4bK" + branch +
-           "\r\nf: <sip:alice@10.0.0.1>;tag=" + tag + "\r\nt: <sip:bob@10.0.0.1>;tag=$T\r\ni: c1\r\nCSeq: 2 " + method +
-           "\r\n" + more;
+           "\r\nf: <sip:alice@10.0.0.1>;tag=" + tag + "\r\nt: <sip:bob@10.0.0.1>;tag=$T\r\ni: c1\r\nCSeq: " + number +
+           " " + method + "\r\n" + more;
+}
+
+/// An OPTIONS outside of calls, with what stands for its Via and its Call-ID.
+std::string asks(std::string via, std::string call_id) {
+    return "OPTIONS sip:bob@h SIP/2.0\r\n" + via +
+           "\r\nFrom: <sip:a@h>;tag=a\r\nTo: <sip:bob@h>\r\nCall-ID: " + call_id + "\r\nCSeq: 1 OPTIONS\r\n\r\n";
 }
 
 /// An answer to what the agent asked last.
@@ -35,7 +42,7 @@ struct row {
     const char* name;
     std::vector<std::string> steps;
     const char* story;
-    const char* asked = "";  ///< stands in what was asked last
+    const char* said = "";  ///< stands in what was asked last, or sent last
 };
 
 TEST(NetSip, AnswersAndTells) {
@@ -81,6 +88,19 @@ TEST(NetSip, AnswersAndTells) {
         {"set up anew",
          {invite, "!accept", within("ACK", "a"), within("INVITE", "again")},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|"},
+        {"set up anew, an ACK lost",
+         {invite, "!accept", within("INVITE", "again"), within("ACK", "a", "atag", "\r\n", "1"), "!tick600"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|",
+         "CSeq: 2 INVITE"},
+        {"way back",
+         {asks("Via : SIP / 2.0/UDP h ;i=7;branch=z9hG4bKa, SIP/2.0/UDP b\r\nv\t: SIP/2.0/TCP c", "1")},
+         "SIP/2.0 200 OK|",
+         "Via: SIP/2.0/UDP h:5060;branch=z9hG4bKa;received=10.0.0.9;rport=5060;i=7\r\nVia: SIP/2.0/UDP b\r\n"
+         "Via: SIP/2.0/TCP c\r\nMax"},
+        {"without a branch of its own",
+         {asks("Via: SIP/2.0/UDP h;branch=z9hG4bK", "1"), asks("Via: SIP/2.0/UDP h;branch=z9hG4bK", "2")},
+         "SIP/2.0 200 OK|SIP/2.0 200 OK|",
+         "Call-ID: 2"},
         {"unknown method", {within("PRACK", "p")}, ""},
         {"contradiction", {"OPTIONS sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\n\r\n"}, "SIP/2.0 400 Bad Request|"},
         {"short body",
@@ -108,7 +128,8 @@ TEST(NetSip, AnswersAndTells) {
         for (const std::string& step : each.steps)
             owner.feed(step);
         EXPECT_EQ(owner.story, each.story);
-        EXPECT_NE(owner.asked.find(each.asked), std::string::npos) << owner.asked;
+        const std::string said = owner.asked + (owner.sent.empty() ? "" : owner.sent.back());
+        EXPECT_NE(said.find(each.said), std::string::npos) << said;
     }
 }
 

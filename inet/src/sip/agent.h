@@ -177,7 +177,7 @@ public:
     void cancel(sip_request& invite);
     void end(sip_request& request) noexcept;
     sip_request* find_ours(std::string_view branch, std::string_view method) noexcept;
-    sip_request* find_theirs(const sip::via_t& via, const char* method) noexcept;
+    sip_request* find_theirs(const sip::header_t& header, const char* method) noexcept;
     void answer(sip_request& request, unsigned status, std::string_view type = {}, std::string_view body = {});
     sip::text print_answer(const sip_account& account, const sip::header_t& header, unsigned status,
                            const sockaddr_in& from, std::string_view type, std::string_view body) const;

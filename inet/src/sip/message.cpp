@@ -79,13 +79,6 @@ constexpr compact_t compacts[] = {
     {"Content-Type", "c"}, {"Content-Length", "l"}, {"Event", "o"},
 };
 
-bool is_named(std::string_view said, std::string_view name) noexcept {
-    said = scan::trim(said, blanks);
-    if (scan::same_name(said, name)) return true;
-    const auto* compact = std::ranges::find(compacts, name, &compact_t::name);
-    return compact != std::end(compacts) && scan::same_name(said, compact->compact);
-}
-
 /// Behind a display name, in which any character may stand.
 std::string_view skip_display(std::string_view address) noexcept {
     address = scan::skip(address, blanks);
@@ -154,6 +147,13 @@ owned_header read(std::string_view head) {
     return header;
 }
 
+bool is_named(std::string_view said, std::string_view name) noexcept {
+    said = scan::trim(said, blanks);
+    if (scan::same_name(said, name)) return true;
+    const auto* compact = std::ranges::find(compacts, name, &compact_t::name);
+    return compact != std::end(compacts) && scan::same_name(said, compact->compact);
+}
+
 std::string_view field(const header_t& header, std::string_view name) noexcept {
     for (value_t* const* each = header.fields; each && *each; ++each)
         if (is_named((*each)->key, name)) return scan::trim(scan::text((*each)->value), blanks);
@@ -175,11 +175,35 @@ via_t top_via(const header_t& header) noexcept {
     const size_t colon = sent_by.starts_with('[') ? sent_by.find(':', sent_by.find(']')) : sent_by.find(':');
     via.host = scan::trim(sent_by.substr(0, colon), blanks);
     if (colon != std::string_view::npos) via.port = scan::decimal(sent_by.substr(colon + 1));
+    via.parameters = parameters;
     via.branch = parameter(parameters, "branch");
     via.received = parameter(parameters, "received");
     via.rport = parameter(parameters, "rport");
     via.good = !via.host.empty() && via.port <= 65535;
     return via;
+}
+
+// What else stands in the top Via goes back as well: proxies find their way by it (RFC 3261, 8.2.6.2).
+void put_vias(core::string& to, const header_t& header, std::string_view received, std::string_view rport) {
+    const via_t via = top_via(header);
+    core::string more;
+    for (std::string_view rest = via.parameters; !rest.empty();) {
+        const std::string_view each = scan::trim(scan::take(rest, ';'), blanks);
+        const std::string_view name = scan::trim(scan::split(each, '=').key, blanks);
+        const bool ours =
+            scan::same_name(name, "branch") || scan::same_name(name, "received") || scan::same_name(name, "rport");
+        if (!name.empty() && !ours) more.append(";").append(each);
+    }
+    put(to, "Via",
+        {"SIP/2.0/", via.transport, " ", via.host, ":", number_text(via.port),
+         via.branch.empty() ? "" : ";branch=", via.branch, ";received=", received, ";rport=", rport, more});
+    if (!via.others.empty()) put(to, "Via", {via.others});
+    bool top = true;
+    for (value_t* const* each = header.fields; each && *each; ++each) {
+        if (!is_named((*each)->key, "Via")) continue;
+        if (!top) put(to, "Via", {scan::text((*each)->value)});
+        top = false;
+    }
 }
 
 bool read_cseq(const header_t& header, uint32_t& number, std::string_view& method) noexcept {
@@ -210,6 +234,9 @@ std::string_view place_of(std::string_view address) noexcept {
 }
 
 std::string_view user_of(std::string_view address) noexcept {
+    std::string_view uri, parameters;
+    split_address(address, uri, parameters);
+    if (scan::same_name(uri.substr(0, 4), "tel:")) return plain_part(uri.substr(4, uri.find(';') - 4));
     const std::string_view place = place_of(address);
     const size_t at = place.find('@');
     return at == std::string_view::npos ? std::string_view() : place.substr(0, at);

@@ -29,6 +29,9 @@ const char* known_method(std::string_view method) noexcept;
 /// Reads a head with its continuation lines joined (RFC 3261, 7.3.1). Throws std::bad_alloc.
 owned_header read(std::string_view head);
 
+/// Whether a field is called so, in full or in its compact form.
+bool is_named(std::string_view said, std::string_view name) noexcept;
+
 /// Value of the first field of that name or its compact form; "" when it is missing.
 std::string_view field(const header_t& header, std::string_view name) noexcept;
 
@@ -37,16 +40,19 @@ struct via_t {
     std::string_view host;
     uint32_t port = 5060;
     std::string_view branch, received, rport;
+    std::string_view parameters;
     std::string_view others;  ///< the Vias behind it in the same field
     bool good = false;
 };
 /// The top Via. Its texts are the header's.
 via_t top_via(const header_t& header) noexcept;
+/// The fields Via of an answer, the top one with where its request came from. Throws std::bad_alloc.
+void put_vias(core::string& to, const header_t& header, std::string_view received, std::string_view rport);
 
 /// CSeq. @return false when it is none (RFC 3261, 8.1.1.5: a number below 2^31)
 bool read_cseq(const header_t& header, uint32_t& number, std::string_view& method) noexcept;
 
-/// Of From and To: the tag, what stands between "sip:" and '@', and "user@host".
+/// Of From and To: the tag, what stands between "sip:" and '@' or the number of "tel:", and "user@host".
 std::string_view tag_of(std::string_view address) noexcept;
 std::string_view user_of(std::string_view address) noexcept;
 std::string_view place_of(std::string_view address) noexcept;

@@ -67,8 +67,7 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     const char* const method = sip::known_method(scan::text(header->method));
     if (is(method, "REGISTER")) return;
     if (is(method, "ACK")) return take_ack(account, *header, body);
-    const sip::via_t via = sip::top_via(*header);
-    if (sip_request* const known = via.branch.empty() ? nullptr : find_theirs(via, method)) {
+    if (sip_request* const known = find_theirs(*header, method)) {
         if (account.wire && !known->bytes.empty()) account.wire->send(known->bytes, &from);
         return;
     }
@@ -96,20 +95,28 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
 
 // That of a refusal belongs to the INVITE, which has its branch; that of a 200 to the call.
 void Sip::take_ack(sip_account& account, const sip::header_t& header, std::string_view body) {
-    sip_request* const refused = find_theirs(sip::top_via(header), "INVITE");
+    core_con_printf(0, "связь установлена");
+    sip_request* const refused = find_theirs(header, "INVITE");
     if (refused && refused->status >= 300) {
         refused->resend_at = 0;
         return;
     }
-    core_con_printf(0, "связь установлена");
     sip_session* const session = find_session(account, sip::field(header, "Call-ID"));
     sip_user* const user = session ? find_user(*session, header) : nullptr;
-    if (!user || !user->invite || !user->invite->incoming || !user->invite->answered) return;
-    user->invite->resend_at = 0;
-    user->invite->user = nullptr;
+    if (!user) return;
+    uint32_t number = 0;
+    std::string_view ignored;
+    sip::read_cseq(header, number, ignored);
+    const auto same = std::ranges::find_if(requests, [&](const auto& each) {
+        return each->user == user && each->incoming && each->answered && each->cseq == number;
+    });
+    sip_request* const invite = same == requests.end() ? user->invite : same->get();
+    if (!invite || !invite->incoming || !invite->answered) return;
+    invite->resend_at = 0;
+    invite->user = nullptr;
+    if (user->invite == invite) user->invite = nullptr;
     // An INVITE without an offer is answered with one, which its ACK answers (RFC 3261, 13.2.1).
-    if (user->invite->offer.empty() && !body.empty()) user->media.start(sip::read_description(body));
-    user->invite = nullptr;
+    if (invite->offer.empty() && !body.empty()) user->media.start(sip::read_description(body));
 }
 
 void Sip::take_invite(sip_request& request, std::string_view body) {
@@ -168,7 +175,7 @@ void Sip::take_bye(sip_request& request) {
 // Both are answered (RFC 3261, 9.2): the CANCEL, and the INVITE that it cancels.
 void Sip::take_cancel(sip_request& request) {
     core_con_printf(0, "связь прервана");
-    sip_request* const invite = find_theirs(sip::top_via(*request.header), "INVITE");
+    sip_request* const invite = find_theirs(*request.header, "INVITE");
     const bool same =
         invite &&
         sip::tag_of(sip::field(*invite->header, "From")) == sip::tag_of(sip::field(*request.header, "From")) &&

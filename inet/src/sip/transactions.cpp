@@ -1,8 +1,8 @@
 // Requests: ours until they are answered, and those of peers until they cannot come again (RFC 3261, 17).
+#include "scan.h"
 #include "sip/agent.h"
 
 #include "common/digest.h"
-#include "core/text.h"
 #include "core/time.h"
 #include "inet/net_socket.h"
 
@@ -133,17 +133,23 @@ sip_request* Sip::find_ours(std::string_view branch, std::string_view method) no
 }
 
 // RFC 3261, 17.2.3. The ACK of a refusal and a CANCEL have the branch of their INVITE.
-sip_request* Sip::find_theirs(const sip::via_t& via, const char* method) noexcept {
+// Call-ID and number tell apart what old peers send without a branch of its own (17.2.3).
+sip_request* Sip::find_theirs(const sip::header_t& header, const char* method) noexcept {
+    const sip::via_t via = sip::top_via(header);
+    const std::string_view call_id = sip::field(header, "Call-ID");
+    uint32_t number = 0;
+    std::string_view ignored;
+    sip::read_cseq(header, number, ignored);
     const auto found = std::ranges::find_if(requests, [&](const auto& each) {
-        return !each->gone && each->incoming && each->branch == via.branch && each->sent_by == via.host &&
-               std::strcmp(each->method, method) == 0;
+        return !each->gone && each->incoming && each->cseq == number && each->branch == via.branch &&
+               each->sent_by == via.host && std::strcmp(each->method, method) == 0 &&
+               sip::field(*each->header, "Call-ID") == call_id;
     });
     return found == requests.end() ? nullptr : found->get();
 }
 
 sip::text Sip::print_answer(const sip_account& account, const sip::header_t& header, unsigned status,
                             const sockaddr_in& from, std::string_view type, std::string_view body) const {
-    const sip::via_t via = sip::top_via(header);
     const std::string_view to = sip::field(header, "To");
     const std::string_view place = sip::place_of(to);
     const std::string_view known_tag = sip::tag_of(to);
@@ -151,18 +157,9 @@ sip::text Sip::print_answer(const sip_account& account, const sip::header_t& hea
     char address[net_addr_size];
     net_addr_ip(from, address, sizeof address);
     sip::text out = sip::join({"SIP/2.0 ", sip::number_text(status), " ", sip::reason(status), "\r\n"});
-    sip::put(out, "Via",
-             {"SIP/2.0/", via.transport, " ", via.host, ":", sip::number_text(via.port), ";branch=", via.branch,
-              ";received=", address, ";rport=", sip::number_text(net_addr_port(from))});
-    if (!via.others.empty()) sip::put(out, "Via", {via.others});
-    bool first = true;
-    for (value_t* const* each = header.fields; each && *each; ++each) {
-        const bool is_via = core_strcasecmp((*each)->key, "Via") == 0 || core_strcasecmp((*each)->key, "v") == 0;
-        const bool routed = core_strcasecmp((*each)->key, "Record-Route") == 0;
-        if (is_via && !first) sip::put(out, "Via", {(*each)->value});
-        if (routed && status < 300) sip::put(out, "Record-Route", {(*each)->value});
-        first = first && !is_via;
-    }
+    sip::put_vias(out, header, address, sip::number_text(net_addr_port(from)));
+    for (value_t* const* each = header.fields; status < 300 && each && *each; ++each)
+        if (sip::is_named((*each)->key, "Record-Route")) sip::put(out, "Record-Route", {scan::text((*each)->value)});
     sip::put(out, "Max-Forwards", {"70"});
     sip::put(out, "From", {sip::field(header, "From")});
     sip::put(out, "Call-ID", {sip::field(header, "Call-ID")});
