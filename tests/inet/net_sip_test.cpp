@@ -28,14 +28,15 @@ std::string asks(std::string via, std::string call_id) {
 }
 
 /// An answer to what the agent asked last.
-std::string answer(std::string status, std::string method, std::string more = "") {
+std::string answer(std::string status, std::string method, std::string more = "", std::string tag = "far") {
     return "SIP/2.0 " + status +
            " x\r\nVia: SIP/2.0/UDP 1.2.3.4:5062;branch=$B;received=7.7.7.7;rport=99\r\n"
-           "From: <sip:bob@10.0.0.1>;tag=$T\r\nTo: <sip:alice@10.0.0.1>;tag=far\r\nCall-ID: $I\r\nCSeq: $N " +
-           method + "\r\n" + more + "\r\n";
+           "From: <sip:bob@10.0.0.1>;tag=$T\r\nTo: <sip:alice@10.0.0.1>;tag=" +
+           tag + "\r\nCall-ID: $I\r\nCSeq: $N " + method + "\r\n" + more + "\r\n";
 }
 
 const std::string challenge = "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth,auth-int\"\r\n";
+const std::string reliable = "Require: 100rel\r\nRSeq: 7\r\n";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
 struct row {
@@ -115,7 +116,24 @@ TEST(NetSip, AnswersAndTells) {
          "CSeq: 2 INVITE"},
         {"called, nobody there", {"!invite", answer("404", "INVITE")}, "INVITE|ACK|call4|"},
         {"no answer", {"!invite", "!tick33000"}, "INVITE|REGISTER|call4|"},
-        {"given up", {"!invite", "!bye"}, "INVITE|CANCEL|call2|"},
+        {"given up", {"!invite", "!bye", "!tick600", answer("100", "INVITE")}, "INVITE|call2|REGISTER|INVITE|CANCEL|"},
+        {"given up, ringing on",
+         {"!invite", answer("180", "INVITE"), "!bye", answer("401", "BYE", challenge), answer("200", "BYE"),
+          "!tick2100", answer("200", "CANCEL"), "!tick33000"},
+         "INVITE|call6|BYE|call2|BYE|REGISTER|CANCEL|REGISTER|"},
+        {"taken by two",
+         {"!invite", answer("200", "INVITE"), answer("200", "INVITE", "", "other"),
+          answer("200", "INVITE", "", "other"), answer("200", "BYE"), "!digit"},
+         "INVITE|ACK|call0|ACK|BYE|ACK|INFO|",
+         ">;tag=far\r\n"},
+        {"reliable progress",
+         {"!invite", answer("183", "INVITE", reliable), answer("183", "INVITE", reliable), answer("200", "PRACK"),
+          answer("200", "INVITE")},
+         "INVITE|PRACK|call6|call6|ACK|call0|",
+         "RAck: 7 1 INVITE\r\n"},
+        {"a digit refused",
+         {"!invite", answer("200", "INVITE"), "!digit", answer("415", "INFO"), "!bye"},
+         "INVITE|ACK|call0|INFO|BYE|call2|"},
         {"digits out",
          {"!invite", answer("200", "INVITE"), "!mode1", "!digit"},
          "INVITE|ACK|call0|INFO|",

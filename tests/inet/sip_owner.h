@@ -5,6 +5,7 @@
 
 #include "core/time.h"
 
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,8 +34,8 @@ public:
     sip_owner(const sip_owner&) = delete;
     sip_owner& operator=(const sip_owner&) = delete;
 
-    /// A message, in which $B stands for the branch and $N for the number of our last request, $T for our tag, $I for its
-    /// Call-ID and $H for "Via, From, To, Call-ID and Contact" of a peer; or an action of the owner: "!accept" and such.
+    /// A message, in which $B stands for the branch and $N for the number of our last request, of its method where it is
+    /// an answer, $T for our tag, $I for its Call-ID and $H for "Via, From, To, Call-ID and Contact" of a peer; or an action of the owner: "!accept" and such.
     void feed(std::string text) {
         if (!sip || !account) return;
         if (text.starts_with('!')) return act(text.substr(1));
@@ -56,25 +57,28 @@ public:
             "Via: SIP/2.0/UDP 10.0.0.9:5060;branch=z9hG4bKpeer\r\nMax-Forwards: 70\r\n"
             "From: <sip:alice@10.0.0.1>;tag=atag\r\nTo: <sip:bob@10.0.0.1>\r\nCall-ID: c1\r\n";
         replace(text, "$H", headers);
-        replace(text, "$B", last("branch=", ";"));
-        replace(text, "$I", last("Call-ID: ", "\r"));
-        replace(text, "$N", last("CSeq: ", " "));
+        const bool response = text.starts_with("SIP");
+        const std::string method = response ? between(text, "$N ", "\r") : "";
+        const std::string& to = response && asked_as.contains(method) ? asked_as[method] : asked;
+        replace(text, "$B", between(to, "branch=", ";"));
+        replace(text, "$I", between(to, "Call-ID: ", "\r"));
+        replace(text, "$N", between(to, "CSeq: ", " "));
         replace(text, "$T", account->local_tag.c_str());
         return text;
     }
-    /// Of the request that we sent last: what stands between two texts.
-    std::string last(const std::string& before, const std::string& behind) const {
-        const size_t at = asked.find(before);
+    static std::string between(const std::string& text, const std::string& before, const std::string& behind) {
+        const size_t at = text.find(before);
         if (at == std::string::npos) return "";
         const size_t begin = at + before.size();
-        return asked.substr(begin, asked.find(behind, begin) - begin);
+        return text.substr(begin, text.find(behind, begin) - begin);
     }
 
     net::Sip* sip = nullptr;
     net::sip_account* account = nullptr;
-    net::sip_user* party = nullptr;  ///< of the last call
-    std::string asked;               ///< the request that we sent last, but ACK
-    std::string story;               ///< first lines of what was sent, and events
+    net::sip_user* party = nullptr;               ///< of the last call
+    std::string asked;                            ///< the request that we sent last, but ACK
+    std::map<std::string, std::string> asked_as;  ///< the last of each method
+    std::string story;                            ///< first lines of what was sent, and events
     std::vector<std::string> sent;
     sockaddr_in from = {};
     static inline uint64_t now = 1'600'000'000'000'000;
@@ -85,7 +89,8 @@ private:
         void send(std::string_view bytes, const sockaddr_in*) noexcept override {
             owner.sent.emplace_back(bytes);
             owner.story += std::string(bytes.substr(0, bytes.find(bytes.starts_with("SIP") ? '\r' : ' '))) + "|";
-            if (!bytes.starts_with("SIP") && !bytes.starts_with("ACK")) owner.asked = bytes;
+            if (bytes.starts_with("SIP") || bytes.starts_with("ACK")) return;
+            owner.asked = owner.asked_as[std::string(bytes.substr(0, bytes.find(' ')))] = bytes;
         }
         uint32_t local_port() const noexcept override { return 5062; }
         bool is_up() const noexcept override { return true; }
@@ -111,7 +116,8 @@ private:
             text.replace(at, what.size(), by);
     }
 
-    const uint32_t quiet_ = core_log_sink_add("console", [](void*, const log_line_t*) {}, nullptr);
+    const uint32_t quiet_ = core_log_sink_add(
+        "console", [](void*, const log_line_t*) {}, nullptr);
 };
 
 }  // namespace test

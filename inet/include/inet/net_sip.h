@@ -134,11 +134,12 @@ INET_API void net_sip_accept(net::sip_user* party, void* arg, net::sip_frame_cal
 /// Answers an INVITE that waits with 486.
 INET_API void net_sip_decline(net::sip_user* party) noexcept;
 
-/// Ends a call: sends BYE, reports event 2 and frees the user. A call that we placed gets CANCEL
-/// while no answer has named the other end. A call that waits for our answer gets 486.
+/// Ends a call: sends BYE, reports event 2 and frees the user. A call that we placed gets CANCEL while no answer has
+/// named the other end, and when it goes on ringing after BYE. A call that waits for our answer gets 486.
 INET_API void net_sip_bye(net::sip_user* party) noexcept;
 
-/// Sends a digit to every user of the session. @param code  as in sip_info::on_dtmf
+/// Sends a digit to every user of the session. One that is refused ends no call, unless with 481 (event 4).
+/// @param code  as in sip_info::on_dtmf
 INET_API void net_sip_dtmf(net::sip_session* session, unsigned code) noexcept;
 
 /// Sends a frame to every user of the session: H.264 on the video channel, PCMU on the audio channel, in pieces of

@@ -23,9 +23,10 @@ namespace sip {
 
 inline constexpr uint64_t ms = 1000;
 inline constexpr uint64_t second = 1000 * ms;
-inline constexpr uint64_t t1 = 500 * ms;    // RFC 3261, 17.1.1.1
-inline constexpr uint64_t t2 = 4 * second;  // 17.1.2.1
-inline constexpr uint64_t t_end = 64 * t1;  // timers B, F, H and J
+inline constexpr uint64_t t1 = 500 * ms;          // RFC 3261, 17.1.1.1
+inline constexpr uint64_t t2 = 4 * second;        // 17.1.2.1
+inline constexpr uint64_t t_end = 64 * t1;        // timers B, F, H and J
+inline constexpr uint64_t bye_time = 2 * second;  // for the end of an INVITE after BYE; then CANCEL
 inline constexpr uint64_t ring_time = 180 * second;
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
@@ -70,6 +71,10 @@ struct sip_request {
     bool doubted = false;      ///< that answer came again: a copy, or a refusal
     bool provisional = false;  ///< an INVITE that was answered 1xx
     bool abandoned = false;    ///< an INVITE whose call we ended: a late 200 gets ACK and BYE
+    bool cancelled = false;
+    sip::text early, early_tag;  ///< the description in a 1xx, and whose it is
+    uint32_t reliable = 0;       ///< number of the 1xx that was acknowledged last (RFC 3262)
+    sip::text reliable_tag;      ///< and whose it was
 
     // A peer's
     bool incoming = false;
@@ -174,6 +179,8 @@ public:
     void render(sip_request& request);
     void send(sip_request& request);
     void send_ack(sip_request& request);
+    sip::text print_ack(const sip_request& invite, std::string_view tag);
+    void leave(sip_request& invite, std::string_view tag);
     void cancel(sip_request& invite);
     void end(sip_request& request) noexcept;
     sip_request* find_ours(std::string_view branch, std::string_view method) noexcept;
@@ -211,7 +218,9 @@ public:
     // responses.cpp
     void take_response(sip_account& account, const sip::header_t& header, std::string_view head, std::string_view body);
     void take_challenge(sip_request& request, const sip::header_t& header, std::string_view head);
-    void take_provisional(sip_request& request, unsigned status);
+    void take_provisional(sip_request& request, const sip::header_t& header, std::string_view body);
+    void acknowledge_provisional(sip_request& invite, const sip::header_t& header);
+    void take_again(sip_request& invite, unsigned status, std::string_view tag);
     void take_success(sip_request& request, const sip::header_t& header, std::string_view body);
     void take_answer(sip_request& invite, const sip::header_t& header, std::string_view body);
     void take_refusal(sip_request& request, unsigned status);

@@ -86,8 +86,10 @@ void Sip::say_bye(sip_user& user) {
         waits->user = nullptr;
         answer(*waits, 486);
     } else if (waits && !waits->incoming && user.remote_tag.empty()) {
-        cancel(*waits);
+        // Before the first answer CANCEL might overtake the INVITE (RFC 3261, 9.1): it follows that answer.
+        if (waits->provisional) cancel(*waits);
     } else {
+        if (waits && !waits->incoming) waits->ends_at = core_timer() + sip::bye_time;
         send(ask(*user.account, *user.session, &user, "BYE", {}, {}));
     }
 }

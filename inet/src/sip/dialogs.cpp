@@ -83,7 +83,7 @@ void Sip::drop(sip_user& user) noexcept {
     for (const auto& each : requests) {
         if (each->user != &user) continue;
         each->user = nullptr;
-        each->abandoned = each->abandoned || (!each->incoming && each->ack.empty());
+        each->abandoned = each->abandoned || (!each->incoming && each->ack.empty() && each.get() == user.invite);
         if (each->incoming && each->answered) each->resend_at = 0;
     }
     user.invite = nullptr;

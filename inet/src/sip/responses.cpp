@@ -54,18 +54,22 @@ void Sip::take_response(sip_account& account, const sip::header_t& header, std::
         return;
     }
     const unsigned status = header.status;
-    if (!request->ack.empty()) {  // the final answer came again: the ACK was lost
-        if (status >= 200 && account.wire) account.wire->send(request->ack, nullptr);
-        return;
-    }
     const std::string_view tag = sip::tag_of(sip::field(header, "To"));
+    if (!request->ack.empty()) return take_again(*request, status, tag);
     if (request->user && request->user->remote_tag.empty()) request->user->remote_tag = tag;
     if (is(*request, "INVITE") && request->remote_tag.empty()) request->remote_tag = tag;
 
     if (status == 401 || status == 407) return take_challenge(*request, header, head);
-    if (status < 200) return take_provisional(*request, status);
+    if (status < 200) return take_provisional(*request, header, body);
     if (status < 300) return take_success(*request, header, body);
     take_refusal(*request, status);
+}
+
+// The ACK was lost, or another one has taken the call as well.
+void Sip::take_again(sip_request& invite, unsigned status, std::string_view tag) {
+    if (status < 200 || !invite.account->wire) return;
+    if (status < 300 && tag != invite.remote_tag) return leave(invite, tag);
+    invite.account->wire->send(invite.ack, nullptr);
 }
 
 // An INVITE stays, for its final answer may come again; the ACK was made.
@@ -91,9 +95,9 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
                                  : answer_to(request, header, proxy ? "Proxy-Authenticate" : "WWW-Authenticate", uri);
     sip_user* const user = request.user;
     const bool invite = is(request, "INVITE");
-    if (!credentials || request.abandoned) {
+    if (!credentials || (invite && request.abandoned)) {
         core_log_print(log, "sip: Authentication failed");
-        if (!request.abandoned) tell(user, sip_call_unauthorized);
+        if (is(request, "REGISTER") || is(request, "SUBSCRIBE") || (invite && user)) tell(user, sip_call_unauthorized);
         end(request);
         if (invite && user && !user->gone) drop(*user);
         return;
@@ -115,12 +119,19 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
     send(request);
 }
 
-void Sip::take_provisional(sip_request& request, unsigned status) {
+void Sip::take_provisional(sip_request& request, const sip::header_t& header, std::string_view body) {
+    const unsigned status = header.status;
     if (is(request, "INVITE")) {
         request.provisional = true;
         request.resend_at = 0;
+        acknowledge_provisional(request, header);
+        if (request.abandoned) return request.cancelled ? void() : cancel(request);
         request.ends_at = core_timer() + sip::ring_time;
-        if ((status != 180 && status != 183) || request.abandoned) return;
+        if (!body.empty()) {
+            request.early = body;
+            request.early_tag = sip::tag_of(sip::field(header, "To"));
+        }
+        if (status != 180 && status != 183) return;
         core_con_printf(0, "sip: идёт вызов");
         return tell(request.user, sip_call_ringing);
     }
@@ -128,6 +139,22 @@ void Sip::take_provisional(sip_request& request, unsigned status) {
     if (status != 100 || !is(request, "REGISTER")) return;
     core_con_printf(0, "sip: поиск абонента: %s", request.account->user.c_str());
     tell(nullptr, sip_call_searching);
+}
+
+// Who sends a provisional answer reliably (RFC 3262), as we say to support, sends it until PRACK comes.
+void Sip::acknowledge_provisional(sip_request& invite, const sip::header_t& header) {
+    const uint32_t number = scan::decimal(sip::field(header, "RSeq"));
+    const std::string_view tag = sip::tag_of(sip::field(header, "To"));
+    if (number == 0 || sip::field(header, "Require").find("100rel") == std::string_view::npos) return;
+    if ((number == invite.reliable && tag == invite.reliable_tag) || requests.size() >= sip::most_requests) return;
+    invite.reliable = number;
+    invite.reliable_tag = tag;
+    sip_request& request =
+        ask(*invite.account, *invite.session, nullptr, "PRACK",
+            sip::join({"RAck: ", sip::number_text(number), " ", sip::number_text(invite.cseq), " INVITE\r\n"}), {});
+    request.peer = invite.peer;
+    request.remote_tag = tag;
+    send(request);
 }
 
 void Sip::take_success(sip_request& request, const sip::header_t& header, std::string_view body) {
@@ -157,15 +184,14 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     invite.remote_tag = sip::tag_of(sip::field(header, "To"));
     sip_user* const user = invite.user;
     if (!user) {  // too late: its call was ended here
-        send_ack(invite);
-        sip_request& end_it = ask(*invite.account, *invite.session, nullptr, "BYE", {}, {});
-        end_it.peer = invite.peer;
-        end_it.remote_tag = invite.remote_tag;
-        send(end_it);
+        leave(invite, invite.remote_tag);
+        invite.ack = print_ack(invite, invite.remote_tag);
         return complete(invite);
     }
     user->remote_tag = invite.remote_tag;
-    user->media.start(sip::read_description(body));
+    // What a 1xx has agreed on need not be said again.
+    const bool early = body.empty() && invite.early_tag == std::string_view(invite.remote_tag);
+    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body));
     send_ack(invite);
     complete(invite);
     user->established = true;
@@ -188,10 +214,13 @@ void Sip::take_refusal(sip_request& request, unsigned status) {
                        sip::reason(status));
     }
     sip_user* const user = request.user;
-    const bool ours = request.abandoned || is(request, "BYE") || is(request, "CANCEL");
+    // A digit that is refused ends no call, unless the other end does not know the call (RFC 3261, 12.2.1.2).
+    const bool over = invite || (is(request, "INFO") && status == 481);
+    const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE") || (over && user);
+    if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // of a subscription that is no more
     complete(request);
-    if (!ours) tell(user, event);
-    if (invite && user && !user->gone) drop(*user);
+    if (told) tell(user, event);
+    if (over && user && !user->gone) drop(*user);
 }
 
 }  // namespace net

@@ -91,27 +91,48 @@ void Sip::send(sip_request& request) {
     if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
 }
 
-// Goes out with the branch and the number of its INVITE, and again whenever the final answer comes again.
-void Sip::send_ack(sip_request& request) {
+// Has the branch and the number of its INVITE.
+sip::text Sip::print_ack(const sip_request& invite, std::string_view tag) {
     sip_request ack;
-    ack.account = request.account;
-    ack.session = request.session;
+    ack.account = invite.account;
+    ack.session = invite.session;
     ack.method = "ACK";
-    ack.branch = request.branch;
-    ack.cseq = request.cseq;
-    ack.peer = request.peer;
-    ack.remote_tag = request.remote_tag;
+    ack.branch = invite.branch;
+    ack.cseq = invite.cseq;
+    ack.peer = invite.peer;
+    ack.remote_tag = tag;
     render(ack);
-    request.ack = std::move(ack.bytes);
+    return std::move(ack.bytes);
+}
+
+// Goes out again whenever the final answer comes again.
+void Sip::send_ack(sip_request& request) {
+    request.ack = print_ack(request, request.remote_tag);
     if (request.account->wire) request.account->wire->send(request.ack, nullptr);
 }
 
+/// Ends a call that somebody took whom we do not want: too late, or after another (RFC 3261, 13.2.2.4).
+void Sip::leave(sip_request& invite, std::string_view tag) {
+    if (invite.account->wire) invite.account->wire->send(print_ack(invite, tag), nullptr);
+    const bool said = std::ranges::any_of(requests, [&](const auto& each) {
+        return each->session == invite.session && each->remote_tag == tag && std::strcmp(each->method, "BYE") == 0;
+    });
+    if (said || requests.size() >= sip::most_requests) return;
+    sip_request& bye = ask(*invite.account, *invite.session, nullptr, "BYE", {}, {});
+    bye.peer = invite.peer;
+    bye.remote_tag = tag;
+    send(bye);
+}
+
+/// Its answer ends the INVITE. A 200 may still be on its way.
 void Sip::cancel(sip_request& invite) {
     sip_request& request = ask(*invite.account, *invite.session, nullptr, "CANCEL", {}, {});
     request.branch = invite.branch;
     request.cseq = invite.cseq;
     request.peer = invite.peer;
     send(request);
+    invite.cancelled = true;
+    invite.ends_at = core_timer() + sip::t_end;
 }
 
 /// Takes it out of its user. The record is released later.
@@ -212,13 +233,21 @@ void Sip::timed_out(sip_request& request) {
     }
     const bool unacknowledged = request.incoming && invite && request.status < 300 && user && user->invite == &request;
     const bool unanswered = !request.incoming && request.ack.empty() && invite && user;
+    if (!request.incoming && request.ack.empty() && invite && request.provisional && !request.cancelled) {
+        cancel(request);
+        request.user = nullptr;
+        request.abandoned = true;
+        if (!unanswered) return;
+        user->invite = nullptr;
+        tell(user, sip_call_failed);
+        return user->gone ? void() : drop(*user);
+    }
     const bool refused = !request.incoming && request.doubted;
     if (refused) core_log_print(log, "sip: Authentication failed");
     if (refused) tell(invite ? user : nullptr, sip_call_unauthorized);
     end(request);
     if (unacknowledged) return bye(*user);
     if (!unanswered) return;
-    if (request.provisional) cancel(request);
     if (!refused) tell(user, sip_call_failed);
     if (!user->gone) drop(*user);
 }
