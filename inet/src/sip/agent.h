@@ -23,10 +23,11 @@ namespace sip {
 
 inline constexpr uint64_t ms = 1000;
 inline constexpr uint64_t second = 1000 * ms;
-inline constexpr uint64_t t1 = 500 * ms;          // RFC 3261, 17.1.1.1
-inline constexpr uint64_t t2 = 4 * second;        // 17.1.2.1
-inline constexpr uint64_t t_end = 64 * t1;        // timers B, F, H and J
-inline constexpr uint64_t bye_time = 2 * second;  // for the end of an INVITE after BYE; then CANCEL
+inline constexpr uint64_t t1 = 500 * ms;               // RFC 3261, 17.1.1.1
+inline constexpr uint64_t t2 = 4 * second;             // 17.1.2.1
+inline constexpr uint64_t t_end = 64 * t1;             // timers B, F, H and J
+inline constexpr uint64_t last_try_time = 2 * second;  // for a request with credentials under a new branch
+inline constexpr uint64_t bye_time = 2 * second;       // for the end of an INVITE after BYE; then CANCEL
 inline constexpr uint64_t ring_time = 180 * second;
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
@@ -68,7 +69,8 @@ struct sip_request {
     const char* credentials_name = nullptr;
     sip::text credentials;
     sip::text challenged;      ///< the answer that asked for them
-    bool doubted = false;      ///< that answer came again: a copy, or a refusal
+    bool doubted = false;      ///< that answer came again: a copy, a refusal, or the server took us for a copy
+    bool renewed = false;      ///< and the request went out with a branch of its own then
     bool provisional = false;  ///< an INVITE that was answered 1xx
     bool abandoned = false;    ///< an INVITE whose call we ended: a late 200 gets ACK and BYE
     bool cancelled = false;
@@ -123,6 +125,7 @@ struct sip_account {
     uint64_t due = 0;  ///< of its timer; 0 for none
     bool connected = false;
     bool reconnect = true;
+    bool renews = false;  ///< the server takes a request with the branch of the challenged one for its copy
     sip_session* registration = nullptr;
     sip_session* subscriber = nullptr;
 };
@@ -176,6 +179,7 @@ public:
     sip_request& ask(sip_account& account, sip_session& session, sip_user* user, const char* method, sip::text extra,
                      sip::text body);
     void renew_branch(sip_request& request);
+    sip::text new_branch() const;
     void render(sip_request& request);
     void send(sip_request& request);
     void send_ack(sip_request& request);

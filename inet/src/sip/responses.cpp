@@ -105,16 +105,10 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
     request.credentials_name = proxy ? "Proxy-Authorization" : "Authorization";
     request.credentials = credentials.get();
     request.challenged = head;
-    if (!is(request, "REGISTER")) {
-        renew_branch(request);
-        request.cseq = 0;
-        core_log_print(log, "rebanch dialog: %s, branch:%s ses:%s", request.method, request.branch.c_str(),
-                       request.session->call_id.c_str());
-    }
-    if (invite || is(request, "SUBSCRIBE")) {
-        request.remote_tag.clear();
-        if (user) user->remote_tag.clear();
-    }
+    const bool begins = invite || is(request, "SUBSCRIBE");
+    if (begins || request.account->renews) renew_branch(request);
+    if (begins) request.remote_tag.clear();
+    if (begins && user) user->remote_tag.clear();
     request.provisional = false;
     send(request);
 }
@@ -159,6 +153,7 @@ void Sip::acknowledge_provisional(sip_request& invite, const sip::header_t& head
 
 void Sip::take_success(sip_request& request, const sip::header_t& header, std::string_view body) {
     sip_account& account = *request.account;
+    account.renews = account.renews || request.renewed;
     if (is(request, "INVITE")) return take_answer(request, header, body);
     if (is(request, "REGISTER")) {
         const sip::via_t via = sip::top_via(header);

@@ -43,17 +43,25 @@ sip_request& Sip::ask(sip_account& account, sip_session& session, sip_user* user
     made->extra = std::move(extra);
     made->body = std::move(body);
     made->ends_at = core_timer() + sip::t_end;
-    renew_branch(*made);
+    made->branch = new_branch();
     sip_request& request = *made;
     requests.push_back(std::move(made));
     core_log_print(log, "create dialog: %s, branch:%s ses:%s", method, request.branch.c_str(), session.call_id.c_str());
     return request;
 }
 
+/// Makes another transaction of it, with the next number.
 void Sip::renew_branch(sip_request& request) {
+    request.branch = new_branch();
+    request.cseq = 0;
+    core_log_print(log, "rebanch dialog: %s, branch:%s ses:%s", request.method, request.branch.c_str(),
+                   request.session->call_id.c_str());
+}
+
+sip::text Sip::new_branch() const {
     const core::owned_text random(common_srand(8, file, line));
     if (!random) throw std::bad_alloc();
-    request.branch = sip::join({"z9hG4bK", random.get()});
+    return sip::join({"z9hG4bK", random.get()});
 }
 
 void Sip::render(sip_request& request) {
@@ -243,6 +251,13 @@ void Sip::timed_out(sip_request& request) {
         return user->gone ? void() : drop(*user);
     }
     const bool refused = !request.incoming && request.doubted;
+    if (refused && !request.renewed) {
+        request.renewed = true;
+        renew_branch(request);
+        send(request);
+        request.ends_at = core_timer() + sip::last_try_time;
+        return;
+    }
     if (refused) core_log_print(log, "sip: Authentication failed");
     if (refused) tell(invite ? user : nullptr, sip_call_unauthorized);
     end(request);
