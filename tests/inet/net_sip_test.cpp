@@ -37,6 +37,7 @@ std::string answer(std::string status, std::string method, std::string more = ""
 
 const std::string challenge = "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth,auth-int\"\r\n";
 const std::string reliable = "Require: 100rel\r\nRSeq: 7\r\n";
+const std::string way = "Record-Route: <sip:p1;lr>, <sip:p2;lr>\r\nm: \"A, B\" <sip:a@7.7.7.7:99;x=y>;q=1\r\n";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
 struct row {
@@ -140,6 +141,15 @@ TEST(NetSip, AnswersAndTells) {
           answer("200", "INVITE")},
          "INVITE|PRACK|call6|call6|ACK|call0|",
          "RAck: 7 1 INVITE\r\n"},
+        {"a server that does not route",
+         {"!invite", answer("200", "INVITE", way), answer("200", "INVITE", way), answer("200", "INVITE", way), "!bye",
+          answer("404", "BYE"), answer("404", "BYE")},
+         "INVITE|ACK|call0|ACK|ACK|ACK|BYE|call2|BYE|",
+         "BYE sip:a@7.7.7.7:99;x=y SIP/2.0\r\n"},
+        {"its proxies",
+         {"!invite", answer("200", "INVITE", way), "!digit", answer("404", "INFO")},
+         "INVITE|ACK|call0|INFO|INFO|",
+         "Route: <sip:p2;lr>\r\nRoute: <sip:p1;lr>\r\nContent"},
         {"a digit refused",
          {"!invite", answer("200", "INVITE"), "!digit", answer("415", "INFO"), "!bye"},
          "INVITE|ACK|call0|INFO|BYE|call2|"},

@@ -15,6 +15,9 @@
 /// answered (RFC 3261, 17.1). A request that comes again is answered again and acted on once. A final answer to an
 /// INVITE is sent again until its ACK comes. Over TCP nothing is sent again, but for 200 to an INVITE.
 ///
+/// Requests in a call go to the server. Where it does not route them (404, 482, 483, or the ACK does not get there), they
+/// go once more, by the route and to the address that the other end named.
+///
 /// Times:
 ///     32 seconds    for an answer to a request, and for the ACK of a 200 (the call then ends, event 2)
 ///     3 minutes     for a call that rings, in or out (event 2 or 4)

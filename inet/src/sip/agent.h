@@ -46,6 +46,12 @@ public:
 
 using text = core::string;
 
+/// The way to the other end of a call, past the server (RFC 3261, 12.2.1.1).
+struct way_t {
+    text target;  ///< its Contact
+    text routes;  ///< the proxies in between, as fields
+};
+
 }  // namespace sip
 
 namespace net {
@@ -63,6 +69,9 @@ struct sip_request {
 
     // Ours
     sip::text peer, remote_tag;  ///< whom it is for; the user may go before it is answered
+    sip::way_t way;              ///< in a call: where the other end says it is
+    bool by_way = false;         ///< goes there
+    uint32_t repeated = 0;       ///< how often the 200 of an INVITE came again
     sip::text extra;             ///< fields of its own, as lines
     sip::text body;
     sip::text ack;  ///< INVITE with a final answer: goes out again when that comes again
@@ -98,6 +107,7 @@ struct sip_user {
     sip_session* session = nullptr;
     sip_request* invite = nullptr;  ///< that waits for its final answer, or whose 200 waits for ACK
     sip::text remote_tag, name;
+    sip::way_t way;
     bool established = false;  ///< in the session: media runs
     bool gone = false;
     bool subscription = false;
@@ -183,7 +193,8 @@ public:
     void render(sip_request& request);
     void send(sip_request& request);
     void send_ack(sip_request& request);
-    sip::text print_ack(const sip_request& invite, std::string_view tag);
+    sip::text print_ack(const sip_request& invite, std::string_view tag, bool by_way = false);
+    void send_by_way(sip_request& request);
     void leave(sip_request& invite, std::string_view tag);
     void cancel(sip_request& invite);
     void end(sip_request& request) noexcept;
@@ -286,6 +297,9 @@ core::owned_object<T> make(const Sip& agent, Args&&... args) {
     if (!made) throw std::bad_alloc();
     return made;
 }
+
+/// What INVITE, or its answer, says about the way back.
+way_t way_of(const header_t& header, bool answered);
 
 /// The wire of an account's transport.
 core::owned_object<wire> open_wire(Sip& agent, sip_account& account);

@@ -1,4 +1,5 @@
 // Sessions and users: who belongs to which Call-ID, and when their records go.
+#include "scan.h"
 #include "sip/agent.h"
 
 #include "common/digest.h"
@@ -6,6 +7,25 @@
 #include "inet/net_socket.h"
 
 #include <algorithm>
+
+namespace sip {
+
+// The proxies nearest to who answers stand first.
+way_t way_of(const header_t& header, bool answered) {
+    way_t way;
+    way.target = uri_of(field(header, "Contact"));
+    for (value_t* const* each = header.fields; each && *each; ++each) {
+        if (!is_named((*each)->key, "Record-Route")) continue;
+        for (std::string_view rest = scan::text((*each)->value); !rest.empty();) {
+            text route;
+            put(route, "Route", {scan::trim(scan::take(rest, ','), " \t")});
+            way.routes = answered ? route + way.routes : way.routes + route;
+        }
+    }
+    return way;
+}
+
+}  // namespace sip
 
 namespace net {
 

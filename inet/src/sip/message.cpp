@@ -220,6 +220,12 @@ std::string_view tag_of(std::string_view address) noexcept {
     return plain_part(parameter(parameters, "tag"));
 }
 
+std::string_view uri_of(std::string_view address) noexcept {
+    std::string_view uri, parameters;
+    split_address(address, uri, parameters);
+    return plain_part(uri);
+}
+
 std::string_view place_of(std::string_view address) noexcept {
     std::string_view uri, parameters;
     split_address(address, uri, parameters);

@@ -140,6 +140,7 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
     if (!session) session = &add_session(account, sip::text(call_id));
     request.session = session;
     user = &add_user(*session, sip::user_of(from), sip::tag_of(from));
+    user->way = sip::way_of(*request.header, false);
     request.user = user;
     request.offer = body;
     user->invite = &request;

@@ -70,6 +70,9 @@ void Sip::take_again(sip_request& invite, unsigned status, std::string_view tag)
     if (status < 200 || !invite.account->wire) return;
     if (status < 300 && tag != invite.remote_tag) return leave(invite, tag);
     invite.account->wire->send(invite.ack, nullptr);
+    // Lost twice, or it does not get there.
+    if (++invite.repeated > 1 && status < 300 && !invite.way.target.empty())
+        invite.account->wire->send(print_ack(invite, invite.remote_tag, true), nullptr);
 }
 
 // An INVITE stays, for its final answer may come again; the ACK was made.
@@ -177,6 +180,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     core_con_printf(0, "sip: вызов принят, sdp:\n%.*s", static_cast<int>(body.size()), body.data());
     // Of several that rang, this one has answered (RFC 3261, 13.2.2.4).
     invite.remote_tag = sip::tag_of(sip::field(header, "To"));
+    invite.way = sip::way_of(header, true);
     sip_user* const user = invite.user;
     if (!user) {  // too late: its call was ended here
         leave(invite, invite.remote_tag);
@@ -184,6 +188,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
         return complete(invite);
     }
     user->remote_tag = invite.remote_tag;
+    user->way = invite.way;
     // What a 1xx has agreed on need not be said again.
     const bool early = body.empty() && invite.early_tag == std::string_view(invite.remote_tag);
     user->media.start(sip::read_description(early ? std::string_view(invite.early) : body));
@@ -195,6 +200,8 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
 
 void Sip::take_refusal(sip_request& request, unsigned status) {
     const bool invite = is(request, "INVITE");
+    const bool unrouted = status == 404 || status == 482 || status == 483;
+    if (unrouted && !invite && !request.by_way && !request.way.target.empty()) return send_by_way(request);
     if (invite) send_ack(request);
     uint32_t event = sip_call_failed;
     if (status == 404) {

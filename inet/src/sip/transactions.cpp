@@ -16,6 +16,7 @@ namespace {
 bool is_invite(const sip_request& request) noexcept { return std::strcmp(request.method, "INVITE") == 0; }
 
 sip::text uri_of(const sip_request& request) {
+    if (request.by_way) return request.way.target;
     if (request.peer.empty()) return sip::join({"sip:", request.account->server});
     return sip::join({"sip:", request.peer, "@", request.account->server});
 }
@@ -39,6 +40,7 @@ sip_request& Sip::ask(sip_account& account, sip_session& session, sip_user* user
     if (user) {
         made->peer = user->name;
         made->remote_tag = user->remote_tag;
+        made->way = user->way;
     }
     made->extra = std::move(extra);
     made->body = std::move(body);
@@ -84,6 +86,7 @@ void Sip::render(sip_request& request) {
     sip::put(out, "Supported", {"100rel, replaces, from-change"});
     sip::put(out, "User-Agent", {sip::agent_name});
     if (request.credentials_name) sip::put(out, request.credentials_name, {request.credentials});
+    if (request.by_way) out.append(request.way.routes);
     out.append(request.extra);
     sip::put_body(out, request.body);
     request.bytes = std::move(out);
@@ -99,13 +102,22 @@ void Sip::send(sip_request& request) {
     if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
 }
 
-// Has the branch and the number of its INVITE.
-sip::text Sip::print_ack(const sip_request& invite, std::string_view tag) {
+/// Once more, past a server that does not know where the other end of the call is.
+void Sip::send_by_way(sip_request& request) {
+    request.by_way = true;
+    renew_branch(request);
+    send(request);
+}
+
+// Has the number of its INVITE, and the branch where it goes to the server.
+sip::text Sip::print_ack(const sip_request& invite, std::string_view tag, bool by_way) {
     sip_request ack;
     ack.account = invite.account;
     ack.session = invite.session;
     ack.method = "ACK";
-    ack.branch = invite.branch;
+    ack.branch = by_way ? new_branch() : invite.branch;
+    ack.by_way = by_way;
+    if (by_way) ack.way = invite.way;
     ack.cseq = invite.cseq;
     ack.peer = invite.peer;
     ack.remote_tag = tag;
