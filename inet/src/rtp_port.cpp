@@ -80,6 +80,8 @@ void Port::add_source(in_addr address) noexcept {
     if (in.source_count < in.sources.size()) in.sources[in.source_count++] = address;
 }
 
+void Port::forget_sources() noexcept { inside_->source_count = 0; }
+
 int Port::open() noexcept {
     if (inside_->rtp_fd >= 0) return 0;
     return socket_rtp_pair(&inside_->rtp_fd, &inside_->rtcp_fd) == 1 && inside_->listen() ? 1 : 0;

@@ -200,6 +200,41 @@ TEST(NetSip, BoundsAFloodOfCalls) {
     EXPECT_EQ(owner.sip->sessions.size(), 2U);
 }
 
+struct description_row {
+    const char* text;
+    const char* video;  ///< payload type, address, port, port of RTCP; held
+};
+
+TEST(NetSip, ReadsDescriptions) {
+    constexpr char head[] = "v=0\r\nc=IN IP4 10.0.0.9\r\n";
+    const description_row rows[] = {
+        {"m=video 4002 RTP/AVP 97 99\na=rtpmap:97 VP8/90000\na=rtpmap:99 h264/90000", "99 10.0.0.9 4002 4003"},
+        {"m=video 4002 RTP/AVPF 96 97 98\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=0\r\n"
+         "a=rtpmap:97 H264/90000\r\na=fmtp:97 profile-level-id=42e01f;packetization-mode=1\r\na=rtpmap:98 "
+         "H264/90000\r\n"
+         "a=fmtp:98 packetization-mode=1\r\na=rtcp:4010 IN IP4 10.0.0.9\r\n",
+         "97 10.0.0.9 4002 4010"},
+        {"a=inactive\r\nm=video 4002/2 RTP/AVP 96\r\nc=IN IP4 10.0.0.8/127\r\na=rtpmap:96 H264/90000\r\n",
+         "96 10.0.0.8 4002 4003 held"},
+        {"m=video 4002 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=sendonly\r\n", "96 10.0.0.9 4002 4003 held"},
+        {"a=sendonly\r\nm=video 4002 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=sendrecv\r\n", "96 10.0.0.9 4002 4003"},
+        {"m=video 4002 RTP/SAVP 96\r\na=rtpmap:96 H264/90000\r\n", ""},
+        {"m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", ""},
+        {"m=video 4002 RTP/AVP 96\r\na=rtpmap:99 H264/90000\r\n", ""},
+        {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 phone.local\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
+    };
+    for (const description_row& each : rows) {
+        SCOPED_TRACE(each.text);
+        const sip::target_t video = sip::read_description(std::string(head) + each.text).video;
+        char address[net_addr_size];
+        net_addr_ip(video.rtp, address, sizeof address);
+        const std::string read = std::to_string(video.pt) + " " + address + " " +
+                                 std::to_string(net_addr_port(video.rtp)) + " " +
+                                 std::to_string(net_addr_port(video.rtcp)) + (video.receives ? "" : " held");
+        EXPECT_EQ(video.wanted ? read : "", each.video);
+    }
+}
+
 struct torture {
     std::string_view name;
     const char* status;

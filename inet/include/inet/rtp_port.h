@@ -43,6 +43,8 @@ public:
 
     /// Takes packets from this address, from any port. At most two addresses. Until the first call no packet is taken.
     void add_source(in_addr address) noexcept;
+    /// Takes no packet until the next add_source().
+    void forget_sources() noexcept;
 
     /// Opens a pair of ports. @return 1; 0 when no pair is free, or when memory is out
     int open() noexcept;

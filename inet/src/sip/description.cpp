@@ -5,6 +5,7 @@
 #include "sip/message.h"
 
 #include <algorithm>
+#include <bitset>
 
 namespace sip {
 
@@ -25,6 +26,9 @@ constexpr std::string_view media_end = " RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\
 struct medium_t {
     target_t* target = nullptr;  ///< null: of no interest
     bool video = false;
+    bool receives = true;
+    bool fragments = false;  ///< the chosen format takes them
+    std::bitset<128> h264;   ///< payload types
     std::string_view formats;
     sockaddr_in address = {};
     uint32_t port = 0;
@@ -40,15 +44,16 @@ bool has_format(std::string_view formats, uint32_t wanted) noexcept {
 }
 
 // A name is not looked up: that blocks.
-bool read_address(std::string_view value, sockaddr_in& address) noexcept {
-    if (!value.starts_with("IN IP4 ")) return false;
+void read_address(std::string_view value, sockaddr_in& address) noexcept {
+    address = {};
+    if (!value.starts_with("IN IP4 ")) return;
     value = scan::trim(value.substr(7), blanks);
     value = value.substr(0, value.find('/'));
     char dotted[net_addr_size] = {};
     const bool plain = value.find_first_not_of("0123456789.") == std::string_view::npos;
-    if (!plain || value.empty() || value.size() >= sizeof dotted) return false;
+    if (!plain || value.empty() || value.size() >= sizeof dotted) return;
     std::ranges::copy(value, dotted);
-    return net_addr_setup(address, dotted, 0) == 0;
+    net_addr_setup(address, dotted, 0);
 }
 
 class reader {
@@ -66,18 +71,24 @@ private:
     void take(char type, std::string_view value) noexcept {
         if (type == 'm') start(value);
         if (type == 'c') read_address(value, in_medium_ ? medium_.address : session_);
+        if (type == 'a' && (value == "sendonly" || value == "inactive")) receives() = false;
+        if (type == 'a' && (value == "sendrecv" || value == "recvonly")) receives() = true;
         if (type == 'a' && medium_.target) attribute(value);
     }
+
+    bool& receives() noexcept { return in_medium_ ? medium_.receives : receives_; }
 
     void start(std::string_view value) noexcept {
         finish();
         in_medium_ = true;
         medium_ = {};
         medium_.address = session_;
+        medium_.receives = receives_;
         const std::string_view kind = scan::take(value, ' ');
         medium_.port = scan::decimal(scan::take(value, ' '));
-        scan::take(value, ' ');  // RTP/AVP, or a profile that is taken for it
+        const std::string_view profile = scan::take(value, ' ');
         medium_.formats = value;
+        if (profile != "RTP/AVP" && profile != "RTP/AVPF") return;  // who wants it encrypted gets nothing
         medium_.video = kind == "video";
         if (kind == "audio" && !described_.audio.wanted) medium_.target = &described_.audio;
         if (medium_.video && !described_.video.wanted) medium_.target = &described_.video;
@@ -86,11 +97,17 @@ private:
 
     void attribute(std::string_view value) noexcept {
         if (value.starts_with("rtcp:")) medium_.rtcp = scan::decimal(value.substr(5));
-        if (!medium_.video || medium_.target->wanted || !value.starts_with("rtpmap:")) return;
-        scan::pair map = scan::split(value.substr(7), ' ');
+        if (!medium_.video) return;
+        const scan::pair map = scan::split(value.substr(std::min(value.find(':') + 1, value.size())), ' ');
         const uint32_t pt = scan::decimal(map.key);
-        const std::string_view name = scan::skip(map.value, blanks);
-        if (pt > 127 || !has_format(medium_.formats, pt) || !scan::same_name(name.substr(0, 10), "H264/90000")) return;
+        const std::string_view said = scan::skip(map.value, blanks);
+        if (pt > 127 || !has_format(medium_.formats, pt)) return;
+        const bool named = value.starts_with("rtpmap:") && scan::same_name(said.substr(0, 10), "H264/90000");
+        const bool fragments = value.starts_with("fmtp:") && said.find("packetization-mode=1") != said.npos;
+        if (named) medium_.h264.set(pt);
+        // The first, or the first that takes fragments, which we send (RFC 6184, 6.3).
+        if ((!named || medium_.target->wanted) && (!fragments || !medium_.h264[pt] || medium_.fragments)) return;
+        medium_.fragments = fragments;
         medium_.target->wanted = true;
         medium_.target->pt = static_cast<uint8_t>(pt);
     }
@@ -100,6 +117,7 @@ private:
         if (!target || !target->wanted) return;
         target->wanted = medium_.port > 0 && medium_.port < 65535;
         if (medium_.rtcp == 0 || medium_.rtcp > 65535) medium_.rtcp = medium_.port + 1;
+        target->receives = medium_.receives;
         target->rtp = target->rtcp = medium_.address;
         target->rtp.sin_family = target->rtcp.sin_family = AF_INET;
         target->rtp.sin_port = net_port(medium_.port);
@@ -117,6 +135,7 @@ private:
     sockaddr_in session_ = {};
     medium_t medium_;
     bool in_medium_ = false;
+    bool receives_ = true;  ///< of media that do not say
 };
 
 }  // namespace

@@ -54,10 +54,13 @@ void channel::start(const target_t& target, uint8_t own_pt) noexcept {
         if (each) each->clock_rate = rate_of(fcc_);
     if (!sent || !target.wanted) return;
     if (sent->ssrc == 0) common_random(&sent->ssrc, sizeof sent->ssrc);
+    // 0.0.0.0 is how phones hold a call that know no direction attributes (RFC 3264, 8.4).
+    const bool named = target.rtp.sin_addr.s_addr != 0;
     for (rtp::trak_t** each = out_.traks; *each; ++each)
-        (*each)->active = *each == sent && target.rtp.sin_addr.s_addr != 0;
-    if (port_ && !sourced_) port_->add_source(target.rtp.sin_addr);
-    sourced_ = true;
+        (*each)->active = *each == sent && named && target.receives;
+    if (!port_ || !named) return;
+    port_->forget_sources();
+    port_->add_source(target.rtp.sin_addr);
 }
 
 void channel::stop() noexcept {
@@ -110,7 +113,7 @@ void channel::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept {
 }
 
 void channel::report(const buf_t& packet) noexcept {
-    if (!port_ || !target_.wanted) return;
+    if (!port_ || !target_.wanted || target_.rtcp.sin_addr.s_addr == 0) return;
     if (core_log_wanted(log_)) {
         char address[net_addr_size];
         net_addr_ip(target_.rtcp, address, sizeof address);

@@ -18,7 +18,8 @@ namespace sip {
 
 /// Where one medium of a description is to be sent to.
 struct target_t {
-    bool wanted = false;  ///< the description has it in our format, with a port
+    bool wanted = false;   ///< the description has it in our format, with a port
+    bool receives = true;  ///< the other end takes it now: it is not on hold
     uint8_t pt = 0;
     sockaddr_in rtp = {};
     sockaddr_in rtcp = {};
@@ -77,7 +78,6 @@ private:
     rtp::Port* port_ = nullptr;
     rtp::Rtp out_, in_;
     target_t target_;
-    bool sourced_ = false;
 
     rtp::gathering_t gathered_ = {};
     buf_t sets_;
