@@ -79,7 +79,7 @@ net::sip_user* net_sip_invite(net::sip_account* account, net::sip_session* sessi
 
 void net_sip_accept(net::sip_user* party, void* arg, net::sip_frame_callback callback) noexcept {
     if (!party) return;
-    party->frame = callback;
+    party->frame_to = callback;
     party->frame_arg = arg;
     Sip& agent = *party->agent;
     agent.guarded([&] { agent.accept(*party); });

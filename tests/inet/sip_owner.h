@@ -93,6 +93,11 @@ private:
             owner.asked = owner.asked_as[std::string(bytes.substr(0, bytes.find(' ')))] = bytes;
         }
         uint32_t local_port() const noexcept override { return 5062; }
+        in_addr local_address() const noexcept override {
+            sockaddr_in near{};
+            net_addr_setup(near, "1.2.3.4", 0);
+            return near.sin_addr;
+        }
         bool is_up() const noexcept override { return true; }
         void stop() noexcept override {}
         sip_owner& owner;

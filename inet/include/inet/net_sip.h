@@ -77,7 +77,8 @@ struct sip_info {
     void* user;  ///< handed to every callback
     void (*on_call)(void* user, sip_user* party, uint32_t event);
     void (*on_account)(void* user, void* object, uint32_t event, const char* text);  ///< `text` may be null
-    /// `code`: 0 to 9, 10 for '*', 11 for '#', 12 to 15 for 'A' to 'D'; -1 for another signal
+    /// A digit came, in an INFO or between the sound of a call (RFC 4733). `code`: 0 to 9, 10 for '*', 11 for '#', 12 to
+    /// 15 for 'A' to 'D', a higher number as it was sent; -1 for another signal
     void (*on_dtmf)(void* user, sip_user* party, int code);
 };
 

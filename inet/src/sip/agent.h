@@ -40,8 +40,9 @@ public:
     /// @param to  of a datagram; null for the server
     virtual void send(std::string_view bytes, const sockaddr_in* to) noexcept = 0;
     virtual uint32_t local_port() const noexcept = 0;
-    virtual bool is_up() const noexcept = 0;  ///< false while it connects
-    virtual void stop() noexcept = 0;         ///< before it is released: nothing more comes from it
+    virtual in_addr local_address() const noexcept = 0;  ///< 0.0.0.0 when it is not known
+    virtual bool is_up() const noexcept = 0;             ///< false while it connects
+    virtual void stop() noexcept = 0;                    ///< before it is released: nothing more comes from it
 };
 
 using text = core::string;
@@ -101,7 +102,10 @@ struct sip_request {
     uint64_t ends_at = 0;  ///< of the wait for an answer or an ACK, then of the record
 };
 
-struct sip_user {
+struct sip_user final : sip::frame_taker {
+    void on_frame(av::frame_t& frame) noexcept override;
+    void on_digit(int code) noexcept override;
+
     Sip* agent = nullptr;
     sip_account* account = nullptr;
     sip_session* session = nullptr;
@@ -112,7 +116,7 @@ struct sip_user {
     bool gone = false;
     bool subscription = false;
     void* frame_arg = nullptr;
-    sip_frame_callback frame = nullptr;
+    sip_frame_callback frame_to = nullptr;
     sip::call_media media;
 };
 
@@ -130,6 +134,7 @@ struct sip_account {
     Sip* agent = nullptr;
     sip::text user, password, server, local_tag, contact_address, contact_port;
     uint32_t port = 5060;
+    uint32_t expires = 60;  ///< seconds that a registration is asked for
     int transport = sip_udp;
     core::owned_object<sip::wire> wire;
     uint64_t due = 0;  ///< of its timer; 0 for none
@@ -176,6 +181,7 @@ public:
     sip_account* add_account(int transport, const char* user, const char* password, const char* server, uint32_t port);
     void open_transport(sip_account& account);
     void connected(sip_account& account);
+    sip::text media_address(const sip_account& account) const;
     void close_transport(sip_account& account, bool lost);
     void account_due(sip_account& account);
     /// One datagram. @param from  its sender
@@ -222,6 +228,7 @@ public:
     // requests.cpp
     void take_request(sip_account& account, sip::owned_header header, std::string_view body, unsigned fault,
                       const sockaddr_in& from);
+    bool is_in_call(const sip_account& account, const sip::header_t& header) noexcept;
     void refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
     sip_request& add_theirs(sip_account& account, sip::owned_header header, const char* method,
                             const sockaddr_in& from);
@@ -238,7 +245,7 @@ public:
     void take_again(sip_request& invite, unsigned status, std::string_view tag);
     void take_success(sip_request& request, const sip::header_t& header, std::string_view body);
     void take_answer(sip_request& invite, const sip::header_t& header, std::string_view body);
-    void take_refusal(sip_request& request, unsigned status);
+    void take_refusal(sip_request& request, const sip::header_t& header);
     void complete(sip_request& request) noexcept;
     // calls.cpp
     sip_user* invite(sip_account& account, sip_session* session, const char* callee, void* arg,
@@ -251,6 +258,7 @@ public:
     void put_frame(sip_session& session, const av::frame_t& frame) noexcept;
     // presence.cpp
     void register_account(sip_account& account);
+    sip_request* open_registration(const sip_account& account) noexcept;
     void contacts(sip_account& account);
     void subscribe(sip_account& account, std::string_view user, bool wanted);
     void take_notify(sip_account& account, std::string_view body);

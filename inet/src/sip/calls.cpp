@@ -13,17 +13,22 @@ namespace {
 
 constexpr char sdp_type[] = "application/sdp";
 
+}  // namespace
+
 // The records stay until the next call into the agent: the channel that hands the frame over is one of them.
-void on_frame(void* arg, av::frame_t& frame) {
-    auto* const user = static_cast<sip_user*>(arg);
-    Sip& agent = *user->agent;
-    if (!user->frame || agent.closing) return;
-    ++agent.running;
-    user->frame(user->frame_arg, user, &frame);
-    --agent.running;
+void sip_user::on_frame(av::frame_t& frame) noexcept {
+    if (!frame_to || agent->closing) return;
+    ++agent->running;
+    frame_to(frame_arg, this, &frame);
+    --agent->running;
 }
 
-}  // namespace
+void sip_user::on_digit(int code) noexcept {
+    if (!agent->info.on_dtmf || agent->closing) return;
+    ++agent->running;
+    agent->info.on_dtmf(agent->info.user, this, code);
+    --agent->running;
+}
 
 sip_user* Sip::invite(sip_account& account, sip_session* session, const char* callee, void* arg,
                       sip_frame_callback callback) {
@@ -34,10 +39,10 @@ sip_user* Sip::invite(sip_account& account, sip_session* session, const char* ca
         session = &add_session(account, own_call_id(random.get()));
     }
     sip_user& user = add_user(*session, callee, {});
-    user.frame = callback;
+    user.frame_to = callback;
     user.frame_arg = arg;
     try {
-        if (!user.media.open(info.nt, log, on_frame, &user)) {
+        if (!user.media.open(info.nt, log, user)) {
             drop(user);
             return nullptr;
         }
@@ -58,7 +63,7 @@ void Sip::accept(sip_user& user) {
     sip_request* const request = user.invite;
     if (!request || !request->incoming || request->answered) return;
     sip_account& account = *user.account;
-    if (!user.media.open(info.nt, log, on_frame, &user)) {
+    if (!user.media.open(info.nt, log, user)) {
         request->user = nullptr;
         guarded([&] { answer(*request, 486); });
         tell(&user, sip_call_failed);
@@ -68,7 +73,7 @@ void Sip::accept(sip_user& user) {
     user.media.start(sip::read_description(request->offer));
     answer(
         *request, 200, sdp_type,
-        sip::print_answer_sdp(account.user, account.contact_address, user.media.audio_port(), user.media.video_port()));
+        sip::print_answer_sdp(account.user, media_address(account), user.media.audio_port(), user.media.video_port()));
     user.established = true;
 }
 

@@ -1,5 +1,7 @@
 #include "sip/media.h"
 
+#include "rtp/packet.h"
+
 #include "avc/fcc.h"
 #include "common/digest.h"
 #include "core/time.h"
@@ -13,6 +15,8 @@ namespace {
 
 constexpr uint8_t pcmu_pt = 0;
 constexpr uint8_t h264_pt = 96;
+constexpr uint8_t event_pt = 101;
+constexpr uint8_t digits = 16;  ///< events of telephone keys
 constexpr double pcmu_rate = 8000;
 constexpr double h264_rate = 90000;
 constexpr uint64_t us_per_second = 1000000;
@@ -122,7 +126,19 @@ void channel::report(const buf_t& packet) noexcept {
     port_->send_rtcp({packet.data, packet.length}, target_.rtcp);
 }
 
+// An event is sent in several packets of the same RTP time, and its end three times.
+void channel::take_event(buffer_t packet) noexcept {
+    const std::span<const uint8_t> bytes(packet.data, packet.size);
+    const size_t at = 12 + 4 * size_t{bytes[0] & 0x0fU};
+    if (bytes.size() < at + 4) return;
+    const uint32_t time = rtp::get32(bytes, 4);
+    if (event_ == time) return;
+    event_ = time;
+    if (bytes[at] < digits) to_.on_digit(bytes[at]);
+}
+
 void channel::on_rtp_packet(rtp::Port*, buffer_t packet, bool restarted) noexcept {
+    if (fcc_ == av::fcc_pcmu && packet.size > 12 && (packet.data[1] & 0x7f) == event_pt) return take_event(packet);
     for (rtp::trak_t** each = in_.traks; restarted && each && *each; ++each)
         (*each)->seq = 0;
     last_data_ = core_timer();
@@ -180,11 +196,10 @@ void channel::tick(uint64_t now) noexcept {
     if (gathered_.picture && now - last_data_ > silence) deliver();
 }
 
-bool call_media::open(net::nt_ctx* nt, log_ctx* log, void (*taken)(void* arg, av::frame_t& frame), void* arg) noexcept {
+bool call_media::open(net::nt_ctx* nt, log_ctx* log, frame_taker& to) noexcept {
     if (is_open()) return true;
     nt_ = nt;
-    taken_ = taken;
-    arg_ = arg;
+    to_ = &to;
     places_ = true;
     const bool room = !nt || net::net_nt_take_places(nt, static_cast<int32_t>(places)) <= net::nt_places;
     audio_.reset(core::create<channel>(CORE_HERE, av::fcc_pcmu, *static_cast<frame_taker*>(this)));
@@ -204,7 +219,7 @@ void call_media::close() noexcept {
 void call_media::stop() noexcept {
     if (audio_) audio_->stop();
     if (video_) video_->stop();
-    taken_ = nullptr;
+    to_ = nullptr;
 }
 
 void call_media::start(const described_t& described) noexcept {
@@ -219,7 +234,11 @@ void call_media::tick(uint64_t now) noexcept {
 }
 
 void call_media::on_frame(av::frame_t& frame) noexcept {
-    if (taken_) taken_(arg_, frame);
+    if (to_) to_->on_frame(frame);
+}
+
+void call_media::on_digit(int code) noexcept {
+    if (to_) to_->on_digit(code);
 }
 
 }  // namespace sip

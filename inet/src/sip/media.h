@@ -35,10 +35,11 @@ described_t read_description(std::string_view text) noexcept;
 core::string print_offer(std::string_view address, uint32_t audio, uint32_t video);
 core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video);
 
-/// Takes the frames of a channel.
+/// Takes the frames of a channel, and the digits between its sound (RFC 4733).
 class frame_taker {
 public:
     virtual void on_frame(av::frame_t& frame) noexcept = 0;
+    virtual void on_digit(int code) noexcept = 0;
 
 protected:
     ~frame_taker() = default;
@@ -68,6 +69,7 @@ private:
     void on_rtcp_packet(rtp::Port* port, buffer_t packet) noexcept override;
 
     void take_data(rtp::trak_t& from) noexcept;
+    void take_event(buffer_t packet) noexcept;
     void deliver() noexcept;
     void report(const buf_t& packet) noexcept;
     void send_piece() noexcept;
@@ -87,6 +89,8 @@ private:
     uint64_t begun_ = 0;      ///< time_now() of the first frame
     uint64_t last_data_ = 0;  ///< core_timer()
 
+    uint64_t event_ = UINT64_MAX;  ///< RTP time of the last digit
+
     uint8_t piece_[160] = {};  ///< 20 ms of sound
     uint32_t held_ = 0;
     uint64_t piece_time_ = 0;
@@ -101,7 +105,7 @@ public:
     call_media& operator=(const call_media&) = delete;
 
     /// @return false when there are no ports or places
-    bool open(net::nt_ctx* nt, log_ctx* log, void (*taken)(void* arg, av::frame_t& frame), void* arg) noexcept;
+    bool open(net::nt_ctx* nt, log_ctx* log, frame_taker& to) noexcept;
     bool is_open() const noexcept { return audio_ != nullptr; }
     void close() noexcept;
     void stop() noexcept;
@@ -119,12 +123,12 @@ public:
 
 private:
     void on_frame(av::frame_t& frame) noexcept override;
+    void on_digit(int code) noexcept override;
 
     core::owned_object<channel> audio_, video_;
     net::nt_ctx* nt_ = nullptr;
     bool places_ = false;
-    void (*taken_)(void* arg, av::frame_t& frame) = nullptr;
-    void* arg_ = nullptr;
+    frame_taker* to_ = nullptr;
 };
 
 }  // namespace sip

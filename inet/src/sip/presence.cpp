@@ -10,8 +10,6 @@ namespace net {
 
 namespace {
 
-constexpr int register_seconds = 60;
-
 struct xml_deleter {
     void operator()(node* document) const noexcept { roxml_close(document); }
 };
@@ -19,12 +17,17 @@ struct xml_deleter {
 }  // namespace
 
 void Sip::register_account(sip_account& account) {
-    for (const auto& each : requests) {
-        const bool old = each->session == account.registration && std::strcmp(each->method, "REGISTER") == 0;
-        if (old && !each->incoming) end(*each);
-    }
+    while (sip_request* const old = open_registration(account))
+        end(*old);
     send(ask(account, *account.registration, nullptr, "REGISTER",
-             sip::join({"Expires: ", sip::number_text(register_seconds), "\r\n"}), {}));
+             sip::join({"Expires: ", sip::number_text(account.expires), "\r\n"}), {}));
+}
+
+sip_request* Sip::open_registration(const sip_account& account) noexcept {
+    const auto found = std::ranges::find_if(requests, [&](const auto& each) {
+        return !each->gone && each->session == account.registration && std::strcmp(each->method, "REGISTER") == 0;
+    });
+    return found == requests.end() ? nullptr : found->get();
 }
 
 void Sip::contacts(sip_account& account) {

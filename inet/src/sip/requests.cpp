@@ -13,8 +13,9 @@ int read_digit(std::string_view type, std::string_view body) noexcept {
     constexpr std::string_view digits = "0123456789*#ABCD";
     type = scan::trim(type.substr(0, type.find(';')), " \t");
     if (scan::same_name(type, "application/dtmf")) {
-        const auto code = scan::number(body);
-        return code && *code < digits.size() ? static_cast<int>(*code) : -1;
+        if (const auto code = scan::number(body)) return static_cast<int>(std::min<uint32_t>(*code, 0x7fffffff));
+        body = scan::trim(body, scan::spaces);  // some send the character
+        return body.size() == 1 ? static_cast<int>(digits.find(body[0])) : -1;
     }
     if (!scan::same_name(type, "application/dtmf-relay")) return -1;
     const size_t at = body.find("Signal");
@@ -38,6 +39,12 @@ bool is(const char* method, const char* name) noexcept { return std::strcmp(meth
 void Sip::refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
     if (account.wire && sip::top_via(header).good)
         account.wire->send(print_answer(account, header, status, from, {}, {}), &from);
+}
+
+bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) noexcept {
+    sip_session* const session = find_session(account, sip::field(header, "Call-ID"));
+    const sip_user* const user = session ? find_user(*session, header) : nullptr;
+    return user && user->established;
 }
 
 sip_request& Sip::add_theirs(sip_account& account, sip::owned_header header, const char* method,
@@ -79,7 +86,9 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     // That of a relay may name no way back: it is told, and cannot be answered.
     if (is(method, "NOTIFY") && sip::field(*header, "Via").empty()) return take_notify(account, body);
     if (fault == 0) fault = sip::fault_of(*header);
-    if (fault == 0 && requests.size() >= sip::most_requests) fault = 503;
+    // A flood keeps nobody from ending a call.
+    if (fault == 0 && requests.size() >= sip::most_requests && !(is(method, "BYE") && is_in_call(account, *header)))
+        fault = 503;
     if (fault != 0) return refuse(account, *header, fault, from);
 
     sip_request& request = add_theirs(account, std::move(header), method, from);
@@ -131,7 +140,7 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
         request.user = user;
         user->invite = &request;
         return answer(request, 200, "application/sdp",
-                      sip::print_answer_sdp(account.user, account.contact_address, user->media.audio_port(),
+                      sip::print_answer_sdp(account.user, media_address(account), user->media.audio_port(),
                                             user->media.video_port()));
     }
     if (user) return answer(request, 482);  // it came here by two ways (RFC 3261, 8.2.2.2)

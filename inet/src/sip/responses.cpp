@@ -15,6 +15,8 @@ namespace {
 
 bool is(const sip_request& request, const char* method) noexcept { return std::strcmp(request.method, method) == 0; }
 
+constexpr uint32_t longest_registration = 24 * 3600;
+
 struct stamp {
     stamp() noexcept { time_format(time_now(), "%Y-%m-%d %H:%M:%S,%s", text, sizeof text); }
     char text[64];
@@ -62,7 +64,7 @@ void Sip::take_response(sip_account& account, const sip::header_t& header, std::
     if (status == 401 || status == 407) return take_challenge(*request, header, head);
     if (status < 200) return take_provisional(*request, header, body);
     if (status < 300) return take_success(*request, header, body);
-    take_refusal(*request, status);
+    take_refusal(*request, header);
 }
 
 // The ACK was lost, or another one has taken the call as well.
@@ -198,7 +200,8 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     tell(user, sip_call_answered);
 }
 
-void Sip::take_refusal(sip_request& request, unsigned status) {
+void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
+    const unsigned status = header.status;
     const bool invite = is(request, "INVITE");
     const bool unrouted = status == 404 || status == 482 || status == 483;
     if (unrouted && !invite && !request.by_way && !request.way.target.empty()) return send_by_way(request);
@@ -222,6 +225,13 @@ void Sip::take_refusal(sip_request& request, unsigned status) {
     if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // of a subscription that is no more
     complete(request);
     if (told) tell(user, event);
+    // RFC 3261, 10.2.8. It grows, so that this ends.
+    const uint32_t least = scan::decimal(sip::field(header, "Min-Expires"));
+    sip_account& account = *request.account;
+    if (status == 423 && is(request, "REGISTER") && least > account.expires && least <= longest_registration) {
+        account.expires = least;
+        register_account(account);
+    }
     if (over && user && !user->gone) drop(*user);
 }
 

@@ -28,10 +28,8 @@ sip_account* Sip::add_account(int transport, const char* user, const char* passw
     if (port) made->port = port;
     made->transport = transport;
     const core::owned_text tag(common_srand(8, file, line));
-    const core::owned_text address(net_hostip(file, line));
     if (!tag) throw std::bad_alloc();
     made->local_tag = tag.get();
-    made->contact_address = address ? address.get() : "127.0.0.1";
     sip_account& account = *made;
     accounts.reserve(accounts.size() + 1);
     account.registration = &add_session(account, own_call_id("register"));
@@ -43,6 +41,8 @@ sip_account* Sip::add_account(int transport, const char* user, const char* passw
 }
 
 void Sip::open_transport(sip_account& account) {
+    const core::owned_text address(net_hostip(file, line));
+    account.contact_address = address ? address.get() : "127.0.0.1";
     account.due = core_timer() + (account.transport == sip_tcp ? connect_time : refresh_time);
     account.wire = make_wire(*this, account);
     if (!account.wire) {
@@ -66,6 +66,16 @@ void Sip::connected(sip_account& account) {
     register_account(account);
 }
 
+/// Where peers find the media of a call: the address of the account's socket.
+sip::text Sip::media_address(const sip_account& account) const {
+    sockaddr_in local = {};
+    if (account.wire) local.sin_addr = account.wire->local_address();
+    if (local.sin_addr.s_addr == 0) return account.contact_address;
+    char address[net_addr_size];
+    net_addr_ip(local, address, sizeof address);
+    return address;
+}
+
 /// @param lost  else it was closed by the owner
 void Sip::close_transport(sip_account& account, bool lost) {
     if (!account.wire) return;
@@ -82,6 +92,9 @@ void Sip::close_transport(sip_account& account, bool lost) {
 
 void Sip::account_due(sip_account& account) {
     account.due = 0;
+    // A connection over which no answer came since the last time is dead.
+    if (account.connected && account.transport == sip_tcp && open_registration(account))
+        return close_transport(account, true);
     if (account.connected) {
         account.due = core_timer() + refresh_time;
         return register_account(account);

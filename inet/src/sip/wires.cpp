@@ -33,6 +33,17 @@ public:
         if (fd_ >= 0) net_udp_send_buffer(fd_, &buffer, &address);
     }
     uint32_t local_port() const noexcept override { return fd_ < 0 ? 0 : net_socket_get_near_port(fd_); }
+    // The socket is bound to none: the address from which the system sends to the server, if others can reach it, too.
+    in_addr local_address() const noexcept override {
+        const int probe = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, agent_.file, agent_.line);
+        char host[net_addr_size];
+        net_addr_ip(server_, host, sizeof host);
+        sockaddr_in near = {};
+        if (probe >= 0 && net_tcp_connect(probe, host, net_addr_port(server_)) == 0) near = net_socket_near(probe);
+        if (probe >= 0) net_socket_close(probe);
+        net_addr_ip(near, host, sizeof host);
+        return std::string_view(host).starts_with("127.") ? in_addr{} : near.sin_addr;
+    }
     bool is_up() const noexcept override { return true; }
     void stop() noexcept override {
         net::net_nt_socket_rem(agent_.info.nt, socket_);
@@ -85,6 +96,7 @@ public:
         tcp_->signal();  // who sends is at work on the account
     }
     uint32_t local_port() const noexcept override { return tcp_ ? net_addr_port(tcp_->local()) : 0; }
+    in_addr local_address() const noexcept override { return tcp_ ? tcp_->local().sin_addr : in_addr{}; }
     bool is_up() const noexcept override { return tcp_ && tcp_->is_connected(); }
     void stop() noexcept override { net::Tcp::destroy(std::exchange(tcp_, nullptr)); }
 
