@@ -71,9 +71,9 @@ void Sip::accept(sip_user& user) {
         return;
     }
     user.media.start(sip::read_description(request->offer));
-    answer(
-        *request, 200, sdp_type,
-        sip::print_answer_sdp(account.user, media_address(account), user.media.audio_port(), user.media.video_port()));
+    answer(*request, 200, sdp_type,
+           sip::print_answer_sdp(account.user, media_address(account), user.media.audio_port(), user.media.video_port(),
+                                 request->offer));
     user.established = true;
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <utility>
 
 namespace sip {
 
@@ -147,10 +148,27 @@ core::string print_offer(std::string_view address, uint32_t audio, uint32_t vide
                  number_text(audio + 1), offer_video, number_text(video), media_end});
 }
 
-core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video) {
-    return join({"v=0\r\no=", user, " 0 0 IN IP4 ", address, "\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 ", address,
-                 "\r\nm=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\nm=video ",
-                 number_text(video), media_end});
+core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video,
+                              std::string_view offer) {
+    core::string sound = join({"m=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"});
+    core::string pictures = join({"m=video ", number_text(video), media_end});
+    core::string media;
+    while (!offer.empty()) {
+        std::string_view line = scan::trim(scan::take(offer, '\n'), "\r");
+        if (!line.starts_with("m=")) continue;
+        const std::string_view kind = scan::take(line, ' ');
+        if (kind == "m=audio" && !sound.empty()) {
+            media.append(std::exchange(sound, {}));
+        } else if (kind == "m=video" && !pictures.empty()) {
+            media.append(std::exchange(pictures, {}));
+        } else {
+            scan::take(line, ' ');
+            media.append(join({kind, " 0 ", line, "\r\n"}));
+        }
+    }
+    if (media.empty()) media = sound + pictures;
+    return join(
+        {"v=0\r\no=", user, " 0 0 IN IP4 ", address, "\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 ", address, "\r\n", media});
 }
 
 }  // namespace sip

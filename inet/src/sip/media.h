@@ -33,7 +33,10 @@ struct described_t {
 described_t read_description(std::string_view text) noexcept;
 
 core::string print_offer(std::string_view address, uint32_t audio, uint32_t video);
-core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video);
+/// @param offer  whose media are answered in their order, each that we do not have with port 0 (RFC 3264, 6). None when
+/// it has no media: the description is an offer then, of sound and pictures
+core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video,
+                              std::string_view offer);
 
 /// Takes the frames of a channel, and the digits between its sound (RFC 4733).
 class frame_taker {

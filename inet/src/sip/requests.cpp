@@ -141,7 +141,7 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
         user->invite = &request;
         return answer(request, 200, "application/sdp",
                       sip::print_answer_sdp(account.user, media_address(account), user->media.audio_port(),
-                                            user->media.video_port()));
+                                            user->media.video_port(), body));
     }
     if (user) return answer(request, 482);  // it came here by two ways (RFC 3261, 8.2.2.2)
     if (!sip::tag_of(sip::field(*request.header, "To")).empty()) return answer(request, 481);
