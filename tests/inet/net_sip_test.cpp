@@ -270,7 +270,7 @@ TEST(NetSip, HearsDigitsBetweenSound) {
     sip::channel audio(av::fcc_pcmu, to);
     sip::target_t target;
     target.wanted = true;
-    audio.start(target, 0);
+    audio.start(target, 0, {});
     char number = 0;
     // Each digit comes three times; 16 is none, and the last is cut.
     for (const std::string each : {"e1\x0b", "e1\x0b", "e1\x0b", "s2\x55", "e3\x05", "e3\x05", "e4\x10", "e5"}) {

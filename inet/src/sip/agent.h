@@ -40,7 +40,7 @@ public:
     /// @param to  of a datagram; null for the server
     virtual void send(std::string_view bytes, const sockaddr_in* to) noexcept = 0;
     virtual uint32_t local_port() const noexcept = 0;
-    virtual in_addr local_address() const noexcept = 0;  ///< 0.0.0.0 when it is not known
+    virtual in_addr local_address() const noexcept = 0;  ///< as the server sees it; 0.0.0.0 when it is not known
     virtual bool is_up() const noexcept = 0;             ///< false while it connects
     virtual void stop() noexcept = 0;                    ///< before it is released: nothing more comes from it
 };
@@ -112,6 +112,7 @@ struct sip_user final : sip::frame_taker {
     sip_request* invite = nullptr;  ///< that waits for its final answer, or whose 200 waits for ACK
     sip::text remote_tag, name;
     sip::way_t way;
+    in_addr own = {};          ///< our address, as it was told
     bool established = false;  ///< in the session: media runs
     bool gone = false;
     bool subscription = false;
@@ -181,7 +182,7 @@ public:
     sip_account* add_account(int transport, const char* user, const char* password, const char* server, uint32_t port);
     void open_transport(sip_account& account);
     void connected(sip_account& account);
-    sip::text media_address(const sip_account& account) const;
+    in_addr media_address(const sip_account& account, in_addr peer) const;
     void close_transport(sip_account& account, bool lost);
     void account_due(sip_account& account);
     /// One datagram. @param from  its sender
@@ -255,6 +256,7 @@ public:
     void say_bye(sip_user& user);
     void bye(sip_user& user);
     void dtmf(sip_session& session, unsigned code);
+    sip::text answer_media(sip_user& user, std::string_view offer);
     void put_frame(sip_session& session, const av::frame_t& frame) noexcept;
     // presence.cpp
     void register_account(sip_account& account);
@@ -308,6 +310,9 @@ core::owned_object<T> make(const Sip& agent, Args&&... args) {
 
 /// What INVITE, or its answer, says about the way back.
 way_t way_of(const header_t& header, bool answered);
+
+/// The address of this host from which the system sends to another; 0.0.0.0 when it is not known.
+in_addr near_to(in_addr other) noexcept;
 
 /// The wire of an account's transport.
 core::owned_object<wire> open_wire(Sip& agent, sip_account& account);

@@ -59,10 +59,18 @@ sip_user* Sip::invite(sip_account& account, sip_session* session, const char* ca
     return &user;
 }
 
+/// Starts the media of an offer, or none yet without one. @return the description that answers it
+sip::text Sip::answer_media(sip_user& user, std::string_view offer) {
+    const sip::described_t described = sip::read_description(offer);
+    const in_addr audio = described.audio.rtp.sin_addr;
+    user.own = media_address(*user.account, audio.s_addr ? audio : described.video.rtp.sin_addr);
+    if (!offer.empty()) user.media.start(described, user.own);
+    return sip::print_answer_sdp(user.account->user, user.own, user.media.audio_port(), user.media.video_port(), offer);
+}
+
 void Sip::accept(sip_user& user) {
     sip_request* const request = user.invite;
     if (!request || !request->incoming || request->answered) return;
-    sip_account& account = *user.account;
     if (!user.media.open(info.nt, log, user)) {
         request->user = nullptr;
         guarded([&] { answer(*request, 486); });
@@ -70,10 +78,7 @@ void Sip::accept(sip_user& user) {
         if (!user.gone) drop(user);
         return;
     }
-    user.media.start(sip::read_description(request->offer));
-    answer(*request, 200, sdp_type,
-           sip::print_answer_sdp(account.user, media_address(account), user.media.audio_port(), user.media.video_port(),
-                                 request->offer));
+    answer(*request, 200, sdp_type, answer_media(user, request->offer));
     user.established = true;
 }
 

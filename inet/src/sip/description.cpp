@@ -44,17 +44,11 @@ bool has_format(std::string_view formats, uint32_t wanted) noexcept {
     return false;
 }
 
-// A name is not looked up: that blocks.
 void read_address(std::string_view value, sockaddr_in& address) noexcept {
     address = {};
     if (!value.starts_with("IN IP4 ")) return;
     value = scan::trim(value.substr(7), blanks);
-    value = value.substr(0, value.find('/'));
-    char dotted[net_addr_size] = {};
-    const bool plain = value.find_first_not_of("0123456789.") == std::string_view::npos;
-    if (!plain || value.empty() || value.size() >= sizeof dotted) return;
-    std::ranges::copy(value, dotted);
-    net_addr_setup(address, dotted, 0);
+    address.sin_addr = read_dotted(value.substr(0, value.find('/')));
 }
 
 class reader {
@@ -141,6 +135,19 @@ private:
 
 }  // namespace
 
+// A name is not looked up: that blocks.
+in_addr read_dotted(std::string_view text) noexcept {
+    char dotted[net_addr_size] = {};
+    const bool plain = text.find_first_not_of("0123456789.") == std::string_view::npos;
+    if (!plain || text.empty() || text.size() >= sizeof dotted) return {};
+    std::ranges::copy(text, dotted);
+    sockaddr_in address = {};
+    net_addr_setup(address, dotted, 0);
+    return address.sin_addr;
+}
+
+bool is_loopback(in_addr address) noexcept { return reinterpret_cast<const uint8_t*>(&address)[0] == 127; }
+
 described_t read_description(std::string_view text) noexcept { return reader().read(text); }
 
 core::string print_offer(std::string_view address, uint32_t audio, uint32_t video) {
@@ -148,8 +155,12 @@ core::string print_offer(std::string_view address, uint32_t audio, uint32_t vide
                  number_text(audio + 1), offer_video, number_text(video), media_end});
 }
 
-core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video,
+core::string print_answer_sdp(std::string_view user, in_addr own, uint32_t audio, uint32_t video,
                               std::string_view offer) {
+    sockaddr_in there = {};
+    there.sin_addr = own;
+    char address[net_addr_size];
+    net_addr_ip(there, address, sizeof address);
     core::string sound = join({"m=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"});
     core::string pictures = join({"m=video ", number_text(video), media_end});
     core::string media;

@@ -49,7 +49,7 @@ bool channel::open(net::nt_ctx* nt, log_ctx* log) noexcept {
     return port_ && port_->open() == 1;
 }
 
-void channel::start(const target_t& target, uint8_t own_pt) noexcept {
+void channel::start(const target_t& target, uint8_t own_pt, in_addr own) noexcept {
     target_ = target;
     rtp::trak_t* const sent = out_.add_trak(target.pt, fcc_);
     rtp::trak_t* const received = in_.add_trak(own_pt, fcc_);
@@ -65,6 +65,8 @@ void channel::start(const target_t& target, uint8_t own_pt) noexcept {
     if (!port_ || !named) return;
     port_->forget_sources();
     port_->add_source(target.rtp.sin_addr);
+    // Another program of this host sends from the address that it sends to.
+    if (is_loopback(own) || is_loopback(target.rtp.sin_addr)) port_->add_source(own);
 }
 
 void channel::stop() noexcept {
@@ -222,10 +224,10 @@ void call_media::stop() noexcept {
     to_ = nullptr;
 }
 
-void call_media::start(const described_t& described) noexcept {
+void call_media::start(const described_t& described, in_addr own) noexcept {
     if (!is_open()) return;
-    audio_->start(described.audio, pcmu_pt);
-    video_->start(described.video, h264_pt);
+    audio_->start(described.audio, pcmu_pt, own);
+    video_->start(described.video, h264_pt, own);
 }
 
 void call_media::tick(uint64_t now) noexcept {

@@ -29,13 +29,17 @@ struct described_t {
     target_t audio, video;
 };
 
+/// A dotted address, 0.0.0.0 for anything else.
+in_addr read_dotted(std::string_view text) noexcept;
+bool is_loopback(in_addr address) noexcept;
+
 /// Reads an offer or an answer: PCMU, H.264, and where they go.
 described_t read_description(std::string_view text) noexcept;
 
 core::string print_offer(std::string_view address, uint32_t audio, uint32_t video);
 /// @param offer  whose media are answered in their order, each that we do not have with port 0 (RFC 3264, 6). None when
 /// it has no media: the description is an offer then, of sound and pictures
-core::string print_answer_sdp(std::string_view user, std::string_view address, uint32_t audio, uint32_t video,
+core::string print_answer_sdp(std::string_view user, in_addr address, uint32_t audio, uint32_t video,
                               std::string_view offer);
 
 /// Takes the frames of a channel, and the digits between its sound (RFC 4733).
@@ -59,7 +63,8 @@ public:
     bool open(net::nt_ctx* nt, log_ctx* log) noexcept;
     uint32_t port() const noexcept { return port_ ? port_->port() : 0; }
     /// Sends to a target from now on, and takes what comes from it. @param own_pt  under which it is received
-    void start(const target_t& target, uint8_t own_pt) noexcept;
+    /// @param own  the address that the other end was told
+    void start(const target_t& target, uint8_t own_pt, in_addr own) noexcept;
     void stop() noexcept;
 
     void send_pictures(rtp::Packets& packets) noexcept;
@@ -113,7 +118,8 @@ public:
     void close() noexcept;
     void stop() noexcept;
 
-    void start(const described_t& described) noexcept;
+    /// @param own  as of the channels
+    void start(const described_t& described, in_addr own) noexcept;
     uint32_t audio_port() const noexcept { return audio_ ? audio_->port() : 0; }
     uint32_t video_port() const noexcept { return video_ ? video_->port() : 0; }
     void send_pictures(rtp::Packets& packets) noexcept {

@@ -125,7 +125,7 @@ void Sip::take_ack(sip_account& account, const sip::header_t& header, std::strin
     invite->user = nullptr;
     if (user->invite == invite) user->invite = nullptr;
     // An INVITE without an offer is answered with one, which its ACK answers (RFC 3261, 13.2.1).
-    if (invite->offer.empty() && !body.empty()) user->media.start(sip::read_description(body));
+    if (invite->offer.empty() && !body.empty()) user->media.start(sip::read_description(body), user->own);
 }
 
 void Sip::take_invite(sip_request& request, std::string_view body) {
@@ -135,13 +135,10 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
     sip_session* session = find_session(account, call_id);
     sip_user* user = session ? find_user(*session, *request.header) : nullptr;
     if (user && user->established) {  // the call is set up anew (RFC 3261, 14)
-        if (!body.empty()) user->media.start(sip::read_description(body));
         request.offer = body;
         request.user = user;
         user->invite = &request;
-        return answer(request, 200, "application/sdp",
-                      sip::print_answer_sdp(account.user, media_address(account), user->media.audio_port(),
-                                            user->media.video_port(), body));
+        return answer(request, 200, "application/sdp", answer_media(*user, body));
     }
     if (user) return answer(request, 482);  // it came here by two ways (RFC 3261, 8.2.2.2)
     if (!sip::tag_of(sip::field(*request.header, "To")).empty()) return answer(request, 481);

@@ -162,8 +162,9 @@ void Sip::take_success(sip_request& request, const sip::header_t& header, std::s
     if (is(request, "INVITE")) return take_answer(request, header, body);
     if (is(request, "REGISTER")) {
         const sip::via_t via = sip::top_via(header);
-        if (!via.received.empty()) account.contact_address = via.received;
-        if (!via.rport.empty()) account.contact_port = via.rport;
+        const uint32_t port = scan::decimal(via.rport);
+        if (sip::read_dotted(via.received).s_addr != 0) account.contact_address = via.received;
+        if (port > 0 && port <= 65535) account.contact_port = sip::number_text(port);
         core_con_printf(2, "sip: регистрация %s@%s успешна: %s", account.user.c_str(), account.server.c_str(),
                         account.contact_address.c_str());
         account.due = core_timer() + 30 * sip::second;
@@ -193,7 +194,8 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     user->way = invite.way;
     // What a 1xx has agreed on need not be said again.
     const bool early = body.empty() && invite.early_tag == std::string_view(invite.remote_tag);
-    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body));
+    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body),
+                      sip::read_dotted(invite.account->contact_address));
     send_ack(invite);
     complete(invite);
     user->established = true;

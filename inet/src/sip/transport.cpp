@@ -66,14 +66,12 @@ void Sip::connected(sip_account& account) {
     register_account(account);
 }
 
-/// Where peers find the media of a call: the address of the account's socket.
-sip::text Sip::media_address(const sip_account& account) const {
-    sockaddr_in local = {};
-    if (account.wire) local.sin_addr = account.wire->local_address();
-    if (local.sin_addr.s_addr == 0) return account.contact_address;
-    char address[net_addr_size];
-    net_addr_ip(local, address, sizeof address);
-    return address;
+/// Where a peer finds the media of a call: the address of the account's socket, unless the server is on this host and
+/// the peer is not.
+in_addr Sip::media_address(const sip_account& account, in_addr peer) const {
+    in_addr near = account.wire ? account.wire->local_address() : in_addr{};
+    if (sip::is_loopback(near) && peer.s_addr != 0 && !sip::is_loopback(peer)) near = sip::near_to(peer);
+    return near.s_addr != 0 ? near : sip::read_dotted(account.contact_address);
 }
 
 /// @param lost  else it was closed by the owner

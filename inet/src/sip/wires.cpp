@@ -33,17 +33,8 @@ public:
         if (fd_ >= 0) net_udp_send_buffer(fd_, &buffer, &address);
     }
     uint32_t local_port() const noexcept override { return fd_ < 0 ? 0 : net_socket_get_near_port(fd_); }
-    // The socket is bound to none: the address from which the system sends to the server, if others can reach it, too.
-    in_addr local_address() const noexcept override {
-        const int probe = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, agent_.file, agent_.line);
-        char host[net_addr_size];
-        net_addr_ip(server_, host, sizeof host);
-        sockaddr_in near = {};
-        if (probe >= 0 && net_tcp_connect(probe, host, net_addr_port(server_)) == 0) near = net_socket_near(probe);
-        if (probe >= 0) net_socket_close(probe);
-        net_addr_ip(near, host, sizeof host);
-        return std::string_view(host).starts_with("127.") ? in_addr{} : near.sin_addr;
-    }
+    // The socket is bound to none.
+    in_addr local_address() const noexcept override { return near_to(server_.sin_addr); }
     bool is_up() const noexcept override { return true; }
     void stop() noexcept override {
         net::net_nt_socket_rem(agent_.info.nt, socket_);
@@ -135,6 +126,20 @@ core::owned_object<wire> open_as(Sip& agent, sip_account& account) {
 }
 
 }  // namespace
+
+in_addr near_to(in_addr other) noexcept {
+    constexpr uint16_t any_port = 9;  // nothing is sent
+    sockaddr_in there = {};
+    there.sin_addr = other;
+    char host[net_addr_size];
+    net_addr_ip(there, host, sizeof host);
+    const int probe = net_socket_create(AF_INET, SOCK_DGRAM, IPPROTO_UDP, CORE_HERE);
+    if (probe < 0) return {};
+    const bool known = net_tcp_connect(probe, host, any_port) == 0;
+    const in_addr near = known ? net_socket_near(probe).sin_addr : in_addr{};
+    net_socket_close(probe);
+    return near;
+}
 
 core::owned_object<wire> open_wire(Sip& agent, sip_account& account) {
     return account.transport == net::sip_tcp ? open_as<tcp_wire>(agent, account) : open_as<udp_wire>(agent, account);
