@@ -84,26 +84,33 @@ void play(const std::string& scenario, const std::string& arguments, const std::
               " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
 }
 
+std::string transport_of(int transport) { return transport == net::sip_tcp ? "-t t1 " : ""; }
+
 struct caller_row {
     const char* scenario;
     bool answers, declines;
     const char* event;
+    int transport = net::sip_udp;
 };
 
 TEST(NetSipPeers, AreAnswered) {
     const caller_row rows[] = {{"caller", true, false, "call2"},
                                {"caller_cancels", false, false, "call2"},
                                {"caller_declined", false, true, "call1"},
-                               {"caller_asks", false, false, ""}};
+                               {"caller_asks", false, false, ""},
+                               {"caller", true, false, "call2", net::sip_tcp},
+                               {"caller_cancels", false, false, "call2", net::sip_tcp},
+                               {"caller_declined", false, true, "call1", net::sip_tcp},
+                               {"caller_asks", false, false, "", net::sip_tcp}};
     for (const caller_row& each : rows) {
         SCOPED_TRACE(each.scenario);
-        test::sip_switch registrar(net::sip_udp);
-        test::sip_phone phone("bob", net::sip_udp, registrar.port);
+        test::sip_switch registrar(each.transport);
+        test::sip_phone phone("bob", each.transport, registrar.port);
         ASSERT_TRUE(phone.waits("account0"));
         phone.answers = each.answers;
         phone.declines = each.declines;
         // The switch hands what the peer says to the phone.
-        play(each.scenario, "-m 1 127.0.0.1:" + std::to_string(registrar.port));
+        play(each.scenario, transport_of(each.transport) + "-m 1 127.0.0.1:" + std::to_string(registrar.port));
         EXPECT_TRUE(phone.waits(each.event));
     }
 }
@@ -117,6 +124,7 @@ struct callee_row {
 
 TEST(NetSipPeers, AreCalled) {
     const callee_row rows[] = {{"callee", net::sip_udp, "call2"},
+                               {"callee", net::sip_tcp, "call2"},
                                {"callee_refuses", net::sip_udp, "call5", "486 Busy Here"},
                                {"callee_refuses", net::sip_tcp, "call5", "486 Busy Here"},
                                {"callee_refuses", net::sip_tcp, "call4", "404 Not Found"}};
@@ -126,8 +134,7 @@ TEST(NetSipPeers, AreCalled) {
         net_udp_listen(taken, "127.0.0.1", 0);
         const unsigned port = net_socket_get_near_port(taken) ^ 1U;
         std::thread server([&] {
-            play(each.scenario, "-m 2 -p " + std::to_string(port) + (each.transport == net::sip_tcp ? " -t t1" : ""),
-                 each.refusal);
+            play(each.scenario, transport_of(each.transport) + "-m 2 -p " + std::to_string(port), each.refusal);
         });
         test::sip_phone phone("bob", each.transport, 0);
         phone.calls = "alice";
