@@ -8,6 +8,7 @@
 #include "avc/fcc.h"
 #include "inet/net_sip.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <poll.h>
@@ -71,7 +72,7 @@ public:
         return until([&] { return sound_ >= bytes; });
     }
 
-    bool answers = false, declines = false;
+    std::atomic<bool> answers = false, declines = false;
     const char* calls = nullptr;  ///< whom, when registered; ends the call when it is answered
     std::string video;            ///< of all pictures
 
