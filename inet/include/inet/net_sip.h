@@ -20,6 +20,7 @@
 ///
 /// Times:
 ///     32 seconds    for an answer to a request, and for the ACK of a 200 (the call then ends, event 2)
+///     2 minutes     in a call without media from the other end, until OPTIONS asks whether it is there (event 2 or 4)
 ///     3 minutes     for a call that rings, in or out (event 2 or 4)
 ///     30 seconds    between registrations, which hold for 60
 ///     10 seconds    to connect over TCP; 2 seconds until a lost transport is opened again

@@ -29,6 +29,7 @@ inline constexpr uint64_t t_end = 64 * t1;             // timers B, F, H and J
 inline constexpr uint64_t last_try_time = 2 * second;  // for a request with credentials under a new branch
 inline constexpr uint64_t bye_time = 2 * second;       // for the end of an INVITE after BYE; then CANCEL
 inline constexpr uint64_t ring_time = 180 * second;
+inline constexpr uint64_t quiet_time = 120 * second;  // without media or an answer; then OPTIONS asks
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
 inline constexpr uint32_t most_calls = 120;
@@ -112,6 +113,7 @@ struct sip_user final : sip::frame_taker {
     sip_request* invite = nullptr;  ///< that waits for its final answer, or whose 200 waits for ACK
     sip::text remote_tag, name;
     sip::way_t way;
+    uint64_t asked_at = 0;     ///< when it was known, or asked, to be there
     in_addr own = {};          ///< our address, as it was told
     bool established = false;  ///< in the session: media runs
     bool gone = false;
@@ -253,6 +255,8 @@ public:
                      sip_frame_callback callback);
     void accept(sip_user& user);
     void decline(sip_user& user);
+    void establish(sip_user& user);
+    void ask_whether_there(sip_user& user);
     void say_bye(sip_user& user);
     void bye(sip_user& user);
     void dtmf(sip_session& session, unsigned code);

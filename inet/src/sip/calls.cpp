@@ -79,7 +79,18 @@ void Sip::accept(sip_user& user) {
         return;
     }
     answer(*request, 200, sdp_type, answer_media(user, request->offer));
+    establish(user);
+}
+
+void Sip::establish(sip_user& user) {
     user.established = true;
+    user.asked_at = core_timer();
+}
+
+// Who vanishes without a BYE would hold its places forever.
+void Sip::ask_whether_there(sip_user& user) {
+    user.asked_at = core_timer();
+    send(ask(*user.account, *user.session, &user, "OPTIONS", {}, {}));
 }
 
 void Sip::decline(sip_user& user) {

@@ -150,8 +150,13 @@ void Sip::tick(uint64_t now) noexcept {
             guarded([&] { resend(each, now); });
         }
     }
-    for (size_t i = 0; i < users.size(); ++i)
-        users[i]->media.tick(now);
+    for (size_t i = 0; i < users.size(); ++i) {
+        sip_user& each = *users[i];
+        each.media.tick(now);
+        const bool talks = each.established && !each.gone;
+        if (talks && std::max(each.media.heard(), each.asked_at) + sip::quiet_time <= now)
+            guarded([&] { ask_whether_there(each); });
+    }
 }
 
 void Sip::bury() noexcept {

@@ -198,7 +198,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
                       sip::read_dotted(invite.account->contact_address));
     send_ack(invite);
     complete(invite);
-    user->established = true;
+    establish(*user);
     tell(user, sip_call_answered);
 }
 
@@ -222,7 +222,8 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
     }
     sip_user* const user = request.user;
     // A digit that is refused ends no call, unless the other end does not know the call (RFC 3261, 12.2.1.2).
-    const bool over = invite || (is(request, "INFO") && status == 481);
+    const bool inside = is(request, "INFO") || is(request, "OPTIONS");
+    const bool over = invite || (inside && status == 481);
     const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE") || (over && user);
     if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // of a subscription that is no more
     complete(request);

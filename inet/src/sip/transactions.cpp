@@ -272,8 +272,9 @@ void Sip::timed_out(sip_request& request) {
     }
     if (refused) core_log_print(log, "sip: Authentication failed");
     if (refused) tell(invite ? user : nullptr, sip_call_unauthorized);
+    const bool vanished = !request.incoming && user && std::strcmp(request.method, "OPTIONS") == 0;
     end(request);
-    if (unacknowledged) return bye(*user);
+    if (unacknowledged || vanished) return bye(*user);
     if (!unanswered) return;
     if (!refused) tell(user, sip_call_failed);
     if (!user->gone) drop(*user);
