@@ -8,7 +8,6 @@ namespace {
 
 using net::Sip;
 using net::sip_account;
-using net::sip_session;
 using net::sip_user;
 
 constexpr uint64_t pulse = 100 * sip::ms;
