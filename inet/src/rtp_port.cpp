@@ -80,6 +80,8 @@ void Port::add_source(in_addr address) noexcept {
     if (in.source_count < in.sources.size()) in.sources[in.source_count++] = address;
 }
 
+void Port::forget_sources() noexcept { inside_->source_count = 0; }
+
 int Port::open() noexcept {
     if (inside_->rtp_fd >= 0) return 0;
     return socket_rtp_pair(&inside_->rtp_fd, &inside_->rtcp_fd) == 1 && inside_->listen() ? 1 : 0;
@@ -152,6 +154,17 @@ void Port::inside::on_ordered(void* arg, buffer_t packet) noexcept {
     const bool restarted = restarts != self->restarts;
     self->restarts = restarts;
     self->handler->on_rtp_packet(self->face, packet, restarted);
+}
+
+// One that is refused, for example because the host has vanished, does not keep the others back.
+void Port::send(const datagram_t* packets, uint32_t count) noexcept {
+    while (count > 0 && inside_->rtp_fd >= 0) {
+        const int result = net_udp_send_batch(inside_->rtp_fd, packets, count);
+        const uint32_t went = std::min(count, result < 0 ? 1 : static_cast<uint32_t>(result) + 1);
+        if (result < 0 && socket_get_error_code() == socket_error_would_block) return;
+        packets += went;
+        count -= went;
+    }
 }
 
 void Port::send_rtcp(buffer_t packet, const sockaddr_in& to) noexcept {

@@ -14,6 +14,8 @@
 
 #include <cstdint>
 
+struct datagram_t;  // inet/net_socket.h
+
 namespace rtp {
 
 class Port;
@@ -41,6 +43,8 @@ public:
 
     /// Takes packets from this address, from any port. At most two addresses. Until the first call no packet is taken.
     void add_source(in_addr address) noexcept;
+    /// Takes no packet until the next add_source().
+    void forget_sources() noexcept;
 
     /// Opens a pair of ports. @return 1; 0 when no pair is free, or when memory is out
     int open() noexcept;
@@ -50,6 +54,8 @@ public:
     /// The port for RTP; 0 before open().
     uint16_t port() const noexcept;
 
+    /// Sends packets from the RTP port. Those that the system does not take are lost.
+    void send(const datagram_t* packets, uint32_t count) noexcept;
     /// Sends a packet from the RTCP port.
     void send_rtcp(buffer_t packet, const sockaddr_in& to) noexcept;
     /// To be called about ten times a second: gives up packets that have been waited for too long.

@@ -3,6 +3,7 @@
 
 #include "rtp/packet.h"
 #include "rtp/parameter_sets.h"
+#include "rtp/pictures.h"
 
 #include "core/log.h"
 #include "core/owned.h"
@@ -36,29 +37,14 @@ struct ends_t {
 };
 
 /// The frame of a received track while it is put together.
-struct gathered_t {
+struct gathered_t final : rtp::gathering_t {
     bool tried;     ///< SETUP was asked for, or left out for want of a port
     uint32_t form;  ///< of the URIs that its control may mean, the one that is asked for
     uint8_t pt;     ///< of its packets; that of its trak_t::rtp is another one when two media have the same
-
-    buf_t frame;
-    uint32_t rtp_time;
     uint64_t time;
-    bool picture;   ///< holds a slice, or data of another format
-    bool key;       ///< holds an IDR slice
-    bool broken;    ///< packets are missing in it
-    bool torn;      ///< packets are missing in front of what comes next
-    bool left_out;  ///< it passed the limit, or memory was out
-    bool orphaned;  ///< the one before it was left out
 
-    bool sets_changed;  ///< parameter sets came since they last went into a frame
-    bool marked;        ///< the last data ended with the marker bit,
-    bool marks_units;   ///< which this server sets not only at the end of a picture
-    uint32_t lost;      ///< the packetizer's counters when data last came
-    uint32_t discarded;
-    uint32_t restarts;
-    uint32_t received;
-    uint32_t late;  ///< when the last packet was taken
+    uint32_t received;  ///< the packetizer's counters when the last packet was taken
+    uint32_t late;
 
     ends_t ends;
 
@@ -73,8 +59,6 @@ struct gathered_t {
     bool reported;  ///< a sender report came: these two are one moment
     uint32_t report_rtp_time;
     uint64_t report_time;
-
-    ~gathered_t() { core_buf_free(&frame); }
 };
 
 /// A track with what the session keeps of it. Every track of a session is one.

@@ -1,9 +1,6 @@
 #include "rtsp/receiver.h"
 
-#include "bounded.h"
-
 #include "avc/fcc.h"
-#include "common/h264.h"
 #include "core/time.h"
 
 #include <algorithm>
@@ -16,14 +13,11 @@ namespace {
 
 using bytes_t = std::span<const uint8_t>;
 
-constexpr uint8_t start_code[] = {0, 0, 1};
 // Packets in a row that are dropped as late before their numbering is believed.
 constexpr uint32_t max_late = 100;
 constexpr int64_t us_per_second = 1000000;
 // Tracks whose first frames come within this time began together.
 constexpr uint64_t together = 200000;
-
-enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
 
 using rtp::get16;
 using rtp::get32;
@@ -50,16 +44,6 @@ bool is_picture(const track_t& track) noexcept { return track.fcc == av::fcc_h26
 bool stands_alone(const track_t& track, bytes_t data) noexcept {
     if (track.fcc == av::fcc_jpeg) return data.size() > 1 && data[0] == 0xff && data[1] == 0xd8;
     return track.fcc != av::fcc_h264 && track.fcc != av::fcc_meta;
-}
-
-/// The first slice that came of an H.264 picture. A gap took nothing from a key picture that begins with it, at its first
-/// macroblock (ITU-T H.264, 7.3.3). Any other picture refers to what was lost.
-void note_front(gathered_t& gathered, bytes_t nal) noexcept {
-    constexpr uint8_t zero = 0x80;  // as ue(v)
-    const bool begins = nal.size() > 1 && (nal[1] & zero) != 0;
-    const bool key = (nal[0] & 0x1f) == idr_slice;
-    gathered.broken = gathered.broken || (gathered.torn && !(key && begins));
-    gathered.torn = false;
 }
 
 /// Whether a track begins at about the RTP time that was announced, as far as it can: some servers tell any.
@@ -229,18 +213,8 @@ void receiver::learn_ends(track_t& track) noexcept {
     ends.early = false;
 }
 
-// A gap between two frames may have been in either, unless the marker says that the first was over (RFC 6184, 5.1).
 void receiver::note_loss(track_t& track, bool another, std::span<const uint8_t> data) noexcept {
-    gathered_t& gathered = *track.gathered;
-    const bool lost = track.rtp->lost != gathered.lost || track.rtp->discarded != gathered.discarded ||
-                      track.rtp->restarts != gathered.restarts;
-    gathered.lost = track.rtp->lost;
-    gathered.discarded = track.rtp->discarded;
-    gathered.restarts = track.rtp->restarts;
-    if (!lost) return;
-    const bool over = gathered.marked && !gathered.marks_units;
-    if (!another || (!over && is_picture(track))) gathered.broken = true;
-    gathered.torn = another && !stands_alone(track, data);
+    rtp::note_loss(*track.gathered, *track.rtp, another, stands_alone(track, data), is_picture(track));
 }
 
 void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexcept {
@@ -266,68 +240,24 @@ void receiver::start_frame(track_t& track, std::span<const uint8_t> data) noexce
     gathered.torn = false;
 }
 
-// Aggregates (RFC 6184, 5.7.1), in which encoders send parameter sets, are taken apart.
 void receiver::add_h264(track_t& track, std::span<const uint8_t> nal) noexcept {
-    if (nal.empty()) return;
-    if ((nal[0] & 0x1f) != stap_a) return add_nals(track, nal);
-    nal = nal.subspan(1);
-    while (nal.size() > 2) {
-        const size_t size = std::min<size_t>(get16(nal, 0), nal.size() - 2);
-        if (size > 0) add_nals(track, nal.subspan(2, size));
-        nal = nal.subspan(2 + size);
-    }
-}
-
-// Encoders that send byte streams as one NAL unit leave start codes in it.
-void receiver::add_nals(track_t& track, std::span<const uint8_t> nals) noexcept {
-    bytes_t rest = nals;
-    bytes_t next = h264_next_nal(rest);
-    if (next.empty()) return add_nal(track, nals);
-    const bytes_t first =
-        rtp::without_trailing_zeros(nals.first(static_cast<size_t>(next.data() - nals.data()) - sizeof start_code));
-    if (!first.empty()) add_nal(track, first);
-    for (; !next.empty(); next = h264_next_nal(rest))
-        add_nal(track, next);
-}
-
-void receiver::add_nal(track_t& track, std::span<const uint8_t> nal) noexcept {
     gathered_t& gathered = *track.gathered;
-    const uint8_t type = nal[0] & 0x1f;
-    if (type == sps || type == pps) return keep_parameter_set(track, nal);
-    constexpr uint8_t zero[] = {0};
-    if (gathered.frame.length == 0) add(track, zero);
-    if (type == slice || type == idr_slice) {
-        const bool due = (type == idr_slice || gathered.sets_changed) && !gathered.picture;
-        if (due || settings_.parameter_sets == parameter_sets_t::slices)
-            add(track, {track.parameter_sets.data, track.parameter_sets.length});
-        if (!gathered.picture) note_front(gathered, nal);
-        gathered.sets_changed = false;
-        gathered.picture = true;
-        gathered.key = gathered.key || type == idr_slice;
-    }
-    add(track, start_code);
-    add(track, nal);
-}
-
-void receiver::keep_parameter_set(track_t& track, std::span<const uint8_t> nal) noexcept {
-    const rtp::kept_t kept = rtp::keep_parameter_set(track.parameter_sets, nal, talk_.file, talk_.line);
-    if (kept == rtp::kept_t::unchanged) return;
-    if (kept == rtp::kept_t::restarted) track.gathered->ends.forget();
-    track.gathered->sets_changed = true;
+    const bool left_out = gathered.left_out;
+    if (rtp::add_h264(gathered, track.parameter_sets, nal, limits()) == rtp::kept_t::restarted) gathered.ends.forget();
+    if (gathered.left_out && !left_out) log_left_out(track);
 }
 
 void receiver::add(track_t& track, std::span<const uint8_t> bytes) noexcept {
-    gathered_t& gathered = *track.gathered;
-    if (gathered.left_out || bytes.empty()) return;
-    const auto size = static_cast<uint32_t>(bytes.size());
-    if (bounded::make_room(gathered.frame, size, settings_.frame_limit, talk_.file, talk_.line)) {
-        core_buf_read(&gathered.frame, bytes.data(), size);
-        return;
-    }
+    if (!rtp::add_bytes(*track.gathered, bytes, limits())) log_left_out(track);
+}
+
+rtp::gathering_limits receiver::limits() const noexcept {
+    return {settings_.parameter_sets == parameter_sets_t::slices, settings_.frame_limit, {talk_.file, talk_.line}};
+}
+
+void receiver::log_left_out(const track_t& track) const noexcept {
     core_log_print(talk_.log, "%d: frame of track %u left out: too long, or no memory", talk_.number,
                    unsigned{track.rtp->pt});
-    gathered.left_out = true;
-    gathered.frame.length = 0;
 }
 
 void receiver::deliver(track_t& track) noexcept {
@@ -341,8 +271,7 @@ void receiver::deliver(track_t& track) noexcept {
         frame_.rate = track.channels || track.fcc == av::fcc_pcmu || track.fcc == av::fcc_pcma ? track.rate : 0;
         frame_.channels = track.channels;
         frame_.key = track.fcc != av::fcc_h264 || gathered.key;
-        frame_.complete = gathered.picture && !gathered.broken && (frame_.key || !gathered.orphaned);
-        gathered.orphaned = false;
+        frame_.complete = rtp::is_complete(gathered, frame_.key != 0);
         track.media_time = ticks_to_us(gathered.ticks, track.rate);
         track.ntp_time = 0;
         if (gathered.reported) {
@@ -352,9 +281,7 @@ void receiver::deliver(track_t& track) noexcept {
         raise(track, event_t::rtsp_frame);
         frame_ = {};
     }
-    gathered.frame.length = 0;
-    gathered.orphaned = gathered.orphaned || gathered.left_out;
-    gathered.picture = gathered.key = gathered.broken = gathered.left_out = false;
+    rtp::end_frame(gathered);
 }
 
 void receiver::flush() noexcept {

@@ -49,10 +49,9 @@ private:
     void note_loss(track_t& track, bool another, std::span<const uint8_t> data) noexcept;
     void resume_numbering(rtp::trak_t& rtp) noexcept;
     void add_h264(track_t& track, std::span<const uint8_t> nal) noexcept;
-    void add_nals(track_t& track, std::span<const uint8_t> nals) noexcept;
-    void add_nal(track_t& track, std::span<const uint8_t> nal) noexcept;
-    void keep_parameter_set(track_t& track, std::span<const uint8_t> nal) noexcept;
     void add(track_t& track, std::span<const uint8_t> bytes) noexcept;
+    rtp::gathering_limits limits() const noexcept;
+    void log_left_out(const track_t& track) const noexcept;
     void deliver(track_t& track) noexcept;
     bool note_end(track_t& track) noexcept;
     void learn_ends(track_t& track) noexcept;

@@ -1,0 +1,47 @@
+// The end of an object that lives on the network thread, asked for by any thread. What it needs is made beforehand: it
+// cannot fail.
+#pragma once
+
+#include "core/thread.h"
+#include "inet/net_thread.h"
+
+namespace sip {
+
+class ending {
+public:
+    ending(net::nt_ctx* nt, void* of, void (*shut_down)(void* of)) noexcept : nt_(nt), of_(of), shut_down_(shut_down) {}
+    ~ending() {
+        net::net_nt_command_destroy(command_);  // waits for its callback, which sets the event
+        _event_free(done_);
+    }
+    ending(const ending&) = delete;
+    ending& operator=(const ending&) = delete;
+
+    /// @return false when memory is out
+    bool prepare(const char* file, int line) noexcept {
+        done_ = _event_create(file, line);
+        command_ = net::net_nt_command_create(nt_, this, on_command);
+        return done_ && command_;
+    }
+    /// Runs the function on the network thread and returns when it has run.
+    void run() noexcept {
+        if (!net::net_nt_need_invoke(nt_)) return shut_down_(of_);
+        net::net_nt_command_exec(command_);
+        event_wait(done_, event_infinite);
+    }
+
+private:
+    static void on_command(void* arg, net::command_ctx*) noexcept {
+        auto& self = *static_cast<ending*>(arg);
+        self.shut_down_(self.of_);
+        event_set(self.done_);
+    }
+
+    net::nt_ctx* const nt_;
+    void* const of_;
+    void (*const shut_down_)(void* of);
+    event_ctx* done_ = nullptr;
+    net::command_ctx* command_ = nullptr;
+};
+
+}  // namespace sip

@@ -1,0 +1,177 @@
+#include "sip/gateway.h"
+
+#include "scan.h"
+#include "sip/agent.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace net {
+
+namespace {
+
+constexpr unsigned usual_port = 5060;
+constexpr size_t most_late = 2 * sip::most_calls;
+
+struct value_list_deleter {
+    void operator()(value_t** list) const noexcept { core_value_free(list); }
+};
+
+}  // namespace
+
+Sips::Sips(const sips_info& info, const char* file, int line)
+    : info_(info), file_(file), line_(line), ending_(info.nt, this, [](void* of) {
+          auto& self = *static_cast<Sips*>(of);
+          net_sip_close(std::exchange(self.agent_, nullptr));
+          net_sipsrv_close(std::exchange(self.server_, nullptr));
+      }) {
+    late_.reserve(most_late);
+    name_ = info.name;
+    password_ = scan::text(info.password);
+    outside_server_ = info.server;
+    callee_ = scan::text(info.callee);
+    for (value_t* const* each = info.users; each && *each; ++each)
+        if (name_ != (*each)->key) users_.emplace_back((*each)->key);
+}
+
+Sips::~Sips() {
+    if (agent_ || server_) ending_.run();
+}
+
+bool Sips::open() noexcept {
+    if (!ending_.prepare(file_, line_)) return false;
+    std::unique_ptr<value_t*, value_list_deleter> table;
+    uint32_t count = 0;
+    for (value_t* const* each = info_.users; each && *each; ++each, ++count)
+        table.reset(core_value_put_at(table.release(), count, (*each)->key, (*each)->value, file_, line_));
+    table.reset(core_value_put_at(table.release(), count, name_.c_str(), "", file_, line_));
+    if (value_count(table.get()) != count + 1) return false;
+    const sip_info agent{info_.nt, this, on_call, on_account, nullptr};
+    agent_ = net_sip_open(&agent, file_, line_);
+    server_ = net_sipsrv_open_at(info_.nt, table.get(), info_.port ? info_.port : usual_port, file_, line_);
+    info_.users = nullptr;
+    return agent_ && server_ &&
+           net_sip_post(
+               agent_, [](void*, void* self) { static_cast<Sips*>(self)->register_accounts(); }, this);
+}
+
+void Sips::register_accounts() noexcept {
+    const char* const name = name_.c_str();
+    if (const unsigned port = net_sipsrv_port(server_))
+        inside_ = net_sip_register_over(agent_, sip_tcp, name, "", "127.0.0.1", port, file_, line_);
+    outside_ = net_sip_register_over(agent_, info_.transport, name, password_.c_str(), outside_server_.c_str(),
+                                     info_.server_port, file_, line_);
+}
+
+void Sips::on_call(void* arg, sip_user* party, uint32_t event) noexcept {
+    auto& self = *static_cast<Sips*>(arg);
+    if (!party) return;
+    const bool news = event != sip_call_incoming && event != sip_call_searching;
+    if (news && std::erase(self.late_, party) > 0) {
+        if (event == sip_call_ringing || event == sip_call_answered) net_sip_bye(party);
+        return;
+    }
+    if (event == sip_call_incoming) self.take_call(*party);
+    if (event == sip_call_answered) self.take_answer(*party);
+    if (event == sip_call_ended || event == sip_call_failed || event == sip_call_busy || event == sip_call_unauthorized)
+        self.take_end(*party);
+}
+
+void Sips::on_account(void* arg, void* object, uint32_t event, const char*) noexcept {
+    auto& self = *static_cast<Sips*>(arg);
+    if (event == sip_account_registered)
+        self.tell(sips_registered,
+                  static_cast<sip_session*>(object)->account == self.inside_ ? "" : self.outside_server_.c_str());
+    if (event == sip_account_closed && object == self.outside_) self.tell(sips_lost, self.outside_server_.c_str());
+}
+
+void Sips::on_frame(void* arg, sip_user* party, av::frame_t* frame) noexcept {
+    const auto& call = *static_cast<sip::bridge*>(arg);
+    sip_user* const other = party == call.caller ? call.callee : party == call.callee ? call.caller : nullptr;
+    net_sip_put_frame(net_sip_user_session(other), frame);
+}
+
+/// A bridge with all the room it will need; null when memory is out.
+core::owned_object<sip::bridge> Sips::make_bridge() noexcept {
+    core::owned_object<sip::bridge> made(core::create<sip::bridge>(file_, line_));
+    try {
+        if (made) made->rung.reserve(most_rung);
+        bridges_.reserve(bridges_.size() + 1);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    return made;
+}
+
+void Sips::take_call(sip_user& caller) noexcept {
+    core::owned_object<sip::bridge> made = make_bridge();
+    if (!made) return net_sip_decline(&caller);
+    sip::bridge& call = *made;
+    call.caller = &caller;
+    bridges_.push_back(std::move(made));
+    tell(sips_calling, net_sip_user_name(&caller));
+    if (net_sip_user_account(&caller) == inside_) {
+        if (!callee_.empty()) ring(call, outside_, callee_.c_str());
+    } else {
+        for (const core::string& each : users_)
+            if (server_->reaches(each)) ring(call, inside_, each.c_str());
+    }
+    if (call.rung.empty()) end(call, nullptr);
+}
+
+void Sips::ring(sip::bridge& call, sip_account* account, const char* name) noexcept {
+    if (call.rung.size() == most_rung) return;
+    if (sip_user* const rung = net_sip_invite(account, nullptr, name, &call, on_frame)) call.rung.push_back(rung);
+}
+
+/// The agent may tell of an end from inside each of its calls: the bridge is not touched after the first.
+void Sips::take_answer(sip_user& party) noexcept {
+    sip::bridge* const call = find(party);
+    if (!call || call->callee) return;
+    call->callee = &party;
+    const core::vector<sip_user*> others = std::exchange(call->rung, {});
+    tell(sips_joined, net_sip_user_name(&party));
+    net_sip_accept(call->caller, call, on_frame);
+    for (sip_user* each : others)
+        if (each != &party) hang_up(*each);
+}
+
+void Sips::take_end(sip_user& party) noexcept {
+    sip::bridge* const call = find(party);
+    if (!call) return;
+    const bool was_rung = std::erase(call->rung, &party) > 0;
+    if (!was_rung || call->rung.empty()) end(*call, &party);
+}
+
+/// Ends what is left of a call. @param gone  whose end it was
+void Sips::end(sip::bridge& call, const sip_user* gone) noexcept {
+    const auto found = std::ranges::find(bridges_, &call, [](const auto& each) { return each.get(); });
+    const core::owned_object<sip::bridge> ended = std::move(*found);
+    bridges_.erase(found);
+    for (sip_user* each : ended->rung)
+        hang_up(*each);
+    for (sip_user* each : {ended->callee, ended->caller})
+        if (each && each != gone) hang_up(*each);
+    tell(sips_ended, "");
+}
+
+/// A call that nobody has answered ends with CANCEL, which the relay refuses; with BYE, as soon as the other end is known
+/// (RFC 3261, 15).
+void Sips::hang_up(sip_user& party) noexcept {
+    const bool waits = party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late;
+    if (waits) return late_.push_back(&party);
+    net_sip_bye(&party);
+}
+
+sip::bridge* Sips::find(const sip_user& party) noexcept {
+    for (const auto& each : bridges_)
+        if (each->caller == &party || each->callee == &party || std::ranges::count(each->rung, &party) > 0)
+            return each.get();
+    return nullptr;
+}
+
+void Sips::tell(uint32_t event, const char* who) noexcept {
+    if (info_.on_event) info_.on_event(info_.user, event, who);
+}
+
+}  // namespace net

@@ -1,0 +1,69 @@
+// The gateway: calls that come on one account of its agent are placed on the other one, and both are joined.
+#pragma once
+
+#include "sip/ending.h"
+#include "sip/server.h"
+
+#include "core/owned.h"
+#include "inet/net_sip.h"
+#include "inet/net_sips.h"
+
+#include <cstdint>
+
+namespace sip {
+
+/// A call that came, and those that were placed for it.
+struct bridge {
+    net::sip_user* caller = nullptr;
+    net::sip_user* callee = nullptr;    ///< who has answered
+    core::vector<net::sip_user*> rung;  ///< who has not answered yet
+};
+
+}  // namespace sip
+
+namespace net {
+
+class Sips {
+public:
+    static constexpr size_t most_rung = 16;
+
+    /// Throws std::bad_alloc.
+    Sips(const sips_info& info, const char* file, int line);
+    ~Sips();
+    Sips(const Sips&) = delete;
+    Sips& operator=(const Sips&) = delete;
+
+    /// Before all else. @return false when memory is out
+    bool open() noexcept;
+    const SipServer* server() const noexcept { return server_; }
+
+private:
+    static void on_call(void* arg, sip_user* party, uint32_t event) noexcept;
+    static void on_account(void* arg, void* object, uint32_t event, const char* text) noexcept;
+    static void on_frame(void* arg, sip_user* party, av::frame_t* frame) noexcept;
+    void register_accounts() noexcept;
+    void take_call(sip_user& caller) noexcept;
+    core::owned_object<sip::bridge> make_bridge() noexcept;
+    void ring(sip::bridge& call, sip_account* account, const char* name) noexcept;
+    void take_answer(sip_user& party) noexcept;
+    void take_end(sip_user& party) noexcept;
+    void end(sip::bridge& call, const sip_user* gone) noexcept;
+    void hang_up(sip_user& party) noexcept;
+    sip::bridge* find(const sip_user& party) noexcept;
+    void tell(uint32_t event, const char* who) noexcept;
+
+    sips_info info_;
+    const char* const file_;
+    const int line_;
+    core::string name_, password_, outside_server_, callee_;
+    core::vector<core::string> users_;
+    SipServer* server_ = nullptr;
+    Sip* agent_ = nullptr;
+    sip_account* outside_ = nullptr;
+    sip_account* inside_ = nullptr;
+    core::vector<core::owned_object<sip::bridge>> bridges_;
+    core::vector<sip_user*> late_;  ///< to be hung up when they ring: until then the relay cannot end their calls
+    sip::ending ending_;
+};
+
+}  // namespace net

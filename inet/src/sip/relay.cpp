@@ -1,0 +1,157 @@
+// What the relay does with each message.
+#include "sip/relay.h"
+
+#include "scan.h"
+#include "sip/framing.h"
+
+#include <algorithm>
+
+namespace sip {
+
+namespace {
+
+/// Another reader takes a line that ends otherwise for a part of its neighbour: what is forwarded must mean the same to
+/// everybody.
+bool has_plain_lines(std::string_view head) noexcept {
+    for (size_t i = 0; i < head.size(); ++i) {
+        if (head[i] == '\0') return false;
+        if (head[i] == '\n' && (i == 0 || head[i - 1] != '\r')) return false;
+        if (head[i] == '\r' && (i + 1 == head.size() || head[i + 1] != '\n')) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+relay::relay(value_t* const* users, const char* file, int line) : file_(file), line_(line) {
+    users_.reserve(value_count(users));
+    for (value_t* const* each = users; each && *each; ++each) {
+        relay_user user;
+        user.name = (*each)->key;
+        user.value = scan::text((*each)->value);
+        users_.push_back(std::move(user));
+    }
+    by_name_.reserve(users_.size());
+    for (relay_user& each : users_)
+        by_name_.push_back(&each);
+    // Of equal names the first stays in front.
+    std::ranges::sort(by_name_, [](const relay_user* a, const relay_user* b) {
+        const int order = a->name.compare(b->name);
+        return order != 0 ? order < 0 : a < b;
+    });
+}
+
+relay_user* relay::find(std::string_view name) noexcept {
+    const auto by = [](const relay_user* each) { return std::string_view(each->name); };
+    const auto found = std::ranges::lower_bound(by_name_, name, {}, by);
+    return found == by_name_.end() || by(*found) != name ? nullptr : *found;
+}
+
+bool relay::reaches(std::string_view name) noexcept {
+    const relay_user* const found = find(name);
+    return found && found->at;
+}
+
+void relay::bind(relay_user& user, party& to) noexcept {
+    if (to.user) to.user->at = nullptr;
+    if (user.at) user.at->user = nullptr;
+    user.at = &to;
+    to.user = &user;
+}
+
+void relay::forget(party& gone) noexcept {
+    if (gone.user) gone.user->at = nullptr;
+    gone.user = nullptr;
+    std::erase(waiting_, &gone);
+}
+
+uint32_t relay::take(party& from, std::string_view bytes) noexcept {
+    uint32_t used = 0;
+    while (!from.lost && used < bytes.size()) {
+        const piece_t piece = cut(bytes.substr(used), false);
+        if (piece.what == cut_t::more) return used;
+        uint32_t step = piece.used;
+        try {
+            if (piece.what == cut_t::message) step = take_message(from, piece.head, piece.body, piece.bad_length);
+            if (piece.what == cut_t::broken) lose(from);
+        } catch (const std::bad_alloc&) {
+            core_log_err("sip server: out of memory");
+        }
+        used += step;
+        if (piece.what == cut_t::broken) break;
+    }
+    return static_cast<uint32_t>(bytes.size());  // of a lost one nothing is kept
+}
+
+/// @return how much of it is done with
+uint32_t relay::take_message(party& from, std::string_view head, std::string_view body, bool bad_length) {
+    const auto size = static_cast<uint32_t>(head.size() + body.size());
+    owned_header header = has_plain_lines(head) ? read(head) : nullptr;
+    if (!header || (!header->method && header->status == 0)) {
+        const auto shown = static_cast<int>(head.size());
+        core_log_print(log, "sip header parse failed:\n%.*s", shown, head.data());
+        core_con_printf(0, "sip header parse failed:\n%.*s", shown, head.data());
+        return static_cast<uint32_t>(head.size());
+    }
+    if (core_log_wanted(log))  // the body stands behind the head
+        core_log_print(log, "in %s:%u\n%.*s", from.peer.c_str(), from.peer_port, static_cast<int>(size), head.data());
+    if (bad_length) {  // nobody knows where the next message begins
+        if (header->method) answer(from, *header, 400);
+        lose(from);
+    } else if (header->method) {
+        take_request(from, *header, head, body);
+    } else if (const relay_user* caller = find(user_of(field(*header, "From"))); caller && caller->at) {
+        pass_on(*caller->at, head.substr(0, head.find("\r\n")), head, body);
+    }
+    return size;
+}
+
+void relay::take_request(party& from, const header_t& header, std::string_view head, std::string_view body) {
+    const std::string_view method = header.method;
+    relay_user* const sender = find(user_of(field(header, "From")));
+    if (!sender) return answer(from, header, 404);
+    if (method == "REGISTER") return take_register(from, *sender, header);
+    if (method == "INVITE") return take_invite(from, *sender, header, head, body);
+    if (method == "SUBSCRIBE") return take_subscribe(from, *sender, header);
+    if (method != "ACK" && method != "BYE") return refuse(from, header, method);
+    const relay_user* const target = find(user_of(field(header, "To")));
+    if (!target || !target->at) return answer(from, header, 480);
+    forward(*target, method, head, body);
+}
+
+void relay::take_register(party& from, relay_user& sender, const header_t& header) {
+    bind(sender, from);
+    core_log_print(log, "регистрация %s - %s:%u", sender.name.c_str(), from.peer.c_str(), from.peer_port);
+    for (const relay_user& each : users_)
+        announce(each);
+    answer(from, header, 200);
+}
+
+void relay::take_invite(party& from, relay_user& sender, const header_t& header, std::string_view head,
+                        std::string_view body) {
+    if (sender.at != &from) {
+        bind(sender, from);
+        core_log_print(log, "перерегистрация %s на порт %s:u", sender.name.c_str(), from.peer.c_str());
+    }
+    const relay_user* const target = find(user_of(field(header, "To")));
+    if (!target) return;
+    if (!target->at) return answer(from, header, 480);
+    answer(from, header, 100);
+    forward(*target, "INVITE", head, body);
+}
+
+/// One who has not registered yet is announced to once it has.
+void relay::take_subscribe(party& from, relay_user& sender, const header_t& header) {
+    (sender.at ? *sender.at : from).presence = true;
+    answer(from, header, 200);
+    announce(sender);
+}
+
+void relay::refuse(party& from, const header_t& header, std::string_view method) {
+    const auto shown = static_cast<int>(method.size());
+    core_log_print(log, "%.*s - не реализован", shown, method.data());
+    core_con_printf(0, "sip server: %.*s - не реализован", shown, method.data());
+    answer(from, header, 405);
+}
+
+}  // namespace sip

@@ -1,0 +1,91 @@
+// The relay: who is bound to which connection, and what is answered, forwarded and announced. It knows no sockets: bytes
+// come in with take(), and what goes out waits in the output of the parties until their owner sends it.
+#pragma once
+
+#include "sip/message.h"
+
+#include "core/buf.h"
+#include "core/log.h"
+#include "core/owned.h"
+#include "core/value.h"
+
+#include <cstdint>
+#include <string_view>
+
+namespace sip {
+
+struct party;
+
+/// An entry of the table.
+struct relay_user {
+    core::string name, value;
+    party* at = nullptr;  ///< null while it is not registered
+};
+
+/// One connection.
+struct party {
+    ~party() { core_buf_free(&out); }
+
+    core::string peer, local;  ///< dotted addresses
+    unsigned peer_port = 0;
+    relay_user* user = nullptr;
+    bool presence = false;  ///< SUBSCRIBE came
+    uint32_t notified = 0;  ///< number of the last NOTIFY
+    buf_t out;
+    bool waits = false;  ///< stands in relay::waiting()
+    bool lost = false;   ///< a bound is passed: it has to be closed, nothing more is taken or sent
+};
+
+class relay {
+public:
+    static constexpr uint32_t most_output = 1024 * 1024;
+
+    /// Throws std::bad_alloc.
+    relay(value_t* const* users, const char* file, int line);
+    relay(const relay&) = delete;
+    relay& operator=(const relay&) = delete;
+
+    /// Takes what a connection has brought. @return how many bytes were used; the rest is shown again with more
+    uint32_t take(party& from, std::string_view bytes) noexcept;
+    /// Makes room for so many parties; throws std::bad_alloc. forget() is to be called before it goes.
+    void expect(size_t parties) { waiting_.reserve(parties); }
+    void forget(party& gone) noexcept;
+
+    /// Whether a user of that name is bound.
+    bool reaches(std::string_view name) noexcept;
+
+    /// Parties that have got output or were lost since it was last cleared.
+    core::vector<party*>& waiting() noexcept { return waiting_; }
+
+    log_ctx* log = nullptr;  ///< the owner's
+
+private:
+    // relay.cpp
+    uint32_t take_message(party& from, std::string_view head, std::string_view body, bool bad_length);
+    void take_request(party& from, const header_t& header, std::string_view head, std::string_view body);
+    void take_register(party& from, relay_user& sender, const header_t& header);
+    void take_invite(party& from, relay_user& sender, const header_t& header, std::string_view head,
+                     std::string_view body);
+    void take_subscribe(party& from, relay_user& sender, const header_t& header);
+    void refuse(party& from, const header_t& header, std::string_view method);
+    relay_user* find(std::string_view name) noexcept;
+    void bind(relay_user& user, party& to) noexcept;
+
+    // relay_output.cpp
+    void answer(party& to, const header_t& header, unsigned status);
+    void forward(const relay_user& to, std::string_view method, std::string_view head, std::string_view body);
+    void pass_on(party& to, std::string_view start, std::string_view head, std::string_view body);
+    void announce(const relay_user& to);
+    void send(party& to, std::string_view body);
+    void lose(party& which) noexcept;
+    void wake(party& which) noexcept;
+
+    const char* const file_;
+    const int line_;
+    core::vector<relay_user> users_;     ///< in the order given
+    core::vector<relay_user*> by_name_;  ///< sorted
+    core::vector<party*> waiting_;
+    core::string head_;  ///< of what is being sent
+};
+
+}  // namespace sip

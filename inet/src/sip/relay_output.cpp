@@ -1,0 +1,102 @@
+// What the relay says: answers, messages passed on, and the presence of its users.
+#include "bounded.h"
+#include "scan.h"
+#include "sip/relay.h"
+
+#include <algorithm>
+
+namespace sip {
+
+namespace {
+
+constexpr std::string_view server_name = "Norvane-K Sip Server";
+constexpr std::string_view server_methods = "ACK, BYE, CANCEL, INVITE, MESSAGE, OPTIONS";
+
+bool has_length(std::string_view fields) noexcept {
+    while (!fields.empty()) {
+        const std::string_view name = scan::trim(scan::split(scan::take(fields, '\n'), ':').key, " \t");
+        if (scan::same_name(name, "Content-Length") || scan::same_name(name, "l")) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+/// Every Via is copied: an answer goes back the whole way.
+void relay::answer(party& to, const header_t& header, unsigned status) {
+    head_.clear();
+    head_.append("SIP/2.0 ").append(number_text(status)).append(" ").append(reason(status)).append("\r\n");
+    for (value_t* const* each = header.fields; each && *each; ++each) {
+        const std::string_view name = scan::trim((*each)->key, " \t");
+        if (scan::same_name(name, "Via") || scan::same_name(name, "v")) put(head_, "Via", {scan::text((*each)->value)});
+    }
+    for (const std::string_view name : {"From", "To", "Call-ID", "Contact", "CSeq"})
+        if (const std::string_view value = field(header, name); !value.empty()) put(head_, name, {value});
+    put(head_, "Allow", {server_methods});
+    put(head_, "User-Agent", {server_name});
+    put_body(head_, {});
+    send(to, {});
+}
+
+/// The target is bound.
+void relay::forward(const relay_user& to, std::string_view method, std::string_view head, std::string_view body) {
+    const core::string start = join({method, " sip:", to.name, "@", to.at->local, " SIP/2.0"});
+    pass_on(*to.at, start, head, body);
+}
+
+/// @param head  as it came: its fields go on unchanged
+void relay::pass_on(party& to, std::string_view start, std::string_view head, std::string_view body) {
+    const std::string_view fields = head.substr(head.find("\r\n") + 2);
+    head_.clear();
+    head_.append(start).append("\r\n");
+    if (!has_length(fields)) head_.append("Content-Length: 0\r\n");  // it came without a body
+    head_.append(fields);
+    send(to, body);
+}
+
+/// A NOTIFY, if the user has subscribed.
+void relay::announce(const relay_user& to) {
+    if (!to.at || !to.at->presence) return;
+    party& there = *to.at;
+    core::string names("[");
+    for (const relay_user& each : users_)
+        if (each.at && &each != &to) names.append(names.size() > 1 ? ",\"" : "\"").append(each.name).append("\"");
+    names.append("]");
+    head_.clear();
+    head_.append("NOTIFY sip:").append(to.name).append("@").append(there.local).append(" SIP/2.0\r\n");
+    put(head_, "To", {"<sip:", to.name, "@", there.local, ">"});
+    put(head_, "From", {"<sip:resource@", there.local, ">"});
+    put(head_, "CSeq", {number_text(++there.notified), " NOTIFY"});
+    put(head_, "User-Agent", {server_name});
+    put(head_, "Content-Type", {"application/pidf-xml"});
+    put(head_, "Content-Length", {number_text(static_cast<uint32_t>(names.size()))});
+    head_.append("\r\n");
+    send(there, names);
+}
+
+/// Queues head_ and the body. All of it or nothing: half a message would spoil what follows.
+void relay::send(party& to, std::string_view body) {
+    if (to.lost) return;
+    if (core_log_wanted(log))
+        core_log_print(log, "out %s:%u\n%s%.*s", to.peer.c_str(), to.peer_port, head_.c_str(),
+                       static_cast<int>(body.size()), body.data());
+    const auto size = static_cast<uint32_t>(head_.size() + body.size());
+    wake(to);
+    if (!bounded::make_room(to.out, size, most_output, file_, line_)) return lose(to);
+    core_buf_read(&to.out, head_.data(), static_cast<uint32_t>(head_.size()));
+    core_buf_read(&to.out, body.data(), static_cast<uint32_t>(body.size()));
+}
+
+void relay::lose(party& which) noexcept {
+    which.lost = true;
+    wake(which);
+}
+
+// There is room: see expect().
+void relay::wake(party& which) noexcept {
+    if (which.waits) return;
+    waiting_.push_back(&which);
+    which.waits = true;
+}
+
+}  // namespace sip

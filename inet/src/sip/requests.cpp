@@ -1,0 +1,219 @@
+// What peers ask. Each request is kept with its answer until it cannot come again (RFC 3261, 17.2).
+#include "scan.h"
+#include "sip/agent.h"
+
+#include "core/time.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace sip {
+
+int read_digit(std::string_view type, std::string_view body) noexcept {
+    constexpr std::string_view digits = "0123456789*#ABCD";
+    type = scan::trim(type.substr(0, type.find(';')), " \t");
+    if (scan::same_name(type, "application/dtmf")) {
+        if (const auto code = scan::number(body)) return static_cast<int>(std::min<uint32_t>(*code, 0x7fffffff));
+        body = scan::trim(body, scan::spaces);  // some send the character
+        return body.size() == 1 ? static_cast<int>(digits.find(body[0])) : -1;
+    }
+    if (!scan::same_name(type, "application/dtmf-relay")) return -1;
+    const size_t at = body.find("Signal");
+    if (at == std::string_view::npos) return -1;
+    const std::string_view signal = scan::skip(body.substr(at + 6), " \t=");
+    const size_t code = signal.empty() ? std::string_view::npos : digits.find(signal[0]);
+    return code == std::string_view::npos ? -1 : static_cast<int>(code);
+}
+
+}  // namespace sip
+
+namespace net {
+
+namespace {
+
+bool is(const char* method, const char* name) noexcept { return std::strcmp(method, name) == 0; }
+
+}  // namespace
+
+/// Without a record: the request may be answered anew when it comes again.
+void Sip::refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
+    if (account.wire && sip::top_via(header).good)
+        account.wire->send(print_answer(account, header, status, from, {}, {}), &from);
+}
+
+bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) noexcept {
+    sip_session* const session = find_session(account, sip::field(header, "Call-ID"));
+    const sip_user* const user = session ? find_user(*session, header) : nullptr;
+    return user && user->established;
+}
+
+sip_request& Sip::add_theirs(sip_account& account, sip::owned_header header, const char* method,
+                             const sockaddr_in& from) {
+    core::owned_object<sip_request> made = sip::make<sip_request>(*this);
+    const sip::via_t via = sip::top_via(*header);
+    made->agent = this;
+    made->account = &account;
+    made->method = method;
+    made->incoming = true;
+    made->branch = via.branch;
+    made->sent_by = via.host;
+    made->from = from;
+    made->ends_at = core_timer() + sip::t_end;
+    std::string_view ignored;
+    sip::read_cseq(*header, made->cseq, ignored);
+    made->header = std::move(header);
+    sip_request& request = *made;
+    requests.push_back(std::move(made));
+    core_log_print(log, "create dialog: %s, branch:%s ses:%s", method, request.branch.c_str(),
+                   core::string(sip::field(*request.header, "Call-ID")).c_str());
+    return request;
+}
+
+void Sip::take_request(sip_account& account, sip::owned_header header, std::string_view body, unsigned fault,
+                       const sockaddr_in& from) {
+    const char* const method = sip::known_method(scan::text(header->method));
+    if (is(method, "REGISTER")) return;
+    if (is(method, "ACK")) return take_ack(account, *header, body);
+    if (sip_request* const known = find_theirs(*header, method)) {
+        if (account.wire && !known->bytes.empty()) account.wire->send(known->bytes, &from);
+        return;
+    }
+    if (is(method, "UNKNOWN") || is(method, "SUBSCRIBE")) {
+        core_log_print(log, "%s - не реализован", method);
+        core_con_printf(0, "sip: %s - не реализован", method);
+        return;
+    }
+    // That of a relay may name no way back: it is told, and cannot be answered.
+    if (is(method, "NOTIFY") && sip::field(*header, "Via").empty()) return take_notify(account, body);
+    if (fault == 0) fault = sip::fault_of(*header);
+    // A flood keeps nobody from ending a call.
+    if (fault == 0 && requests.size() >= sip::most_requests && !(is(method, "BYE") && is_in_call(account, *header)))
+        fault = 503;
+    if (fault != 0) return refuse(account, *header, fault, from);
+
+    sip_request& request = add_theirs(account, std::move(header), method, from);
+    if (is(method, "INVITE")) return take_invite(request, body);
+    if (is(method, "BYE")) return take_bye(request);
+    if (is(method, "CANCEL")) return take_cancel(request);
+    if (is(method, "INFO")) return take_info(request, body);
+    if (is(method, "NOTIFY")) take_notify(account, body);
+    if (is(method, "OPTIONS")) core_con_printf(0, "проверка связи");
+    if (is(method, "MESSAGE")) core_con_printf(0, "СООБЩЕНИЕ: %.*s", static_cast<int>(body.size()), body.data());
+    answer(request, 200);
+}
+
+// That of a refusal belongs to the INVITE, which has its branch; that of a 200 to the call.
+void Sip::take_ack(sip_account& account, const sip::header_t& header, std::string_view body) {
+    core_con_printf(0, "связь установлена");
+    sip_request* const refused = find_theirs(header, "INVITE");
+    if (refused && refused->status >= 300) {
+        refused->resend_at = 0;
+        return;
+    }
+    sip_session* const session = find_session(account, sip::field(header, "Call-ID"));
+    sip_user* const user = session ? find_user(*session, header) : nullptr;
+    if (!user) return;
+    uint32_t number = 0;
+    std::string_view ignored;
+    sip::read_cseq(header, number, ignored);
+    const auto same = std::ranges::find_if(requests, [&](const auto& each) {
+        return each->user == user && each->incoming && each->answered && each->cseq == number;
+    });
+    sip_request* const invite = same == requests.end() ? user->invite : same->get();
+    if (!invite || !invite->incoming || !invite->answered) return;
+    invite->resend_at = 0;
+    invite->user = nullptr;
+    if (user->invite == invite) user->invite = nullptr;
+    // An INVITE without an offer is answered with one, which its ACK answers (RFC 3261, 13.2.1).
+    if (invite->offer.empty() && !body.empty()) user->media.start(sip::read_description(body), user->own);
+}
+
+void Sip::take_invite(sip_request& request, std::string_view body) {
+    sip_account& account = *request.account;
+    const std::string_view from = sip::field(*request.header, "From");
+    const std::string_view call_id = sip::field(*request.header, "Call-ID");
+    sip_session* session = find_session(account, call_id);
+    sip_user* user = session ? find_user(*session, *request.header) : nullptr;
+    if (user && user->established) {  // the call is set up anew (RFC 3261, 14)
+        request.offer = body;
+        request.user = user;
+        user->invite = &request;
+        return answer(request, 200, "application/sdp", answer_media(*user, body));
+    }
+    if (user) return answer(request, 482);  // it came here by two ways (RFC 3261, 8.2.2.2)
+    if (!sip::tag_of(sip::field(*request.header, "To")).empty()) return answer(request, 481);
+    if (ringing() >= sip::most_ringing || calls() >= sip::most_calls) return answer(request, 486);
+    if (!session) session = &add_session(account, sip::text(call_id));
+    request.session = session;
+    user = &add_user(*session, sip::user_of(from), sip::tag_of(from));
+    user->way = sip::way_of(*request.header, false);
+    request.user = user;
+    request.offer = body;
+    user->invite = &request;
+    core_con_printf(0, "sip: меня вызвали");
+    answer(request, 180);
+    tell(user, sip_call_incoming);
+}
+
+// A Call-ID that was never heard of is a call that ends; one of ours with other tags is none of the peer's.
+void Sip::take_bye(sip_request& request) {
+    core_con_printf(0, "связь остановлена");
+    const std::string_view call_id = sip::field(*request.header, "Call-ID");
+    const bool known = std::ranges::any_of(
+        sessions, [&](const auto& each) { return each->account == request.account && each->call_id == call_id; });
+    sip_session* session = find_session(*request.account, call_id);
+    sip_user* user = session ? find_user(*session, *request.header) : nullptr;
+    if (known && !session) return answer(request, 200);  // it was ended here, too
+    if (known && !user) return answer(request, 481);
+    const std::string_view from = sip::field(*request.header, "From");
+    if (!user) {
+        session = &add_session(*request.account, sip::text(call_id));
+        user = &add_user(*session, sip::user_of(from), sip::tag_of(from));
+    }
+    answer(request, 200);
+    sip_request* const waits = user->invite;
+    if (waits && waits->incoming && !waits->answered) answer(*waits, 487);
+    user->established = false;
+    user->media.stop();
+    tell(user, sip_call_ended);
+    if (!user->gone) drop(*user);
+}
+
+// Both are answered (RFC 3261, 9.2): the CANCEL, and the INVITE that it cancels.
+void Sip::take_cancel(sip_request& request) {
+    core_con_printf(0, "связь прервана");
+    sip_request* const invite = find_theirs(*request.header, "INVITE");
+    const bool same =
+        invite &&
+        sip::tag_of(sip::field(*invite->header, "From")) == sip::tag_of(sip::field(*request.header, "From")) &&
+        sip::field(*invite->header, "Call-ID") == sip::field(*request.header, "Call-ID");
+    if (!same) return answer(request, 481);
+    answer(request, 200);
+    sip_user* const user = invite->user;
+    if (invite->answered || !user) return;
+    answer(*invite, 487);
+    invite->user = nullptr;
+    user->invite = nullptr;
+    tell(user, sip_call_ended);
+    if (!user->gone) drop(*user);
+}
+
+void Sip::take_info(sip_request& request, std::string_view body) {
+    core_con_printf(0, "ИНФО: %.*s", static_cast<int>(body.size()), body.data());
+    const std::string_view type = sip::field(*request.header, "Content-Type");
+    const std::string_view call_id = sip::field(*request.header, "Call-ID");
+    const std::string_view from = sip::field(*request.header, "From");
+    sip_session* session = find_session(*request.account, call_id);
+    sip_user* user = session ? find_user(*session, *request.header) : nullptr;
+    if (session && !user) return answer(request, 481);
+    answer(request, 200);
+    const bool digit = scan::same_name(type.substr(0, 16), "application/dtmf");
+    if (!digit || !info.on_dtmf || closing) return;
+    const bool passing = !user;
+    if (passing)
+        user = &add_user(add_session(*request.account, sip::text(call_id)), sip::user_of(from), sip::tag_of(from));
+    info.on_dtmf(info.user, user, sip::read_digit(type, body));
+    if (passing && !user->gone) drop(*user);
+}
+
+}  // namespace net

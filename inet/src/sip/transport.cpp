@@ -1,0 +1,147 @@
+// Accounts and their transports: opened, refreshed, lost, opened again; and received bytes on their way to messages.
+#include "sip/agent.h"
+#include "sip/framing.h"
+
+#include "common/digest.h"
+#include "core/time.h"
+#include "inet/net_socket.h"
+
+#include <utility>
+
+namespace net {
+
+namespace {
+
+constexpr uint64_t refresh_time = 30 * sip::second;
+constexpr uint64_t connect_time = 10 * sip::second;
+constexpr uint64_t reopen_time = 2 * sip::second;
+
+}  // namespace
+
+sip_account* Sip::add_account(int transport, const char* user, const char* password, const char* server,
+                              uint32_t port) {
+    core::owned_object<sip_account> made = sip::make<sip_account>(*this);
+    made->agent = this;
+    made->user = user;
+    made->password = password ? password : "";
+    made->server = server;
+    if (port) made->port = port;
+    made->transport = transport;
+    const core::owned_text tag(common_srand(8, file, line));
+    if (!tag) throw std::bad_alloc();
+    made->local_tag = tag.get();
+    sip_account& account = *made;
+    accounts.reserve(accounts.size() + 1);
+    account.registration = &add_session(account, own_call_id("register"));
+    account.subscriber = &add_session(account, own_call_id("subscriber"));
+    account.registration->permanent = account.subscriber->permanent = true;
+    accounts.push_back(std::move(made));
+    guarded([&] { open_transport(account); });
+    return &account;
+}
+
+void Sip::open_transport(sip_account& account) {
+    const core::owned_text address(net_hostip(file, line));
+    account.contact_address = address ? address.get() : "127.0.0.1";
+    account.due = core_timer() + (account.transport == sip_tcp ? connect_time : refresh_time);
+    account.wire = make_wire(*this, account);
+    if (!account.wire) {
+        account.due = core_timer() + reopen_time;
+        return;
+    }
+    account.contact_port = sip::number_text(account.wire->local_port());
+    if (account.wire->is_up()) connected(account);
+}
+
+void Sip::connected(sip_account& account) {
+    if (!account.wire) return;
+    account.connected = true;
+    account.contact_port = sip::number_text(account.wire->local_port());
+    if (account.transport == sip_tcp) {
+        account.due = core_timer() + refresh_time;
+        core_con_printf(0, "sip connected...");
+    } else {
+        core_con_printf(0, "sip connected... %s:%d", account.server.c_str(), static_cast<int>(account.port));
+    }
+    register_account(account);
+}
+
+/// Where a peer finds the media of a call: the address of the account's socket, unless the server is on this host and
+/// the peer is not.
+in_addr Sip::media_address(const sip_account& account, in_addr peer) const {
+    in_addr near = account.wire ? account.wire->local_address() : in_addr{};
+    if (sip::is_loopback(near) && peer.s_addr != 0 && !sip::is_loopback(peer)) near = sip::near_to(peer);
+    return near.s_addr != 0 ? near : sip::read_dotted(account.contact_address);
+}
+
+/// @param lost  else it was closed by the owner
+void Sip::close_transport(sip_account& account, bool lost) {
+    if (!account.wire) return;
+    account.due = lost && account.reconnect ? core_timer() + reopen_time : 0;
+    account.connected = false;
+    account.wire->stop();
+    old_wires.push_back(std::move(account.wire));
+    account.wire.reset();
+    for (const auto& each : requests)
+        if (each->account == &account && each->incoming) each->resend_at = 0;
+    tell_account(&account, sip_account_closed, nullptr);
+    core_con_printf(0, "sip disconnected... from: %s", account.server.c_str());
+}
+
+void Sip::account_due(sip_account& account) {
+    account.due = 0;
+    // A connection over which no answer came since the last time is dead.
+    if (account.connected && account.transport == sip_tcp && open_registration(account))
+        return close_transport(account, true);
+    if (account.connected) {
+        account.due = core_timer() + refresh_time;
+        return register_account(account);
+    }
+    close_transport(account, false);
+    if (account.reconnect) open_transport(account);
+}
+
+void Sip::take_datagram(sip_account& account, std::string_view bytes, const sockaddr_in& from) noexcept {
+    const work running_here(*this);
+    while (account.wire && !bytes.empty()) {
+        const sip::piece_t piece = sip::cut(bytes, true);
+        if (piece.what == sip::cut_t::more || piece.what == sip::cut_t::broken) return;
+        bytes.remove_prefix(piece.used);
+        if (piece.what == sip::cut_t::skipped) continue;
+        const unsigned fault = piece.short_body || piece.bad_length ? 400 : 0;
+        guarded([&] { take_message(account, piece.head, piece.body, fault, from); });
+    }
+}
+
+uint32_t Sip::take_stream(sip_account& account, std::string_view bytes, const sockaddr_in& from) noexcept {
+    const work running_here(*this);
+    const sip::piece_t piece = sip::cut(bytes, false);
+    if (piece.what == sip::cut_t::message) {
+        // Where the next message begins is not known behind a length that is none.
+        guarded([&] { take_message(account, piece.head, piece.body, piece.bad_length ? 400 : 0, from); });
+    }
+    if (piece.what == sip::cut_t::broken || piece.bad_length) {
+        guarded([&] { close_transport(account, true); });
+        return 0;
+    }
+    return piece.used;
+}
+
+void Sip::take_message(sip_account& account, std::string_view head, std::string_view body, unsigned fault,
+                       const sockaddr_in& from) {
+    sip::owned_header header = sip::read(head);
+    if (!header->method && header->status == 0) {
+        core_log_print(log, "sip header parse failed:\n%.*s", static_cast<int>(head.size()), head.data());
+        core_con_printf(0, "sip header parse failed:\n%.*s", static_cast<int>(head.size()), head.data());
+        return;
+    }
+    if (core_log_wanted(log)) {
+        const auto whole = static_cast<int>(head.size() + body.size());
+        core_log_print(log, "in:\n%.*s", whole, head.data());  // the body stands behind the head
+    }
+    if (header->status != 0) return take_response(account, *header, head, body);
+    if (!sip::is_request_line(head)) fault = 400;
+    take_request(account, std::move(header), body, fault, from);
+}
+
+}  // namespace net

@@ -1,0 +1,147 @@
+// The SIP agent on sockets: two agents that call each other through a switch, and sipp as the other end.
+#include "support/program.h"
+
+#include "avc/fcc.h"
+#include "common/h264.h"
+#include "inet/sip_peers.h"
+
+#include <cstdlib>
+
+namespace {
+
+/// Access units of the clip, of one slice each or more.
+std::vector<std::string> pictures() {
+    const std::string clip = test::read_file(INET_CLIP);
+    std::span<const uint8_t> rest = test::bytes_of(clip);
+    std::vector<std::string> units(1);
+    bool slice = false;
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
+        const bool is_slice = (nal[0] & 0x1f) == 1 || (nal[0] & 0x1f) == 5;
+        if (slice && (!is_slice || (nal[1] & 0x80))) units.emplace_back();
+        slice = is_slice;
+        units.back().append(3, '\0').append(1, '\1').append(nal.begin(), nal.end());
+    }
+    units.resize(std::min<size_t>(units.size(), 120));
+    return units;
+}
+
+/// The slices in pictures, one after the other.
+std::string slices(const std::string& pictures) {
+    std::span<const uint8_t> rest = test::bytes_of(pictures);
+    std::string all;
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest))
+        if ((nal[0] & 0x1f) == 1 || (nal[0] & 0x1f) == 5) all.append(nal.begin(), nal.end());
+    return all;
+}
+
+struct way {
+    int transport;
+    bool loses;
+};
+
+class NetSipCalls : public testing::TestWithParam<way> {};
+
+TEST_P(NetSipCalls, PassOnEveryPictureAndSound) {
+    const auto [transport, loses] = GetParam();
+    test::sip_switch between(transport, loses);
+    test::sip_phone alice("alice", transport, between.port), bob("bob", transport, between.port);
+    ASSERT_TRUE(alice.waits("account0") && bob.waits("account0"));
+    bob.answers = true;
+    alice.invite("bob");
+    ASSERT_TRUE(alice.waits("call0") && bob.waits("call1"));
+
+    const std::vector<std::string> sent = pictures();
+    ASSERT_GT(sent.size(), 50U);
+    std::string all;
+    const std::string sound(400, '\x55');
+    for (size_t i = 0; i < sent.size(); ++i) {
+        all += sent[i];
+        const uint64_t time = 1'600'000'000'000'000 + i * 50000;
+        alice.put(av::fcc_h264, sent[i], time);
+        alice.put(av::fcc_pcmu, sound, time);
+        ASSERT_TRUE(bob.has_pictures(i)) << i;  // the last is over when the next begins
+    }
+    ASSERT_TRUE(bob.has_pictures(sent.size()));
+    EXPECT_TRUE(slices(bob.video) == slices(all));
+    EXPECT_TRUE(bob.has_sound(sent.size() * sound.size() - 160));
+    bob.put(av::fcc_pcmu, sound, 1'600'000'000'000'000);
+    EXPECT_TRUE(alice.has_sound(320));
+
+    alice.digit(11);
+    EXPECT_TRUE(bob.waits("digit11"));
+    bob.bye();
+    EXPECT_TRUE(bob.waits("call2") && alice.waits("call2"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, NetSipCalls,
+                         testing::Values(way{net::sip_udp, false}, way{net::sip_udp, true}, way{net::sip_tcp, false}));
+
+/// Runs a scenario of sipp; the test fails when the other end does not keep to it.
+void play(const std::string& scenario, const std::string& arguments, const std::string& refusal = "") {
+    const test::scratch folder;
+    test::run("cd " + folder / "" + " && sed 's/REFUSAL/" + refusal + "/' " INET_TEST_SIP "/" + scenario +
+              ".xml >scenario.xml && timeout 60 sipp -sf scenario.xml -nostdin -trace_err -i 127.0.0.1 " + arguments +
+              " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
+}
+
+std::string transport_of(int transport) { return transport == net::sip_tcp ? "-t t1 " : ""; }
+
+struct caller_row {
+    const char* scenario;
+    bool answers, declines;
+    const char* event;
+    int transport = net::sip_udp;
+};
+
+TEST(NetSipPeers, AreAnswered) {
+    const caller_row rows[] = {{"caller", true, false, "call2"},
+                               {"caller_cancels", false, false, "call2"},
+                               {"caller_declined", false, true, "call1"},
+                               {"caller_asks", false, false, ""},
+                               {"caller", true, false, "call2", net::sip_tcp},
+                               {"caller_cancels", false, false, "call2", net::sip_tcp},
+                               {"caller_declined", false, true, "call1", net::sip_tcp},
+                               {"caller_asks", false, false, "", net::sip_tcp}};
+    for (const caller_row& each : rows) {
+        SCOPED_TRACE(each.scenario);
+        test::sip_switch registrar(each.transport);
+        test::sip_phone phone("bob", each.transport, registrar.port);
+        ASSERT_TRUE(phone.waits("account0"));
+        phone.answers = each.answers;
+        phone.declines = each.declines;
+        // The switch hands what the peer says to the phone.
+        play(each.scenario, transport_of(each.transport) + "-m 1 127.0.0.1:" + std::to_string(registrar.port));
+        EXPECT_TRUE(phone.waits(each.event));
+    }
+}
+
+struct callee_row {
+    const char* scenario;
+    int transport;
+    const char* event;
+    const char* refusal = "";
+};
+
+TEST(NetSipPeers, AreCalled) {
+    const callee_row rows[] = {{"callee", net::sip_udp, "call2"},
+                               {"callee", net::sip_tcp, "call2"},
+                               {"callee_refuses", net::sip_udp, "call5", "486 Busy Here"},
+                               {"callee_refuses", net::sip_tcp, "call5", "486 Busy Here"},
+                               {"callee_refuses", net::sip_tcp, "call4", "404 Not Found"}};
+    for (const callee_row& each : rows) {
+        SCOPED_TRACE(each.scenario);
+        const test::udp_socket taken;  // its number is free for both transports, nearly always
+        net_udp_listen(taken, "127.0.0.1", 0);
+        const unsigned port = net_socket_get_near_port(taken) ^ 1U;
+        std::thread server([&] {
+            play(each.scenario, transport_of(each.transport) + "-m 2 -p " + std::to_string(port), each.refusal);
+        });
+        test::sip_phone phone("bob", each.transport, 0);
+        phone.calls = "alice";
+        phone.open(port);  // again and again, until the server has come up
+        EXPECT_TRUE(phone.waits(each.event));
+        server.join();
+    }
+}
+
+}  // namespace

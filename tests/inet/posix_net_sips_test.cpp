@@ -1,0 +1,96 @@
+// The relay with phones on it: agents of ours, and sipp.
+#include "support/program.h"
+
+#include "inet/net_sips.h"
+#include "inet/sip_peers.h"
+
+namespace {
+
+struct exchange {
+    exchange() {
+        for (const char* name : {"anna", "boris", "clara"})
+            users = core_value_put(users, name, nullptr, CORE_HERE);
+        server = net_sipsrv_open_at(nt, users, test::free_port(), CORE_HERE);
+    }
+    ~exchange() {
+        net_sipsrv_close(server);
+        core_value_free(users);
+    }
+    const test::network_thread nt;
+    value_t** users = nullptr;
+    net::SipServer* server = nullptr;
+};
+
+TEST(SipServerPeers, AgentsCallEachOther) {
+    const exchange between;
+    const unsigned port = net_sipsrv_port(between.server);
+    test::sip_phone anna("anna", net::sip_tcp, port), boris("boris", net::sip_tcp, port);
+    ASSERT_TRUE(anna.waits("account0") && boris.waits("account0"));
+    anna.subscribe("boris");
+    EXPECT_TRUE(anna.waits("account2"));
+    boris.answers = true;
+    anna.invite("boris");
+    ASSERT_TRUE(anna.waits("call0") && boris.waits("call1"));
+    anna.put(av::fcc_pcmu, std::string(800, '\x55'), 1'600'000'000'000'000);
+    EXPECT_TRUE(boris.has_sound(640));
+    boris.bye();
+    EXPECT_TRUE(boris.waits("call2") && anna.waits("call2"));
+}
+
+TEST(SipServerPeers, SippCalls) {
+    const exchange between;
+    const std::string port = std::to_string(net_sipsrv_port(between.server));
+    test::sip_phone boris("boris", net::sip_tcp, net_sipsrv_port(between.server));
+    ASSERT_TRUE(boris.waits("account0"));
+    boris.answers = true;
+    const test::scratch folder;
+    test::run("cd " + folder / "" +
+              " && timeout 60 sipp -sf " INET_TEST_SIP "/relay.xml -nostdin -trace_err -t t1 -m 5" +
+              " -i 127.0.0.1 127.0.0.1:" + port + " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
+    EXPECT_TRUE(boris.waits("call2"));
+}
+
+struct gateway_events : test::callback {
+    static void on_event(void* user, uint32_t event, const char*) {
+        if (event == net::sips_registered) run(user);
+    }
+};
+
+TEST(SipGateway, JoinsCallsBothWays) {
+    const exchange names;
+    test::sip_switch outside(net::sip_udp);
+    const unsigned port = test::free_port();
+    gateway_events registered;
+    const net::sips_info info{names.nt,
+                              names.users,
+                              port,
+                              "camera",
+                              nullptr,
+                              "127.0.0.1",
+                              outside.port,
+                              net::sip_udp,
+                              "world",
+                              &registered,
+                              gateway_events::on_event};
+    net::Sips* const gateway = net_sips_open(&info, CORE_HERE);
+    ASSERT_TRUE(registered.reaches(2));
+    {
+        test::sip_phone world("world", net::sip_udp, outside.port), anna("anna", net::sip_tcp, port),
+            boris("boris", net::sip_tcp, port);
+        ASSERT_TRUE(world.waits("account0") && anna.waits("account0") && boris.waits("account0"));
+        anna.answers = world.answers = true;
+        world.invite("camera");  // rings both
+        ASSERT_TRUE(world.waits("call0") && boris.waits("call1") && boris.waits("call2"));
+        world.put(av::fcc_pcmu, std::string(800, '\x55'), 1'600'000'000'000'000);
+        EXPECT_TRUE(anna.has_sound(640));
+        world.bye();
+        EXPECT_TRUE(anna.waits("call2"));
+        boris.invite("camera");
+        ASSERT_TRUE(boris.waits("call0") && world.waits("call1"));
+        world.bye();
+        EXPECT_TRUE(world.waits("call2"));
+    }
+    net_sips_close(gateway);
+}
+
+}  // namespace
