@@ -6,6 +6,10 @@
 #include "support/network_thread.h"
 #include "support/sockets.h"
 
+#include "core/time.h"
+
+#include <atomic>
+
 namespace {
 
 std::string fields_of(const std::string& method, const std::string& from, const std::string& to) {
@@ -82,6 +86,9 @@ TEST(SipServer, RelaysBetweenTwoClients) {
         {'b', ask("INVITE", "clara", "anna"), ask("INVITE", "clara", "anna", "", "sip:anna@127.0.0.1"),
          answer("100 Trying", "INVITE", "clara", "anna")},
         {'a', ask("BYE", "anna", "boris"), answer("480 Temporarily Unavailable", "BYE", "anna", "boris"), ""},
+        {'a', "BYE x SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi", "",
+         "BYE sip:clara@127.0.0.1 SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi"},
+        {'a', "\r\n\r\n", "\r\n", ""},
     };
     for (const row& each : rows) {
         SCOPED_TRACE(each.says);
@@ -116,6 +123,25 @@ TEST(SipServer, NoticesThatItsPortIsTaken) {
     EXPECT_NE(log.lines.find("error:sipsrv: port " + std::to_string(port)), std::string::npos);
     net_sipsrv_close(second);
     net_sipsrv_close(first);
+}
+
+std::atomic<uint64_t> clock_now = 1'600'000'000'000'000;
+
+TEST(SipServer, ClosesWhoKeepsItWaiting) {
+    core_time_set_clock([] { return clock_now.load(); });
+    {
+        const test::network_thread nt;
+        const table names;
+        net::SipServer* const server = net_sipsrv_open_at(nt, names.users, test::free_port(), CORE_HERE);
+        const auto port = static_cast<uint16_t>(net_sipsrv_port(server));
+        const test::player half(port), idle(port);
+        EXPECT_EQ(half.ask("\r\n\r\nBYE x SIP/2.0\r\n"), "\r\n");
+        clock_now += 40'000'000;
+        EXPECT_EQ(idle.ask("\r\n\r\n"), "\r\n");
+        EXPECT_EQ(hear(half, 1), "closed");
+        net_sipsrv_close(server);
+    }
+    core_time_set_clock(nullptr);
 }
 
 TEST(SipServer, GivesUpWhoDoesNotRead) {

@@ -4,6 +4,8 @@
 #include "inet/net_sips.h"
 #include "inet/sip_peers.h"
 
+#include <deque>
+
 namespace {
 
 struct exchange {
@@ -48,6 +50,21 @@ TEST(SipServerPeers, SippCalls) {
               " && timeout 60 sipp -sf " INET_TEST_SIP "/relay.xml -nostdin -trace_err -t t1 -m 5" +
               " -i 127.0.0.1 127.0.0.1:" + port + " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
     EXPECT_TRUE(boris.waits("call2"));
+}
+
+TEST(SipServerPeers, NewConnectionsTakeThePlaceOfThoseWithoutAUser) {
+    const exchange between;
+    const auto port = static_cast<uint16_t>(net_sipsrv_port(between.server));
+    const std::string alive = "\r\n\r\n";
+    const test::player anna(port);
+    EXPECT_TRUE(anna.ask("REGISTER x SIP/2.0\r\nf: sip:anna@h\r\n\r\n").starts_with("SIP/2.0 200"));
+    std::deque<test::player> idle;
+    for (uint32_t i = 0; i < net::nt_places; ++i)
+        idle.emplace_back(port);
+    EXPECT_EQ(idle.back().ask(alive), "\r\n");
+    EXPECT_EQ(idle.front().ask(), "closed");
+    for (const test::player* each : {&anna, &std::as_const(idle)[1]})
+        EXPECT_EQ(each->ask(alive), "\r\n");
 }
 
 struct gateway_events : test::callback {

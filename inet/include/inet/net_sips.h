@@ -13,13 +13,16 @@
 /// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body, but for the
 /// address in the request line: the callee's name at our address.
 ///
-/// A user stays bound until another binding replaces it or the connection closes.
+/// A user stays bound until another binding replaces it or the connection closes. A phone that unregisters closes its
+/// connection. Two line ends between messages are answered by one: the connection lives (RFC 5626, 4.4.1).
 ///
 /// Bounds of one server. A connection that passes one is closed:
 ///     header                              4098 bytes
 ///     body                                64 KiB
-///     output that the peer does not read  1 MiB
-///     connections                         nt_places of the network thread (inet/net_thread.h); more are refused
+///     time for the rest of a message      32 seconds
+///     output that the peer does not read  1 MiB, and 32 seconds in which it reads neither 64 KiB nor all
+///     connections                         nt_places of the network thread (inet/net_thread.h). For a new one the oldest
+///                                         is closed that no user is bound to; when there is none, the new one
 /// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or holds a NUL
 /// or a line end that is not CR LF, is left out.
 ///

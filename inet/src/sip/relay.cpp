@@ -2,7 +2,6 @@
 #include "sip/relay.h"
 
 #include "scan.h"
-#include "sip/framing.h"
 
 #include <algorithm>
 
@@ -72,7 +71,8 @@ uint32_t relay::take(party& from, std::string_view bytes) noexcept {
         if (piece.what == cut_t::more) return used;
         uint32_t step = piece.used;
         try {
-            if (piece.what == cut_t::message) step = take_message(from, piece.head, piece.body, piece.bad_length);
+            if (piece.what == cut_t::skipped) take_line_ends(from, bytes.substr(used, piece.used));
+            if (piece.what == cut_t::message) step = take_message(from, piece);
             if (piece.what == cut_t::broken) lose(from);
         } catch (const std::bad_alloc&) {
             core_log_err("sip server: out of memory");
@@ -83,9 +83,20 @@ uint32_t relay::take(party& from, std::string_view bytes) noexcept {
     return static_cast<uint32_t>(bytes.size());  // of a lost one nothing is kept
 }
 
+/// Two line ends between messages ask whether the connection lives; one answers (RFC 5626, 4.4.1).
+void relay::take_line_ends(party& from, std::string_view ends) {
+    if (ends.front() == '$') return;
+    for (const char c : ends) {
+        if (c != '\n' || ++from.line_ends % 2 != 0) continue;
+        head_ = "\r\n";
+        send(from, {});
+    }
+}
+
 /// @return how much of it is done with
-uint32_t relay::take_message(party& from, std::string_view head, std::string_view body, bool bad_length) {
-    const auto size = static_cast<uint32_t>(head.size() + body.size());
+uint32_t relay::take_message(party& from, const piece_t& message) {
+    const std::string_view head = message.head;
+    from.line_ends = 0;
     owned_header header = has_plain_lines(head) ? read(head) : nullptr;
     if (!header || (!header->method && header->status == 0)) {
         const auto shown = static_cast<int>(head.size());
@@ -94,29 +105,30 @@ uint32_t relay::take_message(party& from, std::string_view head, std::string_vie
         return static_cast<uint32_t>(head.size());
     }
     if (core_log_wanted(log))  // the body stands behind the head
-        core_log_print(log, "in %s:%u\n%.*s", from.peer.c_str(), from.peer_port, static_cast<int>(size), head.data());
-    if (bad_length) {  // nobody knows where the next message begins
+        core_log_print(log, "in %s:%u\n%.*s", from.peer.c_str(), from.peer_port, static_cast<int>(message.used),
+                       head.data());
+    if (message.bad_length) {  // nobody knows where the next message begins
         if (header->method) answer(from, *header, 400);
         lose(from);
     } else if (header->method) {
-        take_request(from, *header, head, body);
+        take_request(from, *header, message);
     } else if (const relay_user* caller = find(user_of(field(*header, "From"))); caller && caller->at) {
-        pass_on(*caller->at, head.substr(0, head.find("\r\n")), head, body);
+        pass_on(*caller->at, head.substr(0, head.find("\r\n")), message);
     }
-    return size;
+    return message.used;
 }
 
-void relay::take_request(party& from, const header_t& header, std::string_view head, std::string_view body) {
+void relay::take_request(party& from, const header_t& header, const piece_t& message) {
     const std::string_view method = header.method;
     relay_user* const sender = find(user_of(field(header, "From")));
     if (!sender) return answer(from, header, 404);
     if (method == "REGISTER") return take_register(from, *sender, header);
-    if (method == "INVITE") return take_invite(from, *sender, header, head, body);
+    if (method == "INVITE") return take_invite(from, *sender, header, message);
     if (method == "SUBSCRIBE") return take_subscribe(from, *sender, header);
     if (method != "ACK" && method != "BYE") return refuse(from, header, method);
     const relay_user* const target = find(user_of(field(header, "To")));
     if (!target || !target->at) return answer(from, header, 480);
-    forward(*target, method, head, body);
+    forward(*target, method, message);
 }
 
 void relay::take_register(party& from, relay_user& sender, const header_t& header) {
@@ -127,8 +139,7 @@ void relay::take_register(party& from, relay_user& sender, const header_t& heade
     answer(from, header, 200);
 }
 
-void relay::take_invite(party& from, relay_user& sender, const header_t& header, std::string_view head,
-                        std::string_view body) {
+void relay::take_invite(party& from, relay_user& sender, const header_t& header, const piece_t& message) {
     if (sender.at != &from) {
         bind(sender, from);
         core_log_print(log, "перерегистрация %s на порт %s:u", sender.name.c_str(), from.peer.c_str());
@@ -137,7 +148,7 @@ void relay::take_invite(party& from, relay_user& sender, const header_t& header,
     if (!target) return;
     if (!target->at) return answer(from, header, 480);
     answer(from, header, 100);
-    forward(*target, "INVITE", head, body);
+    forward(*target, "INVITE", message);
 }
 
 /// One who has not registered yet is announced to once it has.

@@ -2,6 +2,7 @@
 // come in with take(), and what goes out waits in the output of the parties until their owner sends it.
 #pragma once
 
+#include "sip/framing.h"
 #include "sip/message.h"
 
 #include "core/buf.h"
@@ -29,8 +30,9 @@ struct party {
     core::string peer, local;  ///< dotted addresses
     unsigned peer_port = 0;
     relay_user* user = nullptr;
-    bool presence = false;  ///< SUBSCRIBE came
-    uint32_t notified = 0;  ///< number of the last NOTIFY
+    bool presence = false;   ///< SUBSCRIBE came
+    uint32_t notified = 0;   ///< number of the last NOTIFY
+    uint32_t line_ends = 0;  ///< since the last message
     buf_t out;
     bool waits = false;  ///< stands in relay::waiting()
     bool lost = false;   ///< a bound is passed: it has to be closed, nothing more is taken or sent
@@ -61,11 +63,11 @@ public:
 
 private:
     // relay.cpp
-    uint32_t take_message(party& from, std::string_view head, std::string_view body, bool bad_length);
-    void take_request(party& from, const header_t& header, std::string_view head, std::string_view body);
+    void take_line_ends(party& from, std::string_view ends);
+    uint32_t take_message(party& from, const piece_t& message);
+    void take_request(party& from, const header_t& header, const piece_t& message);
     void take_register(party& from, relay_user& sender, const header_t& header);
-    void take_invite(party& from, relay_user& sender, const header_t& header, std::string_view head,
-                     std::string_view body);
+    void take_invite(party& from, relay_user& sender, const header_t& header, const piece_t& message);
     void take_subscribe(party& from, relay_user& sender, const header_t& header);
     void refuse(party& from, const header_t& header, std::string_view method);
     relay_user* find(std::string_view name) noexcept;
@@ -73,8 +75,8 @@ private:
 
     // relay_output.cpp
     void answer(party& to, const header_t& header, unsigned status);
-    void forward(const relay_user& to, std::string_view method, std::string_view head, std::string_view body);
-    void pass_on(party& to, std::string_view start, std::string_view head, std::string_view body);
+    void forward(const relay_user& to, std::string_view method, const piece_t& message);
+    void pass_on(party& to, std::string_view start, const piece_t& message);
     void announce(const relay_user& to);
     void send(party& to, std::string_view body);
     void lose(party& which) noexcept;

@@ -12,14 +12,6 @@ namespace {
 constexpr std::string_view server_name = "Norvane-K Sip Server";
 constexpr std::string_view server_methods = "ACK, BYE, CANCEL, INVITE, MESSAGE, OPTIONS";
 
-bool has_length(std::string_view fields) noexcept {
-    while (!fields.empty()) {
-        const std::string_view name = scan::trim(scan::split(scan::take(fields, '\n'), ':').key, " \t");
-        if (scan::same_name(name, "Content-Length") || scan::same_name(name, "l")) return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 /// Every Via is copied: an answer goes back the whole way.
@@ -39,19 +31,19 @@ void relay::answer(party& to, const header_t& header, unsigned status) {
 }
 
 /// The target is bound.
-void relay::forward(const relay_user& to, std::string_view method, std::string_view head, std::string_view body) {
+void relay::forward(const relay_user& to, std::string_view method, const piece_t& message) {
     const core::string start = join({method, " sip:", to.name, "@", to.at->local, " SIP/2.0"});
-    pass_on(*to.at, start, head, body);
+    pass_on(*to.at, start, message);
 }
 
-/// @param head  as it came: its fields go on unchanged
-void relay::pass_on(party& to, std::string_view start, std::string_view head, std::string_view body) {
-    const std::string_view fields = head.substr(head.find("\r\n") + 2);
+/// The fields go on as they came.
+void relay::pass_on(party& to, std::string_view start, const piece_t& message) {
+    const std::string_view fields = message.head.substr(message.head.find("\r\n") + 2);
     head_.clear();
     head_.append(start).append("\r\n");
-    if (!has_length(fields)) head_.append("Content-Length: 0\r\n");  // it came without a body
+    if (!message.has_length) head_.append("Content-Length: 0\r\n");  // it came without a body
     head_.append(fields);
-    send(to, body);
+    send(to, message.body);
 }
 
 /// A NOTIFY, if the user has subscribed.
