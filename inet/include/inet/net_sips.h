@@ -99,6 +99,8 @@ INET_API net::Sips* net_sips_open(const net::sips_info* info, const char* file, 
 /// The gateway's server, for net_sipsrv_port(). It ends with the gateway.
 INET_API const net::SipServer* net_sips_server(const net::Sips* sips) noexcept;
 
-/// Ends all calls without a message to the peers, and releases the gateway. Threads as in net_sipsrv_close(), but not
-/// from inside the callback. Null is ignored.
+/// Hangs up all calls, waits up to a second for the peers' answers, closes both accounts and releases the gateway; no
+/// callback comes meanwhile. The server outside forgets the account when the registration has run out. Threads as in
+/// net_sipsrv_close(), but not from inside the callback; on the network thread it does not wait, and users of the relay
+/// see their connection close instead. Null is ignored.
 INET_API void net_sips_close(net::Sips* sips) noexcept;

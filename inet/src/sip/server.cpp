@@ -76,8 +76,9 @@ void connection::on_tcp_closed(net::Tcp*, int) noexcept { server_.remove(*this);
 namespace net {
 
 SipServer::SipServer(nt_ctx* nt, value_t* const* users, const char* file, int line)
-    : nt_(nt), file_(file), line_(line), relay_(users, file, line), ending_(nt, this, [](void* of) {
+    : nt_(nt), file_(file), line_(line), relay_(users, file, line), ending_(nt, this, [](void* of, bool) {
           static_cast<SipServer*>(of)->shut_down();
+          return uint64_t{0};
       }) {}
 
 bool SipServer::prepare() noexcept {
