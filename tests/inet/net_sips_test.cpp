@@ -2,6 +2,7 @@
 #include "inet/net_sips.h"
 
 #include "sip/relay.h"
+#include "support/files.h"
 #include "support/log_keeper.h"
 #include "support/network_thread.h"
 #include "support/sockets.h"
@@ -9,6 +10,7 @@
 #include "core/time.h"
 
 #include <atomic>
+#include <filesystem>
 
 namespace {
 
@@ -36,8 +38,8 @@ std::string notify(const std::string& user, int number, const std::string& names
 }
 
 struct table {
-    table() {
-        for (const char* name : {"anna", "boris", "clara"})
+    explicit table(std::initializer_list<const char*> of = {"anna", "boris", "clara"}) {
+        for (const char* name : of)
             users = core_value_put(users, name, "", CORE_HERE);
     }
     ~table() { core_value_free(users); }
@@ -155,6 +157,28 @@ TEST(SipServer, GivesUpWhoDoesNotRead) {
         EXPECT_EQ(relay.take(anna, call), call.size());
     EXPECT_TRUE(boris.lost && !anna.lost);
     EXPECT_LE(boris.out.length, sip::relay::most_output);
+}
+
+/// The messages of RFC 4475, where they are. Some of them register, call and ring their users.
+TEST(SipServer, LivesThroughTortureMessages) {
+    std::error_code missing;
+    const std::filesystem::path folder(INET_TEST_TORTURE);
+    if (!std::filesystem::is_directory(folder, missing)) GTEST_SKIP() << "no " << folder;
+    const test::network_thread nt;
+    const table names{"anna", "caller", "user", "j.user", "watson", "other", "jdrosen", "vivekg", "a.g.bell"};
+    net::SipServer* const server = net_sipsrv_open_at(nt, names.users, test::free_port(), CORE_HERE);
+    const auto port = static_cast<uint16_t>(net_sipsrv_port(server));
+    const std::pair<const char*, const char*> answers[] = {{"intmeth", "404"}, {"longreq", "404"},  {"mcl01", "400"},
+                                                           {"ncl", "400"},     {"regescrt", "200"}, {"wsinv", "480"}};
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        SCOPED_TRACE(file.path().string());
+        const test::player hostile(port), anna(port);
+        hostile.say(test::read_file(file.path().string()));
+        EXPECT_TRUE(anna.ask(ask("OPTIONS", "anna", "anna")).starts_with("SIP/2.0 405 "));
+        for (const auto& [name, status] : answers)
+            if (file.path().stem() == name) EXPECT_TRUE(hostile.ask().starts_with(std::string("SIP/2.0 ") + status));
+    }
+    net_sipsrv_close(server);
 }
 
 }  // namespace

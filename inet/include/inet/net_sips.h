@@ -23,8 +23,8 @@
 ///     output that the peer does not read  1 MiB, and 32 seconds in which it reads neither 64 KiB nor all
 ///     connections                         nt_places of the network thread (inet/net_thread.h). For a new one the oldest
 ///                                         is closed that no user is bound to; when there is none, the new one
-/// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or holds a NUL
-/// or a line end that is not CR LF, is left out.
+/// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or has a line
+/// end that is not CR LF, is left out; one that holds a NUL is not forwarded (400).
 ///
 /// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message.
 ///

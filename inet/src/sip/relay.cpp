@@ -9,16 +9,18 @@ namespace sip {
 
 namespace {
 
-/// Another reader takes a line that ends otherwise for a part of its neighbour: what is forwarded must mean the same to
-/// everybody.
+// What is forwarded must mean the same to everybody: another reader takes a line that ends otherwise for a part of its
+// neighbour, and a text that holds a NUL for one that ends there.
+
 bool has_plain_lines(std::string_view head) noexcept {
     for (size_t i = 0; i < head.size(); ++i) {
-        if (head[i] == '\0') return false;
         if (head[i] == '\n' && (i == 0 || head[i - 1] != '\r')) return false;
         if (head[i] == '\r' && (i + 1 == head.size() || head[i + 1] != '\n')) return false;
     }
     return true;
 }
+
+bool has_nul(std::string_view head) noexcept { return head.find('\0') != std::string_view::npos; }
 
 }  // namespace
 
@@ -112,7 +114,8 @@ uint32_t relay::take_message(party& from, const piece_t& message) {
         lose(from);
     } else if (header->method) {
         take_request(from, *header, message);
-    } else if (const relay_user* caller = find(user_of(field(*header, "From"))); caller && caller->at) {
+    } else if (const relay_user* caller = find(user_of(field(*header, "From")));
+               caller && caller->at && !has_nul(head)) {
         pass_on(*caller->at, head.substr(0, head.find("\r\n")), message);
     }
     return message.used;
@@ -123,9 +126,10 @@ void relay::take_request(party& from, const header_t& header, const piece_t& mes
     relay_user* const sender = find(user_of(field(header, "From")));
     if (!sender) return answer(from, header, 404);
     if (method == "REGISTER") return take_register(from, *sender, header);
-    if (method == "INVITE") return take_invite(from, *sender, header, message);
     if (method == "SUBSCRIBE") return take_subscribe(from, *sender, header);
-    if (method != "ACK" && method != "BYE") return refuse(from, header, method);
+    if (method != "INVITE" && method != "ACK" && method != "BYE") return refuse(from, header, method);
+    if (has_nul(message.head)) return answer(from, header, 400);
+    if (method == "INVITE") return take_invite(from, *sender, header, message);
     const relay_user* const target = find(user_of(field(header, "To")));
     if (!target || !target->at) return answer(from, header, 480);
     forward(*target, method, message);
