@@ -159,6 +159,23 @@ TEST(SipServer, GivesUpWhoDoesNotRead) {
     EXPECT_LE(boris.out.length, sip::relay::most_output);
 }
 
+TEST(SipServer, KeepsWhoIsBehindWithPresence) {
+    const table names;
+    sip::relay relay(names.users, CORE_HERE);
+    relay.expect(2);
+    sip::party anna, boris;
+    relay.take(boris, ask("REGISTER", "boris", "boris") + ask("SUBSCRIBE", "boris", "boris"));
+    while (!anna.lost)
+        relay.take(anna, ask("REGISTER", "anna", "anna"));
+    EXPECT_FALSE(boris.lost);
+    core_buf_ignore(&boris.out, boris.out.length);
+    relay.catch_up(boris);
+    EXPECT_TRUE(std::string(boris.out.data, boris.out.data + boris.out.length).ends_with("[\"anna\"]"));
+    core_buf_ignore(&boris.out, boris.out.length);
+    relay.catch_up(boris);
+    EXPECT_EQ(boris.out.length, 0U);
+}
+
 /// The messages of RFC 4475, where they are. Some of them register, call and ring their users.
 TEST(SipServer, LivesThroughTortureMessages) {
     std::error_code missing;

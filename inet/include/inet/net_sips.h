@@ -8,7 +8,8 @@
 ///                  not in the table: no answer
 ///     ACK, BYE     forwarded; 480 when the other end is not known or has no connection
 ///     SUBSCRIBE    answered 200, and by a NOTIFY with the names of all other bound users, now and at every REGISTER:
-///                  content type "application/pidf-xml", body such as ["anna","boris"]
+///                  content type "application/pidf-xml", body such as ["anna","boris"]. Who has 256 KiB unread gets
+///                  the newest one when it has read them
 ///     others       405
 /// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body, but for the
 /// address in the request line: the callee's name at our address.

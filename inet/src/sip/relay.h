@@ -32,6 +32,7 @@ struct party {
     relay_user* user = nullptr;
     bool presence = false;   ///< SUBSCRIBE came
     uint32_t notified = 0;   ///< number of the last NOTIFY
+    bool outdated = false;   ///< a NOTIFY was left out
     uint32_t line_ends = 0;  ///< since the last message
     buf_t out;
     bool waits = false;  ///< stands in relay::waiting()
@@ -41,6 +42,7 @@ struct party {
 class relay {
 public:
     static constexpr uint32_t most_output = 1024 * 1024;
+    static constexpr uint32_t most_presence = 256 * 1024;  ///< waiting, for a NOTIFY to be added
 
     /// Throws std::bad_alloc.
     relay(value_t* const* users, const char* file, int line);
@@ -52,6 +54,8 @@ public:
     /// Makes room for so many parties; throws std::bad_alloc. forget() is to be called before it goes.
     void expect(size_t parties) { waiting_.reserve(parties); }
     void forget(party& gone) noexcept;
+    /// To be called when the output of a party is gone: sends the presence that it has missed.
+    void catch_up(party& to) noexcept;
 
     /// Whether a user of that name is bound.
     bool reaches(std::string_view name) noexcept;

@@ -46,10 +46,13 @@ void relay::pass_on(party& to, std::string_view start, const piece_t& message) {
     send(to, message.body);
 }
 
-/// A NOTIFY, if the user has subscribed.
+/// A NOTIFY, if the user has subscribed. Who is far behind gets the newest one later, so that nobody who registers over
+/// and over has others closed.
 void relay::announce(const relay_user& to) {
     if (!to.at || !to.at->presence) return;
     party& there = *to.at;
+    there.outdated = there.out.length > most_presence;
+    if (there.outdated) return;
     core::string names("[");
     for (const relay_user& each : users_)
         if (each.at && &each != &to) names.append(names.size() > 1 ? ",\"" : "\"").append(each.name).append("\"");
@@ -64,6 +67,15 @@ void relay::announce(const relay_user& to) {
     put(head_, "Content-Length", {number_text(static_cast<uint32_t>(names.size()))});
     head_.append("\r\n");
     send(there, names);
+}
+
+void relay::catch_up(party& to) noexcept {
+    if (!to.outdated || !to.user) return;
+    try {
+        announce(*to.user);
+    } catch (const std::bad_alloc&) {
+        core_log_err("sip server: out of memory");
+    }
 }
 
 /// Queues head_ and the body. All of it or nothing: half a message would spoil what follows.

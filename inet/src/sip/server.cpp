@@ -67,7 +67,10 @@ void connection::on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept {
     server_.settle();
 }
 
-void connection::on_tcp_writable(net::Tcp*) noexcept { flush(); }
+void connection::on_tcp_writable(net::Tcp*) noexcept {
+    server_.send(*this);
+    server_.settle();
+}
 
 void connection::on_tcp_closed(net::Tcp*, int) noexcept { server_.remove(*this); }
 
@@ -141,13 +144,18 @@ void SipServer::on_second(void* arg, timer_ctx*) noexcept {
         }
 }
 
+void SipServer::send(sip::connection& to) noexcept {
+    to.flush();
+    if (to.out.length == 0) relay_.catch_up(to);
+}
+
 void SipServer::settle() noexcept {
     auto& waiting = relay_.waiting();
     while (!waiting.empty()) {
         auto& next = static_cast<sip::connection&>(*waiting.back());
         waiting.pop_back();
         next.waits = false;
-        next.flush();
+        send(next);
         if (next.lost) remove(next);
     }
 }

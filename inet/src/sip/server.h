@@ -66,6 +66,7 @@ public:
 
     // The connections' side.
     uint32_t take(sip::party& from, std::string_view bytes) noexcept { return relay_.take(from, bytes); }
+    void send(sip::connection& to) noexcept;
     /// Sends what waits and removes who is lost: also the caller, perhaps.
     void settle() noexcept;
     void remove(sip::connection& gone) noexcept;
