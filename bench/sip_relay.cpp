@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <unistd.h>
 
 int main(int argc, char** argv) {
     if (argc < 2) {
@@ -28,10 +29,6 @@ int main(int argc, char** argv) {
     if (net_sipsrv_port(server) == 0) return 1;
     std::printf("%u\nready\n", net_sipsrv_port(server));
     std::fflush(stdout);
-    while (std::getchar() != EOF) {
-    }
-    net_sipsrv_close(server);
-    net::net_nt_stop(nt);
-    net_free();
-    return 0;
+    for (;;)
+        pause();
 }

@@ -29,7 +29,7 @@ class Kamailio:
         name, address = self.folder.name, f"127.0.0.1:{self.port}"
         self.process = subprocess.Popen(["kamailio", "-f", CONFIGURATION, "-DD", "-E", "-w", name, "-Y", name, "-m", "64",
                                          "-l", f"tcp:{address}", "-l", f"udp:{address}", *arguments],
-                                        stderr=subprocess.DEVNULL)
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         while not self.answers():
             assert self.process.poll() is None
             time.sleep(0.02)
