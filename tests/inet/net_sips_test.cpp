@@ -30,6 +30,11 @@ std::string answer(const std::string& status, const std::string& method, const s
            "Allow: ACK, BYE, CANCEL, INVITE, MESSAGE, OPTIONS\r\nUser-Agent: Norvane-K Sip Server\r\n"
            "Content-Length: 0\r\n\r\n";
 }
+/// An INVITE as it is forwarded.
+std::string routed(std::string invite, unsigned port) {
+    return invite.insert(invite.find("\r\n") + 2,
+                         "Record-Route: <sip:127.0.0.1:" + std::to_string(port) + ";transport=tcp;lr>\r\n");
+}
 std::string notify(const std::string& user, int number, const std::string& names) {
     return "NOTIFY sip:" + user + "@127.0.0.1 SIP/2.0\r\nTo: <sip:" + user +
            "@127.0.0.1>\r\nFrom: <sip:resource@127.0.0.1>\r\nCSeq: " + std::to_string(number) +
@@ -79,13 +84,13 @@ TEST(SipServer, RelaysBetweenTwoClients) {
         {'b', ask("REGISTER", "boris", "boris"), notify("anna", 2, "[\"boris\"]"),
          answer("200 OK", "REGISTER", "boris", "boris")},
         {'a', ask("INVITE", "anna", "boris", "v=0\r\n"), answer("100 Trying", "INVITE", "anna", "boris"),
-         ask("INVITE", "anna", "boris", "v=0\r\n", "sip:boris@127.0.0.1")},
+         routed(ask("INVITE", "anna", "boris", "v=0\r\n", "sip:boris@127.0.0.1"), port)},
         {'b', own + "Content-Length: 1\r\n\r\n!", own + "Content-Length: 1\r\n\r\n!", ""},
         {'a', "ACK sip:x SIP/2.0\r\n" + fields_of("ACK", "anna", "boris") + "\r\n", "",
          "ACK sip:boris@127.0.0.1 SIP/2.0\r\nContent-Length: 0\r\n" + fields_of("ACK", "anna", "boris") + "\r\n"},
         {'b', ask("BYE", "boris", "anna"), ask("BYE", "boris", "anna", "", "sip:anna@127.0.0.1"), ""},
         {'b', ask("BYE", "boris", "clara"), "", answer("480 Temporarily Unavailable", "BYE", "boris", "clara")},
-        {'b', ask("INVITE", "clara", "anna"), ask("INVITE", "clara", "anna", "", "sip:anna@127.0.0.1"),
+        {'b', ask("INVITE", "clara", "anna"), routed(ask("INVITE", "clara", "anna", "", "sip:anna@127.0.0.1"), port),
          answer("100 Trying", "INVITE", "clara", "anna")},
         {'a', ask("BYE", "anna", "boris"), answer("480 Temporarily Unavailable", "BYE", "anna", "boris"), ""},
         {'a', "BYE x SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi", "",

@@ -12,7 +12,8 @@
 ///                  the newest one when it has read them
 ///     others       405
 /// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body, but for the
-/// address in the request line: the callee's name at our address.
+/// address in the request line: the callee's name at our address. An INVITE gets a Record-Route in front, so that phones
+/// send what follows in the call this way, too.
 ///
 /// A user stays bound until another binding replaces it or the connection closes. A phone that unregisters closes its
 /// connection. Two line ends between messages are answered by one: the connection lives (RFC 5626, 4.4.1).

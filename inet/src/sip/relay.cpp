@@ -132,7 +132,7 @@ void relay::take_request(party& from, const header_t& header, const piece_t& mes
     if (method == "INVITE") return take_invite(from, *sender, header, message);
     const relay_user* const target = find(user_of(field(header, "To")));
     if (!target || !target->at) return answer(from, header, 480);
-    forward(*target, method, message);
+    forward(from, *target->at, method, message);
 }
 
 void relay::take_register(party& from, relay_user& sender, const header_t& header) {
@@ -152,7 +152,7 @@ void relay::take_invite(party& from, relay_user& sender, const header_t& header,
     if (!target) return;
     if (!target->at) return answer(from, header, 480);
     answer(from, header, 100);
-    forward(*target, "INVITE", message);
+    forward(from, *target->at, "INVITE", message);
 }
 
 /// One who has not registered yet is announced to once it has.

@@ -29,6 +29,7 @@ struct party {
 
     core::string peer, local;  ///< dotted addresses
     unsigned peer_port = 0;
+    core::string route;  ///< for Record-Route: where it has reached us; may be empty
     relay_user* user = nullptr;
     bool presence = false;   ///< SUBSCRIBE came
     uint32_t notified = 0;   ///< number of the last NOTIFY
@@ -79,7 +80,7 @@ private:
 
     // relay_output.cpp
     void answer(party& to, const header_t& header, unsigned status);
-    void forward(const relay_user& to, std::string_view method, const piece_t& message);
+    void forward(const party& from, party& to, std::string_view method, const piece_t& message);
     void pass_on(party& to, std::string_view start, const piece_t& message);
     void announce(const relay_user& to);
     void send(party& to, std::string_view body);

@@ -30,10 +30,14 @@ void relay::answer(party& to, const header_t& header, unsigned status) {
     send(to, {});
 }
 
-/// The target is bound.
-void relay::forward(const relay_user& to, std::string_view method, const piece_t& message) {
-    const core::string start = join({method, " sip:", to.name, "@", to.at->local, " SIP/2.0"});
-    pass_on(*to.at, start, message);
+/// The target is bound. Phones say what follows in a call by way of those that its INVITE names (RFC 3261, 16.6): else
+/// they would connect to each other, where nobody listens.
+void relay::forward(const party& from, party& to, std::string_view method, const piece_t& message) {
+    core::string start = join({method, " sip:", to.user->name, "@", to.local, " SIP/2.0"});
+    const bool call = method == "INVITE";
+    if (call && !to.route.empty()) start.append("\r\nRecord-Route: ").append(to.route);
+    if (call && from.route != to.route) start.append("\r\nRecord-Route: ").append(from.route);
+    pass_on(to, start, message);
 }
 
 /// The fields go on as they came.
