@@ -129,7 +129,7 @@ TEST(SipGateway, JoinsCallsBothWays) {
         test::sip_phone world("world", net::sip_udp, outside.port), anna("anna", net::sip_tcp, port),
             boris("boris", net::sip_tcp, port);
         ASSERT_TRUE(world.waits("account0") && anna.waits("account0") && boris.waits("account0"));
-        anna.answers = world.answers = true;
+        anna.answers = true, world.answers = true;
         world.invite("camera");  // rings both
         ASSERT_TRUE(world.waits("call0") && boris.waits("call1") && boris.waits("call2"));
         test::pass_clip(world, anna);

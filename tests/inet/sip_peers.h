@@ -10,6 +10,7 @@
 #include "common/h264.h"
 #include "inet/net_sip.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <poll.h>
@@ -78,7 +79,7 @@ public:
         events_.clear();
     }
 
-    bool answers = false, declines = false;
+    std::atomic<bool> answers = false, declines = false;
     const char* calls = nullptr;  ///< whom, when registered; ends the call when it is answered
     std::string video;            ///< of all pictures
 

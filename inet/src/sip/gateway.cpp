@@ -15,7 +15,7 @@ namespace {
 constexpr unsigned usual_port = 5060;
 constexpr uint64_t longest_close = sip::second;
 constexpr uint64_t close_step = 10 * sip::ms;
-constexpr size_t most_late = 2 * sip::most_calls;
+constexpr size_t most_late = size_t{2} * sip::most_calls;
 
 struct value_list_deleter {
     void operator()(value_t** list) const noexcept { core_value_free(list); }
