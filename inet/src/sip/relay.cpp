@@ -10,9 +10,11 @@ namespace sip {
 namespace {
 
 // What is forwarded must mean the same to everybody: another reader takes a line that ends otherwise for a part of its
-// neighbour, and a text that holds a NUL for one that ends there.
+// neighbour, and a text that holds a NUL for one that ends there. Behind the first line we add fields: it goes no further.
 
 bool has_plain_lines(std::string_view head) noexcept {
+    const char second = head[head.find('\n') + 1];
+    if (second == ' ' || second == '\t') return false;
     for (size_t i = 0; i < head.size(); ++i) {
         if (head[i] == '\n' && (i == 0 || head[i - 1] != '\r')) return false;
         if (head[i] == '\r' && (i + 1 == head.size() || head[i + 1] != '\n')) return false;
