@@ -1,22 +1,91 @@
 """The tables of bench/compare-sip. The servers take turns, so that what else the machine does falls on both."""
 import argparse
 import os
+import socket
 import subprocess
 import sys
+import tempfile
+import time
 
 from servers import ROOT, Program, median, processor_seconds
-from sip_peers import Kamailio, free_port
 
 SIP_LOAD = os.path.join(ROOT, "build", "release", "bench", "sip_load")
 SIP_RELAY = os.path.join(ROOT, "build", "release", "bench", "sip_relay")
 REQUESTS = 3  # of a call: INVITE, ACK, BYE
 PLACES = 500  # connections of a network thread
 
+# As little as a registrar and relay needs: one worker, users in memory, neither transactions nor passwords nor a log.
+CONFIGURATION = """
+children=1
+tcp_children=1
+debug=-1
+log_stderror=yes
+auto_aliases=no
+dns=no
+rev_dns=no
+tcp_connection_lifetime=3605
+tcp_max_connections=2048
+listen=tcp:127.0.0.1:{port}
+
+loadmodule "sl.so"
+loadmodule "pv.so"
+loadmodule "usrloc.so"
+loadmodule "registrar.so"
+modparam("usrloc", "db_mode", 0)
+
+request_route {{
+    if (method == "REGISTER") {{
+        save("location");
+        exit;
+    }}
+    if (method == "INVITE") {{
+        sl_send_reply("100", "Trying");
+        if (!lookup("location")) {{
+            sl_send_reply("480", "Temporarily Unavailable");
+            exit;
+        }}
+    }}
+    forward();
+}}
+"""
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
 
 class Ours(Program):
     def __init__(self):
         super().__init__(SIP_RELAY, str(free_port()))
         self.port = int(self.address)
+
+
+class Kamailio:
+    def __init__(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.port = free_port()
+        name = self.folder.name
+        with open(f"{name}/configuration", "w", encoding="ascii") as file:
+            file.write(CONFIGURATION.format(port=self.port))
+        self.process = subprocess.Popen(["kamailio", "-f", f"{name}/configuration", "-DD", "-E", "-w", name, "-Y", name],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        while not self.answers():
+            assert self.process.poll() is None
+            time.sleep(0.02)
+
+    def answers(self):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait()
+        self.folder.cleanup()
 
 
 def load(server, *arguments):

@@ -4,7 +4,6 @@
 #include "inet/net_sips.h"
 #include "inet/sip_peers.h"
 
-#include <csignal>
 #include <deque>
 
 namespace {
@@ -65,40 +64,6 @@ TEST(SipServerPeers, NewConnectionsTakeThePlaceOfThoseWithoutAUser) {
     EXPECT_EQ(idle.front().ask(), "closed");
     for (const test::player* each : {&anna, &std::as_const(idle)[1]})
         EXPECT_EQ(each->ask(alive), "\r\n");
-}
-
-/// A registrar and relay that asks for passwords.
-struct kamailio {
-    kamailio() {
-        const std::string at = ":127.0.0.1:" + std::to_string(port);
-        const std::string started = test::run("cd " + folder / "" +
-                                              " && timeout 100 kamailio -f " INET_TEST_SIP
-                                              "/kamailio.cfg -DD -E -w . -Y $PWD -m 64 -A PASSWORD -l tcp" +
-                                              at + " -l udp" + at + " >told 2>&1 & echo $!");
-        pid = std::stoi(started);
-    }
-    ~kamailio() { ::kill(pid, SIGTERM); }
-    const test::scratch folder;
-    const unsigned port = test::free_port();
-    int pid = 0;
-};
-
-TEST(SipServerPeers, KamailioRoutesACallBetweenAgents) {
-    const kamailio between;
-    test::sip_phone camera("camera", net::sip_tcp, between.port), boris("boris", net::sip_udp, between.port);
-    ASSERT_TRUE(camera.waits("account0") && boris.waits("account0"));
-    camera.answers = true;
-    boris.invite("camera");
-    ASSERT_TRUE(boris.waits("call0") && camera.waits("call1"));
-    test::pass_clip(camera, boris);
-    boris.bye();
-    EXPECT_TRUE(camera.waits("call2"));
-    boris.answers = true;
-    boris.forget();
-    camera.invite("boris");
-    ASSERT_TRUE(camera.waits("call0") && boris.waits("call1"));
-    camera.bye();
-    EXPECT_TRUE(boris.waits("call2"));
 }
 
 struct gateway_events : test::callback {
