@@ -56,6 +56,8 @@ bool relay::reaches(std::string_view name) noexcept {
 }
 
 void relay::bind(relay_user& user, party& to) noexcept {
+    if (to.user == &user) return;
+    listed_ = false;
     if (to.user) to.user->at = nullptr;
     if (user.at) user.at->user = nullptr;
     user.at = &to;
@@ -65,6 +67,7 @@ void relay::bind(relay_user& user, party& to) noexcept {
 void relay::forget(party& gone) noexcept {
     if (gone.user) gone.user->at = nullptr;
     gone.user = nullptr;
+    listed_ = false;
     std::erase(waiting_, &gone);
 }
 

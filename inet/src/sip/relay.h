@@ -20,7 +20,8 @@ struct party;
 /// An entry of the table.
 struct relay_user {
     core::string name, value;
-    party* at = nullptr;  ///< null while it is not registered
+    party* at = nullptr;                  ///< null while it is not registered
+    size_t listed_at = 0, listed_to = 0;  ///< its part of the list of names
 };
 
 /// One connection.
@@ -82,6 +83,7 @@ private:
     void answer(party& to, const header_t& header, unsigned status);
     void forward(const party& from, party& to, std::string_view method, const piece_t& message);
     void pass_on(party& to, std::string_view start, const piece_t& message);
+    void list_names();
     void announce(const relay_user& to);
     void send(party& to, std::string_view body);
     void lose(party& which) noexcept;
@@ -92,7 +94,10 @@ private:
     core::vector<relay_user> users_;     ///< in the order given
     core::vector<relay_user*> by_name_;  ///< sorted
     core::vector<party*> waiting_;
-    core::string head_;  ///< of what is being sent
+    core::string head_;   ///< of what is being sent
+    core::string names_;  ///< of all bound users, each in quotation marks behind a comma
+    bool listed_ = false;
+    core::string list_;  ///< that is being sent
 };
 
 }  // namespace sip

@@ -50,6 +50,18 @@ void relay::pass_on(party& to, std::string_view start, const piece_t& message) {
     send(to, message.body);
 }
 
+/// The list is the same for everybody, but for the own name.
+void relay::list_names() {
+    if (listed_) return;
+    names_.clear();
+    for (relay_user& each : users_) {
+        each.listed_at = names_.size();
+        if (each.at) names_.append(",\"").append(each.name).append("\"");
+        each.listed_to = names_.size();
+    }
+    listed_ = true;
+}
+
 /// A NOTIFY, if the user has subscribed. Who is far behind gets the newest one later, so that nobody who registers over
 /// and over has others closed.
 void relay::announce(const relay_user& to) {
@@ -57,10 +69,14 @@ void relay::announce(const relay_user& to) {
     party& there = *to.at;
     there.outdated = there.out.length > most_presence;
     if (there.outdated) return;
-    core::string names("[");
-    for (const relay_user& each : users_)
-        if (each.at && &each != &to) names.append(names.size() > 1 ? ",\"" : "\"").append(each.name).append("\"");
-    names.append("]");
+    list_names();
+    const std::string_view names = names_;
+    list_.clear();
+    list_.append(names.substr(0, to.listed_at)).append(names.substr(to.listed_to)).append("]");
+    if (list_.size() > 1)
+        list_.front() = '[';  // in place of the first comma
+    else
+        list_.insert(0, "[");
     head_.clear();
     head_.append("NOTIFY sip:").append(to.name).append("@").append(there.local).append(" SIP/2.0\r\n");
     put(head_, "To", {"<sip:", to.name, "@", there.local, ">"});
@@ -68,9 +84,9 @@ void relay::announce(const relay_user& to) {
     put(head_, "CSeq", {number_text(++there.notified), " NOTIFY"});
     put(head_, "User-Agent", {server_name});
     put(head_, "Content-Type", {"application/pidf-xml"});
-    put(head_, "Content-Length", {number_text(static_cast<uint32_t>(names.size()))});
+    put(head_, "Content-Length", {number_text(static_cast<uint32_t>(list_.size()))});
     head_.append("\r\n");
-    send(there, names);
+    send(there, list_);
 }
 
 void relay::catch_up(party& to) noexcept {
