@@ -8,21 +8,22 @@
 ///                  not in the table: no answer
 ///     ACK, BYE     forwarded; 480 when the other end is not known or has no connection
 ///     SUBSCRIBE    answered 200, and by a NOTIFY with the names of all other bound users, now and at every REGISTER:
-///                  content type "application/pidf-xml", body such as ["anna","boris"]. Who has 256 KiB unread gets
+///                  content type "application/pidf-xml", body such as ["anna","boris"]. Who has 64 KiB unread gets
 ///                  the newest one when it has read them
 ///     others       405
 /// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body, but for the
 /// address in the request line: the callee's name at our address. An INVITE gets a Record-Route in front, so that phones
 /// send what follows in the call this way, too.
 ///
-/// A user stays bound until another binding replaces it or the connection closes. A phone that unregisters closes its
-/// connection. Two line ends between messages are answered by one: the connection lives (RFC 5626, 4.4.1).
+/// A user stays bound until another binding replaces it or the connection closes; Expires is not read. Two line ends
+/// between messages are answered by one: the connection lives (RFC 5626, 4.4.1).
 ///
 /// Bounds of one server. A connection that passes one is closed:
 ///     header                              4098 bytes
 ///     body                                64 KiB
 ///     time for the rest of a message      32 seconds
-///     output that the peer does not read  1 MiB, and 32 seconds in which it reads neither 64 KiB nor all
+///     output that the peer does not read  256 KiB, and 32 seconds in which it reads neither 64 KiB nor all
+///     in all, for a connection            324 KiB
 ///     connections                         nt_places of the network thread (inet/net_thread.h). For a new one the oldest
 ///                                         is closed that no user is bound to; when there is none, the new one
 /// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or has a line

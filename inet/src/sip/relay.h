@@ -43,8 +43,8 @@ struct party {
 
 class relay {
 public:
-    static constexpr uint32_t most_output = 1024 * 1024;
-    static constexpr uint32_t most_presence = 256 * 1024;  ///< waiting, for a NOTIFY to be added
+    static constexpr uint32_t most_output = 256 * 1024;
+    static constexpr uint32_t most_presence = 64 * 1024;  ///< waiting, for a NOTIFY to be added
 
     /// Throws std::bad_alloc.
     relay(value_t* const* users, const char* file, int line);
