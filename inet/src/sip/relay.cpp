@@ -3,6 +3,8 @@
 
 #include "scan.h"
 
+#include "core/time.h"
+
 #include <algorithm>
 
 namespace sip {
@@ -53,6 +55,14 @@ relay_user* relay::find(std::string_view name) noexcept {
 bool relay::reaches(std::string_view name) noexcept {
     const relay_user* const found = find(name);
     return found && found->at;
+}
+
+/// A console is slow, and a peer must not fill it; the log has every line.
+bool relay::may_print() noexcept {
+    const uint64_t now = core_timer() / 1'000'000;
+    if (now != printed_in_) printed_ = 0;
+    printed_in_ = now;
+    return printed_++ < most_printed;
 }
 
 void relay::bind(relay_user& user, party& to) noexcept {
@@ -108,7 +118,7 @@ uint32_t relay::take_message(party& from, const piece_t& message) {
     if (!header || (!header->method && header->status == 0)) {
         const auto shown = static_cast<int>(head.size());
         core_log_print(log, "sip header parse failed:\n%.*s", shown, head.data());
-        core_con_printf(0, "sip header parse failed:\n%.*s", shown, head.data());
+        if (may_print()) core_con_printf(0, "sip header parse failed:\n%.*s", shown, head.data());
         return static_cast<uint32_t>(head.size());
     }
     if (core_log_wanted(log))  // the body stands behind the head
@@ -170,7 +180,7 @@ void relay::take_subscribe(party& from, relay_user& sender, const header_t& head
 void relay::refuse(party& from, const header_t& header, std::string_view method) {
     const auto shown = static_cast<int>(method.size());
     core_log_print(log, "%.*s - не реализован", shown, method.data());
-    core_con_printf(0, "sip server: %.*s - не реализован", shown, method.data());
+    if (may_print()) core_con_printf(0, "sip server: %.*s - не реализован", shown, method.data());
     answer(from, header, 405);
 }
 

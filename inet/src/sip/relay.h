@@ -44,6 +44,7 @@ struct party {
 class relay {
 public:
     static constexpr uint32_t most_output = 256 * 1024;
+    static constexpr uint32_t most_printed = 20;          ///< on the console, in a second
     static constexpr uint32_t most_presence = 64 * 1024;  ///< waiting, for a NOTIFY to be added
 
     /// Throws std::bad_alloc.
@@ -76,6 +77,7 @@ private:
     void take_invite(party& from, relay_user& sender, const header_t& header, const piece_t& message);
     void take_subscribe(party& from, relay_user& sender, const header_t& header);
     void refuse(party& from, const header_t& header, std::string_view method);
+    bool may_print() noexcept;
     relay_user* find(std::string_view name) noexcept;
     void bind(relay_user& user, party& to) noexcept;
 
@@ -98,6 +100,8 @@ private:
     core::string names_;  ///< of all bound users, each in quotation marks behind a comma
     bool listed_ = false;
     core::string list_;  ///< that is being sent
+    uint32_t printed_ = 0;
+    uint64_t printed_in_ = 0;  ///< second of core_timer()
 };
 
 }  // namespace sip
