@@ -67,16 +67,16 @@ public:
     bool waits(const std::string& event) {
         return until([&] { return event.empty() || events_.find(event + "|") != std::string::npos; });
     }
+    /// The events until now.
+    void forget() {
+        const std::lock_guard held(mutex_);
+        events_.clear();
+    }
     bool has_pictures(size_t count) {
         return until([&] { return pictures_ >= count; });
     }
     bool has_sound(size_t bytes) {
         return until([&] { return sound_ >= bytes; });
-    }
-
-    void forget() {
-        const std::lock_guard held(mutex_);
-        events_.clear();
     }
 
     std::atomic<bool> answers = false, declines = false;
