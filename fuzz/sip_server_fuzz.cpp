@@ -6,15 +6,15 @@
 
 namespace {
 
-const uint32_t quiet = core_log_sink_add(
-    "console,error", [](void*, const log_line_t*) {}, nullptr);
-
 struct hall {
     hall() {
         for (const char* name : {"anna", "boris", "clara"})
             users = core_value_put(users, name, nullptr, CORE_HERE);
     }
-    ~hall() { core_value_free(users); }
+    ~hall() {
+        core_value_free(users);
+        core_log_sink_rem(quiet);
+    }
 
     /// What both hear, when the bytes come in such pieces.
     std::string hear(std::string_view bytes, size_t piece) const {
@@ -22,6 +22,7 @@ struct hall {
         relay.expect(2);
         sip::party speaker, boris;
         speaker.local = boris.local = speaker.peer = boris.peer = "127.0.0.1";
+        speaker.route = boris.route = "<sip:127.0.0.1;lr>";
         for (const std::string_view method : {"REGISTER", "SUBSCRIBE"})
             relay.take(boris, std::string(method) + " sip:a SIP/2.0\r\nFrom: <sip:boris@a>\r\n\r\n");
         std::string held;
@@ -36,7 +37,8 @@ struct hall {
             const std::string_view out(reinterpret_cast<const char*>(each->out.data), each->out.length);
             for (std::string_view rest = out; !rest.empty();) {
                 const sip::piece_t message = sip::cut(rest, false);
-                require(message.what == sip::cut_t::message && !message.bad_length);
+                const bool alive = message.what == sip::cut_t::skipped && rest.starts_with("\r\n");
+                require(alive || (message.what == sip::cut_t::message && !message.bad_length));
                 rest.remove_prefix(message.used);
             }
             heard += '|';
@@ -46,13 +48,14 @@ struct hall {
         return heard;
     }
 
+    const uint32_t quiet = core_log_sink_add(
+        "console,error", [](void*, const log_line_t*) {}, nullptr);
     value_t** users = nullptr;
 };
 
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
-    require(quiet != 0);
     if (input.empty()) return;
     const hall here;
     const std::string bytes = fuzz::text_of(input.subspan(1));

@@ -2,9 +2,15 @@
 #include "inet/net_sips.h"
 
 #include "sip/relay.h"
+#include "support/files.h"
 #include "support/log_keeper.h"
 #include "support/network_thread.h"
 #include "support/sockets.h"
+
+#include "core/time.h"
+
+#include <atomic>
+#include <filesystem>
 
 namespace {
 
@@ -24,6 +30,11 @@ std::string answer(const std::string& status, const std::string& method, const s
            "Allow: ACK, BYE, CANCEL, INVITE, MESSAGE, OPTIONS\r\nUser-Agent: Norvane-K Sip Server\r\n"
            "Content-Length: 0\r\n\r\n";
 }
+/// An INVITE as it is forwarded.
+std::string routed(std::string invite, unsigned port) {
+    return invite.insert(invite.find("\r\n") + 2,
+                         "Record-Route: <sip:127.0.0.1:" + std::to_string(port) + ";transport=tcp;lr>\r\n");
+}
 std::string notify(const std::string& user, int number, const std::string& names) {
     return "NOTIFY sip:" + user + "@127.0.0.1 SIP/2.0\r\nTo: <sip:" + user +
            "@127.0.0.1>\r\nFrom: <sip:resource@127.0.0.1>\r\nCSeq: " + std::to_string(number) +
@@ -32,8 +43,8 @@ std::string notify(const std::string& user, int number, const std::string& names
 }
 
 struct table {
-    table() {
-        for (const char* name : {"anna", "boris", "clara"})
+    explicit table(std::initializer_list<const char*> of = {"anna", "boris", "clara"}) {
+        for (const char* name : of)
             users = core_value_put(users, name, "", CORE_HERE);
     }
     ~table() { core_value_free(users); }
@@ -73,15 +84,18 @@ TEST(SipServer, RelaysBetweenTwoClients) {
         {'b', ask("REGISTER", "boris", "boris"), notify("anna", 2, "[\"boris\"]"),
          answer("200 OK", "REGISTER", "boris", "boris")},
         {'a', ask("INVITE", "anna", "boris", "v=0\r\n"), answer("100 Trying", "INVITE", "anna", "boris"),
-         ask("INVITE", "anna", "boris", "v=0\r\n", "sip:boris@127.0.0.1")},
+         routed(ask("INVITE", "anna", "boris", "v=0\r\n", "sip:boris@127.0.0.1"), port)},
         {'b', own + "Content-Length: 1\r\n\r\n!", own + "Content-Length: 1\r\n\r\n!", ""},
         {'a', "ACK sip:x SIP/2.0\r\n" + fields_of("ACK", "anna", "boris") + "\r\n", "",
          "ACK sip:boris@127.0.0.1 SIP/2.0\r\nContent-Length: 0\r\n" + fields_of("ACK", "anna", "boris") + "\r\n"},
         {'b', ask("BYE", "boris", "anna"), ask("BYE", "boris", "anna", "", "sip:anna@127.0.0.1"), ""},
         {'b', ask("BYE", "boris", "clara"), "", answer("480 Temporarily Unavailable", "BYE", "boris", "clara")},
-        {'b', ask("INVITE", "clara", "anna"), ask("INVITE", "clara", "anna", "", "sip:anna@127.0.0.1"),
+        {'b', ask("INVITE", "clara", "anna"), routed(ask("INVITE", "clara", "anna", "", "sip:anna@127.0.0.1"), port),
          answer("100 Trying", "INVITE", "clara", "anna")},
         {'a', ask("BYE", "anna", "boris"), answer("480 Temporarily Unavailable", "BYE", "anna", "boris"), ""},
+        {'a', "BYE x SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi", "",
+         "BYE sip:clara@127.0.0.1 SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi"},
+        {'a', "\r\n\r\n", "\r\n", ""},
     };
     for (const row& each : rows) {
         SCOPED_TRACE(each.says);
@@ -118,6 +132,25 @@ TEST(SipServer, NoticesThatItsPortIsTaken) {
     net_sipsrv_close(first);
 }
 
+std::atomic<uint64_t> clock_now = 1'600'000'000'000'000;
+
+TEST(SipServer, ClosesWhoKeepsItWaiting) {
+    core_time_set_clock([] { return clock_now.load(); });
+    {
+        const test::network_thread nt;
+        const table names;
+        net::SipServer* const server = net_sipsrv_open_at(nt, names.users, test::free_port(), CORE_HERE);
+        const auto port = static_cast<uint16_t>(net_sipsrv_port(server));
+        const test::player half(port), idle(port);
+        EXPECT_EQ(half.ask("\r\n\r\nBYE x SIP/2.0\r\n"), "\r\n");
+        clock_now += 40'000'000;
+        EXPECT_EQ(idle.ask("\r\n\r\n"), "\r\n");
+        EXPECT_EQ(hear(half, 1), "closed");
+        net_sipsrv_close(server);
+    }
+    core_time_set_clock(nullptr);
+}
+
 TEST(SipServer, GivesUpWhoDoesNotRead) {
     const table names;
     sip::relay relay(names.users, CORE_HERE);
@@ -129,6 +162,45 @@ TEST(SipServer, GivesUpWhoDoesNotRead) {
         EXPECT_EQ(relay.take(anna, call), call.size());
     EXPECT_TRUE(boris.lost && !anna.lost);
     EXPECT_LE(boris.out.length, sip::relay::most_output);
+}
+
+TEST(SipServer, KeepsWhoIsBehindWithPresence) {
+    const table names;
+    sip::relay relay(names.users, CORE_HERE);
+    relay.expect(2);
+    sip::party anna, boris;
+    relay.take(boris, ask("REGISTER", "boris", "boris") + ask("SUBSCRIBE", "boris", "boris"));
+    while (!anna.lost)
+        relay.take(anna, ask("REGISTER", "anna", "anna"));
+    EXPECT_FALSE(boris.lost);
+    core_buf_ignore(&boris.out, boris.out.length);
+    relay.catch_up(boris);
+    EXPECT_TRUE(std::string(boris.out.data, boris.out.data + boris.out.length).ends_with("[\"anna\"]"));
+    core_buf_ignore(&boris.out, boris.out.length);
+    relay.catch_up(boris);
+    EXPECT_EQ(boris.out.length, 0U);
+}
+
+/// The messages of RFC 4475, where they are. Some of them register, call and ring their users.
+TEST(SipServer, LivesThroughTortureMessages) {
+    std::error_code missing;
+    const std::filesystem::path folder(INET_TEST_TORTURE);
+    if (!std::filesystem::is_directory(folder, missing)) GTEST_SKIP() << "no " << folder;
+    const test::network_thread nt;
+    const table names{"anna", "caller", "user", "j.user", "watson", "other", "jdrosen", "vivekg", "a.g.bell"};
+    net::SipServer* const server = net_sipsrv_open_at(nt, names.users, test::free_port(), CORE_HERE);
+    const auto port = static_cast<uint16_t>(net_sipsrv_port(server));
+    const std::pair<const char*, const char*> answers[] = {{"intmeth", "404"}, {"longreq", "404"},  {"mcl01", "400"},
+                                                           {"ncl", "400"},     {"regescrt", "200"}, {"wsinv", "480"}};
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+        SCOPED_TRACE(file.path().string());
+        const test::player hostile(port), anna(port);
+        hostile.say(test::read_file(file.path().string()));
+        EXPECT_TRUE(anna.ask(ask("OPTIONS", "anna", "anna")).starts_with("SIP/2.0 405 "));
+        for (const auto& [name, status] : answers)
+            if (file.path().stem() == name) EXPECT_TRUE(hostile.ask().starts_with(std::string("SIP/2.0 ") + status));
+    }
+    net_sipsrv_close(server);
 }
 
 }  // namespace

@@ -1,38 +1,11 @@
 // The SIP agent on sockets: two agents that call each other through a switch, and sipp as the other end.
 #include "support/program.h"
 
-#include "avc/fcc.h"
-#include "common/h264.h"
 #include "inet/sip_peers.h"
 
 #include <cstdlib>
 
 namespace {
-
-/// Access units of the clip, of one slice each or more.
-std::vector<std::string> pictures() {
-    const std::string clip = test::read_file(INET_CLIP);
-    std::span<const uint8_t> rest = test::bytes_of(clip);
-    std::vector<std::string> units(1);
-    bool slice = false;
-    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
-        const bool is_slice = (nal[0] & 0x1f) == 1 || (nal[0] & 0x1f) == 5;
-        if (slice && (!is_slice || (nal[1] & 0x80))) units.emplace_back();
-        slice = is_slice;
-        units.back().append(3, '\0').append(1, '\1').append(nal.begin(), nal.end());
-    }
-    units.resize(std::min<size_t>(units.size(), 120));
-    return units;
-}
-
-/// The slices in pictures, one after the other.
-std::string slices(const std::string& pictures) {
-    std::span<const uint8_t> rest = test::bytes_of(pictures);
-    std::string all;
-    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest))
-        if ((nal[0] & 0x1f) == 1 || (nal[0] & 0x1f) == 5) all.append(nal.begin(), nal.end());
-    return all;
-}
 
 struct way {
     int transport;
@@ -50,21 +23,8 @@ TEST_P(NetSipCalls, PassOnEveryPictureAndSound) {
     alice.invite("bob");
     ASSERT_TRUE(alice.waits("call0") && bob.waits("call1"));
 
-    const std::vector<std::string> sent = pictures();
-    ASSERT_GT(sent.size(), 50U);
-    std::string all;
-    const std::string sound(400, '\x55');
-    for (size_t i = 0; i < sent.size(); ++i) {
-        all += sent[i];
-        const uint64_t time = 1'600'000'000'000'000 + i * 50000;
-        alice.put(av::fcc_h264, sent[i], time);
-        alice.put(av::fcc_pcmu, sound, time);
-        ASSERT_TRUE(bob.has_pictures(i)) << i;  // the last is over when the next begins
-    }
-    ASSERT_TRUE(bob.has_pictures(sent.size()));
-    EXPECT_TRUE(slices(bob.video) == slices(all));
-    EXPECT_TRUE(bob.has_sound(sent.size() * sound.size() - 160));
-    bob.put(av::fcc_pcmu, sound, 1'600'000'000'000'000);
+    test::pass_clip(alice, bob);
+    bob.put(av::fcc_pcmu, std::string(400, '\x55'), 1'600'000'000'000'000);
     EXPECT_TRUE(alice.has_sound(320));
 
     alice.digit(11);

@@ -4,6 +4,8 @@
 #include "inet/net_sips.h"
 #include "inet/sip_peers.h"
 
+#include <deque>
+
 namespace {
 
 struct exchange {
@@ -31,8 +33,7 @@ TEST(SipServerPeers, AgentsCallEachOther) {
     boris.answers = true;
     anna.invite("boris");
     ASSERT_TRUE(anna.waits("call0") && boris.waits("call1"));
-    anna.put(av::fcc_pcmu, std::string(800, '\x55'), 1'600'000'000'000'000);
-    EXPECT_TRUE(boris.has_sound(640));
+    test::pass_clip(anna, boris);
     boris.bye();
     EXPECT_TRUE(boris.waits("call2") && anna.waits("call2"));
 }
@@ -48,6 +49,21 @@ TEST(SipServerPeers, SippCalls) {
               " && timeout 60 sipp -sf " INET_TEST_SIP "/relay.xml -nostdin -trace_err -t t1 -m 5" +
               " -i 127.0.0.1 127.0.0.1:" + port + " >sipp.out 2>&1 || { cat *_errors.log >&2; false; }");
     EXPECT_TRUE(boris.waits("call2"));
+}
+
+TEST(SipServerPeers, NewConnectionsTakeThePlaceOfThoseWithoutAUser) {
+    const exchange between;
+    const auto port = static_cast<uint16_t>(net_sipsrv_port(between.server));
+    const std::string alive = "\r\n\r\n";
+    const test::player anna(port);
+    EXPECT_TRUE(anna.ask("REGISTER x SIP/2.0\r\nf: sip:anna@h\r\n\r\n").starts_with("SIP/2.0 200"));
+    std::deque<test::player> idle;
+    for (uint32_t i = 0; i < net::nt_places; ++i)
+        idle.emplace_back(port);
+    EXPECT_EQ(idle.back().ask(alive), "\r\n");
+    EXPECT_EQ(idle.front().ask(), "closed");
+    for (const test::player* each : {&anna, &std::as_const(idle)[1]})
+        EXPECT_EQ(each->ask(alive), "\r\n");
 }
 
 struct gateway_events : test::callback {
@@ -78,19 +94,18 @@ TEST(SipGateway, JoinsCallsBothWays) {
         test::sip_phone world("world", net::sip_udp, outside.port), anna("anna", net::sip_tcp, port),
             boris("boris", net::sip_tcp, port);
         ASSERT_TRUE(world.waits("account0") && anna.waits("account0") && boris.waits("account0"));
-        anna.answers = world.answers = true;
+        anna.answers = true, world.answers = true;
         world.invite("camera");  // rings both
         ASSERT_TRUE(world.waits("call0") && boris.waits("call1") && boris.waits("call2"));
-        world.put(av::fcc_pcmu, std::string(800, '\x55'), 1'600'000'000'000'000);
-        EXPECT_TRUE(anna.has_sound(640));
+        test::pass_clip(world, anna);
         world.bye();
         EXPECT_TRUE(anna.waits("call2"));
+        boris.forget(), world.forget();
         boris.invite("camera");
         ASSERT_TRUE(boris.waits("call0") && world.waits("call1"));
-        world.bye();
-        EXPECT_TRUE(world.waits("call2"));
+        net_sips_close(gateway);
+        EXPECT_TRUE(world.waits("call2") && boris.waits("call2"));
     }
-    net_sips_close(gateway);
 }
 
 }  // namespace

@@ -2,10 +2,12 @@
 #pragma once
 
 #include "sip/framing.h"
+#include "support/files.h"
 #include "support/network_thread.h"
 #include "support/sockets.h"
 
 #include "avc/fcc.h"
+#include "common/h264.h"
 #include "inet/net_sip.h"
 
 #include <atomic>
@@ -64,6 +66,11 @@ public:
     /// Waits for an event, such as "call0" or "digit11". An empty one has come.
     bool waits(const std::string& event) {
         return until([&] { return event.empty() || events_.find(event + "|") != std::string::npos; });
+    }
+    /// The events until now.
+    void forget() {
+        const std::lock_guard held(mutex_);
+        events_.clear();
     }
     bool has_pictures(size_t count) {
         return until([&] { return pictures_ >= count; });
@@ -128,6 +135,49 @@ private:
     std::string events_;
     size_t pictures_ = 0, sound_ = 0;
 };
+
+/// The NAL units of pictures, but for delimiters and SEI, which do not travel.
+inline std::vector<std::string> nal_units(const std::string& pictures) {
+    std::span<const uint8_t> rest = bytes_of(pictures);
+    std::vector<std::string> all;
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest))
+        if ((nal[0] & 0x1f) != 6 && (nal[0] & 0x1f) != 9) all.emplace_back(nal.begin(), nal.end());
+    return all;
+}
+
+/// Access units of the clip, of one slice each or more.
+inline std::vector<std::string> clip_pictures() {
+    const std::string clip = read_file(INET_CLIP);
+    std::span<const uint8_t> rest = bytes_of(clip);
+    std::vector<std::string> units(1);
+    bool slice = false;
+    for (auto nal = h264_next_nal(rest); !nal.empty(); nal = h264_next_nal(rest)) {
+        const bool is_slice = (nal[0] & 0x1f) == 1 || (nal[0] & 0x1f) == 5;
+        if (slice && (!is_slice || (nal[1] & 0x80))) units.emplace_back();
+        slice = is_slice;
+        units.back().append(3, '\0').append(1, '\1').append(nal.begin(), nal.end());
+    }
+    return units;
+}
+
+/// Sends the clip with sound: every NAL unit and every sample arrives, but for what is left of a piece of 20 ms.
+inline void pass_clip(sip_phone& from, sip_phone& to) {
+    const std::vector<std::string> sent = clip_pictures();
+    ASSERT_GT(sent.size(), 50U);
+    std::string all;
+    const std::string sound(400, '\x55');
+    for (size_t i = 0; i < sent.size(); ++i) {
+        all += sent[i];
+        const uint64_t time = 1'600'000'000'000'000 + i * 50000;
+        from.put(av::fcc_h264, sent[i], time);
+        from.put(av::fcc_pcmu, sound, time);
+        // One is over when the next begins, also in a gateway between them.
+        ASSERT_TRUE(to.has_pictures(std::max<size_t>(i, 1) - 1)) << i;
+    }
+    ASSERT_TRUE(to.has_pictures(sent.size()));
+    EXPECT_TRUE(nal_units(to.video) == nal_units(all));
+    EXPECT_TRUE(to.has_sound(sent.size() * sound.size() - 160));
+}
 
 /// Answers REGISTER with 200, and hands everything else to the other one of two ends. Where it loses, it loses the first
 /// copy of every datagram, and doubles the next ones.

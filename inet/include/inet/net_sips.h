@@ -8,22 +8,29 @@
 ///                  not in the table: no answer
 ///     ACK, BYE     forwarded; 480 when the other end is not known or has no connection
 ///     SUBSCRIBE    answered 200, and by a NOTIFY with the names of all other bound users, now and at every REGISTER:
-///                  content type "application/pidf-xml", body such as ["anna","boris"]
+///                  content type "application/pidf-xml", body such as ["anna","boris"]. Who has 64 KiB unread gets
+///                  the newest one when it has read them
 ///     others       405
 /// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body, but for the
-/// address in the request line: the callee's name at our address.
+/// address in the request line: the callee's name at our address. An INVITE gets a Record-Route in front, so that phones
+/// send what follows in the call this way, too.
 ///
-/// A user stays bound until another binding replaces it or the connection closes.
+/// A user stays bound until another binding replaces it or the connection closes; Expires is not read. Two line ends
+/// between messages are answered by one: the connection lives (RFC 5626, 4.4.1).
 ///
 /// Bounds of one server. A connection that passes one is closed:
 ///     header                              4098 bytes
 ///     body                                64 KiB
-///     output that the peer does not read  1 MiB
-///     connections                         nt_places of the network thread (inet/net_thread.h); more are refused
-/// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or holds a NUL
-/// or a line end that is not CR LF, is left out.
+///     time for the rest of a message      32 seconds
+///     output that the peer does not read  256 KiB, and 32 seconds in which it reads neither 64 KiB nor all
+///     in all, for a connection            324 KiB
+///     connections                         nt_places of the network thread (inet/net_thread.h). For a new one the oldest
+///                                         is closed that no user is bound to; when there is none, the new one
+/// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or has a line
+/// end that is not CR LF, is left out; one that holds a NUL is not forwarded (400).
 ///
-/// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message.
+/// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. What peers are refused is also
+/// told on the console, in 20 lines a second at most.
 ///
 /// The gateway joins a server and an agent (inet/net_sip.h). It registers at an outside SIP server, and at its own relay
 /// under the same name:
@@ -96,6 +103,8 @@ INET_API net::Sips* net_sips_open(const net::sips_info* info, const char* file, 
 /// The gateway's server, for net_sipsrv_port(). It ends with the gateway.
 INET_API const net::SipServer* net_sips_server(const net::Sips* sips) noexcept;
 
-/// Ends all calls without a message to the peers, and releases the gateway. Threads as in net_sipsrv_close(), but not
-/// from inside the callback. Null is ignored.
+/// Hangs up all calls, waits up to a second for the peers' answers, closes both accounts and releases the gateway; no
+/// callback comes meanwhile. The server outside forgets the account when the registration has run out. Threads as in
+/// net_sipsrv_close(), but not from inside the callback; on the network thread it does not wait, and users of the relay
+/// see their connection close instead. Null is ignored.
 INET_API void net_sips_close(net::Sips* sips) noexcept;

@@ -19,14 +19,23 @@ struct length_t {
     bool bad = false;
 };
 
+/// A field with its continuation lines (RFC 3261, 7.3.1).
+std::string_view take_field(std::string_view& head) noexcept {
+    const std::string_view whole = head;
+    do
+        scan::take(head, '\n');
+    while (!head.empty() && blanks.find(head.front()) != std::string_view::npos);
+    return whole.substr(0, whole.size() - head.size());
+}
+
 /// Content-Length, also in its compact form (RFC 3261, 20.14).
 length_t read_length(std::string_view head) noexcept {
     length_t found;
     while (!head.empty()) {
-        const scan::pair field = scan::split(scan::take(head, '\n'), ':');
+        const scan::pair field = scan::split(take_field(head), ':');
         const std::string_view name = scan::trim(field.key, blanks);
         if (!field.has_value || (!scan::same_name(name, "Content-Length") && !scan::same_name(name, "l"))) continue;
-        const std::string_view text = scan::trim(field.value, " \t\r");
+        const std::string_view text = scan::trim(field.value, " \t\r\n");
         uint32_t value = 0;
         const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
         const bool good = error == std::errc() && end == text.data() + text.size();
@@ -62,6 +71,7 @@ piece_t cut(std::string_view bytes, bool datagram) noexcept {
     const size_t rest = bytes.size() - piece.head.size();
     size_t wanted = length.value.value_or(datagram ? static_cast<uint32_t>(rest) : 0);
     if (length.bad) wanted = 0;
+    piece.has_length = length.value.has_value();
     piece.bad_length = length.bad;
     if (wanted > rest && datagram) {
         piece.short_body = true;

@@ -21,6 +21,7 @@ struct piece_t {
     uint32_t used = 0;
     std::string_view head = {};
     std::string_view body = {};
+    bool has_length = false;  ///< it brought a Content-Length
     bool short_body = false;  ///< of a datagram: Content-Length tells of more bytes than came
     bool bad_length = false;  ///< Content-Length is no number, or given twice with different values
 };

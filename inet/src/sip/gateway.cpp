@@ -3,6 +3,8 @@
 #include "scan.h"
 #include "sip/agent.h"
 
+#include "core/time.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -11,7 +13,9 @@ namespace net {
 namespace {
 
 constexpr unsigned usual_port = 5060;
-constexpr size_t most_late = 2 * sip::most_calls;
+constexpr uint64_t longest_close = sip::second;
+constexpr uint64_t close_step = 10 * sip::ms;
+constexpr size_t most_late = size_t{2} * sip::most_calls;
 
 struct value_list_deleter {
     void operator()(value_t** list) const noexcept { core_value_free(list); }
@@ -20,11 +24,10 @@ struct value_list_deleter {
 }  // namespace
 
 Sips::Sips(const sips_info& info, const char* file, int line)
-    : info_(info), file_(file), line_(line), ending_(info.nt, this, [](void* of) {
-          auto& self = *static_cast<Sips*>(of);
-          net_sip_close(std::exchange(self.agent_, nullptr));
-          net_sipsrv_close(std::exchange(self.server_, nullptr));
-      }) {
+    : info_(info),
+      file_(file),
+      line_(line),
+      ending_(info.nt, this, [](void* of, bool may_wait) { return static_cast<Sips*>(of)->shut_down(may_wait); }) {
     late_.reserve(most_late);
     name_ = info.name;
     password_ = scan::text(info.password);
@@ -36,6 +39,32 @@ Sips::Sips(const sips_info& info, const char* file, int line)
 
 Sips::~Sips() {
     if (agent_ || server_) ending_.run();
+}
+
+/// Hangs up, and stays until it was heard: what the users of the relay are told goes through it. A lost datagram is sent
+/// again meanwhile.
+uint64_t Sips::shut_down(bool may_wait) noexcept {
+    const uint64_t now = core_timer();
+    if (closes_at_ == 0) {
+        closes_at_ = now + longest_close;
+        while (!bridges_.empty())
+            end(*bridges_.back(), nullptr);
+    }
+    if (may_wait && now < closes_at_ && awaits_answers()) return now + close_step;
+    net_sip_unregister(outside_);
+    net_sip_unregister(inside_);
+    net_sip_close(std::exchange(agent_, nullptr));
+    net_sipsrv_close(std::exchange(server_, nullptr));
+    return 0;
+}
+
+/// To what ends calls.
+bool Sips::awaits_answers() const noexcept {
+    if (!agent_) return false;
+    return !late_.empty() || std::ranges::any_of(agent_->requests, [](const auto& each) {
+        const std::string_view method = each->method;
+        return !each->gone && !each->incoming && (method == "BYE" || method == "CANCEL");
+    });
 }
 
 bool Sips::open() noexcept {
@@ -104,7 +133,7 @@ core::owned_object<sip::bridge> Sips::make_bridge() noexcept {
 }
 
 void Sips::take_call(sip_user& caller) noexcept {
-    core::owned_object<sip::bridge> made = make_bridge();
+    core::owned_object<sip::bridge> made = closes_at_ ? nullptr : make_bridge();
     if (!made) return net_sip_decline(&caller);
     sip::bridge& call = *made;
     call.caller = &caller;
@@ -171,7 +200,7 @@ sip::bridge* Sips::find(const sip_user& party) noexcept {
 }
 
 void Sips::tell(uint32_t event, const char* who) noexcept {
-    if (info_.on_event) info_.on_event(info_.user, event, who);
+    if (info_.on_event && !closes_at_) info_.on_event(info_.user, event, who);
 }
 
 }  // namespace net

@@ -42,6 +42,8 @@ private:
     static void on_account(void* arg, void* object, uint32_t event, const char* text) noexcept;
     static void on_frame(void* arg, sip_user* party, av::frame_t* frame) noexcept;
     void register_accounts() noexcept;
+    uint64_t shut_down(bool may_wait) noexcept;
+    bool awaits_answers() const noexcept;
     void take_call(sip_user& caller) noexcept;
     core::owned_object<sip::bridge> make_bridge() noexcept;
     void ring(sip::bridge& call, sip_account* account, const char* name) noexcept;
@@ -63,6 +65,7 @@ private:
     sip_account* inside_ = nullptr;
     core::vector<core::owned_object<sip::bridge>> bridges_;
     core::vector<sip_user*> late_;  ///< to be hung up when they ring: until then the relay cannot end their calls
+    uint64_t closes_at_ = 0;        ///< while it closes: at the latest
     sip::ending ending_;
 };
 

@@ -138,6 +138,7 @@ const char* known_method(std::string_view method) noexcept {
 
 owned_header read(std::string_view head) {
     core::string text(head.begin(), head.end());
+    std::ranges::replace(text, '\0', ' ');  // a text would end there
     for (size_t at = text.find("\r\n"); at != core::string::npos && at + 2 < text.size();
          at = text.find("\r\n", at + 2)) {
         if (blanks.find(text[at + 2]) != std::string_view::npos) text[at] = text[at + 1] = ' ';

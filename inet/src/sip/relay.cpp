@@ -2,7 +2,8 @@
 #include "sip/relay.h"
 
 #include "scan.h"
-#include "sip/framing.h"
+
+#include "core/time.h"
 
 #include <algorithm>
 
@@ -10,16 +11,20 @@ namespace sip {
 
 namespace {
 
-/// Another reader takes a line that ends otherwise for a part of its neighbour: what is forwarded must mean the same to
-/// everybody.
+// What is forwarded must mean the same to everybody: another reader takes a line that ends otherwise for a part of its
+// neighbour, and a text that holds a NUL for one that ends there. Behind the first line we add fields: it goes no further.
+
 bool has_plain_lines(std::string_view head) noexcept {
+    const char second = head[head.find('\n') + 1];
+    if (second == ' ' || second == '\t') return false;
     for (size_t i = 0; i < head.size(); ++i) {
-        if (head[i] == '\0') return false;
         if (head[i] == '\n' && (i == 0 || head[i - 1] != '\r')) return false;
         if (head[i] == '\r' && (i + 1 == head.size() || head[i + 1] != '\n')) return false;
     }
     return true;
 }
+
+bool has_nul(std::string_view head) noexcept { return head.find('\0') != std::string_view::npos; }
 
 }  // namespace
 
@@ -52,7 +57,17 @@ bool relay::reaches(std::string_view name) noexcept {
     return found && found->at;
 }
 
+/// A console is slow, and a peer must not fill it; the log has every line.
+bool relay::may_print() noexcept {
+    const uint64_t now = core_timer() / 1'000'000;
+    if (now != printed_in_) printed_ = 0;
+    printed_in_ = now;
+    return printed_++ < most_printed;
+}
+
 void relay::bind(relay_user& user, party& to) noexcept {
+    if (to.user == &user) return;
+    listed_ = false;
     if (to.user) to.user->at = nullptr;
     if (user.at) user.at->user = nullptr;
     user.at = &to;
@@ -62,6 +77,7 @@ void relay::bind(relay_user& user, party& to) noexcept {
 void relay::forget(party& gone) noexcept {
     if (gone.user) gone.user->at = nullptr;
     gone.user = nullptr;
+    listed_ = false;
     std::erase(waiting_, &gone);
 }
 
@@ -72,7 +88,8 @@ uint32_t relay::take(party& from, std::string_view bytes) noexcept {
         if (piece.what == cut_t::more) return used;
         uint32_t step = piece.used;
         try {
-            if (piece.what == cut_t::message) step = take_message(from, piece.head, piece.body, piece.bad_length);
+            if (piece.what == cut_t::skipped) take_line_ends(from, bytes.substr(used, piece.used));
+            if (piece.what == cut_t::message) step = take_message(from, piece);
             if (piece.what == cut_t::broken) lose(from);
         } catch (const std::bad_alloc&) {
             core_log_err("sip server: out of memory");
@@ -83,40 +100,54 @@ uint32_t relay::take(party& from, std::string_view bytes) noexcept {
     return static_cast<uint32_t>(bytes.size());  // of a lost one nothing is kept
 }
 
+/// Two line ends between messages ask whether the connection lives; one answers (RFC 5626, 4.4.1).
+void relay::take_line_ends(party& from, std::string_view ends) {
+    if (ends.front() == '$') return;
+    for (const char c : ends) {
+        if (c != '\n' || ++from.line_ends % 2 != 0) continue;
+        head_ = "\r\n";
+        send(from, {});
+    }
+}
+
 /// @return how much of it is done with
-uint32_t relay::take_message(party& from, std::string_view head, std::string_view body, bool bad_length) {
-    const auto size = static_cast<uint32_t>(head.size() + body.size());
+uint32_t relay::take_message(party& from, const piece_t& message) {
+    const std::string_view head = message.head;
+    from.line_ends = 0;
     owned_header header = has_plain_lines(head) ? read(head) : nullptr;
     if (!header || (!header->method && header->status == 0)) {
         const auto shown = static_cast<int>(head.size());
         core_log_print(log, "sip header parse failed:\n%.*s", shown, head.data());
-        core_con_printf(0, "sip header parse failed:\n%.*s", shown, head.data());
+        if (may_print()) core_con_printf(0, "sip header parse failed:\n%.*s", shown, head.data());
         return static_cast<uint32_t>(head.size());
     }
     if (core_log_wanted(log))  // the body stands behind the head
-        core_log_print(log, "in %s:%u\n%.*s", from.peer.c_str(), from.peer_port, static_cast<int>(size), head.data());
-    if (bad_length) {  // nobody knows where the next message begins
+        core_log_print(log, "in %s:%u\n%.*s", from.peer.c_str(), from.peer_port, static_cast<int>(message.used),
+                       head.data());
+    if (message.bad_length) {  // nobody knows where the next message begins
         if (header->method) answer(from, *header, 400);
         lose(from);
     } else if (header->method) {
-        take_request(from, *header, head, body);
-    } else if (const relay_user* caller = find(user_of(field(*header, "From"))); caller && caller->at) {
-        pass_on(*caller->at, head.substr(0, head.find("\r\n")), head, body);
+        take_request(from, *header, message);
+    } else if (const relay_user* caller = find(user_of(field(*header, "From")));
+               caller && caller->at && !has_nul(head)) {
+        pass_on(*caller->at, head.substr(0, head.find("\r\n")), message);
     }
-    return size;
+    return message.used;
 }
 
-void relay::take_request(party& from, const header_t& header, std::string_view head, std::string_view body) {
+void relay::take_request(party& from, const header_t& header, const piece_t& message) {
     const std::string_view method = header.method;
     relay_user* const sender = find(user_of(field(header, "From")));
     if (!sender) return answer(from, header, 404);
     if (method == "REGISTER") return take_register(from, *sender, header);
-    if (method == "INVITE") return take_invite(from, *sender, header, head, body);
     if (method == "SUBSCRIBE") return take_subscribe(from, *sender, header);
-    if (method != "ACK" && method != "BYE") return refuse(from, header, method);
+    if (method != "INVITE" && method != "ACK" && method != "BYE") return refuse(from, header, method);
+    if (has_nul(message.head)) return answer(from, header, 400);
+    if (method == "INVITE") return take_invite(from, *sender, header, message);
     const relay_user* const target = find(user_of(field(header, "To")));
     if (!target || !target->at) return answer(from, header, 480);
-    forward(*target, method, head, body);
+    forward(from, *target->at, method, message);
 }
 
 void relay::take_register(party& from, relay_user& sender, const header_t& header) {
@@ -127,8 +158,7 @@ void relay::take_register(party& from, relay_user& sender, const header_t& heade
     answer(from, header, 200);
 }
 
-void relay::take_invite(party& from, relay_user& sender, const header_t& header, std::string_view head,
-                        std::string_view body) {
+void relay::take_invite(party& from, relay_user& sender, const header_t& header, const piece_t& message) {
     if (sender.at != &from) {
         bind(sender, from);
         core_log_print(log, "перерегистрация %s на порт %s:u", sender.name.c_str(), from.peer.c_str());
@@ -137,7 +167,7 @@ void relay::take_invite(party& from, relay_user& sender, const header_t& header,
     if (!target) return;
     if (!target->at) return answer(from, header, 480);
     answer(from, header, 100);
-    forward(*target, "INVITE", head, body);
+    forward(from, *target->at, "INVITE", message);
 }
 
 /// One who has not registered yet is announced to once it has.
@@ -150,7 +180,7 @@ void relay::take_subscribe(party& from, relay_user& sender, const header_t& head
 void relay::refuse(party& from, const header_t& header, std::string_view method) {
     const auto shown = static_cast<int>(method.size());
     core_log_print(log, "%.*s - не реализован", shown, method.data());
-    core_con_printf(0, "sip server: %.*s - не реализован", shown, method.data());
+    if (may_print()) core_con_printf(0, "sip server: %.*s - не реализован", shown, method.data());
     answer(from, header, 405);
 }
 

@@ -2,6 +2,7 @@
 // come in with take(), and what goes out waits in the output of the parties until their owner sends it.
 #pragma once
 
+#include "sip/framing.h"
 #include "sip/message.h"
 
 #include "core/buf.h"
@@ -19,7 +20,8 @@ struct party;
 /// An entry of the table.
 struct relay_user {
     core::string name, value;
-    party* at = nullptr;  ///< null while it is not registered
+    party* at = nullptr;                  ///< null while it is not registered
+    size_t listed_at = 0, listed_to = 0;  ///< its part of the list of names
 };
 
 /// One connection.
@@ -28,9 +30,12 @@ struct party {
 
     core::string peer, local;  ///< dotted addresses
     unsigned peer_port = 0;
+    core::string route;  ///< for Record-Route: where it has reached us; may be empty
     relay_user* user = nullptr;
-    bool presence = false;  ///< SUBSCRIBE came
-    uint32_t notified = 0;  ///< number of the last NOTIFY
+    bool presence = false;   ///< SUBSCRIBE came
+    uint32_t notified = 0;   ///< number of the last NOTIFY
+    bool outdated = false;   ///< a NOTIFY was left out
+    uint32_t line_ends = 0;  ///< since the last message
     buf_t out;
     bool waits = false;  ///< stands in relay::waiting()
     bool lost = false;   ///< a bound is passed: it has to be closed, nothing more is taken or sent
@@ -38,7 +43,9 @@ struct party {
 
 class relay {
 public:
-    static constexpr uint32_t most_output = 1024 * 1024;
+    static constexpr uint32_t most_output = 256 * 1024;
+    static constexpr uint32_t most_printed = 20;          ///< on the console, in a second
+    static constexpr uint32_t most_presence = 64 * 1024;  ///< waiting, for a NOTIFY to be added
 
     /// Throws std::bad_alloc.
     relay(value_t* const* users, const char* file, int line);
@@ -50,6 +57,8 @@ public:
     /// Makes room for so many parties; throws std::bad_alloc. forget() is to be called before it goes.
     void expect(size_t parties) { waiting_.reserve(parties); }
     void forget(party& gone) noexcept;
+    /// To be called when the output of a party is gone: sends the presence that it has missed.
+    void catch_up(party& to) noexcept;
 
     /// Whether a user of that name is bound.
     bool reaches(std::string_view name) noexcept;
@@ -61,20 +70,22 @@ public:
 
 private:
     // relay.cpp
-    uint32_t take_message(party& from, std::string_view head, std::string_view body, bool bad_length);
-    void take_request(party& from, const header_t& header, std::string_view head, std::string_view body);
+    void take_line_ends(party& from, std::string_view ends);
+    uint32_t take_message(party& from, const piece_t& message);
+    void take_request(party& from, const header_t& header, const piece_t& message);
     void take_register(party& from, relay_user& sender, const header_t& header);
-    void take_invite(party& from, relay_user& sender, const header_t& header, std::string_view head,
-                     std::string_view body);
+    void take_invite(party& from, relay_user& sender, const header_t& header, const piece_t& message);
     void take_subscribe(party& from, relay_user& sender, const header_t& header);
     void refuse(party& from, const header_t& header, std::string_view method);
+    bool may_print() noexcept;
     relay_user* find(std::string_view name) noexcept;
     void bind(relay_user& user, party& to) noexcept;
 
     // relay_output.cpp
     void answer(party& to, const header_t& header, unsigned status);
-    void forward(const relay_user& to, std::string_view method, std::string_view head, std::string_view body);
-    void pass_on(party& to, std::string_view start, std::string_view head, std::string_view body);
+    void forward(const party& from, party& to, std::string_view method, const piece_t& message);
+    void pass_on(party& to, std::string_view start, const piece_t& message);
+    void list_names();
     void announce(const relay_user& to);
     void send(party& to, std::string_view body);
     void lose(party& which) noexcept;
@@ -85,7 +96,12 @@ private:
     core::vector<relay_user> users_;     ///< in the order given
     core::vector<relay_user*> by_name_;  ///< sorted
     core::vector<party*> waiting_;
-    core::string head_;  ///< of what is being sent
+    core::string head_;   ///< of what is being sent
+    core::string names_;  ///< of all bound users, each in quotation marks behind a comma
+    bool listed_ = false;
+    core::string list_;  ///< that is being sent
+    uint32_t printed_ = 0;
+    uint64_t printed_in_ = 0;  ///< second of core_timer()
 };
 
 }  // namespace sip

@@ -12,14 +12,6 @@ namespace {
 constexpr std::string_view server_name = "Norvane-K Sip Server";
 constexpr std::string_view server_methods = "ACK, BYE, CANCEL, INVITE, MESSAGE, OPTIONS";
 
-bool has_length(std::string_view fields) noexcept {
-    while (!fields.empty()) {
-        const std::string_view name = scan::trim(scan::split(scan::take(fields, '\n'), ':').key, " \t");
-        if (scan::same_name(name, "Content-Length") || scan::same_name(name, "l")) return true;
-    }
-    return false;
-}
-
 }  // namespace
 
 /// Every Via is copied: an answer goes back the whole way.
@@ -38,30 +30,53 @@ void relay::answer(party& to, const header_t& header, unsigned status) {
     send(to, {});
 }
 
-/// The target is bound.
-void relay::forward(const relay_user& to, std::string_view method, std::string_view head, std::string_view body) {
-    const core::string start = join({method, " sip:", to.name, "@", to.at->local, " SIP/2.0"});
-    pass_on(*to.at, start, head, body);
+/// The target is bound. Phones say what follows in a call by way of those that its INVITE names (RFC 3261, 16.6): else
+/// they would connect to each other, where nobody listens.
+void relay::forward(const party& from, party& to, std::string_view method, const piece_t& message) {
+    core::string start = join({method, " sip:", to.user->name, "@", to.local, " SIP/2.0"});
+    const bool call = method == "INVITE";
+    if (call && !to.route.empty()) start.append("\r\nRecord-Route: ").append(to.route);
+    if (call && from.route != to.route) start.append("\r\nRecord-Route: ").append(from.route);
+    pass_on(to, start, message);
 }
 
-/// @param head  as it came: its fields go on unchanged
-void relay::pass_on(party& to, std::string_view start, std::string_view head, std::string_view body) {
-    const std::string_view fields = head.substr(head.find("\r\n") + 2);
+/// The fields go on as they came.
+void relay::pass_on(party& to, std::string_view start, const piece_t& message) {
+    const std::string_view fields = message.head.substr(message.head.find("\r\n") + 2);
     head_.clear();
     head_.append(start).append("\r\n");
-    if (!has_length(fields)) head_.append("Content-Length: 0\r\n");  // it came without a body
+    if (!message.has_length) head_.append("Content-Length: 0\r\n");  // it came without a body
     head_.append(fields);
-    send(to, body);
+    send(to, message.body);
 }
 
-/// A NOTIFY, if the user has subscribed.
+/// The list is the same for everybody, but for the own name.
+void relay::list_names() {
+    if (listed_) return;
+    names_.clear();
+    for (relay_user& each : users_) {
+        each.listed_at = names_.size();
+        if (each.at) names_.append(",\"").append(each.name).append("\"");
+        each.listed_to = names_.size();
+    }
+    listed_ = true;
+}
+
+/// A NOTIFY, if the user has subscribed. Who is far behind gets the newest one later, so that nobody who registers over
+/// and over has others closed.
 void relay::announce(const relay_user& to) {
     if (!to.at || !to.at->presence) return;
     party& there = *to.at;
-    core::string names("[");
-    for (const relay_user& each : users_)
-        if (each.at && &each != &to) names.append(names.size() > 1 ? ",\"" : "\"").append(each.name).append("\"");
-    names.append("]");
+    there.outdated = there.out.length > most_presence;
+    if (there.outdated) return;
+    list_names();
+    const std::string_view names = names_;
+    list_.clear();
+    list_.append(names.substr(0, to.listed_at)).append(names.substr(to.listed_to)).append("]");
+    if (list_.size() > 1)
+        list_.front() = '[';  // in place of the first comma
+    else
+        list_.insert(0, "[");
     head_.clear();
     head_.append("NOTIFY sip:").append(to.name).append("@").append(there.local).append(" SIP/2.0\r\n");
     put(head_, "To", {"<sip:", to.name, "@", there.local, ">"});
@@ -69,9 +84,18 @@ void relay::announce(const relay_user& to) {
     put(head_, "CSeq", {number_text(++there.notified), " NOTIFY"});
     put(head_, "User-Agent", {server_name});
     put(head_, "Content-Type", {"application/pidf-xml"});
-    put(head_, "Content-Length", {number_text(static_cast<uint32_t>(names.size()))});
+    put(head_, "Content-Length", {number_text(static_cast<uint32_t>(list_.size()))});
     head_.append("\r\n");
-    send(there, names);
+    send(there, list_);
+}
+
+void relay::catch_up(party& to) noexcept {
+    if (!to.outdated || !to.user) return;
+    try {
+        announce(*to.user);
+    } catch (const std::bad_alloc&) {
+        core_log_err("sip server: out of memory");
+    }
 }
 
 /// Queues head_ and the body. All of it or nothing: half a message would spoil what follows.

@@ -15,6 +15,8 @@ namespace {
 constexpr uint32_t usual_room = 16 * 1024;
 constexpr uint32_t largest_room = max_header + max_body;
 constexpr uint32_t kept_output = 16 * 1024;
+constexpr unsigned longest_part = 32;   // seconds until the rest of a message has come
+constexpr unsigned longest_stall = 32;  // seconds without reading
 
 core::string dotted(const sockaddr_in& address) {
     char text[net_addr_size];
@@ -35,7 +37,9 @@ connection::~connection() {
 bool connection::open(int fd, const sockaddr_in& from, const char* file, int line) {
     peer = dotted(from);
     peer_port = net_addr_port(from);
-    local = dotted(net_socket_near(fd));
+    const sockaddr_in near = net_socket_near(fd);
+    local = dotted(near);
+    route = join({"<sip:", local, ":", number_text(net_addr_port(near)), ";transport=tcp;lr>"});
     tcp_ = net::Tcp::create(file, line);
     if (!tcp_) return false;
     tcp_->set_handler(this);
@@ -49,16 +53,26 @@ void connection::flush() noexcept {
     if (out.length == 0 && out.size > kept_output) core_buf_free(&out);
 }
 
+bool connection::second() noexcept {
+    unfinished_ = holds_part_ ? unfinished_ + 1 : 0;
+    return unfinished_ <= longest_part && tcp_->second() <= longest_stall;
+}
+
 void connection::on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept {
     const uint32_t used = server_.take(*this, {reinterpret_cast<const char*>(received->data), received->length});
     core_buf_ignore(received, used);
+    if (used > 0) unfinished_ = 0;
+    holds_part_ = received->length > 0;
     const bool roomy = received->length == received->size || (roomy_ && received->length > 0);
     if (roomy != roomy_) tcp->set_room(roomy ? largest_room : usual_room);
     roomy_ = roomy;
     server_.settle();
 }
 
-void connection::on_tcp_writable(net::Tcp*) noexcept { flush(); }
+void connection::on_tcp_writable(net::Tcp*) noexcept {
+    server_.send(*this);
+    server_.settle();
+}
 
 void connection::on_tcp_closed(net::Tcp*, int) noexcept { server_.remove(*this); }
 
@@ -67,13 +81,16 @@ void connection::on_tcp_closed(net::Tcp*, int) noexcept { server_.remove(*this);
 namespace net {
 
 SipServer::SipServer(nt_ctx* nt, value_t* const* users, const char* file, int line)
-    : nt_(nt), file_(file), line_(line), relay_(users, file, line), ending_(nt, this, [](void* of) {
+    : nt_(nt), file_(file), line_(line), relay_(users, file, line), ending_(nt, this, [](void* of, bool) {
           static_cast<SipServer*>(of)->shut_down();
+          return uint64_t{0};
       }) {}
 
 bool SipServer::prepare() noexcept {
     relay_.log = core_log_create(file_, line_, "sip.server");
-    return relay_.log && ending_.prepare(file_, line_);
+    if (!relay_.log || !ending_.prepare(file_, line_)) return false;
+    net_nt_timer_set(nt_, clock_, 1, this, on_second);
+    return clock_ != nullptr;
 }
 
 SipServer::~SipServer() { core_log_free(relay_.log); }
@@ -103,10 +120,35 @@ void SipServer::on_accept(void* arg, int fd, const sockaddr_in* peer) noexcept {
 bool SipServer::accept(int fd, const sockaddr_in& peer) {
     connections_.reserve(connections_.size() + 1);
     relay_.expect(connections_.size() + 1);
-    core::owned_object<sip::connection> made(core::create<sip::connection>(file_, line_, *this, nt_));
+    core::owned_object<sip::connection> made = make_connection();
+    const auto unused = std::ranges::find_if(connections_, [](const auto& each) { return !each->user; });
+    if (made && !made->has_place() && unused != connections_.end()) {
+        remove(**unused);
+        made.reset();  // and with it a place that it counted as too many
+        made = make_connection();
+    }
     if (!made || !made->has_place() || !made->open(fd, peer, file_, line_)) return false;
     connections_.push_back(std::move(made));
     return true;
+}
+
+core::owned_object<sip::connection> SipServer::make_connection() noexcept {
+    return core::owned_object<sip::connection>(core::create<sip::connection>(file_, line_, *this, nt_));
+}
+
+void SipServer::on_second(void* arg, timer_ctx*) noexcept {
+    auto& self = *static_cast<SipServer*>(arg);
+    for (size_t i = self.connections_.size(); i-- > 0;)
+        if (sip::connection& each = *self.connections_[i]; !each.second()) {
+            each.lost = true;
+            each.flush();
+            self.remove(each);
+        }
+}
+
+void SipServer::send(sip::connection& to) noexcept {
+    to.flush();
+    if (to.out.length == 0) relay_.catch_up(to);
 }
 
 void SipServer::settle() noexcept {
@@ -115,7 +157,7 @@ void SipServer::settle() noexcept {
         auto& next = static_cast<sip::connection&>(*waiting.back());
         waiting.pop_back();
         next.waits = false;
-        next.flush();
+        send(next);
         if (next.lost) remove(next);
     }
 }
@@ -126,6 +168,7 @@ void SipServer::remove(sip::connection& gone) noexcept {
 }
 
 void SipServer::shut_down() noexcept {
+    net_nt_timer_set(nt_, clock_, 0, this, on_second);
     net_tcp_close(listener_);
     while (!connections_.empty())
         remove(*connections_.back());

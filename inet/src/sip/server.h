@@ -26,6 +26,8 @@ public:
     bool open(int fd, const sockaddr_in& from, const char* file, int line);
     /// Sends what the system takes. A lost connection is reset when something is left.
     void flush() noexcept;
+    /// To be called once a second. @return false when the peer has been awaited for too long
+    bool second() noexcept;
 
 private:
     void on_tcp_received(net::Tcp* tcp, buf_t* received) noexcept override;
@@ -36,7 +38,9 @@ private:
     net::nt_ctx* const nt_;
     const uint32_t taken_;
     net::Tcp* tcp_ = nullptr;
-    bool roomy_ = false;  ///< the room is that of the longest message
+    bool roomy_ = false;       ///< the room is that of the longest message
+    unsigned unfinished_ = 0;  ///< seconds for which a part of a message has been held
+    bool holds_part_ = false;
 };
 
 }  // namespace sip
@@ -62,13 +66,16 @@ public:
 
     // The connections' side.
     uint32_t take(sip::party& from, std::string_view bytes) noexcept { return relay_.take(from, bytes); }
+    void send(sip::connection& to) noexcept;
     /// Sends what waits and removes who is lost: also the caller, perhaps.
     void settle() noexcept;
     void remove(sip::connection& gone) noexcept;
 
 private:
     static void on_accept(void* arg, int fd, const sockaddr_in* peer) noexcept;
+    static void on_second(void* arg, timer_ctx* timer) noexcept;
     bool accept(int fd, const sockaddr_in& peer);
+    core::owned_object<sip::connection> make_connection() noexcept;
     void shut_down() noexcept;
 
     nt_ctx* const nt_;
@@ -78,7 +85,8 @@ private:
     unsigned port_ = 0;
     sip::relay relay_;
     sip::ending ending_;
-    core::vector<core::owned_object<sip::connection>> connections_;
+    timer_ctx* clock_ = nullptr;
+    core::vector<core::owned_object<sip::connection>> connections_;  ///< the oldest first
 };
 
 }  // namespace net
