@@ -122,12 +122,15 @@ void channel::report(const buf_t& packet) noexcept {
 void channel::on_rtp_packet(rtp::Port*, buffer_t packet, bool restarted) noexcept {
     for (rtp::trak_t** each = in_.traks; restarted && each && *each; ++each)
         (*each)->seq = 0;
-    last_data_ = core_timer();
+    last_data_ = heard_ = core_timer();
     in_.set_arrival(last_data_);
     in_.unpack_rtp(packet);
 }
 
-void channel::on_rtcp_packet(rtp::Port*, buffer_t packet) noexcept { in_.unpack_rtc(packet); }
+void channel::on_rtcp_packet(rtp::Port*, buffer_t packet) noexcept {
+    heard_ = core_timer();
+    in_.unpack_rtc(packet);
+}
 
 void channel::take_data(rtp::trak_t& from) noexcept {
     const std::span<const uint8_t> data(from.frame.data, from.frame.length);

@@ -11,6 +11,7 @@
 #include "inet/rtp_port.h"
 #include "inet/rtp_protocol.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string_view>
 
@@ -60,6 +61,8 @@ public:
     void send_pictures(rtp::Packets& packets) noexcept;
     void send_sound(const av::frame_t& frame) noexcept;
     void tick(uint64_t now) noexcept;
+    /// core_timer() of the last packet; 0 for none.
+    uint64_t heard() const noexcept { return heard_; }
 
 private:
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
@@ -86,6 +89,7 @@ private:
     int64_t ticks_ = 0;
     uint64_t begun_ = 0;      ///< time_now() of the first frame
     uint64_t last_data_ = 0;  ///< core_timer()
+    uint64_t heard_ = 0;      ///< the same of all packets
 
     uint8_t piece_[160] = {};  ///< 20 ms of sound
     uint32_t held_ = 0;
@@ -116,6 +120,7 @@ public:
         if (audio_) audio_->send_sound(frame);
     }
     void tick(uint64_t now) noexcept;
+    uint64_t heard() const noexcept { return is_open() ? std::max(audio_->heard(), video_->heard()) : 0; }
 
 private:
     void on_frame(av::frame_t& frame) noexcept override;
