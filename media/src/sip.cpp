@@ -82,7 +82,7 @@ bool service_t::order(void (*run)(part_t& part, uint32_t call, const char* text)
     if (text) made->text.reset(core_strdup(text, CORE_HERE));
     const std::lock_guard held(lock_);
     if ((text && !made->text) || !on_ || !on_->call(run_order, made.get())) return false;
-    made.release();
+    static_cast<void>(made.release());  // run_order() takes it
     return true;
 }
 
