@@ -120,9 +120,10 @@ void channel::report(const buf_t& packet) noexcept {
 }
 
 void channel::on_rtp_packet(rtp::Port*, buffer_t packet, bool restarted) noexcept {
+    heard_ = core_timer();
     for (rtp::trak_t** each = in_.traks; restarted && each && *each; ++each)
         (*each)->seq = 0;
-    last_data_ = heard_ = core_timer();
+    last_data_ = heard_;
     in_.set_arrival(last_data_);
     in_.unpack_rtp(packet);
 }

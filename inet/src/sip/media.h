@@ -61,8 +61,7 @@ public:
     void send_pictures(rtp::Packets& packets) noexcept;
     void send_sound(const av::frame_t& frame) noexcept;
     void tick(uint64_t now) noexcept;
-    /// core_timer() of the last packet; 0 for none.
-    uint64_t heard() const noexcept { return heard_; }
+    uint64_t heard() const noexcept { return heard_; }  ///< core_timer() of the last packet, 0 for none
 
 private:
     void on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept override;
@@ -89,7 +88,7 @@ private:
     int64_t ticks_ = 0;
     uint64_t begun_ = 0;      ///< time_now() of the first frame
     uint64_t last_data_ = 0;  ///< core_timer()
-    uint64_t heard_ = 0;      ///< the same of all packets
+    uint64_t heard_ = 0;
 
     uint8_t piece_[160] = {};  ///< 20 ms of sound
     uint32_t held_ = 0;
