@@ -14,7 +14,6 @@ namespace {
 constexpr uint64_t second_us = 1'000'000;
 constexpr uint64_t longest_wait = 32 * second_us;  // for the registration
 constexpr uint64_t soon = 10'000;
-constexpr uint64_t longest_ack = second_us / 2;
 constexpr uint64_t least_step = 1000;  // between two pictures: equal times would make one of them
 constexpr const char* digits_known = "0123456789*#ABCD";
 
@@ -65,10 +64,8 @@ void call_t::begin() noexcept {
     owner_.on().wake(*this);
 }
 
-/// Whether the other end has read our answer: before, it may take nothing. Behind some relays its ACK does not get here.
-bool call_t::is_awaited(uint64_t now) const noexcept {
-    return net_sip_user_confirmed(party_) || net_sip_user_heard(party_) || now - since_ > longest_ack;
-}
+/// Whether the other end has read our answer: before, it may take nothing. Nor is it known that whoever called is there.
+bool call_t::is_awaited() const noexcept { return net_sip_user_confirmed(party_) || net_sip_user_heard(party_); }
 
 bool call_t::start(uint64_t now) noexcept {
     starts_ = false;
@@ -114,7 +111,7 @@ void call_t::second() noexcept {
 // What is past goes out at a multiple of its pace, with the times at which it goes: the other end shows it as it comes.
 uint64_t call_t::serve(uint64_t now) noexcept {
     if (starts_ && !finished_) {
-        if (!is_awaited(now)) return now + soon;
+        if (!is_awaited()) return now + soon;
         if (!start(now)) return 0;
     }
     while (approach_.under_way()) {

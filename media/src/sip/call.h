@@ -49,7 +49,7 @@ private:
     static void on_frame(void* arg, net::sip_user* party, av::frame_t* frame) noexcept;
     void take(const av::frame_t& frame) noexcept;
     void begin() noexcept;
-    bool is_awaited(uint64_t now) const noexcept;
+    bool is_awaited() const noexcept;
     bool start(uint64_t now) noexcept;
     bool go_live() noexcept;
     void send(const entry_t& entry, uint64_t time) noexcept;
