@@ -71,7 +71,7 @@ build_tools=(g++ cmake ninja-build)
 package_tools=(dpkg-dev file)
 test_tools=(libgtest-dev libbenchmark-dev libssl-dev libexpat1-dev pkg-config ffmpeg libjpeg-turbo-progs curl
     gstreamer1.0-tools gstreamer1.0-plugins-good vlc-bin vlc-plugin-base python3 iproute2 sip-tester chromium nginx-light
-    libnginx-mod-rtmp "${package_tools[@]}")
+    libnginx-mod-rtmp kamailio baresip-core baresip-ffmpeg "${package_tools[@]}")
 fuzz_tools=(clang libclang-rt-14-dev)
 windows_tools=(g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine64 googletest)
 check_tools=(clang-format clang-tidy)

@@ -2,6 +2,7 @@
 #include "clip_graph.h"
 #include "keeper.h"
 #include "options.h"
+#include "phone.h"
 #include "program.h"
 #include "sources.h"
 #include "web.h"
@@ -65,7 +66,7 @@ struct ports_t {
 
 /// @param lacks  ports that were wanted and could not be had
 void print_addresses(const std::vector<std::string>& paths, const camera::options& settings, media::station& station,
-                     const ports_t& ports, const char* lacks) {
+                     const camera::phone& phone, const ports_t& ports, const char* lacks) {
     const std::vector<std::string> hosts = reachable(settings.bind);
     if (const std::string lack = lack_of(settings.http_port, lacks); !lack.empty())
         std::printf("no page for browsers: %s; --http PORT takes another port\n", lack.c_str());
@@ -82,13 +83,17 @@ void print_addresses(const std::vector<std::string>& paths, const camera::option
     }
     if (const std::string lack = lack_of(settings.rtmp_port, lacks); !lack.empty())
         std::printf("no RTMP: %s; --rtmp PORT takes another port\n", lack.c_str());
+    if (!phone.address().empty()) std::printf("%s\n", phone.address().c_str());
+    if (!settings.sip_users.empty())
+        std::printf("SIP relay on port %u for %s\n", unsigned{settings.sip_port}, settings.sip_users.c_str());
     std::printf("ready; watch with: ffplay rtsp://%s:%u/%s   (Ctrl-C ends the camera)\n", hosts.front().c_str(),
                 unsigned{ports.rtsp}, apps::coded_path(paths.front().c_str()).c_str());
     std::fflush(stdout);
 }
 
 /// Shows the live line once a second until Ctrl-C, or until all has been sent.
-void show_status(const media::station& station, const camera::sources& sources, const camera::web& web) {
+void show_status(const media::station& station, const camera::sources& sources, const camera::web& web,
+                 const camera::phone& phone) {
     apps::status_line line;
     uint64_t shown = core_timer();
     apps::rate_of bytes;
@@ -99,7 +104,7 @@ void show_status(const media::station& station, const camera::sources& sources, 
         const media::station::totals_t totals = station.totals();
         if (sources.are_over() && totals.watching == 0) return;
         line.show("viewers %u   %.1f Mbit/s   pictures dropped %llu   sources %zu/%zu",
-                  totals.watching + web.film_viewers(), bytes.now(totals.bytes) * 8e-6,
+                  totals.watching + web.film_viewers() + phone.calls(), bytes.now(totals.bytes) * 8e-6,
                   static_cast<unsigned long long>(totals.dropped), sources.fetched(), sources.names().size());
         shown = now;
     }
@@ -171,6 +176,11 @@ int serve(const camera::options& settings) {
     if (!station.add(rtsp, &why) || (settings.rtmp_port && !station.add(rtmp, &why)) ||
         (settings.http_port && !web.open(settings, *rtsp, rtmp, kept.names(), why)))
         return fail(why.text);
+    if (!settings.sip_users.empty() && !station.add(camera::sip_relay(settings), &why)) return fail(why.text);
+    camera::phone phone;
+    if (!phone.open(settings, station, paths.front(), why)) return fail(why.text);
+    if (without_aac && settings.sip && paths.front() == without_aac)
+        apps::complain(camera::program_name, settings.audio + ": calls have no sound");
     // Whatever fails from here on: the threads that use what stands here end first.
     const struct ending {
         camera::clip_graph& played;
@@ -183,12 +193,14 @@ int serve(const camera::options& settings) {
     if (!station.start(&why) || !fetched.start(why) || !web.start(why)) return fail(why.text);
     if (!played.start(station.thread_at(0).nt())) return fail("");
     if (!kept.start()) return fail("no thread for the recordings");
-    print_addresses(paths, settings, station, {rtsp->port(), web.port(), rtmp}, why.text);
+    if (!phone.start(why)) return fail(why.text);
+    print_addresses(paths, settings, station, phone, {rtsp->port(), web.port(), rtmp}, why.text);
     if (settings.timeout < players_patience) {
         apps::complain(camera::program_name, "--timeout " + std::to_string(settings.timeout) +
                                                  ": players that show life once a minute, as most do, will be cut");
     }
-    show_status(station, fetched, web);
+    show_status(station, fetched, web, phone);
+    phone.stop();
     played.stop();
     kept.stop();
     web.stop();

@@ -3,6 +3,7 @@
 
 #include "command_line.h"
 #include "program.h"
+#include "sip_address.h"
 
 #include "media/watcher.h"
 
@@ -44,6 +45,10 @@ struct options {
     bool discovery = true;                               ///< by WS-Discovery, with HTTP
     std::optional<uint16_t> rtmp_port = uint16_t{1935};  ///< none: nothing is served over RTMP
     bool rtmp_asked = false;                             ///< without its port the camera does not start
+    std::optional<apps::sip_address> sip;                ///< none: it takes no calls
+    uint16_t sip_port = 5060;                            ///< of the relay
+    bool sip_server = false;                             ///< its port was named
+    std::string sip_users;                               ///< of the relay, separated by ','; empty for no relay
     std::string multicast;                               ///< group; empty for no multicast
     uint16_t multicast_port = 5004;                      ///< of the first track's RTP; the others follow
     uint8_t ttl = 1;                                     ///< hops that multicast goes

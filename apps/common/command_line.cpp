@@ -5,7 +5,7 @@
 
 namespace apps {
 
-bool credentials::complete(std::string& error) {
+bool credentials::complete(std::string& error, bool both) {
     if (!password.empty() && !password_file.empty()) {
         error = "--password and --password-file: one of them";
         return false;
@@ -21,7 +21,7 @@ bool credentials::complete(std::string& error) {
     }
     const char* const from_environment = std::getenv(password_variable);
     if (!user.empty() && password.empty() && from_environment) password = from_environment;
-    if (user.empty() == password.empty()) return true;
+    if (user.empty() == password.empty() || (!both && password.empty())) return true;
     error = user.empty() ? "a password needs --user" : "--user needs --password, --password-file or INET_PASSWORD";
     return false;
 }

@@ -26,8 +26,9 @@ struct credentials {
     std::string password_file;
 
     /// Finds the password of the user: that of the option, the first line of the file, or the variable.
+    /// @param both  a user needs a password
     /// @return false with the reason in `error`: a file that cannot be read, a password without user or the other way
-    bool complete(std::string& error);
+    bool complete(std::string& error, bool both = true);
 };
 
 /// One option: `take` reads its value and answers false when it cannot be used.

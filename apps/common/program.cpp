@@ -26,6 +26,11 @@ bool nothing_held(const char* program) {
     return core_mem_report(print, const_cast<char*>(program)) == 0;
 }
 
+/// What is printed next does not stand behind the status line.
+void clear_status() {
+    if (core_con_is_terminal(1)) std::fputs("\r\x1b[K", stdout);
+}
+
 /// A message of the library is the program's.
 void pass_on(void* program, const log_line_t* line) {
     complain(static_cast<const char*>(program), showable(line->text));
@@ -63,10 +68,15 @@ int tell_about(const char* program, about_t what, const std::string& usage) {
 }
 
 void complain(const char* program, const std::string& message) {
-    // Not behind what stands in the status line.
-    if (core_con_is_terminal(1)) std::fputs("\r\x1b[K", stdout);
+    clear_status();
     std::fflush(stdout);
     std::fprintf(stderr, "%s: %s\n", program, message.c_str());
+}
+
+void report(const std::string& line) {
+    clear_status();
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
 }
 
 int run(const char* program, const std::string& log, const std::function<int()>& work) {

@@ -37,6 +37,9 @@ std::string showable(std::string_view text);
 /// Prints a message of the program to the error stream.
 void complain(const char* program, const std::string& message);
 
+/// Prints a line of the program to the output stream, at once.
+void report(const std::string& line);
+
 /// Runs `work` with the library started: console messages are complained of, and everything the library logs goes
 /// to the file `log` when it is named. Ctrl-C is noted from here on.
 /// @return what `work` returned; status_failed when the log cannot be written or memory is still held at the end, which

@@ -1,5 +1,6 @@
 // inet-viewer: receives a stream over RTSP, RTMP or HTTP, writes it to files and tells how it came. What comes over
 // HTTP and is no stream is one file.
+#include "call.h"
 #include "devices.h"
 #include "options.h"
 #include "platform/system.h"
@@ -108,7 +109,7 @@ struct receiver {
         const std::string text = event.text;
         using e = media::watch_event_t;
         if (event.what == e::saving) self->saved_as = text;
-        self->unfit = self->unfit || (event.what == e::tracks && self->options.unfit_for_stream());
+        self->unfit = self->unfit || (event.what == e::tracks && viewer::unfit_for_stream(self->options.outputs));
         if (self->unfit) return self->watcher.end();
         for (uint32_t i = 0; event.what == e::tracks && i < event.format_count; ++i)
             self->files.declare(event.formats[i]);
@@ -170,7 +171,7 @@ bool print(const media::watcher::status_t& status, std::FILE* out) {
 int receive(const viewer::options& settings) {
     media::recorder files;
     media::failure_t why;
-    const bool to_output = settings.writes_to_output();
+    const bool to_output = viewer::writes_to_output(settings.outputs);
     if (to_output) apps::platform::prepare_output();
     for (const std::string& path : settings.outputs) {
         if (media::recorder::takes(path.c_str()) && !files.add(path.c_str(), &why))
@@ -192,7 +193,8 @@ int receive(const viewer::options& settings) {
         apps::complain(program_name, "saved as " + received.saved_as);
     if (!files.finish(&why)) result = {outcome::cannot_write, why.text};
     if (received.unfit) {
-        result = {outcome::usage, *settings.unfit_for_stream() + " cannot hold a stream; see inet-viewer --help"};
+        result = {outcome::usage,
+                  *viewer::unfit_for_stream(settings.outputs) + " cannot hold a stream; see inet-viewer --help"};
     }
     if (result.what == outcome::ok && !is_file && files.untouched()) {
         result = {outcome::nothing_received, std::string("nothing came for ") + files.untouched()};
@@ -208,6 +210,7 @@ int receive(const viewer::options& settings) {
 int main(int argc, char** argv) {
     const std::vector<std::string> arguments = apps::start(argc, argv);
     if (viewer::is_about_devices(arguments)) return viewer::ask_devices(arguments);
+    if (viewer::is_about_call(arguments)) return viewer::make_call(arguments);
     std::string error;
     const auto settings = viewer::parse_options(arguments, error);
     if (!settings) return fail({outcome::usage, error + "; see inet-viewer --help"});

@@ -19,29 +19,11 @@ bool take_uri(options& o, std::string_view text) {
     return media::watcher::takes(o.uri.c_str()) != 0;
 }
 
-bool take_output(options& o, std::string_view text) {
-    if (std::ranges::find(o.outputs, text) != o.outputs.end()) return false;
-    o.outputs.emplace_back(text);
-    return !text.empty();
-}
-
-bool take_duration(options& o, std::string_view text) {
-    constexpr double longest = 1e9;
-    double seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0 && seconds < longest)) return false;
-    o.duration = static_cast<uint64_t>(seconds * 1e6);
-    return true;
-}
-
 bool take_reconnect(options& o, std::string_view text) {
     if (text != "forever") return take_number(o.reconnect, text, 0, 1'000'000);
     o.reconnect = media::watcher::forever;
     return true;
 }
-
-constexpr std::string_view output_help =
-    "write to a .mp4, .h264, .wav, .aac, .jpg or .txt file, or to - ; may be given again for another one";
 
 std::span<const option> table() {
     static const option all[] = {
@@ -50,8 +32,9 @@ std::span<const option> table() {
          take_uri},
         {"--transport", "WAY", "tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
-        {"-o", "FILE", output_help, take_output},
-        {"--duration", "SECONDS", "end after so much media, counted from the first picture", take_duration},
+        {"-o", "FILE", output_help, [](options& o, std::string_view text) { return add_output(o.outputs, text); }},
+        {"--duration", "SECONDS", "end after so much media, counted from the first picture",
+         [](options& o, std::string_view text) { return take_seconds(o.duration, text); }},
         {"--user", "NAME", "user, where the URI names none", apps::take_credential<options>(&apps::credentials::user)},
         {"--password", "TEXT", "and password, as it is", apps::take_credential<options>(&apps::credentials::password)},
         {"--password-file", "FILE", "or the first line of a file; without both, the variable INET_PASSWORD",
@@ -110,7 +93,7 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
         error = "which stream? rtsp://..., rtmp://...";
         return std::nullopt;
     }
-    const std::string* const unfit = result.unfit_for_stream();
+    const std::string* const unfit = unfit_for_stream(result.outputs);
     if (!unfit || result.may_be_file()) return result;
     error = "-o: cannot be used: " + *unfit + " (" + std::string(output_help) + ")";
     return std::nullopt;
@@ -118,20 +101,40 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
 
 bool options::may_be_file() const {
     constexpr std::string_view scheme = "http://";
-    return outputs.size() <= 1 && !writes_to_output() &&
+    return outputs.size() <= 1 && !writes_to_output(outputs) &&
            std::ranges::equal(uri.substr(0, scheme.size()), scheme, {}, [](char c) { return c | 0x20; });
 }
 
-const std::string* options::unfit_for_stream() const {
+bool add_output(outputs_t& outputs, std::string_view text) {
+    if (std::ranges::find(outputs, text) != outputs.end()) return false;
+    outputs.emplace_back(text);
+    return !text.empty();
+}
+
+const std::string* unfit_for_stream(const outputs_t& outputs) {
     const auto found =
         std::ranges::find_if(outputs, [](const std::string& each) { return !media::recorder::takes(each.c_str()); });
     return found == outputs.end() ? nullptr : &*found;
 }
 
+bool writes_to_output(const outputs_t& outputs) {
+    return std::ranges::any_of(outputs, [](const std::string& each) { return each == "-" || each.starts_with("-."); });
+}
+
+bool take_seconds(uint64_t& out, std::string_view text) {
+    constexpr double longest = 1e9;
+    double seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size() || !(seconds > 0 && seconds < longest)) return false;
+    out = static_cast<uint64_t>(seconds * 1e6);
+    return true;
+}
+
 std::string usage() {
     return "inet-viewer: receives a stream over RTSP, RTMP or HTTP, or a file over HTTP\n\nusage: inet-viewer "
            "[OPTION]... rtsp://...\n       inet-viewer discover [OPTION]...    lists the ONVIF devices of the network\n"
-           "       inet-viewer onvif [OPTION]... HOST  lists the streams of one\n\n" +
+           "       inet-viewer onvif [OPTION]... HOST  lists the streams of one\n"
+           "       inet-viewer call [OPTION]... USER@SERVER  records a call over SIP\n\n" +
            apps::describe_options(table()) + std::string(explanations);
 }
 

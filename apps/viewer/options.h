@@ -6,11 +6,11 @@
 
 #include "media/watcher.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace viewer {
@@ -32,11 +32,24 @@ enum class outcome : int {
     cannot_write = 9,      ///< a file, or the standard output, cannot be written
 };
 
+using outputs_t = std::vector<std::string>;
+
+/// What -o takes, and its help.
+bool add_output(outputs_t& outputs, std::string_view text);
+inline constexpr std::string_view output_help =
+    "write to a .mp4, .h264, .wav, .aac, .jpg or .txt file, or to - ; may be given again for another one";
+/// The output that no recorder takes; null for none.
+const std::string* unfit_for_stream(const outputs_t& outputs);
+/// "-" and "-.h264": media go to the standard output.
+bool writes_to_output(const outputs_t& outputs);
+/// Seconds as microseconds.
+bool take_seconds(uint64_t& out, std::string_view text);
+
 struct options {
     std::string uri;
     media::transport_t way = media::transport_t::tcp;
     apps::credentials login;  ///< beside that of the URI
-    std::vector<std::string> outputs;
+    outputs_t outputs;
     uint64_t duration = 0;   ///< microseconds of media; 0 is without end
     unsigned reconnect = 0;  ///< attempts in a row, or media::watcher::forever
     unsigned timeout = 10;   ///< seconds
@@ -49,13 +62,6 @@ struct options {
     const char* password() const { return login.password.empty() ? nullptr : login.password.c_str(); }
     /// What comes may be no stream, and is then written to the output as it is.
     bool may_be_file() const;
-    /// The output that no recorder takes; null for none.
-    const std::string* unfit_for_stream() const;
-    /// "-" and "-.h264": media go to the standard output.
-    bool writes_to_output() const {
-        return std::ranges::any_of(outputs,
-                                   [](const std::string& each) { return each == "-" || each.starts_with("-."); });
-    }
 };
 
 /// The options; on a mistake nothing, with the reason in `error`.

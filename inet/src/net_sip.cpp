@@ -108,6 +108,12 @@ net::sip_user* net_sip_user(net::sip_request* request) noexcept { return request
 
 const char* net_sip_user_name(net::sip_user* party) noexcept { return party ? party->name.c_str() : ""; }
 
+int net_sip_user_confirmed(const net::sip_user* party) noexcept {
+    return party && party->established && !party->invite ? 1 : 0;
+}
+
+uint64_t net_sip_user_heard(const net::sip_user* party) noexcept { return party ? party->media.heard() : 0; }
+
 net::sip_session* net_sip_user_session(net::sip_user* party) noexcept { return party ? party->session : nullptr; }
 
 net::sip_account* net_sip_user_account(net::sip_user* party) noexcept { return party ? party->account : nullptr; }

@@ -155,6 +155,10 @@ INET_API void net_sip_put_frame(net::sip_session* session, const av::frame_t* fr
 INET_API net::sip_user* net_sip_user(net::sip_request* request) noexcept;
 /// Name of the other end, "" for null.
 INET_API const char* net_sip_user_name(net::sip_user* party) noexcept;
+/// 1 once media runs both ways: when our 200 has had its ACK, or we have sent that of the other end.
+INET_API int net_sip_user_confirmed(const net::sip_user* party) noexcept;
+/// core_timer() of the last packet of RTP or RTCP that came from it; 0 for none.
+INET_API uint64_t net_sip_user_heard(const net::sip_user* party) noexcept;
 /// The session of a user, the account of a user; null for null.
 INET_API net::sip_session* net_sip_user_session(net::sip_user* party) noexcept;
 INET_API net::sip_account* net_sip_user_account(net::sip_user* party) noexcept;

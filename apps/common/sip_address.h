@@ -1,0 +1,30 @@
+// The place of a user at a SIP server, as both programs take it: USER[:PASSWORD]@SERVER[:PORT][;tcp].
+#pragma once
+
+#include "media/sip.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace apps {
+
+struct sip_address {
+    std::string user;
+    std::string password;  ///< empty for none
+    std::string server;
+    uint16_t port = 0;  ///< 0 for the usual one
+    bool tcp = false;
+
+    /// Reads a text. The user ends at the first ':', the password at the last '@': both are taken as they are.
+    /// @return false when it is none
+    bool parse(std::string_view text);
+};
+
+/// Whether a name can stand in an address.
+bool is_sip_name(std::string_view text);
+
+/// Why a call has ended, or an account is not registered, in words.
+const char* words_of(media::sip_reason_t reason);
+
+}  // namespace apps
