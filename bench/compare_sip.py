@@ -69,8 +69,8 @@ class Kamailio:
         name = self.folder.name
         with open(f"{name}/configuration", "w", encoding="ascii") as file:
             file.write(CONFIGURATION.format(port=self.port))
-        self.process = subprocess.Popen(["kamailio", "-f", f"{name}/configuration", "-DD", "-E", "-w", name, "-Y", name],
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        command = "kamailio", "-f", f"{name}/configuration", "-DD", "-E", "-w", name, "-Y", name
+        self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         while not self.answers():
             assert self.process.poll() is None
             time.sleep(0.02)
@@ -126,8 +126,8 @@ def main():
         cells = [f"{median(each[name] for each in results[kind]):.{0 if name == 'rate' else 1}f}" for kind in kinds]
         print(f"| {title} | {cells[0]} | {cells[1]} | {ratio(name)} |")
     half, most = (median(each[f"setup_{name}_ms"] for each in quiet) for name in ("p50", "p99"))
-    print(f"\nFrom INVITE to 200 through ours, {PLACES - 2} other phones registered: median {half:.2f} ms, 99th percentile "
-          f"{most:.2f} ms, over {sum(each['calls'] for each in quiet):.0f} calls.")
+    print(f"\nFrom INVITE to 200 through ours, {PLACES - 2} other phones registered: median {half:.2f} ms, "
+          f"99th percentile {most:.2f} ms, over {sum(each['calls'] for each in quiet):.0f} calls.")
 
 
 main()

@@ -29,8 +29,8 @@
 /// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or has a line
 /// end that is not CR LF, is left out; one that holds a NUL is not forwarded (400).
 ///
-/// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. What peers are refused is also
-/// told on the console, in 20 lines a second at most.
+/// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. Methods and headers that are
+/// not known are also told on the console, in 20 lines a second at most.
 ///
 /// The gateway joins a server and an agent (inet/net_sip.h). It registers at an outside SIP server, and at its own relay
 /// under the same name:

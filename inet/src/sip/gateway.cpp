@@ -58,7 +58,7 @@ uint64_t Sips::shut_down(bool may_wait) noexcept {
     return 0;
 }
 
-/// To what ends calls.
+/// Whether what ends calls has not been answered yet.
 bool Sips::awaits_answers() const noexcept {
     if (!agent_) return false;
     return !late_.empty() || std::ranges::any_of(agent_->requests, [](const auto& each) {

@@ -37,9 +37,9 @@ connection::~connection() {
 bool connection::open(int fd, const sockaddr_in& from, const char* file, int line) {
     peer = dotted(from);
     peer_port = net_addr_port(from);
-    const sockaddr_in near = net_socket_near(fd);
-    local = dotted(near);
-    route = join({"<sip:", local, ":", number_text(net_addr_port(near)), ";transport=tcp;lr>"});
+    const sockaddr_in own = net_socket_near(fd);
+    local = dotted(own);
+    route = join({"<sip:", local, ":", number_text(net_addr_port(own)), ";transport=tcp;lr>"});
     tcp_ = net::Tcp::create(file, line);
     if (!tcp_) return false;
     tcp_->set_handler(this);
