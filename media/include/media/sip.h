@@ -42,7 +42,7 @@ enum class sip_reason_t : uint8_t {
     unreachable,  ///< the server knows no such user, or does not reach one; nobody answers
     refused,      ///< the server refuses user and password, or the account
     no_server,    ///< the server does not answer, or was lost
-    silent,       ///< nothing came from the other end for sip_settings_t::silence
+    silent,       ///< the other end is gone without a word
     no_place,     ///< too many calls, no ports, or no memory
 };
 
