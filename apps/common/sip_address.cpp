@@ -42,7 +42,7 @@ const char* words_of(media::sip_reason_t reason) {
         case r::unreachable:
             return "cannot be reached";
         case r::refused:
-            return "the server refuses user and password";
+            return "the server refuses the account";
         case r::no_server:
             return "the server does not answer";
         case r::silent:

@@ -21,7 +21,7 @@
 /// Bounds:
 ///     calls       120, each takes four places of the thread; more are declined
 ///     orders      64 calls that wait for the registration, 32 seconds each
-///     silence     sip_settings_t::silence, else that of inet/net_sip.h
+///     silence     sip_settings_t::silence
 /// and those of inet/net_sip.h for the messages.
 #pragma once
 
@@ -42,7 +42,7 @@ enum class sip_reason_t : uint8_t {
     unreachable,  ///< the server knows no such user, or does not reach one; nobody answers
     refused,      ///< the server refuses user and password, or the account
     no_server,    ///< the server does not answer, or was lost
-    silent,       ///< nothing came from the other end for sip_settings_t::silence
+    silent,       ///< the other end is gone without a word
     no_place,     ///< too many calls, no ports, or no memory
 };
 
@@ -75,8 +75,8 @@ struct sip_settings_t {
     stream* takes = nullptr;       ///< null: what comes goes into no stream
     bool answers = true;           ///< calls that come are answered, else declined
     bool at_key = true;            ///< calls begin with the last key picture, else with the next one
-    unsigned silence = 0;          ///< seconds without RTP or RTCP of the other end after which a call ends; 0: when
-                                   ///< the agent finds that it is gone (inet/net_sip.h). Phones on hold may be silent
+    unsigned silence = 180;        ///< seconds without RTP or RTCP of the other end after which a call ends; 0: when
+                                   ///< the agent finds that it is gone (inet/net_sip.h), which some relays hide
     void (*on_event)(void* arg, const sip_event_t& event) = nullptr;
     /// @param frame  H.264 in Annex B form, or PCMU. Its `time` counts on from the first frame of its call
     void (*on_frame)(void* arg, uint32_t call, const av::frame_t& frame) = nullptr;

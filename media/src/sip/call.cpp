@@ -43,11 +43,11 @@ void call_t::accept(net::sip_user& party) noexcept {
     if (!finished_) take_event(net::sip_call_answered);
 }
 
-// The agent tells of a digit that was refused as of a call that failed. An answered call ends with its BYE alone.
+// An answered call fails when the other end does not know it any more.
 void call_t::take_event(uint32_t event) noexcept {
     if (event == net::sip_call_ringing) return tell(sip_event_t::ringing);
     if (event == net::sip_call_ended) return end(sip_reason_t::hung_up);
-    if (is_answered_) return;
+    if (is_answered_) return hang_up(sip_reason_t::silent);
     if (event == net::sip_call_answered) return begin();
     if (event == net::sip_call_busy) return end(sip_reason_t::busy);
     if (event == net::sip_call_unauthorized) return end(sip_reason_t::refused);

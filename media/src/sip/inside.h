@@ -118,7 +118,8 @@ private:
     net::sip_account* account_ = nullptr;
     state_t state_ = state_t::unknown;
     sip_reason_t lost_why_ = sip_reason_t::none;
-    uint64_t heard_ = 0;  ///< core_timer() of the last registration; of the start before the first
+    uint64_t refused_ = 0;  ///< core_timer() of a refusal that is not told yet; 0 for none
+    uint64_t heard_ = 0;    ///< core_timer() of the last registration; of the start before the first
     core::vector<call_t*> calls_;
     bool follows_ = false;
     places<place_t> live_;

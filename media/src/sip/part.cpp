@@ -13,6 +13,7 @@ namespace media::sip {
 namespace {
 
 constexpr uint64_t second_us = 1'000'000;
+constexpr uint64_t another_try = second_us / 2;
 constexpr uint64_t longest_answer = 10 * second_us;  // to the first registration
 constexpr uint64_t registered_for = 65 * second_us;  // without a further one
 constexpr ptrdiff_t most_waiting = 64;
@@ -84,6 +85,7 @@ void part_t::each_waiting(Do run) noexcept {
 
 void part_t::set_registered() noexcept {
     heard_ = core_timer();
+    refused_ = 0;
     if (state_ != state_t::registered) {
         state_ = state_t::registered;
         tell({.what = sip_event_t::registered});
@@ -102,7 +104,12 @@ void part_t::set_lost(sip_reason_t why) noexcept {
 
 void part_t::second() noexcept {
     const uint64_t longest = state_ == state_t::registered ? registered_for : longest_answer;
-    if (state_ != state_t::lost && core_timer() - heard_ > longest) set_lost(sip_reason_t::no_server);
+    const uint64_t now = core_timer();
+    if (state_ != state_t::lost && now - heard_ > longest) set_lost(sip_reason_t::no_server);
+    if (refused_ && now - refused_ > another_try) {
+        refused_ = 0;
+        set_lost(sip_reason_t::refused);
+    }
     const bool any = std::ranges::any_of(calls_, [](const call_t* each) { return each->watching(); });
     if (!follows_ || any) return;
     thread_.unfollow(*settings().sends, *this);
@@ -164,9 +171,9 @@ void part_t::on_call(void* arg, net::sip_user* party, uint32_t event) noexcept {
         if (call_t* const one = self.find(party)) one->take_event(event);
         return;
     }
-    // Of the account, or of a call that is over.
+    // Of the account, or of a call that is over. The agent may ask in another way at once.
     const bool refused = event == net::sip_call_unauthorized || event == net::sip_call_failed;
-    if (refused && self.state_ != state_t::registered) self.set_lost(sip_reason_t::refused);
+    if (refused && self.state_ != state_t::registered && !self.refused_) self.refused_ = core_timer();
 }
 
 void part_t::on_account(void* arg, void*, uint32_t event, const char*) noexcept {
