@@ -58,7 +58,7 @@ enum sip_call_event_t : uint32_t {
     sip_call_answered = 0,      ///< our INVITE was answered 200, media has started
     sip_call_incoming = 1,      ///< an INVITE came and was answered 180: net_sip_accept() or net_sip_decline()
     sip_call_ended = 2,         ///< BYE or CANCEL came, a time has passed, or net_sip_bye()
-    sip_call_failed = 4,        ///< 404, 480, 481, another error, or no answer
+    sip_call_failed = 4,        ///< 404, 480, 481, another error, or no answer; the user is null for a REGISTER
     sip_call_busy = 5,          ///< 486
     sip_call_ringing = 6,       ///< 180 or 183
     sip_call_searching = 7,     ///< 100 to a REGISTER; the user is null
