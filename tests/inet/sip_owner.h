@@ -36,7 +36,8 @@ public:
     sip_owner& operator=(const sip_owner&) = delete;
 
     /// A message, in which $B stands for the branch and $N for the number of our last request, of its method where it is
-    /// an answer, $T for our tag, $I for its Call-ID and $H for "Via, From, To, Call-ID and Contact" of a peer; or an action of the owner: "!accept" and such.
+    /// an answer, $T for our tag, $I for its Call-ID and $H for "Via, From, To, Call-ID" of a peer; or an action of the
+    /// owner: "!accept" and such.
     void feed(std::string text) {
         if (!sip || !account) return;
         if (text.starts_with('!')) return act(text.substr(1));
