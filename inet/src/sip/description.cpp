@@ -149,6 +149,14 @@ in_addr read_dotted(std::string_view text) noexcept {
     return address.sin_addr;
 }
 
+core::string dotted(in_addr address) {
+    sockaddr_in there = {};
+    there.sin_addr = address;
+    char text[net_addr_size];
+    net_addr_ip(there, text, sizeof text);
+    return text;
+}
+
 bool is_loopback(in_addr address) noexcept { return reinterpret_cast<const uint8_t*>(&address)[0] == 127; }
 
 described_t read_description(std::string_view text) noexcept { return reader().read(text); }
@@ -160,10 +168,7 @@ core::string print_offer(std::string_view address, uint32_t audio, uint32_t vide
 
 core::string print_answer_sdp(std::string_view user, in_addr own, uint32_t audio, uint32_t video,
                               std::string_view offer) {
-    sockaddr_in there = {};
-    there.sin_addr = own;
-    char address[net_addr_size];
-    net_addr_ip(there, address, sizeof address);
+    const core::string address = dotted(own);
     core::string sound = join({"m=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"});
     core::string pictures = join({"m=video ", number_text(video), media_end});
     core::string media;
