@@ -40,8 +40,8 @@ const std::string challenge = "WWW-Authenticate: Digest realm=\"r\", nonce=\"n\"
 const std::string reliable = "Require: 100rel\r\nRSeq: 7\r\n";
 const std::string way = "Record-Route: <sip:p1;lr>, <sip:p2;lr>\r\nm: \"A, B\" <sip:a@7.7.7.7:99;x=y>;q=1\r\n";
 const std::string sound_alone =
-    "INVITE sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\nc: application/sdp\r\nl: 49\r\n\r\n"
-    "m=audio 4 RTP/AVP 0 8\r\nm=text 5/2 RTP/AVP 98 99\r\n";
+    "INVITE sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\nc: application/sdp\r\nl: 93\r\n\r\n"
+    "m=audio 4 RTP/SAVP 0\r\nm=audio 4 RTP/AVP 0 8\r\nm=video 0 RTP/AVP 96\r\nm=text 5/2 RTP/AVP 98 99\r\n";
 const std::string plain = "c: application/dtmf\r\nl: ";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
@@ -79,7 +79,11 @@ TEST(NetSip, AnswersAndTells) {
          "REGISTER|REGISTER|account0|REGISTER|REGISTER|",
          "CSeq: 4 REGISTER"},
         {"too brief", {answer("423", "REGISTER", "Min-Expires: 300\r\n")}, "call4|REGISTER|", "Expires: 300\r\n"},
-        {"dead connection", {"!tick31000", "!tick2000"}, "account1|REGISTER|", "", net::sip_tcp},
+        {"dead connection",
+         {"!tick31000", "!tick2000"},
+         "account1|REGISTER|",
+         "Contact: <sip:bob@1.2.3.4:5062;transport=tcp>\r\n",
+         net::sip_tcp},
         {"unknown branch", {"SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP h;branch=z9hG4bKno\r\nCSeq: 1 REGISTER\r\n\r\n"}, ""},
         {"resent", {"!tick600", "!tick900", "!tick200"}, "REGISTER|REGISTER|"},
         {"refresh", {answer("200", "REGISTER"), "!tick31000"}, "account0|REGISTER|"},
@@ -94,8 +98,9 @@ TEST(NetSip, AnswersAndTells) {
         {"sound alone",
          {sound_alone, "!accept"},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|",
-         "Content-Length: 136\r\n\r\nv=0\r\no=bob 0 0 IN IP4 1.2.3.4\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 1.2.3.4\r\n"
-         "m=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\nm=text 0 RTP/AVP 98 99\r\n"},
+         "Content-Length: 180\r\n\r\nv=0\r\no=bob 0 0 IN IP4 1.2.3.4\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 1.2.3.4\r\n"
+         "m=audio 0 RTP/SAVP 0\r\nm=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\nm=video 0 RTP/AVP 96\r\nm=text 0 "
+         "RTP/AVP 98 99\r\n"},
         {"lost ACK",
          {invite, "!accept", "!tick600"},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|"},

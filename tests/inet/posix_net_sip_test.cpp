@@ -51,6 +51,7 @@ struct caller_row {
     bool answers, declines;
     const char* event;
     int transport = net::sip_udp;
+    bool full = false;  ///< no descriptors are left for the call
 };
 
 TEST(NetSipPeers, AreAnswered) {
@@ -58,7 +59,7 @@ TEST(NetSipPeers, AreAnswered) {
                                {"caller_cancels", false, false, "call2"},
                                {"caller_declined", false, true, "call1"},
                                {"caller_asks", false, false, ""},
-                               {"caller", true, false, "call2", net::sip_tcp},
+                               {"caller_declined", true, false, "call4", net::sip_udp, true},
                                {"caller_cancels", false, false, "call2", net::sip_tcp},
                                {"caller_declined", false, true, "call1", net::sip_tcp},
                                {"caller_asks", false, false, "", net::sip_tcp}};
@@ -69,9 +70,11 @@ TEST(NetSipPeers, AreAnswered) {
         ASSERT_TRUE(phone.waits("account0"));
         phone.answers = each.answers;
         phone.declines = each.declines;
+        if (each.full) phone.fill(true);
         // The switch hands what the peer says to the phone.
         play(each.scenario, transport_of(each.transport) + "-m 1 127.0.0.1:" + std::to_string(registrar.port));
         EXPECT_TRUE(phone.waits(each.event));
+        if (each.full) phone.fill(false);
     }
 }
 

@@ -35,8 +35,9 @@ public:
     sip_owner(const sip_owner&) = delete;
     sip_owner& operator=(const sip_owner&) = delete;
 
-    /// A message, in which $B stands for the branch and $N for the number of our last request, of its method where it is
-    /// an answer, $T for our tag, $I for its Call-ID and $H for "Via, From, To, Call-ID and Contact" of a peer; or an action of the owner: "!accept" and such.
+    /// A message, or an action of the owner, such as "!accept". In a message $B stands for the branch and $N for the
+    /// number of our last request, of its method where it is an answer, $T for our tag, $I for its Call-ID and $H for
+    /// Via, From, To and Call-ID of a peer.
     void feed(std::string text) {
         if (!sip || !account) return;
         if (text.starts_with('!')) return act(text.substr(1));

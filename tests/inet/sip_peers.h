@@ -63,6 +63,10 @@ public:
             net_sip_put_frame(net_sip_user_session(party_), &frame);
         });
     }
+    /// Takes, or gives back, all places of the thread.
+    void fill(bool full) {
+        thread_.run([&] { net::net_nt_take_places(thread_, (full ? 1 : -1) * static_cast<int32_t>(net::nt_places)); });
+    }
     /// Waits for an event, such as "call0" or "digit11". An empty one has come.
     bool waits(const std::string& event) {
         return until([&] { return event.empty() || events_.find(event + "|") != std::string::npos; });

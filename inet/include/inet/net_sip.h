@@ -15,8 +15,8 @@
 /// answered (RFC 3261, 17.1). A request that comes again is answered again and acted on once. A final answer to an
 /// INVITE is sent again until its ACK comes. Over TCP nothing is sent again, but for 200 to an INVITE.
 ///
-/// Requests in a call go to the server. Where it does not route them (404, 482, 483, or the ACK does not get there), they
-/// go once more, by the route and to the address that the other end named.
+/// Requests in a call go to the server. Where it does not route them (404, 482, 483, or the ACK does not get there),
+/// they go once more, by the route and to the address that the other end named.
 ///
 /// Times:
 ///     32 seconds    for an answer to a request, and for the ACK of a 200 (the call then ends, event 2)
@@ -58,7 +58,7 @@ enum sip_call_event_t : uint32_t {
     sip_call_answered = 0,      ///< our INVITE was answered 200, media has started
     sip_call_incoming = 1,      ///< an INVITE came and was answered 180: net_sip_accept() or net_sip_decline()
     sip_call_ended = 2,         ///< BYE or CANCEL came, a time has passed, or net_sip_bye()
-    sip_call_failed = 4,        ///< 404, 480, 481, another error, or no answer
+    sip_call_failed = 4,        ///< 404, 480, 481, another error, or no answer; the user is null for a REGISTER
     sip_call_busy = 5,          ///< 486
     sip_call_ringing = 6,       ///< 180 or 183
     sip_call_searching = 7,     ///< 100 to a REGISTER; the user is null
@@ -78,8 +78,8 @@ struct sip_info {
     void* user;  ///< handed to every callback
     void (*on_call)(void* user, sip_user* party, uint32_t event);
     void (*on_account)(void* user, void* object, uint32_t event, const char* text);  ///< `text` may be null
-    /// A digit came, in an INFO or between the sound of a call (RFC 4733). `code`: 0 to 9, 10 for '*', 11 for '#', 12 to
-    /// 15 for 'A' to 'D', a higher number as it was sent; -1 for another signal
+    /// A digit came, in an INFO or between the sound of a call (RFC 4733). `code`: 0 to 9, 10 for '*', 11 for '#',
+    /// 12 to 15 for 'A' to 'D', a higher number as it was sent; -1 for another signal
     void (*on_dtmf)(void* user, sip_user* party, int code);
 };
 

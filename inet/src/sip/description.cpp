@@ -44,6 +44,9 @@ bool has_format(std::string_view formats, uint32_t wanted) noexcept {
     return false;
 }
 
+// Who wants it encrypted gets nothing.
+bool is_plain_rtp(std::string_view profile) noexcept { return profile == "RTP/AVP" || profile == "RTP/AVPF"; }
+
 void read_address(std::string_view value, sockaddr_in& address) noexcept {
     address = {};
     if (!value.starts_with("IN IP4 ")) return;
@@ -83,7 +86,7 @@ private:
         medium_.port = scan::decimal(scan::take(value, ' '));
         const std::string_view profile = scan::take(value, ' ');
         medium_.formats = value;
-        if (profile != "RTP/AVP" && profile != "RTP/AVPF") return;  // who wants it encrypted gets nothing
+        if (!is_plain_rtp(profile)) return;
         medium_.video = kind == "video";
         if (kind == "audio" && !described_.audio.wanted) medium_.target = &described_.audio;
         if (medium_.video && !described_.video.wanted) medium_.target = &described_.video;
@@ -146,6 +149,14 @@ in_addr read_dotted(std::string_view text) noexcept {
     return address.sin_addr;
 }
 
+core::string dotted(in_addr address) {
+    sockaddr_in there = {};
+    there.sin_addr = address;
+    char text[net_addr_size];
+    net_addr_ip(there, text, sizeof text);
+    return text;
+}
+
 bool is_loopback(in_addr address) noexcept { return reinterpret_cast<const uint8_t*>(&address)[0] == 127; }
 
 described_t read_description(std::string_view text) noexcept { return reader().read(text); }
@@ -157,10 +168,7 @@ core::string print_offer(std::string_view address, uint32_t audio, uint32_t vide
 
 core::string print_answer_sdp(std::string_view user, in_addr own, uint32_t audio, uint32_t video,
                               std::string_view offer) {
-    sockaddr_in there = {};
-    there.sin_addr = own;
-    char address[net_addr_size];
-    net_addr_ip(there, address, sizeof address);
+    const core::string address = dotted(own);
     core::string sound = join({"m=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"});
     core::string pictures = join({"m=video ", number_text(video), media_end});
     core::string media;
@@ -168,12 +176,12 @@ core::string print_answer_sdp(std::string_view user, in_addr own, uint32_t audio
         std::string_view line = scan::trim(scan::take(offer, '\n'), "\r");
         if (!line.starts_with("m=")) continue;
         const std::string_view kind = scan::take(line, ' ');
-        if (kind == "m=audio" && !sound.empty()) {
+        const bool open = scan::decimal(scan::take(line, ' ')) != 0 && is_plain_rtp(line.substr(0, line.find(' ')));
+        if (open && kind == "m=audio" && !sound.empty()) {
             media.append(std::exchange(sound, {}));
-        } else if (kind == "m=video" && !pictures.empty()) {
+        } else if (open && kind == "m=video" && !pictures.empty()) {
             media.append(std::exchange(pictures, {}));
         } else {
-            scan::take(line, ' ');
             media.append(join({kind, " 0 ", line, "\r\n"}));
         }
     }

@@ -13,7 +13,8 @@ namespace sip {
 // The proxies nearest to who answers stand first.
 way_t way_of(const header_t& header, bool answered) {
     way_t way;
-    way.target = uri_of(field(header, "Contact"));
+    const std::string_view contact = field(header, "Contact");
+    if (!place_of(contact).empty()) way.target = uri_of(contact);
     for (value_t* const* each = header.fields; each && *each; ++each) {
         if (!is_named((*each)->key, "Record-Route")) continue;
         for (std::string_view rest = scan::text((*each)->value); !rest.empty();) {

@@ -32,6 +32,7 @@ struct described_t {
 
 /// A dotted address, 0.0.0.0 for anything else.
 in_addr read_dotted(std::string_view text) noexcept;
+core::string dotted(in_addr address);
 bool is_loopback(in_addr address) noexcept;
 
 /// Reads an offer or an answer: PCMU, H.264, and where they go.

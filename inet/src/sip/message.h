@@ -52,7 +52,8 @@ void put_vias(core::string& to, const header_t& header, std::string_view receive
 /// CSeq. @return false when it is none (RFC 3261, 8.1.1.5: a number below 2^31)
 bool read_cseq(const header_t& header, uint32_t& number, std::string_view& method) noexcept;
 
-/// Of From, To and Contact: the tag, the address alone, what stands between "sip:" and '@' or the number of "tel:", and "user@host".
+/// Of From, To and Contact: the tag; the address alone; what stands between "sip:" and '@', or the number of "tel:";
+/// and "user@host".
 std::string_view tag_of(std::string_view address) noexcept;
 std::string_view uri_of(std::string_view address) noexcept;
 std::string_view user_of(std::string_view address) noexcept;

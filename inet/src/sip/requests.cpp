@@ -143,12 +143,13 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
     if (user) return answer(request, 482);  // it came here by two ways (RFC 3261, 8.2.2.2)
     if (!sip::tag_of(sip::field(*request.header, "To")).empty()) return answer(request, 481);
     if (ringing() >= sip::most_ringing || calls() >= sip::most_calls) return answer(request, 486);
+    request.offer = body;
+    sip::way_t way = sip::way_of(*request.header, false);
     if (!session) session = &add_session(account, sip::text(call_id));
     request.session = session;
     user = &add_user(*session, sip::user_of(from), sip::tag_of(from));
-    user->way = sip::way_of(*request.header, false);
+    user->way = std::move(way);
     request.user = user;
-    request.offer = body;
     user->invite = &request;
     core_con_printf(0, "sip: меня вызвали");
     answer(request, 180);

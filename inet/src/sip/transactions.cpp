@@ -135,12 +135,14 @@ void Sip::send_ack(sip_request& request) {
 void Sip::leave(sip_request& invite, std::string_view tag) {
     if (invite.account->wire) invite.account->wire->send(print_ack(invite, tag), nullptr);
     const bool said = std::ranges::any_of(requests, [&](const auto& each) {
-        return each->session == invite.session && each->remote_tag == tag && std::strcmp(each->method, "BYE") == 0;
+        return !each->gone && each->session == invite.session && each->remote_tag == tag &&
+               std::strcmp(each->method, "BYE") == 0;
     });
     if (said || requests.size() >= sip::most_requests) return;
     sip_request& bye = ask(*invite.account, *invite.session, nullptr, "BYE", {}, {});
     bye.peer = invite.peer;
     bye.remote_tag = tag;
+    if (tag == invite.remote_tag) bye.way = invite.way;
     send(bye);
 }
 

@@ -58,6 +58,9 @@ void Sip::connected(sip_account& account) {
     account.connected = true;
     account.contact_port = sip::number_text(account.wire->local_port());
     if (account.transport == sip_tcp) {
+        // The connection is found by it: that of another interface would lead nowhere.
+        const in_addr near = account.wire->local_address();
+        if (near.s_addr != 0) account.contact_address = sip::dotted(near);
         account.due = core_timer() + refresh_time;
         core_con_printf(0, "sip connected...");
     } else {
