@@ -76,7 +76,7 @@ void relay::announce(const relay_user& to) {
     if (list_.size() > 1)
         list_.front() = '[';  // in place of the first comma
     else
-        list_.insert(0, "[");
+        list_.assign("[]");
     head_.clear();
     head_.append("NOTIFY sip:").append(to.name).append("@").append(there.local).append(" SIP/2.0\r\n");
     put(head_, "To", {"<sip:", to.name, "@", there.local, ">"});
