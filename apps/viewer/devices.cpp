@@ -36,13 +36,14 @@ constexpr std::string_view about_search = R"(
 Lists the ONVIF devices that answer on the local network (WS-Discovery), as they answer or announce themselves. Those of
 this host are not heard.
 
-Exit status: 0; 7 when no device answered
+Exit status: 0; 1 no socket, or no memory; 2 the command line cannot be used; 7 no device answered
 )";
 
 constexpr std::string_view about_one = R"(
 Lists the profiles of an ONVIF device with the addresses of their streams, for inet-viewer and other players.
 
-Exit status: 0; 3 the device cannot be reached; 4 it refuses the user; 6 it answers something else, or nothing
+Exit status: 0; 1 a fault of the program; 2 the command line cannot be used; 3 the device cannot be reached;
+4 it refuses the user; 6 it answers something else, or nothing
 )";
 
 std::string json_text(std::string_view text) {

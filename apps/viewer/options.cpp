@@ -30,7 +30,7 @@ std::span<const option> table() {
         {"URI", "",
          "one rtsp://, rtmp:// or http://[user:password@]host[:port]/path; user and password percent-coded, no IPv6",
          take_uri},
-        {"--transport", "WAY", "tcp (the default), udp, multicast or http",
+        {"--transport", "WAY", "of rtsp://: tcp (the default), udp, multicast or http",
          [](options& o, std::string_view text) { return apps::take_transport(o.way, text); }},
         {"-o", "FILE", output_help, [](options& o, std::string_view text) { return add_output(o.outputs, text); }},
         {"--duration", "SECONDS", "end after so much media, counted from the first picture",
@@ -90,7 +90,7 @@ std::optional<options> parse_options(std::span<const std::string> arguments, std
     if (!apps::parse_command_line(table(), arguments, result, error) || !result.login.complete(error))
         return std::nullopt;
     if (result.uri.empty()) {
-        error = "which stream? rtsp://..., rtmp://...";
+        error = "which stream? rtsp://..., rtmp://... or http://...";
         return std::nullopt;
     }
     const std::string* const unfit = unfit_for_stream(result.outputs);

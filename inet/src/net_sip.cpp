@@ -55,10 +55,11 @@ net::sip_account* net_sip_register(net::Sip* sip, const char* user, const char* 
 }
 
 net::sip_account* net_sip_register_over(net::Sip* sip, int transport, const char* user, const char* password,
-                                        const char* server, unsigned port, const char*, int) noexcept {
+                                        const char* server, unsigned port, const char* file, int line) noexcept {
     if (!sip || !user || !server || port > 65535) return nullptr;
+    if (transport != net::sip_udp && transport != net::sip_tcp) return nullptr;
     sip_account* made = nullptr;
-    sip->guarded([&] { made = sip->add_account(transport, user, password, server, port); });
+    sip->guarded([&] { made = sip->add_account(transport, user, password, server, port, file, line); });
     return made;
 }
 

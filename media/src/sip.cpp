@@ -119,7 +119,7 @@ public:
 
     /// @return false with the reason in `error`
     bool open(thread& on, const char* users, uint16_t port, failure_t* error) noexcept {
-        value_t** names = core_value_split(users, ",", "=", CORE_HERE);
+        value_t** names = core_value_split(users, ",", nullptr, CORE_HERE);
         if (names) server_ = net_sipsrv_open_at(on.nt(), names, port, CORE_HERE);
         core_value_free(names);
         if (server_ && net_sipsrv_port(server_) == 0)

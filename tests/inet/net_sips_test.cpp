@@ -75,14 +75,19 @@ TEST(SipServer, RelaysBetweenTwoClients) {
                       refused = answer("405 Method Not Allowed", "OPTIONS", "anna", "anna");
     const std::string own = "SIP/2.0 299 Own words\r\n" + fields_of("INVITE", "anna", "boris");
     const row rows[] = {
-        {'a', ask("REGISTER", "anna", "anna"), answer("200 OK", "REGISTER", "anna", "anna"), ""},
+        {'a', ask("REGISTER", "%61nna:word", "anna"), answer("200 OK", "REGISTER", "%61nna:word", "anna"), ""},
         {'a', ask("REGISTER", "nobody", "nobody"), answer("404 Not Found", "REGISTER", "nobody", "nobody"), ""},
         {'a', ask("SUBSCRIBE", "anna", "anna"), answer("200 OK", "SUBSCRIBE", "anna", "anna") + notify("anna", 1, "[]"),
          ""},
         {'a', ask("INVITE", "anna", "boris"), answer("480 Temporarily Unavailable", "INVITE", "anna", "boris"), ""},
-        {'a', ask("INVITE", "anna", "nobody") + std::string("$\0\0\2ab", 6) + options, refused, ""},
+        {'a', ask("INVITE", "anna", "nobody") + std::string("$\0\0\2ab", 6) + "junk\r\nl: 9999\r\n\r\n" + options,
+         refused, ""},
         {'b', ask("REGISTER", "boris", "boris"), notify("anna", 2, "[\"boris\"]"),
          answer("200 OK", "REGISTER", "boris", "boris")},
+        {'b', "REGISTER x SIP/2.0\r\nf: sip:boris@h\r\nm: <sip:old>;expires=0\r\nm: <sip:new>\r\n\r\n",
+         notify("anna", 3, "[\"boris\"]"),
+         "SIP/2.0 200 OK\r\nFrom: sip:boris@h\r\nContact: <sip:old>;expires=0\r\nContact: <sip:new>\r\n" +
+             answer("", "", "", "").substr(answer("", "", "", "").find("Allow"))},
         {'a', ask("INVITE", "anna", "boris", "v=0\r\n"), answer("100 Trying", "INVITE", "anna", "boris"),
          routed(ask("INVITE", "anna", "boris", "v=0\r\n", "sip:boris@127.0.0.1"), port)},
         {'b', own + "Content-Length: 1\r\n\r\n!", own + "Content-Length: 1\r\n\r\n!", ""},

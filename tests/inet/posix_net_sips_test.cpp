@@ -1,9 +1,11 @@
 // The relay with phones on it: agents of ours, and sipp.
 #include "support/program.h"
 
+#include "core/time.h"
 #include "inet/net_sips.h"
 #include "inet/sip_peers.h"
 
+#include <chrono>
 #include <deque>
 
 namespace {
@@ -58,7 +60,7 @@ TEST(SipServerPeers, NewConnectionsTakeThePlaceOfThoseWithoutAUser) {
     const test::player anna(port);
     EXPECT_TRUE(anna.ask("REGISTER x SIP/2.0\r\nf: sip:anna@h\r\n\r\n").starts_with("SIP/2.0 200"));
     std::deque<test::player> idle;
-    for (uint32_t i = 0; i < net::nt_places; ++i)
+    for (int i = 0; i < 101; ++i)
         idle.emplace_back(port);
     EXPECT_EQ(idle.back().ask(alive), "\r\n");
     EXPECT_EQ(idle.front().ask(), "closed");
@@ -72,7 +74,25 @@ struct gateway_events : test::callback {
     }
 };
 
+/// The next message of that method.
+std::string next(const test::player& of, const char* method) {
+    std::string held;
+    while (!held.ends_with("closed")) {
+        held += of.ask();
+        for (sip::piece_t piece; (piece = sip::cut(held, false)).used > 0; held.erase(0, piece.used))
+            if (held.starts_with(method)) return held.substr(0, piece.used);
+    }
+    return held;
+}
+
+std::atomic<uint64_t> later = 0;
+uint64_t later_clock() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count()) + later;
+}
+
 TEST(SipGateway, JoinsCallsBothWays) {
+    core_time_set_clock(later_clock);
     const exchange names;
     test::sip_switch outside(net::sip_udp);
     const unsigned port = test::free_port();
@@ -100,12 +120,32 @@ TEST(SipGateway, JoinsCallsBothWays) {
         test::pass_clip(world, anna);
         world.bye();
         EXPECT_TRUE(anna.waits("call2"));
+
+        // A phone that gives itself no tag is hung up, too.
+        const test::player clara(static_cast<uint16_t>(port));
+        EXPECT_TRUE(clara.ask("REGISTER x SIP/2.0\r\nf: sip:clara@h\r\n\r\n").starts_with("SIP/2.0 200"));
+        anna.answers = false;
+        boris.forget(), world.forget();
+        world.invite("camera");
+        const std::string call = next(clara, "INVITE");
+        clara.say("SIP/2.0 200 OK" + call.substr(call.find("\r\n")));
+        EXPECT_TRUE(world.waits("call0") && boris.waits("call2"));
+        world.bye();
+        EXPECT_TRUE(next(clara, "BYE").starts_with("BYE sip:clara@"));
+
+        boris.forget(), world.forget();
+        boris.invite("camera");
+        ASSERT_TRUE(boris.waits("call0") && world.waits("call1"));
+        later += 181'000'000;  // of silence
+        EXPECT_TRUE(world.waits("call2") && boris.waits("call2"));
+
         boris.forget(), world.forget();
         boris.invite("camera");
         ASSERT_TRUE(boris.waits("call0") && world.waits("call1"));
         net_sips_close(gateway);
         EXPECT_TRUE(world.waits("call2") && boris.waits("call2"));
     }
+    core_time_set_clock(nullptr);
 }
 
 }  // namespace

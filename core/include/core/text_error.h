@@ -13,7 +13,7 @@ inline void write_error(char* out, size_t size, const char* reason) noexcept {
     if (out && size > 0) std::snprintf(out, size, "%s", reason);
 }
 
-/// Writes "line:column: reason" for the byte at `offset`, cut to `size`; Lines and columns count from 1. Columns are
+/// Writes "line:column: reason" for the byte at `offset`, cut to `size`. Lines and columns count from 1. Columns are
 /// characters of UTF-8. A null `out` is ignored.
 inline void write_text_error(char* out, size_t size, std::string_view text, size_t offset,
                              const char* reason) noexcept {

@@ -63,8 +63,8 @@ struct dash_segment {
 };
 
 struct dash_property_t {
-    const char* token;  ///< valid as long as the context
-    uint64_t start, end;
+    const char* token;       ///< valid as long as the context
+    uint64_t start, end;     ///< of the range, microseconds UTC; both 0 for live
     uint32_t width, height;  ///< of the pictures, or of the registry before there are any
     uint8_t profile;         ///< the profile_idc, likewise
 };
@@ -144,6 +144,7 @@ INET_API char* net_dash_manifest(net::dash_ctx* ctx, const char* file, int line)
 /// @return null when there is none, or its file cannot be read
 INET_API const net::dash_segment* net_dash_segment_video(net::dash_ctx* ctx, const char* name) noexcept;
 INET_API void net_dash_segment_close(net::dash_ctx* ctx, const net::dash_segment* segment) noexcept;
+/// Bytes, type and duration of such a segment. Valid until net_dash_segment_close().
 INET_API net::dash_info net_dash_segment_info(const net::dash_ctx* ctx, const net::dash_segment* segment) noexcept;
 
 /// A share of a segment, or of the init segment, by name. No lock is held after the call. Of a live context nothing is

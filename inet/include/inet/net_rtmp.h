@@ -134,7 +134,9 @@ public:
     /// @return 1, or 0 when memory is out: the settings are then as before
     int set(const rtmp_settings_t& settings) noexcept;
 
-    /// Reads a URL: SCHEME "://" HOST [":" PORT] ["/" PATH].
+    /// Reads a URL: SCHEME "://" HOST [":" PORT] ["/" PATH]. A user and password are not taken. Where a server asks by
+    /// "authmod=adobe", the owner puts inet::rtmp::login_response() behind the application's name and connects anew, as
+    /// media::watcher does.
     ///     scheme   in any case: "rtmp" 0, "rtmpt" 1, "rtmpe" 2, "rtmpte" 3, "rtmps" 4, "rtmpts" 5, "rtmfp" 8; any other 0
     ///     host     up to ":" or "/", at most 255 characters
     ///     port     decimal, at most 65535; none or 0 for 1935

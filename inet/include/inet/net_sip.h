@@ -2,6 +2,9 @@
 /// (RFC 3264, RFC 3550), sends and receives DTMF digits, subscribes to presence (RFC 3856). Sound is PCMU of 8000 Hz,
 /// pictures are H.264.
 ///
+/// Challenges are answered by Digest (RFC 7616: MD5, SHA-256) or Basic. Reliable provisional answers are acknowledged
+/// (RFC 3262). Digits go in INFO (RFC 6086), and come in INFO or as RTP events (RFC 4733).
+///
 /// All calls, but net_sip_post(), belong to the agent's network thread. All callbacks come from it. From inside a
 /// callback every call is allowed but net_sip_close().
 ///
@@ -22,12 +25,13 @@
 ///     32 seconds    for an answer to a request, and for the ACK of a 200 (the call then ends, event 2)
 ///     2 minutes     in a call without media from the other end, until OPTIONS asks whether it is there (event 2 or 4)
 ///     3 minutes     for a call that rings, in or out (event 2 or 4)
-///     30 seconds    between registrations, which hold for 60
+///     30 seconds    between registrations. Each holds for 60 seconds, or for the Min-Expires of a 423, a day at most
 ///     10 seconds    to connect over TCP; 2 seconds until a lost transport is opened again
 ///
 /// Calls are matched by Call-ID and the tags of both ends, so that no peer ends the call of another by guessing. A
 /// message without a field that RFC 3261, 8.1.1 requires, or one that contradicts itself, is answered 400 and not acted
-/// on; other errors that RFC 4475 lists get the answers named there. A method that is not known gets no answer.
+/// on; other errors that RFC 4475 lists get the answers named there. A REGISTER, a SUBSCRIBE and a method that is not
+/// known get no answer.
 ///
 /// Bounds for one agent. What comes in beyond them is answered 503, a call 486:
 ///     header               4098 bytes; a longer one ends a TCP connection, a datagram is dropped
@@ -55,11 +59,12 @@ struct sip_request;
 
 /// What sip_info::on_call reports.
 enum sip_call_event_t : uint32_t {
-    sip_call_answered = 0,      ///< our INVITE was answered 200, media has started
-    sip_call_incoming = 1,      ///< an INVITE came and was answered 180: net_sip_accept() or net_sip_decline()
-    sip_call_ended = 2,         ///< BYE or CANCEL came, a time has passed, or net_sip_bye()
-    sip_call_failed = 4,        ///< 404, 480, 481, another error, or no answer; the user is null for a REGISTER
-    sip_call_busy = 5,          ///< 486
+    sip_call_answered = 0,  ///< our INVITE was answered 200, media has started
+    sip_call_incoming = 1,  ///< an INVITE came and was answered 180: net_sip_accept() or net_sip_decline()
+    sip_call_ended = 2,     ///< BYE or CANCEL came, a time has passed, or net_sip_bye()
+    sip_call_failed = 4,  ///< an INVITE, REGISTER or SUBSCRIBE was refused, or an INVITE not answered; or 481 came in a
+                          ///< call. The user is null for a REGISTER
+    sip_call_busy = 5,    ///< 486
     sip_call_ringing = 6,       ///< 180 or 183
     sip_call_searching = 7,     ///< 100 to a REGISTER; the user is null
     sip_call_unauthorized = 8,  ///< credentials were refused; the user is null for a REGISTER
@@ -74,7 +79,7 @@ enum sip_account_event_t : uint32_t {
 
 /// Copied at open. Any callback may be null.
 struct sip_info {
-    nt_ctx* nt;  ///< runs longer than the agent
+    nt_ctx* nt;  ///< runs longer than the agent; not null
     void* user;  ///< handed to every callback
     void (*on_call)(void* user, sip_user* party, uint32_t event);
     void (*on_account)(void* user, void* object, uint32_t event, const char* text);  ///< `text` may be null
@@ -109,13 +114,14 @@ INET_API void net_sip_set_dtmf(net::Sip* sip, int mode) noexcept;
 // Accounts
 
 /// Makes an account, opens its transport over UDP, and registers it.
-/// @param server  address or name, whose look-up blocks
-/// @param port    0 for 5060
-/// @return null if agent, user or server is null, or when memory is out
+/// @param password  null for none
+/// @param server    address or name, whose look-up blocks
+/// @param port      0 for 5060
+/// @return null if agent, user or server is null, for a port above 65535, or when memory is out
 INET_API net::sip_account* net_sip_register(net::Sip* sip, const char* user, const char* password, const char* server,
                                             unsigned port, const char* file, int line) noexcept;
 
-/// As net_sip_register(), over a transport of sip_transport_t.
+/// As net_sip_register(), over a transport of sip_transport_t; null for another number.
 INET_API net::sip_account* net_sip_register_over(net::Sip* sip, int transport, const char* user, const char* password,
                                                  const char* server, unsigned port, const char* file,
                                                  int line) noexcept;
@@ -128,7 +134,11 @@ INET_API void net_sip_unregister(net::sip_account* account) noexcept;
 
 /// Calls a user of the account's server.
 /// @param session  another call, to which the user is invited as well; null for a new one
-/// @return null without account or callee, when the transport is not connected, no ports are free, or memory is out
+/// @return null:
+///     - without account or callee,
+///     - when the transport is not connected,
+///     - when there are 120 calls, or no ports are free, or
+///     - when memory is out
 INET_API net::sip_user* net_sip_invite(net::sip_account* account, net::sip_session* session, const char* callee,
                                        void* arg, net::sip_frame_callback callback) noexcept;
 
@@ -167,7 +177,8 @@ INET_API net::sip_account* net_sip_user_account(net::sip_user* party) noexcept;
 
 /// SUBSCRIBE with Contact "*" in the registration session.
 INET_API void net_sip_contacts(net::sip_account* account) noexcept;
-/// Subscribes to the presence of a user. Each NOTIFY is told by on_account.
+/// Subscribes to the presence of a user for an hour. It is not renewed: call it again before. Each NOTIFY is told by
+/// on_account.
 INET_API void net_sip_subscribe(net::sip_account* account, const char* user) noexcept;
 /// Ends a subscription; nothing for a user who is not subscribed to.
 INET_API void net_sip_unsubscribe(net::sip_account* account, const char* user) noexcept;

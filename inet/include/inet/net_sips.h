@@ -9,11 +9,16 @@
 ///     ACK, BYE     forwarded; 480 when the other end is not known or has no connection
 ///     SUBSCRIBE    answered 200, and by a NOTIFY with the names of all other bound users, now and at every REGISTER:
 ///                  content type "application/pidf-xml", body such as ["anna","boris"]. Who has 64 KiB unread gets
-///                  the newest one when it has read them
+///                  the newest one when it has read them. The subscription belongs to the connection: a user who
+///                  registers over another one subscribes anew. Before the sender is bound no NOTIFY goes
 ///     others       405
-/// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body, but for the
-/// address in the request line: the callee's name at our address. An INVITE gets a Record-Route in front, so that phones
-/// send what follows in the call this way, too.
+/// Names are compared as they are meant: "%61nna" is "anna".
+///
+/// Responses go to the user named in From, as they came. What is forwarded keeps its fields and its body. Changed are:
+///     request line    it names the callee at our address
+///     Record-Route    an INVITE gets one in front, or two where its phones have reached us by two addresses. Phones
+///                     then send what follows in the call this way, too
+///     Content-Length  a message without one gets "Content-Length: 0"
 ///
 /// A user stays bound until another binding replaces it or the connection closes; Expires is not read. Two line ends
 /// between messages are answered by one: the connection lives (RFC 5626, 4.4.1).
@@ -24,10 +29,11 @@
 ///     time for the rest of a message      32 seconds
 ///     output that the peer does not read  256 KiB, and 32 seconds in which it reads neither 64 KiB nor all
 ///     in all, for a connection            324 KiB
-///     connections                         nt_places of the network thread (inet/net_thread.h). For a new one the oldest
-///                                         is closed that no user is bound to; when there is none, the new one
-/// Also closed is a connection whose Content-Length is no number, after 400. A header that is no message, or has a line
-/// end that is not CR LF, is left out; one that holds a NUL is not forwarded (400).
+///     connections                         nt_places of the network thread (inet/net_thread.h), 100 of them without a
+///                                         user. For a new one the oldest is closed that no user is bound to; when there
+///                                         is none, the new one
+/// Also closed is a connection whose Content-Length is no number, a request after its 400. A header that is no message,
+/// or has a line end that is not CR LF, is left out. One that holds a NUL is not forwarded; a request is answered 400.
 ///
 /// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. Methods and headers that are
 /// not known are also told on the console, in 20 lines a second at most.
@@ -38,7 +44,8 @@
 ///                              nobody is bound, or all refuse, it is declined
 ///     a call from the relay    to the gateway's name goes to one user outside, or is declined
 /// Pictures and sound go through the gateway, from call to call, as they are. Digits do not: the relay has no INFO. A
-/// call through it takes two of the agent's calls, and each user who rings one: the bounds of the agent hold.
+/// call ends when its phone on the relay has sent neither sound, pictures nor reports for three minutes. It takes two of
+/// the agent's calls, and each user who rings one: the bounds of the agent hold.
 #pragma once
 
 #include "core/api.h"
@@ -97,7 +104,11 @@ INET_API unsigned net_sipsrv_port(const net::SipServer* server) noexcept;
 INET_API void net_sipsrv_close(net::SipServer* server) noexcept;
 
 /// Opens a gateway; it registers as soon as the network thread gets to it. Any thread.
-/// @return null when the info, its thread, name or server is null, or when memory is out
+/// @return null:
+///     - when the info, its thread, name or server is null,
+///     - for a server_port above 65535, or
+///     - when memory is out.
+/// When the port of the relay cannot be had, the gateway runs without it: net_sipsrv_port() is then 0.
 INET_API net::Sips* net_sips_open(const net::sips_info* info, const char* file, int line) noexcept;
 
 /// The gateway's server, for net_sipsrv_port(). It ends with the gateway.

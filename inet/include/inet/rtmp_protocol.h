@@ -80,7 +80,8 @@ INET_API uint32_t stream_name(const play_t& play, uint32_t which, char* out, uin
 
 /// What proves the password to a server that asks with "authmod=adobe": Base64 of the MD5 of three texts, of which the
 /// first is Base64 of the MD5 of user, salt and password. Any thread.
-/// @param own  the player's own challenge
+/// @param salt, challenge  as the server has sent them
+/// @param own              the player's own challenge
 /// @return text to free with core_mfree(); null when memory is out
 INET_API char* login_response(const char* user, std::string_view salt, const char* password, std::string_view challenge,
                               std::string_view own, const char* file, int line) noexcept;
@@ -94,7 +95,7 @@ inline constexpr uint32_t server_key_size = 68;
 /// Owner of a session.
 class INET_API IRtmp {
 public:
-    /// @return 1 to accept the player, 0 to refuse it; 1 unless overridden
+    /// The texts are valid until the call returns. @return 1 to accept the player, 0 to refuse it; 1 unless overridden
     virtual int on_connect(Rtmp* rtmp, const char* app, const char* tc_url) noexcept;
     /// @return 1 when the player shall have the stream; 0 when it is not there. Frames are taken after the answer, so
     ///         not yet inside. Another play ends the one before without on_close()
@@ -119,9 +120,10 @@ public:
 
     void set_handler(IRtmp* handler) noexcept;
 
-    /// Whether the client's digest is checked; off unless set. A plain client that fails is given the simple answer, one
-    /// packet, on which many players wait for ever; an encrypted one is refused. While it is off, scheme 0 is taken for
-    /// granted: players of RTMPE use scheme 1, too, so owners that serve them switch it on and set their keys.
+    /// Whether the client's digest is checked; off unless set. Off, scheme 0 is assumed. Players of RTMPE use scheme 1,
+    /// too: who serves them sets this on, and the keys. On, when the check fails:
+    ///     - a plain client gets the simple answer, one packet, on which many players wait for ever,
+    ///     - an encrypted client is refused.
     void set_validate(bool on) noexcept;
     /// Replaces the keys of the digests, of all sessions made later. Players that check the server, as those of RTMPE
     /// do, know fixed keys, and refuse the values that stand here unless set. Not while sessions are made. A null key

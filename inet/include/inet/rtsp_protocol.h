@@ -215,7 +215,7 @@ enum class parameter_sets_t : uint8_t {
 
 class Rtsp;
 
-/// Owner of a session.
+/// Owner of a session. The call comes from the thread that drives the session; see above what each event asks for.
 class INET_API IRtsp {
 public:
     virtual void on_rtsp_event(Rtsp* rtsp, event_t::enum_t event) noexcept = 0;

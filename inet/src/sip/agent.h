@@ -181,7 +181,8 @@ public:
     }
 
     // transport.cpp
-    sip_account* add_account(int transport, const char* user, const char* password, const char* server, uint32_t port);
+    sip_account* add_account(int transport, const char* user, const char* password, const char* server, uint32_t port,
+                             const char* asked_in, int asked_at);
     void open_transport(sip_account& account);
     void connected(sip_account& account);
     in_addr media_address(const sip_account& account, in_addr peer) const;

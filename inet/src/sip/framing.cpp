@@ -64,13 +64,15 @@ piece_t cut(std::string_view bytes, bool datagram) noexcept {
     if (bytes[0] == '$') return cut_interleaved(bytes);
 
     const int found = http_find_header(bytes.data(), static_cast<unsigned>(bytes.size()));
-    if (found < 0) return {.what = cut_t::broken};
+    if (found < 0 || static_cast<uint32_t>(found) > max_header) return {.what = cut_t::broken};
     if (found == 0) return {};
     piece_t piece{.what = cut_t::message, .head = bytes.substr(0, static_cast<size_t>(found))};
     const length_t length = read_length(piece.head);
     const size_t rest = bytes.size() - piece.head.size();
     size_t wanted = length.value.value_or(datagram ? static_cast<uint32_t>(rest) : 0);
-    if (length.bad) wanted = 0;
+    // What begins with no message has no body either: it is left out, and the next one may follow.
+    const bool none = piece.head.substr(0, piece.head.find('\n')).find(' ') == std::string_view::npos;
+    if (length.bad || none) wanted = 0;
     piece.has_length = length.value.has_value();
     piece.bad_length = length.bad;
     if (wanted > rest && datagram) {

@@ -15,6 +15,8 @@ namespace {
 constexpr unsigned usual_port = 5060;
 constexpr uint64_t longest_close = sip::second;
 constexpr uint64_t close_step = 10 * sip::ms;
+constexpr uint64_t longest_silence = 180 * sip::second;
+constexpr int clock_step = 10;  // seconds
 constexpr size_t most_late = size_t{2} * sip::most_calls;
 
 struct value_list_deleter {
@@ -47,6 +49,7 @@ uint64_t Sips::shut_down(bool may_wait) noexcept {
     const uint64_t now = core_timer();
     if (closes_at_ == 0) {
         closes_at_ = now + longest_close;
+        net_nt_timer_set(info_.nt, clock_, 0, this, on_clock);
         while (!bridges_.empty())
             end(*bridges_.back(), nullptr);
     }
@@ -79,7 +82,8 @@ bool Sips::open() noexcept {
     agent_ = net_sip_open(&agent, file_, line_);
     server_ = net_sipsrv_open_at(info_.nt, table.get(), info_.port ? info_.port : usual_port, file_, line_);
     info_.users = nullptr;
-    return agent_ && server_ &&
+    if (agent_ && server_) net_nt_timer_set(info_.nt, clock_, clock_step, this, on_clock);
+    return agent_ && server_ && clock_ &&
            net_sip_post(
                agent_, [](void*, void* self) { static_cast<Sips*>(self)->register_accounts(); }, this);
 }
@@ -112,6 +116,21 @@ void Sips::on_account(void* arg, void* object, uint32_t event, const char*) noex
         self.tell(sips_registered,
                   static_cast<sip_session*>(object)->account == self.inside_ ? "" : self.outside_server_.c_str());
     if (event == sip_account_closed && object == self.outside_) self.tell(sips_lost, self.outside_server_.c_str());
+}
+
+void Sips::on_clock(void* arg, timer_ctx*) noexcept { static_cast<Sips*>(arg)->end_silent_calls(); }
+
+/// A phone behind the relay that has vanished is not noticed otherwise: the relay answers in its place when the agent
+/// asks whether it is there.
+void Sips::end_silent_calls() noexcept {
+    const uint64_t now = core_timer();
+    for (size_t i = bridges_.size(); i-- > 0;) {
+        if (i >= bridges_.size()) continue;  // more than one ended
+        sip::bridge& call = *bridges_[i];
+        const sip_user* const inside = call.caller->account == inside_ ? call.caller : call.callee;
+        if (call.callee && std::max(net_sip_user_heard(inside), call.joined_at) + longest_silence <= now)
+            end(call, nullptr);
+    }
 }
 
 void Sips::on_frame(void* arg, sip_user* party, av::frame_t* frame) noexcept {
@@ -158,6 +177,7 @@ void Sips::take_answer(sip_user& party) noexcept {
     sip::bridge* const call = find(party);
     if (!call || call->callee) return;
     call->callee = &party;
+    call->joined_at = core_timer();
     const core::vector<sip_user*> others = std::exchange(call->rung, {});
     tell(sips_joined, net_sip_user_name(&party));
     net_sip_accept(call->caller, call, on_frame);
@@ -187,8 +207,10 @@ void Sips::end(sip::bridge& call, const sip_user* gone) noexcept {
 /// A call that nobody has answered ends with CANCEL, which the relay refuses; with BYE, as soon as the other end is known
 /// (RFC 3261, 15).
 void Sips::hang_up(sip_user& party) noexcept {
-    const bool waits = party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late;
-    if (waits) return late_.push_back(&party);
+    party.frame_to = nullptr;  // its bridge goes
+    const bool rings = party.invite && !party.invite->incoming;
+    if (rings && party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late)
+        return late_.push_back(&party);
     net_sip_bye(&party);
 }
 

@@ -17,6 +17,7 @@ struct bridge {
     net::sip_user* caller = nullptr;
     net::sip_user* callee = nullptr;    ///< who has answered
     core::vector<net::sip_user*> rung;  ///< who has not answered yet
+    uint64_t joined_at = 0;             ///< core_timer(); 0 before
 };
 
 }  // namespace sip
@@ -42,6 +43,8 @@ private:
     static void on_account(void* arg, void* object, uint32_t event, const char* text) noexcept;
     static void on_frame(void* arg, sip_user* party, av::frame_t* frame) noexcept;
     void register_accounts() noexcept;
+    static void on_clock(void* arg, timer_ctx* timer) noexcept;
+    void end_silent_calls() noexcept;
     uint64_t shut_down(bool may_wait) noexcept;
     bool awaits_answers() const noexcept;
     void take_call(sip_user& caller) noexcept;
@@ -65,7 +68,8 @@ private:
     sip_account* inside_ = nullptr;
     core::vector<core::owned_object<sip::bridge>> bridges_;
     core::vector<sip_user*> late_;  ///< to be hung up when they ring: until then the relay cannot end their calls
-    uint64_t closes_at_ = 0;        ///< while it closes: at the latest
+    timer_ctx* clock_ = nullptr;
+    uint64_t closes_at_ = 0;  ///< while it closes: at the latest
     sip::ending ending_;
 };
 

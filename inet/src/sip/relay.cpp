@@ -4,6 +4,7 @@
 #include "scan.h"
 
 #include "core/time.h"
+#include "inet/net_uri.h"
 
 #include <algorithm>
 
@@ -46,15 +47,25 @@ relay::relay(value_t* const* users, const char* file, int line) : file_(file), l
     });
 }
 
-relay_user* relay::find(std::string_view name) noexcept {
+/// A password is no part of a name; "%61" means 'a' (RFC 3261, 19.1.1 and 19.1.4).
+relay_user* relay::find(std::string_view name) {
+    name = name.substr(0, name.find(':'));
+    relay_user* const found = find_plain(name);
+    if (found || name.find('%') == name.npos) return found;
+    const core::owned_text plain(uri_decode_part(name.data(), name.data() + name.size(), file_, line_));
+    if (!plain) throw std::bad_alloc();
+    return find_plain(plain.get());
+}
+
+relay_user* relay::find_plain(std::string_view name) noexcept {
     const auto by = [](const relay_user* each) { return std::string_view(each->name); };
     const auto found = std::ranges::lower_bound(by_name_, name, {}, by);
     return found == by_name_.end() || by(*found) != name ? nullptr : *found;
 }
 
 bool relay::reaches(std::string_view name) noexcept {
-    const relay_user* const found = find(name);
-    return found && found->at;
+    const relay_user* const found = find_plain(name);
+    return found && found->reached();
 }
 
 /// A console is slow, and a peer must not fill it; the log has every line.
@@ -130,7 +141,7 @@ uint32_t relay::take_message(party& from, const piece_t& message) {
     } else if (header->method) {
         take_request(from, *header, message);
     } else if (const relay_user* caller = find(user_of(field(*header, "From")));
-               caller && caller->at && !has_nul(head)) {
+               caller && caller->reached() && !has_nul(head)) {
         pass_on(*caller->at, head.substr(0, head.find("\r\n")), message);
     }
     return message.used;
@@ -146,7 +157,7 @@ void relay::take_request(party& from, const header_t& header, const piece_t& mes
     if (has_nul(message.head)) return answer(from, header, 400);
     if (method == "INVITE") return take_invite(from, *sender, header, message);
     const relay_user* const target = find(user_of(field(header, "To")));
-    if (!target || !target->at) return answer(from, header, 480);
+    if (!target || !target->reached()) return answer(from, header, 480);
     forward(from, *target->at, method, message);
 }
 
@@ -165,14 +176,15 @@ void relay::take_invite(party& from, relay_user& sender, const header_t& header,
     }
     const relay_user* const target = find(user_of(field(header, "To")));
     if (!target) return;
-    if (!target->at) return answer(from, header, 480);
+    if (!target->reached()) return answer(from, header, 480);
     answer(from, header, 100);
     forward(from, *target->at, "INVITE", message);
 }
 
-/// One who has not registered yet is announced to once it has.
+/// One who has not registered yet, or only on a connection that is dead, is announced to once it has registered here.
 void relay::take_subscribe(party& from, relay_user& sender, const header_t& header) {
-    (sender.at ? *sender.at : from).presence = true;
+    if (!from.user) from.presence = true;
+    if (sender.at) sender.at->presence = true;
     answer(from, header, 200);
     announce(sender);
 }

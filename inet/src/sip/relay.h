@@ -19,6 +19,8 @@ struct party;
 
 /// An entry of the table.
 struct relay_user {
+    bool reached() const noexcept;  ///< it has a connection that is not about to be closed
+
     core::string name, value;
     party* at = nullptr;                  ///< null while it is not registered
     size_t listed_at = 0, listed_to = 0;  ///< its part of the list of names
@@ -40,6 +42,8 @@ struct party {
     bool waits = false;  ///< stands in relay::waiting()
     bool lost = false;   ///< a bound is passed: it has to be closed, nothing more is taken or sent
 };
+
+inline bool relay_user::reached() const noexcept { return at && !at->lost; }
 
 class relay {
 public:
@@ -78,7 +82,8 @@ private:
     void take_subscribe(party& from, relay_user& sender, const header_t& header);
     void refuse(party& from, const header_t& header, std::string_view method);
     bool may_print() noexcept;
-    relay_user* find(std::string_view name) noexcept;
+    relay_user* find(std::string_view name);
+    relay_user* find_plain(std::string_view name) noexcept;
     void bind(relay_user& user, party& to) noexcept;
 
     // relay_output.cpp

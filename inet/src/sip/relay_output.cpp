@@ -3,6 +3,8 @@
 #include "scan.h"
 #include "sip/relay.h"
 
+#include "inet/net_uri.h"
+
 #include <algorithm>
 
 namespace sip {
@@ -14,16 +16,21 @@ constexpr std::string_view server_methods = "ACK, BYE, CANCEL, INVITE, MESSAGE, 
 
 }  // namespace
 
-/// Every Via is copied: an answer goes back the whole way.
+/// Every Via is copied, for an answer goes back the whole way, and every Contact, among which a phone seeks its own.
 void relay::answer(party& to, const header_t& header, unsigned status) {
     head_.clear();
     head_.append("SIP/2.0 ").append(number_text(status)).append(" ").append(reason(status)).append("\r\n");
-    for (value_t* const* each = header.fields; each && *each; ++each) {
-        const std::string_view name = scan::trim((*each)->key, " \t");
-        if (scan::same_name(name, "Via") || scan::same_name(name, "v")) put(head_, "Via", {scan::text((*each)->value)});
-    }
-    for (const std::string_view name : {"From", "To", "Call-ID", "Contact", "CSeq"})
-        if (const std::string_view value = field(header, name); !value.empty()) put(head_, name, {value});
+    const auto copy = [&](std::string_view name, bool all) {
+        bool first = true;
+        for (value_t* const* each = header.fields; each && *each && (all || first); ++each) {
+            if (!is_named((*each)->key, name)) continue;
+            const std::string_view value = scan::trim(scan::text((*each)->value), " \t");
+            if (all || !value.empty()) put(head_, name, {value});
+            first = false;
+        }
+    };
+    for (const std::string_view name : {"Via", "From", "To", "Call-ID", "Contact", "CSeq"})
+        copy(name, name == "Via" || name == "Contact");
     put(head_, "Allow", {server_methods});
     put(head_, "User-Agent", {server_name});
     put_body(head_, {});
@@ -33,7 +40,9 @@ void relay::answer(party& to, const header_t& header, unsigned status) {
 /// The target is bound. Phones say what follows in a call by way of those that its INVITE names (RFC 3261, 16.6): else
 /// they would connect to each other, where nobody listens.
 void relay::forward(const party& from, party& to, std::string_view method, const piece_t& message) {
-    core::string start = join({method, " sip:", to.user->name, "@", to.local, " SIP/2.0"});
+    const core::owned_text name(uri_encode_rest(to.user->name.c_str(), file_, line_));
+    if (!name) throw std::bad_alloc();
+    core::string start = join({method, " sip:", name.get(), "@", to.local, " SIP/2.0"});
     const bool call = method == "INVITE";
     if (call && !to.route.empty()) start.append("\r\nRecord-Route: ").append(to.route);
     if (call && from.route != to.route) start.append("\r\nRecord-Route: ").append(from.route);

@@ -17,6 +17,7 @@ constexpr uint32_t largest_room = max_header + max_body;
 constexpr uint32_t kept_output = 16 * 1024;
 constexpr unsigned longest_part = 32;   // seconds until the rest of a message has come
 constexpr unsigned longest_stall = 32;  // seconds without reading
+constexpr ptrdiff_t most_strangers = 100;
 
 core::string dotted(const sockaddr_in& address) {
     char text[net_addr_size];
@@ -121,9 +122,12 @@ bool SipServer::accept(int fd, const sockaddr_in& peer) {
     connections_.reserve(connections_.size() + 1);
     relay_.expect(connections_.size() + 1);
     core::owned_object<sip::connection> made = make_connection();
-    const auto unused = std::ranges::find_if(connections_, [](const auto& each) { return !each->user; });
-    if (made && !made->has_place() && unused != connections_.end()) {
-        remove(**unused);
+    // The places are also those of viewers and calls: strangers have a few of them.
+    const auto is_stranger = [](const auto& each) { return !each->user; };
+    const bool many = std::ranges::count_if(connections_, is_stranger) >= sip::most_strangers;
+    const auto oldest = std::ranges::find_if(connections_, is_stranger);
+    if (made && (many || !made->has_place()) && oldest != connections_.end()) {
+        remove(**oldest);
         made.reset();  // and with it a place that it counted as too many
         made = make_connection();
     }

@@ -18,9 +18,10 @@ constexpr uint64_t reopen_time = 2 * sip::second;
 
 }  // namespace
 
-sip_account* Sip::add_account(int transport, const char* user, const char* password, const char* server,
-                              uint32_t port) {
-    core::owned_object<sip_account> made = sip::make<sip_account>(*this);
+sip_account* Sip::add_account(int transport, const char* user, const char* password, const char* server, uint32_t port,
+                              const char* asked_in, int asked_at) {
+    core::owned_object<sip_account> made(core::create<sip_account>(asked_in, asked_at));
+    if (!made) throw std::bad_alloc();
     made->agent = this;
     made->user = user;
     made->password = password ? password : "";
@@ -88,7 +89,7 @@ void Sip::close_transport(sip_account& account, bool lost) {
     for (const auto& each : requests)
         if (each->account == &account && each->incoming) each->resend_at = 0;
     tell_account(&account, sip_account_closed, nullptr);
-    core_con_printf(0, "sip disconnected... from: %s", account.server.c_str());
+    if (lost) core_con_printf(0, "sip disconnected... from: %s", account.server.c_str());
 }
 
 void Sip::account_due(sip_account& account) {

@@ -8,9 +8,12 @@
 ///     web->serve("/state", on_state, this);
 ///     station.add(web);
 ///
-/// What is answered for all of them: 404 for another path, 405 for another method of a path that is there, HEAD,
-/// conditional and range requests of documents, 400 for a request that cannot be read, 413, 415 and 431 with the end of
-/// the connection. With a user each request needs a Digest answer (RFC 7616, MD5), but those of paths that are open.
+/// For all of them the service
+///     - answers HEAD, and conditional and range requests of documents,
+///     - answers 404 for another path, and 405 for another method of a known path,
+///     - answers 400 for a request that cannot be read,
+///     - answers 413, 415 and 431, and ends the connection.
+/// With a user each request needs a Digest answer (RFC 7616, MD5). Open paths need none.
 ///
 /// A path is compared as it is decoded. One with an encoded separator or NUL, bytes that are no UTF-8, or a '%' that
 /// begins no code is none.
@@ -40,7 +43,7 @@ struct http_settings_t {
     const char* user = nullptr;  ///< with a password
     const char* password = nullptr;
     uint32_t body = 64 * 1024;  ///< bytes of the longest request body
-    unsigned timeout = 30;      ///< seconds
+    unsigned timeout = 30;      ///< seconds of silence after which a connection without a whole request is closed
     unsigned stall = 10;        ///< seconds after which a peer that takes next to nothing is dropped
 };
 
@@ -108,7 +111,7 @@ public:
                       bool open = false) noexcept = 0;
     /// Serves a document, whose bytes and texts stay valid as long as the service.
     virtual int serve(const char* path, const document_t& what) noexcept = 0;
-    /// What of station::totals() is this service's, counted when that is. Any thread.
+    /// This service's share of station::totals(). It is counted at the same moments. Any thread.
     virtual station::totals_t totals() const noexcept = 0;
 };
 

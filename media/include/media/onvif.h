@@ -25,8 +25,8 @@
 /// token, else with 401 and a challenge.
 ///
 /// Addresses name the interface that the request came in on:
-///     streams    RTSP, for RTP over UDP and multicast and in the connection of RTSP; for RTSP over HTTP the same path at
-///                the port of the HTTP service
+///     streams    RTSP, with RTP over UDP, multicast, or inside the RTSP connection. For RTSP over HTTP: the same path
+///                at the port of the HTTP service
 ///     snapshots  of streams with JPEG pictures: /NAME.jpg of the HTTP service
 /// A stream whose formats are not known yet, such as a source that nobody watches, is described by the last that was
 /// known, else as H264 of 1920 x 1080 with 25 pictures a second. Asking for it fetches nothing. Sound that RTSP does not

@@ -43,7 +43,7 @@ struct rtmp_settings_t {
 /// Made by rtmp_service().
 class MEDIA_API rtmp_service_t : public service {
 public:
-    /// What of station::totals() is this service's, counted when that is. Any thread.
+    /// This service's share of station::totals(). It is counted at the same moments. Any thread.
     virtual station::totals_t totals() const noexcept = 0;
 };
 

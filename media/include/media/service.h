@@ -24,9 +24,9 @@
 /// A client may change from one way to the other when cursor::position() equals thread::position().
 ///
 /// Bounds for one thread:
-///     clients        500, less the places() that clients take beyond one, and the places of watchers that run on the
-///                    thread (media/watcher.h): it watches 512 descriptors. One client more replaces the oldest idle()
-///                    client
+///     clients        500, less the places() that clients take beyond one, the places of watchers that run on the
+///                    thread (media/watcher.h), and four for each call over SIP (media/sip.h): the thread watches 512
+///                    descriptors. One client more replaces the oldest idle() client
 ///     first bytes    4096 bytes and ten seconds for each connection that is not claimed yet
 ///
 /// All virtual calls come from the thread of the client or part, except port(), claims() and addresses(), which come

@@ -61,22 +61,22 @@ struct sip_event_t {
     sip_reason_t reason = sip_reason_t::none;
     uint32_t call = 0;      ///< its number; 0 for none
     const char* peer = "";  ///< user name of the other end, as it came
-    char digit = 0;         ///< 0 to 9, '*', '#', 'A' to 'D'
+    char digit = 0;         ///< a character: '0' to '9', '*', '#', 'A' to 'D'; 0 for none
 };
 
 /// The texts are copied, the streams held.
 struct sip_settings_t {
     const char* user = nullptr;
-    const char* password = nullptr;
-    const char* server = nullptr;  ///< address or name
-    uint16_t port = 0;             ///< of the server; 0 for 5060
-    bool tcp = false;              ///< else UDP
-    stream* sends = nullptr;       ///< null: calls are sent nothing
-    stream* takes = nullptr;       ///< null: what comes goes into no stream
-    bool answers = true;           ///< calls that come are answered, else declined
-    bool at_key = true;            ///< calls begin with the last key picture, else with the next one
-    unsigned silence = 180;        ///< seconds without RTP or RTCP of the other end after which a call ends; 0: when
-                                   ///< the agent finds that it is gone (inet/net_sip.h), which some relays hide
+    const char* password = nullptr;  ///< null for none
+    const char* server = nullptr;    ///< address or name
+    uint16_t port = 0;               ///< of the server; 0 for 5060
+    bool tcp = false;                ///< else UDP
+    stream* sends = nullptr;         ///< null: calls are sent nothing
+    stream* takes = nullptr;         ///< null: what comes goes into no stream
+    bool answers = true;             ///< calls that come are answered, else declined
+    bool at_key = true;              ///< calls begin with the last key picture, else with the next one
+    unsigned silence = 180;          ///< seconds without RTP and RTCP of the other end, after which a call ends. 0: the
+                                     ///< agent asks by OPTIONS (inet/net_sip.h). Some relays answer in its place
     void (*on_event)(void* arg, const sip_event_t& event) = nullptr;
     /// @param frame  H.264 in Annex B form, or PCMU. Its `time` counts on from the first frame of its call
     void (*on_frame)(void* arg, uint32_t call, const av::frame_t& frame) = nullptr;
@@ -88,12 +88,14 @@ class MEDIA_API sip_service_t : public service {
 public:
     // Any thread, between station::start() and station::stop(). An order that comes too late is left out.
 
-    /// Calls a user of the server, as soon as the account is registered. @return the number of the call; 0 when the
-    /// station does not run, or memory is out
+    /// Calls a user of the server, as soon as the account is registered.
+    /// @param user  name at the server, without its address
+    /// @return the number of the call; 0 without a user, when the station does not run, or when memory is out
     virtual uint32_t call(const char* user) noexcept = 0;
     /// Ends a call. Nothing for one that has ended.
     virtual void hang_up(uint32_t call) noexcept = 0;
     /// Sends digits to the other end of an answered call, by SIP INFO ("application/dtmf-relay").
+    /// Other characters are passed over. Nothing happens before the call is answered.
     virtual void press(uint32_t call, const char* digits) noexcept = 0;
 };
 
@@ -102,14 +104,14 @@ MEDIA_API sip_service_t* sip_service(const sip_settings_t& settings) noexcept;
 
 /// Copied.
 struct sip_relay_settings_t {
-    uint16_t port = 5060;         ///< of 0.0.0.0, whatever the station is bound to
+    uint16_t port = 5060;         ///< of 0.0.0.0, whatever the station is bound to; 1 to 65535
     const char* users = nullptr;  ///< names, separated by ','
 };
 
 /// Registrar and relay over TCP, without passwords: the users call each other, and media goes from phone to phone. Start
 /// of the station fails when the port cannot be had. It runs on the station's first thread; each connection takes a
 /// place.
-/// @return a service for station::add(); null without users, or when memory is out
+/// @return a service for station::add(); null without users, for port 0, or when memory is out
 MEDIA_API service* sip_relay_service(const sip_relay_settings_t& settings) noexcept;
 
 }  // namespace media
