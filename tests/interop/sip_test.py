@@ -1,4 +1,5 @@
 """SIP: the camera is called, through its own relay and through a real server, by the viewer and by a real phone."""
+import itertools
 import os
 import time
 
@@ -10,8 +11,9 @@ FILES = "-o", "a.h264", "-o", "a.wav", "-o", "a.mp4"
 
 
 def wait_for(camera, text):
-    """What it prints behind a text."""
-    return next(line.partition(text)[2] for line in camera.process.stdout if text in line)
+    """What it prints behind a text, which may have come before it was ready."""
+    lines = itertools.chain(camera.printed, camera.process.stdout)
+    return next(line.partition(text)[2] for line in lines if text in line)
 
 
 class CallCase(ViewerCase):
