@@ -58,12 +58,15 @@ export async function open(url, { prepare, ...options } = {}) {
   return page;
 }
 
-/** Waits until each of them has shown four different pictures from now on. */
-export const change = (page, which) => Promise.all(which.map(async (selector) => page.waitForFunction(([shown, all]) => {
+/** Waits until in the place of each four different pictures were shown from now on: each try of a film has an element of
+ * its own. */
+export const change = (page, which) => Promise.all(which.map(async (selector) => page.waitForFunction(([place, all]) => {
+  const shown = document.querySelector(place);
+  if (!shown) return false;
   const width = shown.naturalWidth ?? shown.videoWidth ?? shown.width;
   const height = shown.naturalHeight ?? shown.videoHeight ?? shown.height;
   if (!width || shown.hidden) return false;
   const pen = new OffscreenCanvas(width, height).getContext('2d');
   pen.drawImage(shown, 0, 0);
   return all.add(pen.getImageData(0, 0, width, height).data.join()).size > 3;
-}, [await page.waitForSelector(selector, { state: 'attached' }), await page.evaluateHandle('new Set()')], often)));
+}, [selector, await page.evaluateHandle('new Set()')], often)));
