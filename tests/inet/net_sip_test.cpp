@@ -260,6 +260,7 @@ TEST(NetSip, ReadsDescriptions) {
         {"m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", ""},
         {"m=video 4002 RTP/AVP 96\r\na=rtpmap:99 H264/90000\r\n", ""},
         {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 phone.local\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
+        {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 1.2.3\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
     };
     for (const description_row& each : rows) {
         SCOPED_TRACE(each.text);

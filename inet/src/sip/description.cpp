@@ -1,5 +1,6 @@
 // Offers and answers (RFC 3264). What a peer describes is read line by line, as the formats of one medium are a list
 // here, and the first of them may be one that we do not have.
+#include "platform/socket_api.h"
 #include "scan.h"
 #include "sip/media.h"
 #include "sip/message.h"
@@ -141,12 +142,10 @@ private:
 // A name is not looked up: that blocks.
 in_addr read_dotted(std::string_view text) noexcept {
     char dotted[net_addr_size] = {};
-    const bool plain = text.find_first_not_of("0123456789.") == std::string_view::npos;
-    if (!plain || text.empty() || text.size() >= sizeof dotted) return {};
+    if (text.size() >= sizeof dotted) return {};
     std::ranges::copy(text, dotted);
-    sockaddr_in address = {};
-    net_addr_setup(address, dotted, 0);
-    return address.sin_addr;
+    in_addr address = {};
+    return net::platform::parse_address(dotted, address) ? address : in_addr{};
 }
 
 core::string dotted(in_addr address) {
