@@ -79,6 +79,7 @@ public:
     net::sip_account* account = nullptr;
     net::sip_user* party = nullptr;               ///< of the last call
     std::string asked;                            ///< the request that we sent last, but ACK
+    bool hangs_up = false;                        ///< also a call that has ended, while it is told
     std::map<std::string, std::string> asked_as;  ///< the last of each method
     std::string story;                            ///< first lines of what was sent, and events
     std::vector<std::string> sent;
@@ -111,6 +112,7 @@ private:
         if (event == net::sip_call_incoming) self.party = party;
         const bool over = event == 2 || event == 4 || event == 5 || event == 8;
         if (over && party == self.party) self.party = nullptr;
+        if (over && self.hangs_up) net_sip_bye(party);
     }
     static void on_account(void* user, void*, uint32_t event, const char*) {
         static_cast<sip_owner*>(user)->story += "account" + std::to_string(event) + "|";

@@ -116,6 +116,7 @@ struct sip_user final : sip::frame_taker {
     uint64_t asked_at = 0;     ///< when it was known, or asked, to be there
     in_addr own = {};          ///< our address, as it was told
     bool established = false;  ///< in the session: media runs
+    bool over = false;         ///< its end has been told
     bool gone = false;
     bool subscription = false;
     void* frame_arg = nullptr;
@@ -223,6 +224,7 @@ public:
     void drop(sip_user& user) noexcept;
     void drop(sip_session& session) noexcept;
     void tell(sip_user* user, uint32_t event) noexcept;
+    void finish(sip_user& user, uint32_t event) noexcept;
     void tell_account(void* object, uint32_t event, const char* said) noexcept;
     sip::text own_call_id(std::string_view prefix) const;
     uint32_t calls() const noexcept;
@@ -243,6 +245,7 @@ public:
     // responses.cpp
     void take_response(sip_account& account, const sip::header_t& header, std::string_view head, std::string_view body);
     void take_challenge(sip_request& request, const sip::header_t& header, std::string_view head);
+    void give_up(sip_request& request);
     void take_provisional(sip_request& request, const sip::header_t& header, std::string_view body);
     void acknowledge_provisional(sip_request& invite, const sip::header_t& header);
     void take_again(sip_request& invite, unsigned status, std::string_view tag);

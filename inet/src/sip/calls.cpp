@@ -70,13 +70,11 @@ sip::text Sip::answer_media(sip_user& user, std::string_view offer) {
 
 void Sip::accept(sip_user& user) {
     sip_request* const request = user.invite;
-    if (!request || !request->incoming || request->answered) return;
-    if (!user.media.open(info.nt, log, user)) {
+    if (user.over || !request || !request->incoming || request->answered) return;
+    if (calls() >= sip::most_calls || !user.media.open(info.nt, log, user)) {
         request->user = nullptr;
         guarded([&] { answer(*request, 486); });
-        tell(&user, sip_call_failed);
-        if (!user.gone) drop(user);
-        return;
+        return finish(user, sip_call_failed);
     }
     answer(*request, 200, sdp_type, answer_media(user, request->offer));
     establish(user);
@@ -95,7 +93,7 @@ void Sip::ask_whether_there(sip_user& user) {
 
 void Sip::decline(sip_user& user) {
     sip_request* const request = user.invite;
-    if (!request || !request->incoming || request->answered) return;
+    if (user.over || !request || !request->incoming || request->answered) return;
     request->user = nullptr;
     guarded([&] { answer(*request, 486); });
     drop(user);
@@ -120,12 +118,10 @@ void Sip::bye(sip_user& user) {
         core_log_print(log, "sip: no session in send_bye");
         return;
     }
+    if (user.over || user.subscription) return;
     // The user goes also when there is no memory to say so.
     guarded([&] { say_bye(user); });
-    user.established = false;
-    user.media.stop();
-    tell(&user, sip_call_ended);
-    if (!user.gone) drop(user);
+    finish(user, sip_call_ended);
 }
 
 void Sip::dtmf(sip_session& session, unsigned code) {

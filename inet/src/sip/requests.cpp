@@ -174,10 +174,7 @@ void Sip::take_bye(sip_request& request) {
     answer(request, 200);
     sip_request* const waits = user->invite;
     if (waits && waits->incoming && !waits->answered) answer(*waits, 487);
-    user->established = false;
-    user->media.stop();
-    tell(user, sip_call_ended);
-    if (!user->gone) drop(*user);
+    finish(*user, sip_call_ended);
 }
 
 // Both are answered (RFC 3261, 9.2): the CANCEL, and the INVITE that it cancels.
@@ -195,8 +192,7 @@ void Sip::take_cancel(sip_request& request) {
     answer(*invite, 487);
     invite->user = nullptr;
     user->invite = nullptr;
-    tell(user, sip_call_ended);
-    if (!user->gone) drop(*user);
+    finish(*user, sip_call_ended);
 }
 
 void Sip::take_info(sip_request& request, std::string_view body) {

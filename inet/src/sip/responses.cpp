@@ -98,24 +98,26 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
     const core::owned_text credentials =
         request.credentials_name ? nullptr
                                  : answer_to(request, header, proxy ? "Proxy-Authenticate" : "WWW-Authenticate", uri);
-    sip_user* const user = request.user;
     const bool invite = is(request, "INVITE");
-    if (!credentials || (invite && request.abandoned)) {
-        core_log_print(log, "sip: Authentication failed");
-        if (is(request, "REGISTER") || is(request, "SUBSCRIBE") || (invite && user)) tell(user, sip_call_unauthorized);
-        end(request);
-        if (invite && user && !user->gone) drop(*user);
-        return;
-    }
+    if (!credentials || (invite && request.abandoned)) return give_up(request);
     request.credentials_name = proxy ? "Proxy-Authorization" : "Authorization";
     request.credentials = credentials.get();
     request.challenged = head;
     const bool begins = invite || is(request, "SUBSCRIBE");
     if (begins || request.account->renews) renew_branch(request);
     if (begins) request.remote_tag.clear();
-    if (begins && user) user->remote_tag.clear();
+    if (begins && request.user) request.user->remote_tag.clear();
     request.provisional = false;
     send(request);
+}
+
+/// Its credentials were refused.
+void Sip::give_up(sip_request& request) {
+    core_log_print(log, "sip: Authentication failed");
+    sip_user* const user = request.user;
+    end(request);
+    if (is(request, "INVITE") && user) return finish(*user, sip_call_unauthorized);
+    if (is(request, "REGISTER") || is(request, "SUBSCRIBE")) tell(user, sip_call_unauthorized);
 }
 
 void Sip::take_provisional(sip_request& request, const sip::header_t& header, std::string_view body) {
@@ -224,7 +226,7 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
     // A digit that is refused ends no call, unless the other end does not know the call (RFC 3261, 12.2.1.2).
     const bool inside = is(request, "INFO") || is(request, "OPTIONS");
     const bool over = invite || (inside && status == 481);
-    const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE") || (over && user);
+    const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE");
     if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // of a subscription that is no more
     complete(request);
     if (told) tell(user, event);
@@ -235,7 +237,7 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
         account.expires = least;
         register_account(account);
     }
-    if (over && user && !user->gone) drop(*user);
+    if (over && user) finish(*user, event);
 }
 
 }  // namespace net

@@ -250,8 +250,7 @@ void Sip::timed_out(sip_request& request) {
         if (!user) return;
         user->invite = nullptr;
         request.user = nullptr;
-        tell(user, sip_call_ended);
-        return drop(*user);
+        return finish(*user, sip_call_ended);
     }
     const bool unacknowledged = request.incoming && invite && request.status < 300 && user && user->invite == &request;
     const bool unanswered = !request.incoming && request.ack.empty() && invite && user;
@@ -261,8 +260,7 @@ void Sip::timed_out(sip_request& request) {
         request.abandoned = true;
         if (!unanswered) return;
         user->invite = nullptr;
-        tell(user, sip_call_failed);
-        return user->gone ? void() : drop(*user);
+        return finish(*user, sip_call_failed);
     }
     const bool refused = !request.incoming && request.doubted;
     if (refused && !request.renewed) {
@@ -272,14 +270,11 @@ void Sip::timed_out(sip_request& request) {
         request.ends_at = core_timer() + sip::last_try_time;
         return;
     }
-    if (refused) core_log_print(log, "sip: Authentication failed");
-    if (refused) tell(invite ? user : nullptr, sip_call_unauthorized);
+    if (refused) return give_up(request);
     const bool vanished = !request.incoming && user && std::strcmp(request.method, "OPTIONS") == 0;
     end(request);
     if (unacknowledged || vanished) return bye(*user);
-    if (!unanswered) return;
-    if (!refused) tell(user, sip_call_failed);
-    if (!user->gone) drop(*user);
+    if (unanswered) finish(*user, sip_call_failed);
 }
 
 }  // namespace net
