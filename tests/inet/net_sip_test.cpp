@@ -45,6 +45,13 @@ const std::string sound_alone =
 const std::string plain = "c: application/dtmf\r\nl: ";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
+const std::string many = [] {
+    std::string fields("X: 1");
+    for (int i = 1; i < 128; ++i)
+        fields += "\r\nX: 1";
+    return fields;
+}();
+
 struct row {
     const char* name;
     std::vector<std::string> steps;
@@ -129,6 +136,11 @@ TEST(NetSip, AnswersAndTells) {
          {invite, "!accept", within("INVITE", "again"), within("ACK", "a", "atag", "\r\n", "1"), "!tick600"},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|",
          "CSeq: 2 INVITE"},
+        {"come by two ways",
+         {invite, "!accept",
+          "INVITE sip:bob@h SIP/2.0\r\nv: SIP/2.0/UDP h;branch=z9hG4bKb\r\n$HCSeq: 1 INVITE\r\n\r\n"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 482 Loop Detected|"},
+        {"too many fields", {asks("Via: SIP/2.0/UDP h\r\n" + many, "1")}, "SIP/2.0 400 Bad Request|"},
         {"way back",
          {asks("Via : SIP / 2.0/UDP h ;i=7;branch=z9hG4bKa, SIP/2.0/UDP b\r\nv\t: SIP/2.0/TCP c", "1")},
          "SIP/2.0 200 OK|",

@@ -31,6 +31,7 @@
 ///
 /// Bounds for one agent. What comes in beyond them is answered 503, a call 486:
 ///     header               4098 bytes; a longer one ends a TCP connection, a datagram is dropped
+///                          128 fields; a request with more is answered 400, an answer is dropped
 ///     body                 64 KiB
 ///     output of a TCP connection that the peer does not read    1 MiB; then it is closed
 ///     open requests        1024, in both directions together

@@ -30,6 +30,7 @@ inline constexpr uint64_t last_try_time = 2 * second;  // for a request with cre
 inline constexpr uint64_t bye_time = 2 * second;       // for the end of an INVITE after BYE; then CANCEL
 inline constexpr uint64_t ring_time = 180 * second;
 inline constexpr uint64_t quiet_time = 120 * second;  // without media or an answer; then OPTIONS asks
+inline constexpr uint32_t most_fields = 128;
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
 inline constexpr uint32_t most_calls = 120;
@@ -66,7 +67,8 @@ struct sip_request {
     const char* method = "";
     uint32_t cseq = 0;  ///< 0 until sent
     sip::text branch;
-    sip::text bytes;  ///< as last sent: a request of ours, or the answer to one of a peer
+    sip::text sent_by;  ///< of its Via: host and port of ours, the host of a peer
+    sip::text bytes;    ///< as last sent: a request of ours, or the answer to one of a peer
     bool gone = false;
 
     // Ours
@@ -94,8 +96,9 @@ struct sip_request {
     bool answered = false;  ///< with a final status
     unsigned status = 0;
     sip::owned_header header;
-    sip::text offer;  ///< body of an INVITE
-    sip::text sent_by;
+    sip::text call_id, from_tag;
+    sip::text offer;         ///< body of an INVITE, until its final answer
+    bool has_offer = false;  ///< it came with one
     sockaddr_in from = {};
 
     uint64_t resend_at = 0;  ///< 0: not sent again
@@ -237,6 +240,7 @@ public:
     void refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
     sip_request& add_theirs(sip_account& account, sip::owned_header header, const char* method,
                             const sockaddr_in& from);
+    bool came_before(const sip_request& request) const noexcept;
     void take_ack(sip_account& account, const sip::header_t& header, std::string_view body);
     void take_invite(sip_request& request, std::string_view body);
     void take_bye(sip_request& request);

@@ -185,8 +185,7 @@ sip_request* Sip::find_theirs(const sip::header_t& header, const char* method) n
     sip::read_cseq(header, number, ignored);
     const auto found = std::ranges::find_if(requests, [&](const auto& each) {
         return !each->gone && each->incoming && each->cseq == number && each->branch == via.branch &&
-               each->sent_by == via.host && std::strcmp(each->method, method) == 0 &&
-               sip::field(*each->header, "Call-ID") == call_id;
+               each->sent_by == via.host && std::strcmp(each->method, method) == 0 && each->call_id == call_id;
     });
     return found == requests.end() ? nullptr : found->get();
 }
@@ -225,6 +224,7 @@ void Sip::answer(sip_request& request, unsigned status, std::string_view type, s
     request.bytes = print_answer(*request.account, *request.header, status, request.from, type, body);
     request.status = status;
     request.answered = status >= 200;
+    if (request.answered) sip::text().swap(request.offer);
     const uint64_t now = core_timer();
     request.ends_at = now + (request.answered ? sip::t_end : sip::ring_time);
     // Its ACK may be lost, or this (RFC 3261, 13.3.1.4 and 17.2.1).

@@ -142,8 +142,9 @@ void Sip::take_message(sip_account& account, std::string_view head, std::string_
         const auto whole = static_cast<int>(head.size() + body.size());
         core_log_print(log, "in:\n%.*s", whole, head.data());  // the body stands behind the head
     }
-    if (header->status != 0) return take_response(account, *header, head, body);
-    if (!sip::is_request_line(head)) fault = 400;
+    const bool too_many = value_count(header->fields) > sip::most_fields;
+    if (header->status != 0) return too_many ? void() : take_response(account, *header, head, body);
+    if (too_many || !sip::is_request_line(head)) fault = 400;
     take_request(account, std::move(header), body, fault, from);
 }
 
