@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string_view>
 
 namespace sip {
@@ -188,6 +189,7 @@ public:
     sip_account* add_account(int transport, const char* user, const char* password, const char* server, uint32_t port);
     void open_transport(sip_account& account);
     void connected(sip_account& account);
+    in_addr media_address(const sip_account& account) const;
     in_addr media_address(const sip_account& account, in_addr peer) const;
     void close_transport(sip_account& account, bool lost);
     void account_due(sip_account& account);
@@ -266,9 +268,9 @@ public:
     void ask_whether_there(sip_user& user);
     void say_bye(sip_user& user);
     void bye(sip_user& user);
-    void dtmf(sip_session& session, unsigned code);
+    void dtmf(std::span<sip_user* const> to, unsigned code);
     sip::text answer_media(sip_user& user, std::string_view offer);
-    void put_frame(sip_session& session, const av::frame_t& frame) noexcept;
+    void put_frame(std::span<sip_user* const> to, const av::frame_t& frame) noexcept;
     // presence.cpp
     void register_account(sip_account& account);
     sip_request* open_registration(const sip_account& account) noexcept;

@@ -196,8 +196,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     user->way = invite.way;
     // What a 1xx has agreed on need not be said again.
     const bool early = body.empty() && invite.early_tag == std::string_view(invite.remote_tag);
-    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body),
-                      sip::read_dotted(invite.account->contact_address));
+    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body), user->own);
     send_ack(invite);
     complete(invite);
     establish(*user);

@@ -69,6 +69,15 @@ void Sip::connected(sip_account& account) {
     register_account(account);
 }
 
+/// Where a peer that is not known yet finds the media of a call: the address of the account, unless nobody outside of
+/// this host gets there, as the server is on it.
+in_addr Sip::media_address(const sip_account& account) const {
+    const in_addr near = sip::read_dotted(account.contact_address);
+    if (!sip::is_loopback(near)) return near;
+    const core::owned_text address(net_hostip(file, line));
+    return address ? sip::read_dotted(address.get()) : near;
+}
+
 /// Where a peer finds the media of a call: the address of the account's socket, unless the server is on this host and
 /// the peer is not.
 in_addr Sip::media_address(const sip_account& account, in_addr peer) const {
