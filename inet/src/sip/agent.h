@@ -83,6 +83,8 @@ struct sip_request {
     const char* credentials_name = nullptr;
     sip::text credentials;
     sip::text challenged;      ///< the answer that asked for them
+    uint32_t resent = 0;       ///< copies that were sent since it was made, or given credentials
+    uint32_t stale = 0;        ///< of these, copies whose challenge may still come
     bool doubted = false;      ///< that answer came again: a copy, a refusal, or the server took us for a copy
     bool renewed = false;      ///< and the request went out with a branch of its own then
     bool provisional = false;  ///< an INVITE that was answered 1xx

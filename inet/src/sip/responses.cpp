@@ -22,6 +22,13 @@ struct stamp {
     char text[64];
 };
 
+/// Whether a refusal inside a call says that the other end is not there, or does not know the call (RFC 3261, 12.2.1.2).
+/// A digit that is refused ends none.
+bool ends_call(const sip_request& request, unsigned status) noexcept {
+    if (is(request, "OPTIONS") && (status == 404 || status == 480)) return true;
+    return (is(request, "OPTIONS") || is(request, "INFO")) && (status == 481 || status == 408);
+}
+
 /// The answer to the challenges of a response: the first that can be computed; null for none.
 core::owned_text answer_to(const sip_request& request, const sip::header_t& header, const char* challenges,
                            const sip::text& uri) {
@@ -88,10 +95,13 @@ void Sip::complete(sip_request& request) noexcept {
 
 void Sip::take_challenge(sip_request& request, const sip::header_t& header, std::string_view head) {
     const bool proxy = header.status == 407;
-    if (request.credentials_name && request.challenged == head) {
-        // A copy of the datagram that was answered, or the same refusal once more: what comes next tells.
+    const bool stale = request.credentials_name && request.stale > 0;
+    if (request.credentials_name && (stale || request.challenged == head)) {
+        // A copy of the datagram that was answered, or the same refusal once more: what comes next tells. Nor can a
+        // refusal be told from the challenge of a copy that we sent before the first challenge came.
+        request.stale -= stale;
         request.doubted = true;
-        request.ends_at = std::min(request.ends_at, core_timer() + sip::t1);
+        request.ends_at = std::min(request.ends_at, core_timer() + (stale ? sip::last_try_time : sip::t1));
         return;
     }
     const sip::text uri = sip::join({"sip:", request.peer, request.peer.empty() ? "" : "@", request.account->server});
@@ -104,6 +114,7 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
     request.credentials = credentials.get();
     request.challenged = head;
     const bool begins = invite || is(request, "SUBSCRIBE");
+    request.stale = request.resent;
     if (begins || request.account->renews) renew_branch(request);
     if (begins) request.remote_tag.clear();
     if (begins && request.user) request.user->remote_tag.clear();
@@ -222,9 +233,7 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
                        sip::reason(status));
     }
     sip_user* const user = request.user;
-    // A digit that is refused ends no call, unless the other end does not know the call (RFC 3261, 12.2.1.2).
-    const bool inside = is(request, "INFO") || is(request, "OPTIONS");
-    const bool over = invite || (inside && status == 481);
+    const bool over = invite || ends_call(request, status);
     const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE");
     if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // of a subscription that is no more
     complete(request);

@@ -56,6 +56,7 @@ sip_request& Sip::ask(sip_account& account, sip_session& session, sip_user* user
 void Sip::renew_branch(sip_request& request) {
     request.branch = new_branch();
     request.cseq = 0;
+    request.stale = 0;
     core_log_print(log, "rebanch dialog: %s, branch:%s ses:%s", request.method, request.branch.c_str(),
                    request.session->call_id.c_str());
 }
@@ -97,6 +98,7 @@ void Sip::send(sip_request& request) {
     render(request);
     const uint64_t now = core_timer();
     request.interval = sip::t1;
+    request.resent = 0;
     request.resend_at = request.account->transport == sip_udp ? now + sip::t1 : 0;
     request.ends_at = now + sip::t_end;
     if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
@@ -239,6 +241,7 @@ void Sip::resend(sip_request& request, uint64_t now) {
     const bool slow = !is_invite(request) || request.incoming;
     request.interval = slow ? std::min(2 * request.interval, sip::t2) : 2 * request.interval;
     request.resend_at = now + request.interval;
+    ++request.resent;
     if (request.account->wire) request.account->wire->send(request.bytes, request.incoming ? &request.from : nullptr);
 }
 
