@@ -99,6 +99,11 @@ TEST(NetSip, AnswersAndTells) {
          "account1|REGISTER|",
          "Contact: <sip:bob@1.2.3.4:5062;transport=tcp>\r\n",
          net::sip_tcp},
+        {"hung up without a connection",
+         {invite, "!accept", within("ACK", "a"), "!tick31000", "!bye", "!tick2000"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|account1|call2|REGISTER|BYE|",
+         "",
+         net::sip_tcp},
         {"unknown branch", {"SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP h;branch=z9hG4bKno\r\nCSeq: 1 REGISTER\r\n\r\n"}, ""},
         {"resent", {"!tick600", "!tick900", "!tick200"}, "REGISTER|REGISTER|"},
         {"refresh", {answer("200", "REGISTER"), "!tick31000"}, "account0|REGISTER|"},
@@ -255,10 +260,14 @@ TEST(NetSip, BoundsAFloodOfCalls) {
         each.replace(each.find("Call-ID: c1"), 11, "Call-ID: " + std::to_string(i));
         owner.feed(each);
     }
-    EXPECT_LE(owner.sip->requests.size(), sip::most_requests);
+    EXPECT_LE(owner.sip->requests.size(), sip::most_requests / 2);
     owner.story.clear();
+    owner.feed(within("MESSAGE", "m", "stranger"));
+    owner.by_server = true;
+    owner.feed(within("MESSAGE", "m", "stranger"));
+    owner.by_server = false;
     owner.feed(within("BYE", "b"));
-    EXPECT_EQ(owner.story, "SIP/2.0 200 OK|call2|");
+    EXPECT_EQ(owner.story, "SIP/2.0 503 Service Unavailable|SIP/2.0 200 OK|SIP/2.0 200 OK|call2|");
     EXPECT_EQ(owner.sip->users.size(), sip::most_ringing);
     owner.feed("!tick181000");
     owner.feed("!tick33000");

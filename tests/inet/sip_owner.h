@@ -79,6 +79,7 @@ public:
     net::sip_account* account = nullptr;
     net::sip_user* party = nullptr;               ///< of the last call
     std::string asked;                            ///< the request that we sent last, but ACK
+    bool by_server = false;                       ///< it brings what comes
     bool hangs_up = false;                        ///< also a call that has ended, while it is told
     std::map<std::string, std::string> asked_as;  ///< the last of each method
     std::string story;                            ///< first lines of what was sent, and events
@@ -101,6 +102,7 @@ private:
             net_addr_setup(near, "1.2.3.4", 0);
             return near.sin_addr;
         }
+        bool is_server(const sockaddr_in&) const noexcept override { return owner.by_server; }
         bool is_up() const noexcept override { return true; }
         void stop() noexcept override {}
         sip_owner& owner;

@@ -34,7 +34,8 @@
 ///                          128 fields; a request with more is answered 400, an answer is dropped
 ///     body                 64 KiB
 ///     output of a TCP connection that the peer does not read    1 MiB; then it is closed
-///     open requests        1024, in both directions together
+///     open requests        1024, in both directions together; from 512 on no more of strangers: only those of the
+///                          account's server and those inside a call
 ///     calls that ring      64
 ///     calls                120: each takes four descriptors of the thread
 ///     a received frame     2 MiB

@@ -44,8 +44,9 @@ public:
     virtual void send(std::string_view bytes, const sockaddr_in* to) noexcept = 0;
     virtual uint32_t local_port() const noexcept = 0;
     virtual in_addr local_address() const noexcept = 0;  ///< as the server sees it; 0.0.0.0 when it is not known
-    virtual bool is_up() const noexcept = 0;             ///< false while it connects
-    virtual void stop() noexcept = 0;                    ///< before it is released: nothing more comes from it
+    virtual bool is_server(const sockaddr_in& from) const noexcept = 0;
+    virtual bool is_up() const noexcept = 0;  ///< false while it connects
+    virtual void stop() noexcept = 0;         ///< before it is released: nothing more comes from it
 };
 
 using text = core::string;
@@ -211,6 +212,7 @@ public:
     void send(sip_request& request);
     void send_ack(sip_request& request);
     sip::text print_ack(const sip_request& invite, std::string_view tag, bool by_way = false);
+    void say_again(const sip_account& account);
     void send_by_way(sip_request& request);
     void leave(sip_request& invite, std::string_view tag);
     void cancel(sip_request& invite);
@@ -241,7 +243,9 @@ public:
     void take_request(sip_account& account, sip::owned_header header, std::string_view body, unsigned fault,
                       const sockaddr_in& from);
     bool is_in_call(const sip_account& account, const sip::header_t& header) noexcept;
-    void refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
+    bool has_room(const sip_account& account, const sip::header_t& header, const char* method,
+                  const sockaddr_in& from) noexcept;
+    void reply(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
     sip_request& add_theirs(sip_account& account, sip::owned_header header, const char* method,
                             const sockaddr_in& from);
     bool came_before(const sip_request& request) const noexcept;

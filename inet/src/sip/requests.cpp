@@ -35,8 +35,8 @@ bool is(const char* method, const char* name) noexcept { return std::strcmp(meth
 
 }  // namespace
 
-/// Without a record: the request may be answered anew when it comes again.
-void Sip::refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
+/// Without a record: the request is answered anew when it comes again.
+void Sip::reply(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
     if (account.wire && sip::top_via(header).good)
         account.wire->send(print_answer(account, header, status, from, {}, {}), &from);
 }
@@ -45,6 +45,16 @@ bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) no
     sip_session* const session = find_session(account, sip::field(header, "Call-ID"));
     const sip_user* const user = session ? find_user(*session, header) : nullptr;
     return user && user->established;
+}
+
+/// Whether a request may have a record. A flood of strangers leaves room for the server and for those in a call, a flood
+/// of these leaves room for the end of a call.
+bool Sip::has_room(const sip_account& account, const sip::header_t& header, const char* method,
+                   const sockaddr_in& from) noexcept {
+    if (requests.size() < sip::most_requests / 2) return true;
+    const bool full = requests.size() >= sip::most_requests;
+    if (!full && account.wire && account.wire->is_server(from)) return true;
+    return (!full || is(method, "BYE")) && is_in_call(account, header);
 }
 
 sip_request& Sip::add_theirs(sip_account& account, sip::owned_header header, const char* method,
@@ -87,10 +97,12 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     // That of a relay may name no way back: it is told, and cannot be answered.
     if (is(method, "NOTIFY") && sip::field(*header, "Via").empty()) return take_notify(account, body);
     if (fault == 0) fault = sip::fault_of(*header);
-    // A flood keeps nobody from ending a call.
-    if (fault == 0 && requests.size() >= sip::most_requests && !(is(method, "BYE") && is_in_call(account, *header)))
-        fault = 503;
-    if (fault != 0) return refuse(account, *header, fault, from);
+    if (fault == 0 && is(method, "OPTIONS")) {
+        core_con_printf(0, "проверка связи");
+        return reply(account, *header, 200, from);
+    }
+    if (fault == 0 && !has_room(account, *header, method, from)) fault = 503;
+    if (fault != 0) return reply(account, *header, fault, from);
 
     sip_request& request = add_theirs(account, std::move(header), method, from);
     if (is(method, "INVITE")) return take_invite(request, body);
@@ -98,7 +110,6 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     if (is(method, "CANCEL")) return take_cancel(request);
     if (is(method, "INFO")) return take_info(request, body);
     if (is(method, "NOTIFY")) take_notify(account, body);
-    if (is(method, "OPTIONS")) core_con_printf(0, "проверка связи");
     if (is(method, "MESSAGE")) core_con_printf(0, "СООБЩЕНИЕ: %.*s", static_cast<int>(body.size()), body.data());
     answer(request, 200);
 }

@@ -57,6 +57,7 @@ void Sip::renew_branch(sip_request& request) {
     request.branch = new_branch();
     request.cseq = 0;
     request.stale = 0;
+    request.sent_by.clear();
     core_log_print(log, "rebanch dialog: %s, branch:%s ses:%s", request.method, request.branch.c_str(),
                    request.session->call_id.c_str());
 }
@@ -70,12 +71,11 @@ sip::text Sip::new_branch() const {
 void Sip::render(sip_request& request) {
     const sip_account& account = *request.account;
     const uint32_t port = account.wire ? account.wire->local_port() : 0;
+    if (request.sent_by.empty()) request.sent_by = sip::join({account.contact_address, ":", sip::number_text(port)});
     const bool tcp = account.transport == sip_tcp;
     const std::string_view whom = request.peer.empty() ? std::string_view(account.user) : request.peer;
     sip::text out = sip::join({request.method, " ", uri_of(request), " SIP/2.0\r\n"});
-    sip::put(out, "Via",
-             {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", account.contact_address, ":", sip::number_text(port),
-              ";branch=", request.branch, ";rport"});
+    sip::put(out, "Via", {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", request.sent_by, ";branch=", request.branch, ";rport"});
     sip::put(out, "Max-Forwards", {"70"});
     sip::put(out, "From", {"<sip:", account.user, "@", account.server, ">;tag=", account.local_tag});
     sip::put(out, "To",
@@ -104,6 +104,17 @@ void Sip::send(sip_request& request) {
     if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
 }
 
+/// Sends what an account has said in its calls while there was no connection, or what was lost with it.
+void Sip::say_again(const sip_account& account) {
+    for (const auto& each : requests) {
+        const bool inside = std::strcmp(each->method, "BYE") == 0 || std::strcmp(each->method, "INFO") == 0;
+        if (each->gone || each->incoming || each->account != &account || !inside) continue;
+        each->sent_by.clear();
+        render(*each);
+        account.wire->send(each->bytes, nullptr);
+    }
+}
+
 /// Once more, past a server that does not know where the other end of the call is.
 void Sip::send_by_way(sip_request& request) {
     request.by_way = true;
@@ -111,7 +122,7 @@ void Sip::send_by_way(sip_request& request) {
     send(request);
 }
 
-// Has the number of its INVITE, and the branch where it goes to the server.
+// Has the number and the credentials of its INVITE (RFC 3261, 22.1), and the branch where it goes to the server.
 sip::text Sip::print_ack(const sip_request& invite, std::string_view tag, bool by_way) {
     sip_request ack;
     ack.account = invite.account;
@@ -119,10 +130,15 @@ sip::text Sip::print_ack(const sip_request& invite, std::string_view tag, bool b
     ack.method = "ACK";
     ack.branch = by_way ? new_branch() : invite.branch;
     ack.by_way = by_way;
-    if (by_way) ack.way = invite.way;
+    if (by_way)
+        ack.way = invite.way;
+    else
+        ack.sent_by = invite.sent_by;
     ack.cseq = invite.cseq;
     ack.peer = invite.peer;
     ack.remote_tag = tag;
+    ack.credentials_name = invite.credentials_name;
+    ack.credentials = invite.credentials;
     render(ack);
     return std::move(ack.bytes);
 }
@@ -152,6 +168,7 @@ void Sip::leave(sip_request& invite, std::string_view tag) {
 void Sip::cancel(sip_request& invite) {
     sip_request& request = ask(*invite.account, *invite.session, nullptr, "CANCEL", {}, {});
     request.branch = invite.branch;
+    request.sent_by = invite.sent_by;
     request.cseq = invite.cseq;
     request.peer = invite.peer;
     send(request);

@@ -67,6 +67,7 @@ void Sip::connected(sip_account& account) {
         core_con_printf(0, "sip connected... %s:%d", account.server.c_str(), static_cast<int>(account.port));
     }
     register_account(account);
+    if (account.transport == sip_tcp) say_again(account);
 }
 
 /// Where a peer that is not known yet finds the media of a call: the address of the account, unless nobody outside of
