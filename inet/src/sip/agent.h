@@ -327,6 +327,9 @@ core::owned_object<T> make(const Sip& agent, Args&&... args) {
     return made;
 }
 
+/// The request URI.
+text uri_of(const sip_request& request);
+
 /// What INVITE, or its answer, says about the way back.
 way_t way_of(const header_t& header, bool answered);
 

@@ -30,9 +30,9 @@ bool ends_call(const sip_request& request, unsigned status) noexcept {
 }
 
 /// The answer to the challenges of a response: the first that can be computed; null for none.
-core::owned_text answer_to(const sip_request& request, const sip::header_t& header, const char* challenges,
-                           const sip::text& uri) {
+core::owned_text answer_to(const sip_request& request, const sip::header_t& header, const char* challenges) {
     const sip_account& account = *request.account;
+    const sip::text uri = sip::uri_of(request);
     sip::owned_header offered(http_header_respond("SIP/2.0", 401, ""));
     const char* first = nullptr;
     for (value_t* const* each = header.fields; offered && each && *each; ++each) {
@@ -43,7 +43,7 @@ core::owned_text answer_to(const sip_request& request, const sip::header_t& head
     if (!first) return nullptr;
     auth::challenge challenge;
     if (offered && challenge.take(offered.get()))
-        return challenge.answer(account.user, account.password, request.method, uri);
+        return challenge.answer(account.user, account.password, request.method, uri, request.body);
     return core::owned_text(net_http_authenticate(account.user.c_str(), account.password.c_str(), request.method,
                                                   uri.c_str(), first, CORE_HERE));
 }
@@ -104,10 +104,9 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
         request.ends_at = std::min(request.ends_at, core_timer() + (stale ? sip::last_try_time : sip::t1));
         return;
     }
-    const sip::text uri = sip::join({"sip:", request.peer, request.peer.empty() ? "" : "@", request.account->server});
     const core::owned_text credentials =
         request.credentials_name ? nullptr
-                                 : answer_to(request, header, proxy ? "Proxy-Authenticate" : "WWW-Authenticate", uri);
+                                 : answer_to(request, header, proxy ? "Proxy-Authenticate" : "WWW-Authenticate");
     const bool invite = is(request, "INVITE");
     if (!credentials || (invite && request.abandoned)) return give_up(request);
     request.credentials_name = proxy ? "Proxy-Authorization" : "Authorization";

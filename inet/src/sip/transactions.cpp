@@ -9,17 +9,21 @@
 #include <algorithm>
 #include <cstring>
 
+namespace sip {
+
+text uri_of(const sip_request& request) {
+    if (request.by_way) return request.way.target;
+    if (request.peer.empty()) return join({"sip:", request.account->server});
+    return join({"sip:", request.peer, "@", request.account->server});
+}
+
+}  // namespace sip
+
 namespace net {
 
 namespace {
 
 bool is_invite(const sip_request& request) noexcept { return std::strcmp(request.method, "INVITE") == 0; }
-
-sip::text uri_of(const sip_request& request) {
-    if (request.by_way) return request.way.target;
-    if (request.peer.empty()) return sip::join({"sip:", request.account->server});
-    return sip::join({"sip:", request.peer, "@", request.account->server});
-}
 
 void put_contact(sip::text& to, const sip_account& account) {
     sip::put(to, "Contact",
@@ -74,7 +78,7 @@ void Sip::render(sip_request& request) {
     if (request.sent_by.empty()) request.sent_by = sip::join({account.contact_address, ":", sip::number_text(port)});
     const bool tcp = account.transport == sip_tcp;
     const std::string_view whom = request.peer.empty() ? std::string_view(account.user) : request.peer;
-    sip::text out = sip::join({request.method, " ", uri_of(request), " SIP/2.0\r\n"});
+    sip::text out = sip::join({request.method, " ", sip::uri_of(request), " SIP/2.0\r\n"});
     sip::put(out, "Via", {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", request.sent_by, ";branch=", request.branch, ";rport"});
     sip::put(out, "Max-Forwards", {"70"});
     sip::put(out, "From", {"<sip:", account.user, "@", account.server, ">;tag=", account.local_tag});
@@ -118,6 +122,8 @@ void Sip::say_again(const sip_account& account) {
 /// Once more, past a server that does not know where the other end of the call is.
 void Sip::send_by_way(sip_request& request) {
     request.by_way = true;
+    request.credentials_name = nullptr;  // those it has are for another URI
+    request.doubted = request.renewed = false;
     renew_branch(request);
     send(request);
 }
