@@ -37,8 +37,8 @@ bool is(const char* method, const char* name) noexcept { return std::strcmp(meth
 
 /// Without a record: the request is answered anew when it comes again.
 void Sip::reply(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
-    if (account.wire && sip::top_via(header).good)
-        account.wire->send(print_answer(account, header, status, from, {}, {}), &from);
+    if (sip::top_via(header).good)
+        send_answer(account, header, print_answer(account, header, status, from, {}, {}), from);
 }
 
 bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) noexcept {
@@ -86,8 +86,7 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     if (is(method, "REGISTER")) return;
     if (is(method, "ACK")) return take_ack(account, *header, body);
     if (sip_request* const known = find_theirs(*header, method)) {
-        if (account.wire && !known->bytes.empty()) account.wire->send(known->bytes, &from);
-        return;
+        return known->bytes.empty() ? void() : send_answer(account, *known->header, known->bytes, from);
     }
     if (is(method, "UNKNOWN") || is(method, "SUBSCRIBE")) {
         core_log_print(log, "%s - не реализован", method);
@@ -158,6 +157,8 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
         request.has_offer = !body.empty();
         request.user = user;
         user->invite = &request;
+        sip::text target = sip::way_of(*request.header, false).target;
+        if (!target.empty()) user->way.target = std::move(target);  // RFC 3261, 12.2.2
         return answer(request, 200, "application/sdp", answer_media(*user, body));
     }
     const bool inside = !sip::tag_of(sip::field(*request.header, "To")).empty();
@@ -194,7 +195,11 @@ void Sip::take_bye(sip_request& request) {
     }
     answer(request, 200);
     sip_request* const waits = user->invite;
-    if (waits && waits->incoming && !waits->answered) answer(*waits, 487);
+    if (waits && waits->incoming && !waits->answered) {
+        answer(*waits, 487);
+        waits->user = nullptr;
+        user->invite = nullptr;
+    }
     finish(*user, sip_call_ended);
 }
 
