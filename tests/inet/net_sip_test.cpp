@@ -129,6 +129,10 @@ TEST(NetSip, AnswersAndTells) {
         {"cancelled",
          {invite, cancel, cancel},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 487 Request Terminated|call2|SIP/2.0 200 OK|"},
+        {"ended before it is taken",
+         {invite, within("BYE", "b"), "!tick600"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 487 Request Terminated|call2|REGISTER|"
+         "SIP/2.0 487 Request Terminated|"},
         {"guessed tag",
          {invite, "!accept", within("BYE", "b", "guess")},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 481 Call/Transaction Does Not Exist|"},
@@ -290,8 +294,8 @@ TEST(NetSip, ReadsDescriptions) {
         {"m=video 4002 RTP/AVPF 96 97 98\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=0\r\n"
          "a=rtpmap:97 H264/90000\r\na=fmtp:97 profile-level-id=42e01f;packetization-mode=1\r\na=rtpmap:98 "
          "H264/90000\r\n"
-         "a=fmtp:98 packetization-mode=1\r\na=rtcp:4010 IN IP4 10.0.0.9\r\n",
-         "97 10.0.0.9 4002 4010"},
+         "a=fmtp:98 packetization-mode=1\r\na=rtcp:4010 IN IP4 10.0.0.7\r\n",
+         "97 10.0.0.9 4002 4010 apart"},
         {"a=inactive\r\nm=video 4002/2 RTP/AVP 96\r\nc=IN IP4 10.0.0.8/127\r\na=rtpmap:96 H264/90000\r\n",
          "96 10.0.0.8 4002 4003 held"},
         {"m=video 4002 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=sendonly\r\n", "96 10.0.0.9 4002 4003 held"},
@@ -309,7 +313,8 @@ TEST(NetSip, ReadsDescriptions) {
         net_addr_ip(video.rtp, address, sizeof address);
         const std::string read = std::to_string(video.pt) + " " + address + " " +
                                  std::to_string(net_addr_port(video.rtp)) + " " +
-                                 std::to_string(net_addr_port(video.rtcp)) + (video.receives ? "" : " held");
+                                 std::to_string(net_addr_port(video.rtcp)) + (video.receives ? "" : " held") +
+                                 (sip::dotted(video.rtcp.sin_addr) == address ? "" : " apart");
         EXPECT_EQ(video.wanted ? read : "", each.video);
     }
 }

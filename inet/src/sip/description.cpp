@@ -33,6 +33,7 @@ struct medium_t {
     std::bitset<128> h264;   ///< payload types
     std::string_view formats;
     sockaddr_in address = {};
+    sockaddr_in rtcp_address = {};  ///< 0.0.0.0: the same
     uint32_t port = 0;
     uint32_t rtcp = 0;
 };
@@ -95,7 +96,10 @@ private:
     }
 
     void attribute(std::string_view value) noexcept {
-        if (value.starts_with("rtcp:")) medium_.rtcp = scan::decimal(value.substr(5));
+        if (value.starts_with("rtcp:")) {  // RFC 3605
+            medium_.rtcp = scan::decimal(value.substr(5));
+            read_address(value.substr(std::min(value.find(' ') + 1, value.size())), medium_.rtcp_address);
+        }
         if (!medium_.video) return;
         const scan::pair map = scan::split(value.substr(std::min(value.find(':') + 1, value.size())), ' ');
         const uint32_t pt = scan::decimal(map.key);
@@ -118,6 +122,8 @@ private:
         if (medium_.rtcp == 0 || medium_.rtcp > 65535) medium_.rtcp = medium_.port + 1;
         target->receives = medium_.receives;
         target->rtp = target->rtcp = medium_.address;
+        const bool apart = medium_.rtcp_address.sin_addr.s_addr != 0 && target->rtp.sin_addr.s_addr != 0;
+        if (apart) target->rtcp = medium_.rtcp_address;
         target->rtp.sin_family = target->rtcp.sin_family = AF_INET;
         target->rtp.sin_port = net_port(medium_.port);
         target->rtcp.sin_port = net_port(medium_.rtcp);

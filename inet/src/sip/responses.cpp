@@ -8,6 +8,7 @@
 #include "inet/net_http_auth.h"
 
 #include <cstring>
+#include <utility>
 
 namespace net {
 
@@ -58,8 +59,9 @@ void Sip::take_response(sip_account& account, const sip::header_t& header, std::
     sip::read_cseq(header, number, method);
     sip_request* const request = find_ours(via.branch, method);
     if (!request || request->account != &account) {
-        core_log_print(log, "sip:%s %d branch:%.*s - неизвестная транзакция", stamp().text,
-                       static_cast<int>(header.status), static_cast<int>(via.branch.size()), via.branch.data());
+        if (core_log_wanted(log))
+            core_log_print(log, "sip:%s %d branch:%.*s - неизвестная транзакция", stamp().text,
+                           static_cast<int>(header.status), static_cast<int>(via.branch.size()), via.branch.data());
         return;
     }
     const unsigned status = header.status;
@@ -133,11 +135,11 @@ void Sip::give_up(sip_request& request) {
 void Sip::take_provisional(sip_request& request, const sip::header_t& header, std::string_view body) {
     const unsigned status = header.status;
     if (is(request, "INVITE")) {
-        request.provisional = true;
+        const bool first = !std::exchange(request.provisional, true);
         request.resend_at = 0;
         acknowledge_provisional(request, header);
         if (request.abandoned) return request.cancelled ? void() : cancel(request);
-        request.ends_at = core_timer() + sip::ring_time;
+        if (first) request.ends_at = core_timer() + sip::ring_time;
         if (!body.empty()) {
             request.early = body;
             request.early_tag = sip::tag_of(sip::field(header, "To"));
@@ -227,7 +229,7 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
     } else if (status == 486) {
         core_con_printf(1, "sip: абонент занят. перезвоните позже");
         event = sip_call_busy;
-    } else {
+    } else if (core_log_wanted(log)) {
         core_log_print(log, "sip:%s %s: %d %s", stamp().text, request.method, static_cast<int>(status),
                        sip::reason(status));
     }
