@@ -111,7 +111,7 @@ std::span<const option> table() {
         {"--sip", "USER[:PASSWORD]@SERVER[:PORT][;tcp]",
          "register at a SIP server (port 5060, over UDP), and answer calls with the pictures and sound of the first "
          "stream",
-         [](options& o, std::string_view text) { return o.sip.emplace().parse(text); }},
+         [](options& o, std::string_view text) { return o.sip.emplace().parse(text, true); }},
         {"--sip-server", "PORT", "port of a SIP relay for --sip-users (5060), over TCP, without passwords",
          [](options& o, std::string_view text) { return o.sip_server = take_number(o.sip_port, text, 1, 65535); }},
         {"--sip-users", "NAMES", "run that relay: these users, separated by ',', call each other through it",

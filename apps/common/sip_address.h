@@ -1,4 +1,5 @@
-// The place of a user at a SIP server, as both programs take it: USER[:PASSWORD]@SERVER[:PORT][;tcp].
+// The place of a user at a SIP server, as both programs take it: USER[:PASSWORD]@SERVER[:PORT][;tcp]. So may the address
+// that the camera prints be: sip:USER@SERVER[:PORT][;transport=tcp].
 #pragma once
 
 #include "media/sip.h"
@@ -17,8 +18,10 @@ struct sip_address {
     bool tcp = false;
 
     /// Reads a text. The user ends at the first ':', the password at the last '@': both are taken as they are.
+    /// A leading "sip:" is no user where the text takes no password, names its transport as an address does, or holds
+    /// another ':' before the '@'.
     /// @return false when it is none
-    bool parse(std::string_view text);
+    bool parse(std::string_view text, bool takes_password);
 };
 
 /// Whether a name can stand in an address.

@@ -41,7 +41,7 @@ std::span<const option> table() {
         {"USER@SERVER", "", "whom to call: USER@SERVER[:PORT][;tcp] (port 5060, over UDP)",
          [](call_options& o, std::string_view text) {
              const bool is_first = o.callee.user.empty();
-             return is_first && o.callee.parse(text) && o.callee.password.empty();
+             return is_first && o.callee.parse(text, false);
          }},
         {"--transport", "udp|tcp", "way to the server; tcp is the same as ;tcp",
          [](call_options& o, std::string_view text) {

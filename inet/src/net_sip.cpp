@@ -98,11 +98,19 @@ void net_sip_bye(net::sip_user* party) noexcept {
 }
 
 void net_sip_dtmf(net::sip_session* session, unsigned code) noexcept {
-    if (session) session->agent->guarded([&] { session->agent->dtmf(*session, code); });
+    if (session) session->agent->guarded([&] { session->agent->dtmf(session->users, code); });
+}
+
+void net_sip_dtmf_to(net::sip_user* party, unsigned code) noexcept {
+    if (party) party->agent->guarded([&] { party->agent->dtmf({&party, 1}, code); });
 }
 
 void net_sip_put_frame(net::sip_session* session, const av::frame_t* frame) noexcept {
-    if (session && frame) session->agent->put_frame(*session, *frame);
+    if (session && frame) session->agent->put_frame(session->users, *frame);
+}
+
+void net_sip_put_frame_to(net::sip_user* party, const av::frame_t* frame) noexcept {
+    if (party && frame) party->agent->put_frame({&party, 1}, *frame);
 }
 
 net::sip_user* net_sip_user(net::sip_request* request) noexcept { return request ? request->user : nullptr; }

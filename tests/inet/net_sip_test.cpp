@@ -45,6 +45,13 @@ const std::string sound_alone =
 const std::string plain = "c: application/dtmf\r\nl: ";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
+const std::string many = [] {
+    std::string fields("X: 1");
+    for (int i = 1; i < 128; ++i)
+        fields += "\r\nX: 1";
+    return fields;
+}();
+
 struct row {
     const char* name;
     std::vector<std::string> steps;
@@ -63,6 +70,14 @@ TEST(NetSip, AnswersAndTells) {
         {"doubled challenge",
          {answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge), answer("200", "REGISTER")},
          "REGISTER|account0|"},
+        {"late challenges",
+         {"!tick600", answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge + "X: 1\r\n"),
+          answer("200", "REGISTER")},
+         "REGISTER|REGISTER|account0|"},
+        {"late challenges, refused",
+         {"!tick600", answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge + "X: 1\r\n"),
+          answer("401", "REGISTER", challenge + "X: 2\r\n")},
+         "REGISTER|REGISTER|call8|"},
         {"refused",
          {answer("401", "REGISTER", challenge), answer("401", "REGISTER", challenge + "X: 1\r\n")},
          "REGISTER|call8|"},
@@ -83,6 +98,11 @@ TEST(NetSip, AnswersAndTells) {
          {"!tick31000", "!tick2000"},
          "account1|REGISTER|",
          "Contact: <sip:bob@1.2.3.4:5062;transport=tcp>\r\n",
+         net::sip_tcp},
+        {"hung up without a connection",
+         {invite, "!accept", within("ACK", "a"), "!tick31000", "!bye", "!tick2000"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|account1|call2|REGISTER|BYE|",
+         "",
          net::sip_tcp},
         {"unknown branch", {"SIP/2.0 200 OK\r\nVia: SIP/2.0/UDP h;branch=z9hG4bKno\r\nCSeq: 1 REGISTER\r\n\r\n"}, ""},
         {"resent", {"!tick600", "!tick900", "!tick200"}, "REGISTER|REGISTER|"},
@@ -109,6 +129,10 @@ TEST(NetSip, AnswersAndTells) {
         {"cancelled",
          {invite, cancel, cancel},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 487 Request Terminated|call2|SIP/2.0 200 OK|"},
+        {"ended before it is taken",
+         {invite, within("BYE", "b"), "!tick600"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 487 Request Terminated|call2|REGISTER|"
+         "SIP/2.0 487 Request Terminated|"},
         {"guessed tag",
          {invite, "!accept", within("BYE", "b", "guess")},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 481 Call/Transaction Does Not Exist|"},
@@ -129,11 +153,19 @@ TEST(NetSip, AnswersAndTells) {
          {invite, "!accept", within("INVITE", "again"), within("ACK", "a", "atag", "\r\n", "1"), "!tick600"},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|",
          "CSeq: 2 INVITE"},
+        {"come by two ways",
+         {invite, "!accept",
+          "INVITE sip:bob@h SIP/2.0\r\nv: SIP/2.0/UDP h;branch=z9hG4bKb\r\n$HCSeq: 1 INVITE\r\n\r\n"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 482 Loop Detected|"},
+        {"too many fields", {asks("Via: SIP/2.0/UDP h\r\n" + many, "1")}, "SIP/2.0 400 Bad Request|"},
         {"way back",
          {asks("Via : SIP / 2.0/UDP h ;i=7;branch=z9hG4bKa, SIP/2.0/UDP b\r\nv\t: SIP/2.0/TCP c", "1")},
          "SIP/2.0 200 OK|",
          "Via: SIP/2.0/UDP h:5060;branch=z9hG4bKa;received=10.0.0.9;rport=5060;i=7\r\nVia: SIP/2.0/UDP b\r\n"
          "Via: SIP/2.0/TCP c\r\nMax"},
+        {"listens elsewhere",
+         {asks("Via: SIP/2.0/UDP h:5070;branch=z9hG4bKa", "1"), asks("Via: SIP/2.0/UDP h:5070;rport", "2")},
+         "SIP/2.0 200 OK|SIP/2.0 200 OK|5070|"},
         {"without a branch of its own",
          {asks("Via: SIP/2.0/UDP h;branch=z9hG4bK", "1"), asks("Via: SIP/2.0/UDP h;branch=z9hG4bK", "2")},
          "SIP/2.0 200 OK|SIP/2.0 200 OK|",
@@ -183,6 +215,12 @@ TEST(NetSip, AnswersAndTells) {
         {"gone unnoticed",
          {"!invite", answer("200", "INVITE"), "!tick120000", answer("481", "OPTIONS")},
          "INVITE|ACK|call0|REGISTER|OPTIONS|call4|"},
+        {"gone, and its server knows",
+         {"!invite", answer("200", "INVITE", way), "!tick120000", answer("404", "OPTIONS"), answer("404", "OPTIONS")},
+         "INVITE|ACK|call0|REGISTER|OPTIONS|OPTIONS|call4|"},
+        {"not there in time",
+         {"!invite", answer("200", "INVITE"), "!digit", answer("408", "INFO")},
+         "INVITE|ACK|call0|INFO|call4|"},
         {"a digit refused",
          {"!invite", answer("200", "INVITE"), "!digit", answer("415", "INFO"), "!bye"},
          "INVITE|ACK|call0|INFO|BYE|call2|"},
@@ -191,13 +229,15 @@ TEST(NetSip, AnswersAndTells) {
          "INVITE|ACK|call0|INFO|",
          "\r\n\r\nSignal=D\r\nDuration=250"},
     };
-    for (const row& each : rows) {
+    for (size_t i = 0; i < 2 * std::size(rows); ++i) {
+        const row& each = rows[i / 2];
         SCOPED_TRACE(each.name);
         test::sip_owner owner(each.transport);
+        owner.hangs_up = i % 2;
         owner.story.clear();
         for (const std::string& step : each.steps)
             owner.feed(step);
-        EXPECT_EQ(owner.story, each.story);
+        EXPECT_EQ(owner.story + owner.elsewhere, each.story);
         const std::string said = owner.asked + (owner.sent.empty() ? "" : owner.sent.back());
         EXPECT_NE(said.find(each.said), std::string::npos) << said;
     }
@@ -227,10 +267,14 @@ TEST(NetSip, BoundsAFloodOfCalls) {
         each.replace(each.find("Call-ID: c1"), 11, "Call-ID: " + std::to_string(i));
         owner.feed(each);
     }
-    EXPECT_LE(owner.sip->requests.size(), sip::most_requests);
+    EXPECT_LE(owner.sip->requests.size(), sip::most_requests / 2);
     owner.story.clear();
+    owner.feed(within("MESSAGE", "m", "stranger"));
+    owner.by_server = true;
+    owner.feed(within("MESSAGE", "m", "stranger"));
+    owner.by_server = false;
     owner.feed(within("BYE", "b"));
-    EXPECT_EQ(owner.story, "SIP/2.0 200 OK|call2|");
+    EXPECT_EQ(owner.story, "SIP/2.0 503 Service Unavailable|SIP/2.0 200 OK|SIP/2.0 200 OK|call2|");
     EXPECT_EQ(owner.sip->users.size(), sip::most_ringing);
     owner.feed("!tick181000");
     owner.feed("!tick33000");
@@ -250,8 +294,8 @@ TEST(NetSip, ReadsDescriptions) {
         {"m=video 4002 RTP/AVPF 96 97 98\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 packetization-mode=0\r\n"
          "a=rtpmap:97 H264/90000\r\na=fmtp:97 profile-level-id=42e01f;packetization-mode=1\r\na=rtpmap:98 "
          "H264/90000\r\n"
-         "a=fmtp:98 packetization-mode=1\r\na=rtcp:4010 IN IP4 10.0.0.9\r\n",
-         "97 10.0.0.9 4002 4010"},
+         "a=fmtp:98 packetization-mode=1\r\na=rtcp:4010 IN IP4 10.0.0.7\r\n",
+         "97 10.0.0.9 4002 4010 apart"},
         {"a=inactive\r\nm=video 4002/2 RTP/AVP 96\r\nc=IN IP4 10.0.0.8/127\r\na=rtpmap:96 H264/90000\r\n",
          "96 10.0.0.8 4002 4003 held"},
         {"m=video 4002 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=sendonly\r\n", "96 10.0.0.9 4002 4003 held"},
@@ -260,6 +304,7 @@ TEST(NetSip, ReadsDescriptions) {
         {"m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", ""},
         {"m=video 4002 RTP/AVP 96\r\na=rtpmap:99 H264/90000\r\n", ""},
         {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 phone.local\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
+        {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 1.2.3\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
     };
     for (const description_row& each : rows) {
         SCOPED_TRACE(each.text);
@@ -268,7 +313,8 @@ TEST(NetSip, ReadsDescriptions) {
         net_addr_ip(video.rtp, address, sizeof address);
         const std::string read = std::to_string(video.pt) + " " + address + " " +
                                  std::to_string(net_addr_port(video.rtp)) + " " +
-                                 std::to_string(net_addr_port(video.rtcp)) + (video.receives ? "" : " held");
+                                 std::to_string(net_addr_port(video.rtcp)) + (video.receives ? "" : " held") +
+                                 (sip::dotted(video.rtcp.sin_addr) == address ? "" : " apart");
         EXPECT_EQ(video.wanted ? read : "", each.video);
     }
 }

@@ -79,8 +79,11 @@ public:
     net::sip_account* account = nullptr;
     net::sip_user* party = nullptr;               ///< of the last call
     std::string asked;                            ///< the request that we sent last, but ACK
+    bool by_server = false;                       ///< it brings what comes
+    bool hangs_up = false;                        ///< also a call that has ended, while it is told
     std::map<std::string, std::string> asked_as;  ///< the last of each method
     std::string story;                            ///< first lines of what was sent, and events
+    std::string elsewhere;                        ///< ports of the peer's host that more copies of answers went to
     std::vector<std::string> sent;
     sockaddr_in from = {};
     static inline uint64_t now = 1'600'000'000'000'000;
@@ -88,7 +91,11 @@ public:
 private:
     struct kept_wire final : sip::wire {
         explicit kept_wire(sip_owner& of) : owner(of) {}
-        void send(std::string_view bytes, const sockaddr_in*) noexcept override {
+        void send(std::string_view bytes, const sockaddr_in* to) noexcept override {
+            if (to && to->sin_port != owner.from.sin_port) {
+                owner.elsewhere += std::to_string(net_addr_port(*to)) + "|";
+                return;
+            }
             owner.sent.emplace_back(bytes);
             owner.story += std::string(bytes.substr(0, bytes.find(bytes.starts_with("SIP") ? '\r' : ' '))) + "|";
             if (bytes.starts_with("SIP") || bytes.starts_with("ACK")) return;
@@ -100,6 +107,7 @@ private:
             net_addr_setup(near, "1.2.3.4", 0);
             return near.sin_addr;
         }
+        bool is_server(const sockaddr_in&) const noexcept override { return owner.by_server; }
         bool is_up() const noexcept override { return true; }
         void stop() noexcept override {}
         sip_owner& owner;
@@ -111,6 +119,7 @@ private:
         if (event == net::sip_call_incoming) self.party = party;
         const bool over = event == 2 || event == 4 || event == 5 || event == 8;
         if (over && party == self.party) self.party = nullptr;
+        if (over && self.hangs_up) net_sip_bye(party);
     }
     static void on_account(void* user, void*, uint32_t event, const char*) {
         static_cast<sip_owner*>(user)->story += "account" + std::to_string(event) + "|";

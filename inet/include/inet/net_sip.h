@@ -35,9 +35,11 @@
 ///
 /// Bounds for one agent. What comes in beyond them is answered 503, a call 486:
 ///     header               4098 bytes; a longer one ends a TCP connection, a datagram is dropped
+///                          128 fields; a request with more is answered 400, an answer is dropped
 ///     body                 64 KiB
 ///     output of a TCP connection that the peer does not read    1 MiB; then it is closed
-///     open requests        1024, in both directions together
+///     open requests        1024, in both directions together; from 512 on no more of strangers: only those of the
+///                          account's server and those inside a call
 ///     calls that ring      64
 ///     calls                120: each takes four descriptors of the thread
 ///     a received frame     2 MiB
@@ -156,10 +158,14 @@ INET_API void net_sip_bye(net::sip_user* party) noexcept;
 /// Sends a digit to every user of the session. One that is refused ends no call, unless with 481 (event 4).
 /// @param code  as in sip_info::on_dtmf
 INET_API void net_sip_dtmf(net::sip_session* session, unsigned code) noexcept;
+/// Sends it to one user.
+INET_API void net_sip_dtmf_to(net::sip_user* party, unsigned code) noexcept;
 
 /// Sends a frame to every user of the session: H.264 on the video channel, PCMU on the audio channel, in pieces of
 /// 20 ms. Other formats are not sent. After set-up it allocates nothing.
 INET_API void net_sip_put_frame(net::sip_session* session, const av::frame_t* frame) noexcept;
+/// Sends it to one user.
+INET_API void net_sip_put_frame_to(net::sip_user* party, const av::frame_t* frame) noexcept;
 
 /// The request's user; may be null.
 INET_API net::sip_user* net_sip_user(net::sip_request* request) noexcept;

@@ -161,7 +161,7 @@ bool challenge::choose(const said_t& said) noexcept {
 }
 
 core::owned_text challenge::answer(std::string_view user, std::string_view password, std::string_view method,
-                                   std::string_view uri) noexcept {
+                                   std::string_view uri, std::string_view body) noexcept {
     if (!algorithm_) {
         const core::owned_text pair = join({user, password});
         const core::owned_text coded(pair ? b64(pair.get(), core_strlen(pair.get()), CORE_HERE) : nullptr);
@@ -174,6 +174,7 @@ core::owned_text challenge::answer(std::string_view user, std::string_view passw
     in.session = algorithm_->session;
     if (qop_) in.qop = qop_->name;
     in.covers_body = qop_ && qop_->covers_body;
+    in.body = body;
 
     const hex_t response = digest_response(in);
     const core::owned_text name = escape(user);

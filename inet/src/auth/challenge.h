@@ -33,8 +33,9 @@ public:
     bool is_stale() const noexcept { return stale_; }
 
     /// The value of an Authorization field; null when memory is out.
+    /// @param body  of the request, a text
     core::owned_text answer(std::string_view user, std::string_view password, std::string_view method,
-                            std::string_view uri) noexcept;
+                            std::string_view uri, std::string_view body = {}) noexcept;
 
 private:
     struct said_t;

@@ -50,7 +50,7 @@ core::owned_text join(std::initializer_list<std::string_view> parts) noexcept {
 hex_t digest_response(const digest_input& in) noexcept {
     hex_t secret = hash(in.hash, {in.user, in.realm, in.password});
     if (secret && in.session) secret = hash(in.hash, {secret, in.nonce, in.cnonce});
-    const hex_t body = in.covers_body ? hash(in.hash, {""}) : hex_t();
+    const hex_t body = in.covers_body ? hash(in.hash, {in.body}) : hex_t();
     const hex_t request =
         in.covers_body ? hash(in.hash, {in.method, in.uri, body}) : hash(in.hash, {in.method, in.uri});
     if (!secret || !request || (in.covers_body && !body)) return {};

@@ -35,8 +35,9 @@ struct digest_input {
     std::string_view cnonce;
 
     hash_t hash = hash_t::md5;
-    bool session = false;      ///< one of the algorithms named "-sess"
-    bool covers_body = false;  ///< of "auth-int": the body, which is empty, counts
+    bool session = false;        ///< one of the algorithms named "-sess"
+    bool covers_body = false;    ///< of "auth-int": the body counts
+    std::string_view body = {};  ///< a text
 };
 
 hex_t digest_response(const digest_input& in) noexcept;

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string_view>
 
 namespace sip {
@@ -30,6 +31,7 @@ inline constexpr uint64_t last_try_time = 2 * second;  // for a request with cre
 inline constexpr uint64_t bye_time = 2 * second;       // for the end of an INVITE after BYE; then CANCEL
 inline constexpr uint64_t ring_time = 180 * second;
 inline constexpr uint64_t quiet_time = 120 * second;  // without media or an answer; then OPTIONS asks
+inline constexpr uint32_t most_fields = 128;
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
 inline constexpr uint32_t most_calls = 120;
@@ -42,8 +44,9 @@ public:
     virtual void send(std::string_view bytes, const sockaddr_in* to) noexcept = 0;
     virtual uint32_t local_port() const noexcept = 0;
     virtual in_addr local_address() const noexcept = 0;  ///< as the server sees it; 0.0.0.0 when it is not known
-    virtual bool is_up() const noexcept = 0;             ///< false while it connects
-    virtual void stop() noexcept = 0;                    ///< before it is released: nothing more comes from it
+    virtual bool is_server(const sockaddr_in& from) const noexcept = 0;
+    virtual bool is_up() const noexcept = 0;  ///< false while it connects
+    virtual void stop() noexcept = 0;         ///< before it is released: nothing more comes from it
 };
 
 using text = core::string;
@@ -66,7 +69,8 @@ struct sip_request {
     const char* method = "";
     uint32_t cseq = 0;  ///< 0 until sent
     sip::text branch;
-    sip::text bytes;  ///< as last sent: a request of ours, or the answer to one of a peer
+    sip::text sent_by;  ///< of its Via: host and port of ours, the host of a peer
+    sip::text bytes;    ///< as last sent: a request of ours, or the answer to one of a peer
     bool gone = false;
 
     // Ours
@@ -80,6 +84,8 @@ struct sip_request {
     const char* credentials_name = nullptr;
     sip::text credentials;
     sip::text challenged;      ///< the answer that asked for them
+    uint32_t resent = 0;       ///< copies that were sent since it was made, or given credentials
+    uint32_t stale = 0;        ///< of these, copies whose challenge may still come
     bool doubted = false;      ///< that answer came again: a copy, a refusal, or the server took us for a copy
     bool renewed = false;      ///< and the request went out with a branch of its own then
     bool provisional = false;  ///< an INVITE that was answered 1xx
@@ -94,8 +100,9 @@ struct sip_request {
     bool answered = false;  ///< with a final status
     unsigned status = 0;
     sip::owned_header header;
-    sip::text offer;  ///< body of an INVITE
-    sip::text sent_by;
+    sip::text call_id, from_tag;
+    sip::text offer;         ///< body of an INVITE, until its final answer
+    bool has_offer = false;  ///< it came with one
     sockaddr_in from = {};
 
     uint64_t resend_at = 0;  ///< 0: not sent again
@@ -116,6 +123,7 @@ struct sip_user final : sip::frame_taker {
     uint64_t asked_at = 0;     ///< when it was known, or asked, to be there
     in_addr own = {};          ///< our address, as it was told
     bool established = false;  ///< in the session: media runs
+    bool over = false;         ///< its end has been told
     bool gone = false;
     bool subscription = false;
     void* frame_arg = nullptr;
@@ -185,6 +193,7 @@ public:
                              const char* asked_in, int asked_at);
     void open_transport(sip_account& account);
     void connected(sip_account& account);
+    in_addr media_address(const sip_account& account) const;
     in_addr media_address(const sip_account& account, in_addr peer) const;
     void close_transport(sip_account& account, bool lost);
     void account_due(sip_account& account);
@@ -204,6 +213,7 @@ public:
     void send(sip_request& request);
     void send_ack(sip_request& request);
     sip::text print_ack(const sip_request& invite, std::string_view tag, bool by_way = false);
+    void say_again(const sip_account& account);
     void send_by_way(sip_request& request);
     void leave(sip_request& invite, std::string_view tag);
     void cancel(sip_request& invite);
@@ -211,6 +221,8 @@ public:
     sip_request* find_ours(std::string_view branch, std::string_view method) noexcept;
     sip_request* find_theirs(const sip::header_t& header, const char* method) noexcept;
     void answer(sip_request& request, unsigned status, std::string_view type = {}, std::string_view body = {});
+    void send_answer(const sip_account& account, const sip::header_t& header, std::string_view bytes,
+                     const sockaddr_in& from) noexcept;
     sip::text print_answer(const sip_account& account, const sip::header_t& header, unsigned status,
                            const sockaddr_in& from, std::string_view type, std::string_view body) const;
     void resend(sip_request& request, uint64_t now);
@@ -224,6 +236,7 @@ public:
     void drop(sip_user& user) noexcept;
     void drop(sip_session& session) noexcept;
     void tell(sip_user* user, uint32_t event) noexcept;
+    void finish(sip_user& user, uint32_t event) noexcept;
     void tell_account(void* object, uint32_t event, const char* said) noexcept;
     sip::text own_call_id(std::string_view prefix) const;
     uint32_t calls() const noexcept;
@@ -233,9 +246,12 @@ public:
     void take_request(sip_account& account, sip::owned_header header, std::string_view body, unsigned fault,
                       const sockaddr_in& from);
     bool is_in_call(const sip_account& account, const sip::header_t& header) noexcept;
-    void refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
+    bool has_room(const sip_account& account, const sip::header_t& header, const char* method,
+                  const sockaddr_in& from) noexcept;
+    void reply(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from);
     sip_request& add_theirs(sip_account& account, sip::owned_header header, const char* method,
                             const sockaddr_in& from);
+    bool came_before(const sip_request& request) const noexcept;
     void take_ack(sip_account& account, const sip::header_t& header, std::string_view body);
     void take_invite(sip_request& request, std::string_view body);
     void take_bye(sip_request& request);
@@ -244,6 +260,7 @@ public:
     // responses.cpp
     void take_response(sip_account& account, const sip::header_t& header, std::string_view head, std::string_view body);
     void take_challenge(sip_request& request, const sip::header_t& header, std::string_view head);
+    void give_up(sip_request& request);
     void take_provisional(sip_request& request, const sip::header_t& header, std::string_view body);
     void acknowledge_provisional(sip_request& invite, const sip::header_t& header);
     void take_again(sip_request& invite, unsigned status, std::string_view tag);
@@ -260,9 +277,9 @@ public:
     void ask_whether_there(sip_user& user);
     void say_bye(sip_user& user);
     void bye(sip_user& user);
-    void dtmf(sip_session& session, unsigned code);
+    void dtmf(std::span<sip_user* const> to, unsigned code);
     sip::text answer_media(sip_user& user, std::string_view offer);
-    void put_frame(sip_session& session, const av::frame_t& frame) noexcept;
+    void put_frame(std::span<sip_user* const> to, const av::frame_t& frame) noexcept;
     // presence.cpp
     void register_account(sip_account& account);
     sip_request* open_registration(const sip_account& account) noexcept;
@@ -312,6 +329,9 @@ core::owned_object<T> make(const Sip& agent, Args&&... args) {
     if (!made) throw std::bad_alloc();
     return made;
 }
+
+/// The request URI.
+text uri_of(const sip_request& request);
 
 /// What INVITE, or its answer, says about the way back.
 way_t way_of(const header_t& header, bool answered);

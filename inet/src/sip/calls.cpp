@@ -42,13 +42,14 @@ sip_user* Sip::invite(sip_account& account, sip_session* session, const char* ca
     user.frame_to = callback;
     user.frame_arg = arg;
     try {
+        user.own = media_address(account);
         if (!user.media.open(info.nt, log, user)) {
             drop(user);
             return nullptr;
         }
         sip_request& request =
             ask(account, *session, &user, "INVITE", sip::join({"Content-Type: ", sdp_type, "\r\n"}),
-                sip::print_offer(account.contact_address, user.media.audio_port(), user.media.video_port()));
+                sip::print_offer(sip::dotted(user.own), user.media.audio_port(), user.media.video_port()));
         user.invite = &request;
         send(request);
     } catch (const std::bad_alloc&) {
@@ -70,13 +71,11 @@ sip::text Sip::answer_media(sip_user& user, std::string_view offer) {
 
 void Sip::accept(sip_user& user) {
     sip_request* const request = user.invite;
-    if (!request || !request->incoming || request->answered) return;
-    if (!user.media.open(info.nt, log, user)) {
+    if (user.over || !request || !request->incoming || request->answered) return;
+    if (calls() >= sip::most_calls || !user.media.open(info.nt, log, user)) {
         request->user = nullptr;
         guarded([&] { answer(*request, 486); });
-        tell(&user, sip_call_failed);
-        if (!user.gone) drop(user);
-        return;
+        return finish(user, sip_call_failed);
     }
     answer(*request, 200, sdp_type, answer_media(user, request->offer));
     establish(user);
@@ -95,7 +94,7 @@ void Sip::ask_whether_there(sip_user& user) {
 
 void Sip::decline(sip_user& user) {
     sip_request* const request = user.invite;
-    if (!request || !request->incoming || request->answered) return;
+    if (user.over || !request || !request->incoming || request->answered) return;
     request->user = nullptr;
     guarded([&] { answer(*request, 486); });
     drop(user);
@@ -120,30 +119,29 @@ void Sip::bye(sip_user& user) {
         core_log_print(log, "sip: no session in send_bye");
         return;
     }
+    if (user.over || user.subscription) return;
     // The user goes also when there is no memory to say so.
     guarded([&] { say_bye(user); });
-    user.established = false;
-    user.media.stop();
-    tell(&user, sip_call_ended);
-    if (!user.gone) drop(user);
+    finish(user, sip_call_ended);
 }
 
-void Sip::dtmf(sip_session& session, unsigned code) {
+void Sip::dtmf(std::span<sip_user* const> to, unsigned code) {
     constexpr std::string_view digits = "0123456789*#ABCD";
     const bool plain = dtmf_mode == 0;
     if (!plain && dtmf_mode != 1) return;
     const std::string_view digit = digits.substr(std::min<size_t>(code, digits.size() - 1), 1);
-    for (sip_user* each : session.users) {
+    for (sip_user* each : to) {
         if (!each->established) continue;
         sip::text body = plain ? sip::number_text(code) : sip::join({"Signal=", digit, "\r\nDuration=250"});
         const std::string_view type = plain ? "application/dtmf" : "application/dtmf-relay";
-        send(ask(*each->account, session, each, "INFO", sip::join({"Content-Type: ", type, "\r\n"}), std::move(body)));
+        send(ask(*each->account, *each->session, each, "INFO", sip::join({"Content-Type: ", type, "\r\n"}),
+                 std::move(body)));
     }
 }
 
-void Sip::put_frame(sip_session& session, const av::frame_t& frame) noexcept {
+void Sip::put_frame(std::span<sip_user* const> to, const av::frame_t& frame) noexcept {
     if (frame.fcc == av::fcc_h264 && packets.cut(&frame) == 0) return;
-    for (sip_user* each : session.users) {
+    for (sip_user* each : to) {
         if (!each->established) continue;
         if (frame.fcc == av::fcc_h264) each->media.send_pictures(packets);
         if (frame.fcc == av::fcc_pcmu) each->media.send_sound(frame);

@@ -1,5 +1,6 @@
 // Offers and answers (RFC 3264). What a peer describes is read line by line, as the formats of one medium are a list
 // here, and the first of them may be one that we do not have.
+#include "platform/socket_api.h"
 #include "scan.h"
 #include "sip/media.h"
 #include "sip/message.h"
@@ -32,6 +33,7 @@ struct medium_t {
     std::bitset<128> h264;   ///< payload types
     std::string_view formats;
     sockaddr_in address = {};
+    sockaddr_in rtcp_address = {};  ///< 0.0.0.0: the same
     uint32_t port = 0;
     uint32_t rtcp = 0;
 };
@@ -94,7 +96,10 @@ private:
     }
 
     void attribute(std::string_view value) noexcept {
-        if (value.starts_with("rtcp:")) medium_.rtcp = scan::decimal(value.substr(5));
+        if (value.starts_with("rtcp:")) {  // RFC 3605
+            medium_.rtcp = scan::decimal(value.substr(5));
+            read_address(value.substr(std::min(value.find(' ') + 1, value.size())), medium_.rtcp_address);
+        }
         if (!medium_.video) return;
         const scan::pair map = scan::split(value.substr(std::min(value.find(':') + 1, value.size())), ' ');
         const uint32_t pt = scan::decimal(map.key);
@@ -117,6 +122,8 @@ private:
         if (medium_.rtcp == 0 || medium_.rtcp > 65535) medium_.rtcp = medium_.port + 1;
         target->receives = medium_.receives;
         target->rtp = target->rtcp = medium_.address;
+        const bool apart = medium_.rtcp_address.sin_addr.s_addr != 0 && target->rtp.sin_addr.s_addr != 0;
+        if (apart) target->rtcp = medium_.rtcp_address;
         target->rtp.sin_family = target->rtcp.sin_family = AF_INET;
         target->rtp.sin_port = net_port(medium_.port);
         target->rtcp.sin_port = net_port(medium_.rtcp);
@@ -141,12 +148,10 @@ private:
 // A name is not looked up: that blocks.
 in_addr read_dotted(std::string_view text) noexcept {
     char dotted[net_addr_size] = {};
-    const bool plain = text.find_first_not_of("0123456789.") == std::string_view::npos;
-    if (!plain || text.empty() || text.size() >= sizeof dotted) return {};
+    if (text.size() >= sizeof dotted) return {};
     std::ranges::copy(text, dotted);
-    sockaddr_in address = {};
-    net_addr_setup(address, dotted, 0);
-    return address.sin_addr;
+    in_addr address = {};
+    return net::platform::parse_address(dotted, address) ? address : in_addr{};
 }
 
 core::string dotted(in_addr address) {

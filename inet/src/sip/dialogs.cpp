@@ -7,6 +7,7 @@
 #include "inet/net_socket.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace sip {
 
@@ -122,6 +123,15 @@ void Sip::drop(sip_session& session) noexcept {
 
 void Sip::tell(sip_user* user, uint32_t event) noexcept {
     if (info.on_call && !closing) info.on_call(info.user, user, event);
+}
+
+/// Tells of the end of a call, once, and takes the user out. The owner may hang up while it is told.
+void Sip::finish(sip_user& user, uint32_t event) noexcept {
+    if (std::exchange(user.over, true)) return;
+    user.established = false;
+    user.media.stop();
+    tell(&user, event);
+    drop(user);
 }
 
 void Sip::tell_account(void* object, uint32_t event, const char* said) noexcept {

@@ -65,6 +65,7 @@ void channel::start(const target_t& target, uint8_t own_pt, in_addr own) noexcep
     if (!port_ || !named) return;
     port_->forget_sources();
     port_->add_source(target.rtp.sin_addr);
+    if (target.rtcp.sin_addr.s_addr != target.rtp.sin_addr.s_addr) port_->add_source(target.rtcp.sin_addr);
     // Another program of this host sends from the address that it sends to.
     if (is_loopback(own) || is_loopback(target.rtp.sin_addr)) port_->add_source(own);
 }
@@ -185,7 +186,8 @@ void channel::deliver() noexcept {
     if (gathered_.frame.length > 0) {
         av::frame_t frame = {};
         frame.fcc = fcc_;
-        frame.time = begun_ + static_cast<uint64_t>(ticks_ * 1000 / static_cast<int64_t>(rate_of(fcc_) / 1000));
+        const auto khz = static_cast<int64_t>(rate_of(fcc_) / 1000);
+        frame.time = begun_ + static_cast<uint64_t>(ticks_ / khz * 1000 + ticks_ % khz * 1000 / khz);
         frame.data = gathered_.frame.data;
         frame.size = gathered_.frame.length;
         if (fcc_ == av::fcc_pcmu) frame.rate = 8000, frame.channels = 1;
@@ -199,7 +201,7 @@ void channel::deliver() noexcept {
 void channel::tick(uint64_t now) noexcept {
     if (!port_) return;
     port_->expire(now);
-    if (gathered_.picture && now - last_data_ > silence) deliver();
+    if (gathered_.picture && last_data_ + silence < now) deliver();  // what has just expired may be later than now
 }
 
 bool call_media::open(net::nt_ctx* nt, log_ctx* log, frame_taker& to) noexcept {

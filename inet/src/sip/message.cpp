@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <new>
+#include <optional>
 
 namespace sip {
 
@@ -107,12 +108,16 @@ void split_address(std::string_view address, std::string_view& uri, std::string_
     uri = scan::trim(uri, blanks);
 }
 
-std::string_view parameter(std::string_view parameters, std::string_view name) noexcept {
+std::optional<std::string_view> find_parameter(std::string_view parameters, std::string_view name) noexcept {
     while (!parameters.empty()) {
         const scan::pair pair = scan::split(scan::take(parameters, ';'), '=');
         if (scan::same_name(scan::trim(pair.key, blanks), name)) return scan::trim(pair.value, blanks);
     }
-    return {};
+    return std::nullopt;
+}
+
+std::string_view parameter(std::string_view parameters, std::string_view name) noexcept {
+    return find_parameter(parameters, name).value_or(std::string_view());
 }
 
 bool is_plain(char c) noexcept {
@@ -179,6 +184,7 @@ via_t top_via(const header_t& header) noexcept {
     via.parameters = parameters;
     via.branch = parameter(parameters, "branch");
     via.received = parameter(parameters, "received");
+    via.has_rport = find_parameter(parameters, "rport").has_value();
     via.rport = parameter(parameters, "rport");
     via.good = !via.host.empty() && via.port <= 65535;
     return via;
@@ -278,7 +284,8 @@ unsigned fault_of(const header_t& header) noexcept {
     if (uri.empty() || uri.starts_with('<') || colon == std::string_view::npos) return 400;
     const std::string_view scheme = uri.substr(0, colon);
     if (!scan::same_name(scheme, "sip") && !scan::same_name(scheme, "sips")) return 416;
-    return field(header, "Require").empty() ? 0 : 420;
+    const bool ignores = method == "CANCEL" || method == "ACK";  // RFC 3261, 8.2.2.3
+    return ignores || field(header, "Require").empty() ? 0 : 420;
 }
 
 core::string join(std::initializer_list<std::string_view> parts) {

@@ -35,16 +35,26 @@ bool is(const char* method, const char* name) noexcept { return std::strcmp(meth
 
 }  // namespace
 
-/// Without a record: the request may be answered anew when it comes again.
-void Sip::refuse(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
-    if (account.wire && sip::top_via(header).good)
-        account.wire->send(print_answer(account, header, status, from, {}, {}), &from);
+/// Without a record: the request is answered anew when it comes again.
+void Sip::reply(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
+    if (sip::top_via(header).good)
+        send_answer(account, header, print_answer(account, header, status, from, {}, {}), from);
 }
 
 bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) noexcept {
     sip_session* const session = find_session(account, sip::field(header, "Call-ID"));
     const sip_user* const user = session ? find_user(*session, header) : nullptr;
     return user && user->established;
+}
+
+/// Whether a request may have a record. A flood of strangers leaves room for the server and for those in a call, a flood
+/// of these leaves room for the end of a call.
+bool Sip::has_room(const sip_account& account, const sip::header_t& header, const char* method,
+                   const sockaddr_in& from) noexcept {
+    if (requests.size() < sip::most_requests / 2) return true;
+    const bool full = requests.size() >= sip::most_requests;
+    if (!full && account.wire && account.wire->is_server(from)) return true;
+    return (!full || is(method, "BYE")) && is_in_call(account, header);
 }
 
 sip_request& Sip::add_theirs(sip_account& account, sip::owned_header header, const char* method,
@@ -57,6 +67,8 @@ sip_request& Sip::add_theirs(sip_account& account, sip::owned_header header, con
     made->incoming = true;
     made->branch = via.branch;
     made->sent_by = via.host;
+    made->call_id = sip::field(*header, "Call-ID");
+    made->from_tag = sip::tag_of(sip::field(*header, "From"));
     made->from = from;
     made->ends_at = core_timer() + sip::t_end;
     std::string_view ignored;
@@ -64,8 +76,7 @@ sip_request& Sip::add_theirs(sip_account& account, sip::owned_header header, con
     made->header = std::move(header);
     sip_request& request = *made;
     requests.push_back(std::move(made));
-    core_log_print(log, "create dialog: %s, branch:%s ses:%s", method, request.branch.c_str(),
-                   core::string(sip::field(*request.header, "Call-ID")).c_str());
+    core_log_print(log, "create dialog: %s, branch:%s ses:%s", method, request.branch.c_str(), request.call_id.c_str());
     return request;
 }
 
@@ -75,8 +86,7 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     if (is(method, "REGISTER")) return;
     if (is(method, "ACK")) return take_ack(account, *header, body);
     if (sip_request* const known = find_theirs(*header, method)) {
-        if (account.wire && !known->bytes.empty()) account.wire->send(known->bytes, &from);
-        return;
+        return known->bytes.empty() ? void() : send_answer(account, *known->header, known->bytes, from);
     }
     if (is(method, "UNKNOWN") || is(method, "SUBSCRIBE")) {
         core_log_print(log, "%s - не реализован", method);
@@ -86,10 +96,12 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     // That of a relay may name no way back: it is told, and cannot be answered.
     if (is(method, "NOTIFY") && sip::field(*header, "Via").empty()) return take_notify(account, body);
     if (fault == 0) fault = sip::fault_of(*header);
-    // A flood keeps nobody from ending a call.
-    if (fault == 0 && requests.size() >= sip::most_requests && !(is(method, "BYE") && is_in_call(account, *header)))
-        fault = 503;
-    if (fault != 0) return refuse(account, *header, fault, from);
+    if (fault == 0 && is(method, "OPTIONS")) {
+        core_con_printf(0, "проверка связи");
+        return reply(account, *header, 200, from);
+    }
+    if (fault == 0 && !has_room(account, *header, method, from)) fault = 503;
+    if (fault != 0) return reply(account, *header, fault, from);
 
     sip_request& request = add_theirs(account, std::move(header), method, from);
     if (is(method, "INVITE")) return take_invite(request, body);
@@ -97,7 +109,6 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     if (is(method, "CANCEL")) return take_cancel(request);
     if (is(method, "INFO")) return take_info(request, body);
     if (is(method, "NOTIFY")) take_notify(account, body);
-    if (is(method, "OPTIONS")) core_con_printf(0, "проверка связи");
     if (is(method, "MESSAGE")) core_con_printf(0, "СООБЩЕНИЕ: %.*s", static_cast<int>(body.size()), body.data());
     answer(request, 200);
 }
@@ -125,29 +136,41 @@ void Sip::take_ack(sip_account& account, const sip::header_t& header, std::strin
     invite->user = nullptr;
     if (user->invite == invite) user->invite = nullptr;
     // An INVITE without an offer is answered with one, which its ACK answers (RFC 3261, 13.2.1).
-    if (invite->offer.empty() && !body.empty()) user->media.start(sip::read_description(body), user->own);
+    if (!invite->has_offer && !body.empty()) user->media.start(sip::read_description(body), user->own);
+}
+
+/// Whether an INVITE has come here by another way already (RFC 3261, 8.2.2.2).
+bool Sip::came_before(const sip_request& request) const noexcept {
+    return std::ranges::any_of(requests, [&](const auto& each) {
+        return each.get() != &request && !each->gone && each->incoming && each->account == request.account &&
+               is(each->method, "INVITE") && each->cseq == request.cseq && each->call_id == request.call_id &&
+               each->from_tag == request.from_tag;
+    });
 }
 
 void Sip::take_invite(sip_request& request, std::string_view body) {
     sip_account& account = *request.account;
     const std::string_view from = sip::field(*request.header, "From");
-    const std::string_view call_id = sip::field(*request.header, "Call-ID");
-    sip_session* session = find_session(account, call_id);
+    sip_session* session = find_session(account, request.call_id);
     sip_user* user = session ? find_user(*session, *request.header) : nullptr;
     if (user && user->established) {  // the call is set up anew (RFC 3261, 14)
-        request.offer = body;
+        request.has_offer = !body.empty();
         request.user = user;
         user->invite = &request;
+        sip::text target = sip::way_of(*request.header, false).target;
+        if (!target.empty()) user->way.target = std::move(target);  // RFC 3261, 12.2.2
         return answer(request, 200, "application/sdp", answer_media(*user, body));
     }
-    if (user) return answer(request, 482);  // it came here by two ways (RFC 3261, 8.2.2.2)
-    if (!sip::tag_of(sip::field(*request.header, "To")).empty()) return answer(request, 481);
+    const bool inside = !sip::tag_of(sip::field(*request.header, "To")).empty();
+    if (user || (!inside && came_before(request))) return answer(request, 482);
+    if (inside) return answer(request, 481);
     if (ringing() >= sip::most_ringing || calls() >= sip::most_calls) return answer(request, 486);
     request.offer = body;
+    request.has_offer = !body.empty();
     sip::way_t way = sip::way_of(*request.header, false);
-    if (!session) session = &add_session(account, sip::text(call_id));
+    if (!session) session = &add_session(account, request.call_id);
     request.session = session;
-    user = &add_user(*session, sip::user_of(from), sip::tag_of(from));
+    user = &add_user(*session, sip::user_of(from), request.from_tag);
     user->way = std::move(way);
     request.user = user;
     user->invite = &request;
@@ -159,52 +182,45 @@ void Sip::take_invite(sip_request& request, std::string_view body) {
 // A Call-ID that was never heard of is a call that ends; one of ours with other tags is none of the peer's.
 void Sip::take_bye(sip_request& request) {
     core_con_printf(0, "связь остановлена");
-    const std::string_view call_id = sip::field(*request.header, "Call-ID");
-    const bool known = std::ranges::any_of(
-        sessions, [&](const auto& each) { return each->account == request.account && each->call_id == call_id; });
-    sip_session* session = find_session(*request.account, call_id);
+    const bool known = std::ranges::any_of(sessions, [&](const auto& each) {
+        return each->account == request.account && each->call_id == request.call_id;
+    });
+    sip_session* session = find_session(*request.account, request.call_id);
     sip_user* user = session ? find_user(*session, *request.header) : nullptr;
     if (known && !session) return answer(request, 200);  // it was ended here, too
     if (known && !user) return answer(request, 481);
-    const std::string_view from = sip::field(*request.header, "From");
     if (!user) {
-        session = &add_session(*request.account, sip::text(call_id));
-        user = &add_user(*session, sip::user_of(from), sip::tag_of(from));
+        session = &add_session(*request.account, request.call_id);
+        user = &add_user(*session, sip::user_of(sip::field(*request.header, "From")), request.from_tag);
     }
     answer(request, 200);
     sip_request* const waits = user->invite;
-    if (waits && waits->incoming && !waits->answered) answer(*waits, 487);
-    user->established = false;
-    user->media.stop();
-    tell(user, sip_call_ended);
-    if (!user->gone) drop(*user);
+    if (waits && waits->incoming && !waits->answered) {
+        answer(*waits, 487);
+        waits->user = nullptr;
+        user->invite = nullptr;
+    }
+    finish(*user, sip_call_ended);
 }
 
 // Both are answered (RFC 3261, 9.2): the CANCEL, and the INVITE that it cancels.
 void Sip::take_cancel(sip_request& request) {
     core_con_printf(0, "связь прервана");
     sip_request* const invite = find_theirs(*request.header, "INVITE");
-    const bool same =
-        invite &&
-        sip::tag_of(sip::field(*invite->header, "From")) == sip::tag_of(sip::field(*request.header, "From")) &&
-        sip::field(*invite->header, "Call-ID") == sip::field(*request.header, "Call-ID");
-    if (!same) return answer(request, 481);
+    if (!invite || invite->from_tag != request.from_tag) return answer(request, 481);
     answer(request, 200);
     sip_user* const user = invite->user;
     if (invite->answered || !user) return;
     answer(*invite, 487);
     invite->user = nullptr;
     user->invite = nullptr;
-    tell(user, sip_call_ended);
-    if (!user->gone) drop(*user);
+    finish(*user, sip_call_ended);
 }
 
 void Sip::take_info(sip_request& request, std::string_view body) {
     core_con_printf(0, "ИНФО: %.*s", static_cast<int>(body.size()), body.data());
     const std::string_view type = sip::field(*request.header, "Content-Type");
-    const std::string_view call_id = sip::field(*request.header, "Call-ID");
-    const std::string_view from = sip::field(*request.header, "From");
-    sip_session* session = find_session(*request.account, call_id);
+    sip_session* session = find_session(*request.account, request.call_id);
     sip_user* user = session ? find_user(*session, *request.header) : nullptr;
     if (session && !user) return answer(request, 481);
     answer(request, 200);
@@ -212,7 +228,8 @@ void Sip::take_info(sip_request& request, std::string_view body) {
     if (!digit || !info.on_dtmf || closing) return;
     const bool passing = !user;
     if (passing)
-        user = &add_user(add_session(*request.account, sip::text(call_id)), sip::user_of(from), sip::tag_of(from));
+        user = &add_user(add_session(*request.account, request.call_id),
+                         sip::user_of(sip::field(*request.header, "From")), request.from_tag);
     info.on_dtmf(info.user, user, sip::read_digit(type, body));
     if (passing && !user->gone) drop(*user);
 }

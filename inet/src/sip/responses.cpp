@@ -8,6 +8,7 @@
 #include "inet/net_http_auth.h"
 
 #include <cstring>
+#include <utility>
 
 namespace net {
 
@@ -22,10 +23,17 @@ struct stamp {
     char text[64];
 };
 
+/// Whether a refusal inside a call says that the other end is not there, or does not know the call (RFC 3261, 12.2.1.2).
+/// A digit that is refused ends none.
+bool ends_call(const sip_request& request, unsigned status) noexcept {
+    if (is(request, "OPTIONS") && (status == 404 || status == 480)) return true;
+    return (is(request, "OPTIONS") || is(request, "INFO")) && (status == 481 || status == 408);
+}
+
 /// The answer to the challenges of a response: the first that can be computed; null for none.
-core::owned_text answer_to(const sip_request& request, const sip::header_t& header, const char* challenges,
-                           const sip::text& uri) {
+core::owned_text answer_to(const sip_request& request, const sip::header_t& header, const char* challenges) {
     const sip_account& account = *request.account;
+    const sip::text uri = sip::uri_of(request);
     sip::owned_header offered(http_header_respond("SIP/2.0", 401, ""));
     const char* first = nullptr;
     for (value_t* const* each = header.fields; offered && each && *each; ++each) {
@@ -36,7 +44,7 @@ core::owned_text answer_to(const sip_request& request, const sip::header_t& head
     if (!first) return nullptr;
     auth::challenge challenge;
     if (offered && challenge.take(offered.get()))
-        return challenge.answer(account.user, account.password, request.method, uri);
+        return challenge.answer(account.user, account.password, request.method, uri, request.body);
     return core::owned_text(net_http_authenticate(account.user.c_str(), account.password.c_str(), request.method,
                                                   uri.c_str(), first, CORE_HERE));
 }
@@ -51,8 +59,9 @@ void Sip::take_response(sip_account& account, const sip::header_t& header, std::
     sip::read_cseq(header, number, method);
     sip_request* const request = find_ours(via.branch, method);
     if (!request || request->account != &account) {
-        core_log_print(log, "sip:%s %d branch:%.*s - неизвестная транзакция", stamp().text,
-                       static_cast<int>(header.status), static_cast<int>(via.branch.size()), via.branch.data());
+        if (core_log_wanted(log))
+            core_log_print(log, "sip:%s %d branch:%.*s - неизвестная транзакция", stamp().text,
+                           static_cast<int>(header.status), static_cast<int>(via.branch.size()), via.branch.data());
         return;
     }
     const unsigned status = header.status;
@@ -88,44 +97,49 @@ void Sip::complete(sip_request& request) noexcept {
 
 void Sip::take_challenge(sip_request& request, const sip::header_t& header, std::string_view head) {
     const bool proxy = header.status == 407;
-    if (request.credentials_name && request.challenged == head) {
-        // A copy of the datagram that was answered, or the same refusal once more: what comes next tells.
+    const bool stale = request.credentials_name && request.stale > 0;
+    if (request.credentials_name && (stale || request.challenged == head)) {
+        // A copy of the datagram that was answered, or the same refusal once more: what comes next tells. Nor can a
+        // refusal be told from the challenge of a copy that we sent before the first challenge came.
+        request.stale -= stale;
         request.doubted = true;
-        request.ends_at = std::min(request.ends_at, core_timer() + sip::t1);
+        request.ends_at = std::min(request.ends_at, core_timer() + (stale ? sip::last_try_time : sip::t1));
         return;
     }
-    const sip::text uri = sip::join({"sip:", request.peer, request.peer.empty() ? "" : "@", request.account->server});
     const core::owned_text credentials =
         request.credentials_name ? nullptr
-                                 : answer_to(request, header, proxy ? "Proxy-Authenticate" : "WWW-Authenticate", uri);
-    sip_user* const user = request.user;
+                                 : answer_to(request, header, proxy ? "Proxy-Authenticate" : "WWW-Authenticate");
     const bool invite = is(request, "INVITE");
-    if (!credentials || (invite && request.abandoned)) {
-        core_log_print(log, "sip: Authentication failed");
-        if (is(request, "REGISTER") || is(request, "SUBSCRIBE") || (invite && user)) tell(user, sip_call_unauthorized);
-        end(request);
-        if (invite && user && !user->gone) drop(*user);
-        return;
-    }
+    if (!credentials || (invite && request.abandoned)) return give_up(request);
     request.credentials_name = proxy ? "Proxy-Authorization" : "Authorization";
     request.credentials = credentials.get();
     request.challenged = head;
     const bool begins = invite || is(request, "SUBSCRIBE");
+    request.stale = request.resent;
     if (begins || request.account->renews) renew_branch(request);
     if (begins) request.remote_tag.clear();
-    if (begins && user) user->remote_tag.clear();
+    if (begins && request.user) request.user->remote_tag.clear();
     request.provisional = false;
     send(request);
+}
+
+/// Its credentials were refused.
+void Sip::give_up(sip_request& request) {
+    core_log_print(log, "sip: Authentication failed");
+    sip_user* const user = request.user;
+    end(request);
+    if (is(request, "INVITE") && user) return finish(*user, sip_call_unauthorized);
+    if (is(request, "REGISTER") || is(request, "SUBSCRIBE")) tell(user, sip_call_unauthorized);
 }
 
 void Sip::take_provisional(sip_request& request, const sip::header_t& header, std::string_view body) {
     const unsigned status = header.status;
     if (is(request, "INVITE")) {
-        request.provisional = true;
+        const bool first = !std::exchange(request.provisional, true);
         request.resend_at = 0;
         acknowledge_provisional(request, header);
         if (request.abandoned) return request.cancelled ? void() : cancel(request);
-        request.ends_at = core_timer() + sip::ring_time;
+        if (first) request.ends_at = core_timer() + sip::ring_time;
         if (!body.empty()) {
             request.early = body;
             request.early_tag = sip::tag_of(sip::field(header, "To"));
@@ -194,8 +208,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     user->way = invite.way;
     // What a 1xx has agreed on need not be said again.
     const bool early = body.empty() && invite.early_tag == std::string_view(invite.remote_tag);
-    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body),
-                      sip::read_dotted(invite.account->contact_address));
+    user->media.start(sip::read_description(early ? std::string_view(invite.early) : body), user->own);
     send_ack(invite);
     complete(invite);
     establish(*user);
@@ -216,15 +229,13 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
     } else if (status == 486) {
         core_con_printf(1, "sip: абонент занят. перезвоните позже");
         event = sip_call_busy;
-    } else {
+    } else if (core_log_wanted(log)) {
         core_log_print(log, "sip:%s %s: %d %s", stamp().text, request.method, static_cast<int>(status),
                        sip::reason(status));
     }
     sip_user* const user = request.user;
-    // A digit that is refused ends no call, unless the other end does not know the call (RFC 3261, 12.2.1.2).
-    const bool inside = is(request, "INFO") || is(request, "OPTIONS");
-    const bool over = invite || (inside && status == 481);
-    const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE") || (over && user);
+    const bool over = invite || ends_call(request, status);
+    const bool told = is(request, "REGISTER") || is(request, "SUBSCRIBE");
     if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // of a subscription that is no more
     complete(request);
     if (told) tell(user, event);
@@ -235,7 +246,7 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
         account.expires = least;
         register_account(account);
     }
-    if (over && user && !user->gone) drop(*user);
+    if (over && user) finish(*user, event);
 }
 
 }  // namespace net

@@ -9,17 +9,21 @@
 #include <algorithm>
 #include <cstring>
 
+namespace sip {
+
+text uri_of(const sip_request& request) {
+    if (request.by_way) return request.way.target;
+    if (request.peer.empty()) return join({"sip:", request.account->server});
+    return join({"sip:", request.peer, "@", request.account->server});
+}
+
+}  // namespace sip
+
 namespace net {
 
 namespace {
 
 bool is_invite(const sip_request& request) noexcept { return std::strcmp(request.method, "INVITE") == 0; }
-
-sip::text uri_of(const sip_request& request) {
-    if (request.by_way) return request.way.target;
-    if (request.peer.empty()) return sip::join({"sip:", request.account->server});
-    return sip::join({"sip:", request.peer, "@", request.account->server});
-}
 
 void put_contact(sip::text& to, const sip_account& account) {
     sip::put(to, "Contact",
@@ -56,6 +60,8 @@ sip_request& Sip::ask(sip_account& account, sip_session& session, sip_user* user
 void Sip::renew_branch(sip_request& request) {
     request.branch = new_branch();
     request.cseq = 0;
+    request.stale = 0;
+    request.sent_by.clear();
     core_log_print(log, "rebanch dialog: %s, branch:%s ses:%s", request.method, request.branch.c_str(),
                    request.session->call_id.c_str());
 }
@@ -69,12 +75,11 @@ sip::text Sip::new_branch() const {
 void Sip::render(sip_request& request) {
     const sip_account& account = *request.account;
     const uint32_t port = account.wire ? account.wire->local_port() : 0;
+    if (request.sent_by.empty()) request.sent_by = sip::join({account.contact_address, ":", sip::number_text(port)});
     const bool tcp = account.transport == sip_tcp;
     const std::string_view whom = request.peer.empty() ? std::string_view(account.user) : request.peer;
-    sip::text out = sip::join({request.method, " ", uri_of(request), " SIP/2.0\r\n"});
-    sip::put(out, "Via",
-             {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", account.contact_address, ":", sip::number_text(port),
-              ";branch=", request.branch, ";rport"});
+    sip::text out = sip::join({request.method, " ", sip::uri_of(request), " SIP/2.0\r\n"});
+    sip::put(out, "Via", {"SIP/2.0/", tcp ? "TCP" : "UDP", " ", request.sent_by, ";branch=", request.branch, ";rport"});
     sip::put(out, "Max-Forwards", {"70"});
     sip::put(out, "From", {"<sip:", account.user, "@", account.server, ">;tag=", account.local_tag});
     sip::put(out, "To",
@@ -97,19 +102,33 @@ void Sip::send(sip_request& request) {
     render(request);
     const uint64_t now = core_timer();
     request.interval = sip::t1;
+    request.resent = 0;
     request.resend_at = request.account->transport == sip_udp ? now + sip::t1 : 0;
     request.ends_at = now + sip::t_end;
     if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
 }
 
+/// Sends what an account has said in its calls while there was no connection, or what was lost with it.
+void Sip::say_again(const sip_account& account) {
+    for (const auto& each : requests) {
+        const bool inside = std::strcmp(each->method, "BYE") == 0 || std::strcmp(each->method, "INFO") == 0;
+        if (each->gone || each->incoming || each->account != &account || !inside) continue;
+        each->sent_by.clear();
+        render(*each);
+        account.wire->send(each->bytes, nullptr);
+    }
+}
+
 /// Once more, past a server that does not know where the other end of the call is.
 void Sip::send_by_way(sip_request& request) {
     request.by_way = true;
+    request.credentials_name = nullptr;  // those it has are for another URI
+    request.doubted = request.renewed = false;
     renew_branch(request);
     send(request);
 }
 
-// Has the number of its INVITE, and the branch where it goes to the server.
+// Has the number and the credentials of its INVITE (RFC 3261, 22.1), and the branch where it goes to the server.
 sip::text Sip::print_ack(const sip_request& invite, std::string_view tag, bool by_way) {
     sip_request ack;
     ack.account = invite.account;
@@ -117,10 +136,15 @@ sip::text Sip::print_ack(const sip_request& invite, std::string_view tag, bool b
     ack.method = "ACK";
     ack.branch = by_way ? new_branch() : invite.branch;
     ack.by_way = by_way;
-    if (by_way) ack.way = invite.way;
+    if (by_way)
+        ack.way = invite.way;
+    else
+        ack.sent_by = invite.sent_by;
     ack.cseq = invite.cseq;
     ack.peer = invite.peer;
     ack.remote_tag = tag;
+    ack.credentials_name = invite.credentials_name;
+    ack.credentials = invite.credentials;
     render(ack);
     return std::move(ack.bytes);
 }
@@ -150,6 +174,7 @@ void Sip::leave(sip_request& invite, std::string_view tag) {
 void Sip::cancel(sip_request& invite) {
     sip_request& request = ask(*invite.account, *invite.session, nullptr, "CANCEL", {}, {});
     request.branch = invite.branch;
+    request.sent_by = invite.sent_by;
     request.cseq = invite.cseq;
     request.peer = invite.peer;
     send(request);
@@ -185,8 +210,7 @@ sip_request* Sip::find_theirs(const sip::header_t& header, const char* method) n
     sip::read_cseq(header, number, ignored);
     const auto found = std::ranges::find_if(requests, [&](const auto& each) {
         return !each->gone && each->incoming && each->cseq == number && each->branch == via.branch &&
-               each->sent_by == via.host && std::strcmp(each->method, method) == 0 &&
-               sip::field(*each->header, "Call-ID") == call_id;
+               each->sent_by == via.host && std::strcmp(each->method, method) == 0 && each->call_id == call_id;
     });
     return found == requests.end() ? nullptr : found->get();
 }
@@ -220,11 +244,28 @@ sip::text Sip::print_answer(const sip_account& account, const sip::header_t& hea
     return out;
 }
 
+/// Goes to where the request came from. A peer that asks for no rport listens at the port of its Via (RFC 3261, 18.2.2),
+/// but behind a translation of addresses it is not reached there: it gets the answer at both.
+void Sip::send_answer(const sip_account& account, const sip::header_t& header, std::string_view bytes,
+                      const sockaddr_in& from) noexcept {
+    if (!account.wire) return;
+    account.wire->send(bytes, &from);
+    const sip::via_t via = sip::top_via(header);
+    if (account.transport != sip_udp || via.has_rport || !via.good || via.port == 0) return;
+    char address[net_addr_size];
+    net_addr_ip(from, address, sizeof address);
+    sockaddr_in listens = {};
+    if (via.port == net_addr_port(from) || net_addr_setup(listens, address, static_cast<uint16_t>(via.port)) != 0)
+        return;
+    account.wire->send(bytes, &listens);
+}
+
 /// Answers a request of a peer. What was answered last is the answer when it comes again.
 void Sip::answer(sip_request& request, unsigned status, std::string_view type, std::string_view body) {
     request.bytes = print_answer(*request.account, *request.header, status, request.from, type, body);
     request.status = status;
     request.answered = status >= 200;
+    if (request.answered) sip::text().swap(request.offer);
     const uint64_t now = core_timer();
     request.ends_at = now + (request.answered ? sip::t_end : sip::ring_time);
     // Its ACK may be lost, or this (RFC 3261, 13.3.1.4 and 17.2.1).
@@ -232,14 +273,16 @@ void Sip::answer(sip_request& request, unsigned status, std::string_view type, s
         is_invite(request) && request.answered && (status < 300 || request.account->transport == sip_udp);
     request.interval = sip::t1;
     request.resend_at = again ? now + sip::t1 : 0;
-    if (request.account->wire) request.account->wire->send(request.bytes, &request.from);
+    send_answer(*request.account, *request.header, request.bytes, request.from);
 }
 
 void Sip::resend(sip_request& request, uint64_t now) {
     const bool slow = !is_invite(request) || request.incoming;
     request.interval = slow ? std::min(2 * request.interval, sip::t2) : 2 * request.interval;
     request.resend_at = now + request.interval;
-    if (request.account->wire) request.account->wire->send(request.bytes, request.incoming ? &request.from : nullptr);
+    ++request.resent;
+    if (request.incoming) return send_answer(*request.account, *request.header, request.bytes, request.from);
+    if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
 }
 
 void Sip::timed_out(sip_request& request) {
@@ -250,8 +293,7 @@ void Sip::timed_out(sip_request& request) {
         if (!user) return;
         user->invite = nullptr;
         request.user = nullptr;
-        tell(user, sip_call_ended);
-        return drop(*user);
+        return finish(*user, sip_call_ended);
     }
     const bool unacknowledged = request.incoming && invite && request.status < 300 && user && user->invite == &request;
     const bool unanswered = !request.incoming && request.ack.empty() && invite && user;
@@ -261,8 +303,7 @@ void Sip::timed_out(sip_request& request) {
         request.abandoned = true;
         if (!unanswered) return;
         user->invite = nullptr;
-        tell(user, sip_call_failed);
-        return user->gone ? void() : drop(*user);
+        return finish(*user, sip_call_failed);
     }
     const bool refused = !request.incoming && request.doubted;
     if (refused && !request.renewed) {
@@ -272,14 +313,11 @@ void Sip::timed_out(sip_request& request) {
         request.ends_at = core_timer() + sip::last_try_time;
         return;
     }
-    if (refused) core_log_print(log, "sip: Authentication failed");
-    if (refused) tell(invite ? user : nullptr, sip_call_unauthorized);
+    if (refused) return give_up(request);
     const bool vanished = !request.incoming && user && std::strcmp(request.method, "OPTIONS") == 0;
     end(request);
     if (unacknowledged || vanished) return bye(*user);
-    if (!unanswered) return;
-    if (!refused) tell(user, sip_call_failed);
-    if (!user->gone) drop(*user);
+    if (unanswered) finish(*user, sip_call_failed);
 }
 
 }  // namespace net

@@ -68,6 +68,16 @@ void Sip::connected(sip_account& account) {
         core_con_printf(0, "sip connected... %s:%d", account.server.c_str(), static_cast<int>(account.port));
     }
     register_account(account);
+    if (account.transport == sip_tcp) say_again(account);
+}
+
+/// Where a peer that is not known yet finds the media of a call: the address of the account, unless nobody outside of
+/// this host gets there, as the server is on it.
+in_addr Sip::media_address(const sip_account& account) const {
+    const in_addr near = sip::read_dotted(account.contact_address);
+    if (!sip::is_loopback(near)) return near;
+    const core::owned_text address(net_hostip(file, line));
+    return address ? sip::read_dotted(address.get()) : near;
 }
 
 /// Where a peer finds the media of a call: the address of the account's socket, unless the server is on this host and
@@ -143,8 +153,9 @@ void Sip::take_message(sip_account& account, std::string_view head, std::string_
         const auto whole = static_cast<int>(head.size() + body.size());
         core_log_print(log, "in:\n%.*s", whole, head.data());  // the body stands behind the head
     }
-    if (header->status != 0) return take_response(account, *header, head, body);
-    if (!sip::is_request_line(head)) fault = 400;
+    const bool too_many = value_count(header->fields) > sip::most_fields;
+    if (header->status != 0) return too_many ? void() : take_response(account, *header, head, body);
+    if (too_many || !sip::is_request_line(head)) fault = 400;
     take_request(account, std::move(header), body, fault, from);
 }
 

@@ -35,6 +35,9 @@ public:
     uint32_t local_port() const noexcept override { return fd_ < 0 ? 0 : net_socket_get_near_port(fd_); }
     // The socket is bound to none.
     in_addr local_address() const noexcept override { return near_to(server_.sin_addr); }
+    bool is_server(const sockaddr_in& from) const noexcept override {
+        return from.sin_addr.s_addr == server_.sin_addr.s_addr;
+    }
     bool is_up() const noexcept override { return true; }
     void stop() noexcept override {
         net::net_nt_socket_rem(agent_.info.nt, socket_);
@@ -88,6 +91,7 @@ public:
     }
     uint32_t local_port() const noexcept override { return tcp_ ? net_addr_port(tcp_->local()) : 0; }
     in_addr local_address() const noexcept override { return tcp_ ? tcp_->local().sin_addr : in_addr{}; }
+    bool is_server(const sockaddr_in&) const noexcept override { return true; }
     bool is_up() const noexcept override { return tcp_ && tcp_->is_connected(); }
     void stop() noexcept override { net::Tcp::destroy(std::exchange(tcp_, nullptr)); }
 

@@ -78,7 +78,7 @@ void call_t::press(const char* digits) noexcept {
     if (!is_answered_ || finished_) return;
     for (; *digits; ++digits) {
         const char* const known = std::strchr(digits_known, *digits);
-        if (known) net_sip_dtmf(net_sip_user_session(party_), static_cast<unsigned>(known - digits_known));
+        if (known) net_sip_dtmf_to(party_, static_cast<unsigned>(known - digits_known));
     }
 }
 
@@ -146,16 +146,14 @@ bool call_t::go_live() noexcept {
 
 void call_t::deliver(const entry_t& entry) noexcept { send(entry, entry.frame.time); }
 
-void call_t::deliver_sound(const av::frame_t& frame) noexcept {
-    net_sip_put_frame(net_sip_user_session(party_), &frame);
-}
+void call_t::deliver_sound(const av::frame_t& frame) noexcept { net_sip_put_frame_to(party_, &frame); }
 
 void call_t::send(const entry_t& entry, uint64_t time) noexcept {
     if (entry.frame.fcc != av::fcc_h264) return;
     const bool sent = pictures_.pass(entry, [&] {
         av::frame_t frame = entry.frame;
         frame.time = last_time_ = std::max(time, last_time_ + least_step);
-        net_sip_put_frame(net_sip_user_session(party_), &frame);
+        net_sip_put_frame_to(party_, &frame);
         return true;
     });
     counters_t& count = owner_.on().count();
