@@ -4,8 +4,8 @@
 //
 //   download_memory [MB]
 //
-// The document is a file that is mapped, so that its pages are not the program's own. Prints, for each: the most bytes in
-// blocks of the library above those before it, and the same of the process's own pages, in KiB.
+// The document is a file that is mapped, so that its pages are not the program's own. Prints, for each: the most bytes
+// in blocks of the library above those before it, and the same of the process's own pages, in KiB.
 #include "core/memory.h"
 #include "inet/net_http.h"
 #include "media/http_service.h"

@@ -1,5 +1,5 @@
-// Serving segments of a live context (4 Mbit/s: about 1 MB each) by share, beside a copy of their bytes and what a range
-// does, which reads them from their file; and making a manifest.
+// Serving segments of a live context (4 Mbit/s: about 1 MB each) by share, beside a copy of their bytes and what a
+// range does, which reads them from their file; and making a manifest.
 #include "net_dash/segments.h"
 
 #include "avc/fcc.h"

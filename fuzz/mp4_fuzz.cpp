@@ -1,5 +1,5 @@
-// A fragmented MP4 file: what is read of it lies in it, H.264 comes as NAL units behind start codes, and going back to a
-// fragment gives the same again.
+// A fragmented MP4 file: what is read of it lies in it, H.264 comes as NAL units behind start codes, and going back to
+// a fragment gives the same again.
 #include "fuzz.h"
 
 #include "avc/fcc.h"

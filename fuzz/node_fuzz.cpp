@@ -1,5 +1,5 @@
-// The document of a node as a module reads it. And the other way round: whatever a caller puts into a document comes out
-// of it unchanged, but for bytes that are not UTF-8.
+// The document of a node as a module reads it. And the other way round: whatever a caller puts into a document comes
+// out of it unchanged, but for bytes that are not UTF-8.
 #include "fuzz.h"
 
 #include "inet/net_fish.h"

@@ -1,6 +1,6 @@
 // Dialogs of a player with an RTMP server session, behind a handshake that the target makes. The first byte says how
-// they are cut. Whatever comes: the session holds little, a refused one takes nothing more, and every split of the input
-// gives the same answers.
+// they are cut. Whatever comes: the session holds little, a refused one takes nothing more, and every split of the
+// input gives the same answers.
 #include "fuzz.h"
 #include "support/frames.h"
 

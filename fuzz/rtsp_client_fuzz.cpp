@@ -48,8 +48,8 @@ public:
         }
         if (session) end();
     }
-    /// What was asked, told and delivered. What was asked is left out where random text is in it, the cookie of a tunnel
-    /// or the nonce of an answer; of a tunnel the reports, which have times in them, are left out with it.
+    /// What was asked, told and delivered. What was asked is left out where random text is in it, the cookie of a
+    /// tunnel or the nonce of an answer; of a tunnel the reports, which have times in them, are left out with it.
     std::string story() const {
         const bool drawn = tunnelled_ || asked.find("cnonce=") != std::string::npos;
         std::string all = (drawn ? "" : asked) + events;

@@ -1,9 +1,9 @@
 // The RTSP server session fed bytes, with an owner that answers as a camera's service does and sends frames with every
 // reply. The first byte of the input says how the rest is cut, whether there is a password, whether the peer reads,
 // whether the owner answers in the event or only when more has come, and whether methods that are not known are
-// answered and parameter sets described; the sum of all bytes, where the first piece ends. A peer is told the same however its bytes are cut, and makes
-// nothing happen while it has not given the password. Input that comes in one piece is taken once more by a session
-// that is closed, or loses its tracks, from inside the event that the sum picks.
+// answered and parameter sets described; the sum of all bytes, where the first piece ends. A peer is told the same
+// however its bytes are cut, and makes nothing happen while it has not given the password. Input that comes in one
+// piece is taken once more by a session that is closed, or loses its tracks, from inside the event that the sum picks.
 #include "fuzz.h"
 
 #include "inet/rtsp_owner.h"

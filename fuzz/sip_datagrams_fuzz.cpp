@@ -1,5 +1,5 @@
-// The SIP agent fed datagrams and its owner's actions, each ended by a NUL. Whatever comes, what it holds is bounded, and
-// what nobody finishes is gone in time.
+// The SIP agent fed datagrams and its owner's actions, each ended by a NUL. Whatever comes, what it holds is bounded,
+// and what nobody finishes is gone in time.
 #include "fuzz.h"
 
 #include "inet/sip_owner.h"

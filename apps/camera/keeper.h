@@ -18,10 +18,11 @@ namespace camera {
 
 class kept_stream;
 
-/// Streams with H.264 pictures are recorded, with their sound. A file begins with a key picture and holds a minute, up to
-/// the next key picture. What is lost by a crash is the last fragment, of about a second.
+/// Streams with H.264 pictures are recorded, with their sound. A file begins with a key picture and holds a minute, up
+/// to the next key picture. What is lost by a crash is the last fragment, of about a second.
 ///
-/// Modules that play recordings find them over the bus (docs/modules.md). Recordings of these streams that were in the folder before count, and go first.
+/// Modules that play recordings find them over the bus (docs/modules.md). Recordings of these streams that were in the
+/// folder before count, and go first.
 class keeper {
 public:
     keeper();

@@ -19,8 +19,8 @@
 
 namespace camera {
 
-/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, the streams as DASH, and ONVIF; the JPEG
-/// pictures are the service's own. It lives as long as the station.
+/// Serves the page at "/", /status.json, /metrics and, without a user, /healthz, the streams as DASH, and ONVIF; the
+/// JPEG pictures are the service's own. It lives as long as the station.
 class web {
 public:
     web(media::station& station, const options& settings)

@@ -30,8 +30,8 @@ int tell_about(const char* program, about_t what, const std::string& usage);
 /// @return the arguments behind the program's name, as UTF-8
 std::vector<std::string> start(int argc, const char* const* argv);
 
-/// What a peer has sent, with a blank for each character that commands terminals or ends lines, and for each byte that is
-/// no UTF-8.
+/// What a peer has sent, with a blank for each character that commands terminals or ends lines, and for each byte that
+/// is no UTF-8.
 std::string showable(std::string_view text);
 
 /// Prints a message of the program to the error stream.

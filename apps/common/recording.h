@@ -1,5 +1,5 @@
-// Recordings of a stream: files of fragmented MP4 in one folder, each named after the stream and the moment at which its
-// first picture was decoded: "yard-20261122T103117.042Z.mp4".
+// Recordings of a stream: files of fragmented MP4 in one folder, each named after the stream and the moment at which
+// its first picture was decoded: "yard-20261122T103117.042Z.mp4".
 #pragma once
 
 #include <cstdint>

@@ -2,10 +2,11 @@
 // loads that word, and does nothing more when no bit is set. The library's own two logs are constants; the others stand
 // in a list, each once for its name. One lock guards that list and the places, never a write.
 //
-// Each sink has a lock of its own, its turn, which is held while it writes a line. What a sink prints while it writes is
-// put aside and delivered after its turn, to the sinks that had no part in causing it: a thread never waits for one turn
-// while it holds another, and no line causes itself. A sink that is removed first loses its bit in every log, then its
-// running write is waited for, then it is closed; a sink that removes itself is closed when that write has returned.
+// Each sink has a lock of its own, its turn, which is held while it writes a line. What a sink prints while it writes
+// is put aside and delivered after its turn, to the sinks that had no part in causing it: a thread never waits for one
+// turn while it holds another, and no line causes itself. A sink that is removed first loses its bit in every log, then
+// its running write is waited for, then it is closed; a sink that removes itself is closed when that write has
+// returned.
 //
 // Console messages that no sink wants go to the standard error stream.
 #include "core/log.h"

@@ -1,11 +1,11 @@
-// A block is a head and the caller's bytes. The head holds the size, the number of the allocating line (its site), and a
-// mark made of both and the address, by which a block that is not ours, or was released before, is known.
+// A block is a head and the caller's bytes. The head holds the size, the number of the allocating line (its site), and
+// a mark made of both and the address, by which a block that is not ours, or was released before, is known.
 //
 // A site is made at the first allocation of its line, under a lock, and found through a hash without one. Blocks and
-// bytes held are counted by site, and each thread counts in cells of its own (a counter: pages of cells, one a site), so
-// that neither allocating nor releasing needs a lock or a locked instruction. A block released by another thread than
-// its allocator's leaves cells that are right in their sum alone, modulo 2^64, and only the sum is ever asked for. A
-// thread that ends leaves its counter, with what it counted, to the next one; threads beyond the 64th share one.
+// bytes held are counted by site, and each thread counts in cells of its own (a counter: pages of cells, one a site),
+// so that neither allocating nor releasing needs a lock or a locked instruction. A block released by another thread
+// than its allocator's leaves cells that are right in their sum alone, modulo 2^64, and only the sum is ever asked for.
+// A thread that ends leaves its counter, with what it counted, to the next one; threads beyond the 64th share one.
 //
 // Everything global is ready before any constructor and never destroyed: blocks come and go before main() and after it.
 #include "core/memory.h"

@@ -218,8 +218,8 @@ buffer_t Chunks::insides::head() noexcept {
     return {head_.data, head_.length};
 }
 
-// At time 0, wherever the player begins: there players that keep to FLV look for what a stream is. Later on they take it
-// for a track of texts.
+// At time 0, wherever the player begins: there players that keep to FLV look for what a stream is. Later on they take
+// it for a track of texts.
 bool Chunks::insides::put_metadata() noexcept {
     metadata_t known{.width = width_, .height = height_, .video = sps_.length > 0};
     known.sound = sound_ == av::fcc_mp4a ? flv::codec_aac

@@ -1,5 +1,5 @@
-// The sockets belong to the first thread. What is to be sent waits in a list for a command that is ordered for the time of
-// the earliest.
+// The sockets belong to the first thread. What is to be sent waits in a list for a command that is ordered for the time
+// of the earliest.
 #include "media/discovery.h"
 
 #include "discovery/part.h"

@@ -23,8 +23,8 @@ void on_bus(void* arg, profile_ctx*, profile_event_t event, const param_t* param
         static_cast<stream*>(arg)->push(*static_cast<const av::frame_t*>(frame->data));
 }
 
-/// What the source of the track tells of it; its `fcc` is 0 when nobody answers. @param config  holds its configuration,
-/// for the caller to release
+/// What the source of the track tells of it; its `fcc` is 0 when nobody answers.
+/// @param config  holds its configuration, for the caller to release
 format_t ask_format(profile_ctx* bus, buffer_t& config) noexcept {
     const param_t question[] = {{"command", "format"}, {}};
     const core::owned_text answer(profile_request(bus, question, CORE_HERE));

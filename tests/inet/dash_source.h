@@ -84,8 +84,8 @@ protected:
         return core_profile_put(to, list);
     }
 
-    /// Puts pictures, written as their kind and their milliseconds from the base: "K0 p40 p80 K2000". C is a key picture
-    /// with other parameter sets than K, S is sound.
+    /// Puts pictures, written as their kind and their milliseconds from the base: "K0 p40 p80 K2000". C is a key
+    /// picture with other parameter sets than K, S is sound.
     void put(const std::string& pictures, profile_ctx* to = nullptr) {
         using namespace std::string_literals;
         const std::string slices = "\0\0\1\x68\xcb\x83\xcb\x20\0\0\1\x65\x88\x84"s;

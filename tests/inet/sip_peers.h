@@ -183,8 +183,8 @@ inline void pass_clip(sip_phone& from, sip_phone& to) {
     EXPECT_TRUE(to.has_sound(sent.size() * sound.size() - 160));
 }
 
-/// Answers REGISTER with 200, and hands everything else to the other one of two ends. Where it loses, it loses the first
-/// copy of every datagram, and doubles the next ones.
+/// Answers REGISTER with 200, and hands everything else to the other one of two ends. Where it loses, it loses the
+/// first copy of every datagram, and doubles the next ones.
 class sip_switch {
 public:
     explicit sip_switch(int transport, bool loses = false) : tcp_(transport == net::sip_tcp), loses_(loses) {

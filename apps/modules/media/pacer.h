@@ -14,8 +14,8 @@
 
 namespace media_module {
 
-/// Paces what one start of a graph starts, with one timer: frame 0 of all tracks has the same time, and frames that come
-/// due together are put in the order of their times.
+/// Paces what one start of a graph starts, with one timer: frame 0 of all tracks has the same time, and frames that
+/// come due together are put in the order of their times.
 class pacer {
 public:
     /// A track that is played.

@@ -16,9 +16,10 @@
 /// 255 PPS. After 0 `out` is as before.
 INET_API int av_mp4_init(buf_t* out, const av::frame_t* key, const char* file, int line) noexcept;
 
-/// Appends one fragment (moof and mdat) with the frames of a null-terminated array, in decoding order. The first is shown
-/// at its time; the others are shown as much later than decoded as their `shown_after` is above that of the first, of
-/// which 10 s count. Parameter sets and delimiters inside the access units are left out; NAL units get four-byte lengths.
+/// Appends one fragment (moof and mdat) with the frames of a null-terminated array, in decoding order. The first is
+/// shown at its time; the others are shown as much later than decoded as their `shown_after` is above that of the
+/// first, of which 10 s count. Parameter sets and delimiters inside the access units are left out; NAL units get
+/// four-byte lengths.
 /// @param base      microseconds that count as 0 on the track
 /// @param end       microseconds at which the last frame ends: the time of the frame after it
 /// @param sequence  number of the fragment, counted from 1

@@ -12,8 +12,8 @@
 /// Bounds (what passes one is malformed):
 ///     moov, moof             1 MiB, 4 MiB; and as much again for what is read of it
 ///     samples                65536 in a fragment
-///     bytes of a fragment    64 MiB. Held at the same time is one access unit in Annex B form, of at most 2.5 times the
-///                            bytes of its sample, and the parameter sets
+///     bytes of a fragment    64 MiB. Held at the same time is one access unit in Annex B form, of at most 2.5 times
+///                            the bytes of its sample, and the parameter sets
 ///
 /// One thread at a time.
 #pragma once
@@ -74,8 +74,8 @@ public:
 
     /// Reads the bytes of the fragment's samples. @return as next_fragment()
     int load() noexcept;
-    /// The samples of the loaded fragment in the order of their times. @return 1, or 0 when there are no more, or memory
-    /// is out. A sample that is no list of NAL units is left out
+    /// The samples of the loaded fragment in the order of their times. @return 1, or 0 when there are no more, or
+    /// memory is out. A sample that is no list of NAL units is left out
     int next(mp4_taken_t& out) noexcept;
 
 private:

@@ -1,6 +1,6 @@
-/// Diffie-Hellman key exchange (RFC 2631) in the 1024-bit group 2 of RFC 2409, section 6.2, with the generator 2; and the
-/// stream cipher RC4. Both are what encrypted RTMP asks for, and too weak for anything new. Any thread; an object belongs
-/// to one thread at a time.
+/// Diffie-Hellman key exchange (RFC 2631) in the 1024-bit group 2 of RFC 2409, section 6.2, with the generator 2; and
+/// the stream cipher RC4. Both are what encrypted RTMP asks for, and too weak for anything new. Any thread; an object
+/// belongs to one thread at a time.
 #pragma once
 
 #include "core/api.h"
@@ -18,14 +18,15 @@ public:
     DHWrapper(const DHWrapper&) = delete;
     DHWrapper& operator=(const DHWrapper&) = delete;
 
-    /// Makes a private key of 256 random bits, and its public key. Takes about a millisecond, as does CreateSharedKey().
+    /// Makes a private key of 256 random bits, and its public key. Takes about a millisecond, as does
+    /// CreateSharedKey().
     void Initialize() noexcept;
     /// The same with a given private key: 32 bytes, big-endian.
     void Initialize(const uint8_t private_key[32]) noexcept;
 
     /// Computes the shared key from the public key of the peer. @return false without Initialize(), for a size other
-    /// than key_size, and for a public key that is 0, 1, or the prime less one or above: it would make a shared key that
-    /// everybody knows.
+    /// than key_size, and for a public key that is 0, 1, or the prime less one or above: it would make a shared key
+    /// that everybody knows.
     bool CreateSharedKey(const uint8_t* peer_public_key, uint32_t size) noexcept;
 
     /// Copy `key_size` bytes. @return false for another size, or before there is a key.

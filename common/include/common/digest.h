@@ -1,6 +1,6 @@
-/// MD5 (RFC 1321), SHA-1 and SHA-256 (FIPS 180-4), HMAC-SHA-256 (RFC 2104), Base64 (RFC 4648) and random text. Any thread.
-/// Returned texts are for the caller to release with core_mfree(); null for a null argument or when memory is out.
-/// Bytes may be null when their size is 0.
+/// MD5 (RFC 1321), SHA-1 and SHA-256 (FIPS 180-4), HMAC-SHA-256 (RFC 2104), Base64 (RFC 4648) and random text. Any
+/// thread. Returned texts are for the caller to release with core_mfree(); null for a null argument or when memory is
+/// out. Bytes may be null when their size is 0.
 #pragma once
 
 #include "core/api.h"

@@ -28,7 +28,8 @@ public:
     void Ignore(uint32_t n) noexcept;
     void IgnoreAll() noexcept { cursor_ = buf_.length = 0; }
 
-    /// These append. @return false when memory is out or the buffer would pass 2^32 - 1 bytes: nothing is appended then.
+    /// These append.
+    /// @return false when memory is out or the buffer would pass 2^32 - 1 bytes: nothing is appended then.
     bool ReadFromRepeat(uint8_t byte, uint32_t count) noexcept;
     bool ReadFromByte(uint8_t byte) noexcept;
     /// The bytes may not lie in the buffer.

@@ -17,8 +17,8 @@
 /// The document, an element, or the namespace declaration that roxml_get_ns() returns.
 struct node;
 
-/// Reads a NUL-terminated text. Two faults of messages of WS-Discovery are taken: blanks before the XML declaration, and
-/// prefixes that were nowhere declared; what carries one is in no namespace.
+/// Reads a NUL-terminated text. Two faults of messages of WS-Discovery are taken: blanks before the XML declaration,
+/// and prefixes that were nowhere declared; what carries one is in no namespace.
 /// @return the document, whose only child is the root element; null when it is not well-formed or memory is out.
 /// Release with roxml_close().
 INET_API node* roxml_load_buf(const char* text) noexcept;

@@ -107,8 +107,8 @@ bool move_file(const wchar_t* from, const wchar_t* to) noexcept {
     return MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
 }
 
-/// The same in two steps, where there is no better way: a file that others have open can be moved aside. A crash between
-/// the two leaves it under that name.
+/// The same in two steps, where there is no better way: a file that others have open can be moved aside. A crash
+/// between the two leaves it under that name.
 bool replace_moved_aside(const wchar_t* from, const wchar_t* to) noexcept {
     wchar_t aside[wide_path::room + 16];
     std::swprintf(aside, std::size(aside), L"%ls.%08lx", to, GetTickCount());

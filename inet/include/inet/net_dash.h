@@ -14,21 +14,21 @@
 ///   - Media time counts from the first key picture, whose time is the start of availability. It never runs back: a
 ///     source whose clock was set back goes on where it was. Segments begin and end at whole milliseconds.
 ///   - A pause of a live track is an outage when it is longer than 5 s and longer than 3 times the pause before it (the
-///     first one: longer than 15 s). It ends the segment with the usual duration of a picture, but not before it lasts 1 s;
-///     the next begins with the next key picture. In a range pauses are left out: recordings have holes.
+///     first one: longer than 15 s). It ends the segment with the usual duration of a picture, but not before it lasts
+///     1 s; the next begins with the next key picture. In a range pauses are left out: recordings have holes.
 ///   - The live list holds 15 s and one segment; the oldest goes when a new one comes. The manifest is there once the
 ///     first has gone.
-///   - When the parameter sets of a live track change, which segments do not carry, the context is retired, and a new one
-///     takes over at that picture. Its segments can still be asked for. A track has 3 retired contexts at most: until one
-///     is released, pictures with yet other sets are dropped.
+///   - When the parameter sets of a live track change, which segments do not carry, the context is retired, and a new
+///     one takes over at that picture. Its segments can still be asked for. A track has 3 retired contexts at most:
+///     until one is released, pictures with yet other sets are dropped.
 ///   - A range is whole, and its manifest there, when the first of these happens: a picture from behind its end comes,
 ///     the source says so, nothing comes for 10 s, the parameter sets change, a file cannot be written, or a bound is
 ///     reached.
 ///
 /// Bytes and files: every segment is written to ./temp/NAME/T.m4s, relative to the working directory. The segments of a
 /// live list are served from memory, each for all readers from one block that is freed or used again when the segment
-/// has gone and nobody holds a share. Of a range only the files are kept: a segment is read when somebody asks for it, and
-/// shared by those who ask for it meanwhile.
+/// has gone and nobody holds a share. Of a range only the files are kept: a segment is read when somebody asks for it,
+/// and shared by those who ask for it meanwhile.
 ///
 /// A context that has no users is released 20 to 25 s after it was last opened, or asked for a manifest or a segment. A
 /// thread of the library does that.
@@ -110,14 +110,15 @@ INET_API void dash_free() noexcept;
 /// @param start, end  microseconds UTC; both 0 for live
 /// @return null when:
 ///   - the track is not in the registry, or its id is refused,
-///   - the range ends before it starts or behind INT64_MAX, is longer than dash_longest_range_us, or has a 0 on one side,
+///   - the range ends before it starts or behind INT64_MAX, is longer than dash_longest_range_us, or has a 0 on one
+///     side,
 ///   - there are as many contexts as the bounds allow, or memory is out, or
 ///   - the directory of a range cannot be made.
 INET_API net::dash_ctx* net_dash_open(const char* token, uint64_t start, uint64_t end, const char* file,
                                       int line) noexcept;
 
-/// The first context with that token, or with that name (net_dash_name()), with one more user, or null. Retired ones are
-/// found by name alone.
+/// The first context with that token, or with that name (net_dash_name()), with one more user, or null. Retired ones
+/// are found by name alone.
 INET_API net::dash_ctx* net_dash_search(const char* token) noexcept;
 INET_API net::dash_ctx* net_dash_find(const char* name) noexcept;
 
@@ -148,8 +149,8 @@ INET_API void net_dash_segment_close(net::dash_ctx* ctx, const net::dash_segment
 INET_API net::dash_info net_dash_segment_info(const net::dash_ctx* ctx, const net::dash_segment* segment) noexcept;
 
 /// A share of a segment, or of the init segment, by name. No lock is held after the call. Of a live context nothing is
-/// copied; of a range the file is read. A live segment is there once a manifest has listed it: players that ask for what
-/// is not listed yet, as ffmpeg does, lose their place when they get it.
+/// copied; of a range the file is read. A live segment is there once a manifest has listed it: players that ask for
+/// what is not listed yet, as ffmpeg does, lose their place when they get it.
 /// @return 1; 0 when there is none, its file cannot be read, or memory is out
 INET_API int net_dash_share(net::dash_ctx* ctx, const char* name, net::dash_share* out) noexcept;
 /// Ends a share by its `owner`; null is ignored. It fits net_http_send_share().

@@ -8,7 +8,8 @@
 /// "_values" (the choices) or "_minvalue" and "_maxvalue". What a call does not ask for has a fixed value.
 ///
 /// Arguments:
-///   - Texts are escaped, so every document is valid JSON. Bytes that are not UTF-8 become U+FFFD. A null text is empty.
+///   - Texts are escaped, so every document is valid JSON. Bytes that are not UTF-8 become U+FFFD. A null text is
+///     empty.
 ///   - Numbers are written as they are: choices and bounds are for the user interface, and not checked here.
 ///   - Lists of choices end with null; a null list is empty.
 ///   - A null identity has empty keys and tracks.

@@ -23,7 +23,8 @@ typedef int plugin_exec_fn(void* instance, const param_t* params);
 typedef void plugin_close_fn(void* instance);
 }
 
-/// For modules: why the call that runs fails, in one line of at most 300 bytes. It becomes a part of the graph's message.
+/// For modules: why the call that runs fails, in one line of at most 300 bytes. It becomes a part of the graph's
+/// message.
 INET_PRINTF(1, 2) INET_API void net_graph_reason(const char* format, ...) noexcept;
 
 namespace net {
@@ -131,8 +132,8 @@ public:
     /// Adds the node that plays an archive: the "reader" when the local archive holds the source, else the client of
     /// the server that tab_sources names for it (inet/net_tab.h). The local archive is asked over the profile bus:
     ///     name       "plugin_methods_archive"
-    ///     entries    "command" = "call", "plugin" = "archive", "method" = "stat_single", "params" = a JSON object whose
-    ///                member "key2" is the source
+    ///     entries    "command" = "call", "plugin" = "archive", "method" = "stat_single", "params" = a JSON object
+    ///                whose member "key2" is the source
     ///     answer     JSON. An object or array that is not empty, or true, says that it holds the source
     /// @return as add(); false when nobody holds the source
     bool add_archive(const cinfo_t__* node, const char* source) noexcept;

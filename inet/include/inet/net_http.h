@@ -7,15 +7,16 @@
 ///        dropped, and there is no second call
 ///     2. The message is whole, with its body
 /// After the second call nothing more is parsed until the owner has queued an answer to the request. It may take any
-/// time. Later requests wait. Answers to requests that came together go out together. "Expect: 100-continue" is answered
-/// between the two calls.
+/// time. Later requests wait. Answers to requests that came together go out together. "Expect: 100-continue" is
+/// answered between the two calls.
 ///
 /// How a body is framed:
 ///     Content-Length             of all messages
 ///     Transfer-Encoding chunked  of all messages but those of HTTP/1.0
 ///     the end of the connection  of a response with neither of the two, when it has "Connection: close", is of
 ///                                HTTP/1.0 without "Connection: keep-alive", is multipart, split, or written to a file
-///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no body
+///     none                       of everything else, and of responses to HEAD, 204 and 304: the second call has no
+///                                body
 ///
 /// What becomes of a body, by its Content-Type ("text/plain" when there is none):
 ///     "text/", "application/json", net_http_set_type()   handed over whole
@@ -38,8 +39,8 @@
 /// is still sent all of it. net_http_finish() ends it.
 ///
 /// What is refused with -1:
-///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart body
-///                    without a boundary; a NUL in the header; more than 8 blank lines before it
+///     in both roles  lengths that differ; a transfer coding other than "chunked"; chunks that are none; a multipart
+///                    body without a boundary; a NUL in the header; more than 8 blank lines before it
 ///     of requests    a response; a request line without three parts, or of another protocol; a length beside chunks;
 ///                    a bare CR or LF, a continuation line, or a name that is no token in the header
 ///     of responses   a request
@@ -125,8 +126,8 @@ INET_API int net_http_listen(net::http_ctx* ctx, const char* address, unsigned p
 /// @return 0; -5 for a null context; -1 when memory is out: the socket then still belongs to the caller
 INET_API int net_http_accept(net::http_ctx* ctx, int fd) noexcept;
 
-/// As net_http_accept(), for a connection of the same network thread that was accepted elsewhere, with the bytes that it
-/// has received. Its handler is replaced. What it has received is parsed after this call. On the network thread.
+/// As net_http_accept(), for a connection of the same network thread that was accepted elsewhere, with the bytes that
+/// it has received. Its handler is replaced. What it has received is parsed after this call. On the network thread.
 /// @param from  null on return
 /// @return 0; -5 for a null context, -2 for a null connection
 INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
@@ -136,8 +137,8 @@ INET_API int net_http_take(net::http_ctx* ctx, net::Tcp*& from) noexcept;
 INET_API void net_http_connect(net::http_ctx* ctx, const char* host, unsigned port) noexcept;
 
 /// Has a request that is refused with 401 sent once more, over a new connection to the same server, with an answer to
-/// the challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal is a
-/// message like any other where:
+/// the challenge (http_header_authorize()). The owner is told of neither the refusal nor the new connection. A refusal
+/// is a message like any other where:
 ///   - it has no challenge that can be answered,
 ///   - the request was sent once more already,
 ///   - another request was queued meanwhile, or
@@ -216,6 +217,7 @@ INET_API void net_http_give_up(net::http_ctx* ctx) noexcept;
 /// Bytes of this connection that were given to the system; 0 without a connection.
 INET_API uint64_t net_http_sent(const net::http_ctx* ctx) noexcept;
 
-/// Closes the connection at once, releases the queue, also what is lent, and the context, and nulls the pointer. After the call no callback
-/// runs. Called inside a callback, none runs after that one has returned, and what it was given stays valid so long.
+/// Closes the connection at once, releases the queue, also what is lent, and the context, and nulls the pointer. After
+/// the call no callback runs. Called inside a callback, none runs after that one has returned, and what it was given
+/// stays valid so long.
 INET_API void net_http_close(net::http_ctx*& ctx) noexcept;

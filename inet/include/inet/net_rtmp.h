@@ -7,22 +7,22 @@
 ///
 /// A session goes through these steps by itself:
 ///     1. Handshake: C0 and C1 go out; after S0 and S1 goes C2; S2 ends it. It is the plain handshake, without digests
-///     2. "connect", after its answer the acknowledgement window, the buffer length and "createStream", after its answer
-///        "play" and the buffer length
+///     2. "connect", after its answer the acknowledgement window, the buffer length and "createStream", after its
+///        answer "play" and the buffer length
 ///     3. Audio and video messages become frames. Pings, bandwidth checks and window sizes are answered. Received bytes
 ///        are acknowledged once a window
 ///
 /// Two ways to drive it:
 ///     over TCP         connect(). The session owns its net::Tcp
 ///     from bytes       handshake() once, then process() with what the server sent. Each time bytes wait in
-///                      send_buffer(), on_rtmp_send() tells. The owner sends them and drops them with core_buf_ignore().
-///                      A lost connection is told to close()
+///                      send_buffer(), on_rtmp_send() tells. The owner sends them and drops them with
+///                      core_buf_ignore(). A lost connection is told to close()
 ///
 /// What becomes of media (Adobe Flash Video File Format 10.1, Annex E.4):
-///     video 7        "H264": pictures in Annex B form. The parameter sets, of the sequence header and of messages, stand
-///                    once before each key picture, and before another one when they have changed. Messages with one
-///                    timestamp are one picture, unless a slice among them begins another. It is handed over when the
-///                    next one begins. flush() hands it over when none comes
+///     video 7        "H264": pictures in Annex B form. The parameter sets, of the sequence header and of messages,
+///                    stand once before each key picture, and before another one when they have changed. Messages with
+///                    one timestamp are one picture, unless a slice among them begins another. It is handed over when
+///                    the next one begins. flush() hands it over when none comes
 ///     audio 10       "mp4a": raw AAC, one access unit a frame
 ///     audio 2, 14    "mp3 "
 ///     audio 7, 8     "PCMA", "PCMU"
@@ -30,16 +30,16 @@
 /// Pictures and AAC that come before their sequence header are left out. Messages of type 22 are taken apart.
 ///
 /// Times: the first frame of all tracks has media time 0. Timestamps go on over the wrap of their 32 bits, or 31, as
-/// some servers have it. One that is earlier than that of the first frame gives a negative media time. Where the server's
-/// timestamps jump, media time does.
+/// some servers have it. One that is earlier than that of the first frame gives a negative media time. Where the
+/// server's timestamps jump, media time does.
 ///
 /// Threads: all calls belong to one thread, with connect() to the network thread. Every call may be made inside a
 /// callback, destroy() too, but process() and connect() may not.
 ///
 /// Bounds for one peer:
 ///     input          8 MiB over all channels together, 64 channels, and the 64 KiB of net::Tcp
-///       command, data message, user control    64 KiB, and 16,384 values of it, 4 MiB, until the call returns; a longer
-///                                              data message is skipped
+///       command, data message, user control    64 KiB, and 16,384 values of it, 4 MiB, until the call returns; a
+///                                              longer data message is skipped
 ///     picture        8 MiB in all its messages
 ///     parameter sets, AudioSpecificConfig      64 KiB, 64 bytes
 ///     unread output  256 KiB
@@ -137,7 +137,8 @@ public:
     /// Reads a URL: SCHEME "://" HOST [":" PORT] ["/" PATH]. A user and password are not taken. Where a server asks by
     /// "authmod=adobe", the owner puts inet::rtmp::login_response() behind the application's name and connects anew, as
     /// media::watcher does.
-    ///     scheme   in any case: "rtmp" 0, "rtmpt" 1, "rtmpe" 2, "rtmpte" 3, "rtmps" 4, "rtmpts" 5, "rtmfp" 8; any other 0
+    ///     scheme   in any case: "rtmp" 0, "rtmpt" 1, "rtmpe" 2, "rtmpte" 3, "rtmps" 4, "rtmpts" 5, "rtmfp" 8; any
+    ///              other 0
     ///     host     up to ":" or "/", at most 255 characters
     ///     port     decimal, at most 65535; none or 0 for 1935
     ///     path     see parse_playpath(); may be missing
@@ -145,8 +146,8 @@ public:
     int parse_url(const char* url) noexcept;
     /// Splits the path of a URL, without its first "/", into application and play path. Nothing is decoded.
     ///     APP "?" ... "slist=" NAME   APP, which may hold "/", and NAME, up to "&"
-    ///     "ondemand/" FILE            "ondemand", and the file as such servers name it: "mp4:" before .mp4, .m4v, .mov,
-    ///                                 .f4v and .3gp; "mp3:" before .mp3, which is cut off; .flv cut off
+    ///     "ondemand/" FILE            "ondemand", and the file as such servers name it: "mp4:" before .mp4, .m4v,
+    ///                                 .mov, .f4v and .3gp; "mp3:" before .mp3, which is cut off; .flv cut off
     ///     APP "/" NAME                APP, which holds no "/", and all the rest
     /// @return as parse_url()
     int parse_playpath(const char* path) noexcept;
@@ -175,8 +176,8 @@ public:
     buf_t* send_buffer() noexcept;
 
     // Commands and messages. The session sends them by itself; each may be sent once more after the handshake.
-    // @return 1; 0 when nothing was sent: before the handshake, after the end, the body would have no byte or exceed 128 KiB, the output
-    //         its bound, or memory is out
+    // @return 1; 0 when nothing was sent: before the handshake, after the end, the body would have no byte or exceed
+    //         128 KiB, the output its bound, or memory is out
 
     int send_connect_packet() noexcept;
     int send_create_stream() noexcept;

@@ -4,8 +4,8 @@
 ///
 /// Requests, after the user named in From (404 when it is not in the table) and the one named in To:
 ///     REGISTER     binds the sender to this connection, tells the presence to those who subscribed, answers 200
-///     INVITE       binds the sender, answers 100 and forwards; 480 when the callee has no connection. To a name that is
-///                  not in the table: no answer
+///     INVITE       binds the sender, answers 100 and forwards; 480 when the callee has no connection. To a name that
+///                  is not in the table: no answer
 ///     ACK, BYE     forwarded; 480 when the other end is not known or has no connection
 ///     SUBSCRIBE    answered 200, and by a NOTIFY with the names of all other bound users, now and at every REGISTER:
 ///                  content type "application/pidf-xml", body such as ["anna","boris"]. Who has 64 KiB unread gets
@@ -30,22 +30,22 @@
 ///     output that the peer does not read  256 KiB, and 32 seconds in which it reads neither 64 KiB nor all
 ///     in all, for a connection            324 KiB
 ///     connections                         nt_places of the network thread (inet/net_thread.h), 100 of them without a
-///                                         user. For a new one the oldest is closed that no user is bound to; when there
-///                                         is none, the new one
+///                                         user. For a new one the oldest is closed that no user is bound to; when
+///                                         there is none, the new one
 /// Also closed is a connection whose Content-Length is no number, a request after its 400. A header that is no message,
 /// or has a line end that is not CR LF, is left out. One that holds a NUL is not forwarded; a request is answered 400.
 ///
-/// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. Methods and headers that are
-/// not known are also told on the console, in 20 lines a second at most.
+/// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. Methods and headers that
+/// are not known are also told on the console, in 20 lines a second at most.
 ///
-/// The gateway joins a server and an agent (inet/net_sip.h). It registers at an outside SIP server, and at its own relay
-/// under the same name:
+/// The gateway joins a server and an agent (inet/net_sip.h). It registers at an outside SIP server, and at its own
+/// relay under the same name:
 ///     a call from outside      rings every bound user of the relay, 16 at most; the first who answers gets it. When
 ///                              nobody is bound, or all refuse, it is declined
 ///     a call from the relay    to the gateway's name goes to one user outside, or is declined
 /// Pictures and sound go through the gateway, from call to call, as they are. Digits do not: the relay has no INFO. A
-/// call ends when its phone on the relay has sent neither sound, pictures nor reports for three minutes. It takes two of
-/// the agent's calls, and each user who rings one: the bounds of the agent hold.
+/// call ends when its phone on the relay has sent neither sound, pictures nor reports for three minutes. It takes two
+/// of the agent's calls, and each user who rings one: the bounds of the agent hold.
 #pragma once
 
 #include "core/api.h"

@@ -149,7 +149,8 @@ INET_API int net_tcp_connect(int fd, const char* host, unsigned short port) noex
 /// @return 0, -1 when it cannot listen, -2 when the address cannot be resolved.
 INET_API int net_tcp_listen(int fd, const char* address, unsigned short port) noexcept;
 
-/// Asks the system whether net_tcp_listen() can have that address and port, without a line in a log. Nothing stays open.
+/// Asks the system whether net_tcp_listen() can have that address and port, without a line in a log. Nothing stays
+/// open.
 /// @return 0 when it can, else a socket_error_t: socket_error_address_in_use for a port that another socket has,
 /// socket_error_address_not_available also for an address that cannot be resolved.
 INET_API int net_tcp_try_listen(const char* address, unsigned short port) noexcept;

@@ -12,8 +12,8 @@
 
 /// The tables, and the values that the library reads. Numbers are decimal texts.
 ///     table          key       values
-///     tab_tracks     token     of a track that DASH serves (inet/net_dash.h): "id", "key1" to "key4", "width", "height",
-///                              "profile" (the profile_idc of its SPS; 0 for not known)
+///     tab_tracks     token     of a track that DASH serves (inet/net_dash.h): "id", "key1" to "key4", "width",
+///                              "height", "profile" (the profile_idc of its SPS; 0 for not known)
 ///     tab_sources    source    of the server that holds its archive (inet/net_graph.h): "host", "port", "id"
 ///     tab_streams    id        of a stream's coding (inet/net_graph.h): "width", "height", "fps", "keyint",
 ///                              "proportion", "quality"

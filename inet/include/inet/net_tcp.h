@@ -118,8 +118,8 @@ public:
     /// tells when to go on. For an owner that queues output itself and does not use send().
     void flush(buf_t& own) noexcept;
 
-    /// Sends runs of bytes, one after the other, without copying them. When bytes are left, on_tcp_writable() tells when
-    /// to go on with them. For an owner that does not use send().
+    /// Sends runs of bytes, one after the other, without copying them. When bytes are left, on_tcp_writable() tells
+    /// when to go on with them. For an owner that does not use send().
     /// @return how many bytes the system took
     uint32_t offer(buffer_t first, buffer_t second, buffer_t third = {}) noexcept;
     /// Ends the sending half (RFC 9293, 3.6): the peer reads to the end of what was sent, and may still send.

@@ -155,12 +155,12 @@ INET_API void net_nt_command_exec(command_ctx* c) noexcept;
 /// callback it sets the next time.
 INET_API void net_nt_command_at(command_ctx* c, uint64_t us) noexcept;
 
-/// Places of a thread, for owners that share it: each is a socket that somebody may come to watch. The other sockets are
-/// for listeners and the like.
+/// Places of a thread, for owners that share it: each is a socket that somebody may come to watch. The other sockets
+/// are for listeners and the like.
 inline constexpr uint32_t nt_places = 500;
 
-/// Takes places, or gives them back with a negative `change`. It refuses nothing: an owner that finds more than nt_places
-/// taken gives its own back. @return how many are taken now; 0 for null
+/// Takes places, or gives them back with a negative `change`. It refuses nothing: an owner that finds more than
+/// nt_places taken gives its own back. @return how many are taken now; 0 for null
 INET_API uint32_t net_nt_take_places(nt_ctx* nt, int32_t change) noexcept;
 
 /// 1 when the caller is not on the loop's thread; 0 when it is, and for null. Use: `assert(!net_nt_need_invoke(nt))` in

@@ -39,8 +39,8 @@ struct wsdd_t {
 };
 
 /// Listens to a group on a port, through the default interface and those of net_socket_get_if(), and opens a second
-/// socket for net_wsdd_request(). A socket that cannot be opened or bound is not reported here: the handle then does what
-/// it can with the other.
+/// socket for net_wsdd_request(). A socket that cannot be opened or bound is not reported here: the handle then does
+/// what it can with the other.
 /// @param group  dotted address; null is 239.255.255.250. An address that is no group is listened on as such
 /// @param port   its low 16 bits; 0 is 3702
 /// @return 0; -2 without `nt` or on_message; -5 for an open handle; -1 when memory is out
@@ -58,8 +58,8 @@ INET_API void net_wsdd_send(wsdd_t& d, const char* text, sockaddr_in to) noexcep
 /// answers arrive. Otherwise as net_wsdd_send().
 INET_API void net_wsdd_request(wsdd_t& d, const char* text) noexcept;
 
-/// As net_wsdd_request(), which leaves the way to the system, through each of the interfaces that the handle listens to.
-/// No other thread sends a request meanwhile.
+/// As net_wsdd_request(), which leaves the way to the system, through each of the interfaces that the handle listens
+/// to. No other thread sends a request meanwhile.
 INET_API void net_wsdd_announce(wsdd_t& d, const char* text) noexcept;
 
 }  // namespace net

@@ -9,9 +9,8 @@
 ///     - at a reference beyond its table (one to an object that is still being read is null),
 ///     - above a bound,
 ///     - when memory is out.
-/// Writes fail for a value of a kind that the class does not name (a lost Variant among them), above the nesting, for a name
-/// that the encoding cannot carry (AMF0: above 65,535 bytes, AMF3: an empty one), and
-/// when memory is out.
+/// Writes fail for a value of a kind that the class does not name (a lost Variant among them), above the nesting, for a
+/// name that the encoding cannot carry (AMF0: above 65,535 bytes, AMF3: an empty one), and when memory is out.
 ///
 /// Bounds of one read (a body above one is refused). What is referred to counts each time that it is referred to. An
 /// announced count or length reserves nothing: a body that cannot hold it is refused when it ends.

@@ -58,10 +58,10 @@ public:
     /// Milliseconds, modulo 2^32.
     uint32_t timestamp() const noexcept;
 
-    /// What a player has to have before the frame: onMetaData, with timestamp 0, and the sequence headers that are known,
-    /// with the frame's timestamp. onMetaData has "width", "height", "videocodecid" ("avc1"), "audiocodecid" (the number above)
-    /// and "date" (the frame's time), as far as they are known. Valid until cut() or set_sound(). Empty when nothing
-    /// is known or memory is out.
+    /// What a player has to have before the frame: onMetaData, with timestamp 0, and the sequence headers that are
+    /// known, with the frame's timestamp. onMetaData has "width", "height", "videocodecid" ("avc1"), "audiocodecid"
+    /// (the number above) and "date" (the frame's time), as far as they are known. Valid until cut() or set_sound().
+    /// Empty when nothing is known or memory is out.
     buffer_t head() noexcept;
     /// The number of the head: 0 while there is none. Another one when parameter sets or sound change; the same in
     /// every object for the same sets and sound. Send the head to each viewer whose last one had another number, before

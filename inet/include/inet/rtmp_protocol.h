@@ -210,9 +210,10 @@ public:
     /// headers go out. H.264 is taken from the first picture on that has, or follows, parameter sets.
     bool Feed(const av::frame_t* frame) noexcept;
     /// Sends the frame that was cut last for all viewers, behind its head when this player has not had it yet.
-    /// @param lent  null: everything is appended to send_buffer(). Else, on a plain connection, it receives the bytes of
-    ///              the frame, which are not copied: the owner sends them behind what stands in send_buffer(), and gives
-    ///              what the socket did not take to SendRawData() before any other call. On an encrypted one it is empty
+    /// @param lent  null: everything is appended to send_buffer(). Else, on a plain connection, it receives the bytes
+    ///              of the frame, which are not copied: the owner sends them behind what stands in send_buffer(), and
+    ///              gives what the socket did not take to SendRawData() before any other call. On an encrypted one it
+    ///              is empty
     bool Feed(rtmp::Chunks& chunks, buffer_t* lent) noexcept;
 
     bool FeedH264Caps(const uint8_t* sps, uint32_t sps_size, const uint8_t* pps, uint32_t pps_size,

@@ -23,8 +23,8 @@
 ///   18          "notify"          "params" at 0, 1, ...
 ///   others      refused both ways
 ///
-/// An object belongs to one thread at a time. One message is bounded as one read of inet/rtmp_amf.h is, and its texts by
-/// 64 KiB and 16 times its length. A message that is refused leaves the output and the channel as they were.
+/// An object belongs to one thread at a time. One message is bounded as one read of inet/rtmp_amf.h is, and its texts
+/// by 64 KiB and 16 times its length. A message that is refused leaves the output and the channel as they were.
 #pragma once
 
 #include "common/iobuffer.h"

@@ -1,4 +1,5 @@
-// The manifests. Around what both say of the pictures (mpd_pictures) stands what is said of a live track, or of a range.
+// The manifests. Around what both say of the pictures (mpd_pictures) stands what is said of a live track, or of a
+// range.
 #pragma once
 
 namespace net::dash {

@@ -21,8 +21,8 @@ public:
     packer(const packer&) = delete;
     packer& operator=(const packer&) = delete;
 
-    /// @return full when the files of a range take no more. changed when the picture has other parameter sets than the init
-    /// segment: what came before is then cut, and the picture was not taken.
+    /// @return full when the files of a range take no more. changed when the picture has other parameter sets than the
+    /// init segment: what came before is then cut, and the picture was not taken.
     verdict take(const av::frame_t& picture) noexcept;
     /// Cuts what is left.
     void finish() noexcept;

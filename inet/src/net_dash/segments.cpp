@@ -174,7 +174,8 @@ bool segment_list::append(const fragment& cut, block_hold& bytes) noexcept {
     return std::strcmp(gone, path) != 0;
 }
 
-/// The bytes of a segment's file: those that somebody is being sent, or else they are read. The lock is let go meanwhile.
+/// The bytes of a segment's file: those that somebody is being sent, or else they are read. The lock is let go
+/// meanwhile.
 block_hold segment_list::load(guard_t& guard, const char* name) noexcept {
     segment* const found = find(name);
     if (!found) return nullptr;

@@ -10,7 +10,8 @@ namespace net::http {
 
 namespace {
 
-/// What Windows opens as a device in every directory, whatever extension follows. The last three digits are superscript.
+/// What Windows opens as a device in every directory, whatever extension follows. The last three digits are
+/// superscript.
 bool is_device(std::string_view name) noexcept {
     constexpr std::string_view devices[] = {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$", "CLOCK$"};
     constexpr std::string_view ports[] = {"COM", "LPT"};

@@ -27,8 +27,8 @@ struct expectation {
     core::owned_object<expectation> next;
 };
 
-/// Owner of a reader. Inside each call it may reset(), stop() or expect(). What a call is given stays as it is until the
-/// call has returned.
+/// Owner of a reader. Inside each call it may reset(), stop() or expect(). What a call is given stays as it is until
+/// the call has returned.
 class message_owner {
 public:
     /// As http_info::on_message; `complete` in the second call of a message.
@@ -184,8 +184,8 @@ private:
     core::owned_object<expectation> expected_;  ///< of requests that went out, in their order
     expectation* last_expected_ = nullptr;
 
-    // What a call of the owner still reads though the reader was reset inside it. Nothing is read meanwhile, so that the
-    // heads stay as they are.
+    // What a call of the owner still reads though the reader was reset inside it. Nothing is read meanwhile, so that
+    // the heads stay as they are.
     uint32_t calling_ = 0;
     buf_t spent_;
 

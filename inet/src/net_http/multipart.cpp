@@ -1,4 +1,5 @@
-// Multipart bodies (RFC 2046, 5.1), as they come from cameras: parts with or without a length, in a body without an end.
+// Multipart bodies (RFC 2046, 5.1), as they come from cameras: parts with or without a length, in a body without an
+// end.
 #include "net_http/message.h"
 #include "scan.h"
 

@@ -13,8 +13,8 @@ public:
 
     bool has_begun() const noexcept { return bool{listener_}; }
 
-    /// Never waits. @return 1 when `fds` hold the connecting and the accepted end, blocking and registered; 0 when it is
-    /// not done yet; -1 when it failed
+    /// Never waits. @return 1 when `fds` hold the connecting and the accepted end, blocking and registered; 0 when it
+    /// is not done yet; -1 when it failed
     int finish(int* fds, const char* file, int line) noexcept;
 
     /// Waits a moment for finish() to get on.

@@ -1,12 +1,12 @@
-// A pass serves ordered commands, waits, serves timers, commands and sockets, and rebuilds: queued calls run, new records
-// come in, dead ones are released, and the sets of the next wait are filled.
+// A pass serves ordered commands, waits, serves timers, commands and sockets, and rebuilds: queued calls run, new
+// records come in, dead ones are released, and the sets of the next wait are filled.
 //
 // No wake is lost. Another thread first makes its change (an entry of a list, a count of signals, a time), then sets
 // `wake_ordered`, and writes a byte into the wake pair if the flag was clear. The loop reads the byte, then clears the
 // flag, and only then looks at what others change. So a change is made either
 // - before the flag is cleared: this pass finds it, in the services or in the rebuild; or
-// - after that: its waker finds the flag clear and writes a byte, which ends the next wait. next_wait() does not wait at
-//   all while the flag is set, so the byte may come late, or never, as when there is no pair yet.
+// - after that: its waker finds the flag clear and writes a byte, which ends the next wait. next_wait() does not wait
+//   at all while the flag is set, so the byte may come late, or never, as when there is no pair yet.
 // A callback on the loop's own thread needs no wake: the rebuild comes after every callback and before every wait, and
 // `pass_due` tells that pass what no descriptor will.
 #include "net_thread/loop.h"

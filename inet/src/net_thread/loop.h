@@ -38,8 +38,8 @@ struct nt_ctx {
     std::atomic<thread_ctx*> thread = nullptr;
 
     // The wake pair, or the bell: -1 until the loop has made it. A waker first sets `wake_ordered`, and writes a byte
-    // only when it was clear, so at most one byte waits. The loop does not wait while the flag is set, which also covers a wake that
-    // came before the pair, or whose byte was not written yet.
+    // only when it was clear, so at most one byte waits. The loop does not wait while the flag is set, which also
+    // covers a wake that came before the pair, or whose byte was not written yet.
     std::atomic<int> wake_rd = -1;
     std::atomic<int> wake_wr = -1;
     std::atomic<bool> wake_ordered = false;

@@ -2,8 +2,8 @@
 // and not what is idle. When something that is wanted is not in the set, all is polled: a file that epoll refuses, a
 // descriptor that is closed, a set that cannot be had.
 //
-// The set knows open files, and what is wanted are numbers. A number leaves the set before its owner may close it. Where
-// owners do otherwise, two things bring both together again:
+// The set knows open files, and what is wanted are numbers. A number leaves the set before its owner may close it.
+// Where owners do otherwise, two things bring both together again:
 //   - all are told anew every few seconds, which finds numbers that were closed or are other files by now;
 //   - an entry carries a ticket, so that what a file says whose number was given up is known for nobody's. Such a file
 //     cannot be taken out any more: the set is made anew.

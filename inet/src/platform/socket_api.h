@@ -44,8 +44,8 @@ enum class option { keep_alive, no_delay, reuse_address, receive_buffer, ttl, mu
 bool set_option(int fd, option which, int value) noexcept;
 bool set_blocking(int fd, bool on) noexcept;
 
-/// A descriptor that is readable from ring_bell() until quiet_bell(), closed by close_socket(). It costs less than a pair
-/// of sockets. @return -1 where the system has none
+/// A descriptor that is readable from ring_bell() until quiet_bell(), closed by close_socket(). It costs less than a
+/// pair of sockets. @return -1 where the system has none
 int open_bell() noexcept;
 void ring_bell(int fd) noexcept;
 void quiet_bell(int fd) noexcept;

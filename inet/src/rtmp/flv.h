@@ -48,7 +48,8 @@ constexpr std::array<uint8_t, 9> nal_prefix(std::span<const uint8_t> nal, uint32
     return prefix;
 }
 
-// The AVC sequence header. Returns its bytes; 0 when the SPS has fewer than 4 bytes, the PPS none, or both are too long.
+// The AVC sequence header. Returns its bytes; 0 when the SPS has fewer than 4 bytes, the PPS none, or both are too
+// long.
 uint32_t put_avc_header(std::span<const uint8_t> sps, std::span<const uint8_t> pps,
                         std::span<uint8_t, max_header> out) noexcept;
 

@@ -18,8 +18,8 @@ constexpr uint8_t start_code[] = {0, 0, 1};
 
 enum nal_type : uint8_t { slice = 1, idr_slice = 5, sps = 7, pps = 8, stap_a = 24 };
 
-/// The first slice that came of an H.264 picture. A gap took nothing from a key picture that begins with it, at its first
-/// macroblock (ITU-T H.264, 7.3.3). Any other picture refers to what was lost.
+/// The first slice that came of an H.264 picture. A gap took nothing from a key picture that begins with it, at its
+/// first macroblock (ITU-T H.264, 7.3.3). Any other picture refers to what was lost.
 void note_front(gathering_t& gathered, bytes_t nal) noexcept {
     constexpr uint8_t zero = 0x80;  // as ue(v)
     const bool begins = nal.size() > 1 && (nal[1] & zero) != 0;

@@ -43,8 +43,8 @@ Sips::~Sips() {
     if (agent_ || server_) ending_.run();
 }
 
-/// Hangs up, and stays until it was heard: what the users of the relay are told goes through it. A lost datagram is sent
-/// again meanwhile.
+/// Hangs up, and stays until it was heard: what the users of the relay are told goes through it. A lost datagram is
+/// sent again meanwhile.
 uint64_t Sips::shut_down(bool may_wait) noexcept {
     const uint64_t now = core_timer();
     if (closes_at_ == 0) {
@@ -204,8 +204,8 @@ void Sips::end(sip::bridge& call, const sip_user* gone) noexcept {
     tell(sips_ended, "");
 }
 
-/// A call that nobody has answered ends with CANCEL, which the relay refuses; with BYE, as soon as the other end is known
-/// (RFC 3261, 15).
+/// A call that nobody has answered ends with CANCEL, which the relay refuses; with BYE, as soon as the other end is
+/// known (RFC 3261, 15).
 void Sips::hang_up(sip_user& party) noexcept {
     party.frame_to = nullptr;  // its bridge goes
     const bool rings = party.invite && !party.invite->incoming;

@@ -13,7 +13,8 @@ namespace sip {
 namespace {
 
 // What is forwarded must mean the same to everybody: another reader takes a line that ends otherwise for a part of its
-// neighbour, and a text that holds a NUL for one that ends there. Behind the first line we add fields: it goes no further.
+// neighbour, and a text that holds a NUL for one that ends there. Behind the first line we add fields: it goes no
+// further.
 
 bool has_plain_lines(std::string_view head) noexcept {
     const char second = head[head.find('\n') + 1];

@@ -1,5 +1,5 @@
-// The relay: who is bound to which connection, and what is answered, forwarded and announced. It knows no sockets: bytes
-// come in with take(), and what goes out waits in the output of the parties until their owner sends it.
+// The relay: who is bound to which connection, and what is answered, forwarded and announced. It knows no sockets:
+// bytes come in with take(), and what goes out waits in the output of the parties until their owner sends it.
 #pragma once
 
 #include "sip/framing.h"

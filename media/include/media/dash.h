@@ -16,8 +16,8 @@
 /// And of every recording that the program names, for ranges of at most an hour:
 ///     /recorded/NAME/START-END/manifest.mpd, and its segments; the times as 20261122T101500Z, also with milliseconds
 ///     (20261122T101500.250Z), or in microseconds since 1970
-/// A range is played from the archive (net::Graph::add_archive()) by modules, as fast as they can. When nobody has asked
-/// for 20 s it is gone, and is played again for whoever asks for a segment: players may pause.
+/// A range is played from the archive (net::Graph::add_archive()) by modules, as fast as they can. When nobody has
+/// asked for 20 s it is gone, and is played again for whoever asks for a segment: players may pause.
 ///
 /// A live manifest is there when the window of 15 s has filled, that of a range when all of it has been read. A request
 /// before that waits for up to 10 s, and is then answered with 503 and Retry-After. With settings_t::on_demand the

@@ -89,8 +89,8 @@ public:
     /// The same with bytes that are lent until `release(owner)` is called, once, on any thread.
     virtual void answer_share(const http_answer_t& how, buffer_t bytes, void (*release)(void* owner),
                               void* owner) noexcept = 0;
-    /// Answers with a document: If-Match, If-None-Match, Range and If-Range are honoured (RFC 9110, 13 and 14). It has no
-    /// date: conditions on one are not looked at.
+    /// Answers with a document: If-Match, If-None-Match, Range and If-Range are honoured (RFC 9110, 13 and 14). It has
+    /// no date: conditions on one are not looked at.
     virtual void answer_document(const document_t& what) noexcept = 0;
 
 protected:

@@ -29,8 +29,9 @@ public:
     intake(const intake&) = delete;
     intake& operator=(const intake&) = delete;
 
-    /// Subscribes to a track and holds the stream. Gives up an earlier track. Whoever puts the frames is asked what they
-    /// are, and the stream's format of that kind is declared. Where nobody answers, it is learned from the first frame.
+    /// Subscribes to a track and holds the stream. Gives up an earlier track. Whoever puts the frames is asked what
+    /// they are, and the stream's format of that kind is declared. Where nobody answers, it is learned from the first
+    /// frame.
     /// @param track  its name on the bus, "KEY1_KEY2_KEY3_TRACK"
     /// @param found  takes the answer, without its configuration; its `fcc` is 0 where there is none. May be null
     /// @return 1, or 0 when memory is out

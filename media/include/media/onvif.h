@@ -9,8 +9,8 @@
 ///     station.add(web);
 ///
 /// What is answered:
-///     device  GetSystemDateAndTime, GetDeviceInformation, GetCapabilities, GetServices, GetServiceCapabilities, GetScopes,
-///             GetNetworkInterfaces, GetHostname
+///     device  GetSystemDateAndTime, GetDeviceInformation, GetCapabilities, GetServices, GetServiceCapabilities,
+///             GetScopes, GetNetworkInterfaces, GetHostname
 ///     media   GetServiceCapabilities, GetProfiles, GetProfile, GetStreamUri, GetSnapshotUri, GetVideoSources,
 ///             GetVideoSourceConfigurations, GetVideoEncoderConfigurations, GetVideoEncoderConfiguration,
 ///             GetVideoEncoderConfigurationOptions, GetMetadataConfigurations, GetAudioSources
@@ -21,16 +21,16 @@
 ///     nonce serves once.
 ///   - a Digest answer of HTTP (RFC 7616, MD5).
 /// These calls are open, by the access classes of the standard: GetSystemDateAndTime, GetCapabilities, GetServices,
-/// GetServiceCapabilities and GetHostname. The others are answered with the fault ter:NotAuthorized: with status 400 to a
-/// token, else with 401 and a challenge.
+/// GetServiceCapabilities and GetHostname. The others are answered with the fault ter:NotAuthorized: with status 400 to
+/// a token, else with 401 and a challenge.
 ///
 /// Addresses name the interface that the request came in on:
 ///     streams    RTSP, with RTP over UDP, multicast, or inside the RTSP connection. For RTSP over HTTP: the same path
 ///                at the port of the HTTP service
 ///     snapshots  of streams with JPEG pictures: /NAME.jpg of the HTTP service
 /// A stream whose formats are not known yet, such as a source that nobody watches, is described by the last that was
-/// known, else as H264 of 1920 x 1080 with 25 pictures a second. Asking for it fetches nothing. Sound that RTSP does not
-/// carry is not told of.
+/// known, else as H264 of 1920 x 1080 with 25 pictures a second. Asking for it fetches nothing. Sound that RTSP does
+/// not carry is not told of.
 ///
 /// Bounds:
 ///     request  those of the HTTP service; while it is answered its tree, which is at most 24 times its text and 1 MiB

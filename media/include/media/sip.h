@@ -1,4 +1,5 @@
-/// Calls over SIP as services of a station: a phone (inet/net_sip.h), and a relay for several of them (inet/net_sips.h).
+/// Calls over SIP as services of a station: a phone (inet/net_sip.h), and a relay for several of them
+/// (inet/net_sips.h).
 ///
 ///     media::station phones;
 ///     auto* phone = media::sip_service({.user = "door", .password = "secret", .server = "10.0.0.1", .sends = live});
@@ -10,9 +11,9 @@
 ///     pictures   H.264, from the last key picture on. Pictures of the past go at four times their pace, with times of
 ///                the present, so that the other end is not behind for the rest of the call
 ///     sound      G.711 of 8000 Hz, A-law as u-law, in pieces of 20 ms, from the present on
-/// Other formats are left out. What the other end sends goes to `on_frame`, and into the stream `takes`: that of one call
-/// at a time, the next one begins when it has ended. Only whole frames are taken. After a loss H.264 goes on with the
-/// next key picture.
+/// Other formats are left out. What the other end sends goes to `on_frame`, and into the stream `takes`: that of one
+/// call at a time, the next one begins when it has ended. Only whole frames are taken. After a loss H.264 goes on with
+/// the next key picture.
 ///
 /// Threads: all of a phone runs on the first thread of its station, its callbacks come from there. The look-up of the
 /// server's name keeps that thread waiting, at the start and whenever the server was lost: a phone has a station of its
@@ -108,9 +109,9 @@ struct sip_relay_settings_t {
     const char* users = nullptr;  ///< names, separated by ','
 };
 
-/// Registrar and relay over TCP, without passwords: the users call each other, and media goes from phone to phone. Start
-/// of the station fails when the port cannot be had. It runs on the station's first thread; each connection takes a
-/// place.
+/// Registrar and relay over TCP, without passwords: the users call each other, and media goes from phone to phone.
+/// Start of the station fails when the port cannot be had. It runs on the station's first thread; each connection takes
+/// a place.
 /// @return a service for station::add(); null without users, for port 0, or when memory is out
 MEDIA_API service* sip_relay_service(const sip_relay_settings_t& settings) noexcept;
 

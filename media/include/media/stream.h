@@ -112,7 +112,8 @@ public:
     /// Fields that it leaves empty keep their known values when `fcc` is the same.
     /// @return 1; 0 for a format of another kind, or when memory is out
     int declare(kind_t kind, const format_t& format) noexcept;
-    /// Declares the formats of several tracks at once, one of each kind. Nobody finds the stream ready with some of them.
+    /// Declares the formats of several tracks at once, one of each kind. Nobody finds the stream ready with some of
+    /// them.
     /// @return 1; 0 when one of them could not be declared
     int declare(const format_t* formats, uint32_t count) noexcept;
 

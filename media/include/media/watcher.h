@@ -11,9 +11,9 @@
 ///
 /// A watcher connects, requests and receives the media, and keeps the session alive. When the source goes away it
 /// connects again, after 1, 2, 4, ... 30 seconds; once a frame has come, from 1 again. When nothing arrives over UDP in
-/// three seconds, or the source refuses UDP, it requests the media over TCP and stays with TCP. A source may answer that
-/// it is elsewhere (301, 302, 303, 307; over HTTP also 308). It is then sought there, up to five times in a row. User
-/// and password go along to the same host alone.
+/// three seconds, or the source refuses UDP, it requests the media over TCP and stays with TCP. A source may answer
+/// that it is elsewhere (301, 302, 303, 307; over HTTP also 308). It is then sought there, up to five times in a row.
+/// User and password go along to the same host alone.
 ///
 /// Only whole frames are handed over. After a loss H.264 goes on with the next key picture.
 ///

@@ -34,8 +34,8 @@ inline bool is_packable(const stream& of) noexcept {
     return of.format(kind_t::video, &format, nullptr) && format.fcc == av::fcc_h264;
 }
 
-/// Who watches by DASH. A player has no session: it asks for one answer after the other, over any number of connections.
-/// A peer watches what it was sent something of within the last 10 s. Any thread.
+/// Who watches by DASH. A player has no session: it asks for one answer after the other, over any number of
+/// connections. A peer watches what it was sent something of within the last 10 s. Any thread.
 class audience {
 public:
     /// @param peer  its address, dotted

@@ -12,7 +12,8 @@ struct target_t {
     core::string query;  ///< as it came
 };
 
-/// Reads a target in origin or absolute form (RFC 9112, 3.2). @return false for what leads nowhere, or when memory is out
+/// Reads a target in origin or absolute form (RFC 9112, 3.2).
+/// @return false for what leads nowhere, or when memory is out
 bool read_target(std::string_view text, target_t& out) noexcept;
 
 }  // namespace media::web

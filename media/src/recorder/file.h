@@ -68,7 +68,8 @@ public:
     virtual bool is_film() const noexcept { return false; }
     /// Where the pictures' files lie, and the like.
     virtual bool check() { return out_.check(); }
-    /// What its tracks are, before the first frame. @param formats  one of each kind; those without a code are not there
+    /// What its tracks are, before the first frame.
+    /// @param formats  one of each kind; those without a code are not there
     virtual void begin(const format_t (&)[kind_count]) {}
     /// A whole frame of a format that is taken. This and the following answer false when it cannot be written.
     virtual bool take(const placed_t& placed) = 0;

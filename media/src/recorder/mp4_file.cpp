@@ -1,9 +1,9 @@
 // H.264 pictures and sound as fragmented MP4.
 //
-// Pictures wait for the end of their fragment: before a key picture, after a second, with 4 MiB. Their times, which come
-// in decoding order, say in which order they are shown; put in order they are the times of decoding. A picture is shown
-// so much later than it is decoded that none is shown before: by `delay_`, which is found with the first fragment and
-// put in front of all tracks, so that they keep step.
+// Pictures wait for the end of their fragment: before a key picture, after a second, with 4 MiB. Their times, which
+// come in decoding order, say in which order they are shown; put in order they are the times of decoding. A picture is
+// shown so much later than it is decoded that none is shown before: by `delay_`, which is found with the first fragment
+// and put in front of all tracks, so that they keep step.
 #include "recorder/mp4_sound.h"
 
 #include "avc/fcc.h"

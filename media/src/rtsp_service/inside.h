@@ -59,8 +59,8 @@ public:
     /// Announces what a stream has of a kind. @return null when it has nothing, or nothing that is sent
     const rtsp3::trak_t* announce(rtsp3::Rtsp& by, const stream& what, kind_t kind) const noexcept;
     tunnels& open_tunnels() noexcept { return tunnels_; }
-    /// The multicast streams of a stream, made at their first use, and held once more; null without multicast or when it
-    /// cannot be. Any thread.
+    /// The multicast streams of a stream, made at their first use, and held once more; null without multicast or when
+    /// it cannot be. Any thread.
     group* group_of(stream& of) noexcept;
     /// Gives it to the caller, unless somebody holds it.
     core::owned_object<group> take_out(const group& which) noexcept;
