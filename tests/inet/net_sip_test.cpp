@@ -133,6 +133,16 @@ TEST(NetSip, AnswersAndTells) {
          {invite, within("BYE", "b"), "!tick600"},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 487 Request Terminated|call2|REGISTER|"
          "SIP/2.0 487 Request Terminated|"},
+        {"guessed tags",
+         {invite, "!accept", within("INVITE", "x", "guess"),
+          "CANCEL sip:bob@10.0.0.1 SIP/2.0\r\nv: SIP/2.0/UDP 10.0.0.9:5060;branch=z9hG4bKpeer\r\n"
+          "f: <sip:alice@10.0.0.1>;tag=guess\r\nt: <sip:bob@10.0.0.1>\r\ni: c1\r\nCSeq: 1 CANCEL\r\n\r\n"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 481 Call/Transaction Does Not Exist|"
+         "SIP/2.0 481 Call/Transaction Does Not Exist|"},
+        {"subscribed anew",
+         {"!subscribe", answer("200", "SUBSCRIBE"), "!unsubscribe", answer("200", "SUBSCRIBE"), "!subscribe"},
+         "SUBSCRIBE|SUBSCRIBE|SUBSCRIBE|",
+         "To: <sip:alice@10.0.0.1>\r\n"},
         {"guessed tag",
          {invite, "!accept", within("BYE", "b", "guess")},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|SIP/2.0 481 Call/Transaction Does Not Exist|"},
@@ -255,6 +265,45 @@ TEST(NetSip, WritesItsFieldsInOrder) {
     owner.feed(answer("200", "REGISTER"));
     EXPECT_EQ(console.lines, "console:sip: регистрация bob@10.0.0.1 успешна: 7.7.7.7 ");
     EXPECT_EQ(owner.account->contact_port, "99");
+}
+
+struct printed_row {
+    std::vector<std::string> steps;
+    const char* printed;
+};
+
+TEST(NetSip, PrintsWhatHappens) {
+    const std::string text = "c: text/plain\r\nl: 2\r\n\r\nhi", caps = "Allow: INVITE\r\n";
+    const printed_row rows[] = {
+        {{answer("100", "REGISTER")}, "sip: поиск абонента: bob"},
+        {{invite, "!accept", within("ACK", "a"), within("OPTIONS", "o"), within("MESSAGE", "m", "atag", text),
+          within("INFO", "i", "atag", relay), within("PRACK", "p"), within("BYE", "b")},
+         "sip: меня вызвали|связь установлена|проверка связи|СООБЩЕНИЕ: hi|ИНФО: Signal= #|sip: UNKNOWN - не "
+         "реализован|"
+         "связь остановлена"},
+        {{invite, cancel}, "sip: меня вызвали|связь прервана"},
+        {{"!invite", answer("180", "INVITE"), answer("200", "INVITE"), "!tick120000", answer("200", "OPTIONS", caps)},
+         "sip: идёт вызов|sip: вызов принят, sdp:\n|sip: bob@10.0.0.1 поддерживаемые опции:\nINVITE"},
+        {{"!invite", answer("404", "INVITE")}, "sip: абонент не найден"},
+        {{"!invite", answer("480", "INVITE")}, "sip: абонент недоступен"},
+        {{"!invite", answer("486", "INVITE")}, "sip: абонент занят. перезвоните позже"},
+        {{"junk\r\n\r\n"}, "sip header parse failed:\njunk\r\n\r\n"},
+        {{"NOTIFY sip:bob@h SIP/2.0\r\n$HCSeq: 1 NOTIFY\r\nl: 60\r\n\r\n"
+          "<presence><tuple id='t'/><note>away</note></presence>       "},
+         "NOTIFY: t - away"},
+    };
+    for (const printed_row& each : rows) {
+        test::sip_owner owner;
+        std::string printed;
+        const uint32_t sink = core_log_sink_add(
+            "console",
+            [](void* to, const log_line_t* line) { static_cast<std::string*>(to)->append(line->text).append("|"); },
+            &printed);
+        for (const std::string& step : each.steps)
+            owner.feed(step);
+        core_log_sink_rem(sink);
+        EXPECT_EQ(printed, std::string(each.printed) + "|");
+    }
 }
 
 TEST(NetSip, BoundsAFloodOfCalls) {

@@ -90,7 +90,7 @@ TEST(NetSipPeers, AreCalled) {
                                {"callee", net::sip_tcp, "call2"},
                                {"callee_refuses", net::sip_udp, "call5", "486 Busy Here"},
                                {"callee_refuses", net::sip_tcp, "call5", "486 Busy Here"},
-                               {"callee_refuses", net::sip_tcp, "call4", "404 Not Found"}};
+                               {"callee_refuses", net::sip_udp, "call4", "404 Not Found"}};
     for (const callee_row& each : rows) {
         SCOPED_TRACE(each.scenario);
         const test::udp_socket taken;  // its number is free for both transports, nearly always

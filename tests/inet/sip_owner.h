@@ -46,6 +46,7 @@ public:
     void act(const std::string& what) {
         if (what == "invite") party = net_sip_invite(account, nullptr, "alice", this, nullptr);
         if (what == "subscribe") net_sip_subscribe(account, "alice");
+        if (what == "unsubscribe") net_sip_unsubscribe(account, "alice");
         if (what == "mode1") net_sip_set_dtmf(sip, 1);
         if (what.starts_with("tick")) sip->tick(now += std::stoul("0" + what.substr(4, 6)) * 1000);
         if (!party) return;

@@ -136,7 +136,7 @@ void Sips::end_silent_calls() noexcept {
 void Sips::on_frame(void* arg, sip_user* party, av::frame_t* frame) noexcept {
     const auto& call = *static_cast<sip::bridge*>(arg);
     sip_user* const other = party == call.caller ? call.callee : party == call.callee ? call.caller : nullptr;
-    net_sip_put_frame(net_sip_user_session(other), frame);
+    net_sip_put_frame_to(other, frame);
 }
 
 /// A bridge with all the room it will need; null when memory is out.

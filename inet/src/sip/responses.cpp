@@ -129,6 +129,7 @@ void Sip::give_up(sip_request& request) {
     sip_user* const user = request.user;
     end(request);
     if (is(request, "INVITE") && user) return finish(*user, sip_call_unauthorized);
+    if (is(request, "SUBSCRIBE") && user) user->remote_tag.clear();  // the next one begins anew
     if (is(request, "REGISTER") || is(request, "SUBSCRIBE")) tell(user, sip_call_unauthorized);
 }
 
@@ -185,6 +186,8 @@ void Sip::take_success(sip_request& request, const sip::header_t& header, std::s
         end(request);
         return tell_account(account.registration, sip_account_registered, nullptr);
     }
+    const bool ends = is(request, "SUBSCRIBE") && std::string_view(request.extra).starts_with("Expires: 0");
+    if (ends && request.user) request.user->remote_tag.clear();  // the next one begins anew
     if (is(request, "OPTIONS")) {
         const core::string allowed(sip::field(header, "Allow"));
         core_con_printf(0, "sip: %s@%s поддерживаемые опции:\n%s", account.user.c_str(), account.server.c_str(),
