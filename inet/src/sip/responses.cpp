@@ -137,10 +137,10 @@ void Sip::take_provisional(sip_request& request, const sip::header_t& header, st
     const unsigned status = header.status;
     if (is(request, "INVITE")) {
         const bool first = !std::exchange(request.provisional, true);
+        if (first && !request.abandoned) request.ends_at = core_timer() + sip::ring_time;
         request.resend_at = 0;
         acknowledge_provisional(request, header);
         if (request.abandoned) return request.cancelled ? void() : cancel(request);
-        if (first) request.ends_at = core_timer() + sip::ring_time;
         if (!body.empty()) {
             request.early = body;
             request.early_tag = sip::tag_of(sip::field(header, "To"));
