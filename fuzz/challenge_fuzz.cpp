@@ -6,7 +6,7 @@
 
 #include "inet/net_http_auth.h"
 
-using owned_answer = test::held<authenticate_ctx, net_http_authenticate_free>;
+using owned_answer = core::owned<authenticate_ctx, net_http_authenticate_free>;
 
 namespace {
 
@@ -16,14 +16,14 @@ void answer(const char* to) {
     if (!value) return;
     const owned_answer ctx(net_http_authenticate_parse(value.get(), CORE_HERE));
     if (ctx) net_http_authenticate_check(value.get(), "PLAY", "rtsp://h/a", "user", "pw", ctx->realm, ctx->nonce);
-    const test::held<net::http::header_s, http_header_free> header(http_header_request("PLAY", "a", "RTSP/1.0"));
+    const core::owned<net::http::header_s, http_header_free> header(http_header_request("PLAY", "a", "RTSP/1.0"));
     const int answered = http_header_authenticate(header.get(), "user", "pw", "PLAY", "rtsp://h/a", to);
     require((answered == 1 && value_count(header->fields) == 1) || fuzz::starved);
 }
 
 /// A session's client answers with one line of text what it says it can answer.
 void answer_as_meant(const char* to) {
-    const test::held<net::http::header_s, http_header_free> header(http_header_respond("RTSP/1.0", 401, "No"));
+    const core::owned<net::http::header_s, http_header_free> header(http_header_respond("RTSP/1.0", 401, "No"));
     if (!http_header_put(header.get(), "WWW-Authenticate", to)) return;
     auth::challenge taken;
     const bool is_taken = taken.take(header.get());

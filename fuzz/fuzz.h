@@ -2,8 +2,6 @@
 /// in the preset fuzz, the replay program in every preset. When it returns, no block of the runtime may be held.
 #pragma once
 
-#include "support/held.h"
-
 #include "core/memory.h"
 #include "core/owned.h"
 #include "core/text.h"

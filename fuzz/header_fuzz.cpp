@@ -4,7 +4,7 @@
 #include "inet/net_http_header.h"
 
 using net::http::header_s;
-using owned_header = test::held<header_s, http_header_free>;
+using owned_header = core::owned<header_s, http_header_free>;
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "core/time.h"
 #include "inet/net_soap.h"
 
-using request_t = test::held<soap::soap_t, soap_free>;
+using request_t = core::owned<soap::soap_t, soap_free>;
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);

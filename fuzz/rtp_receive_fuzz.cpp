@@ -7,7 +7,6 @@
 #include "inet/rtp_protocol.h"
 #include "inet/rtp_reorder.h"
 
-#include <memory>
 #include <tuple>
 #include <utility>
 
@@ -39,8 +38,8 @@ struct stream_t : rtp::IRtp {
     }
 
     rtp::Rtp rtp{CORE_HERE};
-    const std::unique_ptr<rtp::Reorder, void (*)(rtp::Reorder*)> order{
-        rtp::Reorder::create({4, 100}, deliver, this, CORE_HERE), rtp::Reorder::destroy};
+    const core::owned<rtp::Reorder, rtp::Reorder::destroy> order{
+        rtp::Reorder::create({4, 100}, deliver, this, CORE_HERE)};
     uint32_t restarts = 0;
     int last = -1;
 };

@@ -63,7 +63,7 @@ void set_up(char* value) {
 }  // namespace
 
 void fuzz_target(std::span<const uint8_t> input) {
-    using held_sdp = test::held<net::sdp::sdp_t, sdp_free>;
+    using held_sdp = core::owned<net::sdp::sdp_t, sdp_free>;
     std::string text = fuzz::text_of(input);
     const held_sdp sdp(sdp_parse(text.c_str(), CORE_HERE));
     require(sdp || fuzz::starved);

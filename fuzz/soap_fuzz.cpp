@@ -5,8 +5,8 @@
 #include "common/xml.h"
 #include "inet/net_soap.h"
 
-using request_t = test::held<soap::soap_t, soap_free>;
-using tree = test::held<node, roxml_close>;
+using request_t = core::owned<soap::soap_t, soap_free>;
+using tree = core::owned<node, roxml_close>;
 
 namespace {
 

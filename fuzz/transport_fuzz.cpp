@@ -6,7 +6,8 @@
 
 void fuzz_target(std::span<const uint8_t> input) {
     const std::string text = fuzz::text_of(input);
-    const test::held<net::sdp::transport_t, sdp_free_transport> transport(sdp_parse_transport(text.c_str(), CORE_HERE));
+    const core::owned<net::sdp::transport_t, sdp_free_transport> transport(
+        sdp_parse_transport(text.c_str(), CORE_HERE));
     unsigned ssrc = 0;
     unsigned channels[2];
     net::sdp::Sdp().parse_transport(text.c_str(), &ssrc, &channels[0], &channels[1]);

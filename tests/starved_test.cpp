@@ -2,7 +2,6 @@
 // for lack of memory and releases everything it got.
 #include "support/fault.h"
 #include "support/frames.h"
-#include "support/held.h"
 #include "support/log_keeper.h"
 #include "support/network_thread.h"
 #include "support/scratch.h"
@@ -17,6 +16,7 @@
 #include "core/log.h"
 #include "core/module.h"
 #include "core/option.h"
+#include "core/owned.h"
 #include "core/profile.h"
 #include "core/queue.h"
 #include "core/slist.h"
@@ -55,14 +55,14 @@ void fill_containers() {
     if (core_buffer_unhex(&span, "61", CORE_HERE)) size = 1;
     EXPECT_EQ(span.size, size);
     core_buffer_free(&span);
-    const test::held<list_ctx, core_list_free> list(core_list_create(CORE_HERE));
+    const core::owned<list_ctx, core_list_free> list(core_list_create(CORE_HERE));
     const int added = core_list_add(list.get(), &item, CORE_HERE) + core_list_enqueue(list.get(), &item, CORE_HERE);
     EXPECT_EQ(list_count(list.get()), static_cast<uint32_t>(added));
-    const test::held<slist, slist_free> single(_slist_init(CORE_HERE));
+    const core::owned<slist, slist_free> single(_slist_init(CORE_HERE));
     const int queued = _slist_enqueue(single.get(), &item, CORE_HERE);
     EXPECT_EQ(slist_pop(single.get()), queued ? &item : nullptr);
-    const test::held<queue_ctx, core_queue_close> queue(core_queue_open(3, 10, CORE_HERE));
-    const test::held<cmd_ctx, core_cmd_close> cmd(core_cmd_open(&item, CORE_HERE));
+    const core::owned<queue_ctx, core_queue_close> queue(core_queue_open(3, 10, CORE_HERE));
+    const core::owned<cmd_ctx, core_cmd_close> cmd(core_cmd_open(&item, CORE_HERE));
     const auto count = [](void* owner, void*) { ++*static_cast<int*>(owner); };
     const int posted = core_cmd_exec(cmd.get(), count, nullptr);
     core_cmd_process(cmd.get());
@@ -82,29 +82,29 @@ void write_texts() {
     const test::scratch dir;
     const std::string path = dir / "options";
     test::write_file(path, test::bytes_of("a=1\nb=2\n"));
-    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    const core::owned<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
     const int set = core_opt_set(opt.get(), "a", std::string(100, '1').c_str());
     const int saved = core_opt_save(opt.get());
     EXPECT_EQ(test::read_file(path).size(), set && saved ? 107U : 8U);
-    const test::held<file_ctx, core_fclose> file(core_fopen(path.c_str(), "wb", CORE_HERE));
+    const core::owned<file_ctx, core_fclose> file(core_fopen(path.c_str(), "wb", CORE_HERE));
     EXPECT_EQ(test::read_file(path).empty(), file != nullptr) << "a file is not emptied in vain";
 }
 
 void meet_on_threads() {
-    const test::held<event_ctx, _event_free> event(_event_create(CORE_HERE));
+    const core::owned<event_ctx, _event_free> event(_event_create(CORE_HERE));
     const auto call = [](void* arg) { event_set(static_cast<event_ctx*>(arg)); };
     EXPECT_TRUE(!event || !core_thread_invoke(call, event.get(), CORE_HERE) || event_wait(event.get(), 60'000));
     const auto body = [](void*, thread_ctx*) {};
     thread_ctx* thread = core_thread_start(nullptr, body, nullptr, CORE_HERE);
     core_thread_stop(thread);
     const test::log_keeper lines("starved");
-    const test::held<log_ctx, core_log_free> log(core_log_create(CORE_HERE, "starved"));
+    const core::owned<log_ctx, core_log_free> log(core_log_create(CORE_HERE, "starved"));
     core_log_print(log.get(), "%d", 1);
     const auto answer = [](void*, profile_ctx* profile, profile_event_t, const param_t*) {
         core_profile_answer(profile, "yes");
     };
-    const test::held<profile_ctx, profile_close> answering(core_profile_open2("camera", nullptr, answer, CORE_HERE));
-    const test::held<profile_ctx, profile_close> asking(profile_open("camera"));
+    const core::owned<profile_ctx, profile_close> answering(core_profile_open2("camera", nullptr, answer, CORE_HERE));
+    const core::owned<profile_ctx, profile_close> asking(profile_open("camera"));
     EXPECT_EQ(core_profile_put(asking.get(), nullptr), asking && answering ? 1U : 0U);
     core_mfree(profile_data("camera", CORE_HERE));
     core_mfree(profile_request(asking.get(), nullptr, CORE_HERE));

@@ -4,13 +4,13 @@
 
 #include "options.h"
 
+#include "core/owned.h"
 #include "inet/net_graph.h"
 #include "inet/net_thread.h"
 #include "media/intake.h"
 #include "media/station.h"
 
 #include <list>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,9 +37,6 @@ public:
     const std::vector<std::string>& names() const { return names_; }
 
 private:
-    struct destroyer {
-        void operator()(net::Graph* graph) const { net::Graph::destroy(graph); }
-    };
     struct piece;
 
     bool add_stream(const char* name, const std::vector<piece>& pieces, media::station& station,
@@ -48,7 +45,7 @@ private:
 
     std::vector<std::string> names_;
     std::list<media::intake> intakes_;
-    std::unique_ptr<net::Graph, destroyer> graph_;
+    core::owned<net::Graph, net::Graph::destroy> graph_;
 };
 
 }  // namespace camera

@@ -3,6 +3,7 @@
 
 #include "common/digest.h"
 #include "common/xml.h"
+#include "core/owned.h"
 #include "core/text.h"
 #include "core/thread.h"
 #include "core/time.h"
@@ -12,7 +13,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <mutex>
 
 namespace viewer {
@@ -20,10 +20,6 @@ namespace {
 
 constexpr size_t most_devices = 1000;
 constexpr size_t longest_text = 16384;
-
-struct soap_deleter {
-    void operator()(soap::soap_t* request) const noexcept { soap_free(request); }
-};
 
 struct device_t {
     std::string endpoint;
@@ -69,7 +65,7 @@ public:
 private:
     void take(const char* text) {
         if (std::strlen(text) > longest_text) return;
-        const std::unique_ptr<soap::soap_t, soap_deleter> told(soap_parse(text));
+        const core::owned<soap::soap_t, soap_free> told(soap_parse(text));
         if (!told || !told->method) return;
         if (std::strcmp(told->method, "Hello") == 0) add(roxml_get_chld(told->body, "Hello", 0));
         node* const matches = roxml_get_chld(told->body, "ProbeMatches", 0);

@@ -3,6 +3,7 @@
 
 #include "common/digest.h"
 #include "common/xml.h"
+#include "core/owned.h"
 #include "core/template.h"
 #include "core/text.h"
 #include "core/time.h"
@@ -14,7 +15,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <memory>
 #include <mutex>
 
 namespace viewer {
@@ -60,10 +60,7 @@ constexpr char stream_setup[] = R"(
 
 // clang-format on
 
-struct soap_deleter {
-    void operator()(soap::soap_t* request) const noexcept { soap_free(request); }
-};
-using answer_t = std::unique_ptr<soap::soap_t, soap_deleter>;
+using answer_t = core::owned<soap::soap_t, soap_free>;
 
 std::string filled(const char* document, const param_t* params) {
     const core::owned_text text(core_template_parse(document, params, CORE_HERE));

@@ -24,10 +24,7 @@ void release(av::payload_t* payload) noexcept {
 }
 
 /// A share of a payload, let go unless a record takes it over.
-struct share_deleter {
-    void operator()(av::payload_t* payload) const noexcept { release(payload); }
-};
-using share = std::unique_ptr<av::payload_t, share_deleter>;
+using share = core::owned<av::payload_t, release>;
 
 share copy_bytes(const void* data, uint32_t size, const char* file, int line) noexcept {
     if (!data && size > 0) return nullptr;

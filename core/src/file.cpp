@@ -19,10 +19,7 @@ namespace {
 
 namespace platform = core::platform;
 
-struct closer {
-    void operator()(std::FILE* stream) const noexcept { std::fclose(stream); }
-};
-using owned_stream = std::unique_ptr<std::FILE, closer>;
+using owned_stream = core::owned<std::FILE, std::fclose>;
 
 /// Size of the file as far as it tells; pipes and files that the system makes up as they are read say 0.
 size_t size_hint(std::FILE* stream) noexcept {

@@ -12,10 +12,7 @@ namespace {
 
 namespace platform = core::platform;
 
-struct unloader {
-    void operator()(void* library) const noexcept { platform::close_library(library); }
-};
-using owned_library = std::unique_ptr<void, unloader>;
+using owned_library = core::owned<void, platform::close_library>;
 
 /// "reader.so", or "reader.so.6", where a version follows.
 bool is_complete(std::string_view name) noexcept {

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string_view>
 
@@ -92,10 +91,7 @@ void read_lines(values_t& values, std::string_view text) {
     }
 }
 
-struct closer {
-    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-using owned_file = std::unique_ptr<std::FILE, closer>;
+using owned_file = core::owned<std::FILE, std::fclose>;
 
 /// `failed` is a file that is there but cannot be opened or read, as for a lack of descriptors: were it taken for a
 /// missing one, the next save would replace what is there.

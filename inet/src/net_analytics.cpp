@@ -6,13 +6,13 @@
 #include "core/buf.h"
 #include "core/json.h"
 #include "core/memory.h"
+#include "core/owned.h"
 #include "core/time.h"
 
 #include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <initializer_list>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -23,10 +23,6 @@ namespace {
 constexpr int64_t rectangle_type = 3;
 constexpr double height = 65536;
 constexpr char terminator = '\0';
-
-struct tree_deleter {
-    void operator()(json_t* tree) const noexcept { yajl_tree_free(tree); }
-};
 
 /// A number as it is written, the same in every locale.
 class number_text {
@@ -134,7 +130,7 @@ private:
 
 char* convert(const char* json, std::string_view time, const char* file, int line) noexcept {
     if (!json) return nullptr;
-    const std::unique_ptr<json_t, tree_deleter> tree(yajl_tree_parse(json, nullptr, 0));
+    const core::owned<json_t, yajl_tree_free> tree(yajl_tree_parse(json, nullptr, 0));
     document stream(time, file, line);
     for (const json_t& report : items(tree.get()))
         stream.add_report(report);

@@ -27,13 +27,9 @@ bool is_plain(std::string_view id) noexcept {
     });
 }
 
-struct row_close {
-    void operator()(const tab_row_t* row) const noexcept { tab_close(row); }
-};
-
 /// @return false when it is not in the registry, or its id is refused. Throws std::bad_alloc.
 bool find_track(const char* token, net::dash::track& out) {
-    const std::unique_ptr<const tab_row_t, row_close> row(tab_find(tab_tracks, token));
+    const core::owned<const tab_row_t, tab_close> row(tab_find(tab_tracks, token));
     if (!row) return false;
     const auto text = [&](const char* key) {
         const char* const value = value_get(row->values, key);

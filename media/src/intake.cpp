@@ -6,16 +6,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <utility>
 
 namespace media {
 
 namespace {
-
-struct json_release {
-    void operator()(json_t* root) const noexcept { yajl_tree_free(root); }
-};
 
 void on_bus(void* arg, profile_ctx*, profile_event_t event, const param_t* params) {
     const param_t* const frame = event == profile_put ? param_find(params, "frame") : nullptr;
@@ -28,7 +23,7 @@ void on_bus(void* arg, profile_ctx*, profile_event_t event, const param_t* param
 format_t ask_format(profile_ctx* bus, buffer_t& config) noexcept {
     const param_t question[] = {{"command", "format"}, {}};
     const core::owned_text answer(profile_request(bus, question, CORE_HERE));
-    const std::unique_ptr<json_t, json_release> root(yajl_tree_parse(answer ? answer.get() : "", nullptr, 0));
+    const core::owned<json_t, yajl_tree_free> root(yajl_tree_parse(answer ? answer.get() : "", nullptr, 0));
     const auto number = [&](const char* name) {
         return static_cast<uint32_t>(std::clamp<int64_t>(json_integer(json_get(root.get(), name), 0), 0, UINT32_MAX));
     };

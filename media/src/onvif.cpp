@@ -14,7 +14,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 namespace media {
 
@@ -27,10 +26,6 @@ using onvif_calls::whole;
 constexpr const char* device_path = "/onvif/device_service";
 constexpr const char* media_path = "/onvif/media_service";
 constexpr const char* xml_type = "application/soap+xml; charset=utf-8";
-
-struct soap_deleter {
-    void operator()(soap::soap_t* request) const noexcept { soap_free(request); }
-};
 
 void send(http_exchange& asked, unsigned status, const char* text, const char* challenge = nullptr) noexcept {
     if (!text) return;  // it is answered with 500
@@ -130,7 +125,7 @@ void onvif::inside::answer(http_exchange& asked) {
     const buffer_t body = asked.body();
     const core::owned_text text =
         whole(core_strndup(body.data ? reinterpret_cast<const char*>(body.data) : "", body.size, CORE_HERE));
-    const std::unique_ptr<soap::soap_t, soap_deleter> request(soap_parse(text.get()));
+    const core::owned<soap::soap_t, soap_free> request(soap_parse(text.get()));
     if (!request) throw std::bad_alloc();
     // A client that waits for the challenge sends its first request without a body.
     if (body.size == 0 && !admit(*request, asked)) return;

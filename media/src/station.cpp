@@ -28,10 +28,7 @@ struct work_item {
     thread* back;
 };
 
-struct stream_drop {
-    void operator()(stream* held) const noexcept { stream::drop(held); }
-};
-using stream_share = std::unique_ptr<stream, stream_drop>;
+using stream_share = core::owned<stream, stream::drop>;
 
 /// An accepted connection on its way to its thread.
 struct arrival {

@@ -1,11 +1,11 @@
 // Files of encoded pictures, read by ffmpeg.
-#include "support/held.h"
 #include "support/program.h"
 
 #include "avc/fcc.h"
 #include "avc/mp4.h"
 #include "avc/mp4_reader.h"
 #include "common/h264.h"
+#include "core/owned.h"
 
 #include <gtest/gtest.h>
 #include <sstream>
@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::string_literals;
 
-using frame_ptr = test::held<av::frame_t, avc_frame_need>;
+using frame_ptr = core::owned<av::frame_t, avc_frame_need>;
 
 constexpr uint64_t base = 1700000000000000;
 

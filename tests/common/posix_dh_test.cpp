@@ -1,9 +1,9 @@
 // Key exchange and RC4 beside OpenSSL.
 #include "common/dh.h"
 #include "common/digest.h"
+#include "core/owned.h"
 
 #include <gtest/gtest.h>
-#include <memory>
 #include <openssl/bn.h>
 #include <openssl/rc4.h>
 #include <vector>
@@ -11,9 +11,9 @@
 namespace {
 
 using bytes = std::vector<uint8_t>;
-using big = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
+using big = core::owned<BIGNUM, BN_free>;
 
-big group() { return {BN_get_rfc2409_prime_1024(nullptr), BN_free}; }
+big group() { return big(BN_get_rfc2409_prime_1024(nullptr)); }
 
 bytes to_bytes(const BIGNUM* number) {
     bytes out(DHWrapper::key_size);
@@ -22,10 +22,10 @@ bytes to_bytes(const BIGNUM* number) {
 }
 
 bytes power(const bytes& base, const bytes& exponent) {
-    const std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)> room(BN_CTX_new(), BN_CTX_free);
-    const big b(BN_bin2bn(base.data(), static_cast<int>(base.size()), nullptr), BN_free);
-    const big e(BN_bin2bn(exponent.data(), static_cast<int>(exponent.size()), nullptr), BN_free);
-    const big result(BN_new(), BN_free), prime = group();
+    const core::owned<BN_CTX, BN_CTX_free> room(BN_CTX_new());
+    const big b(BN_bin2bn(base.data(), static_cast<int>(base.size()), nullptr));
+    const big e(BN_bin2bn(exponent.data(), static_cast<int>(exponent.size()), nullptr));
+    const big result(BN_new()), prime = group();
     EXPECT_EQ(BN_mod_exp(result.get(), b.get(), e.get(), prime.get(), room.get()), 1);
     return to_bytes(result.get());
 }

@@ -1,7 +1,8 @@
 // The XML reader beside expat.
 #include "support/files.h"
-#include "support/held.h"
 #include "xml/tree.h"
+
+#include "core/owned.h"
 
 #include <cstring>
 #include <expat.h>
@@ -63,7 +64,7 @@ std::string print_by_expat(const std::string& text) {
 /// Both refuse a text or read the same; the other one has no bounds, takes more encodings and versions and a DOCTYPE.
 void compare(const std::string& text) {
     char error[64];
-    const test::held<node, roxml_close> document(
+    const core::owned<node, roxml_close> document(
         roxml_load(text.data(), static_cast<unsigned>(text.size()), error, sizeof(error)));
     for (const char* own : {"too deep", "DOCTYPE", "other than UTF-8", "version 1.0"})
         if (std::strstr(error, own)) return;

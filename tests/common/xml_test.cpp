@@ -1,15 +1,14 @@
 // What the XML reader says of a text. posix_xml_test.cpp sets it beside another reader.
 #include "common/xml.h"
 
-#include "support/held.h"
-
 #include "core/memory.h"
+#include "core/owned.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using tree = test::held<node, roxml_close>;
+using tree = core::owned<node, roxml_close>;
 
 node* child(node* of, const char* name, int nth = 0) { return roxml_get_chld(of, name, nth); }
 

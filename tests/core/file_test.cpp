@@ -3,7 +3,6 @@
 
 #include "platform/system.h"
 #include "support/files.h"
-#include "support/held.h"
 #include "support/scratch.h"
 
 #include "core/memory.h"
@@ -15,7 +14,7 @@
 
 namespace {
 
-using options = test::held<opt_ctx, core_opt_free>;
+using options = core::owned<opt_ctx, core_opt_free>;
 
 options open(const std::string& path) { return options(core_opt_create(path.c_str(), CORE_HERE)); }
 
@@ -128,7 +127,7 @@ TEST(Module, GivesTheEntriesOfALibraryByPathOrByBareName) {
         std::string(core::platform::library_prefix) + "inet_module_fixture" + core::platform::library_suffix;
     for (const char* name : {INET_MODULE_FIXTURE, "inet_module_fixture", full.c_str()}) {
         dll_entry_t entries[] = {{"fixture_twice", nullptr}, {"fixture_loads", nullptr}, {}};
-        const test::held<dll_ctx, core_dll_close> dll(core_dll_open(name, entries, CORE_HERE));
+        const core::owned<dll_ctx, core_dll_close> dll(core_dll_open(name, entries, CORE_HERE));
         ASSERT_TRUE(dll) << name;
         EXPECT_EQ(reinterpret_cast<int (*)(int)>(entries[0].function)(21), 42);
         EXPECT_EQ((*static_cast<int*>(entries[1].function))++, 0) << "a library that was unloaded starts anew";

@@ -3,7 +3,6 @@
 
 #include "platform/toolchain.h"
 #include "support/fault.h"
-#include "support/held.h"
 #include "support/threads.h"
 
 #include "core/buf.h"
@@ -147,7 +146,7 @@ TEST(Buf, SpansAreSetFilledUpWithZerosSearchedAndWrittenInHex) {
 
 TEST(List, MayBeTakenApartDuringAWalk) {
     char items[] = "abcde";
-    const test::held<list_ctx, core_list_free> held(core_list_create(CORE_HERE));
+    const core::owned<list_ctx, core_list_free> held(core_list_create(CORE_HERE));
     list_ctx* const list = held.get();
     for (const size_t i : {1, 2, 3, 1})
         core_list_enqueue(list, &items[i], CORE_HERE);
@@ -166,7 +165,7 @@ TEST(List, MayBeTakenApartDuringAWalk) {
 }
 
 TEST(Queue, TakesBackOnlyWhatIsOut) {
-    const test::held<queue_ctx, core_queue_close> queue(core_queue_open(2, 3, CORE_HERE));
+    const core::owned<queue_ctx, core_queue_close> queue(core_queue_open(2, 3, CORE_HERE));
     char* const a = static_cast<char*>(core_queue_get_free(queue.get()));
     char* const b = static_cast<char*>(core_queue_get_free(queue.get()));
     EXPECT_EQ(core_queue_get_free(queue.get()), nullptr);
@@ -197,9 +196,9 @@ TEST(Containers, LoseNothingAmongFourThreads) {
     uint32_t count = 0;
     volatile uint32_t word = 8;
     EXPECT_EQ(atomic_cas32(&word, 9, 8), 8U);
-    const test::held<queue_ctx, core_queue_close> queue(core_queue_open(4, sizeof(uint32_t), CORE_HERE));
-    const test::held<slist, slist_free> list(_slist_init(CORE_HERE));
-    const test::held<lock_ctx, core_lock_delete> lock(core_lock_create(CORE_HERE));
+    const core::owned<queue_ctx, core_queue_close> queue(core_queue_open(4, sizeof(uint32_t), CORE_HERE));
+    const core::owned<slist, slist_free> list(_slist_init(CORE_HERE));
+    const core::owned<lock_ctx, core_lock_delete> lock(core_lock_create(CORE_HERE));
     test::on_four_threads([&] {
         for (uint32_t i = 0; i < 3000; ++i) {
             auto* const item = static_cast<uint32_t*>(core_queue_get_free(queue.get()));
@@ -230,14 +229,14 @@ TEST(Value, IsANumberWhereItFits) {
                                                       {nullptr, 0},
                                                       {"-1", 0}};
     for (const auto& [text, number] : cases) {
-        const test::held<value_t*, core_value_free> list(core_value_put(nullptr, "Key", text, CORE_HERE));
+        const core::owned<value_t*, core_value_free> list(core_value_put(nullptr, "Key", text, CORE_HERE));
         EXPECT_EQ(value_geti_uint64(list.get(), "key"), number) << text;
         EXPECT_EQ(value_get_uint32(list.get(), "Key"), number > UINT32_MAX ? 0 : number) << text;
     }
 }
 
 TEST(Value, IsSplitAtAnyOfTheSeparators) {
-    const test::held<value_t*, core_value_free> list(core_value_split("a=1;;\t, b : =2 ;c;=", ";,", ":=", CORE_HERE));
+    const core::owned<value_t*, core_value_free> list(core_value_split("a=1;;\t, b : =2 ;c;=", ";,", ":=", CORE_HERE));
     std::string pairs;
     for (value_t** pair = list.get(); *pair; ++pair)
         pairs += std::string((*pair)->key) + '>' + ((*pair)->value ? (*pair)->value : "(null)") + '|';

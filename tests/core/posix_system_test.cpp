@@ -1,7 +1,6 @@
 // Option files that not everybody may read or that cannot be opened, files that the system makes up; the calendar
 // beside that of the C library, and local time by TZ.
 #include "support/files.h"
-#include "support/held.h"
 #include "support/scratch.h"
 
 #include "core/file.h"
@@ -23,12 +22,12 @@ TEST(Option, SaveKeepsTheAccessRightsAndWhatCannotBeOpenedIsNotMissing) {
     test::write_file(path, test::bytes_of("password=secret\n"));
     constexpr auto own = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
     std::filesystem::permissions(path, own);
-    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    const core::owned<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
     EXPECT_EQ(core_opt_save(opt.get()), 1);
     EXPECT_EQ(std::filesystem::status(path).permissions(), own);
     for (const char* target : {"options", "not there yet"}) {
         std::filesystem::create_symlink(target, dir / "link");
-        const test::held<opt_ctx, core_opt_free> linked(core_opt_create((dir / "link").c_str(), CORE_HERE));
+        const core::owned<opt_ctx, core_opt_free> linked(core_opt_create((dir / "link").c_str(), CORE_HERE));
         core_opt_set(linked.get(), "by", "link");
         EXPECT_EQ(core_opt_save(linked.get()), 1);
         EXPECT_TRUE(test::read_file(dir / target).starts_with("by=link\n")) << target;
@@ -40,7 +39,7 @@ TEST(Option, SaveKeepsTheAccessRightsAndWhatCannotBeOpenedIsNotMissing) {
 }
 
 TEST(Module, ANameWithItsVersionIsComplete) {
-    EXPECT_TRUE((test::held<dll_ctx, core_dll_close>(core_dll_open("libm.so.6", nullptr, CORE_HERE))));
+    EXPECT_TRUE((core::owned<dll_ctx, core_dll_close>(core_dll_open("libm.so.6", nullptr, CORE_HERE))));
 }
 
 TEST(File, LostBytesShowWhenItIsSyncedOrClosed) {

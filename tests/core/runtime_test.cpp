@@ -1,7 +1,6 @@
 // Threads, events, locks and time; logs; the profile bus.
 #include "log/sinks.h"
 #include "support/files.h"
-#include "support/held.h"
 #include "support/log_keeper.h"
 #include "support/scratch.h"
 #include "support/threads.h"
@@ -106,7 +105,7 @@ TEST(Time, IsReadFromAStampAndFromNothingElse) {
 }
 
 using keeper = test::log_keeper;
-using log_handle = test::held<log_ctx, core_log_free>;
+using log_handle = core::owned<log_ctx, core_log_free>;
 
 log_handle open_log(const char* name) { return log_handle(core_log_create(CORE_HERE, name)); }
 
@@ -236,7 +235,7 @@ TEST(Log, FilesAndTerminalsShowWhatAPeerSentWithoutObeyingIt) {
     EXPECT_EQ(core_log_sink_file("disk", (path + "/log").c_str()), 0U);
 }
 
-using handle = test::held<profile_ctx, profile_close>;
+using handle = core::owned<profile_ctx, profile_close>;
 
 handle open(const char* name) { return handle(profile_open(name)); }
 

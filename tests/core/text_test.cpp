@@ -1,8 +1,6 @@
 // Text, UTF-8, templates, digests, JSON.
 #include "core/text.h"
 
-#include "support/held.h"
-
 #include "core/hash.h"
 #include "core/json_print.h"
 #include "core/owned.h"
@@ -93,7 +91,7 @@ TEST(Gost, GivesTheVectorOfAnotherImplementation) {
               "d3ce7eb4da9ad01a0b929025486a2fd99e84f188069f9e5f47f11d1a949be991");
 }
 
-using tree = test::held<json_t, yajl_tree_free>;
+using tree = core::owned<json_t, yajl_tree_free>;
 
 tree parse(std::string_view text, char* error = nullptr, size_t size = 0) {
     std::vector<char> exact(text.size() + 1);  // so that the first byte read behind it is seen

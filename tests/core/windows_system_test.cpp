@@ -2,13 +2,13 @@
 // everybody may read, and local time by the rules that the system has for each year. Runs with the zone of Berlin.
 #include "platform/windows_path.h"
 #include "support/files.h"
-#include "support/held.h"
 #include "support/scratch.h"
 #include "support/threads.h"
 
 #include "core/file.h"
 #include "core/memory.h"
 #include "core/option.h"
+#include "core/owned.h"
 #include "core/time.h"
 
 #include <aclapi.h>
@@ -55,7 +55,7 @@ TEST(File, AFileThatIsHeldForAMomentIsReplacedThereafter) {
     const test::scratch dir;
     const std::string path = dir / "options";
     test::write_file(path, test::bytes_of("a=1\n"));
-    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    const core::owned<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
     core_opt_set(opt.get(), "a", "2");
     const HANDLE scanner = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     const std::jthread done([&] { Sleep(30), CloseHandle(scanner); });
@@ -100,10 +100,10 @@ TEST(Option, SaveKeepsTheAccessRights) {
     PSECURITY_DESCRIPTOR own = nullptr;
     ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;FA;;;BA)(A;;FA;;;OW)", SDDL_REVISION_1, &own,
                                                          nullptr);
-    const test::held<void, LocalFree> held(own);
+    const core::owned<void, LocalFree> held(own);
     ASSERT_TRUE(SetFileSecurityW(wide.c_str(), DACL_SECURITY_INFORMATION, own));
     const std::string kept = rights_of(wide);
-    const test::held<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
+    const core::owned<opt_ctx, core_opt_free> opt(core_opt_create(path.c_str(), CORE_HERE));
     EXPECT_EQ(core_opt_save(opt.get()), 1);
     EXPECT_EQ(rights_of(wide), kept);
     EXPECT_NE(others, kept);

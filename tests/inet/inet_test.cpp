@@ -21,7 +21,7 @@ TEST(Lifecycle, TheVersionIsThereBeforeMain) { EXPECT_EQ(before_main, "2015.11.2
 
 /// Whether the library is up, asked as a program would: over the bus.
 bool is_up() {
-    const test::held<profile_ctx, profile_close> profile(core_profile_open("graph", CORE_HERE));
+    const core::owned<profile_ctx, profile_close> profile(core_profile_open("graph", CORE_HERE));
     const param_t params[] = {{"method", "trackWsListMethods"}, {}};
     return core::owned_text(profile_request(profile.get(), params, CORE_HERE)) != nullptr;
 }

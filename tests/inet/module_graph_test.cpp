@@ -1,6 +1,5 @@
 // Graphs with real modules: the example's "heartbeat", and a library that is none.
 #include "support/fault.h"
-#include "support/held.h"
 #include "support/log_keeper.h"
 
 #include "core/log.h"
@@ -16,7 +15,7 @@
 
 namespace {
 
-using graph_t = test::held<net::Graph, net::Graph::destroy>;
+using graph_t = core::owned<net::Graph, net::Graph::destroy>;
 
 std::string document(const char* track) {
     const net::cinfo_t__ node{"a", "b", "c", track, nullptr};

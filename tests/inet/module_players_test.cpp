@@ -2,7 +2,6 @@
 #include "support/fault.h"
 #include "support/files.h"
 #include "support/frames.h"
-#include "support/held.h"
 #include "support/log_keeper.h"
 #include "support/network_thread.h"
 #include "support/scratch.h"
@@ -10,6 +9,7 @@
 #include "avc/access_units.h"
 #include "avc/fcc.h"
 #include "common/h264.h"
+#include "core/owned.h"
 #include "core/profile.h"
 #include "core/time.h"
 #include "inet/net_graph.h"
@@ -27,9 +27,9 @@
 
 namespace {
 
-using graph_t = test::held<net::Graph, net::Graph::destroy>;
-using frame_t = test::held<av::frame_t, avc_frame_need>;
-using bus_t = test::held<profile_ctx, profile_close>;
+using graph_t = core::owned<net::Graph, net::Graph::destroy>;
+using frame_t = core::owned<av::frame_t, avc_frame_need>;
+using bus_t = core::owned<profile_ctx, profile_close>;
 
 constexpr uint64_t base = 1'795'343'477'042'000;  // 2026-11-22 10:31:17.042
 constexpr uint64_t step = 40'000;
@@ -167,7 +167,7 @@ TEST(Media, KeepsFilesInStepOnTheHostsThread) {
     for (row_t& each : rows) {
         const net::cinfo_t__ part{"a", "b", "c", each.track, nullptr};
         ASSERT_TRUE(graph->add_device_media(&part, each.file.c_str(), 0, 0, 240, 1));
-        const test::held<media::stream, media::stream::drop> stream(media::stream::create("live", {}, CORE_HERE));
+        const core::owned<media::stream, media::stream::drop> stream(media::stream::create("live", {}, CORE_HERE));
         media::format_t told;
         ASSERT_TRUE(each.intake.open((std::string("a_b_c_") + each.track).c_str(), *stream, &told));
         EXPECT_EQ(told.fcc, each.fcc);

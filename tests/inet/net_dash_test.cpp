@@ -1,7 +1,8 @@
 // What is cut, listed, lent and released. posix_net_dash_test.cpp has it played by ffmpeg.
 #include "dash_source.h"
 #include "support/fault.h"
-#include "support/held.h"
+
+#include "core/owned.h"
 
 namespace {
 
@@ -99,7 +100,7 @@ TEST_F(NetDash, OpensAContextForEachTrackAndRange) {
     EXPECT_EQ(net_dash_search("token"), live);
     EXPECT_EQ(net_dash_find("cam-0-0"), live);
     constexpr uint64_t hour = 3'600'000'000;
-    const test::held<net::dash_ctx, net_dash_close> range(net_dash_open("token", 1, 2, CORE_HERE));
+    const core::owned<net::dash_ctx, net_dash_close> range(net_dash_open("token", 1, 2, CORE_HERE));
     ASSERT_TRUE(range && range.get() != live);
     EXPECT_EQ(net_dash_state(range.get()), net::dash_failed) << "nobody plays it";
     for (const auto& [token, start, end] : {std::tuple("other", 0ULL, 0ULL),

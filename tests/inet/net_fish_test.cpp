@@ -1,9 +1,9 @@
 #include "inet/net_fish.h"
 
 #include "support/fault.h"
-#include "support/held.h"
 
 #include "core/json.h"
+#include "core/owned.h"
 #include "inet/net_node.h"
 
 #include <cmath>
@@ -12,8 +12,8 @@
 namespace {
 
 using text_t = const char*;
-using document = test::held<char, core_mfree>;
-using tree = test::held<json_t, yajl_tree_free>;
+using document = core::owned_text;
+using tree = core::owned<json_t, yajl_tree_free>;
 
 struct row_t {
     const char* section;

@@ -1,7 +1,5 @@
 #include "inet/net_http_header.h"
 
-#include "support/held.h"
-
 #include "core/owned.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +9,7 @@ using namespace std::string_literals;
 
 namespace {
 
-using owned_header = test::held<header_s, http_header_free>;
+using owned_header = core::owned<header_s, http_header_free>;
 
 owned_header parse(const std::string& bytes) {
     return owned_header(http_header_parse(bytes.data(), static_cast<unsigned>(bytes.size()), CORE_HERE));

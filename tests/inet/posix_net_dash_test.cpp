@@ -1,7 +1,8 @@
 // What is packed, played by ffmpeg.
 #include "dash_source.h"
-#include "support/held.h"
 #include "support/program.h"
+
+#include "core/owned.h"
 
 #include <algorithm>
 
@@ -35,7 +36,7 @@ TEST_F(NetDashPlayed, LiveAndRangeAreDemuxedWhole) {
     std::string stream;
     uint64_t after = 0;
     for (size_t i = 0; i < units.size(); ++i) {
-        const test::held<av::frame_t, avc_frame_need> frame(
+        const core::owned<av::frame_t, avc_frame_need> frame(
             avc_frame_create(av::fcc_h264, test::dash_base + i * 40'000 + i % 50 % 3 * 7, units[i].data(),
                              static_cast<uint32_t>(units[i].size()), CORE_HERE));
         put(source_, *frame);

@@ -1,6 +1,4 @@
 // What the SOAP toolkit writes, read by another reader of XML, and what it makes of hostile requests.
-#include "support/held.h"
-
 #include "common/xml.h"
 #include "core/owned.h"
 #include "inet/net_soap.h"
@@ -11,7 +9,7 @@
 
 namespace {
 
-using request_t = test::held<soap::soap_t, soap_free>;
+using request_t = core::owned<soap::soap_t, soap_free>;
 
 /// As it is given and as it is read: what XML cannot hold becomes U+FFFD.
 const std::string hostile = "<&>\"'\t\n\r]]>&amp;${ns}<!--\xf0\x9f\x8e\xa5\x01\xed\xa0\x80";

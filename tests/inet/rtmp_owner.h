@@ -1,9 +1,8 @@
 // The owner of an RTMP client session without a socket, and the bytes of a server.
 #pragma once
 
-#include "support/held.h"
-
 #include "common/variant.h"
+#include "core/owned.h"
 #include "inet/net_rtmp.h"
 
 #include <bit>
@@ -101,10 +100,7 @@ public:
         events += "end" + std::to_string(static_cast<int>(why)) + ":" + words + " ";
     }
 
-    struct closer {
-        void operator()(net::ProtocolRtmp* rtmp) const { net::ProtocolRtmp::destroy(rtmp); }
-    };
-    std::unique_ptr<net::ProtocolRtmp, closer> session;
+    core::owned<net::ProtocolRtmp, net::ProtocolRtmp::destroy> session;
     std::string sent;
     std::string events;
     bool reading = true;

@@ -1,12 +1,12 @@
 #include "support/fault.h"
 
 #include "avc/jpeg.h"
+#include "core/owned.h"
 #include "inet/rtp_owner.h"
 #include "inet/rtp_reorder.h"
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
 #include <tuple>
 
 namespace {
@@ -269,8 +269,7 @@ TEST(RtpReceiveMemory, AFrameBeyondTheBoundIsGivenUpWhole) {
 using numbers = std::vector<uint16_t>;
 
 struct window {
-    explicit window(uint32_t packets = 8)
-        : object(rtp::Reorder::create({packets, 1000}, keep, this, CORE_HERE), rtp::Reorder::destroy) {}
+    explicit window(uint32_t packets = 8) : object(rtp::Reorder::create({packets, 1000}, keep, this, CORE_HERE)) {}
 
     void push(bytes data, uint64_t now = 1) { object->push({data.data(), static_cast<uint32_t>(data.size())}, now); }
     static bytes numbered(uint16_t seq, size_t size = 28) { return packet(seq, noise(size, seq)); }
@@ -282,7 +281,7 @@ struct window {
     }
 
     numbers out;
-    std::unique_ptr<rtp::Reorder, void (*)(rtp::Reorder*)> object;
+    core::owned<rtp::Reorder, rtp::Reorder::destroy> object;
 };
 
 TEST(RtpReorder, DeliversInOrderWhatComesInReach) {

@@ -1,9 +1,9 @@
 // What recorders write, read by ffmpeg.
-#include "support/held.h"
 #include "support/program.h"
 
 #include "avc/access_units.h"
 #include "avc/fcc.h"
+#include "core/owned.h"
 #include "media/recorder.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@
 namespace {
 
 using namespace std::string_literals;
-using frame_ptr = test::held<av::frame_t, avc_frame_need>;
+using frame_ptr = core::owned<av::frame_t, avc_frame_need>;
 
 constexpr int64_t second = 1'000'000;
 constexpr uint64_t start = 1'700'000'000'000'000;

@@ -1,9 +1,9 @@
 // Streams over RTMP whose timestamps pass what 24 and 32 bits hold.
-#include "support/held.h"
 #include "support/program.h"
 
 #include "avc/access_units.h"
 #include "avc/fcc.h"
+#include "core/owned.h"
 #include "core/thread.h"
 #include "core/time.h"
 #include "media/rtmp_service.h"
@@ -22,10 +22,10 @@ constexpr uint64_t step = 40'000;  // microseconds from picture to picture
 constexpr uint32_t seconds = 4;
 
 /// Pictures of an encoder, a key picture a second.
-std::vector<test::held<av::frame_t, avc_frame_need>> pictures() {
+std::vector<core::owned<av::frame_t, avc_frame_need>> pictures() {
     const std::string stream = test::run("ffmpeg -v error -f lavfi -i testsrc2=size=160x96:rate=25 -t " +
                                          std::to_string(seconds) + " -c:v libx264 -g 25 -bf 0 -f h264 -");
-    std::vector<test::held<av::frame_t, avc_frame_need>> found;
+    std::vector<core::owned<av::frame_t, avc_frame_need>> found;
     av::AccessUnits units(CORE_HERE);
     const auto keep = [](void* arg, buffer_t unit) {
         static_cast<decltype(found)*>(arg)->emplace_back(

@@ -1,9 +1,8 @@
 // Four threads at once, and events of the runtime.
 #pragma once
 
-#include "support/held.h"
-
 #include "core/memory.h"
+#include "core/owned.h"
 #include "core/thread.h"
 
 #include <cstdint>
@@ -24,7 +23,7 @@ public:
     bool wait(uint32_t milliseconds = 60'000) const { return event_wait(handle_.get(), milliseconds) == 1; }
 
 private:
-    held<event_ctx, _event_free> handle_{_event_create(CORE_HERE)};
+    core::owned<event_ctx, _event_free> handle_{_event_create(CORE_HERE)};
 };
 
 }  // namespace test

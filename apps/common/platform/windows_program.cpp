@@ -1,12 +1,13 @@
 #include "system.h"
 
+#include "core/owned.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <io.h>
 #include <iterator>
-#include <memory>
 #include <windows.h>
 // clang-format off: it builds on the types of the one before
 #include <shellapi.h>
@@ -58,8 +59,7 @@ std::string utf8(const wchar_t* text) {
 std::vector<std::string> arguments(int argc, const char* const* argv) {
     int count = 0;
     // What main() gets has gone through the code page of the system.
-    const std::unique_ptr<wchar_t*, decltype(&LocalFree)> wide(CommandLineToArgvW(GetCommandLineW(), &count),
-                                                               &LocalFree);
+    const core::owned<wchar_t*, LocalFree> wide(CommandLineToArgvW(GetCommandLineW(), &count));
     if (!wide) return {argv, argv + argc};
     std::vector<std::string> result(static_cast<size_t>(count));
     std::transform(wide.get(), wide.get() + count, result.begin(), utf8);

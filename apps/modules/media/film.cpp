@@ -6,7 +6,6 @@
 #include "avc/fcc.h"
 #include "common/h264.h"
 #include "core/file.h"
-#include "core/memory.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -97,8 +96,6 @@ std::string conversion_of(const std::string& path) {
 }
 
 }  // namespace
-
-void file_bytes::mfree::operator()(uint8_t* block) const { core_mfree(block); }
 
 file_bytes::file_bytes(const std::string& path) : data_(core_file_load(path.c_str(), largest_file, &size_, CORE_HERE)) {
     if (!data_) throw std::runtime_error("cannot read " + path);

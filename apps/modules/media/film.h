@@ -2,9 +2,9 @@
 #pragma once
 
 #include "avc/frame.h"
+#include "core/owned.h"
 
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,18 +20,11 @@ public:
     std::string_view text() const { return {reinterpret_cast<const char*>(data_.get()), size_}; }
 
 private:
-    struct mfree {
-        void operator()(uint8_t* block) const;
-    };
-
     size_t size_ = 0;
-    std::unique_ptr<uint8_t, mfree> data_;
+    core::owned<uint8_t> data_;
 };
 
-struct frame_deleter {
-    void operator()(av::frame_t* frame) const { avc_frame_need(frame); }
-};
-using frame_ptr = std::unique_ptr<av::frame_t, frame_deleter>;
+using frame_ptr = core::owned<av::frame_t, avc_frame_need>;
 
 /// A length of time that a whole number of frames fills evenly.
 struct pace {

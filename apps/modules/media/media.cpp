@@ -30,14 +30,10 @@ public:
     void stop() noexcept;
 
 private:
-    struct closer {
-        void operator()(profile_ctx* profile) const noexcept { profile_close(profile); }
-    };
-
     static void on_bus(void* arg, profile_ctx* profile, profile_event_t event, const param_t* params);
 
     std::optional<media_module::track> track_;
-    std::unique_ptr<profile_ctx, closer> bus_;
+    core::owned<profile_ctx, profile_close> bus_;
     std::optional<media_module::pacer::played_t> played_;
     std::shared_ptr<media_module::pacer> pacer_;  ///< while it plays
 };

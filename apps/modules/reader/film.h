@@ -6,6 +6,7 @@
 #include "avc/frame.h"
 #include "avc/mp4_reader.h"
 #include "core/file.h"
+#include "core/owned.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -33,10 +34,6 @@ public:
     uint64_t end() const { return end_; }
 
 private:
-    struct closer {
-        void operator()(file_ctx* file) const { core_fclose(file); }
-    };
-
     explicit film(uint64_t start) : named_(start), start_(start), mp4_(CORE_HERE) {}
     bool find_tracks();
     uint64_t microseconds(uint32_t track, uint64_t ticks) const;
@@ -46,7 +43,7 @@ private:
 
     uint64_t named_;
     uint64_t start_;  ///< of its times
-    std::unique_ptr<file_ctx, closer> file_;
+    core::owned<file_ctx, core_fclose> file_;
     av::Mp4Reader mp4_;
     std::optional<uint32_t> pictures_;  ///< their track
     uint32_t width_ = 0, height_ = 0;

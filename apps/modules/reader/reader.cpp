@@ -29,13 +29,7 @@ namespace {
 
 constexpr int file_not_found = -13;
 
-template <auto release>
-struct releaser {
-    void operator()(auto* handle) const noexcept { release(handle); }
-};
-template <class Handle, auto release>
-using held = std::unique_ptr<Handle, releaser<release>>;
-using bus_handle = held<profile_ctx, profile_close>;
+using bus_handle = core::owned<profile_ctx, profile_close>;
 
 struct order_t {
     uint64_t start = 0;
@@ -77,7 +71,7 @@ private:
     uint64_t began_ = 0;          ///< when the first frame of an order was put, by core_timer()
     uint64_t first_ = 0;          ///< and its time; 0 before it
 
-    held<event_ctx, _event_free> news_;  ///< an order, or the end
+    core::owned<event_ctx, _event_free> news_;  ///< an order, or the end
     bus_handle track_;
     bus_handle control_;  // last: orders may come as soon as it is there
 };
@@ -105,7 +99,7 @@ void archive_reader::find_folder() {
         {"command", "call"}, {"plugin", "archive"}, {"method", "directory"}, {"params", wanted.c_str()}, {}};
     const bus_handle archive(core_profile_open("plugin_methods_archive", CORE_HERE));
     const core::owned_text answer(profile_request(archive.get(), question, CORE_HERE));
-    const held<json_t, yajl_tree_free> root(yajl_tree_parse(answer ? answer.get() : "", nullptr, 0));
+    const core::owned<json_t, yajl_tree_free> root(yajl_tree_parse(answer ? answer.get() : "", nullptr, 0));
     const char* folder = json_text(json_get(root.get(), "directory"));
     if (!folder) throw std::runtime_error("nobody says where the recordings of '" + stream_ + "' are");
     folder_ = apps::utf8_path(folder);

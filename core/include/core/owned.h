@@ -1,5 +1,5 @@
-/// RAII over core/memory.h for C++: unique pointers that release with core_mfree(), and standard containers whose
-/// blocks carry the place of their allocation.
+/// RAII over core/memory.h for C++: unique pointers that release with core_mfree() or another function, and standard
+/// containers whose blocks carry the place of their allocation.
 #pragma once
 
 #include "core/memory.h"
@@ -14,13 +14,16 @@
 
 namespace core {
 
-struct mfree_deleter {
-    void operator()(void* block) const noexcept { core_mfree(block); }
+/// Has a function release what a std::unique_ptr owns.
+template <auto Release>
+struct releaser {
+    void operator()(auto* object) const noexcept { Release(object); }
 };
 
-/// Owns a block of core_malloc() or a text that a call returned "for the caller to free".
-template <class T>
-using owned = std::unique_ptr<T, mfree_deleter>;
+/// Owns a block of core_malloc() or a text that a call returned "for the caller to free"; with another function what
+/// that one releases: owned<soap::soap_t, soap_free>.
+template <class T, auto Release = core_mfree>
+using owned = std::unique_ptr<T, releaser<Release>>;
 using owned_text = owned<char>;
 
 /// A line of source. As a default argument `place::here()` is the line of the caller.

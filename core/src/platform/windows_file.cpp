@@ -1,6 +1,8 @@
 #include "system.h"
 #include "windows_path.h"
 
+#include "core/owned.h"
+
 #include <aclapi.h>
 #include <cerrno>
 #include <cstring>
@@ -8,7 +10,6 @@
 #include <fcntl.h>
 #include <io.h>
 #include <iterator>
-#include <memory>
 #include <string_view>
 #include <windows.h>
 
@@ -19,16 +20,9 @@ const size_t root_length = 3;
 
 namespace {
 
-struct handle_closer {
-    void operator()(void* handle) const noexcept { CloseHandle(handle); }
-};
-using owned_handle = std::unique_ptr<void, handle_closer>;
+using owned_handle = owned<void, CloseHandle>;
 
 owned_handle own(HANDLE handle) noexcept { return owned_handle(handle == INVALID_HANDLE_VALUE ? nullptr : handle); }
-
-struct local_deleter {
-    void operator()(void* block) const noexcept { LocalFree(block); }
-};
 
 HANDLE handle_of(std::FILE* file) noexcept {
     // NOLINTNEXTLINE(performance-no-int-to-ptr): so the C library hands out handles
@@ -165,7 +159,7 @@ void adopt_rights(std::FILE* file, const char* path) noexcept {
     if (!wide.get() || GetNamedSecurityInfoW(wide.get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
                                              nullptr, nullptr, &rights) != ERROR_SUCCESS)
         return;
-    const std::unique_ptr<void, local_deleter> held(rights);
+    const owned<void, LocalFree> held(rights);
     // Without the right to do so the file keeps the rights that its directory hands down.
     const owned_handle owner = own(ReOpenFile(handle_of(file), READ_CONTROL | WRITE_DAC, share_all, 0));
     // As it stands: a call that minds inheritance would add what the directory hands down.

@@ -28,10 +28,6 @@ struct track {
     uint8_t profile = 0;
 };
 
-struct graph_end {
-    void operator()(Graph* graph) const noexcept { Graph::destroy(graph); }
-};
-
 }  // namespace net::dash
 
 struct net::dash_ctx {
@@ -69,7 +65,7 @@ struct net::dash_ctx {
     dash::packer pack;
 
     profile_ctx* profile = nullptr;
-    std::unique_ptr<Graph, dash::graph_end> graph;
+    core::owned<Graph, Graph::destroy> graph;
 };
 
 namespace net::dash {

@@ -20,10 +20,7 @@ namespace {
 constexpr uint64_t window_ms = 15'000;
 constexpr std::string_view init_name = "header.m4s";
 
-struct file_close {
-    void operator()(file_ctx* handle) const noexcept { core_fclose(handle); }
-};
-using owned_file = std::unique_ptr<file_ctx, file_close>;
+using owned_file = core::owned<file_ctx, core_fclose>;
 
 block_hold another(const block_hold& of) noexcept {
     if (of) of->holds.fetch_add(1, std::memory_order_relaxed);
@@ -60,13 +57,13 @@ dash_info describe(const dash_segment& of) noexcept {
     return {.data = of.bytes.data, .size = of.bytes.length, .mime = of.mime, .duration = of.d};
 }
 
-void block_release::operator()(block* held) const noexcept {
+void end_hold(block* held) noexcept {
     if (held->holds.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     core_buf_free(&held->bytes);
-    block_forget()(held);
+    end_watch(held);
 }
 
-void block_forget::operator()(block* kept) const noexcept {
+void end_watch(block* kept) noexcept {
     if (kept->keeps.fetch_sub(1, std::memory_order_acq_rel) == 1) core::destroy(kept);
 }
 
@@ -273,5 +270,5 @@ listing segment_list::list() {
 }  // namespace net::dash
 
 void net_dash_share_release(void* owner) noexcept {
-    if (owner) net::dash::block_release()(static_cast<net::dash::block*>(owner));
+    if (owner) net::dash::end_hold(static_cast<net::dash::block*>(owner));
 }

@@ -22,14 +22,10 @@ struct block {
     block(const block&) = delete;
     block& operator=(const block&) = delete;
 };
-struct block_release {
-    void operator()(block* held) const noexcept;
-};
-using block_hold = std::unique_ptr<block, block_release>;
-struct block_forget {
-    void operator()(block* kept) const noexcept;
-};
-using block_watch = std::unique_ptr<block, block_forget>;
+void end_hold(block* held) noexcept;
+void end_watch(block* kept) noexcept;
+using block_hold = core::owned<block, end_hold>;
+using block_watch = core::owned<block, end_watch>;
 
 /// A segment and the bytes behind its record.
 struct segment : dash_segment {

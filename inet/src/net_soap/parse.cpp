@@ -5,17 +5,12 @@
 #include "core/text.h"
 #include "inet/net_soap.h"
 
-#include <memory>
 #include <string_view>
 
 namespace {
 
 constexpr int name_room = 512;
 constexpr int text_room = 1024;
-
-struct freeing {
-    void operator()(soap::soap_t* request) const noexcept { soap_free(request); }
-};
 
 /// Takes an envelope in place of one before it. @return false when memory is out
 bool take_envelope(soap::soap_t& request, node* envelope) noexcept {
@@ -46,7 +41,7 @@ bool take_document(soap::soap_t& request) noexcept {
 
 soap::soap_t* soap_parse(const char* text) noexcept {
     if (!text) return nullptr;
-    std::unique_ptr<soap::soap_t, freeing> request(core::create<soap::soap_t>(CORE_HERE));
+    core::owned<soap::soap_t, soap_free> request(core::create<soap::soap_t>(CORE_HERE));
     if (!request) return nullptr;
     request->text = core_strdup(text, CORE_HERE);
     if (!request->text) return nullptr;

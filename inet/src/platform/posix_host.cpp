@@ -1,10 +1,11 @@
 #include "platform/socket_api.h"
 
+#include "core/owned.h"
+
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
 #include <ifaddrs.h>
-#include <memory>
 #include <net/if.h>
 #include <net/if_arp.h>
 #include <netdb.h>
@@ -27,7 +28,7 @@ bool resolve(const char* host, in_addr& address) noexcept {
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* list = nullptr;
     if (getaddrinfo(host, nullptr, &hints, &list) != 0) return false;
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> held(list, freeaddrinfo);
+    const core::owned<addrinfo, freeaddrinfo> held(list);
     sockaddr_in first;
     std::memcpy(&first, list->ai_addr, sizeof first);
     address = first.sin_addr;
@@ -37,7 +38,7 @@ bool resolve(const char* host, in_addr& address) noexcept {
 void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_addr mask), void* arg) noexcept {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) return;
-    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> held(list, freeifaddrs);
+    const core::owned<ifaddrs, freeifaddrs> held(list);
     for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
         const bool wanted = (entry->ifa_flags & IFF_UP) && !(entry->ifa_flags & IFF_LOOPBACK);
         if (!wanted || !entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
@@ -52,7 +53,7 @@ void visit_interfaces(bool (*visit)(void* arg, const sockaddr_in& address, in_ad
 bool hardware_address(in_addr of, std::span<uint8_t, 6> out) noexcept {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) return false;
-    const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> held(list, freeifaddrs);
+    const core::owned<ifaddrs, freeifaddrs> held(list);
     const auto find = [&](sa_family_t family, auto is) {
         const ifaddrs* at = list;
         while (at && (!at->ifa_addr || at->ifa_addr->sa_family != family || !is(*at)))
@@ -80,7 +81,7 @@ bool hardware_address(in_addr of, std::span<uint8_t, 6> out) noexcept {
 // A line of the table (arp(7), proc(5)) is "10.0.0.7 0x1 0x0 00:00:00:00:00:00 * eth0"; flags of 0 are those of an
 // address that is not known.
 size_t unanswering_hosts(std::span<in_addr> out) noexcept {
-    const std::unique_ptr<FILE, decltype(&std::fclose)> table(std::fopen("/proc/net/arp", "re"), std::fclose);
+    const core::owned<FILE, std::fclose> table(std::fopen("/proc/net/arp", "re"));
     size_t count = 0;
     char line[256];
     while (table && count < out.size() && std::fgets(line, sizeof line, table.get())) {

@@ -1,8 +1,9 @@
 #include "platform/socket_api.h"
 #include "platform/windows_socket.h"
 
+#include "core/owned.h"
+
 #include <iphlpapi.h>
-#include <memory>
 #include <ws2tcpip.h>
 
 namespace net::platform {
@@ -29,7 +30,7 @@ bool resolve(const char* host, in_addr& address) noexcept {
     hints.ai_socktype = SOCK_STREAM;
     ADDRINFOW* list = nullptr;
     if (GetAddrInfoW(name, nullptr, &hints, &list) != 0) return false;
-    const std::unique_ptr<ADDRINFOW, decltype(&FreeAddrInfoW)> held(list, FreeAddrInfoW);
+    const core::owned<ADDRINFOW, FreeAddrInfoW> held(list);
     address = reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_addr;
     return true;
 }

@@ -2,9 +2,10 @@
 
 #include "platform/socket_api.h"
 
+#include "core/owned.h"
+
 #include <algorithm>
 #include <atomic>
-#include <memory>
 #include <mswsock.h>
 #include <ws2tcpip.h>
 
@@ -79,16 +80,12 @@ LPFN_ACCEPTEX find_accept(SOCKET listener) noexcept {
     return found;
 }
 
-struct handle_closer {
-    void operator()(void* handle) const noexcept { CloseHandle(handle); }
-};
-
 /// Takes a waiting connection into a socket. Should it have gone meanwhile, the next one is not waited for: "would
 /// block".
 bool accept_into(SOCKET listener, SOCKET accepted) noexcept {
     static std::atomic<LPFN_ACCEPTEX> known{nullptr};
     const LPFN_ACCEPTEX accept_ex = known ? known.load() : find_accept(listener);
-    const std::unique_ptr<void, handle_closer> done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    const core::owned<void, CloseHandle> done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!accept_ex || !done) return false;
     known = accept_ex;
     constexpr DWORD address = sizeof(sockaddr_in) + 16;

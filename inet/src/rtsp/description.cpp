@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <utility>
 
 namespace rtsp3 {
@@ -31,13 +30,6 @@ core::owned_text append_control(std::string_view base, std::string_view control,
     return core::owned_text(core_sprintf(file, line, "%.*s%s%.*s", static_cast<int>(base.size()), base.data(),
                                          touches ? "" : "/", static_cast<int>(control.size()), control.data()));
 }
-
-struct sdp_deleter {
-    void operator()(net::sdp::sdp_t* sdp) const noexcept { sdp_free(sdp); }
-};
-struct rtp_info_deleter {
-    void operator()(net::sdp::rtp_info_s** infos) const noexcept { sdp_free_rtp_info(infos); }
-};
 
 /// An encoding that is received.
 struct encoding_t {
@@ -114,7 +106,7 @@ bool description::take(const header_s* header) noexcept {
     std::string_view control;
     const core::owned_text text = tidy(body, &control, talk_.file, talk_.line);
     if (!text || !take_base(header) || !take_aggregate(control)) return false;
-    const std::unique_ptr<net::sdp::sdp_t, sdp_deleter> sdp(sdp_parse(text.get(), talk_.file, talk_.line));
+    const core::owned<net::sdp::sdp_t, sdp_free> sdp(sdp_parse(text.get(), talk_.file, talk_.line));
     if (!sdp) return false;
     for (net::sdp::trak_t** media = sdp->traks; media && *media; ++media) {
         if (talk_.trak_total == max_traks) {
@@ -237,7 +229,7 @@ void description::take_start(const char* rtp_info, uint64_t play_time) noexcept 
         each->rtp->time = play_time;
         each->gathered->started = each->gathered->timed = each->gathered->announced = false;
     }
-    const std::unique_ptr<net::sdp::rtp_info_s*, rtp_info_deleter> infos(
+    const core::owned<net::sdp::rtp_info_s*, sdp_free_rtp_info> infos(
         sdp_parse_rtp_info(rtp_info, talk_.file, talk_.line));
     for (net::sdp::rtp_info_s** info = infos.get(); info && *info; ++info) {
         const std::string_view url = scan::text((*info)->url);

@@ -8,17 +8,13 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <utility>
 
 namespace rtsp3 {
 
 namespace {
 
-struct transport_deleter {
-    void operator()(net::sdp::transport_t* transport) const noexcept { sdp_free_transport(transport); }
-};
-using owned_transport = std::unique_ptr<net::sdp::transport_t, transport_deleter>;
+using owned_transport = core::owned<net::sdp::transport_t, sdp_free_transport>;
 
 /// "RTP/AVP", "RTP/AVP/UDP" or "RTP/AVP/TCP" at the start of an alternative.
 bool is_profile(const char* text, const char* profile) noexcept {

@@ -19,10 +19,6 @@ constexpr uint64_t longest_silence = 180 * sip::second;
 constexpr int clock_step = 10;  // seconds
 constexpr size_t most_late = size_t{2} * sip::most_calls;
 
-struct value_list_deleter {
-    void operator()(value_t** list) const noexcept { core_value_free(list); }
-};
-
 }  // namespace
 
 Sips::Sips(const sips_info& info, const char* file, int line)
@@ -72,7 +68,7 @@ bool Sips::awaits_answers() const noexcept {
 
 bool Sips::open() noexcept {
     if (!ending_.prepare(file_, line_)) return false;
-    std::unique_ptr<value_t*, value_list_deleter> table;
+    core::owned<value_t*, core_value_free> table;
     uint32_t count = 0;
     for (value_t* const* each = info_.users; each && *each; ++each, ++count)
         table.reset(core_value_put_at(table.release(), count, (*each)->key, (*each)->value, file_, line_));

@@ -8,14 +8,6 @@
 
 namespace net {
 
-namespace {
-
-struct xml_deleter {
-    void operator()(node* document) const noexcept { roxml_close(document); }
-};
-
-}  // namespace
-
 void Sip::register_account(sip_account& account) {
     while (sip_request* const old = open_registration(account))
         end(*old);
@@ -50,7 +42,7 @@ void Sip::take_notify(sip_account& account, std::string_view body) {
     constexpr int room = 256;
     char note[room] = {};
     char id[room] = {};
-    const std::unique_ptr<node, xml_deleter> document(
+    const core::owned<node, roxml_close> document(
         roxml_load(body.data(), static_cast<unsigned>(body.size()), nullptr, 0));
     node* const presence = roxml_get_chld(document.get(), "presence", 0);
     if (node* const said = roxml_get_chld(presence, "note", 0)) roxml_get_content(said, note, room, nullptr);

@@ -6,15 +6,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace media::discovery {
 
 namespace {
-
-struct soap_deleter {
-    void operator()(soap::soap_t* request) const noexcept { soap_free(request); }
-};
 
 /// Whether all words of a list are as `is` wants them.
 template <class Is>
@@ -75,7 +70,7 @@ bool fits(node* probe, std::string_view scopes) noexcept {
 
 bool read_probe(const char* text, std::string_view scopes, core::string& message_id) {
     if (std::strlen(text) > longest_probe) return false;
-    const std::unique_ptr<soap::soap_t, soap_deleter> request(soap_parse(text));
+    const core::owned<soap::soap_t, soap_free> request(soap_parse(text));
     if (!request || !request->method || std::strcmp(request->method, "Probe") != 0) return false;
     char id[1024];
     if (!roxml_get_content(roxml_get_chld(request->header, "MessageID", 0), id, sizeof id, nullptr)) return false;

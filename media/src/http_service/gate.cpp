@@ -1,6 +1,7 @@
 #include "http_service/gate.h"
 
 #include "common/digest.h"
+#include "core/owned.h"
 #include "core/text.h"
 #include "core/time.h"
 #include "core/value.h"
@@ -10,7 +11,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 namespace media::web {
@@ -21,10 +21,6 @@ constexpr const char* realm = "inet";
 constexpr uint64_t lifetime = 300;  // seconds
 
 uint64_t seconds_now() noexcept { return core_timer() / 1'000'000; }
-
-struct answer_free {
-    void operator()(authenticate_ctx* answer) const noexcept { net_http_authenticate_free(answer); }
-};
 
 }  // namespace
 
@@ -51,7 +47,8 @@ gate::result_t gate::judge(const net::http::header_s& request) const noexcept {
     const core::owned_text usual(core_strdup(value, CORE_HERE));
     if (usual && core_strncasecmp(value, scheme.data(), scheme.size()) == 0) scheme.copy(usual.get(), scheme.size());
     value = usual.get();
-    const std::unique_ptr<authenticate_ctx, answer_free> answer(net_http_authenticate_parse(value, CORE_HERE));
+    const core::owned<authenticate_ctx, net_http_authenticate_free> answer(
+        net_http_authenticate_parse(value, CORE_HERE));
     if (!answer || !answer->nonce) return result_t::refused;
     uint64_t made = 0;
     std::from_chars(answer->nonce, answer->nonce + std::min<size_t>(16, std::strlen(answer->nonce)), made, 16);

@@ -27,7 +27,7 @@ struct handover_t {
 
 /// The stream that a URI asks for, whose name may be coded in it; held, or null.
 stream* find_stream(station& among, const char* text) {
-    const std::unique_ptr<net::uri_s, decltype(&uri_free)> uri(uri_parse(text, CORE_HERE), &uri_free);
+    const core::owned<net::uri_s, uri_free> uri(uri_parse(text, CORE_HERE));
     std::string_view path = uri && uri->path ? uri->path : "";
     while (path.ends_with('/'))
         path.remove_suffix(1);

@@ -15,10 +15,6 @@ namespace {
 
 constexpr uint64_t soon = 10'000;  // microseconds
 
-struct session_destroy {
-    void operator()(rtsp3::Rtsp* session) const noexcept { rtsp3::Rtsp::destroy(session); }
-};
-
 }  // namespace
 
 /// A group on its thread.
@@ -83,7 +79,7 @@ void group::close() noexcept {
 bool group::add_tracks() noexcept {
     rtp_->set_handler(this);
     rtp_->set_report_clock(::rtp::report_clock_t::packets);
-    const std::unique_ptr<rtsp3::Rtsp, session_destroy> session(rtsp3::Rtsp::create(CORE_HERE));
+    const core::owned<rtsp3::Rtsp, rtsp3::Rtsp::destroy> session(rtsp3::Rtsp::create(CORE_HERE));
     rtp_->set_all_formats(true);
     if (session) session->set_all_formats(true);
     for (const kind_t kind : {kind_t::video, kind_t::audio, kind_t::meta}) {

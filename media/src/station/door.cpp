@@ -12,10 +12,7 @@ constexpr uint32_t most_first_bytes = 4096;
 constexpr uint32_t usual_room = 64 * 1024;
 constexpr unsigned longest_stay = 10;  // seconds
 
-struct tcp_destroy {
-    void operator()(net::Tcp* tcp) const noexcept { net::Tcp::destroy(tcp); }
-};
-using owned_tcp = std::unique_ptr<net::Tcp, tcp_destroy>;
+using owned_tcp = core::owned<net::Tcp, net::Tcp::destroy>;
 
 /// Has the service make a client of the connection, which the thread serves.
 void hand_over(thread& on, service& to, owned_tcp connection) noexcept {

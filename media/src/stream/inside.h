@@ -19,12 +19,10 @@ struct format_record {
     std::atomic<uint32_t> users{1};
 };
 
-struct format_release {
-    void operator()(format_record* record) const noexcept {
-        if (record->users.fetch_sub(1, std::memory_order_acq_rel) == 1) core::destroy(record);
-    }
-};
-using format_share = std::unique_ptr<format_record, format_release>;
+inline void release(format_record* record) noexcept {
+    if (record->users.fetch_sub(1, std::memory_order_acq_rel) == 1) core::destroy(record);
+}
+using format_share = core::owned<format_record, release>;
 
 inline format_share share(format_record* record) noexcept {
     if (record) record->users.fetch_add(1, std::memory_order_relaxed);

@@ -7,7 +7,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
 #include <span>
 
 namespace media::fetch {
@@ -29,11 +28,7 @@ struct ending_t {
 };
 
 template <class T>
-struct destroy_call {
-    void operator()(T* object) const noexcept { T::destroy(object); }
-};
-template <class T>
-using held = std::unique_ptr<T, destroy_call<T>>;
+using held = core::owned<T, T::destroy>;
 
 /// What is wanted of an attempt.
 struct order_t {
