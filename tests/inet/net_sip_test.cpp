@@ -283,11 +283,11 @@ TEST(NetSip, PrintsWhatHappens) {
          "связь остановлена"},
         {{invite, cancel}, "sip: меня вызвали|связь прервана"},
         {{"!invite", answer("180", "INVITE"), answer("200", "INVITE"), "!tick120000", answer("200", "OPTIONS", caps)},
-         "sip: идёт вызов|sip: вызов принят, sdp:\n|sip: bob@10.0.0.1 поддерживаемые опции:\nINVITE"},
+         "sip: идёт вызов|sip: вызов принят, sdp:|sip: bob@10.0.0.1 поддерживаемые опции:\nINVITE"},
         {{"!invite", answer("404", "INVITE")}, "sip: абонент не найден"},
         {{"!invite", answer("480", "INVITE")}, "sip: абонент недоступен"},
         {{"!invite", answer("486", "INVITE")}, "sip: абонент занят. перезвоните позже"},
-        {{"junk\r\n\r\n"}, "sip header parse failed:\njunk\r\n\r\n"},
+        {{"junk\r\n\r\n"}, "sip header parse failed:\njunk"},
         {{"NOTIFY sip:bob@h SIP/2.0\r\n$HCSeq: 1 NOTIFY\r\nl: 60\r\n\r\n"
           "<presence><tuple id='t'/><note>away</note></presence>       "},
          "NOTIFY: t - away"},
