@@ -84,7 +84,6 @@ public:
     bool hangs_up = false;                        ///< also a call that has ended, while it is told
     std::map<std::string, std::string> asked_as;  ///< the last of each method
     std::string story;                            ///< first lines of what was sent, and events
-    std::string elsewhere;                        ///< ports of the peer's host that more copies of answers went to
     std::vector<std::string> sent;
     sockaddr_in from = {};
     static inline uint64_t now = 1'600'000'000'000'000;
@@ -92,11 +91,7 @@ public:
 private:
     struct kept_wire final : sip::wire {
         explicit kept_wire(sip_owner& of) : owner(of) {}
-        void send(std::string_view bytes, const sockaddr_in* to) noexcept override {
-            if (to && to->sin_port != owner.from.sin_port) {
-                owner.elsewhere += std::to_string(net_addr_port(*to)) + "|";
-                return;
-            }
+        void send(std::string_view bytes, const sockaddr_in*) noexcept override {
             owner.sent.emplace_back(bytes);
             owner.story += std::string(bytes.substr(0, bytes.find(bytes.starts_with("SIP") ? '\r' : ' '))) + "|";
             if (bytes.starts_with("SIP") || bytes.starts_with("ACK")) return;

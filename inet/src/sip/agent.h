@@ -221,8 +221,6 @@ public:
     sip_request* find_ours(std::string_view branch, std::string_view method) noexcept;
     sip_request* find_theirs(const sip::header_t& header, const char* method) noexcept;
     void answer(sip_request& request, unsigned status, std::string_view type = {}, std::string_view body = {});
-    void send_answer(const sip_account& account, const sip::header_t& header, std::string_view bytes,
-                     const sockaddr_in& from) noexcept;
     sip::text print_answer(const sip_account& account, const sip::header_t& header, unsigned status,
                            const sockaddr_in& from, std::string_view type, std::string_view body) const;
     void resend(sip_request& request, uint64_t now);

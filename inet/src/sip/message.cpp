@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <new>
-#include <optional>
 
 namespace sip {
 
@@ -108,16 +107,12 @@ void split_address(std::string_view address, std::string_view& uri, std::string_
     uri = scan::trim(uri, blanks);
 }
 
-std::optional<std::string_view> find_parameter(std::string_view parameters, std::string_view name) noexcept {
+std::string_view parameter(std::string_view parameters, std::string_view name) noexcept {
     while (!parameters.empty()) {
         const scan::pair pair = scan::split(scan::take(parameters, ';'), '=');
         if (scan::same_name(scan::trim(pair.key, blanks), name)) return scan::trim(pair.value, blanks);
     }
-    return std::nullopt;
-}
-
-std::string_view parameter(std::string_view parameters, std::string_view name) noexcept {
-    return find_parameter(parameters, name).value_or(std::string_view());
+    return {};
 }
 
 bool is_plain(char c) noexcept {
@@ -184,7 +179,6 @@ via_t top_via(const header_t& header) noexcept {
     via.parameters = parameters;
     via.branch = parameter(parameters, "branch");
     via.received = parameter(parameters, "received");
-    via.has_rport = find_parameter(parameters, "rport").has_value();
     via.rport = parameter(parameters, "rport");
     via.good = !via.host.empty() && via.port <= 65535;
     return via;

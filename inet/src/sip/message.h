@@ -42,7 +42,6 @@ struct via_t {
     std::string_view branch, received, rport;
     std::string_view parameters;
     std::string_view others;  ///< the Vias behind it in the same field
-    bool has_rport = false;   ///< with a value or without
     bool good = false;
 };
 /// The top Via. Its texts are the header's.

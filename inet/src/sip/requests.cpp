@@ -37,8 +37,8 @@ bool is(const char* method, const char* name) noexcept { return std::strcmp(meth
 
 /// Without a record: the request is answered anew when it comes again.
 void Sip::reply(const sip_account& account, const sip::header_t& header, unsigned status, const sockaddr_in& from) {
-    if (sip::top_via(header).good)
-        send_answer(account, header, print_answer(account, header, status, from, {}, {}), from);
+    if (account.wire && sip::top_via(header).good)
+        account.wire->send(print_answer(account, header, status, from, {}, {}), &from);
 }
 
 bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) noexcept {
@@ -86,7 +86,8 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     if (is(method, "REGISTER")) return;
     if (is(method, "ACK")) return take_ack(account, *header, body);
     if (sip_request* const known = find_theirs(*header, method)) {
-        return known->bytes.empty() ? void() : send_answer(account, *known->header, known->bytes, from);
+        if (account.wire && !known->bytes.empty()) account.wire->send(known->bytes, &from);
+        return;
     }
     if (is(method, "UNKNOWN") || is(method, "SUBSCRIBE")) {
         core_log_print(log, "%s - не реализован", method);

@@ -244,22 +244,6 @@ sip::text Sip::print_answer(const sip_account& account, const sip::header_t& hea
     return out;
 }
 
-/// Goes to where the request came from. A peer that asks for no rport listens at the port of its Via (RFC 3261, 18.2.2),
-/// but behind a translation of addresses it is not reached there: it gets the answer at both.
-void Sip::send_answer(const sip_account& account, const sip::header_t& header, std::string_view bytes,
-                      const sockaddr_in& from) noexcept {
-    if (!account.wire) return;
-    account.wire->send(bytes, &from);
-    const sip::via_t via = sip::top_via(header);
-    if (account.transport != sip_udp || via.has_rport || !via.good || via.port == 0) return;
-    char address[net_addr_size];
-    net_addr_ip(from, address, sizeof address);
-    sockaddr_in listens = {};
-    if (via.port == net_addr_port(from) || net_addr_setup(listens, address, static_cast<uint16_t>(via.port)) != 0)
-        return;
-    account.wire->send(bytes, &listens);
-}
-
 /// Answers a request of a peer. What was answered last is the answer when it comes again.
 void Sip::answer(sip_request& request, unsigned status, std::string_view type, std::string_view body) {
     request.bytes = print_answer(*request.account, *request.header, status, request.from, type, body);
@@ -273,7 +257,7 @@ void Sip::answer(sip_request& request, unsigned status, std::string_view type, s
         is_invite(request) && request.answered && (status < 300 || request.account->transport == sip_udp);
     request.interval = sip::t1;
     request.resend_at = again ? now + sip::t1 : 0;
-    send_answer(*request.account, *request.header, request.bytes, request.from);
+    if (request.account->wire) request.account->wire->send(request.bytes, &request.from);
 }
 
 void Sip::resend(sip_request& request, uint64_t now) {
@@ -281,8 +265,7 @@ void Sip::resend(sip_request& request, uint64_t now) {
     request.interval = slow ? std::min(2 * request.interval, sip::t2) : 2 * request.interval;
     request.resend_at = now + request.interval;
     ++request.resent;
-    if (request.incoming) return send_answer(*request.account, *request.header, request.bytes, request.from);
-    if (request.account->wire) request.account->wire->send(request.bytes, nullptr);
+    if (request.account->wire) request.account->wire->send(request.bytes, request.incoming ? &request.from : nullptr);
 }
 
 void Sip::timed_out(sip_request& request) {

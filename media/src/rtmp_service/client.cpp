@@ -13,8 +13,7 @@ constexpr unsigned first_play = 10;
 constexpr unsigned next_play = 60;
 constexpr unsigned longest_pause = 600;
 
-constexpr uint64_t soon = 10'000;  // microseconds
-constexpr uint64_t longest_wait = 5'000'000;
+constexpr uint64_t longest_wait = 5'000'000;  // microseconds
 
 /// The stream that a player asks for, held, or null.
 stream* find_stream(station& among, const inet::rtmp::play_t& play) noexcept {
@@ -145,46 +144,24 @@ void client_t::leave_stream() noexcept {
 uint64_t client_t::serve(uint64_t now) noexcept {
     if (!watching()) return 0;
     if (awaiting_) {
-        if (!has_formats(now)) return now + soon;
+        if (!has_formats(now)) return now + approach::soon;
         if (!start_playing(now)) {
             finish();
             return 0;
         }
     }
-    return come_up(now);
+    return approach_.serve(*this, owner_.on(), now);
 }
 
 // The past goes out as fast as the player takes it, each picture by itself.
-uint64_t client_t::come_up(uint64_t now) noexcept {
-    while (approach_.under_way() && watching()) {
-        switch (approach_.look(now)) {
-            case approach::step_t::wait:
-                return approach_.due();
-            case approach::step_t::lost:
-                leave_out();
-                continue;
-            case approach::step_t::ended:
-                finish();
-                return 0;
-            case approach::step_t::present:
-                return go_live() ? 0 : now + soon;
-            case approach::step_t::frame:
-                break;
-        }
-        if (rtmp_->waiting()) return 0;  // on_tcp_writable() goes on
-        const entry_t& entry = approach_.shown();
-        send(entry, live_->cut(*past_, entry) ? past_.get() : nullptr);
-        approach_.take();
-        if (approach_.position() >= owner_.on().position(*stream_) && go_live()) return 0;
-    }
-    return 0;
+bool client_t::show(const entry_t& entry) noexcept {
+    if (rtmp_->waiting()) return false;
+    send(entry, live_->cut(*past_, entry) ? past_.get() : nullptr);
+    return true;
 }
 
-/// From the first frame on that it has not been shown the thread's own reader brings them.
-bool client_t::go_live() noexcept {
-    if (approach_.position() < owner_.on().position(*stream_)) return false;
-    if (!live_->add(*this, approach_.position())) return false;
-    approach_.end();
+bool client_t::join(uint64_t from) noexcept {
+    if (!live_->add(*this, from)) return false;
     past_.reset();
     return true;
 }

@@ -28,6 +28,9 @@ public:
     void deliver(const entry_t& entry, inet::rtmp::Chunks* chunks) noexcept {
         if (watching()) send(entry, chunks);
     }
+    /// One of the past. @return false when something waits: on_tcp_writable() goes on
+    bool show(const entry_t& entry) noexcept;
+    bool join(uint64_t from) noexcept;
     void leave_out() noexcept { pictures_.leave_out(); }
 
 private:
@@ -43,8 +46,6 @@ private:
     bool start_playing(uint64_t now) noexcept;
     void stop_playing() noexcept;
     void leave_stream() noexcept;
-    uint64_t come_up(uint64_t now) noexcept;
-    bool go_live() noexcept;
     void send(const entry_t& entry, inet::rtmp::Chunks* chunks) noexcept;
     bool pass_on(inet::rtmp::Chunks& chunks) noexcept;
     void flush() noexcept;

@@ -133,41 +133,13 @@ uint64_t client_t::serve(uint64_t now) noexcept {
         count_sharing();
         if (playing_since_) return next_look(now);
     }
-    return watching() ? come_up(now) : 0;
+    return approach_.serve(*this, owner_.on(), now);
 }
 
 // The past goes out as fast as the player takes it, each picture by itself.
-uint64_t client_t::come_up(uint64_t now) noexcept {
-    while (approach_.under_way() && watching()) {
-        switch (approach_.look(now)) {
-            case approach::step_t::wait:
-                return approach_.due();
-            case approach::step_t::lost:
-                pictures_.leave_out();
-                continue;
-            case approach::step_t::ended:
-                finish();
-                return 0;
-            case approach::step_t::present:
-                if (!go_live()) return now + soon;
-                return 0;
-            case approach::step_t::frame:
-                break;
-        }
-        if (rtsp_->send_buffer()->length) return 0;  // on_tcp_writable() goes on
-        const entry_t& entry = approach_.shown();
-        send(entry, owner_.cut().of(*stream_, entry));
-        approach_.take();
-        if (approach_.position() >= owner_.on().position(*stream_) && go_live()) return 0;
-    }
-    return 0;
-}
-
-/// From the first frame on that it has not been shown the thread's own reader brings them.
-bool client_t::go_live() noexcept {
-    if (!live_ || approach_.position() < owner_.on().position(*stream_)) return false;
-    if (!live_->add(*this, approach_.position())) return false;
-    approach_.end();
+bool client_t::show(const entry_t& entry) noexcept {
+    if (rtsp_->send_buffer()->length) return false;
+    send(entry, owner_.cut().of(*stream_, entry));
     return true;
 }
 

@@ -32,6 +32,9 @@ public:
 
     /// A frame of the present. @param packets  null for a frame that makes none
     void deliver(const entry_t& entry, ::rtp::Packets* packets) noexcept;
+    /// One of the past. @return false when something waits: on_tcp_writable() goes on
+    bool show(const entry_t& entry) noexcept;
+    bool join(uint64_t from) noexcept { return live_ && live_->add(*this, from); }
     void leave_out() noexcept { pictures_.leave_out(); }
     /// Tells what frames need that go straight to the system, when they may.
     void look(place_t& out) noexcept;
@@ -47,8 +50,6 @@ private:
     void on_rtsp_event(rtsp3::Rtsp* rtsp, rtsp3::event_t::enum_t event) noexcept override;
 
     // Conversation: conversation.cpp
-    static constexpr uint64_t soon = 10'000;  ///< microseconds
-
     void describe() noexcept;
     void answer_describe(uint64_t now) noexcept;
     void announce() noexcept;
@@ -70,8 +71,6 @@ private:
     static void on_handover(thread& on, void* arg) noexcept;
 
     // Frames
-    uint64_t come_up(uint64_t now) noexcept;
-    bool go_live() noexcept;
     void stop_playing() noexcept;
     void send(const entry_t& entry, ::rtp::Packets* packets) noexcept;
     const rtsp3::trak_t* trak_of(uint32_t fcc) const noexcept;

@@ -110,7 +110,7 @@ void client_t::await_news() noexcept {
 }
 
 uint64_t client_t::next_look(uint64_t now) const noexcept {
-    if (!awaiting_) return now + soon;
+    if (!awaiting_) return now + approach::soon;
     return describing_ ? describing_ + longest_describe : playing_since_ + longest_play;
 }
 

@@ -11,12 +11,6 @@
 
 namespace media::rtsp {
 
-namespace {
-
-constexpr uint64_t soon = 10'000;  // microseconds
-
-}  // namespace
-
 /// A group on its thread.
 class driver final : public client {
 public:
@@ -190,7 +184,7 @@ uint64_t group::serve(uint64_t now) noexcept {
         live_ = true;
         approach_.end();
     }
-    return following_ ? 0 : now + soon;
+    return following_ ? 0 : now + approach::soon;
 }
 
 void group::on_entry(read_t what, const entry_t& entry) noexcept {

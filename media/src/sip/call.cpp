@@ -13,8 +13,7 @@ namespace {
 
 constexpr uint64_t second_us = 1'000'000;
 constexpr uint64_t longest_wait = 32 * second_us;  // for the registration
-constexpr uint64_t soon = 10'000;
-constexpr uint64_t least_step = 1000;  // between two pictures: equal times would make one of them
+constexpr uint64_t least_step = 1000;              // between two pictures: equal times would make one of them
 constexpr const char* digits_known = "0123456789*#ABCD";
 
 }  // namespace
@@ -108,40 +107,12 @@ void call_t::second() noexcept {
     if (now > heard && now - heard > settings().silence * second_us) hang_up(sip_reason_t::silent);
 }
 
-// What is past goes out at a multiple of its pace, with the times at which it goes: the other end shows it as it comes.
 uint64_t call_t::serve(uint64_t now) noexcept {
     if (starts_ && !finished_) {
-        if (!is_awaited()) return now + soon;
+        if (!is_awaited()) return now + approach::soon;
         if (!start(now)) return 0;
     }
-    while (approach_.under_way()) {
-        switch (approach_.look(now)) {
-            case approach::step_t::wait:
-                return approach_.due();
-            case approach::step_t::lost:
-                leave_out();
-                continue;
-            case approach::step_t::ended:
-                hang_up(sip_reason_t::hung_up);
-                return 0;
-            case approach::step_t::present:
-                return go_live() ? 0 : now + soon;
-            case approach::step_t::frame:
-                break;
-        }
-        if (approach_.shown().kind == kind_t::video) send(approach_.shown(), settings().sends->now());
-        approach_.take();
-        if (approach_.position() >= owner_.on().position(*settings().sends) && go_live()) return 0;
-    }
-    return 0;
-}
-
-/// From the first frame on that it has not been shown the thread's own reader brings them.
-bool call_t::go_live() noexcept {
-    if (approach_.position() < owner_.on().position(*settings().sends)) return false;
-    if (!owner_.add_live(*this, approach_.position())) return false;
-    approach_.end();
-    return true;
+    return approach_.serve(*this, owner_.on(), now);
 }
 
 void call_t::deliver(const entry_t& entry) noexcept { send(entry, entry.frame.time); }

@@ -40,7 +40,12 @@ public:
     void end(sip_reason_t why) noexcept;
     void tell(sip_event_t::what_t what, sip_reason_t why = sip_reason_t::none, char digit = 0) const noexcept;
 
-    // What it is sent once it is live
+    // What it is sent. The past has the times at which it goes: the other end shows it as it comes.
+    bool show(const entry_t& entry) noexcept {
+        if (entry.kind == kind_t::video) send(entry, settings().sends->now());
+        return true;
+    }
+    bool join(uint64_t from) noexcept { return owner_.add_live(*this, from); }
     void deliver(const entry_t& entry) noexcept;
     void deliver_sound(const av::frame_t& frame) noexcept;
     void leave_out() noexcept { pictures_.leave_out(); }
@@ -51,7 +56,6 @@ private:
     void begin() noexcept;
     bool is_awaited() const noexcept;
     bool start(uint64_t now) noexcept;
-    bool go_live() noexcept;
     void send(const entry_t& entry, uint64_t time) noexcept;
     const sip_settings_t& settings() const noexcept { return owner_.settings(); }
 

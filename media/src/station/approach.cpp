@@ -5,6 +5,7 @@ namespace media {
 int approach::begin(stream& from, bool at_key, uint64_t now) noexcept {
     waiting_ = anchored_ = false;
     first_ = 0;
+    from_ = &from;
     if (!place_.open(from, {.at_key = at_key})) return 0;
     look(now);  // the first frame, if there is one, gives the start
     return 1;

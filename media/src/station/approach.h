@@ -1,7 +1,7 @@
 // The way of a player from the last key picture up to the present.
 #pragma once
 
-#include "media/stream.h"
+#include "media/service.h"
 
 #include <cstdint>
 
@@ -16,6 +16,8 @@ public:
     /// Behind by more than this longer than at its beginning, on a link that is too slow or after the machine was
     /// suspended, it goes on with the next key picture.
     static constexpr uint64_t longest_lag = 1'000'000;
+    /// Microseconds until a client looks again that nobody wakes.
+    static constexpr uint64_t soon = 10'000;
 
     enum class step_t : uint8_t {
         frame,    ///< shown() is due
@@ -29,6 +31,13 @@ public:
     int begin(stream& from, bool at_key, uint64_t now) noexcept;
     void end() noexcept;
     bool under_way() const noexcept { return place_.is_open(); }
+
+    /// What client::serve() does on the way. Beside the calls of that class the client has:
+    ///     bool show(const entry_t&)   sends a frame; false when it takes none before it is woken
+    ///     void leave_out()            pictures were left out
+    ///     bool join(uint64_t from)    has the thread's own reader bring the frames from that number on
+    template <class Client>
+    uint64_t serve(Client& to, const thread& on, uint64_t now) noexcept;
 
     step_t look(uint64_t now) noexcept;
     const entry_t& shown() const noexcept { return entry_; }
@@ -46,6 +55,7 @@ public:
 private:
     void anchor(uint64_t now) noexcept;
 
+    const stream* from_ = nullptr;  ///< held by the client
     cursor place_;
     entry_t entry_;
     bool waiting_ = false;  ///< `entry_` was not taken yet
@@ -56,5 +66,28 @@ private:
     uint64_t lag_ = 0;    ///< the most that frames may be behind
     uint64_t due_ = 0;
 };
+
+template <class Client>
+uint64_t approach::serve(Client& to, const thread& on, uint64_t now) noexcept {
+    while (under_way() && to.watching()) {
+        const step_t step = look(now);
+        if (step == step_t::wait) return due_;
+        if (step == step_t::ended) {
+            to.finish();
+            return 0;
+        }
+        if (step == step_t::lost) {
+            to.leave_out();
+            continue;
+        }
+        if (step == step_t::frame && !to.show(entry_)) return 0;
+        if (step == step_t::frame) take();
+        if (position() >= on.position(*from_) && to.join(position()))
+            end();
+        else if (step == step_t::present)
+            return now + soon;
+    }
+    return 0;
+}
 
 }  // namespace media
