@@ -152,7 +152,8 @@ INET_API void net_sip_accept(net::sip_user* party, void* arg, net::sip_frame_cal
 INET_API void net_sip_decline(net::sip_user* party) noexcept;
 
 /// Ends a call: sends BYE, reports event 2 and frees the user. A call that we placed gets CANCEL while no answer has
-/// named the other end, and when it goes on ringing after BYE. A call that waits for our answer gets 486.
+/// named the other end, and when it goes on ringing after BYE. A call that waits for our answer gets 486. Nothing
+/// happens to one whose end is being told.
 INET_API void net_sip_bye(net::sip_user* party) noexcept;
 
 /// Sends a digit to every user of the session. One that is refused ends no call, unless with 481 (event 4).
