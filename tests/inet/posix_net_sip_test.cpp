@@ -1,7 +1,7 @@
 // The SIP agent on sockets: two agents that call each other through a switch, and sipp as the other end.
 #include "support/program.h"
 
-#include "inet/sip_peers.h"
+#include "inet/posix_sip_peers.h"
 
 #include <cstdlib>
 

@@ -3,7 +3,7 @@
 
 #include "core/time.h"
 #include "inet/net_sips.h"
-#include "inet/sip_peers.h"
+#include "inet/posix_sip_peers.h"
 
 #include <chrono>
 #include <deque>
