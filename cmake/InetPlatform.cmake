@@ -37,6 +37,17 @@ function(inet_add_floor name)
             target_include_directories(${target} PUBLIC ${folders})
         endforeach()
         target_link_libraries(${target} PRIVATE inet_compile_options)
+        if(INET_PRECOMPILE AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+            # Version 12 then finds faults in the strings of its own library.
+            target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-maybe-uninitialized -Wno-restrict
+                -Wno-stringop-overflow -Wno-stringop-overread)
+        endif()
+        if(INET_PRECOMPILE AND target STREQUAL inet_floor_core)
+            target_precompile_headers(${target} PRIVATE <algorithm> <array> <atomic> <charconv> <cstdio> <cstring> <mutex>
+                <optional> <span> <string> <string_view> <utility>)
+        elseif(INET_PRECOMPILE)
+            target_precompile_headers(${target} REUSE_FROM inet_floor_core)
+        endif()
     endforeach()
     if(WIN32)
         target_compile_definitions(inet_floor_${name}_shared PRIVATE ${library}_SHARED_BUILD
