@@ -136,10 +136,11 @@ class Film {
     this.watch(longest * 1000);
   }
 
-  // Asks for the manifest when a new segment is due: dash.js itself does so too seldom to stay close behind.
+  // Asks for the manifest when a new segment is due: dash.js itself does so too seldom to stay close behind. Before the
+  // first one has come it cannot be asked.
   watch(length) {
     const { video, player } = this;
-    let moved = Date.now() + longestStart - longestStill, time = 0, asked = 0, due = 0;
+    let moved = Date.now() + longestStart - longestStill, time = 0, asked = 0, due = Infinity;
     player.on("manifestLoaded", ({ data }) => {
       if (player !== this.player || !data) return;
       // Parameter sets have changed, or the camera has started anew: the time of this manifest begins elsewhere.
