@@ -1,5 +1,5 @@
-// The place of a user at a SIP server, as both programs take it: USER[:PASSWORD]@SERVER[:PORT][;tcp]. So may the address
-// that the camera prints be: sip:USER@SERVER[:PORT][;transport=tcp].
+// The place of a user at a SIP server, as both programs take it: USER[:PASSWORD]@SERVER[:PORT][;tcp]. So may be the
+// address that the camera prints: sip:USER@SERVER[:PORT][;transport=tcp].
 #pragma once
 
 #include "media/sip.h"

@@ -72,8 +72,8 @@ std::span<const option> table() {
 
 constexpr std::string_view explanations = R"(
 Calls a user of a SIP server, such as an inet-camera with --sip, and records H.264 pictures and u-law sound to files, as
-inet-viewer --help describes them. An .mp4 needs pictures: record a call with sound alone to a .wav. Nothing is sent to
-the other end. The call rings up to three minutes. Ctrl-C hangs up.
+inet-viewer --help describes them. An .mp4 needs pictures: record a call with sound alone to a .wav. No pictures and no
+sound are sent to the other end. The call rings up to three minutes. Ctrl-C hangs up.
 
 With --stats, on the standard output (with -o - on the error stream), a line for each track:
   track=0 format=H264 frames=250 bytes=705672 seconds=10.000 mbit/s=0.565

@@ -39,6 +39,8 @@ net::Sip* net_sip_open(const net::sip_info* info, const char* file, int line) no
 
 void net_sip_close(net::Sip* sip) noexcept { core::destroy(sip); }
 
+int net_sip_is_ending(const net::Sip* sip) noexcept { return sip && sip->is_ending() ? 1 : 0; }
+
 int net_sip_post(net::Sip* sip, void (*function)(void* sip, void* arg), void* arg) noexcept {
     if (!sip || !core_cmd_exec(sip->commands, function, arg)) return 0;
     net::net_nt_command_exec(sip->clock);

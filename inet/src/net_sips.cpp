@@ -32,6 +32,7 @@ void net_sipsrv_close(net::SipServer* server) noexcept {
 
 net::Sips* net_sips_open(const net::sips_info* info, const char* file, int line) noexcept {
     if (!info || !info->nt || !info->name || !info->server || info->server_port > 65535) return nullptr;
+    if (info->transport != net::sip_udp && info->transport != net::sip_tcp) return nullptr;
     core::owned_object<net::Sips> made(core::create<net::Sips>(file, line, *info, file, line));
     return made && made->open() ? made.release() : nullptr;
 }

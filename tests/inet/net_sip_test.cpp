@@ -1,6 +1,8 @@
 // The SIP agent on its messages: what it answers and tells, row by row.
 #include "support/files.h"
 #include "support/log_keeper.h"
+#include "support/network_thread.h"
+#include "support/sockets.h"
 
 #include "avc/fcc.h"
 #include "inet/sip_owner.h"
@@ -42,6 +44,10 @@ const std::string way = "Record-Route: <sip:p1;lr>, <sip:p2;lr>\r\nm: \"A, B\" <
 const std::string sound_alone =
     "INVITE sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\nc: application/sdp\r\nl: 93\r\n\r\n"
     "m=audio 4 RTP/SAVP 0\r\nm=audio 4 RTP/AVP 0 8\r\nm=video 0 RTP/AVP 96\r\nm=text 5/2 RTP/AVP 98 99\r\n";
+const std::string other_formats =
+    "INVITE sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\nc: application/sdp\r\nl: 138\r\n\r\n"
+    "m=audio 4 RTP/AVP 8\r\nm=audio 6 RTP/AVPF 0\r\nm=video 8 RTP/AVP 96 97\r\na=rtpmap:96 VP8/90000\r\n"
+    "a=rtpmap:97 H264/90000\r\nm=video 10 RTP/AVP 96\r\n";
 const std::string plain = "c: application/dtmf\r\nl: ";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
@@ -121,6 +127,11 @@ TEST(NetSip, AnswersAndTells) {
          "Content-Length: 180\r\n\r\nv=0\r\no=bob 0 0 IN IP4 1.2.3.4\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 1.2.3.4\r\n"
          "m=audio 0 RTP/SAVP 0\r\nm=audio 0 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\nm=video 0 RTP/AVP 96\r\nm=text 0 "
          "RTP/AVP 98 99\r\n"},
+        {"formats of others",
+         {other_formats, "!accept"},
+         "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|",
+         "m=audio 0 RTP/AVP 8\r\nm=audio 0 RTP/AVPF 0\r\na=rtpmap:0 PCMU/8000\r\nm=video 0 RTP/AVP 97\r\n"
+         "a=rtpmap:97 H264/90000\r\na=sendrecv\r\nm=video 0 RTP/AVP 96\r\n"},
         {"lost ACK",
          {invite, "!accept", "!tick600"},
          "SIP/2.0 180 Ringing|call1|SIP/2.0 200 OK|REGISTER|SIP/2.0 200 OK|"},
@@ -189,6 +200,10 @@ TEST(NetSip, AnswersAndTells) {
          {"!invite", answer("401", "INVITE", challenge), answer("486", "INVITE")},
          "INVITE|INVITE|ACK|call5|",
          "CSeq: 2 INVITE"},
+        {"called, refused by another",
+         {"!invite", answer("180", "INVITE"), answer("486", "INVITE", "", "other")},
+         "INVITE|call6|ACK|call5|",
+         "To: <sip:alice@10.0.0.1>;tag=other\r\n"},
         {"called, nobody there", {"!invite", answer("404", "INVITE")}, "INVITE|ACK|call4|"},
         {"no answer", {"!invite", "!tick33000"}, "INVITE|REGISTER|call4|"},
         {"given up", {"!invite", "!bye", "!tick600", answer("100", "INVITE")}, "INVITE|call2|REGISTER|INVITE|CANCEL|"},
@@ -196,6 +211,10 @@ TEST(NetSip, AnswersAndTells) {
          {"!invite", answer("180", "INVITE"), "!bye", answer("401", "BYE", challenge), answer("200", "BYE"),
           "!tick2100", answer("200", "CANCEL"), "!tick33000"},
          "INVITE|call6|BYE|call2|BYE|REGISTER|CANCEL|REGISTER|"},
+        {"given up, and taken much later",
+         {"!invite", answer("180", "INVITE"), "!bye", answer("481", "BYE"), "!tick2100", answer("405", "CANCEL"),
+          "!tick29000", "!tick29000", answer("200", "INVITE")},
+         "INVITE|call6|BYE|call2|REGISTER|CANCEL|REGISTER|REGISTER|ACK|BYE|"},
         {"taken by two",
          {"!invite", answer("200", "INVITE"), answer("200", "INVITE", "", "other"),
           answer("200", "INVITE", "", "other"), answer("200", "BYE"), "!digit"},
@@ -206,6 +225,10 @@ TEST(NetSip, AnswersAndTells) {
           answer("200", "INVITE")},
          "INVITE|PRACK|call6|call6|ACK|call0|",
          "RAck: 7 1 INVITE\r\n"},
+        {"reliable progress past a server",
+         {"!invite", answer("183", "INVITE", reliable + way), answer("404", "PRACK")},
+         "INVITE|PRACK|call6|PRACK|",
+         "PRACK sip:a@7.7.7.7:99;x=y SIP/2.0\r\n"},
         {"a server that does not route",
          {"!invite", answer("200", "INVITE", way), answer("200", "INVITE", way), answer("200", "INVITE", way), "!bye",
           answer("404", "BYE"), answer("404", "BYE")},
@@ -248,6 +271,18 @@ TEST(NetSip, AnswersAndTells) {
         const std::string said = owner.asked + (owner.sent.empty() ? "" : owner.sent.back());
         EXPECT_NE(said.find(each.said), std::string::npos) << said;
     }
+}
+
+TEST(NetSip, KnowsWhoHasNotHeardTheEnd) {
+    test::sip_owner owner;
+    std::string ending;
+    const std::vector<std::string> steps = {"!invite",   answer("180", "INVITE"), "!bye", answer("200", "BYE"),
+                                            "!tick2100", answer("200", "CANCEL")};
+    for (const std::string& step : steps) {
+        owner.feed(step);
+        ending += std::to_string(net_sip_is_ending(owner.sip));
+    }
+    EXPECT_EQ(ending, "001110");
 }
 
 TEST(NetSip, WritesItsFieldsInOrder) {
@@ -349,6 +384,8 @@ TEST(NetSip, ReadsDescriptions) {
         {"m=video 4002 RTP/SAVP 96\r\na=rtpmap:96 H264/90000\r\n", ""},
         {"m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n", ""},
         {"m=video 4002 RTP/AVP 96\r\na=rtpmap:99 H264/90000\r\n", ""},
+        {"m=video 4002 RTP/AVP 97 96\r\n", "96 10.0.0.9 4002 4003"},
+        {"m=video 4002 RTP/AVP 97\r\n", ""},
         {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 phone.local\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
         {"m=video 4002 RTP/AVP 96\r\nc=IN IP4 1.2.3\r\na=rtpmap:96 H264/90000\r\n", "96 0.0.0.0 4002 4003"},
     };
@@ -387,6 +424,83 @@ TEST(NetSip, HearsDigitsBetweenSound) {
         static_cast<rtp::IPort&>(audio).on_rtp_packet(nullptr, bytes, false);
     }
     EXPECT_EQ(to.heard, "11 | 5 ");
+}
+
+struct channel_end final : sip::frame_taker {
+    void on_frame(av::frame_t& frame) noexcept override { times.push_back(frame.time); }
+    void on_digit(int) noexcept override {}
+    std::vector<uint64_t> times;
+};
+
+TEST(NetSip, KeepsTimeWhenTheSenderChanges) {
+    static uint64_t now = 1'000'000;
+    core_time_set_clock([] { return now; });
+    channel_end to;
+    sip::channel audio(av::fcc_pcmu, to);
+    sip::target_t target;
+    target.wanted = true;
+    audio.start(target, 0, {});
+    const auto take = [&](char seq, char base, uint64_t passed, bool restarted) {
+        std::string packet("\x80\0\0\0\0\0\0\0\0\0\0\1sound", 17);
+        packet[3] = seq;
+        packet[4] = packet[11] = base;
+        packet[7] = static_cast<char>(seq * 16);
+        now += passed;
+        const buffer_t bytes{reinterpret_cast<uint8_t*>(packet.data()), static_cast<uint32_t>(packet.size())};
+        static_cast<rtp::IPort&>(audio).on_rtp_packet(nullptr, bytes, restarted);
+    };
+    take(1, 1, 0, true);
+    take(2, 1, 9'000, false);
+    take(3, '\x90', 50'000, true);
+    take(4, '\x90', 7'000, false);
+    core_time_set_clock(nullptr);
+    ASSERT_EQ(to.times.size(), 4U);
+    for (uint64_t& each : to.times)
+        each -= 1'000'000;
+    EXPECT_EQ(to.times, (std::vector<uint64_t>{0, 2'000, 52'000, 54'000}));
+}
+
+TEST(NetSip, SendsUnderTheNumberThatIsAskedForLast) {
+    const test::network_thread thread;
+    const test::udp_socket peer;
+    net_udp_listen(peer, "127.0.0.1", 0);
+    const auto hear = [&] {
+        uint8_t room[2048];
+        buf_t bytes{room, sizeof room, 0};
+        EXPECT_TRUE(test::await(peer, test::watch::read));
+        net_udp_recv(peer, bytes, nullptr);
+        return std::to_string(bytes.length) + " " + std::to_string(room[1] & 0x7f);
+    };
+    channel_end to;
+    sip::channel video(av::fcc_h264, to);
+    thread.run([&] {
+        ASSERT_TRUE(video.open(thread, nullptr));
+        sip::target_t target;
+        video.start(target, 96, {});
+        target.wanted = true;
+        net_addr_setup(target.rtp, "127.0.0.1", net_socket_get_near_port(peer));
+        for (const uint8_t pt : {uint8_t{97}, uint8_t{98}}) {
+            target.pt = pt;
+            video.start(target, 96, target.rtp.sin_addr);
+        }
+        video.tick(core_timer() + 3'100'000);
+    });
+    EXPECT_EQ(hear(), "12 98") << "the way back is not opened";
+    thread.run([&] {
+        uint8_t picture[] = {0, 0, 0, 1, 0x65, 1, 2, 3};
+        av::frame_t frame{};
+        frame.fcc = av::fcc_h264;
+        frame.time = 1'000'000;
+        frame.data = picture;
+        frame.size = sizeof picture;
+        rtp::Packets packets(CORE_HERE);
+        packets.cut(&frame);
+        video.send_pictures(packets);
+        video.tick(core_timer() + 60'000'000);
+    });
+    EXPECT_EQ(hear(), "16 98");
+    EXPECT_FALSE(test::found(peer, test::watch::read, 0)) << "what sends pictures needs no other sign";
+    thread.run([&] { video.stop(); });
 }
 
 struct torture {

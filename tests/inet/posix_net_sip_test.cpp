@@ -85,6 +85,13 @@ struct callee_row {
     const char* refusal = "";
 };
 
+/// One that nobody has, over either transport.
+unsigned port_of_both() {
+    const unsigned port = test::free_port();
+    const test::udp_socket probe;
+    return net_udp_listen(probe, "127.0.0.1", static_cast<uint16_t>(port)) == 0 ? port : port_of_both();
+}
+
 TEST(NetSipPeers, AreCalled) {
     const callee_row rows[] = {{"callee", net::sip_udp, "call2"},
                                {"callee", net::sip_tcp, "call2"},
@@ -93,9 +100,7 @@ TEST(NetSipPeers, AreCalled) {
                                {"callee_refuses", net::sip_udp, "call4", "404 Not Found"}};
     for (const callee_row& each : rows) {
         SCOPED_TRACE(each.scenario);
-        const test::udp_socket taken;  // its number is free for both transports, nearly always
-        net_udp_listen(taken, "127.0.0.1", 0);
-        const unsigned port = net_socket_get_near_port(taken) ^ 1U;
+        const unsigned port = port_of_both();
         std::thread server([&] {
             play(each.scenario, transport_of(each.transport) + "-m 2 -p " + std::to_string(port), each.refusal);
         });

@@ -57,12 +57,16 @@ class Server(CallCase):
         self.camera = self.door(f"door:secret@127.0.0.1:{self.server.port}")
 
     def test_the_viewer_calls_and_presses_digits(self):
-        place = f"door@127.0.0.1:{self.server.port}", "--user", "anna", "--password"
-        self.call(*place, "secret", "--duration", "6", "--digits", "7#", *FILES)
-        self.check_pictures("a.h264", 150)
-        self.check_sound(self.path("a.wav"), 8000 * 5)
-        self.assertEqual([wait_for(self.camera, "sip: anna presses ").strip() for _ in "7#"], ["7", "#"])
-        self.assertIn("hung up", wait_for(self.camera, "sip: the call of anna is over"))
+        server = f"127.0.0.1:{self.server.port}"
+        place = f"door@{server}", "--user", "anna", "--password"
+        gate = self.door(f"gate:secret@{server};tcp")
+        for camera, *call in (self.camera, *place), (gate, f"gate@{server};tcp", *place[1:]):
+            with self.subTest(call[0]):
+                self.call(*call, "secret", "--duration", "6", "--digits", "7#", *FILES)
+                self.check_pictures("a.h264", 150)
+                self.check_sound(self.path("a.wav"), 8000 * 5)
+                self.assertEqual([wait_for(camera, "sip: anna presses ").strip() for _ in "7#"], ["7", "#"])
+                self.assertIn("hung up", wait_for(camera, "sip: the call of anna is over"))
         self.assertIn("refuses", self.call(*place, "wrong", status=4)[1][0])
         self.assertIn("cannot be reached", self.call("x" + place[0], *place[1:], "secret", status=5)[1][0])
 

@@ -21,12 +21,16 @@
 /// Requests in a call go to the server. Where it does not route them (404, 482, 483, or the ACK does not get there),
 /// they go once more, by the route and to the address that the other end named.
 ///
+/// Where the owner sends nothing in the first 3 seconds of a call, a packet of silence, or one without payload, goes
+/// out every 15 seconds: the way back stays open (RFC 6263).
+///
 /// Times:
 ///     32 seconds    for an answer to a request, and for the ACK of a 200 (the call then ends, event 2)
 ///     2 minutes     in a call without media from the other end, until OPTIONS asks whether it is there (event 2 or 4)
 ///     3 minutes     for a call that rings, in or out (event 2 or 4)
 ///     30 seconds    between registrations. Each holds for 60 seconds, or for the Min-Expires of a 423, a day at most
-///     10 seconds    to connect over TCP; 2 seconds until a lost transport is opened again
+///     10 seconds    to connect over TCP; 2 seconds until a lost transport is opened again, or ten times what the
+///                   look-up of the server's name took
 ///
 /// Calls are matched by Call-ID and the tags of both ends, so that no peer ends the call of another by guessing. A
 /// message without a field that RFC 3261, 8.1.1 requires, or one that contradicts itself, is answered 400 and not acted
@@ -105,6 +109,9 @@ INET_API net::Sip* net_sip_open(const net::sip_info* info, const char* file, int
 
 /// Ends everything without a message to the peers and without callbacks. Null is ignored.
 INET_API void net_sip_close(net::Sip* sip) noexcept;
+
+/// 1 while a BYE or a CANCEL waits for its answer, or is to follow: net_sip_close() would leave the peer in the call.
+INET_API int net_sip_is_ending(const net::Sip* sip) noexcept;
 
 /// Has the agent's thread call `function(sip, arg)`. Any thread. Calls not run until net_sip_close() are dropped.
 /// @return 1, or 0 for null, or when memory is out

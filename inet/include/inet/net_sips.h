@@ -62,7 +62,8 @@ class Sips;
 /// What sips_info::on_event reports, and `who`.
 enum sips_event_t : uint32_t {
     sips_registered = 0,  ///< at the outside server (its name) or the own relay (""), also anew
-    sips_lost = 1,        ///< the transport to the outside server was lost; its name
+    sips_lost = 1,        ///< the transport to the outside server was lost, or it has registered the account for 65
+                          ///< seconds no more; its name
     sips_calling = 2,     ///< a call has come; the caller
     sips_joined = 3,      ///< it was answered; who answered
     sips_ended = 4,       ///< a call has ended, was refused or has failed; ""
@@ -106,7 +107,7 @@ INET_API void net_sipsrv_close(net::SipServer* server) noexcept;
 /// Opens a gateway; it registers as soon as the network thread gets to it. Any thread.
 /// @return null:
 ///     - when the info, its thread, name or server is null,
-///     - for a server_port above 65535, or
+///     - for a server_port above 65535, a transport that is not of sip_transport_t, or
 ///     - when memory is out.
 /// When the port of the relay cannot be had, the gateway runs without it: net_sipsrv_port() is then 0.
 INET_API net::Sips* net_sips_open(const net::sips_info* info, const char* file, int line) noexcept;

@@ -151,7 +151,8 @@ struct sip_account {
     uint64_t due = 0;  ///< of its timer; 0 for none
     bool connected = false;
     bool reconnect = true;
-    bool renews = false;  ///< the server takes a request with the branch of the challenged one for its copy
+    in_addr near_media = {};  ///< for media, where the owner knows better; 0.0.0.0 when it does not
+    bool renews = false;      ///< the server takes a request with the branch of the challenged one for its copy
     sip_session* registration = nullptr;
     sip_session* subscriber = nullptr;
 };
@@ -215,7 +216,7 @@ public:
     sip::text print_ack(const sip_request& invite, std::string_view tag, bool by_way = false);
     void say_again(const sip_account& account);
     void send_by_way(sip_request& request);
-    void leave(sip_request& invite, std::string_view tag);
+    void leave(sip_request& invite, std::string_view tag, const sip::way_t& way);
     void cancel(sip_request& invite);
     void end(sip_request& request) noexcept;
     sip_request* find_ours(std::string_view branch, std::string_view method) noexcept;
@@ -239,6 +240,7 @@ public:
     sip::text own_call_id(std::string_view prefix) const;
     uint32_t calls() const noexcept;
     uint32_t ringing() const noexcept;
+    bool is_ending() const noexcept;
 
     // requests.cpp
     void take_request(sip_account& account, sip::owned_header header, std::string_view body, unsigned fault,
@@ -251,6 +253,7 @@ public:
                             const sockaddr_in& from);
     bool came_before(const sip_request& request) const noexcept;
     void take_ack(sip_account& account, const sip::header_t& header, std::string_view body);
+    void act(sip_request& request, std::string_view body);
     void take_invite(sip_request& request, std::string_view body);
     void take_bye(sip_request& request);
     void take_cancel(sip_request& request);
@@ -261,7 +264,7 @@ public:
     void give_up(sip_request& request);
     void take_provisional(sip_request& request, const sip::header_t& header, std::string_view body);
     void acknowledge_provisional(sip_request& invite, const sip::header_t& header);
-    void take_again(sip_request& invite, unsigned status, std::string_view tag);
+    void take_again(sip_request& invite, const sip::header_t& header, std::string_view tag);
     void take_success(sip_request& request, const sip::header_t& header, std::string_view body);
     void take_answer(sip_request& invite, const sip::header_t& header, std::string_view body);
     void take_refusal(sip_request& request, const sip::header_t& header);

@@ -72,7 +72,8 @@ sip::text Sip::answer_media(sip_user& user, std::string_view offer) {
 void Sip::accept(sip_user& user) {
     sip_request* const request = user.invite;
     if (user.over || !request || !request->incoming || request->answered) return;
-    if (calls() >= sip::most_calls || !user.media.open(info.nt, log, user)) {
+    const bool room = user.media.is_open() || calls() < sip::most_calls;
+    if (!room || !user.media.open(info.nt, log, user)) {
         request->user = nullptr;
         guarded([&] { answer(*request, 486); });
         return finish(user, sip_call_failed);

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <bitset>
-#include <utility>
 
 namespace sip {
 
@@ -20,9 +19,10 @@ constexpr std::string_view offer_head = "v=0\r\no=- 0 0 IN IP4 ";
 constexpr std::string_view offer_name = "\r\ns=Norvane-K\r\nc=IN IP4 ";
 constexpr std::string_view offer_audio = "\r\nt=0 0\r\nm=audio ";
 constexpr std::string_view offer_rtcp = " RTP/AVP 0 101\r\na=rtcp:";
-constexpr std::string_view offer_video =
-    "\r\na=rtpmap:0 PCMU/8000\r\na=rtpmap:101 telephone-event/8000\r\na=fmtp:101 0-16\r\nm=video ";
-constexpr std::string_view media_end = " RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=sendrecv\r\n";
+constexpr std::string_view offer_formats =
+    "\r\na=rtpmap:0 PCMU/8000\r\na=rtpmap:101 telephone-event/8000\r\na=fmtp:101 0-16\r\n";
+constexpr std::string_view plain = "RTP/AVP";
+constexpr uint8_t own_video = 96;
 
 /// A medium while it is read.
 struct medium_t {
@@ -30,7 +30,9 @@ struct medium_t {
     bool video = false;
     bool receives = true;
     bool fragments = false;  ///< the chosen format takes them
-    std::bitset<128> h264;   ///< payload types
+    bool mapped = false;     ///< it says what its formats are
+    uint32_t line = 0;
+    std::bitset<128> h264;  ///< payload types
     std::string_view formats;
     sockaddr_in address = {};
     sockaddr_in rtcp_address = {};  ///< 0.0.0.0: the same
@@ -47,7 +49,7 @@ bool has_format(std::string_view formats, uint32_t wanted) noexcept {
 }
 
 // Who wants it encrypted gets nothing.
-bool is_plain_rtp(std::string_view profile) noexcept { return profile == "RTP/AVP" || profile == "RTP/AVPF"; }
+bool is_plain_rtp(std::string_view profile) noexcept { return profile == plain || profile == "RTP/AVPF"; }
 
 void read_address(std::string_view value, sockaddr_in& address) noexcept {
     address = {};
@@ -82,6 +84,7 @@ private:
         finish();
         in_medium_ = true;
         medium_ = {};
+        medium_.line = ++lines_;
         medium_.address = session_;
         medium_.receives = receives_;
         const std::string_view kind = scan::take(value, ' ');
@@ -101,6 +104,7 @@ private:
             read_address(value.substr(std::min(value.find(' ') + 1, value.size())), medium_.rtcp_address);
         }
         if (!medium_.video) return;
+        medium_.mapped = medium_.mapped || value.starts_with("rtpmap:");
         const scan::pair map = scan::split(value.substr(std::min(value.find(':') + 1, value.size())), ' ');
         const uint32_t pt = scan::decimal(map.key);
         const std::string_view said = scan::skip(map.value, blanks);
@@ -117,7 +121,12 @@ private:
 
     void finish() noexcept {
         target_t* const target = medium_.target;
+        if (target && medium_.video && !medium_.mapped && has_format(medium_.formats, own_video)) {
+            target->wanted = true;  // some leave out what their numbers mean
+            target->pt = own_video;
+        }
         if (!target || !target->wanted) return;
+        target->line = medium_.line;
         target->wanted = medium_.port > 0 && medium_.port < 65535;
         if (medium_.rtcp == 0 || medium_.rtcp > 65535) medium_.rtcp = medium_.port + 1;
         target->receives = medium_.receives;
@@ -139,9 +148,20 @@ private:
     described_t described_;
     sockaddr_in session_ = {};
     medium_t medium_;
+    uint32_t lines_ = 0;
     bool in_medium_ = false;
     bool receives_ = true;  ///< of media that do not say
 };
+
+core::string audio_media(uint32_t port, std::string_view profile) {
+    return join({"m=audio ", number_text(port), " ", profile, " 0\r\na=rtpmap:0 PCMU/8000\r\n"});
+}
+
+core::string video_media(uint32_t port, std::string_view profile, uint8_t pt) {
+    const core::string format = number_text(pt);
+    return join({"m=video ", number_text(port), " ", profile, " ", format, "\r\na=rtpmap:", format,
+                 " H264/90000\r\na=sendrecv\r\n"});
+}
 
 }  // namespace
 
@@ -168,29 +188,33 @@ described_t read_description(std::string_view text) noexcept { return reader().r
 
 core::string print_offer(std::string_view address, uint32_t audio, uint32_t video) {
     return join({offer_head, address, offer_name, address, offer_audio, number_text(audio), offer_rtcp,
-                 number_text(audio + 1), offer_video, number_text(video), media_end});
+                 number_text(audio + 1), offer_formats, video_media(video, plain, own_video)});
 }
 
 core::string print_answer_sdp(std::string_view user, in_addr own, uint32_t audio, uint32_t video,
                               std::string_view offer) {
     const core::string address = dotted(own);
-    core::string sound = join({"m=audio ", number_text(audio), " RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n"});
-    core::string pictures = join({"m=video ", number_text(video), media_end});
+    const described_t chosen = read_description(offer);
     core::string media;
+    uint32_t number = 0;
     while (!offer.empty()) {
         std::string_view line = scan::trim(scan::take(offer, '\n'), "\r");
-        if (!line.starts_with("m=")) continue;
+        if (line.size() < 3 || !line.starts_with("m=")) continue;
         const std::string_view kind = scan::take(line, ' ');
-        const bool open = scan::decimal(scan::take(line, ' ')) != 0 && is_plain_rtp(line.substr(0, line.find(' ')));
-        if (open && kind == "m=audio" && !sound.empty()) {
-            media.append(std::exchange(sound, {}));
-        } else if (open && kind == "m=video" && !pictures.empty()) {
-            media.append(std::exchange(pictures, {}));
+        scan::take(line, ' ');
+        const std::string_view profile = line.substr(0, line.find(' '));
+        ++number;
+        if (chosen.audio.wanted && chosen.audio.line == number) {
+            media.append(audio_media(audio, profile));
+        } else if (chosen.video.wanted && chosen.video.line == number) {
+            // Ours, unless the offer means another format by it.
+            const bool taken = has_format(line.substr(profile.size()), own_video);
+            media.append(video_media(video, profile, taken ? chosen.video.pt : own_video));
         } else {
             media.append(join({kind, " 0 ", line, "\r\n"}));
         }
     }
-    if (media.empty()) media = sound + pictures;
+    if (media.empty()) media = audio_media(audio, plain) + video_media(video, plain, own_video);
     return join(
         {"v=0\r\no=", user, " 0 0 IN IP4 ", address, "\r\ns=Norvane-K\r\nt=0 0\r\nc=IN IP4 ", address, "\r\n", media});
 }

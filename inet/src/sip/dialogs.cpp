@@ -148,6 +148,15 @@ uint32_t Sip::ringing() const noexcept {
         users, [](const auto& each) { return !each->gone && !each->subscription && !each->established; }));
 }
 
+/// Whether what ends a call has not been answered yet, or is still to be sent.
+bool Sip::is_ending() const noexcept {
+    return std::ranges::any_of(requests, [](const auto& each) {
+        const std::string_view method = each->method;
+        const bool waits = each->abandoned && !each->cancelled && each->ack.empty();
+        return !each->gone && !each->incoming && (method == "BYE" || method == "CANCEL" || waits);
+    });
+}
+
 void Sip::tick(uint64_t now) noexcept {
     const work running_here(*this);
     for (size_t i = 0; i < accounts.size(); ++i)

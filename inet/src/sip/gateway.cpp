@@ -16,6 +16,7 @@ constexpr unsigned usual_port = 5060;
 constexpr uint64_t longest_close = sip::second;
 constexpr uint64_t close_step = 10 * sip::ms;
 constexpr uint64_t longest_silence = 180 * sip::second;
+constexpr uint64_t longest_unregistered = 65 * sip::second;
 constexpr int clock_step = 10;  // seconds
 constexpr size_t most_late = size_t{2} * sip::most_calls;
 
@@ -32,7 +33,8 @@ Sips::Sips(const sips_info& info, const char* file, int line)
     outside_server_ = info.server;
     callee_ = scan::text(info.callee);
     for (value_t* const* each = info.users; each && *each; ++each)
-        if (name_ != (*each)->key) users_.emplace_back((*each)->key);
+        if (name_ != (*each)->key && !std::ranges::count(users_, std::string_view((*each)->key)))
+            users_.emplace_back((*each)->key);
 }
 
 Sips::~Sips() {
@@ -60,10 +62,7 @@ uint64_t Sips::shut_down(bool may_wait) noexcept {
 /// Whether what ends calls has not been answered yet.
 bool Sips::awaits_answers() const noexcept {
     if (!agent_) return false;
-    return !late_.empty() || std::ranges::any_of(agent_->requests, [](const auto& each) {
-        const std::string_view method = each->method;
-        return !each->gone && !each->incoming && (method == "BYE" || method == "CANCEL");
-    });
+    return !late_.empty() || agent_->is_ending();
 }
 
 bool Sips::open() noexcept {
@@ -90,6 +89,7 @@ void Sips::register_accounts() noexcept {
         inside_ = net_sip_register_over(agent_, sip_tcp, name, "", "127.0.0.1", port, file_, line_);
     outside_ = net_sip_register_over(agent_, info_.transport, name, password_.c_str(), outside_server_.c_str(),
                                      info_.server_port, file_, line_);
+    outside_heard_ = core_timer();
 }
 
 void Sips::on_call(void* arg, sip_user* party, uint32_t event) noexcept {
@@ -108,13 +108,24 @@ void Sips::on_call(void* arg, sip_user* party, uint32_t event) noexcept {
 
 void Sips::on_account(void* arg, void* object, uint32_t event, const char*) noexcept {
     auto& self = *static_cast<Sips*>(arg);
-    if (event == sip_account_registered)
-        self.tell(sips_registered,
-                  static_cast<sip_session*>(object)->account == self.inside_ ? "" : self.outside_server_.c_str());
-    if (event == sip_account_closed && object == self.outside_) self.tell(sips_lost, self.outside_server_.c_str());
+    if (event == sip_account_registered) {
+        const bool inside = static_cast<sip_session*>(object)->account == self.inside_;
+        if (!inside) self.outside_heard_ = core_timer();
+        self.tell(sips_registered, inside ? "" : self.outside_server_.c_str());
+    }
+    if (event == sip_account_closed && object == self.outside_) self.lose_outside();
 }
 
-void Sips::on_clock(void* arg, timer_ctx*) noexcept { static_cast<Sips*>(arg)->end_silent_calls(); }
+void Sips::lose_outside() noexcept {
+    if (std::exchange(outside_heard_, 0) != 0) tell(sips_lost, outside_server_.c_str());
+}
+
+// A refusal, and silence over UDP, are told by nobody else.
+void Sips::on_clock(void* arg, timer_ctx*) noexcept {
+    auto& self = *static_cast<Sips*>(arg);
+    self.end_silent_calls();
+    if (self.outside_heard_ + longest_unregistered <= core_timer()) self.lose_outside();
+}
 
 /// A phone behind the relay that has vanished is not noticed otherwise: the relay answers in its place when the agent
 /// asks whether it is there.
@@ -149,7 +160,9 @@ core::owned_object<sip::bridge> Sips::make_bridge() noexcept {
 
 void Sips::take_call(sip_user& caller) noexcept {
     core::owned_object<sip::bridge> made = closes_at_ ? nullptr : make_bridge();
-    if (!made) return net_sip_decline(&caller);
+    // Its room is taken now: who answers must not be hung up for want of it.
+    const bool room = made && agent_->calls() < sip::most_calls && caller.media.open(info_.nt, agent_->log, caller);
+    if (!room) return net_sip_decline(&caller);
     sip::bridge& call = *made;
     call.caller = &caller;
     bridges_.push_back(std::move(made));
@@ -158,7 +171,7 @@ void Sips::take_call(sip_user& caller) noexcept {
         if (!callee_.empty()) ring(call, outside_, callee_.c_str());
     } else {
         for (const core::string& each : users_)
-            if (server_->reaches(each)) ring(call, inside_, each.c_str());
+            ring_inside(call, each);
     }
     if (call.rung.empty()) end(call, nullptr);
 }
@@ -166,6 +179,16 @@ void Sips::take_call(sip_user& caller) noexcept {
 void Sips::ring(sip::bridge& call, sip_account* account, const char* name) noexcept {
     if (call.rung.size() == most_rung) return;
     if (sip_user* const rung = net_sip_invite(account, nullptr, name, &call, on_frame)) call.rung.push_back(rung);
+}
+
+/// A phone behind the relay, which finds our media where it finds the relay.
+void Sips::ring_inside(sip::bridge& call, const core::string& name) noexcept {
+    const sip::relay_user* const user = server_->reached(name);
+    if (!user) return;
+    const in_addr near = sip::read_dotted(user->at->local);
+    inside_->near_media = sip::is_loopback(near) ? in_addr{} : near;
+    ring(call, inside_, user->coded.c_str());
+    inside_->near_media = {};
 }
 
 /// The agent may tell of an end from inside each of its calls: the bridge is not touched after the first.
@@ -205,8 +228,10 @@ void Sips::end(sip::bridge& call, const sip_user* gone) noexcept {
 void Sips::hang_up(sip_user& party) noexcept {
     party.frame_to = nullptr;  // its bridge goes
     const bool rings = party.invite && !party.invite->incoming;
-    if (rings && party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late)
+    if (rings && party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late) {
+        party.invite->ends_at = core_timer() + sip::t_end;  // phones that are gone hold no places
         return late_.push_back(&party);
+    }
     net_sip_bye(&party);
 }
 

@@ -45,11 +45,13 @@ private:
     void register_accounts() noexcept;
     static void on_clock(void* arg, timer_ctx* timer) noexcept;
     void end_silent_calls() noexcept;
+    void lose_outside() noexcept;
     uint64_t shut_down(bool may_wait) noexcept;
     bool awaits_answers() const noexcept;
     void take_call(sip_user& caller) noexcept;
     core::owned_object<sip::bridge> make_bridge() noexcept;
     void ring(sip::bridge& call, sip_account* account, const char* name) noexcept;
+    void ring_inside(sip::bridge& call, const core::string& name) noexcept;
     void take_answer(sip_user& party) noexcept;
     void take_end(sip_user& party) noexcept;
     void end(sip::bridge& call, const sip_user* gone) noexcept;
@@ -68,6 +70,7 @@ private:
     sip_account* inside_ = nullptr;
     core::vector<core::owned_object<sip::bridge>> bridges_;
     core::vector<sip_user*> late_;  ///< to be hung up when they ring: until then the relay cannot end their calls
+    uint64_t outside_heard_ = 0;    ///< core_timer() of the last registration outside; 0: it has been told as lost
     timer_ctx* clock_ = nullptr;
     uint64_t closes_at_ = 0;  ///< while it closes: at the latest
     sip::ending ending_;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace sip {
 
@@ -23,12 +24,19 @@ constexpr uint64_t us_per_second = 1000000;
 constexpr uint64_t piece_us = 20000;
 constexpr uint64_t widest_step = 200000;  // of sound whose times jump: it is sent by its own times again
 constexpr uint64_t silence = 200000;      // after which a picture is over
+constexpr uint64_t first_sign = 3000000;  // of life, on a channel on which the owner sends nothing
+constexpr uint64_t sign_step = 15000000;  // RFC 6263, 4
 constexpr uint32_t places = 4;
 constexpr rtp::gathering_limits limits = {false, 2U << 20, {"net_sip.cpp", 0}};
+
+constexpr uint8_t pcmu_silence = 0xff;
+constexpr uint64_t never = UINT64_MAX;
 
 double rate_of(uint32_t fcc) noexcept { return fcc == av::fcc_h264 ? h264_rate : pcmu_rate; }
 
 }  // namespace
+
+uint64_t channel::khz() const noexcept { return static_cast<uint64_t>(rate_of(fcc_)) / 1000; }
 
 channel::channel(uint32_t fcc, frame_taker& to) noexcept : fcc_(fcc), to_(to), out_(CORE_HERE), in_(CORE_HERE) {
     out_.set_handler(this);
@@ -51,17 +59,21 @@ bool channel::open(net::nt_ctx* nt, log_ctx* log) noexcept {
 
 void channel::start(const target_t& target, uint8_t own_pt, in_addr own) noexcept {
     target_ = target;
-    rtp::trak_t* const sent = out_.add_trak(target.pt, fcc_);
+    if (!target.wanted) return;
+    // One goes out, whatever number the other end gives it in the course of the call.
+    rtp::trak_t* const known = out_.get_trak_fcc(fcc_);
+    rtp::trak_t* const sent = known ? known : out_.add_trak(target.pt, fcc_);
     rtp::trak_t* const received = in_.add_trak(own_pt, fcc_);
     rtp::trak_t* const other = in_.add_trak(target.pt, fcc_);
     for (rtp::trak_t* each : {sent, received, other})
         if (each) each->clock_rate = rate_of(fcc_);
-    if (!sent || !target.wanted) return;
+    if (!sent) return;
+    sent->pt = target.pt;
     if (sent->ssrc == 0) common_random(&sent->ssrc, sizeof sent->ssrc);
+    if (sign_at_ == 0) sign_at_ = core_timer() + first_sign;
     // 0.0.0.0 is how phones hold a call that know no direction attributes (RFC 3264, 8.4).
     const bool named = target.rtp.sin_addr.s_addr != 0;
-    for (rtp::trak_t** each = out_.traks; *each; ++each)
-        (*each)->active = *each == sent && named && target.receives;
+    sent->active = named && target.receives;
     if (!port_ || !named) return;
     port_->forget_sources();
     port_->add_source(target.rtp.sin_addr);
@@ -76,11 +88,14 @@ void channel::stop() noexcept {
 }
 
 void channel::send_pictures(rtp::Packets& packets) noexcept {
-    if (target_.wanted && port_) out_.pack(packets);
+    if (!target_.wanted || !port_) return;
+    sign_at_ = never;
+    out_.pack(packets);
 }
 
 void channel::send_sound(const av::frame_t& frame) noexcept {
     if (!target_.wanted || !port_) return;
+    sign_at_ = never;
     const uint64_t expected = piece_time_ + held_ * us_per_second / 8000;
     const uint64_t off = frame.time > expected ? frame.time - expected : expected - frame.time;
     if (off > widest_step) {
@@ -105,6 +120,21 @@ void channel::send_piece() noexcept {
     out_.pack(&piece);
     held_ = 0;
     piece_time_ += piece_us;
+}
+
+// Where nothing is sent, no way back would open through a gateway of addresses (NAT), and a relay of media would not
+// learn where we are.
+void channel::give_sign(uint64_t now) noexcept {
+    sign_at_ = now + sign_step;
+    rtp::trak_t* const sent = out_.get_trak_fcc(fcc_);
+    if (!sent || !sent->active || !target_.wanted) return;
+    uint8_t packet[rtp::header_size + sizeof piece_];
+    const uint32_t time = rtp::timestamp(time_now(), sent->clock_rate);
+    uint8_t* const payload = rtp::put_header(packet, sent->pt, sent->seq++, time, sent->ssrc);
+    std::fill(payload, packet + sizeof packet, pcmu_silence);
+    // A picture of nothing has no payload.
+    const datagram_t one{packet, fcc_ == av::fcc_pcmu ? uint32_t{sizeof packet} : rtp::header_size, &target_.rtp};
+    port_->send(&one, 1);
 }
 
 void channel::on_rtp_event(rtp::Rtp* rtp, rtp::event_t::enum_t event) noexcept {
@@ -143,6 +173,7 @@ void channel::take_event(buffer_t packet) noexcept {
 void channel::on_rtp_packet(rtp::Port*, buffer_t packet, bool restarted) noexcept {
     heard_ = core_timer();
     if (fcc_ == av::fcc_pcmu && packet.size > 12 && (packet.data[1] & 0x7f) == event_pt) return take_event(packet);
+    restarted_ = restarted_ || restarted;
     for (rtp::trak_t** each = in_.traks; restarted && each && *each; ++each)
         (*each)->seq = 0;
     last_data_ = heard_;
@@ -165,10 +196,14 @@ void channel::take_data(rtp::trak_t& from) noexcept {
         begun_ = time_now();
         first_time_ = from.rtp_time;
         started_ = true;
+        restarted_ = false;
     }
     if (another) {
-        ticks_ += static_cast<int32_t>(from.rtp_time - first_time_);
+        // Another sender has a clock of its own: as much has passed there as here.
+        const auto passed = static_cast<int64_t>((heard_ - shown_) / 1000 * khz());
+        ticks_ += std::exchange(restarted_, false) ? passed : static_cast<int32_t>(from.rtp_time - first_time_);
         first_time_ = from.rtp_time;
+        shown_ = heard_;
     }
     gathered_.rtp_time = from.rtp_time;
     gathered_.marks_units = gathered_.marks_units || (gathered_.marked && !another);
@@ -186,8 +221,8 @@ void channel::deliver() noexcept {
     if (gathered_.frame.length > 0) {
         av::frame_t frame = {};
         frame.fcc = fcc_;
-        const auto khz = static_cast<int64_t>(rate_of(fcc_) / 1000);
-        frame.time = begun_ + static_cast<uint64_t>(ticks_ / khz * 1000 + ticks_ % khz * 1000 / khz);
+        const auto per_ms = static_cast<int64_t>(khz());
+        frame.time = begun_ + static_cast<uint64_t>(ticks_ / per_ms * 1000 + ticks_ % per_ms * 1000 / per_ms);
         frame.data = gathered_.frame.data;
         frame.size = gathered_.frame.length;
         if (fcc_ == av::fcc_pcmu) frame.rate = 8000, frame.channels = 1;
@@ -201,6 +236,7 @@ void channel::deliver() noexcept {
 void channel::tick(uint64_t now) noexcept {
     if (!port_) return;
     port_->expire(now);
+    if (sign_at_ != 0 && sign_at_ <= now) give_sign(now);
     if (gathered_.picture && last_data_ + silence < now) deliver();  // what has just expired may be later than now
 }
 

@@ -20,6 +20,7 @@ namespace sip {
 /// Where one medium of a description is to be sent to.
 struct target_t {
     bool wanted = false;   ///< the description has it in our format, with a port
+    uint32_t line = 0;     ///< which of the m= lines, from 1
     bool receives = true;  ///< the other end takes it now: it is not on hold
     uint8_t pt = 0;
     sockaddr_in rtp = {};
@@ -84,6 +85,8 @@ private:
     void deliver() noexcept;
     void report(const buf_t& packet) noexcept;
     void send_piece() noexcept;
+    void give_sign(uint64_t now) noexcept;
+    uint64_t khz() const noexcept;
 
     const uint32_t fcc_;
     frame_taker& to_;
@@ -95,8 +98,10 @@ private:
     rtp::gathering_t gathered_ = {};
     buf_t sets_;
     bool started_ = false;
+    bool restarted_ = false;   ///< the sender is another one since the last frame
     uint32_t first_time_ = 0;  ///< RTP time of the last frame
     int64_t ticks_ = 0;
+    uint64_t shown_ = 0;      ///< core_timer() of the last frame
     uint64_t begun_ = 0;      ///< time_now() of the first frame
     uint64_t last_data_ = 0;  ///< core_timer()
     uint64_t heard_ = 0;
@@ -105,6 +110,7 @@ private:
 
     uint8_t piece_[160] = {};  ///< 20 ms of sound
     uint32_t held_ = 0;
+    uint64_t sign_at_ = 0;  ///< core_timer() of the next sign of life; 0 before the call
     uint64_t piece_time_ = 0;
 };
 

@@ -36,6 +36,9 @@ relay::relay(value_t* const* users, const char* file, int line) : file_(file), l
         relay_user user;
         user.name = (*each)->key;
         user.value = scan::text((*each)->value);
+        const core::owned_text coded(uri_encode_rest(user.name.c_str(), file, line));
+        if (!coded) throw std::bad_alloc();
+        user.coded = coded.get();
         users_.push_back(std::move(user));
     }
     by_name_.reserve(users_.size());
@@ -64,9 +67,9 @@ relay_user* relay::find_plain(std::string_view name) noexcept {
     return found == by_name_.end() || by(*found) != name ? nullptr : *found;
 }
 
-bool relay::reaches(std::string_view name) noexcept {
+const relay_user* relay::reached(std::string_view name) noexcept {
     const relay_user* const found = find_plain(name);
-    return found && found->reached();
+    return found && found->reached() ? found : nullptr;
 }
 
 /// A console is slow, and a peer must not fill it; the log has every line.

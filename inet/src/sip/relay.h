@@ -22,6 +22,7 @@ struct relay_user {
     bool reached() const noexcept;  ///< it has a connection that is not about to be closed
 
     core::string name, value;
+    core::string coded;                   ///< its name as it stands in a URI
     party* at = nullptr;                  ///< null while it is not registered
     size_t listed_at = 0, listed_to = 0;  ///< its part of the list of names
 };
@@ -64,8 +65,8 @@ public:
     /// To be called when the output of a party is gone: sends the presence that it has missed.
     void catch_up(party& to) noexcept;
 
-    /// Whether a user of that name is bound.
-    bool reaches(std::string_view name) noexcept;
+    /// The user of that name, null unless it is bound.
+    const relay_user* reached(std::string_view name) noexcept;
 
     /// Parties that have got output or were lost since it was last cleared.
     core::vector<party*>& waiting() noexcept { return waiting_; }

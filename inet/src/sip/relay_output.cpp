@@ -40,9 +40,7 @@ void relay::answer(party& to, const header_t& header, unsigned status) {
 /// The target is bound. Phones say what follows in a call by way of those that its INVITE names (RFC 3261, 16.6): else
 /// they would connect to each other, where nobody listens.
 void relay::forward(const party& from, party& to, std::string_view method, const piece_t& message) {
-    const core::owned_text name(uri_encode_rest(to.user->name.c_str(), file_, line_));
-    if (!name) throw std::bad_alloc();
-    core::string start = join({method, " sip:", name.get(), "@", to.local, " SIP/2.0"});
+    core::string start = join({method, " sip:", to.user->coded, "@", to.local, " SIP/2.0"});
     const bool call = method == "INVITE";
     if (call && !to.route.empty()) start.append("\r\nRecord-Route: ").append(to.route);
     if (call && from.route != to.route) start.append("\r\nRecord-Route: ").append(from.route);
@@ -87,8 +85,8 @@ void relay::announce(const relay_user& to) {
     else
         list_.assign("[]");
     head_.clear();
-    head_.append("NOTIFY sip:").append(to.name).append("@").append(there.local).append(" SIP/2.0\r\n");
-    put(head_, "To", {"<sip:", to.name, "@", there.local, ">"});
+    head_.append("NOTIFY sip:").append(to.coded).append("@").append(there.local).append(" SIP/2.0\r\n");
+    put(head_, "To", {"<sip:", to.coded, "@", there.local, ">"});
     put(head_, "From", {"<sip:resource@", there.local, ">"});
     put(head_, "CSeq", {number_text(++there.notified), " NOTIFY"});
     put(head_, "User-Agent", {server_name});

@@ -47,8 +47,8 @@ bool Sip::is_in_call(const sip_account& account, const sip::header_t& header) no
     return user && user->established;
 }
 
-/// Whether a request may have a record. A flood of strangers leaves room for the server and for those in a call, a flood
-/// of these leaves room for the end of a call.
+/// Whether a request may have a record. A flood of strangers leaves room for the server and for those in a call, a
+/// flood of these leaves room for the end of a call.
 bool Sip::has_room(const sip_account& account, const sip::header_t& header, const char* method,
                    const sockaddr_in& from) noexcept {
     if (requests.size() < sip::most_requests / 2) return true;
@@ -105,11 +105,22 @@ void Sip::take_request(sip_account& account, sip::owned_header header, std::stri
     if (fault != 0) return reply(account, *header, fault, from);
 
     sip_request& request = add_theirs(account, std::move(header), method, from);
+    try {
+        act(request, body);
+    } catch (const std::bad_alloc&) {
+        // Not to be taken for one that was acted on when it comes again. A call ends by its time.
+        if (request.bytes.empty() && !is(method, "INVITE")) end(request);
+        throw;
+    }
+}
+
+void Sip::act(sip_request& request, std::string_view body) {
+    const char* const method = request.method;
     if (is(method, "INVITE")) return take_invite(request, body);
     if (is(method, "BYE")) return take_bye(request);
     if (is(method, "CANCEL")) return take_cancel(request);
     if (is(method, "INFO")) return take_info(request, body);
-    if (is(method, "NOTIFY")) take_notify(account, body);
+    if (is(method, "NOTIFY")) take_notify(*request.account, body);
     if (is(method, "MESSAGE")) core_con_printf(0, "СООБЩЕНИЕ: %.*s", static_cast<int>(body.size()), body.data());
     answer(request, 200);
 }
@@ -132,7 +143,7 @@ void Sip::take_ack(sip_account& account, const sip::header_t& header, std::strin
         return each->user == user && each->incoming && each->answered && each->cseq == number;
     });
     sip_request* const invite = same == requests.end() ? user->invite : same->get();
-    if (!invite || !invite->incoming || !invite->answered) return;
+    if (!invite || !invite->incoming || !invite->answered || number < invite->cseq) return;
     invite->resend_at = 0;
     invite->user = nullptr;
     if (user->invite == invite) user->invite = nullptr;

@@ -23,8 +23,8 @@ struct stamp {
     char text[64];
 };
 
-/// Whether a refusal inside a call says that the other end is not there, or does not know the call (RFC 3261, 12.2.1.2).
-/// A digit that is refused ends none.
+/// Whether a refusal inside a call says that the other end is not there, or does not know the call (RFC 3261,
+/// 12.2.1.2). A digit that is refused ends none.
 bool ends_call(const sip_request& request, unsigned status) noexcept {
     if (is(request, "OPTIONS") && (status == 404 || status == 480)) return true;
     return (is(request, "OPTIONS") || is(request, "INFO")) && (status == 481 || status == 408);
@@ -66,7 +66,7 @@ void Sip::take_response(sip_account& account, const sip::header_t& header, std::
     }
     const unsigned status = header.status;
     const std::string_view tag = sip::tag_of(sip::field(header, "To"));
-    if (!request->ack.empty()) return take_again(*request, status, tag);
+    if (!request->ack.empty()) return take_again(*request, header, tag);
     if (request->user && request->user->remote_tag.empty()) request->user->remote_tag = tag;
     if (is(*request, "INVITE") && request->remote_tag.empty()) request->remote_tag = tag;
 
@@ -77,9 +77,10 @@ void Sip::take_response(sip_account& account, const sip::header_t& header, std::
 }
 
 // The ACK was lost, or another one has taken the call as well.
-void Sip::take_again(sip_request& invite, unsigned status, std::string_view tag) {
+void Sip::take_again(sip_request& invite, const sip::header_t& header, std::string_view tag) {
+    const unsigned status = header.status;
     if (status < 200 || !invite.account->wire) return;
-    if (status < 300 && tag != invite.remote_tag) return leave(invite, tag);
+    if (status < 300 && tag != invite.remote_tag) return leave(invite, tag, sip::way_of(header, true));
     invite.account->wire->send(invite.ack, nullptr);
     // Lost twice, or it does not get there.
     if (++invite.repeated > 1 && status < 300 && !invite.way.target.empty())
@@ -168,6 +169,7 @@ void Sip::acknowledge_provisional(sip_request& invite, const sip::header_t& head
             sip::join({"RAck: ", sip::number_text(number), " ", sip::number_text(invite.cseq), " INVITE\r\n"}), {});
     request.peer = invite.peer;
     request.remote_tag = tag;
+    request.way = sip::way_of(header, true);
     send(request);
 }
 
@@ -203,7 +205,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
     invite.way = sip::way_of(header, true);
     sip_user* const user = invite.user;
     if (!user) {  // too late: its call was ended here
-        leave(invite, invite.remote_tag);
+        leave(invite, invite.remote_tag, invite.way);
         invite.ack = print_ack(invite, invite.remote_tag);
         return complete(invite);
     }
@@ -223,7 +225,13 @@ void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
     const bool invite = is(request, "INVITE");
     const bool unrouted = status == 404 || status == 482 || status == 483;
     if (unrouted && !invite && !request.by_way && !request.way.target.empty()) return send_by_way(request);
-    if (invite) send_ack(request);
+    if (invite) {
+        request.remote_tag = sip::tag_of(sip::field(header, "To"));  // RFC 3261, 17.1.1.3
+        send_ack(request);
+    }
+    // Who does not know CANCEL lets it ring on: whoever takes it then is to be told.
+    sip_request* const rings = is(request, "CANCEL") ? find_ours(request.branch, "INVITE") : nullptr;
+    if (rings && rings->ack.empty()) rings->ends_at = core_timer() + sip::ring_time;
     uint32_t event = sip_call_failed;
     if (status == 404) {
         core_con_printf(1, "sip: абонент не найден");

@@ -61,8 +61,8 @@ public:
     unsigned port() const noexcept { return port_; }
     /// Shuts down on the network thread and waits for it.
     void close() noexcept { ending_.run(); }
-    /// Whether a user is bound. On the network thread.
-    bool reaches(std::string_view name) noexcept { return relay_.reaches(name); }
+    /// A user, null unless it is bound. On the network thread.
+    const sip::relay_user* reached(std::string_view name) noexcept { return relay_.reached(name); }
 
     // The connections' side.
     uint32_t take(sip::party& from, std::string_view bytes) noexcept { return relay_.take(from, bytes); }

@@ -156,7 +156,7 @@ void Sip::send_ack(sip_request& request) {
 }
 
 /// Ends a call that somebody took whom we do not want: too late, or after another (RFC 3261, 13.2.2.4).
-void Sip::leave(sip_request& invite, std::string_view tag) {
+void Sip::leave(sip_request& invite, std::string_view tag, const sip::way_t& way) {
     if (invite.account->wire) invite.account->wire->send(print_ack(invite, tag), nullptr);
     const bool said = std::ranges::any_of(requests, [&](const auto& each) {
         return !each->gone && each->session == invite.session && each->remote_tag == tag &&
@@ -166,7 +166,7 @@ void Sip::leave(sip_request& invite, std::string_view tag) {
     sip_request& bye = ask(*invite.account, *invite.session, nullptr, "BYE", {}, {});
     bye.peer = invite.peer;
     bye.remote_tag = tag;
-    if (tag == invite.remote_tag) bye.way = invite.way;
+    bye.way = way;
     send(bye);
 }
 

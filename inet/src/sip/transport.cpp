@@ -6,6 +6,7 @@
 #include "core/time.h"
 #include "inet/net_socket.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace net {
@@ -44,10 +45,13 @@ sip_account* Sip::add_account(int transport, const char* user, const char* passw
 void Sip::open_transport(sip_account& account) {
     const core::owned_text address(net_hostip(file, line));
     account.contact_address = address ? address.get() : "127.0.0.1";
+    const uint64_t begun = core_timer();
     account.due = core_timer() + (account.transport == sip_tcp ? connect_time : refresh_time);
     account.wire = make_wire(*this, account);
     if (!account.wire) {
-        account.due = core_timer() + reopen_time;
+        // The look-up of a name that is not found takes its time each time; the thread has more to do.
+        const uint64_t now = core_timer();
+        account.due = now + std::max(reopen_time, 10 * (now - begun));
         return;
     }
     account.contact_port = sip::number_text(account.wire->local_port());
@@ -74,6 +78,7 @@ void Sip::connected(sip_account& account) {
 /// Where a peer that is not known yet finds the media of a call: the address of the account, unless nobody outside of
 /// this host gets there, as the server is on it.
 in_addr Sip::media_address(const sip_account& account) const {
+    if (account.near_media.s_addr != 0) return account.near_media;
     const in_addr near = sip::read_dotted(account.contact_address);
     if (!sip::is_loopback(near)) return near;
     const core::owned_text address(net_hostip(file, line));
@@ -84,13 +89,15 @@ in_addr Sip::media_address(const sip_account& account) const {
 /// the peer is not.
 in_addr Sip::media_address(const sip_account& account, in_addr peer) const {
     in_addr near = account.wire ? account.wire->local_address() : in_addr{};
-    if (sip::is_loopback(near) && peer.s_addr != 0 && !sip::is_loopback(peer)) near = sip::near_to(peer);
+    if (sip::is_loopback(near) && peer.s_addr == 0) return media_address(account);
+    if (sip::is_loopback(near) && !sip::is_loopback(peer)) near = sip::near_to(peer);
     return near.s_addr != 0 ? near : sip::read_dotted(account.contact_address);
 }
 
 /// @param lost  else it was closed by the owner
 void Sip::close_transport(sip_account& account, bool lost) {
     if (!account.wire) return;
+    old_wires.reserve(old_wires.size() + 1);
     account.due = lost && account.reconnect ? core_timer() + reopen_time : 0;
     account.connected = false;
     account.wire->stop();
@@ -103,7 +110,7 @@ void Sip::close_transport(sip_account& account, bool lost) {
 }
 
 void Sip::account_due(sip_account& account) {
-    account.due = 0;
+    account.due = core_timer() + reopen_time;  // should memory be out
     // A connection over which no answer came since the last time is dead.
     if (account.connected && account.transport == sip_tcp && open_registration(account))
         return close_transport(account, true);

@@ -89,6 +89,8 @@ public:
     static void operator delete(void* block) noexcept;
     /// Once a second.
     virtual void second() noexcept {}
+    /// Whether the peers have heard the end of their clients. The station's stop() waits for it, up to three seconds.
+    virtual bool settled() const noexcept { return true; }
 
 protected:
     part() = default;

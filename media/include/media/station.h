@@ -52,7 +52,7 @@ public:
     /// Starts threads and listens. @return 1, or 0 with a reason in `error`; then nothing runs. After 1 `error` tells
     /// of the ports that could not be had and that no service needs (service::needs_port()), separated by "; "
     int start(failure_t* error = nullptr) noexcept;
-    /// Ends all clients and threads. Streams and services stay, for another start().
+    /// Ends all clients and threads, in three seconds at the most. Streams and services stay, for another start().
     void stop() noexcept;
 
     const char* bind() const noexcept;

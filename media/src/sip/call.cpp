@@ -63,7 +63,7 @@ void call_t::begin() noexcept {
     owner_.on().wake(*this);
 }
 
-/// Whether the other end has read our answer: before, it may take nothing. Nor is it known that whoever called is there.
+/// Whether the other end has read our answer: before, it may take nothing. Nor is it known that who called is there.
 bool call_t::is_awaited() const noexcept { return net_sip_user_confirmed(party_) || net_sip_user_heard(party_); }
 
 bool call_t::start(uint64_t now) noexcept {

@@ -66,6 +66,7 @@ public:
     ~part_t() override;
     bool open() noexcept;
     void second() noexcept override;
+    bool settled() const noexcept override { return !net_sip_is_ending(agent_); }
 
     void place(uint32_t number, const char* callee) noexcept;
     call_t* find(uint32_t number) noexcept;

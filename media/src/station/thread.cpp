@@ -15,6 +15,9 @@ namespace {
 /// Frames of one stream that are read before others get their turn.
 constexpr int most_at_once = 64;
 
+constexpr uint64_t longest_close = 3'000'000;  // microseconds
+constexpr uint64_t closing_step = 10'000;
+
 /// A call on its way to a thread.
 struct posted_call {
     void (*fn)(thread& on, void* arg);
@@ -132,19 +135,26 @@ void thread::inside::end_loop() noexcept {
 
 bool thread::inside::drain() noexcept { return core_cmd_process(queue) != 0; }
 
-void thread::inside::on_close(void* arg, net::command_ctx*) noexcept {
+void thread::inside::on_close(void* arg, net::command_ctx* command) noexcept {
     auto* self = static_cast<inside*>(arg);
-    self->close_all();
+    if (!self->closing) self->end_clients();
+    const uint64_t now = core_timer();
+    if (now < self->closes_at && !self->settled()) return net::net_nt_command_at(command, now + closing_step);
+    self->parts.clear();
+    self->feeds.clear();
     event_set(self->closed);
 }
 
-void thread::inside::close_all() noexcept {
+void thread::inside::end_clients() noexcept {
     closing = true;
+    closes_at = core_timer() + longest_close;
     for (const client_record& each : clients)
         each.served->finish();
     erase_finished();
-    parts.clear();
-    feeds.clear();
+}
+
+bool thread::inside::settled() const noexcept {
+    return std::ranges::all_of(parts, [](const part_record& each) { return !each.made || each.made->settled(); });
 }
 
 void thread::inside::on_news(void* arg) noexcept {

@@ -42,7 +42,8 @@ struct thread::inside final : net::Thread {
     static void on_second(void* arg, net::timer_ctx* timer) noexcept;
     bool open_wake() noexcept;
     void make_parts(failure_t* error) noexcept;
-    void close_all() noexcept;
+    void end_clients() noexcept;
+    bool settled() const noexcept;
     void drop_unread() noexcept;
     void serve_due(uint64_t now) noexcept;
     void erase_finished() noexcept;
@@ -72,7 +73,8 @@ struct thread::inside final : net::Thread {
     net::command_ctx* closer = nullptr;
     event_ctx* closed = nullptr;  ///< set once all that the thread had is gone
     bool closing = false;
-    std::mutex call_lock;  ///< `halted`, and the command that wakes the loop
+    uint64_t closes_at = 0;  ///< core_timer(): at the latest
+    std::mutex call_lock;    ///< `halted`, and the command that wakes the loop
     bool halted = true;
     net::timer_ctx* second = nullptr;
     uint64_t next_tick = 0;  ///< when `tick` is ordered for; 0 for not

@@ -56,7 +56,6 @@ private:
     net::http_ctx* http_ = nullptr;
     stage_t stage_ = stage_t::looking_up;
     ending_t result_;
-    bool answered_ = false;  ///< a 401
     core::owned_text moved_to_;
     char type_[80] = "";  ///< of the answer
     core::owned_text file_;
