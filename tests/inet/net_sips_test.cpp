@@ -74,6 +74,10 @@ TEST(SipServer, RelaysBetweenTwoClients) {
     const std::string options = ask("OPTIONS", "anna", "anna"),
                       refused = answer("405 Method Not Allowed", "OPTIONS", "anna", "anna");
     const std::string own = "SIP/2.0 299 Own words\r\n" + fields_of("INVITE", "anna", "boris");
+    const std::string rest = answer("", "", "", "").substr(answer("", "", "", "").find("Allow"));
+    const std::string ends = "f: sip:anna@h\r\nt: sip:clara@h\r\n", via = "Via: " + std::string(3000, 'v') + "\r\n",
+                      vast_field = "x: " + std::string(4043, 'x') + "\r\n\r\n",
+                      too_large = "SIP/2.0 513 Message Too Large\r\n";
     const row rows[] = {
         {'a', ask("REGISTER", "%61nna:word", "anna"), answer("200 OK", "REGISTER", "%61nna:word", "anna"), ""},
         {'a', ask("REGISTER", "nobody", "nobody"), answer("404 Not Found", "REGISTER", "nobody", "nobody"), ""},
@@ -86,8 +90,7 @@ TEST(SipServer, RelaysBetweenTwoClients) {
          answer("200 OK", "REGISTER", "boris", "boris")},
         {'b', "REGISTER x SIP/2.0\r\nf: sip:boris@h\r\nm: <sip:old>;expires=0\r\nm: <sip:new>\r\n\r\n",
          notify("anna", 3, "[\"boris\"]"),
-         "SIP/2.0 200 OK\r\nFrom: sip:boris@h\r\nContact: <sip:old>;expires=0\r\nContact: <sip:new>\r\n" +
-             answer("", "", "", "").substr(answer("", "", "", "").find("Allow"))},
+         "SIP/2.0 200 OK\r\nFrom: sip:boris@h\r\nContact: <sip:old>;expires=0\r\nContact: <sip:new>\r\n" + rest},
         {'a', ask("INVITE", "anna", "boris", "v=0\r\n"), answer("100 Trying", "INVITE", "anna", "boris"),
          routed(ask("INVITE", "anna", "boris", "v=0\r\n", "sip:boris@127.0.0.1"), port)},
         {'b', own + "Content-Length: 1\r\n\r\n!", own + "Content-Length: 1\r\n\r\n!", ""},
@@ -100,6 +103,11 @@ TEST(SipServer, RelaysBetweenTwoClients) {
         {'a', ask("BYE", "anna", "boris"), answer("480 Temporarily Unavailable", "BYE", "anna", "boris"), ""},
         {'a', "BYE x SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi", "",
          "BYE sip:clara@127.0.0.1 SIP/2.0\r\nf: sip:anna@h\r\nt: sip:clara@h\r\nl:\r\n 2\r\n\r\nhi"},
+        {'a', "BYE x SIP/2.0\r\n" + ends + vast_field, too_large + "From: sip:anna@h\r\nTo: sip:clara@h\r\n" + rest,
+         ""},
+        {'a', "BYE x SIP/2.0\r\n" + via + ends + "\r\n",
+         too_large + via + "From: sip:anna@h\r\nTo: sip:clara@h\r\n" + rest, ""},
+        {'b', "SIP/2.0 200 OK\r\nf: sip:anna@h\r\n" + vast_field, "", ""},
         {'a', "\r\n\r\n", "\r\n", ""},
     };
     for (const row& each : rows) {

@@ -18,8 +18,8 @@
 /// answered (RFC 3261, 17.1). A request that comes again is answered again and acted on once. A final answer to an
 /// INVITE is sent again until its ACK comes. Over TCP nothing is sent again, but for 200 to an INVITE.
 ///
-/// Requests in a call go to the server. Where it does not route them (404, 482, 483, or the ACK does not get there),
-/// they go once more, by the route and to the address that the other end named.
+/// Requests in a call go to the server. Where it does not route them (404, 480, 482, 483, or the ACK does not get
+/// there), they go once more, by the route and to the address that the other end named.
 ///
 /// Where the owner sends nothing in the first 3 seconds of a call, a packet of silence, or one without payload, goes
 /// out every 15 seconds: the way back stays open (RFC 6263).
@@ -30,7 +30,7 @@
 ///     3 minutes     for a call that rings, in or out (event 2 or 4)
 ///     30 seconds    between registrations. Each holds for 60 seconds, or for the Min-Expires of a 423, a day at most
 ///     10 seconds    to connect over TCP; 2 seconds until a lost transport is opened again, or ten times what the
-///                   look-up of the server's name took
+///                   look-up of the server's name took. Over UDP it is looked up again when 30 seconds bring no answer
 ///
 /// Calls are matched by Call-ID and the tags of both ends, so that no peer ends the call of another by guessing. A
 /// message without a field that RFC 3261, 8.1.1 requires, or one that contradicts itself, is answered 400 and not acted

@@ -32,6 +32,8 @@
 ///     connections                         nt_places of the network thread (inet/net_thread.h), 100 of them without a
 ///                                         user. For a new one the oldest is closed that no user is bound to; when
 ///                                         there is none, the new one
+/// A request that comes so near to the bound of a header that it, or its answer, would pass it on the next connection
+/// is answered 513; such a response is left out.
 /// Also closed is a connection whose Content-Length is no number, a request after its 400. A header that is no message,
 /// or has a line end that is not CR LF, is left out. One that holds a NUL is not forwarded; a request is answered 400.
 ///
@@ -45,7 +47,8 @@
 ///     a call from the relay    to the gateway's name goes to one user outside, or is declined
 /// Pictures and sound go through the gateway, from call to call, as they are. Digits do not: the relay has no INFO. A
 /// call ends when its phone on the relay has sent neither sound, pictures nor reports for three minutes. It takes two
-/// of the agent's calls, and each user who rings one: the bounds of the agent hold.
+/// of the agent's calls, and each user who rings one: the bounds of the agent hold. Of calls from the relay, 16 may
+/// wait for an answer; more are declined.
 #pragma once
 
 #include "core/api.h"

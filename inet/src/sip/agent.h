@@ -26,6 +26,7 @@ inline constexpr uint64_t ms = 1000;
 inline constexpr uint64_t second = 1000 * ms;
 inline constexpr uint64_t t1 = 500 * ms;               // RFC 3261, 17.1.1.1
 inline constexpr uint64_t t2 = 4 * second;             // 17.1.2.1
+inline constexpr uint64_t t4 = 5 * second;             // 17.1.2.2
 inline constexpr uint64_t t_end = 64 * t1;             // timers B, F, H and J
 inline constexpr uint64_t last_try_time = 2 * second;  // for a request with credentials under a new branch
 inline constexpr uint64_t bye_time = 2 * second;       // for the end of an INVITE after BYE; then CANCEL
@@ -47,6 +48,7 @@ public:
     virtual bool is_server(const sockaddr_in& from) const noexcept = 0;
     virtual bool is_up() const noexcept = 0;  ///< false while it connects
     virtual void stop() noexcept = 0;         ///< before it is released: nothing more comes from it
+    virtual void seek() noexcept {}           ///< looks the server up again; blocks
 };
 
 using text = core::string;
@@ -151,8 +153,9 @@ struct sip_account {
     uint64_t due = 0;  ///< of its timer; 0 for none
     bool connected = false;
     bool reconnect = true;
-    in_addr near_media = {};  ///< for media, where the owner knows better; 0.0.0.0 when it does not
-    bool renews = false;      ///< the server takes a request with the branch of the challenged one for its copy
+    in_addr near_media = {};   ///< for media, where the owner knows better; 0.0.0.0 when it does not
+    bool open_server = false;  ///< who asks by way of it is nobody that it knows
+    bool renews = false;       ///< the server takes a request with the branch of the challenged one for its copy
     sip_session* registration = nullptr;
     sip_session* subscriber = nullptr;
 };

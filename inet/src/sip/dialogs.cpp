@@ -64,7 +64,7 @@ sip_session& Sip::add_session(sip_account& account, sip::text call_id) {
 
 sip_session* Sip::find_session(const sip_account& account, std::string_view call_id) noexcept {
     const auto found = std::ranges::find_if(sessions, [&](const auto& each) {
-        return !each->gone && each->account == &account && each->call_id == call_id;
+        return !each->gone && !each->permanent && each->account == &account && each->call_id == call_id;
     });
     return found == sessions.end() ? nullptr : found->get();
 }

@@ -87,6 +87,7 @@ void Sips::register_accounts() noexcept {
     const char* const name = name_.c_str();
     if (const unsigned port = net_sipsrv_port(server_))
         inside_ = net_sip_register_over(agent_, sip_tcp, name, "", "127.0.0.1", port, file_, line_);
+    if (inside_) inside_->open_server = true;
     outside_ = net_sip_register_over(agent_, info_.transport, name, password_.c_str(), outside_server_.c_str(),
                                      info_.server_port, file_, line_);
     outside_heard_ = core_timer();
@@ -134,7 +135,7 @@ void Sips::end_silent_calls() noexcept {
     for (size_t i = bridges_.size(); i-- > 0;) {
         if (i >= bridges_.size()) continue;  // more than one ended
         sip::bridge& call = *bridges_[i];
-        const sip_user* const inside = call.caller->account == inside_ ? call.caller : call.callee;
+        const sip_user* const inside = is_inside(*call.caller) ? call.caller : call.callee;
         if (call.callee && std::max(net_sip_user_heard(inside), call.joined_at) + longest_silence <= now)
             end(call, nullptr);
     }
@@ -158,16 +159,26 @@ core::owned_object<sip::bridge> Sips::make_bridge() noexcept {
     return made;
 }
 
+bool Sips::is_inside(const sip_user& party) const noexcept { return inside_ && party.account == inside_; }
+
+/// Calls from the relay that nobody outside has answered.
+size_t Sips::waiting_inside() const noexcept {
+    return static_cast<size_t>(
+        std::ranges::count_if(bridges_, [&](const auto& each) { return !each->callee && is_inside(*each->caller); }));
+}
+
 void Sips::take_call(sip_user& caller) noexcept {
     core::owned_object<sip::bridge> made = closes_at_ ? nullptr : make_bridge();
     // Its room is taken now: who answers must not be hung up for want of it.
-    const bool room = made && agent_->calls() < sip::most_calls && caller.media.open(info_.nt, agent_->log, caller);
+    const bool patient = !is_inside(caller) || waiting_inside() < most_waiting;
+    const bool room =
+        made && patient && agent_->calls() < sip::most_calls && caller.media.open(info_.nt, agent_->log, caller);
     if (!room) return net_sip_decline(&caller);
     sip::bridge& call = *made;
     call.caller = &caller;
     bridges_.push_back(std::move(made));
     tell(sips_calling, net_sip_user_name(&caller));
-    if (net_sip_user_account(&caller) == inside_) {
+    if (is_inside(caller)) {
         if (!callee_.empty()) ring(call, outside_, callee_.c_str());
     } else {
         for (const core::string& each : users_)
@@ -184,7 +195,7 @@ void Sips::ring(sip::bridge& call, sip_account* account, const char* name) noexc
 /// A phone behind the relay, which finds our media where it finds the relay.
 void Sips::ring_inside(sip::bridge& call, const core::string& name) noexcept {
     const sip::relay_user* const user = server_->reached(name);
-    if (!user) return;
+    if (!user || !inside_) return;
     const in_addr near = sip::read_dotted(user->at->local);
     inside_->near_media = sip::is_loopback(near) ? in_addr{} : near;
     ring(call, inside_, user->coded.c_str());
@@ -228,7 +239,7 @@ void Sips::end(sip::bridge& call, const sip_user* gone) noexcept {
 void Sips::hang_up(sip_user& party) noexcept {
     party.frame_to = nullptr;  // its bridge goes
     const bool rings = party.invite && !party.invite->incoming;
-    if (rings && party.account == inside_ && party.remote_tag.empty() && late_.size() < most_late) {
+    if (rings && is_inside(party) && party.remote_tag.empty() && late_.size() < most_late) {
         party.invite->ends_at = core_timer() + sip::t_end;  // phones that are gone hold no places
         return late_.push_back(&party);
     }

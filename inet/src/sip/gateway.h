@@ -27,6 +27,7 @@ namespace net {
 class Sips {
 public:
     static constexpr size_t most_rung = 16;
+    static constexpr size_t most_waiting = 16;
 
     /// Throws std::bad_alloc.
     Sips(const sips_info& info, const char* file, int line);
@@ -48,6 +49,8 @@ private:
     void lose_outside() noexcept;
     uint64_t shut_down(bool may_wait) noexcept;
     bool awaits_answers() const noexcept;
+    bool is_inside(const sip_user& party) const noexcept;
+    size_t waiting_inside() const noexcept;
     void take_call(sip_user& caller) noexcept;
     core::owned_object<sip::bridge> make_bridge() noexcept;
     void ring(sip::bridge& call, sip_account* account, const char* name) noexcept;

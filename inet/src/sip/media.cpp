@@ -172,10 +172,10 @@ void channel::take_event(buffer_t packet) noexcept {
 
 void channel::on_rtp_packet(rtp::Port*, buffer_t packet, bool restarted) noexcept {
     heard_ = core_timer();
-    if (fcc_ == av::fcc_pcmu && packet.size > 12 && (packet.data[1] & 0x7f) == event_pt) return take_event(packet);
     restarted_ = restarted_ || restarted;
     for (rtp::trak_t** each = in_.traks; restarted && each && *each; ++each)
         (*each)->seq = 0;
+    if (fcc_ == av::fcc_pcmu && packet.size > 12 && (packet.data[1] & 0x7f) == event_pt) return take_event(packet);
     last_data_ = heard_;
     in_.set_arrival(last_data_);
     in_.unpack_rtp(packet);

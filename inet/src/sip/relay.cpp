@@ -26,6 +26,21 @@ bool has_plain_lines(std::string_view head) noexcept {
     return true;
 }
 
+/// What the relay adds to a head.
+constexpr size_t most_added = 256;
+/// What a phone adds to its answer: its address, its tag, what it is and can do.
+constexpr size_t usual_answer = 1024;
+
+/// Whether a request and its answer, which repeats some of its fields (RFC 3261, 8.2.6.2 and 12.1.1), stay below the
+/// bound of a header. Whoever sent one that passes it would lose the connection.
+bool has_room(const header_t& header, std::string_view head) {
+    size_t repeated = most_added + usual_answer;
+    for (value_t* const* each = header.fields; each && *each; ++each)
+        for (const std::string_view name : {"Via", "Record-Route", "From", "To", "Call-ID", "CSeq"})
+            if (is_named((*each)->key, name)) repeated += name.size() + scan::text((*each)->value).size() + 4;
+    return std::max(repeated, head.size() + most_added) <= max_header;
+}
+
 bool has_nul(std::string_view head) noexcept { return head.find('\0') != std::string_view::npos; }
 
 }  // namespace
@@ -159,6 +174,7 @@ void relay::take_request(party& from, const header_t& header, const piece_t& mes
     if (method == "SUBSCRIBE") return take_subscribe(from, *sender, header);
     if (method != "INVITE" && method != "ACK" && method != "BYE") return refuse(from, header, method);
     if (has_nul(message.head)) return answer(from, header, 400);
+    if (!has_room(header, message.head)) return method == "ACK" ? void() : answer(from, header, 513);
     if (method == "INVITE") return take_invite(from, *sender, header, message);
     const relay_user* const target = find(user_of(field(header, "To")));
     if (!target || !target->reached()) return answer(from, header, 480);

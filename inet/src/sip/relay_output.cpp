@@ -54,7 +54,7 @@ void relay::pass_on(party& to, std::string_view start, const piece_t& message) {
     head_.append(start).append("\r\n");
     if (!message.has_length) head_.append("Content-Length: 0\r\n");  // it came without a body
     head_.append(fields);
-    send(to, message.body);
+    if (head_.size() <= max_header) send(to, message.body);  // who gets a longer one drops the connection
 }
 
 /// The list is the same for everybody, but for the own name.

@@ -53,7 +53,7 @@ bool Sip::has_room(const sip_account& account, const sip::header_t& header, cons
                    const sockaddr_in& from) noexcept {
     if (requests.size() < sip::most_requests / 2) return true;
     const bool full = requests.size() >= sip::most_requests;
-    if (!full && account.wire && account.wire->is_server(from)) return true;
+    if (!full && !account.open_server && account.wire && account.wire->is_server(from)) return true;
     return (!full || is(method, "BYE")) && is_in_call(account, header);
 }
 
@@ -131,6 +131,8 @@ void Sip::take_ack(sip_account& account, const sip::header_t& header, std::strin
     sip_request* const refused = find_theirs(header, "INVITE");
     if (refused && refused->status >= 300) {
         refused->resend_at = 0;
+        // Then it has ended: a server that hunts may ring here again (RFC 3261, 17.2.1).
+        refused->ends_at = core_timer() + (account.transport == sip_udp ? sip::t4 : 0);
         return;
     }
     sip_session* const session = find_session(account, sip::field(header, "Call-ID"));

@@ -37,7 +37,7 @@ core::owned_text answer_to(const sip_request& request, const sip::header_t& head
     sip::owned_header offered(http_header_respond("SIP/2.0", 401, ""));
     const char* first = nullptr;
     for (value_t* const* each = header.fields; offered && each && *each; ++each) {
-        if (core_strcasecmp((*each)->key, challenges) != 0) continue;
+        if (!sip::is_named((*each)->key, challenges)) continue;
         if (!first) first = (*each)->value;
         http_header_put(offered.get(), "WWW-Authenticate", (*each)->value);
     }
@@ -223,7 +223,7 @@ void Sip::take_answer(sip_request& invite, const sip::header_t& header, std::str
 void Sip::take_refusal(sip_request& request, const sip::header_t& header) {
     const unsigned status = header.status;
     const bool invite = is(request, "INVITE");
-    const bool unrouted = status == 404 || status == 482 || status == 483;
+    const bool unrouted = status == 404 || status == 480 || status == 482 || status == 483;
     if (unrouted && !invite && !request.by_way && !request.way.target.empty()) return send_by_way(request);
     if (invite) {
         request.remote_tag = sip::tag_of(sip::field(header, "To"));  // RFC 3261, 17.1.1.3

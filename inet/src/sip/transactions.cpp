@@ -111,9 +111,10 @@ void Sip::send(sip_request& request) {
 /// Sends what an account has said in its calls while there was no connection, or what was lost with it.
 void Sip::say_again(const sip_account& account) {
     for (const auto& each : requests) {
-        const bool inside = std::strcmp(each->method, "BYE") == 0 || std::strcmp(each->method, "INFO") == 0;
-        if (each->gone || each->incoming || each->account != &account || !inside) continue;
-        each->sent_by.clear();
+        const bool cancel = std::strcmp(each->method, "CANCEL") == 0;
+        const bool said = cancel || std::strcmp(each->method, "BYE") == 0 || std::strcmp(each->method, "INFO") == 0;
+        if (each->gone || each->incoming || each->account != &account || !said) continue;
+        if (!cancel) each->sent_by.clear();  // a CANCEL has that of its INVITE
         render(*each);
         account.wire->send(each->bytes, nullptr);
     }

@@ -16,6 +16,9 @@ namespace {
 constexpr uint64_t refresh_time = 30 * sip::second;
 constexpr uint64_t connect_time = 10 * sip::second;
 constexpr uint64_t reopen_time = 2 * sip::second;
+/// The look-up of a name that is not found takes its time each time. The next one is this many times as far away: the
+/// thread has more to do.
+constexpr uint64_t slowness = 10;
 
 }  // namespace
 
@@ -49,9 +52,8 @@ void Sip::open_transport(sip_account& account) {
     account.due = core_timer() + (account.transport == sip_tcp ? connect_time : refresh_time);
     account.wire = make_wire(*this, account);
     if (!account.wire) {
-        // The look-up of a name that is not found takes its time each time; the thread has more to do.
         const uint64_t now = core_timer();
-        account.due = now + std::max(reopen_time, 10 * (now - begun));
+        account.due = now + std::max(reopen_time, slowness * (now - begun));
         return;
     }
     account.contact_port = sip::number_text(account.wire->local_port());
@@ -115,7 +117,9 @@ void Sip::account_due(sip_account& account) {
     if (account.connected && account.transport == sip_tcp && open_registration(account))
         return close_transport(account, true);
     if (account.connected) {
-        account.due = core_timer() + refresh_time;
+        const uint64_t begun = core_timer();
+        if (open_registration(account)) account.wire->seek();  // its name may stand for another address by now
+        account.due = core_timer() + std::max(refresh_time, slowness * (core_timer() - begun));
         return register_account(account);
     }
     close_transport(account, false);

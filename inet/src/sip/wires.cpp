@@ -43,6 +43,10 @@ public:
         net::net_nt_socket_rem(agent_.info.nt, socket_);
         if (fd_ >= 0) net_socket_close(std::exchange(fd_, -1));
     }
+    void seek() noexcept override {
+        sockaddr_in found = {};
+        if (net_addr_setup(found, account_.server.c_str(), static_cast<uint16_t>(account_.port)) == 0) server_ = found;
+    }
 
 private:
     static void on_readable(void* arg, uint32_t events) noexcept {
