@@ -154,10 +154,11 @@ def join_hosts(case, net):
 
 
 def wait_for_link(name, *hosts):
-    """Until both of its ends are up, and the system has noticed, it drops what is sent."""
+    """Until both of its ends are up, and the system has noticed, it drops what is sent. `ip link show` would also look at
+    the namespaces of other tests, which may be half made."""
     for host in hosts:
-        until_up = f"until ip -n {host} link show {name} | grep -q 'state UP'; do sleep 0.01; done"
-        run("timeout", "10", "sh", "-c", until_up)
+        until_up = f"until grep -qx up /sys/class/net/{name}/operstate; do sleep 0.01; done"
+        run("timeout", "10", "ip", "netns", "exec", host, "sh", "-c", until_up)
 
 
 class Failed(Exception):
