@@ -32,10 +32,9 @@
 ///     connections                         nt_places of the network thread (inet/net_thread.h), 100 of them without a
 ///                                         user. For a new one the oldest is closed that no user is bound to; when
 ///                                         there is none, the new one
-/// A request that comes so near to the bound of a header that it, or its answer, would pass it on the next connection
-/// is answered 513; such a response is left out.
 /// Also closed is a connection whose Content-Length is no number, a request after its 400. A header that is no message,
 /// or has a line end that is not CR LF, is left out. One that holds a NUL is not forwarded; a request is answered 400.
+/// Nor is one that would pass the bound on the next connection, or whose answer would; a request is answered 513.
 ///
 /// Everything runs on the network thread. Log "sip.server": "in" and "out" for each message. Methods and headers that
 /// are not known are also told on the console, in 20 lines a second at most.
