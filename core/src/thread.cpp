@@ -45,17 +45,18 @@ void run(thread_ctx* thread) {
     if (thread->abandoned) core::destroy(thread);
 }
 
-struct invocation {
-    void (*function)(void* arg);
-    void* arg;
-};
-
 // The exported words are plain volatile integers, as C callers keep them; this is the one place that says otherwise.
 std::atomic_ref<uint32_t> shared(const volatile uint32_t* word) noexcept {
     return std::atomic_ref<uint32_t>(*const_cast<uint32_t*>(word));
 }
 
 }  // namespace
+
+void core::platform::carry_out(invocation* call) noexcept {
+    const invocation todo = *call;
+    core::destroy(call);
+    todo.function(todo.arg);
+}
 
 thread_ctx* core_thread_start(void* arg, void (*body)(void* arg, thread_ctx* thread),
                               void (*stop_hook)(void* arg, thread_ctx* thread), const char* file, int line) noexcept {
@@ -126,19 +127,10 @@ int core_thread_sleep(thread_ctx* thread, uint32_t milliseconds) noexcept {
 
 int core_thread_invoke(void (*function)(void* arg), void* arg, const char* file, int line) noexcept {
     if (!function) return 0;
-    core::owned_object<invocation> call(core::create<invocation>(file, line, function, arg));
-    if (!call) return 0;
-    try {
-        std::thread([invoked = call.get()] {
-            const invocation todo = *invoked;
-            core::destroy(invoked);
-            todo.function(todo.arg);
-        }).detach();
-    } catch (const std::exception&) {
-        return 0;
-    }
-    static_cast<void>(call.release());
-    return 1;
+    auto* const call = core::create<core::platform::invocation>(file, line, function, arg);
+    if (call && core::platform::start_detached(call)) return 1;
+    core::destroy(call);
+    return 0;
 }
 
 void core_sleep(uint32_t milliseconds) noexcept {

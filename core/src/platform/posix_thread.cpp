@@ -1,6 +1,7 @@
 #include "system.h"
 
 #include <cstring>
+#include <exception>
 #include <pthread.h>
 
 namespace core::platform {
@@ -13,5 +14,14 @@ void name_thread(std::thread::native_handle_type thread, const char* name) noexc
 }
 
 void name_this_thread(const char* name) noexcept { name_thread(pthread_self(), name); }
+
+bool start_detached(invocation* call) noexcept {
+    try {
+        std::thread(carry_out, call).detach();
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
 
 }  // namespace core::platform

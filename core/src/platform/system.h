@@ -13,6 +13,17 @@ namespace core::platform {
 void name_thread(std::thread::native_handle_type thread, const char* name) noexcept;
 void name_this_thread(const char* name) noexcept;
 
+/// A function to call on a thread that nobody waits for.
+struct invocation {
+    void (*function)(void* arg);
+    void* arg;
+};
+/// What that thread does: it destroys the invocation, then calls the function.
+void carry_out(invocation* call) noexcept;
+/// Starts a thread for an invocation of core::create(). @return false when there is none; the invocation stays the
+/// caller's then
+bool start_detached(invocation* call) noexcept;
+
 /// Microseconds since 1970-01-01 UTC, as finely as the system tells.
 uint64_t utc_now() noexcept;
 /// Seconds to add to UTC for local time at that moment (seconds since 1970-01-01 UTC).
