@@ -148,7 +148,7 @@ std::string describe_options(std::span<const option<Options>> table) {
         line.resize(line.size() < column ? column : line.size() + 1, ' ');
         text += line + std::string(each.help) + "\n";
     }
-    return text + "  --help                  this text\n  --version               the version\n";
+    return text + "  --help, -h              this text\n  --version               the version\n";
 }
 
 }  // namespace apps

@@ -1,4 +1,4 @@
-/// The legacy RTP sender (RFC 3550): one stream of H.264, packed for any number of handlers. Every packet is handed
+/// An RTP sender (RFC 3550): one stream of H.264, packed for any number of handlers. Every packet is handed
 /// over as a header part and a payload part. The payload is not copied: it points into the caller's frame. An object
 /// uses no socket and receives nothing. rtp::Rtp (inet/rtp_protocol.h) is for other formats, several streams and
 /// receiving.
