@@ -125,6 +125,8 @@ int net_sip_user_confirmed(const net::sip_user* party) noexcept {
 
 uint64_t net_sip_user_heard(const net::sip_user* party) noexcept { return party ? party->media.heard() : 0; }
 
+int net_sip_user_holds(const net::sip_user* party) noexcept { return party && party->media.is_held() ? 1 : 0; }
+
 net::sip_session* net_sip_user_session(net::sip_user* party) noexcept { return party ? party->session : nullptr; }
 
 net::sip_account* net_sip_user_account(net::sip_user* party) noexcept { return party ? party->account : nullptr; }

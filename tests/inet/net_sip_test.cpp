@@ -51,6 +51,20 @@ const std::string other_formats =
 const std::string plain = "c: application/dtmf\r\nl: ";
 const std::string relay = "Content-Type: application/dtmf-relay\r\nContent-Length: 9\r\n\r\nSignal= #";
 
+/// The third comes before the second, and the ninth is one more than may wait for its answer.
+std::vector<std::string> much_progress() {
+    std::vector<std::string> steps = {"!invite"};
+    for (const int number : {7, 9, 8, 9, 10, 11, 12, 13, 14, 15})
+        steps.push_back(answer("183", "INVITE", "Require: 100rel\r\nRSeq: " + std::to_string(number) + "\r\n"));
+    return steps;
+}
+
+/// An INVITE with fields of its own.
+std::string invite_with(const std::string& fields, const std::string& body = "") {
+    return "INVITE sip:bob@10.0.0.1 SIP/2.0\r\n$HCSeq: 1 INVITE\r\n" + fields +
+           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
 const std::string many = [] {
     std::string fields("X: 1");
     for (int i = 1; i < 128; ++i)
@@ -196,6 +210,11 @@ TEST(NetSip, AnswersAndTells) {
          {asks("Via: SIP/2.0/UDP h;branch=z9hG4bK", "1"), asks("Via: SIP/2.0/UDP h;branch=z9hG4bK", "2")},
          "SIP/2.0 200 OK|SIP/2.0 200 OK|",
          "Call-ID: 2"},
+        {"requires what we have", {invite_with("Require: 100rel,replaces\r\n")}, "SIP/2.0 180 Ringing|call1|"},
+        {"requires more",
+         {invite_with("Require: a, 100REL\r\nRequire: b\r\n")},
+         "SIP/2.0 420 Bad Extension|",
+         "Unsupported: a, b\r\n"},
         {"unknown method", {within("PRACK", "p")}, ""},
         {"contradiction", {"OPTIONS sip:bob@h SIP/2.0\r\n$HCSeq: 1 INVITE\r\n\r\n"}, "SIP/2.0 400 Bad Request|"},
         {"short body",
@@ -233,6 +252,10 @@ TEST(NetSip, AnswersAndTells) {
           answer("200", "INVITE")},
          "INVITE|PRACK|call6|call6|ACK|call0|",
          "RAck: 7 1 INVITE\r\n"},
+        {"reliable progress out of order, and more of it than is asked for", much_progress(),
+         "INVITE|PRACK|call6|call6|PRACK|call6|PRACK|call6|PRACK|call6|PRACK|call6|PRACK|call6|PRACK|call6|PRACK|call6|"
+         "call6|",
+         "RAck: 14 1 INVITE\r\n"},
         {"reliable progress past a server",
          {"!invite", answer("183", "INVITE", reliable + way), answer("404", "PRACK")},
          "INVITE|PRACK|call6|PRACK|",
@@ -291,6 +314,24 @@ TEST(NetSip, KnowsWhoHasNotHeardTheEnd) {
         ending += std::to_string(net_sip_is_ending(owner.sip));
     }
     EXPECT_EQ(ending, "001110");
+}
+
+TEST(NetSip, KnowsWhoHoldsACall) {
+    test::sip_owner owner;
+    const std::string sdp = "c=IN IP4 10.0.0.9\r\nm=audio 4 RTP/AVP 0\r\n";
+    owner.feed(invite_with("c: application/sdp\r\n", sdp));
+    EXPECT_EQ(net_sip_user_holds(owner.party), 0) << "not taken yet";
+    owner.feed("!accept");
+    owner.feed(within("ACK", "a"));
+    std::string held;
+    uint32_t number = 2;
+    for (const std::string& offer : {sdp, sdp + "a=sendonly\r\n", "c=IN IP4 0.0.0.0" + sdp.substr(17), sdp}) {
+        const std::string length = "c: application/sdp\r\nl: " + std::to_string(offer.size()) + "\r\n\r\n";
+        owner.feed(within("INVITE", "i" + std::to_string(number), "atag", length + offer, std::to_string(number)));
+        held += std::to_string(net_sip_user_holds(owner.party));
+        ++number;
+    }
+    EXPECT_EQ(held, "0110");
 }
 
 TEST(NetSip, WritesItsFieldsInOrder) {

@@ -43,7 +43,9 @@
 ///     body                 64 KiB
 ///     output of a TCP connection that the peer does not read    1 MiB; then it is closed
 ///     open requests        1024, in both directions together; from 512 on no more of strangers: only those of the
-///                          account's server and those inside a call
+///                          account's server and those inside a call. A call is good for 8 open PRACKs, and for 8
+///                          open BYEs to others who took it as well
+///     proxies of a call    70
 ///     calls that ring      64
 ///     calls                120: each takes four descriptors of the thread
 ///     a received frame     2 MiB
@@ -183,6 +185,8 @@ INET_API const char* net_sip_user_name(net::sip_user* party) noexcept;
 INET_API int net_sip_user_confirmed(const net::sip_user* party) noexcept;
 /// core_timer() of the last packet of RTP or RTCP that came from it; 0 for none.
 INET_API uint64_t net_sip_user_heard(const net::sip_user* party) noexcept;
+/// 1 while it takes neither sound nor pictures: it holds the call (RFC 3264, 8.4), and may be silent itself.
+INET_API int net_sip_user_holds(const net::sip_user* party) noexcept;
 /// The session of a user, the account of a user; null for null.
 INET_API net::sip_session* net_sip_user_session(net::sip_user* party) noexcept;
 INET_API net::sip_account* net_sip_user_account(net::sip_user* party) noexcept;

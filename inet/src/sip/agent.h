@@ -36,6 +36,8 @@ inline constexpr uint32_t most_fields = 128;
 inline constexpr uint32_t most_requests = 1024;
 inline constexpr uint32_t most_ringing = 64;
 inline constexpr uint32_t most_calls = 120;
+inline constexpr uint32_t most_proxies = 70;
+inline constexpr uint32_t most_alike = 8;
 
 /// Carries the messages of an account.
 class wire {
@@ -219,6 +221,7 @@ public:
     sip::text print_ack(const sip_request& invite, std::string_view tag, bool by_way = false);
     void say_again(const sip_account& account);
     void send_by_way(sip_request& request);
+    bool may_ask(const sip_request& invite, std::string_view method) const noexcept;
     void leave(sip_request& invite, std::string_view tag, const sip::way_t& way);
     void cancel(sip_request& invite);
     void end(sip_request& request) noexcept;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <optional>
 
 namespace sip {
 
@@ -32,20 +33,20 @@ struct medium_t {
     bool fragments = false;  ///< the chosen format takes them
     bool mapped = false;     ///< it says what its formats are
     uint32_t line = 0;
-    std::bitset<128> h264;  ///< payload types
-    std::string_view formats;
+    std::bitset<128> formats, h264;  ///< payload types
     sockaddr_in address = {};
     sockaddr_in rtcp_address = {};  ///< 0.0.0.0: the same
     uint32_t port = 0;
     uint32_t rtcp = 0;
 };
 
-bool has_format(std::string_view formats, uint32_t wanted) noexcept {
-    while (!formats.empty()) {
-        const std::string_view each = scan::take(formats, ' ');
-        if (!each.empty() && scan::number(each) == wanted) return true;
+std::bitset<128> read_formats(std::string_view list) noexcept {
+    std::bitset<128> formats;
+    while (!list.empty()) {
+        const std::optional<uint32_t> pt = scan::number(scan::take(list, ' '));
+        if (pt && *pt < formats.size()) formats.set(*pt);
     }
-    return false;
+    return formats;
 }
 
 // Who wants it encrypted gets nothing.
@@ -90,12 +91,12 @@ private:
         const std::string_view kind = scan::take(value, ' ');
         medium_.port = scan::decimal(scan::take(value, ' '));
         const std::string_view profile = scan::take(value, ' ');
-        medium_.formats = value;
         if (!is_plain_rtp(profile)) return;
+        medium_.formats = read_formats(value);
         medium_.video = kind == "video";
         if (kind == "audio" && !described_.audio.wanted) medium_.target = &described_.audio;
         if (medium_.video && !described_.video.wanted) medium_.target = &described_.video;
-        if (kind == "audio" && medium_.target) medium_.target->wanted = has_format(value, 0);
+        if (kind == "audio" && medium_.target) medium_.target->wanted = medium_.formats[0];
     }
 
     void attribute(std::string_view value) noexcept {
@@ -108,7 +109,7 @@ private:
         const scan::pair map = scan::split(value.substr(std::min(value.find(':') + 1, value.size())), ' ');
         const uint32_t pt = scan::decimal(map.key);
         const std::string_view said = scan::skip(map.value, blanks);
-        if (pt > 127 || !has_format(medium_.formats, pt)) return;
+        if (pt > 127 || !medium_.formats[pt]) return;
         const bool named = value.starts_with("rtpmap:") && scan::same_name(said.substr(0, 10), "H264/90000");
         const bool fragments = value.starts_with("fmtp:") && said.find("packetization-mode=1") != said.npos;
         if (named) medium_.h264.set(pt);
@@ -121,7 +122,7 @@ private:
 
     void finish() noexcept {
         target_t* const target = medium_.target;
-        if (target && medium_.video && !medium_.mapped && has_format(medium_.formats, own_video)) {
+        if (target && medium_.video && !medium_.mapped && medium_.formats[own_video]) {
             target->wanted = true;  // some leave out what their numbers mean
             target->pt = own_video;
         }
@@ -208,7 +209,7 @@ core::string print_answer_sdp(std::string_view user, in_addr own, uint32_t audio
             media.append(audio_media(audio, profile));
         } else if (chosen.video.wanted && chosen.video.line == number) {
             // Ours, unless the offer means another format by it.
-            const bool taken = has_format(line.substr(profile.size()), own_video);
+            const bool taken = read_formats(line.substr(profile.size()))[own_video];
             media.append(video_media(video, profile, taken ? chosen.video.pt : own_video));
         } else {
             media.append(join({kind, " 0 ", line, "\r\n"}));

@@ -14,13 +14,16 @@ namespace sip {
 // The proxies nearest to who answers stand first.
 way_t way_of(const header_t& header, bool answered) {
     way_t way;
+    uint32_t proxies = 0;
     const std::string_view contact = field(header, "Contact");
     if (!place_of(contact).empty()) way.target = uri_of(contact);
     for (value_t* const* each = header.fields; each && *each; ++each) {
         if (!is_named((*each)->key, "Record-Route")) continue;
         for (std::string_view rest = scan::text((*each)->value); !rest.empty();) {
+            const std::string_view proxy = scan::trim(scan::take(rest, ','), " \t");
+            if (proxy.empty() || ++proxies > most_proxies) continue;
             text route;
-            put(route, "Route", {scan::trim(scan::take(rest, ','), " \t")});
+            put(route, "Route", {proxy});
             way.routes = answered ? route + way.routes : way.routes + route;
         }
     }

@@ -16,6 +16,7 @@ constexpr unsigned usual_port = 5060;
 constexpr uint64_t longest_close = sip::second;
 constexpr uint64_t close_step = 10 * sip::ms;
 constexpr uint64_t longest_silence = 180 * sip::second;
+constexpr uint64_t longest_hold = 3600 * sip::second;
 constexpr uint64_t longest_unregistered = 65 * sip::second;
 constexpr int clock_step = 10;  // seconds
 constexpr size_t most_late = size_t{2} * sip::most_calls;
@@ -136,8 +137,8 @@ void Sips::end_silent_calls() noexcept {
         if (i >= bridges_.size()) continue;  // more than one ended
         sip::bridge& call = *bridges_[i];
         const sip_user* const inside = is_inside(*call.caller) ? call.caller : call.callee;
-        if (call.callee && std::max(net_sip_user_heard(inside), call.joined_at) + longest_silence <= now)
-            end(call, nullptr);
+        const uint64_t longest = net_sip_user_holds(inside) ? longest_hold : longest_silence;
+        if (call.callee && std::max(net_sip_user_heard(inside), call.joined_at) + longest <= now) end(call, nullptr);
     }
 }
 

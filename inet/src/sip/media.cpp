@@ -71,10 +71,8 @@ void channel::start(const target_t& target, uint8_t own_pt, in_addr own) noexcep
     sent->pt = target.pt;
     if (sent->ssrc == 0) common_random(&sent->ssrc, sizeof sent->ssrc);
     if (sign_at_ == 0) sign_at_ = core_timer() + first_sign;
-    // 0.0.0.0 is how phones hold a call that know no direction attributes (RFC 3264, 8.4).
-    const bool named = target.rtp.sin_addr.s_addr != 0;
-    sent->active = named && target.receives;
-    if (!port_ || !named) return;
+    sent->active = is_taken();
+    if (!port_ || target.rtp.sin_addr.s_addr == 0) return;
     port_->forget_sources();
     port_->add_source(target.rtp.sin_addr);
     if (target.rtcp.sin_addr.s_addr != target.rtp.sin_addr.s_addr) port_->add_source(target.rtcp.sin_addr);

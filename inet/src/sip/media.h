@@ -73,6 +73,10 @@ public:
     void send_pictures(rtp::Packets& packets) noexcept;
     void send_sound(const av::frame_t& frame) noexcept;
     void tick(uint64_t now) noexcept;
+    /// Whether the other end has this medium.
+    bool is_wanted() const noexcept { return target_.wanted; }
+    /// Whether it takes it now. 0.0.0.0 is how phones hold a call that know no direction attributes (RFC 3264, 8.4).
+    bool is_taken() const noexcept { return target_.wanted && target_.receives && target_.rtp.sin_addr.s_addr != 0; }
     uint64_t heard() const noexcept { return heard_; }  ///< core_timer() of the last packet, 0 for none
 
 private:
@@ -139,6 +143,11 @@ public:
         if (audio_) audio_->send_sound(frame);
     }
     void tick(uint64_t now) noexcept;
+    /// Whether the other end takes nothing now.
+    bool is_held() const noexcept {
+        const bool wanted = is_open() && (audio_->is_wanted() || video_->is_wanted());
+        return wanted && !audio_->is_taken() && !video_->is_taken();
+    }
     uint64_t heard() const noexcept { return is_open() ? std::max(audio_->heard(), video_->heard()) : 0; }
 
 private:

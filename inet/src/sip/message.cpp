@@ -255,6 +255,21 @@ bool is_request_line(std::string_view head) noexcept {
     return std::ranges::count(head, ' ') == 2 && head.substr(head.rfind(' ') + 1).starts_with("SIP/");
 }
 
+/// Calls `tell` with each option that a request requires and `supported` lacks.
+template <class Tell>
+void for_each_unsupported(const header_t& header, Tell tell) {
+    for (value_t* const* each = header.fields; each && *each; ++each) {
+        if (!is_named((*each)->key, "Require")) continue;
+        for (std::string_view rest = scan::text((*each)->value); !rest.empty();) {
+            const std::string_view option = scan::trim(scan::take(rest, ','), " \t");
+            bool known = option.empty();
+            for (std::string_view ours = supported; !ours.empty();)
+                known = scan::same_name(scan::trim(scan::take(ours, ','), " "), option) || known;
+            if (!known) tell(option);
+        }
+    }
+}
+
 unsigned fault_of(const header_t& header) noexcept {
     if (!header.protocol) return 505;
     for (const std::string_view name : {"Via", "From", "To", "Call-ID"})
@@ -279,7 +294,18 @@ unsigned fault_of(const header_t& header) noexcept {
     const std::string_view scheme = uri.substr(0, colon);
     if (!scan::same_name(scheme, "sip") && !scan::same_name(scheme, "sips")) return 416;
     const bool ignores = method == "CANCEL" || method == "ACK";  // RFC 3261, 8.2.2.3
-    return ignores || field(header, "Require").empty() ? 0 : 420;
+    bool understood = true;
+    for_each_unsupported(header, [&](std::string_view) { understood = false; });
+    return ignores || understood ? 0 : 420;
+}
+
+core::string unsupported(const header_t& header) {
+    core::string out;
+    for_each_unsupported(header, [&](std::string_view option) {
+        if (!out.empty()) out.append(", ");
+        out.append(option);
+    });
+    return out;
 }
 
 core::string join(std::initializer_list<std::string_view> parts) {

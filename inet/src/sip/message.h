@@ -18,6 +18,7 @@ struct header_deleter {
 using owned_header = std::unique_ptr<header_t, header_deleter>;
 
 inline constexpr std::string_view agent_name = "Norvane-K Sip Client";
+inline constexpr std::string_view supported = "100rel, replaces, from-change";
 inline constexpr std::string_view known_methods = "ACK, BYE, CANCEL, INVITE, OPTIONS, INFO, MESSAGE, NOTIFY, SUBSCRIBE";
 
 /// The reason phrase of RFC 3261, 21; "" for a code that it does not have.
@@ -62,6 +63,8 @@ std::string_view place_of(std::string_view address) noexcept;
 bool is_request_line(std::string_view head) noexcept;
 /// The status with which a request has to be refused (RFC 3261, 8.2; RFC 4475), 0 for none.
 unsigned fault_of(const header_t& header) noexcept;
+/// The options of Require that are not in `supported`. Throws std::bad_alloc.
+core::string unsupported(const header_t& header);
 
 /// Texts one after the other. Throws std::bad_alloc, as the next two do.
 core::string join(std::initializer_list<std::string_view> parts);

@@ -121,6 +121,7 @@ void Sip::take_challenge(sip_request& request, const sip::header_t& header, std:
     if (begins) request.remote_tag.clear();
     if (begins && request.user) request.user->remote_tag.clear();
     request.provisional = false;
+    request.reliable = 0;
     send(request);
 }
 
@@ -161,7 +162,8 @@ void Sip::acknowledge_provisional(sip_request& invite, const sip::header_t& head
     const uint32_t number = scan::decimal(sip::field(header, "RSeq"));
     const std::string_view tag = sip::tag_of(sip::field(header, "To"));
     if (number == 0 || sip::field(header, "Require").find("100rel") == std::string_view::npos) return;
-    if ((number == invite.reliable && tag == invite.reliable_tag) || requests.size() >= sip::most_requests) return;
+    const bool next = invite.reliable == 0 || tag != invite.reliable_tag || number == invite.reliable + 1;
+    if (!next || !may_ask(invite, "PRACK")) return;
     invite.reliable = number;
     invite.reliable_tag = tag;
     sip_request& request =

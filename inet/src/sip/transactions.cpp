@@ -88,7 +88,7 @@ void Sip::render(sip_request& request) {
     sip::put(out, "Call-ID", {request.session->call_id});
     sip::put(out, "CSeq", {sip::number_text(request.cseq), " ", request.method});
     sip::put(out, "Allow", {sip::known_methods});
-    sip::put(out, "Supported", {"100rel, replaces, from-change"});
+    sip::put(out, "Supported", {sip::supported});
     sip::put(out, "User-Agent", {sip::agent_name});
     if (request.credentials_name) sip::put(out, request.credentials_name, {request.credentials});
     if (request.by_way) out.append(request.way.routes);
@@ -156,6 +156,14 @@ void Sip::send_ack(sip_request& request) {
     if (request.account->wire) request.account->wire->send(request.ack, nullptr);
 }
 
+/// Whether one more request for an INVITE has a place: who is called causes these, and takes no more than a few.
+bool Sip::may_ask(const sip_request& invite, std::string_view method) const noexcept {
+    const auto alike = std::ranges::count_if(requests, [&](const auto& each) {
+        return !each->gone && each->session == invite.session && each->peer == invite.peer && each->method == method;
+    });
+    return alike < sip::most_alike && requests.size() < sip::most_requests;
+}
+
 /// Ends a call that somebody took whom we do not want: too late, or after another (RFC 3261, 13.2.2.4).
 void Sip::leave(sip_request& invite, std::string_view tag, const sip::way_t& way) {
     if (invite.account->wire) invite.account->wire->send(print_ack(invite, tag), nullptr);
@@ -163,7 +171,7 @@ void Sip::leave(sip_request& invite, std::string_view tag, const sip::way_t& way
         return !each->gone && each->session == invite.session && each->remote_tag == tag &&
                std::strcmp(each->method, "BYE") == 0;
     });
-    if (said || requests.size() >= sip::most_requests) return;
+    if (said || !may_ask(invite, "BYE")) return;
     sip_request& bye = ask(*invite.account, *invite.session, nullptr, "BYE", {}, {});
     bye.peer = invite.peer;
     bye.remote_tag = tag;
@@ -239,7 +247,7 @@ sip::text Sip::print_answer(const sip_account& account, const sip::header_t& hea
     sip::put(out, "User-Agent", {sip::agent_name});
     sip::put(out, "CSeq", {sip::field(header, "CSeq")});
     sip::put(out, "Allow", {sip::known_methods});
-    if (status == 420) sip::put(out, "Unsupported", {sip::field(header, "Require")});
+    if (status == 420) sip::put(out, "Unsupported", {sip::unsupported(header)});
     if (!type.empty()) sip::put(out, "Content-Type", {type});
     sip::put_body(out, body);
     return out;

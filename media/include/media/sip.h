@@ -76,8 +76,9 @@ struct sip_settings_t {
     stream* takes = nullptr;         ///< null: what comes goes into no stream
     bool answers = true;             ///< calls that come are answered, else declined
     bool at_key = true;              ///< calls begin with the last key picture, else with the next one
-    unsigned silence = 180;          ///< seconds without RTP and RTCP of the other end, after which a call ends. 0: the
-                                     ///< agent asks by OPTIONS (inet/net_sip.h). Some relays answer in its place
+    unsigned silence = 180;          ///< seconds without RTP and RTCP of the other end, after which a call ends; 3600
+                                     ///< at least while it holds the call. 0: the agent asks by OPTIONS
+                                     ///< (inet/net_sip.h). Some relays answer in its place
     void (*on_event)(void* arg, const sip_event_t& event) = nullptr;
     /// @param frame  H.264 in Annex B form, or PCMU. Its `time` counts on from the first frame of its call
     void (*on_frame)(void* arg, uint32_t call, const av::frame_t& frame) = nullptr;

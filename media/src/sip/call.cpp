@@ -12,8 +12,9 @@ namespace media::sip {
 namespace {
 
 constexpr uint64_t second_us = 1'000'000;
-constexpr uint64_t longest_wait = 32 * second_us;  // for the registration
-constexpr uint64_t least_step = 1000;              // between two pictures: equal times would make one of them
+constexpr uint64_t longest_wait = 32 * second_us;    // for the registration
+constexpr uint64_t longest_hold = 3600 * second_us;  // without a sign that the other end is there
+constexpr uint64_t least_step = 1000;                // between two pictures: equal times would make one of them
 constexpr const char* digits_known = "0123456789*#ABCD";
 
 }  // namespace
@@ -104,7 +105,8 @@ void call_t::second() noexcept {
     if (waits() && now - since_ > longest_wait) return end(sip_reason_t::no_server);
     if (!is_answered_ || settings().silence == 0) return;
     const uint64_t heard = std::max(since_, net_sip_user_heard(party_));
-    if (now > heard && now - heard > settings().silence * second_us) hang_up(sip_reason_t::silent);
+    const uint64_t least = net_sip_user_holds(party_) ? longest_hold : 0;
+    if (now > heard && now - heard > std::max(settings().silence * second_us, least)) hang_up(sip_reason_t::silent);
 }
 
 uint64_t call_t::serve(uint64_t now) noexcept {
