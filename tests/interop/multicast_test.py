@@ -42,6 +42,7 @@ class Offer(CameraCase):
         group, port = self.group.split(":")
         port = int(port)
         receiver = self.enterContext(socket.socket(type=socket.SOCK_DGRAM))
+        receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
         receiver.bind((group, port))
         receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
                             socket.inet_aton(group) + socket.inet_aton("127.0.0.1"))

@@ -128,8 +128,9 @@ def free_group():
         port = random.randrange(10000, 30000, 16)
         try:
             for each in range(port, port + 16):
-                with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-                    probe.bind(("", each))
+                for kind in (socket.SOCK_DGRAM, socket.SOCK_STREAM):
+                    with socket.socket(socket.AF_INET, kind) as probe:
+                        probe.bind(("", each))
         except OSError:
             continue
         return f"239.255.{port >> 8}.{port & 255}:{port}"

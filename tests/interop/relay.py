@@ -39,6 +39,8 @@ def udp_pair():
     """Sockets on a port and on the next one."""
     while True:
         pair = [socket.socket(type=socket.SOCK_DGRAM) for _ in range(2)]
+        for each in pair:
+            each.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
         try:
             pair[0].bind(("127.0.0.1", 0))
             pair[1].bind(("127.0.0.1", pair[0].getsockname()[1] + 1))

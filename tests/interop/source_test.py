@@ -1,4 +1,5 @@
 """inet-camera serves what it fetches: from another camera, on demand, from a pipe."""
+import contextlib
 import time
 
 from peers import (CODED, Camera, CameraCase, at_once, clip_file, clip_sound, ffmpeg, free_group, picture_hashes,
@@ -8,9 +9,8 @@ from relay import Relay, Sender
 from viewer import ViewerCase, nal_units
 
 LOST = 8
-# A command that runs another one with a clip in its standard input, in real time.
-PIPE = ("bash", "-c", 'exec "$@" < <(ffmpeg -nostdin -loglevel quiet -re -t 5 -i "$0" -c copy -f h264 -)',
-        clip_file("clip.h264"))
+# A command that runs another one with the film that follows in its standard input, in real time.
+PIPE = ("bash", "-c", 'exec "$@" < <(ffmpeg -nostdin -loglevel quiet -re -i "$0" -c copy -f h264 -)')
 
 
 class Connections(Relay):
@@ -76,10 +76,13 @@ class Several(ViewerCase, CameraCase):
 class Returning(ViewerCase):
     def test_the_source_dies_and_returns_and_the_viewer_stays(self):
         port = free_group().split(":")[1]
-        with Camera("--source", f"rtsp://127.0.0.1:{port}/live", "--source", "x=rtsp://127.0.0.1:1/x") as second:
-            with Camera("--rtsp", port):
-                viewer = self.start(second.url(), "--timeout", "60", "--duration", "8", "-o", "a.h264")
-                self.wait_for(viewer, "a.h264")
+        sources = ("--source", f"rtsp://127.0.0.1:{port}/live", "--source", "x=rtsp://127.0.0.1:1/x")
+        with contextlib.ExitStack() as first:
+            first.enter_context(Camera("--rtsp", port))
+            second = self.enterContext(Camera(*sources, talks=True))
+            viewer = self.start(second.url(), "--timeout", "60", "--duration", "8", "-o", "a.h264")
+            self.wait_for(viewer, "a.h264")
+            first.close()
             with Camera("--rtsp", port):
                 _, messages = self.end(viewer)
             told = second.told()
@@ -93,13 +96,17 @@ class Returning(ViewerCase):
 
 class Pipe(ViewerCase):
     def test_an_encoder_writes_into_a_pipe(self):
-        with Camera("--source", "-", prefix=PIPE) as camera:
+        # With one key picture: a viewer that comes late begins with it, too.
+        film = self.path("film.h264")
+        ffmpeg("-i", clip_file("clip.h264"), "-t", "5", "-c:v", "libx264", "-bf", "0", "-g", "999", "-sc_threshold", "0",
+               "-bsf:v", "filter_units=remove_types=6", film)
+        with Camera("--source", "-", prefix=(*PIPE, film)) as camera:
             _, messages = self.view(camera.url(), "-o", "a.h264", status=LOST)
             camera.process.wait(timeout=10)  # the pipe has ended, and everybody has seen it
         self.assertIn("closed the connection", messages)
         units = nal_units(self.path("a.h264"))
         self.assertGreater(len(units), 115)
-        self.assertEqual(units, self.clip[:len(units)])
+        self.assertEqual(units, nal_units(film)[:len(units)])
 
 
 class Formats(ViewerCase):

@@ -41,10 +41,12 @@ class Start(CameraCase):
 
     def test_a_burst_comes_up_to_the_present(self):
         """While a viewer takes four seconds, the first of which had passed, another takes the other three."""
-        present = self.watch()
+        present, late = self.watch(), self.enterContext(Player(self.camera.url()))
+        late.set_up()
         present.pictures(75)  # with a key picture every 50
         present.request("GET_PARAMETER")
-        self.watch().pictures(100)
+        late.request("PLAY")
+        late.pictures(100)
         present.request("GET_PARAMETER")
         self.assertLess(len({rtp_timestamp(packet) for channel, packet in present.passed if channel == 0}), 88)
 

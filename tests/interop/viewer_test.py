@@ -125,7 +125,7 @@ class OtherWays(ViewerCase, CameraCase):
     def test_connects_again(self):
         port = free_group().split(":")[1]
         with Camera("--rtsp", port) as camera:
-            again = self.start(camera.url(), "--duration", "3", "--reconnect", "forever", "-o", "a.h264", "-o", "a.mp4")
+            again = self.start(camera.url(), "--duration", "8", "--reconnect", "forever", "-o", "a.h264", "-o", "a.mp4")
             once = self.start(camera.url(), "-o", "b.h264")
             self.wait_for(again, "a.h264")
             self.wait_for(once, "b.h264")
@@ -135,7 +135,7 @@ class OtherWays(ViewerCase, CameraCase):
         self.assertIn("connecting again in 1 s", messages)
         self.assertGreater(len(picture_hashes("-i", self.path("a.h264"))), 40)
         self.assertEqual(picture_hashes("-i", self.path("a.mp4")), picture_hashes("-i", self.path("a.h264")))
-        self.check_step("a.mp4", 3)
+        self.check_step("a.mp4", 8)
 
 
 class Access(ViewerCase, CameraCase):
